@@ -1,0 +1,50 @@
+# What every target of the project has in common.
+add_library(fodr_options INTERFACE)
+target_compile_options(fodr_options INTERFACE
+  -Wall -Wextra -Wconversion -Wshadow -Werror -fno-strict-aliasing)
+target_compile_definitions(fodr_options INTERFACE _FILE_OFFSET_BITS=64)
+target_include_directories(fodr_options INTERFACE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/include)
+target_link_libraries(fodr_options INTERFACE Threads::Threads)
+
+if(FODR_SANITIZE)
+  target_compile_options(fodr_options INTERFACE
+    -fsanitize=${FODR_SANITIZE} -fno-omit-frame-pointer -O1 -g1)
+  target_link_options(fodr_options INTERFACE -fsanitize=${FODR_SANITIZE})
+  if(FODR_SANITIZE MATCHES "undefined")
+    target_compile_options(fodr_options INTERFACE -fno-sanitize-recover=undefined)
+  endif()
+endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(fodr_options INTERFACE -Wthread-safety)
+endif()
+
+# fodr_room(NAME FOLDERS... [LINKS ...]): one room of the house as a static library of every source in its
+# folders. The rooms it may include are the ones it links, so that an arrow that points up doesn't build.
+function(fodr_room name)
+  cmake_parse_arguments(ROOM "" "" "FOLDERS;LINKS;PRIVATE_LINKS" ${ARGN})
+  set(sources)
+  foreach(folder ${ROOM_FOLDERS})
+    file(GLOB found CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${folder}/*.cpp)
+    list(APPEND sources ${found})
+  endforeach()
+  if(NOT sources)
+    add_library(${name} INTERFACE)
+    target_link_libraries(${name} INTERFACE fodr_options ${ROOM_LINKS})
+    return()
+  endif()
+  add_library(${name} STATIC ${sources})
+  target_link_libraries(${name} PUBLIC fodr_options ${ROOM_LINKS} PRIVATE ${ROOM_PRIVATE_LINKS})
+endfunction()
+
+# fodr_test(NAME LINKS...): the suite of one room, tests/NAME/*Test.cpp, as one program that ctest runs.
+function(fodr_test name)
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
+  if(NOT sources)
+    return()
+  endif()
+  add_executable(test_${name} ${sources})
+  target_include_directories(test_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(test_${name} PRIVATE fodr_options ${ARGN} GTest::gmock GTest::gtest_main)
+  add_test(NAME ${name} COMMAND test_${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 600)
+endfunction()

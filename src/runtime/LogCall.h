@@ -1,0 +1,102 @@
+// The one log call. A disabled call costs one load and one compare: no argument is evaluated.
+//
+//     LOG_WARN("Failed to open reg key.\n");
+//
+// The line carries the calling method as "Class::Method()", derived at compile time; formats are checked by
+// the compiler. Callable from any thread and at any time; never fails towards the caller.
+#pragma once
+
+#include <atomic>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace fodr {
+
+enum LogLevel : int32_t {
+    LOG_LEVEL_ALWAYS = 0,
+    LOG_LEVEL_ERROR = 1,
+    LOG_LEVEL_WARN = 2,
+    LOG_LEVEL_INFO = 3,
+    LOG_LEVEL_DEBUG = 4,
+    LOG_LEVEL_TRACE = 5,
+    LOG_LEVEL_VERBOSE = 6,
+    LOG_LEVEL_NEVER = 7,
+};
+
+// A message passes when its level is at most this. Read without synchronisation at every call site: a stale
+// value lets one message more or less through.
+extern std::atomic<int32_t> gLogLevel;
+
+inline bool IsLogEnabled(int32_t level)
+{
+    return gLogLevel.load(std::memory_order_relaxed) >= level;
+}
+
+#define FODR_PRINTF(formatIndex, firstArgument) \
+    __attribute__((format(printf, formatIndex, firstArgument)))
+
+void LogWrite(const char *functionName, int32_t level, const char *format, ...) FODR_PRINTF(3, 4);
+void LogWriteV(const char *functionName, int32_t level, const char *format, va_list arguments)
+    FODR_PRINTF(3, 0);
+// The text is a hex dump of the bytes.
+void LogWriteHex(const char *functionName, int32_t level, const void *data, size_t length);
+
+// Where lines go. Null, the state at start, drops them. The handler may be called from any thread at once.
+using LogHandler = void (*)(const char *functionName, int32_t level, const char *format, va_list arguments);
+void SetLogHandler(LogHandler handler);
+
+namespace detail {
+
+// "bool fodr::RPCManager::Init(bool, const Record &)" -> "RPCManager::Init()".
+struct MethodName {
+    char text[96] = {};
+
+    consteval explicit MethodName(std::string_view pretty)
+    {
+        // The parameter list opens at the first '(' outside template arguments and operator names.
+        size_t end = pretty.find('(');
+        if (end == std::string_view::npos)
+            end = pretty.size();
+        size_t begin = end;
+        int depth = 0;
+        while (begin > 0) {
+            char c = pretty[begin - 1];
+            if (c == '>')
+                ++depth;
+            else if (c == '<')
+                --depth;
+            else if (depth == 0 && (c == ' ' || c == '*' || c == '&'))
+                break;
+            --begin;
+        }
+        std::string_view name = pretty.substr(begin, end - begin);
+        for (std::string_view prefix : {"fodr::", "{anonymous}::", "(anonymous namespace)::"}) {
+            if (name.starts_with(prefix))
+                name.remove_prefix(prefix.size());
+        }
+        size_t length = name.size() < sizeof(text) - 3 ? name.size() : sizeof(text) - 3;
+        for (size_t i = 0; i < length; ++i)
+            text[i] = name[i];
+        text[length] = '(';
+        text[length + 1] = ')';
+    }
+};
+
+} // namespace detail
+} // namespace fodr
+
+#define LOG_AT(level, ...)                                                                                   \
+    do {                                                                                                     \
+        if (::fodr::IsLogEnabled(level)) {                                                                   \
+            static constexpr ::fodr::detail::MethodName fodrMethodName(__PRETTY_FUNCTION__);                 \
+            ::fodr::LogWrite(fodrMethodName.text, (level), __VA_ARGS__);                                     \
+        }                                                                                                    \
+    } while (false)
+
+#define LOG_ERROR(...) LOG_AT(::fodr::LOG_LEVEL_ERROR, __VA_ARGS__)
+#define LOG_WARN(...) LOG_AT(::fodr::LOG_LEVEL_WARN, __VA_ARGS__)
+#define LOG_INFO(...) LOG_AT(::fodr::LOG_LEVEL_INFO, __VA_ARGS__)
+#define LOG_DEBUG(...) LOG_AT(::fodr::LOG_LEVEL_DEBUG, __VA_ARGS__)
+#define LOG_TRACE(...) LOG_AT(::fodr::LOG_LEVEL_TRACE, __VA_ARGS__)
