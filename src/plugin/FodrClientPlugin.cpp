@@ -1,0 +1,121 @@
+#include "plugin/FodrClientPlugin.h"
+
+#include "plugin/FolderCommands.h"
+#include "plugin/RPCManager.h"
+#include "rdpdr/wire/RdpdrStream.h"
+#include "runtime/LogCall.h"
+
+namespace fodr {
+
+namespace {
+
+constexpr const char *kCommandMessage = "FORLDER_REDIRECTION_CMD"; // the bus knows it by this spelling
+constexpr const char *kNoticeMessage = "FOLDER_REDIRECTION_NOTIFICATION";
+
+// Options of the data object that a message has to be made with.
+constexpr uint32_t kMessageOptions = 0x400800;
+
+} // namespace
+
+FodrClientPlugin::FodrClientPlugin(RPCManager *owner, FodrLogger *clientLogger)
+    : RPCPluginInstance(owner), variantApi(&owner->variantApi), contextApi(&owner->contextApi),
+      logger(clientLogger)
+{
+    LOG_TRACE("FodrClientPlugin instance created\n");
+    channelManager.Initialize(this, logger);
+    if (!owner->QueryHostInterface(ODP_OBSERVER, &observerApi)) {
+        LOG_ERROR("query ODPService observer interface error.\n");
+        return;
+    }
+    observerId = observerApi.Subscribe(kCommandMessage, &channelManager, OnSharedFolderCommand);
+}
+
+FodrClientPlugin::~FodrClientPlugin()
+{
+    LOG_TRACE("FodrClientPlugin instance destroying.\n");
+    if (observerId != 0)
+        observerApi.Unsubscribe(observerId);
+    LOG_TRACE("FodrClientPlugin instance destroyed.\n");
+    // Not left to the member's destructor: its last tasks still write through this object, which by then would
+    // have lost its channel operations.
+    channelManager.Shutdown();
+    logger = nullptr;
+}
+
+void FodrClientPlugin::OnInvoke(void *context)
+{
+    Variant value;
+    variantApi->VariantInit(&value);
+    if (dataChannelOptions == 0) {
+        uint32_t options = 0;
+        if (GetChannelOptions(kDataChannel, &options)) {
+            dataChannelOptions = options;
+            LOG_DEBUG("Data channel Option is 0x%x\n", options);
+        } else {
+            LOG_WARN("Get Channel Option failed.\n");
+        }
+    }
+    if (contextApi->GetParamCount(context) == 1) {
+        contextApi->GetParam(context, 0, &value);
+        if (value.type == ODP_VT_BLOB)
+            ReceiveBlock(value);
+    }
+    variantApi->VariantClear(&value);
+}
+
+void FodrClientPlugin::ReceiveBlock(const Variant &value)
+{
+    RdpdrStream *packet = RdpdrStream::Create(value.value.blobLength);
+    if (!packet)
+        return;
+    packet->Write(value.blobData, value.value.blobLength);
+    if (value.value.blobLength > 0)
+        packet->SetPosition(0);
+    if (!channelManager.OnDataReceived(packet))
+        RdpdrStream::Free(&packet);
+}
+
+bool FodrClientPlugin::WriteChannel(RdpdrStream *packet)
+{
+    void *message = nullptr;
+    uint32_t options = dataChannelOptions & kMessageOptions;
+    if (options != 0) {
+        if (!CreateExtMessage(&message, kDataChannel, options)) {
+            LOG_ERROR("CreateExtMessage() failed\n");
+            return false;
+        }
+    } else if (!CreateMessage(&message, kDataChannel)) {
+        LOG_ERROR("CreateMessage() failed\n");
+        return false;
+    }
+    contextApi->SetCommand(message, 0);
+    return SendBlock(message, packet);
+}
+
+bool FodrClientPlugin::SendBlock(void *message, RdpdrStream *packet)
+{
+    Blob blob{static_cast<uint32_t>(packet->Size()), 0, packet->Base()};
+    Variant value;
+    variantApi->VariantInit(&value);
+    variantApi->VariantFromBlob(&value, &blob);
+    contextApi->AppendParam(message, &value);
+    bool sent = InvokeMessage(message, false, kDataChannel);
+    if (!sent) {
+        LOG_ERROR("InvokeMessage() failed\n");
+        DestroyMessage(message);
+    }
+    variantApi->VariantClear(&value);
+    return sent;
+}
+
+bool FodrClientPlugin::NotifyODPObserver(const char *cookie, const char *message)
+{
+    LOG_DEBUG("sending msg [%s] with cookie [%s].\n", message, cookie ? cookie : "");
+    if (!observerApi.Send) {
+        LOG_ERROR("Broadcast message error.\n");
+        return false;
+    }
+    return observerApi.Send(kNoticeMessage, cookie, message);
+}
+
+} // namespace fodr

@@ -1,0 +1,44 @@
+// One per channel: joins the channel objects, the protocol engine and the host's message bus. Received messages
+// become packets for the channel manager, its packets become messages, its notices become broadcasts.
+//
+// Threads: OnInvoke runs on the host's threads and returns as soon as the packet is queued. WriteChannel and
+// NotifyODPObserver run on whatever thread produced the packet or notice, the pool's threads among them.
+#pragma once
+
+#include "logging/FodrLogger.h"
+#include "odpservice/odpservice.h"
+#include "plugin/RPCPluginInstance.h"
+#include "rdpdr/RdpdrChannelManager.h"
+#include "rdpdr/wire/IRdpdrChannel.h"
+
+#include <atomic>
+#include <cstdint>
+
+namespace fodr {
+
+class FodrClientPlugin : public RPCPluginInstance, public IRdpdrChannel {
+public:
+    // Both outlive the instance.
+    FodrClientPlugin(RPCManager *owner, FodrLogger *clientLogger);
+    ~FodrClientPlugin() override;
+
+    void OnInvoke(void *context) override;
+
+    bool NotifyODPObserver(const char *cookie, const char *message) override;
+    // The packet stays with the caller.
+    bool WriteChannel(RdpdrStream *packet) override;
+
+private:
+    void ReceiveBlock(const Variant &value);
+    bool SendBlock(void *message, RdpdrStream *packet);
+
+    uint32_t observerId = 0; // 0: no subscription
+    RdpdrChannelManager channelManager;
+    const ODPRPC_VariantInterface *variantApi;
+    const ODPRPC_ChannelContextInterface *contextApi;
+    ODPObserver observerApi{};
+    std::atomic<uint32_t> dataChannelOptions{0}; // 0: not yet read; a real 0 is asked for at every message
+    FodrLogger *logger;
+};
+
+} // namespace fodr

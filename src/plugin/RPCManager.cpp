@@ -1,0 +1,225 @@
+#include "plugin/RPCManager.h"
+
+#include "platform/Threads.h"
+#include "plugin/RPCPluginInstance.h"
+#include "runtime/LogCall.h"
+
+#include <cstdio>
+
+namespace fodr {
+
+RPCManager::RPCManager(const char *token, const char *controlName, const char *dataName, const char *dataTcpName)
+{
+    std::snprintf(tokenName, sizeof(tokenName), "%s", token);
+    std::snprintf(controlObjName, sizeof(controlObjName), "%s", controlName);
+    std::snprintf(dataObjName, sizeof(dataObjName), "%s", dataName);
+    std::snprintf(dataObjTcpName, sizeof(dataObjTcpName), "%s", dataTcpName);
+    serverSink = {1, OdpOnServerConnected, OdpOnServerDisconnected, OdpOnServerInstanceCreated,
+                  OdpOnServerInstanceDestroyed};
+    channelSink = {1, OnConnectionStateChanged, OnChannelStateChanged, OnPeerChannelObjectCreated};
+    controlObjectSink = {1, OnInvoke, OnChannelControlObjectStateChanged};
+    dataObjectSink = {1, OnInvoke, OnChannelDataObjectStateChanged};
+    messageSink = {1, OnMsgDone, OnMsgAbort};
+}
+
+RPCManager::~RPCManager() = default;
+
+bool RPCManager::QueryHostInterface(uint16_t interfaceNumber, void *table) const
+{
+    const PluginHostRecord &record = queryRecord.QueryInterface ? queryRecord : hostRecord;
+    if (!record.QueryInterface)
+        return false;
+    const OdpGuid identifier = ODP_GUID_INITIALIZER(interfaceNumber);
+    return record.QueryInterface(&identifier, table);
+}
+
+bool RPCManager::QueryNewest(std::initializer_list<uint16_t> interfaceNumbers, void *table) const
+{
+    for (uint16_t number : interfaceNumbers) {
+        if (QueryHostInterface(number, table))
+            return true;
+    }
+    return false;
+}
+
+bool RPCManager::Init(bool asServer, const PluginHostRecord *record)
+{
+    // The record counts as the plug-in's only when everything needed was found; what a failed attempt filled
+    // stays filled.
+    struct QueryScope {
+        PluginHostRecord &record;
+        ~QueryScope() { record = {}; }
+    } scope{queryRecord};
+    queryRecord = *record;
+
+    bool found = QueryNewest({ODP_SERVICE_CHANNEL_V3, ODP_SERVICE_CHANNEL_V2}, &channelApi);
+    if (!found) {
+        if (asServer)
+            LOG_DEBUG("Failed to get ODPService_ChannelInterface_V2, streamData mode does not supported\n");
+        found = QueryNewest({ODP_SERVICE_CHANNEL_V1}, &channelApi);
+    }
+    if (!found) {
+        LOG_ERROR("Failed to get ODPService_ChannelInterface\n");
+        return false;
+    }
+    if (!QueryNewest({ODP_CHANNEL_OBJECT_V4, ODP_CHANNEL_OBJECT_V3, ODP_CHANNEL_OBJECT_V2, ODP_CHANNEL_OBJECT_V1},
+                     &objectApi)) {
+        LOG_ERROR("Failed to get ODPRPC_ChannelObjectInterface\n");
+        return false;
+    }
+    if (!QueryNewest({ODP_CHANNEL_CONTEXT_V2, ODP_CHANNEL_CONTEXT_V1}, &contextApi)) {
+        LOG_ERROR("Failed to get ODPRPC_ChannelContextInterface\n");
+        return false;
+    }
+    if (!QueryNewest({ODP_VARIANT}, &variantApi)) {
+        LOG_ERROR("Failed to get ODPRPC_VariantInterface\n");
+        return false;
+    }
+    if (!QueryNewest({ODP_STREAM_DATA_V2, ODP_STREAM_DATA_V1}, &streamDataApi)) {
+        streamDataApi = {};
+        LOG_WARN("Failed to get ODPRPC_StreamDataInterface\n");
+    }
+    if (!asServer) {
+        if (!QueryNewest({ODP_OVERLAY_CLIENT_V2, ODP_OVERLAY_CLIENT_V1}, &overlayClientApi)) {
+            LOG_ERROR("Failed to get ODPOverlay_ClientInterface\n");
+            return false;
+        }
+        boltSupported = true;
+        LOG_DEBUG("BOLT side channel %ssupported\n", "");
+    } else {
+        if (!QueryNewest({ODP_SERVICE_SERVER}, &serverApi))
+            LOG_WARN("Failed to get ODPService_ServerInterface\n");
+        if (!QueryNewest({ODP_OVERLAY_GUEST_V2, ODP_OVERLAY_GUEST_V1}, &overlayGuestApi)) {
+            LOG_ERROR("Failed to get ODPOverlay_GuestInterface\n");
+            return false;
+        }
+    }
+    initThreadId = platform::CurrentThreadId();
+    isServer = asServer;
+    hostRecord = *record;
+    return true;
+}
+
+bool RPCManager::ODPPluginInit(const PluginHostRecord *record)
+{
+    OnPluginInit();
+    ClientInit(record);
+    return true;
+}
+
+void RPCManager::ClientInit(const PluginHostRecord *record)
+{
+    if (initialized) {
+        LOG_ERROR("Already initialized\n");
+        return;
+    }
+    if (!Init(false, record)) {
+        LOG_ERROR("Init() failed\n");
+        return;
+    }
+    if (!ConfigureTcpSideChan()) {
+        LOG_ERROR("Error in configuring TcpSide Channel.\n");
+        return;
+    }
+    if (!tcpEnabled && !ConfigureVirtualSideChan()) {
+        LOG_ERROR("Error in configuring Virtual Side Channel.\n");
+        return;
+    }
+    initialized = true;
+    OnClientInit();
+}
+
+bool RPCManager::ODPPluginExit()
+{
+    LOG_INFO("Plugin with token %s is exiting.\n", tokenName);
+    ClientExit();
+    OnPluginExit();
+    return true;
+}
+
+void RPCManager::ClientExit()
+{
+    if (!initialized) {
+        LOG_ERROR("Not initialized\n");
+        return;
+    }
+    initialized = false;
+    initThreadId = 0;
+    OnClientExit();
+}
+
+bool RPCManager::ODPPluginCreateInstance(void *channel, void **instance)
+{
+    if (!initialized) {
+        LOG_WARN("Plugin is not initialized yet.\n");
+        return false;
+    }
+    RPCPluginInstance *created = CreatePluginInstance();
+    created->RegisterChannelSink(channel); // an instance without a sink is handed out all the same
+    *instance = created;
+    return true;
+}
+
+bool RPCManager::ODPPluginDestroyInstance(RPCPluginInstance *instance)
+{
+    instance->ChannelDisconnect();
+    instance->UnregisterChannelSink();
+    DestroyPluginInstance(instance);
+    return true;
+}
+
+void RPCManager::DestroyPluginInstance(RPCPluginInstance *instance)
+{
+    delete instance;
+}
+
+std::string ConnectionStateName(int32_t state)
+{
+    switch (state) {
+    case CONNECTION_UNINITIALIZED:
+        return "UNINITIALIZED";
+    case CONNECTION_DISCONNECTED:
+        return "DISCONNECTED";
+    case CONNECTION_PENDING:
+        return "PENDING";
+    case CONNECTION_CONNECTED:
+        return "CONNECTED";
+    default:
+        return "unknown[" + std::to_string(state) + "]";
+    }
+}
+
+std::string ObjectStateName(int32_t state)
+{
+    switch (state) {
+    case OBJECT_SIDE_CHANNEL_PENDING:
+        return "SIDE_CHANNEL_PENDING";
+    case OBJECT_SIDE_CHANNEL_CONNECTED:
+        return "SIDE_CHANNEL_CONNECTED";
+    case OBJECT_PENDING_AND_PEER_OBJ_CREATED:
+        return "PENDING_AND_PEER_OBJ_CREATED";
+    case OBJECT_UNINITIALIZED:
+    case OBJECT_DISCONNECTED:
+    case OBJECT_PENDING:
+    case OBJECT_CONNECTED:
+        return ConnectionStateName(state); // the four that objects share with connections
+    default:
+        return "unknown" + std::to_string(state);
+    }
+}
+
+std::string SessionTypeName(int32_t type)
+{
+    switch (type) {
+    case SESSION_NONE:
+        return "NONE SESSION";
+    case SESSION_PCOIP:
+        return "PCOIP SESSION";
+    case SESSION_FLARE:
+        return "FLARE SESSION";
+    default:
+        return "unknown " + std::to_string(type);
+    }
+}
+
+} // namespace fodr

@@ -1,0 +1,415 @@
+#include "plugin/RPCPluginInstance.h"
+
+#include "plugin/RPCManager.h"
+#include "runtime/LogCall.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace fodr {
+
+namespace {
+
+// Bits of CreateObject's flags.
+constexpr uint32_t kFlagBase = 0x1;
+constexpr uint32_t kFlag4 = 0x4;
+constexpr uint32_t kFlag8 = 0x8;
+
+constexpr int64_t kSlowRequestMS = 1000;
+
+} // namespace
+
+RPCPluginInstance::RPCPluginInstance(RPCManager *owner) : manager(owner)
+{
+    LOG_INFO("0x%p created\n", static_cast<void *>(this));
+}
+
+RPCPluginInstance::~RPCPluginInstance()
+{
+    LOG_INFO("0x%p destroyed\n", static_cast<void *>(this));
+}
+
+// Stream mode is a switch that nothing turns on; with it every channel operation refuses.
+bool RPCPluginInstance::RefuseInStreamMode(const char *operation) const
+{
+    if (!streamData)
+        return false;
+    LOG_ERROR("%s is not supported in streamData mode\n", operation);
+    return true;
+}
+
+bool RPCPluginInstance::RegisterChannelSink(void *hostChannel)
+{
+    if (RefuseInStreamMode("RegisterChannelSink"))
+        return false;
+    if (sinkId != kNoSink) {
+        LOG_ERROR("Channel sink already registered\n");
+        return true;
+    }
+    if (!manager->channelApi.RegisterChannelNotifySink(&manager->channelSink, this, &sinkId)) {
+        LOG_ERROR("Channel.v1.RegisterChannelNotifySink() failed\n");
+        return false;
+    }
+    channel = hostChannel;
+    LOG_INFO("Channel.v1.RegisterChannelNotifySink() [OK]\n");
+    if (manager->channelApi.GetConnectionState() == CONNECTION_CONNECTED) {
+        LOG_INFO("Simulating connect callback\n");
+        RPCManager::OnConnectionStateChanged(this, CONNECTION_CONNECTED, CONNECTION_CONNECTED);
+    }
+    return true;
+}
+
+bool RPCPluginInstance::UnregisterChannelSink()
+{
+    if (RefuseInStreamMode("UnregisterChannelSink"))
+        return false;
+    if (sinkId == kNoSink) {
+        LOG_ERROR("Channel sink not registered\n");
+        return false;
+    }
+    if (manager->channelApi.GetConnectionState() == CONNECTION_CONNECTED) {
+        LOG_INFO("Simulating disconnect callback\n");
+        RPCManager::OnConnectionStateChanged(this, CONNECTION_DISCONNECTED, CONNECTION_DISCONNECTED);
+    }
+    bool done = manager->channelApi.UnregisterChannelNotifySink(sinkId);
+    if (done)
+        LOG_INFO("Channel.v1.UnregisterChannelNotifySink() [OK]\n");
+    else
+        LOG_ERROR("Channel.v1.UnregisterChannelNotifySink() failed\n");
+    channel = nullptr;
+    sinkId = kNoSink;
+    return done;
+}
+
+bool RPCPluginInstance::ChannelConnect()
+{
+    if (RefuseInStreamMode("ChannelConnect"))
+        return false;
+    if (!manager->channelApi.Connect()) {
+        LOG_ERROR("Channel.v1.Connect() failed\n");
+        return false;
+    }
+    LOG_INFO("Channel.v1.Connect() [OK]\n");
+    channelConnecting = true;
+    return true;
+}
+
+bool RPCPluginInstance::ChannelDisconnect()
+{
+    if (RefuseInStreamMode("ChannelDisconnect"))
+        return false;
+    bool done = true;
+    if (channelConnecting) {
+        done = manager->channelApi.Disconnect();
+        if (done)
+            LOG_INFO("Channel.v1.Disconnect() [OK]\n");
+        else
+            LOG_ERROR("Channel.v1.Disconnect() failed\n");
+    }
+    OnChannelDisconnected();
+    connectFailedEvent.Reset();
+    return done;
+}
+
+void RPCPluginInstance::OnChannelConnected()
+{
+    channelConnected = true;
+    connectFailedEvent.Reset();
+}
+
+void RPCPluginInstance::OnChannelDisconnected()
+{
+    bool attemptFailed = channelConnecting && !channelConnected;
+    channelConnecting = false;
+    channelConnected = false;
+    if (attemptFailed) {
+        connectFailedEvent.Set();
+        OnConnectFailed();
+    }
+    if (dataObj) {
+        dataObjConnected = false;
+        ChannelObjDestroy(dataObjName, &dataObj);
+    }
+    if (controlObj) {
+        controlObjConnected = false;
+        ChannelObjDestroy(controlObjName, &controlObj);
+    }
+}
+
+void RPCPluginInstance::ChannelControlObjCreate(const char *name)
+{
+    if (RefuseInStreamMode("ChannelControlObjCreate") || !name || !*name)
+        return;
+    std::snprintf(controlObjName, sizeof(controlObjName), "%s", name);
+    LOG_DEBUG("Creating control object: %s\n", name);
+    ChannelObjCreate(name, &manager->controlObjectSink, false, false, &controlObj);
+}
+
+void RPCPluginInstance::ChannelDataObjCreate(const char *name)
+{
+    if (RefuseInStreamMode("ChannelDataObjCreate") || !name || !*name)
+        return;
+    std::snprintf(dataObjName, sizeof(dataObjName), "%s", name);
+    LOG_INFO("Creating data object: %s\n", name);
+    ChannelObjCreate(name, &manager->dataObjectSink, manager->TcpEnabled(), manager->VchanEnabled(), &dataObj);
+}
+
+uint32_t RPCPluginInstance::ObjectFlags(bool tcpSide, bool vchanSide)
+{
+    uint32_t flags = kFlagBase;
+    if (SuppressObjectFlag4() == 0)
+        flags |= kFlag4;
+    bool bolt = manager->channelApi.GetSessionType() == SESSION_FLARE && manager->BoltSupported();
+    bool flag8 = true;
+    if (!manager->IsServer()) {
+        if (bolt)
+            flags |= ODP_OPTION_BOLT;
+    } else if (tcpSide) {
+        flags |= ODP_OPTION_TCP;
+    } else if (vchanSide) {
+        flags |= ODP_OPTION_VIRTUAL;
+        if (bolt)
+            flags |= ODP_OPTION_BOLT;
+        flag8 = bolt;
+    } else {
+        flags |= ODP_OPTION_VIRTUAL | ODP_OPTION_TCP;
+        flag8 = false;
+    }
+    if (flag8 && SuppressObjectFlag8() == 0)
+        flags |= kFlag8;
+    return flags;
+}
+
+bool RPCPluginInstance::ChannelObjCreate(const char *name, const ObjectSink *sink, bool tcpSide, bool vchanSide,
+                                         std::atomic<void *> *handle)
+{
+    if (RefuseInStreamMode("ChannelObjCreate") || !handle)
+        return false;
+    if (*handle) {
+        LOG_ERROR("Channel object \"%s\" already created\n", name);
+        return false;
+    }
+    tcpSideChannel = tcpSide;
+    vchanSideChannel = vchanSide;
+    uint32_t flags = ObjectFlags(tcpSide, vchanSide);
+    void *created = nullptr;
+    if (!manager->objectApi.CreateObject(name, sink, this, flags, &created)) {
+        LOG_ERROR("Failed to create channel object \"%s\"\n", name);
+        return false;
+    }
+    *handle = created;
+    LOG_INFO("Channel object \"%s\" created with flags 0x%x\n", name, flags);
+    return true;
+}
+
+bool RPCPluginInstance::ChannelObjDestroy(const char *name, std::atomic<void *> *handle)
+{
+    if (RefuseInStreamMode("ChannelObjDestroy"))
+        return false;
+    if (!handle) {
+        LOG_ERROR("Null object handle in ChannelObjDestroy\n");
+        return false;
+    }
+    bool done = true;
+    // Cleared first: a sender on another thread must not pick a handle that is on its way out.
+    if (void *object = handle->exchange(nullptr)) {
+        done = manager->objectApi.DestroyObject(object);
+        if (done)
+            LOG_INFO("Channel object \"%s\" destroyed\n", name);
+        else
+            LOG_ERROR("Failed to destroy channel object \"%s\"\n", name);
+    }
+    if (ready) {
+        readyEvent.Reset();
+        ready = false;
+        OnNotReady();
+    }
+    return done;
+}
+
+void RPCPluginInstance::BecomeReadyIfBothConnected()
+{
+    if (!controlObjConnected || !dataObjConnected || ready)
+        return;
+    readyEvent.Set();
+    ready = true;
+    OnReady();
+}
+
+void RPCPluginInstance::OnChannelControlObjConnected()
+{
+    controlObjConnected = true;
+    BecomeReadyIfBothConnected();
+}
+
+void RPCPluginInstance::OnChannelControlObjDisconnected()
+{
+    controlObjConnected = false;
+    ChannelObjDestroy(controlObjName, &controlObj);
+}
+
+void RPCPluginInstance::OnChannelDataObjConnected()
+{
+    dataObjConnected = true;
+    BecomeReadyIfBothConnected();
+}
+
+void RPCPluginInstance::OnChannelDataObjDisconnected()
+{
+    dataObjConnected = false;
+    ChannelObjDestroy(dataObjName, &dataObj);
+}
+
+bool RPCPluginInstance::CreateMessage(void **message, int32_t channelNumber)
+{
+    void *object = ObjectOf(channelNumber);
+    if (!object) {
+        LOG_DEBUG("Failed to create message (hChannel == NULL)\n");
+        return false;
+    }
+    if (!ready) {
+        LOG_DEBUG("Failed to create message (not ready)\n");
+        return false;
+    }
+    if (!manager->objectApi.CreateContext(object, message)) {
+        LOG_DEBUG("Failed to create message (CreateContext failed)\n");
+        return false;
+    }
+    return true;
+}
+
+bool RPCPluginInstance::CreateExtMessage(void **message, int32_t channelNumber, uint32_t options)
+{
+    if (options == 0)
+        return CreateMessage(message, channelNumber);
+    if (!manager->objectApi.CreateExtContext) {
+        LOG_ERROR("Failed to create message (API not available for 0x%x)\n", options);
+        return false;
+    }
+    void *object = ObjectOf(channelNumber);
+    if (!object) {
+        LOG_DEBUG("Failed to create message (hChannel == NULL)\n");
+        return false;
+    }
+    if (!ready) {
+        LOG_DEBUG("Failed to create message (not ready)\n");
+        return false;
+    }
+    if (!manager->objectApi.CreateExtContext(object, options, message)) {
+        LOG_DEBUG("Failed to create message (CreateContext failed)\n");
+        return false;
+    }
+    return true;
+}
+
+bool RPCPluginInstance::DestroyMessage(void *message)
+{
+    if (!manager->objectApi.DestroyContext(message)) {
+        LOG_DEBUG("Failed to destroy message (DestroyContext failed)\n");
+        return false;
+    }
+    return true;
+}
+
+bool RPCPluginInstance::GetChannelOptions(int32_t channelNumber, uint32_t *options)
+{
+    if (!manager->objectApi.GetObjectOptions) {
+        LOG_ERROR("Failed to get channel options (no API) \n");
+        return false;
+    }
+    if (!options) {
+        LOG_ERROR("Failed to get channel options (invalid argument) \n");
+        return false;
+    }
+    void *object = ObjectOf(channelNumber);
+    if (!object) {
+        LOG_DEBUG("Failed to get channel options (hChannel == NULL)\n");
+        return false;
+    }
+    if (!ready) {
+        LOG_DEBUG("Failed to get channel options (not ready)\n");
+        return false;
+    }
+    if (!manager->objectApi.GetObjectOptions(object, options)) {
+        LOG_DEBUG("Failed to get channel options (GetObjectOptions failed)\n");
+        return false;
+    }
+    return true;
+}
+
+bool RPCPluginInstance::InvokeMessage(void *message, bool wantCompletion, int32_t channelNumber)
+{
+    if (RefuseInStreamMode("InvokeMessage"))
+        return false;
+    MessageSink sink = manager->messageSink;
+    if (!wantCompletion) {
+        sink.OnMsgDone = nullptr;
+        sink.OnMsgAbort = nullptr;
+        Variant one;
+        manager->variantApi.VariantInit(&one);
+        manager->variantApi.VariantFromUInt32(&one, 1);
+        if (!manager->contextApi.SetOps(message, ODP_MESSAGE_POST, &one))
+            LOG_WARN("Unable to set post mode for odpservice.\n");
+        manager->variantApi.VariantClear(&one);
+    }
+    void *object = ObjectOf(channelNumber);
+    if (!object || !ready) {
+        LOG_DEBUG("Failed to send message (not ready)\n");
+        return false;
+    }
+    // A posted message adds nothing to the count, so neither the lock nor the event need be touched for it.
+    if (wantCompletion) {
+        OVMutexLock lock(pendingLock);
+        UpdatePending(1);
+    }
+    uint32_t requestId = manager->contextApi.GetId(message);
+    OVElapsedTimer timer;
+    if (!manager->objectApi.Invoke(object, message, &sink, this)) {
+        // The count isn't taken back, and stays one too high for good.
+        LOG_ERROR("Failed to send message (Invoke failed)\n");
+        return false;
+    }
+    if (wantCompletion)
+        sentRequests.emplace_back(requestId, timer);
+    return true;
+}
+
+void RPCPluginInstance::UpdatePending(int32_t delta)
+{
+    // A completion that nobody waits for leaves the count at zero.
+    pendingCount = std::max(pendingCount + delta, 0);
+    if (pendingCount == 0)
+        noPendingEvent.Set();
+    else
+        noPendingEvent.Reset();
+}
+
+void RPCPluginInstance::HandleMsgDone(uint32_t requestId, void *context)
+{
+    for (auto entry = sentRequests.begin(); entry != sentRequests.end(); ++entry) {
+        int64_t elapsed = entry->second.ElapsedMS(0);
+        if (entry->first == requestId) {
+            sentRequests.erase(entry);
+            break;
+        }
+        if (elapsed > kSlowRequestMS)
+            LOG_DEBUG("Request %d still pending sfter %dms\n", static_cast<int>(entry->first),
+                      static_cast<int>(elapsed));
+    }
+    {
+        OVMutexLock lock(pendingLock);
+        UpdatePending(-1);
+    }
+    OnDone(requestId, context);
+}
+
+void RPCPluginInstance::HandleMsgAbort(uint32_t requestId, uint8_t userCancel, uint32_t reason)
+{
+    {
+        OVMutexLock lock(pendingLock);
+        UpdatePending(-1);
+    }
+    OnAbort(requestId, userCancel, reason);
+}
+
+} // namespace fodr
