@@ -1,0 +1,349 @@
+"""The main job, end to end: a local folder appears at a real mount, through the real plug-in."""
+import filecmp
+import hashlib
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import threading
+import unittest
+
+sys.path.insert(0, os.path.dirname(__file__))
+from share import FODR, Scratch, Share, mounted, run, wait_for  # noqa: E402
+
+
+def digest(path):
+    with open(path, "rb") as file:
+        return hashlib.file_digest(file, "sha256").hexdigest()
+
+
+class MountCase(unittest.TestCase):
+    def setUp(self):
+        self.scratch = Scratch()
+        self.addCleanup(self.scratch.remove)
+        self.local, self.mount, self.other = self.scratch.local, self.scratch.mount, self.scratch.other
+
+    def share(self, *arguments, **options):
+        return Share(self.scratch, *arguments, **options)
+
+    def shell(self, script, folder=None):
+        done = subprocess.run(["bash", "-euc", script], cwd=folder or self.mount, capture_output=True, text=True,
+                              timeout=300)
+        self.assertEqual(done.returncode, 0, f"{script}\n{done.stdout}{done.stderr}")
+        return done.stdout
+
+
+class Files(MountCase):
+    def test_bytes_cross_unchanged_both_ways(self):
+        sizes = [0, 1, 511, 4096, 4097, 131072, 1048575, 1048577, 33554433]
+        for size in sizes:
+            (self.local / f"in{size}").write_bytes(os.urandom(size))
+            (self.other / f"out{size}").write_bytes(os.urandom(size))
+        with self.share():
+            for size in sizes:
+                self.assertTrue(filecmp.cmp(self.mount / f"in{size}", self.local / f"in{size}", shallow=False), size)
+                self.shell(f"cp '{self.other}/out{size}' .")
+                self.assertEqual((self.local / f"out{size}").stat().st_size, size)
+                self.assertTrue(filecmp.cmp(self.other / f"out{size}", self.local / f"out{size}", shallow=False), size)
+
+    def test_a_file_beyond_four_gigabytes(self):
+        edges = [0, 2**31 - 3, 2**32 - 5, 2**32 + 7]
+        with open(self.other / "big", "wb") as file:
+            for edge in edges:
+                file.seek(edge)
+                file.write(os.urandom(100000))
+        with self.share():
+            self.shell(f"cp --sparse=always '{self.other}/big' big")
+            self.assertEqual((self.mount / "big").stat().st_size, (self.other / "big").stat().st_size)
+            for edge in edges:
+                for place in (self.local, self.mount):
+                    with open(self.other / "big", "rb") as good, open(place / "big", "rb") as file:
+                        good.seek(edge)
+                        file.seek(edge)
+                        self.assertEqual(good.read(100000), file.read(100000), (place, edge))
+
+    def test_names_in_any_script_and_of_any_bytes(self):
+        names = [n.encode() for n in ("plain", "with space", "Größe.txt", "資料", "файл", "😀🎉", "a:b*c?d\"<e>|f", "trail.",
+                                      "back\\slash", "x" * 255, ".hidden", "\uf02a", "tab\tname", "new\nline")]
+        names += [b"\xff\xfe\x80", b"half\xc3"]
+        base = os.fsencode(self.local)
+        seen = os.fsencode(self.mount)
+        for name in names[::2]:
+            pathlib.Path(os.fsdecode(base + b"/" + name)).write_bytes(name)
+        with self.share():
+            for name in names[1::2]:
+                with open(seen + b"/" + name, "wb") as file:
+                    file.write(name)
+            self.assertEqual(sorted(os.listdir(seen)), sorted(names))
+            self.assertEqual(sorted(os.listdir(base)), sorted(names))
+            for name in names:
+                with open(seen + b"/" + name, "rb") as file:
+                    self.assertEqual(file.read(), name)
+                os.rename(seen + b"/" + name, seen + b"/moved")
+                self.assertEqual(os.listdir(base).count(b"moved"), 1)
+                os.unlink(seen + b"/moved")
+            self.assertEqual(os.listdir(base), [])
+
+    def test_deep_paths(self):
+        deep = "/".join(["a folder with a rather long name"] * 40)
+        with self.share():
+            os.makedirs(self.mount / deep)
+            (self.mount / deep / "file").write_text("down here")
+            self.assertEqual((self.local / deep / "file").read_text(), "down here")
+            self.shell("rm -r a*")
+            self.assertEqual(os.listdir(self.local), [])
+
+    def test_times_sizes_and_permissions(self):
+        (self.local / "old").write_text("12345")
+        os.utime(self.local / "old", ns=(10**18, 10**18 + 123456700))
+        with self.share():
+            facts = (self.mount / "old").stat()
+            self.assertEqual((facts.st_size, facts.st_mtime_ns), (5, 10**18 + 123456700))
+            os.utime(self.mount / "old", ns=(2 * 10**18, 2 * 10**18 + 100))
+            self.assertEqual((self.local / "old").stat().st_mtime_ns, 2 * 10**18 + 100)
+            os.truncate(self.mount / "old", 3)
+            self.assertEqual((self.local / "old").read_text(), "123")
+            os.truncate(self.mount / "old", 10)
+            self.assertEqual((self.local / "old").read_bytes(), b"123" + bytes(7))
+            os.chmod(self.mount / "old", 0o444)
+            self.assertFalse((self.local / "old").stat().st_mode & 0o200)
+            os.chmod(self.mount / "old", 0o644)
+            self.assertTrue((self.local / "old").stat().st_mode & 0o200)
+            there, here = os.statvfs(self.mount), os.statvfs(self.local)
+            self.assertEqual(there.f_blocks * there.f_frsize, here.f_blocks * here.f_frsize)
+
+    def test_rename_and_delete_keep_what_they_should(self):
+        with self.share():
+            for name in "ab":
+                (self.mount / name).write_text(name)
+            os.rename(self.mount / "a", self.mount / "b")
+            self.assertEqual((self.local / "b").read_text(), "a")
+            self.assertEqual(os.listdir(self.local), ["b"])
+            with self.assertRaises(FileNotFoundError):
+                open(self.mount / "a")
+            os.mkdir(self.mount / "folder")
+            (self.mount / "folder" / "inside").write_text("x")
+            with self.assertRaises(OSError):
+                os.rmdir(self.mount / "folder")
+            os.rename(self.mount / "folder", self.mount / "renamed")
+            self.assertEqual((self.mount / "renamed" / "inside").read_text(), "x")
+            # Still readable and writable while open, gone from the folder at once.
+            with open(self.mount / "b", "r+") as held:
+                os.unlink(self.mount / "b")
+                self.assertFalse((self.mount / "b").exists())
+                (self.mount / "b").write_text("successor")
+                self.assertEqual(held.read(), "a")
+                held.write("more")
+                held.flush()
+            self.assertEqual((self.local / "b").read_text(), "successor")
+            self.shell("rm -r renamed")
+            self.assertEqual(os.listdir(self.local), ["b"])
+
+    def test_a_file_that_grows_while_it_is_read(self):
+        (self.local / "log").write_text("")
+        with self.share():
+            with open(self.mount / "log") as reader, open(self.local / "log", "a") as writer:
+                for number in range(20):
+                    writer.write(f"{number}\n")
+                    writer.flush()
+                    wanted = f"{number}\n"
+                    got = []
+                    wait_for(lambda: got.append(reader.readline()) or got[-1] == wanted, "the new line", 30)
+
+    def test_append_and_update_in_place(self):
+        with self.share():
+            self.shell("for i in $(seq 200); do echo line $i >> f; done")
+            self.assertEqual((self.local / "f").read_text(), "".join(f"line {i}\n" for i in range(1, 201)))
+            with open(self.mount / "f", "r+b") as file:
+                file.seek(5)
+                file.write(b"XY")
+                file.seek(0)
+                self.assertEqual(file.read(8), b"line XYl")
+
+    def test_changes_on_the_owning_side_become_visible(self):
+        with self.share():
+            self.assertEqual(os.listdir(self.mount), [])
+            (self.local / "new").write_text("one")
+            wait_for(lambda: (self.mount / "new").exists() and (self.mount / "new").read_text() == "one", "the new file")
+            (self.local / "new").write_text("longer than one")
+            wait_for(lambda: (self.mount / "new").read_text() == "longer than one", "the new content")
+            os.unlink(self.local / "new")
+            wait_for(lambda: not (self.mount / "new").exists(), "the deletion")
+
+    def test_a_full_disk_is_told_to_the_writer(self):
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4m", "none", self.local], check=True)
+        try:
+            (self.other / "six").write_bytes(os.urandom(6 << 20))
+            with self.share():
+                done = subprocess.run(["cp", self.other / "six", self.mount / "six"], capture_output=True, text=True)
+                self.assertNotEqual(done.returncode, 0)
+                self.assertIn("No space left", done.stderr)
+                os.unlink(self.mount / "six")
+                (self.mount / "small").write_text("fits")
+                self.assertEqual((self.local / "small").read_text(), "fits")
+        finally:
+            subprocess.run(["umount", "-l", self.local], check=True)
+
+
+class Work(MountCase):
+    def test_twenty_thousand_files_list(self):
+        for number in range(20000):
+            (self.local / f"file{number:05}").write_bytes(b"x" * (number % 7))
+        with self.share():
+            listing = {entry.name: entry.stat().st_size for entry in os.scandir(self.mount)}
+            self.assertEqual(listing, {f"file{n:05}": n % 7 for n in range(20000)})
+
+    def test_git_and_a_compiler_work_inside(self):
+        self.shell("""git init -q src && cd src
+            printf 'int f(void);\\nint main(void) { return f(); }\\n' > main.c
+            printf 'int f(void) { return 42; }\\n' > f.c
+            printf 'app: main.o f.o\\n\\tcc -o $@ $^\\n%%.o: %%.c\\n\\tcc -c $<\\n' > Makefile
+            git add . && git -c user.name=n -c user.email=e commit -qm one""", self.other)
+        with self.share():
+            out = self.shell(f"""git clone -q '{self.other}/src' work && cd work
+                git config user.name n && git config user.email e
+                make -s && (./app || echo "answer $?")
+                echo '*.o' > .gitignore && echo app >> .gitignore && echo '// more' >> f.c
+                git add -A && git commit -qm two && git gc -q && git fsck && git status --porcelain""")
+            self.assertIn("answer 42", out)
+            self.assertNotIn("??", out)
+            self.shell("git log --oneline | wc -l | grep -qx 2 && git fsck", self.local / "work")
+
+    def test_many_writers_at_once(self):
+        def work(number):
+            data = os.urandom(300000)
+            for round_ in range(5):
+                path = self.mount / f"w{number}-{round_}"
+                path.write_bytes(data)
+                if path.read_bytes() != data:
+                    wrong.append(path)
+        wrong = []
+        with self.share():
+            threads = [threading.Thread(target=work, args=(n,)) for n in range(8)]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+        self.assertEqual(wrong, [])
+        self.assertEqual(len(os.listdir(self.local)), 40)
+
+
+class Command(MountCase):
+    def test_the_status_of_the_command_is_ours(self):
+        for script, status in (("exit 0", 0), ("exit 7", 7), ("kill -TERM $$", 128 + signal.SIGTERM)):
+            done = run("share", self.local, "--mount", self.mount, "--", "bash", "-c", script, env=self.scratch.environment)
+            self.assertEqual(done.returncode, status, done.stderr)
+        done = run("share", self.local, "--mount", self.mount, "--", "bash", "-c", f"echo there > '{self.mount}/f'",
+                   env=self.scratch.environment)
+        self.assertEqual((self.local / "f").read_text(), "there\n")
+        self.assertFalse(mounted(self.mount))
+
+    def test_folders_come_and_go_while_it_runs(self):
+        for name in ("one", "two"):
+            (self.other / name).mkdir()
+            (self.other / name / "f").write_text(name)
+        with self.share("--layout", "folders"):
+            fodr = lambda *words: run(*words, env=self.scratch.environment)  # noqa: E731
+            self.assertEqual(os.listdir(self.mount), ["local"])
+            for name in ("one", "two"):
+                done = fodr("add", self.other / name)
+                self.assertEqual(done.returncode, 0, done.stderr)
+                wait_for(lambda: (self.mount / name / "f").exists(), name)
+                self.assertEqual((self.mount / name / "f").read_text(), name)
+            self.assertIn(str(self.other / "two"), fodr("list").stdout)
+            self.assertEqual(fodr("remove", self.other / "one").returncode, 0)
+            wait_for(lambda: sorted(os.listdir(self.mount)) == ["local", "two"], "the folder's end")
+            self.assertNotEqual(fodr("remove", self.other / "one").returncode, 0)
+            self.assertNotEqual(fodr("add", self.other / "missing").returncode, 0)
+
+    def test_only_what_was_named_is_shared(self):
+        settings = self.scratch.root / "settings"
+        settings.mkdir()
+        (self.other / "secret").write_text("s")
+        (settings / "HKEY_LOCAL_MACHINE.ini").write_text(
+            "[SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr]\n"
+            f"RedirectAll=dword:1\nSharedFolders=multi_sz:{self.other};\n")
+        for agent in ((), ("--agent-option=--force", f"--agent-option={self.other}")):
+            with self.share("--layout", "folders", *agent):
+                self.assertLessEqual(set(os.listdir(self.mount)), {"local"})
+
+    def test_a_read_only_share_makes_no_new_files(self):
+        (self.local / "f").write_text("x")
+        with self.share("--read-only"):
+            self.assertEqual((self.mount / "f").read_text(), "x")
+            for attempt in (lambda: (self.mount / "new").write_text("x"), lambda: (self.mount / "f").write_text("y"),
+                            lambda: os.unlink(self.mount / "f"), lambda: os.mkdir(self.mount / "d")):
+                self.assertRaises(OSError, attempt)
+        self.assertEqual((self.local / "f").read_text(), "x")
+
+    def test_what_is_wrong_is_said_in_one_sentence(self):
+        (self.other / "file").write_text("")
+        taken = self.other / "taken"
+        taken.mkdir()
+        (taken / "something").write_text("")
+        cases = [
+            (["share", self.other / "missing", "--mount", self.mount], {}),
+            (["share", self.other / "file", "--mount", self.mount], {}),
+            (["share", self.local, "--mount", taken], {}),
+            (["share", self.local, "--mount", self.other / "file"], {}),
+            (["share", self.local, "--mount", self.mount], {"FODR_PLUGIN": "/nowhere/libfodrClient.so"}),
+            (["list"], {}),
+        ]
+        codes = []
+        for words, extra in cases:
+            done = run(*words, "--", "true", env={**self.scratch.environment, **extra}) if words[0] == "share" else \
+                run(*words, env=self.scratch.environment)
+            codes.append(done.returncode)
+            self.assertNotIn(done.returncode, (0, 139, 134), words)
+            self.assertEqual(len(done.stderr.strip().splitlines()), 1, f"{words}: {done.stderr}")
+            self.assertFalse(mounted(self.mount))
+        no_fuse = subprocess.run(
+            ["unshare", "-m", "bash", "-c", 'mount --bind /dev/null /dev/fuse && exec "$@"', "sh", FODR, "share",
+             self.local, "--mount", self.mount, "--", "true"], capture_output=True, text=True, env=self.scratch.environment)
+        self.assertNotIn(no_fuse.returncode, (0, 1), no_fuse.stderr)
+        self.assertEqual(len(no_fuse.stderr.strip().splitlines()), 1, no_fuse.stderr)
+
+
+class Loss(MountCase):
+    def test_killing_either_side_leaves_no_mount_and_no_obstacle(self):
+        for victim in ("agent", "host", "both"):
+            (self.local / "f").write_text(victim)
+            share = self.share()
+            share.__enter__()
+            held = open(self.mount / "f", "r+")
+            agent = share.agent_pid()
+            if victim in ("host", "both"):
+                os.kill(share.process.pid, signal.SIGKILL)
+            if victim in ("agent", "both"):
+                os.kill(agent, signal.SIGKILL)
+            if victim != "both":
+                wait_for(lambda: not mounted(self.mount), f"the mount to go after {victim}")
+            share.process.wait(60)
+            held.close()
+            share.output.close()
+            self.assertEqual((self.local / "f").read_text(), victim)
+            with self.share():
+                self.assertEqual((self.mount / "f").read_text(), victim)
+
+    def test_requests_in_flight_end_when_the_host_dies(self):
+        (self.local / "f").write_bytes(bytes(1 << 20))
+        share = self.share()
+        share.__enter__()
+        reader = subprocess.Popen(["bash", "-c", f"while cat '{self.mount}/f' > /dev/null; do :; done"],
+                                  stderr=subprocess.DEVNULL)
+        os.kill(share.process.pid, signal.SIGKILL)
+        self.assertNotEqual(reader.wait(60), 0)
+        share.process.wait(60)
+        share.output.close()
+        wait_for(lambda: not mounted(self.mount), "the mount to go")
+
+
+
+
+if __name__ == "__main__":
+    program = unittest.main(exit=False, verbosity=2)
+    result = program.result
+    failed = len(result.failures) + len(result.errors)
+    print(f"{result.testsRun - failed - len(result.skipped)} passed, {failed} failed, {len(result.skipped)} skipped")
+    sys.exit(1 if failed or result.testsRun == 0 else 0)

@@ -1,0 +1,80 @@
+#include "plugin/FolderCommands.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace fodr {
+namespace {
+
+struct Case {
+    const char *text;
+    bool result;
+    const char *action;
+    int32_t count;
+    const char *path;
+    const char *name;
+};
+
+constexpr Case kCases[] = {
+    {"ADD,C:\\x|X", true, "ADD", 0, "C:\\x", "X"},
+    {"ADD,2,C:\\x|(OVDND)X", true, "ADD", 2, "C:\\x", "(OVDND)X"},
+    {"ADD,0,C:\\x|X", true, "ADD", 0, "0,C:\\x", "X"}, // a zero is part of the path
+    {"ADD,-1,/x|X", true, "ADD", -1, "/x", "X"},
+    {"ADD,7up,/x|X", true, "ADD", 7, "/x", "X"}, // read as atoi reads it
+    {"ADD,/a,b/c|X", true, "ADD", 0, "/a,b/c", "X"},
+    {"ADD,/a,|X", true, "ADD", 0, "/a,", "X"},
+    {"ADD,/x,", true, "ADD", 0, "/x,", ""},
+    {"ADD,C:\\x", true, "ADD", 0, "C:\\x", ""},
+    {"ADD,/a|b|c", true, "ADD", 0, "/a|b", "c"}, // the last bar parts them
+    {"add,/x|X", true, "add", 0, "/x", "X"},
+    {"ADD,", false, "", 0, "", ""},
+    {",C:\\x|X", false, "", 0, "", ""},
+    {"ADD", false, "", 0, "", ""},
+    {"", false, "", 0, "", ""},
+};
+
+TEST(FolderCommands, TheFirstTextIsSplitIntoActionCountPathAndName)
+{
+    for (const Case &c : kCases) {
+        std::string action, path, name;
+        int32_t count = 0;
+        bool result = ParseCmdData(c.text, action, count, path, name);
+        EXPECT_EQ(result, c.result) << c.text;
+        EXPECT_EQ(action, c.action) << c.text;
+        EXPECT_EQ(count, c.count) << c.text;
+        EXPECT_EQ(path, c.path) << c.text;
+        EXPECT_EQ(name, c.name) << c.text;
+    }
+}
+
+TEST(FolderCommands, AFileListEndsAtItsCountOrAtAnEmptyText)
+{
+    using namespace std::string_literals;
+    std::string texts = "a.txt\0b c.txt\0\0d.txt\0"s;
+    struct {
+        int32_t count;
+        bool result;
+        std::vector<std::string> list;
+    } cases[] = {
+        {0, true, {}},
+        {1, true, {"a.txt"}},
+        {2, true, {"a.txt", "b c.txt"}},
+        {3, false, {"a.txt", "b c.txt"}},
+        {-1, false, {"a.txt", "b c.txt"}}, // taken as unsigned
+    };
+    for (const auto &c : cases) {
+        std::vector<std::string> list;
+        EXPECT_EQ(ParseFileList(texts.c_str(), c.count, list), c.result) << c.count;
+        EXPECT_EQ(list, c.list) << c.count;
+    }
+}
+
+TEST(FolderCommands, WithoutAManagerACommandIsRefused)
+{
+    EXPECT_FALSE(OnSharedFolderCommand(nullptr, "desktop", "1", "ADD,/tmp|x"));
+}
+
+} // namespace
+} // namespace fodr
