@@ -13,7 +13,7 @@ namespace {
 
 bool StartsWithIgnoreCase(const std::string &text, const char *prefix)
 {
-    return AsciiCompareIgnoreCase(text.substr(0, std::strlen(prefix)), prefix) == 0;
+    return AsciiCompareNoCase(text.c_str(), prefix, std::strlen(prefix)) == 0;
 }
 
 } // namespace
@@ -50,10 +50,10 @@ bool RPCManager::ConfigureVirtualSideChan()
     std::string path = SettingPath("vchanSideChannelEnabled");
     std::string value = ReadRegistryString(path);
     LOG_INFO("Checking Virtual side channel at \"%s\"\n", path.c_str());
-    if (AsciiCompareIgnoreCase(value, "true") == 0) {
+    if (AsciiEqualsNoCase(value, "true")) {
         vchanEnabled = true;
         LOG_INFO("Virtual side channel is enabled.\n");
-    } else if (AsciiCompareIgnoreCase(value, "false") == 0) {
+    } else if (AsciiEqualsNoCase(value, "false")) {
         vchanEnabled = false;
         LOG_INFO("Virtual side channel is disabled.\n");
     } else {
