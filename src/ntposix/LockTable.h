@@ -1,0 +1,64 @@
+// The NT byte-range locks of one file, between its open handles and towards other processes (MS-FSA 2.1.5.8,
+// 2.1.5.9). Any thread. Each FileObject holds one; a file without locks pays one atomic load a transfer.
+#pragma once
+
+#include "ntposix/BlockedCall.h"
+#include "ntposix/Mutex.h"
+#include "platform/NtStatus.h"
+
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+namespace fodr {
+
+// A lock that is held or wanted. Offsets and lengths are unsigned, as NT takes them.
+struct RangeLock {
+    const void *handle; // identity of the open file that holds it
+    uint32_t key;
+    bool exclusive;
+    uint64_t offset;
+    uint64_t length; // 0 is a point between two bytes, which a lock around it keeps out
+    int fd;          // the handle's descriptor, open until ReleaseAll; -1: no lock towards other processes
+};
+
+class LockTable {
+public:
+    // Whether a lock forbids the transfer, which is then STATUS_FILE_LOCK_CONFLICT. The end of file must be
+    // resolved before. A length of 0 never conflicts.
+    bool ForbidsRead(const void *handle, uint32_t key, uint64_t offset, uint64_t length);
+    bool ForbidsWrite(const void *handle, uint32_t key, uint64_t offset, uint64_t length);
+
+    // STATUS_INVALID_LOCK_RANGE, STATUS_LOCK_NOT_GRANTED (only when it must not wait), or the status of what
+    // ended the wait.
+    nt::NTSTATUS Lock(const RangeLock &wanted, bool failImmediately, BlockedCalls &calls) EXCLUDES(lock);
+    // STATUS_RANGE_NOT_LOCKED unless a lock of exactly this range, handle and key is held. Where an exclusive
+    // and a shared one are, the exclusive one goes.
+    nt::NTSTATUS Unlock(const void *handle, uint32_t key, uint64_t offset, uint64_t length) EXCLUDES(lock);
+    // At the close of a handle, while its descriptor is still open and after BlockedCalls::Close.
+    void ReleaseAll(const void *handle) EXCLUDES(lock);
+
+private:
+    enum class Outcome { Granted, HeldHere, HeldByProcess };
+    struct Waiter {
+        RangeLock wanted;
+        BlockedCall *call;
+        Outcome obstacle;
+    };
+
+    bool Forbids(const void *handle, uint32_t key, uint64_t offset, uint64_t length, bool write)
+        EXCLUDES(lock);
+    Outcome TryLock(const RangeLock &wanted) REQUIRES(lock);
+    void Remove(size_t index) REQUIRES(lock);
+    void ServeWaiters() REQUIRES(lock);
+    bool RetryWaiter(Waiter &waiter) REQUIRES(lock);
+    nt::NTSTATUS WaitForGrant(Waiter &waiter) EXCLUDES(lock);
+    bool SyncProcessLocks(const RangeLock &changed) REQUIRES(lock);
+
+    Mutex lock; // before that of BlockedCalls
+    std::vector<RangeLock> held GUARDED_BY(lock);
+    std::vector<Waiter *> waiters GUARDED_BY(lock); // in order of arrival
+    std::atomic<size_t> heldCount{0};
+};
+
+} // namespace fodr
