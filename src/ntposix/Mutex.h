@@ -1,13 +1,13 @@
-// A plain mutex that Clang's thread-safety analysis knows.
+// std::mutex under the names that Clang's lock analysis knows. `lock` and `unlock` are what condition
+// variables (std::condition_variable_any) ask for.
 #pragma once
 
 #include "lib/misc/ThreadSafety.h"
 
 #include <mutex>
 
-namespace fodr {
+namespace fodr::ntposix {
 
-// lock and unlock make it serve std::condition_variable_any, too.
 class CAPABILITY("mutex") Mutex {
 public:
     void lock() ACQUIRE() { mutex.lock(); }
@@ -28,4 +28,4 @@ private:
     Mutex &mutex;
 };
 
-} // namespace fodr
+} // namespace fodr::ntposix
