@@ -10,13 +10,11 @@
 
 #include <atomic>
 #include <cstdint>
-#include <string>
 #include <sys/types.h>
 #include <vector>
 
 namespace fodr::ntposix {
 
-class LockTable;
 class OpenFile;
 
 struct FileKey {
@@ -28,15 +26,12 @@ struct FileKey {
 class FileObject {
 public:
     explicit FileObject(FileKey fileKey) : key(fileKey) {}
-    ~FileObject();
     FileObject(const FileObject &) = delete;
     FileObject &operator=(const FileObject &) = delete;
 
     const FileKey key;
 
-    // The range locks, null while none was ever taken: what a read or write asks first. Locks() makes them.
-    LockTable *LocksIfAny() const { return locks.load(std::memory_order_acquire); }
-    LockTable &Locks();
+    LockTable locks;
 
     // Taken for a few instructions, never across a file call.
     Mutex lock;
@@ -46,7 +41,6 @@ public:
 private:
     friend class FileObjectTable;
 
-    std::atomic<LockTable *> locks{nullptr};
     uint32_t references = 0; // by the table's shard lock
 };
 

@@ -1,13 +1,13 @@
-// std::mutex under the names that Clang's lock analysis knows. `lock` and `unlock` are what condition
-// variables (std::condition_variable_any) ask for.
+// A plain mutex that Clang's thread-safety analysis knows.
 #pragma once
 
 #include "lib/misc/ThreadSafety.h"
 
 #include <mutex>
 
-namespace fodr::ntposix {
+namespace fodr {
 
+// lock and unlock make it serve std::condition_variable_any, too.
 class CAPABILITY("mutex") Mutex {
 public:
     void lock() ACQUIRE() { mutex.lock(); }
@@ -28,4 +28,4 @@ private:
     Mutex &mutex;
 };
 
-} // namespace fodr::ntposix
+} // namespace fodr
