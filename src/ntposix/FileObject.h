@@ -5,10 +5,9 @@
 // isn't reused, so the key stays true for that long.
 #pragma once
 
+#include "ntposix/LockTable.h"
 #include "ntposix/Mutex.h"
-#include "platform/NtStatus.h"
 
-#include <atomic>
 #include <cstdint>
 #include <sys/types.h>
 #include <vector>
