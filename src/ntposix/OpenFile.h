@@ -6,6 +6,7 @@
 #pragma once
 
 #include "ntposix/Fd.h"
+#include "ntposix/FileFacts.h"
 #include "ntposix/FileObject.h"
 #include "ntposix/HandleServices.h"
 #include "platform/Nt.h"
@@ -15,13 +16,6 @@
 #include <string>
 
 namespace fodr::ntposix {
-
-enum class FileKind : uint8_t {
-    kFile,
-    kDirectory,
-    kLink,    // a symbolic link itself, opened with FILE_OPEN_REPARSE_POINT
-    kSpecial, // FIFO, socket or device node: attributes only
-};
 
 class OpenFile {
 public:

@@ -1,0 +1,52 @@
+// What NT tells of a file, taken from one statx. Any thread.
+#pragma once
+
+#include "ntposix/FileObject.h"
+#include "platform/NtStatus.h"
+
+#include <cstdint>
+#include <string_view>
+#include <sys/stat.h>
+
+namespace fodr::ntposix {
+
+enum class FileKind : uint8_t {
+    kFile,
+    kDirectory,
+    kLink,    // a symbolic link that wasn't followed
+    kSpecial, // FIFO, socket or device node: attributes only
+};
+
+struct FileFacts {
+    FileKey key;
+    FileKind kind = FileKind::kFile;
+    mode_t mode = 0;
+    uint32_t links = 1;     // a directory has one
+    int64_t endOfFile = 0;  // 0 unless a regular file or a link
+    int64_t allocation = 0; // bytes on disk
+    int64_t creationTime = 0;
+    int64_t lastAccessTime = 0;
+    int64_t lastWriteTime = 0;
+    int64_t changeTime = 0;
+    // Without what follows from the name: that is HiddenByName.
+    uint32_t attributes = 0;
+};
+
+// Times are 100 ns steps since 1601. Where the file system keeps no birth time, the earliest of the others
+// stands for it.
+[[nodiscard]] int64_t FileTimeOf(int64_t seconds, uint32_t nanoseconds);
+// The opposite, for times from 1601 on; before that the year 1601.
+[[nodiscard]] timespec TimespecOf(int64_t fileTime);
+
+// 0 or an errno. `fd` may be O_PATH.
+[[nodiscard]] int StatDescriptor(int fd, FileFacts *facts);
+// The same for a name below a directory descriptor (or AT_FDCWD).
+enum class Links : uint8_t { kFollow, kDontFollow };
+[[nodiscard]] int StatAt(int directory, const char *name, Links links, FileFacts *facts);
+
+// FILE_ATTRIBUTE_HIDDEN or 0: a leading dot hides, but in "." and "..".
+[[nodiscard]] uint32_t HiddenByName(std::string_view leaf);
+// FILE_ATTRIBUTE_NORMAL where there is nothing else to say.
+[[nodiscard]] uint32_t CompleteAttributes(uint32_t attributes);
+
+} // namespace fodr::ntposix
