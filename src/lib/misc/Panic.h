@@ -1,0 +1,18 @@
+// The end of the road: states that the program has no way on from. Any thread.
+#pragma once
+
+namespace fodr {
+
+// Writes "Panic: " and the text to the standard error stream and ends the process with exit code 1. Nothing
+// is torn down: other threads may still be inside of what a destructor would pull away.
+[[noreturn]] void Panic(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// The three kinds, each naming where: "NOT_IMPLEMENTED %s:%d\n", "NOT_REACHED %s:%d\n", "VERIFY %s:%d\n".
+[[noreturn]] void PanicNotImplemented(const char *sourcePath, int line);
+[[noreturn]] void PanicNotReached(const char *sourcePath, int line);
+[[noreturn]] void PanicVerify(const char *sourcePath, int line);
+
+} // namespace fodr
+
+#define FODR_NOT_REACHED() ::fodr::PanicNotReached(__FILE__, __LINE__)
+#define FODR_VERIFY(condition) ((condition) ? (void)0 : ::fodr::PanicVerify(__FILE__, __LINE__))
