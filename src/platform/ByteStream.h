@@ -1,0 +1,89 @@
+// Reliable byte streams between processes: a pair of pipes (standard input and output), local sockets, TCP.
+//
+// One thread may read while others write; writers take turns outside this class. Shutdown may be called from
+// any thread at any time. A write to a peer that is gone fails and never ends the process.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <utility>
+
+namespace fodr::platform {
+
+using ByteView = std::span<const std::byte>;
+
+class ByteStream {
+public:
+    // Results of Read that aren't a count of bytes.
+    static constexpr ptrdiff_t kEnd = 0;
+    static constexpr ptrdiff_t kFailed = -1;
+    static constexpr ptrdiff_t kTimedOut = -2;
+    static constexpr int kNoTimeout = -1;
+
+    virtual ~ByteStream() = default;
+    ByteStream(const ByteStream &) = delete;
+    ByteStream &operator=(const ByteStream &) = delete;
+
+    // Waits for data, at most `timeoutMS`, and takes what is there: 1 to buffer.size() bytes, or one of the
+    // results above. kEnd: the peer has closed its side, or Shutdown was called.
+    [[nodiscard]] virtual ptrdiff_t Read(std::span<std::byte> buffer, int timeoutMS = kNoTimeout) = 0;
+
+    // Writes all bytes of all blocks in order, waiting as long as the peer doesn't read. False when they
+    // couldn't all be written; the stream is of no use from then on.
+    [[nodiscard]] virtual bool Write(std::span<const ByteView> blocks) = 0;
+
+    // Ends both directions: reads and writes that wait, and later ones, return. Bytes written before still
+    // reach the peer. The stream stays open until it is destroyed.
+    virtual void Shutdown() = 0;
+
+    // Whether the process at the other end of a local socket belongs to the user of this one. False for
+    // streams that can't tell.
+    [[nodiscard]] virtual bool PeerIsThisUser() const { return false; }
+
+protected:
+    ByteStream() = default;
+};
+
+// Waits for peers to connect.
+class StreamListener {
+public:
+    virtual ~StreamListener() = default;
+    StreamListener(const StreamListener &) = delete;
+    StreamListener &operator=(const StreamListener &) = delete;
+
+    // The next peer, or null: the time ran out or Shutdown was called.
+    [[nodiscard]] virtual std::unique_ptr<ByteStream> Accept(int timeoutMS = ByteStream::kNoTimeout) = 0;
+    // Ends waiting and later Accepts. Safe from any thread.
+    virtual void Shutdown() = 0;
+    // The TCP port that is listened on, 0 for a local socket.
+    [[nodiscard]] virtual uint16_t Port() const = 0;
+
+protected:
+    StreamListener() = default;
+};
+
+// Each makes a stream or listener, or returns null and says why in `*error` (may be null) in a few words
+// that can stand behind a colon.
+
+// Standard input for reading and standard output for writing. To be made once; other output then has to go
+// to standard error.
+std::unique_ptr<ByteStream> OpenStandardStream(std::string *error);
+
+// Two ends that are connected with each other, in this process.
+std::pair<std::unique_ptr<ByteStream>, std::unique_ptr<ByteStream>> MakeStreamPair();
+
+// `host` is a name or an address. Tries each address of the name until `timeoutMS` is over.
+std::unique_ptr<ByteStream> ConnectTcp(const std::string &host, uint16_t port, int timeoutMS,
+                                       std::string *error);
+// Port 0 takes a free one. An empty address listens on all.
+std::unique_ptr<StreamListener> ListenTcp(const std::string &address, uint16_t port, std::string *error);
+
+// Sockets with a path. The socket of a listener is only for this user, and replaces one that a dead
+// process has left; when a live one answers on it, listening fails. The path is removed with the listener.
+std::unique_ptr<ByteStream> ConnectLocal(const std::string &path, std::string *error);
+std::unique_ptr<StreamListener> ListenLocal(const std::string &path, std::string *error);
+
+} // namespace fodr::platform

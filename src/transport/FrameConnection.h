@@ -1,0 +1,106 @@
+// Frames over one byte stream.
+//
+// Threads: a reader thread hands frames to the receiver. Any thread may send; a frame is written by its
+// sender with one gathering write, without copying a large payload, and small frames that meet a busy stream
+// are joined into its next write. The reader never waits for the stream to take bytes: what is sent from a
+// receiver's call is queued, and a second thread writes it when nobody else does. So two ends that send
+// without pause can't block each other.
+#pragma once
+
+#include "lib/misc/ThreadSafety.h"
+#include "platform/ByteStream.h"
+#include "transport/Frames.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace fodr::transport {
+
+class IConnectionReceiver : public IFrameReceiver {
+public:
+    // The last call, made once, on the reader thread: the connection has ended. `reason` is a few words such
+    // as "the peer closed the connection".
+    virtual void OnClosed(const std::string &reason) = 0;
+
+protected:
+    ~IConnectionReceiver() = default;
+};
+
+class FrameConnection {
+public:
+    // `target` outlives the connection. Nothing is read before Start.
+    FrameConnection(std::unique_ptr<platform::ByteStream> byteStream, IConnectionReceiver *target);
+    // Closes, and waits for a receiver's call that is running. Not to be called from such a call.
+    ~FrameConnection();
+    FrameConnection(const FrameConnection &) = delete;
+    FrameConnection &operator=(const FrameConnection &) = delete;
+
+    void Start();
+
+    // Off until it is set. May be set at any time; takes effect with the next wait.
+    void SetKeepAlive(const KeepAlive &times);
+
+    // Each sends one frame; false when the connection has ended, or when the frame would break a limit of
+    // Frames.h, in which case nothing is sent. True means written or queued, not received. Payloads are
+    // borrowed for the call.
+    bool Send(const Hello &frame);
+    bool Send(const ObjectAnnounce &frame);
+    bool Send(const ObjectState &frame);
+    bool Send(const Message &frame);
+    bool Send(const MessageDone &frame);
+    bool Send(const MessageAbort &frame);
+    bool Send(const SideRequest &frame);
+    bool Send(const SideOffer &frame);
+    bool Send(const SideRefused &frame);
+    bool Send(const SideHello &frame);
+    bool Send(const SideReady &frame);
+    bool Send(const Notice &frame);
+    bool Send(const Goodbye &frame);
+    // The common message: a post with one byte block.
+    bool SendPost(uint32_t object, uint32_t requestId, platform::ByteView block);
+
+    // Waits until everything queued is written, at most `timeoutMS`. False when it isn't.
+    bool Flush(int timeoutMS);
+
+    // Ends the connection at once; waiting senders return false. The first reason given is the one that
+    // OnClosed tells. Safe from any thread, any number of times.
+    void Close(const std::string &reason);
+    bool IsClosed() const { return closed; }
+
+private:
+    enum class Wait { ForTurn, Never };
+
+    bool SendBlocks(std::span<const platform::ByteView> blocks);
+    bool SendBytes(platform::ByteView frame);
+    void AppendPending(std::span<const platform::ByteView> blocks) REQUIRES(sendLock);
+    bool WriteAsTurnHolder(std::span<const platform::ByteView> blocks, std::unique_lock<std::mutex> &lock);
+    void ReaderMain();
+    std::string ReadFrames();
+    bool WaitedTooLong(uint32_t *silentMS, uint32_t waitedMS);
+    void FlusherMain();
+
+    const std::unique_ptr<platform::ByteStream> stream;
+    IConnectionReceiver *const receiver;
+    std::atomic<bool> closed{false};
+    std::atomic<uint32_t> pingAfterMS{0};
+    std::atomic<uint32_t> deadAfterMS{0};
+
+    std::mutex sendLock;
+    std::condition_variable turnChanged;   // writing, pending or closed has changed
+    std::condition_variable flusherWakeup; // pending has bytes and nobody writes, or closed
+    bool writing = false;                  // a thread holds the turn to write
+    uint32_t waitingWriters = 0;
+    std::vector<std::byte> pending; // whole frames that wait for the next write
+    std::string closeReason;
+
+    std::thread reader;
+    std::thread flusher;
+    std::atomic<std::thread::id> readerId;
+};
+
+} // namespace fodr::transport
