@@ -40,52 +40,63 @@ const uint8_t *Bytes(std::string_view text)
 
 void AppendNtName(std::string_view name, std::u16string &out)
 {
+    // A byte gives at most one unit.
+    const size_t start = out.size();
+    out.resize(start + name.size());
+    char16_t *end = out.data() + start;
     const uint8_t *bytes = Bytes(name);
     for (size_t i = 0; i < name.size();) {
         if (bytes[i] < 0x80) {
             const char16_t c = bytes[i++];
-            out += kForbidden[c] ? static_cast<char16_t>(kMappedCharacter + c) : c;
+            *end++ = kForbidden[c] ? static_cast<char16_t>(kMappedCharacter + c) : c;
             continue;
         }
         const DecodedCodePoint decoded = DecodeUtf8(bytes + i, name.size() - i);
         const bool valid =
             decoded.taken != 0 && !IsMappedCharacter(decoded.codePoint) && !IsMappedByte(decoded.codePoint);
         if (!valid) {
-            // A reserved code point has no ASCII byte, so taking one byte makes the next ones fail as well.
-            out += static_cast<char16_t>(kMappedByte + bytes[i++]);
+            // The later bytes of a reserved code point lead no sequence, so each of them comes by here as
+            // well.
+            *end++ = static_cast<char16_t>(kMappedByte + bytes[i++]);
             continue;
         }
-        uint8_t units[4];
-        const size_t count = EncodeUtf16(decoded.codePoint, units);
-        for (size_t k = 0; k < count; ++k)
-            out += static_cast<char16_t>(units[2 * k] | units[2 * k + 1] << 8);
+        end += EncodeUtf16(decoded.codePoint, reinterpret_cast<uint8_t *>(end));
         i += decoded.taken;
     }
+    out.resize(static_cast<size_t>(end - out.data()));
+}
+
+// One code point of an NT name to at most four bytes at `out`; the count, or 0 for what a name never holds.
+size_t EncodePosix(char32_t c, uint8_t *out)
+{
+    if (c == 0 || c == '/' || (c < 0x80 && kForbidden[c]))
+        return 0;
+    if (IsMappedCharacter(c))
+        c -= kMappedCharacter;
+    if (!IsMappedByte(c))
+        return EncodeUtf8(c, out);
+    *out = static_cast<uint8_t>(c - kMappedByte);
+    return 1;
 }
 
 bool AppendPosixName(std::u16string_view name, std::string &out)
 {
     const uint8_t *units = reinterpret_cast<const uint8_t *>(name.data());
     const size_t start = out.size();
+    out.resize(start + name.size() * 3);
+    uint8_t *const first = reinterpret_cast<uint8_t *>(out.data()) + start;
+    uint8_t *end = first;
     bool hasMappedBytes = false;
     for (size_t i = 0; i < name.size();) {
         const DecodedCodePoint decoded = DecodeUtf16(units, i, name.size());
-        const char32_t c = decoded.codePoint;
-        if (decoded.taken == 0 || c == 0 || c == '/' || (c < 0x80 && kForbidden[c]))
+        const size_t written = decoded.taken ? EncodePosix(decoded.codePoint, end) : 0;
+        if (written == 0)
             return false;
+        hasMappedBytes |= IsMappedByte(decoded.codePoint);
+        end += written;
         i += decoded.taken;
-        if (c < 0x80) {
-            out += static_cast<char>(c);
-        } else if (IsMappedCharacter(c)) {
-            out += static_cast<char>(c - kMappedCharacter);
-        } else if (IsMappedByte(c)) {
-            out += static_cast<char>(c - kMappedByte);
-            hasMappedBytes = true;
-        } else {
-            uint8_t bytes[4];
-            out.append(reinterpret_cast<const char *>(bytes), EncodeUtf8(c, bytes));
-        }
     }
+    out.resize(start + static_cast<size_t>(end - first));
     if (!hasMappedBytes)
         return true;
     // Mapped bytes that together are valid UTF-8 are the second spelling of a name: it has one already.
