@@ -1,0 +1,27 @@
+// Facts of this process and who runs it. Any thread. The id of a thread is in Threads.h.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace fodr::platform {
+
+// Empty when it can't be told.
+std::u16string ComputerName();
+std::string UserName();
+
+uint32_t CurrentProcessId();
+
+inline constexpr uint32_t kNoSession = 0xFFFFFFFF;
+
+// The desktop session of this process. False, with kNoSession, when it can't be told.
+bool CurrentSessionId(uint32_t &sessionId);
+// The session of the calling thread's own identity. True with kNoSession when the thread has none of its own,
+// which on Linux is always so; false when the question failed.
+bool ThreadSessionId(uint32_t &sessionId);
+
+// The absolute path of the library or program that holds the address, of the program for null. Empty when
+// there is none.
+std::string ModulePath(const void *address);
+
+} // namespace fodr::platform

@@ -1,0 +1,78 @@
+// The settings store, in the shape of the Windows registry: advapi32 on Windows, files on Linux.
+//
+// Key paths and value names are UTF-8, their components separated by a backslash and compared without case.
+// Every result is a Windows error code (platform/SystemError.h). Any thread; a key is used and closed by one
+// thread at a time.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace fodr::platform {
+
+enum class RegistryRoot : uint32_t { ClassesRoot, CurrentUser, LocalMachine, Users, CurrentConfig };
+
+// Value types (MS-RRP 3.1.1.5).
+inline constexpr uint32_t kRegNone = 0;
+inline constexpr uint32_t kRegSz = 1;
+inline constexpr uint32_t kRegExpandSz = 2;
+inline constexpr uint32_t kRegBinary = 3;
+inline constexpr uint32_t kRegDword = 4;
+inline constexpr uint32_t kRegDwordBigEndian = 5;
+inline constexpr uint32_t kRegLink = 6;
+inline constexpr uint32_t kRegMultiSz = 7;
+inline constexpr uint32_t kRegResourceList = 8;
+inline constexpr uint32_t kRegFullResourceDescriptor = 9;
+inline constexpr uint32_t kRegResourceRequirementsList = 10;
+inline constexpr uint32_t kRegQword = 11;
+
+inline constexpr uint32_t kRegKeyRead = 0x20019;
+inline constexpr uint32_t kRegKeyWow64Key64 = 0x0100;
+inline constexpr uint32_t kRegKeyWow64Key32 = 0x0200;
+inline constexpr uint32_t kRegKeyAllAccess = 0xF003F;
+
+inline constexpr uint32_t kRegNotifyChangeName = 1;
+inline constexpr uint32_t kRegNotifyChangeLastSet = 4;
+
+using RegistryKey = void *;
+
+// Opens `path` below a root. kErrorFileNotFound when there is no such key: a key is there when it, or one
+// below it, is in the store. The key is the caller's to close.
+uint32_t RegistryOpen(RegistryRoot root, const std::string &path, uint32_t access, RegistryKey *key);
+
+// Opens the key, making it and those above it first where they are missing.
+uint32_t RegistryCreate(RegistryRoot root, const std::string &path, uint32_t access, RegistryKey *key);
+
+// The type and the bytes of a value. `*size` is the room at `data` and becomes the size of the value; too
+// little room gives kErrorMoreData, a null `data` only asks and gives 0. `type` may be null.
+//
+// Texts are UTF-8, with `wide` UTF-16LE, both with the terminator (two at the end of a list); numbers are
+// little-endian. Text with a terminator is read as it stands in the store: on Windows it may lack one.
+uint32_t RegistryQuery(RegistryKey key, const std::string &name, bool wide, uint32_t *type, void *data,
+                       uint32_t *size);
+
+// Sets a value of the key, in the same forms. On Linux kRegSz, kRegExpandSz, kRegMultiSz, kRegDword,
+// kRegQword and kRegBinary can be kept; another type gives kErrorInvalidParameter. A store that can't be read
+// whole is not written to: kErrorInvalidData.
+uint32_t RegistrySet(RegistryKey key, const std::string &name, uint32_t type, bool wide, const void *data,
+                     uint32_t size);
+
+// Removes a value of the key.
+uint32_t RegistryDeleteValue(RegistryKey key, const std::string &name);
+
+// Removes the key `path` below an open one. A key that has keys below it stays: kErrorAccessDenied.
+uint32_t RegistryDelete(RegistryKey key, const std::string &path);
+
+uint32_t RegistryClose(RegistryKey key);
+
+// Told once when the key changes, on a thread of the store's: it must not block nor call the store.
+using RegistryChangeHandler = void (*)(void *context);
+
+// Asks for one notification of the next change of the key: with kRegNotifyChangeName keys below it that come
+// or go, with kRegNotifyChangeLastSet its values; `watchSubtree` includes all below. Asking again on the same
+// key asks for the next change since the last notification, so that none is lost in between. Closing the key
+// ends it: the handler isn't called after RegistryClose has returned.
+uint32_t RegistryNotify(RegistryKey key, bool watchSubtree, uint32_t filter, RegistryChangeHandler handler,
+                        void *context);
+
+} // namespace fodr::platform

@@ -1,0 +1,110 @@
+// Drive letters, volumes and the devices behind them. Any thread. Errors are Windows' numbers
+// (platform/SystemError.h), 0 for success.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace fodr::platform {
+
+// What stands at a drive's root.
+enum DriveType : uint32_t {
+    kDriveUnknown = 0,
+    kDriveNoRootDir = 1, // no such drive
+    kDriveRemovable = 2,
+    kDriveFixed = 3,
+    kDriveRemote = 4,
+    kDriveCdRom = 5,
+    kDriveRamDisk = 6,
+};
+
+// Of the root "X:\"; the letter in either case.
+DriveType DriveTypeOfLetter(char letter);
+
+// The local path that a letter stands for, without a separator at its end ("/" for the root); empty for a
+// letter that stands for nothing, or that is none. The drive may be gone at the moment. On Windows it is
+// "X:".
+//
+// src/ntposix may not include this header. Its name parsing is given this function when the program starts.
+std::string LocalPathOfDriveLetter(char letter);
+
+// True for the separators of a local path: the backslash everywhere, '/' where local paths have it.
+bool IsLocalSeparator(char c);
+
+// "/home/me", "C:\data", "D:" or a share-relative mixture, as the logic hands them around, as a path that the
+// operating system's own calls take.
+std::string ToLocalPath(const std::string &path);
+
+// The mount point that holds a path; the path needn't exist as long as a parent does.
+uint32_t MountPointOfPath(const std::u16string &path, std::u16string &mountPoint);
+
+// A name that no other volume has and that keeps its meaning while the volume is there. The mount point and
+// the name end in a separator ('/' or a backslash).
+uint32_t VolumeNameOfMountPoint(const std::u16string &mountPoint, std::u16string &name);
+
+inline constexpr uint32_t kBusTypeUsb = 7;
+
+inline constexpr uint32_t kDeviceTypeCdRom = 2;
+inline constexpr uint32_t kDeviceTypeDisk = 7;
+
+// IOCTL_STORAGE_GET_DEVICE_NUMBER.
+struct StorageDeviceNumber {
+    uint32_t DeviceType;
+    uint32_t DeviceNumber; // of the whole disk
+    uint32_t PartitionNumber;
+};
+
+// An open storage device, without any right to its data. One thread.
+class StorageDevice {
+public:
+    StorageDevice();
+    ~StorageDevice();
+    StorageDevice(const StorageDevice &) = delete;
+    StorageDevice &operator=(const StorageDevice &) = delete;
+
+    // A volume's name, its last separator taken away, or a path that StorageDeviceList gave.
+    uint32_t Open(const std::u16string &devicePath);
+    uint32_t QueryBusType(uint32_t &busType);
+    uint32_t QueryNumber(StorageDeviceNumber &number);
+
+private:
+    struct State;
+    std::unique_ptr<State> state;
+};
+
+// The disks (kDeviceTypeDisk) or optical drives (kDeviceTypeCdRom) that are present. One thread.
+class StorageDeviceList {
+public:
+    StorageDeviceList();
+    ~StorageDeviceList();
+    StorageDeviceList(const StorageDeviceList &) = delete;
+    StorageDeviceList &operator=(const StorageDeviceList &) = delete;
+
+    uint32_t Open(uint32_t deviceType);
+    // False when there is no entry of this number.
+    bool HasEntry(uint32_t index);
+    // The size of the entry's detail: kErrorInsufficientBuffer, with the size, is the good outcome.
+    uint32_t QueryDetailSize(uint32_t index, uint32_t &size);
+    // The entry's device path and the number of its device instance.
+    uint32_t QueryDetail(uint32_t index, uint32_t size, std::u16string &devicePath, uint32_t &instance);
+
+private:
+    struct State;
+    std::unique_ptr<State> state;
+};
+
+// For a disk on USB the parent is the USB device.
+bool ParentOfDeviceInstance(uint32_t instance, uint32_t &parent);
+// "USB\VID_0781&PID_5567\4C530001".
+bool IdOfDeviceInstance(uint32_t instance, std::string &id);
+
+// What a path is, itself and not what it leads to.
+enum class LinkKind { SymbolicLink, Junction, Directory, File, Missing };
+
+// kErrorFileNotFound, kErrorPathNotFound, kErrorBadNetPath and kErrorInvalidName come with Missing.
+uint32_t QueryLinkKind(const std::u16string &path, LinkKind &kind);
+// Where a symbolic link points, as it is written in it.
+uint32_t ReadLinkTarget(const std::u16string &link, std::u16string &target);
+
+} // namespace fodr::platform
