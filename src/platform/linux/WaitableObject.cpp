@@ -1,0 +1,228 @@
+#include "platform/linux/WaitableObject.h"
+
+#include <chrono>
+#include <mutex>
+#include <vector>
+
+namespace fodr::platform {
+
+namespace {
+
+// Handles are a slot number and the slot's generation, so that a stale one isn't taken for its successor.
+struct Slot {
+    WaitableObject *object = nullptr;
+    uint32_t generation = 1;
+};
+
+struct Table {
+    std::mutex lock;
+    std::vector<Slot> slots;
+    std::vector<uint32_t> freeSlots;
+};
+
+// Never destroyed: threads may still use events while the process ends.
+Table &TheTable()
+{
+    static Table *const table = new Table;
+    return *table;
+}
+
+Slot *FindSlot(Table &table, Waitable handle)
+{
+    const uint64_t number = reinterpret_cast<uintptr_t>(handle);
+    const uint32_t index = static_cast<uint32_t>(number) - 1; // a null handle is out of range
+    if (index >= table.slots.size())
+        return nullptr;
+    Slot &slot = table.slots[index];
+    return slot.object && slot.generation == number >> 32 ? &slot : nullptr;
+}
+
+WaitableObject *FindObject(Table &table, Waitable handle)
+{
+    Slot *slot = FindSlot(table, handle);
+    return slot ? slot->object : nullptr;
+}
+
+void Unreference(WaitableObject *object)
+{
+    if (--object->references == 0)
+        delete object;
+}
+
+Waitable AddHandle(Table &table, WaitableObject *object)
+{
+    if (table.freeSlots.empty()) {
+        table.slots.emplace_back();
+        table.freeSlots.push_back(static_cast<uint32_t>(table.slots.size() - 1));
+    }
+    const uint32_t index = table.freeSlots.back();
+    table.freeSlots.pop_back();
+    Slot &slot = table.slots[index];
+    slot.object = object;
+    ++object->references;
+    return reinterpret_cast<Waitable>(uintptr_t{slot.generation} << 32 | (index + 1));
+}
+
+Waitable CreateObject(bool manualReset, bool isEvent, bool signalled)
+{
+    Table &table = TheTable();
+    std::lock_guard guard(table.lock);
+    return AddHandle(table, new WaitableObject{manualReset, isEvent, signalled});
+}
+
+// Ends the wait if the objects allow it, and takes what ended it from the auto-reset ones.
+bool TrySatisfy(Waiter &waiter)
+{
+    auto take = [](WaitableObject &object) { object.signalled = object.signalled && object.manualReset; };
+    if (waiter.waitAll) {
+        for (uint32_t i = 0; i < waiter.count; ++i) {
+            if (!waiter.entries[i].object->signalled)
+                return false;
+        }
+        for (uint32_t i = 0; i < waiter.count; ++i)
+            take(*waiter.entries[i].object);
+        waiter.satisfied = waiter.count != 0;
+        return waiter.satisfied;
+    }
+    for (uint32_t i = 0; i < waiter.count; ++i) {
+        if (waiter.entries[i].object->signalled) {
+            take(*waiter.entries[i].object);
+            waiter.satisfied = true;
+            waiter.index = i;
+            return true;
+        }
+    }
+    return false;
+}
+
+// Satisfies waits here rather than letting woken threads look for themselves: a reset that follows at once
+// takes nothing back from them, and an auto-reset event wakes one thread only, the longest waiting.
+void Signal(WaitableObject &object)
+{
+    object.signalled = true;
+    for (WaitEntry *entry = object.firstWaiter; entry && object.signalled; entry = entry->next) {
+        if (!entry->waiter->satisfied && TrySatisfy(*entry->waiter))
+            entry->waiter->wake.notify_one();
+    }
+}
+
+void Enqueue(WaitEntry &entry)
+{
+    WaitableObject &object = *entry.object;
+    entry.next = nullptr;
+    entry.previous = object.lastWaiter;
+    (object.lastWaiter ? object.lastWaiter->next : object.firstWaiter) = &entry;
+    object.lastWaiter = &entry;
+}
+
+void Dequeue(WaitEntry &entry)
+{
+    WaitableObject &object = *entry.object;
+    (entry.previous ? entry.previous->next : object.firstWaiter) = entry.next;
+    (entry.next ? entry.next->previous : object.lastWaiter) = entry.previous;
+}
+
+void Sleep(std::unique_lock<std::mutex> &held, Waiter &waiter, uint32_t timeoutMS)
+{
+    for (uint32_t i = 0; i < waiter.count; ++i) {
+        ++waiter.entries[i].object->references;
+        Enqueue(waiter.entries[i]);
+    }
+    auto satisfied = [&waiter] { return waiter.satisfied; };
+    if (timeoutMS == kWaitForever)
+        waiter.wake.wait(held, satisfied);
+    else
+        waiter.wake.wait_until(held, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMS),
+                               satisfied);
+    for (uint32_t i = 0; i < waiter.count; ++i) {
+        Dequeue(waiter.entries[i]);
+        Unreference(waiter.entries[i].object);
+    }
+}
+
+} // namespace
+
+Waitable CreateEventObject(bool manualReset, bool initiallySet, const char *)
+{
+    return CreateObject(manualReset, true, initiallySet);
+}
+
+Waitable CreateThreadObject()
+{
+    return CreateObject(true, false, false);
+}
+
+Waitable DuplicateWaitable(Waitable handle)
+{
+    Table &table = TheTable();
+    std::lock_guard guard(table.lock);
+    WaitableObject *object = FindObject(table, handle);
+    return object ? AddHandle(table, object) : nullptr;
+}
+
+bool CloseWaitable(Waitable handle)
+{
+    Table &table = TheTable();
+    std::lock_guard guard(table.lock);
+    Slot *slot = FindSlot(table, handle);
+    if (!slot)
+        return false;
+    Unreference(slot->object);
+    slot->object = nullptr;
+    ++slot->generation;
+    table.freeSlots.push_back(static_cast<uint32_t>(slot - table.slots.data()));
+    return true;
+}
+
+bool SetEventObject(Waitable handle)
+{
+    Table &table = TheTable();
+    std::lock_guard guard(table.lock);
+    WaitableObject *object = FindObject(table, handle);
+    if (!object || !object->isEvent)
+        return false;
+    Signal(*object);
+    return true;
+}
+
+bool ResetEventObject(Waitable handle)
+{
+    Table &table = TheTable();
+    std::lock_guard guard(table.lock);
+    WaitableObject *object = FindObject(table, handle);
+    if (!object || !object->isEvent)
+        return false;
+    object->signalled = false;
+    return true;
+}
+
+void SignalThreadObject(Waitable handle)
+{
+    Table &table = TheTable();
+    std::lock_guard guard(table.lock);
+    if (WaitableObject *object = FindObject(table, handle))
+        Signal(*object);
+}
+
+WaitResult WaitForWaitables(const Waitable *handles, size_t count, uint32_t timeoutMS, WaitOptions options)
+{
+    if (count > kMaximumWaitables || (count == 0 && !options.messagesToo))
+        return {WaitStatus::Failed, 0};
+    WaitEntry entries[kMaximumWaitables];
+    Waiter waiter{
+        .wake = {}, .entries = entries, .count = static_cast<uint32_t>(count), .waitAll = options.waitAll};
+    Table &table = TheTable();
+    std::unique_lock held(table.lock);
+    for (size_t i = 0; i < count; ++i) {
+        entries[i].waiter = &waiter;
+        entries[i].object = FindObject(table, handles[i]);
+        if (!entries[i].object)
+            return {WaitStatus::Failed, 0};
+    }
+    if (!TrySatisfy(waiter) && timeoutMS != 0)
+        Sleep(held, waiter, timeoutMS);
+    return waiter.satisfied ? WaitResult{WaitStatus::Object, waiter.index}
+                            : WaitResult{WaitStatus::TimedOut, 0};
+}
+
+} // namespace fodr::platform
