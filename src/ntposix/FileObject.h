@@ -2,13 +2,16 @@
 // mark of a pending deletion and the range locks hang here.
 //
 // Any thread. The object lives until its last OpenFile is destroyed; an inode that is held by a descriptor
-// isn't reused, so the key stays true for that long.
+// isn't reused, so the key stays true for that long. The lock is taken for a few instructions, never across a
+// file call.
 #pragma once
 
 #include "ntposix/LockTable.h"
 #include "ntposix/Mutex.h"
+#include "platform/NtStatus.h"
 
 #include <cstdint>
+#include <string>
 #include <sys/types.h>
 #include <vector>
 
@@ -29,18 +32,54 @@ public:
     FileObject &operator=(const FileObject &) = delete;
 
     const FileKey key;
-
     LockTable locks;
 
-    // Taken for a few instructions, never across a file call.
-    Mutex lock;
-    // Those whose handle isn't closed yet.
-    std::vector<OpenFile *> opens GUARDED_BY(lock);
+    // Admits an open: STATUS_SHARING_VIOLATION, STATUS_DELETE_PENDING or success. `extraAccess` are rights
+    // that the create itself uses (an overwrite writes) and that aren't granted. `linkCount` is the file's.
+    [[nodiscard]] nt::NTSTATUS Admit(OpenFile &open, uint32_t extraAccess, uint32_t linkCount) EXCLUDES(lock);
+
+    // The handle is closed: its share modes go, and its FILE_DELETE_ON_CLOSE becomes a pending deletion. True
+    // when it was the last one of a name that is to be deleted: the caller deletes the file, then calls
+    // Leave. Until then new opens are refused.
+    [[nodiscard]] bool Close(OpenFile &open) EXCLUDES(lock);
+    void Leave(OpenFile &open) EXCLUDES(lock);
+
+    // Sets or takes back the mark on every open of the same name.
+    void SetDeletePending(const OpenFile &open, bool pending, uint32_t linkCount) EXCLUDES(lock);
+    [[nodiscard]] bool IsDeletePending(const OpenFile &open) EXCLUDES(lock);
+
+    // Whether a rename may put another file in this one's place: every open shares deletion and none is
+    // pending.
+    [[nodiscard]] bool MayBeReplaced() EXCLUDES(lock);
+
+    [[nodiscard]] std::string PathOf(const OpenFile &open) EXCLUDES(lock);
+    // Every open that had the name has the new one.
+    void Renamed(const std::string &oldPath, const std::string &newPath) EXCLUDES(lock);
 
 private:
     friend class FileObjectTable;
 
-    uint32_t references = 0; // by the table's shard lock
+    struct ShareCounts {
+        uint32_t opens = 0; // those that take part: attribute-only opens don't
+        uint32_t readers = 0;
+        uint32_t writers = 0;
+        uint32_t deleters = 0;
+        uint32_t sharedRead = 0;
+        uint32_t sharedWrite = 0;
+        uint32_t sharedDelete = 0;
+    };
+
+    bool SharesName(const OpenFile &a, const OpenFile &b) const REQUIRES(lock);
+    bool MayShare(uint32_t access, uint32_t share) const REQUIRES(lock);
+    void Count(const OpenFile &open, uint32_t step) REQUIRES(lock);
+    void MarkName(const OpenFile &open, bool pending) REQUIRES(lock);
+
+    Mutex lock;
+    // Those that weren't left yet.
+    std::vector<OpenFile *> opens GUARDED_BY(lock);
+    ShareCounts counts GUARDED_BY(lock);
+    bool manyLinks GUARDED_BY(lock) = false; // then a name is told by its path
+    uint32_t references = 0;                 // by the lock of the table's shard
 };
 
 } // namespace fodr::ntposix

@@ -69,7 +69,7 @@ private:
     static constexpr uint32_t kChunkSlots = 1024;
     static constexpr uint32_t kChunks = (1u << kIndexBits) / kChunkSlots;
 
-    HandleSlot *SlotOf(uint32_t index) const;
+    HandleSlot *SlotOf(nt::HANDLE handle) const; // null for what was never a handle
     bool Grow() REQUIRES(freeLock);
     void Free(HandleSlot *slot);
 

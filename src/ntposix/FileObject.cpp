@@ -1,0 +1,135 @@
+#include "ntposix/FileObject.h"
+
+#include "ntposix/OpenFile.h"
+
+#include <algorithm>
+
+namespace fodr::ntposix {
+
+using namespace nt;
+
+namespace {
+
+constexpr uint32_t kReads = FILE_READ_DATA | FILE_EXECUTE;
+constexpr uint32_t kWrites = FILE_WRITE_DATA | FILE_APPEND_DATA;
+constexpr uint32_t kTakesPart = kReads | kWrites | DELETE_ACCESS;
+
+} // namespace
+
+NTSTATUS FileObject::Admit(OpenFile &open, uint32_t extraAccess, uint32_t linkCount)
+{
+    const MutexLock guard(lock);
+    manyLinks |= linkCount > 1;
+    for (const OpenFile *other : opens) {
+        if (other->deletePending && SharesName(*other, open))
+            return STATUS_DELETE_PENDING;
+    }
+    if (!MayShare(open.access | extraAccess, open.share))
+        return STATUS_SHARING_VIOLATION;
+    opens.push_back(&open);
+    Count(open, 1);
+    return STATUS_SUCCESS;
+}
+
+bool FileObject::Close(OpenFile &open)
+{
+    const MutexLock guard(lock);
+    Count(open, static_cast<uint32_t>(-1));
+    if (open.deleteOnClose)
+        MarkName(open, true);
+    bool others = false;
+    for (const OpenFile *other : opens)
+        others |= other != &open && SharesName(*other, open);
+    if (open.deletePending && !others)
+        return true;
+    std::erase(opens, &open);
+    return false;
+}
+
+void FileObject::Leave(OpenFile &open)
+{
+    const MutexLock guard(lock);
+    std::erase(opens, &open);
+}
+
+void FileObject::SetDeletePending(const OpenFile &open, bool pending, uint32_t linkCount)
+{
+    const MutexLock guard(lock);
+    manyLinks |= linkCount > 1;
+    MarkName(open, pending);
+}
+
+bool FileObject::IsDeletePending(const OpenFile &open)
+{
+    const MutexLock guard(lock);
+    return open.deletePending;
+}
+
+bool FileObject::MayBeReplaced()
+{
+    const MutexLock guard(lock);
+    return counts.sharedDelete == counts.opens &&
+           std::none_of(opens.begin(), opens.end(), [](const OpenFile *open) { return open->deletePending; });
+}
+
+std::string FileObject::PathOf(const OpenFile &open)
+{
+    const MutexLock guard(lock);
+    return open.path;
+}
+
+void FileObject::Renamed(const std::string &oldPath, const std::string &newPath)
+{
+    const MutexLock guard(lock);
+    for (OpenFile *open : opens) {
+        if (open->path == oldPath)
+            open->path = newPath;
+    }
+}
+
+bool FileObject::SharesName(const OpenFile &a, const OpenFile &b) const
+{
+    return !manyLinks || a.path == b.path;
+}
+
+// Every right that is asked for must be shared by all that are open, and every right that is in use must be
+// shared by the one that comes (MS-FSA 2.1.5.1.2.2).
+bool FileObject::MayShare(uint32_t access, uint32_t share) const
+{
+    if ((access & kTakesPart) == 0)
+        return true;
+    if ((access & kReads && counts.sharedRead < counts.opens) ||
+        (access & kWrites && counts.sharedWrite < counts.opens) ||
+        (access & DELETE_ACCESS && counts.sharedDelete < counts.opens))
+        return false;
+    return (counts.readers == 0 || share & FILE_SHARE_READ) &&
+           (counts.writers == 0 || share & FILE_SHARE_WRITE) &&
+           (counts.deleters == 0 || share & FILE_SHARE_DELETE);
+}
+
+void FileObject::Count(const OpenFile &open, uint32_t step)
+{
+    if ((open.access & kTakesPart) == 0)
+        return;
+    auto count = [step](uint32_t &counter, uint32_t applies) {
+        if (applies)
+            counter += step;
+    };
+    counts.opens += step;
+    count(counts.readers, open.access & kReads);
+    count(counts.writers, open.access & kWrites);
+    count(counts.deleters, open.access & DELETE_ACCESS);
+    count(counts.sharedRead, open.share & FILE_SHARE_READ);
+    count(counts.sharedWrite, open.share & FILE_SHARE_WRITE);
+    count(counts.sharedDelete, open.share & FILE_SHARE_DELETE);
+}
+
+void FileObject::MarkName(const OpenFile &open, bool pending)
+{
+    for (OpenFile *other : opens) {
+        if (SharesName(*other, open))
+            other->deletePending = pending;
+    }
+}
+
+} // namespace fodr::ntposix
