@@ -1,0 +1,105 @@
+// The library as a host finds it: loaded, by its exports, against a host of its own.
+#include "SettingsFixture.h"
+#include "odpservice/odpservice.h"
+#include "plugin/RecordingHost.h"
+
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace fodr {
+namespace {
+
+class Library : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        handle = dlopen(FODR_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(handle, nullptr) << dlerror();
+    }
+    void TearDown() override
+    {
+        if (handle)
+            dlclose(handle);
+    }
+    template <typename Function> Function Export(const char *name)
+    {
+        return reinterpret_cast<Function>(dlsym(handle, name));
+    }
+    std::string Store() const
+    {
+        std::ifstream file(settings.Folder() + "/HKEY_LOCAL_MACHINE.ini");
+        std::stringstream text;
+        text << file.rdbuf();
+        return text.str();
+    }
+
+    test::SettingsFixture settings;
+    void *handle = nullptr;
+};
+
+TEST_F(Library, TheTokenIsCutToTheBuffer)
+{
+    auto getToken = Export<ODPService_PluginGetTokenNameFn>(ODP_EXPORT_GET_TOKEN_NAME);
+    ASSERT_NE(getToken, nullptr);
+    char buffer[8] = "#######";
+    EXPECT_TRUE(getToken(buffer, 3));
+    EXPECT_STREQ(buffer, "fo");
+    EXPECT_EQ(buffer[3], '#');
+    EXPECT_TRUE(getToken(buffer, sizeof(buffer)));
+    EXPECT_STREQ(buffer, "fodr");
+}
+
+TEST_F(Library, RegistersItselfAndTakesOnlyItselfOutAgain)
+{
+    auto registerServer = Export<DllRegisterServerFn>("DllRegisterServer");
+    auto unregisterServer = Export<DllUnregisterServerFn>("DllUnregisterServer");
+    EXPECT_EQ(unregisterServer(), 0); // nothing there yet
+    EXPECT_EQ(registerServer(), 0);
+    EXPECT_NE(Store().find("tcpEnabled=sz:true"), std::string::npos) << Store();
+    EXPECT_NE(Store().find("dll=sz:" + std::filesystem::canonical(FODR_PLUGIN_PATH).string()), std::string::npos)
+        << Store();
+    EXPECT_EQ(unregisterServer(), 0);
+    EXPECT_EQ(Store().find("tcpEnabled"), std::string::npos) << Store();
+}
+
+TEST_F(Library, ServesAWholeHandshakeAndAFolderCommandOverItsChannel)
+{
+    settings.CreateKey(); // with no RedirectAll: no drive is shared
+    test::RecordingHost host;
+    auto init = Export<ODPService_PluginInitFn>(ODP_EXPORT_INIT);
+    auto exit = Export<ODPService_PluginExitFn>(ODP_EXPORT_EXIT);
+    auto create = Export<ODPService_PluginCreateInstanceFn>(ODP_EXPORT_CREATE_INSTANCE);
+    auto destroy = Export<ODPService_PluginDestroyInstanceFn>(ODP_EXPORT_DESTROY_INSTANCE);
+
+    void *instance = nullptr;
+    EXPECT_FALSE(create(this, &instance)); // not initialised yet
+    EXPECT_TRUE(init(host.Record()));
+    ASSERT_TRUE(create(this, &instance));
+    EXPECT_TRUE(host.Called("Subscribe FORLDER_REDIRECTION_CMD"));
+    host.BringUp();
+
+    // Two parameters, or none, reach nothing; an empty block is a packet all the same and is dropped.
+    host.Deliver({"a", "b"});
+    host.Deliver({});
+    host.Deliver({""});
+    using namespace std::string_literals;
+    host.Deliver({"\x72\x44\x6E\x49\x01\x00\x0C\x00\x78\x56\x34\x12"s}); // server announce
+
+    EXPECT_FALSE(host.Command("c1", "SHARE,/tmp|x"));
+    EXPECT_TRUE(destroy(instance)); // waits for what was queued
+    EXPECT_TRUE(host.Called("Unsubscribe 7"));
+    EXPECT_EQ(host.sent, (std::vector<std::string>{
+                             "\x72\x44\x43\x43\x01\x00\x0C\x00\x78\x56\x34\x12"s,
+                             "\xFE\xFF\x01\x00\x06\x00\x0C\x00"s,
+                         }));
+    EXPECT_EQ(host.liveMessages, 0);
+    EXPECT_TRUE(exit());
+    EXPECT_FALSE(create(this, &instance));
+}
+
+} // namespace
+} // namespace fodr
