@@ -1,16 +1,11 @@
 // The eight exports. Apart from the trace of entry and exit they only forward.
 #include "odpservice/odpservice.h"
+#include "platform/Export.h"
 #include "plugin/FodrClient.h"
 #include "plugin/Registration.h"
 #include "runtime/FunctionTrace.h"
 
 #include <cstdio>
-
-#if defined(_WIN32)
-#define FODR_EXPORT extern "C" __declspec(dllexport)
-#else
-#define FODR_EXPORT extern "C" __attribute__((visibility("default")))
-#endif
 
 namespace {
 
