@@ -7,14 +7,14 @@
 // without pause can't block each other.
 #pragma once
 
-#include "lib/misc/ThreadSafety.h"
 #include "platform/ByteStream.h"
+#include "transport/FrameBuffer.h"
 #include "transport/Frames.h"
+#include "transport/Mutex.h"
 
 #include <atomic>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -73,15 +73,15 @@ public:
     bool IsClosed() const { return closed; }
 
 private:
-    enum class Wait { ForTurn, Never };
-
     bool SendBlocks(std::span<const platform::ByteView> blocks);
-    bool SendBytes(platform::ByteView frame);
+    bool SendBytes(const std::vector<std::byte> &frame);
+    bool QueueFromReader(std::span<const platform::ByteView> blocks, size_t size);
+    bool WriteInTurn(std::span<const platform::ByteView> blocks) REQUIRES(sendLock);
     void AppendPending(std::span<const platform::ByteView> blocks) REQUIRES(sendLock);
-    bool WriteAsTurnHolder(std::span<const platform::ByteView> blocks, std::unique_lock<std::mutex> &lock);
     void ReaderMain();
-    std::string ReadFrames();
-    bool WaitedTooLong(uint32_t *silentMS, uint32_t waitedMS);
+    std::string ReadUntilEnd();
+    bool DrainFrames(FrameBuffer *buffer, std::string *reason);
+    ptrdiff_t ReadOrPing(std::span<std::byte> room);
     void FlusherMain();
 
     const std::unique_ptr<platform::ByteStream> stream;
@@ -90,17 +90,18 @@ private:
     std::atomic<uint32_t> pingAfterMS{0};
     std::atomic<uint32_t> deadAfterMS{0};
 
-    std::mutex sendLock;
-    std::condition_variable turnChanged;   // writing, pending or closed has changed
-    std::condition_variable flusherWakeup; // pending has bytes and nobody writes, or closed
-    bool writing = false;                  // a thread holds the turn to write
-    uint32_t waitingWriters = 0;
-    std::vector<std::byte> pending; // whole frames that wait for the next write
-    std::string closeReason;
+    Mutex sendLock;
+    std::condition_variable_any turnChanged;   // writing, pending or closed has changed
+    std::condition_variable_any flusherWakeup; // pending has bytes and nobody writes, or closed
+    bool writing GUARDED_BY(sendLock) = false; // a thread holds the turn to write
+    uint32_t waitingWriters GUARDED_BY(sendLock) = 0;
+    std::vector<std::byte> pending GUARDED_BY(sendLock); // whole frames that wait for the next write
+    std::string closeReason GUARDED_BY(sendLock);
+    std::vector<std::byte> inWrite; // what pending was; the turn holder's
 
     std::thread reader;
     std::thread flusher;
-    std::atomic<std::thread::id> readerId;
+    std::atomic<std::thread::id> readerId{};
 };
 
 } // namespace fodr::transport

@@ -1,0 +1,67 @@
+// Frames to bytes and back. A body is taken apart in one place, which never reads outside it and names the
+// rule that a bad one breaks.
+#pragma once
+
+#include "platform/ByteStream.h"
+#include "transport/Frames.h"
+
+#include <vector>
+
+namespace fodr::transport {
+
+// Types of a parameter: those of the variants that plug-ins use.
+inline constexpr uint16_t kNumberParameter = 0x13;
+inline constexpr uint16_t kBlockParameter = 0x41;
+
+// Whether a text can stand in a frame that allows `limit` bytes of it.
+inline bool FitsIn(std::string_view text, size_t limit)
+{
+    return text.size() <= limit && text.find('\0') == std::string_view::npos;
+}
+
+// Takes one body apart and hands the frame to `receiver`. Null when it was good, else why it wasn't: a text
+// that lives forever. The receiver hears nothing of a bad frame.
+[[nodiscard]] const char *DecodeFrame(FrameType type, platform::ByteView body, IFrameReceiver *receiver);
+
+// A whole frame, header included. Empty when a limit of Frames.h would be broken.
+std::vector<std::byte> EncodeFrame(const Hello &frame);
+std::vector<std::byte> EncodeFrame(const ObjectAnnounce &frame);
+std::vector<std::byte> EncodeFrame(const ObjectState &frame);
+std::vector<std::byte> EncodeFrame(const MessageDone &frame);
+std::vector<std::byte> EncodeFrame(const MessageAbort &frame);
+std::vector<std::byte> EncodeFrame(const SideRequest &frame);
+std::vector<std::byte> EncodeFrame(const SideOffer &frame);
+std::vector<std::byte> EncodeFrame(const SideRefused &frame);
+std::vector<std::byte> EncodeFrame(const SideHello &frame);
+std::vector<std::byte> EncodeFrame(const SideReady &frame);
+std::vector<std::byte> EncodeFrame(const Notice &frame);
+std::vector<std::byte> EncodeFrame(const Goodbye &frame);
+std::vector<std::byte> EncodeBare(FrameType type); // ping and pong
+
+// A message as blocks to be written one after the other: headers that this object holds, and the payloads of
+// the caller, uncopied.
+class MessageBlocks {
+public:
+    explicit MessageBlocks(const Message &frame);
+    // Empty when a limit of Frames.h would be broken.
+    std::span<const platform::ByteView> Blocks() const { return {blocks.data(), blockCount}; }
+
+private:
+    void Add(platform::ByteView block) { blocks[blockCount++] = block; }
+
+    static constexpr size_t kMessageHeaderSize = kFrameHeaderSize + 16;
+    static constexpr size_t kParameterHeaderSize = 8;
+    std::array<std::byte, kMessageHeaderSize + kMaxParameters * kParameterHeaderSize> headers;
+    std::array<platform::ByteView, 2 * kMaxParameters + 1> blocks;
+    size_t blockCount = 0;
+};
+
+// The header in front of a body.
+struct FrameHeader {
+    uint32_t bodySize = 0;
+    FrameType type{};
+};
+// Null when the header is good, else why it isn't. `bytes` holds kFrameHeaderSize of them.
+[[nodiscard]] const char *DecodeHeader(const std::byte *bytes, FrameHeader *header);
+
+} // namespace fodr::transport

@@ -1,0 +1,326 @@
+#include "transport/FrameConnection.h"
+
+#include "transport/FrameCodec.h"
+
+#include <algorithm>
+#include <chrono>
+
+namespace fodr::transport {
+namespace {
+
+// A frame up to this size joins the next write when the stream is busy; copying it is cheaper than waiting.
+constexpr size_t kJoinedFrame = 16 << 10;
+constexpr size_t kJoinedTotal = 1 << 20;
+// What a receiver may queue from its calls before the peer counts as one that doesn't read.
+constexpr size_t kQueueLimit = 2 * kMaxFrameBody;
+constexpr uint32_t kLongestWaitMS = 3600 * 1000;
+constexpr size_t kPongLimit = 64 << 10; // with so much queued the peer sees signs of life anyway
+
+size_t TotalSize(std::span<const platform::ByteView> blocks)
+{
+    size_t size = 0;
+    for (const platform::ByteView block : blocks)
+        size += block.size();
+    return size;
+}
+
+} // namespace
+
+FrameConnection::FrameConnection(std::unique_ptr<platform::ByteStream> byteStream,
+                                 IConnectionReceiver *target)
+    : stream(std::move(byteStream)), receiver(target)
+{}
+
+FrameConnection::~FrameConnection()
+{
+    Close("closed on this side");
+    if (reader.joinable())
+        reader.join();
+    if (flusher.joinable())
+        flusher.join();
+}
+
+void FrameConnection::Start()
+{
+    flusher = std::thread([this] { FlusherMain(); });
+    reader = std::thread([this] { ReaderMain(); });
+}
+
+void FrameConnection::SetKeepAlive(const KeepAlive &times)
+{
+    pingAfterMS = times.pingAfterMS;
+    deadAfterMS = times.deadAfterMS;
+}
+
+// ---- Sending ----
+
+bool FrameConnection::Send(const Message &frame)
+{
+    const MessageBlocks message(frame);
+    return !message.Blocks().empty() && SendBlocks(message.Blocks());
+}
+
+bool FrameConnection::SendPost(uint32_t object, uint32_t requestId, platform::ByteView block)
+{
+    Message frame;
+    frame.object = object;
+    frame.requestId = requestId;
+    frame.flags = Message::kPost;
+    frame.parameterCount = 1;
+    frame.parameters[0] = {.isBlock = true, .block = block};
+    return Send(frame);
+}
+
+bool FrameConnection::Send(const Hello &frame)
+{
+    return SendBytes(EncodeFrame(frame));
+}
+bool FrameConnection::Send(const ObjectAnnounce &frame)
+{
+    return SendBytes(EncodeFrame(frame));
+}
+bool FrameConnection::Send(const ObjectState &frame)
+{
+    return SendBytes(EncodeFrame(frame));
+}
+bool FrameConnection::Send(const MessageDone &frame)
+{
+    return SendBytes(EncodeFrame(frame));
+}
+bool FrameConnection::Send(const MessageAbort &frame)
+{
+    return SendBytes(EncodeFrame(frame));
+}
+bool FrameConnection::Send(const SideRequest &frame)
+{
+    return SendBytes(EncodeFrame(frame));
+}
+bool FrameConnection::Send(const SideOffer &frame)
+{
+    return SendBytes(EncodeFrame(frame));
+}
+bool FrameConnection::Send(const SideRefused &frame)
+{
+    return SendBytes(EncodeFrame(frame));
+}
+bool FrameConnection::Send(const SideHello &frame)
+{
+    return SendBytes(EncodeFrame(frame));
+}
+bool FrameConnection::Send(const SideReady &frame)
+{
+    return SendBytes(EncodeFrame(frame));
+}
+bool FrameConnection::Send(const Notice &frame)
+{
+    return SendBytes(EncodeFrame(frame));
+}
+bool FrameConnection::Send(const Goodbye &frame)
+{
+    return SendBytes(EncodeFrame(frame));
+}
+
+bool FrameConnection::SendBytes(const std::vector<std::byte> &frame)
+{
+    const platform::ByteView block = frame;
+    return !frame.empty() && SendBlocks({&block, 1});
+}
+
+void FrameConnection::AppendPending(std::span<const platform::ByteView> blocks)
+{
+    for (const platform::ByteView block : blocks)
+        pending.insert(pending.end(), block.begin(), block.end());
+}
+
+bool FrameConnection::SendBlocks(std::span<const platform::ByteView> blocks)
+{
+    const size_t size = TotalSize(blocks);
+    if (readerId.load() == std::this_thread::get_id())
+        return QueueFromReader(blocks, size);
+    const MutexLock lock(sendLock);
+    if (writing || waitingWriters != 0) {
+        if (closed)
+            return false;
+        if (size <= kJoinedFrame && pending.size() <= kJoinedTotal) {
+            AppendPending(blocks);
+            return true;
+        }
+        ++waitingWriters;
+        while (writing && !closed)
+            turnChanged.wait(sendLock);
+        --waitingWriters;
+    }
+    return !closed && WriteInTurn(blocks);
+}
+
+// Written by the turn's holder or the flusher, so that the reader goes on reading.
+bool FrameConnection::QueueFromReader(std::span<const platform::ByteView> blocks, size_t size)
+{
+    bool tooMuch = false;
+    {
+        const MutexLock lock(sendLock);
+        if (closed)
+            return false;
+        tooMuch = size > kQueueLimit - std::min(pending.size(), kQueueLimit);
+        if (!tooMuch)
+            AppendPending(blocks);
+        if (!writing)
+            flusherWakeup.notify_one();
+    }
+    if (tooMuch)
+        Close("the peer sends and doesn't read");
+    return !tooMuch;
+}
+
+// Writes what is pending, then `blocks`, then what has gathered meanwhile unless another waits for its turn.
+bool FrameConnection::WriteInTurn(std::span<const platform::ByteView> blocks)
+{
+    std::array<platform::ByteView, 2 * kMaxParameters + 2> all;
+    bool good = true;
+    writing = true;
+    do {
+        inWrite.clear();
+        inWrite.swap(pending);
+        size_t count = 0;
+        if (!inWrite.empty())
+            all[count++] = inWrite;
+        for (const platform::ByteView block : blocks)
+            all[count++] = block;
+        blocks = {};
+        sendLock.unlock();
+        good = stream->Write({all.data(), count});
+        sendLock.lock();
+    } while (good && !pending.empty() && waitingWriters == 0 && !closed);
+    writing = false;
+    turnChanged.notify_all();
+    if (!good) {
+        sendLock.unlock();
+        Close("the connection broke while writing");
+        sendLock.lock();
+    }
+    return good;
+}
+
+void FrameConnection::FlusherMain()
+{
+    const MutexLock lock(sendLock);
+    while (!closed) {
+        if (pending.empty() || writing || waitingWriters != 0)
+            flusherWakeup.wait(sendLock);
+        else
+            WriteInTurn({});
+    }
+}
+
+bool FrameConnection::Flush(int timeoutMS)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMS);
+    const MutexLock lock(sendLock);
+    while ((writing || !pending.empty()) && !closed) {
+        if (turnChanged.wait_until(sendLock, end) == std::cv_status::timeout)
+            break;
+    }
+    return !writing && pending.empty();
+}
+
+void FrameConnection::Close(const std::string &reason)
+{
+    {
+        const MutexLock lock(sendLock);
+        if (closeReason.empty())
+            closeReason = reason;
+        closed = true;
+        turnChanged.notify_all();
+        flusherWakeup.notify_all();
+    }
+    stream->Shutdown();
+}
+
+// ---- Receiving ----
+
+void FrameConnection::ReaderMain()
+{
+    readerId = std::this_thread::get_id();
+    Close(ReadUntilEnd());
+    std::string reason;
+    {
+        const MutexLock lock(sendLock);
+        reason = closeReason;
+    }
+    receiver->OnClosed(reason);
+}
+
+std::string FrameConnection::ReadUntilEnd()
+{
+    FrameBuffer buffer;
+    std::string reason;
+    while (!closed) {
+        const ptrdiff_t got = ReadOrPing(buffer.Room());
+        if (got == platform::ByteStream::kEnd)
+            return "the peer closed the connection";
+        if (got == platform::ByteStream::kTimedOut)
+            return "the peer doesn't answer";
+        if (got < 0)
+            return "the connection broke while reading";
+        buffer.Added(static_cast<size_t>(got));
+        if (!DrainFrames(&buffer, &reason))
+            return reason;
+    }
+    return "closed on this side";
+}
+
+// Waits for bytes. Only silence while we wait counts against the peer; the time that a receiver takes
+// doesn't.
+ptrdiff_t FrameConnection::ReadOrPing(std::span<std::byte> room)
+{
+    uint32_t silentMS = 0;
+    for (;;) {
+        const uint32_t ping = pingAfterMS;
+        const uint32_t dead = deadAfterMS;
+        const bool watched = ping != 0 && dead != 0;
+        const uint32_t wait = std::min({ping, dead - std::min(silentMS, dead), kLongestWaitMS});
+        if (watched && silentMS >= dead)
+            return platform::ByteStream::kTimedOut;
+        const ptrdiff_t got =
+            stream->Read(room, watched ? static_cast<int>(wait) : platform::ByteStream::kNoTimeout);
+        if (got != platform::ByteStream::kTimedOut)
+            return got;
+        silentMS += wait;
+        SendBytes(EncodeBare(FrameType::Ping));
+    }
+}
+
+bool FrameConnection::DrainFrames(FrameBuffer *buffer, std::string *reason)
+{
+    FrameHeader header;
+    platform::ByteView body;
+    const char *fault = nullptr;
+    while (!closed) {
+        switch (buffer->Next(&header, &body, &fault)) {
+        case FrameBuffer::Outcome::NeedMore:
+            return true;
+        case FrameBuffer::Outcome::Bad:
+            break;
+        case FrameBuffer::Outcome::Frame:
+            fault = DecodeFrame(header.type, body, receiver);
+            break;
+        }
+        if (fault != nullptr) {
+            *reason = std::string("the peer broke the protocol: ") + fault;
+            return false;
+        }
+        if (header.type == FrameType::Ping) {
+            bool busy;
+            {
+                const MutexLock lock(sendLock);
+                busy = pending.size() > kPongLimit;
+            }
+            if (!busy)
+                SendBytes(EncodeBare(FrameType::Pong));
+        }
+    }
+    *reason = "closed on this side";
+    return false;
+}
+
+} // namespace fodr::transport
