@@ -1,0 +1,194 @@
+#include "platform/linux/SmallThread.h"
+#include "platform/linux/TaskPoolImpl.h"
+
+#ifndef __linux__
+#error "this file is the Linux side"
+#endif
+
+#include <new>
+
+namespace fodr::platform {
+
+thread_local TaskPool::Impl::Worker *TaskPool::Impl::ownWorker = nullptr;
+
+TaskPool::Impl::~Impl()
+{
+    Lock lock(mutex);
+    stopping = true;
+    for (Worker *worker : idle)
+        worker->wake.notify_one();
+    lastThreadGone.wait(lock, [this] { return threads == 0; });
+    // Only what was left for want of a thread.
+    while (!queue.empty()) {
+        const Task task = queue.front();
+        queue.pop_front();
+        lock.unlock();
+        task.callback(task.context);
+        lock.lock();
+    }
+    watchEnded = true;
+    watchWake.notify_one();
+    lock.unlock();
+    if (hasLeaver)
+        pthread_join(leaver, nullptr);
+    if (hasWatcher)
+        pthread_join(watcher, nullptr);
+}
+
+bool TaskPool::Impl::Submit(void (*callback)(void *), void *context)
+{
+    Lock lock(mutex);
+    const uint64_t number = ++submitted;
+    try {
+        queue.push_back({callback, context, number});
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    queued.store(queue.size(), std::memory_order_release);
+    const Orders orders = CallHelp();
+    lock.unlock();
+    if (CarryOut(orders))
+        return true;
+    lock.lock();
+    if (threads != 0)
+        return true; // the others get round to it
+    const auto mine = std::find_if(queue.begin(), queue.end(),
+                                   [number](const Task &task) { return task.number == number; });
+    if (mine == queue.end())
+        return true;
+    queue.erase(mine);
+    queued.store(queue.size(), std::memory_order_release);
+    return false;
+}
+
+size_t TaskPool::Impl::ThreadCount()
+{
+    Lock lock(mutex);
+    return threads;
+}
+
+void TaskPool::Impl::Become(Worker &worker, State state)
+{
+    searching -= worker.state == State::Searching;
+    running -= worker.state == State::Running;
+    worker.state = state;
+    searching += state == State::Searching;
+    running += state == State::Running;
+    worker.stretch += state == State::Running;
+}
+
+// Somebody for the work in the queue, if nobody is on the way.
+TaskPool::Impl::Orders TaskPool::Impl::CallHelp()
+{
+    if (queue.empty() || searching > 0)
+        return {};
+    Orders orders;
+    if (running < target)
+        orders = CallWorker();
+    if (!orders.wake && !orders.start)
+        StartWatching();
+    return orders;
+}
+
+TaskPool::Impl::Orders TaskPool::Impl::CallWorker()
+{
+    if (!idle.empty()) {
+        Worker *worker = idle.back();
+        idle.pop_back();
+        worker->called = true;
+        Become(*worker, State::Searching);
+        return {worker, nullptr};
+    }
+    Worker *worker = threads < limit ? UnusedRecord() : nullptr;
+    if (!worker)
+        return {};
+    ++threads;
+    Become(*worker, State::Searching);
+    return {nullptr, worker};
+}
+
+TaskPool::Impl::Worker *TaskPool::Impl::UnusedRecord()
+{
+    for (Worker &worker : workers) {
+        if (worker.state == State::Gone)
+            return &worker;
+    }
+    try {
+        idle.reserve(workers.size() + 1); // so that resting can't fail
+        Worker &worker = workers.emplace_back();
+        worker.pool = this;
+        return &worker;
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
+
+// Without the lock. False when a thread couldn't be started.
+bool TaskPool::Impl::CarryOut(Orders orders)
+{
+    if (orders.wake)
+        orders.wake->wake.notify_one();
+    if (!orders.start)
+        return true;
+    pthread_t thread;
+    if (StartSmallThread(&thread, WorkerEntry, orders.start))
+        return true;
+    Lock lock(mutex);
+    Become(*orders.start, State::Gone);
+    --threads;
+    if (threads == 0)
+        lastThreadGone.notify_all();
+    else
+        StartWatching(); // which tries again
+    return false;
+}
+
+void TaskPool::Impl::EnterBlocking()
+{
+    Worker *self = ownWorker;
+    if (!self || self->blockingDepth++ > 0)
+        return;
+    Impl &pool = *self->pool;
+    Lock lock(pool.mutex);
+    pool.Become(*self, State::Blocked);
+    const Orders orders = pool.CallHelp();
+    lock.unlock();
+    pool.CarryOut(orders);
+}
+
+void TaskPool::Impl::LeaveBlocking()
+{
+    Worker *self = ownWorker;
+    if (!self || --self->blockingDepth > 0)
+        return;
+    Lock lock(self->pool->mutex);
+    self->pool->Become(*self, State::Running);
+}
+
+TaskPool::TaskPool(uint32_t maxThreads) : TaskPool(maxThreads, Patience()) {}
+TaskPool::TaskPool(uint32_t maxThreads, Patience patience)
+    : impl(std::make_unique<Impl>(maxThreads, patience))
+{}
+TaskPool::~TaskPool() = default;
+
+bool TaskPool::Submit(void (*callback)(void *), void *context)
+{
+    return impl->Submit(callback, context);
+}
+
+size_t TaskPool::ThreadCount() const
+{
+    return impl->ThreadCount();
+}
+
+TaskPool::BlockingSection::BlockingSection()
+{
+    Impl::EnterBlocking();
+}
+
+TaskPool::BlockingSection::~BlockingSection()
+{
+    Impl::LeaveBlocking();
+}
+
+} // namespace fodr::platform
