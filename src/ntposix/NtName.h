@@ -1,0 +1,47 @@
+// An NT name, checked. What comes out can't say "up": no component of it is empty, "." or "..".
+//
+//   \??\/home/me/docs\sub\file     an absolute POSIX path; '\' and '/' both separate
+//   \??\C:\sub\file                a drive letter
+//   \??\UNC\server\share           STATUS_BAD_NETWORK_PATH
+//
+// The path of a share and that of a request are joined as they come. Where the share is the root directory
+// the joint has two separators; that one empty component, the first of all, is let pass.
+#pragma once
+
+#include "platform/NtStatus.h"
+
+#include <string>
+#include <string_view>
+
+namespace fodr::ntposix {
+
+class NtName {
+public:
+    // On failure the name is unusable.
+    [[nodiscard]] static nt::NTSTATUS Parse(std::u16string_view text, NtName *name);
+
+    // Absolute and without a separator at its end, but for "/".
+    const std::string &Path() const { return path; }
+    bool HasTrailingSeparator() const { return trailingSeparator; }
+    // Of a stream suffix other than "::$DATA"; empty for the file itself.
+    const std::u16string &Stream() const { return stream; }
+
+private:
+    [[nodiscard]] nt::NTSTATUS AppendComponents(std::u16string_view text);
+    [[nodiscard]] nt::NTSTATUS SplitStream(std::u16string_view *text);
+
+    std::string path;
+    std::u16string stream;
+    bool trailingSeparator = false;
+};
+
+// "/a/b" is "/a" and "b"; the parent of "/b" is "/". The root has an empty leaf.
+struct PathParts {
+    std::string parent;
+    std::string leaf;
+};
+[[nodiscard]] PathParts SplitPath(std::string_view path);
+[[nodiscard]] std::string_view LeafOf(std::string_view path);
+[[nodiscard]] std::string JoinPath(std::string_view directory, std::string_view leaf);
+
+} // namespace fodr::ntposix
