@@ -98,6 +98,7 @@ protected:
     bool preReadEnabled;
     IDeviceFilter *filterPolicy;
     const IPreReader *preReader;
+    const std::u16string widePath; // `path` in UTF-16; empty if it has no such form
 
 private:
     using Request = DR_DEVICE_IOREQUEST;
@@ -125,7 +126,9 @@ private:
         uint32_t fileId = 0;
         uint32_t information = 0;
     };
-    CreateOutcome CreateFileAt(const DR_CREATE_REQ &create, const std::u16string &absolutePath);
+    CreateOutcome CreateFileAt(const DR_CREATE_REQ &create, const std::u16string &absolutePath,
+                               const std::string &shownPath);
+    bool KeepOpenFile(uint32_t fileId) EXCLUDES(filesLock);
     bool CompleteCreate(const Request &request, const CreateOutcome &outcome);
     bool IsFileOpenAllowedByDeviceFilter(const std::string &absolutePath, uint32_t createOptions);
 
@@ -136,15 +139,15 @@ private:
     // Open files.
     RCPtr<RdpFileHandle> BeginIo(uint32_t fileId) EXCLUDES(filesLock);
     nt::NTSTATUS CloseFileHandle(uint32_t fileId, const RCPtr<RdpFileHandle> &handle) EXCLUDES(filesLock);
-    bool EndRequests(uint32_t fileId, RdpFileHandle &handle, nt::NTSTATUS *status);
+    nt::NTSTATUS EndRequests(uint32_t fileId, RdpFileHandle &handle);
 
     // Replies. All are zero behind what is named.
     bool SendCompletion(uint32_t completionId, nt::NTSTATUS status);
     bool SendLength(uint32_t completionId, nt::NTSTATUS status, uint32_t length);
-    bool SendData(uint32_t completionId, nt::NTSTATUS status, const MallocBuffer &data, uint64_t length);
+    bool SendData(uint32_t completionId, nt::NTSTATUS status, const MallocBuffer &data);
     bool Write(RdpdrStreamPtr completion);
-    RdpdrStreamPtr BuildWithPreRead(const Request &request, uint32_t fileId, nt::NTSTATUS status,
-                                    uint8_t **deviceIdField, bool *preRead);
+    // The rule that adds a pre-read block to the completion of this request, or IPreReader::kNoPattern.
+    int32_t PreReadPattern(const Request &request) const;
 };
 
 } // namespace fodr

@@ -35,12 +35,12 @@ RdpdrStreamPtr BuildIoCompletion(uint32_t deviceId, uint32_t completionId, int32
 }
 
 RdpdrStreamPtr BuildDataCompletion(uint32_t deviceId, uint32_t completionId, int32_t ioStatus,
-                                   const void *data, uint32_t length)
+                                   const void *data, size_t length)
 {
     RdpdrStreamPtr stream = Build(deviceId, completionId, ioStatus, length, length);
     if (!stream)
         return nullptr;
-    StoreRecord(DR_LENGTH_RSP{length}, stream->Base() + kCompletionBody);
+    StoreRecord(DR_LENGTH_RSP{static_cast<uint32_t>(length)}, stream->Base() + kCompletionBody);
     if (length > 0)
         memcpy(stream->Base() + kCompletionData, data, length);
     return stream;

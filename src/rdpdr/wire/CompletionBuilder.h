@@ -21,6 +21,6 @@ inline constexpr size_t kDataFromDeviceId = kCompletionData - kHeaderEnd;
 
 // A completion whose Length is `length`, with that many bytes of `data` behind it. Null as above.
 [[nodiscard]] RdpdrStreamPtr BuildDataCompletion(uint32_t deviceId, uint32_t completionId, int32_t ioStatus,
-                                                 const void *data, uint32_t length);
+                                                 const void *data, size_t length);
 
 } // namespace fodr

@@ -1,0 +1,144 @@
+#include "fileservice/FileSystemImpl.h"
+
+#include "fileservice/NtCalls.h"
+#include "lib/unicode/CodeSet.h"
+#include "platform/TaskPool.h"
+#include "runtime/LogCall.h"
+
+#include <new>
+#include <string_view>
+
+namespace fodr {
+
+namespace {
+
+using namespace nt;
+
+constexpr uint32_t ERROR_NOT_FOUND = 1168;
+
+// Options and rights as the calls here need them: every call waits on its handle, without alerts. An append
+// open can't keep to the alignment that unbuffered I/O demands.
+uint32_t AdjustedOptions(uint32_t desiredAccess, uint32_t createOptions)
+{
+    if (desiredAccess & FILE_APPEND_DATA)
+        createOptions &= ~FILE_NO_INTERMEDIATE_BUFFERING;
+    return (createOptions & ~FILE_SYNCHRONOUS_IO_ALERT) | FILE_SYNCHRONOUS_IO_NONALERT;
+}
+
+} // namespace
+
+std::unique_ptr<IFileSystem> FileSystemImpl::Create(const std::string &root)
+{
+    return std::unique_ptr<IFileSystem>(new (std::nothrow) FileSystemImpl(root));
+}
+
+NTSTATUS FileSystemImpl::RedirectedCreateFile(uint32_t *fileId, uint32_t desiredAccess, const char16_t *path,
+                                              uint64_t allocationSize, uint32_t fileAttributes,
+                                              uint32_t shareAccess, uint32_t createDisposition,
+                                              uint32_t createOptions, uint32_t *information, bool readOnly)
+{
+    *fileId = 0;
+    *information = 0;
+    // Opening by id could reach any file of the volume.
+    if (createOptions & FILE_OPEN_BY_FILE_ID)
+        return STATUS_NOT_SUPPORTED;
+    // Bit 1 is that of FILE_CREATE and FILE_OPEN_IF. That read-only stops nothing else here is meant: the
+    // rest is the agent's to refuse.
+    if (readOnly && (createDisposition & 2) && !PathFileExists(path)) {
+        std::string text;
+        if (IsLogEnabled(LOG_LEVEL_DEBUG) && Utf16ToUtf8(path, text))
+            LOG_DEBUG("File[%s] cannot be created on readonly CDR\n", text.c_str());
+        return STATUS_ACCESS_DENIED;
+    }
+    if (std::u16string_view(path).size() > kLongestNtText)
+        return STATUS_NAME_TOO_LONG;
+
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, path);
+    OBJECT_ATTRIBUTES attributes{sizeof(OBJECT_ATTRIBUTES), nullptr, &name,
+                                 OBJ_CASE_INSENSITIVE,      nullptr, nullptr};
+    LARGE_INTEGER size{static_cast<int64_t>(allocationSize)};
+    HANDLE handle = nullptr;
+    IO_STATUS_BLOCK ioStatus;
+    Clear(&ioStatus);
+    NTSTATUS status = NtCreateFile(&handle, desiredAccess | SYNCHRONIZE, &attributes, &ioStatus, &size,
+                                   fileAttributes, shareAccess, createDisposition,
+                                   AdjustedOptions(desiredAccess, createOptions), nullptr, 0);
+    *fileId = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(handle));
+    *information = static_cast<uint32_t>(ioStatus.Information);
+    return status;
+}
+
+NTSTATUS FileSystemImpl::RedirectedCloseFile(uint32_t fileId)
+{
+    return NtClose(HandleOf(fileId));
+}
+
+NTSTATUS FileSystemImpl::RedirectedCancelAllIo(uint32_t fileId)
+{
+    uint32_t error = CancelIoEx(HandleOf(fileId));
+    if (error == 0 || error == ERROR_NOT_FOUND)
+        return STATUS_SUCCESS;
+    LOG_ERROR("Could not cancel IO on handle = 0x%x, last error = %d)\n", fileId, static_cast<int>(error));
+    return STATUS_UNSUCCESSFUL;
+}
+
+NTSTATUS FileSystemImpl::RedirectedWriteFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus, const void *buffer,
+                                             uint32_t length, const LARGE_INTEGER &offset)
+{
+    LARGE_INTEGER position = offset;
+    return CallAndWait(ioStatus, [&](HANDLE event) {
+        return NtWriteFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, buffer, length, &position,
+                           nullptr);
+    });
+}
+
+NTSTATUS FileSystemImpl::RedirectedDeviceIoControlFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus,
+                                                       uint32_t controlCode, const void *input,
+                                                       uint32_t inputLength, void *output,
+                                                       uint32_t outputLength)
+{
+    return CallAndWait(ioStatus, [&](HANDLE event) {
+        return NtDeviceIoControlFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, controlCode, input,
+                                     inputLength, output, outputLength);
+    });
+}
+
+NTSTATUS FileSystemImpl::RedirectedNotifyChangeDirectoryFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus,
+                                                             uint32_t completionFilter, bool watchTree)
+{
+    // What changed is thrown away: only that something did leaves this system.
+    alignas(8) uint8_t changes[32] = {};
+    platform::TaskPool::BlockingSection blocking;
+    return CallAndWait(ioStatus, [&](HANDLE event) {
+        return NtNotifyChangeDirectoryFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, changes,
+                                           sizeof(changes), completionFilter, watchTree);
+    });
+}
+
+NTSTATUS FileSystemImpl::RedirectedLockFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus,
+                                            const LARGE_INTEGER &offset, const LARGE_INTEGER &length,
+                                            bool failImmediately, bool exclusive)
+{
+    LARGE_INTEGER from = offset;
+    LARGE_INTEGER count = length;
+    auto lock = [&](HANDLE event) {
+        return NtLockFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, &from, &count, 0,
+                          failImmediately, exclusive);
+    };
+    if (failImmediately)
+        return CallAndWait(ioStatus, lock);
+    platform::TaskPool::BlockingSection blocking;
+    return CallAndWait(ioStatus, lock);
+}
+
+NTSTATUS FileSystemImpl::RedirectedUnlockFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus,
+                                              const LARGE_INTEGER &offset, const LARGE_INTEGER &length)
+{
+    LARGE_INTEGER from = offset;
+    LARGE_INTEGER count = length;
+    Clear(ioStatus);
+    return NtUnlockFile(HandleOf(fileId), ioStatus, &from, &count, 0);
+}
+
+} // namespace fodr

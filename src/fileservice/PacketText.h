@@ -1,0 +1,18 @@
+// Text that a packet carries.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace fodr {
+
+class RdpdrStream;
+
+// `prefix` and behind it the UTF-16 text of `byteLength` bytes at the packet's cursor, which ends at its
+// first zero unit. Bytes that the packet doesn't hold are zeros, so the memory taken depends on the packet
+// and not on the length that it states; of an odd length the last byte is the low half of a unit. False when
+// there is no memory.
+[[nodiscard]] bool ReadPacketText(RdpdrStream &packet, uint32_t byteLength, const std::u16string &prefix,
+                                  std::u16string &text);
+
+} // namespace fodr
