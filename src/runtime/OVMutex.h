@@ -5,6 +5,7 @@
 #include "runtime/RCObject.h"
 #include "runtime/RCPtr.h"
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -14,6 +15,7 @@ class OVMutexData;
 
 inline constexpr uint32_t kInfinite = 0xFFFFFFFF;
 
+// Any thread. The flag of the constructor has no effect: no mutex starts out owned.
 class CAPABILITY("mutex") OVMutex : public RCObject {
 public:
     explicit OVMutex(bool initiallyOwned = false, const std::string &name = {});
@@ -23,6 +25,9 @@ public:
     bool Acquire(uint32_t timeoutMS = kInfinite) TRY_ACQUIRE(true);
     // False when the caller doesn't hold the mutex.
     bool Release() RELEASE();
+
+    // How long an unlimited wait lasts before it is reported; 30 seconds, except where a test can't wait.
+    static std::atomic<uint32_t> deadlockReportMS;
 
 private:
     RCPtr<OVMutexData> data;
@@ -38,6 +43,21 @@ public:
     ~OVMutexLock() RELEASE() NO_THREAD_SAFETY_ANALYSIS { mutex.Release(); }
     OVMutexLock(const OVMutexLock &) = delete;
     OVMutexLock &operator=(const OVMutexLock &) = delete;
+
+private:
+    OVMutex &mutex;
+};
+
+// Lets go of a held OVMutex for a scope.
+class SCOPED_CAPABILITY OVMutexUnlock {
+public:
+    explicit OVMutexUnlock(OVMutex &held) RELEASE(held) NO_THREAD_SAFETY_ANALYSIS : mutex(held)
+    {
+        mutex.Release();
+    }
+    ~OVMutexUnlock() RELEASE() NO_THREAD_SAFETY_ANALYSIS { mutex.Acquire(); }
+    OVMutexUnlock(const OVMutexUnlock &) = delete;
+    OVMutexUnlock &operator=(const OVMutexUnlock &) = delete;
 
 private:
     OVMutex &mutex;

@@ -16,7 +16,8 @@ public:
     RCObject(const RCObject &) = delete;
     RCObject &operator=(const RCObject &) = delete;
 
-    // A new weak record that points at this object; null if the allocation fails.
+    // A new weak record that points at this object; null if the allocation fails. Called with the lock held:
+    // an override only makes the record.
     virtual WkReference *NewWkReference();
 
     // Value of `refCount` from the last Release on: the object is dying and hands out no weak references.
@@ -25,7 +26,9 @@ public:
 private:
     friend int32_t AddRef(RCObject *object);
     friend int32_t Release(RCObject *object);
+    friend int32_t RefCount(const RCObject *object);
     friend WkReference *GetWkReference(RCObject *object);
+    friend RCObject *PromoteWkReference(WkReference *reference);
 
     int32_t refCount = 0;           // guarded by refCountLock
     WkReference *weakRef = nullptr; // guarded by refCountLock; holds one count on it
@@ -35,7 +38,11 @@ private:
 int32_t AddRef(RCObject *object);
 // The new count. Releasing an unreferenced object does nothing and gives 0.
 int32_t Release(RCObject *object);
+// The count at this moment.
+int32_t RefCount(const RCObject *object);
 // The weak record, made on first use and borrowed; null for a dying object.
 WkReference *GetWkReference(RCObject *object);
+// The record's object with a reference added, or null when it is dying or gone.
+RCObject *PromoteWkReference(WkReference *reference);
 
 } // namespace fodr

@@ -26,6 +26,14 @@ public:
     template <typename U> RCPtr(const RCPtr<U> &other) : RCPtr(static_cast<T *>(other.Get())) {}
     virtual ~RCPtr() { Replace(nullptr); }
 
+    // Takes over a reference that the caller holds.
+    static RCPtr Adopt(T *object)
+    {
+        RCPtr adopted;
+        adopted.pointer.store(object, std::memory_order_release);
+        return adopted;
+    }
+
     RCPtr &operator=(const RCPtr &other) // NOLINT(bugprone-unhandled-self-assignment): added before released
     {
         T *object = other.Get();

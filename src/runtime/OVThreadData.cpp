@@ -1,0 +1,125 @@
+#include "runtime/OVThreadData.h"
+
+#include "runtime/LogCall.h"
+
+#include <algorithm>
+
+namespace fodr {
+
+bool OVThreadData::Start(OVThread::Callback threadCallback, void *threadArgument, uint32_t interval,
+                         bool messages)
+{
+    OVMutexLock guard(lock);
+    if (!threadCallback || osThread)
+        return false;
+    if (!exitedEvent.Reset() || !stopEvent.Reset() || !startedEvent.Reset())
+        return false;
+    threadHandle = OVEvent();
+    callback = threadCallback;
+    argument = threadArgument;
+    intervalMS = interval;
+    wakeOnMessages = messages;
+    AddRef(this); // the thread's
+    osThread = platform::StartThread(ThreadEntry, this);
+    if (!osThread) {
+        Release(this);
+        return false;
+    }
+    threadHandle = OVEvent(platform::DuplicateThreadHandle(osThread), true);
+    startedEvent.Wait();
+    return true;
+}
+
+bool OVThreadData::WaitForStop(uint32_t timeoutMS)
+{
+    OVMutexLock guard(lock);
+    if (!osThread)
+        return true;
+    if (IsCurrentThread())
+        return false;
+    const unsigned int id = threadId;
+    OVEvent ended = threadHandle;
+    int32_t result;
+    {
+        OVMutexUnlock unlocked(lock);
+        result = OVEvent::WaitForMultiple({&exitedEvent, &ended}, false, timeoutMS, false, false);
+    }
+    if (result < 0)
+        return false;
+    if (!osThread || threadHandle.Handle() != ended.Handle())
+        return true; // another caller waited as well and was first, and may have started it again
+    if (result == 1) {
+        LOG_DEBUG("Thread %s(0x%04X) exited unexpectedly", name.c_str(), id);
+        threadId = 0;
+        stopEvent.Set();
+        exitedEvent.Set();
+    }
+    if (!platform::JoinThread(osThread))
+        LOG_WARN("Thread %s(0x%04X) is not joinable", name.c_str(), id);
+    osThread = nullptr;
+    return true;
+}
+
+void OVThreadData::MarkDeleted()
+{
+    OVMutexLock guard(lock);
+    if (osThread) {
+        const unsigned int id = threadId;
+        LOG_DEBUG("Setting deleted flag for thread %s(0x%04X)", name.c_str(), id);
+        deleted = true;
+        if (!platform::DetachThread(osThread))
+            LOG_WARN("Thread %s(0x%04X) is not joinable", name.c_str(), id);
+        osThread = nullptr;
+    }
+    owner = nullptr;
+}
+
+void OVThreadData::ThreadEntry(void *data)
+{
+    RCPtr<OVThreadData> self = RCPtr<OVThreadData>::Adopt(static_cast<OVThreadData *>(data));
+    self->threadId = platform::CurrentThreadId();
+    self->startedEvent.Set();
+    self->Run();
+}
+
+void OVThreadData::Run()
+{
+    platform::ThreadApartment apartment;
+    platform::SetCurrentThreadName(name.c_str());
+    LOG_INFO("Thread %s started", name.c_str());
+    OVMutexLock guard(lock);
+    const char *ending = "exited";
+    while (RunOnce(ending)) {
+    }
+    threadId = 0;
+    exitedEvent.Set();
+    LOG_INFO("Thread %s %s", name.c_str(), ending);
+}
+
+bool OVThreadData::RunOnce(const char *&ending)
+{
+    const OVThread::Callback currentCallback = callback;
+    void *const currentArgument = argument;
+    OVThread *const currentOwner = owner;
+    bool goOn;
+    {
+        OVMutexUnlock unlocked(lock);
+        goOn = currentCallback(currentArgument, currentOwner);
+    }
+    if (deleted || !goOn) {
+        ending = deleted ? "was deleted" : "exited by callback";
+        stopEvent.Set();
+        return false;
+    }
+    const uint32_t waitMS = std::min(+intervalMS, static_cast<uint32_t>(+nextWaitMS));
+    nextWaitMS = -1;
+    const bool messagesToo = wakeOnMessages;
+    int32_t result;
+    {
+        OVMutexUnlock unlocked(lock);
+        result = OVEvent::WaitForMultiple({&stopEvent, &startedEvent}, false, waitMS, messagesToo, false);
+    }
+    return result != OVEvent::kSignalled && result != OVEvent::kFailed;
+}
+
+} // namespace fodr
