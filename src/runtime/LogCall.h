@@ -6,6 +6,8 @@
 // the compiler. Callable from any thread and at any time; never fails towards the caller.
 #pragma once
 
+#include "lib/misc/Printf.h"
+
 #include <atomic>
 #include <cstdarg>
 #include <cstddef>
@@ -34,16 +36,21 @@ inline bool IsLogEnabled(int32_t level)
     return gLogLevel.load(std::memory_order_relaxed) >= level;
 }
 
-#define FODR_PRINTF(formatIndex, firstArgument) \
-    __attribute__((format(printf, formatIndex, firstArgument)))
-
 void LogWrite(const char *functionName, int32_t level, const char *format, ...) FODR_PRINTF(3, 4);
 void LogWriteV(const char *functionName, int32_t level, const char *format, va_list arguments)
     FODR_PRINTF(3, 0);
 // The text is a hex dump of the bytes.
 void LogWriteHex(const char *functionName, int32_t level, const void *data, size_t length);
 
-// Where lines go. Null, the state at start, drops them. The handler may be called from any thread at once.
+// "ALWAYS" to "NEVER", and "UNKNOWN" for any other number.
+const char *LogLevelName(int32_t level);
+// One of "AEWIDTVN"; '?' for any other number.
+char LogLevelLetter(int32_t level);
+
+// Where lines go. The handler may be called from any thread at once; a log call made from inside of it is
+// dropped. Null, the state at start, drops all lines, unless the environment variable FODR_LOG_STDERR is set
+// when the library is loaded: then they go to the standard error stream, up to the level that it names or
+// numbers (INFO for anything else).
 using LogHandler = void (*)(const char *functionName, int32_t level, const char *format, va_list arguments);
 void SetLogHandler(LogHandler handler);
 
@@ -55,8 +62,10 @@ struct MethodName {
 
     consteval explicit MethodName(std::string_view pretty)
     {
-        // The parameter list opens at the first '(' outside template arguments and operator names.
+        // The parameter list opens at the first '(' that isn't that of "(anonymous namespace)".
         size_t end = pretty.find('(');
+        while (end != std::string_view::npos && pretty.substr(end).starts_with("(anonymous namespace)"))
+            end = pretty.find('(', end + 1);
         if (end == std::string_view::npos)
             end = pretty.size();
         size_t begin = end;
@@ -67,7 +76,8 @@ struct MethodName {
                 ++depth;
             else if (c == '<')
                 --depth;
-            else if (depth == 0 && (c == ' ' || c == '*' || c == '&'))
+            else if (depth == 0 && (c == '*' || c == '&' ||
+                                    (c == ' ' && !pretty.substr(0, begin).ends_with("(anonymous "))))
                 break;
             --begin;
         }

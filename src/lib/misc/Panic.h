@@ -1,11 +1,13 @@
 // The end of the road: states that the program has no way on from. Any thread.
 #pragma once
 
+#include "lib/misc/Printf.h"
+
 namespace fodr {
 
 // Writes "Panic: " and the text to the standard error stream and ends the process with exit code 1. Nothing
 // is torn down: other threads may still be inside of what a destructor would pull away.
-[[noreturn]] void Panic(const char *format, ...) __attribute__((format(printf, 1, 2)));
+[[noreturn]] void Panic(const char *format, ...) FODR_PRINTF(1, 2);
 
 // The three kinds, each naming where: "NOT_IMPLEMENTED %s:%d\n", "NOT_REACHED %s:%d\n", "VERIFY %s:%d\n".
 [[noreturn]] void PanicNotImplemented(const char *sourcePath, int line);

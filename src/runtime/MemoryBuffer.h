@@ -1,0 +1,10 @@
+// A block of bytes that owns its malloc storage.
+#pragma once
+
+#include "lib/misc/MallocBuffer.h"
+
+namespace fodr {
+
+using MemoryBuffer = MallocBuffer;
+
+} // namespace fodr
