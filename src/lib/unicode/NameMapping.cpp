@@ -38,34 +38,6 @@ const uint8_t *Bytes(std::string_view text)
     return reinterpret_cast<const uint8_t *>(text.data());
 }
 
-void AppendNtName(std::string_view name, std::u16string &out)
-{
-    // A byte gives at most one unit.
-    const size_t start = out.size();
-    out.resize(start + name.size());
-    char16_t *end = out.data() + start;
-    const uint8_t *bytes = Bytes(name);
-    for (size_t i = 0; i < name.size();) {
-        if (bytes[i] < 0x80) {
-            const char16_t c = bytes[i++];
-            *end++ = kForbidden[c] ? static_cast<char16_t>(kMappedCharacter + c) : c;
-            continue;
-        }
-        const DecodedCodePoint decoded = DecodeUtf8(bytes + i, name.size() - i);
-        const bool valid =
-            decoded.taken != 0 && !IsMappedCharacter(decoded.codePoint) && !IsMappedByte(decoded.codePoint);
-        if (!valid) {
-            // The later bytes of a reserved code point lead no sequence, so each of them comes by here as
-            // well.
-            *end++ = static_cast<char16_t>(kMappedByte + bytes[i++]);
-            continue;
-        }
-        end += EncodeUtf16(decoded.codePoint, reinterpret_cast<uint8_t *>(end));
-        i += decoded.taken;
-    }
-    out.resize(static_cast<size_t>(end - out.data()));
-}
-
 // One code point of an NT name to at most four bytes at `out`; the count, or 0 for what a name never holds.
 size_t EncodePosix(char32_t c, uint8_t *out)
 {
@@ -111,6 +83,34 @@ bool IsNtSeparator(char16_t c)
 }
 
 } // namespace
+
+void AppendNtName(std::string_view name, std::u16string &out)
+{
+    // A byte gives at most one unit.
+    const size_t start = out.size();
+    out.resize(start + name.size());
+    char16_t *end = out.data() + start;
+    const uint8_t *bytes = Bytes(name);
+    for (size_t i = 0; i < name.size();) {
+        if (bytes[i] < 0x80) {
+            const char16_t c = bytes[i++];
+            *end++ = kForbidden[c] ? static_cast<char16_t>(kMappedCharacter + c) : c;
+            continue;
+        }
+        const DecodedCodePoint decoded = DecodeUtf8(bytes + i, name.size() - i);
+        const bool valid =
+            decoded.taken != 0 && !IsMappedCharacter(decoded.codePoint) && !IsMappedByte(decoded.codePoint);
+        if (!valid) {
+            // The later bytes of a reserved code point lead no sequence, so each of them comes by here as
+            // well.
+            *end++ = static_cast<char16_t>(kMappedByte + bytes[i++]);
+            continue;
+        }
+        end += EncodeUtf16(decoded.codePoint, reinterpret_cast<uint8_t *>(end));
+        i += decoded.taken;
+    }
+    out.resize(static_cast<size_t>(end - out.data()));
+}
 
 std::u16string NtNameFromPosix(std::string_view name)
 {

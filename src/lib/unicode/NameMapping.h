@@ -14,6 +14,8 @@ namespace fodr {
 
 // The NT name of a POSIX name without '/' and NUL. Total and reversible.
 std::u16string NtNameFromPosix(std::string_view name);
+// The same behind what `out` holds already; at most one unit a byte.
+void AppendNtName(std::string_view name, std::u16string &out);
 
 // The POSIX name whose NT name this is. False, with `out` empty, for what NtNameFromPosix never gives: a lone
 // surrogate, '/', NUL, a bare character of the list above, or private code points that stand for valid UTF-8.
