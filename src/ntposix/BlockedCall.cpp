@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace fodr {
+namespace fodr::ntposix {
 
 bool BlockedCalls::Cancel()
 {
@@ -72,12 +72,14 @@ nt::NTSTATUS BlockedCall::Wait()
     return *ending;
 }
 
-std::optional<nt::NTSTATUS> BlockedCall::WaitFor(std::chrono::milliseconds time)
+std::optional<nt::NTSTATUS> BlockedCall::WaitFor(std::optional<std::chrono::milliseconds> time)
 {
-    const auto deadline = std::chrono::steady_clock::now() + time;
+    const auto deadline = std::chrono::steady_clock::now() + time.value_or(std::chrono::milliseconds(0));
     const MutexLock guard(lock);
     while (!ending && !nudged) {
-        if (ended.wait_until(lock, deadline) == std::cv_status::timeout)
+        if (!time)
+            ended.wait(lock);
+        else if (ended.wait_until(lock, deadline) == std::cv_status::timeout)
             break;
     }
     nudged = false;
@@ -90,4 +92,4 @@ bool BlockedCall::HasEnded()
     return ending.has_value();
 }
 
-} // namespace fodr
+} // namespace fodr::ntposix

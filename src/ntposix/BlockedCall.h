@@ -11,7 +11,7 @@
 #include <optional>
 #include <vector>
 
-namespace fodr {
+namespace fodr::ntposix {
 
 class BlockedCall;
 
@@ -51,8 +51,8 @@ public:
 
     // The status of the ending, as soon as there is one.
     nt::NTSTATUS Wait() EXCLUDES(lock);
-    // The status of the ending; none when the time ran out or a nudge came.
-    std::optional<nt::NTSTATUS> WaitFor(std::chrono::milliseconds time) EXCLUDES(lock);
+    // The status of the ending; none when the time, if there is one, ran out or a nudge came.
+    std::optional<nt::NTSTATUS> WaitFor(std::optional<std::chrono::milliseconds> time) EXCLUDES(lock);
     bool HasEnded() EXCLUDES(lock);
 
 private:
@@ -66,4 +66,4 @@ private:
     bool nudged GUARDED_BY(lock) = false;
 };
 
-} // namespace fodr
+} // namespace fodr::ntposix

@@ -5,10 +5,11 @@
 #pragma once
 
 #include "ntposix/BlockedCall.h"
+#include "ntposix/Mutex.h"
 
 #include <memory>
 
-namespace fodr {
+namespace fodr::ntposix {
 
 class ChangeSubscription;
 class DirectoryScan;
@@ -20,7 +21,7 @@ public:
     HandleServices(const HandleServices &) = delete;
     HandleServices &operator=(const HandleServices &) = delete;
 
-    // Ends the waiting calls of the handle and its change notification.
+    // Ends the waiting calls of the handle and its change notification. Once is enough.
     void Close();
 
     BlockedCalls blockedCalls;
@@ -32,4 +33,4 @@ public:
     std::unique_ptr<ChangeSubscription> changes GUARDED_BY(changesLock); // from the first notification on
 };
 
-} // namespace fodr
+} // namespace fodr::ntposix

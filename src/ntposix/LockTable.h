@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace fodr {
+namespace fodr::ntposix {
 
 // A lock that is held or wanted. Offsets and lengths are unsigned, as NT takes them.
 struct RangeLock {
@@ -43,16 +43,15 @@ private:
     struct Waiter {
         RangeLock wanted;
         BlockedCall *call;
-        Outcome obstacle;
     };
 
     bool Forbids(const void *handle, uint32_t key, uint64_t offset, uint64_t length, bool write)
         EXCLUDES(lock);
+    nt::NTSTATUS WaitForLock(const RangeLock &wanted, BlockedCalls &calls) EXCLUDES(lock);
     Outcome TryLock(const RangeLock &wanted) REQUIRES(lock);
-    void Remove(size_t index) REQUIRES(lock);
+    Outcome Serve(Waiter &waiter) REQUIRES(lock);
     void ServeWaiters() REQUIRES(lock);
-    bool RetryWaiter(Waiter &waiter) REQUIRES(lock);
-    nt::NTSTATUS WaitForGrant(Waiter &waiter) EXCLUDES(lock);
+    void Remove(size_t index) REQUIRES(lock);
     bool SyncProcessLocks(const RangeLock &changed) REQUIRES(lock);
 
     Mutex lock; // before that of BlockedCalls
@@ -61,4 +60,4 @@ private:
     std::atomic<size_t> heldCount{0};
 };
 
-} // namespace fodr
+} // namespace fodr::ntposix

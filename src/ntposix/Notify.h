@@ -1,12 +1,12 @@
-// What the rest of the file server tells change notification. Everything else it hears from inotify.
+// What the rest of the file server tells change notification. Everything else it hears from the kernel.
 #pragma once
 
-#include <sys/types.h>
+#include "ntposix/FileObject.h"
 
-namespace fodr {
+namespace fodr::ntposix {
 
-// To be called when a directory is marked for deletion: NT ends the notifications on it with
-// STATUS_DELETE_PENDING, so that a watcher's handle doesn't keep the directory alive.
-void NotifyDeletePending(dev_t device, ino_t inode);
+// To be called when a directory is marked for deletion, without FileObject::lock: NT ends the notifications
+// on it with STATUS_DELETE_PENDING, so that a watcher lets go of its handle and the directory can go.
+void NotifyDeletePending(FileKey directory);
 
-} // namespace fodr
+} // namespace fodr::ntposix

@@ -1,0 +1,343 @@
+#include "ntposix/ChangeMonitor.h"
+
+#include "ntposix/ChangeFilter.h"
+#include "ntposix/DirectoryReader.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <system_error>
+
+namespace fodr::ntposix {
+
+namespace {
+
+constexpr uint32_t kAppears = IN_CREATE | IN_MOVED_TO;
+constexpr uint32_t kDisappears = IN_DELETE | IN_MOVED_FROM;
+
+Mutex runningLock;
+std::weak_ptr<ChangeMonitor> running GUARDED_BY(runningLock);
+
+std::string Join(const std::string &folder, const char *name)
+{
+    return folder.empty() ? name : folder + "/" + name;
+}
+
+std::string PathOf(const ChangeWatch &watch, const std::string &below)
+{
+    return Join("/proc/self/fd/" + std::to_string(watch.Directory()), below.c_str());
+}
+
+bool IsRemoved(const ChangeWatch &watch)
+{
+    struct stat facts;
+    return fstat(watch.Directory(), &facts) == 0 && facts.st_nlink == 0;
+}
+
+bool IsFolder(int directory, const DirectoryReader::Entry &entry)
+{
+    if (entry.type != DT_UNKNOWN)
+        return entry.type == DT_DIR;
+    struct stat facts;
+    return fstatat(directory, entry.name, &facts, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(facts.st_mode);
+}
+
+// Whether the folder below a watch holds anything; its folders are appended to `pending`. A folder that is
+// gone or closed to us has nothing to see.
+bool ReadFolder(const ChangeWatch &watch, const std::string &path, std::vector<std::string> *pending)
+{
+    const Fd folder(openat(watch.Directory(), path.empty() ? "." : path.c_str(),
+                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder)
+        return false;
+    DirectoryReader reader(folder.Get());
+    bool any = false;
+    int error;
+    while (const DirectoryReader::Entry *entry = reader.Next(&error)) {
+        any = true;
+        if (IsFolder(folder.Get(), *entry))
+            pending->push_back(Join(path, entry->name));
+    }
+    return any;
+}
+
+nt::NTSTATUS StatusOfWatchErrno(int error)
+{
+    switch (error) {
+    case 0:
+        return nt::STATUS_SUCCESS;
+    case ECANCELED:
+        return nt::STATUS_CANCELLED;
+    case EACCES:
+    case EPERM:
+        return nt::STATUS_ACCESS_DENIED;
+    default: // the limits of watches, descriptors and memory
+        return nt::STATUS_INSUFFICIENT_RESOURCES;
+    }
+}
+
+} // namespace
+
+std::shared_ptr<ChangeMonitor> ChangeMonitor::Running()
+{
+    const MutexLock guard(runningLock);
+    return running.lock();
+}
+
+std::shared_ptr<ChangeMonitor> ChangeMonitor::Get()
+{
+    const MutexLock guard(runningLock);
+    std::shared_ptr<ChangeMonitor> monitor = running.lock();
+    if (monitor)
+        return monitor;
+    Fd inotifyFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    Fd stopFd(eventfd(0, EFD_CLOEXEC));
+    if (!inotifyFd || !stopFd)
+        return nullptr;
+    monitor.reset(new ChangeMonitor(std::move(inotifyFd), std::move(stopFd)));
+    // Signals are the host's business, not this thread's.
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    try {
+        monitor->reader = std::thread(&ChangeMonitor::Run, monitor.get());
+    } catch (const std::system_error &) {
+        monitor.reset();
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    running = monitor;
+    return monitor;
+}
+
+ChangeMonitor::ChangeMonitor(Fd inotifyFd, Fd stopFd) : inotify(std::move(inotifyFd)), stop(std::move(stopFd))
+{}
+
+ChangeMonitor::~ChangeMonitor()
+{
+    if (!reader.joinable())
+        return;
+    eventfd_write(stop.Get(), 1);
+    reader.join();
+}
+
+nt::NTSTATUS ChangeMonitor::Add(const std::shared_ptr<ChangeWatch> &watch, BlockedCall &call)
+{
+    {
+        const MutexLock guard(lock);
+        entries[watch.get()].watch = watch;
+        const int error = AddFolder(watch.get(), "");
+        if (error != 0)
+            return StatusOfWatchErrno(error);
+        AddAbove(entries[watch.get()]);
+    }
+    return watch->tree ? StatusOfWatchErrno(AddFolders(watch, "", &call)) : nt::STATUS_SUCCESS;
+}
+
+void ChangeMonitor::Remove(ChangeWatch *watch)
+{
+    const MutexLock guard(lock);
+    const auto found = entries.find(watch);
+    if (found == entries.end())
+        return;
+    DropFolders(found->second, "");
+    Leave(found->second.above, {watch, nullptr});
+    entries.erase(found);
+}
+
+void ChangeMonitor::FailDirectory(FileKey key, nt::NTSTATUS status)
+{
+    const MutexLock guard(lock);
+    for (auto &[watch, entry] : entries) {
+        if (watch->key == key)
+            entry.watch->Fail(status);
+    }
+}
+
+// Watches the folder and, in a tree, all folders below it. 0 or the errno of a limit that was met.
+int ChangeMonitor::AddFolders(const std::shared_ptr<ChangeWatch> &watch, std::string path, BlockedCall *call)
+{
+    std::vector<std::string> pending{std::move(path)};
+    while (!pending.empty()) {
+        if (call && call->HasEnded())
+            return ECANCELED;
+        const std::string folder = std::move(pending.back());
+        pending.pop_back();
+        {
+            const MutexLock guard(lock);
+            if (!entries.contains(watch.get()))
+                return 0;
+            // What vanished or is closed to us is no reason to miss the rest.
+            const int error = AddFolder(watch.get(), folder);
+            if (error == ENOSPC || error == ENOMEM)
+                return error;
+            if (error != 0)
+                continue;
+        }
+        // What came into a folder before it was watched is a change of which no event tells.
+        if (ReadFolder(*watch, folder, &pending) && !call)
+            watch->Report(kEveryChange);
+    }
+    return 0;
+}
+
+int ChangeMonitor::AddFolder(ChangeWatch *watch, const std::string &path)
+{
+    uint32_t mask = EventsOfFilter(watch->filter) | IN_ONLYDIR | IN_MASK_ADD;
+    if (watch->tree)
+        mask |= kAppears | kDisappears;
+    if (!path.empty())
+        mask |= IN_DONT_FOLLOW;
+    const int descriptor = inotify_add_watch(inotify.Get(), PathOf(*watch, path).c_str(), mask);
+    if (descriptor < 0)
+        return errno;
+    Entry &entry = entries[watch];
+    const auto found = entry.folders.find(path);
+    if (found != entry.folders.end()) {
+        if (found->second == descriptor)
+            return 0;
+        DropFolders(entry, path);
+    }
+    const auto added = entry.folders.emplace(path, descriptor).first;
+    members[descriptor].push_back({watch, &added->first});
+    return 0;
+}
+
+// An open directory's own watch doesn't tell that it was removed; the folder above does.
+void ChangeMonitor::AddAbove(Entry &entry)
+{
+    const std::string above = PathOf(*entry.watch, "..");
+    entry.above = inotify_add_watch(inotify.Get(), above.c_str(), IN_DELETE | IN_ONLYDIR | IN_MASK_ADD);
+    if (entry.above >= 0)
+        members[entry.above].push_back({entry.watch.get(), nullptr});
+}
+
+void ChangeMonitor::DropFolders(Entry &entry, const std::string &path)
+{
+    const auto self = entry.folders.find(path);
+    if (self != entry.folders.end())
+        DropFolder(entry, self);
+    const std::string prefix = path.empty() ? path : path + "/";
+    auto below = entry.folders.lower_bound(prefix);
+    while (below != entry.folders.end() && below->first.starts_with(prefix))
+        below = DropFolder(entry, below);
+}
+
+ChangeMonitor::Folders::iterator ChangeMonitor::DropFolder(Entry &entry, Folders::iterator folder)
+{
+    Leave(folder->second, {entry.watch.get(), &folder->first});
+    return entry.folders.erase(folder);
+}
+
+void ChangeMonitor::Leave(int descriptor, const Member &member)
+{
+    const auto found = members.find(descriptor);
+    if (found == members.end())
+        return;
+    std::erase(found->second, member);
+    if (found->second.empty()) {
+        members.erase(found);
+        inotify_rm_watch(inotify.Get(), descriptor);
+    }
+}
+
+void ChangeMonitor::Run()
+{
+    pthread_setname_np(pthread_self(), "fodr-notify");
+    alignas(inotify_event) char buffer[32 * 1024];
+    pollfd sources[] = {{inotify.Get(), POLLIN, 0}, {stop.Get(), POLLIN, 0}};
+    for (;;) {
+        poll(sources, 2, -1);
+        if (sources[1].revents)
+            return;
+        const ssize_t got = read(inotify.Get(), buffer, sizeof(buffer));
+        for (ssize_t at = 0; at < got;) {
+            const auto *event = reinterpret_cast<const inotify_event *>(buffer + at);
+            Handle(*event);
+            at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+        }
+    }
+}
+
+void ChangeMonitor::Handle(const inotify_event &event)
+{
+    std::vector<NewFolder> added;
+    {
+        const MutexLock guard(lock);
+        if (event.mask & IN_Q_OVERFLOW)
+            Overflow(&added);
+        const auto found = members.find(event.wd);
+        // Handling drops folders, and with them perhaps members that are still to come.
+        const std::vector<Member> concerned = found != members.end() ? found->second : std::vector<Member>();
+        for (const Member &member : concerned) {
+            if (IsMember(event.wd, member))
+                HandleIn(member, event, &added);
+        }
+        if (event.mask & IN_IGNORED)
+            Forget(event.wd);
+    }
+    for (NewFolder &folder : added) {
+        if (AddFolders(folder.watch, std::move(folder.path), nullptr) != 0)
+            folder.watch->Fail(nt::STATUS_INSUFFICIENT_RESOURCES);
+    }
+}
+
+bool ChangeMonitor::IsMember(int descriptor, const Member &member) const
+{
+    const auto found = members.find(descriptor);
+    return found != members.end() && std::ranges::find(found->second, member) != found->second.end();
+}
+
+// Events were lost: anything may have changed, and any folder appeared.
+void ChangeMonitor::Overflow(std::vector<NewFolder> *rescan)
+{
+    for (auto &[watch, entry] : entries) {
+        entry.watch->Report(kEveryChange);
+        if (watch->tree)
+            rescan->push_back({entry.watch, ""});
+    }
+}
+
+void ChangeMonitor::HandleIn(const Member &member, const inotify_event &event, std::vector<NewFolder> *added)
+{
+    if (!member.path) {
+        if (event.mask & IN_ISDIR && event.mask & IN_DELETE && IsRemoved(*member.watch))
+            member.watch->Fail(nt::STATUS_DELETE_PENDING);
+        return;
+    }
+    if (event.len == 0) // about the folder itself, which is no change in it
+        return;
+    member.watch->Report(ChangesOfEvent(event.mask));
+    if (!member.watch->tree || !(event.mask & IN_ISDIR))
+        return;
+    Entry &entry = entries[member.watch];
+    const std::string path = Join(*member.path, event.name);
+    if (event.mask & kDisappears)
+        DropFolders(entry, path);
+    if (event.mask & kAppears)
+        added->push_back({entry.watch, path});
+}
+
+// The kernel ended a watch by itself: its folder is gone.
+void ChangeMonitor::Forget(int descriptor)
+{
+    const auto found = members.find(descriptor);
+    if (found == members.end())
+        return;
+    for (const Member &member : found->second) {
+        Entry &entry = entries[member.watch];
+        if (member.path)
+            entry.folders.erase(*member.path);
+        else
+            entry.above = -1;
+    }
+    members.erase(found);
+}
+
+} // namespace fodr::ntposix

@@ -1,0 +1,85 @@
+// The process's inotify: one instance and one reading thread for all change notifications. Both exist only
+// while somebody watches.
+//
+// Any thread. Watches of the same directory share one kernel watch. A tree is one kernel watch a folder;
+// symbolic links in it aren't followed, as NT's watches don't cross reparse points.
+#pragma once
+
+#include "ntposix/ChangeWatch.h"
+#include "ntposix/Fd.h"
+#include "ntposix/Mutex.h"
+
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+struct inotify_event;
+
+namespace fodr::ntposix {
+
+class ChangeMonitor {
+public:
+    // The one that runs, or a new one. Null when the system gives no inotify or thread.
+    static std::shared_ptr<ChangeMonitor> Get();
+    // The one that runs, or null.
+    static std::shared_ptr<ChangeMonitor> Running();
+    ~ChangeMonitor(); // never on the reading thread
+    ChangeMonitor(const ChangeMonitor &) = delete;
+    ChangeMonitor &operator=(const ChangeMonitor &) = delete;
+
+    // After success no change is missed. STATUS_CANCELLED when `call` ended during the work on a large tree.
+    // Remove also after a failure.
+    nt::NTSTATUS Add(const std::shared_ptr<ChangeWatch> &watch, BlockedCall &call) EXCLUDES(lock);
+    void Remove(ChangeWatch *watch) EXCLUDES(lock);
+    // Fails the watches of that directory.
+    void FailDirectory(FileKey key, nt::NTSTATUS status) EXCLUDES(lock);
+
+private:
+    // A folder in which a watch takes part. The watch's own directory is the path "".
+    struct Member {
+        ChangeWatch *watch;
+        const std::string *path; // key in Entry::folders; null: the folder above, which tells of the removal
+        bool operator==(const Member &) const = default;
+    };
+    using Folders = std::map<std::string, int>; // path to kernel watch
+    struct Entry {
+        std::shared_ptr<ChangeWatch> watch;
+        Folders folders;
+        int above = -1; // kernel watch of the folder above
+    };
+    // A folder that appeared in a tree, to be watched without the lock.
+    struct NewFolder {
+        std::shared_ptr<ChangeWatch> watch;
+        std::string path;
+    };
+
+    ChangeMonitor(Fd inotifyFd, Fd stopFd);
+
+    void Run();
+    void Handle(const inotify_event &event) EXCLUDES(lock);
+    void Overflow(std::vector<NewFolder> *rescan) REQUIRES(lock);
+    void HandleIn(const Member &member, const inotify_event &event, std::vector<NewFolder> *added)
+        REQUIRES(lock);
+    void Forget(int descriptor) REQUIRES(lock);
+
+    int AddFolder(ChangeWatch *watch, const std::string &path) REQUIRES(lock);
+    void AddAbove(Entry &entry) REQUIRES(lock);
+    int AddFolders(const std::shared_ptr<ChangeWatch> &watch, std::string path, BlockedCall *call)
+        EXCLUDES(lock);
+    void DropFolders(Entry &entry, const std::string &path) REQUIRES(lock);
+    Folders::iterator DropFolder(Entry &entry, Folders::iterator folder) REQUIRES(lock);
+    void Leave(int descriptor, const Member &member) REQUIRES(lock);
+    bool IsMember(int descriptor, const Member &member) const REQUIRES(lock);
+
+    const Fd inotify;
+    const Fd stop; // eventfd, readable when the thread is to end
+    Mutex lock;    // before that of a ChangeWatch
+    std::unordered_map<const ChangeWatch *, Entry> entries GUARDED_BY(lock);
+    std::unordered_map<int, std::vector<Member>> members GUARDED_BY(lock); // by kernel watch
+    std::thread reader;
+};
+
+} // namespace fodr::ntposix

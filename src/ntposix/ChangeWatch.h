@@ -1,0 +1,49 @@
+// The change notification of one directory handle, from its first call until it is closed: what it asks for,
+// who waits, and whether something changed while nobody did. Any thread.
+#pragma once
+
+#include "ntposix/BlockedCall.h"
+#include "ntposix/Fd.h"
+#include "ntposix/FileObject.h"
+#include "ntposix/Mutex.h"
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+
+namespace fodr::ntposix {
+
+class ChangeWatch {
+public:
+    // `directory` stays open until the watch is out of its ChangeMonitor. Null when there is no descriptor
+    // left.
+    static std::shared_ptr<ChangeWatch> Create(int directory, FileKey key, uint32_t filter, bool tree);
+
+    const FileKey key;
+    const uint32_t filter; // FILE_NOTIFY_CHANGE_*
+    const bool tree;
+
+    // Of a tree it is a descriptor of its own, since folders that appear are read without a lock.
+    int Directory() const { return tree ? own.Get() : borrowed; }
+
+    // Something changed. If it is asked for, one waiting call ends, or the next one that comes.
+    void Report(uint32_t changes) EXCLUDES(lock);
+    // Nothing more can be seen: ends all calls, and those that come, with the status.
+    void Fail(nt::NTSTATUS status) EXCLUDES(lock);
+    // Until a change (STATUS_NOTIFY_ENUM_DIR) or what else ends the call.
+    nt::NTSTATUS Wait(BlockedCall &call) EXCLUDES(lock);
+
+private:
+    ChangeWatch(int directory, Fd ownDirectory, FileKey directoryKey, uint32_t completionFilter,
+                bool watchTree);
+
+    const int borrowed;
+    const Fd own;
+    Mutex lock; // before that of a BlockedCall
+    std::deque<BlockedCall *> waiting GUARDED_BY(lock);
+    bool changed GUARDED_BY(lock) = false;
+    std::optional<nt::NTSTATUS> failure GUARDED_BY(lock);
+};
+
+} // namespace fodr::ntposix

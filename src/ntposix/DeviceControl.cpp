@@ -1,0 +1,213 @@
+// NtDeviceIoControlFile: the controls of MS-FSCC 2.3 that mean something for POSIX files.
+#include "lib/unicode/NameMapping.h"
+#include "ntposix/ErrnoStatus.h"
+#include "ntposix/HandleTable.h"
+#include "ntposix/OpenFile.h"
+#include "platform/Nt.h"
+#include "platform/NtRecords.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <span>
+#include <string>
+
+namespace fodr::ntposix {
+
+namespace {
+
+using namespace nt;
+
+struct Control {
+    OpenFile &file;
+    std::span<const uint8_t> input;
+    std::span<uint8_t> output;
+    uint64_t written = 0;
+
+    // False when the input is too short for the record.
+    template <typename Record> [[nodiscard]] bool Read(Record *record) const
+    {
+        if (input.size() < sizeof(Record))
+            return false;
+        memcpy(record, input.data(), sizeof(Record));
+        return true;
+    }
+    // Appends to the output, as far as there is room for it: false when there isn't.
+    [[nodiscard]] bool Write(const void *data, size_t size)
+    {
+        const size_t fitting = std::min<size_t>(size, output.size() - written);
+        memcpy(output.data() + written, data, fitting);
+        written += fitting;
+        return fitting == size;
+    }
+};
+
+NTSTATUS GetReparsePoint(Control &control)
+{
+    if (control.file.kind != FileKind::kLink)
+        return STATUS_NOT_A_REPARSE_POINT;
+    if (control.output.size() < sizeof(SYMBOLIC_LINK_REPARSE_DATA))
+        return STATUS_BUFFER_TOO_SMALL;
+    char target[PATH_MAX];
+    const ssize_t length = readlinkat(control.file.fd.Get(), "", target, sizeof(target));
+    if (length < 0)
+        return StatusOfErrno(errno);
+    const bool absolute = length > 0 && target[0] == '/';
+    const std::u16string print = NtPathFromPosix({target, static_cast<size_t>(length)});
+    const std::u16string substitute = absolute ? u"\\??\\" + print : print;
+    const auto bytesOf = [](const std::u16string &text) {
+        return static_cast<uint16_t>(text.size() * sizeof(char16_t));
+    };
+    SYMBOLIC_LINK_REPARSE_DATA head{};
+    head.ReparseTag = IO_REPARSE_TAG_SYMLINK;
+    head.SubstituteNameLength = bytesOf(substitute);
+    head.PrintNameOffset = head.SubstituteNameLength;
+    head.PrintNameLength = bytesOf(print);
+    head.Flags = absolute ? 0 : 1;
+    constexpr size_t kBeforeLength = offsetof(SYMBOLIC_LINK_REPARSE_DATA, SubstituteNameOffset);
+    head.ReparseDataLength = static_cast<uint16_t>(sizeof(head) - kBeforeLength + head.SubstituteNameLength +
+                                                   head.PrintNameLength);
+    const bool whole = control.Write(&head, sizeof(head)) &&
+                       control.Write(substitute.data(), head.SubstituteNameLength) &&
+                       control.Write(print.data(), head.PrintNameLength);
+    return whole ? STATUS_SUCCESS : STATUS_BUFFER_OVERFLOW;
+}
+
+// Every POSIX file can have holes, so there is nothing to switch on or off.
+NTSTATUS SetSparse(Control &control)
+{
+    if (!control.file.HasAccess(FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES))
+        return STATUS_ACCESS_DENIED;
+    return control.file.kind == FileKind::kFile ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
+}
+
+// For file systems without holes. Doesn't lengthen the file.
+int WriteZeros(int fd, int64_t offset, int64_t end)
+{
+    static constexpr uint8_t kZeros[64 * 1024] = {};
+    while (offset < end) {
+        const size_t part = static_cast<size_t>(std::min<int64_t>(end - offset, sizeof(kZeros)));
+        const ssize_t done = pwrite(fd, kZeros, part, offset);
+        if (done < 0)
+            return errno;
+        offset += done;
+    }
+    return 0;
+}
+
+NTSTATUS SetZeroData(Control &control)
+{
+    FILE_ZERO_DATA_INFORMATION range;
+    if (!control.Read(&range) || range.FileOffset < 0 || range.BeyondFinalZero < range.FileOffset ||
+        control.file.kind != FileKind::kFile)
+        return STATUS_INVALID_PARAMETER;
+    const int fd = control.file.fd.Get();
+    FileFacts facts;
+    if (const int error = StatDescriptor(fd, &facts))
+        return StatusOfErrno(error);
+    const int64_t end = std::min(range.BeyondFinalZero, facts.endOfFile);
+    if (range.FileOffset >= end)
+        return STATUS_SUCCESS;
+    const int64_t length = end - range.FileOffset;
+    if (control.file.object->locks.ForbidsWrite(&control.file, 0, static_cast<uint64_t>(range.FileOffset),
+                                                static_cast<uint64_t>(length)))
+        return STATUS_FILE_LOCK_CONFLICT;
+    int error = 0;
+    if (fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, range.FileOffset, length) != 0)
+        error = errno == EOPNOTSUPP ? WriteZeros(fd, range.FileOffset, end) : errno;
+    return error ? StatusOfErrno(error) : STATUS_SUCCESS;
+}
+
+NTSTATUS QueryAllocatedRanges(Control &control)
+{
+    FILE_ALLOCATED_RANGE_BUFFER wanted;
+    if (!control.Read(&wanted) || wanted.FileOffset < 0 || wanted.Length < 0 ||
+        wanted.Length > INT64_MAX - wanted.FileOffset || control.file.kind != FileKind::kFile)
+        return STATUS_INVALID_PARAMETER;
+    const int fd = control.file.fd.Get();
+    const int64_t end = wanted.FileOffset + wanted.Length;
+    for (int64_t at = wanted.FileOffset; at < end;) {
+        const int64_t data = lseek(fd, at, SEEK_DATA);
+        if (data < 0 && errno != ENXIO)
+            return StatusOfErrno(errno);
+        if (data < 0 || data >= end) // only a hole, or nothing, follows
+            break;
+        const int64_t hole = lseek(fd, data, SEEK_HOLE);
+        if (hole < 0) // cut short meanwhile
+            break;
+        at = std::min(hole, end);
+        const FILE_ALLOCATED_RANGE_BUFFER found{data, at - data};
+        if (control.output.size() - control.written < sizeof(found))
+            return control.written ? STATUS_BUFFER_OVERFLOW : STATUS_BUFFER_TOO_SMALL;
+        (void)control.Write(&found, sizeof(found));
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS GetCompression(Control &control)
+{
+    if (control.output.size() < sizeof(COMPRESSION_FORMAT_NONE))
+        return STATUS_INVALID_PARAMETER;
+    (void)control.Write(&COMPRESSION_FORMAT_NONE, sizeof(COMPRESSION_FORMAT_NONE));
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS SetCompression(Control &control)
+{
+    uint16_t format;
+    if (!control.Read(&format))
+        return STATUS_INVALID_PARAMETER;
+    // What a volume without compression answers.
+    return format == COMPRESSION_FORMAT_NONE ? STATUS_SUCCESS : STATUS_INVALID_DEVICE_REQUEST;
+}
+
+struct ControlRow {
+    uint32_t code;
+    NTSTATUS (*serve)(Control &control);
+};
+
+constexpr ControlRow kControls[] = {
+    {FSCTL_GET_REPARSE_POINT, GetReparsePoint}, {FSCTL_SET_SPARSE, SetSparse},
+    {FSCTL_SET_ZERO_DATA, SetZeroData},         {FSCTL_QUERY_ALLOCATED_RANGES, QueryAllocatedRanges},
+    {FSCTL_GET_COMPRESSION, GetCompression},    {FSCTL_SET_COMPRESSION, SetCompression},
+};
+
+NTSTATUS Serve(uint32_t code, Control &control)
+{
+    const auto *row = std::ranges::find(kControls, code, &ControlRow::code);
+    if (row == std::end(kControls))
+        return STATUS_INVALID_DEVICE_REQUEST;
+    // Bits 14 and 15 of a code are the data rights that the handle must have.
+    const uint32_t rights = (code >> 14) & (FILE_READ_DATA | FILE_WRITE_DATA);
+    if ((control.file.access & rights) != rights)
+        return STATUS_ACCESS_DENIED;
+    return row->serve(control);
+}
+
+} // namespace
+
+} // namespace fodr::ntposix
+
+namespace fodr::nt {
+
+NTSTATUS NtDeviceIoControlFile(HANDLE file, HANDLE, void *, void *, IO_STATUS_BLOCK *ioStatus,
+                               uint32_t ioControlCode, const void *input, uint32_t inputLength, void *output,
+                               uint32_t outputLength)
+{
+    ioStatus->Information = 0;
+    const ntposix::OpenFileRef open = ntposix::HandleTable::Instance().Find(file);
+    if (!open)
+        return ioStatus->Status = STATUS_INVALID_HANDLE;
+    ntposix::Control control{.file = *open,
+                             .input = {static_cast<const uint8_t *>(input), input ? inputLength : 0},
+                             .output = {static_cast<uint8_t *>(output), output ? outputLength : 0}};
+    const NTSTATUS status = ntposix::Serve(ioControlCode, control);
+    ioStatus->Information = control.written;
+    return ioStatus->Status = status;
+}
+
+} // namespace fodr::nt

@@ -1,0 +1,149 @@
+#include "ntposix/DirectoryScan.h"
+
+#include "lib/unicode/NameMapping.h"
+#include "ntposix/DirectoryIndexes.h"
+#include "ntposix/ErrnoStatus.h"
+#include "ntposix/FileFacts.h"
+#include "platform/Nt.h"
+
+#include <dirent.h>
+
+#include <cerrno>
+
+namespace fodr::ntposix {
+
+nt::NTSTATUS DirectoryScan::Continue(const Query &query)
+{
+    // A search that begins and finds nothing ends otherwise than one that went on to its end.
+    const bool first = !begun || (query.restart && !query.pattern.empty());
+    if (const nt::NTSTATUS status = Begin(query); nt::IsError(status))
+        return status;
+    while (stage != Stage::End) {
+        int error = 0;
+        switch (Next(query, &error)) {
+        case Step::Added:
+            if (query.single)
+                return nt::STATUS_SUCCESS;
+            break;
+        case Step::Skipped:
+            break;
+        case Step::Full:
+            return nt::STATUS_SUCCESS;
+        case Step::Truncated:
+            return nt::STATUS_BUFFER_OVERFLOW;
+        }
+        if (error != 0 && query.records->Written() == 0)
+            return StatusOfErrno(error);
+    }
+    if (query.records->Written() != 0)
+        return nt::STATUS_SUCCESS;
+    return first ? nt::STATUS_NO_SUCH_FILE : nt::STATUS_NO_MORE_FILES;
+}
+
+// MS-FSA 2.1.5.6.3: the pattern of the first call holds for the handle, but a restart may bring another.
+nt::NTSTATUS DirectoryScan::Begin(const Query &query)
+{
+    if (begun && !query.restart)
+        return nt::STATUS_SUCCESS;
+    if (!begun || !query.pattern.empty()) {
+        auto compiled = NamePattern::Compile(query.pattern);
+        if (!compiled)
+            return nt::STATUS_OBJECT_NAME_INVALID;
+        pattern = std::move(*compiled);
+    }
+    begun = true;
+    stage = Stage::Self;
+    const int error = reader.Rewind();
+    return error ? StatusOfErrno(error) : nt::STATUS_SUCCESS;
+}
+
+DirectoryScan::Step DirectoryScan::Next(const Query &query, int *error)
+{
+    Step step = Step::Skipped;
+    switch (stage) {
+    case Stage::Self:
+        step = Append(query, ".", DT_DIR);
+        if (step != Step::Full)
+            stage = Stage::Parent;
+        break;
+    case Stage::Parent:
+        step = Append(query, "..", DT_DIR);
+        if (step != Step::Full)
+            stage = pattern.IsExact() ? Stage::Named : Stage::Others;
+        break;
+    case Stage::Named:
+        step = AppendNamed(query);
+        if (step != Step::Full)
+            stage = Stage::End;
+        break;
+    case Stage::Others:
+        step = AppendOther(query, error);
+        break;
+    case Stage::End:
+        break;
+    }
+    return step;
+}
+
+// A plain name is looked up, which spares reading a large directory for one entry.
+DirectoryScan::Step DirectoryScan::AppendNamed(const Query &query)
+{
+    std::string wanted;
+    if (!PosixNameFromNt(pattern.ExactName(), wanted) || wanted.empty() || wanted == "." || wanted == "..")
+        return Step::Skipped;
+    FileFacts facts;
+    if (StatAt(directory, wanted.c_str(), Links::kDontFollow, &facts) != 0) {
+        const auto present = DirectoryLease(directory).Find(wanted);
+        if (!present)
+            return Step::Skipped;
+        wanted = *present;
+    }
+    return Append(query, wanted.c_str(), DT_UNKNOWN);
+}
+
+DirectoryScan::Step DirectoryScan::AppendOther(const Query &query, int *error)
+{
+    const DirectoryReader::Entry *entry = reader.Next(error);
+    if (!entry) {
+        stage = Stage::End;
+        return Step::Skipped;
+    }
+    const Step step = Append(query, entry->name, entry->type);
+    if (step == Step::Full)
+        reader.PutBack();
+    return step;
+}
+
+DirectoryScan::Step DirectoryScan::Append(const Query &query, const char *name, unsigned char type)
+{
+    ntName.clear();
+    AppendNtName(name, ntName);
+    if (!pattern.Matches(ntName))
+        return Step::Skipped;
+    // Asking the file system about an entry that has no room would be for nothing.
+    if (!query.records->HasRoom(ntName.size()))
+        return Step::Full;
+    FileFacts facts;
+    if (query.needsFacts && !FactsOf(name, type, &facts))
+        return Step::Skipped;
+    return query.records->Append(ntName, facts) ? Step::Added : Step::Truncated;
+}
+
+// A link is listed as what it leads to, and as itself when it leads nowhere. False for an entry that is gone.
+bool DirectoryScan::FactsOf(const char *name, unsigned char type, FileFacts *facts) const
+{
+    int error = StatAt(directory, name, Links::kFollow, facts);
+    if (error != 0 && type != DT_REG && type != DT_DIR)
+        error = StatAt(directory, name, Links::kDontFollow, facts);
+    if (error == ENOENT)
+        return false;
+    if (error != 0 &&
+        type == DT_DIR) // in a directory that may be read but not searched, names are all there is
+        facts->attributes = nt::FILE_ATTRIBUTE_DIRECTORY;
+    if (facts->kind == FileKind::kLink)
+        facts->endOfFile = facts->allocation = 0;
+    facts->attributes = CompleteAttributes(facts->attributes | HiddenByName(name));
+    return true;
+}
+
+} // namespace fodr::ntposix

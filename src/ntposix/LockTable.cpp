@@ -1,0 +1,227 @@
+#include "ntposix/LockTable.h"
+
+#include "ntposix/ProcessLock.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <optional>
+
+namespace fodr::ntposix {
+
+namespace {
+
+// The kernel has no wait for a lock of another process that a cancel could end, so such a lock is tried
+// again.
+constexpr std::chrono::milliseconds kFirstRetry{10};
+constexpr std::chrono::milliseconds kLongestRetry{500};
+
+// Whether any part of a range lies behind `position`. A point between two bytes has itself as its end.
+bool EndsBehind(uint64_t offset, uint64_t length, uint64_t position)
+{
+    return length ? offset + (length - 1) >= position : offset > position;
+}
+
+bool Overlap(const RangeLock &held, uint64_t offset, uint64_t length)
+{
+    return EndsBehind(held.offset, held.length, offset) && EndsBehind(offset, length, held.offset);
+}
+
+bool SameOwner(const RangeLock &held, const void *handle, uint32_t key)
+{
+    return held.handle == handle && held.key == key;
+}
+
+// An exclusive lock bears no other, not even of its own handle. A shared one bears shared ones, and its own
+// handle's exclusive one.
+bool Conflict(const RangeLock &held, const RangeLock &wanted)
+{
+    if (!Overlap(held, wanted.offset, wanted.length))
+        return false;
+    if (wanted.exclusive)
+        return true;
+    return held.exclusive && !SameOwner(held, wanted.handle, wanted.key);
+}
+
+} // namespace
+
+bool LockTable::ForbidsRead(const void *handle, uint32_t key, uint64_t offset, uint64_t length)
+{
+    return heldCount.load() != 0 && Forbids(handle, key, offset, length, false);
+}
+
+bool LockTable::ForbidsWrite(const void *handle, uint32_t key, uint64_t offset, uint64_t length)
+{
+    return heldCount.load() != 0 && Forbids(handle, key, offset, length, true);
+}
+
+bool LockTable::Forbids(const void *handle, uint32_t key, uint64_t offset, uint64_t length, bool write)
+{
+    if (length == 0)
+        return false;
+    const MutexLock guard(lock);
+    for (const RangeLock &other : held) {
+        // A shared lock keeps everybody from writing, also the handle that holds it.
+        const bool forbids = other.exclusive ? !SameOwner(other, handle, key) : write;
+        if (forbids && Overlap(other, offset, length))
+            return true;
+    }
+    return false;
+}
+
+nt::NTSTATUS LockTable::Lock(const RangeLock &wanted, bool failImmediately, BlockedCalls &calls)
+{
+    if (wanted.length != 0 && wanted.offset + (wanted.length - 1) < wanted.offset)
+        return nt::STATUS_INVALID_LOCK_RANGE;
+    bool granted;
+    {
+        const MutexLock guard(lock);
+        granted = TryLock(wanted) == Outcome::Granted;
+    }
+    if (granted) {
+        // A close that came between has released the handle's locks already, without this one.
+        if (!calls.IsClosed())
+            return nt::STATUS_SUCCESS;
+        ReleaseAll(wanted.handle);
+        return nt::STATUS_RANGE_NOT_LOCKED;
+    }
+    return failImmediately ? nt::STATUS_LOCK_NOT_GRANTED : WaitForLock(wanted, calls);
+}
+
+nt::NTSTATUS LockTable::WaitForLock(const RangeLock &wanted, BlockedCalls &calls)
+{
+    BlockedCall call(calls, nt::STATUS_RANGE_NOT_LOCKED);
+    Waiter waiter{wanted, &call};
+    {
+        const MutexLock guard(lock);
+        waiters.push_back(&waiter);
+    }
+    auto retry = kFirstRetry;
+    for (;;) {
+        std::optional<std::chrono::milliseconds> time;
+        {
+            const MutexLock guard(lock);
+            if (Serve(waiter) == Outcome::HeldByProcess)
+                time = retry;
+        }
+        if (const auto ending = call.WaitFor(time)) {
+            const MutexLock guard(lock);
+            std::erase(waiters, &waiter);
+            return *ending;
+        }
+        retry = std::min(2 * retry, kLongestRetry);
+    }
+}
+
+LockTable::Outcome LockTable::Serve(Waiter &waiter)
+{
+    if (waiter.call->HasEnded())
+        return Outcome::Granted;
+    const Outcome outcome = TryLock(waiter.wanted);
+    if (outcome == Outcome::Granted && !waiter.call->End(nt::STATUS_SUCCESS))
+        Remove(held.size() - 1); // cancelled in the same moment
+    return outcome;
+}
+
+// Those that come first are served first. One that another process alone keeps out goes on trying by itself.
+void LockTable::ServeWaiters()
+{
+    for (Waiter *waiter : waiters) {
+        if (Serve(*waiter) == Outcome::HeldByProcess)
+            waiter->call->Nudge();
+    }
+}
+
+nt::NTSTATUS LockTable::Unlock(const void *handle, uint32_t key, uint64_t offset, uint64_t length)
+{
+    const MutexLock guard(lock);
+    size_t found = held.size();
+    for (size_t i = 0; i < held.size(); ++i) {
+        const bool same =
+            SameOwner(held[i], handle, key) && held[i].offset == offset && held[i].length == length;
+        if (same && (found == held.size() || held[i].exclusive))
+            found = i;
+    }
+    if (found == held.size())
+        return nt::STATUS_RANGE_NOT_LOCKED;
+    Remove(found);
+    ServeWaiters();
+    return nt::STATUS_SUCCESS;
+}
+
+void LockTable::ReleaseAll(const void *handle)
+{
+    if (heldCount.load() == 0)
+        return;
+    const MutexLock guard(lock);
+    int fd = -1;
+    std::erase_if(held, [&](const RangeLock &other) {
+        if (other.handle != handle)
+            return false;
+        fd = other.fd;
+        return true;
+    });
+    heldCount.store(held.size());
+    (void)SetProcessLock(fd, ProcessLockType::None, 0, UINT64_MAX);
+    ServeWaiters();
+}
+
+LockTable::Outcome LockTable::TryLock(const RangeLock &wanted)
+{
+    for (const RangeLock &other : held) {
+        if (Conflict(other, wanted))
+            return Outcome::HeldHere;
+    }
+    held.push_back(wanted);
+    heldCount.store(held.size());
+    if (SyncProcessLocks(wanted))
+        return Outcome::Granted;
+    Remove(held.size() - 1);
+    return Outcome::HeldByProcess;
+}
+
+void LockTable::Remove(size_t index)
+{
+    const RangeLock removed = held[index];
+    held.erase(held.begin() + static_cast<std::ptrdiff_t>(index));
+    heldCount.store(held.size());
+    (void)SyncProcessLocks(removed);
+}
+
+// The kernel keeps one lock a byte and descriptor, NT any number. So every part of the range that changed
+// gets the strongest lock that the handle still has on it.
+bool LockTable::SyncProcessLocks(const RangeLock &changed)
+{
+    if (changed.fd < 0 || changed.length == 0)
+        return true;
+    const uint64_t last = changed.offset + (changed.length - 1);
+    std::vector<RangeLock> own;
+    std::vector<uint64_t> starts{changed.offset};
+    for (const RangeLock &other : held) {
+        if (other.handle != changed.handle || other.length == 0 ||
+            !Overlap(other, changed.offset, changed.length))
+            continue;
+        own.push_back(other);
+        const uint64_t otherLast = other.offset + (other.length - 1);
+        if (other.offset > changed.offset)
+            starts.push_back(other.offset);
+        if (otherLast < last)
+            starts.push_back(otherLast + 1);
+    }
+    std::sort(starts.begin(), starts.end());
+    bool granted = true;
+    for (size_t i = 0; i < starts.size() && granted; ++i) {
+        const uint64_t partLast = i + 1 < starts.size() ? starts[i + 1] - 1 : last;
+        if (partLast < starts[i])
+            continue; // two locks begin here
+        auto type = ProcessLockType::None;
+        for (const RangeLock &other : own) {
+            if (Overlap(other, starts[i], 1))
+                type = std::max(type, other.exclusive ? ProcessLockType::Exclusive : ProcessLockType::Shared);
+        }
+        granted = SetProcessLock(changed.fd, type, starts[i], partLast - starts[i] + 1);
+    }
+    return granted;
+}
+
+} // namespace fodr::ntposix
