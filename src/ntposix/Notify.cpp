@@ -8,10 +8,10 @@
 
 namespace fodr::ntposix {
 
-void NotifyDeletePending(FileKey directory)
+void NotifyDeletePending(dev_t device, ino_t inode)
 {
     if (const auto monitor = ChangeMonitor::Running())
-        monitor->FailDirectory(directory, nt::STATUS_DELETE_PENDING);
+        monitor->FailDirectory({device, inode}, nt::STATUS_DELETE_PENDING);
 }
 
 namespace {
