@@ -1,0 +1,223 @@
+#include "rdpdr/RdpdrChannelManager.h"
+
+#include "platform/NtStatus.h"
+#include "rdpdr/ThreadPoolDataHandlerImpl.h"
+#include "rdpdr/wire/CompletionBuilder.h"
+#include "rdpdr/wire/IRdpdrChannel.h"
+#include "rdpdr/wire/RdpdrRecords.h"
+#include "runtime/LogCall.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <new>
+#include <utility>
+
+namespace fodr {
+
+namespace {
+
+struct ReceivedPacket {
+    RdpdrChannelManager *manager;
+    RdpdrStream *stream;
+};
+
+} // namespace
+
+RdpdrChannelManager::RdpdrChannelManager()
+    : clientVersion(FODR_CLIENT_VERSION), driveWatcher(IDriveWatcher::Create()),
+      dataHandler(std::make_unique<ThreadPoolDataHandlerImpl>(0))
+{}
+
+RdpdrChannelManager::~RdpdrChannelManager()
+{
+    RdpdrChannelManager::Shutdown();
+}
+
+bool RdpdrChannelManager::Initialize(IRdpdrChannel *packetChannel, FodrLogger *trace)
+{
+    channel = packetChannel;
+    packetTrace = trace;
+    return true;
+}
+
+void RdpdrChannelManager::Shutdown()
+{
+    {
+        OVMutexLock held(watcherLock);
+        if (driveWatcher && !driveWatcher->Stop())
+            LOG_ERROR("Failed to stop drive watcher\n");
+        driveWatcher.reset();
+    }
+    CloseAllDevices();
+    dataHandler.reset();
+    // A packet that was still queued may have added shares.
+    CloseAllDevices();
+    // No task is left that could see these go.
+    channel = nullptr;
+    packetTrace = nullptr;
+    delete policy.exchange(nullptr);
+    OVMutexLock held(stateLock);
+    storedPolicyStream.reset();
+}
+
+void RdpdrChannelManager::CloseAllDevices()
+{
+    std::map<uint32_t, Device> closing;
+    {
+        OVMutexLock held(deviceTableLock);
+        closing.swap(devices);
+    }
+    for (auto &[id, device] : closing)
+        device->CloseAllFiles();
+}
+
+int RdpdrChannelManager::GetClientVersion()
+{
+    return clientVersion;
+}
+
+bool RdpdrChannelManager::OnDataReceived(RdpdrStream *stream)
+{
+    if (!dataHandler) {
+        LOG_ERROR("Thread pool is not initialzed.\n");
+        return false;
+    }
+    auto *packet = new (std::nothrow) ReceivedPacket{this, stream};
+    if (!packet)
+        return false;
+    if (!dataHandler->SubmitTask(ProcessDataTask, packet)) {
+        delete packet;
+        return false;
+    }
+    return true;
+}
+
+void RdpdrChannelManager::ProcessDataTask(void *record)
+{
+    auto *packet = static_cast<ReceivedPacket *>(record);
+    packet->manager->ProcessData(packet->stream);
+    RdpdrStream::Free(&packet->stream);
+    delete packet;
+}
+
+bool RdpdrChannelManager::ProcessData(RdpdrStream *stream)
+{
+    stream->SetPosition(0);
+    auto header = ReadRecord<RDPDR_HEADER>(*stream);
+    if (header.Component == RDPDR_CTYP_PRIVATE) {
+        OVMutexLock held(stateLock);
+        ProcessPrivatePacket(header.PacketId, stream);
+        // Goes on below: a core packet under the private component is served as well.
+    } else if (header.Component != RDPDR_CTYP_CORE) {
+        LOG_ERROR("Received packet with component != CORE component:0x%x\n", header.Component);
+        return false;
+    }
+    switch (header.PacketId) {
+    case PAKID_CORE_DEVICE_IOREQUEST:
+        HandleDeviceIoRequest(stream);
+        break;
+    case PAKID_CORE_SERVER_ANNOUNCE:
+        HandleServerAnnounce(stream);
+        break;
+    case PAKID_CORE_SERVER_CAPABILITY:
+        HandleServerCapability();
+        break;
+    case PAKID_CORE_USER_LOGGEDON: {
+        OVMutexLock held(stateLock);
+        HandleUserLoggedOn();
+        break;
+    }
+    case PAKID_CORE_DEVICE_REPLY:
+        HandleDeviceReply(stream);
+        break;
+    default:
+        break;
+    }
+    return true;
+}
+
+void RdpdrChannelManager::HandleDeviceIoRequest(RdpdrStream *stream)
+{
+    if (!stream->SetPosition(kHeaderEnd))
+        return;
+    auto request = ReadRecord<DR_DEVICE_IOREQUEST>(*stream);
+    stream->SetPosition(0);
+
+    Device device;
+    {
+        OVMutexLock held(deviceTableLock);
+        device = FindDevice(request.DeviceId);
+        if (!device) {
+            RdpdrStreamPtr completion = BuildIoCompletion(request.DeviceId, request.CompletionId,
+                                                          nt::STATUS_DEVICE_REMOVED, 0, nullptr);
+            if (completion)
+                Write(completion.get());
+            return;
+        }
+    }
+    device->OnIoRequest(stream);
+}
+
+void RdpdrChannelManager::HandleDeviceReply(RdpdrStream *stream)
+{
+    uint32_t deviceId = 0;
+    uint32_t resultCode = 0;
+    if (!stream->SetPosition(kHeaderEnd)) {
+        LOG_WARN("Set the stream position error.\n");
+        return;
+    }
+    auto reply = ReadRecord<DR_CORE_DEVICE_ANNOUNCE_RSP>(*stream);
+    deviceId = reply.DeviceId;
+    resultCode = reply.ResultCode;
+
+    Device device;
+    {
+        OVMutexLock held(deviceTableLock);
+        LOG_INFO("Device %u reply with code %u.\n", deviceId, resultCode);
+        auto found = devices.find(deviceId);
+        if (found == devices.end()) {
+            LOG_ERROR("could find drive for deviceId %u.\n", deviceId);
+            return;
+        }
+        device = found->second;
+        if (!device) {
+            LOG_ERROR("Invalid pointer to the drive.\n");
+            return;
+        }
+        if (resultCode != 0)
+            devices.erase(found);
+    }
+    // Out of the lock: this waits for the requests in flight.
+    if (resultCode != 0)
+        device->CloseAllFiles();
+
+    std::string message = "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED";
+    if (resultCode != 0) {
+        char text[64];
+        snprintf(text, sizeof(text), "FOLDER_REDIRECTION_CMD_STATUS,Failed with code 0x%" PRIx32, resultCode);
+        message = text;
+    }
+    LOG_DEBUG("Notify ODPObserver with cookie [%s] for message [%s].\n", device->GetName().c_str(),
+              message.c_str());
+    Notify(device->GetName().c_str(), message);
+}
+
+RdpdrChannelManager::Device RdpdrChannelManager::FindDevice(uint32_t deviceId)
+{
+    auto found = devices.find(deviceId);
+    return found == devices.end() ? Device() : found->second;
+}
+
+void RdpdrChannelManager::Write(RdpdrStream *packet)
+{
+    if (channel)
+        channel->WriteChannel(packet);
+}
+
+void RdpdrChannelManager::Notify(const char *cookie, const std::string &message)
+{
+    if (channel)
+        channel->NotifyODPObserver(cookie, message.c_str());
+}
+
+} // namespace fodr

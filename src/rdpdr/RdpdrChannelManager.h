@@ -1,0 +1,161 @@
+// The client end of the drive-redirection protocol, one for each connection: the handshake with the agent,
+// the agent's policy, the table of shares and their announcement, the way of I/O requests to their share.
+//
+// Threads. Every packet is handled on a pool thread of its own, in no order and with any number at once, so
+// what the handshake has come to rests on four facts (serverVersion, policy, storedPolicyStream,
+// userLoggedOn) and not on an order of arrival. Folder commands come on the host's threads, drive events on
+// the watcher's.
+//
+// Locks, in the order in which they nest: stateLock, watcherLock, deviceTableLock, the policy's lock. Each is
+// taken alone as well. Facts that are read without stateLock are atomic, and hold for the moment of the read.
+#pragma once
+
+#include "drives/IDeviceStateSubscriber.h"
+#include "drives/IDriveWatcher.h"
+#include "fileservice/IRedirectedDevice.h"
+#include "lib/misc/ThreadSafety.h"
+#include "rdpdr/ClientPolicy.h"
+#include "rdpdr/IThreadPoolDataHandler.h"
+#include "rdpdr/ShareNames.h"
+#include "rdpdr/wire/RdpdrStream.h"
+#include "runtime/OVMutex.h"
+#include "runtime/RCPtr.h"
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace fodr {
+
+class FodrLogger;
+class IFileSystem;
+class IRdpdrChannel;
+
+class RdpdrChannelManager : public IDeviceStateSubscriber {
+public:
+    RdpdrChannelManager();
+    ~RdpdrChannelManager() override;
+    RdpdrChannelManager(const RdpdrChannelManager &) = delete;
+    RdpdrChannelManager &operator=(const RdpdrChannelManager &) = delete;
+
+    // Both outlive Shutdown; the trace may be null. Always true.
+    virtual bool Initialize(IRdpdrChannel *packetChannel, FodrLogger *trace);
+    // Stops the watcher, closes every file without telling the agent, lets the queued packets run to their
+    // end and forgets channel and policy. The sources of packets and commands are stopped before. May be
+    // called again.
+    virtual void Shutdown() EXCLUDES(stateLock, watcherLock, deviceTableLock);
+
+    // Queues one whole packet and returns at once. True takes the stream over.
+    virtual bool OnDataReceived(RdpdrStream *stream);
+    // Handles one packet on the calling thread; the stream stays with the caller. False only for a component
+    // that isn't ours. A device request that waits for something holds the thread.
+    bool ProcessData(RdpdrStream *stream) EXCLUDES(stateLock, deviceTableLock);
+
+    // The protocol version of this client.
+    virtual int GetClientVersion();
+
+    // Adds a share and, if its folder is there, announces it. The outcome reaches the caller as a status text
+    // under the cookie, and that of an announced share only with the agent's reply. A `driveLetterShare`
+    // stays until the end; `permission` 0 stands for the policy's default; an empty `shareName` lets the path
+    // name the share. True when the share is in the table afterwards.
+    virtual bool AddSharedFolder(const std::string &path, const std::string &cookie, bool driveLetterShare,
+                                 uint32_t permission, const std::string &shareName,
+                                 const std::vector<std::string> &allowList)
+        EXCLUDES(watcherLock, deviceTableLock);
+    virtual bool AddSharedFolder(const std::string &path, const std::string &cookie, bool driveLetterShare,
+                                 uint32_t permission, const std::string &shareName);
+    // Takes the shares of the folder out of the table and tells the agent. True when there was one.
+    virtual bool RemoveSharedFolder(const std::string &path, const std::string &shareName,
+                                    const std::string &cookie) EXCLUDES(watcherLock, deviceTableLock);
+    // Shares every drive there is, if the settings don't say otherwise.
+    virtual void RedirectAllDrives();
+
+    bool OnDeviceAvailable(char driveLetter) override EXCLUDES(deviceTableLock);
+    bool OnDeviceUnavailable(char driveLetter) override EXCLUDES(deviceTableLock);
+
+    // Whether a share of this name shows only named files.
+    static bool NeedsAccessControl(const std::string &shareName);
+
+private:
+    using Device = RCPtr<IRedirectedDevice>;
+    struct ShareRequest;
+    struct ShareOutcome;
+
+    // Dispatch.
+    static void ProcessDataTask(void *record);
+    void ProcessPrivatePacket(uint16_t packetId, RdpdrStream *stream) REQUIRES(stateLock);
+    void HandleUserLoggedOn() REQUIRES(stateLock);
+    void HandleDeviceIoRequest(RdpdrStream *stream) EXCLUDES(deviceTableLock);
+    void HandleDeviceReply(RdpdrStream *stream) EXCLUDES(deviceTableLock);
+    Device FindDevice(uint32_t deviceId) REQUIRES(deviceTableLock);
+    void CloseAllDevices() EXCLUDES(deviceTableLock);
+
+    // Handshake.
+    void HandleServerAnnounce(RdpdrStream *stream);
+    void HandleServerCapability();
+    void SendFodrClientVersion();
+    bool SendClientName();
+    void HandleVersionExchange(RdpdrStream *stream) REQUIRES(stateLock);
+    void HandlePolicyStream() REQUIRES(stateLock);
+    bool HandleFodrPolicy(RdpdrStream *stream) REQUIRES(stateLock);
+    void SetPolicyStream(const RdpdrStream *stream) REQUIRES(stateLock);
+    void OnUserReady() REQUIRES(stateLock);
+    std::string CapabilityStatus() REQUIRES(stateLock);
+
+    // Where shares come from, beside the commands.
+    void RedirectDevicesFromRegKey();
+    void AddPolicyFolders() REQUIRES(stateLock);
+
+    // Adding.
+    bool ShouldApplyCDRPolicy(SharedType type);
+    bool IsAllowedByCDRPolicy(const std::string &path, uint32_t permission, SharedType type);
+    ShareOutcome InsertShare(const ShareRequest &request) EXCLUDES(deviceTableLock);
+    Device FindShare(const std::string &ntPath, SharedType type) REQUIRES(deviceTableLock);
+    std::string GenerateFriendlyName(const std::string &path, const std::string &shareName)
+        REQUIRES(deviceTableLock);
+    // Null when there is no memory, and for a share that can't be had.
+    Device CreateDevice(const ShareRequest &request, const std::string &friendlyName,
+                        std::unique_ptr<IFileSystem> fileSystem);
+
+    // Removing, and the watcher.
+    void StartDriveWatcher(bool firstShare) EXCLUDES(watcherLock, deviceTableLock);
+    void StopDriveWatcherIfUnused() EXCLUDES(watcherLock, deviceTableLock);
+    bool HasShares() EXCLUDES(deviceTableLock);
+    static bool MatchesRemoval(const IRedirectedDevice &device, const std::string &ntPath,
+                               const std::string &shareName);
+    std::vector<Device> DevicesOfDrive(char driveLetter) EXCLUDES(deviceTableLock);
+
+    // What goes out. SendSimpleDevice gives 0 when there is no memory, else 1.
+    void AnnounceShare(const IRedirectedDevice &device, bool exists, const std::string &cookie);
+    int SendSimpleDevice(uint32_t deviceId, uint32_t deviceType, const std::string &friendlyName)
+        EXCLUDES(deviceTableLock);
+    void SendDeviceRemove(uint32_t deviceId);
+    uint32_t GetDeviceListAnnounceExtLength(uint32_t deviceId) REQUIRES(deviceTableLock);
+    void AppendDeviceListExt(RdpdrStream *stream, uint32_t deviceId) REQUIRES(deviceTableLock);
+    void Write(RdpdrStream *packet);
+    void Notify(const char *cookie, const std::string &message);
+
+    IRdpdrChannel *channel = nullptr;
+    FodrLogger *packetTrace = nullptr;
+    int32_t clientVersion;
+    std::atomic<int32_t> serverVersion{0}; // 0: not known yet
+    std::atomic<bool> multiEntryDirectoryQuery{false};
+    std::atomic<bool> readOnly{false}; // never cleared
+    std::atomic<bool> preReadEnabled{false};
+    std::map<uint32_t, Device> devices GUARDED_BY(deviceTableLock);
+    uint32_t nextDeviceId GUARDED_BY(deviceTableLock) = 0xFFFF;
+    OVMutex deviceTableLock; // not held across device work
+    OVMutex watcherLock;     // makes the watcher run just while there are shares
+    std::unique_ptr<IDriveWatcher> driveWatcher GUARDED_BY(watcherLock);
+    std::unique_ptr<IThreadPoolDataHandler> dataHandler;
+    std::atomic<ClientPolicy *> policy{nullptr};             // owned; made once, under stateLock
+    RdpdrStreamPtr storedPolicyStream GUARDED_BY(stateLock); // came before the version
+    bool userLoggedOn GUARDED_BY(stateLock) = false;         // never cleared
+    OVMutex stateLock; // held while a handshake packet is handled, the shares it adds included
+    std::atomic<bool> driveLetterMappingDisabled{true};
+};
+
+} // namespace fodr

@@ -1,0 +1,207 @@
+// RdpdrChannelManager: what agent and client tell each other before shares appear.
+#include "platform/Process.h"
+#include "platform/SystemError.h"
+#include "rdpdr/RdpdrChannelManager.h"
+#include "rdpdr/wire/RdpdrRecords.h"
+#include "runtime/LogCall.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace fodr {
+
+namespace {
+
+constexpr size_t kMaxComputerName = 127; // UTF-16 units, without the terminator
+constexpr uint32_t kMinPolicyLength = 8;
+
+uint16_t ClientCapabilities()
+{
+    return FODR_CLIENT_CAPABILITIES;
+}
+
+template <wire::Record Packet> std::array<uint8_t, kWireEnd<Packet>> PacketBytes(const Packet &packet)
+{
+    std::array<uint8_t, kWireEnd<Packet>> bytes;
+    StorePacket(packet, bytes.data());
+    return bytes;
+}
+
+const char *AbledPrefix(bool abled)
+{
+    return abled ? "en" : "dis";
+}
+
+} // namespace
+
+void RdpdrChannelManager::HandleServerAnnounce(RdpdrStream *stream)
+{
+    stream->SetPosition(kHeaderEnd);
+    auto announce = ReadRecord<DR_CORE_SERVER_ANNOUNCE_REQ>(*stream);
+    auto bytes = PacketBytes(DR_CORE_CLIENT_ANNOUNCE_RSP{.ClientId = announce.ClientId});
+    RdpdrStream confirm(bytes.data(), bytes.size());
+    Write(&confirm);
+    if (clientVersion > 0)
+        SendFodrClientVersion();
+}
+
+void RdpdrChannelManager::SendFodrClientVersion()
+{
+    uint16_t capabilities = ClientCapabilities();
+    LOG_INFO("Sending FODR client version = %d, capability = 0x%x\n", clientVersion, capabilities);
+    auto bytes = PacketBytes(FODR_VERSION_EXCHANGE{static_cast<uint16_t>(clientVersion), capabilities});
+    RdpdrStream version(bytes.data(), bytes.size());
+    Write(&version);
+}
+
+void RdpdrChannelManager::HandleServerCapability()
+{
+    auto bytes = PacketBytes(DR_CORE_CAPABILITY_RSP{});
+    RdpdrStream capability(bytes.data(), bytes.size());
+    Write(&capability);
+    if (!SendClientName())
+        LOG_ERROR("Failed sending client name.\n");
+}
+
+bool RdpdrChannelManager::SendClientName()
+{
+    std::u16string name = platform::ComputerName();
+    if (name.empty()) {
+        LOG_ERROR("Unable to get computer name, error %d.\n", static_cast<int>(platform::LastSystemError()));
+        return false;
+    }
+    name.resize(std::min(name.size(), kMaxComputerName));
+
+    std::array<uint8_t, kWireEnd<DR_CORE_CLIENT_NAME_REQ> + 2 * (kMaxComputerName + 1)> bytes{};
+    auto nameLength = static_cast<uint32_t>(2 * name.size() + 2);
+    StorePacket(DR_CORE_CLIENT_NAME_REQ{.ComputerNameLen = nameLength}, bytes.data());
+    uint8_t *at = bytes.data() + kWireEnd<DR_CORE_CLIENT_NAME_REQ>;
+    for (char16_t unit : name) {
+        StoreLittle(at, static_cast<uint16_t>(unit));
+        at += sizeof(uint16_t);
+    }
+    RdpdrStream packet(bytes.data(), static_cast<int32_t>(kWireEnd<DR_CORE_CLIENT_NAME_REQ> + nameLength));
+    Write(&packet);
+    return true;
+}
+
+void RdpdrChannelManager::ProcessPrivatePacket(uint16_t packetId, RdpdrStream *stream)
+{
+    if (packetId == PAKID_PRIVATE_VERSION_EXCHANGE) {
+        HandleVersionExchange(stream);
+    } else if (packetId == PAKID_PRIVATE_POLICY) {
+        HandleFodrPolicy(stream);
+        if (userLoggedOn && serverVersion != FODR_VERSION_UNKNOWN)
+            OnUserReady();
+    }
+}
+
+void RdpdrChannelManager::HandleUserLoggedOn()
+{
+    userLoggedOn = true;
+    if (serverVersion == FODR_VERSION_NO_POLICY || (serverVersion != FODR_VERSION_UNKNOWN && policy.load()))
+        OnUserReady();
+}
+
+void RdpdrChannelManager::HandleVersionExchange(RdpdrStream *stream)
+{
+    stream->SetPosition(kHeaderEnd);
+    auto exchange = ReadRecord<FODR_VERSION_EXCHANGE>(*stream);
+    int32_t version = exchange.Version;
+    uint32_t capabilities = exchange.Capabilities & 0xFFu; // the low byte alone counts
+    serverVersion = version;
+    driveLetterMappingDisabled = (capabilities & FODR_CAP_DRIVE_LETTER_MAPPING) == 0;
+    LOG_INFO("The server version received = %d.\n", version);
+    LOG_INFO("The server caps = 0x%x.\n", capabilities);
+    LOG_INFO("Drive letter mapping is %sabled\n", AbledPrefix(!driveLetterMappingDisabled));
+
+    if (version >= FODR_VERSION_DIRECTORY_CAPABILITY) {
+        multiEntryDirectoryQuery = (capabilities & FODR_CAP_MULTI_ENTRY_DIRECTORY_QUERY) != 0;
+        if (version >= FODR_VERSION_PRE_READ_CAPABILITY)
+            preReadEnabled = (capabilities & FODR_CAP_PRE_READ) != 0;
+        LOG_INFO("The client pre-read status: %sabled", AbledPrefix(preReadEnabled));
+    }
+    if (storedPolicyStream)
+        HandlePolicyStream();
+    if (userLoggedOn && (policy.load() || version == FODR_VERSION_NO_POLICY))
+        OnUserReady();
+}
+
+void RdpdrChannelManager::HandlePolicyStream()
+{
+    LOG_WARN("Policy exists, parse policy stream.\n");
+    // Taken out first: an agent whose version is 0 makes this store the packet anew.
+    RdpdrStreamPtr stored = std::move(storedPolicyStream);
+    HandleFodrPolicy(stored.get());
+}
+
+void RdpdrChannelManager::SetPolicyStream(const RdpdrStream *stream)
+{
+    if (!stream) {
+        LOG_ERROR("Stream is NULL.\n");
+        return;
+    }
+    storedPolicyStream.reset(RdpdrStream::Create(static_cast<size_t>(stream->Size())));
+    if (storedPolicyStream && stream->Size() > 0)
+        memcpy(storedPolicyStream->Base(), stream->Base(), static_cast<size_t>(stream->Size()));
+}
+
+bool RdpdrChannelManager::HandleFodrPolicy(RdpdrStream *stream)
+{
+    if (serverVersion == FODR_VERSION_UNKNOWN) {
+        LOG_WARN("Server version unknown, save policy stream.\n");
+        SetPolicyStream(stream);
+        // And on: the header counts at once.
+    }
+    stream->SetPosition(kHeaderEnd);
+    uint32_t length = ReadRecord<FODR_POLICY>(*stream).PolicyLength;
+    size_t remain = stream->Remaining();
+    // The length is refused when it is *below* the rest: an overstated one passes.
+    if (length < kMinPolicyLength || length < remain) {
+        LOG_ERROR("Invalid policy length %d remain %lu.\n", static_cast<int>(length),
+                  static_cast<unsigned long>(remain));
+        return false;
+    }
+    if (!policy.load()) {
+        policy = new (std::nothrow) ClientPolicy;
+        if (!policy.load())
+            return false;
+    }
+    policy.load()->ParsePolicy(stream->Cursor(), remain, length, serverVersion);
+    return true;
+}
+
+void RdpdrChannelManager::OnUserReady()
+{
+    ClientPolicy *agentPolicy = policy;
+    if (agentPolicy && agentPolicy->HasReadOnlyMark()) {
+        LOG_INFO("CDR is marked as read-only\n");
+        readOnly = true;
+    }
+    bool enabled = agentPolicy && agentPolicy->IsEnabled();
+    if (serverVersion == FODR_VERSION_NO_POLICY || (enabled && !agentPolicy->IsSharedByAgent())) {
+        RedirectAllDrives();
+        RedirectDevicesFromRegKey();
+    }
+    if (enabled)
+        AddPolicyFolders();
+    Notify(nullptr, CapabilityStatus());
+}
+
+std::string RdpdrChannelManager::CapabilityStatus()
+{
+    ClientPolicy *agentPolicy = policy;
+    std::string status = "RDPDR_CAPABILITY_STATUS";
+    bool enabled = agentPolicy && agentPolicy->IsEnabled();
+    if (!enabled && serverVersion != FODR_VERSION_NO_POLICY) {
+        LOG_INFO("CDR is Disabled by Agent policy.\n");
+        return status + ",DISABLED";
+    }
+    bool forced = agentPolicy && agentPolicy->IsSharedByAgent();
+    return status + (forced ? ",FORCED" : ",ENABLED");
+}
+
+} // namespace fodr

