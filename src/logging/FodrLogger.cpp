@@ -6,7 +6,8 @@ namespace {
 
 const char *LevelName(int32_t level)
 {
-    constexpr const char *kNames[] = {"ALWAYS", "ERROR", "WARN", "INFO", "DEBUG", "TRACE", "VERBOSE", "NEVER"};
+    constexpr const char *kNames[] = {"ALWAYS", "ERROR", "WARN",    "INFO",
+                                      "DEBUG",  "TRACE", "VERBOSE", "NEVER"};
     return level >= 0 && level < 8 ? kNames[level] : "UNKNOWN";
 }
 

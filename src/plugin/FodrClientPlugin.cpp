@@ -36,8 +36,8 @@ FodrClientPlugin::~FodrClientPlugin()
     if (observerId != 0)
         observerApi.Unsubscribe(observerId);
     LOG_TRACE("FodrClientPlugin instance destroyed.\n");
-    // Not left to the member's destructor: its last tasks still write through this object, which by then would
-    // have lost its channel operations.
+    // Not left to the member's destructor: its last tasks still write through this object, which by then
+    // would have lost its channel operations.
     channelManager.Shutdown();
     logger = nullptr;
 }

@@ -1,5 +1,6 @@
-// One per channel: joins the channel objects, the protocol engine and the host's message bus. Received messages
-// become packets for the channel manager, its packets become messages, its notices become broadcasts.
+// One per channel: joins the channel objects, the protocol engine and the host's message bus. Received
+// messages become packets for the channel manager, its packets become messages, its notices become
+// broadcasts.
 //
 // Threads: OnInvoke runs on the host's threads and returns as soon as the packet is queued. WriteChannel and
 // NotifyODPObserver run on whatever thread produced the packet or notice, the pool's threads among them.

@@ -10,8 +10,8 @@
 
 namespace fodr {
 
-// ObserverCallback (odpservice.h): `context` is the RdpdrChannelManager. Runs on the host's bus thread. The host
-// must deliver as many texts behind the first as the count says: no length comes with them.
+// ObserverCallback (odpservice.h): `context` is the RdpdrChannelManager. Runs on the host's bus thread. The
+// host must deliver as many texts behind the first as the count says: no length comes with them.
 bool OnSharedFolderCommand(void *context, const char *sender, const char *cookie, const char *data);
 
 // Splits the first text. False, with the outputs as far as they were read, when there is no action.

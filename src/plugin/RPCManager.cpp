@@ -8,7 +8,8 @@
 
 namespace fodr {
 
-RPCManager::RPCManager(const char *token, const char *controlName, const char *dataName, const char *dataTcpName)
+RPCManager::RPCManager(const char *token, const char *controlName, const char *dataName,
+                       const char *dataTcpName)
 {
     std::snprintf(tokenName, sizeof(tokenName), "%s", token);
     std::snprintf(controlObjName, sizeof(controlObjName), "%s", controlName);
@@ -62,8 +63,9 @@ bool RPCManager::Init(bool asServer, const PluginHostRecord *record)
         LOG_ERROR("Failed to get ODPService_ChannelInterface\n");
         return false;
     }
-    if (!QueryNewest({ODP_CHANNEL_OBJECT_V4, ODP_CHANNEL_OBJECT_V3, ODP_CHANNEL_OBJECT_V2, ODP_CHANNEL_OBJECT_V1},
-                     &objectApi)) {
+    if (!QueryNewest(
+            {ODP_CHANNEL_OBJECT_V4, ODP_CHANNEL_OBJECT_V3, ODP_CHANNEL_OBJECT_V2, ODP_CHANNEL_OBJECT_V1},
+            &objectApi)) {
         LOG_ERROR("Failed to get ODPRPC_ChannelObjectInterface\n");
         return false;
     }

@@ -1,8 +1,8 @@
 // The plug-in's end of the host boundary: obtains the host's interfaces, decides which side channels it will
 // accept, and routes every connection, channel and object notice to the RPCPluginInstance it belongs to.
 //
-// Two roles share the class. This system runs in the client role; the server half is carried, but its table of
-// notices is never handed to a host.
+// Two roles share the class. This system runs in the client role; the server half is carried, but its table
+// of notices is never handed to a host.
 //
 // Threads: notices arrive on the host's threads. Only the server maps are locked (instanceLock here, the
 // process-wide lock of serverManagers in RPCServerRole.cpp; never both, neither across a virtual operation).

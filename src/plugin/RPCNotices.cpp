@@ -112,7 +112,8 @@ void RPCManager::OnChannelControlObjectStateChanged(void *userData)
     case OBJECT_CONNECTED:
         instance->OnChannelControlObjConnected();
         if (manager->isServer)
-            instance->ChannelDataObjCreate(manager->tcpEnabled ? manager->dataObjTcpName : manager->dataObjName);
+            instance->ChannelDataObjCreate(manager->tcpEnabled ? manager->dataObjTcpName
+                                                               : manager->dataObjName);
         break;
     default:
         LOG_ERROR("State %s is not handled.\n", ObjectStateName(state).c_str());

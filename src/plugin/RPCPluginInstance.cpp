@@ -151,7 +151,8 @@ void RPCPluginInstance::ChannelDataObjCreate(const char *name)
         return;
     std::snprintf(dataObjName, sizeof(dataObjName), "%s", name);
     LOG_INFO("Creating data object: %s\n", name);
-    ChannelObjCreate(name, &manager->dataObjectSink, manager->TcpEnabled(), manager->VchanEnabled(), &dataObj);
+    ChannelObjCreate(name, &manager->dataObjectSink, manager->TcpEnabled(), manager->VchanEnabled(),
+                     &dataObj);
 }
 
 uint32_t RPCPluginInstance::ObjectFlags(bool tcpSide, bool vchanSide)
@@ -180,8 +181,8 @@ uint32_t RPCPluginInstance::ObjectFlags(bool tcpSide, bool vchanSide)
     return flags;
 }
 
-bool RPCPluginInstance::ChannelObjCreate(const char *name, const ObjectSink *sink, bool tcpSide, bool vchanSide,
-                                         std::atomic<void *> *handle)
+bool RPCPluginInstance::ChannelObjCreate(const char *name, const ObjectSink *sink, bool tcpSide,
+                                         bool vchanSide, std::atomic<void *> *handle)
 {
     if (RefuseInStreamMode("ChannelObjCreate") || !handle)
         return false;

@@ -1,7 +1,7 @@
 // The state of one channel: its sink, its two channel objects, readiness, and the messages on their way.
 //
-// Threads: flags change inside the host's notices and create/destroy calls; messages are made and sent from any
-// thread. pendingLock guards pendingCount and noPendingEvent and is never held across a host call.
+// Threads: flags change inside the host's notices and create/destroy calls; messages are made and sent from
+// any thread. pendingLock guards pendingCount and noPendingEvent and is never held across a host call.
 #pragma once
 
 #include "odpservice/odpservice.h"
@@ -78,7 +78,10 @@ private:
     uint32_t ObjectFlags(bool tcpSide, bool vchanSide);
     void BecomeReadyIfBothConnected();
     void UpdatePending(int32_t delta) REQUIRES(pendingLock);
-    void *ObjectOf(int32_t channelNumber) const { return channelNumber == kDataChannel ? dataObj : controlObj; }
+    void *ObjectOf(int32_t channelNumber) const
+    {
+        return channelNumber == kDataChannel ? dataObj : controlObj;
+    }
 
     void *channel = nullptr;
     uint32_t sinkId = kNoSink;

@@ -20,8 +20,8 @@ bool StartsWithIgnoreCase(const std::string &text, const char *prefix)
 
 std::string RPCManager::SettingPath(const char *valueName) const
 {
-    return std::string("HKLM\\Software\\Orvane, Inc.\\") + (isServer ? "Orvane " : "Orvane ODPService\\Plugins\\") +
-           tokenName + "\\" + valueName;
+    return std::string("HKLM\\Software\\Orvane, Inc.\\") +
+           (isServer ? "Orvane " : "Orvane ODPService\\Plugins\\") + tokenName + "\\" + valueName;
 }
 
 // Only as many letters as the word has are compared: "trueish" switches the side channel on.
@@ -117,8 +117,8 @@ void RPCManager::OnDataObjectConnected(RPCPluginInstance *instance)
         ChooseBySettings(instance, options, boltAllowed);
 }
 
-// CONNECTED while a side channel is pending says that it failed. The instance then stays not ready and the flag
-// set: a side channel that failed isn't replaced by the main channel.
+// CONNECTED while a side channel is pending says that it failed. The instance then stays not ready and the
+// flag set: a side channel that failed isn't replaced by the main channel.
 void RPCManager::ChooseByAgent(RPCPluginInstance *instance, uint32_t options, bool boltAllowed)
 {
     if (instance->sideChannelPending) {

@@ -23,8 +23,8 @@ const char anchor = 0;
 
 uint32_t SetText(RegistryKey key, const char *name, const std::u16string &text)
 {
-    return RegistrySet(key, name, platform::kRegSz, true, text.c_str(),
-                       static_cast<uint32_t>((text.size() + 1) * sizeof(char16_t)));
+    return platform::RegistrySet(key, name, platform::kRegSz, true, text.c_str(),
+                                 static_cast<uint32_t>((text.size() + 1) * sizeof(char16_t)));
 }
 
 int32_t ResultOf(uint32_t error)
@@ -37,26 +37,29 @@ int32_t ResultOf(uint32_t error)
 int32_t RegisterPlugin()
 {
     std::u16string library;
-    if (!Utf8ToUtf16(platform::ModulePath(&anchor), library) || library.empty() || library.size() >= kPathLimit)
+    if (!Utf8ToUtf16(platform::ModulePath(&anchor), library) || library.empty() ||
+        library.size() >= kPathLimit)
         return 0; // meant: there is nothing to enter, and that is no failure
     RegistryKey key = nullptr;
-    uint32_t error = RegistryCreate(RegistryRoot::LocalMachine, std::string(kPluginsKey) + "\\" + kPluginName,
-                                    platform::kRegKeyAllAccess, &key);
+    uint32_t error =
+        platform::RegistryCreate(RegistryRoot::LocalMachine, std::string(kPluginsKey) + "\\" + kPluginName,
+                                 platform::kRegKeyAllAccess, &key);
     if (error != 0)
         return ResultOf(error);
     error = SetText(key, "tcpEnabled", u"true");
     if (error == 0)
         error = SetText(key, "dll", library);
-    RegistryClose(key);
+    platform::RegistryClose(key);
     return ResultOf(error);
 }
 
 int32_t UnregisterPlugin()
 {
     RegistryKey key = nullptr;
-    if (RegistryOpen(RegistryRoot::LocalMachine, kPluginsKey, platform::kRegKeyAllAccess, &key) == 0) {
-        RegistryDelete(key, kPluginName);
-        RegistryClose(key);
+    if (platform::RegistryOpen(RegistryRoot::LocalMachine, kPluginsKey, platform::kRegKeyAllAccess, &key) ==
+        0) {
+        platform::RegistryDelete(key, kPluginName);
+        platform::RegistryClose(key);
     }
     return 0;
 }

@@ -3,11 +3,11 @@
 #include "odpservice/odpservice.h"
 #include "plugin/RecordingHost.h"
 
-#include <gtest/gtest.h>
-
 #include <dlfcn.h>
+
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <sstream>
 
 namespace fodr {
@@ -60,7 +60,8 @@ TEST_F(Library, RegistersItselfAndTakesOnlyItselfOutAgain)
     EXPECT_EQ(unregisterServer(), 0); // nothing there yet
     EXPECT_EQ(registerServer(), 0);
     EXPECT_NE(Store().find("tcpEnabled=sz:true"), std::string::npos) << Store();
-    EXPECT_NE(Store().find("dll=sz:" + std::filesystem::canonical(FODR_PLUGIN_PATH).string()), std::string::npos)
+    EXPECT_NE(Store().find("dll=sz:" + std::filesystem::canonical(FODR_PLUGIN_PATH).string()),
+              std::string::npos)
         << Store();
     EXPECT_EQ(unregisterServer(), 0);
     EXPECT_EQ(Store().find("tcpEnabled"), std::string::npos) << Store();

@@ -1,7 +1,6 @@
 #include "plugin/FolderCommands.h"
 
 #include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
 

@@ -5,7 +5,6 @@
 #include "plugin/RecordingHost.h"
 
 #include <gtest/gtest.h>
-
 #include <optional>
 #include <string>
 #include <vector>
@@ -153,7 +152,8 @@ TEST_F(RPCManagerTest, NoticesActOnTheCurrentConnectionStateButOnTheReportedChan
     host.Connection(CONNECTION_CONNECTED, CONNECTION_DISCONNECTED);
     EXPECT_TRUE(host.Called("Connect"));
     // The channel goes before it ever came up: the attempt has failed.
-    host.channelSink.OnChannelStateChanged(host.channelUserData, CONNECTION_CONNECTED, CONNECTION_DISCONNECTED);
+    host.channelSink.OnChannelStateChanged(host.channelUserData, CONNECTION_CONNECTED,
+                                           CONNECTION_DISCONNECTED);
     EXPECT_EQ(instance->failedCalls, 1);
     Finish(instance);
 }

@@ -155,7 +155,9 @@ void FillContext(ODPRPC_ChannelContextInterface *table)
 {
     table->GetId = [](void *) { return 1u; };
     table->SetCommand = [](void *, uint32_t) {};
-    table->GetParamCount = [](void *context) { return static_cast<int32_t>(MessageOf(context)->blocks.size()); };
+    table->GetParamCount = [](void *context) {
+        return static_cast<int32_t>(MessageOf(context)->blocks.size());
+    };
     table->AppendParam = AppendParam;
     table->GetParam = GetParam;
     table->SetOps = SetOps;
@@ -173,7 +175,9 @@ void FillVariant(ODPRPC_VariantInterface *table)
         value->type = ODP_VT_UI4;
         value->value.number = number;
     };
-    table->VariantFromBlob = [](Variant *value, const Blob *blob) { BlobInto(value, blob->data, blob->length); };
+    table->VariantFromBlob = [](Variant *value, const Blob *blob) {
+        BlobInto(value, blob->data, blob->length);
+    };
 }
 
 void FillObserver(ODPObserver *table)
