@@ -65,6 +65,13 @@ uint32_t RegistryDelete(RegistryKey key, const std::string &path);
 
 uint32_t RegistryClose(RegistryKey key);
 
+// What is wrong with the store itself: one sentence, once for each state of it. Never on Windows. Without a
+// handler the sentence goes to the debug channel. A handler that returns false, because there is no log yet,
+// is given the sentence again at the next access. It may be called from within any of these functions and
+// must not call them.
+using RegistryComplaintHandler = bool (*)(const char *text);
+void SetRegistryComplaintHandler(RegistryComplaintHandler handler);
+
 // Told once when the key changes, on a thread of the store's: it must not block nor call the store.
 using RegistryChangeHandler = void (*)(void *context);
 

@@ -1,14 +1,11 @@
-// Keys and values of the settings store, named by one path string ("HKLM\Software\...").
+// Keys of the settings store, named by one path string ("HKLM\Software\...").
 #pragma once
 
 #include "platform/Registry.h"
-#include "runtime/LogCall.h"
-#include "runtime/OVMutex.h"
 #include "runtime/RCObject.h"
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 namespace fodr {
 
@@ -42,48 +39,6 @@ protected:
     RegView view;
     bool isOpen = false;
     platform::RegistryKey handle = nullptr;
-};
-
-// One value as it was when last loaded. Conversions are by its type; a value that isn't loaded, or of another
-// type, gives the default.
-class OVRegValue : public OVRegKey {
-public:
-    // Neither constructor loads.
-    OVRegValue(const std::string &keyPath, const std::string &name, RegView keyView = Win32Default);
-    // The last component is the value's name.
-    explicit OVRegValue(const std::string &valuePath, RegView keyView = Win32Default);
-
-    // True when the value is loaded now and differs from before. Failures are logged at `logLevel` and clear
-    // it.
-    bool Load(bool readWide, int32_t logLevel);
-    // Forgets the value and closes the key; with `reload` loads again.
-    void Clear(bool reload);
-    void LogData(int32_t logLevel);
-
-    bool ToBool(bool defaultValue);
-    uint32_t ToDword(uint32_t defaultValue);
-    uint64_t ToQword(uint64_t defaultValue);
-    // True when the value could be made a text; otherwise `value` is the default.
-    bool ToString(std::string &value, const std::string &defaultValue);
-    bool ToWideString(std::u16string &value, const std::u16string &defaultValue);
-
-    bool IsLoaded() const { return loaded; }
-    uint32_t GetType() const { return static_cast<uint32_t>(type); }
-    const std::string &GetFullPath() const { return fullPath; }
-
-private:
-    // The bytes of the value as text of its width, up to the first terminator, as UTF-8.
-    bool TextOfData(std::string &text) const;
-    bool NumberOfData(uint64_t &number, uint64_t defaultValue) const;
-
-    OVMutex mutex; // guards data, size, type and wide while they are replaced
-    std::string fullPath;
-    std::string valueName;
-    bool loaded = false;
-    std::vector<uint8_t> data; // `size` bytes and a terminator of either width
-    uint32_t size = 0;
-    int32_t type = 0;
-    bool wide = false;
 };
 
 // The text of one value by its full path; empty when it is missing. A log level of -1 stands for VERBOSE.

@@ -1,0 +1,157 @@
+#include "platform/linux/SettingsFile.h"
+
+#ifndef __linux__
+#error "this file is the Linux side"
+#endif
+
+#include "platform/SystemError.h"
+
+#include <fcntl.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <glibmm/error.h>
+#include <glibmm/keyfile.h>
+#include <sys/file.h>
+
+namespace fodr::platform {
+
+namespace {
+
+constexpr int64_t kNanoseconds = 1000000000;
+// Longer than any clock tick that file systems stamp with.
+constexpr int64_t kSettlingTime = kNanoseconds / 20;
+
+int64_t Nanoseconds(const timespec &time)
+{
+    return time.tv_sec * kNanoseconds + time.tv_nsec;
+}
+
+class Descriptor {
+public:
+    explicit Descriptor(int opened) : number(opened) {}
+    ~Descriptor()
+    {
+        if (number >= 0)
+            close(number);
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+
+    const int number;
+};
+
+bool WriteAll(int file, const std::string &text)
+{
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t written = write(file, text.data() + done, text.size() - done);
+        if (written < 0 && errno != EINTR)
+            return false;
+        done += written > 0 ? static_cast<size_t>(written) : 0;
+    }
+    return true;
+}
+
+} // namespace
+
+bool SettingsFile::Stamp::IsStillThatOf(const Stamp &now) const
+{
+    if (!exists || !now.exists)
+        return exists == now.exists;
+    return isSettled && facts.st_dev == now.facts.st_dev && facts.st_ino == now.facts.st_ino &&
+           facts.st_size == now.facts.st_size &&
+           Nanoseconds(facts.st_mtim) == Nanoseconds(now.facts.st_mtim) &&
+           Nanoseconds(facts.st_ctim) == Nanoseconds(now.facts.st_ctim);
+}
+
+SettingsFile::Stamp SettingsFile::TakeStamp() const
+{
+    Stamp taken;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    taken.exists = stat(path.c_str(), &taken.facts) == 0;
+    taken.isSettled = Nanoseconds(now) - Nanoseconds(taken.facts.st_ctim) > kSettlingTime;
+    return taken;
+}
+
+std::shared_ptr<const SettingsModel> SettingsFile::Read()
+{
+    std::unique_lock<std::mutex> guard(mutex);
+    const Stamp now = TakeStamp();
+    if (!model || !stamp.IsStillThatOf(now)) {
+        Glib::KeyFile file;
+        const Glib::KeyFile empty;
+        std::string found;
+        const bool loaded = LoadKeyFile(path, file, found);
+        model = std::make_shared<SettingsModel>(SettingsModel::FromFile(loaded ? file : empty, found));
+        stamp = now;
+        isComplaintPending = !found.empty() && (isComplaintPending || found != complaint);
+        complaint = found;
+    }
+    const std::shared_ptr<const SettingsModel> current = model;
+    if (!isComplaintPending)
+        return current;
+    isComplaintPending = false;
+    const std::string text = complaint;
+    guard.unlock();
+    // Without the lock: a log reads its settings from here.
+    if (!ReportSettingsComplaint(text)) {
+        guard.lock();
+        isComplaintPending = true;
+    }
+    return current;
+}
+
+uint32_t SettingsFile::Edit(const Change &change)
+{
+    std::error_code ignored;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
+    const Descriptor lock(open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (lock.number < 0)
+        return LastSystemError();
+    while (flock(lock.number, LOCK_EX) != 0) {
+        if (errno != EINTR)
+            return LastSystemError();
+    }
+    Glib::KeyFile file;
+    std::string found;
+    if (!LoadKeyFile(path, file, found)) {
+        Read(); // which says so
+        return kErrorInvalidData;
+    }
+    const uint32_t outcome = change(file);
+    if (outcome != kErrorSuccess)
+        return outcome;
+    try {
+        return Replace(file.to_data().raw());
+    } catch (const Glib::Error &) {
+        return kErrorInvalidData;
+    }
+}
+
+uint32_t SettingsFile::Replace(const std::string &text)
+{
+    // A link to the file stays a link: what it leads to is replaced.
+    std::error_code error;
+    std::string target = std::filesystem::canonical(path, error).string();
+    if (error)
+        target = path;
+    struct stat old {};
+    const mode_t mode = stat(target.c_str(), &old) == 0 ? old.st_mode & 0777 : 0644;
+
+    std::string temporary = target + ".XXXXXX";
+    const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
+    if (file.number < 0)
+        return LastSystemError();
+    if (fchmod(file.number, mode) == 0 && WriteAll(file.number, text) && fsync(file.number) == 0 &&
+        rename(temporary.c_str(), target.c_str()) == 0)
+        return kErrorSuccess;
+    const uint32_t outcome = LastSystemError();
+    unlink(temporary.c_str());
+    return outcome;
+}
+
+} // namespace fodr::platform

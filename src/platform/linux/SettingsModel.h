@@ -1,0 +1,45 @@
+// What a settings file says, parsed once and only read after that.
+#pragma once
+
+#include "platform/linux/SettingsValue.h"
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Glib {
+class KeyFile;
+} // namespace Glib
+
+namespace fodr::platform {
+
+// A key path or a value name as it is compared. None for a text that isn't UTF-8.
+std::optional<std::u16string> FoldSettingsName(std::string_view name);
+
+// Not empty, and no empty component: neither "a\\\\b" nor "\\a".
+bool IsSettingsPath(std::string_view path);
+
+// Loads a file. False with one sentence in `complaint` when it can't be read or parsed; a missing file is an
+// empty one. Comments are kept.
+bool LoadKeyFile(const std::string &path, Glib::KeyFile &file, std::string &complaint);
+
+class SettingsModel {
+public:
+    using Values = std::map<std::u16string, std::optional<SettingsValue>>; // none: not well-formed
+
+    // Every key of the file and every key above one. Names that can't be kept apart by case share their
+    // values; the last one in the file holds. `complaint` gets a sentence for what isn't well-formed.
+    static SettingsModel FromFile(const Glib::KeyFile &file, std::string &complaint);
+
+    // Null when there is no such key. Both names folded; the empty path is the root.
+    const Values *FindKey(const std::u16string &path) const;
+    bool HasKeysBelow(const std::u16string &path) const;
+
+    const std::map<std::u16string, Values> &Keys() const { return keys; }
+
+private:
+    std::map<std::u16string, Values> keys;
+};
+
+} // namespace fodr::platform
