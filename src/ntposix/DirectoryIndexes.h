@@ -32,6 +32,8 @@ public:
     DirectoryLease(const DirectoryLease &) = delete;
     DirectoryLease &operator=(const DirectoryLease &) = delete;
 
+    // 0, or the errno of what kept the directory from being read, short of permission.
+    [[nodiscard]] int Error() const { return error; }
     // The spelling of a present name that is the given one or differs from it in case alone. Where the
     // directory can't be read only its exact spelling is known to anyone, and nothing is found.
     [[nodiscard]] std::optional<std::string> Find(std::string_view name) const NO_THREAD_SAFETY_ANALYSIS;
@@ -42,6 +44,7 @@ private:
 
     const int directory;
     std::shared_ptr<DirectoryIndex> index; // null when the directory couldn't even be looked at
+    int error = 0;
 };
 
 // What the leases share.

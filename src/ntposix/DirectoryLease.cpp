@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <sys/statfs.h>
 
 namespace fodr::ntposix {
@@ -64,7 +65,8 @@ bool ChangesAreTold(int directory)
 DirectoryLease::DirectoryLease(int directoryFd) NO_THREAD_SAFETY_ANALYSIS : directory(directoryFd)
 {
     FileFacts facts;
-    if (StatDescriptor(directory, &facts) != 0)
+    error = StatDescriptor(directory, &facts);
+    if (error != 0)
         return;
     index = DirectoryIndexes::Instance().Get(facts.key);
     index->lock.lock();
@@ -102,8 +104,10 @@ void DirectoryLease::Rebuild()
     DirectoryIndexes &indexes = DirectoryIndexes::Instance();
     index->watched = ChangesAreTold(directory) && indexes.Watch(index->key, directory);
     const bool stamped = StampOf(directory, &index->stamp);
-    const bool scanned = index->Scan(directory) == 0;
-    index->built = scanned && (index->watched || (stamped && StandsStill(index->stamp)));
+    error = index->Scan(directory);
+    index->built = error == 0 && (index->watched || (stamped && StandsStill(index->stamp)));
+    if (error == EACCES || error == EPERM)
+        error = 0;
     indexes.NoteSize(index->key, index->Size());
 }
 

@@ -26,6 +26,7 @@ constexpr ErrnoStatus kErrnoStatus[] = {
     {ENXIO, STATUS_ACCESS_DENIED}, // data of a socket or of a FIFO that nobody reads
     {ETXTBSY, STATUS_SHARING_VIOLATION},
     {EBUSY, STATUS_SHARING_VIOLATION},
+    {EAGAIN, STATUS_SHARING_VIOLATION}, // another process has a lease on the file
     {EROFS, STATUS_MEDIA_WRITE_PROTECTED},
     {ENOSPC, STATUS_DISK_FULL},
     {EDQUOT, STATUS_DISK_FULL}, // what NTFS answers when a quota is used up

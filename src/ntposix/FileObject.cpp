@@ -20,10 +20,8 @@ NTSTATUS FileObject::Admit(OpenFile &open, uint32_t extraAccess, uint32_t linkCo
 {
     const MutexLock guard(lock);
     manyLinks |= linkCount > 1;
-    for (const OpenFile *other : opens) {
-        if (other->deletePending && SharesName(*other, open))
-            return STATUS_DELETE_PENDING;
-    }
+    if (anyPending && IsNamePending(open))
+        return STATUS_DELETE_PENDING;
     if (!MayShare(open.access | extraAccess, open.share))
         return STATUS_SHARING_VIOLATION;
     opens.push_back(&open);
@@ -78,13 +76,27 @@ std::string FileObject::PathOf(const OpenFile &open)
     return open.path;
 }
 
-void FileObject::Renamed(const std::string &oldPath, const std::string &newPath)
+void FileObject::Renamed(const OpenFile &renamed, const std::string &newPath)
 {
     const MutexLock guard(lock);
+    const std::string oldPath = renamed.path;
     for (OpenFile *open : opens) {
-        if (open->path == oldPath)
-            open->path = newPath;
+        if (open->path != oldPath)
+            continue;
+        open->path = newPath;
+        open->dotName = HiddenByName(newPath.substr(newPath.rfind('/') + 1)) != 0;
     }
+}
+
+bool FileObject::IsNamePending(const OpenFile &open)
+{
+    anyPending = false;
+    for (const OpenFile *other : opens) {
+        anyPending |= other->deletePending;
+        if (other->deletePending && SharesName(*other, open))
+            return true;
+    }
+    return false;
 }
 
 bool FileObject::SharesName(const OpenFile &a, const OpenFile &b) const
@@ -126,6 +138,7 @@ void FileObject::Count(const OpenFile &open, uint32_t step)
 
 void FileObject::MarkName(const OpenFile &open, bool pending)
 {
+    anyPending |= pending;
     for (OpenFile *other : opens) {
         if (SharesName(*other, open))
             other->deletePending = pending;

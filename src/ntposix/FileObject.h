@@ -53,8 +53,8 @@ public:
     [[nodiscard]] bool MayBeReplaced() EXCLUDES(lock);
 
     [[nodiscard]] std::string PathOf(const OpenFile &open) EXCLUDES(lock);
-    // Every open that had the name has the new one.
-    void Renamed(const std::string &oldPath, const std::string &newPath) EXCLUDES(lock);
+    // The open and all others that had its name have the new one.
+    void Renamed(const OpenFile &open, const std::string &newPath) EXCLUDES(lock);
 
 private:
     friend class FileObjectTable;
@@ -69,6 +69,7 @@ private:
         uint32_t sharedDelete = 0;
     };
 
+    bool IsNamePending(const OpenFile &open) REQUIRES(lock);
     bool SharesName(const OpenFile &a, const OpenFile &b) const REQUIRES(lock);
     bool MayShare(uint32_t access, uint32_t share) const REQUIRES(lock);
     void Count(const OpenFile &open, uint32_t step) REQUIRES(lock);
@@ -78,8 +79,9 @@ private:
     // Those that weren't left yet.
     std::vector<OpenFile *> opens GUARDED_BY(lock);
     ShareCounts counts GUARDED_BY(lock);
-    bool manyLinks GUARDED_BY(lock) = false; // then a name is told by its path
-    uint32_t references = 0;                 // by the lock of the table's shard
+    bool manyLinks GUARDED_BY(lock) = false;  // then a name is told by its path
+    bool anyPending GUARDED_BY(lock) = false; // a mark was set; perhaps it is gone again
+    uint32_t references = 0;                  // by the lock of the table's shard
 };
 
 } // namespace fodr::ntposix

@@ -58,7 +58,7 @@ HandleTable::~HandleTable()
         delete[] chunk.load();
 }
 
-nt::HANDLE HandleTable::Add(std::unique_ptr<OpenFile> file)
+nt::HANDLE HandleTable::Add(std::unique_ptr<OpenFile> &file)
 {
     HandleSlot *slot;
     {

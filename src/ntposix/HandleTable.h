@@ -57,8 +57,8 @@ public:
     HandleTable(const HandleTable &) = delete;
     HandleTable &operator=(const HandleTable &) = delete;
 
-    // Takes the file and gives its handle; null when the table is full, with the file destroyed.
-    [[nodiscard]] nt::HANDLE Add(std::unique_ptr<OpenFile> file);
+    // Takes the file and gives its handle; null when the table is full, with the file left where it was.
+    [[nodiscard]] nt::HANDLE Add(std::unique_ptr<OpenFile> &file);
     [[nodiscard]] OpenFileRef Find(nt::HANDLE handle);
     // Makes the handle invalid and gives the table's own reference; only one of several callers gets it.
     [[nodiscard]] OpenFileRef Remove(nt::HANDLE handle);

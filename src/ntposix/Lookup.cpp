@@ -1,6 +1,5 @@
 #include "ntposix/Lookup.h"
 
-#include "ntposix/DirectoryIndexes.h"
 #include "ntposix/ErrnoStatus.h"
 
 #include <fcntl.h>
@@ -40,6 +39,27 @@ int OpenPath(int directory, const char *name, Fd *opened)
     return *opened ? 0 : errno;
 }
 
+// In place->parent, without regard to case.
+NTSTATUS LocateFolded(const std::string &parentPath, const std::string &leaf, LookupOptions options,
+                      Place *place)
+{
+    place->lease.emplace(place->parent.Get());
+    if (const int error = place->lease->Error(); error != 0)
+        return StatusOfErrno(error);
+    const std::optional<std::string> present = place->lease->Find(leaf);
+    if (present || !options.keepLease)
+        place->lease.reset();
+    place->path = JoinPath(parentPath, present ? *present : leaf);
+    if (!present)
+        return STATUS_SUCCESS;
+    const int error = Probe(place->parent.Get(), present->c_str(), options, place);
+    if (error != 0 && !IsMissing(error))
+        return StatusOfErrno(error);
+    place->exists = error == 0;
+    place->dangling = error != 0;
+    return STATUS_SUCCESS;
+}
+
 } // namespace
 
 NTSTATUS Locate(const std::string &path, LookupOptions options, Place *place)
@@ -57,23 +77,7 @@ NTSTATUS Locate(const std::string &path, LookupOptions options, Place *place)
     const NTSTATUS status = OpenDirectory(parts.parent, &place->parent, &parentPath);
     if (status != STATUS_SUCCESS)
         return status;
-    return LocateIn(place->parent.Get(), parentPath, parts.leaf, options, place);
-}
-
-NTSTATUS LocateIn(int directory, const std::string &directoryPath, const std::string &leaf,
-                  LookupOptions options, Place *place)
-{
-    const std::optional<std::string> present = DirectoryLease(directory).Find(leaf);
-    place->exists = false;
-    place->path = JoinPath(directoryPath, present ? *present : leaf);
-    if (!present)
-        return STATUS_SUCCESS;
-    const int error = Probe(directory, present->c_str(), options, place);
-    if (error != 0 && !IsMissing(error))
-        return StatusOfErrno(error);
-    place->exists = error == 0;
-    place->dangling = error != 0;
-    return STATUS_SUCCESS;
+    return LocateFolded(parentPath, parts.leaf, options, place);
 }
 
 NTSTATUS OpenDirectory(const std::string &path, Fd *directory, std::string *realPath)
@@ -91,9 +95,10 @@ NTSTATUS OpenDirectory(const std::string &path, Fd *directory, std::string *real
     const NTSTATUS status = OpenDirectory(parts.parent, &parent, &parentPath);
     if (status != STATUS_SUCCESS)
         return status;
-    const std::optional<std::string> present = DirectoryLease(parent.Get()).Find(parts.leaf);
+    const DirectoryLease lease(parent.Get());
+    const std::optional<std::string> present = lease.Find(parts.leaf);
     if (!present)
-        return STATUS_OBJECT_PATH_NOT_FOUND;
+        return lease.Error() == 0 ? STATUS_OBJECT_PATH_NOT_FOUND : StatusOfErrno(lease.Error());
     error = OpenPath(parent.Get(), present->c_str(), directory);
     *realPath = JoinPath(parentPath, *present);
     return error == 0 ? STATUS_SUCCESS : DirectoryStatus(error);

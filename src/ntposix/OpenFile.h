@@ -36,7 +36,8 @@ public:
     FileKind kind = FileKind::kFile;
     bool dataFd = false; // fd isn't O_PATH
 
-    std::atomic<uint32_t> mode{0}; // FileModeInformation
+    std::atomic<uint32_t> mode{0};    // FileModeInformation
+    std::atomic<bool> dotName{false}; // the name hides the file
     std::atomic<int64_t> position{0};
     HandleServices services; // listing, notification and waiting calls
 

@@ -1,0 +1,135 @@
+// The NT calls that concern handles as such, and what callers need around them.
+#include "ntposix/Access.h"
+#include "ntposix/Create.h"
+#include "ntposix/Deletion.h"
+#include "ntposix/HandleTable.h"
+#include "ntposix/Lookup.h"
+#include "ntposix/NtCall.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace fodr::nt {
+
+using namespace ntposix;
+
+namespace {
+
+std::u16string_view TextOf(const UNICODE_STRING &text)
+{
+    return {text.Buffer, text.Length / sizeof(char16_t)};
+}
+
+NTSTATUS OpenHandle(const OBJECT_ATTRIBUTES &object, const CreateRequest &request, HANDLE *handle,
+                    uint32_t *information)
+{
+    NtName name;
+    if (const NTSTATUS status = NtName::Parse(TextOf(*object.ObjectName), &name); status != STATUS_SUCCESS)
+        return status;
+    FileCreator creator(name, request);
+    std::unique_ptr<OpenFile> file;
+    const NTSTATUS status = creator.Run(&file);
+    *information = creator.Information();
+    if (status != STATUS_SUCCESS)
+        return status;
+    *handle = HandleTable::Instance().Add(file);
+    if (*handle)
+        return STATUS_SUCCESS;
+    Cleanup(*file);
+    return STATUS_TOO_MANY_OPENED_FILES;
+}
+
+} // namespace
+
+NTSTATUS NtCreateFile(HANDLE *fileHandle, uint32_t desiredAccess, OBJECT_ATTRIBUTES *objectAttributes,
+                      IO_STATUS_BLOCK *ioStatus, LARGE_INTEGER *allocationSize, uint32_t fileAttributes,
+                      uint32_t shareAccess, uint32_t createDisposition, uint32_t createOptions, void *,
+                      uint32_t eaLength)
+{
+    *fileHandle = nullptr;
+    CreateRequest request{.access = desiredAccess,
+                          .share = shareAccess,
+                          .disposition = createDisposition,
+                          .options = createOptions,
+                          .attributes = fileAttributes,
+                          .allocation = allocationSize ? allocationSize->QuadPart : 0};
+    uint32_t information = 0;
+    const NTSTATUS status = WithoutThrowing([&]() -> NTSTATUS {
+        if (const NTSTATUS improper = CheckCreateParameters(request); improper != STATUS_SUCCESS)
+            return improper;
+        if (eaLength != 0)
+            return STATUS_EAS_NOT_SUPPORTED;
+        if (!objectAttributes || !objectAttributes->ObjectName)
+            return STATUS_INVALID_PARAMETER;
+        if (objectAttributes->RootDirectory)
+            return STATUS_NOT_SUPPORTED;
+        request.access = ResolveGenericRights(desiredAccess);
+        return OpenHandle(*objectAttributes, request, fileHandle, &information);
+    });
+    return Complete(ioStatus, status, information);
+}
+
+NTSTATUS NtClose(HANDLE handle)
+{
+    return WithoutThrowing([handle]() -> NTSTATUS {
+        const OpenFileRef file = HandleTable::Instance().Remove(handle);
+        if (!file)
+            return STATUS_INVALID_HANDLE;
+        Cleanup(*file);
+        return STATUS_SUCCESS;
+    });
+}
+
+// Every call has finished when it returns.
+NTSTATUS NtWaitForSingleObject(HANDLE, bool, LARGE_INTEGER *)
+{
+    return STATUS_SUCCESS;
+}
+
+NtCallEvent::~NtCallEvent() = default;
+
+uint32_t NtCallEvent::Create()
+{
+    return 0;
+}
+
+void RtlInitUnicodeString(UNICODE_STRING *destination, const char16_t *text)
+{
+    constexpr size_t kMostUnits = 32766;
+    const size_t units = text ? std::min(std::char_traits<char16_t>::length(text), kMostUnits) : 0;
+    destination->Length = static_cast<uint16_t>(units * sizeof(char16_t));
+    destination->MaximumLength = text ? static_cast<uint16_t>(destination->Length + sizeof(char16_t)) : 0;
+    destination->Buffer = const_cast<char16_t *>(text); // never written through
+}
+
+// A link is told as such; one to a directory is a directory as well.
+bool GetFileAttributes(const char16_t *ntPath, uint32_t *attributes)
+{
+    return WithoutThrowing([&]() -> NTSTATUS {
+               NtName name;
+               Place place;
+               NTSTATUS status = NtName::Parse(ntPath, &name);
+               if (status == STATUS_SUCCESS)
+                   status = Locate(name.Path(), {.links = Links::kDontFollow}, &place);
+               if (status != STATUS_SUCCESS || !place.exists)
+                   return STATUS_OBJECT_NAME_NOT_FOUND;
+               FileFacts target;
+               uint32_t found = place.facts.attributes | HiddenByName(LeafOf(place.path));
+               if (place.facts.kind == FileKind::kLink &&
+                   StatAt(-1, place.path.c_str(), Links::kFollow, &target) == 0 &&
+                   target.kind == FileKind::kDirectory)
+                   found |= FILE_ATTRIBUTE_DIRECTORY;
+               if (name.HasTrailingSeparator() && (found & FILE_ATTRIBUTE_DIRECTORY) == 0)
+                   return STATUS_OBJECT_NAME_INVALID;
+               *attributes = CompleteAttributes(found);
+               return STATUS_SUCCESS;
+           }) == STATUS_SUCCESS;
+}
+
+bool PathFileExists(const char16_t *ntPath)
+{
+    uint32_t attributes;
+    return GetFileAttributes(ntPath, &attributes);
+}
+
+} // namespace fodr::nt

@@ -1,0 +1,236 @@
+// NtQueryInformationFile: one function a class, and a table of what each asks for.
+#include "lib/unicode/NameMapping.h"
+#include "ntposix/ErrnoStatus.h"
+#include "ntposix/HandleTable.h"
+#include "ntposix/InfoBuffer.h"
+#include "ntposix/NtCall.h"
+#include "platform/NtRecords.h"
+
+#include <algorithm>
+#include <string>
+
+namespace fodr::nt {
+
+using namespace ntposix;
+
+namespace {
+
+struct FileQuery {
+    OpenFile &open;
+    FileFacts facts; // of classes that need them
+    InfoBuffer out;
+};
+
+uint32_t AttributesOf(const FileQuery &query)
+{
+    return CompleteAttributes(query.facts.attributes | (query.open.dotName ? FILE_ATTRIBUTE_HIDDEN : 0));
+}
+
+FILE_BASIC_INFORMATION Basic(const FileQuery &query)
+{
+    return {.CreationTime = query.facts.creationTime,
+            .LastAccessTime = query.facts.lastAccessTime,
+            .LastWriteTime = query.facts.lastWriteTime,
+            .ChangeTime = query.facts.changeTime,
+            .FileAttributes = AttributesOf(query)};
+}
+
+// A link that is to be deleted doesn't count any more.
+FILE_STANDARD_INFORMATION Standard(const FileQuery &query)
+{
+    const bool pending = query.open.object->IsDeletePending(query.open);
+    return {.AllocationSize = query.facts.allocation,
+            .EndOfFile = query.facts.endOfFile,
+            .NumberOfLinks = query.facts.links - (pending && query.facts.links > 0 ? 1 : 0),
+            .DeletePending = pending,
+            .Directory = query.open.IsDirectory()};
+}
+
+FILE_INTERNAL_INFORMATION Internal(const FileQuery &query)
+{
+    return {.IndexNumber = static_cast<int64_t>(query.open.object->key.inode)};
+}
+
+// From the root directory: the volume is the whole tree.
+std::u16string NameOf(const FileQuery &query)
+{
+    return NtPathFromPosix(query.open.object->PathOf(query.open));
+}
+
+NTSTATUS QueryBasic(FileQuery &query)
+{
+    return query.out.Put(Basic(query));
+}
+
+NTSTATUS QueryStandard(FileQuery &query)
+{
+    return query.out.Put(Standard(query));
+}
+
+NTSTATUS QueryInternal(FileQuery &query)
+{
+    return query.out.Put(Internal(query));
+}
+
+NTSTATUS QueryEa(FileQuery &query)
+{
+    return query.out.Put(FILE_EA_INFORMATION{.EaSize = 0});
+}
+
+NTSTATUS QueryAccess(FileQuery &query)
+{
+    return query.out.Put(FILE_ACCESS_INFORMATION{.AccessFlags = query.open.access});
+}
+
+NTSTATUS QueryName(FileQuery &query)
+{
+    const std::u16string name = NameOf(query);
+    const FILE_NAME_INFORMATION record{.FileNameLength = static_cast<uint32_t>(name.size() * 2),
+                                       .FileName = {}};
+    return query.out.PutWithText(record, offsetof(FILE_NAME_INFORMATION, FileName), name);
+}
+
+NTSTATUS QueryPosition(FileQuery &query)
+{
+    return query.out.Put(FILE_POSITION_INFORMATION{.CurrentByteOffset = query.open.position});
+}
+
+NTSTATUS QueryMode(FileQuery &query)
+{
+    return query.out.Put(FILE_MODE_INFORMATION{.Mode = query.open.mode});
+}
+
+NTSTATUS QueryAlignment(FileQuery &query)
+{
+    return query.out.Put(FILE_ALIGNMENT_INFORMATION{.AlignmentRequirement = 0});
+}
+
+NTSTATUS QueryAll(FileQuery &query)
+{
+    const std::u16string name = NameOf(query);
+    const FILE_ALL_INFORMATION record{
+        .BasicInformation = Basic(query),
+        .StandardInformation = Standard(query),
+        .InternalInformation = Internal(query),
+        .EaInformation = {.EaSize = 0},
+        .AccessInformation = {.AccessFlags = query.open.access},
+        .PositionInformation = {.CurrentByteOffset = query.open.position},
+        .ModeInformation = {.Mode = query.open.mode},
+        .AlignmentInformation = {.AlignmentRequirement = 0},
+        .NameInformation = {.FileNameLength = static_cast<uint32_t>(name.size() * 2), .FileName = {}}};
+    constexpr size_t kNameOffset =
+        offsetof(FILE_ALL_INFORMATION, NameInformation) + offsetof(FILE_NAME_INFORMATION, FileName);
+    return query.out.PutWithText(record, kNameOffset, name);
+}
+
+// Short names aren't made.
+NTSTATUS QueryAlternateName(FileQuery &)
+{
+    return STATUS_OBJECT_NAME_NOT_FOUND;
+}
+
+// The one stream that every file has. A directory has none, which is told by no record at all.
+NTSTATUS QueryStreams(FileQuery &query)
+{
+    constexpr std::u16string_view kUnnamed = u"::$DATA";
+    if (query.open.IsDirectory())
+        return STATUS_SUCCESS;
+    const FILE_STREAM_INFORMATION record{.NextEntryOffset = 0,
+                                         .StreamNameLength = kUnnamed.size() * sizeof(char16_t),
+                                         .StreamSize = query.facts.endOfFile,
+                                         .StreamAllocationSize = query.facts.allocation,
+                                         .StreamName = {}};
+    return query.out.PutWithText(record, offsetof(FILE_STREAM_INFORMATION, StreamName), kUnnamed);
+}
+
+NTSTATUS QueryCompression(FileQuery &query)
+{
+    return query.out.Put(FILE_COMPRESSION_INFORMATION{.CompressedFileSize = query.facts.allocation,
+                                                      .CompressionFormat = COMPRESSION_FORMAT_NONE,
+                                                      .CompressionUnitShift = 0,
+                                                      .ChunkShift = 0,
+                                                      .ClusterShift = 0,
+                                                      .Reserved = {}});
+}
+
+NTSTATUS QueryNetworkOpen(FileQuery &query)
+{
+    return query.out.Put(FILE_NETWORK_OPEN_INFORMATION{.CreationTime = query.facts.creationTime,
+                                                       .LastAccessTime = query.facts.lastAccessTime,
+                                                       .LastWriteTime = query.facts.lastWriteTime,
+                                                       .ChangeTime = query.facts.changeTime,
+                                                       .AllocationSize = query.facts.allocation,
+                                                       .EndOfFile = query.facts.endOfFile,
+                                                       .FileAttributes = AttributesOf(query)});
+}
+
+NTSTATUS QueryAttributeTag(FileQuery &query)
+{
+    return query.out.Put(FILE_ATTRIBUTE_TAG_INFORMATION{
+        .FileAttributes = AttributesOf(query),
+        .ReparseTag = query.open.kind == FileKind::kLink ? IO_REPARSE_TAG_SYMLINK : 0});
+}
+
+struct QueryClass {
+    uint32_t number;
+    uint32_t minimumLength;
+    uint32_t right; // 0: none is needed
+    bool needsFacts;
+    NTSTATUS (*query)(FileQuery &);
+};
+
+constexpr QueryClass kClasses[] = {
+    {FileBasicInformation, sizeof(FILE_BASIC_INFORMATION), FILE_READ_ATTRIBUTES, true, &QueryBasic},
+    {FileStandardInformation, sizeof(FILE_STANDARD_INFORMATION), 0, true, &QueryStandard},
+    {FileInternalInformation, sizeof(FILE_INTERNAL_INFORMATION), 0, false, &QueryInternal},
+    {FileEaInformation, sizeof(FILE_EA_INFORMATION), FILE_READ_EA, false, &QueryEa},
+    {FileAccessInformation, sizeof(FILE_ACCESS_INFORMATION), 0, false, &QueryAccess},
+    {FileNameInformation, sizeof(FILE_NAME_INFORMATION), 0, false, &QueryName},
+    {FilePositionInformation, sizeof(FILE_POSITION_INFORMATION), 0, false, &QueryPosition},
+    {FileModeInformation, sizeof(FILE_MODE_INFORMATION), 0, false, &QueryMode},
+    {FileAlignmentInformation, sizeof(FILE_ALIGNMENT_INFORMATION), 0, false, &QueryAlignment},
+    {FileAllInformation, sizeof(FILE_ALL_INFORMATION), FILE_READ_ATTRIBUTES, true, &QueryAll},
+    {FileAlternateNameInformation, sizeof(FILE_NAME_INFORMATION), 0, false, &QueryAlternateName},
+    {FileStreamInformation, sizeof(FILE_STREAM_INFORMATION), 0, true, &QueryStreams},
+    {FileCompressionInformation, sizeof(FILE_COMPRESSION_INFORMATION), 0, true, &QueryCompression},
+    {FileNetworkOpenInformation, sizeof(FILE_NETWORK_OPEN_INFORMATION), FILE_READ_ATTRIBUTES, true,
+     &QueryNetworkOpen},
+    {FileAttributeTagInformation, sizeof(FILE_ATTRIBUTE_TAG_INFORMATION), FILE_READ_ATTRIBUTES, true,
+     &QueryAttributeTag},
+};
+
+NTSTATUS Query(OpenFile &open, InfoBuffer buffer, uint32_t infoClass, uint64_t *written)
+{
+    const auto found =
+        std::find_if(std::begin(kClasses), std::end(kClasses),
+                     [infoClass](const QueryClass &entry) { return entry.number == infoClass; });
+    if (found == std::end(kClasses))
+        return STATUS_INVALID_INFO_CLASS;
+    if (buffer.Size() < found->minimumLength)
+        return STATUS_INFO_LENGTH_MISMATCH;
+    if (found->right != 0 && !open.HasAccess(found->right))
+        return STATUS_ACCESS_DENIED;
+    FileQuery query{open, {}, buffer};
+    if (found->needsFacts) {
+        if (const int error = StatDescriptor(open.fd.Get(), &query.facts); error != 0)
+            return StatusOfErrno(error);
+    }
+    const NTSTATUS status = found->query(query);
+    *written = query.out.Written();
+    return status;
+}
+
+} // namespace
+
+NTSTATUS NtQueryInformationFile(HANDLE file, IO_STATUS_BLOCK *ioStatus, void *buffer, uint32_t length,
+                                uint32_t infoClass)
+{
+    uint64_t written = 0;
+    const NTSTATUS status = WithoutThrowing([&] {
+        const OpenFileRef open = HandleTable::Instance().Find(file);
+        return open ? Query(*open, InfoBuffer(buffer, length), infoClass, &written) : STATUS_INVALID_HANDLE;
+    });
+    return Complete(ioStatus, status, written);
+}
+
+} // namespace fodr::nt

@@ -1,0 +1,188 @@
+// NtSetInformationFile: one function a class, and a table of what each asks for.
+#include "ntposix/Deletion.h"
+#include "ntposix/ErrnoStatus.h"
+#include "ntposix/FileSize.h"
+#include "ntposix/HandleTable.h"
+#include "ntposix/Link.h"
+#include "ntposix/NtCall.h"
+#include "ntposix/Rename.h"
+#include "platform/NtRecords.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <sys/stat.h>
+
+namespace fodr::nt {
+
+using namespace ntposix;
+
+namespace {
+
+constexpr uint32_t kSynchronous = FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT;
+
+struct FileChange {
+    OpenFile &open;
+    const uint8_t *data;
+    uint32_t length;
+};
+
+// Times of a set that leave the file's (MS-FSCC 2.4.7: 0; -1 and -2 steer later automatic changes).
+timespec TimeToSet(int64_t fileTime)
+{
+    return fileTime <= 0 ? timespec{.tv_sec = 0, .tv_nsec = UTIME_OMIT} : TimespecOf(fileTime);
+}
+
+int SetTimes(const OpenFile &open, const FILE_BASIC_INFORMATION &basic)
+{
+    if (basic.LastAccessTime <= 0 && basic.LastWriteTime <= 0)
+        return 0;
+    const timespec times[2] = {TimeToSet(basic.LastAccessTime), TimeToSet(basic.LastWriteTime)};
+    if (open.dataFd)
+        return futimens(open.fd.Get(), times) == 0 ? 0 : errno;
+    if (utimensat(open.fd.Get(), "", times, AT_EMPTY_PATH) == 0)
+        return 0;
+    if (errno != EINVAL || open.kind == FileKind::kLink)
+        return errno;
+    return utimensat(AT_FDCWD, DescriptorPath(open.fd.Get()).c_str(), times, 0) == 0 ? 0 : errno;
+}
+
+// The read-only attribute is the owner's write bit; of a directory it has no meaning here.
+int SetReadOnly(const OpenFile &open, bool readOnly)
+{
+    if (open.kind != FileKind::kFile)
+        return 0;
+    struct stat stat;
+    if (fstat(open.fd.Get(), &stat) != 0)
+        return errno;
+    const mode_t write = S_IWUSR;
+    const mode_t present = stat.st_mode & 07777;
+    const mode_t wanted = readOnly ? present & ~write : present | write;
+    if (wanted == present)
+        return 0;
+    const int result =
+        open.dataFd ? fchmod(open.fd.Get(), wanted) : chmod(DescriptorPath(open.fd.Get()).c_str(), wanted);
+    return result == 0 ? 0 : errno;
+}
+
+// Creation and change time belong to the file system, which doesn't let them be set.
+NTSTATUS SetBasic(const FileChange &change)
+{
+    const auto basic = LoadRecord<FILE_BASIC_INFORMATION>(change.data);
+    const uint32_t attributes = basic.FileAttributes;
+    const bool improper = change.open.IsDirectory() ? (attributes & FILE_ATTRIBUTE_TEMPORARY) != 0
+                                                    : (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    if (improper)
+        return STATUS_INVALID_PARAMETER;
+    // The attribute first: a chmod changes no time that is set.
+    int error = attributes ? SetReadOnly(change.open, attributes & FILE_ATTRIBUTE_READONLY) : 0;
+    if (error == 0)
+        error = SetTimes(change.open, basic);
+    return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error);
+}
+
+NTSTATUS SetRename(const FileChange &change)
+{
+    constexpr uint32_t kNameOffset = offsetof(FILE_RENAME_INFORMATION, FileName);
+    const auto record = LoadRecord<FILE_RENAME_INFORMATION>(change.data);
+    if (record.FileNameLength % 2 != 0 || record.FileNameLength == 0 ||
+        record.FileNameLength > change.length - kNameOffset)
+        return STATUS_INVALID_PARAMETER;
+    if (record.RootDirectory != 0)
+        return STATUS_NOT_SUPPORTED;
+    std::u16string target(record.FileNameLength / 2, u'\0');
+    memcpy(target.data(), change.data + kNameOffset, record.FileNameLength);
+    return RenameFile(change.open, target, record.ReplaceIfExists != 0);
+}
+
+NTSTATUS SetDeletion(const FileChange &change)
+{
+    return SetDisposition(change.open, change.data[0] != 0);
+}
+
+NTSTATUS SetPosition(const FileChange &change)
+{
+    const int64_t position = LoadRecord<FILE_POSITION_INFORMATION>(change.data).CurrentByteOffset;
+    if (position < 0 || (change.open.options & kSynchronous) == 0)
+        return STATUS_INVALID_PARAMETER;
+    change.open.position = position;
+    return STATUS_SUCCESS;
+}
+
+// MS-FSCC 2.4.31: of what can be told only these can be changed, and synchronous stays synchronous.
+NTSTATUS SetMode(const FileChange &change)
+{
+    constexpr uint32_t kChangeable = FILE_WRITE_THROUGH | FILE_SEQUENTIAL_ONLY | kSynchronous;
+    const uint32_t mode = LoadRecord<FILE_MODE_INFORMATION>(change.data).Mode;
+    const bool wasSynchronous = (change.open.options & kSynchronous) != 0;
+    const bool isSynchronous = (mode & kSynchronous) != 0;
+    if (mode & ~kChangeable || (mode & kSynchronous) == kSynchronous || wasSynchronous != isSynchronous)
+        return STATUS_INVALID_PARAMETER;
+    change.open.mode = (change.open.mode & ~kChangeable) | mode;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS SetSize(const FileChange &change, int (*set)(int, int64_t))
+{
+    const int64_t size = LoadRecord<int64_t>(change.data);
+    if (size < 0 || change.open.kind != FileKind::kFile)
+        return STATUS_INVALID_PARAMETER;
+    const int error = set(change.open.fd.Get(), size);
+    return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error);
+}
+
+NTSTATUS SetAllocationSize(const FileChange &change)
+{
+    return SetSize(change, &SetAllocation);
+}
+
+NTSTATUS SetFileSize(const FileChange &change)
+{
+    return SetSize(change, &SetEndOfFile);
+}
+
+struct SetClass {
+    uint32_t number;
+    uint32_t minimumLength;
+    uint32_t right; // 0: none is needed
+    NTSTATUS (*set)(const FileChange &);
+};
+
+constexpr SetClass kClasses[] = {
+    {FileBasicInformation, sizeof(FILE_BASIC_INFORMATION), FILE_WRITE_ATTRIBUTES, &SetBasic},
+    {FileRenameInformation, sizeof(FILE_RENAME_INFORMATION), DELETE_ACCESS, &SetRename},
+    {FileDispositionInformation, sizeof(FILE_DISPOSITION_INFORMATION), DELETE_ACCESS, &SetDeletion},
+    {FilePositionInformation, sizeof(FILE_POSITION_INFORMATION), 0, &SetPosition},
+    {FileModeInformation, sizeof(FILE_MODE_INFORMATION), 0, &SetMode},
+    {FileAllocationInformation, sizeof(FILE_ALLOCATION_INFORMATION), FILE_WRITE_DATA, &SetAllocationSize},
+    {FileEndOfFileInformation, sizeof(FILE_END_OF_FILE_INFORMATION), FILE_WRITE_DATA, &SetFileSize},
+};
+
+NTSTATUS Set(OpenFile &open, const void *buffer, uint32_t length, uint32_t infoClass)
+{
+    const auto found = std::find_if(std::begin(kClasses), std::end(kClasses),
+                                    [infoClass](const SetClass &e) { return e.number == infoClass; });
+    if (found == std::end(kClasses))
+        return STATUS_INVALID_INFO_CLASS;
+    if (length < found->minimumLength)
+        return STATUS_INFO_LENGTH_MISMATCH;
+    if (found->right != 0 && !open.HasAccess(found->right))
+        return STATUS_ACCESS_DENIED;
+    return found->set({open, static_cast<const uint8_t *>(buffer), length});
+}
+
+} // namespace
+
+NTSTATUS NtSetInformationFile(HANDLE file, IO_STATUS_BLOCK *ioStatus, const void *buffer, uint32_t length,
+                              uint32_t infoClass)
+{
+    const NTSTATUS status = WithoutThrowing([&] {
+        const OpenFileRef open = HandleTable::Instance().Find(file);
+        return open ? Set(*open, buffer, length, infoClass) : STATUS_INVALID_HANDLE;
+    });
+    return Complete(ioStatus, status, 0);
+}
+
+} // namespace fodr::nt
