@@ -87,7 +87,7 @@ NTSTATUS SetDisposition(OpenFile &open, bool deleteFile)
         return StatusOfErrno(error);
     open.object->SetDeletePending(open, deleteFile, facts.links);
     if (deleteFile && open.IsDirectory())
-        NotifyDeletePending(open.object->key);
+        NotifyDeletePending(open.object->key.device, open.object->key.inode);
     return STATUS_SUCCESS;
 }
 
