@@ -49,9 +49,10 @@ public:
                                       const nt::LARGE_INTEGER &offset,
                                       const nt::LARGE_INTEGER &length) override;
 
-private:
+protected:
     explicit FileSystemImpl(const std::string &root) : packer(root) {}
 
+private:
     RdpdrPacker packer;
 };
 

@@ -1,0 +1,184 @@
+#include "drives/IDeviceFilter.h"
+#include "fileservice/IPreReader.h"
+#include "fileservice/Share.h"
+#include "rdpdr/wire/CompletionBuilder.h"
+
+namespace fodr::test {
+namespace {
+
+using namespace nt;
+
+TEST(Create, OpensTheRootForAnEmptyPath)
+{
+    Share share;
+    share.Put("a.txt", "");
+    Bytes packet = share.Request(0, IRP_MJ_CREATE, 0,
+                                 DR_CREATE_REQ{GENERIC_READ, 0, 0, 7, FILE_OPEN, FILE_DIRECTORY_FILE, 0});
+    File root(share, share.Ask(packet));
+    EXPECT_EQ(root.created.Status(), STATUS_SUCCESS);
+    EXPECT_EQ(root.created.Size(), 21u);
+    EXPECT_NE(root.Id(), 0u);
+    EXPECT_EQ(root.created.Information(), FILE_OPENED);
+    EXPECT_EQ(root.List(FileNamesInformation, true, u"\\a*").Status(), STATUS_SUCCESS);
+}
+
+TEST(Create, ReportsFailureInTheSameForm)
+{
+    Share share;
+    File missing = share.Create(u"\\none.txt");
+    EXPECT_EQ(missing.created.Status(), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(missing.created.Size(), 21u);
+    EXPECT_EQ(missing.Id(), 0u);
+    EXPECT_EQ(share.Create(u"\\..\\passwd").created.Status(), STATUS_OBJECT_NAME_INVALID);
+    EXPECT_EQ(share.Create(u"\\a", {.options = FILE_OPEN_BY_FILE_ID}).created.Status(), STATUS_NOT_SUPPORTED);
+}
+
+TEST(Create, AnswersAnUnavailableDeviceBeforeAnyPathIsRead)
+{
+    Share share;
+    share.device->SetAvailable(false);
+    File file = share.Create(u"\\made.txt", {.disposition = FILE_CREATE});
+    EXPECT_EQ(file.created.Status(), STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(file.Close().Status(), STATUS_DEVICE_REMOVED);
+    EXPECT_FALSE(share.Exists("made.txt"));
+}
+
+TEST(Create, ReadOnlyStopsOnlyTheMakingOfMissingFiles)
+{
+    struct Case {
+        const char16_t *path;
+        uint32_t disposition;
+        NTSTATUS status;
+    };
+    const Case kCases[] = {
+        {u"\\there.txt", FILE_OPEN_IF, STATUS_SUCCESS},
+        {u"\\there.txt", FILE_CREATE, STATUS_OBJECT_NAME_COLLISION},
+        {u"\\none.txt", FILE_OPEN_IF, STATUS_ACCESS_DENIED},
+        {u"\\none.txt", FILE_CREATE, STATUS_ACCESS_DENIED},
+        {u"\\none.txt", FILE_OVERWRITE_IF, STATUS_SUCCESS},
+        {u"\\none2.txt", FILE_SUPERSEDE, STATUS_SUCCESS},
+        {u"\\there.txt", FILE_OVERWRITE, STATUS_SUCCESS},
+    };
+    Share share([](RedirectedDeviceSettings &settings) { settings.readOnly = true; });
+    share.Put("there.txt", "x");
+    for (const Case &test : kCases) {
+        File file = share.Create(test.path, {.disposition = test.disposition});
+        EXPECT_EQ(file.created.Status(), test.status) << test.disposition;
+        if (file.Id() != 0)
+            file.Close();
+    }
+}
+
+TEST(Create, AnAppendOpenLosesNoBufferingAndKeepsItsOtherOptions)
+{
+    constexpr uint32_t kOptions =
+        FILE_NO_INTERMEDIATE_BUFFERING | FILE_SEQUENTIAL_ONLY | FILE_SYNCHRONOUS_IO_ALERT;
+    Share share;
+    share.Put("a", "");
+    for (uint32_t access : {FILE_APPEND_DATA, FILE_WRITE_DATA}) {
+        File file = share.Create(u"\\a", {.access = access, .options = kOptions});
+        ASSERT_EQ(file.created.Status(), STATUS_SUCCESS);
+        uint32_t mode = file.Query(FileModeInformation).At<uint32_t>(0);
+        uint32_t unbuffered = access == FILE_APPEND_DATA ? 0 : FILE_NO_INTERMEDIATE_BUFFERING;
+        EXPECT_EQ(mode, unbuffered | FILE_SEQUENTIAL_ONLY | FILE_SYNCHRONOUS_IO_NONALERT);
+        file.Close();
+    }
+}
+
+TEST(Create, TakesNoMoreOfAPathThanThePacketHolds)
+{
+    Share share;
+    share.Put("a", "found");
+    std::string path = WireText(u"\\a");
+    struct Case {
+        uint32_t stated;
+        std::string payload;
+        NTSTATUS status;
+    };
+    const Case kCases[] = {
+        {6, path, STATUS_SUCCESS},
+        {4, path, STATUS_SUCCESS},                              // no terminator
+        {5, path, STATUS_SUCCESS},                              // odd: the last byte is half of the zero
+        {0xFFFFFFFF, path.substr(0, 4), STATUS_SUCCESS},        // zeros follow
+        {0xFFFFFFFE, path.substr(0, 3), STATUS_SUCCESS},        // and end a unit
+        {100, path + WireText(u"more"), STATUS_SUCCESS},        // ends at its first zero
+        {6, WireText(u"\\\xD800"), STATUS_OBJECT_NAME_INVALID}, // half of a pair
+        {70000, std::string(70000, 'a'), STATUS_NAME_TOO_LONG},
+    };
+    for (const Case &test : kCases) {
+        DR_CREATE_REQ create{GENERIC_READ, 0, 0, 7, FILE_OPEN, 0, test.stated};
+        File file(share, share.Ask(share.Request(0, IRP_MJ_CREATE, 0, create, test.payload)));
+        EXPECT_EQ(file.created.Status(), test.status) << test.stated;
+        std::string contents = file.Read(0, 10).Data();
+        EXPECT_EQ(contents == "found", test.status == STATUS_SUCCESS) << test.stated;
+    }
+}
+
+// Refuses every device and counts how often it is asked.
+class RefusingFilter : public IDeviceFilter {
+public:
+    bool HasDeviceFilter() override { return inForce; }
+    bool IsAllowedByDeviceFilter(const std::string &) override
+    {
+        ++asked;
+        return false;
+    }
+    bool inForce = true;
+    int asked = 0;
+};
+
+TEST(Create, AsksTheDeviceFilterWhereTheOpenSaysFileOrFolder)
+{
+    RefusingFilter filter;
+    Share share([&](RedirectedDeviceSettings &settings) { settings.filterPolicy = &filter; });
+    share.Put("a", "");
+    for (uint32_t option : {FILE_DIRECTORY_FILE, FILE_NON_DIRECTORY_FILE}) {
+        File refused = share.Create(u"\\a", {.options = option});
+        EXPECT_EQ(refused.created.Status(), STATUS_ACCESS_DENIED);
+        EXPECT_EQ(refused.created.Data(), std::string(1, '\0'));
+    }
+    EXPECT_EQ(filter.asked, 2);
+    EXPECT_EQ(share.Create(u"\\a").created.Status(), STATUS_SUCCESS); // neither option: unchecked
+    filter.inForce = false;
+    EXPECT_EQ(share.Create(u"\\a", {.options = FILE_NON_DIRECTORY_FILE}).created.Status(), STATUS_SUCCESS);
+    EXPECT_EQ(filter.asked, 2);
+}
+
+// Adds one byte to the completions of creates and of basic-information sets.
+class OneBytePreReader : public IPreReader {
+public:
+    int32_t GetPattern(const DR_DEVICE_IOREQUEST &request) const override
+    {
+        return request.MajorFunction == IRP_MJ_CREATE || request.MajorFunction == IRP_MJ_SET_INFORMATION ? 5
+                                                                                                         : -1;
+    }
+    RdpdrStreamPtr BuildPreReadIoCompletion(int32_t pattern, uint32_t deviceId, uint32_t, IFileSystem *,
+                                            uint32_t completionId, int32_t ioStatus,
+                                            uint8_t **payload) const override
+    {
+        RdpdrStreamPtr completion = BuildIoCompletion(deviceId, completionId, ioStatus, 2, payload);
+        completion->Base()[kPreReadBlock] = static_cast<uint8_t>(pattern);
+        return completion;
+    }
+};
+
+TEST(Create, PreReadBlocksFollowTheFileIdWhenTheAgentCanReadThem)
+{
+    OneBytePreReader preReader;
+    for (bool enabled : {true, false}) {
+        Share share([&](RedirectedDeviceSettings &settings) {
+            settings.preReader = &preReader;
+            settings.preReadEnabled = enabled;
+        });
+        File file = share.Create(u"\\a", {.disposition = FILE_CREATE});
+        EXPECT_NE(file.Id(), 0u);
+        EXPECT_EQ(file.created.Data(), enabled ? "\x02\x05" : "\x02");
+        Completion set = file.Set(FileBasicInformation, std::string(36, '\0'));
+        EXPECT_EQ(set.FileId(), enabled ? file.Id() : 0u); // in the place of Length
+        EXPECT_EQ(set.Size(), enabled ? 22u : 21u);
+        EXPECT_EQ(file.Write(0, "x").Size(), 21u);
+    }
+}
+
+} // namespace
+} // namespace fodr::test
