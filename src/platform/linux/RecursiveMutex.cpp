@@ -20,10 +20,25 @@ pthread_mutex_t *Mutex(std::byte *state)
     return std::launder(reinterpret_cast<pthread_mutex_t *>(state));
 }
 
+// ThreadSanitizer doesn't know pthread_mutex_clocklock and would take a mutex it locked for a free one.
+#if defined(__SANITIZE_THREAD__)
+constexpr clockid_t kClock = CLOCK_REALTIME;
+int TimedLock(pthread_mutex_t *mutex, const timespec *deadline)
+{
+    return pthread_mutex_timedlock(mutex, deadline);
+}
+#else
+constexpr clockid_t kClock = CLOCK_MONOTONIC;
+int TimedLock(pthread_mutex_t *mutex, const timespec *deadline)
+{
+    return pthread_mutex_clocklock(mutex, kClock, deadline);
+}
+#endif
+
 timespec Deadline(uint32_t timeoutMS)
 {
     timespec time;
-    clock_gettime(CLOCK_MONOTONIC, &time);
+    clock_gettime(kClock, &time);
     time.tv_sec += timeoutMS / 1000;
     time.tv_nsec += static_cast<long>(timeoutMS % 1000) * 1000000;
     if (time.tv_nsec >= 1000000000) {
@@ -40,7 +55,7 @@ int Wait(pthread_mutex_t *mutex, uint32_t timeoutMS)
     if (timeoutMS == kWaitForever)
         return pthread_mutex_lock(mutex);
     const timespec deadline = Deadline(timeoutMS);
-    return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline);
+    return TimedLock(mutex, &deadline);
 }
 
 } // namespace
