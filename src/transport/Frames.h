@@ -56,7 +56,7 @@ struct KeepAlive {
 struct Hello {
     uint16_t version = kVersion;
     Role role = Role::Host;
-    KeepAlive keepAlive;
+    KeepAlive keepAlive{};
     std::string_view token; // what the other side was told to expect; empty when nothing was agreed
 };
 
@@ -80,7 +80,7 @@ struct ObjectState {
 struct Parameter {
     bool isBlock = false;
     uint32_t number = 0;
-    std::span<const std::byte> block;
+    std::span<const std::byte> block{};
 };
 
 struct Message {
@@ -91,7 +91,7 @@ struct Message {
     uint32_t command = 0;
     uint16_t flags = 0;
     uint16_t parameterCount = 0;
-    std::array<Parameter, kMaxParameters> parameters;
+    std::array<Parameter, kMaxParameters> parameters{};
 
     std::span<const Parameter> Parameters() const { return {parameters.data(), parameterCount}; }
 };

@@ -123,6 +123,12 @@ public:
             shutdown(writeFd.Get(), SHUT_RDWR);
         const uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = write(wakeFd.Get(), &one, sizeof(one));
+        // The peer of a pipe sees the end when its descriptor goes. The number stays taken, as another thread
+        // may be using it.
+        if (!readIsSocket)
+            dup3(wakeFd.Get(), readFd.Get(), O_CLOEXEC);
+        if (writeFd.Valid() && !writeIsSocket)
+            dup3(wakeFd.Get(), writeFd.Get(), O_CLOEXEC);
     }
 
     bool PeerIsThisUser() const override
@@ -160,8 +166,8 @@ private:
     {
         while (!shutDown) {
             const ssize_t got = read(readFd.Get(), buffer.data(), buffer.size());
-            if (got >= 0)
-                return got;
+            if (got >= 0) // what came after Shutdown isn't the peer's
+                return shutDown ? kEnd : got;
             if (errno == EINTR)
                 continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK)

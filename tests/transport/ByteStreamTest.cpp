@@ -1,0 +1,184 @@
+#include "transport/StreamKinds.h"
+
+#include <fstream>
+#include <random>
+#include <sys/stat.h>
+#include <vector>
+
+namespace fodr::test {
+namespace {
+
+using Bytes = std::vector<std::byte>;
+
+Bytes RandomBytes(size_t size)
+{
+    std::mt19937 random(static_cast<uint32_t>(size));
+    Bytes bytes(size);
+    for (std::byte &byte : bytes)
+        byte = static_cast<std::byte>(random());
+    return bytes;
+}
+
+Bytes ReadToEnd(ByteStream *stream)
+{
+    Bytes all;
+    Bytes buffer(70000);
+    for (ptrdiff_t got; (got = stream->Read(buffer)) > 0;)
+        all.insert(all.end(), buffer.begin(), buffer.begin() + got);
+    return all;
+}
+
+class EveryStream : public testing::TestWithParam<StreamKind> {
+protected:
+    void SetUp() override
+    {
+        std::tie(a, b) = MakeStreams(GetParam());
+        ASSERT_TRUE(a && b);
+    }
+    std::unique_ptr<ByteStream> a, b;
+};
+
+TEST_P(EveryStream, CarriesManyBlocksBothWaysInOrder)
+{
+    const Bytes large = RandomBytes(5 << 20);
+    std::vector<platform::ByteView> blocks;
+    for (size_t at = 0; at < large.size(); at += 40000)
+        blocks.push_back(platform::ByteView(large).subspan(at, std::min<size_t>(40000, large.size() - at)));
+    blocks.insert(blocks.begin() + 3, platform::ByteView());
+    for (auto *ends : {&a, &b}) {
+        ByteStream *from = ends->get();
+        ByteStream *to = ends == &a ? b.get() : a.get();
+        bool written = false;
+        std::thread writer([&] { written = from->Write(blocks); });
+        Bytes got;
+        Bytes buffer(100000);
+        while (got.size() < large.size()) {
+            const ptrdiff_t count = to->Read(buffer);
+            ASSERT_GT(count, 0);
+            got.insert(got.end(), buffer.begin(), buffer.begin() + count);
+        }
+        writer.join();
+        EXPECT_TRUE(written);
+        EXPECT_EQ(got, large);
+    }
+}
+
+TEST_P(EveryStream, WaitsNoLongerThanAsked)
+{
+    Bytes buffer(10);
+    EXPECT_EQ(a->Read(buffer, 1), ByteStream::kTimedOut);
+    const Bytes word = RandomBytes(4);
+    const platform::ByteView block = word;
+    ASSERT_TRUE(b->Write({&block, 1}));
+    EXPECT_EQ(a->Read(buffer), 4);
+    EXPECT_EQ(a->Read(buffer, 1), ByteStream::kTimedOut);
+}
+
+TEST_P(EveryStream, ShutdownEndsAWaitingReaderAndAWaitingWriter)
+{
+    const Bytes large = RandomBytes(20 << 20);
+    const platform::ByteView block = large;
+    ptrdiff_t got = 1;
+    bool written = true;
+    Bytes buffer(10);
+    std::thread reader([&] { got = a->Read(buffer); });
+    std::thread writer([&] { written = a->Write({&block, 1}); });
+    a->Shutdown();
+    a->Shutdown();
+    reader.join();
+    writer.join();
+    EXPECT_LE(got, 0);
+    EXPECT_FALSE(written);
+    EXPECT_LE(a->Read(buffer), 0);
+}
+
+TEST_P(EveryStream, WhatWasWrittenBeforeTheEndArrives)
+{
+    const Bytes word = RandomBytes(1000);
+    const platform::ByteView block = word;
+    ASSERT_TRUE(a->Write({&block, 1}));
+    a->Shutdown();
+    a.reset();
+    EXPECT_EQ(ReadToEnd(b.get()), word);
+}
+
+TEST_P(EveryStream, WritingToAPeerThatIsGoneFailsWithoutASignal)
+{
+    b.reset();
+    const Bytes large = RandomBytes(1 << 20);
+    const platform::ByteView block = large;
+    bool written = true;
+    for (int i = 0; i < 10 && written; ++i)
+        written = a->Write({&block, 1});
+    EXPECT_FALSE(written);
+}
+
+TEST_P(EveryStream, KnowsItsUserOnLocalSockets)
+{
+    const bool local = GetParam() == StreamKind::LocalSocket || GetParam() == StreamKind::LongPath ||
+                       GetParam() == StreamKind::LocalPair;
+    EXPECT_EQ(a->PeerIsThisUser(), local);
+    EXPECT_EQ(b->PeerIsThisUser(), local);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, EveryStream, kAllStreamKinds);
+
+class LocalListener : public testing::Test {
+protected:
+    const std::string path = testing::TempDir() + "fodr-listen-" + std::to_string(getpid());
+    std::string error;
+    void TearDown() override { std::filesystem::remove(path); }
+};
+
+TEST_F(LocalListener, ReplacesOnlyWhatADeadOneLeft)
+{
+    auto first = platform::ListenLocal(path, &error);
+    ASSERT_TRUE(first) << error;
+    struct stat facts {};
+    ASSERT_EQ(stat(path.c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_mode & 0777, 0600u);
+    EXPECT_FALSE(platform::ListenLocal(path, &error));
+    EXPECT_FALSE(error.empty());
+
+    // The socket file of a process that was killed.
+    std::filesystem::rename(path, path + ".kept");
+    first.reset();
+    std::filesystem::rename(path + ".kept", path);
+    auto second = platform::ListenLocal(path, &error);
+    ASSERT_TRUE(second) << error;
+    EXPECT_TRUE(platform::ConnectLocal(path, &error));
+    second.reset();
+    EXPECT_FALSE(std::filesystem::exists(path));
+
+    std::ofstream(path) << "something else";
+    EXPECT_FALSE(platform::ListenLocal(path, &error));
+    EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+TEST_F(LocalListener, EndsWaitingWhenShutDown)
+{
+    auto listener = platform::ListenLocal(path, &error);
+    EXPECT_FALSE(listener->Accept(1));
+    std::thread other([&] { listener->Shutdown(); });
+    EXPECT_FALSE(listener->Accept());
+    other.join();
+}
+
+TEST(Tcp, SaysWhyItCouldNotConnect)
+{
+    std::string error;
+    uint16_t port = 0;
+    {
+        const auto listener = platform::ListenTcp("127.0.0.1", 0, nullptr);
+        port = listener->Port();
+    }
+    EXPECT_FALSE(platform::ConnectTcp("127.0.0.1", port, 5000, &error));
+    EXPECT_FALSE(error.empty());
+    error.clear();
+    EXPECT_FALSE(platform::ConnectTcp("no.such.host.invalid", 1, 5000, &error));
+    EXPECT_FALSE(error.empty());
+    EXPECT_TRUE(platform::ListenTcp("", 0, &error)) << error;
+}
+
+} // namespace
+} // namespace fodr::test

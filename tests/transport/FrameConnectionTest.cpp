@@ -1,0 +1,210 @@
+#include "transport/FrameConnection.h"
+
+#include "transport/FrameCodec.h"
+#include "transport/FrameRecorder.h"
+#include "transport/StreamKinds.h"
+
+#include <functional>
+#include <future>
+#include <gtest/gtest.h>
+#include <map>
+
+namespace fodr::test {
+namespace {
+
+using namespace transport;
+using Bytes = std::vector<std::byte>;
+
+// One end: what it hears goes to functions of the test; its end is a future.
+class End : public IConnectionReceiver {
+public:
+    explicit End(std::unique_ptr<ByteStream> stream) : connection(std::move(stream), this) {}
+
+    void OnMessage(const Message &message) override
+    {
+        if (onMessage)
+            onMessage(message);
+    }
+    void OnGoodbye(const Goodbye &goodbye) override { goodbyes.set_value(std::string(goodbye.reason)); }
+    void OnClosed(const std::string &reason) override { ended.set_value(reason); }
+
+    std::string WaitForEnd() { return ended.get_future().get(); }
+
+    std::function<void(const Message &)> onMessage;
+    std::promise<std::string> goodbyes;
+    std::promise<std::string> ended;
+    FrameConnection connection;
+};
+
+class Connected : public testing::TestWithParam<StreamKind> {
+protected:
+    void SetUp() override
+    {
+        auto [first, second] = MakeStreams(GetParam());
+        a = std::make_unique<End>(std::move(first));
+        b = std::make_unique<End>(std::move(second));
+    }
+    void Start()
+    {
+        a->connection.Start();
+        b->connection.Start();
+    }
+    std::unique_ptr<End> a, b;
+};
+
+TEST_P(Connected, ThreadsOfBothEndsFloodEachOtherAndEveryFrameArrivesInItsOrder)
+{
+    // Sizes from joined frames to ones far larger than any socket buffer.
+    constexpr uint32_t kThreads = 4;
+    constexpr uint32_t kRounds = 60;
+    const size_t sizes[] = {0, 1, 100, 20000, 1 << 20, 3 << 20};
+    const Bytes payload(3 << 20, std::byte{0x5A});
+    struct Count {
+        std::map<uint32_t, uint32_t> next; // by sending thread
+        uint32_t total = 0;
+        bool inOrder = true;
+        std::promise<void> all;
+    } counts[2];
+    End *ends[] = {a.get(), b.get()};
+    for (int i = 0; i < 2; ++i) {
+        ends[i]->onMessage = [&, i](const Message &message) {
+            const auto block = message.Parameters()[0].block;
+            counts[i].inOrder &= counts[i].next[message.object]++ == message.requestId &&
+                                 block.size() == sizes[message.requestId % std::size(sizes)] &&
+                                 (block.empty() || block.back() == std::byte{0x5A});
+            if (++counts[i].total == kThreads * kRounds)
+                counts[i].all.set_value();
+        };
+    }
+    Start();
+    std::vector<std::thread> senders;
+    for (uint32_t sender = 0; sender < 2 * kThreads; ++sender) {
+        senders.emplace_back([&, sender] {
+            for (uint32_t round = 0; round < kRounds; ++round) {
+                const size_t size = sizes[round % std::size(sizes)];
+                EXPECT_TRUE(ends[sender % 2]->connection.SendPost(sender, round,
+                                                                  platform::ByteView(payload).first(size)));
+            }
+        });
+    }
+    for (std::thread &sender : senders)
+        sender.join();
+    for (Count &count : counts) {
+        count.all.get_future().wait();
+        EXPECT_TRUE(count.inOrder);
+    }
+}
+
+TEST_P(Connected, AReceiverThatAnswersEverythingDoesNotBlockAPeerThatOnlySends)
+{
+    const Bytes payload(200000);
+    constexpr uint32_t kCount = 100; // 20 MB each way before anything is read here
+    std::promise<void> all;
+    uint32_t answers = 0;
+    b->onMessage = [&](const Message &message) {
+        EXPECT_TRUE(b->connection.SendPost(message.object, message.requestId, message.Parameters()[0].block));
+    };
+    a->onMessage = [&](const Message &message) {
+        EXPECT_EQ(message.requestId, answers);
+        if (++answers == kCount)
+            all.set_value();
+    };
+    b->connection.Start(); // a doesn't read yet
+    for (uint32_t i = 0; i < kCount; ++i)
+        ASSERT_TRUE(a->connection.SendPost(1, i, payload));
+    a->connection.Start();
+    all.get_future().wait();
+}
+
+TEST_P(Connected, TheLastWordsArriveBeforeTheEnd)
+{
+    Start();
+    for (uint32_t i = 0; i < 100; ++i)
+        a->connection.SendPost(1, i, {});
+    EXPECT_TRUE(a->connection.Send(Goodbye{"for now"}));
+    EXPECT_TRUE(a->connection.Flush(60000));
+    a->connection.Close("first reason");
+    a->connection.Close("second reason");
+    EXPECT_EQ(a->WaitForEnd(), "first reason");
+    EXPECT_EQ(b->goodbyes.get_future().get(), "for now");
+    EXPECT_EQ(b->WaitForEnd(), "the peer closed the connection");
+    EXPECT_FALSE(a->connection.SendPost(1, 1, {}));
+    EXPECT_FALSE(b->connection.SendPost(1, 1, {}));
+}
+
+TEST_P(Connected, ClosingFreesSendersThatWait)
+{
+    // Nobody reads at the other end.
+    std::vector<std::thread> senders;
+    std::atomic<int> failed{0};
+    const Bytes payload(8 << 20);
+    for (int i = 0; i < 4; ++i) {
+        senders.emplace_back([&] {
+            while (a->connection.SendPost(1, 1, payload)) {
+            }
+            ++failed;
+        });
+    }
+    EXPECT_FALSE(a->connection.Flush(1) && failed == 4);
+    std::thread closers[] = {std::thread([&] { a->connection.Close("x"); }),
+                             std::thread([&] { a->connection.Close("x"); })};
+    for (std::thread &closer : closers)
+        closer.join();
+    for (std::thread &sender : senders)
+        sender.join();
+    EXPECT_EQ(failed, 4);
+}
+
+TEST_P(Connected, ASilentPeerIsGivenUpAndALivingOneIsNot)
+{
+    // b answers pings; its own end asks for nothing.
+    a->connection.SetKeepAlive({1, 60000});
+    Start();
+    std::promise<void> got;
+    b->onMessage = [&](const Message &) { got.set_value(); };
+    a->connection.SendPost(1, 1, {});
+    got.get_future().wait();
+    EXPECT_FALSE(a->connection.IsClosed());
+
+    auto [first, second] = MakeStreams(GetParam());
+    End alone(std::move(first));
+    alone.connection.SetKeepAlive({1, 20});
+    alone.connection.Start();
+    EXPECT_EQ(alone.WaitForEnd(), "the peer doesn't answer");
+    // It did ask.
+    Bytes header(kFrameHeaderSize);
+    ASSERT_EQ(second->Read(header), static_cast<ptrdiff_t>(kFrameHeaderSize));
+    EXPECT_EQ(header, EncodeBare(FrameType::Ping));
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, Connected, kAllStreamKinds);
+
+TEST(FrameConnection, APeerThatLiesIsCutOffWithOneReason)
+{
+    const Bytes good = EncodeFrame(ObjectState{1, 2});
+    Bytes bad = good;
+    bad.insert(bad.end(), 8, std::byte{0xFF});
+    auto [mine, theirs] = platform::MakeStreamPair();
+    End end(std::move(mine));
+    end.connection.Start();
+    const platform::ByteView block = bad;
+    ASSERT_TRUE(theirs->Write({&block, 1}));
+    EXPECT_EQ(end.WaitForEnd(), "the peer broke the protocol: a frame of unknown type");
+}
+
+TEST(FrameConnection, APeerThatSendsAndNeverReadsIsCutOff)
+{
+    auto [mine, theirs] = platform::MakeStreamPair();
+    End end(std::move(mine));
+    const Bytes answer(4 << 20);
+    end.onMessage = [&](const Message &) { end.connection.SendPost(1, 1, answer); };
+    end.connection.Start();
+    Message empty{};
+    const MessageBlocks question(empty);
+    while (theirs->Write(question.Blocks())) {
+    }
+    EXPECT_EQ(end.WaitForEnd(), "the peer sends and doesn't read");
+}
+
+} // namespace
+} // namespace fodr::test

@@ -1,0 +1,73 @@
+// Every kind of stream, as two connected ends.
+#pragma once
+
+#include "platform/ByteStream.h"
+#include "platform/linux/FdStream.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace fodr::test {
+
+using platform::ByteStream;
+using StreamPair = std::pair<std::unique_ptr<ByteStream>, std::unique_ptr<ByteStream>>;
+
+enum class StreamKind { LocalPair, LocalSocket, LongPath, Tcp, Pipes };
+
+inline StreamPair Meet(std::unique_ptr<platform::StreamListener> listener,
+                       std::unique_ptr<ByteStream> (*connect)(const std::string &, uint16_t),
+                       const std::string &path = {})
+{
+    std::unique_ptr<ByteStream> mine = connect(path, listener->Port());
+    return {std::move(mine), listener->Accept()};
+}
+
+inline StreamPair MeetLocally(const std::string &path)
+{
+    return Meet(
+        platform::ListenLocal(path, nullptr),
+        [](const std::string &name, uint16_t) { return platform::ConnectLocal(name, nullptr); }, path);
+}
+
+inline StreamPair MakePipes()
+{
+    int there[2], back[2];
+    EXPECT_EQ(pipe2(there, O_CLOEXEC), 0);
+    EXPECT_EQ(pipe2(back, O_CLOEXEC), 0);
+    return {platform::MakeFdStream(platform::Fd(back[0]), platform::Fd(there[1])),
+            platform::MakeFdStream(platform::Fd(there[0]), platform::Fd(back[1]))};
+}
+
+inline StreamPair MakeStreams(StreamKind kind)
+{
+    const std::filesystem::path folder = testing::TempDir();
+    const std::string name = "fodr-stream-" + std::to_string(getpid());
+    switch (kind) {
+    case StreamKind::LocalPair:
+        return platform::MakeStreamPair();
+    case StreamKind::LocalSocket:
+        return MeetLocally(folder / name);
+    case StreamKind::LongPath: {
+        const std::filesystem::path deep = folder / (name + std::string(150, 'd'));
+        std::filesystem::create_directories(deep);
+        StreamPair streams = MeetLocally(deep / "socket");
+        std::filesystem::remove_all(deep);
+        return streams;
+    }
+    case StreamKind::Tcp:
+        return Meet(platform::ListenTcp("127.0.0.1", 0, nullptr), [](const std::string &, uint16_t port) {
+            return platform::ConnectTcp("localhost", port, 10000, nullptr);
+        });
+    default:
+        return MakePipes();
+    }
+}
+
+inline const auto kAllStreamKinds = testing::Values(StreamKind::LocalPair, StreamKind::LocalSocket,
+                                                    StreamKind::LongPath, StreamKind::Tcp, StreamKind::Pipes);
+
+} // namespace fodr::test
