@@ -1,0 +1,126 @@
+#include "runtime/OVMutex.h"
+
+#include "platform/Threads.h"
+#include "runtime/CapturedLog.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <thread>
+
+// Releases by the wrong thread are what is tested here.
+extern "C" const char *__tsan_default_options()
+{
+    return "report_mutex_bugs=0";
+}
+
+namespace fodr {
+namespace {
+
+std::string HexId(uint32_t id)
+{
+    char text[16];
+    snprintf(text, sizeof(text), "0x%04x", id);
+    return text;
+}
+
+bool FreeElsewhere(OVMutex &mutex)
+{
+    bool acquired = false;
+    std::thread([&] {
+        acquired = mutex.Acquire(0);
+        if (acquired)
+            mutex.Release();
+    }).join();
+    return acquired;
+}
+
+class OVMutexTest : public testing::Test {
+protected:
+    // Runs `body` on a thread and returns its id.
+    template <typename Body> static uint32_t OnThread(Body body)
+    {
+        uint32_t id = 0;
+        std::thread([&] {
+            id = platform::CurrentThreadId();
+            body();
+        }).join();
+        return id;
+    }
+
+    CapturedLog log{LOG_LEVEL_VERBOSE};
+    OVMutex mutex;
+};
+
+TEST_F(OVMutexTest, IsRecursiveAndOwnedByOneThread) NO_THREAD_SAFETY_ANALYSIS
+{
+    EXPECT_FALSE(mutex.Release());
+    EXPECT_TRUE(mutex.Acquire() && mutex.Acquire(0) && mutex.Release());
+    EXPECT_FALSE(FreeElsewhere(mutex));
+    // A stranger's release is refused and leaves the count alone.
+    OnThread([&] {
+        EXPECT_FALSE(mutex.Release());
+        EXPECT_FALSE(mutex.Acquire(1));
+    });
+    EXPECT_FALSE(FreeElsewhere(mutex));
+    EXPECT_TRUE(mutex.Release());
+    EXPECT_TRUE(FreeElsewhere(mutex));
+    EXPECT_TRUE(log.Lines().empty());                             // time ran out silently
+    EXPECT_TRUE(FreeElsewhere(*std::make_unique<OVMutex>(true))); // none starts out owned
+}
+
+TEST_F(OVMutexTest, SaysThatItsHolderEnded) NO_THREAD_SAFETY_ANALYSIS
+{
+    const uint32_t holder = OnThread([&] { EXPECT_TRUE(mutex.Acquire() && mutex.Acquire()); });
+    EXPECT_TRUE(mutex.Acquire());
+    EXPECT_THAT(log.Lines(), testing::ElementsAre(
+                                 testing::MatchesRegex("W OVMutex::Acquire\\(\\): Acquired abandoned lock "
+                                                       "0x[0-9A-F]{16} previously held by thread " +
+                                                       HexId(holder))));
+    EXPECT_TRUE(mutex.Release());
+    EXPECT_TRUE(FreeElsewhere(mutex)); // the count began anew
+}
+
+TEST_F(OVMutexTest, ReportsALikelyDeadlockOnceAndKeepsWaiting) NO_THREAD_SAFETY_ANALYSIS
+{
+    OVMutex::deadlockReportMS = 1;
+    EXPECT_TRUE(mutex.Acquire());
+    std::thread waiter([&] {
+        EXPECT_TRUE(mutex.Acquire());
+        EXPECT_TRUE(mutex.Release());
+    });
+    while (log.Lines().empty())
+        std::this_thread::yield();
+    EXPECT_TRUE(mutex.Release());
+    waiter.join();
+    OVMutex::deadlockReportMS = 30000;
+    EXPECT_THAT(log.Lines(), testing::ElementsAre(testing::MatchesRegex(
+                                 "W OVMutex::Acquire\\(\\): Possible deadlock trying to acquire lock "
+                                 "0x[0-9A-F]{16} held by thread " +
+                                 HexId(platform::CurrentThreadId()))));
+}
+
+TEST_F(OVMutexTest, GuardsExcludeAndLetGo)
+{
+    int plain = 0;
+    auto count = [&] {
+        for (int i = 0; i < 3000; ++i) {
+            OVMutexLock outer(mutex);
+            OVMutexLock inner(mutex);
+            ++plain;
+        }
+    };
+    std::thread first(count), second(count), third(count);
+    first.join();
+    second.join();
+    third.join();
+    EXPECT_EQ(9000, plain);
+    OVMutexLock held(mutex);
+    {
+        OVMutexUnlock unlocked(mutex);
+        EXPECT_TRUE(FreeElsewhere(mutex));
+    }
+    EXPECT_FALSE(FreeElsewhere(mutex));
+}
+
+} // namespace
+} // namespace fodr

@@ -1,0 +1,179 @@
+#include "runtime/OVThread.h"
+
+#include "runtime/CapturedLog.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <thread>
+
+namespace fodr {
+namespace {
+
+using testing::ElementsAre;
+using Body = std::function<bool(OVThread *)>;
+
+bool CallBody(void *argument, OVThread *thread)
+{
+    return (*static_cast<Body *>(argument))(thread);
+}
+
+class OVThreadTest : public testing::Test {
+protected:
+    bool Start(Body threadBody, uint32_t intervalMS = 0)
+    {
+        body = std::move(threadBody);
+        return thread->Start(CallBody, &body, intervalMS);
+    }
+    static std::vector<std::string> Lines() { return CapturedLog::LinesWithoutIds(); }
+
+    CapturedLog log{LOG_LEVEL_DEBUG};
+    Body body;
+    std::unique_ptr<OVThread> thread = std::make_unique<OVThread>("worker");
+    OVEvent go{true, false};
+};
+
+TEST_F(OVThreadTest, CallsOverAndOverUntilItIsStopped)
+{
+    std::atomic<int> calls{0};
+    OVEvent third(true, false);
+    ASSERT_TRUE(Start([&](OVThread *self) {
+        EXPECT_EQ(thread.get(), self);
+        EXPECT_TRUE(self->IsCurrentThread());
+        if (++calls == 3)
+            third.Set();
+        return true;
+    }));
+    EXPECT_FALSE(thread->IsCurrentThread());
+    EXPECT_EQ(OVEvent::kSignalled, third.Wait());
+    EXPECT_EQ(OVEvent::kTimeout, thread->ThreadEvent().Wait(0));
+    EXPECT_FALSE(thread->WaitForStop(0));
+    EXPECT_FALSE(Start([](OVThread *) { return true; })); // it runs
+    EXPECT_TRUE(thread->Stop());
+    EXPECT_EQ(OVEvent::kSignalled, thread->ThreadEvent().Wait(0));
+    EXPECT_TRUE(thread->WaitForStop(0));
+    EXPECT_THAT(Lines(), ElementsAre("I OVThreadData::Run(): Thread worker started",
+                                     "I OVThreadData::Run(): Thread worker exited"));
+}
+
+TEST_F(OVThreadTest, StopsInTheMiddleOfALongWaitAndStartsAgain)
+{
+    for (int round = 0; round < 3; ++round) {
+        std::atomic<int> calls{0};
+        OVEvent called(false, false);
+        ASSERT_TRUE(Start(
+            [&](OVThread *) {
+                ++calls;
+                called.Set();
+                return true;
+            },
+            kInfinite));
+        EXPECT_EQ(OVEvent::kSignalled, called.Wait());
+        EXPECT_TRUE(thread->Stop());
+        EXPECT_EQ(1, calls);
+    }
+}
+
+TEST_F(OVThreadTest, AShorterNextWaitCountsOnce)
+{
+    std::atomic<int> calls{0};
+    OVEvent called(false, false);
+    ASSERT_TRUE(Start(
+        [&](OVThread *self) {
+            if (++calls == 1)
+                self->SetNextWaitMS(0); // or the second call would never come
+            called.Set();
+            return true;
+        },
+        kInfinite));
+    while (calls < 2)
+        EXPECT_EQ(OVEvent::kSignalled, called.Wait());
+    EXPECT_TRUE(thread->Stop());
+    EXPECT_EQ(2, calls);
+}
+
+TEST_F(OVThreadTest, EndsByItsCallback)
+{
+    ASSERT_TRUE(Start([&](OVThread *self) {
+        EXPECT_FALSE(self->Stop()); // not for itself, though the request stands
+        EXPECT_EQ(OVEvent::kSignalled, self->ExitEvent().Wait(0));
+        return false;
+    }));
+    EXPECT_TRUE(thread->WaitForStop());
+    EXPECT_THAT(Lines(), ElementsAre("I OVThreadData::Run(): Thread worker started",
+                                     "I OVThreadData::Run(): Thread worker exited by callback"));
+}
+
+TEST_F(OVThreadTest, OutlivesItsOwnerUntilTheCallReturns)
+{
+    std::atomic<OVThread *> seen{nullptr};
+    ASSERT_TRUE(Start([&](OVThread *self) {
+        seen = self;
+        go.Wait();
+        return true;
+    }));
+    OVEvent ended = thread->ThreadEvent(), exit = thread->ExitEvent();
+    thread.reset();
+    EXPECT_EQ(OVEvent::kTimeout, exit.Wait(0));
+    go.Set();
+    EXPECT_EQ(OVEvent::kSignalled, ended.Wait());
+    EXPECT_EQ(OVEvent::kSignalled, exit.Wait(0));
+    EXPECT_THAT(Lines(),
+                testing::IsSupersetOf(
+                    {std::string("D OVThreadData::MarkDeleted(): Setting deleted flag for thread worker(ID)"),
+                     std::string("I OVThreadData::Run(): Thread worker was deleted")}));
+}
+
+TEST_F(OVThreadTest, MayBeDestroyedByItsOwnThread)
+{
+    OVEvent ended;
+    ASSERT_TRUE(Start([&](OVThread *) {
+        go.Wait();
+        thread.reset();
+        return true;
+    }));
+    ended = thread->ThreadEvent();
+    go.Set();
+    EXPECT_EQ(OVEvent::kSignalled, ended.Wait());
+}
+
+TEST_F(OVThreadTest, NoticesAThreadThatDiedInItsCall)
+{
+    ASSERT_TRUE(Start([&](OVThread *) -> bool {
+        go.Wait();
+        pthread_exit(nullptr);
+    }));
+    EXPECT_FALSE(thread->WaitForStop(0));
+    go.Set();
+    EXPECT_TRUE(thread->WaitForStop());
+    EXPECT_EQ(OVEvent::kSignalled, thread->ExitEvent().Wait(0));
+    EXPECT_THAT(Lines(), ElementsAre("I OVThreadData::Run(): Thread worker started",
+                                     "D OVThreadData::WaitForStop(): Thread worker(ID) exited unexpectedly"));
+    EXPECT_TRUE(Start([](OVThread *) { return false; }));
+    EXPECT_TRUE(thread->WaitForStop());
+}
+
+TEST_F(OVThreadTest, SeveralMayWaitForItsEnd)
+{
+    ASSERT_TRUE(Start([&](OVThread *) { return go.Wait() != OVEvent::kSignalled; }));
+    std::thread waiters[3];
+    for (std::thread &waiter : waiters)
+        waiter = std::thread([&] { EXPECT_TRUE(thread->WaitForStop()); });
+    go.Set();
+    for (std::thread &waiter : waiters)
+        waiter.join();
+}
+
+TEST_F(OVThreadTest, NeedsACallbackAndForgivesAStopWithoutAStart)
+{
+    EXPECT_FALSE(thread->Start(nullptr, nullptr, 0));
+    EXPECT_FALSE(thread->ThreadEvent().IsValid());
+    EXPECT_TRUE(thread->WaitForStop(0) && thread->Stop(0));
+}
+
+} // namespace
+} // namespace fodr
