@@ -32,8 +32,8 @@ nt::NTSTATUS WatchOf(OpenFile &file, uint32_t filter, bool tree, BlockedCall &ca
         const nt::NTSTATUS status = added->monitor->Add(added->watch, call);
         if (nt::IsError(status))
             return status;
-        if (call.HasEnded()) // a closed handle takes no subscription any more
-            return nt::STATUS_CANCELLED;
+        if (services.blockedCalls.IsClosed()) // and HandleServices::Close may have been here already
+            return nt::STATUS_NOTIFY_CLEANUP;
         services.changes = std::move(added);
     }
     *watch = services.changes->watch;

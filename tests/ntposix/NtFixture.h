@@ -19,7 +19,7 @@
 namespace fodr::nt {
 
 struct OpenOptions {
-    uint32_t access = GENERIC_READ | SYNCHRONIZE;
+    uint32_t access = GENERIC_READ; // SYNCHRONIZE is always asked for as well
     uint32_t disposition = FILE_OPEN;
     uint32_t options = 0;
     uint32_t share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
@@ -40,9 +40,9 @@ public:
                                  OBJ_CASE_INSENSITIVE,      nullptr, nullptr};
         IO_STATUS_BLOCK io{};
         LARGE_INTEGER allocation{how.allocation};
-        status = NtCreateFile(&handle, how.access, &object, &io, how.allocation ? &allocation : nullptr,
-                              how.attributes, how.share, how.disposition,
-                              how.options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+        status = NtCreateFile(&handle, how.access | SYNCHRONIZE, &object, &io,
+                              how.allocation ? &allocation : nullptr, how.attributes, how.share,
+                              how.disposition, how.options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
         information = io.Information;
     }
     NtFile(NtFile &&other) noexcept
