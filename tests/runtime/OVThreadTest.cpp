@@ -52,7 +52,7 @@ TEST_F(OVThreadTest, CallsOverAndOverUntilItIsStopped)
     EXPECT_EQ(OVEvent::kSignalled, third.Wait());
     EXPECT_EQ(OVEvent::kTimeout, thread->ThreadEvent().Wait(0));
     EXPECT_FALSE(thread->WaitForStop(0));
-    EXPECT_FALSE(Start([](OVThread *) { return true; })); // it runs
+    EXPECT_FALSE(thread->Start(CallBody, &body, 0)); // it runs
     EXPECT_TRUE(thread->Stop());
     EXPECT_EQ(OVEvent::kSignalled, thread->ThreadEvent().Wait(0));
     EXPECT_TRUE(thread->WaitForStop(0));
