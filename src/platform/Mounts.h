@@ -1,0 +1,22 @@
+// Mount points of file systems that a process of this user serves.
+#pragma once
+
+#include <string>
+
+namespace fodr::platform {
+
+enum class MountState {
+    None,  // an ordinary folder, or nothing
+    Alive, // something is mounted there
+    Dead,  // mounted, but the process that served it is gone
+};
+
+MountState InspectMount(const std::string &path);
+
+// Takes a mount away at once, even while it is in use. True when nothing is mounted there any more.
+bool DetachMount(const std::string &path);
+
+// Why this user can't mount here, as a sentence about what is missing and what to do; empty when he can.
+std::string MountProblem();
+
+} // namespace fodr::platform

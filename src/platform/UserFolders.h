@@ -1,0 +1,25 @@
+// Folders of the user for things that live as long as a process, environment, and the terminal. Any thread,
+// but SetEnvironment, which is for the time before other threads are started.
+#pragma once
+
+#include <string>
+
+namespace fodr::platform {
+
+// Where this user's running processes keep sockets and the like. Not created.
+std::string RuntimeFolder();
+
+// Makes the folder, and those above it, or finds it; only this user may enter it. False, with a few words in
+// `*error`, when it can't be had or belongs to another user.
+bool CreatePrivateFolder(const std::string &path, std::string *error);
+
+// The value of an environment variable, empty when it isn't set.
+std::string GetEnvironment(const char *name);
+void SetEnvironment(const char *name, const std::string &value);
+
+// Where the settings store of this user is read from.
+std::string SettingsFolder();
+
+bool ErrorOutputIsTerminal();
+
+} // namespace fodr::platform
