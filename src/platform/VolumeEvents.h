@@ -30,13 +30,15 @@ public:
     bool Open();
     // Whether an opened source has not been closed by its end yet.
     bool IsOpen() const;
-    // Calls the sink until the end is asked for, without any call when nothing is open: it then waits for an
-    // end that can't be asked for. False when the source broke.
+    // Calls the sink until the end is asked for; when nothing is open it only waits for that. False when the
+    // source broke.
     bool Run(IVolumeEventSink &sink);
     // Makes Run call OnClose, close and return. On Windows returns when OnClose has been called.
     void RequestEnd();
 
 private:
+    void TellChanges(IVolumeEventSink &sink);
+
     struct State;
     std::unique_ptr<State> state;
 };

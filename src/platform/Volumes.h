@@ -24,17 +24,21 @@ DriveType DriveTypeOfLetter(char letter);
 
 // The local path that a letter stands for, without a separator at its end ("/" for the root); empty for a
 // letter that stands for nothing, or that is none. The drive may be gone at the moment. On Windows it is
-// "X:".
-//
-// src/ntposix may not include this header. Its name parsing is given this function when the program starts.
+// "X:". src/ntposix, which may not include this header, is given this function at the start of the program.
 std::string LocalPathOfDriveLetter(char letter);
 
 // True for the separators of a local path: the backslash everywhere, '/' where local paths have it.
 bool IsLocalSeparator(char c);
+// What local paths are joined with.
+char LocalSeparator();
+// Whether a path doesn't depend on where it is looked at: with a root of its own.
+bool IsAbsoluteLocalPath(const std::u16string &path);
 
-// "/home/me", "C:\data", "D:" or a share-relative mixture, as the logic hands them around, as a path that the
-// operating system's own calls take.
-std::string ToLocalPath(const std::string &path);
+// The paths below are as the logic hands them around: "/home/me", "C:\data", "D:", with names and separators
+// as a remote machine writes them.
+
+// Bytes that the caller may still write to the file system of a folder.
+bool FreeSpaceOfFolder(const std::string &folder, uint64_t &bytes);
 
 // The mount point that holds a path; the path needn't exist as long as a parent does.
 uint32_t MountPointOfPath(const std::u16string &path, std::u16string &mountPoint);
@@ -43,6 +47,7 @@ uint32_t MountPointOfPath(const std::u16string &path, std::u16string &mountPoint
 // the name end in a separator ('/' or a backslash).
 uint32_t VolumeNameOfMountPoint(const std::u16string &mountPoint, std::u16string &name);
 
+inline constexpr uint32_t kBusTypeUnknown = 0;
 inline constexpr uint32_t kBusTypeUsb = 7;
 
 inline constexpr uint32_t kDeviceTypeCdRom = 2;

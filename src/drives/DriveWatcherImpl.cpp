@@ -1,0 +1,137 @@
+#include "drives/DriveWatcherImpl.h"
+
+#include "platform/SystemError.h"
+#include "runtime/LogCall.h"
+
+namespace fodr {
+
+namespace {
+
+// Holds the window for its thread.
+struct ThreadStart {
+    RCPtr<HiddenDriveWatcherWindow> window;
+
+    static void Run(void *argument)
+    {
+        auto *self = static_cast<ThreadStart *>(argument);
+        const RCPtr<HiddenDriveWatcherWindow> window = self->window;
+        delete self;
+        platform::SetCurrentThreadName("DriveWatcher");
+        window->MessageLoopThread();
+    }
+};
+
+OVEvent EndOf(platform::ThreadRecord *thread)
+{
+    return OVEvent(platform::DuplicateThreadHandle(thread), true);
+}
+
+} // namespace
+
+std::unique_ptr<IDriveWatcher> IDriveWatcher::Create()
+{
+    return std::make_unique<DriveWatcherImpl>();
+}
+
+DriveWatcherImpl::DriveWatcherImpl(uint32_t waitTimeMS)
+    : waitMS(waitTimeMS), window(new HiddenDriveWatcherWindow)
+{}
+
+// Not a Stop: a thread that still runs is asked to end and left to itself.
+DriveWatcherImpl::~DriveWatcherImpl()
+{
+    OVMutexLock guard(lock);
+    if (!thread)
+        return;
+    window->Close();
+    platform::DetachThread(thread);
+}
+
+bool DriveWatcherImpl::Start(IDeviceStateSubscriber *subscriber)
+{
+    OVMutexLock guard(lock);
+    if (started) {
+        LOG_WARN("Duplicate start request: already started\n");
+        return true;
+    }
+    if (!CreateWindowAndMessageLoopThread(subscriber, &thread))
+        return false;
+    started = true;
+    LOG_DEBUG("Drive watcher started\n");
+    return true;
+}
+
+bool DriveWatcherImpl::Stop()
+{
+    OVMutexLock guard(lock);
+    if (!started)
+        return true;
+    if (!thread) {
+        LOG_ERROR("Hidden window thread not started\n");
+        return false;
+    }
+    if (window->IsWindow())
+        window->Close();
+    switch (EndOf(thread).Wait(waitMS)) {
+    case OVEvent::kSignalled:
+        platform::JoinThread(thread);
+        thread = nullptr;
+        started = false;
+        LOG_DEBUG("Drive watcher stopped\n");
+        return true;
+    case OVEvent::kTimeout:
+        LOG_ERROR("Wait timed out\n");
+        return false;
+    default:
+        LOG_ERROR("Wait failed\n");
+        return false;
+    }
+}
+
+bool DriveWatcherImpl::CreateWindowAndMessageLoopThread(IDeviceStateSubscriber *subscriber,
+                                                        platform::ThreadRecord **threadOut)
+{
+    if (!subscriber || !threadOut) {
+        LOG_ERROR("Invalid subscriber\n");
+        return false;
+    }
+    if (!window->windowCreatedEvent.IsValid()) {
+        LOG_ERROR("Initialization error\n");
+        return false;
+    }
+    *threadOut = nullptr;
+    window->subscriber = subscriber;
+    auto *start = new ThreadStart{window};
+    platform::ThreadRecord *created = platform::StartThread(ThreadStart::Run, start);
+    if (!created) {
+        delete start;
+        LOG_ERROR("Failed to create thread, error = %d\n", static_cast<int>(platform::LastSystemError()));
+        return false;
+    }
+    if (!AwaitWindow(created)) {
+        platform::DetachThread(created);
+        return false;
+    }
+    *threadOut = created;
+    return true;
+}
+
+bool DriveWatcherImpl::AwaitWindow(platform::ThreadRecord *created)
+{
+    OVEvent end = EndOf(created);
+    switch (OVEvent::WaitForMultiple({&window->windowCreatedEvent, &end}, false, waitMS, false, false)) {
+    case 0:
+        return true;
+    case 1:
+        LOG_ERROR("Thread exited too early\n");
+        return false;
+    case OVEvent::kTimeout:
+        LOG_ERROR("Wait timed out\n");
+        return false;
+    default:
+        LOG_ERROR("Wait failed\n");
+        return false;
+    }
+}
+
+} // namespace fodr

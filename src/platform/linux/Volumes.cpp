@@ -1,0 +1,182 @@
+#include "platform/Volumes.h"
+
+#ifndef __linux__
+#error "this file is the Linux side"
+#endif
+
+#include "lib/unicode/CodeSet.h"
+#include "lib/unicode/NameMapping.h"
+#include "platform/SystemError.h"
+#include "platform/linux/BlockDevice.h"
+#include "platform/linux/LocalPaths.h"
+#include "platform/linux/MountTable.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <iterator>
+#include <string_view>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/sysmacros.h>
+
+namespace fodr::platform {
+
+namespace {
+
+constexpr std::string_view kRemoteTypes[] = {
+    "9p",
+    "afs",
+    "ceph",
+    "cifs",
+    "coda",
+    "davfs",
+    "fuse.davfs2",
+    "fuse.gvfsd-fuse",
+    "fuse.glusterfs",
+    "fuse.rclone",
+    "fuse.s3fs",
+    "fuse.sshfs",
+    "lustre",
+    "ncpfs",
+    "nfs",
+    "nfs4",
+    "smb3",
+    "smbfs",
+};
+
+DriveType TypeOfMount(const Mount &mount)
+{
+    if (std::find(std::begin(kRemoteTypes), std::end(kRemoteTypes), mount.type) != std::end(kRemoteTypes))
+        return kDriveRemote;
+    if (mount.type == "tmpfs" || mount.type == "ramfs")
+        return kDriveRamDisk;
+    const dev_t device = BlockDeviceOfMount(mount);
+    const std::optional<BlockDevice> block = device == 0 ? std::nullopt : FindBlockDevice(device);
+    if (block && block->isOptical)
+        return kDriveCdRom;
+    return block && block->isRemovable ? kDriveRemovable : kDriveFixed;
+}
+
+// What a path says of itself, its last component not followed.
+uint32_t Look(const std::u16string &path, std::string &local, struct stat &facts)
+{
+    const uint32_t error = ResolveLocalPath(path, &local);
+    if (error != kErrorSuccess)
+        return error;
+    return lstat(local.c_str(), &facts) == 0 ? kErrorSuccess : LastSystemError();
+}
+
+} // namespace
+
+DriveType DriveTypeOfLetter(char letter)
+{
+    const std::string path = LocalPathOfDriveLetter(letter);
+    struct stat facts {};
+    if (path.empty() || stat(path.c_str(), &facts) != 0 || !S_ISDIR(facts.st_mode))
+        return kDriveNoRootDir;
+    const std::shared_ptr<const MountTable> mounts = MountTable::Current();
+    const Mount *mount = mounts->Holding(path);
+    return mount ? TypeOfMount(*mount) : kDriveUnknown;
+}
+
+bool IsLocalSeparator(char c)
+{
+    return c == '/' || c == '\\';
+}
+
+char LocalSeparator()
+{
+    return '/';
+}
+
+bool IsAbsoluteLocalPath(const std::u16string &path)
+{
+    return path.starts_with(u'/');
+}
+
+bool FreeSpaceOfFolder(const std::string &folder, uint64_t &bytes)
+{
+    std::u16string wide;
+    std::string local;
+    struct statvfs facts {};
+    if (!Utf8ToUtf16(folder, wide) || ResolveLocalPath(wide, &local) != kErrorSuccess ||
+        statvfs(local.c_str(), &facts) != 0)
+        return false;
+    bytes = static_cast<uint64_t>(facts.f_bavail) * facts.f_frsize;
+    return true;
+}
+
+uint32_t MountPointOfPath(const std::u16string &path, std::u16string &mountPoint)
+{
+    std::string local;
+    const uint32_t error = ResolveLocalPath(path, &local);
+    if (error != kErrorSuccess)
+        return error;
+    const std::shared_ptr<const MountTable> mounts = MountTable::Current();
+    const Mount *mount = mounts->Holding(local);
+    // What doesn't exist yet comes to be in the nearest folder that does.
+    while (!mount && local.size() > 1) {
+        local.resize(std::max<size_t>(local.rfind('/'), 1));
+        mount = mounts->Holding(local);
+    }
+    if (!mount)
+        return kErrorPathNotFound;
+    mountPoint = NtPathFromPosix(mount->target);
+    return kErrorSuccess;
+}
+
+uint32_t VolumeNameOfMountPoint(const std::u16string &mountPoint, std::u16string &name)
+{
+    std::string local;
+    const uint32_t error = ResolveLocalPath(mountPoint, &local);
+    if (error != kErrorSuccess)
+        return error;
+    const std::shared_ptr<const MountTable> mounts = MountTable::Current();
+    const Mount *mount = mounts->At(local);
+    const dev_t device = mount ? BlockDeviceOfMount(*mount) : 0;
+    if (device == 0)
+        return mount ? kErrorNotSupported : kErrorInvalidName; // nothing of disks behind it
+    // Device numbers are used again for the next device that is plugged in; the disk's sequence number isn't.
+    const std::optional<BlockDevice> block = FindBlockDevice(device);
+    const std::string text = "/dev/block/" + std::to_string(major(device)) + ':' +
+                             std::to_string(minor(device)) + '#' +
+                             std::to_string(block ? block->sequence : 0) + '/';
+    name.assign(text.begin(), text.end());
+    return kErrorSuccess;
+}
+
+uint32_t QueryLinkKind(const std::u16string &path, LinkKind &kind)
+{
+    std::string local;
+    struct stat facts {};
+    kind = LinkKind::Missing;
+    const uint32_t error = Look(path, local, facts);
+    if (error != kErrorSuccess)
+        return error;
+    if (S_ISLNK(facts.st_mode))
+        kind = LinkKind::SymbolicLink;
+    else
+        kind = S_ISDIR(facts.st_mode) ? LinkKind::Directory : LinkKind::File;
+    return kErrorSuccess;
+}
+
+uint32_t ReadLinkTarget(const std::u16string &link, std::u16string &target)
+{
+    std::string local;
+    const uint32_t error = ResolveLocalPath(link, &local);
+    if (error != kErrorSuccess)
+        return error;
+    char text[PATH_MAX];
+    const ssize_t length = readlink(local.c_str(), text, sizeof(text));
+    if (length < 0)
+        return LastSystemError();
+    target = NtPathFromPosix(std::string_view(text, static_cast<size_t>(length)));
+    // Its root is written as local paths are, since a backslash first would be no local root elsewhere.
+    std::replace(target.begin(), target.end(), u'\\', u'/');
+    return kErrorSuccess;
+}
+
+} // namespace fodr::platform
