@@ -47,12 +47,16 @@ public:
     std::span<const platform::ByteView> Blocks() const { return {blocks.data(), blockCount}; }
 
 private:
-    void Add(platform::ByteView block) { blocks[blockCount++] = block; }
+    void Add(platform::ByteView block)
+    {
+        if (!block.empty())
+            blocks[blockCount++] = block;
+    }
 
     static constexpr size_t kMessageHeaderSize = kFrameHeaderSize + 16;
     static constexpr size_t kParameterHeaderSize = 8;
     std::array<std::byte, kMessageHeaderSize + kMaxParameters * kParameterHeaderSize> headers;
-    std::array<platform::ByteView, 2 * kMaxParameters + 1> blocks;
+    std::array<platform::ByteView, 3 * kMaxParameters + 1> blocks;
     size_t blockCount = 0;
 };
 

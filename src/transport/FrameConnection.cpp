@@ -60,14 +60,15 @@ bool FrameConnection::Send(const Message &frame)
     return !message.Blocks().empty() && SendBlocks(message.Blocks());
 }
 
-bool FrameConnection::SendPost(uint32_t object, uint32_t requestId, platform::ByteView block)
+bool FrameConnection::SendPost(uint32_t object, uint32_t requestId, platform::ByteView block,
+                               platform::ByteView tail)
 {
     Message frame;
     frame.object = object;
     frame.requestId = requestId;
     frame.flags = Message::kPost;
     frame.parameterCount = 1;
-    frame.parameters[0] = {.isBlock = true, .block = block};
+    frame.parameters[0] = {.isBlock = true, .block = block, .tail = tail};
     return Send(frame);
 }
 
@@ -175,7 +176,7 @@ bool FrameConnection::QueueFromReader(std::span<const platform::ByteView> blocks
 // Writes what is pending, then `blocks`, then what has gathered meanwhile unless another waits for its turn.
 bool FrameConnection::WriteInTurn(std::span<const platform::ByteView> blocks)
 {
-    std::array<platform::ByteView, 2 * kMaxParameters + 2> all;
+    std::array<platform::ByteView, 3 * kMaxParameters + 2> all;
     bool good = true;
     writing = true;
     do {

@@ -61,8 +61,9 @@ public:
     bool Send(const SideReady &frame);
     bool Send(const Notice &frame);
     bool Send(const Goodbye &frame);
-    // The common message: a post with one byte block.
-    bool SendPost(uint32_t object, uint32_t requestId, platform::ByteView block);
+    // The common message: a post with one byte block, made of two parts.
+    bool SendPost(uint32_t object, uint32_t requestId, platform::ByteView block,
+                  platform::ByteView tail = {});
 
     // Waits until everything queued is written, at most `timeoutMS`. False when it isn't.
     bool Flush(int timeoutMS);

@@ -150,9 +150,11 @@ MessageBlocks::MessageBlocks(const Message &frame)
         return;
     for (const Parameter &parameter : frame.Parameters()) {
         const size_t room = kMaxFrameBody - bodySize - kParameterHeaderSize;
-        if (parameter.isBlock && parameter.block.size() > room)
+        const size_t size = parameter.isBlock ? parameter.block.size() : 0;
+        const size_t tailSize = parameter.isBlock ? parameter.tail.size() : 0;
+        if (size > room || tailSize > room - size)
             return;
-        bodySize += kParameterHeaderSize + (parameter.isBlock ? parameter.block.size() : 0);
+        bodySize += kParameterHeaderSize + size + tailSize;
         if (bodySize > kMaxFrameBody - kParameterHeaderSize)
             return;
     }
@@ -167,15 +169,17 @@ MessageBlocks::MessageBlocks(const Message &frame)
     size_t begin = 0;
     size_t end = kMessageHeaderSize;
     for (const Parameter &parameter : frame.Parameters()) {
-        const uint32_t value =
-            parameter.isBlock ? static_cast<uint32_t>(parameter.block.size()) : parameter.number;
+        const uint32_t value = parameter.isBlock
+                                   ? static_cast<uint32_t>(parameter.block.size() + parameter.tail.size())
+                                   : parameter.number;
         StoreLittle(&headers[end], parameter.isBlock ? kBlockParameter : kNumberParameter);
         StoreLittle<uint16_t>(&headers[end + 2], 0);
         StoreLittle(&headers[end + 4], value);
         end += kParameterHeaderSize;
-        if (parameter.isBlock && !parameter.block.empty()) {
+        if (parameter.isBlock && value != 0) {
             Add({&headers[begin], end - begin});
             Add(parameter.block);
+            Add(parameter.tail);
             begin = end;
         }
     }

@@ -81,6 +81,7 @@ struct Parameter {
     bool isBlock = false;
     uint32_t number = 0;
     std::span<const std::byte> block{};
+    std::span<const std::byte> tail{}; // when sending: the rest of the block, gathered behind it
 };
 
 struct Message {
