@@ -8,7 +8,7 @@
 #include <vector>
 
 // Releases by the wrong thread and the end of a held mutex are what is tested here.
-extern "C" const char *__tsan_default_options()
+extern "C" __attribute__((visibility("default"))) const char *__tsan_default_options()
 {
     return "report_mutex_bugs=0:report_destroy_locked=0";
 }

@@ -8,7 +8,7 @@
 #include <thread>
 
 // Releases by the wrong thread are what is tested here.
-extern "C" const char *__tsan_default_options()
+extern "C" __attribute__((visibility("default"))) const char *__tsan_default_options()
 {
     return "report_mutex_bugs=0";
 }
