@@ -21,21 +21,6 @@ constexpr uint32_t kMultiEntrySize = 65536;
 // touched.
 constexpr uint32_t kMappedSize = 32u << 20;
 
-// The wire record has no byte of padding before the label.
-void MoveVolumeLabel(uint8_t *record, IO_STATUS_BLOCK *ioStatus)
-{
-    constexpr size_t kLabel = offsetof(FILE_FS_VOLUME_INFORMATION, VolumeLabel);
-    if (ioStatus->Information == 0)
-        return;
-    if (ioStatus->Information > kLabel) {
-        size_t labelLength =
-            LoadLittle<uint32_t>(record + offsetof(FILE_FS_VOLUME_INFORMATION, VolumeLabelLength));
-        memmove(record + kLabel - 1, record + kLabel,
-                std::min<size_t>(labelLength, ioStatus->Information - kLabel));
-    }
-    ioStatus->Information -= 1;
-}
-
 // Bytes at the end of the native record that the wire record lacks (MS-FSCC 2.4.7 and 2.4.41).
 uint32_t NativeTail(uint32_t fileInfoClass)
 {
@@ -62,7 +47,7 @@ NTSTATUS FileSystemImpl::RedirectedQueryVolumeInformationFile(uint32_t fileId, I
     if (status != STATUS_SUCCESS)
         return status;
     if (fsInfoClass == FileFsVolumeInformation)
-        MoveVolumeLabel(buffer.Data(), ioStatus);
+        MoveVolumeLabel(buffer.Data(), &ioStatus->Information);
     *outBuffer = buffer.Release();
     return status;
 }

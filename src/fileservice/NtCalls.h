@@ -3,10 +3,13 @@
 
 #include "lib/misc/MallocBuffer.h"
 #include "platform/Nt.h"
+#include "platform/NtRecords.h"
+#include "rdpdr/wire/WireLayout.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 
 namespace fodr {
@@ -77,6 +80,21 @@ nt::NTSTATUS QueryGrowing(MallocBuffer &buffer, uint32_t firstSize, nt::IO_STATU
         size += kStep;
         buffer.Reset();
     }
+}
+
+// The wire record has no byte of padding before the label: it moves down by one, and the length with it. A
+// label length that the record doesn't hold is cut.
+inline void MoveVolumeLabel(uint8_t *record, uint64_t *length)
+{
+    constexpr size_t kLabel = offsetof(nt::FILE_FS_VOLUME_INFORMATION, VolumeLabel);
+    if (*length == 0)
+        return;
+    if (*length > kLabel) {
+        size_t labelLength =
+            LoadLittle<uint32_t>(record + offsetof(nt::FILE_FS_VOLUME_INFORMATION, VolumeLabelLength));
+        memmove(record + kLabel - 1, record + kLabel, std::min<size_t>(labelLength, *length - kLabel));
+    }
+    *length -= 1;
 }
 
 } // namespace fodr

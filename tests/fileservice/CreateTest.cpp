@@ -30,7 +30,6 @@ TEST(Create, ReportsFailureInTheSameForm)
     EXPECT_EQ(missing.created.Size(), 21u);
     EXPECT_EQ(missing.Id(), 0u);
     EXPECT_EQ(share.Create(u"\\..\\passwd").created.Status(), STATUS_OBJECT_NAME_INVALID);
-    EXPECT_EQ(share.Create(u"\\a", {.options = FILE_OPEN_BY_FILE_ID}).created.Status(), STATUS_NOT_SUPPORTED);
 }
 
 TEST(Create, AnswersAnUnavailableDeviceBeforeAnyPathIsRead)
@@ -49,6 +48,7 @@ TEST(Create, ReadOnlyStopsOnlyTheMakingOfMissingFiles)
         const char16_t *path;
         uint32_t disposition;
         NTSTATUS status;
+        uint32_t options = 0;
     };
     const Case kCases[] = {
         {u"\\there.txt", FILE_OPEN_IF, STATUS_SUCCESS},
@@ -58,11 +58,13 @@ TEST(Create, ReadOnlyStopsOnlyTheMakingOfMissingFiles)
         {u"\\none.txt", FILE_OVERWRITE_IF, STATUS_SUCCESS},
         {u"\\none2.txt", FILE_SUPERSEDE, STATUS_SUCCESS},
         {u"\\there.txt", FILE_OVERWRITE, STATUS_SUCCESS},
+        // Refused before any look at the file system.
+        {u"\\none.txt", FILE_CREATE, STATUS_NOT_SUPPORTED, FILE_OPEN_BY_FILE_ID},
     };
     Share share([](RedirectedDeviceSettings &settings) { settings.readOnly = true; });
     share.Put("there.txt", "x");
     for (const Case &test : kCases) {
-        File file = share.Create(test.path, {.disposition = test.disposition});
+        File file = share.Create(test.path, {.disposition = test.disposition, .options = test.options});
         EXPECT_EQ(file.created.Status(), test.status) << test.disposition;
         if (file.Id() != 0)
             file.Close();
@@ -101,7 +103,7 @@ TEST(Create, TakesNoMoreOfAPathThanThePacketHolds)
         {5, path, STATUS_SUCCESS},                              // odd: the last byte is half of the zero
         {0xFFFFFFFF, path.substr(0, 4), STATUS_SUCCESS},        // zeros follow
         {0xFFFFFFFE, path.substr(0, 3), STATUS_SUCCESS},        // and end a unit
-        {100, path + WireText(u"more"), STATUS_SUCCESS},        // ends at its first zero
+        {100, path + WireText(u"\xD800"), STATUS_SUCCESS},      // ends at its first zero
         {6, WireText(u"\\\xD800"), STATUS_OBJECT_NAME_INVALID}, // half of a pair
         {70000, std::string(70000, 'a'), STATUS_NAME_TOO_LONG},
     };
@@ -141,6 +143,37 @@ TEST(Create, AsksTheDeviceFilterWhereTheOpenSaysFileOrFolder)
     EXPECT_EQ(share.Create(u"\\a").created.Status(), STATUS_SUCCESS); // neither option: unchecked
     filter.inForce = false;
     EXPECT_EQ(share.Create(u"\\a", {.options = FILE_NON_DIRECTORY_FILE}).created.Status(), STATUS_SUCCESS);
+    EXPECT_EQ(filter.asked, 2);
+}
+
+// Refuses every path and keeps the last one.
+class RefusingDevice : public RedirectedDevice {
+public:
+    using RedirectedDevice::RedirectedDevice;
+    bool CheckCreateDriveAccess(const std::string &absolutePath) override
+    {
+        asked = absolutePath;
+        return false;
+    }
+    std::string asked;
+};
+
+TEST(Create, AsksBothTheShareAndTheFilterOfTheWholePath)
+{
+    RefusingFilter filter;
+    RedirectedDeviceSettings made;
+    Share share([&](RedirectedDeviceSettings &settings) {
+        settings.filterPolicy = &filter;
+        made = settings;
+    });
+    auto *device = new RefusingDevice(std::make_unique<WatchedFileSystem>(made.path), made);
+    share.device = RCPtr<RedirectedDevice>(device);
+    // A path without bytes is the root with its separator; nothing is added or cleaned otherwise.
+    DR_CREATE_REQ root{GENERIC_READ, 0, 0, 7, FILE_OPEN, FILE_DIRECTORY_FILE, 0};
+    EXPECT_EQ(share.Ask(share.Request(0, IRP_MJ_CREATE, 0, root)).Status(), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(device->asked, made.path + "\\");
+    share.Create(u"\\sub\\\\..\\a", {.options = FILE_NON_DIRECTORY_FILE});
+    EXPECT_EQ(device->asked, made.path + "\\sub\\\\..\\a");
     EXPECT_EQ(filter.asked, 2);
 }
 

@@ -104,12 +104,23 @@ TEST(QueryVolumeInformation, MovesTheLabelDownByOneByte)
     ASSERT_EQ(volume.Status(), STATUS_SUCCESS);
     ASSERT_EQ(volume.Length(), ioStatus.Information - 1);
     EXPECT_EQ(0, memcmp(volume.Data().data(), native, 17));
-    auto labelLength = volume.At<uint32_t>(offsetof(FILE_FS_VOLUME_INFORMATION, VolumeLabelLength));
-    EXPECT_EQ(volume.Data().substr(17, labelLength),
-              std::string(reinterpret_cast<char *>(native) + 18, labelLength));
-
     EXPECT_EQ(root.QueryVolume(FileFsSizeInformation).Length(), 24u);
     EXPECT_EQ(root.QueryVolume(FileFsObjectIdInformation).Size(), 21u);
+}
+
+TEST(MoveVolumeLabel, MovesNoMoreThanTheRecordHolds)
+{
+    for (uint32_t stated : {6u, 4u, 0xFFFFFFFFu}) {
+        std::string record = std::string(18, 'h') + "LABEL!";
+        StoreLittle(reinterpret_cast<uint8_t *>(record.data()) + 12, stated);
+        uint64_t length = record.size();
+        MoveVolumeLabel(reinterpret_cast<uint8_t *>(record.data()), &length);
+        EXPECT_EQ(length, 23u);
+        EXPECT_EQ(record.substr(17, std::min(stated, 6u)), std::string("LABEL!").substr(0, stated));
+    }
+    uint64_t nothing = 0;
+    MoveVolumeLabel(nullptr, &nothing);
+    EXPECT_EQ(nothing, 0u);
 }
 
 TEST(QueryGrowing, GrowsOnLengthMismatchAlone)

@@ -41,6 +41,17 @@ TEST(LockControl, FollowsItsRules)
     }
 }
 
+TEST(LockControl, SharesWhatIsSharedAndNothingElse)
+{
+    Share share;
+    share.Put("a", "");
+    File one = share.Create(u"\\a");
+    File two = share.Create(u"\\a");
+    EXPECT_EQ(one.Lock(kShared, {{0, 10}}).Status(), STATUS_SUCCESS);
+    EXPECT_EQ(two.Lock(kShared, {{5, 10}}).Status(), STATUS_SUCCESS);
+    EXPECT_EQ(two.Lock(kExclusive, {{5, 1}}).Status(), STATUS_LOCK_NOT_GRANTED);
+}
+
 TEST(LockControl, StopsAtTheFirstFailureAndRollsNothingBack)
 {
     Share share;
