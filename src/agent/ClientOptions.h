@@ -28,7 +28,7 @@ struct PolicyOptions {
 
 enum class SideChannel {
     None,
-    Tcp, // the agent listens, the host connects for the data object
+    Tcp,             // the agent listens, the host connects for the data object
     LeftToThePlugin, // the plug-in's settings decide
 };
 

@@ -1,0 +1,103 @@
+// The agent's end of the channel: Hello, the two channel objects, the side channel, and packets on the data
+// object. Knows nothing of what the packets say.
+#pragma once
+
+#include "agent/ClientOptions.h"
+#include "agent/IoResult.h"
+#include "agent/SideListener.h"
+#include "transport/FrameConnection.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <string>
+
+namespace fodr::agent {
+
+// How the connection came to its end.
+enum class ChannelEnd {
+    Goodbye, // the host asked for it, and the connection was closed thereafter
+    Lost,
+    Refused, // this side ended it: the two don't agree
+};
+
+// Calls come on reader threads: one while there is no side channel, else two.
+class IPacketReceiver {
+public:
+    virtual void OnChannelReady() = 0; // packets may be sent; once
+    virtual void OnPacket(ByteSpan packet) = 0;
+    virtual void OnGoodbyeAsked(const std::string &reason) = 0;
+    virtual void OnChannelEnded(ChannelEnd end, const std::string &reason) = 0; // the last call, once
+
+protected:
+    ~IPacketReceiver() = default;
+};
+
+class AgentChannel final : private transport::IConnectionReceiver {
+public:
+    // `packetReceiver` outlives the channel.
+    AgentChannel(std::unique_ptr<platform::ByteStream> stream, const ClientOptions &clientOptions,
+                 IPacketReceiver *packetReceiver);
+    // Closes, and waits for the receiver's calls.
+    ~AgentChannel();
+
+    void Start();
+
+    // Sends one packet made of two parts, borrowed for the call. False when the connection has ended or the
+    // packet is too large for it. May wait while the host doesn't read, except on a reader thread.
+    bool SendPacket(ByteSpan head, ByteSpan tail = {});
+    void SendNotice(transport::NoticeKind kind, const std::string &text);
+    // Tells the host why this side ends, and ends. `reason` is what OnChannelEnded tells.
+    void Refuse(const std::string &reason);
+    // Says goodbye and ends after what was sent has reached the stream. Not on a reader thread.
+    void Close(const std::string &reason);
+
+private:
+    static constexpr uint32_t kControlObject = 1;
+    static constexpr uint32_t kDataObject = 2;
+
+    void OnHello(const transport::Hello &hello) override;
+    void OnObjectState(const transport::ObjectState &state) override;
+    void OnMessage(const transport::Message &message) override;
+    void OnSideRequest(const transport::SideRequest &request) override;
+    void OnGoodbye(const transport::Goodbye &goodbye) override;
+    void OnClosed(const std::string &reason) override;
+    void AnnounceObjects();
+    uint32_t DataObjectOptions() const;
+    void UpdateReadiness();
+    void OnSideConnected(std::unique_ptr<platform::ByteStream> stream);
+
+    // Frames of the side connection: only messages and states mean anything there.
+    class SideEnd final : public transport::IConnectionReceiver {
+    public:
+        explicit SideEnd(AgentChannel *owningChannel) : channel(owningChannel) {}
+        void OnMessage(const transport::Message &message) override { channel->OnMessage(message); }
+        void OnObjectState(const transport::ObjectState &state) override { channel->OnObjectState(state); }
+        void OnClosed(const std::string &reason) override;
+
+    private:
+        AgentChannel *const channel;
+    };
+
+    const ClientOptions options;
+    IPacketReceiver *const receiver;
+    transport::FrameConnection connection;
+    SideEnd sideEnd{this};
+    std::unique_ptr<transport::FrameConnection> side;   // the listener's thread sets it, once
+    std::atomic<transport::FrameConnection *> dataPath; // the one that packets take
+    SideListener sideListener;
+
+    std::atomic<bool> helloSeen{false};
+    std::atomic<bool> goodbyeSeen{false};
+    std::atomic<bool> refused{false};
+    std::atomic<uint32_t> pingAfterMS{0}, deadAfterMS{0};
+    transport::Mutex stateLock;
+    bool controlConnected GUARDED_BY(stateLock) = false;
+    bool dataConnected GUARDED_BY(stateLock) = false;
+    bool sidePending GUARDED_BY(stateLock) = false;
+    bool readyTold GUARDED_BY(stateLock) = false;
+    bool running GUARDED_BY(stateLock) = false; // from Start until the reader's last call is over
+    std::condition_variable_any ended;
+};
+
+} // namespace fodr::agent

@@ -1,0 +1,12 @@
+// Statuses that the agent itself gives to a request (MS-ERREF 2.3.1); the plug-in never sends them.
+#pragma once
+
+#include "platform/NtStatus.h"
+
+namespace fodr::agent {
+
+inline constexpr nt::NTSTATUS STATUS_IO_TIMEOUT = nt::NtStatus(0xC00000B5); // no completion came in time
+inline constexpr nt::NTSTATUS STATUS_INVALID_NETWORK_RESPONSE = nt::NtStatus(0xC00000C3); // malformed
+inline constexpr nt::NTSTATUS STATUS_CONNECTION_DISCONNECTED = nt::NtStatus(0xC000020C);
+
+} // namespace fodr::agent

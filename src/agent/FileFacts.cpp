@@ -1,0 +1,151 @@
+#include "agent/FileFacts.h"
+
+#include "platform/Nt.h"
+#include "platform/NtRecords.h"
+#include "rdpdr/wire/IoRecords.h"
+#include "rdpdr/wire/RdpdrConstants.h"
+
+#include <cstring>
+
+namespace fodr::agent {
+namespace {
+
+// Sizes on the wire: without the padding at the end.
+constexpr size_t kBasicSize = offsetof(nt::FILE_BASIC_INFORMATION, FileAttributes) + 4;
+constexpr size_t kStandardSize = offsetof(nt::FILE_STANDARD_INFORMATION, Directory) + 1;
+constexpr size_t kNetworkOpenSize = offsetof(nt::FILE_NETWORK_OPEN_INFORMATION, FileAttributes) + 4;
+constexpr size_t kEntrySize = offsetof(nt::FILE_FULL_DIR_INFORMATION, FileName);
+static_assert(kBasicSize == 36 && kStandardSize == 22 && kNetworkOpenSize == 52 && kEntrySize == 68);
+
+// Of a record that begins with the layout of `Record`; at least `count` bytes are there.
+template <class Record> Record Load(ByteSpan bytes, size_t count)
+{
+    Record record{};
+    memcpy(&record, bytes.data(), count);
+    return record;
+}
+
+void TakeBasic(const nt::FILE_BASIC_INFORMATION &basic, FileFacts *facts)
+{
+    facts->creationTime = basic.CreationTime;
+    facts->lastAccessTime = basic.LastAccessTime;
+    facts->lastWriteTime = basic.LastWriteTime;
+    facts->changeTime = basic.ChangeTime;
+    facts->attributes = basic.FileAttributes;
+}
+
+} // namespace
+
+bool FileFacts::IsDirectory() const
+{
+    return (attributes & nt::FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+bool FileFacts::IsReadOnly() const
+{
+    return (attributes & nt::FILE_ATTRIBUTE_READONLY) != 0;
+}
+
+bool ReadNetworkOpenInformation(ByteSpan record, FileFacts *facts)
+{
+    if (record.size() < kNetworkOpenSize)
+        return false;
+    const auto info = Load<nt::FILE_NETWORK_OPEN_INFORMATION>(record, kNetworkOpenSize);
+    *facts = {.creationTime = info.CreationTime,
+              .lastAccessTime = info.LastAccessTime,
+              .lastWriteTime = info.LastWriteTime,
+              .changeTime = info.ChangeTime,
+              .endOfFile = info.EndOfFile,
+              .allocationSize = info.AllocationSize,
+              .attributes = info.FileAttributes};
+    return true;
+}
+
+bool ReadFullSizeInformation(ByteSpan record, VolumeFacts *facts)
+{
+    if (record.size() < sizeof(nt::FILE_FS_FULL_SIZE_INFORMATION))
+        return false;
+    const auto info =
+        Load<nt::FILE_FS_FULL_SIZE_INFORMATION>(record, sizeof(nt::FILE_FS_FULL_SIZE_INFORMATION));
+    facts->totalUnits = static_cast<uint64_t>(info.TotalAllocationUnits);
+    facts->callerFreeUnits = static_cast<uint64_t>(info.CallerAvailableAllocationUnits);
+    facts->freeUnits = static_cast<uint64_t>(info.ActualAvailableAllocationUnits);
+    facts->bytesPerUnit = uint64_t{info.SectorsPerAllocationUnit} * info.BytesPerSector;
+    return true;
+}
+
+bool DirectoryReader::Next(Entry *entry)
+{
+    if (rest.empty())
+        return false;
+    malformed = true;
+    if (rest.size() < kEntrySize)
+        return false;
+    const auto record = Load<nt::FILE_FULL_DIR_INFORMATION>(rest, kEntrySize);
+    if (record.FileNameLength > rest.size() - kEntrySize || record.FileNameLength % 2 != 0)
+        return false;
+    if (record.NextEntryOffset != 0 &&
+        (record.NextEntryOffset < kEntrySize || record.NextEntryOffset > rest.size()))
+        return false;
+    malformed = false;
+    entry->facts = {.creationTime = record.CreationTime,
+                    .lastAccessTime = record.LastAccessTime,
+                    .lastWriteTime = record.LastWriteTime,
+                    .changeTime = record.ChangeTime,
+                    .endOfFile = record.EndOfFile,
+                    .allocationSize = record.AllocationSize,
+                    .attributes = record.FileAttributes};
+    entry->name = rest.subspan(kEntrySize, record.FileNameLength);
+    rest = record.NextEntryOffset == 0 ? ByteSpan{} : rest.subspan(record.NextEntryOffset);
+    return true;
+}
+
+PreReadReader::PreReadReader(ByteSpan block)
+{
+    if (block.size() < kWireSize<FODR_PRE_READ_BLOCK>)
+        return;
+    const auto head = LoadRecord<FODR_PRE_READ_BLOCK>(block.data());
+    if (head.TotalLength < kWireSize<FODR_PRE_READ_BLOCK> || head.TotalLength > block.size())
+        return;
+    rest = block.subspan(kWireSize<FODR_PRE_READ_BLOCK>, head.TotalLength - kWireSize<FODR_PRE_READ_BLOCK>);
+    left = head.EntryCount;
+}
+
+bool PreReadReader::Next(Entry *entry)
+{
+    if (left == 0 || rest.size() < kWireSize<FODR_PRE_READ_ENTRY>)
+        return false;
+    const auto head = LoadRecord<FODR_PRE_READ_ENTRY>(rest.data());
+    rest = rest.subspan(kWireSize<FODR_PRE_READ_ENTRY>);
+    if (head.Length > rest.size()) {
+        left = 0;
+        return false;
+    }
+    --left;
+    *entry = {head.MajorFunction, head.InformationClass, rest.first(head.Length)};
+    rest = rest.subspan(head.Length);
+    return true;
+}
+
+bool ReadPreReadFacts(ByteSpan block, FileFacts *facts)
+{
+    bool basicFound = false, standardFound = false;
+    PreReadReader reader(block);
+    for (PreReadReader::Entry entry; reader.Next(&entry);) {
+        if (entry.majorFunction != IRP_MJ_QUERY_INFORMATION)
+            continue;
+        if (entry.informationClass == nt::FileBasicInformation && entry.data.size() >= kBasicSize) {
+            TakeBasic(Load<nt::FILE_BASIC_INFORMATION>(entry.data, kBasicSize), facts);
+            basicFound = true;
+        }
+        if (entry.informationClass == nt::FileStandardInformation && entry.data.size() >= kStandardSize) {
+            const auto standard = Load<nt::FILE_STANDARD_INFORMATION>(entry.data, kStandardSize);
+            facts->endOfFile = standard.EndOfFile;
+            facts->allocationSize = standard.AllocationSize;
+            standardFound = true;
+        }
+    }
+    return basicFound && standardFound;
+}
+
+} // namespace fodr::agent

@@ -1,0 +1,74 @@
+// What is known of a file, out of the records that carry it. A record too short for its class gives false.
+#pragma once
+
+#include "agent/IoResult.h"
+
+#include <cstdint>
+#include <string_view>
+
+namespace fodr::agent {
+
+struct FileFacts {
+    int64_t creationTime = 0; // 100 ns steps since 1601-01-01 UTC
+    int64_t lastAccessTime = 0;
+    int64_t lastWriteTime = 0;
+    int64_t changeTime = 0;
+    int64_t endOfFile = 0;
+    int64_t allocationSize = 0;
+    uint32_t attributes = 0;
+
+    bool IsDirectory() const;
+    bool IsReadOnly() const;
+    bool operator==(const FileFacts &) const = default;
+};
+
+[[nodiscard]] bool ReadNetworkOpenInformation(ByteSpan record, FileFacts *facts);
+
+struct VolumeFacts {
+    uint64_t totalUnits = 0;
+    uint64_t callerFreeUnits = 0;
+    uint64_t freeUnits = 0;
+    uint64_t bytesPerUnit = 0;
+};
+[[nodiscard]] bool ReadFullSizeInformation(ByteSpan record, VolumeFacts *facts);
+
+// Goes through the entries of a FileFullDirectoryInformation answer. Entries may stand at any address.
+class DirectoryReader {
+public:
+    explicit DirectoryReader(ByteSpan answer) : rest(answer) {}
+
+    struct Entry {
+        FileFacts facts;
+        ByteSpan name; // UTF-16LE
+    };
+    // False at the end, and for an entry that leaves the answer: then Malformed says so.
+    [[nodiscard]] bool Next(Entry *entry);
+    bool Malformed() const { return malformed; }
+
+private:
+    ByteSpan rest;
+    bool malformed = false;
+};
+
+// Goes through the answers of a pre-read block.
+class PreReadReader {
+public:
+    explicit PreReadReader(ByteSpan block);
+
+    struct Entry {
+        uint32_t majorFunction = 0;
+        uint32_t informationClass = 0;
+        ByteSpan data;
+    };
+    // False at the end and for an entry that leaves the block.
+    [[nodiscard]] bool Next(Entry *entry);
+
+private:
+    ByteSpan rest;
+    uint32_t left = 0;
+};
+
+// Basic and standard facts out of a pre-read block. False unless both are there.
+[[nodiscard]] bool ReadPreReadFacts(ByteSpan block, FileFacts *facts);
+
+} // namespace fodr::agent

@@ -1,0 +1,215 @@
+#include "agent/RdpdrClient.h"
+
+#include "agent/DeviceRecords.h"
+#include "agent/PolicyBlock.h"
+#include "rdpdr/wire/HandshakeRecords.h"
+#include "runtime/LogCall.h"
+
+#include <chrono>
+#include <random>
+
+namespace fodr::agent {
+
+RdpdrClient::RdpdrClient(std::unique_ptr<platform::ByteStream> stream, const ClientOptions &clientOptions,
+                         IClientObserver *clientObserver)
+    : options(clientOptions), observer(clientObserver),
+      requests([this](uint32_t deviceId, uint32_t fileId) { CloseOrphan(deviceId, fileId); }),
+      clientId(std::random_device{}()), channel(std::move(stream), clientOptions, this)
+{}
+
+RdpdrClient::~RdpdrClient()
+{
+    {
+        const transport::MutexLock held(lock);
+        stopping = true;
+        clockWakeup.notify_all();
+    }
+    if (clock.joinable())
+        clock.join();
+}
+
+void RdpdrClient::Start()
+{
+    if (options.ioTimeoutSeconds != 0)
+        clock = std::thread([this] { ClockMain(); });
+    channel.Start();
+}
+
+void RdpdrClient::ClockMain()
+{
+    auto next = std::chrono::steady_clock::now();
+    lock.lock();
+    while (!stopping) {
+        next += std::chrono::seconds(1);
+        while (!stopping && std::chrono::steady_clock::now() < next)
+            clockWakeup.wait_until(lock, next);
+        lock.unlock();
+        Tick();
+        lock.lock();
+    }
+    lock.unlock();
+}
+
+void RdpdrClient::Submit(DR_DEVICE_IOREQUEST request, ByteSpan payload,
+                         const RequestTable::Expected &expected, IoHandler handler)
+{
+    if (!requests.Add(expected, std::move(handler), &request.CompletionId)) {
+        handler(IoResult{.status = STATUS_CONNECTION_DISCONNECTED});
+        return;
+    }
+    std::array<uint8_t, kRequestPayload> head;
+    StorePacket(request, head.data());
+    // When the connection has broken, its end fails the request like all others.
+    channel.SendPacket(head, payload);
+}
+
+template <wire::Record Packet> void RdpdrClient::SendRecord(const Packet &packet)
+{
+    std::array<uint8_t, kWireEnd<Packet>> bytes;
+    StorePacket(packet, bytes.data());
+    channel.SendPacket(bytes);
+}
+
+// ---- Handshake ----
+
+void RdpdrClient::OnChannelReady()
+{
+    SendRecord(DR_CORE_SERVER_ANNOUNCE_REQ{.ClientId = clientId});
+}
+
+void RdpdrClient::OnClientIdConfirm(ByteSpan packet)
+{
+    if (packet.size() < kWireEnd<DR_CORE_CLIENT_ANNOUNCE_RSP>)
+        return channel.Refuse("the plug-in's client id confirm is too short");
+    if (LoadRecord<DR_CORE_CLIENT_ANNOUNCE_RSP>(&packet[kHeaderEnd]).ClientId != clientId)
+        return channel.Refuse("the plug-in confirmed another client id");
+    {
+        const transport::MutexLock held(lock);
+        if (std::exchange(confirmed, true))
+            return;
+    }
+    SendRest();
+    observer->OnReady();
+}
+
+// The other side takes these in any order; the last of them to be handled makes it announce its shares.
+void RdpdrClient::SendRest()
+{
+    SendRecord(DR_CORE_CAPABILITY_REQ{});
+    uint16_t capabilities = 0;
+    if (options.multiEntryDirectoryQuery)
+        capabilities |= FODR_CAP_MULTI_ENTRY_DIRECTORY_QUERY;
+    if (options.preRead)
+        capabilities |= FODR_CAP_PRE_READ;
+    if (options.driveLetterMapping)
+        capabilities |= FODR_CAP_DRIVE_LETTER_MAPPING;
+    SendRecord(FODR_VERSION_EXCHANGE{.Version = options.version, .Capabilities = capabilities});
+    if (options.version > FODR_VERSION_NO_POLICY)
+        channel.SendPacket(MakePolicyPacket(options.policy, options.version));
+    std::array<uint8_t, kHeaderEnd> loggedOn;
+    StoreRecord(RDPDR_HEADER{.PacketId = PAKID_CORE_USER_LOGGEDON}, loggedOn.data());
+    channel.SendPacket(loggedOn);
+}
+
+void RdpdrClient::OnVersionExchange(ByteSpan packet)
+{
+    if (packet.size() < kWireEnd<FODR_VERSION_EXCHANGE>)
+        return channel.Refuse("the plug-in's version packet is too short");
+    const auto exchange = LoadRecord<FODR_VERSION_EXCHANGE>(&packet[kHeaderEnd]);
+    LOG_INFO("The client version received = %d, capability = 0x%x\n", exchange.Version,
+             exchange.Capabilities);
+}
+
+// ---- Packets ----
+
+void RdpdrClient::OnPacket(ByteSpan packet)
+{
+    if (packet.size() < kHeaderEnd)
+        return channel.Refuse("the plug-in sent a packet of " + std::to_string(packet.size()) + " bytes");
+    const auto header = LoadRecord<RDPDR_HEADER>(packet.data());
+    if (header.Component == RDPDR_CTYP_CORE)
+        OnCorePacket(header.PacketId, packet);
+    else if (header.Component == RDPDR_CTYP_PRIVATE && header.PacketId == PAKID_PRIVATE_VERSION_EXCHANGE)
+        OnVersionExchange(packet);
+}
+
+void RdpdrClient::OnCorePacket(uint16_t packetId, ByteSpan packet)
+{
+    switch (packetId) {
+    case PAKID_CORE_DEVICE_IOCOMPLETION:
+        if (packet.size() < kCompletionBody)
+            return channel.Refuse("the plug-in sent a completion of " + std::to_string(packet.size()) +
+                                  " bytes");
+        return requests.Complete(packet);
+    case PAKID_CORE_CLIENTID_CONFIRM:
+        return OnClientIdConfirm(packet);
+    case PAKID_CORE_DEVICELIST_ANNOUNCE:
+        return OnDeviceAnnounce(packet);
+    case PAKID_CORE_DEVICELIST_REMOVE:
+        return OnDeviceRemove(packet);
+    default: // its name and capabilities change nothing here
+        return;
+    }
+}
+
+void RdpdrClient::OnDeviceAnnounce(ByteSpan packet)
+{
+    AnnounceReader reader(packet);
+    for (RemoteDevice device; reader.Next(&device);)
+        AddDevice(std::move(device));
+    if (reader.Malformed())
+        channel.Refuse("the plug-in's device announcement leaves its packet");
+}
+
+void RdpdrClient::AddDevice(RemoteDevice device)
+{
+    const uint32_t id = device.id;
+    {
+        const transport::MutexLock held(lock);
+        devices.insert_or_assign(id, device);
+    }
+    // A share that came back under its number had lost its files.
+    requests.FailDevice(id, nt::STATUS_DEVICE_REMOVED);
+    LOG_INFO("New device announced: %s, ID = %u.\n", device.name.c_str(), id);
+    observer->OnDeviceAdded(device);
+    SendRecord(DR_CORE_DEVICE_ANNOUNCE_RSP{.DeviceId = id});
+}
+
+void RdpdrClient::OnDeviceRemove(ByteSpan packet)
+{
+    RemoveReader reader(packet);
+    for (uint32_t id = 0; reader.Next(&id);) {
+        {
+            const transport::MutexLock held(lock);
+            if (devices.erase(id) == 0)
+                continue;
+        }
+        requests.FailDevice(id, nt::STATUS_DEVICE_REMOVED);
+        LOG_INFO("Device removed: ID = %u.\n", id);
+        observer->OnDeviceRemoved(id);
+    }
+    if (reader.Malformed())
+        channel.Refuse("the plug-in's device removal leaves its packet");
+}
+
+void RdpdrClient::CloseOrphan(uint32_t deviceId, uint32_t fileId)
+{
+    DR_DEVICE_IOREQUEST request;
+    request.DeviceId = deviceId;
+    request.FileId = fileId;
+    request.MajorFunction = IRP_MJ_CLOSE;
+    Submit(request, {}, {.deviceId = deviceId, .answer = AnswerKind::Status}, [](const IoResult &) {});
+}
+
+void RdpdrClient::OnGoodbyeAsked(const std::string &reason)
+{
+    observer->OnGoodbye(reason);
+}
+
+void RdpdrClient::OnChannelEnded(ChannelEnd end, const std::string &reason)
+{
+    requests.FailAll(STATUS_CONNECTION_DISCONNECTED);
+    observer->OnEnded(end, reason);
+}
+
+} // namespace fodr::agent

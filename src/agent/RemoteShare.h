@@ -1,0 +1,74 @@
+// The file calls of one share, each one request. Any thread; every call returns as soon as the request is
+// sent, and hands the outcome to its handler (see IoHandler). Paths are UTF-16, begin with a backslash and
+// count from the share's root; bytes and paths are borrowed for the call.
+#pragma once
+
+#include "agent/RdpdrClient.h"
+
+#include <span>
+#include <string_view>
+
+namespace fodr::agent {
+
+class RemoteShare {
+public:
+    // The client outlives the share.
+    RemoteShare(RdpdrClient &rdpdrClient, const RemoteDevice &remoteDevice)
+        : client(rdpdrClient), device(remoteDevice)
+    {}
+    const RemoteDevice &Device() const { return device; }
+
+    struct CreateCall {
+        uint32_t desiredAccess = 0;
+        uint32_t createDisposition = 0;
+        uint32_t createOptions = 0;
+        uint32_t fileAttributes = 0;
+        uint32_t sharedAccess = 7; // read, write and delete
+        uint64_t allocationSize = 0;
+    };
+    // Outcome: fileId and information.
+    void Create(const CreateCall &call, std::u16string_view path, IoHandler handler);
+    void Close(uint32_t fileId, IoHandler handler);
+
+    // Outcome: data, at most `length` bytes. At the end of the file STATUS_END_OF_FILE.
+    void Read(uint32_t fileId, uint64_t offset, uint32_t length, IoHandler handler);
+    // Outcome: length, which may be less than given.
+    void Write(uint32_t fileId, uint64_t offset, ByteSpan bytes, IoHandler handler);
+
+    // Outcome: data, the record as it is on the wire: FileBasicInformation is 36 bytes,
+    // FileStandardInformation 22, and in FileFsVolumeInformation the label begins at 17.
+    void QueryInformation(uint32_t fileId, uint32_t informationClass, IoHandler handler);
+    void QueryVolume(uint32_t fileId, uint32_t informationClass, IoHandler handler);
+    // `record` is the wire form. Outcome: preRead, when it was asked for and came.
+    void SetInformation(uint32_t fileId, uint32_t informationClass, ByteSpan record, IoHandler handler);
+    void SetVolume(uint32_t fileId, uint32_t informationClass, ByteSpan record, IoHandler handler);
+    // Gives the file the path `target` within the share.
+    void Rename(uint32_t fileId, std::u16string_view target, bool replaceIfExists, IoHandler handler);
+    // The file goes when its last handle is closed.
+    void Delete(uint32_t fileId, IoHandler handler);
+
+    // `path` ends in the pattern; empty: the listing goes on, or lists all. Outcome: data, entries of the
+    // class; at the end STATUS_NO_MORE_FILES. Several queries may be under way, and each gets another part.
+    void QueryDirectory(uint32_t fileId, uint32_t informationClass, bool restart, std::u16string_view path,
+                        IoHandler handler);
+    // Waits until something that the filter names has changed; what it was isn't told. Ends with
+    // STATUS_CANCELLED or STATUS_NOTIFY_CLEANUP when the file is closed.
+    void NotifyChange(uint32_t fileId, uint32_t completionFilter, bool watchTree, IoHandler handler);
+
+    // `operation` is one of RDP_LOWIO_OP_*; all but UNLOCK_MULTIPLE take one range.
+    void Lock(uint32_t fileId, uint32_t operation, bool failImmediately,
+              std::span<const RDP_LOCK_INFO> ranges, IoHandler handler);
+    // Outcome: data, at most `outputLength` bytes. An answer without data may appear as one zero byte.
+    void DeviceControl(uint32_t fileId, uint32_t code, ByteSpan input, uint32_t outputLength,
+                       IoHandler handler);
+
+private:
+    template <class Body>
+    void Send(uint32_t major, uint32_t minor, uint32_t fileId, const Body &body, ByteSpan payload,
+              RequestTable::Expected expected, IoHandler &&handler);
+
+    RdpdrClient &client;
+    const RemoteDevice device;
+};
+
+} // namespace fodr::agent
