@@ -10,7 +10,7 @@ class DynamicLibrary {
 public:
     // Null when it can't be loaded, with the system's reason in `*error`.
     static std::unique_ptr<DynamicLibrary> Load(const std::string &path, std::string *error);
-    // Unloads. Nothing of the library may run any more.
+    // Gives it back; functions found in it are not to be called any more.
     ~DynamicLibrary();
     DynamicLibrary(const DynamicLibrary &) = delete;
     DynamicLibrary &operator=(const DynamicLibrary &) = delete;

@@ -127,6 +127,13 @@ bool FrameConnection::SendBytes(const std::vector<std::byte> &frame)
     return !frame.empty() && SendBlocks({&block, 1});
 }
 
+bool FrameConnection::Queue(const Goodbye &frame)
+{
+    const std::vector<std::byte> bytes = EncodeFrame(frame);
+    const platform::ByteView block = bytes;
+    return QueueBlocks({&block, 1}, block.size());
+}
+
 void FrameConnection::AppendPending(std::span<const platform::ByteView> blocks)
 {
     for (const platform::ByteView block : blocks)
@@ -137,7 +144,7 @@ bool FrameConnection::SendBlocks(std::span<const platform::ByteView> blocks)
 {
     const size_t size = TotalSize(blocks);
     if (readerId.load() == std::this_thread::get_id())
-        return QueueFromReader(blocks, size);
+        return QueueBlocks(blocks, size);
     const MutexLock lock(sendLock);
     if (writing || waitingWriters != 0) {
         if (closed)
@@ -154,8 +161,8 @@ bool FrameConnection::SendBlocks(std::span<const platform::ByteView> blocks)
     return !closed && WriteInTurn(blocks);
 }
 
-// Written by the turn's holder or the flusher, so that the reader goes on reading.
-bool FrameConnection::QueueFromReader(std::span<const platform::ByteView> blocks, size_t size)
+// Written by the turn's holder or the flusher, so that the caller goes on.
+bool FrameConnection::QueueBlocks(std::span<const platform::ByteView> blocks, size_t size)
 {
     bool tooMuch = false;
     {

@@ -65,6 +65,9 @@ public:
     bool SendPost(uint32_t object, uint32_t requestId, platform::ByteView block,
                   platform::ByteView tail = {});
 
+    // Likewise without waiting for the stream to take it, for an end that has no time for a slow peer.
+    bool Queue(const Goodbye &frame);
+
     // Waits until everything queued is written, at most `timeoutMS`. False when it isn't.
     bool Flush(int timeoutMS);
 
@@ -76,7 +79,7 @@ public:
 private:
     bool SendBlocks(std::span<const platform::ByteView> blocks);
     bool SendBytes(const std::vector<std::byte> &frame);
-    bool QueueFromReader(std::span<const platform::ByteView> blocks, size_t size);
+    bool QueueBlocks(std::span<const platform::ByteView> blocks, size_t size);
     bool WriteInTurn(std::span<const platform::ByteView> blocks) REQUIRES(sendLock);
     void AppendPending(std::span<const platform::ByteView> blocks) REQUIRES(sendLock);
     void ReaderMain();

@@ -10,7 +10,8 @@ namespace fodr::platform {
 
 std::unique_ptr<DynamicLibrary> DynamicLibrary::Load(const std::string &path, std::string *error)
 {
-    void *handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    // It stays mapped to the end: a library may have started threads that only the end of the process ends.
+    void *handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (handle == nullptr) {
         const char *reason = dlerror();
         *error = reason != nullptr ? reason : "unknown reason";
