@@ -2,8 +2,8 @@
 #include "lib/unicode/NameMapping.h"
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/HandleTable.h"
+#include "ntposix/NtCall.h"
 #include "ntposix/OpenFile.h"
-#include "platform/Nt.h"
 #include "platform/NtRecords.h"
 
 #include <fcntl.h>
@@ -198,16 +198,14 @@ NTSTATUS NtDeviceIoControlFile(HANDLE file, HANDLE, void *, void *, IO_STATUS_BL
                                uint32_t ioControlCode, const void *input, uint32_t inputLength, void *output,
                                uint32_t outputLength)
 {
-    ioStatus->Information = 0;
     const ntposix::OpenFileRef open = ntposix::HandleTable::Instance().Find(file);
     if (!open)
-        return ioStatus->Status = STATUS_INVALID_HANDLE;
+        return ntposix::Complete(ioStatus, STATUS_INVALID_HANDLE, 0);
     ntposix::Control control{.file = *open,
                              .input = {static_cast<const uint8_t *>(input), input ? inputLength : 0},
                              .output = {static_cast<uint8_t *>(output), output ? outputLength : 0}};
-    const NTSTATUS status = ntposix::Serve(ioControlCode, control);
-    ioStatus->Information = control.written;
-    return ioStatus->Status = status;
+    const NTSTATUS status = ntposix::WithoutThrowing([&] { return ntposix::Serve(ioControlCode, control); });
+    return ntposix::Complete(ioStatus, status, control.written);
 }
 
 } // namespace fodr::nt

@@ -1,8 +1,8 @@
 // NtQueryDirectoryFile.
 #include "ntposix/DirectoryScan.h"
 #include "ntposix/HandleTable.h"
+#include "ntposix/NtCall.h"
 #include "ntposix/OpenFile.h"
-#include "platform/Nt.h"
 
 namespace fodr::ntposix {
 
@@ -26,35 +26,30 @@ NTSTATUS NtQueryDirectoryFile(HANDLE file, HANDLE, void *, void *, IO_STATUS_BLO
                               uint32_t length, uint32_t infoClass, bool returnSingleEntry,
                               UNICODE_STRING *fileName, bool restartScan)
 {
-    using ntposix::ListingBuffer;
-    const auto finish = [ioStatus](NTSTATUS status, uint32_t written) {
-        ioStatus->Status = status;
-        ioStatus->Information = written;
-        return status;
-    };
+    using namespace ntposix;
     const uint32_t minimum = ListingBuffer::MinimumLength(infoClass);
     if (minimum == 0)
-        return finish(STATUS_INVALID_INFO_CLASS, 0);
+        return Complete(ioStatus, STATUS_INVALID_INFO_CLASS, 0);
     if (length < minimum)
-        return finish(STATUS_INFO_LENGTH_MISMATCH, 0);
-    const ntposix::OpenFileRef open = ntposix::HandleTable::Instance().Find(file);
+        return Complete(ioStatus, STATUS_INFO_LENGTH_MISMATCH, 0);
+    const OpenFileRef open = HandleTable::Instance().Find(file);
     if (!open)
-        return finish(STATUS_INVALID_HANDLE, 0);
+        return Complete(ioStatus, STATUS_INVALID_HANDLE, 0);
     if (!open->HasAccess(FILE_LIST_DIRECTORY))
-        return finish(STATUS_ACCESS_DENIED, 0);
+        return Complete(ioStatus, STATUS_ACCESS_DENIED, 0);
     if (!open->IsDirectory())
-        return finish(STATUS_INVALID_PARAMETER, 0);
+        return Complete(ioStatus, STATUS_INVALID_PARAMETER, 0);
 
     ListingBuffer records(buffer, length, infoClass);
-    std::u16string_view pattern;
+    DirectoryScan::Query query{.records = &records,
+                               .needsFacts = ListingBuffer::NeedsFacts(infoClass),
+                               .single = returnSingleEntry,
+                               .restart = restartScan,
+                               .pattern = {}};
     if (fileName && fileName->Buffer)
-        pattern = {fileName->Buffer, fileName->Length / sizeof(char16_t)};
-    const NTSTATUS status = ntposix::List(*open, {.records = &records,
-                                                  .needsFacts = ListingBuffer::NeedsFacts(infoClass),
-                                                  .single = returnSingleEntry,
-                                                  .restart = restartScan,
-                                                  .pattern = pattern});
-    return finish(status, records.Written());
+        query.pattern = {fileName->Buffer, fileName->Length / sizeof(char16_t)};
+    const NTSTATUS status = WithoutThrowing([&] { return List(*open, query); });
+    return Complete(ioStatus, status, records.Written());
 }
 
 } // namespace fodr::nt

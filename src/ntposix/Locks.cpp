@@ -1,14 +1,16 @@
 // NtLockFile and NtUnlockFile.
 #include "ntposix/HandleTable.h"
+#include "ntposix/NtCall.h"
 #include "ntposix/OpenFile.h"
-#include "platform/Nt.h"
 
 namespace fodr::nt {
+
+using namespace ntposix;
 
 namespace {
 
 // NT wants one of the two data rights, append alone isn't one, and a file.
-NTSTATUS CheckLockable(const ntposix::OpenFileRef &open)
+NTSTATUS CheckLockable(const OpenFileRef &open)
 {
     if (!open)
         return STATUS_INVALID_HANDLE;
@@ -17,39 +19,36 @@ NTSTATUS CheckLockable(const ntposix::OpenFileRef &open)
     return open->IsDirectory() ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
 }
 
-NTSTATUS Finish(IO_STATUS_BLOCK *ioStatus, NTSTATUS status)
-{
-    ioStatus->Status = status;
-    ioStatus->Information = 0;
-    return status;
-}
-
 } // namespace
 
 NTSTATUS NtLockFile(HANDLE file, HANDLE, void *, void *, IO_STATUS_BLOCK *ioStatus, LARGE_INTEGER *byteOffset,
                     LARGE_INTEGER *length, uint32_t key, bool failImmediately, bool exclusive)
 {
-    const ntposix::OpenFileRef open = ntposix::HandleTable::Instance().Find(file);
+    const OpenFileRef open = HandleTable::Instance().Find(file);
     if (const NTSTATUS status = CheckLockable(open); IsError(status))
-        return Finish(ioStatus, status);
-    const ntposix::RangeLock wanted{.handle = &*open,
-                                    .key = key,
-                                    .exclusive = exclusive,
-                                    .offset = static_cast<uint64_t>(byteOffset->QuadPart),
-                                    .length = static_cast<uint64_t>(length->QuadPart),
-                                    .fd = open->dataFd ? open->fd.Get() : -1};
-    return Finish(ioStatus, open->object->locks.Lock(wanted, failImmediately, open->services.blockedCalls));
+        return Complete(ioStatus, status, 0);
+    const RangeLock wanted{.handle = &*open,
+                           .key = key,
+                           .exclusive = exclusive,
+                           .offset = static_cast<uint64_t>(byteOffset->QuadPart),
+                           .length = static_cast<uint64_t>(length->QuadPart),
+                           .fd = open->dataFd ? open->fd.Get() : -1};
+    const NTSTATUS status = WithoutThrowing(
+        [&] { return open->object->locks.Lock(wanted, failImmediately, open->services.blockedCalls); });
+    return Complete(ioStatus, status, 0);
 }
 
 NTSTATUS NtUnlockFile(HANDLE file, IO_STATUS_BLOCK *ioStatus, LARGE_INTEGER *byteOffset,
                       LARGE_INTEGER *length, uint32_t key)
 {
-    const ntposix::OpenFileRef open = ntposix::HandleTable::Instance().Find(file);
+    const OpenFileRef open = HandleTable::Instance().Find(file);
     if (const NTSTATUS status = CheckLockable(open); IsError(status))
-        return Finish(ioStatus, status);
-    return Finish(ioStatus,
-                  open->object->locks.Unlock(&*open, key, static_cast<uint64_t>(byteOffset->QuadPart),
-                                             static_cast<uint64_t>(length->QuadPart)));
+        return Complete(ioStatus, status, 0);
+    const NTSTATUS status = WithoutThrowing([&] {
+        return open->object->locks.Unlock(&*open, key, static_cast<uint64_t>(byteOffset->QuadPart),
+                                          static_cast<uint64_t>(length->QuadPart));
+    });
+    return Complete(ioStatus, status, 0);
 }
 
 } // namespace fodr::nt

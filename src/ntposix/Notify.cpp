@@ -3,8 +3,8 @@
 #include "ntposix/ChangeFilter.h"
 #include "ntposix/ChangeSubscription.h"
 #include "ntposix/HandleTable.h"
+#include "ntposix/NtCall.h"
 #include "ntposix/OpenFile.h"
-#include "platform/Nt.h"
 
 namespace fodr::ntposix {
 
@@ -72,10 +72,9 @@ NTSTATUS NtNotifyChangeDirectoryFile(HANDLE file, HANDLE, void *, void *, IO_STA
     else if (!open->IsDirectory())
         status = STATUS_INVALID_PARAMETER;
     else
-        status = ntposix::WaitForChange(*open, completionFilter, watchTree);
-    ioStatus->Status = status;
-    ioStatus->Information = 0;
-    return status;
+        status = ntposix::WithoutThrowing(
+            [&] { return ntposix::WaitForChange(*open, completionFilter, watchTree); });
+    return ntposix::Complete(ioStatus, status, 0);
 }
 
 } // namespace fodr::nt
