@@ -80,18 +80,20 @@ TEST_F(OVThreadTest, StopsInTheMiddleOfALongWaitAndStartsAgain)
 
 TEST_F(OVThreadTest, AShorterNextWaitCountsOnce)
 {
-    std::atomic<int> calls{0};
-    OVEvent called(false, false);
+    int calls = 0;
+    OVEvent second(true, false), third(true, false);
     ASSERT_TRUE(Start(
         [&](OVThread *self) {
-            if (++calls == 1)
+            ++calls;
+            if (calls == 1)
                 self->SetNextWaitMS(0); // or the second call would never come
-            called.Set();
+            else
+                (calls == 2 ? second : third).Set();
             return true;
         },
         kInfinite));
-    while (calls < 2)
-        EXPECT_EQ(OVEvent::kSignalled, called.Wait());
+    EXPECT_EQ(OVEvent::kSignalled, second.Wait());
+    EXPECT_EQ(OVEvent::kTimeout, third.Wait(20)); // the interval holds again
     EXPECT_TRUE(thread->Stop());
     EXPECT_EQ(2, calls);
 }
