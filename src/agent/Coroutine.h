@@ -1,0 +1,106 @@
+// Operations of several requests, written one after the other: coroutines that wait for outcomes without
+// holding a thread. They go on where the outcome comes in, which is mostly a reader thread, so between two
+// waits they neither block nor hold a lock.
+#pragma once
+
+#include "agent/RemoteShare.h"
+
+#include <coroutine>
+#include <exception>
+#include <optional>
+#include <utility>
+
+namespace fodr::agent {
+
+// A coroutine that runs at once and belongs to nobody; it frees itself at its end.
+struct Detached {
+    struct promise_type {
+        Detached get_return_object() { return {}; }
+        std::suspend_never initial_suspend() noexcept { return {}; }
+        std::suspend_never final_suspend() noexcept { return {}; }
+        void return_void() {}
+        void unhandled_exception() { std::terminate(); }
+    };
+};
+
+// A part of another coroutine: starts when it is awaited, which has to happen once.
+template <class Result> class [[nodiscard]] Task {
+public:
+    struct promise_type {
+        std::optional<Result> result;
+        std::coroutine_handle<> awaiting;
+
+        struct Finish {
+            bool await_ready() noexcept { return false; }
+            std::coroutine_handle<> await_suspend(std::coroutine_handle<promise_type> ended) noexcept
+            {
+                return ended.promise().awaiting;
+            }
+            void await_resume() noexcept {}
+        };
+        Task get_return_object() { return Task(std::coroutine_handle<promise_type>::from_promise(*this)); }
+        std::suspend_always initial_suspend() noexcept { return {}; }
+        Finish final_suspend() noexcept { return {}; }
+        void return_value(Result value) { result.emplace(std::move(value)); }
+        void unhandled_exception() { std::terminate(); }
+    };
+
+    Task(Task &&other) noexcept : handle(std::exchange(other.handle, nullptr)) {}
+    Task(const Task &) = delete;
+    Task &operator=(const Task &) = delete;
+    ~Task()
+    {
+        if (handle)
+            handle.destroy();
+    }
+
+    bool await_ready() { return false; }
+    std::coroutine_handle<> await_suspend(std::coroutine_handle<> awaiting)
+    {
+        handle.promise().awaiting = awaiting;
+        return handle;
+    }
+    Result await_resume() { return std::move(*handle.promise().result); }
+
+private:
+    explicit Task(std::coroutine_handle<promise_type> own) : handle(own) {}
+    std::coroutine_handle<promise_type> handle;
+};
+
+// Waits for what `start` hands to the handler it is given. The outcome's bytes last until the next wait.
+// Nothing of this object is touched once `start` has been called: the coroutine may have gone on, and ended,
+// on another thread by then.
+template <class Start> class [[nodiscard]] AwaitIo {
+public:
+    explicit AwaitIo(Start starter) : start(std::move(starter)) {}
+    bool await_ready() { return false; }
+    void await_suspend(std::coroutine_handle<> awaiting)
+    {
+        start(IoHandler([this, awaiting](const IoResult &outcome) {
+            result = outcome;
+            awaiting.resume();
+        }));
+    }
+    IoResult await_resume() { return result; }
+
+private:
+    Start start;
+    IoResult result;
+};
+
+// The same for a plain call back.
+template <class Start> class [[nodiscard]] AwaitCall {
+public:
+    explicit AwaitCall(Start starter) : start(std::move(starter)) {}
+    bool await_ready() { return false; }
+    void await_suspend(std::coroutine_handle<> awaiting)
+    {
+        start(InlineFunction<void()>([awaiting] { awaiting.resume(); }));
+    }
+    void await_resume() {}
+
+private:
+    Start start;
+};
+
+} // namespace fodr::agent

@@ -1,0 +1,72 @@
+// How many bytes of file data may be on their way in one direction: enough to keep the connection busy, and
+// no more, so that small requests don't wait behind seconds of data. The measure is the rate at which data
+// arrives and the time an empty connection takes to answer. Any thread.
+#pragma once
+
+#include "agent/InlineFunction.h"
+#include "transport/Mutex.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <vector>
+
+namespace fodr::agent {
+
+class TransferWindow {
+public:
+    using Clock = std::chrono::steady_clock;
+    using Time = Clock::time_point;
+    static constexpr size_t kSmallest = 256 << 10;
+    static constexpr size_t kFirst = 1 << 20;
+    static constexpr size_t kLargest = 16 << 20;
+
+    struct Transfer {
+        size_t bytes = 0;
+        Time begun{};
+        uint64_t deliveredBefore = 0;
+        Time deliveredAt{};
+    };
+    Transfer Begin(size_t bytes, Time now);
+    void End(const Transfer &transfer, Time now);
+
+    size_t Limit() const { return limit; }
+    size_t InFlight() const { return inFlight; }
+
+    // Calls the function as soon as no more than the limit is on its way: now, or from an End.
+    using Waiter = InlineFunction<void()>;
+    void WhenBelow(Waiter waiter);
+
+private:
+    // The largest (or smallest) of the last one to two spans of time.
+    template <class Better> struct Best {
+        double current = 0, previous = 0;
+        Time since{};
+        void Take(double value, Time now, Clock::duration span)
+        {
+            if (now - since > span) {
+                previous = now - since > 2 * span ? 0 : current;
+                current = 0;
+                since = now;
+            }
+            if (current == 0 || Better{}(value, current))
+                current = value;
+        }
+        double Value() const
+        {
+            return current == 0 || (previous != 0 && Better{}(previous, current)) ? previous : current;
+        }
+    };
+    void Measure(const Transfer &transfer, Time now) REQUIRES(lock);
+
+    std::atomic<size_t> limit{kFirst};
+    std::atomic<size_t> inFlight{0};
+    transport::Mutex lock;
+    uint64_t delivered GUARDED_BY(lock) = 0;
+    Time deliveredAt GUARDED_BY(lock){};
+    Best<std::greater<>> rate GUARDED_BY(lock); // bytes a second
+    Best<std::less<>> delay GUARDED_BY(lock);   // seconds
+    std::vector<Waiter> waiters GUARDED_BY(lock);
+};
+
+} // namespace fodr::agent

@@ -1,0 +1,177 @@
+#include "agent/WriteBehind.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace fodr::agent {
+namespace {
+
+bool Overlap(uint64_t firstBegin, uint64_t firstEnd, uint64_t secondBegin, uint64_t secondEnd)
+{
+    return firstBegin < secondEnd && secondBegin < firstEnd;
+}
+
+} // namespace
+
+void WriteErrors::Note(nt::NTSTATUS status)
+{
+    const transport::MutexLock held(lock);
+    if (forWrite == nt::STATUS_SUCCESS)
+        forWrite = status;
+    if (forFlush == nt::STATUS_SUCCESS)
+        forFlush = status;
+}
+
+nt::NTSTATUS WriteErrors::TakeForWrite()
+{
+    const transport::MutexLock held(lock);
+    return std::exchange(forWrite, nt::STATUS_SUCCESS);
+}
+
+nt::NTSTATUS WriteErrors::TakeForFlush()
+{
+    const transport::MutexLock held(lock);
+    forWrite = nt::STATUS_SUCCESS;
+    return std::exchange(forFlush, nt::STATUS_SUCCESS);
+}
+
+bool WriteBehind::OverlapsActive(uint64_t offset, uint64_t end) const
+{
+    auto next = active.lower_bound(offset);
+    if (next != active.end() && next->first < end)
+        return true;
+    return next != active.begin() && std::prev(next)->second.end > offset;
+}
+
+void WriteBehind::Activate(uint64_t offset, uint64_t end, uint64_t sequence)
+{
+    const TransferWindow::Transfer transfer =
+        window.Begin(static_cast<size_t>(end - offset), TransferWindow::Clock::now());
+    active.emplace(offset, Active{.end = end, .sequence = sequence, .transfer = transfer});
+}
+
+void WriteBehind::Write(const Target &target, uint64_t offset, ByteSpan bytes, Waiter accepted)
+{
+    const uint64_t end = offset + bytes.size();
+    if (bytes.empty())
+        return accepted();
+    bool sendNow;
+    {
+        const transport::MutexLock held(lock);
+        ++generation;
+        const uint64_t sequence = ++lastSequence;
+        sendNow = !OverlapsActive(offset, end) &&
+                  std::none_of(queued.begin(), queued.end(), [&](const Queued &earlier) {
+                      return Overlap(earlier.offset, earlier.End(), offset, end);
+                  });
+        if (sendNow)
+            Activate(offset, end, sequence);
+        else
+            queued.push_back({target, offset, sequence, {bytes.begin(), bytes.end()}});
+    }
+    if (!sendNow)
+        return WhenRangeDone(offset, bytes.size(), std::move(accepted));
+    Send(target, offset, bytes);
+    window.WhenBelow(std::move(accepted));
+}
+
+void WriteBehind::Send(const Target &target, uint64_t offset, ByteSpan bytes)
+{
+    target.share->Write(target.fileId, offset, bytes,
+                        [self = shared_from_this(), errors = target.errors, offset](const IoResult &result) {
+                            self->OnAnswer(errors, offset, result);
+                        });
+}
+
+void WriteBehind::OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t offset,
+                           const IoResult &result)
+{
+    Active done;
+    std::vector<Queued> sendable;
+    std::vector<Waiter> satisfied;
+    {
+        const transport::MutexLock held(lock);
+        auto found = active.find(offset);
+        done = found->second;
+        // What was left out of a write is gone; a medium that is full is what cuts writes short.
+        nt::NTSTATUS status = result.status;
+        if (!result.Failed() && result.length < done.end - offset)
+            status = nt::STATUS_DISK_FULL;
+        if (nt::IsError(status))
+            errors->Note(status);
+        active.erase(found);
+        ++generation;
+        sendable = TakeSendable();
+        satisfied = TakeSatisfied(offset, done);
+    }
+    window.End(done.transfer, TransferWindow::Clock::now());
+    for (const Queued &write : sendable)
+        Send(write.target, write.offset, write.bytes);
+    for (Waiter &waiter : satisfied)
+        waiter();
+}
+
+std::vector<WriteBehind::Queued> WriteBehind::TakeSendable()
+{
+    std::vector<Queued> sendable;
+    for (auto write = queued.begin(); write != queued.end();) {
+        const bool blocked = OverlapsActive(write->offset, write->End()) ||
+                             std::any_of(queued.begin(), write, [&](const Queued &earlier) {
+                                 return Overlap(earlier.offset, earlier.End(), write->offset, write->End());
+                             });
+        if (blocked) {
+            ++write;
+            continue;
+        }
+        Activate(write->offset, write->End(), write->sequence);
+        sendable.push_back(std::move(*write));
+        write = queued.erase(write);
+    }
+    return sendable;
+}
+
+std::vector<WriteBehind::Waiter> WriteBehind::TakeSatisfied(uint64_t offset, const Active &done)
+{
+    std::vector<Waiter> satisfied;
+    for (size_t i = 0; i < pending.size();) {
+        Pending &caller = pending[i];
+        if (done.sequence <= caller.sequence && Overlap(offset, done.end, caller.offset, caller.end) &&
+            --caller.count == 0) {
+            satisfied.push_back(std::move(caller.waiter));
+            pending.erase(pending.begin() + static_cast<ptrdiff_t>(i));
+        } else {
+            ++i;
+        }
+    }
+    return satisfied;
+}
+
+void WriteBehind::WhenDone(Waiter waiter)
+{
+    WhenRangeDone(0, std::numeric_limits<uint64_t>::max(), std::move(waiter));
+}
+
+void WriteBehind::WhenRangeDone(uint64_t offset, uint64_t length, Waiter waiter)
+{
+    {
+        const transport::MutexLock held(lock);
+        const uint64_t end = length > std::numeric_limits<uint64_t>::max() - offset
+                                 ? std::numeric_limits<uint64_t>::max()
+                                 : offset + length;
+        auto from = active.lower_bound(offset);
+        if (from != active.begin() && std::prev(from)->second.end > offset)
+            --from;
+        size_t count = 0;
+        for (; from != active.end() && from->first < end; ++from)
+            ++count;
+        for (const Queued &write : queued)
+            count += Overlap(write.offset, write.End(), offset, end);
+        if (count != 0) {
+            pending.push_back({lastSequence, offset, end, count, std::move(waiter)});
+            return;
+        }
+    }
+    waiter();
+}
+
+} // namespace fodr::agent

@@ -1,0 +1,95 @@
+// Writes of one file that were reported as taken before the other side has acknowledged them.
+//
+// The other side handles packets in any order, so two writes that overlap are never on their way together:
+// the later one waits. Whoever needs the file as written waits here first. Any thread; handlers run outside
+// the lock, mostly on a reader thread.
+#pragma once
+
+#include "agent/RemoteShare.h"
+#include "agent/TransferWindow.h"
+
+#include <atomic>
+#include <deque>
+#include <map>
+#include <memory>
+
+namespace fodr::agent {
+
+// What went wrong with the writes of one open file. The first failure is kept until it has been reported
+// once to a write, and once to a flush.
+class WriteErrors {
+public:
+    void Note(nt::NTSTATUS status);
+    // STATUS_SUCCESS when there is nothing to report.
+    nt::NTSTATUS TakeForWrite();
+    nt::NTSTATUS TakeForFlush();
+
+private:
+    transport::Mutex lock;
+    nt::NTSTATUS forWrite GUARDED_BY(lock) = nt::STATUS_SUCCESS;
+    nt::NTSTATUS forFlush GUARDED_BY(lock) = nt::STATUS_SUCCESS;
+};
+
+class WriteBehind : public std::enable_shared_from_this<WriteBehind> {
+public:
+    // The window outlives what is on its way.
+    explicit WriteBehind(TransferWindow &transferWindow) : window(transferWindow) {}
+
+    // Where a write goes and who hears of its failure.
+    struct Target {
+        std::shared_ptr<RemoteShare> share;
+        uint32_t fileId = 0;
+        std::shared_ptr<WriteErrors> errors;
+    };
+    // Sends the bytes, or keeps a copy of them until they may go. `accepted` is called when the writer may go
+    // on: there is room for more, and if the bytes had to wait, they have been written.
+    using Waiter = InlineFunction<void()>;
+    void Write(const Target &target, uint64_t offset, ByteSpan bytes, Waiter accepted);
+
+    // Calls the function when every write begun before has been acknowledged or has failed: all, or those
+    // that overlap [offset, offset + length).
+    void WhenDone(Waiter waiter);
+    void WhenRangeDone(uint64_t offset, uint64_t length, Waiter waiter);
+
+    // Rises whenever the file's data may have become other than what was read before.
+    uint64_t Generation() const { return generation; }
+    void DataChanged() { ++generation; }
+
+private:
+    struct Active {
+        uint64_t end = 0;
+        uint64_t sequence = 0;
+        TransferWindow::Transfer transfer;
+    };
+    struct Queued {
+        Target target;
+        uint64_t offset = 0;
+        uint64_t sequence = 0;
+        std::vector<uint8_t> bytes;
+        uint64_t End() const { return offset + bytes.size(); }
+    };
+    struct Pending { // a caller that waits
+        uint64_t sequence = 0;
+        uint64_t offset = 0;
+        uint64_t end = 0;
+        size_t count = 0;
+        Waiter waiter;
+    };
+
+    void Send(const Target &target, uint64_t offset, ByteSpan bytes);
+    void OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t offset, const IoResult &result);
+    bool OverlapsActive(uint64_t offset, uint64_t end) const REQUIRES(lock);
+    void Activate(uint64_t offset, uint64_t end, uint64_t sequence) REQUIRES(lock);
+    std::vector<Queued> TakeSendable() REQUIRES(lock);
+    std::vector<Waiter> TakeSatisfied(uint64_t offset, const Active &done) REQUIRES(lock);
+
+    TransferWindow &window;
+    std::atomic<uint64_t> generation{0};
+    transport::Mutex lock;
+    uint64_t lastSequence GUARDED_BY(lock) = 0;
+    std::map<uint64_t, Active> active GUARDED_BY(lock); // by offset; none overlaps another
+    std::deque<Queued> queued GUARDED_BY(lock);         // in the order of their sequence
+    std::vector<Pending> pending GUARDED_BY(lock);
+};
+
+} // namespace fodr::agent
