@@ -4,22 +4,27 @@
 
 #include <algorithm>
 #include <cctype>
-#include <regex>
 #include <string_view>
 
 namespace fodr {
 
 namespace {
 
-constexpr char kRulePattern[] = "vid-[a-fA-F0-9*]{4}_pid-[a-fA-F0-9*]{4}";
 constexpr std::string_view kVendor = "vid-";
-constexpr std::string_view kProduct = "pid-";
+constexpr std::string_view kProduct = "_pid-";
 constexpr size_t kIdLength = 4;
 constexpr std::string_view kProperty = "<vidpid>";
 
-std::string IdBehind(const std::string &rule, std::string_view mark)
+// Takes `mark` and four digits or "*" from the front of the text; false when they aren't there.
+bool TakeId(std::string_view &text, std::string_view mark, std::string &ids)
 {
-    return rule.substr(rule.find(mark) + mark.size(), kIdLength);
+    if (!text.starts_with(mark) || text.size() < mark.size() + kIdLength)
+        return false;
+    const std::string_view id = text.substr(mark.size(), kIdLength);
+    text.remove_prefix(mark.size() + kIdLength);
+    ids += id;
+    return std::all_of(id.begin(), id.end(),
+                       [](char c) { return c == '*' || std::isxdigit(static_cast<unsigned char>(c)); });
 }
 
 // "*" in a rule stands for one character of any kind.
@@ -55,22 +60,18 @@ void FodrDeviceFilterPolicy::ParseVidPidPolicy(const std::string &text, std::vec
     list.clear();
     if (text.empty())
         return;
-    try {
-        const std::regex pattern(kRulePattern, std::regex::ECMAScript);
-        for (size_t begin = 0; begin <= text.size();) {
-            const size_t end = std::min(text.find(';', begin), text.size());
-            const std::string rule = text.substr(begin, end - begin);
-            begin = end + 1;
-            // What is longer than a rule can't match; the matcher's depth grows with the text.
-            if (rule.size() > sizeof("vid-0000_pid-0000") - 1 || !std::regex_match(rule, pattern)) {
-                LOG_DEBUG("Invalid vid/pid filter policy format %s.\n", rule.c_str());
-                continue;
-            }
-            list.push_back(IdBehind(rule, kVendor) + IdBehind(rule, kProduct));
-            LOG_TRACE("Formatted vidpid string is %s.\n", list.back().c_str());
+    for (size_t begin = 0; begin <= text.size();) {
+        const size_t end = std::min(text.find(';', begin), text.size());
+        const std::string rule = text.substr(begin, end - begin);
+        begin = end + 1;
+        std::string_view rest = rule;
+        std::string ids;
+        if (!TakeId(rest, kVendor, ids) || !TakeId(rest, kProduct, ids) || !rest.empty()) {
+            LOG_DEBUG("Invalid vid/pid filter policy format %s.\n", rule.c_str());
+            continue;
         }
-    } catch (const std::regex_error &) {
-        list.clear();
+        LOG_TRACE("Formatted vidpid string is %s.\n", ids.c_str());
+        list.push_back(ids);
     }
 }
 

@@ -5,14 +5,18 @@
 #include "runtime/LogCall.h"
 #include "runtime/OVMutex.h"
 
+#include <algorithm>
+#include <cctype>
 #include <map>
-#include <regex>
+#include <string_view>
 
 namespace fodr {
 
 namespace {
 
-constexpr char kIdPattern[] = "VID_([a-fA-F0-9]{4})&PID_([a-fA-F0-9]{4})";
+constexpr std::string_view kVendor = "VID_";
+constexpr std::string_view kProduct = "&PID_";
+constexpr size_t kIdLength = 4;
 
 struct VidPid {
     std::string vid;
@@ -50,6 +54,15 @@ bool FindInCache(const std::u16string &volumeName, std::string &vid, std::string
     vid = found->second.vid;
     pid = found->second.pid;
     return true;
+}
+
+bool IsIdBehind(std::string_view text, std::string_view mark)
+{
+    if (!text.starts_with(mark) || text.size() < mark.size() + kIdLength)
+        return false;
+    const std::string_view id = text.substr(mark.size(), kIdLength);
+    return std::all_of(id.begin(), id.end(),
+                       [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); });
 }
 
 bool OpenTarget(platform::StorageDevice &device, const std::u16string &path)
@@ -212,15 +225,16 @@ bool FodrDeviceUtils::GetDeviceInstanceId(uint32_t instance, std::string &id)
 bool FodrDeviceUtils::ParseDeviceInstanceId(const std::string &id, std::string &vid, std::string &pid)
 {
     LOG_DEBUG("Parsing device instanceId: %s", id.c_str());
-    try {
-        std::smatch match;
-        if (!std::regex_search(id, match, std::regex(kIdPattern, std::regex::ECMAScript)))
-            return false;
-        vid = match[1];
-        pid = match[2];
-    } catch (const std::regex_error &) {
+    const std::string_view text = id;
+    const size_t productAt = kVendor.size() + kIdLength;
+    size_t at = text.find(kVendor);
+    while (at != std::string_view::npos &&
+           (!IsIdBehind(text.substr(at), kVendor) || !IsIdBehind(text.substr(at + productAt), kProduct)))
+        at = text.find(kVendor, at + 1);
+    if (at == std::string_view::npos)
         return false;
-    }
+    vid = text.substr(at + kVendor.size(), kIdLength);
+    pid = text.substr(at + productAt + kProduct.size(), kIdLength);
     LOG_DEBUG("Rechieved vid = %s, pid = %s", vid.c_str(), pid.c_str());
     return true;
 }

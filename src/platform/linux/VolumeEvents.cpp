@@ -10,43 +10,67 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <libmount/libmount.h>
+#include <set>
+#include <string>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
+#include <tuple>
 
 namespace fodr::platform {
 
 namespace {
 
-// What stands at each letter.
-struct Drive {
-    bool isPresent = false;
-    bool hadMount = false; // at some time: the bare folder is then a drive without a medium
-    uint64_t mount = 0;    // at exactly the letter's path
-};
-using Drives = Drive[DriveLetters::kCount];
+// Tells mounts apart. The system uses the number of a mount that is gone again, so it isn't enough.
+using MountKey = std::tuple<uint64_t, dev_t, std::string>;
 
-bool IsFolder(const std::string &path)
+MountKey KeyOf(const Mount &mount)
 {
-    struct stat facts {};
-    return stat(path.c_str(), &facts) == 0 && S_ISDIR(facts.st_mode);
+    return {mount.id, mount.device, mount.source};
 }
 
-void LookAtDrives(Drives &drives)
+// What a letter stands for. A folder that isn't there, or that a mount has left behind, is no drive.
+struct Drive {
+    bool isPresent = false;
+    MountKey holder; // of the folder, while it is a drive
+};
+
+struct Drives {
+    Drive letters[DriveLetters::kCount];
+    std::set<MountKey> mounts; // all
+};
+
+// The mount that holds the folder; null when there is none.
+const Mount *HolderOf(const MountTable &mounts, const std::string &path)
 {
+    struct stat facts {};
+    if (path.empty() || stat(path.c_str(), &facts) != 0 || !S_ISDIR(facts.st_mode))
+        return nullptr;
+    return mounts.Holding(path);
+}
+
+// From `before` to now; null at the first look, when every folder that exists is a drive. After that a drive
+// comes with its mount and goes with it.
+Drives LookAtDrives(const Drives *before)
+{
+    Drives now;
     DriveLetters::Paths paths;
     DriveLetters::Get().CopyPaths(paths);
     const std::shared_ptr<const MountTable> mounts = MountTable::Current();
+    for (const Mount &mount : mounts->Mounts())
+        now.mounts.insert(KeyOf(mount));
     for (int n = 0; n < DriveLetters::kCount; ++n) {
-        Drive &drive = drives[n];
-        const Mount *mount = paths[n].empty() ? nullptr : mounts->At(paths[n]);
-        drive.mount = mount ? mount->id : 0;
-        drive.hadMount = drive.hadMount || mount;
-        drive.isPresent = mount || (!paths[n].empty() && !drive.hadMount && IsFolder(paths[n]));
+        const Mount *holder = HolderOf(*mounts, paths[n]);
+        if (!holder)
+            continue;
+        const MountKey key = KeyOf(*holder);
+        const bool stayed = before && before->letters[n].isPresent && before->letters[n].holder == key;
+        const bool isNew = !before || !before->mounts.contains(key);
+        now.letters[n] = {stayed || isNew, key};
     }
+    return now;
 }
 
 } // namespace
@@ -90,7 +114,7 @@ bool VolumeEvents::Open()
         own.CloseMonitor();
         return false;
     }
-    LookAtDrives(own.drives);
+    own.drives = LookAtDrives(nullptr);
     own.isOpen = true;
     return true;
 }
@@ -129,20 +153,19 @@ bool VolumeEvents::Run(IVolumeEventSink &sink)
 // A medium that was replaced went first.
 void VolumeEvents::TellChanges(IVolumeEventSink &sink)
 {
-    Drives now;
-    std::copy_n(state->drives, DriveLetters::kCount, now);
-    LookAtDrives(now);
+    const Drives now = LookAtDrives(&state->drives);
     uint32_t removed = 0;
     uint32_t arrived = 0;
     for (int n = 0; n < DriveLetters::kCount; ++n) {
-        const Drive &before = state->drives[n];
-        const bool isOther = before.mount != now[n].mount;
-        if (before.isPresent && (!now[n].isPresent || isOther))
+        const Drive &before = state->drives.letters[n];
+        const Drive &after = now.letters[n];
+        const bool isOther = before.holder != after.holder;
+        if (before.isPresent && (!after.isPresent || isOther))
             removed |= 1U << n;
-        if (now[n].isPresent && (!before.isPresent || isOther))
+        if (after.isPresent && (!before.isPresent || isOther))
             arrived |= 1U << n;
     }
-    std::copy_n(now, DriveLetters::kCount, state->drives);
+    state->drives = now;
     if (removed != 0)
         sink.OnVolumesRemoved(removed);
     if (arrived != 0)
