@@ -1,11 +1,9 @@
 #include "RealMount.h"
 #include "drives/DriveWatcherImpl.h"
-#include "drives/IDeviceStateSubscriber.h"
+#include "drives/RecordingSubscriber.h"
 #include "runtime/CapturedLog.h"
 
-#include <condition_variable>
 #include <gtest/gtest.h>
-#include <mutex>
 #include <string>
 #include <sys/resource.h>
 #include <vector>
@@ -14,45 +12,9 @@ namespace fodr {
 namespace {
 
 using test::EnvironmentVariable;
+using test::RecordingSubscriber;
 using test::ScratchFolder;
 using test::TmpfsMount;
-
-// Notes calls as "+C" and "-C". Fails them all when told.
-class Subscriber : public IDeviceStateSubscriber {
-public:
-    explicit Subscriber(bool callsSucceed = true) : result(callsSucceed) {}
-
-    bool OnDeviceAvailable(char driveLetter) override { return Note('+', driveLetter); }
-    bool OnDeviceUnavailable(char driveLetter) override { return Note('-', driveLetter); }
-
-    // All calls so far, as soon as there are that many.
-    std::string Await(size_t calls)
-    {
-        std::unique_lock<std::mutex> guard(lock);
-        changed.wait(guard, [&] { return text.size() >= 2 * calls; });
-        return text;
-    }
-    std::string Text()
-    {
-        std::lock_guard<std::mutex> guard(lock);
-        return text;
-    }
-
-private:
-    bool Note(char sign, char letter)
-    {
-        std::lock_guard<std::mutex> guard(lock);
-        text += sign;
-        text += letter;
-        changed.notify_all();
-        return result;
-    }
-
-    const bool result;
-    std::mutex lock;
-    std::condition_variable changed;
-    std::string text;
-};
 
 TEST(DriveWatcher, TellsDrivesThatComeAndGoInOrder)
 {
@@ -63,7 +25,7 @@ TEST(DriveWatcher, TellsDrivesThatComeAndGoInOrder)
     const std::string drives = "Z=" + second + ";F=" + second + ";B=" + first;
     const EnvironmentVariable variable("FODR_DRIVES", drives.c_str());
     for (const bool succeeds : {true, false}) {
-        Subscriber subscriber(succeeds);
+        RecordingSubscriber subscriber(succeeds);
         CapturedLog log(LOG_LEVEL_DEBUG);
         DriveWatcherImpl watcher;
         ASSERT_TRUE(watcher.Start(&subscriber));
@@ -94,8 +56,8 @@ TEST(DriveWatcher, HearsNothingAfterStopAndMayStartAgain)
     const ScratchFolder scratch;
     const std::string folder = scratch / "drive";
     const EnvironmentVariable variable("FODR_DRIVES", ("D=" + folder).c_str());
-    Subscriber before;
-    Subscriber after;
+    RecordingSubscriber before;
+    RecordingSubscriber after;
     DriveWatcherImpl watcher;
     EXPECT_TRUE(watcher.Stop());
     EXPECT_FALSE(watcher.Start(nullptr));
@@ -117,7 +79,7 @@ TEST(DriveWatcher, HearsNothingAfterStopAndMayStartAgain)
 
 TEST(DriveWatcher, AWatcherThatCannotListenStartsAndDoesNotStop)
 {
-    Subscriber subscriber;
+    RecordingSubscriber subscriber;
     CapturedLog log(LOG_LEVEL_DEBUG);
     rlimit files{};
     getrlimit(RLIMIT_NOFILE, &files);
@@ -148,7 +110,7 @@ TEST(DriveWatcher, OnlyTheLowest26BitsAreLetters)
         const char *calls;
     } rows[] = {{0, ""}, {0x8000005, "A C"}, {0xFE000001, "A Z"}, {0xFC000000, ""}};
     for (const auto &row : rows) {
-        Subscriber subscriber;
+        RecordingSubscriber subscriber;
         RCPtr<HiddenDriveWatcherWindow> window(new HiddenDriveWatcherWindow);
         window->OnVolumesArrived(row.mask); // nobody to tell
         window->subscriber = &subscriber;
