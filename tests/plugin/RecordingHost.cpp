@@ -72,9 +72,8 @@ bool Invoke(void *, void *context, const MessageSink *sink, void *)
     if (!host->invokeSucceeds)
         return false;
     for (const std::string &block : MessageOf(context)->blocks)
-        host->sent.push_back(block);
-    if (MessageOf(context)->posted)
-        host->calls.push_back("posted");
+        host->AddSent(block);
+    host->lastWasPosted = MessageOf(context)->posted;
     return DestroyContext(context);
 }
 
@@ -246,6 +245,20 @@ RecordingHost::~RecordingHost()
 bool RecordingHost::Called(const std::string &call) const
 {
     return std::find(calls.begin(), calls.end(), call) != calls.end();
+}
+
+void RecordingHost::AddSent(const std::string &block)
+{
+    std::lock_guard held(sentLock);
+    sent.push_back(block);
+    sentMore.notify_all();
+}
+
+std::vector<std::string> RecordingHost::WaitForSent(size_t count)
+{
+    std::unique_lock held(sentLock);
+    sentMore.wait(held, [&] { return sent.size() >= count; });
+    return sent;
 }
 
 void RecordingHost::Connection(int32_t current, int32_t reported)

@@ -4,8 +4,11 @@
 
 #include "odpservice/odpservice.h"
 
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -53,6 +56,10 @@ public:
     std::string LastCall() const { return calls.empty() ? "" : calls.back(); }
     bool Called(const std::string &call) const;
 
+    // The blocks of the messages sent, once there are `count` of them, whichever threads send them.
+    std::vector<std::string> WaitForSent(size_t count);
+    void AddSent(const std::string &block);
+
     struct ObjectHandle {
         std::string name;
         ObjectSink sink;
@@ -72,10 +79,14 @@ public:
     MessageSink lastMessageSink{};
     ObserverCallback command = nullptr;
     void *commandContext = nullptr;
-    int liveMessages = 0;
+    std::atomic<int> liveMessages{0};
+    std::atomic<bool> lastWasPosted{false};
 
 private:
     PluginHostRecord record{};
+    std::mutex sentLock;
+    std::condition_variable sentMore;
+    std::vector<std::string> sent; // by sentLock
 };
 
 } // namespace fodr::test
