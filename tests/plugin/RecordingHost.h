@@ -37,7 +37,6 @@ public:
 
     std::vector<std::string>
         calls; // "Connect", "CreateObject fodrDataObj 0xd", "RequestSideChannel 2 fodr" ...
-    std::vector<std::string> sent;    // bytes of each invoked message's block
     std::vector<std::string> notices; // "name|cookie|text" of each broadcast
     uint32_t subscriptionId = 7;
 
