@@ -160,15 +160,11 @@ void RdpdrChannelManager::HandleDeviceIoRequest(RdpdrStream *stream)
 
 void RdpdrChannelManager::HandleDeviceReply(RdpdrStream *stream)
 {
-    uint32_t deviceId = 0;
-    uint32_t resultCode = 0;
     if (!stream->SetPosition(kHeaderEnd)) {
         LOG_WARN("Set the stream position error.\n");
         return;
     }
-    auto reply = ReadRecord<DR_CORE_DEVICE_ANNOUNCE_RSP>(*stream);
-    deviceId = reply.DeviceId;
-    resultCode = reply.ResultCode;
+    const auto [deviceId, resultCode] = ReadRecord<DR_CORE_DEVICE_ANNOUNCE_RSP>(*stream);
 
     Device device;
     {

@@ -1,0 +1,203 @@
+#include "rdpdr/ClientPolicy.h"
+
+#include "AgentPackets.h"
+
+#include <gtest/gtest.h>
+#include <limits>
+#include <random>
+
+namespace fodr::test {
+namespace {
+
+// In a block of its own size on the heap, so that a read behind it is seen.
+bool Parse(ClientPolicy &policy, const Bytes &block, int32_t version, std::optional<uint32_t> length = {})
+{
+    std::unique_ptr<uint8_t[]> copy(new uint8_t[block.size()]);
+    std::copy(block.begin(), block.end(), copy.get());
+    return policy.ParsePolicy(copy.get(), block.size(), length.value_or(static_cast<uint32_t>(block.size())),
+                              version);
+}
+
+std::vector<std::string> Paths(ClientPolicy &policy)
+{
+    std::vector<std::string> paths;
+    for (const auto &folder : policy.Folders())
+        paths.push_back(folder.path + ":" + std::to_string(folder.permission));
+    return paths;
+}
+
+using Strings = std::vector<std::string>;
+const std::string kDenied = "<vidpid>07815567";
+
+TEST(ClientPolicy, EachVersionReadsTheBlockInItsOwnForm)
+{
+    const Policy full{.sharedByAgent = true,
+                      .permission = 4,
+                      .folders = {{0, "/a"}, {2, "C:\\b"}},
+                      .exclude = "vid-0781_pid-5567"};
+    for (int32_t version = 1; version <= 6; ++version) {
+        ClientPolicy policy;
+        EXPECT_TRUE(Parse(policy, full.Block(version), version));
+        EXPECT_TRUE(policy.IsEnabled() && policy.IsSharedByAgent()) << version;
+        EXPECT_EQ(Paths(policy), (Strings{"/a:4", "C:\\b:2"})) << version;
+        EXPECT_TRUE(policy.HasReadOnlyMark() && policy.HasSecondMark()) << version;
+        EXPECT_EQ(policy.HasDeviceFilter(), version >= 5) << version;
+        EXPECT_EQ(policy.IsAllowedByDeviceFilter(kDenied), version < 5) << version;
+    }
+    ClientPolicy unknown; // nothing but the header counts
+    EXPECT_TRUE(Parse(unknown, full.Block(5), 0));
+    EXPECT_TRUE(unknown.IsSharedByAgent() && unknown.SetDevicePermission(1, 1));
+    EXPECT_FALSE(unknown.HasDeviceFilter());
+    EXPECT_EQ(Paths(unknown), Strings{});
+}
+
+TEST(ClientPolicy, BrokenListsEndThemselvesAlone)
+{
+    auto entry = [](uint32_t stated, std::string path) {
+        Bytes bytes{1, 0, 0, 0};
+        Policy::AppendNumber(bytes, stated);
+        bytes.insert(bytes.end(), path.begin(), path.end());
+        return bytes;
+    };
+    auto block = [](std::initializer_list<Bytes> parts, std::optional<size_t> folderLength = {}) {
+        Bytes entries, bytes{1, 0, 0, 0, 0, 0, 0, 0};
+        for (const Bytes &part : parts)
+            entries.insert(entries.end(), part.begin(), part.end());
+        Policy::AppendNumber(bytes, folderLength.value_or(entries.size()));
+        bytes.insert(bytes.end(), entries.begin(), entries.end());
+        Bytes rules;
+        Policy::AppendText(rules, "vid-0781_pid-5567");
+        Policy::AppendText(rules, "");
+        Policy::AppendNumber(bytes, rules.size());
+        bytes.insert(bytes.end(), rules.begin(), rules.end());
+        return bytes;
+    };
+    const uint32_t kHuge = std::numeric_limits<uint32_t>::max();
+    const struct {
+        Bytes block;
+        Strings folders;
+        bool filter; // found at its place
+    } cases[] = {
+        {block({}), {}, true},
+        {block({entry(2, "/a"), entry(3, "/b")}), {"/a:1"}, true}, // one byte more than is left
+        {block({entry(kHuge, "/a")}), {}, true},
+        {block({entry(kHuge - 7, "/a")}), {}, true},
+        {block({entry(2, "/a"), {1, 0, 0, 0}}), {"/a:1"}, true}, // no room for an entry
+        {block({{1, 0, 0}}), {}, true},
+        {block({entry(0, "")}), {":1"}, true},
+        {block({entry(2, "/a")}, kHuge), {"/a:1", "vid-0781_pid-5567:25"}, false}, // all that there is
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        ClientPolicy policy;
+        EXPECT_TRUE(Parse(policy, cases[i].block, 5));
+        EXPECT_EQ(Paths(policy), cases[i].folders) << i;
+        EXPECT_EQ(policy.HasDeviceFilter(), cases[i].filter) << i;
+        EXPECT_TRUE(policy.SetDevicePermission(1, 1)) << i;
+    }
+    ClientPolicy small;
+    EXPECT_FALSE(Parse(small, {1, 1, 1, 0, 0, 0, 0}, 5));
+    EXPECT_FALSE(small.IsSharedByAgent() || small.SetDevicePermission(1, 1));
+    EXPECT_TRUE(Parse(small, {1, 1, 0, 0, 0, 0, 0, 0}, 4)); // a header alone
+    EXPECT_EQ(small.GetDefaultPermission(), 0u);
+    EXPECT_TRUE(small.Folders().empty());
+}
+
+TEST(ClientPolicy, ALaterBlockReplacesFoldersAndRulesButNoMark)
+{
+    ClientPolicy policy;
+    Parse(policy, Policy{.permission = 1, .folders = {{0, "/a"}}, .exclude = "vid-0781_pid-5567"}.Block(5),
+          5);
+    EXPECT_TRUE(policy.SetDevicePermission(7, 3));
+    // A permission of 0 stands, also as the default of entries.
+    Parse(policy, Policy{.permission = 0, .folders = {{0, "/b"}}, .include = "vid-0781_pid-****"}.Block(5),
+          5);
+    EXPECT_EQ(Paths(policy), Strings{"/b:0"});
+    EXPECT_TRUE(policy.HasReadOnlyMark());
+    EXPECT_FALSE(policy.HasSecondMark());
+    EXPECT_EQ(policy.GetDevicePermission(7), 3u);
+    EXPECT_EQ(policy.GetDevicePermission(8), 0u);
+    EXPECT_TRUE(policy.IsAllowedByDeviceFilter(kDenied)); // by the new rule
+    EXPECT_FALSE(policy.IsAllowedByDeviceFilter("<vidpid>abcd0000"));
+    EXPECT_TRUE(policy.IsAllowedByDeviceFilter(""));
+    Parse(policy, Policy{.exclude = "no rule"}.Block(5), 5);
+    EXPECT_FALSE(policy.HasDeviceFilter());
+}
+
+TEST(ClientPolicy, AFolderIsInThePolicyWithAllThatLiesBelowIt)
+{
+    const struct {
+        std::string entry;
+        std::string path;
+        bool matches;
+    } cases[] = {
+        {"*all", "anything", true},
+        {"*all ", "anything", false},
+        {"c", "c:\\x", true},
+        {"c", "C:\\x", false}, // a letter alone is compared with case
+        {"c", "C", true},
+        {"c:", "c", true},
+        {"c:", "C:", true},
+        {"c", "cx", false},
+        {"C:\\data\\", "c:\\DATA", true},
+        {"C:\\data\\", "c:\\data\\x", true},
+        {"C:\\data\\", "c:\\database", false},
+        {"C:\\data", "C:\\dat", false},
+        {"/srv/data", "/srv/data/x", true},
+        {"/srv/data/", "/srv/data", true},
+        {"/srv/data/", "/srv/database", false},
+        {"/", "/srv", true},
+        {std::string("/a\0b", 4), "/a", false},
+    };
+    for (const auto &c : cases) {
+        ClientPolicy policy;
+        Parse(policy, Policy{.folders = {{0, c.entry}}}.Block(5), 5);
+        EXPECT_EQ(policy.IsFolderInPolicy(c.path), c.matches) << c.entry << " " << c.path;
+    }
+}
+
+TEST(ClientPolicy, NothingOutsideOfABlockIsReadHoweverItIsCutOrMangled)
+{
+    const Bytes good = Policy{.folders = {{1, "/srv/a"}, {0, "*all"}, {0, "C"}},
+                              .exclude = "vid-0781_pid-5567;vid-abcd_pid-****",
+                              .include = "vid-1234_pid-5678"}
+                           .Block(5);
+    for (int32_t version : {0, 1, 4, 5, 6}) {
+        for (size_t n = 0; n <= good.size(); ++n) {
+            Bytes prefix(good.begin(), good.begin() + static_cast<long>(n));
+            for (uint32_t length :
+                 {static_cast<uint32_t>(n), static_cast<uint32_t>(good.size()), 0xFFFFFFFFu}) {
+                ClientPolicy policy;
+                EXPECT_EQ(Parse(policy, prefix, version, length), length >= 8);
+                EXPECT_LE(policy.Folders().size(), good.size() / 8);
+                policy.IsFolderInPolicy("C:\\x");
+                policy.IsAllowedByDeviceFilter(kDenied);
+            }
+        }
+    }
+    std::minstd_rand random(1);
+    for (int round = 0; round < 5000; ++round) {
+        Bytes mangled = good;
+        for (unsigned changes = 1 + random() % 4; changes > 0; --changes)
+            mangled[random() % mangled.size()] = static_cast<uint8_t>(random() >> 8);
+        ClientPolicy policy;
+        EXPECT_TRUE(Parse(policy, mangled, 4 + static_cast<int32_t>(random() % 3)));
+        policy.IsFolderInPolicy("/srv/a/b");
+        policy.IsAllowedByDeviceFilter(kDenied);
+    }
+}
+
+TEST(FodrPolicy, TakesTheHeaderAlone)
+{
+    const uint8_t header[] = {0, 1, 3, 9, 9, 9, 9, 9, 0xFF};
+    FodrPolicy policy;
+    EXPECT_FALSE(policy.ParsePolicy(header, 7));
+    EXPECT_TRUE(policy.IsEnabled());
+    EXPECT_EQ(policy.GetDefaultPermission(), 5u);
+    EXPECT_TRUE(policy.ParsePolicy(header, sizeof(header)));
+    EXPECT_FALSE(policy.IsEnabled());
+    EXPECT_TRUE(policy.IsSharedByAgent() && policy.HasSecondMark() && !policy.HasReadOnlyMark());
+    EXPECT_EQ(policy.GetDefaultPermission(), 3u);
+}
+
+} // namespace
+} // namespace fodr::test

@@ -1,0 +1,333 @@
+#include "ManagerFixture.h"
+
+#include <fstream>
+
+namespace fodr::test {
+namespace {
+
+class ShareTable : public ManagerTest {};
+
+TEST_F(ShareTable, EveryRefusalIsAStatusText)
+{
+    const Policy free, disabled{.enabled = false},
+        forced{.sharedByAgent = true, .folders = {{0, Folder("ok")}}};
+    const std::string a = Folder("a"), missing = root + "/missing";
+    std::ofstream(root + "/file") << "x";
+    const std::string refusedA = "Redirecting " + a + " is not allowed from Agent";
+    const struct {
+        uint16_t version;
+        const Policy *policy;
+        std::string path, shareName, cookie;
+        Strings statuses;
+        bool announced;
+    } cases[] = {
+        {5, &free, "", "", "c", {"Invalid share path"}, false},
+        {2, nullptr, a, "", "c", {"Policy is not received from Agent"}, false},
+        {6, nullptr, a, "(OVFR)", "c", {"Policy is not received from Agent"}, false},
+        {0, nullptr, a, "", "c", {refusedA}, false},
+        {1, nullptr, a, "", "c", {}, true}, // knows no policy
+        {5, &disabled, a, "", "c", {refusedA}, false},
+        {5, &forced, a, "", "c", {refusedA}, false},
+        {5, &forced, a, "(OVFR)a", "c", {refusedA}, false},
+        {6, &forced, a, "(OVFR)a", "c", {}, true}, // tagged: no policy from version 6 on
+        {6, &disabled, a, "(OVFR)a", "c", {}, true},
+        {6, &forced, a, "(ovfr)a", "c", {refusedA}, false},
+        {5, &forced, root + "/ok/x", "", "c", {}, false}, // allowed, though not there
+        {5, &free, a, "", "c", {}, true},
+        {5, &free, a, "", "", {}, true},
+        {5, &free, missing, "", "c", {}, false},
+        {5, &free, missing, "", "", {"Folder not exist or invalid parameter or configuration"}, false},
+        {5, &free, root + "/file", "", "", {"Folder not exist or invalid parameter or configuration"}, false},
+        {1, nullptr, missing, "", "", {}, false}, // nobody to tell without a policy
+        {5, &free, a, "x/y", "c", {"Share name change to x_y"}, true},
+        {6, &free, a, "(OVDND)a", "c", {"Internal system error"}, false},
+        {6, &free, a, "(OVFCP)a", "c", {"Internal system error"}, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.path + "|" + c.shareName + " version " + std::to_string(c.version));
+        RdpdrChannelManager fresh;
+        fresh.Initialize(&channel, nullptr);
+        std::vector<Bytes> packets{VersionExchange(c.version)};
+        if (c.policy)
+            packets.push_back(PolicyPacket(c.policy->Block(c.version)));
+        for (Bytes &packet : packets) {
+            RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
+            fresh.ProcessData(&stream);
+        }
+        channel.TakeNotices();
+        fresh.AddSharedFolder(c.path, c.cookie, false, 0, c.shareName);
+        Strings statuses;
+        for (const Notice &notice : channel.TakeNotices()) {
+            EXPECT_EQ(notice.cookie, c.cookie);
+            statuses.push_back(notice.message.substr(strlen(kStatus)));
+        }
+        EXPECT_EQ(statuses, c.statuses);
+        EXPECT_EQ(TakeAnnounced().size(), c.announced ? 1u : 0u);
+    }
+}
+
+TEST_F(ShareTable, AFolderIsSharedOnceForEachType)
+{
+    LogOn(6);
+    const std::string a = Folder("a");
+    EXPECT_EQ(Add(a), Strings{});
+    EXPECT_EQ(Add(a + "/"), Strings{"SUCCEEDED"});
+    EXPECT_EQ(Add(a, "other name"), Strings{"SUCCEEDED"});
+    EXPECT_EQ(Add(a, "(OVFR)a"), Strings{});
+    EXPECT_EQ(Add(a, "(OVFR)b"), Strings{"SUCCEEDED"});
+    EXPECT_EQ(TakeAnnouncedNames(), (Strings{"a", "(OVFR)a"}));
+}
+
+TEST_F(ShareTable, NamesAreUniqueWithoutCaseAndNumbersAreNeverUsedAgain)
+{
+    LogOn(6);
+    EXPECT_EQ(Add(Folder("1/docs")), Strings{});
+    EXPECT_EQ(Add(Folder("2/docs")), Strings{});
+    EXPECT_EQ(Add(Folder("3/DOCS")), Strings{});
+    EXPECT_EQ(Add(Folder("4"), "\xC3\x84"), Strings{});
+    EXPECT_EQ(Add(Folder("5"), "\xC3\xA4"), Strings{"Share name change to \xC3\xA4(1)"});
+    manager.RemoveSharedFolder(root + "/1/docs", "", "c");
+    EXPECT_EQ(Add(Folder("6"), "docs"), Strings{});
+    EXPECT_EQ(TakeAnnounced(), (std::vector<Announced>{{65535, 5, "docs", {}},
+                                                       {65536, 5, "docs(1)", {}},
+                                                       {65537, 5, "DOCS(2)", {}},
+                                                       {65538, 5, "\xC3\x84", {}},
+                                                       {65539, 5, "\xC3\xA4(1)", {}},
+                                                       {65540, 5, "docs", {}}}));
+    EXPECT_EQ(removed, std::vector<uint32_t>{65535});
+}
+
+TEST_F(ShareTable, AnAnnounceCutsNamesByBytes)
+{
+    LogOn(6);
+    for (size_t length : {6u, 7u, 8u, 248u, 249u, 250u}) {
+        channel.TakePackets();
+        std::string name(length, 'n');
+        Add(Folder(std::to_string(length)), name);
+        Bytes packet = channel.TakePackets().at(0);
+        auto announce = LoadRecord<DEVICE_ANNOUNCE>(packet.data() + 8);
+        EXPECT_EQ(announce.DeviceDataLength, std::min<size_t>(length, 249) + 1);
+        EXPECT_EQ(packet.size(), 28 + announce.DeviceDataLength);
+        std::string dosName(announce.PreferredDosName.begin(), announce.PreferredDosName.end());
+        EXPECT_EQ(dosName, (name.substr(0, 7) + std::string(8, '\0')).substr(0, 8)) << length;
+    }
+}
+
+TEST_F(ShareTable, WithDriveLetterMappingOnlyDrivesPassAndTheirPathFollowsTheAnnounce)
+{
+    UseDrives("D=" + Folder("d"));
+    LogOn(6, {.permission = 2}, FODR_CAP_DRIVE_LETTER_MAPPING);
+    EXPECT_EQ(Add("D:\\data").at(0), "Redirecting D:\\data is not allowed from Agent");
+    EXPECT_EQ(Add(root).at(0), "Redirecting " + root + " is not allowed from Agent");
+    EXPECT_EQ(Add("D:\\", "", 4), Strings{});
+    EXPECT_EQ(Add(Folder("t"), "(OVFR)t"), Strings{}); // tagged: passes
+    std::vector<Announced> shares = TakeAnnounced();
+    ASSERT_EQ(shares.size(), 2u);
+    EXPECT_EQ(shares[0], (Announced{65535, 4, "D", {1, 4, 0, 0, 0, 'D', ':', '\\', 0}}));
+    EXPECT_EQ(shares[1].permission, 2u);
+    EXPECT_EQ(shares[1].extension.size(), root.size() + 2 + 6);
+}
+
+TEST_F(ShareTable, RemovalTakesWhatACommandAddedAndNothingElse)
+{
+    const std::string a = Folder("a"), registered = Folder("registered");
+    settings.SetList("SharedFolders", {registered});
+    LogOn(6);
+    Add(a, "named");
+    Add(a, "(OVFR)a");
+    Add(root + "/missing");
+    EXPECT_EQ(TakeAnnouncedNames(), (Strings{"named", "(OVFR)a"}));
+    const struct {
+        std::string path, shareName;
+        bool matched;
+        std::vector<uint32_t> withdrawn;
+    } cases[] = {
+        {"", "named", false, {}},
+        {registered, "", false, {}},    // not by a command
+        {a, "(OVFR)a", false, {}},      // such shares stay
+        {a, "(OVDND)named", false, {}}, // of another type and name
+        {root + "/b", "named", false, {}},
+        {root + "/missing", "", true, {}}, // never announced
+        {a + "/", "any name", true, {65536}},
+        {a, "named", false, {}},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(manager.RemoveSharedFolder(c.path, c.shareName, "c"), c.matched) << c.path << c.shareName;
+        TakeAnnounced();
+        EXPECT_EQ(removed, c.withdrawn) << c.path << c.shareName;
+    }
+    EXPECT_TRUE(channel.TakeNotices().empty());
+}
+
+TEST_F(ShareTable, SharesFollowTheirDriveUnderTheirNumber)
+{
+    UseDrives("D=" + root + "/d"); // the folder isn't there yet
+    LogOn(6);
+    Add("D:\\one");
+    Add("d");
+    Add(Folder("other"));
+    EXPECT_EQ(TakeAnnouncedNames(), Strings{"other"});
+    auto ids = [this] {
+        std::vector<uint32_t> list;
+        for (const Announced &share : TakeAnnounced())
+            list.push_back(share.id);
+        return list;
+    };
+    const std::vector<uint32_t> both{65535, 65536};
+    EXPECT_TRUE(manager.OnDeviceAvailable('d'));
+    EXPECT_EQ(ids(), both);
+    EXPECT_TRUE(manager.OnDeviceAvailable('D')); // a second arrival is no news
+    EXPECT_EQ(ids(), std::vector<uint32_t>{});
+    EXPECT_TRUE(manager.OnDeviceUnavailable('D'));
+    ids();
+    EXPECT_EQ(removed, both);
+    EXPECT_EQ(LoadLittle<uint32_t>(Answers(OpenRoot(65535, 1)).at(0).data() + 12), 0xC00002B6u);
+    manager.OnDeviceUnavailable('D');
+    ids();
+    EXPECT_TRUE(removed.empty());
+    manager.OnDeviceAvailable('D');
+    EXPECT_EQ(ids(), both);
+    manager.OnDeviceAvailable('/'); // what an absolute path begins with is no drive
+    EXPECT_EQ(ids(), std::vector<uint32_t>{});
+}
+
+TEST_F(ShareTable, DrivesAndRegisteredFoldersAreSharedWhenSettingsAndPolicySaySo)
+{
+    UseDrives("D=" + Folder("d") + ";X=" + Folder("x"));
+    const std::string registered = Folder("registered");
+    struct Case {
+        const char *what;
+        std::function<void(SettingsFixture &)> set;
+        Policy policy;
+        Strings names;
+    } const cases[] = {
+        {"no key", [](auto &) {}, {}, {"D", "X"}},
+        {"no value", [](auto &s) { s.CreateKey(); }, {}, {}},
+        {"zero", [](auto &s) { s.SetNumber("RedirectAll", 0); }, {}, {}},
+        {"text", [](auto &s) { s.SetText("RedirectAll", "1"); }, {}, {}},
+        {"one", [](auto &s) { s.SetNumber("RedirectAll", 1); }, {}, {"D", "X"}},
+        {"list",
+         [&](auto &s) {
+             s.SetList("SharedFolders", {registered, root + "/no"});
+         },
+         {},
+         {"registered"}},
+        {"agent's", [](auto &s) { s.SetNumber("RedirectAll", 1); }, {.sharedByAgent = true}, {}},
+        {"all of the agent", [](auto &s) { s.CreateKey(); }, {.folders = {{3, "*all"}}}, {"D", "X"}},
+        {"disabled", [](auto &) {}, {.enabled = false, .folders = {{3, "*all"}}}, {}},
+    };
+    for (const Case &c : cases) {
+        SettingsFixture own;
+        c.set(own);
+        RdpdrChannelManager fresh;
+        fresh.Initialize(&channel, nullptr);
+        for (Bytes packet : {VersionExchange(6), PolicyPacket(c.policy.Block(6)), UserLoggedOn()}) {
+            RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
+            fresh.ProcessData(&stream);
+        }
+        EXPECT_EQ(TakeAnnouncedNames(), c.names) << c.what;
+    }
+}
+
+TEST_F(ShareTable, AFolderThatTheMachineDoesNotAllowIsAsGoodAsMissing)
+{
+    UseDrives("D=" + Folder("d"));
+    const std::string a = Folder("a"), sub = Folder("a/sub"), ab = Folder("ab");
+    const struct {
+        Strings entries;
+        std::string path;
+        bool announced;
+    } cases[] = {
+        {{a}, a, true},
+        {{a + "/"}, a, true},
+        {{a}, a + "/", true},
+        {{a}, sub, true},
+        {{root + "/b", a}, sub, true},
+        {{sub}, a, false},
+        {{a}, ab, false},
+        {{a}, sub + "/../../ab", false},
+        {{a}, a + "/sub/..", false},
+        {{a}, a + "\\..\\ab", false},
+        {{root + "/A"}, a, false},
+        {{"/"}, a, true},
+        {{a}, "/", false},
+        {{"/"}, "/", true},
+        {{"D:"}, "d:\\", false}, // compared exactly
+        {{"D:\\\\"}, "D", true}, // "D:\" as the store writes it
+        {{a}, "D:\\", false},
+        {{}, a, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.path);
+        settings.SetList("AllowedFolders", c.entries);
+        RdpdrChannelManager fresh;
+        fresh.Initialize(&channel, nullptr);
+        Bytes packet = VersionExchange(1);
+        RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
+        fresh.ProcessData(&stream);
+        LogCapture log;
+        EXPECT_TRUE(fresh.AddSharedFolder(c.path, "c", false, 0, ""));
+        std::string warning = "W Folder " + c.path + " is outside of the folders that this machine allows.\n";
+        EXPECT_EQ(log.Count(warning), c.announced ? 0u : 1u);
+        // Nor does the arrival of its drive change that.
+        fresh.OnDeviceAvailable(c.path[0]);
+        EXPECT_EQ(TakeAnnounced().size(), c.announced ? 1u : 0u);
+    }
+    LogOn(6, {.sharedByAgent = true, .folders = {{0, a}}}); // whoever asks
+    EXPECT_EQ(TakeAnnouncedNames(), Strings{});
+}
+
+TEST_F(ShareTable, TheRootOfAllIsAShareLikeAnyOther)
+{
+    LogOn(6);
+    EXPECT_EQ(Add("/"), Strings{});
+    EXPECT_EQ(TakeAnnouncedNames(), Strings{"_"});
+    EXPECT_EQ(LoadLittle<uint32_t>(Answers(OpenRoot(65535, 1)).at(0).data() + 12), 0u);
+    // A file below it: the request's path is appended as it is.
+    std::ofstream(root + "/file") << "x";
+    std::u16string path(root.begin(), root.end());
+    std::replace(path.begin(), path.end(), u'/', u'\\');
+    path += std::u16string(u"\\file") + u'\0';
+    DR_DEVICE_IOREQUEST request{65535, 0, 2, IRP_MJ_CREATE, 0, {}};
+    request.SetBody(DR_CREATE_REQ{.DesiredAccess = 1,
+                                  .SharedAccess = 7,
+                                  .CreateDisposition = 1,
+                                  .CreateOptions = 0x40,
+                                  .PathLength = static_cast<uint32_t>(2 * path.size())});
+    Bytes packet = PacketOf(request);
+    for (char16_t unit : path)
+        packet.insert(packet.end(), {static_cast<uint8_t>(unit), static_cast<uint8_t>(unit >> 8)});
+    EXPECT_EQ(LoadLittle<uint32_t>(Answers(packet).at(0).data() + 12), 0u);
+    EXPECT_TRUE(manager.RemoveSharedFolder("/", "", "c"));
+}
+
+TEST_F(ShareTable, ThePolicyMarksSharesReadOnly)
+{
+    for (uint8_t permission : {uint8_t{5}, uint8_t{1}}) {
+        RdpdrChannelManager fresh;
+        fresh.Initialize(&channel, nullptr);
+        LogCapture log;
+        for (Bytes packet :
+             {VersionExchange(6), PolicyPacket(Policy{.permission = permission}.Block(6)), UserLoggedOn()}) {
+            RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
+            fresh.ProcessData(&stream);
+        }
+        EXPECT_EQ(log.Count("I CDR is marked as read-only\n"), permission == 1 ? 1u : 0u);
+        fresh.AddSharedFolder(Folder("a"), "c", false, 0, "");
+        channel.TakePackets();
+        // A new file, by "open or create".
+        DR_DEVICE_IOREQUEST request{65535, 0, 2, IRP_MJ_CREATE, 0, {}};
+        request.SetBody(DR_CREATE_REQ{
+            .DesiredAccess = 2, .CreateDisposition = 3, .CreateOptions = 0x40, .PathLength = 8});
+        Bytes packet = PacketOf(request);
+        for (char c : {'\\', 'n', permission == 1 ? 'r' : 'w', '\0'})
+            packet.insert(packet.end(), {static_cast<uint8_t>(c), 0});
+        RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
+        fresh.ProcessData(&stream);
+        uint32_t status = LoadLittle<uint32_t>(channel.TakePackets().at(0).data() + 12);
+        EXPECT_EQ(status, permission == 1 ? 0xC0000022u : 0u);
+    }
+}
+
+} // namespace
+} // namespace fodr::test
