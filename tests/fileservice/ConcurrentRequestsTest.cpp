@@ -1,6 +1,7 @@
 // Many threads in one device at once; run under ThreadSanitizer too.
 #include "fileservice/Share.h"
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -15,9 +16,9 @@ Bytes RequestOf(uint32_t fileId, uint32_t completionId, uint32_t major, const DR
 {
     DR_DEVICE_IOREQUEST request{kDeviceId, fileId, completionId, major, 0, {}};
     request.SetBody(body);
-    Bytes packet(kWireEnd<DR_DEVICE_IOREQUEST>);
+    Bytes packet(kWireEnd<DR_DEVICE_IOREQUEST> + payload.size());
     StorePacket(request, packet.data());
-    packet.insert(packet.end(), payload.begin(), payload.end());
+    std::copy(payload.begin(), payload.end(), packet.begin() + kWireEnd<DR_DEVICE_IOREQUEST>);
     return packet;
 }
 

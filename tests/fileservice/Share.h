@@ -13,6 +13,7 @@
 #include "rdpdr/wire/IRdpdrChannel.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <filesystem>
 #include <functional>
@@ -149,9 +150,9 @@ public:
     {
         DR_DEVICE_IOREQUEST request{0x1234, fileId, ++lastCompletionId, major, minor, {}};
         request.SetBody(body);
-        Bytes packet(kWireEnd<DR_DEVICE_IOREQUEST>);
+        Bytes packet(kWireEnd<DR_DEVICE_IOREQUEST> + payload.size());
         StorePacket(request, packet.data());
-        packet.insert(packet.end(), payload.begin(), payload.end());
+        std::copy(payload.begin(), payload.end(), packet.begin() + kWireEnd<DR_DEVICE_IOREQUEST>);
         return packet;
     }
 

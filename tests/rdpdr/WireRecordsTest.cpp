@@ -3,6 +3,7 @@
 #include "rdpdr/wire/CompletionBuilder.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <string_view>
 
@@ -11,9 +12,9 @@ namespace {
 
 template <wire::Record Packet> Bytes PacketOf(const Packet &packet, const Bytes &behind = {})
 {
-    Bytes bytes(kWireEnd<Packet>, 0xCC); // unused bytes have to be written too
+    Bytes bytes(kWireEnd<Packet> + behind.size(), 0xCC); // unused bytes have to be written too
     StorePacket(packet, bytes.data());
-    bytes.insert(bytes.end(), behind.begin(), behind.end());
+    std::copy(behind.begin(), behind.end(), bytes.begin() + kWireEnd<Packet>);
     return bytes;
 }
 
