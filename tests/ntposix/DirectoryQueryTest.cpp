@@ -18,21 +18,14 @@ struct Listed {
 };
 
 struct ClassCase {
-    uint32_t infoClass;
-    uint32_t nameOffset;
-    uint32_t minimum;
+    uint32_t infoClass, nameOffset, minimum, idOffset; // no id: 0
 };
 
 constexpr ClassCase kClasses[] = {
-    {FileDirectoryInformation, 64, 72},         {FileFullDirectoryInformation, 68, 72},
-    {FileBothDirectoryInformation, 94, 96},     {FileNamesInformation, 12, 16},
-    {FileIdBothDirectoryInformation, 104, 112}, {FileIdFullDirectoryInformation, 80, 88},
+    {FileDirectoryInformation, 64, 72, 0},          {FileFullDirectoryInformation, 68, 72, 0},
+    {FileBothDirectoryInformation, 94, 96, 0},      {FileNamesInformation, 12, 16, 0},
+    {FileIdBothDirectoryInformation, 104, 112, 96}, {FileIdFullDirectoryInformation, 80, 88, 72},
 };
-
-const ClassCase &ClassOf(uint32_t infoClass)
-{
-    return *std::ranges::find(kClasses, infoClass, &ClassCase::infoClass);
-}
 
 struct Query {
     uint32_t infoClass = FileFullDirectoryInformation;
@@ -59,32 +52,29 @@ template <typename T> T Get(const uint8_t *at)
 std::vector<Listed> Parse(const uint8_t *buffer, uint64_t length, const Query &query)
 {
     std::vector<Listed> records;
-    const ClassCase &row = ClassOf(query.infoClass);
-    for (uint64_t at = 0;;) {
+    const ClassCase &row = *std::ranges::find(kClasses, query.infoClass, &ClassCase::infoClass);
+    const bool namesOnly = query.infoClass == FileNamesInformation;
+    for (uint64_t at = 0, next = 1; next != 0; at += next) {
         EXPECT_EQ(at % 8, 0u);
         EXPECT_LE(at + row.nameOffset, length);
-        const auto next = Get<uint32_t>(buffer + at);
+        next = Get<uint32_t>(buffer + at);
         Listed &record = records.emplace_back();
-        const bool names = query.infoClass == FileNamesInformation;
-        if (!names)
+        if (!namesOnly)
             memcpy(&record.facts, buffer + at, 64);
-        const auto nameLength = Get<uint32_t>(buffer + at + (names ? 8 : 60));
-        const uint64_t end = at + row.nameOffset + nameLength;
-        EXPECT_LE(end, next ? at + next : length);
-        record.name.resize(std::min<uint64_t>(nameLength, length - at - row.nameOffset) / 2);
-        memcpy(record.name.data(), buffer + at + row.nameOffset, record.name.size() * 2);
         if (row.nameOffset >= 68)
             record.eaSize = Get<uint32_t>(buffer + at + 64);
-        if (query.infoClass == FileIdBothDirectoryInformation)
-            record.fileId = Get<int64_t>(buffer + at + 96);
-        if (query.infoClass == FileIdFullDirectoryInformation)
-            record.fileId = Get<int64_t>(buffer + at + 72);
-        if (next == 0) {
-            EXPECT_EQ(end, length);
-            return records;
+        if (row.idOffset)
+            record.fileId = Get<int64_t>(buffer + at + row.idOffset);
+        const auto nameLength = Get<uint32_t>(buffer + at + (namesOnly ? 8 : 60));
+        const uint64_t end = at + row.nameOffset + nameLength;
+        if (next ? end > at + next : end != length) {
+            ADD_FAILURE() << "a name that leaves its record at " << at;
+            break;
         }
-        at += next;
+        record.name.resize(nameLength / 2);
+        memcpy(record.name.data(), buffer + at + row.nameOffset, nameLength);
     }
+    return records;
 }
 
 Answer List(HANDLE folder, const Query &query = {})

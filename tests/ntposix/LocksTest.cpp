@@ -1,4 +1,4 @@
-#include "ntposix/NtFixture.h"
+#include "ntposix/NtWords.h"
 
 #include <fcntl.h>
 
@@ -35,22 +35,6 @@ NTSTATUS Unlock(HANDLE file, uint64_t offset, uint64_t length, uint32_t key = 0)
     IO_STATUS_BLOCK io{};
     LARGE_INTEGER start = Large(offset), size = Large(length);
     return NtUnlockFile(file, &io, &start, &size, key);
-}
-
-NTSTATUS Read(HANDLE file, int64_t offset, uint32_t length)
-{
-    IO_STATUS_BLOCK io{};
-    LARGE_INTEGER at{offset};
-    std::string buffer(length, 0);
-    return NtReadFile(file, nullptr, nullptr, nullptr, &io, buffer.data(), length, &at, nullptr);
-}
-
-NTSTATUS Write(HANDLE file, int64_t offset, uint32_t length)
-{
-    IO_STATUS_BLOCK io{};
-    LARGE_INTEGER at{offset};
-    const std::string buffer(length, 'w');
-    return NtWriteFile(file, nullptr, nullptr, nullptr, &io, buffer.data(), length, &at, nullptr);
 }
 
 class Locks : public NtFixture {
@@ -149,20 +133,28 @@ TEST_F(Locks, RefuseWhatIsNoRangeNoFileOrNoRight)
 
 TEST_F(Locks, ForbidTransfersOfOthers)
 {
-    ASSERT_EQ(Lock(first, 10, 10, true), STATUS_SUCCESS);
-    EXPECT_EQ(Read(second, 15, 1), STATUS_FILE_LOCK_CONFLICT);
-    EXPECT_EQ(Write(second, 0, 11), STATUS_FILE_LOCK_CONFLICT);
-    EXPECT_EQ(Read(second, 0, 10), STATUS_SUCCESS);
-    EXPECT_EQ(Write(second, 20, 5), STATUS_SUCCESS);
-    EXPECT_EQ(Read(first, 15, 1), STATUS_SUCCESS);
-    EXPECT_EQ(Write(first, 15, 1), STATUS_SUCCESS);
-    ASSERT_EQ(Unlock(first, 10, 10), STATUS_SUCCESS);
-
-    ASSERT_EQ(Lock(first, 10, 10, false), STATUS_SUCCESS);
-    EXPECT_EQ(Read(second, 15, 1), STATUS_SUCCESS);
-    EXPECT_EQ(Write(second, 15, 1), STATUS_FILE_LOCK_CONFLICT);
-    EXPECT_EQ(Write(first, 15, 1), STATUS_FILE_LOCK_CONFLICT); // nor may the holder write
-    EXPECT_EQ(Write(first, 20, 1), STATUS_SUCCESS);
+    struct Case {
+        bool exclusive;
+        HANDLE file;
+        int64_t offset;
+        uint32_t length;
+        bool mayRead, mayWrite;
+    };
+    const Case cases[] = {
+        {true, second, 15, 1, false, false}, {true, second, 0, 11, false, false},
+        {true, second, 0, 10, true, true},   {true, second, 20, 5, true, true},
+        {true, first, 15, 1, true, true},    {false, second, 15, 1, true, false},
+        {false, first, 15, 1, true, false}, // nor may the holder of a shared lock write
+        {false, first, 20, 1, true, true},
+    };
+    const auto expected = [](bool may) { return may ? STATUS_SUCCESS : STATUS_FILE_LOCK_CONFLICT; };
+    for (const Case &c : cases) {
+        ASSERT_EQ(Lock(first, 10, 10, c.exclusive), STATUS_SUCCESS);
+        EXPECT_EQ(ReadAt(c.file, c.offset, c.length).status, expected(c.mayRead)) << &c - cases;
+        EXPECT_EQ(WriteAt(c.file, c.offset, std::string(c.length, 'w')).status, expected(c.mayWrite))
+            << &c - cases;
+        ASSERT_EQ(Unlock(first, 10, 10), STATUS_SUCCESS);
+    }
 }
 
 TEST_F(Locks, AreSeenByOtherProcesses)
