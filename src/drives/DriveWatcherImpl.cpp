@@ -37,14 +37,18 @@ DriveWatcherImpl::DriveWatcherImpl(uint32_t waitTimeMS)
     : waitMS(waitTimeMS), window(new HiddenDriveWatcherWindow)
 {}
 
-// Not a Stop: a thread that still runs is asked to end and left to itself.
+// Not a Stop. But a thread that still runs, as it does when Stop timed out, shouldn't outlive the library: it
+// is asked to end, and left to itself only if it doesn't.
 DriveWatcherImpl::~DriveWatcherImpl()
 {
     OVMutexLock guard(lock);
     if (!thread)
         return;
     window->Close();
-    platform::DetachThread(thread);
+    if (EndOf(thread).Wait(waitMS) == OVEvent::kSignalled)
+        platform::JoinThread(thread);
+    else
+        platform::DetachThread(thread);
 }
 
 bool DriveWatcherImpl::Start(IDeviceStateSubscriber *subscriber)

@@ -13,8 +13,8 @@ public:
     // must live until Stop has succeeded.
     virtual bool Start(IDeviceStateSubscriber *subscriber) = 0;
     // True when the watcher doesn't run any more; the subscriber hears nothing from then on. False when its
-    // thread didn't end in time: the watcher counts as started and may be stopped again. Destruction doesn't
-    // stop.
+    // thread didn't end in time: the watcher counts as started and may be stopped again. Destruction is no
+    // substitute for it.
     virtual bool Stop() = 0;
     virtual ~IDriveWatcher() = default;
 

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <glibmm/error.h>
 #include <glibmm/keyfile.h>
 #include <map>
 #include <optional>
@@ -167,18 +166,6 @@ bool RemoveValue(Glib::KeyFile &file, const OpenKey &key, const std::u16string &
     return found;
 }
 
-// What the library throws ends here.
-uint32_t Edit(const OpenKey &key, const SettingsFile::Change &change)
-{
-    return key.file->Edit([&](Glib::KeyFile &file) -> uint32_t {
-        try {
-            return change(file);
-        } catch (const Glib::Error &) {
-            return kErrorInvalidParameter;
-        }
-    });
-}
-
 } // namespace
 
 bool ReportSettingsComplaint(const std::string &text)
@@ -216,7 +203,7 @@ uint32_t RegistryCreate(RegistryRoot root, const std::string &path, uint32_t acc
     if (outcome == kErrorSuccess && !CanBeGroup(created->path))
         outcome = kErrorInvalidParameter;
     if (outcome == kErrorSuccess) {
-        outcome = Edit(*created, [&](Glib::KeyFile &file) {
+        outcome = created->file->Edit([&](Glib::KeyFile &file) {
             if (!HasGroup(file, created->foldedPath))
                 AddGroup(file, created->path);
             return kErrorSuccess;
@@ -269,7 +256,7 @@ uint32_t RegistrySet(RegistryKey key, const std::string &name, uint32_t type, bo
     if (!folded || !CanBeName(wanted) || !CanBeGroup(opened->path) ||
         !SettingsValue::FromBytes(type, wide, data, size, value))
         return kErrorInvalidParameter;
-    return Edit(*opened, [&](Glib::KeyFile &file) {
+    return opened->file->Edit([&](Glib::KeyFile &file) {
         Glib::ustring group = opened->path;
         Glib::ustring spelling = wanted;
         RemoveValue(file, *opened, *folded, group, spelling);
@@ -286,7 +273,7 @@ uint32_t RegistryDeleteValue(RegistryKey key, const std::string &name)
     const std::optional<std::u16string> folded = FoldSettingsName(name.empty() ? kUnnamedValue : name);
     if (!folded)
         return kErrorInvalidParameter;
-    return Edit(*opened, [&](Glib::KeyFile &file) {
+    return opened->file->Edit([&](Glib::KeyFile &file) {
         Glib::ustring group;
         Glib::ustring spelling;
         return RemoveValue(file, *opened, *folded, group, spelling) ? kErrorSuccess : kErrorFileNotFound;
@@ -302,7 +289,7 @@ uint32_t RegistryDelete(RegistryKey key, const std::string &path)
     if (!below || !IsSettingsPath(path))
         return kErrorInvalidParameter;
     const std::u16string doomed = opened->foldedPath.empty() ? *below : opened->foldedPath + u'\\' + *below;
-    return Edit(*opened, [&](Glib::KeyFile &file) -> uint32_t {
+    return opened->file->Edit([&](Glib::KeyFile &file) -> uint32_t {
         std::string ignored;
         const SettingsModel model = SettingsModel::FromFile(file, ignored);
         if (!model.FindKey(doomed))

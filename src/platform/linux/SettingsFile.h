@@ -36,6 +36,7 @@ private:
         bool IsStillThatOf(const Stamp &now) const;
     };
     Stamp TakeStamp() const;
+    uint32_t ChangeText(const Change &change, std::string &text) const;
     uint32_t Replace(const std::string &text);
 
     const std::string path;
