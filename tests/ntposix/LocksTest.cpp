@@ -209,7 +209,10 @@ TEST_F(Locks, WaitForAnotherProcess)
     ASSERT_EQ(fcntl(fd, F_OFD_SETLK, &range), 0);
     EXPECT_EQ(Lock(first, 5, 10, true), STATUS_LOCK_NOT_GRANTED);
     EXPECT_EQ(Lock(first, 10, 10, true), STATUS_SUCCESS);
-    auto waiting = std::async(std::launch::async, [&] { return Lock(second, 0, 5, true, false); });
+    // This one waits for the handle first and for the process then.
+    auto waiting = std::async(std::launch::async, [&] { return Lock(second, 0, 15, true, false); });
+    std::this_thread::yield();
+    ASSERT_EQ(Unlock(first, 10, 10), STATUS_SUCCESS);
     close(fd);
     EXPECT_EQ(waiting.get(), STATUS_SUCCESS);
     EXPECT_FALSE(FreeForOthers(0));
