@@ -1,0 +1,329 @@
+// The real plug-in in the real host, with the real agent at the other end of a stream: everything but the
+// mount.
+#include "SettingsFixture.h"
+#include "agent/BlockingShare.h"
+#include "host/HostChannel.h"
+#include "host/PluginHost.h"
+#include "lib/unicode/NameMapping.h"
+#include "platform/Nt.h"
+#include "platform/NtRecords.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <optional>
+
+namespace fodr {
+namespace {
+
+using agent::BlockingCall;
+using agent::RemoteDevice;
+using agent::RemoteShare;
+using namespace nt;
+
+class Agent final : public agent::IClientObserver {
+public:
+    Agent(std::unique_ptr<platform::ByteStream> stream, const agent::ClientOptions &options)
+        : client(std::move(stream), options, this)
+    {
+        client.Start();
+    }
+
+    // The share of this name, once it is there.
+    std::unique_ptr<RemoteShare> Share(const std::string &name)
+    {
+        std::unique_lock held(lock);
+        const RemoteDevice *found = nullptr;
+        changed.wait(held, [&] {
+            for (const RemoteDevice &device : devices)
+                found = device.name == name ? &device : found;
+            return found != nullptr;
+        });
+        return std::make_unique<RemoteShare>(client, *found);
+    }
+    void WaitUntilGone(const std::string &name)
+    {
+        std::unique_lock held(lock);
+        changed.wait(held, [&] {
+            return std::none_of(devices.begin(), devices.end(),
+                                [&](auto &device) { return device.name == name; });
+        });
+    }
+    size_t ShareCount()
+    {
+        std::lock_guard held(lock);
+        return devices.size();
+    }
+
+    void OnDeviceAdded(const RemoteDevice &device) override
+    {
+        std::lock_guard held(lock);
+        devices.push_back(device);
+        changed.notify_all();
+    }
+    void OnDeviceRemoved(uint32_t deviceId) override
+    {
+        std::lock_guard held(lock);
+        std::erase_if(devices, [deviceId](auto &device) { return device.id == deviceId; });
+        changed.notify_all();
+    }
+    void OnGoodbye(const std::string &) override {}
+    void OnEnded(agent::ChannelEnd, const std::string &) override {}
+
+private:
+    std::mutex lock;
+    std::condition_variable changed;
+    std::vector<RemoteDevice> devices;
+    agent::RdpdrClient client;
+};
+
+class RealPlugin : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        settings.CreateKey();
+        folder = std::filesystem::path(settings.Folder()) / "shared";
+        std::filesystem::create_directory(folder);
+        std::string error;
+        host = host::PluginHost::Create(FODR_PLUGIN_PATH, &error);
+        ASSERT_NE(host, nullptr) << error;
+        host->Bus().Subscribe("FOLDER_REDIRECTION_NOTIFICATION", this, OnNotice);
+    }
+    void TearDown() override
+    {
+        connected.reset();
+        channel.reset();
+        host.reset();
+    }
+
+    // A connection to a new agent; a former one is lost first.
+    Agent &Connect(agent::ClientOptions options = {})
+    {
+        options.policy.sharedByAgent = !options.policy.folders.empty();
+        if (!channel)
+            channel = std::make_unique<host::HostChannel>(host.get(), channelOptions, nullptr);
+        if (connected) {
+            connected.reset();
+            channel->Close("test");
+            channel->Settle();
+            if (newInstanceEachTime)
+                channel->DestroyInstance();
+        }
+        {
+            std::lock_guard held(lock);
+            notices.clear();
+        }
+        auto [ours, theirs] = platform::MakeStreamPair();
+        connected = std::make_unique<Agent>(std::move(theirs), options);
+        channel->Attach(std::move(ours));
+        return *connected;
+    }
+    void Command(const std::string &cookie, const std::string &text)
+    {
+        host->Bus().Send("test", "FORLDER_REDIRECTION_CMD", cookie.c_str(), text.c_str());
+    }
+    // The status that the cookie's command got; for an empty cookie that of the agent's policy.
+    std::string StatusOf(const std::string &cookie)
+    {
+        std::unique_lock held(lock);
+        auto matches = [&](const auto &notice) { return notice.first == cookie; };
+        changed.wait(held, [&] { return std::any_of(notices.begin(), notices.end(), matches); });
+        return std::find_if(notices.begin(), notices.end(), matches)->second;
+    }
+    std::string Add(const std::filesystem::path &path, const std::string &name)
+    {
+        std::string cookie = "add" + std::to_string(++cookies);
+        Command(cookie, "ADD," + path.string() + "|" + name);
+        return StatusOf(cookie);
+    }
+
+    test::SettingsFixture settings;
+    std::filesystem::path folder;
+    std::unique_ptr<host::PluginHost> host;
+    host::ChannelOptions channelOptions;
+    std::unique_ptr<host::HostChannel> channel;
+    std::unique_ptr<Agent> connected;
+    bool newInstanceEachTime = true;
+
+private:
+    static bool OnNotice(void *context, const char *, const char *cookie, const char *text)
+    {
+        auto *self = static_cast<RealPlugin *>(context);
+        std::lock_guard held(self->lock);
+        self->notices.emplace_back(cookie ? cookie : "", text);
+        self->changed.notify_all();
+        return true;
+    }
+
+    std::mutex lock;
+    std::condition_variable changed;
+    std::vector<std::pair<std::string, std::string>> notices;
+    int cookies = 0;
+};
+
+constexpr RemoteShare::CreateCall kOpenToRead{FILE_READ_DATA, FILE_OPEN, FILE_NON_DIRECTORY_FILE};
+constexpr RemoteShare::CreateCall kCreateToWrite{FILE_READ_DATA | FILE_WRITE_DATA, FILE_CREATE,
+                                                 FILE_NON_DIRECTORY_FILE};
+
+agent::ByteSpan Bytes(const std::string &text)
+{
+    return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
+}
+
+std::string Text(const std::vector<uint8_t> &bytes)
+{
+    return {bytes.begin(), bytes.end()};
+}
+
+TEST_F(RealPlugin, AFolderAppearsServesFilesAndGoes)
+{
+    std::ofstream(folder / "letter.txt") << "dear reader";
+    Agent &agent = Connect();
+    EXPECT_EQ(StatusOf(""), "RDPDR_CAPABILITY_STATUS,ENABLED");
+    EXPECT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
+    auto share = agent.Share("docs");
+
+    auto opened = BlockingCall(*share, &RemoteShare::Create, kOpenToRead, u"\\letter.txt");
+    ASSERT_EQ(opened.status, STATUS_SUCCESS);
+    EXPECT_EQ(opened.information, FILE_OPENED);
+    EXPECT_EQ(Text(BlockingCall(*share, &RemoteShare::Read, opened.fileId, 5u, 100u).data), "reader");
+    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Close, opened.fileId).status, STATUS_SUCCESS);
+    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Read, opened.fileId, 0u, 1u).status, STATUS_INVALID_HANDLE);
+
+    auto created = BlockingCall(*share, &RemoteShare::Create, kCreateToWrite, u"\\answer.txt");
+    ASSERT_EQ(created.status, STATUS_SUCCESS);
+    EXPECT_EQ(created.information, FILE_CREATED);
+    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Write, created.fileId, 0u, Bytes("dear writer")).length,
+              11u);
+    EXPECT_EQ(std::filesystem::file_size(folder / "answer.txt"), 11u);
+
+    // No way out of the share.
+    for (const char16_t *path : {u"\\..\\HKEY_LOCAL_MACHINE.ini", u"\\.\\letter.txt", u"\\a\\..\\letter.txt"})
+        EXPECT_EQ(BlockingCall(*share, &RemoteShare::Create, kOpenToRead, path).status,
+                  STATUS_OBJECT_NAME_INVALID);
+
+    Command("r", "REMOVE," + folder.string() + "|docs");
+    agent.WaitUntilGone("docs");
+    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Write, created.fileId, 0u, Bytes("x")).status,
+              STATUS_DEVICE_REMOVED);
+}
+
+TEST_F(RealPlugin, AThousandWaitingNotificationsDelayNothing)
+{
+    std::ofstream(folder / "f") << "read me";
+    Agent &agent = Connect();
+    Add(folder, "docs");
+    auto share = agent.Share("docs");
+    constexpr RemoteShare::CreateCall kOpenFolder{FILE_LIST_DIRECTORY, FILE_OPEN, FILE_DIRECTORY_FILE};
+    std::vector<std::future<agent::OwnedResult>> watches;
+    std::vector<uint32_t> handles;
+    for (int i = 0; i < 1000; ++i) {
+        handles.push_back(BlockingCall(*share, &RemoteShare::Create, kOpenFolder, u"\\").fileId);
+        watches.push_back(StartCall(*share, &RemoteShare::NotifyChange, handles.back(),
+                                    FILE_NOTIFY_CHANGE_FILE_NAME, false));
+    }
+    auto opened = BlockingCall(*share, &RemoteShare::Create, kOpenToRead, u"\\f");
+    EXPECT_EQ(Text(BlockingCall(*share, &RemoteShare::Read, opened.fileId, 0u, 7u).data), "read me");
+    // Closing ends the wait, and both are answered.
+    for (size_t i = 0; i < watches.size(); ++i) {
+        EXPECT_EQ(BlockingCall(*share, &RemoteShare::Close, handles[i]).status, STATUS_SUCCESS);
+        NTSTATUS status = watches[i].get().status;
+        EXPECT_TRUE(status == STATUS_CANCELLED || status == STATUS_NOTIFY_CLEANUP) << std::hex << status;
+    }
+}
+
+TEST_F(RealPlugin, AReconnectServesTheSharesAgainWithoutANewHost)
+{
+    std::ofstream(folder / "f") << "still here";
+    for (bool fresh : {true, false}) {
+        newInstanceEachTime = fresh;
+        for (int round = 0; round < 3; ++round) {
+            Agent &agent = Connect();
+            StatusOf("");
+            if (!fresh &&
+                round > 0) // the instance kept its table: what is to be announced anew is taken out first
+                Command("r", "REMOVE," + folder.string() + "|docs");
+            ASSERT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
+            auto share = agent.Share("docs");
+            auto opened = BlockingCall(*share, &RemoteShare::Create, kOpenToRead, u"\\f");
+            EXPECT_EQ(Text(BlockingCall(*share, &RemoteShare::Read, opened.fileId, 0u, 20u).data),
+                      "still here");
+        }
+    }
+}
+
+TEST_F(RealPlugin, ThePolicyDecidesByVersionAndCapability)
+{
+    std::filesystem::create_directory(folder / "sub");
+    struct {
+        const char *what;
+        bool enabled;
+        std::string forced;
+        bool driveLetters;
+        uint16_t version;
+        const char *capability;
+        std::string added;
+    } cases[] = {
+        {"enabled", true, "", false, 6, "ENABLED", "SUCCEEDED"},
+        {"disabled", false, "", false, 6, "DISABLED", "Redirecting PATH is not allowed from Agent"},
+        {"forced, named", true, folder.string(), false, 6, "FORCED", "SUCCEEDED"},
+        {"forced, below", true, folder.parent_path().string(), false, 6, "FORCED", "SUCCEEDED"},
+        {"forced, other", true, "/nowhere", false, 6, "FORCED", "Redirecting PATH is not allowed from Agent"},
+        {"drive letters", true, "", true, 6, "ENABLED", "Redirecting PATH is not allowed from Agent"},
+        {"version 4", true, folder.string(), false, 4, "FORCED", "SUCCEEDED"},
+        {"version 1", true, "", false, 1, "ENABLED", "SUCCEEDED"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        agent::ClientOptions options;
+        options.policy.enabled = c.enabled;
+        if (!c.forced.empty())
+            options.policy.folders.push_back({0, c.forced});
+        options.driveLetterMapping = c.driveLetters;
+        options.version = c.version;
+        Connect(options);
+        EXPECT_EQ(StatusOf(""), std::string("RDPDR_CAPABILITY_STATUS,") + c.capability);
+        std::string wanted = c.added;
+        if (size_t at = wanted.find("PATH"); at != std::string::npos)
+            wanted.replace(at, 4, folder.string());
+        EXPECT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS," + wanted);
+    }
+}
+
+TEST_F(RealPlugin, FoldersOutsideTheAllowedOnesAreNotServedWhoeverAsks)
+{
+    std::filesystem::path other = std::filesystem::path(settings.Folder()) / "other";
+    std::filesystem::create_directory(other);
+    settings.SetList("AllowedFolders", {folder.string()});
+    agent::ClientOptions options;
+    options.policy.folders.push_back({0, other.string()});
+    options.policy.folders.push_back({0, "*all"});
+    Agent &agent = Connect(options);
+    EXPECT_EQ(StatusOf(""), "RDPDR_CAPABILITY_STATUS,FORCED");
+    EXPECT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
+    agent.Share("docs");
+    EXPECT_EQ(agent.ShareCount(), 1u);
+}
+
+TEST_F(RealPlugin, ASideChannelOverTcpCarriesTheData)
+{
+    std::ofstream(folder / "f") << std::string(1 << 20, 'x');
+    channelOptions.sideChannelHost = "127.0.0.1";
+    agent::ClientOptions options;
+    options.sideChannel = agent::SideChannel::Tcp;
+    options.sideChannelAddress = "127.0.0.1";
+    Agent &agent = Connect(options);
+    EXPECT_EQ(StatusOf(""), "RDPDR_CAPABILITY_STATUS,ENABLED");
+    Add(folder, "docs");
+    auto share = agent.Share("docs");
+    auto opened = BlockingCall(*share, &RemoteShare::Create, kOpenToRead, u"\\f");
+    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Read, opened.fileId, 0u, 1u << 20).data,
+              std::vector<uint8_t>(1 << 20, 'x'));
+}
+
+} // namespace
+} // namespace fodr
