@@ -5,7 +5,6 @@
 #include "fileservice/IPreReader.h"
 #include "fileservice/PacketText.h"
 #include "fileservice/RedirectedDevice.h"
-#include "lib/misc/Panic.h"
 #include "lib/unicode/CodeSet.h"
 #include "rdpdr/wire/CompletionBuilder.h"
 #include "runtime/LogCall.h"
@@ -25,11 +24,11 @@ bool RedirectedDevice::HandleCreate(const Request &request, RdpdrStream &packet)
         return false;
     if (create.PathLength == 0)
         absolutePath += u'\\';
-    if (widePath.empty() && !path.empty())
-        PanicNotImplemented("lib/public/codeset", 437);
+    // A share's root may come from the agent's policy and the rest comes from this packet. Neither may be
+    // able to end the process with a byte that isn't text.
+    bool rootIsText = !widePath.empty() || path.empty();
     std::string shownPath;
-    // An unpaired surrogate can come in a packet, and a packet must not be able to end the process.
-    if (!Utf16ToUtf8(absolutePath, shownPath))
+    if (!rootIsText || !Utf16ToUtf8(absolutePath, shownPath))
         return SendCompletion(request.CompletionId, STATUS_OBJECT_NAME_INVALID);
 
     bool accessAllowed = CheckCreateDriveAccess(shownPath);

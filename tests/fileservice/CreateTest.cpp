@@ -116,6 +116,12 @@ TEST(Create, TakesNoMoreOfAPathThanThePacketHolds)
     }
 }
 
+TEST(Create, RefusesARootThatIsNotText)
+{
+    Share share([](RedirectedDeviceSettings &settings) { settings.path += "/\xFF"; });
+    EXPECT_EQ(share.Create(u"\\").created.Status(), STATUS_OBJECT_NAME_INVALID);
+}
+
 // Refuses every device and counts how often it is asked.
 class RefusingFilter : public IDeviceFilter {
 public:
