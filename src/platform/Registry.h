@@ -72,7 +72,8 @@ uint32_t RegistryClose(RegistryKey key);
 using RegistryComplaintHandler = bool (*)(const char *text);
 void SetRegistryComplaintHandler(RegistryComplaintHandler handler);
 
-// Told once when the key changes, on a thread of the store's: it must not block nor call the store.
+// Called once when the key changes, on a thread of the store's. Must not block nor call the store; setting an
+// event is what it is for.
 using RegistryChangeHandler = void (*)(void *context);
 
 // Asks for one notification of the next change of the key: with kRegNotifyChangeName keys below it that come

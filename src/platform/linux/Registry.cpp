@@ -7,6 +7,7 @@
 #include "platform/DebugOutput.h"
 #include "platform/SystemError.h"
 #include "platform/linux/SettingsFile.h"
+#include "platform/linux/SettingsWatch.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -27,6 +28,7 @@ struct OpenKey {
     std::shared_ptr<SettingsFile> file;
     std::string path; // as given
     std::u16string foldedPath;
+    bool isWatched = false;
 };
 
 std::atomic<RegistryComplaintHandler> complaintHandler{nullptr};
@@ -96,7 +98,7 @@ uint32_t MakeKey(RegistryRoot root, const std::string &path, std::unique_ptr<Ope
     const std::optional<std::u16string> folded = FoldSettingsName(cleaned);
     if (!folded)
         return kErrorInvalidParameter;
-    key.reset(new OpenKey{FileOf(root), cleaned, *folded});
+    key.reset(new OpenKey{FileOf(root), cleaned, *folded, false});
     return kErrorSuccess;
 }
 
@@ -313,8 +315,25 @@ uint32_t RegistryClose(RegistryKey key)
 {
     if (!key)
         return kErrorInvalidHandle;
-    delete static_cast<OpenKey *>(key);
+    const std::unique_ptr<OpenKey> opened(static_cast<OpenKey *>(key));
+    if (opened->isWatched)
+        SettingsWatch::Get().Remove(key);
     return kErrorSuccess;
+}
+
+uint32_t RegistryNotify(RegistryKey key, bool watchSubtree, uint32_t filter, RegistryChangeHandler handler,
+                        void *context)
+{
+    auto *opened = static_cast<OpenKey *>(key);
+    if (!opened)
+        return kErrorInvalidHandle;
+    const bool names = (filter & kRegNotifyChangeName) != 0;
+    const bool values = (filter & kRegNotifyChangeLastSet) != 0;
+    if (!handler || (!names && !values))
+        return kErrorInvalidParameter;
+    opened->isWatched = true;
+    return SettingsWatch::Get().Arm(
+        key, {opened->file, {opened->foldedPath, watchSubtree, names, values}, handler, context});
 }
 
 } // namespace fodr::platform

@@ -85,21 +85,34 @@ SettingsFile::Stamp SettingsFile::TakeStamp() const
     return taken;
 }
 
+// Under `mutex`.
+void SettingsFile::Refresh()
+{
+    const Stamp now = TakeStamp();
+    if (model && stamp.IsStillThatOf(now))
+        return;
+    std::lock_guard<std::mutex> parsing(KeyFileLock());
+    Glib::KeyFile file;
+    const Glib::KeyFile empty;
+    std::string found;
+    const bool loaded = LoadKeyFile(path, file, found);
+    model = std::make_shared<SettingsModel>(SettingsModel::FromFile(loaded ? file : empty, found));
+    stamp = now;
+    isComplaintPending = !found.empty() && (isComplaintPending || found != complaint);
+    complaint = found;
+}
+
+std::shared_ptr<const SettingsModel> SettingsFile::ReadQuietly()
+{
+    std::lock_guard<std::mutex> guard(mutex);
+    Refresh();
+    return model;
+}
+
 std::shared_ptr<const SettingsModel> SettingsFile::Read()
 {
     std::unique_lock<std::mutex> guard(mutex);
-    const Stamp now = TakeStamp();
-    if (!model || !stamp.IsStillThatOf(now)) {
-        std::lock_guard<std::mutex> parsing(KeyFileLock());
-        Glib::KeyFile file;
-        const Glib::KeyFile empty;
-        std::string found;
-        const bool loaded = LoadKeyFile(path, file, found);
-        model = std::make_shared<SettingsModel>(SettingsModel::FromFile(loaded ? file : empty, found));
-        stamp = now;
-        isComplaintPending = !found.empty() && (isComplaintPending || found != complaint);
-        complaint = found;
-    }
+    Refresh();
     const std::shared_ptr<const SettingsModel> current = model;
     if (!isComplaintPending)
         return current;

@@ -18,6 +18,8 @@ public:
 
     // What the file says now. A file that can't be read or parsed counts as empty.
     std::shared_ptr<const SettingsModel> Read();
+    // The same; what is wrong with the file is said at the next Read.
+    std::shared_ptr<const SettingsModel> ReadQuietly();
 
     // Changes the file under its lock and replaces it by rename. `change` edits and says what came of it; the
     // file is written on success only. A file that can't be parsed is not touched: kErrorInvalidData.
@@ -36,6 +38,7 @@ private:
         bool IsStillThatOf(const Stamp &now) const;
     };
     Stamp TakeStamp() const;
+    void Refresh();
     uint32_t ChangeText(const Change &change, std::string &text) const;
     uint32_t Replace(const std::string &text);
 

@@ -99,4 +99,27 @@ bool SettingsModel::HasKeysBelow(const std::u16string &path) const
     return next != keys.end() && next->first.starts_with(prefix);
 }
 
+// The keys of interest, with their values as far as those are.
+std::map<std::u16string, SettingsModel::Values> SettingsModel::Part(const Interest &interest) const
+{
+    std::map<std::u16string, Values> part;
+    const Values *own = FindKey(interest.path);
+    if (own)
+        part[interest.path] = interest.values ? *own : Values();
+    const std::u16string prefix = interest.path.empty() ? interest.path : interest.path + u'\\';
+    for (auto next = keys.upper_bound(prefix); next != keys.end() && next->first.starts_with(prefix);
+         ++next) {
+        if (interest.subtree)
+            part[next->first] = interest.values ? next->second : Values();
+        else if (interest.names && next->first.find(u'\\', prefix.size()) == std::u16string::npos)
+            part[next->first];
+    }
+    return part;
+}
+
+bool SettingsModel::Differ(const SettingsModel &before, const SettingsModel &after, const Interest &interest)
+{
+    return &before != &after && before.Part(interest) != after.Part(interest);
+}
+
 } // namespace fodr::platform

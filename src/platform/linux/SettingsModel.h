@@ -36,9 +36,19 @@ public:
     const Values *FindKey(const std::u16string &path) const;
     bool HasKeysBelow(const std::u16string &path) const;
 
-    const std::map<std::u16string, Values> &Keys() const { return keys; }
+    // What a watcher of a key wants to hear of.
+    struct Interest {
+        std::u16string path; // folded
+        bool subtree;
+        bool names; // keys below it that come or go, and itself
+        bool values;
+    };
+    // Whether the two differ in that.
+    static bool Differ(const SettingsModel &before, const SettingsModel &after, const Interest &interest);
 
 private:
+    std::map<std::u16string, Values> Part(const Interest &interest) const;
+
     std::map<std::u16string, Values> keys;
 };
 

@@ -22,6 +22,7 @@ struct SettingsValue {
     // Texts as UTF-8 with their terminators, numbers little-endian.
     std::string bytes;
 
+    bool operator==(const SettingsValue &other) const = default;
     bool IsText() const;
     // With texts as UTF-16LE. False when a text isn't valid.
     bool WideBytes(std::string &wide) const;

@@ -1,0 +1,58 @@
+// Tells who asked when settings files change: one thread on inotify, there while somebody asks.
+#pragma once
+
+#include "platform/Registry.h"
+#include "platform/linux/SettingsFile.h"
+
+#include <pthread.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace fodr::platform {
+
+// Any thread. Nothing here calls anybody with a lock held but the handlers, which must not block.
+class SettingsWatch {
+public:
+    struct Request {
+        std::shared_ptr<SettingsFile> file;
+        SettingsModel::Interest interest;
+        RegistryChangeHandler handler;
+        void *context;
+    };
+
+    static SettingsWatch &Get();
+
+    // One call of the handler at the next change, or at once if there was one since the owner's last call.
+    uint32_t Arm(const void *owner, const Request &request);
+    // No call after this.
+    void Remove(const void *owner);
+
+private:
+    struct Entry {
+        Request request;
+        std::shared_ptr<const SettingsModel> known; // what the owner has been told of
+        bool isArmed;
+    };
+
+    static void *ThreadEntry(void *argument);
+    uint32_t Start();
+    void Run();
+    uint32_t WatchFolders();
+    bool TakeEvents();
+    void Compare();
+
+    std::mutex startMutex; // starts and stops of the thread; before `mutex`
+    pthread_t thread{};
+    bool hasThread = false;
+    int notifier = -1; // inotify
+    int waker = -1;    // eventfd
+
+    std::mutex mutex; // guards the rest
+    std::map<const void *, Entry> entries;
+    bool isEnding = false;
+};
+
+} // namespace fodr::platform
