@@ -158,6 +158,7 @@ NTSTATUS FileCreator::OpenDescriptor()
 {
     opened->kind = place->facts.kind;
     opened->path = place->path;
+    opened->dotName = HiddenByName(LeafOf(place->path)) != 0;
     if (place->descriptor) {
         opened->fd = std::move(place->descriptor);
         return STATUS_SUCCESS;
@@ -239,6 +240,7 @@ NTSTATUS FileCreator::CreateMissing()
     if (request.access & MAXIMUM_ALLOWED)
         opened->access |= kAttributeRights | kReadRights | kWriteRights;
     opened->path = place->path;
+    opened->dotName = HiddenByName(LeafOf(place->path)) != 0;
     NTSTATUS status = directory ? CreateDirectory() : CreateFile();
     if (status != STATUS_SUCCESS)
         return status;
@@ -307,7 +309,6 @@ NTSTATUS FileCreator::Admit(uint32_t extraAccess)
 // The last step, when nothing but the deletability can fail any more.
 NTSTATUS FileCreator::Finish()
 {
-    opened->dotName = HiddenByName(LeafOf(opened->path)) != 0;
     if ((request.options & FILE_DELETE_ON_CLOSE) == 0)
         return STATUS_SUCCESS;
     const NTSTATUS status = CheckDeletable(*opened);
