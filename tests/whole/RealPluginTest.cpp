@@ -120,6 +120,7 @@ protected:
         auto [ours, theirs] = platform::MakeStreamPair();
         connected = std::make_unique<Agent>(std::move(theirs), options);
         channel->Attach(std::move(ours));
+        StatusOf(""); // from here on folders may be added
         return *connected;
     }
     void Command(const std::string &cookie, const std::string &text)
@@ -243,7 +244,6 @@ TEST_F(RealPlugin, AReconnectServesTheSharesAgainWithoutANewHost)
         newInstanceEachTime = fresh;
         for (int round = 0; round < 3; ++round) {
             Agent &agent = Connect();
-            StatusOf("");
             if (!fresh &&
                 round > 0) // the instance kept its table: what is to be announced anew is taken out first
                 Command("r", "REMOVE," + folder.string() + "|docs");
