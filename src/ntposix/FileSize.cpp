@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 namespace fodr::ntposix {
 
@@ -17,8 +18,18 @@ int SetEndOfFile(int fd, int64_t size)
     return result == 0 ? 0 : errno;
 }
 
+// A file system takes what it has before it finds that it has too little, and would keep it: the disk would
+// be full for everybody. So the free space is looked at first, where it is known.
 int AllocateSpace(int fd, int64_t size)
 {
+    struct stat stat;
+    struct statvfs volume;
+    if (fstat(fd, &stat) != 0 || fstatvfs(fd, &volume) != 0)
+        return errno;
+    const int64_t held = static_cast<int64_t>(stat.st_blocks) * 512;
+    const uint64_t wanted = size > held ? static_cast<uint64_t>(size - held) : 0;
+    if (volume.f_blocks != 0 && wanted / volume.f_frsize >= volume.f_bavail)
+        return ENOSPC;
     int result;
     do {
         result = fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, size);

@@ -125,6 +125,11 @@ TEST_F(Transfer, AFullDiskIsTold)
                 .status,
             STATUS_DISK_FULL);
         EXPECT_FALSE(std::filesystem::exists(root / "small" / "big"));
+        // What can't be had isn't taken in part either.
+        EXPECT_EQ(Set(file, FileEndOfFileInformation, FILE_END_OF_FILE_INFORMATION{0}), STATUS_SUCCESS);
+        EXPECT_EQ(Set(file, FileAllocationInformation, FILE_ALLOCATION_INFORMATION{INT64_MAX}),
+                  STATUS_DISK_FULL);
+        EXPECT_EQ(StandardOf(file).AllocationSize, 0);
         EXPECT_EQ(Rename(Open("small\\file", {.access = DELETE_ACCESS | SYNCHRONIZE}), NtPath("moved")),
                   STATUS_NOT_SAME_DEVICE);
     }
