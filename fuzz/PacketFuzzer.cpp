@@ -2,7 +2,8 @@
 //
 // Input: one byte of options (bit 0: begin with a handshake and two shares), then packets, each after its
 // length in 2 bytes. Packets are handled one after the other on this thread, except for those that may wait
-// for something: they go to the pool.
+// for something: they go to the pool. A request's device and file, unless their top bit is set, count the
+// shares and the open files, so that the fuzzer needn't guess numbers.
 //
 // What is offered is a folder of the fuzzer's own: "AllowedFolders" keeps everything else out of reach, and
 // the size of a file is limited. A path that isn't valid text ends the process by design; here it ends the
@@ -66,13 +67,21 @@ public:
     {
         if (packet->Size() < 8)
             std::abort();
+        auto header = LoadRecord<RDPDR_HEADER>(packet->Base());
+        if (header.PacketId == PAKID_CORE_DEVICE_IOCOMPLETION && creating)
+            files.push_back(LoadLittle<uint32_t>(packet->Base() + kCompletionBody));
         // Reads every byte that would be sent.
         static volatile uint8_t sum;
         for (int32_t i = 0; i < packet->Size(); ++i)
             sum = static_cast<uint8_t>(sum + packet->Base()[i]);
         return true;
     }
+
+    static thread_local bool creating; // the packet in hand opens a file: on the fuzzer's own thread
+    std::vector<uint32_t> files;       // used by that thread alone
 };
+
+thread_local bool CheckingChannel::creating = false;
 
 void FormatLogLine(const char *, int32_t, const char *format, va_list arguments)
 {
@@ -90,44 +99,48 @@ void ResetFolder()
     std::ofstream(folder + "/a/file") << "some text";
 }
 
-bool MayWait(const std::vector<uint8_t> &packet)
+bool MayWait(const DR_DEVICE_IOREQUEST &request)
 {
-    std::vector<uint8_t> head = packet;
-    head.resize(std::max(head.size(), kMinRequestSize));
-    auto request = LoadRecord<DR_DEVICE_IOREQUEST>(head.data() + kHeaderEnd);
     return request.MajorFunction == IRP_MJ_LOCK_CONTROL ||
            (request.MajorFunction == IRP_MJ_DIRECTORY_CONTROL &&
             request.MinorFunction == IRP_MN_NOTIFY_CHANGE_DIRECTORY);
 }
 
-void Handle(RdpdrChannelManager &manager, const std::vector<uint8_t> &packet)
+void Handle(RdpdrChannelManager &manager, CheckingChannel &channel, std::vector<uint8_t> packet)
 {
+    bool waits = false;
+    if (packet.size() >= kMinRequestSize && LoadLittle<uint16_t>(&packet[2]) == PAKID_CORE_DEVICE_IOREQUEST) {
+        constexpr uint32_t kTopBit = 0x80000000;
+        auto request = LoadRecord<DR_DEVICE_IOREQUEST>(&packet[kHeaderEnd]);
+        if ((request.DeviceId & kTopBit) == 0)
+            request.DeviceId = 0xFFFF + request.DeviceId % 4;
+        if ((request.FileId & kTopBit) == 0 && !channel.files.empty())
+            request.FileId = channel.files[request.FileId % channel.files.size()];
+        StoreRecord(request, &packet[kHeaderEnd]);
+        waits = MayWait(request);
+        channel.creating = request.MajorFunction == IRP_MJ_CREATE;
+    }
     RdpdrStream *stream = RdpdrStream::Create(packet.size());
     if (!stream)
         return;
     stream->Write(packet.data(), packet.size());
     stream->SetPosition(0);
-    if (MayWait(packet) && manager.OnDataReceived(stream))
+    if (waits && manager.OnDataReceived(stream))
         return;
     try {
         manager.ProcessData(stream);
     } catch (const Panicked &) { // NOLINT(bugprone-empty-catch): see above
     }
+    channel.creating = false;
     RdpdrStream::Free(&stream);
 }
 
-template <wire::Record Packet> void Handle(RdpdrChannelManager &manager, const Packet &packet)
+void BeginWithShares(RdpdrChannelManager &manager, CheckingChannel &channel)
 {
-    std::vector<uint8_t> bytes(kWireEnd<Packet>);
-    StorePacket(packet, bytes.data());
-    Handle(manager, bytes);
-}
-
-void BeginWithShares(RdpdrChannelManager &manager)
-{
-    Handle(manager, FODR_VERSION_EXCHANGE{6, 3});
-    Handle(manager, {0xFE, 0xFF, 2, 0, 16, 0, 0, 0, 1, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
-    Handle(manager, {0x72, 0x44, 0x4C, 0x55});
+    Handle(manager, channel, {0xFE, 0xFF, 1, 0, 6, 0, 3, 0}); // version and capabilities
+    Handle(manager, channel,                                  // an empty policy
+           {0xFE, 0xFF, 2, 0, 16, 0, 0, 0, 1, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+    Handle(manager, channel, {0x72, 0x44, 0x4C, 0x55}); // logged on
     manager.AddSharedFolder(folder + "/a", "1", false, 0, "");
     manager.AddSharedFolder(folder + "/b", "2", false, 0, "(OVFR)b");
 }
@@ -166,10 +179,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     RdpdrChannelManager manager;
     manager.Initialize(&channel, nullptr);
     if (data[0] & 1)
-        BeginWithShares(manager);
+        BeginWithShares(manager, channel);
     for (size_t at = 1; size - at >= 2;) {
         size_t length = std::min<size_t>(LoadLittle<uint16_t>(data + at), size - at - 2);
-        Handle(manager, std::vector<uint8_t>(data + at + 2, data + at + 2 + length));
+        Handle(manager, channel, std::vector<uint8_t>(data + at + 2, data + at + 2 + length));
         at += 2 + length;
     }
     manager.Shutdown();
