@@ -101,8 +101,10 @@ NTSTATUS FileCreator::RunOnce()
 NTSTATUS FileCreator::OpenExisting()
 {
     if (request.disposition == FILE_CREATE) {
+        const FileObjectRef object(FileObjectTable::Instance().Find(place->facts.key));
         information = FILE_EXISTS;
-        return STATUS_OBJECT_NAME_COLLISION;
+        return object && object->IsNamePending(place->path) ? STATUS_DELETE_PENDING
+                                                            : STATUS_OBJECT_NAME_COLLISION;
     }
     NTSTATUS status = CheckKind();
     if (status == STATUS_SUCCESS)

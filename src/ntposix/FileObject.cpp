@@ -20,7 +20,7 @@ NTSTATUS FileObject::Admit(OpenFile &open, uint32_t extraAccess, uint32_t linkCo
 {
     const MutexLock guard(lock);
     manyLinks |= linkCount > 1;
-    if (anyPending && IsNamePending(open))
+    if (FindPending(open.path))
         return STATUS_DELETE_PENDING;
     if (!MayShare(open.access | extraAccess, open.share))
         return STATUS_SHARING_VIOLATION;
@@ -37,7 +37,7 @@ bool FileObject::Close(OpenFile &open)
         MarkName(open, true);
     bool others = false;
     for (const OpenFile *other : opens)
-        others |= other != &open && SharesName(*other, open);
+        others |= other != &open && IsNameOf(*other, open.path);
     if (open.deletePending && !others)
         return true;
     std::erase(opens, &open);
@@ -61,6 +61,12 @@ bool FileObject::IsDeletePending(const OpenFile &open)
 {
     const MutexLock guard(lock);
     return open.deletePending;
+}
+
+bool FileObject::IsNamePending(const std::string &path)
+{
+    const MutexLock guard(lock);
+    return FindPending(path);
 }
 
 bool FileObject::MayBeReplaced()
@@ -88,20 +94,22 @@ void FileObject::Renamed(const OpenFile &renamed, const std::string &newPath)
     }
 }
 
-bool FileObject::IsNamePending(const OpenFile &open)
+bool FileObject::FindPending(const std::string &path)
 {
+    if (!anyPending)
+        return false;
     anyPending = false;
-    for (const OpenFile *other : opens) {
-        anyPending |= other->deletePending;
-        if (other->deletePending && SharesName(*other, open))
+    for (const OpenFile *open : opens) {
+        anyPending |= open->deletePending;
+        if (open->deletePending && IsNameOf(*open, path))
             return true;
     }
     return false;
 }
 
-bool FileObject::SharesName(const OpenFile &a, const OpenFile &b) const
+bool FileObject::IsNameOf(const OpenFile &open, const std::string &path) const
 {
-    return !manyLinks || a.path == b.path;
+    return !manyLinks || open.path == path;
 }
 
 // Every right that is asked for must be shared by all that are open, and every right that is in use must be
@@ -140,7 +148,7 @@ void FileObject::MarkName(const OpenFile &open, bool pending)
 {
     anyPending |= pending;
     for (OpenFile *other : opens) {
-        if (SharesName(*other, open))
+        if (IsNameOf(*other, open.path))
             other->deletePending = pending;
     }
 }

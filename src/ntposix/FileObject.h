@@ -48,6 +48,9 @@ public:
     void SetDeletePending(const OpenFile &open, bool pending, uint32_t linkCount) EXCLUDES(lock);
     [[nodiscard]] bool IsDeletePending(const OpenFile &open) EXCLUDES(lock);
 
+    // Whether the file is to be deleted under that name.
+    [[nodiscard]] bool IsNamePending(const std::string &path) EXCLUDES(lock);
+
     // Whether a rename may put another file in this one's place: every open shares deletion and none is
     // pending.
     [[nodiscard]] bool MayBeReplaced() EXCLUDES(lock);
@@ -69,8 +72,8 @@ private:
         uint32_t sharedDelete = 0;
     };
 
-    bool IsNamePending(const OpenFile &open) REQUIRES(lock);
-    bool SharesName(const OpenFile &a, const OpenFile &b) const REQUIRES(lock);
+    bool FindPending(const std::string &path) REQUIRES(lock);
+    bool IsNameOf(const OpenFile &open, const std::string &path) const REQUIRES(lock);
     bool MayShare(uint32_t access, uint32_t share) const REQUIRES(lock);
     void Count(const OpenFile &open, uint32_t step) REQUIRES(lock);
     void MarkName(const OpenFile &open, bool pending) REQUIRES(lock);

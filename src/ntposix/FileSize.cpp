@@ -28,7 +28,7 @@ int AllocateSpace(int fd, int64_t size)
         return errno;
     const int64_t held = static_cast<int64_t>(stat.st_blocks) * 512;
     const uint64_t wanted = size > held ? static_cast<uint64_t>(size - held) : 0;
-    if (volume.f_blocks != 0 && wanted / volume.f_frsize >= volume.f_bavail)
+    if (wanted != 0 && volume.f_blocks != 0 && wanted / volume.f_frsize >= volume.f_bavail)
         return ENOSPC;
     int result;
     do {

@@ -67,10 +67,14 @@ int SetReadOnly(const OpenFile &open, bool readOnly)
     return result == 0 ? 0 : errno;
 }
 
-// Creation and change time belong to the file system, which doesn't let them be set.
+// Creation and change time belong to the file system, which doesn't let them be set. The padding at the end
+// of the record isn't touched: who has it from a wire has it without.
 NTSTATUS SetBasic(const FileChange &change)
 {
-    const auto basic = LoadRecord<FILE_BASIC_INFORMATION>(change.data);
+    FILE_BASIC_INFORMATION basic;
+    constexpr size_t kDefined =
+        offsetof(FILE_BASIC_INFORMATION, FileAttributes) + sizeof(basic.FileAttributes);
+    memcpy(&basic, change.data, kDefined);
     const uint32_t attributes = basic.FileAttributes;
     const bool improper = change.open.IsDirectory() ? (attributes & FILE_ATTRIBUTE_TEMPORARY) != 0
                                                     : (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;

@@ -159,6 +159,12 @@ TEST_F(Information, TimesAndReadOnlyAreSet)
             STATUS_INVALID_PARAMETER);
     }
     EXPECT_EQ(Set(Open("file"), FileBasicInformation, FILE_BASIC_INFORMATION{}), STATUS_ACCESS_DENIED);
+
+    // A record from the wire has no padding, whatever length is told.
+    const std::vector<uint8_t> unpadded(36);
+    IO_STATUS_BLOCK io{};
+    NtFile file = Open("file", {.access = GENERIC_ALL});
+    EXPECT_EQ(NtSetInformationFile(file, &io, unpadded.data(), 40, FileBasicInformation), STATUS_SUCCESS);
 }
 
 TEST_F(Information, SizesAreSet)

@@ -83,7 +83,7 @@ TEST_F(Sharing, ADeletionWaitsForTheLastHandle)
     EXPECT_EQ(StandardOf(reader).DeletePending, 1);
     EXPECT_EQ(StandardOf(reader).NumberOfLinks, 0u);
     EXPECT_EQ(Open("file", {.access = FILE_READ_ATTRIBUTES | SYNCHRONIZE}).status, STATUS_DELETE_PENDING);
-    EXPECT_EQ(Open("file", {.disposition = FILE_CREATE}).status, STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(Open("file", {.disposition = FILE_CREATE}).status, STATUS_DELETE_PENDING);
     deleter.Close();
     EXPECT_TRUE(Exists("file"));
     EXPECT_EQ(ReadAt(reader, 0, 9).text, "content");
