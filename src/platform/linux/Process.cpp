@@ -61,7 +61,7 @@ bool ThreadSessionId(uint32_t &sessionId)
 std::string ModulePath(const void *address)
 {
     std::error_code error;
-    const std::string program = std::filesystem::read_symlink("/proc/self/exe", error).string();
+    std::string program = std::filesystem::read_symlink("/proc/self/exe", error).string();
     if (!address)
         return program;
     Dl_info info{};

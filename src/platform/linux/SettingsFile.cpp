@@ -113,7 +113,7 @@ std::shared_ptr<const SettingsModel> SettingsFile::Read()
 {
     std::unique_lock<std::mutex> guard(mutex);
     Refresh();
-    const std::shared_ptr<const SettingsModel> current = model;
+    std::shared_ptr<const SettingsModel> current = model;
     if (!isComplaintPending)
         return current;
     isComplaintPending = false;

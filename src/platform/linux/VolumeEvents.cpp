@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <libmount/libmount.h>
@@ -38,7 +39,7 @@ struct Drive {
 };
 
 struct Drives {
-    Drive letters[DriveLetters::kCount];
+    std::array<Drive, DriveLetters::kCount> letters;
     std::set<MountKey> mounts; // all
 };
 
@@ -61,7 +62,7 @@ Drives LookAtDrives(const Drives *before)
     const std::shared_ptr<const MountTable> mounts = MountTable::Current();
     for (const Mount &mount : mounts->Mounts())
         now.mounts.insert(KeyOf(mount));
-    for (int n = 0; n < DriveLetters::kCount; ++n) {
+    for (size_t n = 0; n < DriveLetters::kCount; ++n) {
         const Mount *holder = HolderOf(*mounts, paths[n]);
         if (!holder)
             continue;
@@ -156,7 +157,7 @@ void VolumeEvents::TellChanges(IVolumeEventSink &sink)
     const Drives now = LookAtDrives(&state->drives);
     uint32_t removed = 0;
     uint32_t arrived = 0;
-    for (int n = 0; n < DriveLetters::kCount; ++n) {
+    for (size_t n = 0; n < DriveLetters::kCount; ++n) {
         const Drive &before = state->drives.letters[n];
         const Drive &after = now.letters[n];
         const bool isOther = before.holder != after.holder;
