@@ -35,6 +35,7 @@ void ChannelLink::OnHello(const transport::Hello &frame)
         return;
     }
     greeted = true;
+    connection.SetKeepAlive(keepAlive);
     owner->OnLinkHello(id);
 }
 

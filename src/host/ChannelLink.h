@@ -34,10 +34,14 @@ public:
 
     // `told` outlives the link. A main link takes nothing before a Hello that shows `wantedToken`.
     ChannelLink(Kind linkKind, uint64_t linkId, ILinkOwner *told,
-                std::unique_ptr<platform::ByteStream> stream, const std::string &wantedToken)
-        : kind(linkKind), id(linkId), owner(told), expectedToken(wantedToken),
+                std::unique_ptr<platform::ByteStream> stream, const std::string &wantedToken,
+                const transport::KeepAlive &times)
+        : kind(linkKind), id(linkId), owner(told), expectedToken(wantedToken), keepAlive(times),
           greeted(linkKind == Kind::Side), connection(std::move(stream), this)
-    {}
+    {
+        if (greeted)
+            connection.SetKeepAlive(keepAlive);
+    }
 
     uint64_t Id() const { return id; }
     transport::FrameConnection &Connection() { return connection; }
@@ -60,7 +64,9 @@ private:
     const uint64_t id;
     ILinkOwner *const owner;
     const std::string expectedToken;
-    bool greeted; // the reader thread's
+    const transport::KeepAlive
+        keepAlive; // from the greeting on: before it, somebody may be typing a password
+    bool greeted;  // the reader thread's
     transport::FrameConnection connection;
 };
 

@@ -78,11 +78,10 @@ void HostChannel::Attach(std::unique_ptr<platform::ByteStream> stream)
         const MutexLock held(lock);
         link = std::make_shared<ChannelLink>(ChannelLink::Kind::Main, ++lastLink,
                                              static_cast<ILinkOwner *>(this), std::move(stream),
-                                             options.expectedToken);
+                                             options.expectedToken, options.keepAlive);
         mainLink = link;
     }
     connectionState = CONNECTION_PENDING;
-    link->Connection().SetKeepAlive(options.keepAlive);
     link->Connection().Start();
     transport::Hello hello;
     hello.keepAlive = options.keepAlive;

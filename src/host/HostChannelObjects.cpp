@@ -265,10 +265,10 @@ void HostChannel::HandleSideStream(uint32_t number, std::unique_ptr<platform::By
     {
         const MutexLock held(lock);
         link = std::make_shared<ChannelLink>(ChannelLink::Kind::Side, ++lastLink,
-                                             static_cast<ILinkOwner *>(this), std::move(stream), "");
+                                             static_cast<ILinkOwner *>(this), std::move(stream), "",
+                                             options.keepAlive);
         sideLink = link;
     }
-    link->Connection().SetKeepAlive(options.keepAlive);
     object->MoveTo(link);
     link->Connection().Start();
     object->sideRequested = false;

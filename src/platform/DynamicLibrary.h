@@ -6,6 +6,9 @@
 
 namespace fodr::platform {
 
+// The file name that a library of this plain name has here.
+std::string LibraryFileName(const std::string &plainName);
+
 class DynamicLibrary {
 public:
     // Null when it can't be loaded, with the system's reason in `*error`.

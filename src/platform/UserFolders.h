@@ -2,6 +2,7 @@
 // but SetEnvironment, which is for the time before other threads are started.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace fodr::platform {
@@ -21,5 +22,8 @@ void SetEnvironment(const char *name, const std::string &value);
 std::string SettingsFolder();
 
 bool ErrorOutputIsTerminal();
+
+// Whether a process of this id runs, whoever it belongs to.
+bool ProcessExists(uint32_t id);
 
 } // namespace fodr::platform

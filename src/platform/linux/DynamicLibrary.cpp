@@ -8,6 +8,11 @@
 
 namespace fodr::platform {
 
+std::string LibraryFileName(const std::string &plainName)
+{
+    return "lib" + plainName + ".so";
+}
+
 std::unique_ptr<DynamicLibrary> DynamicLibrary::Load(const std::string &path, std::string *error)
 {
     // It stays mapped to the end: a library may have started threads that only the end of the process ends.

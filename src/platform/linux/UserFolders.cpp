@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <sys/stat.h>
@@ -70,6 +71,11 @@ std::string SettingsFolder()
 bool ErrorOutputIsTerminal()
 {
     return isatty(STDERR_FILENO) == 1;
+}
+
+bool ProcessExists(uint32_t id)
+{
+    return kill(static_cast<pid_t>(id), 0) == 0 || errno == EPERM;
 }
 
 } // namespace fodr::platform

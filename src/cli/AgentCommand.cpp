@@ -1,0 +1,115 @@
+// `fodr agent`: gets a stream and a mount point, and runs the agent on them.
+#include "agent/Agent.h"
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/ExitCode.h"
+#include "cli/MountPoint.h"
+#include "cli/Words.h"
+#include "platform/Mounts.h"
+
+namespace fodr::cli {
+namespace {
+
+constexpr int kConnectTimeoutMS = 10000;
+
+bool IsLoopback(const std::string &host)
+{
+    return host.empty() || host == "localhost" || host == "::1" || host.starts_with("127.");
+}
+
+bool ChooseSideChannel(const std::string &word, agent::SideChannel *side)
+{
+    if (word == "none")
+        *side = agent::SideChannel::None;
+    else if (word == "tcp")
+        *side = agent::SideChannel::Tcp;
+    else
+        *side = agent::SideChannel::LeftToThePlugin;
+    return word == "none" || word == "tcp" || word == "plugin";
+}
+
+agent::AgentOptions OptionsFrom(const AgentCommandWords &words)
+{
+    agent::AgentOptions options;
+    options.layout = words.layout == "folders" ? agent::MountLayout::Folders : agent::MountLayout::Single;
+    options.readOnly = words.readOnly;
+    options.allowOther = words.allowOther;
+    options.cacheMS = words.cacheMS.value_or(options.cacheMS);
+    options.shareWaitMS = words.shareWaitMS.value_or(options.shareWaitMS);
+    agent::ClientOptions &client = options.client;
+    client.preRead = words.preRead;
+    client.driveLetterMapping = words.driveLetters;
+    client.sideChannelAddress = words.sideAddress;
+    client.ioTimeoutSeconds = words.ioTimeoutSeconds.value_or(client.ioTimeoutSeconds);
+    ChooseSideChannel(words.sideChannel, &client.sideChannel);
+    agent::PolicyOptions &policy = client.policy;
+    policy.enabled = !words.disabled;
+    policy.sharedByAgent = words.onlyForced;
+    if (words.readOnly)
+        policy.defaultPermission = 1;
+    for (const std::string &folder : words.forced)
+        policy.folders.push_back({0, folder});
+    policy.excludeRule = words.excludeRule;
+    policy.includeRule = words.includeRule;
+    return options;
+}
+
+// Null after a complaint.
+std::unique_ptr<platform::ByteStream> OpenStream(const AgentCommandWords &words, const std::string &token)
+{
+    std::string error;
+    std::unique_ptr<platform::ByteStream> stream;
+    if (words.stdio) {
+        stream = platform::OpenStandardStream(&error);
+    } else {
+        const std::string &text = words.listen ? *words.listen : *words.connect;
+        const auto place = ParseHostAndPort(text, words.listen.has_value());
+        if (!place) {
+            Complain("\"" + text + "\" is not " + (words.listen ? "[ADDRESS:]PORT" : "HOST:PORT"));
+            return nullptr;
+        }
+        if (words.connect) {
+            stream = platform::ConnectTcp(place->host, place->port, kConnectTimeoutMS, &error);
+        } else if (!IsLoopback(place->host) && token.empty()) {
+            error = "anybody could serve the mount: agree on a token with --token-file or FODR_TOKEN";
+        } else if (const auto listener = platform::ListenTcp(place->host.empty() ? "localhost" : place->host,
+                                                             place->port, &error)) {
+            stream = listener->Accept();
+        }
+    }
+    if (!stream)
+        Complain("no connection to a host: " + error);
+    return stream;
+}
+
+} // namespace
+
+int RunAgentCommand(const AgentCommandWords &words)
+{
+    agent::AgentOptions options = OptionsFrom(words);
+    std::string problem;
+    if (words.stdio + words.listen.has_value() + words.connect.has_value() != 1) {
+        Complain("the agent wants one of --stdio, --listen and --connect");
+        return EXIT_USAGE;
+    }
+    if (!ReadToken(words.tokenFile, &options.client.expectedToken))
+        return EXIT_USAGE;
+    const std::string noFuse = platform::MountProblem();
+    if (!noFuse.empty()) {
+        Complain(noFuse);
+        return EXIT_NO_FUSE;
+    }
+    // With a share on this machine the host has looked at the mount point, and may have made it, already.
+    const auto mountPoint = MountPoint::Prepare(words.mount, &problem);
+    if (!mountPoint) {
+        Complain(problem);
+        return EXIT_MOUNT_POINT;
+    }
+    options.mountPoint = mountPoint->Path();
+    auto stream = OpenStream(words, options.client.expectedToken);
+    if (!stream)
+        return EXIT_LOST;
+    return agent::RunAgent(std::move(stream), options);
+}
+
+} // namespace fodr::cli

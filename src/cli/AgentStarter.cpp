@@ -1,0 +1,88 @@
+#include "cli/AgentStarter.h"
+
+#include "cli/Words.h"
+
+namespace fodr::cli {
+namespace {
+
+constexpr int kConnectTimeoutMS = 10000;
+constexpr char kTokenVariable[] = "FODR_TOKEN";
+
+} // namespace
+
+bool AgentStarter::Prepare(std::string *error)
+{
+    if (options->target.kind != AgentTarget::Kind::Listen)
+        return true;
+    const std::string address = options->target.host.empty() ? "localhost" : options->target.host;
+    listener = platform::ListenTcp(address, options->target.port, error);
+    return listener != nullptr;
+}
+
+void AgentStarter::Cancel()
+{
+    if (listener)
+        listener->Shutdown();
+}
+
+std::vector<std::string> AgentStarter::AgentWords(const std::string &program,
+                                                  const std::string &mountPoint) const
+{
+    std::vector<std::string> words = {program, "agent", "--stdio", "--layout",
+                                      options->folderLayout ? "folders" : "single"};
+    if (options->readOnly)
+        words.push_back("--read-only");
+    if (!options->sideChannel.empty())
+        words.insert(words.end(), {"--side-channel", options->sideChannel});
+    words.insert(words.end(), options->agentWords.begin(), options->agentWords.end());
+    words.insert(words.end(), {"--", mountPoint});
+    return words;
+}
+
+AgentConnection AgentStarter::Connect(const std::string &mountPoint)
+{
+    AgentConnection connection;
+    switch (options->target.kind) {
+    case AgentTarget::Kind::Local:
+        return StartProcess(AgentWords(options->ownProgram, mountPoint),
+                            platform::ChildOptions::Interrupts::Own);
+    case AgentTarget::Kind::Ssh: {
+        std::vector<std::string> words = options->sshWords;
+        words.insert(words.end(), {"-T", options->target.host, "--"});
+        // The other side's shell takes it apart again.
+        words.push_back(JoinForShell(AgentWords(options->remoteProgram, mountPoint)));
+        // In our group, so that it may ask for a password; ssh keeps ignoring an ignored Ctrl-C.
+        return StartProcess(words, platform::ChildOptions::Interrupts::Ignored);
+    }
+    case AgentTarget::Kind::Connect:
+        connection.stream = platform::ConnectTcp(options->target.host, options->target.port,
+                                                 kConnectTimeoutMS, &connection.error);
+        break;
+    case AgentTarget::Kind::Listen:
+        connection.stream = listener->Accept();
+        connection.error = connection.stream ? "" : "nobody connected";
+        break;
+    }
+    return connection;
+}
+
+AgentConnection AgentStarter::StartProcess(const std::vector<std::string> &words,
+                                           platform::ChildOptions::Interrupts interrupts)
+{
+    AgentConnection connection;
+    platform::ChildOptions child;
+    child.arguments = words;
+    if (options->target.kind == AgentTarget::Kind::Local)
+        child.environment = {{kTokenVariable, options->token}};
+    child.withStream = true;
+    child.onErrorLine = onErrorLine;
+    child.interrupts = interrupts;
+    connection.process = platform::ChildProcess::Start(child, &connection.error);
+    if (connection.process)
+        connection.stream = connection.process->TakeStream();
+    else
+        connection.error = words.front() + " can't be started: " + connection.error;
+    return connection;
+}
+
+} // namespace fodr::cli

@@ -1,0 +1,67 @@
+#include "cli/Console.h"
+
+#include "platform/UserFolders.h"
+
+#include <cstdio>
+#include <mutex>
+
+namespace fodr::cli {
+namespace {
+
+std::mutex consoleLock;
+bool remarkShown = false; // under consoleLock
+
+void ClearRemark()
+{
+    if (remarkShown)
+        std::fputs("\r\033[K", stderr);
+    remarkShown = false;
+}
+
+} // namespace
+
+void Complain(const std::string &sentence)
+{
+    const std::lock_guard<std::mutex> held(consoleLock);
+    ClearRemark();
+    std::fprintf(stderr, "fodr: %s\n", Plain(sentence).c_str());
+    std::fflush(stderr);
+}
+
+void Say(const std::string &line)
+{
+    const std::lock_guard<std::mutex> held(consoleLock);
+    ClearRemark();
+    std::fflush(stderr);
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+void ShowProgress(const std::string &remark)
+{
+    static const bool terminal = platform::ErrorOutputIsTerminal();
+    if (!terminal)
+        return;
+    const std::lock_guard<std::mutex> held(consoleLock);
+    ClearRemark();
+    if (!remark.empty()) {
+        std::fprintf(stderr, "fodr: %s ...", Plain(remark).c_str());
+        remarkShown = true;
+    }
+    std::fflush(stderr);
+}
+
+std::string Plain(const std::string &text)
+{
+    constexpr char kPrefix[] = "fodr: ";
+    std::string plain = text.starts_with(kPrefix) ? text.substr(sizeof(kPrefix) - 1) : text;
+    while (!plain.empty() && (plain.back() == '\n' || plain.back() == '\r' || plain.back() == '.'))
+        plain.pop_back();
+    for (char &c : plain) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+            c = '?';
+    }
+    return plain;
+}
+
+} // namespace fodr::cli

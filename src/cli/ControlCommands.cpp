@@ -1,0 +1,155 @@
+// `fodr add`, `remove`, `list`, `status`: ask a running share.
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/ExitCode.h"
+#include "host/ControlProtocol.h"
+#include "host/RunningHosts.h"
+
+#include <algorithm>
+#include <filesystem>
+
+namespace fodr::cli {
+namespace {
+
+namespace fs = std::filesystem;
+using host::ControlReply;
+using host::Words;
+
+constexpr int kReplyTimeoutMS = 40000; // an add waits for the other side
+
+// Says what went wrong; the reply's code tells whether anything did.
+ControlReply Ask(uint32_t processId, const Words &request)
+{
+    const auto stream = host::ConnectToHost(processId);
+    if (!stream) {
+        const std::string which =
+            processId == 0 ? "no share is running" : "no share with this process id is running";
+        Complain(which + ": start one with fodr share");
+        return {EXIT_NOT_RUNNING, "", {}};
+    }
+    if (!stream->PeerIsThisUser() || !host::SendRequest(stream.get(), request)) {
+        Complain("the running share doesn't listen");
+        return {EXIT_NOT_RUNNING, "", {}};
+    }
+    auto reply = host::ReceiveReply(stream.get(), kReplyTimeoutMS);
+    if (!reply) {
+        Complain("the running share doesn't answer");
+        return {EXIT_NOT_RUNNING, "", {}};
+    }
+    if (!reply->sentence.empty())
+        Complain(reply->sentence);
+    return *reply;
+}
+
+std::string Json(const std::string &text)
+{
+    std::string quoted = "\"";
+    for (const char c : text) {
+        char escape[8];
+        if (c == '"' || c == '\\') {
+            quoted += {'\\', c};
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned>(c));
+            quoted += escape;
+        } else {
+            quoted += c;
+        }
+    }
+    return quoted + "\"";
+}
+
+std::string ShareAsJson(const Words &row)
+{
+    constexpr const char *kNames[] = {"path", "name", "state", "problem", "place"};
+    std::string object = "{";
+    for (size_t i = 0; i < std::size(kNames) && i < row.size(); ++i)
+        object += (i == 0 ? "" : ", ") + Json(kNames[i]) + ": " + Json(row[i]);
+    return object + "}";
+}
+
+std::string SharesAsJson(const std::vector<Words> &rows)
+{
+    std::string list = "[";
+    for (const Words &row : rows)
+        list += (list.size() == 1 ? "" : ", ") + ShareAsJson(row);
+    return list + "]";
+}
+
+// Share rows have five words, facts two.
+constexpr size_t kShareWords = 5;
+constexpr size_t kFactWords = 2;
+
+void SayShares(const std::vector<Words> &rows)
+{
+    for (const Words &row : rows) {
+        if (row.size() != kShareWords)
+            continue;
+        std::string line = Plain(row[0]);
+        if (!row[4].empty())
+            line += " at " + Plain(row[4]);
+        line += ", " + row[2] + (row[3].empty() ? "" : ": " + Plain(row[3]));
+        Say(line);
+    }
+}
+
+} // namespace
+
+int RunAdd(uint32_t processId, const std::string &folder, const std::string &name)
+{
+    std::error_code error;
+    const fs::path path = fs::canonical(folder, error);
+    if (error || !fs::is_directory(path)) {
+        Complain("\"" + folder + "\" can't be shared: " + (error ? error.message() : "it is not a folder"));
+        return EXIT_FOLDER;
+    }
+    const std::string shown = name.empty() ? path.filename().string() : name;
+    const ControlReply reply = Ask(processId, {"add", path.string(), shown});
+    for (const Words &row : reply.rows) {
+        if (row.size() == 3)
+            Say(Plain(row[0]) + " is at " + Plain(row[2]) + ".");
+    }
+    return reply.code;
+}
+
+int RunRemove(uint32_t processId, const std::string &folderOrName)
+{
+    // A folder that is gone can still be taken back, by the path that it had.
+    std::error_code error;
+    const fs::path path = fs::canonical(folderOrName, error);
+    const bool isPath = !error && fs::is_directory(path, error);
+    return Ask(processId, {"remove", isPath ? path.string() : folderOrName}).code;
+}
+
+int RunList(uint32_t processId, bool json)
+{
+    const ControlReply reply = Ask(processId, {"list"});
+    if (reply.code == EXIT_DONE && json)
+        Say(SharesAsJson(reply.rows));
+    else
+        SayShares(reply.rows);
+    return reply.code;
+}
+
+int RunStatus(uint32_t processId, bool json)
+{
+    ControlReply reply = Ask(processId, {"status"});
+    if (reply.code != EXIT_DONE)
+        return reply.code;
+    const auto shares = std::stable_partition(reply.rows.begin(), reply.rows.end(),
+                                              [](const Words &row) { return row.size() == kFactWords; });
+    const std::vector<Words> rows(shares, reply.rows.end());
+    std::string object = "{";
+    for (auto fact = reply.rows.begin(); fact != shares; ++fact) {
+        if (json)
+            object += Json(fact->front()) + ": " + Json(fact->back()) + ", ";
+        else
+            Say(fact->front() + ": " + Plain(fact->back()));
+    }
+    if (json)
+        Say(object + "\"shares\": " + SharesAsJson(rows) + "}");
+    else
+        SayShares(rows);
+    return EXIT_DONE;
+}
+
+} // namespace fodr::cli

@@ -1,0 +1,111 @@
+#include "cli/MountPoint.h"
+
+#include "platform/Mounts.h"
+#include "platform/UserFolders.h"
+
+#include <filesystem>
+
+namespace fodr::cli {
+namespace {
+
+namespace fs = std::filesystem;
+using platform::MountState;
+
+constexpr int kDefaultNames = 1000; // that are tried
+
+std::string Quoted(const std::string &path)
+{
+    return "\"" + path + "\"";
+}
+
+// Absolute, with links resolved as far as there is something. The last component stays as it is when nobody
+// serves it any more.
+std::string AbsolutePath(const std::string &path)
+{
+    std::error_code error;
+    fs::path whole = fs::absolute(path, error);
+    if (!whole.has_filename())
+        whole = whole.parent_path();
+    const fs::path folder = fs::weakly_canonical(whole.parent_path(), error);
+    const fs::path last = error ? whole : folder / whole.filename();
+    const fs::path resolved = fs::canonical(last, error);
+    return (error ? last : resolved).string();
+}
+
+} // namespace
+
+std::unique_ptr<MountPoint> MountPoint::Prepare(const std::string &given, std::string *problem)
+{
+    const std::string path = AbsolutePath(given);
+    if (platform::InspectMount(path) == MountState::Dead && !platform::DetachMount(path)) {
+        *problem = "an earlier mount at " + Quoted(path) + " hangs and can't be taken away: unmount it first";
+        return nullptr;
+    }
+    if (platform::InspectMount(path) == MountState::Alive) {
+        *problem =
+            "something is mounted at " + Quoted(path) + " already: choose another folder or unmount it";
+        return nullptr;
+    }
+    std::error_code error;
+    const bool made = !fs::exists(path, error) && fs::create_directory(path, error);
+    if (error) {
+        *problem = "the mount point " + Quoted(path) + " can't be made: " + error.message();
+        return nullptr;
+    }
+    if (!fs::is_directory(path, error)) {
+        *problem = "the mount point " + Quoted(path) + " is not a folder: choose an empty folder";
+        return nullptr;
+    }
+    std::unique_ptr<MountPoint> point(new MountPoint(path, made));
+    if (!fs::is_empty(path, error) || error) {
+        *problem = error ? "the mount point " + Quoted(path) + " can't be read: " + error.message()
+                         : "the mount point " + Quoted(path) + " is not empty: choose an empty folder";
+        return nullptr;
+    }
+    return point;
+}
+
+std::unique_ptr<MountPoint> MountPoint::PrepareDefault(const std::string &name, std::string *problem)
+{
+    std::string reason;
+    const fs::path folder = platform::RuntimeFolder();
+    if (!platform::CreatePrivateFolder(folder.string(), &reason)) {
+        *problem =
+            "the folder " + Quoted(folder.string()) + " can't be used: " + reason + "; name one with --mount";
+        return nullptr;
+    }
+    for (int number = 0; number < kDefaultNames; ++number) {
+        const std::string tried = number == 0 ? name : name + "(" + std::to_string(number) + ")";
+        const std::string path = (folder / tried).string();
+        const bool dead = platform::InspectMount(path) == MountState::Dead;
+        std::error_code error;
+        const bool there = dead || fs::exists(path, error);
+        // One that is there belongs to another share, unless its mount is dead or it was left behind empty.
+        if (there && !dead &&
+            (platform::InspectMount(path) == MountState::Alive || !fs::is_empty(path, error)))
+            continue;
+        auto point = Prepare(path, problem);
+        if (point) {
+            fs::permissions(path, fs::perms::owner_all, error);
+            point->made = true;
+        }
+        return point;
+    }
+    *problem =
+        "every mount point like " + Quoted((folder / name).string()) + " is in use: name one with --mount";
+    return nullptr;
+}
+
+MountPoint::~MountPoint()
+{
+    std::error_code ignored;
+    if (made && platform::InspectMount(path) == MountState::None)
+        fs::remove(path, ignored); // nothing happens to a folder that isn't empty
+}
+
+bool MountPoint::Clear()
+{
+    return platform::InspectMount(path) == MountState::None || platform::DetachMount(path);
+}
+
+} // namespace fodr::cli

@@ -1,0 +1,34 @@
+// A folder on this machine to mount at: checked, made when it is missing, cleaned up behind a mount.
+#pragma once
+
+#include "cli/ExitCode.h"
+
+#include <memory>
+#include <string>
+
+namespace fodr::cli {
+
+class MountPoint {
+public:
+    // Takes the folder: clears away a mount whose process is gone, makes the folder when it isn't there.
+    // Null, with a sentence in `*problem`, when it can't be used.
+    static std::unique_ptr<MountPoint> Prepare(const std::string &path, std::string *problem);
+    // Like Prepare, in this user's runtime folder under `name`, or a name like it when that is in use.
+    static std::unique_ptr<MountPoint> PrepareDefault(const std::string &name, std::string *problem);
+    // Removes the folder if it was made here, or is a default one, and is empty again.
+    ~MountPoint();
+    MountPoint(const MountPoint &) = delete;
+    MountPoint &operator=(const MountPoint &) = delete;
+
+    const std::string &Path() const { return path; } // absolute
+    // Takes away whatever is still mounted there. False when it stays.
+    bool Clear();
+
+private:
+    MountPoint(const std::string &folder, bool madeHere) : path(folder), made(madeHere) {}
+
+    const std::string path;
+    bool made;
+};
+
+} // namespace fodr::cli

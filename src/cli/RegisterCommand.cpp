@@ -1,0 +1,34 @@
+// `fodr register` and `fodr unregister`: the plug-in does it itself.
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/ExitCode.h"
+#include "cli/PluginPath.h"
+#include "host/PluginLibrary.h"
+
+#include <cstdio>
+
+namespace fodr::cli {
+
+int RunRegister(bool registering)
+{
+    std::string problem;
+    const std::string path = FindPlugin(&problem);
+    if (path.empty()) {
+        Complain(problem);
+        return EXIT_NO_PLUGIN;
+    }
+    const auto plugin = host::PluginLibrary::Load(path, &problem);
+    if (!plugin) {
+        Complain("the plug-in " + path + " can't be used: " + problem);
+        return EXIT_NO_PLUGIN;
+    }
+    const int32_t result = registering ? plugin->RegisterServer() : plugin->UnregisterServer();
+    if (result == 0)
+        return EXIT_DONE;
+    char code[16];
+    std::snprintf(code, sizeof(code), "0x%08x", static_cast<uint32_t>(result));
+    Complain(std::string("the settings store can't be written (") + code + "): see FODR_SETTINGS_DIR");
+    return EXIT_OTHER;
+}
+
+} // namespace fodr::cli

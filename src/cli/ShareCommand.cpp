@@ -1,0 +1,191 @@
+// `fodr share`: checks what was asked for, prepares the plug-in's settings, and runs the session.
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/ExitCode.h"
+#include "cli/PluginPath.h"
+#include "cli/ShareSession.h"
+#include "cli/Words.h"
+#include "host/RunningHosts.h"
+#include "platform/Mounts.h"
+#include "platform/UserFolders.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+
+namespace fodr::cli {
+namespace {
+
+namespace fs = std::filesystem;
+
+int Refuse(int code, const std::string &sentence)
+{
+    Complain(sentence);
+    return code;
+}
+
+// 0, or the exit code after a complaint.
+int AddFolder(const std::string &given, const std::string &name, std::vector<SharedFolder> *folders)
+{
+    std::error_code error;
+    const fs::path path = fs::canonical(given, error);
+    if (error)
+        return Refuse(EXIT_FOLDER, "\"" + given + "\" can't be shared: " + error.message());
+    if (!fs::is_directory(path, error))
+        return Refuse(EXIT_FOLDER, "\"" + given + "\" is not a folder: share the folder that it is in");
+    fs::directory_iterator content(path, error);
+    if (error)
+        return Refuse(EXIT_FOLDER, "\"" + given + "\" can't be read: " + error.message());
+    const auto same = [&](const SharedFolder &other) { return other.path == path.string(); };
+    if (std::any_of(folders->begin(), folders->end(), same))
+        return Refuse(EXIT_FOLDER, "\"" + given + "\" is named twice");
+    const std::string plain = name.empty() ? path.filename().string() : name;
+    folders->push_back({path.string(), host::FolderShares::NameFor(plain.empty() ? "root" : plain)});
+    return EXIT_DONE;
+}
+
+int ChooseTarget(const ShareWords &words, AgentTarget *target)
+{
+    if (words.to) {
+        const auto place = ParseRemotePlace(*words.to);
+        if (!place)
+            return Refuse(EXIT_USAGE, "--to wants USER@HOST:FOLDER, not \"" + *words.to + "\"");
+        target->kind = AgentTarget::Kind::Ssh;
+        target->host = place->host;
+        // ssh starts commands in the home folder; a quoted "~" would be taken literally there.
+        target->mountPoint = place->path.starts_with("~/") ? place->path.substr(2) : place->path;
+        if (target->mountPoint.empty())
+            return Refuse(EXIT_USAGE, "--to wants a folder on " + place->host + " behind the colon");
+    } else if (words.tcp || words.listen) {
+        const std::string &text = words.tcp ? *words.tcp : *words.listen;
+        const auto place = ParseHostAndPort(text, words.listen.has_value());
+        if (!place)
+            return Refuse(EXIT_USAGE, (words.tcp ? "--tcp wants HOST:PORT, not \""
+                                                 : "--listen wants [ADDRESS:]PORT, not \"") +
+                                          text + "\"");
+        target->kind = words.tcp ? AgentTarget::Kind::Connect : AgentTarget::Kind::Listen;
+        target->host = place->host;
+        target->port = place->port;
+    } else {
+        target->mountPoint = words.mount.value_or("");
+        if (words.mount && words.mount->empty())
+            return Refuse(EXIT_USAGE, "--mount wants a folder");
+    }
+    return EXIT_DONE;
+}
+
+int CheckNetwork(const ShareOptions &options)
+{
+    const AgentTarget &target = options.target;
+    if (target.kind == AgentTarget::Kind::Listen && !target.host.empty() && options.token.empty())
+        return Refuse(
+            EXIT_USAGE,
+            "listening on " + target.host +
+                " would give the folders to anybody: agree on a token with --token-file or FODR_TOKEN");
+    const std::string problem = target.kind == AgentTarget::Kind::Local ? platform::MountProblem() : "";
+    return problem.empty() ? EXIT_DONE : Refuse(EXIT_NO_FUSE, problem);
+}
+
+int CheckOptions(const ShareWords &words, ShareOptions *options)
+{
+    if (!words.name.empty() && words.folders.size() > 1)
+        return Refuse(EXIT_USAGE,
+                      "--name is for one folder, and " + std::to_string(words.folders.size()) + " are named");
+    for (const std::string &folder : words.folders) {
+        if (const int code = AddFolder(folder, words.name, &options->folders))
+            return code;
+    }
+    if (const int code = ChooseTarget(words, &options->target))
+        return code;
+    if (words.layout == "single" && options->folders.size() > 1)
+        return Refuse(EXIT_USAGE, "--layout single is for one folder: leave it out");
+    options->folderLayout = words.layout == "folders" || options->folders.size() > 1;
+    options->readOnly = words.readOnly;
+    options->reconnect = words.reconnect.value_or(options->target.kind == AgentTarget::Kind::Ssh);
+    options->verbose = words.verbose;
+    options->sideChannel = words.sideChannel;
+    options->agentWords = words.agentWords;
+    options->command = words.command;
+    options->sshWords = SplitWords(words.sshCommand);
+    options->remoteProgram = words.remoteProgram;
+    if (options->sshWords.empty())
+        return Refuse(EXIT_USAGE, "--ssh-command wants a program");
+    if (!ReadToken(words.tokenFile, &options->token))
+        return EXIT_USAGE;
+    if (const int code = CheckNetwork(*options))
+        return code;
+    std::string problem;
+    options->ownProgram = OwnProgram();
+    options->pluginPath = FindPlugin(&problem);
+    return options->pluginPath.empty() ? Refuse(EXIT_NO_PLUGIN, problem) : EXIT_DONE;
+}
+
+// Takes signals from the start on, and passes them to the session while there is one.
+class SignalRelay {
+public:
+    SignalRelay()
+    {
+        platform::WatchTermination([this](platform::TerminationRequest request) {
+            const std::lock_guard<std::mutex> held(lock);
+            if (session != nullptr)
+                session->OnTermination(request);
+            else
+                platform::EndNow(platform::StatusOf(request));
+        });
+    }
+    void Attach(ShareSession *running)
+    {
+        const std::lock_guard<std::mutex> held(lock);
+        session = running;
+    }
+
+private:
+    std::mutex lock;
+    ShareSession *session = nullptr; // under lock
+};
+
+} // namespace
+
+bool ReadToken(const std::string &file, std::string *token)
+{
+    if (file.empty()) {
+        *token = platform::GetEnvironment("FODR_TOKEN");
+    } else {
+        std::ifstream stream(file);
+        token->assign(std::istreambuf_iterator<char>(stream), {});
+        while (!token->empty() && (token->back() == '\n' || token->back() == '\r'))
+            token->pop_back();
+    }
+    const bool good = (file.empty() || !token->empty()) && token->size() <= transport::kMaxToken;
+    if (!good)
+        Complain("the token in \"" + file + "\" can't be used: it must be a file with 1 to " +
+                 std::to_string(transport::kMaxToken) + " bytes of text");
+    return good;
+}
+
+int RunShare(const ShareWords &words)
+{
+    ShareOptions options;
+    std::string problem;
+    if (const int code = CheckOptions(words, &options))
+        return code;
+    static SignalRelay relay; // its thread runs to the end of the process
+    const std::string folder = host::MakeHostFolder(&problem);
+    if (folder.empty())
+        return Refuse(EXIT_OTHER, "the folder " + platform::RuntimeFolder() + " can't be used: " + problem);
+    int code = EXIT_OTHER;
+    if (auto settings = host::PrivateSettings::Create((fs::path(folder) / "settings").string(), &problem)) {
+        ShareSession session(options, std::move(settings), folder);
+        relay.Attach(&session);
+        code = session.Run();
+        relay.Attach(nullptr);
+    } else {
+        Complain("the settings for this run can't be made: " + problem);
+    }
+    host::RemoveHostFolder(folder);
+    return code;
+}
+
+} // namespace fodr::cli

@@ -1,0 +1,378 @@
+#include "cli/ShareSession.h"
+
+#include "cli/Console.h"
+#include "cli/ExitCode.h"
+#include "host/RunningHosts.h"
+
+#include <algorithm>
+
+namespace fodr::cli {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kGreetingLimit = 30s;
+constexpr auto kReadyLimit = 60s; // from the agent's greeting to the last share
+constexpr transport::KeepAlive kOverNetwork{10000, 30000};
+constexpr transport::KeepAlive kOnThisMachine{0, 0}; // a lost end is noticed at once
+
+host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
+{
+    host::ChannelOptions channel;
+    const AgentTarget &target = options.target;
+    channel.token = options.token;
+    const bool local = target.kind == AgentTarget::Kind::Local;
+    if (target.kind == AgentTarget::Kind::Connect || target.kind == AgentTarget::Kind::Listen)
+        channel.expectedToken = options.token;
+    channel.keepAlive = local ? kOnThisMachine : kOverNetwork;
+    channel.sideChannelHost = local ? "localhost" : target.host.substr(target.host.find('@') + 1);
+    return channel;
+}
+
+} // namespace
+
+ShareSession::ShareSession(const ShareOptions &shareOptions,
+                           std::unique_ptr<host::PrivateSettings> privateSettings, std::string runtimeFolder)
+    : options(shareOptions), settings(std::move(privateSettings)), folder(std::move(runtimeFolder)),
+      starter(&options, [this](const std::string &line) { HandleAgentLine(line); })
+{}
+
+ShareSession::~ShareSession() = default;
+
+int ShareSession::Run()
+{
+    if (Prepare())
+        Connect();
+    while (!finished) {
+        if (!queue.RunOne(timer.value_or(Clock::time_point::max())))
+            HandleTimer();
+        AnswerOverdue();
+    }
+    CleanUp();
+    return exitCode;
+}
+
+// ---- Start ----
+
+bool ShareSession::Prepare()
+{
+    std::string problem;
+    if (options.target.kind == AgentTarget::Kind::Local) {
+        const std::string name = options.folders.size() == 1 ? options.folders.front().name : "shares";
+        mountPoint = options.target.mountPoint.empty()
+                         ? MountPoint::PrepareDefault(name, &problem)
+                         : MountPoint::Prepare(options.target.mountPoint, &problem);
+        if (!mountPoint) {
+            Fail(EXIT_MOUNT_POINT, problem);
+            return false;
+        }
+        for (const SharedFolder &shared : options.folders) {
+            if (shared.path != mountPoint->Path() &&
+                !(shared.path + "/").starts_with(mountPoint->Path() + "/"))
+                continue;
+            Fail(EXIT_MOUNT_POINT, "the mount point \"" + mountPoint->Path() + "\" would hide \"" +
+                                       shared.path + "\" itself: choose a folder elsewhere");
+            return false;
+        }
+    }
+    if (!starter.Prepare(&problem)) {
+        Fail(EXIT_OTHER, "can't listen for the agent: " + problem);
+        return false;
+    }
+    return StartPlugin() && StartControl();
+}
+
+bool ShareSession::StartPlugin()
+{
+    std::string problem;
+    host = host::PluginHost::Create(options.pluginPath, &problem);
+    if (!host) {
+        Fail(EXIT_NO_PLUGIN, "the plug-in " + options.pluginPath + " can't be used: " + problem);
+        return false;
+    }
+    noticeSubscription = host->Bus().Subscribe(
+        host::FolderShares::kNoticeName, this,
+        [](void *self, const char * /*sender*/, const char *cookie, const char *text) {
+            auto *session = static_cast<ShareSession *>(self);
+            session->queue.Post([session, to = std::string(cookie), what = std::string(text)] {
+                session->shares->HandleNotice(to, what);
+            });
+            return true;
+        });
+    shares = std::make_unique<host::FolderShares>(
+        &host->Bus(), [this](const host::FolderShare &share) { HandleShareChanged(share); });
+    std::vector<std::string> asked;
+    for (const SharedFolder &shared : options.folders)
+        asked.push_back(host::FolderShares::AskedForm(shared.path));
+    if (!AllowFolders(asked))
+        return false;
+    for (const SharedFolder &shared : options.folders)
+        shares->Add(shared.path, shared.name);
+    channel = std::make_unique<host::HostChannel>(host.get(), ChannelOptionsFor(options),
+                                                  static_cast<host::IChannelListener *>(this));
+    return true;
+}
+
+bool ShareSession::AllowFolders(const std::vector<std::string> &folders)
+{
+    std::string problem;
+    const bool allowed = settings->Allow(folders, &problem);
+    if (!allowed && phase == Phase::Connecting && !everReady)
+        Fail(EXIT_OTHER, problem);
+    return allowed;
+}
+
+bool ShareSession::StartControl()
+{
+    std::string problem;
+    control = host::ControlServer::Start(
+        host::ControlSocketOf(folder), [this](const host::Words &request) { return HandleControl(request); },
+        &problem);
+    if (!control)
+        Fail(EXIT_OTHER, "the control socket in " + folder + " can't be made: " + problem);
+    return control != nullptr;
+}
+
+void ShareSession::Connect()
+{
+    phase = Phase::Connecting;
+    StopTimer();
+    if (options.target.kind == AgentTarget::Kind::Listen && !everReady)
+        Complain("waiting for an agent on port " + std::to_string(starter.Port()));
+    ShowProgress("connecting to " + options.target.Name());
+    if (connector.joinable())
+        connector.join();
+    connector = std::thread([this, path = mountPoint ? mountPoint->Path() : options.target.mountPoint] {
+        auto made = std::make_shared<AgentConnection>(starter.Connect(path));
+        queue.Post([this, made] { HandleConnection(made); });
+    });
+}
+
+void ShareSession::HandleConnection(std::shared_ptr<AgentConnection> made)
+{
+    if (phase == Phase::Ending)
+        return; // an agent that was started sees the end of its stream
+    if (!made->stream) {
+        const bool ssh = options.target.kind == AgentTarget::Kind::Ssh;
+        const std::string sentence = "can't reach " + options.target.Name() + ": " + made->error;
+        if (everReady)
+            TryAgain(sentence);
+        else
+            Fail(ssh ? EXIT_SSH : EXIT_LOST, sentence);
+        return;
+    }
+    phase = Phase::Starting;
+    agent = std::move(made->process);
+    attached = true;
+    mounted.clear();
+    agentError.clear();
+    sideError.clear();
+    {
+        const std::lock_guard<std::mutex> held(linesLock);
+        lastAgentLine.clear();
+    }
+    // ssh may be asking for a password.
+    if (options.target.kind != AgentTarget::Kind::Ssh)
+        SetTimer(kGreetingLimit);
+    channel->Attach(std::move(made->stream));
+}
+
+void ShareSession::CheckReady()
+{
+    if (phase != Phase::Starting || mounted.empty())
+        return;
+    const std::vector<host::FolderShare> &all = shares->All();
+    const auto settled = [](const host::FolderShare &share) {
+        return share.state == host::ShareState::Ready || share.state == host::ShareState::Refused;
+    };
+    if (std::all_of(all.begin(), all.end(), settled))
+        BecomeReady();
+}
+
+void ShareSession::BecomeReady()
+{
+    phase = Phase::Running;
+    StopTimer();
+    retryAfter = 0ms;
+    ShowProgress("");
+    const bool first = !everReady;
+    everReady = true;
+    if (!first) {
+        ++reconnects;
+        Complain("connected to " + options.target.Name() + " again");
+        return;
+    }
+    if (!options.command.empty()) {
+        StartCommand();
+        return;
+    }
+    const std::vector<host::FolderShare> &all = shares->All();
+    const auto ready = std::find_if(all.begin(), all.end(), [](const host::FolderShare &share) {
+        return share.state == host::ShareState::Ready;
+    });
+    const auto others =
+        std::count_if(all.begin(), all.end(),
+                      [](const host::FolderShare &share) { return share.state == host::ShareState::Ready; }) -
+        1;
+    Say(ready->path + " is mounted at " + MountedAt() + (options.folderLayout ? "/" + ready->name : "") +
+        (others > 0 ? ", and " + std::to_string(others) + " more beside it" : "") + ". Press Ctrl-C to end.");
+}
+
+std::string ShareSession::MountedAt() const
+{
+    return options.target.PlaceOf(mounted);
+}
+
+void ShareSession::StartCommand()
+{
+    std::string problem;
+    platform::ChildOptions child;
+    child.arguments = options.command;
+    child.environment = {{"FODR_MOUNT", mounted}};
+    command = platform::ChildProcess::Start(child, &problem);
+    if (!command) {
+        Fail(EXIT_CANNOT_START, options.command.front() + " can't be started: " + problem);
+        return;
+    }
+    commandRuns = true;
+    commandWaiter = std::thread([this] {
+        const auto exit = command->Wait(-1);
+        commandRuns = false;
+        queue.Post([this, exit] { HandleCommandEnd(*exit); });
+    });
+}
+
+// ---- Events ----
+
+void ShareSession::OnConnected()
+{
+    queue.Post([this] {
+        if (phase != Phase::Starting)
+            return;
+        SetTimer(kReadyLimit);
+        ShowProgress("mounting");
+    });
+}
+
+void ShareSession::OnInstanceRefused()
+{
+    queue.Post([this] {
+        Fail(EXIT_NO_PLUGIN, "the plug-in " + options.pluginPath +
+                                 " could not be initialised: see its log with FODR_LOG_STDERR=debug");
+    });
+}
+
+void ShareSession::OnNotice(transport::NoticeKind kind, const std::string &text)
+{
+    queue.Post([this, kind, text] { HandleNotice(kind, text); });
+}
+
+void ShareSession::OnAgentGoodbye(const std::string &reason)
+{
+    queue.Post([this, reason] {
+        if (agentError.empty())
+            agentError = reason;
+    });
+}
+
+void ShareSession::OnSideChannelFailed(const std::string &reason)
+{
+    queue.Post([this, reason] {
+        sideError = "the side channel could not be opened: " + reason;
+        channel->Close(sideError); // by its rules the plug-in has given up the channel
+    });
+}
+
+void ShareSession::OnLost(const std::string &reason)
+{
+    queue.Post([this, reason] { HandleLost(reason); });
+}
+
+void ShareSession::HandleNotice(transport::NoticeKind kind, const std::string &text)
+{
+    switch (kind) {
+    case transport::NoticeKind::Mounted:
+        mounted = text;
+        CheckReady();
+        break;
+    case transport::NoticeKind::Warning:
+        Complain(text);
+        break;
+    case transport::NoticeKind::Error:
+        agentError = text;
+        break;
+    case transport::NoticeKind::ShareReady:
+    case transport::NoticeKind::Unmounted:
+        break;
+    }
+}
+
+void ShareSession::OnTermination(platform::TerminationRequest request)
+{
+    // Whoever asks twice doesn't want to wait. The agent sees the end of its stream and unmounts. With a
+    // command Ctrl-C is the command's.
+    if (!commandRuns && ++terminations > 1)
+        platform::EndNow(platform::StatusOf(request));
+    queue.Post([this, request] { HandleTermination(request); });
+}
+
+void ShareSession::HandleTermination(platform::TerminationRequest request)
+{
+    if (commandRuns) {
+        if (request != platform::TerminationRequest::Interrupt)
+            command->Terminate(); // its end is ours
+        return;
+    }
+    BeginEnd(everReady ? EXIT_DONE : platform::StatusOf(request));
+}
+
+void ShareSession::HandleShareChanged(const host::FolderShare &share)
+{
+    AnswerPending(share);
+    const std::vector<host::FolderShare> &all = shares->All();
+    const auto refused = [](const host::FolderShare &entry) {
+        return entry.state == host::ShareState::Refused;
+    };
+    if (phase != Phase::Starting)
+        return;
+    if (share.state == host::ShareState::Refused && !everReady) {
+        const std::string sentence = "\"" + share.path + "\" can't be shared: " + share.problem;
+        if (std::all_of(all.begin(), all.end(), refused))
+            Fail(EXIT_REFUSED, sentence);
+        else
+            Complain(sentence);
+    }
+    CheckReady();
+}
+
+void ShareSession::HandleCommandEnd(platform::ChildProcess::Exit exit)
+{
+    BeginEnd(exit.bySignal ? 128 + exit.code : exit.code);
+}
+
+void ShareSession::HandleAgentLine(const std::string &line)
+{
+    if (line.empty())
+        return;
+    const std::lock_guard<std::mutex> held(linesLock);
+    lastAgentLine = line;
+    if (options.verbose)
+        Complain(line);
+}
+
+void ShareSession::HandleTimer()
+{
+    StopTimer();
+    if (phase == Phase::Waiting) {
+        Connect();
+    } else if (phase == Phase::Starting) {
+        sideError = "the other side didn't mount the shares in time";
+        channel->Close(sideError);
+    } else if (phase == Phase::Ending) {
+        Complain("the agent doesn't finish; what it hasn't written yet is lost");
+        exitCode = exitCode == EXIT_DONE ? EXIT_LOST : exitCode;
+        channel->Close("the agent doesn't finish");
+    }
+}
+
+} // namespace fodr::cli

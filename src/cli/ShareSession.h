@@ -1,0 +1,150 @@
+// One run of `fodr share`, from the start of the plug-in to its end.
+//
+// Threads: everything happens on the thread that called Run, one event after the other; what other threads
+// hear (signals, the channel, the message bus, control connections, ends of processes) they post to it.
+#pragma once
+
+#include "cli/AgentStarter.h"
+#include "cli/MountPoint.h"
+#include "cli/ShareOptions.h"
+#include "host/ControlServer.h"
+#include "host/EventQueue.h"
+#include "host/FolderShares.h"
+#include "host/HostChannel.h"
+#include "host/PrivateSettings.h"
+#include "platform/ChildProcess.h"
+#include "platform/Termination.h"
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+namespace fodr::cli {
+
+class ShareSession final : private host::IChannelListener {
+public:
+    // The settings are in force already.
+    ShareSession(const ShareOptions &shareOptions, std::unique_ptr<host::PrivateSettings> privateSettings,
+                 std::string runtimeFolder);
+    ~ShareSession();
+    ShareSession(const ShareSession &) = delete;
+    ShareSession &operator=(const ShareSession &) = delete;
+
+    // The exit code. What went wrong has been said.
+    int Run();
+
+    // From the thread that takes signals.
+    void OnTermination(platform::TerminationRequest request);
+
+private:
+    using Clock = std::chrono::steady_clock;
+    enum class Phase {
+        Connecting, // no agent yet
+        Starting,   // an agent, not all shares yet
+        Running,    // usable
+        Waiting,    // lost, until the next attempt
+        Ending,
+    };
+    struct PendingReply {
+        std::string cookie;
+        Clock::time_point deadline;
+        std::function<void(const host::ControlReply &)> answer;
+    };
+
+    // ---- Start ----
+    bool Prepare();
+    bool StartPlugin();
+    bool StartControl();
+    void Connect();
+    void HandleConnection(std::shared_ptr<AgentConnection> made);
+    void CheckReady();
+    void BecomeReady();
+    void StartCommand();
+
+    // ---- Events ----
+    void OnConnected() override;
+    void OnInstanceRefused() override;
+    void OnNotice(transport::NoticeKind kind, const std::string &text) override;
+    void OnAgentGoodbye(const std::string &reason) override;
+    void OnSideChannelFailed(const std::string &reason) override;
+    void OnLost(const std::string &reason) override;
+    void HandleNotice(transport::NoticeKind kind, const std::string &text);
+    void HandleTermination(platform::TerminationRequest request);
+    void HandleShareChanged(const host::FolderShare &share);
+    void HandleCommandEnd(platform::ChildProcess::Exit exit);
+    void HandleAgentLine(const std::string &line);
+    void HandleTimer();
+
+    // ---- End (ShareSessionEnd.cpp) ----
+    struct Cause {
+        int code;
+        std::string sentence;
+        bool byAgent = false; // the agent ended on its own, as it should
+    };
+    void HandleLost(const std::string &reason);
+    Cause FindCause(const std::string &reason);
+    Cause CauseOfExit(const platform::ChildProcess::Exit &exit, const std::string &lastWords) const;
+    void TryAgain(const std::string &sentence);
+    void Fail(int code, const std::string &sentence);
+    void BeginEnd(int code);
+    void CleanUp();
+    void EndCommand();
+
+    // ---- Control (ShareControl.cpp) ----
+    host::ControlReply HandleControl(const host::Words &request);
+    void RunControl(const host::Words &request, std::function<void(const host::ControlReply &)> answer);
+    void ControlAdd(const host::Words &request, std::function<void(const host::ControlReply &)> answer);
+    host::ControlReply ControlRemove(const std::string &which);
+    host::ControlReply ControlList() const;
+    host::ControlReply ControlStatus() const;
+    void AnswerPending(const host::FolderShare &share);
+    void AnswerOverdue();
+
+    void SetTimer(std::chrono::milliseconds time) { timer = Clock::now() + time; }
+    void StopTimer() { timer.reset(); }
+    std::string MountedAt() const;
+    bool AllowFolders(const std::vector<std::string> &folders);
+
+    const ShareOptions options;
+    const std::unique_ptr<host::PrivateSettings> settings;
+    const std::string folder;
+    host::EventQueue queue;
+    std::unique_ptr<host::PluginHost> host;
+    std::unique_ptr<host::FolderShares> shares;
+    std::unique_ptr<host::HostChannel> channel;
+    std::unique_ptr<host::ControlServer> control;
+    std::unique_ptr<MountPoint> mountPoint; // Local
+    AgentStarter starter;
+    std::thread connector;
+    std::unique_ptr<platform::ChildProcess> agent;
+    std::unique_ptr<platform::ChildProcess> command;
+    std::thread commandWaiter;
+    uint32_t noticeSubscription = 0;
+
+    Phase phase = Phase::Connecting;
+    bool finished = false;
+    int exitCode = 0;
+    bool attached = false; // the channel has a connection, or hasn't told of its end yet
+    bool everReady = false;
+    std::string mounted;    // by the agent's word; empty: not yet
+    std::string agentError; // the agent's word about why it ends
+    std::string sideError;  // why a side channel failed
+    std::chrono::milliseconds retryAfter{0};
+    unsigned reconnects = 0;
+    const Clock::time_point started = Clock::now();
+    std::optional<Clock::time_point> timer;
+    std::vector<PendingReply> pendingReplies;
+
+    std::mutex linesLock;
+    std::string lastAgentLine; // under linesLock
+    std::atomic<unsigned> terminations{0};
+    std::atomic<bool> commandRuns{false};
+    std::atomic<bool> over{false}; // nobody takes control requests any more
+};
+
+} // namespace fodr::cli

@@ -1,0 +1,177 @@
+// The fodr command.
+#include "cli/Commands.h"
+#include "cli/ExitCode.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+
+namespace {
+
+using namespace fodr::cli;
+
+constexpr char kFooter[] = R"(Exit codes:
+  0    done; also when Ctrl-C or a termination signal ended a share that was usable
+  1    something else failed
+  2    the command line can't be understood
+  3    the mount point can't be used: taken, not empty, not a folder
+  4    the agent or the connection is lost
+  5    the other side refuses the share or the connection
+  6    ended, but files in the mount are still open
+  7    a folder can't be shared: missing, not a folder, not readable, not shared
+  8    FUSE is missing
+  9    the plug-in is missing or can't be used
+  10   ssh failed, or there is no fodr on the other machine
+  11   no share is running
+  126  the command behind -- can't be started
+  130, 143, 129  interrupted, terminated, hung up before the share was usable
+With a command behind -- its own status, 128 and the signal's number if a signal ended it.
+
+Environment: FODR_PLUGIN (the plug-in's library), FODR_SSH (the ssh command), FODR_TOKEN (the agreed token),
+FODR_SETTINGS_DIR (the settings store), FODR_LOG_STDERR (log lines on standard error).)";
+
+void AddShare(CLI::App *app, ShareWords *words)
+{
+    app->add_option("DIR", words->folders, "Folders to share")->required();
+    auto *target = app->add_option_group("Where they appear");
+    target
+        ->add_option("--mount", words->mount,
+                     "On this machine, at this folder (default: one in your runtime folder)")
+        ->type_name("MNT");
+    target->add_option("--to", words->to, "On another machine, over ssh")->type_name("USER@HOST:MNT");
+    target->add_option("--tcp", words->tcp, "At an agent that listens there")->type_name("HOST:PORT");
+    target->add_option("--listen", words->listen, "At an agent that connects to this port")
+        ->type_name("[ADDRESS:]PORT");
+    target->require_option(0, 1);
+    app->add_flag("--read-only", words->readOnly, "Nothing can be changed from the other side");
+    app->add_option("--name", words->name, "Name of the share (default: the folder's own)");
+    app->add_option(
+           "--layout", words->layout,
+           "single: the folder is the mount itself; folders: each is a folder in it, and more can be added")
+        ->check(CLI::IsMember({"single", "folders"}));
+    app->add_flag("--reconnect,!--no-reconnect", words->reconnect,
+                  "When the connection is lost, try again (default: over ssh)");
+    app->add_option("--token-file", words->tokenFile, "File with the token that both ends know");
+    app->add_option("--side-channel", words->sideChannel, "Carry the data on a TCP connection of its own")
+        ->check(CLI::IsMember({"none", "tcp", "plugin"}));
+    app->add_option("--ssh-command", words->sshCommand, "ssh and its options")
+        ->envname("FODR_SSH")
+        ->default_val("ssh");
+    app->add_option("--remote-fodr", words->remoteProgram, "fodr on the other machine")->default_val("fodr");
+    app->add_option("--agent-option", words->agentWords, "Handed to the agent as it is")
+        ->allow_extra_args(false);
+    app->add_flag("-v,--verbose", words->verbose, "Also what the agent says");
+    app->footer(
+        "Behind -- a command can follow: it runs while the shares are there, with FODR_MOUNT naming the\n"
+        "mount, and its status becomes ours.");
+}
+
+void AddAgent(CLI::App *app, AgentCommandWords *words)
+{
+    app->add_option("MNT", words->mount, "Where to mount; made if it is missing")->required();
+    auto *source = app->add_option_group("Where the host is");
+    source->add_flag("--stdio", words->stdio, "At standard input and output");
+    source->add_option("--listen", words->listen, "It will connect to this port")
+        ->type_name("[ADDRESS:]PORT");
+    source->add_option("--connect", words->connect, "It listens there")->type_name("HOST:PORT");
+    source->require_option(1);
+    app->add_option("--layout", words->layout)->check(CLI::IsMember({"single", "folders"}));
+    app->add_flag("--read-only", words->readOnly, "Nothing can be changed");
+    app->add_flag("--disabled", words->disabled, "Take no shares");
+    app->add_option("--force", words->forced, "Ask for this folder of the host's machine, or *all")
+        ->allow_extra_args(false);
+    app->add_flag("--only-forced", words->onlyForced, "Take no others");
+    app->add_flag("--pre-read", words->preRead, "Ask for the first bytes of files with their listing");
+    app->add_flag("--drive-letters", words->driveLetters, "Take whole drives only, under their letters");
+    app->add_flag("--allow-other", words->allowOther, "Let other users in");
+    app->add_option("--cache-ms", words->cacheMS, "How long names and attributes are believed");
+    app->add_option("--io-timeout", words->ioTimeoutSeconds, "Seconds after which a request fails; 0: never");
+    app->add_option("--share-wait-ms", words->shareWaitMS,
+                    "How long to wait for the first share; 0: forever");
+    app->add_option("--side-channel", words->sideChannel)->check(CLI::IsMember({"none", "tcp", "plugin"}));
+    app->add_option("--side-address", words->sideAddress, "Address to listen on for it (default: all)");
+    app->add_option("--exclude", words->excludeRule, "Devices that aren't taken");
+    app->add_option("--include", words->includeRule, "Devices that are");
+    app->add_option("--token-file", words->tokenFile, "File with the token that both ends know");
+}
+
+// What stands behind the first "--" of `fodr share` is a command of its own.
+std::vector<std::string> TakeCommand(std::vector<std::string> *arguments)
+{
+    if (arguments->empty() || arguments->front() != "share")
+        return {};
+    const auto end = std::find(arguments->begin(), arguments->end(), "--");
+    if (end == arguments->end())
+        return {};
+    std::vector<std::string> command(end + 1, arguments->end());
+    arguments->erase(end, arguments->end());
+    return command;
+}
+
+struct ControlWords {
+    uint32_t processId = 0;
+    std::string folder;
+    std::string name;
+    bool json = false;
+};
+
+void AddControl(CLI::App *app, ControlWords *words)
+{
+    app->add_option("--pid", words->processId, "Process id of the share that is meant (default: the latest)");
+}
+
+int Run(std::vector<std::string> arguments)
+{
+    CLI::App app("Makes chosen local folders appear on another machine.", "fodr");
+    app.require_subcommand(1);
+    app.footer(kFooter);
+    app.set_version_flag("--version", FODR_VERSION);
+
+    ShareWords share;
+    AgentCommandWords agent;
+    ControlWords control;
+    share.command = TakeCommand(&arguments);
+    auto *shareApp = app.add_subcommand("share", "Share folders until Ctrl-C, or while a command runs");
+    AddShare(shareApp, &share);
+    auto *addApp = app.add_subcommand("add", "Add a folder to a running share");
+    addApp->add_option("DIR", control.folder)->required();
+    addApp->add_option("--name", control.name, "Name of the share");
+    auto *removeApp = app.add_subcommand("remove", "Take a folder back");
+    removeApp->add_option("DIR|NAME", control.folder)->required();
+    auto *listApp = app.add_subcommand("list", "List the folders of a running share");
+    auto *statusApp = app.add_subcommand("status", "Show the state of a running share");
+    for (auto *one : {addApp, removeApp, listApp, statusApp})
+        AddControl(one, &control);
+    for (auto *one : {listApp, statusApp})
+        one->add_flag("--json", control.json, "As one JSON value");
+    auto *agentApp = app.add_subcommand("agent", "The other end: mounts what a host shares");
+    AddAgent(agentApp, &agent);
+    auto *registerApp = app.add_subcommand("register", "Enter the plug-in into the settings store");
+    auto *unregisterApp = app.add_subcommand("unregister", "Remove it from there");
+
+    try {
+        std::reverse(arguments.begin(), arguments.end()); // as the parser wants it
+        app.parse(arguments);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+    }
+    if (shareApp->parsed())
+        return RunShare(share);
+    if (agentApp->parsed())
+        return RunAgentCommand(agent);
+    if (addApp->parsed())
+        return RunAdd(control.processId, control.folder, control.name);
+    if (removeApp->parsed())
+        return RunRemove(control.processId, control.folder);
+    if (listApp->parsed())
+        return RunList(control.processId, control.json);
+    if (statusApp->parsed())
+        return RunStatus(control.processId, control.json);
+    return RunRegister(registerApp->parsed() && !unregisterApp->parsed());
+}
+
+} // namespace
+
+int main(int count, char **words)
+{
+    return Run({words + 1, words + std::max(count, 1)});
+}
