@@ -8,6 +8,7 @@
 #include <coroutine>
 #include <exception>
 #include <optional>
+#include <tuple>
 #include <utility>
 
 namespace fodr::agent {
@@ -67,40 +68,45 @@ private:
     std::coroutine_handle<promise_type> handle;
 };
 
-// Waits for what `start` hands to the handler it is given. The outcome's bytes last until the next wait.
-// Nothing of this object is touched once `start` has been called: the coroutine may have gone on, and ended,
-// on another thread by then.
-template <class Start> class [[nodiscard]] AwaitIo {
+// Waits for what `start` hands to the handler it is given, which takes these values. Bytes that they point to
+// last until the next wait. Nothing of this object is touched once `start` has been called: the coroutine
+// may have gone on, and ended, on another thread by then.
+template <class Start, class... Values> class [[nodiscard]] Awaiter {
 public:
-    explicit AwaitIo(Start starter) : start(std::move(starter)) {}
+    explicit Awaiter(Start starter) : start(std::move(starter)) {}
     bool await_ready() { return false; }
     void await_suspend(std::coroutine_handle<> awaiting)
     {
-        start(IoHandler([this, awaiting](const IoResult &outcome) {
-            result = outcome;
+        start([this, awaiting](const Values &...outcome) {
+            values = std::tuple<Values...>(outcome...);
             awaiting.resume();
-        }));
+        });
     }
-    IoResult await_resume() { return result; }
-
-private:
-    Start start;
-    IoResult result;
-};
-
-// The same for a plain call back.
-template <class Start> class [[nodiscard]] AwaitCall {
-public:
-    explicit AwaitCall(Start starter) : start(std::move(starter)) {}
-    bool await_ready() { return false; }
-    void await_suspend(std::coroutine_handle<> awaiting)
+    auto await_resume()
     {
-        start(InlineFunction<void()>([awaiting] { awaiting.resume(); }));
+        if constexpr (sizeof...(Values) == 1)
+            return std::get<0>(std::move(values));
+        else if constexpr (sizeof...(Values) > 1)
+            return std::move(values);
     }
-    void await_resume() {}
 
 private:
     Start start;
+    std::tuple<Values...> values;
 };
+
+// Of a request, for a handler without values, and for one with several.
+template <class Start> auto AwaitIo(Start start)
+{
+    return Awaiter<Start, IoResult>(std::move(start));
+}
+template <class Start> auto AwaitCall(Start start)
+{
+    return Awaiter<Start>(std::move(start));
+}
+template <class... Values, class Start> auto AwaitValues(Start start)
+{
+    return Awaiter<Start, Values...>(std::move(start));
+}
 
 } // namespace fodr::agent

@@ -5,10 +5,16 @@
 #include "rdpdr/wire/HandshakeRecords.h"
 #include "runtime/LogCall.h"
 
+#include <algorithm>
 #include <chrono>
 #include <random>
 
 namespace fodr::agent {
+namespace {
+
+constexpr size_t kSmallPayload = 600;
+
+} // namespace
 
 RdpdrClient::RdpdrClient(std::unique_ptr<platform::ByteStream> stream, const ClientOptions &clientOptions,
                          IClientObserver *clientObserver)
@@ -57,10 +63,17 @@ void RdpdrClient::Submit(DR_DEVICE_IOREQUEST request, ByteSpan payload,
         handler(IoResult{.status = STATUS_CONNECTION_DISCONNECTED});
         return;
     }
-    std::array<uint8_t, kRequestPayload> head;
-    StorePacket(request, head.data());
+    // A small payload may be gone as soon as the request has failed, which can be while it is being sent.
+    // Large ones are the sending thread's own.
+    std::array<uint8_t, kRequestPayload + kSmallPayload> packet;
+    StorePacket(request, packet.data());
+    size_t size = kRequestPayload;
+    if (payload.size() <= kSmallPayload) {
+        std::copy(payload.begin(), payload.end(), packet.begin() + kRequestPayload);
+        size += std::exchange(payload, {}).size();
+    }
     // When the connection has broken, its end fails the request like all others.
-    channel.SendPacket(head, payload);
+    channel.SendPacket(ByteSpan(packet).first(size), payload);
 }
 
 template <wire::Record Packet> void RdpdrClient::SendRecord(const Packet &packet)

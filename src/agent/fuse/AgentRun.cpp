@@ -1,0 +1,281 @@
+#include "agent/fuse/AgentRun.h"
+
+#include "agent/fuse/MountPoint.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+
+namespace fodr::agent {
+namespace {
+
+constexpr int kForever = -1;
+constexpr auto kWritesTime = std::chrono::seconds(5); // for what is on its way when the agent ends
+
+void Say(const std::string &sentence)
+{
+    fprintf(stderr, "fodr: %s\n", sentence.c_str());
+}
+
+FileSystem::Options FileSystemOptions(const AgentOptions &options)
+{
+    return {.folders = options.layout == MountLayout::Folders,
+            .cacheSeconds = options.cacheMS / 1000.0,
+            .owner = {getuid(), getgid()}};
+}
+
+// Blocks the signals that end the agent and gives a descriptor to wait for them; -1 without.
+int CatchSignals(bool wanted)
+{
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+    if (!wanted)
+        return -1;
+    sigset_t ending;
+    sigemptyset(&ending);
+    for (int number : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&ending, number);
+    pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+    return signalfd(-1, &ending, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+} // namespace
+
+AgentRun::AgentRun(const AgentOptions &agentOptions)
+    : options(agentOptions), files(FileSystemOptions(agentOptions))
+{
+    wakeEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+}
+
+AgentRun::~AgentRun()
+{
+    close(wakeEvent);
+    if (signals >= 0)
+        close(signals);
+}
+
+// ---- What others tell ----
+
+void AgentRun::WakeUp()
+{
+    const uint64_t one = 1;
+    while (write(wakeEvent, &one, sizeof(one)) < 0 && errno == EINTR) {
+    }
+}
+
+void AgentRun::OnReady()
+{
+    {
+        const transport::MutexLock held(lock);
+        ready = true;
+    }
+    WakeUp();
+}
+
+void AgentRun::OnDeviceAdded(const RemoteDevice &device)
+{
+    if (files.AddShare(std::make_shared<RemoteShare>(*client, device)))
+        client->Channel().SendNotice(transport::NoticeKind::ShareReady, device.name);
+    else
+        client->Channel().SendNotice(transport::NoticeKind::Warning,
+                                     device.name + ": isn't shown, the mount is taken by another share");
+    WakeUp();
+}
+
+void AgentRun::OnDeviceRemoved(uint32_t deviceId)
+{
+    files.RemoveShare(deviceId);
+}
+
+void AgentRun::OnGoodbye(const std::string &)
+{
+    {
+        const transport::MutexLock held(lock);
+        goodbye = true;
+    }
+    WakeUp();
+}
+
+void AgentRun::OnEnded(ChannelEnd end, const std::string &reason)
+{
+    {
+        const transport::MutexLock held(lock);
+        ended = true;
+        channelEnd = end;
+        endReason = reason;
+    }
+    WakeUp();
+}
+
+// ---- The run ----
+
+AgentRun::Event AgentRun::WaitFor(bool forShare, int timeoutMS)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMS);
+    for (;;) {
+        {
+            const transport::MutexLock held(lock);
+            if (ended)
+                return Event::Ended;
+            if (unmounted)
+                return Event::Unmounted;
+            if (goodbye)
+                return Event::Goodbye;
+            const bool folders = options.layout == MountLayout::Folders;
+            if (forShare && (folders ? ready : files.HasShare()))
+                return Event::ShareCame;
+        }
+        int wait = timeoutMS;
+        if (timeoutMS != kForever) {
+            const auto left = end - std::chrono::steady_clock::now();
+            wait = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(left).count());
+            if (wait <= 0)
+                return Event::TimedOut;
+        }
+        pollfd waits[] = {{wakeEvent, POLLIN, 0}, {signals, POLLIN, 0}};
+        poll(waits, 2, wait);
+        uint64_t count;
+        if (waits[0].revents && read(wakeEvent, &count, sizeof(count)) < 0 && errno != EAGAIN)
+            return Event::Ended;
+        if (waits[1].revents)
+            return Event::Signal;
+    }
+}
+
+int AgentRun::Fail(AgentExit result, const std::string &sentence)
+{
+    Say(sentence);
+    if (client) {
+        client->Channel().SendNotice(transport::NoticeKind::Error, sentence);
+        client->Channel().Close("the agent has ended");
+    }
+    return result;
+}
+
+int AgentRun::Run(std::unique_ptr<platform::ByteStream> stream)
+{
+    signals = CatchSignals(options.handleSignals);
+    client = std::make_unique<RdpdrClient>(std::move(stream), options.client, this);
+    client->Start();
+    std::string error;
+    if (!PrepareMountPoint(options.mountPoint, &error)) {
+        const int result = Fail(AGENT_MOUNT_FAILED, error);
+        client.reset();
+        return result;
+    }
+    if (char *resolved = realpath(options.mountPoint.c_str(), nullptr)) {
+        options.mountPoint = resolved;
+        free(resolved);
+    }
+    const int patience = options.shareWaitMS == 0 ? kForever : static_cast<int>(options.shareWaitMS);
+    const Event came = WaitFor(true, patience);
+    int result;
+    if (came != Event::ShareCame)
+        result = EndedBeforeMount(came);
+    else if (!MountNow())
+        result = AGENT_MOUNT_FAILED;
+    else
+        result = TakeDown(WaitFor(false, kForever));
+    client.reset(); // answers what still waits
+    session.reset();
+    return result;
+}
+
+bool AgentRun::MountNow()
+{
+    std::string error;
+    session = FuseSession::Mount(
+        files,
+        {.mountPoint = options.mountPoint, .readOnly = options.readOnly, .allowOther = options.allowOther},
+        &error);
+    if (!session) {
+        Fail(AGENT_MOUNT_FAILED, error);
+        return false;
+    }
+    session->Start([this] {
+        {
+            const transport::MutexLock held(lock);
+            unmounted = true;
+        }
+        WakeUp();
+    });
+    client->Channel().SendNotice(transport::NoticeKind::Mounted, options.mountPoint);
+    return true;
+}
+
+int AgentRun::EndedBeforeMount(Event event)
+{
+    switch (event) {
+    case Event::Signal:
+    case Event::Goodbye:
+        client->Channel().Close("the agent was asked to end");
+        return AGENT_ENDED;
+    case Event::TimedOut:
+        return Fail(AGENT_REFUSED, "no share was announced in " + std::to_string(options.shareWaitMS / 1000) +
+                                       " seconds, so there is nothing to mount");
+    default:
+        break;
+    }
+    const transport::MutexLock held(lock);
+    Say("the connection ended before anything was mounted: " + endReason);
+    if (channelEnd == ChannelEnd::Goodbye)
+        return AGENT_ENDED;
+    return channelEnd == ChannelEnd::Refused ? AGENT_REFUSED : AGENT_LOST;
+}
+
+// Detached users lose what isn't on its way yet; what is, is waited for a little.
+void AgentRun::WaitForWrites()
+{
+    const auto end = std::chrono::steady_clock::now() + kWritesTime;
+    while (files.HasWritesInFlight() && std::chrono::steady_clock::now() < end) {
+        {
+            const transport::MutexLock held(lock);
+            if (ended)
+                return;
+        }
+        pollfd wait = {wakeEvent, POLLIN, 0};
+        poll(&wait, 1, 20);
+    }
+}
+
+int AgentRun::TakeDown(Event event)
+{
+    int result = AGENT_ENDED;
+    std::string remark;
+    if (event == Event::Ended) {
+        const transport::MutexLock held(lock);
+        Say("the connection ended: " + endReason);
+        if (channelEnd != ChannelEnd::Goodbye)
+            result = channelEnd == ChannelEnd::Refused ? AGENT_REFUSED : AGENT_LOST;
+    }
+    if (event != Event::Unmounted && Unmount(options.mountPoint, &remark) != UnmountOutcome::Unmounted) {
+        Say(remark);
+        client->Channel().SendNotice(transport::NoticeKind::Warning, remark);
+        if (result == AGENT_ENDED)
+            result = AGENT_BUSY;
+        WaitForWrites();
+    }
+    session->Stop();
+    files.Clear();
+    client->Channel().SendNotice(transport::NoticeKind::Unmounted, options.mountPoint);
+    client->Channel().Close("the agent has unmounted");
+    return result;
+}
+
+int RunAgent(std::unique_ptr<platform::ByteStream> stream, const AgentOptions &options)
+{
+    AgentRun run(options);
+    return run.Run(std::move(stream));
+}
+
+} // namespace fodr::agent

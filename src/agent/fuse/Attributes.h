@@ -1,0 +1,32 @@
+// NT facts as POSIX shows them, and back. Any thread.
+#pragma once
+
+#include "agent/FileFacts.h"
+
+#include <string_view>
+#include <sys/stat.h>
+
+namespace fodr::agent {
+
+// Who owns everything in the mount.
+struct Owner {
+    uid_t uid = 0;
+    gid_t gid = 0;
+};
+
+// Folders are 0755, files 0755 or, read-only, 0555. `inode` is the number that the mount gives the file.
+struct stat StatOf(const FileFacts &facts, uint64_t inode, const Owner &owner);
+
+timespec TimeOfNt(int64_t ntTime);
+// Never one of the values that a set takes for "leave it" (0, -1, -2).
+int64_t NtTimeOf(const timespec &time);
+
+// The set form of FileBasicInformation: 0 leaves a time or the attributes alone.
+struct BasicChange {
+    int64_t lastAccessTime = 0;
+    int64_t lastWriteTime = 0;
+    uint32_t attributes = 0;
+};
+std::array<uint8_t, 36> BasicRecord(const BasicChange &change);
+
+} // namespace fodr::agent

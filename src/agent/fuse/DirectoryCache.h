@@ -1,0 +1,79 @@
+// Open folders, kept for a while: a name is looked up with one request on its folder's handle, and the same
+// handle tells when something in the folder changes. The number of them is bounded, and with it the
+// number of requests that wait at the other side. Any thread; handlers run outside the lock.
+#pragma once
+
+#include "agent/fuse/NodeTable.h"
+
+#include <functional>
+#include <list>
+
+namespace fodr::agent {
+
+// Closes the folder when the last who uses it has done so.
+class DirectoryHandle {
+public:
+    DirectoryHandle(NodePtr directory, std::shared_ptr<RemoteShare> remoteShare, uint32_t remoteFile)
+        : node(std::move(directory)), share(std::move(remoteShare)), fileId(remoteFile)
+    {}
+    ~DirectoryHandle();
+    DirectoryHandle(const DirectoryHandle &) = delete;
+    DirectoryHandle &operator=(const DirectoryHandle &) = delete;
+
+    RemoteShare &Share() const { return *share; }
+    uint32_t FileId() const { return fileId; }
+    // Something that is let go when the close has been answered. Set by who takes the handle out of use.
+    void KeepUntilClosed(std::shared_ptr<void> thing) { kept = std::move(thing); }
+
+private:
+    std::shared_ptr<void> kept;
+    const NodePtr node;
+    const std::shared_ptr<RemoteShare> share;
+    const uint32_t fileId;
+};
+using DirectoryHandlePtr = std::shared_ptr<DirectoryHandle>;
+
+class DirectoryCache {
+public:
+    static constexpr size_t kCapacity = 32;
+
+    // `onChange` is told of a folder in which something has changed, on a reader thread.
+    using ChangeHook = std::function<void(const NodePtr &directory)>;
+    DirectoryCache(NodeTable &nodeTable, ChangeHook onChange)
+        : table(nodeTable), changeHook(std::move(onChange))
+    {}
+
+    // Gives the folder's handle, opened if need be; null with the status of a failure.
+    using Handler = InlineFunction<void(nt::NTSTATUS, const DirectoryHandlePtr &)>;
+    void Acquire(const NodePtr &directory, Handler handler);
+
+    // Forgets a handle that turned out to be of no use.
+    void Drop(const NodePtr &directory);
+    // Closes the handles of a folder and of all folders in it, because its place or its life ends. `closed`
+    // is called when the other side has done so; those who still use one are waited for.
+    void DropBelow(const NodePtr &directory, InlineFunction<void()> closed);
+    void Clear();
+
+private:
+    struct Slot {
+        NodePtr node;
+        DirectoryHandlePtr handle; // null while it is being opened
+        std::vector<Handler> waiters;
+        uint64_t serial = 0; // tells this opening from a later one of the same folder
+    };
+    using Slots = std::list<Slot>; // the latest used first
+
+    Slots::iterator FindSlot(const NodePtr &node) REQUIRES(lock);
+    void EvictOne(std::vector<DirectoryHandlePtr> *evicted) REQUIRES(lock);
+    void OnOpened(const NodePtr &node, uint64_t serial, const std::shared_ptr<RemoteShare> &share,
+                  const IoResult &result);
+    void Watch(const NodePtr &node, const DirectoryHandlePtr &handle);
+
+    NodeTable &table;
+    const ChangeHook changeHook;
+    transport::Mutex lock;
+    Slots slots GUARDED_BY(lock);
+    uint64_t lastSerial GUARDED_BY(lock) = 0;
+};
+
+} // namespace fodr::agent

@@ -1,0 +1,162 @@
+#include "agent/fuse/DirectoryListing.h"
+
+#include "lib/unicode/NameMapping.h"
+#include "platform/NtRecords.h"
+
+#include <algorithm>
+
+namespace fodr::agent {
+
+using transport::MutexLock;
+
+DirectoryListing::~DirectoryListing()
+{
+    // The last reference: nobody else looks.
+    lock.lock();
+    const bool open = !closed;
+    lock.unlock();
+    if (open)
+        Close();
+}
+
+const DirectoryListing::Entry *DirectoryListing::At(size_t index) const
+{
+    const MutexLock held(lock);
+    return index < entries.size() ? &entries[index] : nullptr;
+}
+
+nt::NTSTATUS DirectoryListing::Status() const
+{
+    const MutexLock held(lock);
+    return status;
+}
+
+bool DirectoryListing::IsBegun() const
+{
+    const MutexLock held(lock);
+    return begun;
+}
+
+DirectoryListing::Clock::time_point DirectoryListing::BegunAt() const
+{
+    const MutexLock held(lock);
+    return begunAt;
+}
+
+void DirectoryListing::WhenKnown(size_t index, Waiter waiter)
+{
+    size_t queries = 0;
+    bool known;
+    {
+        const MutexLock held(lock);
+        if (!begun) {
+            begun = true;
+            begunAt = Clock::now();
+            queries = PlanQueries();
+        }
+        known = KnowsAbout(index);
+        if (!known)
+            waiting.push_back({index, std::move(waiter)});
+    }
+    SendQueries(queries);
+    if (known)
+        waiter();
+}
+
+// How many queries to send now; they count as under way. A tagged share's root answers one after the other:
+// what follows its made-up listing ends it once, and then would list what isn't to be seen.
+size_t DirectoryListing::PlanQueries()
+{
+    if (ended)
+        return 0;
+    const bool oneByOne = share->Device().IsTagged() && ofRoot;
+    const size_t wanted = oneByOne ? 1 : std::min(kMostQueries, 2 + answered);
+    const size_t count = wanted - std::min(wanted, inFlight);
+    inFlight += count;
+    return count;
+}
+
+void DirectoryListing::SendQueries(size_t count)
+{
+    const bool tagged = share->Device().IsTagged() && ofRoot;
+    for (; count != 0; --count) {
+        bool first;
+        {
+            const MutexLock held(lock);
+            first = answered == 0;
+        }
+        const std::u16string_view pattern =
+            tagged && first ? std::u16string_view(u"\\*") : std::u16string_view();
+        share->QueryDirectory(
+            fileId, nt::FileFullDirectoryInformation, tagged && first, pattern,
+            [self = shared_from_this()](const IoResult &result) { self->OnAnswer(result); });
+    }
+}
+
+void DirectoryListing::Close()
+{
+    node->opens.BeginClose();
+    share->Close(fileId, [directory = node](const IoResult &) { directory->opens.EndClose(); });
+}
+
+void DirectoryListing::TakeEntries(ByteSpan answer)
+{
+    ended = ended || answer.empty(); // a peer that never ends
+    DirectoryReader reader(answer);
+    std::u16string ntName;
+    for (DirectoryReader::Entry record; reader.Next(&record);) {
+        ntName.resize(record.name.size() / 2);
+        for (size_t i = 0; i < ntName.size(); ++i)
+            ntName[i] = static_cast<char16_t>(LoadLittle<uint16_t>(&record.name[2 * i]));
+        Entry entry;
+        entry.facts = record.facts;
+        // What has no POSIX name can't be shown.
+        if (!PosixNameFromNt(ntName, entry.name) || entry.name == "." || entry.name == ".." ||
+            entry.name.empty() || entry.name.starts_with(kHiddenPrefix))
+            continue;
+        entries.push_back(std::move(entry));
+    }
+    if (reader.Malformed()) {
+        ended = true;
+        status = STATUS_INVALID_NETWORK_RESPONSE;
+    }
+}
+
+void DirectoryListing::OnAnswer(const IoResult &result)
+{
+    std::vector<Waiter> ready;
+    size_t queries = 0;
+    bool close;
+    {
+        const MutexLock held(lock);
+        --inFlight;
+        ++answered;
+        if (result.Failed()) {
+            ended = true;
+            const bool atEnd =
+                result.status == nt::STATUS_NO_MORE_FILES || result.status == nt::STATUS_NO_SUCH_FILE;
+            if (!atEnd && status == nt::STATUS_SUCCESS)
+                status = result.status;
+        } else {
+            TakeEntries(result.data);
+        }
+        queries = PlanQueries();
+        close = IsOver() && !closed;
+        closed = closed || close;
+        for (size_t i = 0; i < waiting.size();) {
+            if (!KnowsAbout(waiting[i].index)) {
+                ++i;
+                continue;
+            }
+            ready.push_back(std::move(waiting[i].waiter));
+            waiting.erase(waiting.begin() + static_cast<ptrdiff_t>(i));
+        }
+    }
+    SendQueries(queries);
+    if (close)
+        Close();
+    for (Waiter &waiter : ready)
+        waiter();
+}
+
+} // namespace fodr::agent

@@ -1,0 +1,77 @@
+// One listing of a folder, from front to back. Several queries are under way at once; each brings another
+// part, in no certain order, which is no matter for a listing. Any thread; handlers run outside the lock.
+#pragma once
+
+#include "agent/fuse/Node.h"
+
+#include <chrono>
+#include <deque>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace fodr::agent {
+
+// Names under which files wait for their last close, and which nobody is shown.
+inline constexpr std::string_view kHiddenPrefix = ".fodr-deleted-";
+
+class DirectoryListing : public std::enable_shared_from_this<DirectoryListing> {
+public:
+    struct Entry {
+        std::string name; // POSIX
+        FileFacts facts;
+    };
+    using Clock = std::chrono::steady_clock;
+
+    // Takes the folder's handle over, which was opened for this.
+    DirectoryListing(NodePtr directory, std::shared_ptr<RemoteShare> remoteShare, uint32_t remoteFile,
+                     bool rootOfShare)
+        : node(std::move(directory)), share(std::move(remoteShare)), fileId(remoteFile), ofRoot(rootOfShare)
+    {}
+    ~DirectoryListing();
+
+    // Calls the handler when entry `index` is there, or surely won't be.
+    using Waiter = InlineFunction<void()>;
+    void WhenKnown(size_t index, Waiter waiter);
+
+    // Null when the listing has fewer entries. An entry stays where it is while the listing lives.
+    const Entry *At(size_t index) const;
+    // Why the listing ended, once it has.
+    nt::NTSTATUS Status() const;
+    // Whether any entry was asked for.
+    bool IsBegun() const;
+    Clock::time_point BegunAt() const;
+
+private:
+    static constexpr size_t kMostQueries = 8;
+
+    bool KnowsAbout(size_t index) const REQUIRES(lock) { return index < entries.size() || IsOver(); }
+    bool IsOver() const REQUIRES(lock) { return ended && inFlight == 0; }
+    size_t PlanQueries() REQUIRES(lock);
+    void SendQueries(size_t count);
+    void OnAnswer(const IoResult &result);
+    void Close();
+    void TakeEntries(ByteSpan answer) REQUIRES(lock);
+
+    const NodePtr node;
+    const std::shared_ptr<RemoteShare> share;
+    const uint32_t fileId;
+    const bool ofRoot;
+
+    mutable transport::Mutex lock;
+    std::deque<Entry> entries GUARDED_BY(lock);
+    struct Pending {
+        size_t index;
+        Waiter waiter;
+    };
+    std::vector<Pending> waiting GUARDED_BY(lock);
+    bool begun GUARDED_BY(lock) = false;
+    Clock::time_point begunAt GUARDED_BY(lock){};
+    bool ended GUARDED_BY(lock) = false;
+    bool closed GUARDED_BY(lock) = false;
+    size_t inFlight GUARDED_BY(lock) = 0;
+    size_t answered GUARDED_BY(lock) = 0;
+    nt::NTSTATUS status GUARDED_BY(lock) = nt::STATUS_SUCCESS;
+};
+
+} // namespace fodr::agent

@@ -1,0 +1,142 @@
+#include "agent/fuse/FileSystem.h"
+
+#include "agent/fuse/Fuse.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <random>
+
+namespace fodr::agent {
+namespace {
+
+// Names and facts that this side changed within this time are the reason for a notification; what the kernel
+// knows of them is no older than what it may believe anyway.
+constexpr auto kOwnChangeSpan = std::chrono::seconds(1);
+
+} // namespace
+
+FileSystem::FileSystem(const Options &fileSystemOptions)
+    : options(fileSystemOptions),
+      directories(table, [this](const NodePtr &directory) { OnDirectoryChanged(directory); }),
+      hiddenSeed(std::random_device{}())
+{}
+
+// ---- Shares ----
+
+// A share's name as a folder of the root, where it can be one.
+std::string FileSystem::FolderName(const std::string &shareName) const
+{
+    std::string name = shareName.substr(0, 255);
+    std::replace(name.begin(), name.end(), '/', '_');
+    if (name.empty() || name == "." || name == "..")
+        name = "_" + name;
+    return name;
+}
+
+bool FileSystem::AddShare(std::shared_ptr<RemoteShare> share)
+{
+    const uint32_t deviceId = share->Device().id;
+    if (!options.folders) {
+        uint32_t none = 0;
+        if (!rootDevice.compare_exchange_strong(none, deviceId) && none != deviceId)
+            return false;
+        table.SetRootShare(std::move(share));
+        notifier.AttributesChanged(NodeTable::kRootId);
+        return true;
+    }
+    RemoveShare(deviceId); // it may have come back under its number
+    const std::string name = FolderName(share->Device().name);
+    if (!table.AddShareFolder(name, std::move(share)))
+        return false;
+    notifier.NameChanged(NodeTable::kRootId, name);
+    return true;
+}
+
+void FileSystem::RemoveShare(uint32_t deviceId)
+{
+    if (!options.folders) {
+        uint32_t present = deviceId;
+        if (rootDevice.compare_exchange_strong(present, 0)) {
+            table.SetRootShare(nullptr);
+            notifier.AttributesChanged(NodeTable::kRootId);
+        }
+        return;
+    }
+    const std::string name = table.RemoveShareFolder(deviceId);
+    if (!name.empty())
+        notifier.NameGone(NodeTable::kRootId, name);
+}
+
+bool FileSystem::HasShare() const
+{
+    return table.RootShare() || !table.ShareFolders().empty();
+}
+
+void FileSystem::SetSession(fuse_session *fuseSession)
+{
+    session = fuseSession;
+    if (fuseSession)
+        notifier.SetSession(fuseSession);
+    else
+        notifier.Stop();
+}
+
+// ---- What the kernel is told ----
+
+void FileSystem::OnDirectoryChanged(const NodePtr &directory)
+{
+    const auto lately = Node::Clock::now() - kOwnChangeSpan;
+    if (directory->ChangedSince(lately))
+        return;
+    const auto children = table.ChildrenOf(directory);
+    for (const auto &[name, id] : children) {
+        const NodePtr child = table.Find(id);
+        if (child && child->ChangedSince(lately))
+            return;
+    }
+    notifier.AttributesChanged(directory->id);
+    for (const auto &[name, id] : children) {
+        notifier.NameChanged(directory->id, name);
+        notifier.AttributesChanged(id);
+    }
+}
+
+EntryAnswer FileSystem::AnswerFor(const NodePtr &node, const FileFacts &facts, bool lasting) const
+{
+    return {.node = node->id,
+            .attributes = StatOf(facts, node->id, options.owner),
+            .nameSeconds = options.cacheSeconds,
+            .attributeSeconds = lasting ? options.cacheSeconds : 0};
+}
+
+// `node` has one lookup more for this answer.
+bool FileSystem::ReplyEntry(const FuseCall::Ptr &call, const NodePtr &node, const FileFacts &facts,
+                            bool lasting)
+{
+    if (call->Entry(AnswerFor(node, facts, lasting)))
+        return true;
+    table.Forget(node->id, 1);
+    return false;
+}
+
+// Where a name is to be made or removed. False when it can't be, with the call answered.
+bool FileSystem::LocateForChange(const FuseCall::Ptr &call, const NodePtr &parent, const std::string &name,
+                                 Place *place) const
+{
+    if (!parent || !table.PlaceIn(parent, name, place)) {
+        // The root of several shares isn't anybody's folder.
+        call->Fail(parent && parent == table.Root() ? EPERM : ESTALE);
+        return false;
+    }
+    if (place->share->Device().IsReadOnly()) {
+        call->Fail(EROFS);
+        return false;
+    }
+    if (name.starts_with(kHiddenPrefix)) {
+        call->Fail(EPERM);
+        return false;
+    }
+    return true;
+}
+
+} // namespace fodr::agent

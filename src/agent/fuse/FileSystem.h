@@ -1,0 +1,162 @@
+// The file system that the kernel sees: each operation is a coroutine of remote file calls that answers its
+// request from where the last outcome came in. No thread waits for the other side.
+#pragma once
+
+#include "agent/Coroutine.h"
+#include "agent/TransferWindow.h"
+#include "agent/fuse/Attributes.h"
+#include "agent/fuse/DirectoryCache.h"
+#include "agent/fuse/DirectoryListing.h"
+#include "agent/fuse/FuseCall.h"
+#include "agent/fuse/KernelNotifier.h"
+#include "agent/fuse/NodeTable.h"
+
+#include <set>
+#include <string>
+
+struct fuse_session;
+
+namespace fodr::agent {
+
+class ListingBuffer;
+
+// What setattr changes.
+struct AttributeChange {
+    bool setSize = false, setMode = false, setUser = false, setGroup = false;
+    uint64_t size = 0;
+    mode_t mode = 0;
+    Owner owner;
+    bool setAccessTime = false, setWriteTime = false;
+    timespec accessTime{}, writeTime{};
+};
+
+class FileSystem {
+public:
+    struct Options {
+        bool folders = false; // shares are folders of the root
+        double cacheSeconds = 1;
+        Owner owner;
+    };
+    explicit FileSystem(const Options &fileSystemOptions);
+
+    // Shares come and go on reader threads. False: the share isn't shown.
+    bool AddShare(std::shared_ptr<RemoteShare> share);
+    void RemoveShare(uint32_t deviceId);
+    bool HasShare() const;
+
+    // For the kernel's notices; null before the session ends.
+    void SetSession(fuse_session *fuseSession);
+    // Before the client goes: gives up what is open for the file system's own use.
+    void Clear() { directories.Clear(); }
+    bool HasWritesInFlight() const { return writeWindow.InFlight() != 0; }
+    InterruptWatch &Interrupts() { return interrupts; }
+
+    // Operations, by their names in fuse_lowlevel_ops. Texts and bytes are borrowed for the call; `handle` is
+    // what Opened or Created gave, 0 where the kernel gave none.
+    Detached Lookup(FuseCall::Ptr call, uint64_t parentId, std::string name);
+    void Forget(uint64_t nodeId, uint64_t lookups) { table.Forget(nodeId, lookups); }
+    Detached GetAttributes(FuseCall::Ptr call, uint64_t nodeId);
+    Detached SetAttributes(FuseCall::Ptr call, uint64_t nodeId, AttributeChange change, uint64_t handle);
+    Detached StatFs(FuseCall::Ptr call, uint64_t nodeId);
+
+    Detached Open(FuseCall::Ptr call, uint64_t nodeId, int flags);
+    Detached Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode, int flags);
+    void Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, uint32_t length);
+    void Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes);
+    void Flush(FuseCall::Ptr call, uint64_t handle);
+    void Release(FuseCall::Ptr call, uint64_t handle);
+    Detached Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uint64_t offset, uint64_t length);
+
+    Detached MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::string name);
+    Detached RemoveDirectory(FuseCall::Ptr call, uint64_t parentId, std::string name);
+    Detached Unlink(FuseCall::Ptr call, uint64_t parentId, std::string name);
+    Detached Rename(FuseCall::Ptr call, uint64_t parentId, std::string name, uint64_t newParentId,
+                    std::string newName, unsigned flags);
+
+    Detached OpenDirectory(FuseCall::Ptr call, uint64_t nodeId);
+    Detached ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t size, uint64_t offset, bool plus);
+    void ReleaseDirectory(FuseCall::Ptr call, uint64_t handle);
+
+private:
+    using Place = NodeTable::Place;
+    // A name that was found, or why it wasn't.
+    struct Found {
+        nt::NTSTATUS status = nt::STATUS_SUCCESS;
+        FileFacts facts;
+        std::string name; // as the other side spells it
+    };
+    // An open directory of the kernel's.
+    struct OpenListing {
+        NodePtr node;
+        std::shared_ptr<DirectoryListing> listing; // of shares: null
+    };
+    using OpenListingPtr = std::shared_ptr<OpenListing>;
+
+    // FileSystem.cpp
+    std::string FolderName(const std::string &shareName) const;
+    void OnDirectoryChanged(const NodePtr &directory);
+    EntryAnswer AnswerFor(const NodePtr &node, const FileFacts &facts, bool lasting) const;
+    bool ReplyEntry(const FuseCall::Ptr &call, const NodePtr &node, const FileFacts &facts, bool lasting);
+    bool LocateForChange(const FuseCall::Ptr &call, const NodePtr &parent, const std::string &name,
+                         Place *place) const;
+
+    // FileSystemLookup.cpp
+    Task<Found> Find(NodePtr parent, std::string name);
+    auto AwaitDirectory(const NodePtr &node)
+    {
+        return AwaitValues<nt::NTSTATUS, DirectoryHandlePtr>(
+            [this, &node](DirectoryCache::Handler done) { directories.Acquire(node, std::move(done)); });
+    }
+    Task<Found> FindByHandle(NodePtr parent, std::string name, bool *decided);
+    Task<Found> FindByPath(Place place, std::string name);
+    Task<Found> FactsOf(NodePtr node);
+    Task<Found> FactsOfDirectory(NodePtr node);
+
+    // FileSystemAttributes.cpp
+    struct Borrowed { // a handle to change a file with
+        nt::NTSTATUS status = nt::STATUS_SUCCESS;
+        std::shared_ptr<RemoteShare> share;
+        uint32_t fileId = 0;
+        OpenFilePtr file; // whose handle it is; null: to be closed
+    };
+    Task<Borrowed> BorrowHandle(NodePtr node, OpenFilePtr file, bool forData);
+    void GiveBack(const NodePtr &node, const Borrowed &borrowed);
+    Task<nt::NTSTATUS> ChangeBasics(const Borrowed &borrowed, const AttributeChange &change, bool directory);
+
+    // FileSystemOpen.cpp
+    uint64_t KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
+                      int flags);
+    void PrimeReading(const OpenFilePtr &file);
+    void CloseLater(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId);
+
+    // FileSystemNames.cpp
+    Task<nt::NTSTATUS> DeleteAt(Place place, bool directory);
+    Task<nt::NTSTATUS> DeleteOpened(const Place &place, uint32_t fileId);
+    Task<nt::NTSTATUS> ClearReadOnly(const Place &place);
+    Task<nt::NTSTATUS> DeleteOpenFile(NodePtr parent, Place place);
+    Task<nt::NTSTATUS> RenameOver(Place source, uint32_t sourceFile, NodePtr targetParent,
+                                  std::string targetName, Place target, nt::NTSTATUS refusal);
+    Task<nt::NTSTATUS> RenameOverOpenFile(Place source, uint32_t sourceFile, NodePtr targetParent,
+                                          Place target);
+    // FileSystemList.cpp
+    Task<nt::NTSTATUS> BeginListing(OpenListingPtr open);
+    void FillListing(const OpenListing &open, uint64_t offset, ListingBuffer *buffer,
+                     std::vector<uint64_t> *reached);
+    bool IsListedNow(const OpenListing &open, const DirectoryListing::Entry &entry) const;
+
+    std::u16string HiddenPath(const NodePtr &parent);
+    static OpenFilePtr &FileOf(uint64_t handle) { return *reinterpret_cast<OpenFilePtr *>(handle); }
+
+    const Options options;
+    NodeTable table;
+    TransferWindow readWindow, writeWindow;
+    DirectoryCache directories;
+    KernelNotifier notifier;
+    InterruptWatch interrupts;
+    std::atomic<fuse_session *> session{nullptr};
+    std::atomic<uint32_t> hiddenCounter{0};
+    const uint32_t hiddenSeed;
+    std::atomic<uint32_t> rootDevice{0}; // of the share that is the root
+};
+
+} // namespace fodr::agent

@@ -1,0 +1,192 @@
+#include "agent/fuse/FileSystem.h"
+#include "agent/fuse/RemoteCalls.h"
+#include "platform/Nt.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+namespace fodr::agent {
+namespace {
+
+// Those that can be set (MS-FSCC 2.6).
+constexpr uint32_t kSettableAttributes = nt::FILE_ATTRIBUTE_READONLY | nt::FILE_ATTRIBUTE_HIDDEN |
+                                         nt::FILE_ATTRIBUTE_SYSTEM | nt::FILE_ATTRIBUTE_ARCHIVE |
+                                         nt::FILE_ATTRIBUTE_TEMPORARY;
+
+constexpr uint32_t kAttributeAccess = nt::FILE_READ_ATTRIBUTES | nt::FILE_WRITE_ATTRIBUTES | nt::SYNCHRONIZE;
+
+std::array<uint8_t, 8> SizeRecord(uint64_t size)
+{
+    std::array<uint8_t, 8> record;
+    StoreLittle(record.data(), size);
+    return record;
+}
+
+} // namespace
+
+// A handle that is open for writing serves; without one the file is opened for the purpose.
+Task<FileSystem::Borrowed> FileSystem::BorrowHandle(NodePtr node, OpenFilePtr file, bool forData)
+{
+    Borrowed borrowed;
+    if (!file || !file->writable)
+        file = node->opens.Any(true);
+    if (file) {
+        borrowed.file = file;
+        borrowed.share = file->share;
+        borrowed.fileId = file->fileId;
+        co_return borrowed;
+    }
+    Place place;
+    if (!table.PlaceOf(node, &place)) {
+        borrowed.status = nt::STATUS_FILE_DELETED;
+        co_return borrowed;
+    }
+    const RemoteShare::CreateCall open = {
+        .desiredAccess = kAttributeAccess | (forData ? nt::FILE_WRITE_DATA : 0),
+        .createDisposition = nt::FILE_OPEN,
+        .createOptions = node->directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE};
+    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    borrowed.status = opened.status;
+    borrowed.share = place.share;
+    borrowed.fileId = opened.fileId;
+    co_return borrowed;
+}
+
+void FileSystem::GiveBack(const NodePtr &node, const Borrowed &borrowed)
+{
+    if (!borrowed.file && !nt::IsError(borrowed.status))
+        CloseLater(node, borrowed.share, borrowed.fileId);
+}
+
+// The read-only attribute stands for the owner's write bit; the other bits have no place to be kept.
+Task<nt::NTSTATUS> FileSystem::ChangeBasics(const Borrowed &borrowed, const AttributeChange &change,
+                                            bool directory)
+{
+    BasicChange basics;
+    if (change.setAccessTime)
+        basics.lastAccessTime = NtTimeOf(change.accessTime);
+    if (change.setWriteTime)
+        basics.lastWriteTime = NtTimeOf(change.writeTime);
+    if (change.setMode && !directory) {
+        const IoResult result =
+            co_await QueryFile(*borrowed.share, borrowed.fileId, nt::FileNetworkOpenInformation);
+        FileFacts facts;
+        if (result.Failed())
+            co_return result.status;
+        if (!ReadNetworkOpenInformation(result.data, &facts))
+            co_return STATUS_INVALID_NETWORK_RESPONSE;
+        const bool readOnly = (change.mode & S_IWUSR) == 0;
+        uint32_t attributes = facts.attributes & kSettableAttributes & ~nt::FILE_ATTRIBUTE_READONLY;
+        attributes |= readOnly ? nt::FILE_ATTRIBUTE_READONLY : 0;
+        if (facts.IsReadOnly() != readOnly)
+            basics.attributes = attributes ? attributes : nt::FILE_ATTRIBUTE_NORMAL;
+    }
+    if (basics.lastAccessTime == 0 && basics.lastWriteTime == 0 && basics.attributes == 0)
+        co_return nt::STATUS_SUCCESS;
+    const std::array<uint8_t, 36> record = BasicRecord(basics);
+    const IoResult result =
+        co_await SetFile(*borrowed.share, borrowed.fileId, nt::FileBasicInformation, record);
+    co_return result.status;
+}
+
+Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, AttributeChange change,
+                                   uint64_t handle)
+{
+    const NodePtr node = table.Find(nodeId);
+    const OpenFilePtr file = handle ? FileOf(handle) : nullptr;
+    Place place;
+    if (!node) {
+        call->Fail(ESTALE);
+        co_return;
+    }
+    if (table.PlaceOf(node, &place) && place.share->Device().IsReadOnly()) {
+        call->Fail(EROFS);
+        co_return;
+    }
+    // Everything here belongs to one owner and stays so.
+    if ((change.setUser && change.owner.uid != options.owner.uid) ||
+        (change.setGroup && change.owner.gid != options.owner.gid)) {
+        call->Fail(EPERM);
+        co_return;
+    }
+    const std::shared_ptr<WriteBehind> writes = node->WritesIfAny();
+    if (writes)
+        co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+
+    const bool changesBasics = change.setMode || change.setAccessTime || change.setWriteTime;
+    Borrowed borrowed;
+    if (change.setSize || changesBasics) {
+        borrowed = co_await BorrowHandle(node, file, change.setSize);
+        nt::NTSTATUS status = borrowed.status;
+        node->NoteOwnChange();
+        if (!nt::IsError(status) && change.setSize) {
+            const std::array<uint8_t, 8> record = SizeRecord(change.size);
+            const IoResult result =
+                co_await SetFile(*borrowed.share, borrowed.fileId, nt::FileEndOfFileInformation, record);
+            status = result.status;
+            if (writes)
+                writes->DataChanged();
+        }
+        if (!nt::IsError(status) && changesBasics)
+            status = co_await ChangeBasics(borrowed, change, node->directory);
+        if (nt::IsError(status)) {
+            GiveBack(node, borrowed);
+            call->FailStatus(status);
+            co_return;
+        }
+    }
+    // The facts of what was borrowed are asked of that handle, while it is there.
+    Found found;
+    if (borrowed.share && !borrowed.file) {
+        const IoResult result =
+            co_await QueryFile(*borrowed.share, borrowed.fileId, nt::FileNetworkOpenInformation);
+        found.status = result.status;
+        if (!result.Failed() && !ReadNetworkOpenInformation(result.data, &found.facts))
+            found.status = STATUS_INVALID_NETWORK_RESPONSE;
+        GiveBack(node, borrowed);
+        if (!nt::IsError(found.status))
+            node->NoteFacts(found.facts);
+    } else {
+        found = co_await FactsOf(node);
+    }
+    if (nt::IsError(found.status))
+        call->FailStatus(found.status);
+    else
+        call->Attributes(StatOf(found.facts, node->id, options.owner),
+                         node->opens.Any(true) ? 0 : options.cacheSeconds);
+}
+
+// Files grow by this and never shrink; holes aren't made, and nothing is reserved.
+Detached FileSystem::Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uint64_t offset, uint64_t length)
+{
+    const OpenFilePtr file = FileOf(handle);
+    if (mode != 0) {
+        call->Fail(EOPNOTSUPP);
+        co_return;
+    }
+    if (!file->writable) {
+        call->Fail(EBADF);
+        co_return;
+    }
+    const std::shared_ptr<WriteBehind> writes = file->node->Writes(writeWindow);
+    co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    const IoResult queried = co_await QueryFile(*file->share, file->fileId, nt::FileNetworkOpenInformation);
+    FileFacts facts;
+    if (queried.Failed() || !ReadNetworkOpenInformation(queried.data, &facts)) {
+        call->FailStatus(queried.Failed() ? queried.status : STATUS_INVALID_NETWORK_RESPONSE);
+        co_return;
+    }
+    if (facts.endOfFile >= 0 && static_cast<uint64_t>(facts.endOfFile) >= offset + length) {
+        call->Done();
+        co_return;
+    }
+    file->node->NoteOwnChange();
+    const std::array<uint8_t, 8> record = SizeRecord(offset + length);
+    const IoResult result =
+        co_await SetFile(*file->share, file->fileId, nt::FileEndOfFileInformation, record);
+    writes->DataChanged();
+    call->FailStatus(result.status);
+}
+
+} // namespace fodr::agent

@@ -1,0 +1,143 @@
+#include "agent/fuse/FileSystem.h"
+#include "agent/fuse/ListingBuffer.h"
+#include "agent/fuse/RemoteCalls.h"
+#include "platform/Nt.h"
+
+#include <cerrno>
+#include <memory>
+
+namespace fodr::agent {
+namespace {
+
+constexpr ino_t kUnknownInode = 0xFFFFFFFF; // as the library itself says it; 0 would mean a deleted entry
+
+} // namespace
+
+Detached FileSystem::OpenDirectory(FuseCall::Ptr call, uint64_t nodeId)
+{
+    auto open = std::make_shared<OpenListing>();
+    open->node = table.Find(nodeId);
+    if (!open->node) {
+        call->Fail(ESTALE);
+        co_return;
+    }
+    if (!(options.folders && open->node == table.Root())) {
+        const nt::NTSTATUS status = co_await BeginListing(open);
+        if (nt::IsError(status)) {
+            call->FailStatus(status);
+            co_return;
+        }
+    }
+    auto *kept = new OpenListingPtr(std::move(open));
+    if (!call->Opened(reinterpret_cast<uint64_t>(kept)))
+        delete kept;
+}
+
+Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
+{
+    Place place;
+    if (!table.PlaceOf(open->node, &place))
+        co_return open->node == table.Root() ? nt::STATUS_DEVICE_REMOVED : nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    const RemoteShare::CreateCall create = {.desiredAccess = nt::FILE_LIST_DIRECTORY |
+                                                             nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
+                                            .createDisposition = nt::FILE_OPEN,
+                                            .createOptions = nt::FILE_DIRECTORY_FILE};
+    const IoResult opened = co_await CreateFile(*place.share, create, place.path);
+    if (opened.Failed())
+        co_return opened.status;
+    const bool rootOfShare = place.path.size() == 1;
+    open->listing = std::make_shared<DirectoryListing>(open->node, place.share, opened.fileId, rootOfShare);
+    co_return nt::STATUS_SUCCESS;
+}
+
+// Positions: 1 and 2 are behind "." and "..", 3 + i behind entry i.
+Detached FileSystem::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t size, uint64_t offset,
+                                   bool plus)
+{
+    const OpenListingPtr open = *reinterpret_cast<OpenListingPtr *>(handle);
+    if (open->listing && offset == 0 && open->listing->IsBegun()) {
+        // From the start again: the folder as it is now.
+        const nt::NTSTATUS status = co_await BeginListing(open);
+        if (nt::IsError(status)) {
+            call->FailStatus(status);
+            co_return;
+        }
+    }
+    const std::shared_ptr<DirectoryListing> listing = open->listing;
+    if (listing) {
+        const uint64_t first = offset < 2 ? 0 : offset - 2;
+        co_await AwaitCall([&](InlineFunction<void()> done) { listing->WhenKnown(first, std::move(done)); });
+        const nt::NTSTATUS status = listing->Status();
+        if (!listing->At(first) && nt::IsError(status)) {
+            call->FailStatus(status);
+            co_return;
+        }
+    }
+    std::vector<uint64_t> reached; // nodes with a lookup more
+    ListingBuffer buffer(size, plus);
+    FillListing(*open, offset, &buffer, &reached);
+    if (!call->Bytes(buffer.Filled())) {
+        for (uint64_t node : reached)
+            table.Forget(node, 1);
+    }
+}
+
+void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBuffer *buffer,
+                             std::vector<uint64_t> *reached)
+{
+    static const std::string kSelfAndParent[] = {".", ".."};
+    EntryAnswer folder;
+    folder.attributes.st_mode = S_IFDIR;
+    folder.attributes.st_ino = kUnknownInode;
+    for (; offset < 2; ++offset) {
+        if (!buffer->Add(kSelfAndParent[offset], folder, offset + 1))
+            return;
+    }
+    if (!open.listing) {
+        const std::vector<std::string> folders = table.ShareFolders();
+        for (; offset - 2 < folders.size(); ++offset) {
+            if (!buffer->Add(folders[offset - 2], folder, offset + 1))
+                return;
+        }
+        return;
+    }
+    while (const DirectoryListing::Entry *entry = open.listing->At(offset - 2)) {
+        ++offset;
+        EntryAnswer answer;
+        answer.attributes = StatOf(entry->facts, kUnknownInode, options.owner);
+        if (buffer->IsPlus() && IsListedNow(open, *entry)) {
+            const NodePtr node = table.Reach(open.node, entry->name, entry->facts.IsDirectory());
+            node->NoteFacts(entry->facts);
+            answer = AnswerFor(node, entry->facts, true);
+            if (Node::Clock::now() - open.listing->BegunAt() >
+                std::chrono::duration<double>(options.cacheSeconds))
+                answer.nameSeconds = answer.attributeSeconds = 0;
+            reached->push_back(node->id);
+        }
+        if (buffer->Add(entry->name, answer, offset))
+            continue;
+        if (answer.node != 0) {
+            reached->pop_back();
+            table.Forget(answer.node, 1);
+        }
+        return;
+    }
+}
+
+// Whether an entry still says what is so, as far as this side has to do with it.
+bool FileSystem::IsListedNow(const OpenListing &open, const DirectoryListing::Entry &entry) const
+{
+    const auto begun = open.listing->BegunAt();
+    if (open.node->ChangedSince(begun))
+        return false;
+    const NodePtr node = table.Child(open.node, entry.name);
+    return !node || !(node->ChangedSince(begun) || node->opens.Any(true));
+}
+
+void FileSystem::ReleaseDirectory(FuseCall::Ptr call, uint64_t handle)
+{
+    delete reinterpret_cast<OpenListingPtr *>(handle);
+    call->Done();
+}
+
+} // namespace fodr::agent

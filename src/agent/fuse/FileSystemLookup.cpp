@@ -1,0 +1,258 @@
+#include "agent/fuse/FileSystem.h"
+#include "agent/fuse/RemoteCalls.h"
+#include "lib/unicode/NameMapping.h"
+#include "platform/Nt.h"
+
+#include <cerrno>
+
+namespace fodr::agent {
+namespace {
+
+bool SaysAbsent(nt::NTSTATUS status)
+{
+    return status == nt::STATUS_OBJECT_NAME_NOT_FOUND || status == nt::STATUS_NO_SUCH_FILE ||
+           status == nt::STATUS_NO_MORE_FILES || status == nt::STATUS_OBJECT_PATH_NOT_FOUND ||
+           status == nt::STATUS_DELETE_PENDING || status == nt::STATUS_FILE_DELETED ||
+           status == nt::STATUS_OBJECT_NAME_INVALID;
+}
+
+// The entry of the name in the answer to a search for it: the exact one, or the first, which differs in case.
+bool PickEntry(ByteSpan answer, const std::u16string &wanted, FileFacts *facts, std::string *name)
+{
+    bool found = false;
+    DirectoryReader reader(answer);
+    std::u16string ntName;
+    std::string posixName;
+    for (DirectoryReader::Entry entry; reader.Next(&entry);) {
+        ntName.resize(entry.name.size() / 2);
+        for (size_t i = 0; i < ntName.size(); ++i)
+            ntName[i] = static_cast<char16_t>(LoadLittle<uint16_t>(&entry.name[2 * i]));
+        const bool exact = ntName == wanted;
+        if ((found && !exact) || !PosixNameFromNt(ntName, posixName))
+            continue;
+        *facts = entry.facts;
+        *name = posixName;
+        found = true;
+        if (exact)
+            break;
+    }
+    return found;
+}
+
+} // namespace
+
+// ---- Finding names ----
+
+Task<FileSystem::Found> FileSystem::Find(NodePtr parent, std::string name)
+{
+    if (name.starts_with(kHiddenPrefix))
+        co_return Found{.status = nt::STATUS_OBJECT_NAME_NOT_FOUND, .facts = {}, .name = {}};
+    bool decided = false;
+    Found found = co_await FindByHandle(parent, name, &decided);
+    if (decided)
+        co_return found;
+    Place place;
+    if (!table.PlaceIn(parent, name, &place))
+        co_return Found{.status = nt::STATUS_OBJECT_PATH_NOT_FOUND, .facts = {}, .name = {}};
+    found = co_await FindByPath(place, name);
+    co_return found;
+}
+
+// One request, once the folder is open. Not decided: another way has to be tried.
+Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string name, bool *decided)
+{
+    Found found;
+    Place place;
+    if (!table.PlaceOf(parent, &place) || place.share->Device().IsTagged())
+        co_return found;
+    const auto [acquired, directory] = co_await AwaitDirectory(parent);
+    if (!directory) {
+        found.status = acquired;
+        *decided = acquired != nt::STATUS_ACCESS_DENIED && acquired != nt::STATUS_SHARING_VIOLATION;
+        co_return found;
+    }
+    const std::u16string wanted = NtNameFromPosix(name);
+    const IoResult result = co_await SearchDirectory(directory->Share(), directory->FileId(), wanted);
+    found.status = result.status;
+    if (!result.Failed() && !PickEntry(result.data, wanted, &found.facts, &found.name))
+        found.status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
+    if (found.status == nt::STATUS_INVALID_HANDLE || found.status == nt::STATUS_CANCELLED) {
+        directories.Drop(parent);
+        co_return found;
+    }
+    *decided = true;
+    co_return found;
+}
+
+Task<FileSystem::Found> FileSystem::FindByPath(Place place, std::string name)
+{
+    Found found;
+    const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
+                                          .createDisposition = nt::FILE_OPEN};
+    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    found.status = opened.status;
+    found.name = name;
+    if (opened.Failed())
+        co_return found;
+    const uint32_t fileId = opened.fileId;
+    const IoResult result = co_await QueryFile(*place.share, fileId, nt::FileNetworkOpenInformation);
+    found.status = result.status;
+    if (!result.Failed() && !ReadNetworkOpenInformation(result.data, &found.facts))
+        found.status = STATUS_INVALID_NETWORK_RESPONSE;
+    co_await CloseFile(*place.share, fileId);
+    co_return found;
+}
+
+Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string name)
+{
+    const NodePtr parent = table.Find(parentId);
+    if (!parent) {
+        call->Fail(ESTALE);
+        co_return;
+    }
+    if (options.folders && parent == table.Root()) {
+        const NodePtr folder = table.ReachShareFolder(name);
+        if (!folder) {
+            call->Fail(ENOENT);
+            co_return;
+        }
+        const Found root = co_await FactsOf(folder);
+        if (nt::IsError(root.status)) {
+            table.Forget(folder->id, 1);
+            call->FailStatus(root.status);
+        } else {
+            ReplyEntry(call, folder, root.facts, true);
+        }
+        co_return;
+    }
+    // What is being written is looked up as it will be.
+    const NodePtr known = table.Child(parent, name);
+    const std::shared_ptr<WriteBehind> writes = known ? known->WritesIfAny() : nullptr;
+    if (writes)
+        co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    const Found found = co_await Find(parent, name);
+    if (nt::IsError(found.status)) {
+        if (SaysAbsent(found.status))
+            call->Fail(ENOENT);
+        else
+            call->FailStatus(found.status);
+        co_return;
+    }
+    const NodePtr node = table.Reach(parent, found.name, found.facts.IsDirectory());
+    node->NoteFacts(found.facts);
+    // A folder may tell late what becomes of a file while it is open.
+    if (node->opens.IsOpen()) {
+        const Found present = co_await FactsOf(node);
+        if (!nt::IsError(present.status)) {
+            ReplyEntry(call, node, present.facts, false);
+            co_return;
+        }
+    }
+    ReplyEntry(call, node, found.facts, true);
+}
+
+// ---- Facts of nodes ----
+
+// Of what is open by its handle, of others by their name.
+Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node)
+{
+    Found found;
+    const std::shared_ptr<WriteBehind> writes = node->WritesIfAny();
+    if (writes)
+        co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    const OpenFilePtr file = node->opens.Any(false);
+    NodePtr parent;
+    std::string name;
+    if (file) {
+        const IoResult result =
+            co_await QueryFile(*file->share, file->fileId, nt::FileNetworkOpenInformation);
+        found.status = result.status;
+        if (!result.Failed() && !ReadNetworkOpenInformation(result.data, &found.facts))
+            found.status = STATUS_INVALID_NETWORK_RESPONSE;
+    } else if (!table.SpotOf(node, &parent, &name) || (options.folders && parent == table.Root())) {
+        found = co_await FactsOfDirectory(node);
+    } else {
+        found = co_await Find(parent, name);
+        // Another file by now, where the kernel knows this one.
+        if (!nt::IsError(found.status) && found.facts.IsDirectory() != node->directory)
+            found.status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    if (!nt::IsError(found.status))
+        node->NoteFacts(found.facts);
+    co_return found;
+}
+
+// Of a share's root, which has no entry anywhere.
+Task<FileSystem::Found> FileSystem::FactsOfDirectory(NodePtr node)
+{
+    Found found;
+    const auto [acquired, directory] = co_await AwaitDirectory(node);
+    found.status = acquired;
+    if (!directory) {
+        if (node == table.Root())
+            found.status = nt::STATUS_DEVICE_REMOVED;
+        co_return found;
+    }
+    const IoResult result =
+        co_await QueryFile(directory->Share(), directory->FileId(), nt::FileNetworkOpenInformation);
+    found.status = result.status;
+    if (!result.Failed() && !ReadNetworkOpenInformation(result.data, &found.facts))
+        found.status = STATUS_INVALID_NETWORK_RESPONSE;
+    if (result.status == nt::STATUS_INVALID_HANDLE)
+        directories.Drop(node);
+    co_return found;
+}
+
+Detached FileSystem::GetAttributes(FuseCall::Ptr call, uint64_t nodeId)
+{
+    const NodePtr node = table.Find(nodeId);
+    if (!node) {
+        call->Fail(ESTALE);
+        co_return;
+    }
+    if (options.folders && node == table.Root()) {
+        FileFacts root;
+        root.attributes = nt::FILE_ATTRIBUTE_DIRECTORY;
+        root.lastWriteTime = NtTimeOf({});
+        call->Attributes(StatOf(root, node->id, options.owner), 0);
+        co_return;
+    }
+    const Found found = co_await FactsOf(node);
+    if (SaysAbsent(found.status)) {
+        call->Fail(ESTALE);
+        co_return;
+    }
+    if (nt::IsError(found.status)) {
+        call->FailStatus(found.status);
+        co_return;
+    }
+    struct stat attributes = StatOf(found.facts, node->id, options.owner);
+    if (table.IsRemoved(node))
+        attributes.st_nlink = 0;
+    call->Attributes(attributes, node->opens.Any(true) ? 0 : options.cacheSeconds);
+}
+
+Detached FileSystem::StatFs(FuseCall::Ptr call, uint64_t nodeId)
+{
+    const NodePtr node = table.Find(nodeId);
+    const NodePtr shareRoot = node ? table.ShareRootOf(node) : nullptr;
+    if (!shareRoot) {
+        // The root of several shares has no space of its own.
+        call->Volume({});
+        co_return;
+    }
+    const auto [acquired, directory] = co_await AwaitDirectory(shareRoot);
+    if (!directory) {
+        call->FailStatus(acquired);
+        co_return;
+    }
+    const IoResult result =
+        co_await QueryVolumeOf(directory->Share(), directory->FileId(), nt::FileFsFullSizeInformation);
+    VolumeFacts facts;
+    if (result.Failed())
+        call->FailStatus(result.status);
+    else if (ReadFullSizeInformation(result.data, &facts))
+        call->Volume(facts);
+}
+
+} // namespace fodr::agent

@@ -1,0 +1,90 @@
+// One request of the kernel, answered exactly once, from whichever thread.
+#pragma once
+
+#include "agent/FileFacts.h"
+#include "agent/InlineFunction.h"
+#include "transport/Mutex.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <span>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <thread>
+#include <vector>
+
+struct fuse_req;
+
+namespace fodr::agent {
+
+class InterruptWatch;
+
+// What an answer says of a name, and for how long the kernel may believe it.
+struct EntryAnswer {
+    uint64_t node = 0; // 0: there is no such name
+    struct stat attributes = {};
+    double nameSeconds = 0;
+    double attributeSeconds = 0;
+};
+
+class FuseCall : public std::enable_shared_from_this<FuseCall> {
+public:
+    using Ptr = std::shared_ptr<FuseCall>;
+    // `interruptWatch` outlives the call.
+    static Ptr Create(fuse_req *request, InterruptWatch &interruptWatch);
+    explicit FuseCall(fuse_req *fuseRequest);
+    ~FuseCall(); // EIO when nothing was answered
+    FuseCall(const FuseCall &) = delete;
+    FuseCall &operator=(const FuseCall &) = delete;
+
+    // Each is false when the kernel didn't take the answer: the request had been answered, or its caller is
+    // gone. What the answer handed out has to be taken back then.
+    bool Fail(int error);
+    bool FailStatus(nt::NTSTATUS status);
+    bool Done();
+    bool Entry(const EntryAnswer &entry);
+    bool Attributes(const struct stat &attributes, double seconds);
+    bool Opened(uint64_t handle);
+    bool Created(const EntryAnswer &entry, uint64_t handle);
+    bool Written(size_t count);
+    bool Bytes(ByteSpan bytes);
+    bool Parts(std::span<const ByteSpan> parts);
+    bool Volume(const VolumeFacts &facts);
+
+    // Whether the calling thread is about to die and only waits for this.
+    bool CallerIsDying() const;
+    std::chrono::steady_clock::time_point Begun() const { return begun; }
+    bool IsAnswered() const { return answered; }
+    fuse_req *Request() const { return request; }
+
+private:
+    bool Take();
+
+    fuse_req *const request; // freed by the answer
+    const int callerId;
+    const std::chrono::steady_clock::time_point begun = std::chrono::steady_clock::now();
+    std::atomic<bool> answered{false};
+};
+
+// Ends interrupted requests that still wait: at once when their caller is dying, else when they have waited
+// for long. Programs whose signals merely come in between don't see EINTR from calls that never give it.
+class InterruptWatch {
+public:
+    InterruptWatch();
+    ~InterruptWatch();
+
+    void OnInterrupt(std::weak_ptr<FuseCall> call);
+
+private:
+    void ThreadMain();
+
+    transport::Mutex lock;
+    std::condition_variable_any wakeup;
+    std::vector<std::weak_ptr<FuseCall>> interrupted GUARDED_BY(lock);
+    bool stopping GUARDED_BY(lock) = false;
+    std::thread thread;
+};
+
+} // namespace fodr::agent

@@ -1,0 +1,229 @@
+#include "agent/fuse/FuseOperations.h"
+
+#include "agent/fuse/FileSystem.h"
+#include "agent/fuse/Fuse.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+namespace fodr::agent {
+namespace {
+
+constexpr unsigned kTransferSize = 1 << 20; // of one read or write
+constexpr unsigned kBackground = 128;       // requests that the kernel makes by itself
+
+FileSystem &Of(fuse_req_t request)
+{
+    return *static_cast<FileSystem *>(fuse_req_userdata(request));
+}
+
+FuseCall::Ptr CallOf(fuse_req_t request)
+{
+    return FuseCall::Create(request, Of(request).Interrupts());
+}
+
+void Init(void *, fuse_conn_info *connection)
+{
+    const auto want = [connection](unsigned capability) {
+        connection->want |= connection->capable & capability;
+    };
+    want(FUSE_CAP_ASYNC_READ | FUSE_CAP_ATOMIC_O_TRUNC | FUSE_CAP_PARALLEL_DIROPS | FUSE_CAP_READDIRPLUS |
+         FUSE_CAP_AUTO_INVAL_DATA | FUSE_CAP_ASYNC_DIO | FUSE_CAP_EXPIRE_ONLY);
+    // Attributes come with every listing at no cost; guessing who wants them would cost a request a file.
+    connection->want &= ~static_cast<unsigned>(FUSE_CAP_READDIRPLUS_AUTO);
+    connection->max_readahead = kTransferSize;
+    connection->max_write = kTransferSize;
+    connection->max_background = kBackground;
+    connection->congestion_threshold = kBackground * 3 / 4;
+}
+
+void Lookup(fuse_req_t request, fuse_ino_t parent, const char *name)
+{
+    Of(request).Lookup(CallOf(request), parent, name);
+}
+
+void Forget(fuse_req_t request, fuse_ino_t node, uint64_t lookups)
+{
+    Of(request).Forget(node, lookups);
+    fuse_reply_none(request);
+}
+
+void ForgetMulti(fuse_req_t request, size_t count, fuse_forget_data *forgets)
+{
+    for (size_t i = 0; i < count; ++i)
+        Of(request).Forget(forgets[i].ino, forgets[i].nlookup);
+    fuse_reply_none(request);
+}
+
+void GetAttr(fuse_req_t request, fuse_ino_t node, fuse_file_info *)
+{
+    Of(request).GetAttributes(CallOf(request), node);
+}
+
+void SetAttr(fuse_req_t request, fuse_ino_t node, struct stat *attributes, int toSet, fuse_file_info *info)
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    AttributeChange change;
+    change.setSize = (toSet & FUSE_SET_ATTR_SIZE) != 0;
+    change.size = static_cast<uint64_t>(attributes->st_size);
+    change.setMode = (toSet & FUSE_SET_ATTR_MODE) != 0;
+    change.mode = attributes->st_mode;
+    change.setUser = (toSet & FUSE_SET_ATTR_UID) != 0;
+    change.setGroup = (toSet & FUSE_SET_ATTR_GID) != 0;
+    change.owner = {attributes->st_uid, attributes->st_gid};
+    change.setAccessTime = (toSet & (FUSE_SET_ATTR_ATIME | FUSE_SET_ATTR_ATIME_NOW)) != 0;
+    change.accessTime = toSet & FUSE_SET_ATTR_ATIME_NOW ? now : attributes->st_atim;
+    change.setWriteTime = (toSet & (FUSE_SET_ATTR_MTIME | FUSE_SET_ATTR_MTIME_NOW)) != 0;
+    change.writeTime = toSet & FUSE_SET_ATTR_MTIME_NOW ? now : attributes->st_mtim;
+    Of(request).SetAttributes(CallOf(request), node, change, info ? info->fh : 0);
+}
+
+void StatFs(fuse_req_t request, fuse_ino_t node)
+{
+    Of(request).StatFs(CallOf(request), node);
+}
+
+void Open(fuse_req_t request, fuse_ino_t node, fuse_file_info *info)
+{
+    Of(request).Open(CallOf(request), node, info->flags);
+}
+
+void Create(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t mode, fuse_file_info *info)
+{
+    Of(request).Create(CallOf(request), parent, name, mode, info->flags);
+}
+
+void Read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info *info)
+{
+    Of(request).Read(CallOf(request), info->fh, static_cast<uint64_t>(offset), static_cast<uint32_t>(size));
+}
+
+void Write(fuse_req_t request, fuse_ino_t, const char *bytes, size_t size, off_t offset, fuse_file_info *info)
+{
+    Of(request).Write(CallOf(request), info->fh, static_cast<uint64_t>(offset),
+                      {reinterpret_cast<const uint8_t *>(bytes), size});
+}
+
+void Flush(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
+{
+    Of(request).Flush(CallOf(request), info->fh);
+}
+
+void FSync(fuse_req_t request, fuse_ino_t, int, fuse_file_info *info)
+{
+    Of(request).Flush(CallOf(request), info->fh);
+}
+
+void Release(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
+{
+    Of(request).Release(CallOf(request), info->fh);
+}
+
+void FAllocate(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t length, fuse_file_info *info)
+{
+    Of(request).Allocate(CallOf(request), info->fh, mode, static_cast<uint64_t>(offset),
+                         static_cast<uint64_t>(length));
+}
+
+void MkDir(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t)
+{
+    Of(request).MakeDirectory(CallOf(request), parent, name);
+}
+
+void RmDir(fuse_req_t request, fuse_ino_t parent, const char *name)
+{
+    Of(request).RemoveDirectory(CallOf(request), parent, name);
+}
+
+void Unlink(fuse_req_t request, fuse_ino_t parent, const char *name)
+{
+    Of(request).Unlink(CallOf(request), parent, name);
+}
+
+void Rename(fuse_req_t request, fuse_ino_t parent, const char *name, fuse_ino_t newParent,
+            const char *newName, unsigned flags)
+{
+    Of(request).Rename(CallOf(request), parent, name, newParent, newName, flags);
+}
+
+// What a share can't hold.
+void MkNod(fuse_req_t request, fuse_ino_t, const char *, mode_t, dev_t)
+{
+    fuse_reply_err(request, EPERM);
+}
+void SymLink(fuse_req_t request, const char *, fuse_ino_t, const char *)
+{
+    fuse_reply_err(request, EPERM);
+}
+void Link(fuse_req_t request, fuse_ino_t, fuse_ino_t, const char *)
+{
+    fuse_reply_err(request, EPERM);
+}
+
+void OpenDir(fuse_req_t request, fuse_ino_t node, fuse_file_info *)
+{
+    Of(request).OpenDirectory(CallOf(request), node);
+}
+
+void ReadDir(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info *info)
+{
+    Of(request).ReadDirectory(CallOf(request), info->fh, size, static_cast<uint64_t>(offset), false);
+}
+
+void ReadDirPlus(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info *info)
+{
+    Of(request).ReadDirectory(CallOf(request), info->fh, size, static_cast<uint64_t>(offset), true);
+}
+
+void ReleaseDir(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
+{
+    Of(request).ReleaseDirectory(CallOf(request), info->fh);
+}
+
+// Names are with the other side as soon as they are answered for.
+void FSyncDir(fuse_req_t request, fuse_ino_t, int, fuse_file_info *)
+{
+    fuse_reply_err(request, 0);
+}
+
+} // namespace
+
+const fuse_lowlevel_ops &FuseOperations()
+{
+    static const fuse_lowlevel_ops operations = [] {
+        fuse_lowlevel_ops made = {};
+        made.init = Init;
+        made.lookup = Lookup;
+        made.forget = Forget;
+        made.forget_multi = ForgetMulti;
+        made.getattr = GetAttr;
+        made.setattr = SetAttr;
+        made.statfs = StatFs;
+        made.open = Open;
+        made.create = Create;
+        made.read = Read;
+        made.write = Write;
+        made.flush = Flush;
+        made.fsync = FSync;
+        made.release = Release;
+        made.fallocate = FAllocate;
+        made.mkdir = MkDir;
+        made.rmdir = RmDir;
+        made.unlink = Unlink;
+        made.rename = Rename;
+        made.mknod = MkNod;
+        made.symlink = SymLink;
+        made.link = Link;
+        made.opendir = OpenDir;
+        made.readdir = ReadDir;
+        made.readdirplus = ReadDirPlus;
+        made.releasedir = ReleaseDir;
+        made.fsyncdir = FSyncDir;
+        return made;
+    }();
+    return operations;
+}
+
+} // namespace fodr::agent

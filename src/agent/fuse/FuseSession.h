@@ -1,0 +1,49 @@
+// The mount: session with the kernel, the threads that take its requests, unmounting.
+#pragma once
+
+#include "agent/fuse/FileSystem.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+struct fuse_session;
+
+namespace fodr::agent {
+
+class FuseSession {
+public:
+    struct Options {
+        std::string mountPoint;
+        bool readOnly = false;
+        bool allowOther = false;
+    };
+    // Mounts the file system, which outlives the session. Null with a sentence when that fails.
+    static std::unique_ptr<FuseSession> Mount(FileSystem &fileSystem, const Options &options,
+                                              std::string *error);
+    // Stops, and closes the connection: what is still open then gives errors. Unmounting is the caller's.
+    ~FuseSession();
+    FuseSession(const FuseSession &) = delete;
+    FuseSession &operator=(const FuseSession &) = delete;
+
+    // Starts to take requests. `onUnmounted` is called once, on one of the threads, when the mount has ended.
+    [[nodiscard]] bool Start(std::function<void()> onUnmounted);
+    // No request is taken any more; those that were taken may still be answered.
+    void Stop();
+
+private:
+    FuseSession(FileSystem &fileSystem, fuse_session *fuseSession, int eventFd);
+    void ThreadMain();
+    void TakeRequests();
+
+    FileSystem &files;
+    fuse_session *const session;
+    const int stopEvent;
+    std::function<void()> unmounted;
+    std::atomic<bool> unmountTold{false};
+    std::vector<std::thread> threads;
+};
+
+} // namespace fodr::agent

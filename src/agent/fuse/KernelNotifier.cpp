@@ -1,0 +1,94 @@
+#include "agent/fuse/KernelNotifier.h"
+
+#include "agent/fuse/Fuse.h"
+
+namespace fodr::agent {
+
+using transport::MutexLock;
+
+KernelNotifier::KernelNotifier() : thread([this] { ThreadMain(); }) {}
+
+KernelNotifier::~KernelNotifier()
+{
+    Stop();
+}
+
+void KernelNotifier::SetSession(fuse_session *fuseSession)
+{
+    const MutexLock held(lock);
+    session = fuseSession;
+}
+
+void KernelNotifier::Stop()
+{
+    {
+        const MutexLock held(lock);
+        stopping = true;
+        wakeup.notify_all();
+    }
+    if (thread.joinable())
+        thread.join();
+}
+
+void KernelNotifier::Push(Notice notice)
+{
+    const MutexLock held(lock);
+    if (session == nullptr || stopping)
+        return;
+    notices.push_back(std::move(notice));
+    wakeup.notify_one();
+}
+
+void KernelNotifier::AttributesChanged(uint64_t node)
+{
+    Push({Kind::Attributes, node, {}});
+}
+
+void KernelNotifier::NameChanged(uint64_t parent, const std::string &name)
+{
+    Push({Kind::Expire, parent, name});
+}
+
+void KernelNotifier::NameGone(uint64_t parent, const std::string &name)
+{
+    Push({Kind::Gone, parent, name});
+}
+
+// A kernel that doesn't know the node or the name has nothing to forget.
+void KernelNotifier::Tell(fuse_session *fuseSession, const Notice &notice)
+{
+    switch (notice.kind) {
+    case Kind::Attributes:
+        fuse_lowlevel_notify_inval_inode(fuseSession, notice.node, -1, 0);
+        break;
+    case Kind::Expire:
+        fuse_lowlevel_notify_expire_entry(fuseSession, notice.node, notice.name.data(), notice.name.size(),
+                                          FUSE_LL_EXPIRE_ONLY);
+        break;
+    case Kind::Gone:
+        fuse_lowlevel_notify_inval_entry(fuseSession, notice.node, notice.name.data(), notice.name.size());
+        break;
+    }
+}
+
+void KernelNotifier::ThreadMain()
+{
+    std::vector<Notice> batch;
+    for (;;) {
+        fuse_session *told;
+        {
+            const MutexLock held(lock);
+            while (!stopping && notices.empty())
+                wakeup.wait(lock);
+            if (stopping)
+                return;
+            batch.clear();
+            batch.swap(notices);
+            told = session;
+        }
+        for (const Notice &notice : batch)
+            Tell(told, notice);
+    }
+}
+
+} // namespace fodr::agent

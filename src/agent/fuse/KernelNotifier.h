@@ -1,0 +1,50 @@
+// Tells the kernel what to forget. A thread of its own does it: these calls may wait for locks that are held
+// while the kernel waits for an answer of ours.
+#pragma once
+
+#include "transport/Mutex.h"
+
+#include <condition_variable>
+#include <string>
+#include <thread>
+#include <vector>
+
+struct fuse_session;
+
+namespace fodr::agent {
+
+class KernelNotifier {
+public:
+    KernelNotifier();
+    ~KernelNotifier(); // what hasn't been told isn't any more
+    // Until a session is set nothing is told; Stop ends it, and waits for a call that is under way.
+    void SetSession(fuse_session *fuseSession);
+    void Stop();
+
+    // The node's attributes are to be asked for again.
+    void AttributesChanged(uint64_t node);
+    // The name is to be looked up again when it is used next.
+    void NameChanged(uint64_t parent, const std::string &name);
+    // The name has gone.
+    void NameGone(uint64_t parent, const std::string &name);
+
+private:
+    enum class Kind { Attributes, Expire, Gone };
+    struct Notice {
+        Kind kind;
+        uint64_t node;
+        std::string name;
+    };
+    void Push(Notice notice);
+    void ThreadMain();
+    static void Tell(fuse_session *fuseSession, const Notice &notice);
+
+    transport::Mutex lock;
+    std::condition_variable_any wakeup;
+    std::vector<Notice> notices GUARDED_BY(lock);
+    fuse_session *session GUARDED_BY(lock) = nullptr;
+    bool stopping GUARDED_BY(lock) = false;
+    std::thread thread;
+};
+
+} // namespace fodr::agent

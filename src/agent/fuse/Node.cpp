@@ -1,0 +1,99 @@
+#include "agent/fuse/Node.h"
+
+#include <algorithm>
+
+namespace fodr::agent {
+void OpenState::Add(const OpenFilePtr &file)
+{
+    const transport::MutexLock held(lock);
+    files.push_back(file);
+}
+
+void OpenState::Remove(const OpenFilePtr &file)
+{
+    const transport::MutexLock held(lock);
+    files.erase(std::find(files.begin(), files.end(), file));
+}
+
+void OpenState::BeginClose()
+{
+    const transport::MutexLock held(lock);
+    ++closing;
+}
+
+void OpenState::EndClose()
+{
+    std::vector<Waiter> ready;
+    {
+        const transport::MutexLock held(lock);
+        if (--closing == 0)
+            ready.swap(waiters);
+    }
+    for (Waiter &waiter : ready)
+        waiter();
+}
+
+OpenFilePtr OpenState::Any(bool writable) const
+{
+    const transport::MutexLock held(lock);
+    for (const OpenFilePtr &file : files) {
+        if (!writable || file->writable)
+            return file;
+    }
+    return nullptr;
+}
+
+bool OpenState::IsOpen() const
+{
+    const transport::MutexLock held(lock);
+    return !files.empty();
+}
+
+void OpenState::WhenNoneClosing(Waiter waiter)
+{
+    {
+        const transport::MutexLock held(lock);
+        if (closing != 0) {
+            waiters.push_back(std::move(waiter));
+            return;
+        }
+    }
+    waiter();
+}
+
+void Node::NoteFacts(const FileFacts &seen)
+{
+    std::shared_ptr<WriteBehind> changed;
+    {
+        const transport::MutexLock held(factsLock);
+        if (factsKnown && (facts.lastWriteTime != seen.lastWriteTime || facts.endOfFile != seen.endOfFile))
+            changed = writes;
+        facts = seen;
+        factsKnown = true;
+    }
+    if (changed)
+        changed->DataChanged();
+}
+
+bool Node::LastFacts(FileFacts *last) const
+{
+    const transport::MutexLock held(factsLock);
+    *last = facts;
+    return factsKnown;
+}
+
+std::shared_ptr<WriteBehind> Node::Writes(TransferWindow &window)
+{
+    const transport::MutexLock held(factsLock);
+    if (!writes)
+        writes = std::make_shared<WriteBehind>(window);
+    return writes;
+}
+
+std::shared_ptr<WriteBehind> Node::WritesIfAny() const
+{
+    const transport::MutexLock held(factsLock);
+    return writes;
+}
+
+} // namespace fodr::agent

@@ -1,0 +1,92 @@
+// A file or folder that the kernel knows.
+#pragma once
+
+#include "agent/FileFacts.h"
+#include "agent/ReadAhead.h"
+#include "agent/WriteBehind.h"
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace fodr::agent {
+
+struct Node;
+using NodePtr = std::shared_ptr<Node>;
+
+// One open of a file through the mount.
+struct OpenFile {
+    NodePtr node;
+    std::shared_ptr<RemoteShare> share;
+    uint32_t fileId = 0;
+    bool readable = false;
+    bool writable = false;
+    std::shared_ptr<WriteErrors> errors = std::make_shared<WriteErrors>();
+    std::shared_ptr<ReadAhead> readAhead; // when readable
+
+    WriteBehind::Target Target() const { return {share, fileId, errors}; }
+};
+using OpenFilePtr = std::shared_ptr<OpenFile>;
+
+// What is open of one file. Any thread.
+class OpenState {
+public:
+    void Add(const OpenFilePtr &file);
+    void Remove(const OpenFilePtr &file);
+    // Around every close of a handle of the file that is sent: the name can't be replaced before it is over.
+    void BeginClose();
+    void EndClose();
+    // Any open of the file; one that may write if that is wanted. Null when there is none.
+    OpenFilePtr Any(bool writable) const;
+    bool IsOpen() const;
+
+    using Waiter = InlineFunction<void()>;
+    // Calls the function when no close is under way.
+    void WhenNoneClosing(Waiter waiter);
+
+private:
+    mutable transport::Mutex lock;
+    std::vector<OpenFilePtr> files GUARDED_BY(lock);
+    std::vector<Waiter> waiters GUARDED_BY(lock);
+    size_t closing GUARDED_BY(lock) = 0;
+};
+
+struct Node {
+    Node(uint64_t nodeId, bool isDirectory) : id(nodeId), directory(isDirectory) {}
+
+    const uint64_t id;
+    const bool directory;
+
+    // NodeTable's lock guards these.
+    NodePtr parent;       // null for the root, and for what has been removed
+    std::string name;     // as the kernel has it
+    uint64_t lookups = 0; // the kernel's count
+    bool removed = false; // has no path any more
+    std::unordered_map<std::string, Node *> children;
+    std::shared_ptr<RemoteShare> shareRoot; // of the node that stands for a share
+
+    // What was last seen of it, with its own lock.
+    void NoteFacts(const FileFacts &seen);
+    bool LastFacts(FileFacts *last) const;
+    // The last change that this mount made: of a file's data or facts, of a folder's names.
+    using Clock = std::chrono::steady_clock;
+    void NoteOwnChange() { ownChange = Clock::now().time_since_epoch().count(); }
+    bool ChangedSince(Clock::time_point time) const { return ownChange >= time.time_since_epoch().count(); }
+
+    // Shared by all opens of a file; made with the first.
+    std::shared_ptr<WriteBehind> Writes(TransferWindow &window);
+    std::shared_ptr<WriteBehind> WritesIfAny() const;
+    OpenState opens;
+
+private:
+    mutable transport::Mutex factsLock;
+    bool factsKnown GUARDED_BY(factsLock) = false;
+    FileFacts facts GUARDED_BY(factsLock);
+    std::shared_ptr<WriteBehind> writes GUARDED_BY(factsLock);
+    std::atomic<Clock::rep> ownChange{0};
+};
+
+} // namespace fodr::agent

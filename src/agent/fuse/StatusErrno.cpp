@@ -1,0 +1,94 @@
+#include "agent/fuse/StatusErrno.h"
+
+#include "agent/AgentStatus.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
+namespace fodr::agent {
+namespace {
+
+struct StatusErrno {
+    nt::NTSTATUS status;
+    int error;
+};
+
+// In the order of the values, which the search relies on.
+constexpr StatusErrno kStatusErrno[] = {
+    {nt::STATUS_BUFFER_OVERFLOW, EOVERFLOW},
+    {nt::STATUS_NO_MORE_FILES, ENOENT},
+    {nt::STATUS_STOPPED_ON_SYMLINK, ELOOP},
+    {nt::STATUS_UNSUCCESSFUL, EIO},
+    {nt::STATUS_NOT_IMPLEMENTED, EOPNOTSUPP},
+    {nt::STATUS_INVALID_INFO_CLASS, EOPNOTSUPP},
+    {nt::STATUS_INFO_LENGTH_MISMATCH, EIO},
+    {nt::STATUS_INVALID_HANDLE, EBADF},
+    {nt::STATUS_INVALID_PARAMETER, EINVAL},
+    {nt::STATUS_NO_SUCH_FILE, ENOENT},
+    {nt::STATUS_INVALID_DEVICE_REQUEST, EOPNOTSUPP},
+    {nt::STATUS_END_OF_FILE, ENODATA},
+    {nt::STATUS_NO_MEMORY, ENOMEM},
+    {nt::STATUS_ACCESS_DENIED, EACCES},
+    {nt::STATUS_BUFFER_TOO_SMALL, EOVERFLOW},
+    {nt::STATUS_OBJECT_NAME_INVALID, EINVAL},
+    {nt::STATUS_OBJECT_NAME_NOT_FOUND, ENOENT},
+    {nt::STATUS_OBJECT_NAME_COLLISION, EEXIST},
+    {nt::STATUS_OBJECT_PATH_NOT_FOUND, ENOENT},
+    {nt::STATUS_OBJECT_PATH_SYNTAX_BAD, EINVAL},
+    {nt::STATUS_SHARING_VIOLATION, EBUSY},
+    {nt::STATUS_QUOTA_EXCEEDED, EDQUOT},
+    {nt::STATUS_EAS_NOT_SUPPORTED, EOPNOTSUPP},
+    {nt::STATUS_FILE_LOCK_CONFLICT, EAGAIN},
+    {nt::STATUS_LOCK_NOT_GRANTED, EAGAIN},
+    {nt::STATUS_DELETE_PENDING, ENOENT},
+    {nt::STATUS_RANGE_NOT_LOCKED, EINVAL},
+    {nt::STATUS_DISK_FULL, ENOSPC},
+    {nt::STATUS_INSUFFICIENT_RESOURCES, ENOMEM},
+    {nt::STATUS_MEDIA_WRITE_PROTECTED, EROFS},
+    {STATUS_IO_TIMEOUT, EIO},
+    {nt::STATUS_FILE_IS_A_DIRECTORY, EISDIR},
+    {nt::STATUS_NOT_SUPPORTED, EOPNOTSUPP},
+    {nt::STATUS_BAD_NETWORK_PATH, ENOENT},
+    {STATUS_INVALID_NETWORK_RESPONSE, EIO},
+    {nt::STATUS_NOT_SAME_DEVICE, EXDEV},
+    {nt::STATUS_DIRECTORY_NOT_EMPTY, ENOTEMPTY},
+    {nt::STATUS_NOT_A_DIRECTORY, ENOTDIR},
+    {nt::STATUS_NAME_TOO_LONG, ENAMETOOLONG},
+    {nt::STATUS_TOO_MANY_OPENED_FILES, EMFILE},
+    {nt::STATUS_CANCELLED, EINTR},
+    {nt::STATUS_CANNOT_DELETE, EPERM},
+    {nt::STATUS_FILE_DELETED, ENOENT},
+    {nt::STATUS_FILE_CLOSED, EBADF},
+    {nt::STATUS_IO_DEVICE_ERROR, EIO},
+    {nt::STATUS_INVALID_LOCK_RANGE, EINVAL},
+    {STATUS_CONNECTION_DISCONNECTED, EIO},
+    {nt::STATUS_NOT_A_REPARSE_POINT, EINVAL},
+    {nt::STATUS_REPARSE_POINT_NOT_RESOLVED, ELOOP},
+    {nt::STATUS_DEVICE_REMOVED, ENODEV},
+    {nt::STATUS_FILE_TOO_LARGE, EFBIG},
+};
+
+constexpr bool StatusesRise()
+{
+    for (size_t i = 1; i < std::size(kStatusErrno); ++i) {
+        if (kStatusErrno[i - 1].status >= kStatusErrno[i].status)
+            return false;
+    }
+    return true;
+}
+static_assert(StatusesRise());
+
+} // namespace
+
+int ErrnoOfStatus(nt::NTSTATUS status)
+{
+    if (!nt::IsError(status))
+        return 0;
+    const StatusErrno *found =
+        std::lower_bound(std::begin(kStatusErrno), std::end(kStatusErrno), status,
+                         [](const StatusErrno &row, nt::NTSTATUS wanted) { return row.status < wanted; });
+    return found != std::end(kStatusErrno) && found->status == status ? found->error : EIO;
+}
+
+} // namespace fodr::agent

@@ -1,0 +1,11 @@
+// What an NT status is to a POSIX program. Any thread.
+#pragma once
+
+#include "platform/NtStatus.h"
+
+namespace fodr::agent {
+
+// 0 for a success, else an errno; EIO for what has no better one.
+int ErrnoOfStatus(nt::NTSTATUS status);
+
+} // namespace fodr::agent
