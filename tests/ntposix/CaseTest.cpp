@@ -99,7 +99,7 @@ TEST_F(Case, ChangesByOthersAreSeenByTimeStampsToo)
 
 TEST_F(Case, ManyNewFilesAreFoundAgain)
 {
-    constexpr int kFiles = 3000;
+    constexpr int kFiles = 1000;
     for (int i = 0; i < kFiles; ++i) {
         const std::string name = "File" + std::to_string(i);
         EXPECT_EQ(Open(name, {.disposition = FILE_CREATE}).information, FILE_CREATED);
