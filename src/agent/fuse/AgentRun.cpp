@@ -155,40 +155,41 @@ AgentRun::Event AgentRun::WaitFor(bool forShare, int timeoutMS)
 int AgentRun::Fail(AgentExit result, const std::string &sentence)
 {
     Say(sentence);
-    if (client) {
-        client->Channel().SendNotice(transport::NoticeKind::Error, sentence);
-        client->Channel().Close("the agent has ended");
-    }
+    client->Channel().SendNotice(transport::NoticeKind::Error, sentence);
+    client->Channel().Close("the agent has ended");
     return result;
 }
 
 int AgentRun::Run(std::unique_ptr<platform::ByteStream> stream)
 {
     signals = CatchSignals(options.handleSignals);
-    client = std::make_unique<RdpdrClient>(std::move(stream), options.client, this);
-    client->Start();
+    int result;
+    {
+        RdpdrClient connected(std::move(stream), options.client, this);
+        client = &connected;
+        client->Start();
+        result = RunConnected();
+    } // what still waits is answered here
+    session.reset();
+    return result;
+}
+
+int AgentRun::RunConnected()
+{
     std::string error;
-    if (!PrepareMountPoint(options.mountPoint, &error)) {
-        const int result = Fail(AGENT_MOUNT_FAILED, error);
-        client.reset();
-        return result;
-    }
+    if (!PrepareMountPoint(options.mountPoint, &error))
+        return Fail(AGENT_MOUNT_FAILED, error);
     if (char *resolved = realpath(options.mountPoint.c_str(), nullptr)) {
         options.mountPoint = resolved;
         free(resolved);
     }
     const int patience = options.shareWaitMS == 0 ? kForever : static_cast<int>(options.shareWaitMS);
     const Event came = WaitFor(true, patience);
-    int result;
     if (came != Event::ShareCame)
-        result = EndedBeforeMount(came);
-    else if (!MountNow())
-        result = AGENT_MOUNT_FAILED;
-    else
-        result = TakeDown(WaitFor(false, kForever));
-    client.reset(); // answers what still waits
-    session.reset();
-    return result;
+        return EndedBeforeMount(came);
+    if (!MountNow())
+        return AGENT_MOUNT_FAILED;
+    return TakeDown(WaitFor(false, kForever));
 }
 
 bool AgentRun::MountNow()

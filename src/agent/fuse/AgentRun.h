@@ -31,6 +31,7 @@ private:
 
     void WakeUp();
     Event WaitFor(bool forShare, int timeoutMS);
+    int RunConnected();
     int Fail(AgentExit result, const std::string &sentence);
     bool MountNow();
     int EndedBeforeMount(Event event);
@@ -39,7 +40,7 @@ private:
 
     AgentOptions options;
     FileSystem files;
-    std::unique_ptr<RdpdrClient> client;
+    RdpdrClient *client = nullptr; // while there is a connection
     std::unique_ptr<FuseSession> session;
     int wakeEvent = -1;
     int signals = -1;

@@ -70,14 +70,13 @@ FuseSession::~FuseSession()
     close(stopEvent);
 }
 
-bool FuseSession::Start(std::function<void()> onUnmounted)
+void FuseSession::Start(std::function<void()> onUnmounted)
 {
     unmounted = std::move(onUnmounted);
     files.SetSession(session);
     const unsigned count = std::clamp(std::thread::hardware_concurrency(), kFewestThreads, kMostThreads);
     for (unsigned i = 0; i < count; ++i)
         threads.emplace_back([this] { ThreadMain(); });
-    return true;
 }
 
 void FuseSession::Stop()

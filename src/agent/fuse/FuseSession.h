@@ -29,7 +29,7 @@ public:
     FuseSession &operator=(const FuseSession &) = delete;
 
     // Starts to take requests. `onUnmounted` is called once, on one of the threads, when the mount has ended.
-    [[nodiscard]] bool Start(std::function<void()> onUnmounted);
+    void Start(std::function<void()> onUnmounted);
     // No request is taken any more; those that were taken may still be answered.
     void Stop();
 
