@@ -244,8 +244,7 @@ TEST_F(RealPlugin, AReconnectServesTheSharesAgainWithoutANewHost)
         newInstanceEachTime = fresh;
         for (int round = 0; round < 3; ++round) {
             Agent &agent = Connect();
-            if (!fresh &&
-                round > 0) // the instance kept its table: what is to be announced anew is taken out first
+            if (!fresh) // the instance kept its table: what is to be announced anew is taken out first
                 Command("r", "REMOVE," + folder.string() + "|docs");
             ASSERT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
             auto share = agent.Share("docs");
