@@ -2,6 +2,7 @@
 #pragma once
 
 #include "WireExamples.h"
+#include "platform/Nt.h"
 #include "rdpdr/wire/IRdpdrChannel.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 
@@ -49,13 +50,27 @@ inline Bytes IoRequest(uint32_t deviceId, uint32_t major, uint32_t completionId,
 {
     return PacketOf(DR_DEVICE_IOREQUEST{deviceId, fileId, completionId, major, minor, {}});
 }
-// Of the share's root, for reading.
-inline Bytes OpenRoot(uint32_t deviceId, uint32_t completionId)
+inline Bytes Open(uint32_t deviceId, const std::u16string &path, uint32_t disposition, uint32_t options,
+                  uint32_t completionId = 1)
 {
     DR_DEVICE_IOREQUEST request{deviceId, 0, completionId, IRP_MJ_CREATE, 0, {}};
-    request.SetBody(
-        DR_CREATE_REQ{.DesiredAccess = 1, .SharedAccess = 7, .CreateDisposition = 1, .CreateOptions = 1});
-    return PacketOf(request);
+    request.SetBody(DR_CREATE_REQ{.DesiredAccess = nt::FILE_READ_DATA,
+                                  .SharedAccess = 7,
+                                  .CreateDisposition = disposition,
+                                  .CreateOptions = options,
+                                  .PathLength = static_cast<uint32_t>(2 * path.size())});
+    Bytes packet = PacketOf(request);
+    for (char16_t unit : path)
+        packet.insert(packet.end(), {static_cast<uint8_t>(unit), static_cast<uint8_t>(unit >> 8)});
+    return packet;
+}
+inline Bytes OpenRoot(uint32_t deviceId, uint32_t completionId)
+{
+    return Open(deviceId, u"", nt::FILE_OPEN, nt::FILE_DIRECTORY_FILE, completionId);
+}
+inline uint32_t StatusOf(const Bytes &completion)
+{
+    return LoadLittle<uint32_t>(completion.data() + 12);
 }
 
 struct Policy {

@@ -44,11 +44,9 @@ TEST_F(Handshake, SharesAppearWhenTheLastOfThreePacketsIsThereInWhateverOrder)
     std::vector<std::pair<int, Bytes>> packets{{0, VersionExchange(5)}, {1, {}}, {2, UserLoggedOn()}};
     packets[1].second = PolicyPacket(Policy{.folders = {{2, Folder("docs")}}}.Block(5));
     do {
-        RdpdrChannelManager fresh;
-        fresh.Initialize(&channel, nullptr);
+        auto fresh = Fresh();
         for (size_t i = 0; i < packets.size(); ++i) {
-            RdpdrStream stream(packets[i].second.data(), static_cast<int32_t>(packets[i].second.size()));
-            EXPECT_TRUE(fresh.ProcessData(&stream));
+            EXPECT_TRUE(FeedTo(*fresh, packets[i].second));
             bool last = i + 1 == packets.size();
             EXPECT_EQ(Statuses(), last ? Strings{"ENABLED"} : Strings{})
                 << packets[0].first << packets[i].first;
@@ -79,16 +77,10 @@ TEST_F(Handshake, StatusTellsVersionAndPolicy)
         {4, &disabledForced, {"DISABLED"}},
     };
     for (const auto &c : cases) {
-        RdpdrChannelManager fresh;
-        fresh.Initialize(&channel, nullptr);
-        std::vector<Bytes> packets{VersionExchange(c.version)};
+        auto fresh = Fresh({VersionExchange(c.version)});
         if (c.policy)
-            packets.push_back(PolicyPacket(c.policy->Block(c.version)));
-        packets.push_back(UserLoggedOn());
-        for (Bytes &packet : packets) {
-            RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
-            fresh.ProcessData(&stream);
-        }
+            FeedTo(*fresh, PolicyPacket(c.policy->Block(c.version)));
+        FeedTo(*fresh, UserLoggedOn());
         EXPECT_EQ(Statuses(), c.statuses) << c.version;
     }
 }
@@ -126,12 +118,7 @@ TEST_F(Handshake, APolicyLengthMayOverstateButNotUnderstateTheData)
     } cases[] = {{size, true},       {size - 1, false}, {size + 1, true},
                  {0xFFFFFFFF, true}, {7, false},        {0, false}};
     for (const auto &c : cases) {
-        RdpdrChannelManager fresh;
-        fresh.Initialize(&channel, nullptr);
-        for (Bytes packet : {UserLoggedOn(), VersionExchange(5), PolicyPacket(block, c.length)}) {
-            RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
-            fresh.ProcessData(&stream);
-        }
+        auto fresh = Fresh({UserLoggedOn(), VersionExchange(5), PolicyPacket(block, c.length)});
         EXPECT_EQ(TakeAnnouncedNames(), c.taken ? Strings{"a"} : Strings{}) << c.length;
     }
     LogCapture log;
@@ -207,9 +194,9 @@ TEST_F(Handshake, ARequestForAnUnknownDeviceIsAnsweredHere)
     EXPECT_TRUE(Answers({0x72, 0x44, 0x52, 0x49}).empty());          // nothing behind the header
     EXPECT_EQ(Answers({0x72, 0x44, 0x52, 0x49, 9}).at(0).at(4), 9u); // the rest reads as zeros
     Add(Folder("a"));
-    EXPECT_EQ(LoadLittle<uint32_t>(Answers(OpenRoot(65535, 8)).at(0).data() + 12), 0u);
+    EXPECT_EQ(StatusOf(Answers(OpenRoot(65535, 8)).at(0)), 0u);
     // The permission of the announce is no part of the number.
-    EXPECT_EQ(LoadLittle<uint32_t>(Answers(OpenRoot(0x0500FFFF, 9)).at(0).data() + 12), 0xC00002B6u);
+    EXPECT_EQ(StatusOf(Answers(OpenRoot(0x0500FFFF, 9)).at(0)), 0xC00002B6u);
 }
 
 TEST_F(Handshake, PacketsOnThePoolLeadToTheSameShares)

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -86,11 +87,20 @@ protected:
         std::filesystem::create_directories(root + "/" + name);
         return root + "/" + name;
     }
-    bool Feed(const Bytes &packet)
+    static bool FeedTo(RdpdrChannelManager &fed, Bytes packet)
     {
-        Bytes copy = packet; // of the exact size, so that a read behind it is seen
-        RdpdrStream stream(copy.data(), static_cast<int32_t>(copy.size()));
-        return manager.ProcessData(&stream);
+        RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
+        return fed.ProcessData(&stream);
+    }
+    bool Feed(const Bytes &packet) { return FeedTo(manager, packet); }
+    // Another manager on the same channel, that has handled the packets.
+    std::unique_ptr<RdpdrChannelManager> Fresh(const std::vector<Bytes> &packets = {})
+    {
+        auto fresh = std::make_unique<RdpdrChannelManager>();
+        fresh->Initialize(&channel, nullptr);
+        for (const Bytes &packet : packets)
+            FeedTo(*fresh, packet);
+        return fresh;
     }
     // What the channel got by feeding the packet.
     std::vector<Bytes> Answers(const Bytes &packet)
@@ -107,12 +117,13 @@ protected:
         channel.TakeNotices();
         channel.TakePackets();
     }
-    // The status texts that an add under the cookie "c" leads to, without what they all begin with.
-    std::vector<std::string> Add(const std::string &path, const std::string &shareName = "",
-                                 uint32_t permission = 0, const std::string &cookie = "c")
+    // The status texts that an add leads to, without what they all begin with.
+    std::vector<std::string> AddTo(RdpdrChannelManager &to, const std::string &path,
+                                   const std::string &shareName, uint32_t permission,
+                                   const std::string &cookie)
     {
         channel.TakeNotices();
-        manager.AddSharedFolder(path, cookie, false, permission, shareName);
+        to.AddSharedFolder(path, cookie, false, permission, shareName);
         std::vector<std::string> texts;
         for (const Notice &notice : channel.TakeNotices()) {
             EXPECT_EQ(notice.cookie, cookie);
@@ -120,6 +131,11 @@ protected:
             texts.push_back(notice.message.substr(strlen(kStatus)));
         }
         return texts;
+    }
+    std::vector<std::string> Add(const std::string &path, const std::string &shareName = "",
+                                 uint32_t permission = 0, const std::string &cookie = "c")
+    {
+        return AddTo(manager, path, shareName, permission, cookie);
     }
 
     struct Announced {

@@ -45,23 +45,10 @@ TEST_F(ShareTable, EveryRefusalIsAStatusText)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.path + "|" + c.shareName + " version " + std::to_string(c.version));
-        RdpdrChannelManager fresh;
-        fresh.Initialize(&channel, nullptr);
-        std::vector<Bytes> packets{VersionExchange(c.version)};
+        auto fresh = Fresh({VersionExchange(c.version)});
         if (c.policy)
-            packets.push_back(PolicyPacket(c.policy->Block(c.version)));
-        for (Bytes &packet : packets) {
-            RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
-            fresh.ProcessData(&stream);
-        }
-        channel.TakeNotices();
-        fresh.AddSharedFolder(c.path, c.cookie, false, 0, c.shareName);
-        Strings statuses;
-        for (const Notice &notice : channel.TakeNotices()) {
-            EXPECT_EQ(notice.cookie, c.cookie);
-            statuses.push_back(notice.message.substr(strlen(kStatus)));
-        }
-        EXPECT_EQ(statuses, c.statuses);
+            FeedTo(*fresh, PolicyPacket(c.policy->Block(c.version)));
+        EXPECT_EQ(AddTo(*fresh, c.path, c.shareName, 0, c.cookie), c.statuses);
         EXPECT_EQ(TakeAnnounced().size(), c.announced ? 1u : 0u);
     }
 }
@@ -181,7 +168,7 @@ TEST_F(ShareTable, SharesFollowTheirDriveUnderTheirNumber)
     EXPECT_TRUE(manager.OnDeviceUnavailable('D'));
     ids();
     EXPECT_EQ(removed, both);
-    EXPECT_EQ(LoadLittle<uint32_t>(Answers(OpenRoot(65535, 1)).at(0).data() + 12), 0xC00002B6u);
+    EXPECT_EQ(StatusOf(Answers(OpenRoot(65535, 1)).at(0)), 0xC00002B6u);
     manager.OnDeviceUnavailable('D');
     ids();
     EXPECT_TRUE(removed.empty());
@@ -219,12 +206,7 @@ TEST_F(ShareTable, DrivesAndRegisteredFoldersAreSharedWhenSettingsAndPolicySaySo
     for (const Case &c : cases) {
         SettingsFixture own;
         c.set(own);
-        RdpdrChannelManager fresh;
-        fresh.Initialize(&channel, nullptr);
-        for (Bytes packet : {VersionExchange(6), PolicyPacket(c.policy.Block(6)), UserLoggedOn()}) {
-            RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
-            fresh.ProcessData(&stream);
-        }
+        auto fresh = Fresh({VersionExchange(6), PolicyPacket(c.policy.Block(6)), UserLoggedOn()});
         EXPECT_EQ(TakeAnnouncedNames(), c.names) << c.what;
     }
 }
@@ -260,17 +242,13 @@ TEST_F(ShareTable, AFolderThatTheMachineDoesNotAllowIsAsGoodAsMissing)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.path);
         settings.SetList("AllowedFolders", c.entries);
-        RdpdrChannelManager fresh;
-        fresh.Initialize(&channel, nullptr);
-        Bytes packet = VersionExchange(1);
-        RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
-        fresh.ProcessData(&stream);
+        auto fresh = Fresh({VersionExchange(1)});
         LogCapture log;
-        EXPECT_TRUE(fresh.AddSharedFolder(c.path, "c", false, 0, ""));
+        EXPECT_TRUE(fresh->AddSharedFolder(c.path, "c", false, 0, ""));
         std::string warning = "W Folder " + c.path + " is outside of the folders that this machine allows.\n";
         EXPECT_EQ(log.Count(warning), c.announced ? 0u : 1u);
         // Nor does the arrival of its drive change that.
-        fresh.OnDeviceAvailable(c.path[0]);
+        fresh->OnDeviceAvailable(c.path[0]);
         EXPECT_EQ(TakeAnnounced().size(), c.announced ? 1u : 0u);
     }
     LogOn(6, {.sharedByAgent = true, .folders = {{0, a}}}); // whoever asks
@@ -282,50 +260,26 @@ TEST_F(ShareTable, TheRootOfAllIsAShareLikeAnyOther)
     LogOn(6);
     EXPECT_EQ(Add("/"), Strings{});
     EXPECT_EQ(TakeAnnouncedNames(), Strings{"_"});
-    EXPECT_EQ(LoadLittle<uint32_t>(Answers(OpenRoot(65535, 1)).at(0).data() + 12), 0u);
+    EXPECT_EQ(StatusOf(Answers(OpenRoot(65535, 1)).at(0)), 0u);
     // A file below it: the request's path is appended as it is.
     std::ofstream(root + "/file") << "x";
     std::u16string path(root.begin(), root.end());
-    std::replace(path.begin(), path.end(), u'/', u'\\');
-    path += std::u16string(u"\\file") + u'\0';
-    DR_DEVICE_IOREQUEST request{65535, 0, 2, IRP_MJ_CREATE, 0, {}};
-    request.SetBody(DR_CREATE_REQ{.DesiredAccess = 1,
-                                  .SharedAccess = 7,
-                                  .CreateDisposition = 1,
-                                  .CreateOptions = 0x40,
-                                  .PathLength = static_cast<uint32_t>(2 * path.size())});
-    Bytes packet = PacketOf(request);
-    for (char16_t unit : path)
-        packet.insert(packet.end(), {static_cast<uint8_t>(unit), static_cast<uint8_t>(unit >> 8)});
-    EXPECT_EQ(LoadLittle<uint32_t>(Answers(packet).at(0).data() + 12), 0u);
+    EXPECT_EQ(StatusOf(Answers(Open(65535, u"\\" + path.substr(1) + u"\\file", nt::FILE_OPEN, 0x40)).at(0)),
+              0u);
     EXPECT_TRUE(manager.RemoveSharedFolder("/", "", "c"));
 }
 
 TEST_F(ShareTable, ThePolicyMarksSharesReadOnly)
 {
     for (uint8_t permission : {uint8_t{5}, uint8_t{1}}) {
-        RdpdrChannelManager fresh;
-        fresh.Initialize(&channel, nullptr);
         LogCapture log;
-        for (Bytes packet :
-             {VersionExchange(6), PolicyPacket(Policy{.permission = permission}.Block(6)), UserLoggedOn()}) {
-            RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
-            fresh.ProcessData(&stream);
-        }
+        auto fresh = Fresh(
+            {VersionExchange(6), PolicyPacket(Policy{.permission = permission}.Block(6)), UserLoggedOn()});
         EXPECT_EQ(log.Count("I CDR is marked as read-only\n"), permission == 1 ? 1u : 0u);
-        fresh.AddSharedFolder(Folder("a"), "c", false, 0, "");
+        fresh->AddSharedFolder(Folder("a"), "c", false, 0, "");
         channel.TakePackets();
-        // A new file, by "open or create".
-        DR_DEVICE_IOREQUEST request{65535, 0, 2, IRP_MJ_CREATE, 0, {}};
-        request.SetBody(DR_CREATE_REQ{
-            .DesiredAccess = 2, .CreateDisposition = 3, .CreateOptions = 0x40, .PathLength = 8});
-        Bytes packet = PacketOf(request);
-        for (char c : {'\\', 'n', permission == 1 ? 'r' : 'w', '\0'})
-            packet.insert(packet.end(), {static_cast<uint8_t>(c), 0});
-        RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
-        fresh.ProcessData(&stream);
-        uint32_t status = LoadLittle<uint32_t>(channel.TakePackets().at(0).data() + 12);
-        EXPECT_EQ(status, permission == 1 ? 0xC0000022u : 0u);
+        FeedTo(*fresh, Open(65535, permission == 1 ? u"\\r" : u"\\w", nt::FILE_OPEN_IF, 0x40));
+        EXPECT_EQ(StatusOf(channel.TakePackets().at(0)), permission == 1 ? 0xC0000022u : 0u);
     }
 }
 
