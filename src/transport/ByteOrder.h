@@ -63,10 +63,15 @@ class BodyWriter {
 public:
     template <typename Integer> void Write(Integer value)
     {
-        bytes.resize(bytes.size() + sizeof(Integer));
-        StoreLittle(bytes.data() + bytes.size() - sizeof(Integer), value);
+        std::array<std::byte, sizeof(Integer)> raw;
+        StoreLittle(raw.data(), value);
+        Bytes(raw);
     }
-    void Bytes(platform::ByteView block) { bytes.insert(bytes.end(), block.begin(), block.end()); }
+    // Kept out of line: inlined into a writer that has just begun, g++ 12 takes the growing for an overflow.
+    [[gnu::noinline]] void Bytes(platform::ByteView block)
+    {
+        bytes.insert(bytes.end(), block.begin(), block.end());
+    }
     void Text(std::string_view text)
     {
         Write(static_cast<uint16_t>(text.size()));
