@@ -6,9 +6,7 @@
 // shares and the open files, so that the fuzzer needn't guess numbers.
 //
 // What is offered is a folder of the fuzzer's own: "AllowedFolders" keeps everything else out of reach, and
-// the size of a file is limited. A path that isn't valid text ends the process by design; here it ends the
-// packet.
-#include "lib/misc/Panic.h"
+// the size of a file is limited.
 #include "rdpdr/RdpdrChannelManager.h"
 #include "rdpdr/wire/IRdpdrChannel.h"
 #include "rdpdr/wire/RdpdrRecords.h"
@@ -24,32 +22,6 @@
 #include <string>
 #include <sys/resource.h>
 #include <vector>
-
-namespace fodr {
-
-namespace {
-struct Panicked {};
-} // namespace
-
-// In place of those of lib/misc, which end the process.
-void Panic(const char *, ...)
-{
-    throw Panicked();
-}
-void PanicNotImplemented(const char *, int)
-{
-    throw Panicked();
-}
-void PanicNotReached(const char *, int)
-{
-    std::abort();
-}
-void PanicVerify(const char *, int)
-{
-    std::abort();
-}
-
-} // namespace fodr
 
 using namespace fodr;
 
@@ -127,10 +99,7 @@ void Handle(RdpdrChannelManager &manager, CheckingChannel &channel, std::vector<
     stream->SetPosition(0);
     if (waits && manager.OnDataReceived(stream))
         return;
-    try {
-        manager.ProcessData(stream);
-    } catch (const Panicked &) { // NOLINT(bugprone-empty-catch): see above
-    }
+    manager.ProcessData(stream);
     channel.creating = false;
     RdpdrStream::Free(&stream);
 }

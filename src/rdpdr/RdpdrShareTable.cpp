@@ -4,7 +4,6 @@
 #include "fileservice/RedirectedDevice.h"
 #include "lib/unicode/AsciiCase.h"
 #include "lib/unicode/CodeSet.h"
-#include "lib/unicode/Utf8Text.h"
 #include "platform/Nt.h"
 #include "rdpdr/LocalFolderLimit.h"
 #include "rdpdr/RdpdrChannelManager.h"
@@ -48,12 +47,15 @@ bool IsDriveRoot(const std::string &path)
 // and of the root of all ("\??\\").
 bool FolderExists(const std::string &ntPath)
 {
-    Utf8Text text((ntPath + "\\").c_str());
-    size_t bytes = text.GetUtf16Length() * sizeof(char16_t);
+    // A path that isn't UTF-8 names nothing; an agent's policy may hold one and must not end the process by
+    // it.
+    std::u16string text;
+    if (!Utf8ToUtf16(ntPath + "\\", text))
+        return false;
+    size_t bytes = text.size() * sizeof(char16_t);
     if (bytes > std::numeric_limits<uint16_t>::max())
         return false;
-    nt::UNICODE_STRING name{static_cast<uint16_t>(bytes), static_cast<uint16_t>(bytes),
-                            const_cast<char16_t *>(text.GetUtf16())};
+    nt::UNICODE_STRING name{static_cast<uint16_t>(bytes), static_cast<uint16_t>(bytes), text.data()};
     nt::OBJECT_ATTRIBUTES attributes{sizeof(nt::OBJECT_ATTRIBUTES), nullptr, &name,
                                      nt::OBJ_CASE_INSENSITIVE,      nullptr, nullptr};
     nt::IO_STATUS_BLOCK ioStatus{};

@@ -301,6 +301,7 @@ TEST_F(RealPlugin, FoldersOutsideTheAllowedOnesAreNotServedWhoeverAsks)
     agent::ClientOptions options;
     options.policy.folders.push_back({0, other.string()});
     options.policy.folders.push_back({0, "*all"});
+    options.policy.folders.push_back({0, "/not\xFFtext"}); // names nothing, and harms nobody
     Agent &agent = Connect(options);
     EXPECT_EQ(StatusOf(""), "RDPDR_CAPABILITY_STATUS,FORCED");
     EXPECT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
