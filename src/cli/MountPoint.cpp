@@ -12,6 +12,7 @@ namespace fs = std::filesystem;
 using platform::MountState;
 
 constexpr int kDefaultNames = 1000; // that are tried
+constexpr int kEndingMS = 2000;     // for an agent that was just killed
 
 std::string Quoted(const std::string &path)
 {
@@ -37,11 +38,12 @@ std::string AbsolutePath(const std::string &path)
 std::unique_ptr<MountPoint> MountPoint::Prepare(const std::string &given, std::string *problem)
 {
     const std::string path = AbsolutePath(given);
-    if (platform::InspectMount(path) == MountState::Dead && !platform::DetachMount(path)) {
+    const MountState former = platform::InspectEndingMount(path, "fodr", kEndingMS);
+    if (former == MountState::Dead && !platform::DetachMount(path)) {
         *problem = "an earlier mount at " + Quoted(path) + " hangs and can't be taken away: unmount it first";
         return nullptr;
     }
-    if (platform::InspectMount(path) == MountState::Alive) {
+    if (former == MountState::Alive) {
         *problem =
             "something is mounted at " + Quoted(path) + " already: choose another folder or unmount it";
         return nullptr;

@@ -10,10 +10,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <fstream>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <thread>
 
 namespace fodr::platform {
 namespace {
@@ -36,16 +38,22 @@ std::string Unescape(const std::string &text)
     return plain;
 }
 
-// Doesn't touch the path itself, which may hang when nobody serves it.
-bool IsMountPoint(const std::string &path)
+// The type of what is mounted there last, empty when nothing is. Doesn't touch the path itself, which may
+// hang when nobody serves it.
+std::string MountType(const std::string &path)
 {
     std::ifstream table("/proc/self/mounts");
-    std::string device, place, rest;
-    while (table >> device >> place && std::getline(table, rest)) {
+    std::string device, place, type, rest, found;
+    while (table >> device >> place >> type && std::getline(table, rest)) {
         if (Unescape(place) == path)
-            return true;
+            found = type;
     }
-    return false;
+    return found;
+}
+
+bool IsMountPoint(const std::string &path)
+{
+    return !MountType(path).empty();
 }
 
 } // namespace
@@ -57,6 +65,19 @@ MountState InspectMount(const std::string &path)
     if (dead)
         return MountState::Dead;
     return IsMountPoint(path) ? MountState::Alive : MountState::None;
+}
+
+MountState InspectEndingMount(const std::string &path, const std::string &ownType, int timeoutMS)
+{
+    constexpr int kStepMS = 20;
+    MountState state = InspectMount(path);
+    for (int waited = 0;
+         state == MountState::Alive && waited < timeoutMS && MountType(path).ends_with(ownType);
+         waited += kStepMS) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(kStepMS));
+        state = InspectMount(path);
+    }
+    return state;
 }
 
 bool DetachMount(const std::string &path)
