@@ -33,7 +33,6 @@ def write_file(folder):
     with open(folder / "sequential", "wb", buffering=0) as file:
         for _ in range(options.size):
             file.write(BLOCK)
-        os.fsync(file.fileno())
 
 
 def read_file(folder):
