@@ -19,6 +19,18 @@ constexpr int kAgentExitLimitMS = 5000; // between the end of its stream and its
 constexpr int kSshFailed = 255;
 constexpr int kNoSuchCommand = 127;
 
+// Ends of a connection that don't tell why.
+bool SaysLittle(const std::string &reason)
+{
+    return reason == "the peer closed the connection" || reason.starts_with("the connection broke");
+}
+
+// Without the "ssh: " that ssh puts in front of its words.
+std::string WithoutProgram(const std::string &words)
+{
+    return words.starts_with("ssh: ") ? words.substr(5) : words;
+}
+
 // What an agent's exit code means for the one who started it: the same, where both have a word for it.
 int CodeOfAgent(int code)
 {
@@ -32,6 +44,8 @@ void ShareSession::HandleLost(const std::string &reason)
 {
     attached = false;
     StopTimer();
+    if (options.verbose)
+        Complain("the connection ended: " + reason);
     const Cause cause = FindCause(reason);
     if (phase == Phase::Ending) {
         finished = true;
@@ -73,11 +87,14 @@ ShareSession::Cause ShareSession::FindCause(const std::string &reason)
         return {EXIT_LOST, MountedAt() + " was unmounted", true};
     if (!sideError.empty())
         return {EXIT_LOST, sideError, false};
+    const std::string loss = "the connection to " + options.target.Name() + " is lost: " + reason;
+    if (agentError.empty() && !SaysLittle(reason))
+        return {EXIT_LOST, loss, false};
     if (exit && (exit->bySignal || exit->code != 0))
         return CauseOfExit(*exit, agentError.empty() ? lastWords : Plain(agentError));
     if (!agentError.empty())
         return {EXIT_REFUSED, "the agent ended: " + Plain(agentError), false};
-    return {EXIT_LOST, "the connection to " + options.target.Name() + " is lost: " + reason, false};
+    return {EXIT_LOST, loss, false};
 }
 
 ShareSession::Cause ShareSession::CauseOfExit(const platform::ChildProcess::Exit &exit,
@@ -91,7 +108,8 @@ ShareSession::Cause ShareSession::CauseOfExit(const platform::ChildProcess::Exit
                     std::to_string(exit.code),
                 false};
     if (ssh && exit.code == kSshFailed)
-        return {EXIT_SSH, "ssh to " + machine + " failed" + (lastWords.empty() ? "" : ": " + lastWords),
+        return {EXIT_SSH,
+                "ssh to " + machine + " failed" + (lastWords.empty() ? "" : ": " + WithoutProgram(lastWords)),
                 false};
     if (ssh && exit.code == kNoSuchCommand)
         return {EXIT_SSH,

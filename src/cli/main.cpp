@@ -1,5 +1,6 @@
 // The fodr command.
 #include "cli/Commands.h"
+#include "cli/Console.h"
 #include "cli/ExitCode.h"
 
 #include <CLI/CLI.hpp>
@@ -119,6 +120,12 @@ void AddControl(CLI::App *app, ControlWords *words)
     app->add_option("--pid", words->processId, "Process id of the share that is meant (default: the latest)");
 }
 
+std::string HelpOf(const CLI::App &app)
+{
+    const auto chosen = app.get_subcommands();
+    return "fodr " + (chosen.empty() ? "" : chosen.front()->get_name() + " ") + "--help";
+}
+
 int Run(std::vector<std::string> arguments)
 {
     CLI::App app("Makes chosen local folders appear on another machine.", "fodr");
@@ -148,11 +155,19 @@ int Run(std::vector<std::string> arguments)
     auto *registerApp = app.add_subcommand("register", "Enter the plug-in into the settings store");
     auto *unregisterApp = app.add_subcommand("unregister", "Remove it from there");
 
+    const auto isMeant = [&](const CLI::App *one) { return one->get_name() == arguments.front(); };
+    if (!arguments.empty() && !arguments.front().starts_with('-') && app.get_subcommands(isMeant).empty()) {
+        Complain("there is no command \"" + arguments.front() + "\": see fodr --help");
+        return EXIT_USAGE;
+    }
     try {
         std::reverse(arguments.begin(), arguments.end()); // as the parser wants it
         app.parse(arguments);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+        if (error.get_exit_code() == 0)
+            return app.exit(error); // help and version
+        Complain(std::string(error.what()) + ": see " + HelpOf(app));
+        return EXIT_USAGE;
     }
     if (shareApp->parsed())
         return RunShare(share);
