@@ -39,12 +39,14 @@ void AgentChannel::Start()
 {
     transport::Hello hello;
     hello.role = transport::Role::Agent;
+    hello.token = options.token;
     {
         const transport::MutexLock held(stateLock);
         running = true;
     }
-    connection.Start();
+    // Nothing may come before it, and the reader answers the host's.
     connection.Send(hello);
+    connection.Start();
 }
 
 bool AgentChannel::SendPacket(ByteSpan head, ByteSpan tail)

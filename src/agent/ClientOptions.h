@@ -33,6 +33,7 @@ enum class SideChannel {
 };
 
 struct ClientOptions {
+    std::string token;         // shown to the host in our Hello; empty: none
     std::string expectedToken; // what the host must show in its Hello; empty: nothing was agreed
     uint16_t version = FODR_CLIENT_VERSION;
     bool multiEntryDirectoryQuery = true;

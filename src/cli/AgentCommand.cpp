@@ -92,8 +92,14 @@ int RunAgentCommand(const AgentCommandWords &words)
         Complain("the agent wants one of --stdio, --listen and --connect");
         return EXIT_USAGE;
     }
-    if (!ReadToken(words.tokenFile, &options.client.expectedToken))
+    std::string token;
+    if (!ReadToken(words.tokenFile, &token))
         return EXIT_USAGE;
+    // Who connects shows it, who listens compares it. Over stdio whoever started us has proved enough.
+    if (words.listen)
+        options.client.expectedToken = token;
+    else if (words.connect)
+        options.client.token = token;
     const std::string noFuse = platform::MountProblem();
     if (!noFuse.empty()) {
         Complain(noFuse);
@@ -106,7 +112,7 @@ int RunAgentCommand(const AgentCommandWords &words)
         return EXIT_MOUNT_POINT;
     }
     options.mountPoint = mountPoint->Path();
-    auto stream = OpenStream(words, options.client.expectedToken);
+    auto stream = OpenStream(words, token);
     if (!stream)
         return EXIT_LOST;
     return agent::RunAgent(std::move(stream), options);

@@ -6,7 +6,6 @@ namespace fodr::cli {
 namespace {
 
 constexpr int kConnectTimeoutMS = 10000;
-constexpr char kTokenVariable[] = "FODR_TOKEN";
 
 } // namespace
 
@@ -72,8 +71,6 @@ AgentConnection AgentStarter::StartProcess(const std::vector<std::string> &words
     AgentConnection connection;
     platform::ChildOptions child;
     child.arguments = words;
-    if (options->target.kind == AgentTarget::Kind::Local)
-        child.environment = {{kTokenVariable, options->token}};
     child.withStream = true;
     child.onErrorLine = onErrorLine;
     child.interrupts = interrupts;

@@ -20,9 +20,11 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
 {
     host::ChannelOptions channel;
     const AgentTarget &target = options.target;
-    channel.token = options.token;
     const bool local = target.kind == AgentTarget::Kind::Local;
-    if (target.kind == AgentTarget::Kind::Connect || target.kind == AgentTarget::Kind::Listen)
+    // Who connects shows it, who listens compares it.
+    if (target.kind == AgentTarget::Kind::Connect)
+        channel.token = options.token;
+    if (target.kind == AgentTarget::Kind::Listen)
         channel.expectedToken = options.token;
     channel.keepAlive = local ? kOnThisMachine : kOverNetwork;
     channel.sideChannelHost = local ? "localhost" : target.host.substr(target.host.find('@') + 1);

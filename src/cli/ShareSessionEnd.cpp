@@ -107,6 +107,10 @@ ShareSession::Cause ShareSession::CauseOfExit(const platform::ChildProcess::Exit
                 (ssh ? options.sshWords.front() : std::string("the agent")) + " was killed by signal " +
                     std::to_string(exit.code),
                 false};
+    if (ssh && exit.code == kSshFailed && everReady)
+        return {EXIT_LOST,
+                "the connection to " + machine + " is lost" + (lastWords.empty() ? "" : ": " + lastWords),
+                false};
     if (ssh && exit.code == kSshFailed)
         return {EXIT_SSH,
                 "ssh to " + machine + " failed" + (lastWords.empty() ? "" : ": " + WithoutProgram(lastWords)),

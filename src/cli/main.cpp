@@ -49,8 +49,11 @@ void AddShare(CLI::App *app, ShareWords *words)
            "--layout", words->layout,
            "single: the folder is the mount itself; folders: each is a folder in it, and more can be added")
         ->check(CLI::IsMember({"single", "folders"}));
-    app->add_flag("--reconnect,!--no-reconnect", words->reconnect,
-                  "When the connection is lost, try again (default: over ssh)");
+    auto *reconnect = app->add_flag_callback(
+        "--reconnect", [words] { words->reconnect = true; }, "When the connection is lost, try again");
+    app->add_flag_callback(
+           "--no-reconnect", [words] { words->reconnect = false; }, "End then (default, except over ssh)")
+        ->excludes(reconnect);
     app->add_option("--token-file", words->tokenFile, "File with the token that both ends know");
     app->add_option("--side-channel", words->sideChannel, "Carry the data on a TCP connection of its own")
         ->check(CLI::IsMember({"none", "tcp", "plugin"}));
