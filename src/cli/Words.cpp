@@ -80,7 +80,7 @@ std::optional<HostAndPort> ParseHostAndPort(const std::string &text, bool portAl
     const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
     if (bracketed)
         host = host.substr(1, host.size() - 2);
-    if (!port || host.empty() || (!bracketed && host.find(':') != std::string::npos))
+    if (!port || host.empty() || (!bracketed && host.find_first_of(":[]") != std::string::npos))
         return std::nullopt;
     return HostAndPort{host, *port};
 }

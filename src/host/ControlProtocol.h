@@ -21,6 +21,8 @@ struct ControlReply {
     int code = 0;         // exit code of the command that asked
     std::string sentence; // what went wrong, without "fodr: "; empty when nothing did
     std::vector<Words> rows;
+
+    bool operator==(const ControlReply &) const = default;
 };
 
 inline constexpr size_t kMaxControlText = 1 << 20;

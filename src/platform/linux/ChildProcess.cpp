@@ -91,10 +91,10 @@ private:
 
     void Take(char c, std::string *line)
     {
-        if (c != '\n' && line->size() < kMaxLine) {
+        if (c != '\n')
             line->push_back(c);
+        if (c != '\n' && line->size() < kMaxLine)
             return;
-        }
         onLine(*line);
         line->clear();
     }

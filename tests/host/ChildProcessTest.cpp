@@ -1,0 +1,127 @@
+#include "platform/ChildProcess.h"
+
+#include "host/TestAgent.h"
+#include "platform/UserFolders.h"
+
+#include <csignal>
+#include <gtest/gtest.h>
+
+namespace fodr::test {
+namespace {
+
+using platform::ChildOptions;
+using platform::ChildProcess;
+
+class Child : public testing::Test {
+protected:
+    std::unique_ptr<ChildProcess> Start(const std::string &script)
+    {
+        options.arguments = {"sh", "-c", script};
+        return ChildProcess::Start(options, &error);
+    }
+    void CollectLines()
+    {
+        options.onErrorLine = [this](const std::string &line) { lines.Add(line); };
+    }
+
+    ChildOptions options;
+    std::string error;
+    Lines lines;
+};
+
+TEST_F(Child, TellsHowItEnded)
+{
+    const struct {
+        const char *script;
+        bool bySignal;
+        int code;
+    } cases[] = {{"exit 0", false, 0},
+                 {"exit 7", false, 7},
+                 {"kill -TERM $$", true, SIGTERM},
+                 {"kill -KILL $$", true, SIGKILL}};
+    for (const auto &test : cases) {
+        const auto child = Start(test.script);
+        const auto exit = child->Wait(-1);
+        EXPECT_EQ(exit->bySignal, test.bySignal) << test.script;
+        EXPECT_EQ(exit->code, test.code) << test.script;
+        child->Kill(); // does nothing any more
+        EXPECT_EQ(child->Wait(0)->code, test.code);
+    }
+    options.arguments = {"/nowhere/program"};
+    EXPECT_FALSE(ChildProcess::Start(options, &error));
+    EXPECT_EQ(error, "No such file or directory");
+}
+
+TEST_F(Child, SpeaksOverItsStandardStreams)
+{
+    options.withStream = true;
+    options.environment = {{"FODR_TEST_WORD", "given"}};
+    CollectLines();
+    platform::SetEnvironment("FODR_TEST_WORD", "inherited");
+    auto child = Start("echo $FODR_TEST_WORD; cat; echo last >&2; printf unended >&2");
+    auto stream = child->TakeStream();
+    const std::string said = "over\n";
+    const platform::ByteView block = std::as_bytes(std::span(said));
+    ASSERT_TRUE(stream->Write({&block, 1}));
+    std::string heard;
+    std::array<std::byte, 100> buffer;
+    while (heard.size() < 11) {
+        const ptrdiff_t got = stream->Read(buffer);
+        ASSERT_GT(got, 0);
+        heard += TextOf(std::span(buffer).first(static_cast<size_t>(got)));
+    }
+    EXPECT_EQ(heard, "given\nover\n");
+    EXPECT_FALSE(child->Wait(0));
+    stream.reset(); // the end of its input
+    EXPECT_EQ(child->Wait(-1)->code, 0);
+    child.reset();
+    EXPECT_EQ(lines.Take(2), "last\nunended\n");
+}
+
+TEST_F(Child, EndsWithItsChildrenInAGroupOfItsOwn)
+{
+    options.interrupts = ChildOptions::Interrupts::Own;
+    CollectLines();
+    auto child = Start("sleep 1000 & echo $! >&2; wait");
+    const auto grandchild = static_cast<uint32_t>(std::stoul(lines.Next()));
+    EXPECT_TRUE(platform::ProcessExists(grandchild));
+    child->Terminate();
+    EXPECT_TRUE(child->Wait(-1)->bySignal);
+    child.reset(); // the pipe of the error lines has no writer left, or this would wait
+}
+
+TEST_F(Child, HasTheSignalsThatItShouldHave)
+{
+    // Blocked and ignored signals of ours must not reach it, except where asked for.
+    std::signal(SIGPIPE, SIG_IGN);
+    CollectLines();
+    const char *script = "grep -E 'Sig(Blk|Ign)' /proc/self/status >&2";
+    // Below 32; those above are the C library's own.
+    const auto standardOnly = [](const std::string &line) {
+        return std::stoull(line.substr(line.find('\t')), nullptr, 16) & 0x7FFFFFFF;
+    };
+    Start(script)->Wait(-1);
+    EXPECT_EQ(standardOnly(lines.Next()), 0u);
+    EXPECT_EQ(standardOnly(lines.Next()), 0u);
+    options.interrupts = ChildOptions::Interrupts::Ignored;
+    Start(script)->Wait(-1);
+    EXPECT_EQ(standardOnly(lines.Next()), 0u);
+    EXPECT_EQ(standardOnly(lines.Next()), 6u); // SIGINT, SIGQUIT
+    struct sigaction action {};
+    sigaction(SIGINT, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, SIG_DFL);
+}
+
+TEST_F(Child, LongLinesComeInPieces)
+{
+    CollectLines();
+    Start("head -c 10000 /dev/zero | tr '\\0' x >&2; echo >&2; echo end >&2")->Wait(-1);
+    std::string all;
+    std::string line;
+    while ((line = lines.Next()) != "end")
+        all += line;
+    EXPECT_TRUE(all == std::string(10000, 'x')) << all.size();
+}
+
+} // namespace
+} // namespace fodr::test

@@ -1,0 +1,229 @@
+#include "host/FolderShares.h"
+
+#include "host/PrivateSettings.h"
+#include "platform/Registry.h"
+#include "platform/UserFolders.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+namespace fodr::test {
+namespace {
+
+namespace fs = std::filesystem;
+using host::FolderShare;
+using host::FolderShares;
+using host::ShareState;
+
+// The plug-in's end of the bus: what it is asked, and a word back under the cookie.
+class Shares : public testing::Test {
+protected:
+    Shares()
+    {
+        bus.Subscribe("FORLDER_REDIRECTION_CMD", this,
+                      [](void *self, const char *, const char *cookie, const char *data) {
+                          static_cast<Shares *>(self)->asked.push_back(std::string(cookie) + ": " + data);
+                          return true;
+                      });
+    }
+    void Status(const std::string &cookie, const std::string &text)
+    {
+        shares.HandleNotice(cookie, "FOLDER_REDIRECTION_CMD_STATUS," + text);
+    }
+    std::string Asked()
+    {
+        std::string all;
+        for (const std::string &line : asked)
+            all += line + "\n";
+        asked.clear();
+        return all;
+    }
+
+    host::MessageBus bus;
+    std::vector<std::string> asked;
+    std::vector<std::string> changed;
+    FolderShares shares{&bus, [this](const FolderShare &share) {
+                            changed.push_back(share.name +
+                                              (share.state == ShareState::Ready ? " ready" : " refused") +
+                                              (share.problem.empty() ? "" : ": " + share.problem));
+                        }};
+};
+
+TEST_F(Shares, AreAskedForWhenTheOtherSideTakesThemAndAgainForANewInstance)
+{
+    shares.Add("/data/docs", "docs");
+    EXPECT_EQ(Asked(), "");
+    shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS,ENABLED");
+    EXPECT_EQ(Asked(), "fodr-1: ADD,/data/docs|docs\n");
+    shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS,ENABLED"); // may be said again
+    EXPECT_EQ(Asked(), "");
+    shares.Add("/data/more", "more");
+    EXPECT_EQ(Asked(), "fodr-2: ADD,/data/more|more\n");
+    EXPECT_EQ(shares.Add("/data/docs", "other"), nullptr);
+
+    Status("fodr-1", "Share name change to docs(1)");
+    Status("fodr-1", "SUCCEEDED");
+    Status("fodr-9", "SUCCEEDED");
+    EXPECT_EQ(changed, std::vector<std::string>({"docs(1) ready"}));
+
+    shares.StartOver();
+    EXPECT_EQ(shares.All()[0].state, ShareState::Waiting);
+    shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS,FORCED");
+    EXPECT_EQ(Asked(), "fodr-1: ADD,/data/docs|docs(1)\nfodr-2: ADD,/data/more|more\n");
+
+    EXPECT_TRUE(shares.Remove("more"));
+    EXPECT_TRUE(shares.Remove("/data/docs"));
+    EXPECT_FALSE(shares.Remove("/data/docs"));
+    EXPECT_EQ(Asked(), "fodr-2: REMOVE,/data/more|more\nfodr-1: REMOVE,/data/docs|docs(1)\n");
+}
+
+TEST_F(Shares, RefusalsAreExplained)
+{
+    const struct {
+        const char *status;
+        const char *problem;
+    } cases[] = {
+        {"Folder not exist or invalid parameter or configuration", "the folder is gone or can't be read"},
+        {"Invalid share path", "its path can't be used"},
+        {"Policy is not received from Agent", "the other side hasn't said what may be shared"},
+        {"Redirecting /a is not allowed from Agent", "the other side doesn't allow it"},
+        {"Internal system error", "the plug-in can't serve it"},
+        {"Fails to communicate with agent", "the other side can't be told of it"},
+        {"Failed with code 0xc0000001", "the other side refused it"},
+        {"something new", "something new"},
+    };
+    shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS,ENABLED");
+    int number = 0;
+    for (const auto &test : cases) {
+        shares.Add("/" + std::to_string(number), std::to_string(number));
+        Status("fodr-" + std::to_string(++number), test.status);
+        EXPECT_EQ(changed.back(), std::to_string(number - 1) + " refused: " + test.problem);
+    }
+    shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS,DISABLED");
+    EXPECT_TRUE(shares.Disabled());
+}
+
+TEST(ShareNames, AnyFolderCanBeAskedForWithoutBreakingTheCommand)
+{
+    const struct {
+        const char *path;
+        const char *asked;
+    } paths[] = {
+        {"/", "/"},
+        {"/1,2/x,y", "/1,2/x,y"}, // the count is only read before a comma, and "/1" is 0
+        {"/a|b", "/a\uF07Cb"},
+        {"/a\\b/c:d", "/a\uF05Cb/c\uF03Ad"},
+        {"/new\nline", "/new\uF00Aline"},
+        {"/bad\xFF\xC3", "/bad\uF7FF\uF7C3"},
+        {"/Größe/資料", "/Größe/資料"},
+    };
+    for (const auto &test : paths)
+        EXPECT_EQ(FolderShares::AskedForm(test.path), test.asked);
+    const struct {
+        const char *text;
+        const char *name;
+    } names[] = {
+        {"docs", "docs"},
+        {"a|b:c*d\"e<f>g?h@i/j\\k", "a_b_c_d_e_f_g_h_i_j_k"},
+        {"tab\tline\n", "tab_line_"},
+        {"bad\xFF\xC3", "bad__"},
+        {"half\xE8\xB3", "half__"},
+        {"資料😀", "資料😀"},
+        {"blanks  ", "blanks"},
+        {"   ", "_"},
+        {"", "_"},
+        {"(OVDND)x", "(OV.DND)x"},
+        {"(OVFCP)x", "(OV.FCP)x"},
+        {"(OVFR)x", "(OV.FR)x"},
+        {"x(OVFR)", "x(OVFR)"},
+    };
+    for (const auto &test : names)
+        EXPECT_EQ(FolderShares::NameFor(test.text), test.name);
+}
+
+class Settings : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        root = fs::path(testing::TempDir()) / ("fodr-settings-" + std::to_string(getpid()));
+        fs::create_directories(root / "user");
+        before = platform::GetEnvironment("FODR_SETTINGS_DIR");
+        platform::SetEnvironment("FODR_SETTINGS_DIR", (root / "user").string());
+    }
+    void TearDown() override
+    {
+        platform::SetEnvironment("FODR_SETTINGS_DIR", before);
+        fs::remove_all(root);
+    }
+    void UserStore(const std::string &text)
+    {
+        std::ofstream(root / "user" / "HKEY_LOCAL_MACHINE.ini") << text;
+    }
+    // As the plug-in reads it; "-" for a value that isn't there.
+    static std::string Value(const char *name)
+    {
+        platform::RegistryKey key = nullptr;
+        if (platform::RegistryOpen(platform::RegistryRoot::LocalMachine,
+                                   "Software\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr",
+                                   platform::kRegKeyRead, &key) != 0)
+            return "no key";
+        char data[1000] = {};
+        uint32_t size = sizeof(data);
+        const uint32_t result = platform::RegistryQuery(key, name, false, nullptr, data, &size);
+        platform::RegistryClose(key);
+        std::string text(data, result == 0 ? size : 0);
+        for (char &c : text)
+            c = c == '\0' ? '.' : c;
+        return result == 0 ? text : "-";
+    }
+
+    fs::path root;
+    std::string before;
+};
+
+TEST_F(Settings, ShareWhatIsNamedAndNothingElse)
+{
+    const std::string key = "[SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr]\n";
+    const struct {
+        const char *what;
+        std::string store;
+        const char *logLevel;
+    } cases[] = {
+        {"no store", "", "-"},
+        {"everything",
+         key + "RedirectAll=dword:1\nSharedFolders=multi_sz:/etc;\nAllowedFolders=multi_sz:/;\n"
+               "logLevel=sz:DEBUG\n",
+         "DEBUG."},
+        {"not a store", "[[[\nnonsense", "-"},
+    };
+    const std::string folder = (root / "private").string();
+    for (const auto &test : cases) {
+        platform::SetEnvironment("FODR_SETTINGS_DIR", (root / "user").string());
+        UserStore(test.store);
+        std::string error;
+        auto settings = host::PrivateSettings::Create(folder, &error);
+        ASSERT_TRUE(settings) << test.what << ": " << error;
+        EXPECT_EQ(platform::GetEnvironment("FODR_SETTINGS_DIR"), folder);
+        struct stat facts {};
+        ASSERT_EQ(stat(folder.c_str(), &facts), 0);
+        EXPECT_EQ(facts.st_mode & 0777, 0700u);
+        EXPECT_EQ(Value("RedirectAll"), "....") << test.what;
+        EXPECT_EQ(Value("SharedFolders"), "-") << test.what;
+        EXPECT_EQ(Value("AllowedFolders"), ".") << test.what;
+        EXPECT_EQ(Value("logLevel"), test.logLevel) << test.what;
+        EXPECT_TRUE(settings->Allow({"/a;b", "/c\\d\n", "/ü"}, &error));
+        EXPECT_EQ(Value("AllowedFolders"), "/a;b./c\\d\n./ü..");
+        settings.reset();
+        EXPECT_FALSE(fs::exists(folder));
+        // The user's own store is left as it was.
+        std::ifstream stream(root / "user" / "HKEY_LOCAL_MACHINE.ini");
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stream), {}), test.store);
+    }
+}
+
+} // namespace
+} // namespace fodr::test
