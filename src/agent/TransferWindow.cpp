@@ -24,7 +24,35 @@ TransferWindow::Transfer TransferWindow::Begin(size_t bytes, Time now)
     if (inFlight == 0)
         deliveredAt = now;
     inFlight += bytes;
-    return {.bytes = bytes, .begun = now, .deliveredBefore = delivered, .deliveredAt = deliveredAt};
+    return {.bytes = bytes,
+            .begun = now,
+            .deliveredBefore = delivered,
+            .deliveredAt = deliveredAt,
+            .alone = inFlight == bytes};
+}
+
+void TransferWindow::Rate::Take(double value, Time now, Clock::duration span)
+{
+    if (now - since > span) {
+        previous = now - since > 2 * span ? 0 : current;
+        current = 0;
+        since = now;
+    }
+    current = std::max(current, value);
+}
+
+void TransferWindow::MeasureDelay(const Transfer &transfer, Time now)
+{
+    // What the bytes themselves took isn't delay.
+    const double own = static_cast<double>(transfer.bytes) / rate.Value();
+    const double seen = std::max(Seconds(now - transfer.begun) - own, kShortestDelay);
+    if (delay == 0 || seen <= delay || (probing && transfer.alone)) {
+        delay = seen;
+        delaySeen = now;
+        probing = false;
+    } else if (now - delaySeen > kDelaySpan) {
+        probing = true;
+    }
 }
 
 void TransferWindow::Measure(const Transfer &transfer, Time now)
@@ -33,11 +61,8 @@ void TransferWindow::Measure(const Transfer &transfer, Time now)
     deliveredAt = now;
     const double elapsed = std::max(Seconds(now - transfer.deliveredAt), kShortestDelay);
     rate.Take(static_cast<double>(delivered - transfer.deliveredBefore) / elapsed, now, kRateSpan);
-    const double bytesPerSecond = rate.Value();
-    // What the bytes themselves took isn't delay.
-    const double own = static_cast<double>(transfer.bytes) / bytesPerSecond;
-    delay.Take(std::max(Seconds(now - transfer.begun) - own, kShortestDelay), now, kDelaySpan);
-    const double wanted = bytesPerSecond * (2 * delay.Value() + kSlack);
+    MeasureDelay(transfer, now);
+    const double wanted = rate.Value() * (2 * delay + kSlack);
     limit = static_cast<size_t>(
         std::clamp(wanted, static_cast<double>(kSmallest), static_cast<double>(kLargest)));
 }
@@ -49,7 +74,7 @@ void TransferWindow::End(const Transfer &transfer, Time now)
         const transport::MutexLock held(lock);
         inFlight -= transfer.bytes;
         Measure(transfer, now);
-        if (inFlight <= limit)
+        if (inFlight <= Limit())
             released.swap(waiters);
     }
     for (Waiter &waiter : released)
@@ -60,7 +85,7 @@ void TransferWindow::WhenBelow(Waiter waiter)
 {
     {
         const transport::MutexLock held(lock);
-        if (inFlight > limit) {
+        if (inFlight > Limit()) {
             waiters.push_back(std::move(waiter));
             return;
         }

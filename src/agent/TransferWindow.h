@@ -26,11 +26,12 @@ public:
         Time begun{};
         uint64_t deliveredBefore = 0;
         Time deliveredAt{};
+        bool alone = false; // nothing else was on its way
     };
     Transfer Begin(size_t bytes, Time now);
     void End(const Transfer &transfer, Time now);
 
-    size_t Limit() const { return limit; }
+    size_t Limit() const { return probing && inFlight != 0 ? 0 : limit.load(); }
     size_t InFlight() const { return inFlight; }
 
     // Calls the function as soon as no more than the limit is on its way: now, or from an End.
@@ -38,34 +39,26 @@ public:
     void WhenBelow(Waiter waiter);
 
 private:
-    // The largest (or smallest) of the last one to two spans of time.
-    template <class Better> struct Best {
+    // The highest rate of the last one to two spans of time.
+    struct Rate {
         double current = 0, previous = 0;
         Time since{};
-        void Take(double value, Time now, Clock::duration span)
-        {
-            if (now - since > span) {
-                previous = now - since > 2 * span ? 0 : current;
-                current = 0;
-                since = now;
-            }
-            if (current == 0 || Better{}(value, current))
-                current = value;
-        }
-        double Value() const
-        {
-            return current == 0 || (previous != 0 && Better{}(previous, current)) ? previous : current;
-        }
+        void Take(double value, Time now, Clock::duration span);
+        double Value() const { return current > previous ? current : previous; }
     };
+    void MeasureDelay(const Transfer &transfer, Time now) REQUIRES(lock);
     void Measure(const Transfer &transfer, Time now) REQUIRES(lock);
 
     std::atomic<size_t> limit{kFirst};
     std::atomic<size_t> inFlight{0};
+    // The shortest delay is old: everything on its way is let run out, so that it can be measured anew.
+    std::atomic<bool> probing{false};
     transport::Mutex lock;
     uint64_t delivered GUARDED_BY(lock) = 0;
     Time deliveredAt GUARDED_BY(lock){};
-    Best<std::greater<>> rate GUARDED_BY(lock); // bytes a second
-    Best<std::less<>> delay GUARDED_BY(lock);   // seconds
+    Rate rate GUARDED_BY(lock);        // bytes a second
+    double delay GUARDED_BY(lock) = 0; // seconds; 0: not known
+    Time delaySeen GUARDED_BY(lock){};
     std::vector<Waiter> waiters GUARDED_BY(lock);
 };
 

@@ -81,6 +81,14 @@ void FileSystem::SetSession(fuse_session *fuseSession)
         notifier.Stop();
 }
 
+void FileSystem::Clear()
+{
+    directories.Clear();
+    openListings.DropAll();
+    for (const OpenFilePtr &file : openFiles.DropAll())
+        file->node->opens.Remove(file);
+}
+
 // ---- What the kernel is told ----
 
 void FileSystem::OnDirectoryChanged(const NodePtr &directory)

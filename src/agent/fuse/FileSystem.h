@@ -8,6 +8,7 @@
 #include "agent/fuse/DirectoryCache.h"
 #include "agent/fuse/DirectoryListing.h"
 #include "agent/fuse/FuseCall.h"
+#include "agent/fuse/KeptHandles.h"
 #include "agent/fuse/KernelNotifier.h"
 #include "agent/fuse/NodeTable.h"
 
@@ -46,8 +47,8 @@ public:
 
     // For the kernel's notices; null before the session ends.
     void SetSession(fuse_session *fuseSession);
-    // Before the client goes: gives up what is open for the file system's own use.
-    void Clear() { directories.Clear(); }
+    // When the kernel can't come any more, before the client goes: gives up what is open.
+    void Clear();
     bool HasWritesInFlight() const { return writeWindow.InFlight() != 0; }
     InterruptWatch &Interrupts() { return interrupts; }
 
@@ -83,7 +84,6 @@ private:
     struct Found {
         nt::NTSTATUS status = nt::STATUS_SUCCESS;
         FileFacts facts;
-        std::string name; // as the other side spells it
     };
     // An open directory of the kernel's.
     struct OpenListing {
@@ -108,7 +108,7 @@ private:
             [this, &node](DirectoryCache::Handler done) { directories.Acquire(node, std::move(done)); });
     }
     Task<Found> FindByHandle(NodePtr parent, std::string name, bool *decided);
-    Task<Found> FindByPath(Place place, std::string name);
+    Task<Found> FindByPath(Place place);
     Task<Found> FactsOf(NodePtr node);
     Task<Found> FactsOfDirectory(NodePtr node);
 
@@ -145,11 +145,12 @@ private:
     bool IsListedNow(const OpenListing &open, const DirectoryListing::Entry &entry) const;
 
     std::u16string HiddenPath(const NodePtr &parent);
-    static OpenFilePtr &FileOf(uint64_t handle) { return *reinterpret_cast<OpenFilePtr *>(handle); }
 
     const Options options;
     NodeTable table;
     TransferWindow readWindow, writeWindow;
+    KeptHandles<OpenFile> openFiles;
+    KeptHandles<OpenListing> openListings;
     DirectoryCache directories;
     KernelNotifier notifier;
     InterruptWatch interrupts;

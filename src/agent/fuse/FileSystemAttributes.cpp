@@ -94,7 +94,7 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
                                    uint64_t handle)
 {
     const NodePtr node = table.Find(nodeId);
-    const OpenFilePtr file = handle ? FileOf(handle) : nullptr;
+    const OpenFilePtr file = handle ? openFiles.Of(handle) : nullptr;
     Place place;
     if (!node) {
         call->Fail(ESTALE);
@@ -160,7 +160,7 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
 // Files grow by this and never shrink; holes aren't made, and nothing is reserved.
 Detached FileSystem::Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uint64_t offset, uint64_t length)
 {
-    const OpenFilePtr file = FileOf(handle);
+    const OpenFilePtr file = openFiles.Of(handle);
     if (mode != 0) {
         call->Fail(EOPNOTSUPP);
         co_return;

@@ -28,9 +28,9 @@ Detached FileSystem::OpenDirectory(FuseCall::Ptr call, uint64_t nodeId)
             co_return;
         }
     }
-    auto *kept = new OpenListingPtr(std::move(open));
-    if (!call->Opened(reinterpret_cast<uint64_t>(kept)))
-        delete kept;
+    const uint64_t handle = openListings.Keep(std::move(open));
+    if (!call->Opened(handle))
+        openListings.Drop(handle);
 }
 
 Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
@@ -54,7 +54,7 @@ Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
 Detached FileSystem::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t size, uint64_t offset,
                                    bool plus)
 {
-    const OpenListingPtr open = *reinterpret_cast<OpenListingPtr *>(handle);
+    const OpenListingPtr open = openListings.Of(handle);
     if (open->listing && offset == 0 && open->listing->IsBegun()) {
         // From the start again: the folder as it is now.
         const nt::NTSTATUS status = co_await BeginListing(open);
@@ -136,7 +136,7 @@ bool FileSystem::IsListedNow(const OpenListing &open, const DirectoryListing::En
 
 void FileSystem::ReleaseDirectory(FuseCall::Ptr call, uint64_t handle)
 {
-    delete reinterpret_cast<OpenListingPtr *>(handle);
+    openListings.Drop(handle);
     call->Done();
 }
 

@@ -1,5 +1,6 @@
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/StatusErrno.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
@@ -8,30 +9,20 @@
 namespace fodr::agent {
 namespace {
 
-bool SaysAbsent(nt::NTSTATUS status)
-{
-    return status == nt::STATUS_OBJECT_NAME_NOT_FOUND || status == nt::STATUS_NO_SUCH_FILE ||
-           status == nt::STATUS_NO_MORE_FILES || status == nt::STATUS_OBJECT_PATH_NOT_FOUND ||
-           status == nt::STATUS_DELETE_PENDING || status == nt::STATUS_FILE_DELETED ||
-           status == nt::STATUS_OBJECT_NAME_INVALID;
-}
-
 // The entry of the name in the answer to a search for it: the exact one, or the first, which differs in case.
-bool PickEntry(ByteSpan answer, const std::u16string &wanted, FileFacts *facts, std::string *name)
+bool PickEntry(ByteSpan answer, const std::u16string &wanted, FileFacts *facts)
 {
     bool found = false;
     DirectoryReader reader(answer);
     std::u16string ntName;
-    std::string posixName;
     for (DirectoryReader::Entry entry; reader.Next(&entry);) {
         ntName.resize(entry.name.size() / 2);
         for (size_t i = 0; i < ntName.size(); ++i)
             ntName[i] = static_cast<char16_t>(LoadLittle<uint16_t>(&entry.name[2 * i]));
         const bool exact = ntName == wanted;
-        if ((found && !exact) || !PosixNameFromNt(ntName, posixName))
+        if (found && !exact)
             continue;
         *facts = entry.facts;
-        *name = posixName;
         found = true;
         if (exact)
             break;
@@ -46,15 +37,15 @@ bool PickEntry(ByteSpan answer, const std::u16string &wanted, FileFacts *facts, 
 Task<FileSystem::Found> FileSystem::Find(NodePtr parent, std::string name)
 {
     if (name.starts_with(kHiddenPrefix))
-        co_return Found{.status = nt::STATUS_OBJECT_NAME_NOT_FOUND, .facts = {}, .name = {}};
+        co_return Found{.status = nt::STATUS_OBJECT_NAME_NOT_FOUND, .facts = {}};
     bool decided = false;
     Found found = co_await FindByHandle(parent, name, &decided);
     if (decided)
         co_return found;
     Place place;
     if (!table.PlaceIn(parent, name, &place))
-        co_return Found{.status = nt::STATUS_OBJECT_PATH_NOT_FOUND, .facts = {}, .name = {}};
-    found = co_await FindByPath(place, name);
+        co_return Found{.status = nt::STATUS_OBJECT_PATH_NOT_FOUND, .facts = {}};
+    found = co_await FindByPath(place);
     co_return found;
 }
 
@@ -74,7 +65,7 @@ Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string nam
     const std::u16string wanted = NtNameFromPosix(name);
     const IoResult result = co_await SearchDirectory(directory->Share(), directory->FileId(), wanted);
     found.status = result.status;
-    if (!result.Failed() && !PickEntry(result.data, wanted, &found.facts, &found.name))
+    if (!result.Failed() && !PickEntry(result.data, wanted, &found.facts))
         found.status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
     if (found.status == nt::STATUS_INVALID_HANDLE || found.status == nt::STATUS_CANCELLED) {
         directories.Drop(parent);
@@ -84,14 +75,13 @@ Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string nam
     co_return found;
 }
 
-Task<FileSystem::Found> FileSystem::FindByPath(Place place, std::string name)
+Task<FileSystem::Found> FileSystem::FindByPath(Place place)
 {
     Found found;
     const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
                                           .createDisposition = nt::FILE_OPEN};
     const IoResult opened = co_await CreateFile(*place.share, open, place.path);
     found.status = opened.status;
-    found.name = name;
     if (opened.Failed())
         co_return found;
     const uint32_t fileId = opened.fileId;
@@ -125,6 +115,8 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
         }
         co_return;
     }
+    // Names that differ in case are different nodes, also where they lead to one file: a rename from one case
+    // to another would be nothing to the kernel otherwise.
     // What is being written is looked up as it will be.
     const NodePtr known = table.Child(parent, name);
     const std::shared_ptr<WriteBehind> writes = known ? known->WritesIfAny() : nullptr;
@@ -138,7 +130,7 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
             call->FailStatus(found.status);
         co_return;
     }
-    const NodePtr node = table.Reach(parent, found.name, found.facts.IsDirectory());
+    const NodePtr node = table.Reach(parent, name, found.facts.IsDirectory());
     node->NoteFacts(found.facts);
     // A folder may tell late what becomes of a file while it is open.
     if (node->opens.IsOpen()) {

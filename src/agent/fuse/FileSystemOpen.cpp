@@ -1,6 +1,7 @@
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/Fuse.h"
 #include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>
@@ -45,7 +46,7 @@ uint64_t FileSystem::KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteS
     if (file->readable)
         file->readAhead = std::make_shared<ReadAhead>(share, fileId, writes, readWindow);
     node->opens.Add(file);
-    return reinterpret_cast<uint64_t>(new OpenFilePtr(std::move(file)));
+    return openFiles.Keep(std::move(file));
 }
 
 // A small file that is opened for reading is read: its bytes come while the kernel asks for its facts.
@@ -84,7 +85,11 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
                                           .createOptions = nt::FILE_NON_DIRECTORY_FILE};
     const IoResult opened = co_await CreateFile(*place.share, open, place.path);
     if (opened.Failed()) {
-        call->FailStatus(opened.status);
+        // The name may lead to another file by now: the kernel looks it up again.
+        if (SaysAbsent(opened.status))
+            call->Fail(ESTALE);
+        else
+            call->FailStatus(opened.status);
         co_return;
     }
     const uint32_t fileId = opened.fileId;
@@ -103,7 +108,7 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         }
     }
     const uint64_t handle = KeepOpen(node, place.share, fileId, flags);
-    const OpenFilePtr file = FileOf(handle);
+    const OpenFilePtr file = openFiles.Of(handle);
     // Whoever opens a file sees it as it is by now, also its size. The node is in use, so this doesn't wait.
     if (file->readable && session)
         fuse_lowlevel_notify_inval_inode(session, node->id, -1, 0);
@@ -165,7 +170,7 @@ Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string n
 
 void FileSystem::Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, uint32_t length)
 {
-    const OpenFilePtr &file = FileOf(handle);
+    const OpenFilePtr &file = openFiles.Of(handle);
     if (!file->readable) {
         call->Fail(EBADF);
         return;
@@ -183,7 +188,7 @@ void FileSystem::Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, uint
 
 void FileSystem::Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes)
 {
-    const OpenFilePtr &file = FileOf(handle);
+    const OpenFilePtr &file = openFiles.Of(handle);
     if (!file->writable) {
         call->Fail(EBADF);
         return;
@@ -202,7 +207,7 @@ void FileSystem::Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, Byt
 // Of flush and fsync alike: nothing counts as written that the other side hasn't acknowledged.
 void FileSystem::Flush(FuseCall::Ptr call, uint64_t handle)
 {
-    const OpenFilePtr &file = FileOf(handle);
+    const OpenFilePtr &file = openFiles.Of(handle);
     file->node->Writes(writeWindow)->WhenDone([call, errors = file->errors] {
         call->FailStatus(errors->TakeForFlush());
     });
@@ -211,15 +216,12 @@ void FileSystem::Flush(FuseCall::Ptr call, uint64_t handle)
 // The call may be null: the kernel never got the handle.
 void FileSystem::Release(FuseCall::Ptr call, uint64_t handle)
 {
-    OpenFilePtr *kept = &FileOf(handle);
-    const OpenFilePtr file = *kept;
-    delete kept;
+    const OpenFilePtr file = openFiles.Drop(handle);
     // Counted from now on, so that a rename that follows waits for it.
     file->node->opens.BeginClose();
+    file->released = true;
     file->node->opens.Remove(file);
-    file->node->Writes(writeWindow)->WhenDone([file] {
-        file->share->Close(file->fileId, [file](const IoResult &) { file->node->opens.EndClose(); });
-    });
+    file->node->Writes(writeWindow)->WhenDone([file] {});
     if (call)
         call->Done();
 }

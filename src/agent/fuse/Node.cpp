@@ -3,6 +3,13 @@
 #include <algorithm>
 
 namespace fodr::agent {
+OpenFile::~OpenFile()
+{
+    if (!released)
+        node->opens.BeginClose();
+    share->Close(fileId, [file = node](const IoResult &) { file->opens.EndClose(); });
+}
+
 void OpenState::Add(const OpenFilePtr &file)
 {
     const transport::MutexLock held(lock);

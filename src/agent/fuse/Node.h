@@ -17,13 +17,19 @@ namespace fodr::agent {
 struct Node;
 using NodePtr = std::shared_ptr<Node>;
 
-// One open of a file through the mount.
+// One open of a file through the mount. Its handle is closed when the last who uses it has done so.
 struct OpenFile {
+    OpenFile() = default;
+    ~OpenFile();
+    OpenFile(const OpenFile &) = delete;
+    OpenFile &operator=(const OpenFile &) = delete;
+
     NodePtr node;
     std::shared_ptr<RemoteShare> share;
     uint32_t fileId = 0;
     bool readable = false;
     bool writable = false;
+    bool released = false; // the kernel has closed it: counted by BeginClose already
     std::shared_ptr<WriteErrors> errors = std::make_shared<WriteErrors>();
     std::shared_ptr<ReadAhead> readAhead; // when readable
 

@@ -91,4 +91,12 @@ int ErrnoOfStatus(nt::NTSTATUS status)
     return found != std::end(kStatusErrno) && found->status == status ? found->error : EIO;
 }
 
+bool SaysAbsent(nt::NTSTATUS status)
+{
+    return status == nt::STATUS_OBJECT_NAME_NOT_FOUND || status == nt::STATUS_NO_SUCH_FILE ||
+           status == nt::STATUS_NO_MORE_FILES || status == nt::STATUS_OBJECT_PATH_NOT_FOUND ||
+           status == nt::STATUS_DELETE_PENDING || status == nt::STATUS_FILE_DELETED ||
+           status == nt::STATUS_OBJECT_NAME_INVALID;
+}
+
 } // namespace fodr::agent

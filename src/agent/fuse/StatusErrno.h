@@ -8,4 +8,7 @@ namespace fodr::agent {
 // 0 for a success, else an errno; EIO for what has no better one.
 int ErrnoOfStatus(nt::NTSTATUS status);
 
+// Whether it says that nothing has the name.
+bool SaysAbsent(nt::NTSTATUS status);
+
 } // namespace fodr::agent

@@ -1,0 +1,164 @@
+// What the kernel knows: places of nodes through renames, facts as POSIX shows them, statuses as errnos.
+#include "agent/AgentStatus.h"
+#include "agent/fuse/Attributes.h"
+#include "agent/fuse/NodeTable.h"
+#include "agent/fuse/StatusErrno.h"
+#include "platform/Nt.h"
+#include "rdpdr/wire/WireLayout.h"
+
+#include <cerrno>
+#include <gtest/gtest.h>
+
+namespace fodr::agent {
+namespace {
+
+class Nodes : public ::testing::Test {
+protected:
+    Nodes() : client(std::move(platform::MakeStreamPair().first), {}, &nobody)
+    {
+        table.SetRootShare(std::make_shared<RemoteShare>(client, RemoteDevice{}));
+    }
+    NodePtr Reach(const NodePtr &parent, const std::string &name, bool directory = true)
+    {
+        return table.Reach(parent, name, directory);
+    }
+    // Empty: nowhere.
+    std::u16string PathOf(const NodePtr &node)
+    {
+        NodeTable::Place place;
+        return table.PlaceOf(node, &place) ? place.path : u"";
+    }
+
+    struct : IClientObserver {
+        void OnDeviceAdded(const RemoteDevice &) override {}
+        void OnDeviceRemoved(uint32_t) override {}
+        void OnGoodbye(const std::string &) override {}
+        void OnEnded(ChannelEnd, const std::string &) override {}
+    } nobody;
+    RdpdrClient client;
+    NodeTable table;
+    const NodePtr root = table.Root();
+};
+
+TEST_F(Nodes, KeepTheirPlaceThroughRenamesOfTheirParents)
+{
+    const NodePtr a = Reach(root, "a"), b = Reach(a, "b"), file = Reach(b, "f*?", false);
+    EXPECT_EQ(PathOf(root), u"\\");
+    EXPECT_EQ(PathOf(file), u"\\a\\b\\f\xF02A\xF03F");
+    const NodePtr x = Reach(root, "x");
+    table.Rename(a, "b", x, "c");
+    EXPECT_EQ(PathOf(file), u"\\x\\c\\f\xF02A\xF03F");
+    EXPECT_EQ(table.Child(x, "c"), b);
+    EXPECT_EQ(table.Child(a, "b"), nullptr);
+}
+
+TEST_F(Nodes, WhatIsReplacedOrRemovedIsNowhere)
+{
+    const NodePtr from = Reach(root, "from", false), to = Reach(root, "to", false);
+    table.Rename(root, "from", root, "to");
+    EXPECT_EQ(PathOf(from), u"\\to");
+    EXPECT_EQ(PathOf(to), u"");
+    EXPECT_EQ(table.Find(to->id), to); // the kernel still counts it
+    table.Remove(root, "to");
+    EXPECT_EQ(PathOf(from), u"");
+    // Another file under the old name is another node.
+    EXPECT_NE(Reach(root, "to", false)->id, from->id);
+}
+
+TEST_F(Nodes, AnotherKindUnderTheNameIsAnotherNode)
+{
+    const NodePtr folder = Reach(root, "n", true);
+    const NodePtr inside = Reach(folder, "i", false);
+    const NodePtr file = Reach(root, "n", false);
+    EXPECT_NE(folder->id, file->id);
+    EXPECT_EQ(PathOf(inside), u"");
+    EXPECT_EQ(PathOf(file), u"\\n");
+}
+
+TEST_F(Nodes, AreForgottenWhenTheKernelHasForgottenThemAndTheirChildren)
+{
+    const NodePtr a = Reach(root, "a"), file = Reach(a, "f", false);
+    Reach(root, "a");
+    table.Forget(a->id, 2);
+    EXPECT_EQ(table.Find(a->id), a);
+    EXPECT_EQ(PathOf(file), u"\\a\\f");
+    table.Forget(file->id, 1);
+    EXPECT_EQ(table.Find(file->id), nullptr);
+    EXPECT_EQ(table.Find(a->id), nullptr);
+    table.Forget(12345, 1); // never told
+    table.Forget(NodeTable::kRootId, 99);
+    EXPECT_EQ(table.Find(NodeTable::kRootId), root);
+}
+
+TEST_F(Nodes, SharesAreFoldersThatComeAndGo)
+{
+    NodeTable several;
+    const auto share =
+        std::make_shared<RemoteShare>(client, RemoteDevice{.id = 5, .name = {}, .dosName = {}, .path = {}});
+    EXPECT_TRUE(several.AddShareFolder("docs", share));
+    EXPECT_FALSE(several.AddShareFolder("docs", share));
+    const NodePtr docs = several.ReachShareFolder("docs");
+    const NodePtr file = several.Reach(docs, "f", false);
+    NodeTable::Place place;
+    ASSERT_TRUE(several.PlaceOf(file, &place));
+    EXPECT_EQ(place.path, u"\\f");
+    EXPECT_EQ(place.share, share);
+    EXPECT_EQ(several.ShareRootOf(file), docs);
+    EXPECT_EQ(several.RemoveShareFolder(5), "docs");
+    EXPECT_FALSE(several.PlaceOf(file, &place));
+    EXPECT_EQ(several.ReachShareFolder("docs"), nullptr);
+}
+
+TEST(Attributes, ShowWhatNtKnows)
+{
+    FileFacts facts;
+    facts.attributes = nt::FILE_ATTRIBUTE_READONLY;
+    facts.endOfFile = 5000;
+    facts.allocationSize = 8192;
+    facts.lastWriteTime = 132'000'000'000'000'001;
+    struct stat shown = StatOf(facts, 9, {10, 11});
+    EXPECT_EQ(shown.st_mode, static_cast<mode_t>(S_IFREG | 0555));
+    EXPECT_EQ(shown.st_blocks, 16);
+    EXPECT_EQ(shown.st_mtim.tv_sec, 132'000'000'000'000'001 / 10'000'000 - 11'644'473'600);
+    EXPECT_EQ(shown.st_ctim.tv_sec, shown.st_mtim.tv_sec);
+    EXPECT_EQ(shown.st_uid, 10u);
+    facts.attributes |= nt::FILE_ATTRIBUTE_DIRECTORY; // where the other says nothing
+    EXPECT_EQ(StatOf(facts, 9, {}).st_mode, static_cast<mode_t>(S_IFDIR | 0755));
+}
+
+TEST(Attributes, TimesReturnAsTheyWent)
+{
+    for (const timespec time :
+         {timespec{0, 0}, {1'700'000'000, 999'999'900}, {-5, 500}, {4'000'000'000, 100}}) {
+        const timespec back = TimeOfNt(NtTimeOf(time));
+        EXPECT_EQ(back.tv_sec, time.tv_sec);
+        EXPECT_EQ(back.tv_nsec, time.tv_nsec / 100 * 100);
+    }
+    // What NT can't hold becomes what it can, and never a value that means "leave it".
+    EXPECT_EQ(NtTimeOf({INT64_MIN, 0}), 1);
+    EXPECT_EQ(NtTimeOf({-11'644'473'600, 0}), 1);
+    EXPECT_EQ(NtTimeOf({INT64_MAX, 0}), INT64_MAX);
+}
+
+TEST(StatusErrno, NamesWhatProgramsLookFor)
+{
+    const std::pair<nt::NTSTATUS, int> cases[] = {
+        {nt::STATUS_SUCCESS, 0},
+        {nt::STATUS_NOTIFY_ENUM_DIR, 0},
+        {nt::STATUS_OBJECT_NAME_NOT_FOUND, ENOENT},
+        {nt::STATUS_DISK_FULL, ENOSPC},
+        {nt::STATUS_QUOTA_EXCEEDED, EDQUOT},
+        {nt::STATUS_DIRECTORY_NOT_EMPTY, ENOTEMPTY},
+        {nt::STATUS_DEVICE_REMOVED, ENODEV},
+        {STATUS_CONNECTION_DISCONNECTED, EIO},
+        {STATUS_IO_TIMEOUT, EIO},
+        {nt::NtStatus(0x80000000), EIO}, // unknown ones at either end of the table
+        {nt::NtStatus(0xCFFFFFFF), EIO},
+        {nt::NtStatus(0xC0000035), EEXIST},
+    };
+    for (const auto &[status, error] : cases)
+        EXPECT_EQ(ErrnoOfStatus(status), error) << std::hex << status;
+}
+
+} // namespace
+} // namespace fodr::agent

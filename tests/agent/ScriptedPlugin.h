@@ -1,0 +1,218 @@
+// The other end of a connection, played by the test: the host's frames over a real stream, and the plug-in's
+// packets one by one as the test says.
+#pragma once
+
+#include "WireExamples.h"
+#include "agent/RdpdrClient.h"
+#include "agent/RemoteShare.h"
+#include "odpservice/odpservice.h"
+#include "rdpdr/wire/RdpdrRecords.h"
+#include "transport/FrameConnection.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace fodr::agent {
+
+inline constexpr auto kTestLimit = std::chrono::seconds(60); // ends a test that hangs
+
+// What a thread waits for until another one brings it.
+template <class T> class Mailbox {
+public:
+    void Put(T item)
+    {
+        const std::lock_guard<std::mutex> held(lock);
+        items.push_back(std::move(item));
+        changed.notify_all();
+    }
+    T Take()
+    {
+        std::unique_lock<std::mutex> held(lock);
+        if (!changed.wait_for(held, kTestLimit, [this] { return !items.empty(); })) {
+            ADD_FAILURE() << "nothing came";
+            return T{};
+        }
+        T item = std::move(items.front());
+        items.pop_front();
+        return item;
+    }
+    bool IsEmpty()
+    {
+        const std::lock_guard<std::mutex> held(lock);
+        return items.empty();
+    }
+
+private:
+    std::mutex lock;
+    std::condition_variable changed;
+    std::deque<T> items;
+};
+
+template <wire::Record Packet> Bytes PacketOf(const Packet &packet, const Bytes &rest = {})
+{
+    Bytes bytes(kWireEnd<Packet>);
+    StorePacket(packet, bytes.data());
+    bytes.insert(bytes.end(), rest.begin(), rest.end());
+    return bytes;
+}
+
+// A request that the client sent.
+struct Request {
+    Bytes packet;
+
+    DR_DEVICE_IOREQUEST Head() const { return LoadRecord<DR_DEVICE_IOREQUEST>(&packet[kHeaderEnd]); }
+    uint64_t Offset() const { return Head().Body<DR_READ_REQ>().Offset; }
+    uint32_t Length() const { return Head().Body<DR_READ_REQ>().Length; }
+    Bytes Payload() const { return {packet.begin() + kRequestPayload, packet.end()}; }
+};
+
+class ScriptedPlugin final : public transport::IConnectionReceiver {
+public:
+    static constexpr uint32_t kDataObject = 2;
+
+    explicit ScriptedPlugin(std::unique_ptr<platform::ByteStream> stream)
+        : connection(std::move(stream), this)
+    {
+        connection.Start();
+    }
+    void SayHello(const std::string &token = {})
+    {
+        transport::Hello hello;
+        hello.keepAlive = {0, 0};
+        hello.token = token;
+        connection.Send(hello);
+    }
+    void ConnectObjects()
+    {
+        for (uint32_t object : {1u, kDataObject})
+            connection.Send(transport::ObjectState{.object = object, .state = OBJECT_CONNECTED});
+    }
+    // Hello, objects and handshake; the client's packets of it are taken.
+    void BringUp()
+    {
+        SayHello();
+        ConnectObjects();
+        const Bytes announce = Take();
+        const auto id = LoadRecord<DR_CORE_SERVER_ANNOUNCE_REQ>(&announce[kHeaderEnd]).ClientId;
+        Send(PacketOf(DR_CORE_CLIENT_ANNOUNCE_RSP{.ClientId = id}));
+        for (int i = 0; i < 4; ++i) // capability, version, policy, logged on
+            Take();
+    }
+    void Announce(uint32_t deviceId, const std::string &name)
+    {
+        Bytes packet = PacketOf(DR_CORE_DEVICELIST_ANNOUNCE_REQ{});
+        const DEVICE_ANNOUNCE device = {.DeviceId = deviceId,
+                                        .DeviceDataLength = static_cast<uint32_t>(name.size() + 1)};
+        packet.resize(kWireEnd<DEVICE_ANNOUNCE>);
+        StoreRecord(device, &packet[kWireEnd<DR_CORE_DEVICELIST_ANNOUNCE_REQ>]);
+        packet.insert(packet.end(), name.c_str(), name.c_str() + name.size() + 1);
+        Send(packet);
+        Take(); // the reply
+    }
+
+    Bytes Take() { return packets.Take(); }
+    Request TakeRequest() { return {Take()}; }
+    bool NothingCame() { return packets.IsEmpty(); }
+    void Send(const Bytes &packet) { connection.SendPost(kDataObject, 0, std::as_bytes(std::span(packet))); }
+
+    void Complete(const Request &request, nt::NTSTATUS status, const Bytes &body = Bytes(5))
+    {
+        Send(PacketOf(DR_DEVICE_IOCOMPLETION{.DeviceId = request.Head().DeviceId,
+                                             .CompletionId = request.Head().CompletionId,
+                                             .IoStatus = static_cast<uint32_t>(status)},
+                      body));
+    }
+    void CompleteLength(const Request &request, uint32_t length)
+    {
+        Bytes body(5);
+        StoreLittle(body.data(), length);
+        Complete(request, nt::STATUS_SUCCESS, body);
+    }
+    void CompleteData(const Request &request, const Bytes &data)
+    {
+        Bytes body(4);
+        StoreLittle(body.data(), static_cast<uint32_t>(data.size()));
+        body.insert(body.end(), data.begin(), data.end());
+        Complete(request, nt::STATUS_SUCCESS, body);
+    }
+    void CompleteCreate(const Request &request, uint32_t fileId, uint8_t information = 1)
+    {
+        Bytes body(5);
+        StoreLittle(body.data(), fileId);
+        body[4] = information;
+        Complete(request, nt::STATUS_SUCCESS, body);
+    }
+    void Close() { connection.Close("closed by the test"); }
+
+    Mailbox<std::string> goodbyes;
+    Mailbox<transport::ObjectAnnounce> announces; // without their names
+    transport::FrameConnection &Connection() { return connection; }
+
+private:
+    void OnMessage(const transport::Message &message) override
+    {
+        const auto block = message.parameters[0].block;
+        const auto *bytes = reinterpret_cast<const uint8_t *>(block.data());
+        packets.Put(Bytes(bytes, bytes + block.size()));
+    }
+    void OnObjectAnnounce(const transport::ObjectAnnounce &frame) override
+    {
+        transport::ObjectAnnounce announce = frame;
+        announce.name = {};
+        announces.Put(announce);
+    }
+    void OnGoodbye(const transport::Goodbye &goodbye) override { goodbyes.Put(std::string(goodbye.reason)); }
+    void OnClosed(const std::string &) override {}
+
+    Mailbox<Bytes> packets;
+    transport::FrameConnection connection;
+};
+
+// A client whose other end is scripted, brought up with one share.
+class ClientTest : public ::testing::Test, protected IClientObserver {
+protected:
+    static constexpr uint32_t kDevice = 0xFFFF;
+
+    void Start(const ClientOptions &options)
+    {
+        auto [mine, theirs] = platform::MakeStreamPair();
+        plugin = std::make_unique<ScriptedPlugin>(std::move(theirs));
+        IClientObserver *observer = this;
+        client = std::make_unique<RdpdrClient>(std::move(mine), options, observer);
+        client->Start();
+    }
+    void StartWithShare(const std::string &name = "docs")
+    {
+        ClientOptions options;
+        options.ioTimeoutSeconds = 0;
+        Start(options);
+        plugin->BringUp();
+        plugin->Announce(kDevice, name);
+        share = std::make_shared<RemoteShare>(*client, devices.Take());
+    }
+    ~ClientTest() override
+    {
+        client.reset();
+        plugin.reset();
+    }
+
+    void OnDeviceAdded(const RemoteDevice &device) override { devices.Put(device); }
+    void OnDeviceRemoved(uint32_t deviceId) override { removed.Put(deviceId); }
+    void OnGoodbye(const std::string &reason) override { goodbyes.Put(reason); }
+    void OnEnded(ChannelEnd end, const std::string &reason) override { ends.Put({end, reason}); }
+
+    Mailbox<RemoteDevice> devices;
+    Mailbox<uint32_t> removed;
+    Mailbox<std::string> goodbyes;
+    Mailbox<std::pair<ChannelEnd, std::string>> ends;
+    std::unique_ptr<ScriptedPlugin> plugin;
+    std::unique_ptr<RdpdrClient> client;
+    std::shared_ptr<RemoteShare> share;
+};
+
+} // namespace fodr::agent

@@ -1,0 +1,430 @@
+"""What programs expect of a file system, through a real mount of a real share."""
+import ctypes
+import errno
+import hashlib
+import mmap
+import os
+import pathlib
+import random
+import signal
+import subprocess
+import sys
+import threading
+import time
+import unittest
+
+from share import Scratch, Share, mounted, wait_for
+
+
+class PosixCase(unittest.TestCase):
+    def setUp(self):
+        self.scratch = Scratch()
+        self.addCleanup(self.scratch.remove)
+        self.local, self.mount = self.scratch.local, self.scratch.mount
+
+    def share(self, *arguments, **options):
+        return Share(self.scratch, *arguments, **options)
+
+    def assertFails(self, error, action, *arguments):
+        with self.assertRaises(OSError) as caught:
+            action(*arguments)
+        self.assertEqual(errno.errorcode[caught.exception.errno], errno.errorcode[error])
+
+
+class OpenFiles(PosixCase):
+    def test_a_deleted_file_lives_until_its_last_close_and_leaves_nothing(self):
+        with self.share():
+            path = self.mount / "f"
+            path.write_bytes(b"before")
+            with open(path, "r+b") as held, open(path, "rb") as other:
+                path.unlink()
+                self.assertFalse(path.exists())
+                self.assertEqual(os.listdir(self.mount), [])
+                self.assertEqual(os.fstat(held.fileno()).st_nlink, 0)
+                held.write(b"after!")
+                held.flush()
+                self.assertEqual(other.read(), b"after!")
+                path.write_bytes(b"another")  # the name is free
+                self.assertEqual(os.pread(other.fileno(), 10, 0), b"after!")
+            wait_for(lambda: os.listdir(self.local) == ["f"], "the deleted file to go")
+            self.assertEqual((self.local / "f").read_bytes(), b"another")
+
+    def test_a_deleted_file_goes_with_a_killed_agent(self):
+        share = self.share()
+        share.__enter__()
+        held = open(self.mount / "f", "w")
+        held.write("x")
+        held.flush()
+        (self.mount / "f").unlink()
+        self.assertEqual(len(os.listdir(self.local)), 1)  # under a name that nobody is shown
+        os.kill(share.agent_pid(), signal.SIGKILL)
+        share.process.wait(60)
+        share.output.close()
+        try:
+            held.close()
+        except OSError:
+            pass
+        self.assertEqual(os.listdir(self.local), [])
+
+    def test_renaming_over_an_open_file(self):
+        with self.share():
+            (self.mount / "old").write_text("old")
+            (self.mount / "new").write_text("new")
+            with open(self.mount / "old") as held:
+                os.rename(self.mount / "new", self.mount / "old")
+                self.assertEqual((self.mount / "old").read_text(), "new")
+                self.assertEqual(held.read(), "old")
+            wait_for(lambda: os.listdir(self.local) == ["old"], "the replaced file to go")
+
+    def test_a_reader_never_misses_a_file_that_is_replaced(self):
+        with self.share():
+            path = self.mount / "config"
+            path.write_text("0" * 100)
+            stop = threading.Event()
+            seen = []
+
+            def read():
+                while not stop.is_set():
+                    text = path.read_text()
+                    if len(set(text)) != 1 or len(text) != 100:
+                        seen.append(text)
+
+            readers = [threading.Thread(target=read) for _ in range(2)]
+            errors = []
+            threading.excepthook = lambda args: errors.append(args.exc_value)
+            for reader in readers:
+                reader.start()
+            for number in range(300):
+                (self.mount / "config.new").write_text(str(number % 10) * 100)
+                os.rename(self.mount / "config.new", path)
+            stop.set()
+            for reader in readers:
+                reader.join()
+            self.assertEqual(errors, [])
+            self.assertEqual(seen, [])
+
+    def test_sharing_modes_of_opening(self):
+        with self.share():
+            path = self.mount / "f"
+            os.close(os.open(path, os.O_CREAT | os.O_EXCL | os.O_WRONLY))
+            self.assertFails(errno.EEXIST, os.open, path, os.O_CREAT | os.O_EXCL | os.O_WRONLY)
+            path.write_text("content")
+            os.close(os.open(path, os.O_WRONLY | os.O_TRUNC))
+            self.assertEqual((self.local / "f").stat().st_size, 0)
+            self.assertFails(errno.EISDIR, os.open, self.mount, os.O_WRONLY)
+            self.assertFails(errno.ENOTDIR, os.open, path / "x", os.O_RDONLY)
+            self.assertFails(errno.ENOENT, os.open, self.mount / "none", os.O_RDWR)
+
+
+class Data(PosixCase):
+    def test_random_operations_agree_with_a_model(self):
+        rng = random.Random(20)
+        with self.share():
+            path = self.mount / "f"
+            path.touch()
+            model = bytearray()
+            handles = [os.open(path, os.O_RDWR), os.open(path, os.O_RDWR)]
+            for step in range(3000):
+                fd = rng.choice(handles)
+                kind = rng.choice("wwwwrrrrtsmo")
+                offset, length = rng.randrange(300_000), rng.choice((1, 100, 4096, 5000, 70_000, 200_000))
+                if kind == "w":
+                    data = rng.randbytes(length)
+                    if offset > len(model):
+                        model.extend(bytes(offset - len(model)))
+                    model[offset:offset + length] = data
+                    os.pwrite(fd, data, offset)
+                elif kind == "r":
+                    self.assertEqual(os.pread(fd, length, offset), bytes(model[offset:offset + length]), step)
+                elif kind == "t" and rng.random() < 0.3:
+                    size = rng.randrange(300_000)
+                    os.ftruncate(fd, size)
+                    model = model[:size] + bytes(max(0, size - len(model)))
+                elif kind == "s":
+                    self.assertEqual(os.stat(path).st_size, len(model), step)
+                elif kind == "m" and len(model) > 5000:
+                    with mmap.mmap(fd, 0) as mapped:
+                        at = rng.randrange(len(model) - 100)
+                        self.assertEqual(mapped[at:at + 100], bytes(model[at:at + 100]), step)
+                        mapped[at:at + 50] = model[at:at + 50] = rng.randbytes(50)
+                        mapped.flush()
+                elif kind == "o":
+                    handles.remove(fd)
+                    os.close(fd)
+                    handles.append(os.open(path, os.O_RDWR))
+            for fd in handles:
+                os.fsync(fd)
+                os.close(fd)
+            self.assertEqual((self.local / "f").read_bytes(), bytes(model))
+
+    def test_what_was_synced_is_there_before_the_close(self):
+        with self.share(), open(self.mount / "f", "wb", buffering=0) as file:
+            content = b""
+            for number in range(50):
+                piece = os.urandom(random.Random(number).randrange(1, 200_000))
+                file.write(piece)
+                content += piece
+                if number % 10 == 9:
+                    os.fsync(file.fileno())
+                    self.assertEqual((self.local / "f").read_bytes(), content)
+
+    def test_a_reader_sees_each_version_that_the_owner_wrote(self):
+        with self.share():
+            for number in range(500):
+                content = os.urandom(random.Random(number).randrange(0, 20_000))
+                (self.local / "f").write_bytes(content)
+                self.assertEqual((self.mount / "f").read_bytes(), content, number)
+
+    def test_appenders_do_not_overwrite_each_other(self):
+        with self.share():
+            files = [open(self.mount / "log", "ab", buffering=0) for _ in range(4)]
+
+            def append(number):
+                for line in range(200):
+                    files[number].write(b"%d %03d %s\n" % (number, line, b"x" * (line % 50)))
+
+            threads = [threading.Thread(target=append, args=(n,)) for n in range(4)]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+            for file in files:
+                file.close()
+            lines = (self.local / "log").read_bytes().splitlines()
+            self.assertEqual(len(lines), 800)
+            for number in range(4):
+                mine = [line.split()[1] for line in lines if line.startswith(b"%d " % number)]
+                self.assertEqual(mine, [b"%03d" % line for line in range(200)])
+
+    def test_large_files_cross_in_pieces_of_any_size(self):
+        source = self.scratch.other / "source"
+        source.write_bytes(os.urandom(40_000_003))
+        with self.share():
+            for block in ("777", "64k", "1M", "7M"):
+                subprocess.run(["dd", f"if={source}", f"of={self.mount}/f", f"bs={block}", "status=none"] +
+                               (["count=20000"] if block == "777" else []), check=True)
+                whole = source.read_bytes()[:777 * 20000] if block == "777" else source.read_bytes()
+                self.assertEqual((self.local / "f").read_bytes(), whole)
+                read = subprocess.run(["dd", f"if={self.mount}/f", f"bs={block}", "status=none"],
+                                      check=True, capture_output=True).stdout
+                self.assertEqual(hashlib.sha256(read).digest(), hashlib.sha256(whole).digest())
+
+    def test_growing_a_file_without_writing(self):
+        with self.share():
+            fd = os.open(self.mount / "f", os.O_RDWR | os.O_CREAT)
+            os.posix_fallocate(fd, 0, 100_000)
+            self.assertEqual(os.fstat(fd).st_size, 100_000)
+            os.posix_fallocate(fd, 0, 10)  # never shrinks
+            self.assertEqual((self.local / "f").stat().st_size, 100_000)
+            self.assertEqual(os.lseek(fd, 10, os.SEEK_DATA), 10)
+            os.close(fd)
+
+
+class Names(PosixCase):
+    def test_a_tree_is_removed_while_others_look(self):
+        with self.share():
+            for folder in range(20):
+                (self.mount / f"d{folder}" / "inner").mkdir(parents=True)
+                for file in range(30):
+                    (self.mount / f"d{folder}" / "inner" / f"f{file}").write_text("x")
+            stop = threading.Event()
+
+            def look():
+                while not stop.is_set():
+                    for _ in os.walk(self.mount):
+                        pass
+
+            looker = threading.Thread(target=look)
+            looker.start()
+            for folder in range(20):
+                subprocess.run(["rm", "-r", str(self.mount / f"d{folder}")], check=True)
+            stop.set()
+            looker.join()
+            self.assertEqual(os.listdir(self.local), [])
+
+    def test_renames_of_every_kind(self):
+        rename = ctypes.CDLL(None, use_errno=True).renameat2
+
+        def renameat2(old, new, flags):
+            if rename(-100, os.fsencode(old), -100, os.fsencode(new), flags) != 0:
+                raise OSError(ctypes.get_errno(), "renameat2")
+
+        with self.share():
+            a, b, empty, full = (self.mount / n for n in ("a", "b", "empty", "full"))
+            a.mkdir()
+            (a / "in").write_text("in")
+            empty.mkdir()
+            full.mkdir()
+            (full / "x").write_text("x")
+            self.assertFails(errno.ENOTEMPTY, os.rename, a, full)
+            os.rename(a, empty)
+            self.assertEqual((empty / "in").read_text(), "in")
+            os.rename(empty, b)
+            self.assertFails(errno.EEXIST, renameat2, b, full, 1)
+            self.assertFails(errno.EINVAL, renameat2, b, full, 2)
+            self.assertFails(errno.EISDIR, os.rename, full / "x", b)
+            os.rename(full / "x", b / "in")
+            self.assertEqual((b / "in").read_text(), "x")
+            os.rename(b / "in", b / "IN")  # only its case
+            self.assertEqual(os.listdir(self.local / "b"), ["IN"])
+            with open(b / "IN") as held:
+                os.rename(b, full / "deep")
+                self.assertEqual((full / "deep" / "IN").read_text(), "x")
+                self.assertEqual(held.read(), "x")
+            self.assertFails(errno.ENOTEMPTY, os.rmdir, full)
+            self.assertFails(errno.ENOTDIR, os.rmdir, full / "deep" / "IN")
+            self.assertFails(errno.EISDIR, os.unlink, full / "deep")
+
+    def test_a_read_only_file_can_be_replaced_and_removed(self):
+        with self.share():
+            for name in ("kept", "gone"):
+                (self.mount / name).write_text("old")
+                os.chmod(self.mount / name, 0o444)
+                self.assertEqual((self.mount / name).stat().st_mode & 0o777, 0o555)
+                self.assertEqual((self.local / name).stat().st_mode & 0o200, 0)
+            (self.mount / "new").write_text("new")
+            os.rename(self.mount / "new", self.mount / "kept")
+            self.assertEqual((self.local / "kept").read_text(), "new")
+            (self.mount / "gone").unlink()
+            os.chmod(self.mount / "kept", 0o755)
+            self.assertEqual(sorted(os.listdir(self.local)), ["kept"])
+
+    def test_what_a_share_cannot_hold_is_refused(self):
+        with self.share():
+            (self.mount / "f").write_text("")
+            self.assertFails(errno.EPERM, os.symlink, "f", self.mount / "s")
+            self.assertFails(errno.EPERM, os.link, self.mount / "f", self.mount / "l")
+            self.assertFails(errno.EPERM, os.mkfifo, self.mount / "p")
+            self.assertFails(errno.EPERM, os.chown, self.mount / "f", 12345, 12345)
+            os.chown(self.mount / "f", os.getuid(), os.getgid())
+            self.assertFails(errno.ENOTSUP, os.setxattr, self.mount / "f", "user.x", b"1")
+
+    def test_a_listing_has_every_name_once_from_any_position(self):
+        names = {f"file {n:05d} " + "n" * (n % 90) for n in range(5000)}
+        for name in names:
+            (self.local / name).touch()
+        with self.share():
+            self.assertEqual(sorted(os.listdir(self.mount)), sorted(names))
+            shown = subprocess.run(["ls", "-lU", str(self.mount)], capture_output=True, check=True).stdout
+            self.assertEqual(len(shown.splitlines()), 5001)
+            libc = ctypes.CDLL(None)
+            libc.opendir.restype = libc.readdir.restype = ctypes.c_void_p
+            libc.telldir.restype = ctypes.c_long
+            folder = ctypes.c_void_p(libc.opendir(os.fsencode(self.mount)))
+            for _ in range(1000):
+                libc.readdir(folder)
+            position = libc.telldir(folder)
+            expected = ctypes.string_at(libc.readdir(folder) + 19)
+            for _ in range(2000):
+                libc.readdir(folder)
+            libc.seekdir(folder, ctypes.c_long(position))
+            self.assertEqual(ctypes.string_at(libc.readdir(folder) + 19), expected)
+            (self.local / "late").touch()
+            libc.rewinddir(folder)
+            again = set()
+            while entry := libc.readdir(folder):
+                again.add(os.fsdecode(ctypes.string_at(entry + 19)))
+            self.assertEqual(again, names | {".", "..", "late"})
+            libc.closedir(folder)
+
+    def test_the_space_is_that_of_the_owner(self):
+        with self.share():
+            mine, theirs = os.statvfs(self.mount), os.statvfs(self.local)
+            self.assertEqual(mine.f_blocks * mine.f_frsize, theirs.f_blocks * theirs.f_frsize)
+
+    def test_a_change_by_the_owner_shows_before_the_cache_runs_out(self):
+        # So long that only a notification can be what shows it.
+        with self.share("--agent-option=--cache-ms=600000"):
+            (self.local / "f").write_text("1")
+            os.stat(self.mount / "f")
+            time.sleep(1.2)  # what this side did lately doesn't count as news
+            (self.local / "f").write_text("22")
+            wait_for(lambda: os.stat(self.mount / "f").st_size == 2, "the new size")
+            (self.local / "f").rename(self.local / "g")
+            wait_for(lambda: not (self.mount / "f").exists(), "the old name to go")
+
+
+class Trouble(PosixCase):
+    def test_a_waiting_caller_can_be_killed(self):
+        (self.local / "f").write_bytes(bytes(1 << 20))
+        with self.share() as share:
+            os.kill(share.process.pid, signal.SIGSTOP)
+            readers = [subprocess.Popen(["cat", str(self.mount / "f")], stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL) for _ in range(3)]
+            try:
+                for reader, number in zip(readers, (signal.SIGINT, signal.SIGTERM, signal.SIGKILL)):
+                    wait_for(lambda: "fuse" in pathlib.Path(f"/proc/{reader.pid}/wchan").read_text() or
+                             pathlib.Path(f"/proc/{reader.pid}/stat").read_text().split()[2] in "SD", "the wait")
+                    reader.send_signal(number)
+                    self.assertEqual(reader.wait(30), -number)
+            finally:
+                os.kill(share.process.pid, signal.SIGCONT)
+            self.assertEqual((self.mount / "f").stat().st_size, 1 << 20)
+
+    def test_silence_becomes_an_error(self):
+        (self.local / "f").write_text("x")
+        with self.share("--agent-option=--io-timeout=2") as share:
+            held = os.open(self.mount / "f", os.O_RDWR)
+            os.kill(share.process.pid, signal.SIGSTOP)
+            try:
+                self.assertFails(errno.EIO, os.stat, self.mount / "none")
+                os.pwrite(held, b"unheard", 0)
+                self.assertFails(errno.EIO, os.fsync, held)
+            finally:
+                os.kill(share.process.pid, signal.SIGCONT)
+            os.close(held)
+
+    def test_a_full_disk_is_told_at_write_sync_or_close(self):
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", str(self.local)], check=True)
+        self.addCleanup(subprocess.run, ["umount", str(self.local)])
+        with self.share():
+            file = open(self.mount / "f", "wb", buffering=0)
+
+            def fill():
+                for _ in range(64):
+                    file.write(bytes(65536))
+                os.fsync(file.fileno())
+
+            self.assertFails(errno.ENOSPC, fill)
+            try:
+                file.close()
+            except OSError as error:
+                self.assertEqual(error.errno, errno.ENOSPC)
+            (self.mount / "f").unlink()
+            (self.mount / "g").write_bytes(bytes(1000))  # there is room again
+
+    def test_a_busy_mount_is_given_up_with_its_holder_named(self):
+        share = self.share()
+        share.__enter__()
+        sleeper = subprocess.Popen(["sleep", "600"], cwd=self.mount)
+        self.addCleanup(sleeper.kill)
+        share.process.send_signal(signal.SIGINT)
+        share.process.wait(60)
+        self.assertFalse(mounted(self.mount))
+        self.assertIn(f"sleep ({sleeper.pid})", share.log())
+        share.output.close()
+
+    def test_many_at_once_get_what_is_theirs(self):
+        with self.share():
+            script = """
+import hashlib, os, random, sys
+base, number = sys.argv[1], int(sys.argv[2])
+rng = random.Random(number)
+for turn in range(40):
+    path = f"{base}/{number}-{turn % 5}"
+    data = rng.randbytes(rng.randrange(100000))
+    with open(path + ".tmp", "wb") as file:
+        file.write(data)
+    os.rename(path + ".tmp", path)
+    with open(path, "rb") as file:
+        assert file.read() == data
+    if turn % 3 == 0:
+        os.unlink(path)
+        assert not os.path.exists(path)
+"""
+            workers = [subprocess.Popen([sys.executable, "-c", script, str(self.mount), str(n)]) for n in range(8)]
+            self.assertEqual([worker.wait(300) for worker in workers], [0] * 8)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
