@@ -24,6 +24,9 @@ struct Detached {
     };
 };
 
+// What a Task without a result gives.
+struct Nothing {};
+
 // A part of another coroutine: starts when it is awaited, which has to happen once.
 template <class Result> class [[nodiscard]] Task {
 public:

@@ -109,6 +109,35 @@ TEST_F(Nodes, SharesAreFoldersThatComeAndGo)
     EXPECT_EQ(several.ReachShareFolder("docs"), nullptr);
 }
 
+TEST(NameGate, FirstComeFirstServed)
+{
+    NameGate gate;
+    std::string order;
+    const auto enter = [&](NameGate::Entry entry, char letter) {
+        gate.Enter(entry, [&order, letter] { order += letter; });
+    };
+    using enum NameGate::Entry;
+    EXPECT_TRUE(gate.TryEnter(Shared));
+    enter(Shared, 'a');
+    EXPECT_FALSE(gate.TryEnter(Alone));
+    enter(Alone, 'B');
+    EXPECT_FALSE(gate.TryEnter(Shared)); // behind the one who waits
+    enter(Shared, 'c');
+    enter(Shared, 'd');
+    enter(Alone, 'E');
+    gate.Leave(Shared);
+    EXPECT_EQ(order, "a");
+    gate.Leave(Shared);
+    EXPECT_EQ(order, "aB");
+    gate.Leave(Alone);
+    EXPECT_EQ(order, "aBcd");
+    gate.Leave(Shared);
+    gate.Leave(Shared);
+    EXPECT_EQ(order, "aBcdE");
+    gate.Leave(Alone);
+    EXPECT_TRUE(gate.TryEnter(Alone));
+}
+
 TEST(Attributes, ShowWhatNtKnows)
 {
     FileFacts facts;

@@ -25,6 +25,13 @@ class PosixCase(unittest.TestCase):
     def share(self, *arguments, **options):
         return Share(self.scratch, *arguments, **options)
 
+    def stop(self, process):
+        """Freezes a process with all its threads."""
+        os.kill(process.pid, signal.SIGSTOP)
+        tasks = pathlib.Path(f"/proc/{process.pid}/task")
+        wait_for(lambda: all((task / "stat").read_text().rpartition(")")[2].split()[0] == "T"
+                             for task in tasks.iterdir()), "the freeze")
+
     def assertFails(self, error, action, *arguments):
         with self.assertRaises(OSError) as caught:
             action(*arguments)
@@ -348,7 +355,7 @@ class Trouble(PosixCase):
     def test_a_waiting_caller_can_be_killed(self):
         (self.local / "f").write_bytes(bytes(1 << 20))
         with self.share() as share:
-            os.kill(share.process.pid, signal.SIGSTOP)
+            self.stop(share.process)
             readers = [subprocess.Popen(["cat", str(self.mount / "f")], stdout=subprocess.DEVNULL,
                                         stderr=subprocess.DEVNULL) for _ in range(3)]
             try:
@@ -365,7 +372,7 @@ class Trouble(PosixCase):
         (self.local / "f").write_text("x")
         with self.share("--agent-option=--io-timeout=2") as share:
             held = os.open(self.mount / "f", os.O_RDWR)
-            os.kill(share.process.pid, signal.SIGSTOP)
+            self.stop(share.process)
             try:
                 self.assertFails(errno.EIO, os.stat, self.mount / "none")
                 os.pwrite(held, b"unheard", 0)

@@ -102,6 +102,7 @@ private:
 
     // FileSystemLookup.cpp
     Task<Found> Find(NodePtr parent, std::string name);
+    Task<Found> FindPassing(NodePtr parent, std::string name);
     auto AwaitDirectory(const NodePtr &node)
     {
         return AwaitValues<nt::NTSTATUS, DirectoryHandlePtr>(
@@ -130,21 +131,29 @@ private:
     void CloseLater(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId);
 
     // FileSystemNames.cpp
+    struct Moving { // a rename
+        NodePtr parent, newParent;
+        std::string name, newName;
+        Place source, target;
+        uint32_t fileId = 0; // what is being renamed
+    };
+    std::string HiddenName();
     Task<nt::NTSTATUS> DeleteAt(Place place, bool directory);
     Task<nt::NTSTATUS> DeleteOpened(const Place &place, uint32_t fileId);
     Task<nt::NTSTATUS> ClearReadOnly(const Place &place);
-    Task<nt::NTSTATUS> DeleteOpenFile(NodePtr parent, Place place);
-    Task<nt::NTSTATUS> RenameOver(Place source, uint32_t sourceFile, NodePtr targetParent,
-                                  std::string targetName, Place target, nt::NTSTATUS refusal);
-    Task<nt::NTSTATUS> RenameOverOpenFile(Place source, uint32_t sourceFile, NodePtr targetParent,
-                                          Place target);
+    Task<IoResult> OpenForDeletion(const Place &place);
+    Task<nt::NTSTATUS> DeleteOpenFile(NodePtr parent, std::string name, NodePtr node, Place place);
+    void CloseDeletion(const NodePtr &node, const std::shared_ptr<RemoteShare> &share);
+    Task<Nothing> ClearTheWay(NodePtr node);
+    Task<nt::NTSTATUS> Move(Moving moving, bool replace);
+    Task<nt::NTSTATUS> RenameOver(Moving moving, nt::NTSTATUS refusal);
+    Task<nt::NTSTATUS> RenameOverOpenFile(Moving moving, NodePtr targetNode);
+
     // FileSystemList.cpp
     Task<nt::NTSTATUS> BeginListing(OpenListingPtr open);
     void FillListing(const OpenListing &open, uint64_t offset, ListingBuffer *buffer,
                      std::vector<uint64_t> *reached);
     bool IsListedNow(const OpenListing &open, const DirectoryListing::Entry &entry) const;
-
-    std::u16string HiddenPath(const NodePtr &parent);
 
     const Options options;
     NodeTable table;

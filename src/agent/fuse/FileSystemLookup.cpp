@@ -49,6 +49,14 @@ Task<FileSystem::Found> FileSystem::Find(NodePtr parent, std::string name)
     co_return found;
 }
 
+// Not while a name is taken away for a moment.
+Task<FileSystem::Found> FileSystem::FindPassing(NodePtr parent, std::string name)
+{
+    const GateHold passed = co_await PassGate(parent, NameGate::Entry::Shared);
+    Found found = co_await Find(parent, name);
+    co_return found;
+}
+
 // One request, once the folder is open. Not decided: another way has to be tried.
 Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string name, bool *decided)
 {
@@ -122,7 +130,7 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
     const std::shared_ptr<WriteBehind> writes = known ? known->WritesIfAny() : nullptr;
     if (writes)
         co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
-    const Found found = co_await Find(parent, name);
+    const Found found = co_await FindPassing(parent, name);
     if (nt::IsError(found.status)) {
         if (SaysAbsent(found.status))
             call->Fail(ENOENT);
@@ -164,7 +172,7 @@ Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node)
     } else if (!table.SpotOf(node, &parent, &name) || (options.folders && parent == table.Root())) {
         found = co_await FactsOfDirectory(node);
     } else {
-        found = co_await Find(parent, name);
+        found = co_await FindPassing(parent, name);
         // Another file by now, where the kernel knows this one.
         if (!nt::IsError(found.status) && found.facts.IsDirectory() != node->directory)
             found.status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
@@ -219,7 +227,7 @@ Detached FileSystem::GetAttributes(FuseCall::Ptr call, uint64_t nodeId)
         co_return;
     }
     struct stat attributes = StatOf(found.facts, node->id, options.owner);
-    if (table.IsRemoved(node))
+    if (table.IsRemoved(node) || node->opens.IsDeleted())
         attributes.st_nlink = 0;
     call->Attributes(attributes, node->opens.Any(true) ? 0 : options.cacheSeconds);
 }

@@ -25,12 +25,11 @@ constexpr unsigned kNoReplace = 1; // RENAME_NOREPLACE of linux/fs.h
 
 } // namespace
 
-std::u16string FileSystem::HiddenPath(const NodePtr &parent)
+std::string FileSystem::HiddenName()
 {
     char name[64];
     snprintf(name, sizeof(name), "%s%08x-%x", kHiddenPrefix.data(), hiddenSeed, ++hiddenCounter);
-    Place place;
-    return table.PlaceIn(parent, name, &place) ? place.path : std::u16string();
+    return name;
 }
 
 // ---- Making and removing ----
@@ -102,28 +101,59 @@ Task<nt::NTSTATUS> FileSystem::DeleteAt(Place place, bool directory)
     co_return status;
 }
 
-// NT keeps the name of a deleted file until its last handle is closed; POSIX doesn't. So the file gets a name
-// that nobody is shown, and goes with its last handle, also when that is closed because the mount went away.
-Task<nt::NTSTATUS> FileSystem::DeleteOpenFile(NodePtr parent, Place place)
+// Opens what is to be deleted with that handle's close.
+Task<IoResult> FileSystem::OpenForDeletion(const Place &place)
 {
+    RemoteShare::CreateCall open = OpenToDelete(false);
+    open.createOptions |= nt::FILE_DELETE_ON_CLOSE;
+    IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    if (opened.status == nt::STATUS_CANNOT_DELETE) {
+        const nt::NTSTATUS cleared = co_await ClearReadOnly(place);
+        if (!nt::IsError(cleared))
+            opened = co_await CreateFile(*place.share, open, place.path);
+    }
+    co_return opened;
+}
+
+// NT keeps the name of a deleted file until its last handle is closed; POSIX doesn't. So an open file gets a
+// name that nobody is shown, and a handle whose close deletes it: by this side, with the last close of the
+// file, or by the other, should the mount go away before.
+Task<nt::NTSTATUS> FileSystem::DeleteOpenFile(NodePtr parent, std::string name, NodePtr node, Place place)
+{
+    const GateHold alone = co_await PassGate(parent, NameGate::Entry::Alone);
+    const std::u16string shown = place.path;
     const RemoteShare::CreateCall open = OpenToDelete(false);
     const IoResult opened = co_await CreateFile(*place.share, open, place.path);
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;
-    const std::u16string hidden = HiddenPath(parent);
-    const IoResult renamed = co_await RenameFile(*place.share, fileId, hidden, false);
-    nt::NTSTATUS status = renamed.status;
-    if (nt::IsError(status)) {
-        co_await CloseFile(*place.share, fileId);
-        co_return status;
+    const std::string hidden = HiddenName();
+    nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    if (table.PlaceIn(parent, hidden, &place)) {
+        const IoResult renamed = co_await RenameFile(*place.share, fileId, place.path, false);
+        status = renamed.status;
     }
-    status = co_await DeleteOpened(place, fileId);
-    if (status == nt::STATUS_CANNOT_DELETE) {
-        place.path = hidden;
-        status = co_await DeleteAt(place, false);
+    if (!nt::IsError(status)) {
+        const IoResult deleting = co_await OpenForDeletion(place);
+        status = deleting.status;
+        if (!nt::IsError(status)) {
+            table.Rename(parent, name, parent, hidden);
+            node->opens.SetDeletion(deleting.fileId);
+            CloseDeletion(node, place.share);
+        } else {
+            co_await RenameFile(*place.share, fileId, shown, false);
+        }
     }
+    CloseLater(node, place.share, fileId);
     co_return status;
+}
+
+// With the last of the file's own handles, which may have been closed by now.
+void FileSystem::CloseDeletion(const NodePtr &node, const std::shared_ptr<RemoteShare> &share)
+{
+    const uint32_t deletion = node->opens.TakeDeletion();
+    if (deletion != 0)
+        CloseLater(node, share, deletion);
 }
 
 Detached FileSystem::Unlink(FuseCall::Ptr call, uint64_t parentId, std::string name)
@@ -138,13 +168,14 @@ Detached FileSystem::Unlink(FuseCall::Ptr call, uint64_t parentId, std::string n
         co_await AwaitCall(
             [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
     nt::NTSTATUS status;
-    if (node && node->opens.IsOpen())
-        status = co_await DeleteOpenFile(parent, place);
-    else
+    if (node && node->opens.IsOpen()) {
+        status = co_await DeleteOpenFile(parent, name, node, place);
+    } else {
         status = co_await DeleteAt(place, false);
+        if (!nt::IsError(status))
+            table.Remove(parent, name);
+    }
     parent->NoteOwnChange();
-    if (!nt::IsError(status))
-        table.Remove(parent, name);
     call->FailStatus(status);
 }
 
@@ -171,114 +202,140 @@ Detached FileSystem::RemoveDirectory(FuseCall::Ptr call, uint64_t parentId, std:
 
 // ---- Renaming ----
 
-// The target is open through this mount: it gets out of the way, and back if the rename fails.
-Task<nt::NTSTATUS> FileSystem::RenameOverOpenFile(Place source, uint32_t sourceFile, NodePtr targetParent,
-                                                  Place target)
+// The target is open through this mount: it gets out of the way, under a name of its own as a deleted file
+// does, and back if the rename fails. Nobody looks at the folder's names meanwhile.
+Task<nt::NTSTATUS> FileSystem::RenameOverOpenFile(Moving moving, NodePtr targetNode)
 {
+    const GateHold alone = co_await PassGate(moving.newParent, NameGate::Entry::Alone);
+    RemoteShare &share = *moving.target.share;
     const RemoteShare::CreateCall open = OpenToDelete(false);
-    const IoResult opened = co_await CreateFile(*target.share, open, target.path);
+    const IoResult opened = co_await CreateFile(share, open, moving.target.path);
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;
-    const std::u16string hidden = HiddenPath(targetParent);
-    const IoResult aside = co_await RenameFile(*target.share, fileId, hidden, false);
-    nt::NTSTATUS status = aside.status;
-    if (!nt::IsError(status)) {
-        const IoResult renamed = co_await RenameFile(*source.share, sourceFile, target.path, false);
+    const std::string hidden = HiddenName();
+    Place aside;
+    nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    if (table.PlaceIn(moving.newParent, hidden, &aside)) {
+        const IoResult renamed = co_await RenameFile(share, fileId, aside.path, false);
         status = renamed.status;
-        if (!nt::IsError(status)) {
-            co_await DeleteOpened(target, fileId);
-            co_return status;
-        }
-        co_await RenameFile(*target.share, fileId, target.path, false);
     }
-    co_await CloseFile(*target.share, fileId);
+    if (!nt::IsError(status)) {
+        const IoResult renamed = co_await RenameFile(share, moving.fileId, moving.target.path, false);
+        status = renamed.status;
+        if (nt::IsError(status))
+            co_await RenameFile(share, fileId, moving.target.path, false);
+    }
+    if (!nt::IsError(status)) {
+        table.Rename(moving.newParent, moving.newName, moving.newParent, hidden);
+        table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);
+        const IoResult deleting = co_await OpenForDeletion(aside);
+        if (!deleting.Failed()) {
+            targetNode->opens.SetDeletion(deleting.fileId);
+            CloseDeletion(targetNode, aside.share);
+        } else {
+            co_await DeleteFile(share, fileId); // at once, then
+        }
+    }
+    CloseLater(targetNode, moving.target.share, fileId);
     co_return status;
 }
 
 // A rename was refused although it may replace: POSIX replaces what NT won't.
-Task<nt::NTSTATUS> FileSystem::RenameOver(Place source, uint32_t sourceFile, NodePtr targetParent,
-                                          std::string targetName, Place target, nt::NTSTATUS refusal)
+Task<nt::NTSTATUS> FileSystem::RenameOver(Moving moving, nt::NTSTATUS refusal)
 {
-    const NodePtr node = table.Child(targetParent, targetName);
-    const Found found = co_await Find(targetParent, targetName);
+    const NodePtr node = table.Child(moving.newParent, moving.newName);
+    const Found found = co_await Find(moving.newParent, moving.newName);
     if (nt::IsError(found.status))
         co_return refusal;
     if (found.facts.IsDirectory()) {
         if (node)
             co_await AwaitCall(
                 [&](InlineFunction<void()> done) { directories.DropBelow(node, std::move(done)); });
-        const nt::NTSTATUS deleted = co_await DeleteAt(target, true);
+        const nt::NTSTATUS deleted = co_await DeleteAt(moving.target, true);
         if (nt::IsError(deleted))
             co_return deleted;
-        const IoResult renamed = co_await RenameFile(*source.share, sourceFile, target.path, false);
+        const IoResult renamed =
+            co_await RenameFile(*moving.target.share, moving.fileId, moving.target.path, false);
         co_return renamed.status;
     }
     if (found.facts.IsReadOnly()) {
-        const nt::NTSTATUS cleared = co_await ClearReadOnly(target);
+        const nt::NTSTATUS cleared = co_await ClearReadOnly(moving.target);
         if (nt::IsError(cleared))
             co_return refusal;
-        const IoResult renamed = co_await RenameFile(*source.share, sourceFile, target.path, true);
+        const IoResult renamed =
+            co_await RenameFile(*moving.target.share, moving.fileId, moving.target.path, true);
         if (!renamed.Failed())
             co_return renamed.status;
     }
     if (!node || !node->opens.IsOpen())
         co_return refusal;
-    co_return co_await RenameOverOpenFile(source, sourceFile, targetParent, target);
+    const nt::NTSTATUS status = co_await RenameOverOpenFile(moving, node);
+    co_return status;
 }
 
-Detached FileSystem::Rename(FuseCall::Ptr call, uint64_t parentId, std::string name, uint64_t newParentId,
-                            std::string newName, unsigned flags)
+// Waits until nothing of this side is in the way of a rename.
+Task<Nothing> FileSystem::ClearTheWay(NodePtr node)
 {
-    const NodePtr parent = table.Find(parentId);
-    const NodePtr newParent = table.Find(newParentId);
-    Place source, target;
-    if (flags & ~kNoReplace) {
-        call->Fail(EINVAL);
-        co_return;
-    }
-    if (!LocateForChange(call, parent, name, &source) || !LocateForChange(call, newParent, newName, &target))
-        co_return;
-    if (source.share != target.share) {
-        call->Fail(EXDEV);
-        co_return;
-    }
-    parent->NoteOwnChange();
-    newParent->NoteOwnChange();
-    const NodePtr node = table.Child(parent, name);
-    const NodePtr replaced = table.Child(newParent, newName);
     if (node && node->directory)
         co_await AwaitCall(
             [&](InlineFunction<void()> done) { directories.DropBelow(node, std::move(done)); });
     if (node)
         co_await AwaitCall(
             [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
-    if (replaced)
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { replaced->opens.WhenNoneClosing(std::move(done)); });
+    co_return Nothing{};
+}
 
-    const bool replace = (flags & kNoReplace) == 0;
-    const IoResult opened = co_await CreateFile(*source.share, kOpenToDelete, source.path);
-    if (opened.Failed()) {
-        call->FailStatus(opened.status);
-        co_return;
-    }
-    const uint32_t fileId = opened.fileId;
-    const IoResult renamed = co_await RenameFile(*source.share, fileId, target.path, replace);
+Task<nt::NTSTATUS> FileSystem::Move(Moving moving, bool replace)
+{
+    const NodePtr node = table.Child(moving.parent, moving.name);
+    co_await ClearTheWay(node);
+    co_await ClearTheWay(table.Child(moving.newParent, moving.newName));
+    const IoResult opened = co_await CreateFile(*moving.source.share, kOpenToDelete, moving.source.path);
+    if (opened.Failed())
+        co_return opened.status;
+    moving.fileId = opened.fileId;
+    const IoResult renamed =
+        co_await RenameFile(*moving.source.share, moving.fileId, moving.target.path, replace);
     nt::NTSTATUS status = renamed.status;
     const bool refused = status == nt::STATUS_ACCESS_DENIED || status == nt::STATUS_SHARING_VIOLATION ||
                          status == nt::STATUS_OBJECT_NAME_COLLISION;
     if (replace && refused)
-        status = co_await RenameOver(source, fileId, newParent, newName, target, status);
+        status = co_await RenameOver(moving, status);
+    if (!nt::IsError(status) && table.Child(moving.parent, moving.name) == node)
+        table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);
     // The next rename of this file waits for the close.
     if (node)
-        CloseLater(node, source.share, fileId);
+        CloseLater(node, moving.source.share, moving.fileId);
     else
-        co_await CloseFile(*source.share, fileId);
-    parent->NoteOwnChange();
-    newParent->NoteOwnChange();
-    if (!nt::IsError(status))
-        table.Rename(parent, name, newParent, newName);
+        co_await CloseFile(*moving.source.share, moving.fileId);
+    co_return status;
+}
+
+Detached FileSystem::Rename(FuseCall::Ptr call, uint64_t parentId, std::string name, uint64_t newParentId,
+                            std::string newName, unsigned flags)
+{
+    Moving moving;
+    moving.parent = table.Find(parentId);
+    moving.name = name;
+    moving.newParent = table.Find(newParentId);
+    moving.newName = newName;
+    if (flags & ~kNoReplace) {
+        call->Fail(EINVAL);
+        co_return;
+    }
+    if (!LocateForChange(call, moving.parent, name, &moving.source) ||
+        !LocateForChange(call, moving.newParent, newName, &moving.target))
+        co_return;
+    if (moving.source.share != moving.target.share) {
+        call->Fail(EXDEV);
+        co_return;
+    }
+    moving.parent->NoteOwnChange();
+    moving.newParent->NoteOwnChange();
+    const nt::NTSTATUS status = co_await Move(moving, (flags & kNoReplace) == 0);
+    moving.parent->NoteOwnChange();
+    moving.newParent->NoteOwnChange();
     call->FailStatus(status);
 }
 

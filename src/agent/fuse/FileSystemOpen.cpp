@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 
 namespace fodr::agent {
 namespace {
@@ -69,8 +70,15 @@ void FileSystem::CloseLater(const NodePtr &node, const std::shared_ptr<RemoteSha
 Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
 {
     const NodePtr node = table.Find(nodeId);
+    NodePtr parent;
+    std::string name;
+    if (!node || !table.SpotOf(node, &parent, &name)) {
+        call->Fail(ESTALE);
+        co_return;
+    }
+    std::optional<GateHold> passed(co_await PassGate(parent, NameGate::Entry::Shared));
     Place place;
-    if (!node || !table.PlaceOf(node, &place)) {
+    if (!table.PlaceOf(node, &place)) {
         call->Fail(ESTALE);
         co_return;
     }
@@ -93,6 +101,7 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         co_return;
     }
     const uint32_t fileId = opened.fileId;
+    passed.reset();
     if (truncates) {
         // Not by overwriting: that would take attributes and streams along.
         const std::shared_ptr<WriteBehind> writes = node->Writes(writeWindow);
@@ -221,7 +230,9 @@ void FileSystem::Release(FuseCall::Ptr call, uint64_t handle)
     file->node->opens.BeginClose();
     file->released = true;
     file->node->opens.Remove(file);
+    // Holds the file until its writes are over.
     file->node->Writes(writeWindow)->WhenDone([file] {});
+    CloseDeletion(file->node, file->share);
     if (call)
         call->Done();
 }

@@ -68,6 +68,24 @@ void OpenState::WhenNoneClosing(Waiter waiter)
     waiter();
 }
 
+void OpenState::SetDeletion(uint32_t deletingFileId)
+{
+    const transport::MutexLock held(lock);
+    deletion = deletingFileId;
+}
+
+bool OpenState::IsDeleted() const
+{
+    const transport::MutexLock held(lock);
+    return deletion != 0;
+}
+
+uint32_t OpenState::TakeDeletion()
+{
+    const transport::MutexLock held(lock);
+    return files.empty() ? std::exchange(deletion, 0) : 0;
+}
+
 void Node::NoteFacts(const FileFacts &seen)
 {
     std::shared_ptr<WriteBehind> changed;

@@ -4,6 +4,7 @@
 #include "agent/FileFacts.h"
 #include "agent/ReadAhead.h"
 #include "agent/WriteBehind.h"
+#include "agent/fuse/NameGate.h"
 
 #include <atomic>
 #include <chrono>
@@ -53,11 +54,18 @@ public:
     // Calls the function when no close is under way.
     void WhenNoneClosing(Waiter waiter);
 
+    // The handle whose close deletes the file, kept for as long as the file is open. TakeDeletion gives it
+    // once nothing is open any more; 0: there is none, or it isn't time.
+    void SetDeletion(uint32_t deletingFileId);
+    bool IsDeleted() const;
+    uint32_t TakeDeletion();
+
 private:
     mutable transport::Mutex lock;
     std::vector<OpenFilePtr> files GUARDED_BY(lock);
     std::vector<Waiter> waiters GUARDED_BY(lock);
     size_t closing GUARDED_BY(lock) = 0;
+    uint32_t deletion GUARDED_BY(lock) = 0;
 };
 
 struct Node {
@@ -86,6 +94,7 @@ struct Node {
     std::shared_ptr<WriteBehind> Writes(TransferWindow &window);
     std::shared_ptr<WriteBehind> WritesIfAny() const;
     OpenState opens;
+    NameGate gate; // of the names in a folder
 
 private:
     mutable transport::Mutex factsLock;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "agent/Coroutine.h"
+#include "agent/fuse/Node.h"
 #include "platform/NtRecords.h"
 
 namespace fodr::agent {
@@ -47,6 +48,30 @@ inline auto SearchDirectory(RemoteShare &share, uint32_t fileId, const std::u16s
     return AwaitIo([&share, fileId, &name](IoHandler done) {
         share.QueryDirectory(fileId, nt::FileFullDirectoryInformation, true, name, std::move(done));
     });
+}
+
+// A way through a folder's gate, for as long as this lives.
+class GateHold {
+public:
+    GateHold(NodePtr folder, NameGate::Entry gateEntry) : node(std::move(folder)), entry(gateEntry) {}
+    ~GateHold()
+    {
+        if (node)
+            node->gate.Leave(entry);
+    }
+    GateHold(GateHold &&other) noexcept : node(std::move(other.node)), entry(other.entry) {}
+    GateHold &operator=(GateHold &&) = delete;
+
+private:
+    NodePtr node;
+    NameGate::Entry entry;
+};
+
+inline Task<GateHold> PassGate(NodePtr folder, NameGate::Entry entry)
+{
+    if (!folder->gate.TryEnter(entry))
+        co_await AwaitCall([&](InlineFunction<void()> done) { folder->gate.Enter(entry, std::move(done)); });
+    co_return GateHold(folder, entry);
 }
 
 } // namespace fodr::agent
