@@ -3,12 +3,13 @@
  *
  * A plug-in is a shared library with eight exports (at the end of this file). The host loads it, hands it a
  * PluginHostRecord, and the plug-in asks that record's QueryInterface for tables of functions by identifier.
- * Everything is plain C: fixed-width integers, pointers, and tables of function pointers addressed by position.
+ * Everything is plain C: fixed-width integers, pointers, and tables of function pointers addressed by
+ * position.
  *
  * Threads: the host may call a plug-in's notifications from any thread, one or several; a plug-in may call
- * every table from any thread. Texts are zero-terminated UTF-8 and borrowed for the call unless said otherwise.
- * A table entry that a plug-in doesn't use may be null; entries named here must be set, except where "may be
- * null" is said. `bool` is one byte, 0 or 1. 64-bit processes only.
+ * every table from any thread. Texts are zero-terminated UTF-8 and borrowed for the call unless said
+ * otherwise. A table entry that a plug-in doesn't use may be null; entries named here must be set, except
+ * where "may be null" is said. `bool` is one byte, 0 or 1. 64-bit processes only.
  */
 #ifndef ODPSERVICE_ODPSERVICE_H
 #define ODPSERVICE_ODPSERVICE_H
@@ -31,7 +32,8 @@ typedef struct OdpGuid {
 } OdpGuid;
 
 /* Every identifier is a500a600-NNNN-81e2-88c1-29a7d3a93a62. These are the values of NNNN. Where an interface
- * has several, they are versions of one table: the newest is asked for first, and all fill the same storage. */
+ * has several, they are versions of one table: the newest is asked for first, and all fill the same storage.
+ */
 enum OdpInterfaceNumber {
     ODP_SERVICE_CHANNEL_V3 = 0x000b,
     ODP_SERVICE_CHANNEL_V2 = 0x0010,
@@ -85,9 +87,14 @@ typedef enum ObjectState {
 typedef enum SessionType { SESSION_NONE = -1, SESSION_PCOIP = 0, SESSION_FLARE = 1 } SessionType;
 
 /* What RequestSideChannel asks for. */
-typedef enum SideChannelType { SIDE_CHANNEL_VIRTUAL = 1, SIDE_CHANNEL_TCP = 2, SIDE_CHANNEL_BOLT = 3 } SideChannelType;
+typedef enum SideChannelType {
+    SIDE_CHANNEL_VIRTUAL = 1,
+    SIDE_CHANNEL_TCP = 2,
+    SIDE_CHANNEL_BOLT = 3
+} SideChannelType;
 
-/* Bits of an object's options (GetObjectOptions) that speak of side channels. 0x10 and 0x20 together: none. */
+/* Bits of an object's options (GetObjectOptions) that speak of side channels. 0x10 and 0x20 together: none.
+ */
 enum OdpObjectOption {
     ODP_OPTION_VIRTUAL = 0x10,
     ODP_OPTION_TCP = 0x20,
@@ -177,21 +184,23 @@ typedef struct ODPService_ChannelInterface {
 typedef struct ODPRPC_ChannelObjectInterface {
     void *unused0;
     /* Creates this side of a named object; it connects once the peer has created its own. */
-    bool (*CreateObject)(const char *name, const ObjectSink *sink, void *userData, uint32_t flags, void **handle);
+    bool (*CreateObject)(const char *name, const ObjectSink *sink, void *userData, uint32_t flags,
+                         void **handle);
     bool (*DestroyObject)(void *handle);
     int32_t (*GetObjectState)(void *handle);
     void *unused4;
     /* An empty outgoing message; freed by DestroyContext, or by the host after a successful Invoke. */
     bool (*CreateContext)(void *handle, void **context);
     bool (*DestroyContext)(void *context);
-    /* Sends a message. The host owns it when the result is true. A sink without functions asks for no report. */
+    /* Sends a message. The host owns it when the result is true. A sink without functions asks for no report.
+     */
     bool (*Invoke)(void *handle, void *context, const MessageSink *sink, void *userData);
     void *unused8;
-    /* Asks for a side channel (SideChannelType). The answer is a sequence of object states: SIDE_CHANNEL_PENDING,
-     * then SIDE_CHANNEL_CONNECTED, or CONNECTED when it failed or is refused. */
+    /* Asks for a side channel (SideChannelType). The answer is a sequence of object states:
+     * SIDE_CHANNEL_PENDING, then SIDE_CHANNEL_CONNECTED, or CONNECTED when it failed or is refused. */
     void (*RequestSideChannel)(void *handle, int32_t type, const char *tokenName);
-    bool (*GetObjectOptions)(void *handle, uint32_t *options);                     /* may be null */
-    bool (*CreateExtContext)(void *handle, uint32_t options, void **context);      /* may be null */
+    bool (*GetObjectOptions)(void *handle, uint32_t *options);                /* may be null */
+    bool (*CreateExtContext)(void *handle, uint32_t options, void **context); /* may be null */
     void *unused12;
 } ODPRPC_ChannelObjectInterface;
 
@@ -202,7 +211,7 @@ typedef struct ODPRPC_ChannelContextInterface {
     void (*SetCommand)(void *context, uint32_t command);
     void *unused4[2];
     int32_t (*GetParamCount)(void *context);
-    void (*AppendParam)(void *context, const Variant *value); /* copies */
+    void (*AppendParam)(void *context, const Variant *value);       /* copies */
     void (*GetParam)(void *context, int32_t index, Variant *value); /* VariantClear frees the copy */
     void *unused9[9];
     bool (*SetOps)(void *context, uint32_t option, const Variant *value);
@@ -277,7 +286,8 @@ typedef int32_t (*DllMainFn)(void *module, uint32_t reason, void *reserved);
 static_assert(sizeof(void *) == 8, "64-bit processes only");
 static_assert(sizeof(OdpGuid) == 16, "");
 static_assert(sizeof(Blob) == 16 && offsetof(Blob, data) == 8, "");
-static_assert(sizeof(Variant) == 24 && offsetof(Variant, value) == 8 && offsetof(Variant, blobData) == 16, "");
+static_assert(sizeof(Variant) == 24 && offsetof(Variant, value) == 8 && offsetof(Variant, blobData) == 16,
+              "");
 static_assert(sizeof(ODPService_ChannelInterface) == 15 * sizeof(void *), "");
 static_assert(offsetof(ODPService_ChannelInterface, RegisterChannelNotifySink) == 4 * sizeof(void *), "");
 static_assert(offsetof(ODPService_ChannelInterface, GetSessionType) == 11 * sizeof(void *), "");

@@ -50,7 +50,7 @@ inline constexpr uint32_t OBJ_CASE_INSENSITIVE = 0x40;
 // Access rights (MS-SMB2 2.2.13.1 lists the same values).
 inline constexpr uint32_t FILE_READ_DATA = 0x1; // FILE_LIST_DIRECTORY on a directory
 inline constexpr uint32_t FILE_LIST_DIRECTORY = 0x1;
-inline constexpr uint32_t FILE_WRITE_DATA = 0x2; // FILE_ADD_FILE
+inline constexpr uint32_t FILE_WRITE_DATA = 0x2;  // FILE_ADD_FILE
 inline constexpr uint32_t FILE_APPEND_DATA = 0x4; // FILE_ADD_SUBDIRECTORY
 inline constexpr uint32_t FILE_READ_EA = 0x8;
 inline constexpr uint32_t FILE_WRITE_EA = 0x10;
@@ -147,8 +147,8 @@ NTSTATUS NtNotifyChangeDirectoryFile(HANDLE file, HANDLE event, void *apcRoutine
 NTSTATUS NtLockFile(HANDLE file, HANDLE event, void *apcRoutine, void *apcContext, IO_STATUS_BLOCK *ioStatus,
                     LARGE_INTEGER *byteOffset, LARGE_INTEGER *length, uint32_t key, bool failImmediately,
                     bool exclusive);
-NTSTATUS NtUnlockFile(HANDLE file, IO_STATUS_BLOCK *ioStatus, LARGE_INTEGER *byteOffset, LARGE_INTEGER *length,
-                      uint32_t key);
+NTSTATUS NtUnlockFile(HANDLE file, IO_STATUS_BLOCK *ioStatus, LARGE_INTEGER *byteOffset,
+                      LARGE_INTEGER *length, uint32_t key);
 NTSTATUS NtDeviceIoControlFile(HANDLE file, HANDLE event, void *apcRoutine, void *apcContext,
                                IO_STATUS_BLOCK *ioStatus, uint32_t ioControlCode, const void *input,
                                uint32_t inputLength, void *output, uint32_t outputLength);

@@ -112,8 +112,8 @@ inline size_t EncodeUtf16(char32_t codePoint, uint8_t *out)
     return 2;
 }
 
-// Whether the next eight bytes, or four units, are plain ASCII. Paths are mostly ASCII, and looking at a whole
-// word at a time is what makes their conversion cheap.
+// Whether the next eight bytes, or four units, are plain ASCII. Paths are mostly ASCII, and looking at a
+// whole word at a time is what makes their conversion cheap.
 inline bool EightAsciiBytes(const uint8_t *text)
 {
     uint64_t word;

@@ -33,7 +33,7 @@ private:
     void AddMedia(const MountTable &mounts);
 
     std::mutex mutex;
-    std::optional<std::string> variable; // as last seen
+    std::optional<std::string> variable;          // as last seen
     Paths table;                                  // of the variable
     Paths media;                                  // without the variable
     std::shared_ptr<const MountTable> mountsSeen; // whose media have letters
