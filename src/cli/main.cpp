@@ -2,6 +2,7 @@
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
+#include "platform/Memory.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -191,5 +192,6 @@ int Run(std::vector<std::string> arguments)
 
 int main(int count, char **words)
 {
+    fodr::platform::KeepFreedMemory();
     return Run({words + 1, words + std::max(count, 1)});
 }
