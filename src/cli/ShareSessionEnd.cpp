@@ -77,12 +77,10 @@ ShareSession::Cause ShareSession::FindCause(const std::string &reason)
         const std::lock_guard<std::mutex> held(linesLock);
         lastWords = Plain(lastAgentLine);
     }
-    if (exit && !exit->bySignal && exit->code == agent::AGENT_BUSY && phase == Phase::Ending) {
-        Complain("files were still open in " + MountedAt() + ": the mount goes when they are closed");
-        exitCode = exitCode == EXIT_DONE ? EXIT_STILL_USED : exitCode;
-    }
-    const bool ended =
-        exit && !exit->bySignal && (exit->code == agent::AGENT_ENDED || exit->code == agent::AGENT_BUSY);
+    const bool busy = exit && !exit->bySignal && exit->code == agent::AGENT_BUSY; // and has said by whom
+    if (busy && phase == Phase::Ending && exitCode == EXIT_DONE)
+        exitCode = EXIT_STILL_USED;
+    const bool ended = exit && !exit->bySignal && (exit->code == agent::AGENT_ENDED || busy);
     if (everReady && ended)
         return {EXIT_LOST, MountedAt() + " was unmounted", true};
     if (!sideError.empty())
