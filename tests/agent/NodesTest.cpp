@@ -61,6 +61,9 @@ TEST_F(Nodes, WhatIsReplacedOrRemovedIsNowhere)
     EXPECT_EQ(table.Find(to->id), to); // the kernel still counts it
     table.Remove(root, "to");
     EXPECT_EQ(PathOf(from), u"");
+    NodeTable::Place place;
+    ASSERT_TRUE(table.ShownPlaceOf(from, &place)); // for those who are about to open it
+    EXPECT_EQ(place.path, u"\\to");
     // Another file under the old name is another node.
     EXPECT_NE(Reach(root, "to", false)->id, from->id);
 }

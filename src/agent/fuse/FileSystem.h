@@ -127,6 +127,7 @@ private:
     // FileSystemOpen.cpp
     uint64_t KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
                       int flags);
+    Task<IoResult> OpenNode(NodePtr node, RemoteShare::CreateCall open, Place *place);
     void PrimeReading(const OpenFilePtr &file);
     void CloseLater(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId);
 

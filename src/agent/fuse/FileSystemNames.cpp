@@ -137,7 +137,7 @@ Task<nt::NTSTATUS> FileSystem::DeleteOpenFile(NodePtr parent, std::string name, 
         const IoResult deleting = co_await OpenForDeletion(place);
         status = deleting.status;
         if (!nt::IsError(status)) {
-            table.Rename(parent, name, parent, hidden);
+            table.Hide(parent, name, hidden);
             node->opens.SetDeletion(deleting.fileId);
             CloseDeletion(node, place.share);
         } else {
@@ -227,7 +227,7 @@ Task<nt::NTSTATUS> FileSystem::RenameOverOpenFile(Moving moving, NodePtr targetN
             co_await RenameFile(share, fileId, moving.target.path, false);
     }
     if (!nt::IsError(status)) {
-        table.Rename(moving.newParent, moving.newName, moving.newParent, hidden);
+        table.Hide(moving.newParent, moving.newName, hidden);
         table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);
         const IoResult deleting = co_await OpenForDeletion(aside);
         if (!deleting.Failed()) {

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <optional>
 
 namespace fodr::agent {
 namespace {
@@ -67,18 +66,24 @@ void FileSystem::CloseLater(const NodePtr &node, const std::shared_ptr<RemoteSha
     share->Close(fileId, [node](const IoResult &) { node->opens.EndClose(); });
 }
 
+// Opens the node's file, or what is by now where the kernel last saw it: who opens a name while it is being
+// replaced gets the old file or the new one, never nothing.
+Task<IoResult> FileSystem::OpenNode(NodePtr node, RemoteShare::CreateCall open, Place *place)
+{
+    const GateHold passed = co_await PassGate(table.ShownParentOf(node), NameGate::Entry::Shared);
+    IoResult opened = {.status = nt::STATUS_OBJECT_NAME_NOT_FOUND};
+    if (table.PlaceOf(node, place))
+        opened = co_await CreateFile(*place->share, open, place->path);
+    if (SaysAbsent(opened.status) && table.ShownPlaceOf(node, place))
+        opened = co_await CreateFile(*place->share, open, place->path);
+    co_return opened;
+}
+
 Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
 {
     const NodePtr node = table.Find(nodeId);
-    NodePtr parent;
-    std::string name;
-    if (!node || !table.SpotOf(node, &parent, &name)) {
-        call->Fail(ESTALE);
-        co_return;
-    }
-    std::optional<GateHold> passed(co_await PassGate(parent, NameGate::Entry::Shared));
     Place place;
-    if (!table.PlaceOf(node, &place)) {
+    if (!node || !(table.PlaceOf(node, &place) || table.ShownPlaceOf(node, &place))) {
         call->Fail(ESTALE);
         co_return;
     }
@@ -91,9 +96,9 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
                                               AccessOf(flags) | (truncates ? nt::FILE_WRITE_DATA : 0),
                                           .createDisposition = nt::FILE_OPEN,
                                           .createOptions = nt::FILE_NON_DIRECTORY_FILE};
-    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    const IoResult opened = co_await OpenNode(node, open, &place);
     if (opened.Failed()) {
-        // The name may lead to another file by now: the kernel looks it up again.
+        // The kernel looks the name up again, and knows then.
         if (SaysAbsent(opened.status))
             call->Fail(ESTALE);
         else
@@ -101,7 +106,6 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         co_return;
     }
     const uint32_t fileId = opened.fileId;
-    passed.reset();
     if (truncates) {
         // Not by overwriting: that would take attributes and streams along.
         const std::shared_ptr<WriteBehind> writes = node->Writes(writeWindow);

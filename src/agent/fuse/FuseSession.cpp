@@ -66,6 +66,10 @@ std::unique_ptr<FuseSession> FuseSession::Mount(FileSystem &fileSystem, const Op
 FuseSession::~FuseSession()
 {
     Stop();
+    // Frees what the library keeps of the mount; a mount that still lives stays as it is.
+    pollfd ended = {fuse_session_fd(session), 0, 0};
+    if (poll(&ended, 1, 0) == 1 && (ended.revents & POLLERR))
+        fuse_session_unmount(session);
     fuse_session_destroy(session);
     close(stopEvent);
 }

@@ -75,8 +75,10 @@ struct Node {
     const bool directory;
 
     // NodeTable's lock guards these.
-    NodePtr parent;       // null for the root, and for what has been removed
-    std::string name;     // as the kernel has it
+    NodePtr parent; // null for the root, and for what has been removed
+    std::string name;
+    NodePtr shownParent; // where the kernel last saw it, also when it is hidden or removed by now
+    std::string shownName;
     uint64_t lookups = 0; // the kernel's count
     bool removed = false; // has no path any more
     std::unordered_map<std::string, Node *> children;

@@ -32,8 +32,8 @@ NodePtr NodeTable::Child(const NodePtr &parent, const std::string &name) const
 NodePtr NodeTable::NewNode(const NodePtr &parent, const std::string &name, bool directory)
 {
     auto node = std::make_shared<Node>(++lastId, directory);
-    node->parent = parent;
-    node->name = name;
+    node->parent = node->shownParent = parent;
+    node->name = node->shownName = name;
     nodes.emplace(node->id, node);
     parent->children.emplace(name, node.get());
     return node;
@@ -99,10 +99,9 @@ void NodeTable::Remove(const NodePtr &parent, const std::string &name)
     DropIfUnused(node);
 }
 
-void NodeTable::Rename(const NodePtr &parent, const std::string &name, const NodePtr &newParent,
-                       const std::string &newName)
+void NodeTable::Move(const NodePtr &parent, const std::string &name, const NodePtr &newParent,
+                     const std::string &newName)
 {
-    const MutexLock held(lock);
     auto found = parent->children.find(name);
     const NodePtr node = found == parent->children.end() ? nullptr : nodes.at(found->second->id);
     auto replaced = newParent->children.find(newName);
@@ -117,6 +116,42 @@ void NodeTable::Rename(const NodePtr &parent, const std::string &name, const Nod
     node->parent = newParent;
     node->name = newName;
     newParent->children.insert_or_assign(newName, node.get());
+}
+
+void NodeTable::Rename(const NodePtr &parent, const std::string &name, const NodePtr &newParent,
+                       const std::string &newName)
+{
+    const MutexLock held(lock);
+    Move(parent, name, newParent, newName);
+    auto moved = newParent->children.find(newName);
+    if (moved == newParent->children.end())
+        return;
+    moved->second->shownParent = newParent;
+    moved->second->shownName = newName;
+}
+
+void NodeTable::Hide(const NodePtr &parent, const std::string &name, const std::string &hiddenName)
+{
+    const MutexLock held(lock);
+    Move(parent, name, parent, hiddenName);
+}
+
+NodePtr NodeTable::ShownParentOf(const NodePtr &node) const
+{
+    const MutexLock held(lock);
+    return node->shownParent ? node->shownParent : node;
+}
+
+bool NodeTable::ShownPlaceOf(const NodePtr &node, Place *place) const
+{
+    NodePtr parent;
+    std::string name;
+    {
+        const MutexLock held(lock);
+        parent = node->shownParent;
+        name = node->shownName;
+    }
+    return parent && PlaceIn(parent, name, place);
 }
 
 bool NodeTable::LocatePath(const Node *node, Place *place) const

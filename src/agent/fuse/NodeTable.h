@@ -32,6 +32,9 @@ public:
     void Rename(const NodePtr &parent, const std::string &name, const NodePtr &newParent,
                 const std::string &newName);
 
+    // The node goes on under a name that the kernel doesn't know.
+    void Hide(const NodePtr &parent, const std::string &name, const std::string &hiddenName);
+
     // Where a node, or a name in it, is: the share and the path within. False when it is nowhere any more, or
     // in no share.
     struct Place {
@@ -39,6 +42,9 @@ public:
         std::u16string path; // begins with a backslash; the root is that alone
     };
     [[nodiscard]] bool PlaceOf(const NodePtr &node, Place *place) const;
+    // Where the kernel last saw it: what is there by now may be another file.
+    NodePtr ShownParentOf(const NodePtr &node) const; // of the root: itself
+    [[nodiscard]] bool ShownPlaceOf(const NodePtr &node, Place *place) const;
     [[nodiscard]] bool PlaceIn(const NodePtr &parent, std::string_view name, Place *place) const;
     // The folder that a node stands in and its name there. False when it is nowhere, or the root.
     [[nodiscard]] bool SpotOf(const NodePtr &node, NodePtr *parent, std::string *name) const;
@@ -62,6 +68,8 @@ public:
 private:
     void Detach(Node *node) REQUIRES(lock);
     void DropIfUnused(const NodePtr &node) REQUIRES(lock);
+    void Move(const NodePtr &parent, const std::string &name, const NodePtr &newParent,
+              const std::string &newName) REQUIRES(lock);
     NodePtr NewNode(const NodePtr &parent, const std::string &name, bool directory) REQUIRES(lock);
     bool LocatePath(const Node *node, Place *place) const REQUIRES(lock);
 
