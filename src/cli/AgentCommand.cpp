@@ -72,7 +72,7 @@ std::unique_ptr<platform::ByteStream> OpenStream(const AgentCommandWords &words,
             stream = platform::ConnectTcp(place->host, place->port, kConnectTimeoutMS, &error);
         } else if (!IsLoopback(place->host) && token.empty()) {
             error = "anybody could serve the mount: agree on a token with --token-file or FODR_TOKEN";
-        } else if (const auto listener = platform::ListenTcp(place->host.empty() ? "localhost" : place->host,
+        } else if (const auto listener = platform::ListenTcp(place->host.empty() ? "127.0.0.1" : place->host,
                                                              place->port, &error)) {
             stream = listener->Accept();
         }

@@ -6,6 +6,7 @@ namespace fodr::cli {
 namespace {
 
 constexpr int kConnectTimeoutMS = 10000;
+constexpr char kLoopback[] = "127.0.0.1";
 
 } // namespace
 
@@ -13,7 +14,7 @@ bool AgentStarter::Prepare(std::string *error)
 {
     if (options->target.kind != AgentTarget::Kind::Listen)
         return true;
-    const std::string address = options->target.host.empty() ? "localhost" : options->target.host;
+    const std::string address = options->target.host.empty() ? kLoopback : options->target.host;
     listener = platform::ListenTcp(address, options->target.port, error);
     return listener != nullptr;
 }
@@ -33,6 +34,8 @@ std::vector<std::string> AgentStarter::AgentWords(const std::string &program,
         words.push_back("--read-only");
     if (!options->sideChannel.empty())
         words.insert(words.end(), {"--side-channel", options->sideChannel});
+    if (options->target.kind == AgentTarget::Kind::Local)
+        words.insert(words.end(), {"--side-address", kLoopback});
     words.insert(words.end(), options->agentWords.begin(), options->agentWords.end());
     words.insert(words.end(), {"--", mountPoint});
     return words;

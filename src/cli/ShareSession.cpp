@@ -13,6 +13,7 @@ using namespace std::chrono_literals;
 
 constexpr auto kGreetingLimit = 30s;
 constexpr auto kReadyLimit = 60s; // from the agent's greeting to the last share
+constexpr char kLoopback[] = "127.0.0.1";
 constexpr transport::KeepAlive kOverNetwork{10000, 30000};
 constexpr transport::KeepAlive kOnThisMachine{0, 0}; // a lost end is noticed at once
 
@@ -27,7 +28,9 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
     if (target.kind == AgentTarget::Kind::Listen)
         channel.expectedToken = options.token;
     channel.keepAlive = local ? kOnThisMachine : kOverNetwork;
-    channel.sideChannelHost = local ? "localhost" : target.host.substr(target.host.find('@') + 1);
+    // Where an agent that came to us is, only its connection knows.
+    if (target.kind != AgentTarget::Kind::Listen)
+        channel.sideChannelHost = local ? kLoopback : target.host.substr(target.host.find('@') + 1);
     return channel;
 }
 
@@ -168,6 +171,7 @@ void ShareSession::HandleConnection(std::shared_ptr<AgentConnection> made)
     attached = true;
     mounted.clear();
     agentError.clear();
+    agentGoodbye.clear();
     sideError.clear();
     {
         const std::lock_guard<std::mutex> held(linesLock);
@@ -271,10 +275,7 @@ void ShareSession::OnNotice(transport::NoticeKind kind, const std::string &text)
 
 void ShareSession::OnAgentGoodbye(const std::string &reason)
 {
-    queue.Post([this, reason] {
-        if (agentError.empty())
-            agentError = reason;
-    });
+    queue.Post([this, reason] { agentGoodbye = reason; });
 }
 
 void ShareSession::OnSideChannelFailed(const std::string &reason)

@@ -131,9 +131,10 @@ private:
     int exitCode = 0;
     bool attached = false; // the channel has a connection, or hasn't told of its end yet
     bool everReady = false;
-    std::string mounted;    // by the agent's word; empty: not yet
-    std::string agentError; // the agent's word about why it ends
-    std::string sideError;  // why a side channel failed
+    std::string mounted;      // by the agent's word; empty: not yet
+    std::string agentError;   // the agent's word about what went wrong
+    std::string agentGoodbye; // and about why it ends
+    std::string sideError;    // why a side channel failed
     std::chrono::milliseconds retryAfter{0};
     unsigned reconnects = 0;
     const Clock::time_point started = Clock::now();

@@ -81,11 +81,14 @@ ShareSession::Cause ShareSession::FindCause(const std::string &reason)
     if (busy && phase == Phase::Ending && exitCode == EXIT_DONE)
         exitCode = EXIT_STILL_USED;
     const bool ended = exit && !exit->bySignal && (exit->code == agent::AGENT_ENDED || busy);
-    if (everReady && ended)
+    const bool saidGoodbye = !agentGoodbye.empty() && agentError.empty();
+    if (everReady && (ended || saidGoodbye))
         return {EXIT_LOST, MountedAt() + " was unmounted", true};
     if (!sideError.empty())
         return {EXIT_LOST, sideError, false};
     const std::string loss = "the connection to " + options.target.Name() + " is lost: " + reason;
+    if (agentError.empty())
+        agentError = agentGoodbye;
     if (agentError.empty() && !SaysLittle(reason))
         return {EXIT_LOST, loss, false};
     if (exit && (exit->bySignal || exit->code != 0))

@@ -199,7 +199,7 @@ std::unique_ptr<ByteStream> ConnectTcp(const std::string &host, uint16_t port, i
                                        std::string *error)
 {
     AddressList list;
-    if (!Resolve(host, port, AI_ADDRCONFIG, &list, error))
+    if (!Resolve(host, port, 0, &list, error))
         return nullptr;
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMS);
     for (const addrinfo *address = list.first; address != nullptr; address = address->ai_next) {
