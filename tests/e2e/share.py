@@ -57,11 +57,12 @@ class Scratch:
 class Share:
     """`fodr share ARGUMENTS` in the background; a context that ends it by SIGINT and expects a clean end."""
 
-    def __init__(self, scratch, *arguments, folders=None, mount=None, ready=None):
+    def __init__(self, scratch, *arguments, folders=None, mount=None, ready=None, target=None):
         self.scratch = scratch
         self.mount = pathlib.Path(mount or scratch.mount)
         folders = [scratch.local] if folders is None else folders
-        self.command = [FODR, "share", *map(str, folders), "--mount", str(self.mount), *map(str, arguments)]
+        target = ("--mount", self.mount) if target is None else target
+        self.command = [FODR, "share", *map(str, (*folders, *target, *arguments))]
         self.ready = ready
         self.process = None
         self.output = open(scratch.root / "share.log", "w+b")

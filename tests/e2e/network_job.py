@@ -1,0 +1,174 @@
+"""The agent at the far end of a network: over a real sshd, over TCP both ways, and again after a loss."""
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import unittest
+
+sys.path.insert(0, os.path.dirname(__file__))
+from share import FODR, Scratch, Share, mounted, run, wait_for  # noqa: E402
+
+SSHD = shutil.which("sshd") or "/usr/sbin/sshd"
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def children(pid):
+    found = subprocess.run(["pgrep", "-P", str(pid)], capture_output=True, text=True).stdout
+    return [int(child) for child in found.split()]
+
+
+def listens(port):
+    sockets = subprocess.run(["ss", "-Hltn"], capture_output=True, text=True).stdout
+    return f":{port} " in sockets
+
+
+class NetworkCase(unittest.TestCase):
+    def setUp(self):
+        self.scratch = Scratch()
+        self.addCleanup(self.scratch.remove)
+        self.local, self.mount, self.other = self.scratch.local, self.scratch.mount, self.scratch.other
+        (self.local / "greeting").write_text("hello")
+
+    def share(self, *arguments, **options):
+        return Share(self.scratch, *arguments, target=(), **options)
+
+    def assert_usable(self):
+        data = os.urandom(3_000_001)
+        (self.mount / "there").write_bytes(data)
+        self.assertEqual((self.local / "there").read_bytes(), data)
+        self.assertEqual((self.mount / "greeting").read_text(), "hello")
+
+
+class Ssh(NetworkCase):
+    """sshd with a key of the test's own, for the user who runs it."""
+
+    def setUp(self):
+        if not os.path.exists(SSHD):
+            self.skipTest("no sshd here")
+        super().setUp()
+        self.keys = self.scratch.root / "ssh"
+        self.keys.mkdir(mode=0o700)
+        for key in ("host", "user"):
+            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", str(self.keys / key)], check=True)
+        shutil.copy(self.keys / "user.pub", self.keys / "authorized")
+        self.port = free_port()
+        os.makedirs("/run/sshd", exist_ok=True)
+        (self.keys / "sshd_config").write_text(
+            f"Port {self.port}\nListenAddress 127.0.0.1\nHostKey {self.keys}/host\nUsePAM no\nStrictModes no\n"
+            f"AuthorizedKeysFile {self.keys}/authorized\nPidFile {self.keys}/pid\nPermitRootLogin yes\n")
+        self.sshd = subprocess.Popen([SSHD, "-D", "-f", str(self.keys / "sshd_config")], stderr=subprocess.DEVNULL)
+        self.addCleanup(self.stop_sshd)
+        wait_for(self.answers, "sshd")
+        self.ssh = (f"ssh -p {self.port} -i {self.keys}/user -o StrictHostKeyChecking=no -o LogLevel=ERROR "
+                    f"-o UserKnownHostsFile={self.keys}/known -o BatchMode=yes")
+
+    def answers(self):
+        with socket.socket() as probe:
+            return probe.connect_ex(("127.0.0.1", self.port)) == 0
+
+    def stop_sshd(self):
+        self.sshd.terminate()
+        self.sshd.wait()
+
+    def to(self, *arguments, remote=FODR, mount=None):
+        user = subprocess.run(["id", "-un"], capture_output=True, text=True).stdout.strip()
+        return ["--to", f"{user}@127.0.0.1:{mount or self.mount}", "--ssh-command", self.ssh, "--remote-fodr", remote,
+                *arguments]
+
+    def ssh_pid(self, share):
+        def found():
+            return [pid for pid in children(share.process.pid)
+                    if pathlib.Path(f"/proc/{pid}/cmdline").read_bytes().startswith(b"ssh")]
+        wait_for(found, "ssh")
+        return found()[0]
+
+    def test_the_folder_appears_on_the_other_machine_and_leaves_with_the_command(self):
+        with self.share(*self.to()):
+            self.assert_usable()
+        done = run("share", self.local, *self.to(), "--", "sh", "-c", f"cat '{self.mount}/greeting'; exit 7",
+                   env=self.scratch.environment)
+        self.assertEqual((done.returncode, done.stdout), (7, "hello"), done.stderr)
+        wait_for(lambda: not mounted(self.mount), "the unmount on the other side")
+
+    def test_a_lost_connection_comes_back(self):
+        with self.share(*self.to()) as share:
+            self.assert_usable()
+            for loss in range(2):
+                victim = self.ssh_pid(share)
+                os.kill(victim, signal.SIGKILL)
+                wait_for(lambda: victim not in children(share.process.pid), "the loss")
+                wait_for(lambda: share.log().count("is mounted at") >= 1 and self.usable(), "the share again")
+                self.assert_usable()
+
+    def usable(self):
+        try:
+            return (self.mount / "greeting").read_text() == "hello"
+        except OSError:
+            return False
+
+    def test_what_is_wrong_is_said_in_one_sentence(self):
+        stopped = free_port()
+        cases = [
+            (self.to(remote="/nowhere/fodr"), 10, "fodr"),
+            (["--to", f"127.0.0.1:{self.mount}", "--ssh-command", f"ssh -p {stopped} -o BatchMode=yes"], 10, "ssh"),
+        ]
+        for words, code, text in cases:
+            done = run("share", self.local, *words, "--no-reconnect", env=self.scratch.environment)
+            self.assertEqual(done.returncode, code, f"{words}\n{done.stderr}")
+            self.assertIn(text, done.stderr)
+            self.assertNotIn("Traceback", done.stderr)
+
+
+class Tcp(NetworkCase):
+    def agent(self, *words):
+        process = subprocess.Popen([FODR, "agent", *map(str, words)], env=self.scratch.environment,
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+
+        def stop():
+            process.kill()
+            process.communicate()
+        self.addCleanup(stop)
+        return process
+
+    def test_an_agent_that_listens_and_one_that_connects(self):
+        port = free_port()
+        token = self.scratch.root / "token"
+        token.write_text("open sesame\n")
+        token.chmod(0o600)
+        for side_channel in ([], ["--side-channel", "tcp"]):
+            agent = self.agent(self.mount, "--listen", f"127.0.0.1:{port}", "--token-file", token, *side_channel)
+            wait_for(lambda: listens(port), "the agent")
+            with self.share("--tcp", f"127.0.0.1:{port}", "--token-file", token, *side_channel):
+                self.assert_usable()
+            self.assertEqual(agent.wait(60), 0)
+
+        with self.share("--listen", f"127.0.0.1:{port}", "--token-file", token, ready=lambda: listens(port)) as share:
+            agent = self.agent(self.mount, "--connect", f"127.0.0.1:{port}", "--token-file", token)
+            wait_for(lambda: "is mounted at" in share.log(), "the mount")
+            self.assert_usable()
+        self.assertEqual(agent.wait(60), 0)
+
+    def test_an_end_without_the_token_gets_nothing(self):
+        port = free_port()
+        token = self.scratch.root / "token"
+        token.write_text("right")
+        token.chmod(0o600)
+        share = self.share("--listen", f"127.0.0.1:{port}", "--token-file", token, ready=lambda: listens(port))
+        share.__enter__()
+        agent = self.agent(self.mount, "--connect", f"127.0.0.1:{port}")
+        self.assertNotEqual(agent.wait(60), 0)
+        self.assertFalse(mounted(self.mount))
+        self.assertNotEqual(share.process.wait(60), 0)
+        share.output.close()
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
