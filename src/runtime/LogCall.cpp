@@ -3,6 +3,7 @@
 #include "lib/unicode/AsciiCase.h"
 #include "platform/DebugOutput.h"
 #include "platform/Process.h"
+#include "platform/SystemError.h"
 #include "platform/Threads.h"
 #include "runtime/HexDump.h"
 #include "runtime/StringUtils.h"
@@ -24,8 +25,10 @@ constexpr size_t kLineSize = 1024; // a longer line is cut without notice
 constexpr size_t kPrefixRoom = 96; // what a dump leaves for the prefix of its line
 
 constinit std::atomic<LogHandler> currentHandler{nullptr};
+constinit std::atomic<const LogReceiver *> currentReceiver{nullptr};
 
-// Set while this thread is in the log path. What the path itself has to say would come back to it.
+// Set while this thread is in the log path. What the path itself has to say, be it the mutex that can't be
+// had, would come back to it.
 thread_local bool insideLog = false;
 
 bool IsLevel(int32_t level)
@@ -89,6 +92,11 @@ char LogLevelLetter(int32_t level)
     return IsLevel(level) ? kLevelLetters[level] : '?';
 }
 
+void SetLogReceiver(const LogReceiver *receiver)
+{
+    currentReceiver.store(receiver, std::memory_order_release);
+}
+
 void SetLogHandler(LogHandler handler)
 {
     currentHandler = handler ? handler : InterimHandler();
@@ -104,19 +112,71 @@ void LogWrite(const char *functionName, int32_t level, const char *format, ...)
 
 void LogWriteV(const char *functionName, int32_t level, const char *format, va_list arguments)
 {
-    const LogHandler handler = currentHandler.load(std::memory_order_acquire);
-    if (!handler || insideLog)
+    if (insideLog)
         return;
     insideLog = true;
-    handler(functionName, level, format, arguments);
+    if (const LogHandler handler = currentHandler.load(std::memory_order_acquire))
+        handler(functionName, level, format, arguments);
+    else if (const LogReceiver *receiver = currentReceiver.load(std::memory_order_acquire))
+        receiver->text(functionName, level, format, arguments);
     insideLog = false;
 }
 
 void LogWriteHex(const char *functionName, int32_t level, const void *data, size_t length)
 {
-    char text[kLineSize - kPrefixRoom];
-    StringUtils::HexDump(text, sizeof(text), data, length, 20, 0);
-    LogWrite(functionName, level, "%s", text);
+    if (currentHandler.load(std::memory_order_acquire)) {
+        char text[kLineSize - kPrefixRoom];
+        StringUtils::HexDump(text, sizeof(text), data, length, 20, 0);
+        LogWrite(functionName, level, "%s", text);
+        return;
+    }
+    const LogReceiver *receiver = currentReceiver.load(std::memory_order_acquire);
+    if (!receiver || insideLog)
+        return;
+    insideLog = true;
+    receiver->hex(functionName, level, data, length);
+    insideLog = false;
+}
+
+namespace {
+
+void LogWriteErrorV(uint32_t errorCode, const char *functionName, int32_t level, const char *format,
+                    va_list arguments)
+{
+    if (currentHandler.load(std::memory_order_acquire)) {
+        char text[kLineSize];
+        const int length = StringUtils::FormatBufferV(text, sizeof(text), format, arguments);
+        if (length > 0 && text[length - 1] == '\n')
+            text[length - 1] = 0;
+        LogWrite(functionName, level, "%s; (%d) %s", text, static_cast<int>(errorCode),
+                 platform::SystemErrorText(errorCode).c_str());
+        return;
+    }
+    const LogReceiver *receiver = currentReceiver.load(std::memory_order_acquire);
+    if (!receiver || insideLog)
+        return;
+    insideLog = true;
+    receiver->error(errorCode, functionName, level, format, arguments);
+    insideLog = false;
+}
+
+} // namespace
+
+void LogWriteError(uint32_t errorCode, const char *functionName, int32_t level, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    LogWriteErrorV(errorCode, functionName, level, format, arguments);
+    va_end(arguments);
+}
+
+void LogWriteLastError(const char *functionName, int32_t level, const char *format, ...)
+{
+    const uint32_t errorCode = platform::LastSystemError(); // before anything else can change it
+    va_list arguments;
+    va_start(arguments, format);
+    LogWriteErrorV(errorCode, functionName, level, format, arguments);
+    va_end(arguments);
 }
 
 } // namespace fodr

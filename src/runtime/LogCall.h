@@ -41,16 +41,30 @@ void LogWriteV(const char *functionName, int32_t level, const char *format, va_l
     FODR_PRINTF(3, 0);
 // The text is a hex dump of the bytes.
 void LogWriteHex(const char *functionName, int32_t level, const void *data, size_t length);
+// Append "; (<code>) <what the system says of it>": of an error code of platform/SystemError.h, or of the
+// last error of the calling thread.
+void LogWriteError(uint32_t errorCode, const char *functionName, int32_t level, const char *format, ...)
+    FODR_PRINTF(4, 5);
+void LogWriteLastError(const char *functionName, int32_t level, const char *format, ...) FODR_PRINTF(3, 4);
 
 // "ALWAYS" to "NEVER", and "UNKNOWN" for any other number.
 const char *LogLevelName(int32_t level);
 // One of "AEWIDTVN"; '?' for any other number.
 char LogLevelLetter(int32_t level);
 
-// Where lines go. The handler may be called from any thread at once; a log call made from inside of it is
-// dropped. Null, the state at start, drops all lines, unless the environment variable FODR_LOG_STDERR is set
-// when the library is loaded: then they go to the standard error stream, up to the level that it names or
-// numbers (INFO for anything else).
+// What takes the calls: the logger, which lives in a higher room. The functions are called from any thread,
+// several at once; a log call made from inside of them is dropped.
+struct LogReceiver {
+    void (*text)(const char *functionName, int32_t level, const char *format, va_list arguments);
+    void (*hex)(const char *functionName, int32_t level, const void *data, size_t length);
+    void (*error)(uint32_t errorCode, const char *functionName, int32_t level, const char *format,
+                  va_list arguments);
+};
+// A receiver is never destroyed. Null, the state at start, drops all calls.
+void SetLogReceiver(const LogReceiver *receiver);
+
+// Takes all calls in place of the receiver, as long as it is set, dumps and errors as ready text. For tests
+// and tools; under the rules of a receiver. Null gives the calls back.
 using LogHandler = void (*)(const char *functionName, int32_t level, const char *format, va_list arguments);
 void SetLogHandler(LogHandler handler);
 
@@ -105,8 +119,19 @@ struct MethodName {
         }                                                                                                    \
     } while (false)
 
+// The same with the text of an error behind the message, see LogWriteError.
+#define LOG_CODE_AT(level, errorCode, ...)                                                                   \
+    do {                                                                                                     \
+        if (::fodr::IsLogEnabled(level)) {                                                                   \
+            static constexpr ::fodr::detail::MethodName fodrMethodName(__PRETTY_FUNCTION__);                 \
+            ::fodr::LogWriteError((errorCode), fodrMethodName.text, (level), __VA_ARGS__);                   \
+        }                                                                                                    \
+    } while (false)
+
+#define LOG_ALWAYS(...) LOG_AT(::fodr::LOG_LEVEL_ALWAYS, __VA_ARGS__)
 #define LOG_ERROR(...) LOG_AT(::fodr::LOG_LEVEL_ERROR, __VA_ARGS__)
 #define LOG_WARN(...) LOG_AT(::fodr::LOG_LEVEL_WARN, __VA_ARGS__)
 #define LOG_INFO(...) LOG_AT(::fodr::LOG_LEVEL_INFO, __VA_ARGS__)
 #define LOG_DEBUG(...) LOG_AT(::fodr::LOG_LEVEL_DEBUG, __VA_ARGS__)
 #define LOG_TRACE(...) LOG_AT(::fodr::LOG_LEVEL_TRACE, __VA_ARGS__)
+#define LOG_VERBOSE(...) LOG_AT(::fodr::LOG_LEVEL_VERBOSE, __VA_ARGS__)
