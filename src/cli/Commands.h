@@ -53,6 +53,13 @@ int RunStatus(uint32_t processId, bool json);
 
 int RunRegister(bool registering);
 
+// On the plug-in's key of the settings store. `type` is empty for the setting's own.
+int RunConfigGet(const std::string &name);
+int RunConfigSet(const std::string &name, const std::vector<std::string> &values, const std::string &type);
+int RunConfigUnset(const std::string &name);
+int RunConfigList(bool all);
+int RunConfigWatch(const std::string &name);
+
 // The agreed token: the file's content without line ends, else FODR_TOKEN. False, after a complaint, when the
 // file can't be read.
 bool ReadToken(const std::string &file, std::string *token);

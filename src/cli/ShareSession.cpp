@@ -38,7 +38,7 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
 
 ShareSession::ShareSession(const ShareOptions &shareOptions,
                            std::unique_ptr<host::PrivateSettings> privateSettings, std::string runtimeFolder)
-    : options(shareOptions), settings(std::move(privateSettings)), folder(std::move(runtimeFolder)),
+    : options(shareOptions), folder(std::move(runtimeFolder)), settings(std::move(privateSettings)),
       starter(&options, [this](const std::string &line) { HandleAgentLine(line); })
 {}
 
@@ -113,6 +113,7 @@ bool ShareSession::StartPlugin()
         return false;
     for (const SharedFolder &shared : options.folders)
         shares->Add(shared.path, shared.name);
+    FollowSettings();
     channel = std::make_unique<host::HostChannel>(host.get(), ChannelOptionsFor(options),
                                                   static_cast<host::IChannelListener *>(this));
     return true;
@@ -125,6 +126,18 @@ bool ShareSession::AllowFolders(const std::vector<std::string> &folders)
     if (!allowed && phase == Phase::Connecting && !everReady)
         Fail(EXIT_OTHER, problem);
     return allowed;
+}
+
+// What the user sets while we run reaches the plug-in.
+void ShareSession::FollowSettings()
+{
+    settings->Follow([this] {
+        queue.Post([this] {
+            std::string problem;
+            if (!settings->Refresh(&problem))
+                Complain(problem);
+        });
+    });
 }
 
 bool ShareSession::StartControl()

@@ -109,11 +109,12 @@ private:
     void StopTimer() { timer.reset(); }
     std::string MountedAt() const;
     bool AllowFolders(const std::vector<std::string> &folders);
+    void FollowSettings();
 
     const ShareOptions options;
-    const std::unique_ptr<host::PrivateSettings> settings;
     const std::string folder;
     host::EventQueue queue;
+    const std::unique_ptr<host::PrivateSettings> settings; // posts to the queue
     std::unique_ptr<host::PluginHost> host;
     std::unique_ptr<host::FolderShares> shares;
     std::unique_ptr<host::HostChannel> channel;

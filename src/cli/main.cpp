@@ -119,6 +119,41 @@ struct ControlWords {
     bool json = false;
 };
 
+struct ConfigWords {
+    std::string name;
+    std::vector<std::string> values;
+    std::string type;
+    bool all = false;
+};
+
+void AddConfig(CLI::App *app, ConfigWords *words)
+{
+    app->require_subcommand(1);
+    auto *get = app->add_subcommand("get", "Print a setting; status 1 if it isn't set");
+    auto *set = app->add_subcommand("set", "Set one");
+    auto *unset = app->add_subcommand("unset", "Let its default hold again");
+    for (auto *one : {get, set, unset})
+        one->add_option("NAME", words->name)->required();
+    set->add_option("VALUE", words->values, "One, or several for a list")->required();
+    set->add_option("--type", words->type, "sz, expand_sz, multi_sz, dword, qword, binary; default: its own");
+    app->add_subcommand("list", "Print what is set")
+        ->add_flag("--all", words->all, "Also what isn't, with its default");
+    app->add_subcommand("watch", "Print every change until Ctrl-C")
+        ->add_option("NAME", words->name, "Only of this setting");
+}
+
+int RunConfig(const CLI::App &app, const ConfigWords &words)
+{
+    const std::string verb = app.get_subcommands().front()->get_name();
+    if (verb == "get")
+        return RunConfigGet(words.name);
+    if (verb == "set")
+        return RunConfigSet(words.name, words.values, words.type);
+    if (verb == "unset")
+        return RunConfigUnset(words.name);
+    return verb == "list" ? RunConfigList(words.all) : RunConfigWatch(words.name);
+}
+
 void AddControl(CLI::App *app, ControlWords *words)
 {
     app->add_option("--pid", words->processId, "Process id of the share that is meant (default: the latest)");
@@ -158,6 +193,9 @@ int Run(std::vector<std::string> arguments)
     AddAgent(agentApp, &agent);
     auto *registerApp = app.add_subcommand("register", "Enter the plug-in into the settings store");
     auto *unregisterApp = app.add_subcommand("unregister", "Remove it from there");
+    ConfigWords config;
+    auto *configApp = app.add_subcommand("config", "The plug-in's settings; a running share follows most");
+    AddConfig(configApp, &config);
 
     const auto isMeant = [&](const CLI::App *one) { return one->get_name() == arguments.front(); };
     if (!arguments.empty() && !arguments.front().starts_with('-') && app.get_subcommands(isMeant).empty()) {
@@ -177,6 +215,8 @@ int Run(std::vector<std::string> arguments)
         return RunShare(share);
     if (agentApp->parsed())
         return RunAgentCommand(agent);
+    if (configApp->parsed())
+        return RunConfig(*configApp, config);
     if (addApp->parsed())
         return RunAdd(control.processId, control.folder, control.name);
     if (removeApp->parsed())

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace fodr::platform {
 
@@ -56,6 +57,9 @@ uint32_t RegistryQuery(RegistryKey key, const std::string &name, bool wide, uint
 // whole is not written to: kErrorInvalidData.
 uint32_t RegistrySet(RegistryKey key, const std::string &name, uint32_t type, bool wide, const void *data,
                      uint32_t size);
+
+// The names of the key's values, as they are spelled; the unnamed value's is empty.
+uint32_t RegistryListValues(RegistryKey key, std::vector<std::string> *names);
 
 // Removes a value of the key.
 uint32_t RegistryDeleteValue(RegistryKey key, const std::string &name);

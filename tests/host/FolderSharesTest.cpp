@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <semaphore>
 #include <sys/stat.h>
 
 namespace fodr::test {
@@ -217,11 +218,39 @@ TEST_F(Settings, ShareWhatIsNamedAndNothingElse)
         EXPECT_EQ(Value("logLevel"), test.logLevel) << test.what;
         EXPECT_TRUE(settings->Allow({"/a;b", "/c\\d\n", "/ü"}, &error));
         EXPECT_EQ(Value("AllowedFolders"), "/a;b./c\\d\n./ü..");
-        settings.reset();
-        EXPECT_FALSE(fs::exists(folder));
         // The user's own store is left as it was.
         std::ifstream stream(root / "user" / "HKEY_LOCAL_MACHINE.ini");
         EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stream), {}), test.store);
+        settings.reset();
+        EXPECT_FALSE(fs::exists(folder));
+    }
+}
+
+TEST_F(Settings, FollowTheUserExceptForWhatIsShared)
+{
+    const std::string key = "[SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr]\n";
+    std::string error;
+    auto settings = host::PrivateSettings::Create((root / "private").string(), &error);
+    ASSERT_TRUE(settings && settings->Allow({"/named"}, &error)) << error;
+    std::counting_semaphore<> changes(0);
+    settings->Follow([&] { changes.release(); });
+    const struct {
+        std::string store;
+        const char *logLevel;
+    } states[] = {
+        {key + "RedirectAll=dword:1\nAllowedFolders=multi_sz:/;\nlogLevel=TRACE\n", "TRACE."},
+        {key + "sharedfolders=multi_sz:/etc;\nredirectall=dword:1\nLOGLEVEL=WARN\n", "WARN."},
+        {"[[[\n", "-"},
+    };
+    for (const auto &state : states) {
+        UserStore(state.store);
+        changes.acquire(); // a file that is only half there may be told of, too
+        while (Value("logLevel") != state.logLevel) {
+            ASSERT_TRUE(settings->Refresh(&error)) << error;
+            EXPECT_EQ(Value("RedirectAll"), "....");
+            EXPECT_EQ(Value("SharedFolders"), "-");
+            EXPECT_EQ(Value("AllowedFolders"), "/named..");
+        }
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include "platform/DebugOutput.h"
 #include "platform/SystemError.h"
+#include "platform/UserFolders.h"
 #include "platform/linux/SettingsFile.h"
 #include "platform/linux/SettingsWatch.h"
 
@@ -32,21 +33,6 @@ struct OpenKey {
 };
 
 std::atomic<RegistryComplaintHandler> complaintHandler{nullptr};
-
-std::filesystem::path SettingsFolder()
-{
-    if (const char *folder = std::getenv("FODR_SETTINGS_DIR"); folder && *folder)
-        return folder;
-    std::filesystem::path user;
-    if (const char *config = std::getenv("XDG_CONFIG_HOME"); config && *config)
-        user = config;
-    else if (const char *home = std::getenv("HOME"); home && *home)
-        user = std::filesystem::path(home) / ".config";
-    std::error_code error;
-    if (!user.empty() && std::filesystem::is_directory(user / "fodr", error))
-        return user / "fodr";
-    return "/etc/fodr";
-}
 
 const char *FileNameOf(RegistryRoot root)
 {
@@ -78,7 +64,7 @@ OpenFiles &Files()
 
 std::shared_ptr<SettingsFile> FileOf(RegistryRoot root)
 {
-    const std::string path = SettingsFolder() / FileNameOf(root);
+    const std::string path = SettingsFolder() + '/' + FileNameOf(root);
     OpenFiles &open = Files();
     std::lock_guard<std::mutex> guard(open.mutex);
     std::shared_ptr<SettingsFile> &file = open.files[path];
@@ -280,6 +266,25 @@ uint32_t RegistryDeleteValue(RegistryKey key, const std::string &name)
         Glib::ustring spelling;
         return RemoveValue(file, *opened, *folded, group, spelling) ? kErrorSuccess : kErrorFileNotFound;
     });
+}
+
+uint32_t RegistryListValues(RegistryKey key, std::vector<std::string> *names)
+{
+    const auto *opened = static_cast<const OpenKey *>(key);
+    if (!opened)
+        return kErrorInvalidHandle;
+    Glib::KeyFile file;
+    std::string ignored; // said when the values are read
+    names->clear();
+    if (!LoadKeyFile(opened->file->Path(), file, ignored))
+        return kErrorSuccess;
+    for (const Glib::ustring &group : file.get_groups()) {
+        if (FoldSettingsName(group.raw()) != opened->foldedPath)
+            continue;
+        for (const Glib::ustring &name : file.get_keys(group))
+            names->push_back(name.raw() == kUnnamedValue ? "" : name.raw());
+    }
+    return kErrorSuccess;
 }
 
 uint32_t RegistryDelete(RegistryKey key, const std::string &path)

@@ -138,14 +138,15 @@ uint32_t SettingsFile::Edit(const Change &change)
         if (errno != EINTR)
             return LastSystemError();
     }
-    std::string text;
+    std::optional<std::string> text;
     const uint32_t outcome = ChangeText(change, text);
     if (outcome == kErrorInvalidData)
         Read(); // which says what is wrong
-    return outcome == kErrorSuccess ? Replace(text) : outcome;
+    return outcome == kErrorSuccess && text ? Replace(*text) : outcome;
 }
 
-uint32_t SettingsFile::ChangeText(const Change &change, std::string &text) const
+// No text: nothing changed.
+uint32_t SettingsFile::ChangeText(const Change &change, std::optional<std::string> &text) const
 {
     std::lock_guard<std::mutex> parsing(KeyFileLock());
     try {
@@ -153,9 +154,10 @@ uint32_t SettingsFile::ChangeText(const Change &change, std::string &text) const
         std::string found;
         if (!LoadKeyFile(path, file, found))
             return kErrorInvalidData;
+        const std::string before = file.to_data().raw();
         const uint32_t outcome = change(file);
-        if (outcome == kErrorSuccess)
-            text = file.to_data().raw();
+        if (const std::string after = file.to_data().raw(); after != before)
+            text = after;
         return outcome;
     } catch (const Glib::Error &) {
         return kErrorInvalidParameter; // a name that the file has no form for

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 
@@ -22,7 +23,8 @@ public:
     std::shared_ptr<const SettingsModel> ReadQuietly();
 
     // Changes the file under its lock and replaces it by rename. `change` edits and says what came of it; the
-    // file is written on success only. A file that can't be parsed is not touched: kErrorInvalidData.
+    // file is written on success only, if anything changed. A file that can't be parsed is not touched:
+    // kErrorInvalidData.
     using Change = std::function<uint32_t(Glib::KeyFile &file)>;
     uint32_t Edit(const Change &change);
 
@@ -39,7 +41,7 @@ private:
     };
     Stamp TakeStamp() const;
     void Refresh();
-    uint32_t ChangeText(const Change &change, std::string &text) const;
+    uint32_t ChangeText(const Change &change, std::optional<std::string> &text) const;
     uint32_t Replace(const std::string &text);
 
     const std::string path;

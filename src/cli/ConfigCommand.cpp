@@ -1,0 +1,232 @@
+// `fodr config`: the plug-in's key of the settings store.
+#include "cli/Commands.h"
+#include "cli/Console.h"
+#include "cli/ExitCode.h"
+#include "cli/PluginSettings.h"
+#include "platform/Sync.h"
+#include "platform/SystemError.h"
+#include "platform/Termination.h"
+#include "platform/UserFolders.h"
+
+#include <atomic>
+#include <map>
+#include <memory>
+
+namespace fodr::cli {
+namespace {
+
+using platform::RegistryKey;
+using Values = std::map<std::string, SettingValue>;
+
+constexpr char kKey[] = "SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr";
+
+class SettingsKey {
+public:
+    enum class Access { Read, Write };
+
+    // A path below HKEY_LOCAL_MACHINE.
+    explicit SettingsKey(const std::string &path, Access access = Access::Read)
+    {
+        platform::SetRegistryComplaintHandler([](const char *text) {
+            Complain(text);
+            return true;
+        });
+        result = access == Access::Read ? platform::RegistryOpen(platform::RegistryRoot::LocalMachine, path,
+                                                                 platform::kRegKeyRead, &key)
+                                        : platform::RegistryCreate(platform::RegistryRoot::LocalMachine, path,
+                                                                   platform::kRegKeyAllAccess, &key);
+    }
+    ~SettingsKey()
+    {
+        if (result == platform::kErrorSuccess)
+            platform::RegistryClose(key);
+    }
+    SettingsKey(const SettingsKey &) = delete;
+    SettingsKey &operator=(const SettingsKey &) = delete;
+
+    // Of opening it.
+    uint32_t Result() const { return result; }
+    RegistryKey Get() const { return key; }
+
+    // None when it isn't set.
+    std::optional<SettingValue> Read(const std::string &name) const
+    {
+        SettingValue value;
+        uint32_t size = 0;
+        uint32_t outcome = platform::kErrorMoreData; // it may grow between the two calls
+        while (result == platform::kErrorSuccess && outcome == platform::kErrorMoreData) {
+            if (platform::RegistryQuery(key, name, false, &value.type, nullptr, &size) !=
+                platform::kErrorSuccess)
+                return std::nullopt;
+            value.bytes.assign(size, 0);
+            outcome = platform::RegistryQuery(key, name, false, &value.type, value.bytes.data(), &size);
+        }
+        return outcome == platform::kErrorSuccess ? std::optional(value) : std::nullopt;
+    }
+
+    Values ReadAll() const
+    {
+        Values values;
+        std::vector<std::string> names;
+        if (result == platform::kErrorSuccess)
+            platform::RegistryListValues(key, &names);
+        for (const std::string &name : names) {
+            if (const auto value = Read(name))
+                values[name] = *value;
+        }
+        return values;
+    }
+
+private:
+    RegistryKey key = nullptr;
+    uint32_t result;
+};
+
+int CannotWrite(uint32_t code)
+{
+    const std::string what = "the settings in " + platform::SettingsFolder() + " can't be written: ";
+    Complain(what +
+             (code == platform::kErrorInvalidData
+                  ? "mend or remove the file first"
+                  : Plain(platform::SystemErrorText(code)) + ": FODR_SETTINGS_DIR can name another folder"));
+    return EXIT_OTHER;
+}
+
+std::string Line(const std::string &name, const SettingValue &value)
+{
+    std::string line = name + " =";
+    for (const std::string &text : PrintSetting(value))
+        line += " " + (value.type == platform::kRegMultiSz ? "\"" + text + "\"" : text);
+    return line;
+}
+
+// The key, or as long as there is none the nearest one above it, so that its coming is noticed.
+std::unique_ptr<SettingsKey> OpenNearest(bool *found)
+{
+    std::string path = kKey;
+    *found = true;
+    for (;;) {
+        auto key = std::make_unique<SettingsKey>(path);
+        if (key->Result() != platform::kErrorFileNotFound || path.empty())
+            return key;
+        *found = false;
+        const size_t end = path.rfind('\\');
+        path = end == std::string::npos ? "" : path.substr(0, end);
+    }
+}
+
+void PrintChanges(const Values &before, const Values &now, const std::string &name)
+{
+    const auto isMeant = [&](const std::string &changed) {
+        const KnownSetting *known = FindKnownSetting(changed);
+        return name.empty() || changed == name || (known != nullptr && known == FindKnownSetting(name));
+    };
+    for (const auto &[changed, value] : now) {
+        const auto old = before.find(changed);
+        const bool same =
+            old != before.end() && old->second.type == value.type && old->second.bytes == value.bytes;
+        if (!same && isMeant(changed))
+            Say(Line(changed, value));
+    }
+    for (const auto &[gone, value] : before) {
+        if (!now.contains(gone) && isMeant(gone))
+            Say(gone + " isn't set");
+    }
+}
+
+} // namespace
+
+int RunConfigGet(const std::string &name)
+{
+    const auto value = SettingsKey(kKey).Read(name);
+    if (!value)
+        return EXIT_OTHER;
+    for (const std::string &text : PrintSetting(*value))
+        Say(text);
+    return EXIT_DONE;
+}
+
+int RunConfigSet(const std::string &name, const std::vector<std::string> &values, const std::string &type)
+{
+    const KnownSetting *known = FindKnownSetting(name);
+    const auto named = SettingType(type);
+    if (!named && !type.empty()) {
+        Complain("there is no type \"" + type + "\": see fodr config set --help");
+        return EXIT_USAGE;
+    }
+    if (!named && known == nullptr) {
+        Complain("there is no setting \"" + name +
+                 "\": see fodr config list --all, or name its --type if it is meant");
+        return EXIT_USAGE;
+    }
+    std::string expected;
+    const auto value = ParseSetting(named.value_or(known != nullptr ? known->type : 0), values, &expected);
+    if (!value) {
+        Complain(name + " wants " + expected);
+        return EXIT_USAGE;
+    }
+    const SettingsKey key(kKey, SettingsKey::Access::Write);
+    uint32_t result = key.Result();
+    if (result == platform::kErrorSuccess)
+        result = platform::RegistrySet(key.Get(), known != nullptr ? known->name : name, value->type, false,
+                                       value->bytes.data(), static_cast<uint32_t>(value->bytes.size()));
+    return result == platform::kErrorSuccess ? EXIT_DONE : CannotWrite(result);
+}
+
+int RunConfigUnset(const std::string &name)
+{
+    const SettingsKey key(kKey);
+    uint32_t result = key.Result();
+    if (result == platform::kErrorSuccess)
+        result = platform::RegistryDeleteValue(key.Get(), name);
+    return result == platform::kErrorSuccess || result == platform::kErrorFileNotFound ? EXIT_DONE
+                                                                                       : CannotWrite(result);
+}
+
+int RunConfigList(bool all)
+{
+    const SettingsKey key(kKey);
+    for (const auto &[name, value] : key.ReadAll())
+        Say(Line(name, value));
+    if (!all)
+        return EXIT_DONE;
+    for (const KnownSetting &setting : KnownSettings()) {
+        if (!key.Read(setting.name))
+            Say(std::string(setting.name) + " isn't set: " + setting.standard + " (" +
+                SettingTypeName(setting.type) + (setting.live ? ", live)" : ")"));
+    }
+    return EXIT_DONE;
+}
+
+int RunConfigWatch(const std::string &name)
+{
+    const platform::Waitable changed = platform::CreateEventObject(false, false, nullptr);
+    static std::atomic<bool> ended{false};
+    platform::WatchTermination([changed](platform::TerminationRequest) {
+        ended = true;
+        platform::SetEventObject(changed);
+    });
+    Values known = SettingsKey(kKey).ReadAll();
+    while (!ended) {
+        bool found = false;
+        const auto key = OpenNearest(&found);
+        const uint32_t filter =
+            platform::kRegNotifyChangeName | (found ? platform::kRegNotifyChangeLastSet : 0);
+        const uint32_t result = key->Result() != platform::kErrorSuccess
+                                    ? key->Result()
+                                    : platform::RegistryNotify(
+                                          key->Get(), false, filter,
+                                          [](void *event) { platform::SetEventObject(event); }, changed);
+        if (result != platform::kErrorSuccess) {
+            Complain("the settings can't be watched: " + Plain(platform::SystemErrorText(result)));
+            return EXIT_OTHER;
+        }
+        const Values now = SettingsKey(kKey).ReadAll(); // a change before the watching counts too
+        PrintChanges(known, now, name);
+        known = now;
+        platform::WaitForWaitables(&changed, 1, platform::kWaitForever);
+    }
+    return EXIT_DONE; // the event stays for the thread that takes signals
+}
+
+} // namespace fodr::cli

@@ -1,0 +1,40 @@
+// The plug-in's settings as people write them.
+#pragma once
+
+#include "platform/Registry.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace fodr::cli {
+
+// A setting that the plug-in reads.
+struct KnownSetting {
+    const char *name;
+    uint32_t type;        // kReg...
+    const char *standard; // what holds while it isn't set
+    bool live;            // a running plug-in follows it
+};
+const std::vector<KnownSetting> &KnownSettings();
+// Without regard to case; null for any other name.
+const KnownSetting *FindKnownSetting(const std::string &name);
+
+struct SettingValue {
+    uint32_t type = platform::kRegNone;
+    std::string bytes; // texts as UTF-8 with terminators, numbers little-endian
+};
+
+// "dword" and so on; empty, or none, for what has no name here.
+const char *SettingTypeName(uint32_t type);
+std::optional<uint32_t> SettingType(const std::string &name);
+
+// From what was typed: one text, or for a list any number. None, with what was expected in `*expected`, when
+// they don't fit the type.
+std::optional<SettingValue> ParseSetting(uint32_t type, const std::vector<std::string> &texts,
+                                         std::string *expected);
+// The same texts again.
+std::vector<std::string> PrintSetting(const SettingValue &value);
+
+} // namespace fodr::cli
