@@ -83,6 +83,9 @@ protected:
     // What drains the queue on the poll thread.
     RCPtr<OVPollItem> PollItem() const;
 
+    std::string initMessage;  // first line of the sink, unless empty; for sinks
+    std::string closeMessage; // last line
+
 private:
     class PollLogWriter;
 
@@ -91,25 +94,25 @@ private:
         int32_t droppedCount = 0;
     };
 
-    // The beginning of a prefix, ready made for one second.
-    struct SecondText {
-        int64_t second = INT64_MIN;
+    // A time stamp, of which only the milliseconds change within its second.
+    struct TimeStamp {
+        int64_t secondMS = INT64_MIN;
         bool utc = false;
-        size_t length = 0;
-        char text[32] = {};
+        char text[64] = {};
+        char *digits = text; // of the milliseconds
     };
 
-    bool EnableBatchMode();
-    void WriteInBatches(Queue &queue) REQUIRES(LoggerMutex());
+    bool EnableBatchMode() REQUIRES(LoggerMutex());
+    void WriteInBatches() REQUIRES(LoggerMutex());
+    void Drain(); // on the poll thread
     void Flush(uint32_t queueIndex, int32_t maxCount);
     void FlushAll();
     void ReportDropped(uint32_t queueIndex);
     void SwapQueues() REQUIRES(LoggerMutex());
     void WriteOwnLine(const char *functionName, const std::string &text);
+    const char *TimeStampOfNow() REQUIRES(LoggerMutex());
     bool SetSwitch(std::atomic<bool> &value, bool flag);
 
-    std::string initMessage;
-    std::string closeMessage;
     const int32_t type;
     uint32_t queueLimit = 15000;
     int32_t flushIntervalMs = 1000;
@@ -128,7 +131,7 @@ private:
     Queue queues[2];          // the active one under LoggerMutex, the other one the drainer's
     uint32_t activeQueue = 0; // callers push here
     uint32_t drainQueue = 1;  // what was taken last to be drained
-    SecondText secondText;
+    TimeStamp timeStamp;
 };
 
 } // namespace fodr

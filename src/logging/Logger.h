@@ -39,9 +39,9 @@ public:
     const std::string &Name() const { return name; }
     const std::string &LogToken() const { return logToken; } // stands in the names of log files
 
-    // Settings from a key of the store, and from now on whenever they change. Nothing happens for an empty
-    // path or for another root than LocalMachine and CurrentUser.
-    void AddRegistryReader(const std::string &path, platform::RegistryRoot rootKey);
+    // Settings from a key of the store, and from now on whenever they change. False, with nothing added, for
+    // an empty path and for another root than LocalMachine and CurrentUser.
+    bool AddRegistryReader(const std::string &path, platform::RegistryRoot rootKey);
     void AddReader(const RCPtr<SettingsReader> &reader);
 
     // Reads the settings and opens the writers. False when none came up.
@@ -54,26 +54,26 @@ public:
 
     // One line each; dropped unless the logger has started and the level passes.
     void Log(const char *functionName, int32_t messageLevel, const char *format, va_list arguments)
-        FODR_PRINTF(4, 0);
-    void LogHex(const char *functionName, int32_t messageLevel, const void *data, size_t length);
+        REQUIRES(LoggerMutex()) FODR_PRINTF(4, 0);
+    void LogHex(const char *functionName, int32_t messageLevel, const void *data, size_t length)
+        REQUIRES(LoggerMutex());
     void LogError(uint32_t errorCode, const char *functionName, int32_t messageLevel, const char *format,
-                  va_list arguments) FODR_PRINTF(5, 0);
+                  va_list arguments) REQUIRES(LoggerMutex()) FODR_PRINTF(5, 0);
 
 private:
     friend class LoggerSettings;
 
-    // Makes the line with the first open writer's prefix; all open writers share it. `print` puts the text
-    // behind the prefix: int(char *buffer, size_t size).
-    template <typename Print> void Write(const char *functionName, int32_t messageLevel, Print print);
-    void LogLine(const char *functionName, int32_t messageLevel, const char *format, ...) FODR_PRINTF(4, 5);
-    std::string OtherClockText() const;
+    template <typename Print>
+    void Write(const char *functionName, int32_t messageLevel, const Print &print) REQUIRES(LoggerMutex());
+    void LogLine(const char *functionName, int32_t messageLevel, const char *format, ...)
+        REQUIRES(LoggerMutex()) FODR_PRINTF(4, 5);
 
-    std::map<int32_t, RCPtr<LogWriter>> writers;
-    std::list<RCPtr<SettingsReader>> settingsReaders;
+    std::map<int32_t, RCPtr<LogWriter>> writers GUARDED_BY(LoggerMutex());
+    std::list<RCPtr<SettingsReader>> settingsReaders GUARDED_BY(LoggerMutex());
     const std::string name;
     const std::string logToken;
     std::atomic<int32_t> level{LOG_LEVEL_INFO}; // changes under LoggerMutex
-    std::string levelSource;
+    std::string levelSource GUARDED_BY(LoggerMutex());
     std::atomic<bool> useLocalTime{true}; // likewise
     bool enabled = true;
     std::atomic<bool> started{false}; // likewise

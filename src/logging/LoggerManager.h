@@ -24,6 +24,8 @@ public:
     RCPtr<Logger> GetDefaultLogger();
     // The log calls go to this logger; null drops them.
     void SetDefaultLogger(const RCPtr<Logger> &logger);
+    // The logger's level is another now, or counts from now on.
+    void LevelChanged(const Logger &logger) REQUIRES(LoggerMutex());
     // Running. Its lock is LoggerMutex.
     RCPtr<OVPollThread> GetPollThread();
     // Stops the thread, then every logger in the order of their names.
@@ -31,6 +33,8 @@ public:
 
 private:
     LoggerManager();
+
+    static const LogReceiver kReceiver;
 
     RCPtr<Logger> defaultLogger GUARDED_BY(LoggerMutex());
     std::map<std::string, RCPtr<Logger>> loggers GUARDED_BY(LoggerMutex());

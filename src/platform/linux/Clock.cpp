@@ -17,4 +17,10 @@ std::tm BreakDownTime(int64_t seconds, bool utc)
     return brokenDown;
 }
 
+LocalZone CurrentLocalZone()
+{
+    const std::tm now = BreakDownTime(time(nullptr), false);
+    return {now.tm_zone ? now.tm_zone : "", static_cast<int32_t>(-now.tm_gmtoff / 60)};
+}
+
 } // namespace fodr::platform
