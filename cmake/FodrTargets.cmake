@@ -8,7 +8,8 @@ target_link_libraries(fodr_options INTERFACE Threads::Threads)
 
 if(FODR_SANITIZE)
   target_compile_options(fodr_options INTERFACE
-    -fsanitize=${FODR_SANITIZE} -fno-omit-frame-pointer -O1 -g1)
+    -fsanitize=${FODR_SANITIZE} -fno-omit-frame-pointer -g1
+    -O$<IF:$<BOOL:$<TARGET_PROPERTY:FODR_IS_TEST>>,0,1>) # a test's own speed isn't worth its compile time
   target_link_options(fodr_options INTERFACE -fsanitize=${FODR_SANITIZE})
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # GCC's own <regex> trips over this warning once it is instrumented; other builds keep it.
@@ -51,6 +52,7 @@ function(fodr_test name)
     return()
   endif()
   add_executable(test_${name} ${sources})
+  set_target_properties(test_${name} PROPERTIES FODR_IS_TEST ON)
   target_include_directories(test_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_compile_definitions(test_${name} PRIVATE FODR_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
   target_link_libraries(test_${name} PRIVATE fodr_options ${ARGN} GTest::gmock GTest::gtest_main)
