@@ -127,11 +127,15 @@ protected:
     {
         host->Bus().Send("test", "FORLDER_REDIRECTION_CMD", cookie.c_str(), text.c_str());
     }
-    // The status that the cookie's command got; for an empty cookie that of the agent's policy.
+    // The status that the cookie's command got; for an empty cookie that of the agent's policy, which comes
+    // before or after those of the folders that it forces.
     std::string StatusOf(const std::string &cookie)
     {
         std::unique_lock held(lock);
-        auto matches = [&](const auto &notice) { return notice.first == cookie; };
+        auto matches = [&](const auto &notice) {
+            return notice.first == cookie &&
+                   (!cookie.empty() || notice.second.starts_with("RDPDR_CAPABILITY_STATUS"));
+        };
         changed.wait(held, [&] { return std::any_of(notices.begin(), notices.end(), matches); });
         return std::find_if(notices.begin(), notices.end(), matches)->second;
     }
