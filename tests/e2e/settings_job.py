@@ -1,0 +1,72 @@
+"""The settings from the command line, and a running share that follows them."""
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import unittest
+
+sys.path.insert(0, os.path.dirname(__file__))
+from share import FODR, Scratch, Share, wait_for  # noqa: E402
+
+KEY = r"[SOFTWARE\Orvane, Inc.\Orvane ODPService\Plugins\fodr]"
+
+
+class SettingsCase(unittest.TestCase):
+    def setUp(self):
+        self.scratch = Scratch()
+        self.addCleanup(self.scratch.remove)
+        self.file = self.scratch.root / "settings" / "HKEY_LOCAL_MACHINE.ini"
+
+    def config(self, *words):
+        done = subprocess.run([FODR, "config", *words], capture_output=True, text=True, env=self.scratch.environment)
+        return done.returncode, done.stdout, done.stderr.count("\n")
+
+
+class Command(SettingsCase):
+    def test_values_are_kept_with_their_types(self):
+        for words, result in [
+                (["get", "logLevel"], (1, "", 0)),
+                (["unset", "logLevel"], (0, "", 0)),
+                (["list"], (0, "", 0)),
+                (["set", "LOGLEVEL", "DEBUG"], (0, "", 0)),
+                (["get", "loglevel"], (0, "DEBUG\n", 0)),
+                (["set", "logMaxDaysKept", "0x10"], (0, "", 0)),
+                (["set", "logMaxDaysKept", "4294967296"], (2, "", 1)),
+                (["set", "logMaxDaysKept", "-1"], (2, "", 1)),
+                (["set", "SharedFolders", "/a;b", "/ü \\"], (0, "", 0)),
+                (["set", "other", "x"], (2, "", 1)),
+                (["set", "other", "0FFe", "--type", "binary"], (0, "", 0)),
+                (["set", "other", "0ff", "--type", "binary"], (2, "", 1)),
+                (["set", "big", "18446744073709551615", "--type", "qword"], (0, "", 0)),
+                (["list"], (0, 'SharedFolders = "/a;b" "/ü \\"\nbig = 18446744073709551615\nlogLevel = DEBUG\n'
+                               'logMaxDaysKept = 16\nother = 0ffe\n', 0)),
+                (["unset", "other"], (0, "", 0)),
+                (["get", "other"], (1, "", 0))]:
+            self.assertEqual(self.config(*words), result, words)
+        self.assertIn("logMaxDaysKept=dword:16\n", self.file.read_text())
+
+    def test_a_store_that_cannot_be_read_or_written_is_left_alone(self):
+        self.file.parent.mkdir()
+        self.file.write_text("[[[ mine\n")
+        code, _, lines = self.config("set", "logLevel", "INFO")
+        self.assertEqual((code, lines), (1, 2))  # what is wrong with the file, and what that means
+        self.assertEqual(self.file.read_text(), "[[[ mine\n")
+
+    def test_changes_are_watched_from_before_the_first_value(self):
+        out = open(self.scratch.root / "watch.log", "w+")
+        watch = subprocess.Popen([FODR, "config", "watch"], stdout=out, env=self.scratch.environment)
+        seen = pathlib.Path(out.name).read_text
+        wait_for(lambda: self.config("set", "logLevel", "WARN")[0] == 0 and
+                 "WARN" in seen() or self.config("unset", "logLevel")[0] != 0, "the first value")
+        self.config("set", "RedirectAll", "1")
+        wait_for(lambda: "RedirectAll = 1" in seen(), "a second value")
+        self.config("unset", "RedirectAll")
+        wait_for(lambda: "RedirectAll isn't set" in seen(), "its end")
+        watch.send_signal(signal.SIGINT)
+        self.assertEqual(watch.wait(60), 0)
+        out.close()
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
