@@ -1,0 +1,189 @@
+// The private store is a volatile key of the user, to which this process's view of the machine's key is
+// redirected. Each state is a key of its own, so that readers see one whole.
+#include "platform/PrivateStore.h"
+
+#include "platform/Process.h"
+#include "platform/SystemError.h"
+#include "platform/UserFolders.h"
+#include "platform/windows/RegistryKeyObject.h"
+#include "platform/windows/RegistryRedirect.h"
+#include "platform/windows/WideText.h"
+
+#include <mutex>
+
+namespace fodr::platform {
+
+namespace {
+
+constexpr wchar_t kStores[] = L"Software\\fodr\\Private";
+
+class OwnedKey {
+public:
+    OwnedKey() = default;
+    ~OwnedKey()
+    {
+        if (key)
+            RegCloseKey(key);
+    }
+    OwnedKey(const OwnedKey &) = delete;
+    OwnedKey &operator=(const OwnedKey &) = delete;
+
+    HKEY Get() const { return key; }
+    HKEY *Out() { return &key; }
+    HKEY Release() { return std::exchange(key, nullptr); }
+
+private:
+    HKEY key = nullptr;
+};
+
+LSTATUS MakeVolatileKey(const std::wstring &path, OwnedKey *key)
+{
+    return RegCreateKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS,
+                           nullptr, key->Out(), nullptr);
+}
+
+// Stores of processes that are gone.
+void RemoveLeftOvers()
+{
+    OwnedKey stores;
+    if (RegOpenKeyExW(HKEY_CURRENT_USER, kStores, 0, KEY_ALL_ACCESS, stores.Out()) != ERROR_SUCCESS)
+        return;
+    wchar_t name[256];
+    std::vector<std::wstring> dead;
+    for (DWORD index = 0;; ++index) {
+        DWORD length = sizeof(name) / sizeof(name[0]);
+        if (RegEnumKeyExW(stores.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) !=
+            ERROR_SUCCESS)
+            break;
+        const auto id = static_cast<uint32_t>(wcstoul(name, nullptr, 10));
+        if (id == CurrentProcessId() || !ProcessExists(id))
+            dead.emplace_back(name);
+    }
+    for (const std::wstring &store : dead)
+        RegDeleteTreeW(stores.Get(), store.c_str());
+}
+
+class WindowsPrivateStore final : public PrivateStore {
+public:
+    WindowsPrivateStore(std::string key, RegistryPlace userPlace)
+        : keyPath(std::move(key)), user(std::move(userPlace)),
+          root(std::wstring(kStores) + L'\\' + std::to_wstring(CurrentProcessId()))
+    {}
+
+    ~WindowsPrivateStore() override
+    {
+        watched.reset();
+        SetEnvironment(kRedirectVariable, "");
+        RegDeleteTreeW(HKEY_CURRENT_USER, root.c_str());
+        RegDeleteKeyW(HKEY_CURRENT_USER, root.c_str());
+    }
+
+    bool Update(const std::vector<FixedValue> &values, std::string *error) override
+    {
+        Listen(); // before the reading
+        const LSTATUS outcome = MakeState(values);
+        if (outcome != ERROR_SUCCESS)
+            *error = "the settings in HKEY_CURRENT_USER\\" + Narrow(root) +
+                     " can't be written: " + SystemErrorText(static_cast<uint32_t>(outcome));
+        return outcome == ERROR_SUCCESS;
+    }
+
+    void Follow(std::function<void()> handler) override
+    {
+        onChange = std::move(handler);
+        Listen();
+    }
+
+private:
+    std::wstring StatePath(uint32_t number) const { return root + L'\\' + std::to_wstring(number); }
+
+    LSTATUS MakeState(const std::vector<FixedValue> &values)
+    {
+        OwnedKey copy;
+        OwnedKey original;
+        LSTATUS result = MakeVolatileKey(StatePath(state + 1), &copy);
+        if (result != ERROR_SUCCESS)
+            return result;
+        if (RegOpenKeyExW(user.root, user.path.c_str(), 0, KEY_READ, original.Out()) == ERROR_SUCCESS)
+            RegCopyTreeW(original.Get(), nullptr, copy.Get());
+        // In the forms of RegistrySet, which knows how texts are kept.
+        RegistryKeyObject object(copy.Release());
+        for (const FixedValue &fixed : values) {
+            const uint32_t error =
+                fixed.type == kRegNone
+                    ? RegistryDeleteValue(&object, fixed.name)
+                    : RegistrySet(&object, fixed.name, fixed.type, false, fixed.bytes.data(),
+                                  static_cast<uint32_t>(fixed.bytes.size()));
+            if (error != kErrorSuccess && fixed.type != kRegNone)
+                return static_cast<LSTATUS>(error);
+        }
+        SetEnvironment(kRedirectVariable, keyPath + '|' + Narrow(StatePath(state + 1)));
+        Retire();
+        return ERROR_SUCCESS;
+    }
+
+    // Who watches the state that was current is told to look again. Who reads it may go on, until it is the
+    // last but one.
+    void Retire()
+    {
+        OwnedKey old;
+        if (state != 0 && RegOpenKeyExW(HKEY_CURRENT_USER, StatePath(state).c_str(), 0, KEY_SET_VALUE,
+                                        old.Out()) == ERROR_SUCCESS) {
+            const DWORD one = 1;
+            RegSetValueExW(old.Get(), L"Superseded", 0, REG_DWORD, reinterpret_cast<const BYTE *>(&one),
+                           sizeof(one));
+        }
+        if (state > 1)
+            RegDeleteTreeW(HKEY_CURRENT_USER, StatePath(state - 1).c_str());
+        ++state;
+    }
+
+    // Watches the user's key, or the nearest above it that is there.
+    void Listen()
+    {
+        if (!onChange)
+            return;
+        watched.reset();
+        bool found = true;
+        std::wstring path = user.path;
+        HKEY opened = nullptr;
+        while (RegOpenKeyExW(user.root, path.c_str(), 0, KEY_READ, &opened) != ERROR_SUCCESS) {
+            const size_t separator = path.rfind(L'\\');
+            if (separator == std::wstring::npos)
+                return;
+            path.resize(separator);
+            found = false;
+        }
+        watched = std::make_unique<RegistryKeyObject>(opened);
+        const auto tell = [](void *self) { static_cast<WindowsPrivateStore *>(self)->onChange(); };
+        static_cast<void>(watched->Notify(
+            found, found ? kRegNotifyChangeName | kRegNotifyChangeLastSet : kRegNotifyChangeName, tell,
+            this));
+    }
+
+    const std::string keyPath;
+    const RegistryPlace user;
+    const std::wstring root;
+    uint32_t state = 0; // the number of the current one, 0 for none
+    std::function<void()> onChange;
+    std::unique_ptr<RegistryKeyObject> watched;
+};
+
+} // namespace
+
+std::unique_ptr<PrivateStore> PrivateStore::Create(const std::string &, const std::string &keyPath,
+                                                   const std::vector<FixedValue> &values, std::string *error)
+{
+    RegistryPlace user{};
+    if (FindRegistryPlace(RegistryRoot::LocalMachine, keyPath, &user) != kErrorSuccess) {
+        *error = SystemErrorText(kErrorInvalidParameter);
+        return nullptr;
+    }
+    RemoveLeftOvers();
+    auto store = std::make_unique<WindowsPrivateStore>(keyPath, user);
+    if (!store->Update(values, error))
+        return nullptr;
+    return store;
+}
+
+} // namespace fodr::platform

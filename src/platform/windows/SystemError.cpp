@@ -1,0 +1,77 @@
+#include "platform/SystemError.h"
+
+#include "platform/windows/WideText.h"
+#include "platform/windows/Win32.h"
+
+#include <cerrno>
+
+namespace fodr::platform {
+
+uint32_t LastSystemError()
+{
+    return GetLastError();
+}
+
+uint32_t SystemErrorFromErrno(int errnoValue)
+{
+    struct Row {
+        int errnoValue;
+        uint32_t code;
+    };
+    static constexpr Row kRows[] = {
+        {0, kErrorSuccess},
+        {ENOENT, kErrorFileNotFound},
+        {ENOTDIR, kErrorPathNotFound},
+        {EMFILE, kErrorTooManyOpenFiles},
+        {ENFILE, kErrorTooManyOpenFiles},
+        {EACCES, kErrorAccessDenied},
+        {EPERM, kErrorAccessDenied},
+        {EISDIR, kErrorAccessDenied},
+        {EBADF, kErrorInvalidHandle},
+        {ENOMEM, kErrorNotEnoughMemory},
+        {ENODEV, kErrorInvalidDrive},
+        {EXDEV, kErrorNotSameDevice},
+        {EROFS, kErrorWriteProtect},
+        {ENXIO, kErrorNotReady},
+        {EAGAIN, kErrorLockViolation},
+        {EDEADLK, kErrorLockViolation},
+        {ENOTSUP, kErrorNotSupported},
+        {ENOSYS, kErrorNotSupported},
+        {ENOTTY, kErrorNotSupported},
+        {EHOSTUNREACH, kErrorBadNetPath},
+        {ENETUNREACH, kErrorBadNetPath},
+        {EEXIST, kErrorFileExists},
+        {EINVAL, kErrorInvalidParameter},
+        {EPIPE, kErrorBrokenPipe},
+        {ENOSPC, kErrorDiskFull},
+        {EFBIG, kErrorDiskFull},
+        {ERANGE, kErrorInsufficientBuffer},
+        {EILSEQ, kErrorInvalidName},
+        {ENOTEMPTY, kErrorDirNotEmpty},
+        {EBUSY, kErrorBusy},
+        {ENAMETOOLONG, kErrorFilenameTooLong},
+        {EIO, kErrorIoDevice},
+        {ETIMEDOUT, kErrorTimeout},
+        {ELOOP, kErrorCantResolveFilename},
+    };
+    for (const Row &row : kRows) {
+        if (row.errnoValue == errnoValue)
+            return row.code;
+    }
+    return kErrorGeneralFailure;
+}
+
+std::string SystemErrorText(uint32_t code)
+{
+    wchar_t *text = nullptr;
+    const DWORD length = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
+                                            FORMAT_MESSAGE_IGNORE_INSERTS,
+                                        nullptr, code, 0, reinterpret_cast<wchar_t *>(&text), 0, nullptr);
+    std::string sentence = Narrow(std::wstring_view(text ? text : L"", length));
+    LocalFree(text);
+    const size_t end = sentence.find_last_not_of("\r\n .");
+    sentence.resize(end == std::string::npos ? 0 : end + 1);
+    return sentence.empty() ? "Unknown error " + std::to_string(code) : sentence;
+}
+
+} // namespace fodr::platform

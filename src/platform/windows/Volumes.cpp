@@ -1,0 +1,163 @@
+#include "platform/Volumes.h"
+
+#include "platform/SystemError.h"
+#include "platform/windows/OwnedHandle.h"
+#include "platform/windows/WideText.h"
+
+#include <winioctl.h>
+
+#include <cstddef>
+#include <cstring>
+#include <vector>
+
+namespace fodr::platform {
+
+namespace {
+
+constexpr DWORD kPathUnits = 260;
+
+bool IsLetter(char16_t c)
+{
+    return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z');
+}
+
+bool IsEitherSlash(char16_t c)
+{
+    return c == u'\\' || c == u'/';
+}
+
+// What a bare drive means is the folder that is current there; here it is always the root.
+std::wstring Whole(std::u16string_view path)
+{
+    std::wstring whole(path.begin(), path.end());
+    if (!whole.empty() && whole.back() == L':')
+        whole.push_back(L'\\');
+    return whole;
+}
+
+// MS-FSCC 2.1.2.4 and 2.1.2.5, as far as names are concerned; the header is the same for every tag.
+struct ReparseHeader {
+    uint32_t tag;
+    uint16_t dataLength;
+    uint16_t reserved;
+    uint16_t substituteOffset;
+    uint16_t substituteLength;
+    uint16_t printOffset;
+    uint16_t printLength;
+};
+constexpr size_t kSymlinkNames = 20; // behind the flags
+constexpr DWORD kReparseBuffer = 16386;
+
+} // namespace
+
+DriveType DriveTypeOfLetter(char letter)
+{
+    const char root[] = {letter, ':', '\\', '\0'};
+    return static_cast<DriveType>(GetDriveTypeA(root));
+}
+
+std::string LocalPathOfDriveLetter(char letter)
+{
+    if (!IsLetter(static_cast<unsigned char>(letter)))
+        return {};
+    return {static_cast<char>(letter & ~0x20), ':'};
+}
+
+bool IsLocalSeparator(char c)
+{
+    return c == '\\';
+}
+
+char LocalSeparator()
+{
+    return '\\';
+}
+
+bool IsAbsoluteLocalPath(const std::u16string &path)
+{
+    if (path.size() >= 3 && IsLetter(path[0]) && path[1] == u':')
+        return IsEitherSlash(path[2]);
+    return path.size() >= 3 && IsEitherSlash(path[0]) && IsEitherSlash(path[1]);
+}
+
+bool FreeSpaceOfFolder(const std::string &folder, uint64_t &bytes)
+{
+    std::wstring path;
+    ULARGE_INTEGER available{};
+    if (!Widen(folder, path) ||
+        !GetDiskFreeSpaceExW(Whole(AsUtf16(path.c_str())).c_str(), &available, nullptr, nullptr))
+        return false;
+    bytes = available.QuadPart;
+    return true;
+}
+
+uint32_t MountPointOfPath(const std::u16string &path, std::u16string &mountPoint)
+{
+    wchar_t found[kPathUnits];
+    if (!GetVolumePathNameW(Whole(path).c_str(), found, kPathUnits))
+        return GetLastError();
+    mountPoint = AsUtf16(found);
+    return kErrorSuccess;
+}
+
+uint32_t VolumeNameOfMountPoint(const std::u16string &mountPoint, std::u16string &name)
+{
+    wchar_t found[kPathUnits];
+    if (!GetVolumeNameForVolumeMountPointW(AsWide(mountPoint.c_str()), found, kPathUnits))
+        return GetLastError();
+    name = AsUtf16(found);
+    return kErrorSuccess;
+}
+
+uint32_t QueryLinkKind(const std::u16string &path, LinkKind &kind)
+{
+    kind = LinkKind::Missing;
+    WIN32_FIND_DATAW facts{}; // the one query that gives the tag without an open file
+    const DWORD attributes = GetFileAttributesW(AsWide(path.c_str()));
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+        return GetLastError();
+    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        const HANDLE search = FindFirstFileW(AsWide(path.c_str()), &facts);
+        if (search == INVALID_HANDLE_VALUE)
+            return GetLastError();
+        FindClose(search);
+        if (facts.dwReserved0 == IO_REPARSE_TAG_SYMLINK)
+            kind = LinkKind::SymbolicLink;
+        else if (facts.dwReserved0 == IO_REPARSE_TAG_MOUNT_POINT)
+            kind = LinkKind::Junction;
+        if (kind != LinkKind::Missing)
+            return kErrorSuccess;
+    }
+    kind = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? LinkKind::Directory : LinkKind::File;
+    return kErrorSuccess;
+}
+
+uint32_t ReadLinkTarget(const std::u16string &link, std::u16string &target)
+{
+    const OwnedHandle file(CreateFileW(
+        AsWide(link.c_str()), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+        nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (!file)
+        return GetLastError();
+    std::vector<std::byte> buffer(kReparseBuffer);
+    DWORD size = 0;
+    if (!DeviceIoControl(file.Get(), FSCTL_GET_REPARSE_POINT, nullptr, 0, buffer.data(), kReparseBuffer,
+                         &size, nullptr))
+        return GetLastError();
+    ReparseHeader header{};
+    if (size < kSymlinkNames)
+        return kErrorInvalidData;
+    std::memcpy(&header, buffer.data(), sizeof(header));
+    const size_t begin = kSymlinkNames + header.printOffset;
+    if (header.tag != IO_REPARSE_TAG_SYMLINK || begin > size || header.printLength > size - begin)
+        return kErrorInvalidData;
+    target.resize(header.printLength / sizeof(char16_t));
+    std::memcpy(target.data(), buffer.data() + begin, target.size() * sizeof(char16_t));
+    // One that begins at the root of the link's own drive.
+    const bool isRooted = !target.empty() && IsEitherSlash(target[0]) && !IsAbsoluteLocalPath(target);
+    if (isRooted && link.size() >= 2 && link[1] == u':')
+        target.insert(0, link, 0, 2);
+    return kErrorSuccess;
+}
+
+} // namespace fodr::platform
