@@ -3,6 +3,7 @@
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "platform/Memory.h"
+#include "platform/Process.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -233,5 +234,5 @@ int Run(std::vector<std::string> arguments)
 int main(int count, char **words)
 {
     fodr::platform::KeepFreedMemory();
-    return Run({words + 1, words + std::max(count, 1)});
+    return Run(fodr::platform::ProgramArguments(count, words));
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace fodr::platform {
 
@@ -19,6 +20,10 @@ bool CurrentSessionId(uint32_t &sessionId);
 // The session of the calling thread's own identity. True with kNoSession when the thread has none of its own,
 // which on Linux is always so; false when the question failed.
 bool ThreadSessionId(uint32_t &sessionId);
+
+// What stands behind the program's name on the command line, in UTF-8. `count` and `words` are main's, which
+// on Windows are in another encoding.
+std::vector<std::string> ProgramArguments(int count, char **words);
 
 // The absolute path of the library or program that holds the address, of the program for null. Empty when
 // there is none.

@@ -58,6 +58,11 @@ bool ThreadSessionId(uint32_t &sessionId)
     return true;
 }
 
+std::vector<std::string> ProgramArguments(int count, char **words)
+{
+    return {words + (count > 0 ? 1 : 0), words + count};
+}
+
 std::string ModulePath(const void *address)
 {
     std::error_code error;

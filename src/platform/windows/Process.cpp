@@ -4,6 +4,7 @@
 #include "platform/windows/WideText.h"
 
 #include <lmcons.h>
+#include <shellapi.h>
 
 namespace fodr::platform {
 
@@ -49,6 +50,17 @@ bool ThreadSessionId(uint32_t &sessionId)
         return false;
     sessionId = id;
     return true;
+}
+
+std::vector<std::string> ProgramArguments(int, char **)
+{
+    std::vector<std::string> arguments;
+    int count = 0;
+    wchar_t **words = CommandLineToArgvW(GetCommandLineW(), &count);
+    for (int i = 1; words && i < count; ++i)
+        arguments.push_back(Narrow(words[i]));
+    LocalFree(words);
+    return arguments;
 }
 
 std::string ModulePath(const void *address)

@@ -1,0 +1,16 @@
+// The agent of a build without FUSE: everything but the mount.
+#include "agent/Agent.h"
+#include "platform/DebugOutput.h"
+#include "platform/Mounts.h"
+
+namespace fodr::agent {
+
+int RunAgent(std::unique_ptr<platform::ByteStream> stream, const AgentOptions &)
+{
+    const std::string line = "fodr: " + platform::MountProblem() + "\n";
+    platform::WriteStandardError(line.data(), line.size());
+    stream->Shutdown();
+    return AGENT_MOUNT_FAILED;
+}
+
+} // namespace fodr::agent
