@@ -55,8 +55,8 @@ NTSTATUS FileSystemImpl::RedirectedCreateFile(uint32_t *fileId, uint32_t desired
 
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, path);
-    OBJECT_ATTRIBUTES attributes{sizeof(OBJECT_ATTRIBUTES), nullptr, &name,
-                                 OBJ_CASE_INSENSITIVE,      nullptr, nullptr};
+    const uint32_t matching = nameMatching == NameMatching::AnyCase ? OBJ_CASE_INSENSITIVE : 0;
+    OBJECT_ATTRIBUTES attributes{sizeof(OBJECT_ATTRIBUTES), nullptr, &name, matching, nullptr, nullptr};
     LARGE_INTEGER size{static_cast<int64_t>(allocationSize)};
     HANDLE handle = nullptr;
     IO_STATUS_BLOCK ioStatus;

@@ -50,10 +50,16 @@ public:
                                       const nt::LARGE_INTEGER &length) override;
 
 protected:
-    explicit FileSystemImpl(const std::string &root) : packer(root) {}
+    // Exact is for shares whose files are named one by one. A system that ignores case itself still does.
+    enum class NameMatching { AnyCase, Exact };
+
+    explicit FileSystemImpl(const std::string &root, NameMatching matching = NameMatching::AnyCase)
+        : packer(root), nameMatching(matching)
+    {}
 
 private:
     RdpdrPacker packer;
+    const NameMatching nameMatching;
 };
 
 } // namespace fodr

@@ -87,13 +87,15 @@ NTSTATUS FileCreator::RunOnce()
     const NTSTATUS status = Locate(name.Path(),
                                    {.links = ofLink ? Links::kDontFollow : Links::kFollow,
                                     .keepDescriptor = attributesOnly,
-                                    .keepLease = MayCreate()},
+                                    .keepLease = MayCreate(),
+                                    .exact = request.exactName},
                                    place);
     if (status != STATUS_SUCCESS)
         return status;
     opened->access = request.access & ~MAXIMUM_ALLOWED;
     opened->share = request.share;
     opened->options = request.options;
+    opened->exactName = request.exactName;
     opened->mode = request.options & kModeOptions;
     return place->exists ? OpenExisting() : CreateMissing();
 }

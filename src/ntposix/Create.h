@@ -16,6 +16,7 @@ struct CreateRequest {
     uint32_t options = 0;
     uint32_t attributes = 0;
     int64_t allocation = 0;
+    bool exactName = false; // no other case of the name is as good
 };
 
 // What the I/O manager refuses before it asks a file system. STATUS_SUCCESS or STATUS_INVALID_PARAMETER.

@@ -39,14 +39,16 @@ int OpenPath(int directory, const char *name, Fd *opened)
     return *opened ? 0 : errno;
 }
 
-// In place->parent, without regard to case.
+// In place->parent, without regard to case unless the spelling is to be exact, which has been tried.
 NTSTATUS LocateFolded(const std::string &parentPath, const std::string &leaf, LookupOptions options,
                       Place *place)
 {
     place->lease.emplace(place->parent.Get());
     if (const int error = place->lease->Error(); error != 0)
         return StatusOfErrno(error);
-    const std::optional<std::string> present = place->lease->Find(leaf);
+    std::optional<std::string> present = place->lease->Find(leaf);
+    if (options.exact && present != leaf)
+        present.reset();
     if (present || !options.keepLease)
         place->lease.reset();
     place->path = JoinPath(parentPath, present ? *present : leaf);
@@ -74,25 +76,25 @@ NTSTATUS Locate(const std::string &path, LookupOptions options, Place *place)
         return StatusOfErrno(error);
     const PathParts parts = SplitPath(path);
     std::string parentPath;
-    const NTSTATUS status = OpenDirectory(parts.parent, &place->parent, &parentPath);
+    const NTSTATUS status = OpenDirectory(parts.parent, options.exact, &place->parent, &parentPath);
     if (status != STATUS_SUCCESS)
         return status;
     return LocateFolded(parentPath, parts.leaf, options, place);
 }
 
-NTSTATUS OpenDirectory(const std::string &path, Fd *directory, std::string *realPath)
+NTSTATUS OpenDirectory(const std::string &path, bool exact, Fd *directory, std::string *realPath)
 {
     int error = OpenPath(AT_FDCWD, path.c_str(), directory);
     if (error == 0) {
         *realPath = path;
         return STATUS_SUCCESS;
     }
-    if (error != ENOENT || path == "/")
+    if (error != ENOENT || path == "/" || exact)
         return DirectoryStatus(error);
     const PathParts parts = SplitPath(path);
     Fd parent;
     std::string parentPath;
-    const NTSTATUS status = OpenDirectory(parts.parent, &parent, &parentPath);
+    const NTSTATUS status = OpenDirectory(parts.parent, false, &parent, &parentPath);
     if (status != STATUS_SUCCESS)
         return status;
     const DirectoryLease lease(parent.Get());

@@ -17,6 +17,7 @@ struct LookupOptions {
     Links links = Links::kFollow;
     bool keepDescriptor = false; // an O_PATH one, which the facts are then taken from
     bool keepLease = false;      // where the name isn't there, so that it can be created
+    bool exact = false;          // the exact spelling alone
 };
 
 // Where a name leads. The directory of a file that exists isn't looked for unless it had to be.
@@ -34,7 +35,8 @@ struct Place {
 // STATUS_OBJECT_PATH_NOT_FOUND.
 [[nodiscard]] nt::NTSTATUS Locate(const std::string &path, LookupOptions options, Place *place);
 
-// Opens a directory by its path, exact or not. `realPath` is how it is spelled on disk.
-[[nodiscard]] nt::NTSTATUS OpenDirectory(const std::string &path, Fd *directory, std::string *realPath);
+// Opens a directory by its path, in any case unless `exact`. `realPath` is how it is spelled on disk.
+[[nodiscard]] nt::NTSTATUS OpenDirectory(const std::string &path, bool exact, Fd *directory,
+                                         std::string *realPath);
 
 } // namespace fodr::ntposix

@@ -64,6 +64,7 @@ NTSTATUS NtCreateFile(HANDLE *fileHandle, uint32_t desiredAccess, OBJECT_ATTRIBU
         if (objectAttributes->RootDirectory)
             return STATUS_NOT_SUPPORTED;
         request.access = ResolveGenericRights(desiredAccess);
+        request.exactName = (objectAttributes->Attributes & OBJ_CASE_INSENSITIVE) == 0;
         return OpenHandle(*objectAttributes, request, fileHandle, &information);
     });
     return Complete(ioStatus, status, information);

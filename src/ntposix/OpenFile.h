@@ -34,7 +34,8 @@ public:
     uint32_t share = 0;
     uint32_t options = 0; // CreateOptions
     FileKind kind = FileKind::kFile;
-    bool dataFd = false; // fd isn't O_PATH
+    bool dataFd = false;    // fd isn't O_PATH
+    bool exactName = false; // opened in its very case, and renamed likewise
 
     std::atomic<uint32_t> mode{0};    // FileModeInformation
     std::atomic<bool> dotName{false}; // the name hides the file

@@ -71,7 +71,7 @@ public:
         const DirectoryLease lease(target.directory);
         if (lease.Error() != 0)
             return StatusOfErrno(lease.Error());
-        const std::optional<std::string> present = lease.Find(target.leaf);
+        const std::optional<std::string> present = open.exactName ? std::nullopt : lease.Find(target.leaf);
         FileFacts facts;
         const std::string &occupied = present ? *present : target.leaf;
         const int error = StatAt(target.directory, occupied.c_str(), Links::kDontFollow, &facts);
@@ -144,7 +144,7 @@ NTSTATUS RenameFile(OpenFile &open, std::u16string_view target, bool replace)
         return STATUS_DELETE_PENDING;
     Fd directory;
     std::string directoryPath;
-    status = OpenDirectory(parts.parent, &directory, &directoryPath);
+    status = OpenDirectory(parts.parent, open.exactName, &directory, &directoryPath);
     if (status != STATUS_SUCCESS)
         return status;
     status = Renaming(open, link, directory.Get(), parts.leaf).Run(replace);

@@ -24,11 +24,18 @@ bool ClimbsUp(std::string_view path)
     return false;
 }
 
-// Both in NT form.
+// With one kind of separator.
+std::string Comparable(std::string ntPath)
+{
+    std::replace_if(ntPath.begin(), ntPath.end(), platform::IsLocalSeparator, '\\');
+    return ntPath;
+}
+
+// Both comparable.
 bool IsAtOrBelow(std::string_view path, std::string_view root)
 {
     return path.size() >= root.size() && platform::LocalNamesEqual(path.substr(0, root.size()), root) &&
-           (path.size() == root.size() || platform::IsLocalSeparator(path[root.size()]));
+           (path.size() == root.size() || path[root.size()] == '\\');
 }
 
 } // namespace
@@ -43,23 +50,42 @@ LocalFolderLimit::LocalFolderLimit()
     std::vector<std::string> folders;
     limited = settings.ReadList("AllowedFolders", &folders) != RedirectionSettings::ListResult::Missing;
     for (const std::string &folder : folders)
-        roots.push_back(ToNtPath(folder));
+        roots.push_back(Comparable(ToNtPath(folder)));
 }
 
 bool LocalFolderLimit::Allows(const std::string &folder) const
 {
-    if (!limited || Contains(folder))
+    if (!limited || Contains(ToNtPath(folder)))
         return true;
     LOG_WARN("Folder %s is outside of the folders that this machine allows.\n", folder.c_str());
     return false;
 }
 
-bool LocalFolderLimit::Contains(const std::string &folder) const
+FolderOffer LocalFolderLimit::OfferOfFiles(const std::string &folder,
+                                           const std::vector<std::string> &names) const
 {
-    std::string ntPath = ToNtPath(folder);
-    return !ClimbsUp(folder) && std::any_of(roots.begin(), roots.end(), [&ntPath](const std::string &root) {
-        return IsAtOrBelow(ntPath, root);
-    });
+    const std::string ntPath = ToNtPath(folder);
+    if (!limited || Contains(ntPath))
+        return {true, names};
+    FolderOffer offer{false, {}};
+    for (const std::string &name : names) {
+        std::string file = ntPath + '\\' + name;
+        if (Contains(file))
+            offer.files.push_back(name);
+        else
+            LOG_WARN("File %s is outside of the folders that this machine allows.\n", file.c_str());
+    }
+    if (names.empty())
+        Allows(folder);
+    return offer;
+}
+
+bool LocalFolderLimit::Contains(const std::string &ntPath) const
+{
+    std::string comparable = Comparable(ntPath);
+    return !ClimbsUp(ntPath) &&
+           std::any_of(roots.begin(), roots.end(),
+                       [&comparable](const std::string &root) { return IsAtOrBelow(comparable, root); });
 }
 
 } // namespace fodr

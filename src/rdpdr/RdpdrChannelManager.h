@@ -30,6 +30,7 @@
 
 namespace fodr {
 
+class AllowAccessList;
 class FodrLogger;
 class IFileSystem;
 class IRdpdrChannel;
@@ -116,9 +117,9 @@ private:
     Device FindShare(const std::string &ntPath, SharedType type) REQUIRES(deviceTableLock);
     std::string GenerateFriendlyName(const std::string &path, const std::string &shareName)
         REQUIRES(deviceTableLock);
-    // Null when there is no memory, and for a share that can't be had.
+    // Null when there is no memory. With a list the share shows only what is on it.
     Device CreateDevice(const ShareRequest &request, const std::string &friendlyName,
-                        std::unique_ptr<IFileSystem> fileSystem);
+                        std::unique_ptr<IFileSystem> fileSystem, std::shared_ptr<AllowAccessList> allowList);
 
     // Removing, and the watcher.
     void StartDriveWatcher(bool firstShare) EXCLUDES(watcherLock, deviceTableLock);

