@@ -99,7 +99,6 @@ Share::Share(const std::function<void(RedirectedDeviceSettings &)> &change)
     folder = std::filesystem::temp_directory_path() /
              ("fodr-share-" + std::to_string(std::random_device()()) + "-" + std::to_string(++made));
     std::filesystem::create_directories(folder);
-    RedirectedDeviceSettings settings;
     settings.channel = &channel;
     settings.deviceId = kDeviceId;
     settings.path = "\\??\\" + folder.string();

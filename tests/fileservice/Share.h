@@ -162,7 +162,8 @@ public:
 
     RecordingChannel channel;
     std::filesystem::path folder;
-    WatchedFileSystem *fileSystem; // the device's
+    RedirectedDeviceSettings settings; // that the device was made with
+    WatchedFileSystem *fileSystem;     // the device's
     RCPtr<RedirectedDevice> device;
     uint32_t lastCompletionId = 100;
 };
