@@ -10,6 +10,7 @@ namespace fodr::cli {
 
 struct ShareWords {
     std::vector<std::string> folders;
+    bool sends = false; // they are files, to be sent one by one, or folders likewise
     std::optional<std::string> mount, to, tcp, listen; // at most one
     std::string name;
     std::string layout; // single, folders, or empty

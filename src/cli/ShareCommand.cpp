@@ -42,7 +42,52 @@ int AddFolder(const std::string &given, const std::string &name, std::vector<Sha
     if (std::any_of(folders->begin(), folders->end(), same))
         return Refuse(EXIT_FOLDER, "\"" + given + "\" is named twice");
     const std::string plain = name.empty() ? path.filename().string() : name;
-    folders->push_back({path.string(), host::FolderShares::NameFor(plain.empty() ? "root" : plain)});
+    folders->push_back({path.string(), host::FolderShares::NameFor(plain.empty() ? "root" : plain), {}});
+    return EXIT_DONE;
+}
+
+// The file by its own name in its folder, links on the way there resolved; "." and the like under the name
+// that they stand for. Empty when there is none.
+fs::path Locate(const fs::path &given, std::error_code *error)
+{
+    fs::path path = given.has_filename() ? given : given.parent_path();
+    const bool named = path.filename() != "." && path.filename() != "..";
+    path = named ? fs::canonical(path.has_parent_path() ? path.parent_path() : ".", *error) / path.filename()
+                 : fs::canonical(path, *error);
+    return *error ? fs::path() : path;
+}
+
+// A share for each folder that files are sent of, in the order in which they are first named.
+int AddFile(const std::string &given, std::vector<SharedFolder> *folders)
+{
+    std::error_code error;
+    const fs::path path = Locate(given, &error);
+    const fs::file_type type = error ? fs::file_type::none : fs::status(path, error).type();
+    if (error)
+        return Refuse(EXIT_FOLDER, "\"" + given + "\" can't be sent: " + error.message());
+    if (path.filename().empty() || (type != fs::file_type::regular && type != fs::file_type::directory))
+        return Refuse(EXIT_FOLDER, "\"" + given + "\" can't be sent: it is neither a file nor a folder");
+    const bool readable = type == fs::file_type::regular ? std::ifstream(path).is_open()
+                                                         : (fs::directory_iterator(path, error), !error);
+    if (!readable)
+        return Refuse(EXIT_FOLDER, "\"" + given + "\" can't be sent: it can't be read");
+    const std::string folder = path.parent_path().string();
+    const std::string file = path.filename().string();
+    for (SharedFolder &present : *folders) {
+        if (present.path != folder)
+            continue;
+        if (std::find(present.files.begin(), present.files.end(), file) != present.files.end())
+            return Refuse(EXIT_FOLDER, "\"" + given + "\" is named twice");
+        present.files.push_back(file);
+        return EXIT_DONE;
+    }
+    const std::string plain = path.parent_path().filename().string();
+    const std::string name = host::FolderShares::NameFor(plain.empty() ? "root" : plain);
+    std::string unique = name;
+    const auto taken = [&](const SharedFolder &other) { return other.name == unique; };
+    for (int n = 1; std::any_of(folders->begin(), folders->end(), taken); ++n)
+        unique = name + "(" + std::to_string(n) + ")";
+    folders->push_back({folder, unique, {file}});
     return EXIT_DONE;
 }
 
@@ -94,7 +139,9 @@ int CheckOptions(const ShareWords &words, ShareOptions *options)
         return Refuse(EXIT_USAGE,
                       "--name is for one folder, and " + std::to_string(words.folders.size()) + " are named");
     for (const std::string &folder : words.folders) {
-        if (const int code = AddFolder(folder, words.name, &options->folders))
+        const int code = words.sends ? AddFile(folder, &options->folders)
+                                     : AddFolder(folder, words.name, &options->folders);
+        if (code != EXIT_DONE)
             return code;
     }
     if (const int code = ChooseTarget(words, &options->target))

@@ -1,4 +1,4 @@
-// ShareSession: what other commands ask of a running one.
+// ShareSession: what it tells about its shares, and what other commands ask of a running one.
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "cli/ShareSession.h"
@@ -72,6 +72,11 @@ void ShareSession::ControlAdd(const Words &request, std::function<void(const Con
 {
     const std::string &path = request[1];
     std::error_code error;
+    if (!options.folders.front().files.empty()) {
+        answer(
+            Refusal(EXIT_REFUSED, "this run sends the files that it was given: use fodr share for folders"));
+        return;
+    }
     if (!options.folderLayout) {
         answer(Refusal(EXIT_REFUSED,
                        "this share shows its one folder as the mount itself: start it with --layout "
@@ -82,7 +87,7 @@ void ShareSession::ControlAdd(const Words &request, std::function<void(const Con
         answer(Refusal(EXIT_FOLDER, "\"" + path + "\" is not a folder"));
         return;
     }
-    std::vector<std::string> allowed = shares->AskedForms();
+    std::vector<std::string> allowed = shares->OfferedForms();
     allowed.push_back(host::FolderShares::AskedForm(path));
     if (!AllowFolders(allowed)) {
         answer(Refusal(EXIT_OTHER, "the settings of the running share can't be written"));
@@ -118,7 +123,7 @@ void ShareSession::AnswerPending(const FolderShare &share)
     queue.Post([this, cookie = share.cookie] {
         if (const FolderShare *refused = shares->FindCookie(cookie))
             shares->Remove(std::string(refused->path));
-        AllowFolders(shares->AskedForms());
+        AllowFolders(shares->OfferedForms());
     });
 }
 
@@ -137,17 +142,44 @@ ControlReply ShareSession::ControlRemove(const std::string &which)
 {
     if (!shares->Remove(which))
         return Refusal(EXIT_FOLDER, "\"" + which + "\" is not shared: see fodr list");
-    AllowFolders(shares->AskedForms());
+    AllowFolders(shares->OfferedForms());
     return {};
+}
+
+std::vector<ShareSession::ShownPath> ShareSession::Shown(const FolderShare &share) const
+{
+    const std::vector<std::string> paths = SharedFolder::PathsBelow(share.path, share.files);
+    std::vector<std::string> places(paths.size());
+    if (!mounted.empty())
+        places = SharedFolder::PathsBelow(MountedAt() + (options.folderLayout ? "/" + share.name : ""),
+                                          share.files);
+    std::vector<ShownPath> shown;
+    for (size_t i = 0; i < paths.size(); ++i)
+        shown.push_back({paths[i], places[i]});
+    return shown;
+}
+
+void ShareSession::SayReady() const
+{
+    std::vector<ShownPath> ready;
+    for (const FolderShare &share : shares->All()) {
+        if (share.state == ShareState::Ready) {
+            for (ShownPath &one : Shown(share))
+                ready.push_back(std::move(one));
+        }
+    }
+    const bool sent = !options.folders.front().files.empty();
+    Say(ready.front().path + (sent ? " is at " : " is mounted at ") + ready.front().place +
+        (ready.size() > 1 ? ", and " + std::to_string(ready.size() - 1) + " more beside it" : "") +
+        ". Press Ctrl-C to end.");
 }
 
 ControlReply ShareSession::ControlList() const
 {
     ControlReply reply;
     for (const FolderShare &share : shares->All()) {
-        const std::string place =
-            mounted.empty() ? "" : MountedAt() + (options.folderLayout ? "/" + share.name : "");
-        reply.rows.push_back({share.path, share.name, StateName(share.state), share.problem, place});
+        for (const ShownPath &one : Shown(share))
+            reply.rows.push_back({one.path, share.name, StateName(share.state), share.problem, one.place});
     }
     return reply;
 }

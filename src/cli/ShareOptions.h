@@ -33,6 +33,19 @@ struct AgentTarget {
 struct SharedFolder {
     std::string path; // absolute, links resolved
     std::string name;
+    std::vector<std::string> files; // what of it is sent, by name; empty: the folder is shared as it is
+
+    // What the other side gets to see.
+    std::vector<std::string> Paths() const { return PathsBelow(path, files); }
+    // `folder` itself if there are no files.
+    static std::vector<std::string> PathsBelow(const std::string &folder,
+                                               const std::vector<std::string> &files)
+    {
+        std::vector<std::string> paths;
+        for (const std::string &file : files)
+            paths.push_back(folder + (folder.ends_with('/') ? "" : "/") + file);
+        return files.empty() ? std::vector<std::string>{folder} : paths;
+    }
 };
 
 struct ShareOptions {

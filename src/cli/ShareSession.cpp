@@ -72,12 +72,13 @@ bool ShareSession::Prepare()
             return false;
         }
         for (const SharedFolder &shared : options.folders) {
-            if (shared.path != mountPoint->Path() &&
-                !(shared.path + "/").starts_with(mountPoint->Path() + "/"))
-                continue;
-            Fail(EXIT_MOUNT_POINT, "the mount point \"" + mountPoint->Path() + "\" would hide \"" +
-                                       shared.path + "\" itself: choose a folder elsewhere");
-            return false;
+            for (const std::string &path : shared.Paths()) {
+                if (path != mountPoint->Path() && !(path + "/").starts_with(mountPoint->Path() + "/"))
+                    continue;
+                Fail(EXIT_MOUNT_POINT, "the mount point \"" + mountPoint->Path() + "\" would hide \"" + path +
+                                           "\" itself: choose a folder elsewhere");
+                return false;
+            }
         }
     }
     if (!starter.Prepare(&problem)) {
@@ -107,12 +108,14 @@ bool ShareSession::StartPlugin()
     shares = std::make_unique<host::FolderShares>(
         &host->Bus(), [this](const host::FolderShare &share) { HandleShareChanged(share); });
     std::vector<std::string> asked;
-    for (const SharedFolder &shared : options.folders)
-        asked.push_back(host::FolderShares::AskedForm(shared.path));
+    for (const SharedFolder &shared : options.folders) {
+        for (std::string &form : host::FolderShares::OfferedForms(shared.path, shared.files))
+            asked.push_back(std::move(form));
+    }
     if (!AllowFolders(asked))
         return false;
     for (const SharedFolder &shared : options.folders)
-        shares->Add(shared.path, shared.name);
+        shares->Add(shared.path, shared.name, shared.files);
     FollowSettings();
     channel = std::make_unique<host::HostChannel>(host.get(), ChannelOptionsFor(options),
                                                   static_cast<host::IChannelListener *>(this));
@@ -225,16 +228,7 @@ void ShareSession::BecomeReady()
         StartCommand();
         return;
     }
-    const std::vector<host::FolderShare> &all = shares->All();
-    const auto ready = std::find_if(all.begin(), all.end(), [](const host::FolderShare &share) {
-        return share.state == host::ShareState::Ready;
-    });
-    const auto others =
-        std::count_if(all.begin(), all.end(),
-                      [](const host::FolderShare &share) { return share.state == host::ShareState::Ready; }) -
-        1;
-    Say(ready->path + " is mounted at " + MountedAt() + (options.folderLayout ? "/" + ready->name : "") +
-        (others > 0 ? ", and " + std::to_string(others) + " more beside it" : "") + ". Press Ctrl-C to end.");
+    SayReady();
 }
 
 std::string ShareSession::MountedAt() const

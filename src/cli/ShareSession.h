@@ -108,6 +108,13 @@ private:
     void SetTimer(std::chrono::milliseconds time) { timer = Clock::now() + time; }
     void StopTimer() { timer.reset(); }
     std::string MountedAt() const;
+    struct ShownPath {
+        std::string path;  // here
+        std::string place; // over there; empty until it is mounted
+    };
+    // What there is to see of a share: its folder, or the files of it that are sent.
+    std::vector<ShownPath> Shown(const host::FolderShare &share) const;
+    void SayReady() const;
     bool AllowFolders(const std::vector<std::string> &folders);
     void FollowSettings();
 

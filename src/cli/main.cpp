@@ -32,9 +32,8 @@ With a command behind -- its own status, 128 and the signal's number if a signal
 Environment: FODR_PLUGIN (the plug-in's library), FODR_SSH (the ssh command), FODR_TOKEN (the agreed token),
 FODR_SETTINGS_DIR (the settings store), FODR_LOG_STDERR (log lines on standard error).)";
 
-void AddShare(CLI::App *app, ShareWords *words)
+void AddWhereAndHow(CLI::App *app, ShareWords *words)
 {
-    app->add_option("DIR", words->folders, "Folders to share")->required();
     auto *target = app->add_option_group("Where they appear");
     target
         ->add_option("--mount", words->mount,
@@ -46,11 +45,6 @@ void AddShare(CLI::App *app, ShareWords *words)
         ->type_name("[ADDRESS:]PORT");
     target->require_option(0, 1);
     app->add_flag("--read-only", words->readOnly, "Nothing can be changed from the other side");
-    app->add_option("--name", words->name, "Name of the share (default: the folder's own)");
-    app->add_option(
-           "--layout", words->layout,
-           "single: the folder is the mount itself; folders: each is a folder in it, and more can be added")
-        ->check(CLI::IsMember({"single", "folders"}));
     auto *reconnect = app->add_flag_callback(
         "--reconnect", [words] { words->reconnect = true; }, "When the connection is lost, try again");
     app->add_flag_callback(
@@ -69,6 +63,24 @@ void AddShare(CLI::App *app, ShareWords *words)
     app->footer(
         "Behind -- a command can follow: it runs while the shares are there, with FODR_MOUNT naming the\n"
         "mount, and its status becomes ours.");
+}
+
+void AddShare(CLI::App *app, ShareWords *words)
+{
+    app->add_option("DIR", words->folders, "Folders to share")->required();
+    app->add_option("--name", words->name, "Name of the share (default: the folder's own)");
+    app->add_option(
+           "--layout", words->layout,
+           "single: the folder is the mount itself; folders: each is a folder in it, and more can be added")
+        ->check(CLI::IsMember({"single", "folders"}));
+    AddWhereAndHow(app, words);
+}
+
+void AddSend(CLI::App *app, ShareWords *words)
+{
+    words->sends = true;
+    app->add_option("FILE", words->folders, "Files, and folders with all that they hold")->required();
+    AddWhereAndHow(app, words);
 }
 
 void AddAgent(CLI::App *app, AgentCommandWords *words)
@@ -100,10 +112,10 @@ void AddAgent(CLI::App *app, AgentCommandWords *words)
     app->add_option("--token-file", words->tokenFile, "File with the token that both ends know");
 }
 
-// What stands behind the first "--" of `fodr share` is a command of its own.
+// What stands behind the first "--" of `fodr share` and `fodr send` is a command of its own.
 std::vector<std::string> TakeCommand(std::vector<std::string> *arguments)
 {
-    if (arguments->empty() || arguments->front() != "share")
+    if (arguments->empty() || (arguments->front() != "share" && arguments->front() != "send"))
         return {};
     const auto end = std::find(arguments->begin(), arguments->end(), "--");
     if (end == arguments->end())
@@ -176,9 +188,12 @@ int Run(std::vector<std::string> arguments)
     ShareWords share;
     AgentCommandWords agent;
     ControlWords control;
-    share.command = TakeCommand(&arguments);
+    ShareWords send;
+    share.command = send.command = TakeCommand(&arguments);
     auto *shareApp = app.add_subcommand("share", "Share folders until Ctrl-C, or while a command runs");
     AddShare(shareApp, &share);
+    auto *sendApp = app.add_subcommand("send", "Show single files instead, and nothing beside them");
+    AddSend(sendApp, &send);
     auto *addApp = app.add_subcommand("add", "Add a folder to a running share");
     addApp->add_option("DIR", control.folder)->required();
     addApp->add_option("--name", control.name, "Name of the share");
@@ -214,6 +229,8 @@ int Run(std::vector<std::string> arguments)
     }
     if (shareApp->parsed())
         return RunShare(share);
+    if (sendApp->parsed())
+        return RunShare(send);
     if (agentApp->parsed())
         return RunAgentCommand(agent);
     if (configApp->parsed())

@@ -15,6 +15,7 @@ constexpr char kSender[] = "fodr";
 constexpr std::string_view kCapability = "RDPDR_CAPABILITY_STATUS,";
 constexpr std::string_view kStatus = "FOLDER_REDIRECTION_CMD_STATUS,";
 constexpr std::string_view kRenamed = "Share name change to ";
+constexpr char kFilesTag[] = "(OVFCP)"; // makes a share of named files
 constexpr std::string_view kInvalidInNames = "<>\"/\\|:?@*";
 
 // A name that begins with a tag would make a share of another kind.
@@ -45,6 +46,23 @@ std::string Explain(const std::string &status)
             return explanation.words;
     }
     return status;
+}
+
+std::string NameInCommand(const FolderShare &share)
+{
+    return (share.files.empty() ? "" : kFilesTag) + share.name;
+}
+
+// The text, and behind its end the files, each with an end of its own.
+std::string AddCommand(const FolderShare &share)
+{
+    const std::string pathAndName = share.asked + "|" + NameInCommand(share);
+    if (share.files.empty())
+        return "ADD," + pathAndName;
+    std::string command = "ADD," + std::to_string(share.files.size()) + "," + pathAndName;
+    for (const std::string &file : share.files)
+        command += '\0' + FolderShares::AskedForm(file);
+    return command;
 }
 
 size_t LengthOfCharacter(std::string_view text)
@@ -93,12 +111,26 @@ std::string FolderShares::NameFor(const std::string &text)
     return name.empty() ? "_" : name;
 }
 
-const FolderShare *FolderShares::Add(const std::string &path, const std::string &name)
+std::vector<std::string> FolderShares::OfferedForms(const std::string &path,
+                                                    const std::vector<std::string> &files)
+{
+    const std::string folder = AskedForm(path);
+    if (files.empty())
+        return {folder};
+    std::vector<std::string> forms;
+    for (const std::string &file : files)
+        forms.push_back(folder + (folder.ends_with('/') ? "" : "/") + AskedForm(file));
+    return forms;
+}
+
+const FolderShare *FolderShares::Add(const std::string &path, const std::string &name,
+                                     const std::vector<std::string> &files)
 {
     FolderShare share;
     share.path = path;
     share.asked = AskedForm(path);
     share.name = name;
+    share.files = files;
     share.cookie = "fodr-" + std::to_string(++lastCookie);
     for (const FolderShare &other : shares) {
         if (other.path == path)
@@ -117,7 +149,7 @@ bool FolderShares::Remove(const std::string &pathOrName)
         return false;
     const FolderShare share = *found;
     std::erase_if(shares, [&](const FolderShare &other) { return other.cookie == share.cookie; });
-    const std::string command = "REMOVE," + share.asked + "|" + share.name;
+    const std::string command = "REMOVE," + share.asked + "|" + NameInCommand(share);
     bus->Send(kSender, kCommandName, share.cookie.c_str(), command.c_str());
     return true;
 }
@@ -125,7 +157,7 @@ bool FolderShares::Remove(const std::string &pathOrName)
 void FolderShares::Ask(FolderShare *share)
 {
     const std::string cookie = share->cookie;
-    const std::string command = "ADD," + share->asked + "|" + share->name;
+    const std::string command = AddCommand(*share);
     share->state = ShareState::Asked;
     if (!bus->Send(kSender, kCommandName, cookie.c_str(), command.c_str()))
         Settle(share, ShareState::Refused, "the plug-in doesn't take commands");
@@ -205,11 +237,13 @@ const FolderShare *FolderShares::FindCookie(const std::string &cookie) const
     return nullptr;
 }
 
-std::vector<std::string> FolderShares::AskedForms() const
+std::vector<std::string> FolderShares::OfferedForms() const
 {
     std::vector<std::string> all;
-    for (const FolderShare &share : shares)
-        all.push_back(share.asked);
+    for (const FolderShare &share : shares) {
+        for (std::string &form : OfferedForms(share.path, share.files))
+            all.push_back(std::move(form));
+    }
     return all;
 }
 

@@ -24,6 +24,8 @@ struct FolderShare {
     std::string path;  // absolute, as the system has it: any bytes
     std::string asked; // the same as the plug-in is given it: UTF-8
     std::string name;  // on the other side
+    // Names of what alone is shown of the folder, as the system has them; empty: all of it.
+    std::vector<std::string> files;
     std::string cookie;
     ShareState state = ShareState::Waiting;
     std::string problem; // why it was refused, in a few words
@@ -43,10 +45,14 @@ public:
     static std::string AskedForm(const std::string &path);
     // A name that a share can have, made of any bytes; a last component, for one.
     static std::string NameFor(const std::string &text);
+    // What is given to the other side of a folder, in the form of AskedForm: itself, or those files of it.
+    static std::vector<std::string> OfferedForms(const std::string &path,
+                                                 const std::vector<std::string> &files);
 
-    // Adds a folder, whose name is that of NameFor, and asks for it as soon as shares are taken. Null when it
-    // is there already.
-    const FolderShare *Add(const std::string &path, const std::string &name);
+    // Adds a folder, or those files of it, and asks for it as soon as shares are taken. The name is that of
+    // NameFor. Null when the folder is there already.
+    const FolderShare *Add(const std::string &path, const std::string &name,
+                           const std::vector<std::string> &files = {});
     // Takes back the share of this path or name. False when there is none.
     bool Remove(const std::string &pathOrName);
 
@@ -57,7 +63,8 @@ public:
     const std::vector<FolderShare> &All() const { return shares; }
     const FolderShare *Find(const std::string &pathOrName) const;
     const FolderShare *FindCookie(const std::string &cookie) const;
-    std::vector<std::string> AskedForms() const;
+    // Of all shares.
+    std::vector<std::string> OfferedForms() const;
     // The other side said that it takes no shares at all.
     bool Disabled() const { return disabled; }
 

@@ -23,10 +23,11 @@ FileSystem::FileSystem(const Options &fileSystemOptions)
 
 // ---- Shares ----
 
-// A share's name as a folder of the root, where it can be one.
-std::string FileSystem::FolderName(const std::string &shareName) const
+// A share's name as a folder of the root, where it can be one, without the tag that says what share it is.
+std::string FileSystem::FolderName(const RemoteDevice &device) const
 {
-    std::string name = shareName.substr(0, 255);
+    const size_t tag = device.IsTagged() ? device.name.find(')') + 1 : 0;
+    std::string name = device.name.substr(tag, 255);
     std::replace(name.begin(), name.end(), '/', '_');
     if (name.empty() || name == "." || name == "..")
         name = "_" + name;
@@ -45,7 +46,7 @@ bool FileSystem::AddShare(std::shared_ptr<RemoteShare> share)
         return true;
     }
     RemoveShare(deviceId); // it may have come back under its number
-    const std::string name = FolderName(share->Device().name);
+    const std::string name = FolderName(share->Device());
     if (!table.AddShareFolder(name, std::move(share)))
         return false;
     notifier.NameChanged(NodeTable::kRootId, name);

@@ -93,7 +93,7 @@ private:
     using OpenListingPtr = std::shared_ptr<OpenListing>;
 
     // FileSystem.cpp
-    std::string FolderName(const std::string &shareName) const;
+    std::string FolderName(const RemoteDevice &device) const;
     void OnDirectoryChanged(const NodePtr &directory);
     EntryAnswer AnswerFor(const NodePtr &node, const FileFacts &facts, bool lasting) const;
     bool ReplyEntry(const FuseCall::Ptr &call, const NodePtr &node, const FileFacts &facts, bool lasting);
