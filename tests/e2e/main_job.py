@@ -305,6 +305,79 @@ class Command(MountCase):
         self.assertEqual(len(no_fuse.stderr.strip().splitlines()), 1, no_fuse.stderr)
 
 
+class Send(MountCase):
+    """Files of a folder that holds others, too."""
+
+    def setUp(self):
+        super().setUp()
+        for name in ("a.txt", "secret", "A.TXT", "F/deep/in", "F2/x", "G/x", "a,b|c:d*"):
+            (self.local / name).parent.mkdir(parents=True, exist_ok=True)
+            (self.local / name).write_text(name)
+        (self.other / "p.jpg").write_bytes(os.urandom(3 << 20))
+
+    def send(self, *files, arguments=()):
+        return self.share(*arguments, folders=[self.local / name for name in files], verb="send")
+
+    def tree(self):
+        return sorted(str(path.relative_to(self.mount)) for path in self.mount.rglob("*"))
+
+    def test_the_other_side_sees_exactly_what_was_named(self):
+        with self.send("a.txt", "F/", "a,b|c:d*"):
+            for _ in range(2):  # the second listing is kept from the first
+                self.assertEqual(sorted(os.listdir(self.mount)), ["F", "a,b|c:d*", "a.txt"])
+            self.assertEqual(self.tree(), ["F", "F/deep", "F/deep/in", "a,b|c:d*", "a.txt"])
+            for name in ("a.txt", "a,b|c:d*", "F/deep/in"):
+                self.assertEqual((self.mount / name).read_text(), name)
+            (self.mount / "F" / "new").write_text("into a folder that was sent")
+            self.assertEqual((self.local / "F" / "new").read_text(), "into a folder that was sent")
+            (self.mount / "a.txt").write_text("changed over there")
+            self.assertEqual((self.local / "a.txt").read_text(), "changed over there")
+            (self.local / "a.txt").write_text("and here again")
+            wait_for(lambda: (self.mount / "a.txt").read_text() == "and here again", "the new content")
+
+    def test_nothing_beside_it_is_reached(self):
+        with self.send("a.txt", "F"):
+            for name in ("secret", "A.TXT", "F2", "F2/x", "G", "G/x", "a.TXT", "f", "f/deep", "../mount/secret", "secret/"):
+                for attempt in (lambda path: open(path).read(), os.stat, os.listdir, lambda path: open(path, "w"),
+                                os.mkdir, os.unlink, lambda path: os.rename(self.mount / "a.txt", path),
+                                lambda path: os.rename(path, self.mount / "F" / "taken"),
+                                lambda path: os.rename(self.mount / "F" / "deep" / "in", path)):
+                    self.assertRaises(OSError, attempt, self.mount / name)
+            for name in ("secret", "A.TXT", "F2/x", "G/x", "a.txt", "F/deep/in"):
+                self.assertEqual((self.local / name).read_text(), name)
+            for attempt in (lambda: (self.mount / "new").touch(), lambda: os.mkdir(self.mount / "d"),
+                            lambda: os.rename(self.mount / "a.txt", self.mount / "b.txt"),
+                            lambda: os.utime(self.mount)):
+                self.assertRaises(OSError, attempt)
+            self.assertEqual(sorted(os.listdir(self.local)), ["A.TXT", "F", "F2", "G", "a,b|c:d*", "a.txt", "secret"])
+            # A name that was sent and is gone isn't another file's.
+            os.unlink(self.mount / "a.txt")
+            self.assertRaises(OSError, open, self.mount / "a.txt")
+            self.assertEqual(os.listdir(self.mount), ["F"])
+            self.assertEqual((self.local / "A.TXT").read_text(), "A.TXT")
+
+    def test_files_of_several_folders_are_in_folders_of_their_names(self):
+        (self.other / "local").mkdir()
+        (self.other / "local" / "q").write_text("q")
+        files = [self.local / "a.txt", self.other / "p.jpg", self.other / "local" / "q"]
+        with self.share(folders=files, verb="send"):
+            self.assertEqual(self.tree(), ["local", "local(1)", "local(1)/q", "local/a.txt", "other", "other/p.jpg"])
+            self.assertTrue(filecmp.cmp(self.mount / "other" / "p.jpg", self.other / "p.jpg", shallow=False))
+            listed = run("list", env=self.scratch.environment).stdout
+            self.assertIn(f"{self.other}/p.jpg at {self.mount}/other/p.jpg", listed)
+            self.assertNotIn(f"{self.other} at", listed)
+
+    def test_a_command_runs_and_an_agent_that_asks_for_more_gets_nothing(self):
+        done = run("send", "a.txt", "--mount", self.mount, "--agent-option=--force", f"--agent-option={self.local}",
+                   "--", "bash", "-c", 'ls "$FODR_MOUNT"; exit 7', env=self.scratch.environment, cwd=self.local)
+        self.assertEqual((done.returncode, done.stdout), (7, "a.txt\n"), done.stderr)
+        os.mkfifo(self.other / "fifo")
+        for words in (["none"], ["a.txt", "./a.txt"], ["/"], [self.other / "fifo"], []):
+            done = run("send", *words, "--mount", self.mount, "--", "true", env=self.scratch.environment, cwd=self.local)
+            self.assertIn(done.returncode, (2, 7), words)
+            self.assertEqual(len(done.stderr.strip().splitlines()), 1, done.stderr)
+
+
 class Loss(MountCase):
     def test_killing_either_side_leaves_no_mount_and_no_obstacle(self):
         for victim in ("agent", "host", "both"):

@@ -55,14 +55,15 @@ class Scratch:
 
 
 class Share:
-    """`fodr share ARGUMENTS` in the background; a context that ends it by SIGINT and expects a clean end."""
+    """`fodr share ARGUMENTS` in the background; a context that ends it by SIGINT and expects a clean end. `verb` may be
+    "send": then `folders` are files."""
 
-    def __init__(self, scratch, *arguments, folders=None, mount=None, ready=None, target=None):
+    def __init__(self, scratch, *arguments, folders=None, mount=None, ready=None, target=None, verb="share"):
         self.scratch = scratch
         self.mount = pathlib.Path(mount or scratch.mount)
         folders = [scratch.local] if folders is None else folders
         target = ("--mount", self.mount) if target is None else target
-        self.command = [FODR, "share", *map(str, (*folders, *target, *arguments))]
+        self.command = [FODR, verb, *map(str, (*folders, *target, *arguments))]
         self.ready = ready
         self.process = None
         self.output = open(scratch.root / "share.log", "w+b")
@@ -75,7 +76,7 @@ class Share:
         self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=self.output,
                                         stderr=subprocess.STDOUT, env=self.scratch.environment,
                                         start_new_session=True)
-        ready = self.ready or (lambda: "is mounted at" in self.log())
+        ready = self.ready or (lambda: "Press Ctrl-C" in self.log())
         wait_for(lambda: ready() or self.process.poll() is not None, "the share")
         if self.process.poll() is not None:
             raise AssertionError(f"fodr share ended with {self.process.returncode}:\n{self.log()}")

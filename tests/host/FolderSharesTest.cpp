@@ -6,6 +6,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -27,7 +29,14 @@ protected:
     {
         bus.Subscribe("FORLDER_REDIRECTION_CMD", this,
                       [](void *self, const char *, const char *cookie, const char *data) {
-                          static_cast<Shares *>(self)->asked.push_back(std::string(cookie) + ": " + data);
+                          std::string texts = data;
+                          const size_t comma = texts.find(',');
+                          for (int files = atoi(data + comma + 1); files > 0; --files) {
+                              const char *end = data + texts.size();
+                              texts += '\0' + std::string(end + 1);
+                          }
+                          std::replace(texts.begin(), texts.end(), '\0', '/');
+                          static_cast<Shares *>(self)->asked.push_back(std::string(cookie) + ": " + texts);
                           return true;
                       });
     }
@@ -80,6 +89,19 @@ TEST_F(Shares, AreAskedForWhenTheOtherSideTakesThemAndAgainForANewInstance)
     EXPECT_TRUE(shares.Remove("/data/docs"));
     EXPECT_FALSE(shares.Remove("/data/docs"));
     EXPECT_EQ(Asked(), "fodr-2: REMOVE,/data/more|more\nfodr-1: REMOVE,/data/docs|docs(1)\n");
+}
+
+TEST_F(Shares, FilesOfAFolderAreAskedForByName)
+{
+    shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS,ENABLED");
+    shares.Add("/data/a,b", "docs", {"one,1", "two|", "(OVFR)"});
+    EXPECT_EQ(Asked(), "fodr-1: ADD,3,/data/a,b|(OVFCP)docs/one,1/two\uf07c/(OVFR)\n");
+    shares.Add("/", "root", {"etc"});
+    EXPECT_EQ(Asked(), "fodr-2: ADD,1,/|(OVFCP)root/etc\n");
+    EXPECT_EQ(shares.OfferedForms(), std::vector<std::string>({"/data/a,b/one,1", "/data/a,b/two\uf07c",
+                                                               "/data/a,b/(OVFR)", "/etc"}));
+    EXPECT_TRUE(shares.Remove("docs"));
+    EXPECT_EQ(Asked(), "fodr-1: REMOVE,/data/a,b|(OVFCP)docs\n");
 }
 
 TEST_F(Shares, RefusalsAreExplained)
