@@ -1,9 +1,9 @@
 // The whole channel manager over real folders: any packets, in any order, against shares that exist.
 //
-// Input: one byte of options (bit 0: begin with a handshake and two shares), then packets, each after its
-// length in 2 bytes. Packets are handled one after the other on this thread, except for those that may wait
-// for something: they go to the pool. A request's device and file, unless their top bit is set, count the
-// shares and the open files, so that the fuzzer needn't guess numbers.
+// Input: one byte of options (bit 0: begin with a handshake and three shares, one of them of named files),
+// then packets, each after its length in 2 bytes. Packets are handled one after the other on this thread,
+// except for those that may wait for something: they go to the pool. A request's device and file, unless
+// their top bit is set, count the shares and the open files, so that the fuzzer needn't guess numbers.
 //
 // What is offered is a folder of the fuzzer's own: "AllowedFolders" keeps everything else out of reach, and
 // the size of a file is limited.
@@ -69,6 +69,7 @@ void ResetFolder()
     std::filesystem::create_directories(folder + "/a/sub", ignored);
     std::filesystem::create_directories(folder + "/b", ignored);
     std::ofstream(folder + "/a/file") << "some text";
+    std::ofstream(folder + "/a/beside") << "not to be seen";
 }
 
 bool MayWait(const DR_DEVICE_IOREQUEST &request)
@@ -112,6 +113,7 @@ void BeginWithShares(RdpdrChannelManager &manager, CheckingChannel &channel)
     Handle(manager, channel, {0x72, 0x44, 0x4C, 0x55}); // logged on
     manager.AddSharedFolder(folder + "/a", "1", false, 0, "");
     manager.AddSharedFolder(folder + "/b", "2", false, 0, "(OVFR)b");
+    manager.AddSharedFolder(folder + "/a", "3", false, 0, "(OVFCP)a", {"file", "sub"});
 }
 
 } // namespace

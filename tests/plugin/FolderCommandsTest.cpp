@@ -1,5 +1,9 @@
 #include "plugin/FolderCommands.h"
 
+#include "platform/Nt.h"
+#include "rdpdr/ManagerFixture.h"
+
+#include <fstream>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -68,6 +72,52 @@ TEST(FolderCommands, AFileListEndsAtItsCountOrAtAnEmptyText)
         EXPECT_EQ(ParseFileList(texts.c_str(), c.count, list), c.result) << c.count;
         EXPECT_EQ(list, c.list) << c.count;
     }
+}
+
+// The whole way of a command, over a real folder and its files.
+class FolderCommandRun : public test::ManagerTest {
+protected:
+    bool Command(const std::string &texts, const char *cookie = "7")
+    {
+        return OnSharedFolderCommand(&manager, "desktop", cookie, texts.c_str());
+    }
+    std::vector<std::string> OpenedOf(uint32_t deviceId, const std::vector<std::string> &names)
+    {
+        std::vector<std::string> opened;
+        for (const std::string &name : names) {
+            const std::u16string path = u"\\" + std::u16string(name.begin(), name.end());
+            if (test::StatusOf(Answers(test::Open(deviceId, path, nt::FILE_OPEN, 0)).at(0)) == 0)
+                opened.push_back(name);
+        }
+        return opened;
+    }
+};
+
+TEST_F(FolderCommandRun, AddsFilesByNameAndMoreOfThemLater)
+{
+    using namespace std::string_literals;
+    const std::string folder = Folder("with, comma");
+    for (const char *name : {"one", "two", "three"})
+        std::ofstream(folder + "/" + name) << name;
+    const test::Strings kAll = {"one", "two", "three"};
+    LogOn(6);
+    EXPECT_TRUE(Command("ADD,2," + folder + "|(OVFCP)x\0one\0two\0"s));
+    EXPECT_EQ(TakeAnnouncedNames(), test::Strings{"(OVFCP)x"});
+    EXPECT_EQ(OpenedOf(65535, kAll), (test::Strings{"one", "two"}));
+    EXPECT_TRUE(Command("ADD,1," + folder + "|(OVFCP)x\0three\0"s));
+    EXPECT_EQ(OpenedOf(65535, kAll), kAll);
+
+    // A list that breaks off is no list: the share is there and shows nothing.
+    EXPECT_TRUE(Command("ADD,3," + folder + "|(OVDND)x\0one\0\0two\0"s));
+    EXPECT_EQ(OpenedOf(65536, kAll), test::Strings{});
+    // A count on a plain share means nothing.
+    EXPECT_TRUE(Command("ADD,1," + folder + "|plain\0one\0"s));
+    EXPECT_EQ(OpenedOf(65537, kAll), kAll);
+
+    EXPECT_FALSE(Command("add,1," + folder + "|(OVFCP)y\0one\0"s));
+    EXPECT_FALSE(Command("REMOVE," + folder + "|(OVFCP)z"));
+    EXPECT_TRUE(Command("REMOVE," + folder + "|(OVFCP)x"));
+    EXPECT_TRUE(Command("REMOVE,5," + folder + "|plain")); // its files aren't looked at
 }
 
 TEST(FolderCommands, WithoutAManagerACommandIsRefused)

@@ -255,6 +255,72 @@ TEST_F(ShareTable, AFolderThatTheMachineDoesNotAllowIsAsGoodAsMissing)
     EXPECT_EQ(TakeAnnouncedNames(), Strings{});
 }
 
+TEST_F(ShareTable, OfNamedFilesThoseAreShownThatTheMachineAllows)
+{
+    const std::string a = Folder("a");
+    Folder("a/F");
+    Folder("a/F2");
+    for (const char *name : {"one", "two", "F/in", "F2/x"})
+        std::ofstream(a + "/" + name) << name;
+    const Strings kNames = {"one", "two", "F"};
+    const struct {
+        Strings entries;
+        bool announced;
+        Strings opened; // of "one", "two", "F\\in", "F2\\x", "two:Zone.Identifier"
+    } cases[] = {
+        {{a}, true, {"one", "two", "F\\in", "F2\\x"}},
+        {{a + "/one"}, true, {"one"}},
+        {{a + "/one", a + "/F/"}, true, {"one", "F\\in"}},
+        {{a + "/tw", a + "/two/x", a + "/F2"}, false, {}},
+        {{a + "/x/../two"}, false, {}},
+        {{a + "/F/in"}, false, {}}, // the folder that was named isn't allowed
+        {{}, false, {}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.entries.empty() ? "none" : c.entries[0]);
+        settings.SetList("AllowedFolders", c.entries);
+        auto fresh = Fresh({VersionExchange(1)});
+        fresh->AddSharedFolder(a, "c", false, 0, "(OVFCP)a", kNames);
+        EXPECT_EQ(TakeAnnouncedNames(), c.announced ? Strings{"(OVFCP)a"} : Strings{});
+        Strings opened;
+        for (const char *path : {"one", "two", "F\\in", "F2\\x", "two:Zone.Identifier"}) {
+            FeedTo(*fresh, Open(65535, u"\\" + std::u16string(path, path + strlen(path)), nt::FILE_OPEN, 0));
+            if (StatusOf(channel.TakePackets().at(0)) == 0)
+                opened.push_back(path);
+        }
+        EXPECT_EQ(opened, c.opened);
+    }
+}
+
+TEST_F(ShareTable, AddingAShareOfNamedFilesAgainAddsToItsFiles)
+{
+    LogOn(6);
+    UseDrives("D=" + Folder("a"));
+    for (const char *name : {"one", "two", "three"})
+        std::ofstream(root + "/a/" + name) << name;
+    auto isOpened = [this](const std::u16string &name) {
+        return StatusOf(Answers(Open(65535, u"\\" + name, nt::FILE_OPEN, 0)).at(0)) == 0;
+    };
+    manager.AddSharedFolder("D:\\", "c", false, 0, "(OVDND)a", {"one"});
+    EXPECT_EQ(TakeAnnouncedNames(), Strings{"(OVDND)a"});
+    EXPECT_FALSE(isOpened(u"two"));
+    settings.SetList("AllowedFolders", {"D:\\\\two"});
+    channel.TakeNotices();
+    EXPECT_TRUE(manager.AddSharedFolder("D:\\", "c", false, 0, "(OVDND)b", {"two", "three", "one"}));
+    EXPECT_EQ(channel.TakeNotices(), (std::vector<Notice>{{"c", std::string(kStatus) + "SUCCEEDED"}}));
+    EXPECT_TRUE(isOpened(u"one")); // was allowed when it was named
+    EXPECT_TRUE(isOpened(u"two"));
+    EXPECT_FALSE(isOpened(u"three"));
+    // The drive goes and returns, and with it the same files.
+    manager.OnDeviceUnavailable('D');
+    EXPECT_FALSE(isOpened(u"one"));
+    manager.OnDeviceAvailable('D');
+    EXPECT_EQ(TakeAnnouncedNames(), Strings{"(OVDND)a"});
+    EXPECT_TRUE(isOpened(u"two"));
+    EXPECT_FALSE(isOpened(u"three"));
+    EXPECT_TRUE(manager.RemoveSharedFolder("D:\\", "(ovdnd)A", "c"));
+}
+
 TEST_F(ShareTable, TheRootOfAllIsAShareLikeAnyOther)
 {
     LogOn(6);
