@@ -1,5 +1,6 @@
 // The real plug-in in the real host, with the real agent at the other end of a stream: everything but the
 // mount.
+#include "RealMount.h"
 #include "SettingsFixture.h"
 #include "agent/BlockingShare.h"
 #include "host/HostChannel.h"
@@ -14,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <mutex>
 #include <optional>
 
@@ -311,6 +313,47 @@ TEST_F(RealPlugin, FoldersOutsideTheAllowedOnesAreNotServedWhoeverAsks)
     EXPECT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
     agent.Share("docs");
     EXPECT_EQ(agent.ShareCount(), 1u);
+}
+
+TEST_F(RealPlugin, AMountThatComesAndGoesTakesItsSharesAlongUnderTheirNumbers)
+{
+    FODR_NEEDS_MOUNTS();
+    const std::filesystem::path stick = folder / "stick"; // not there yet
+    const test::EnvironmentVariable drives("FODR_DRIVES", ("E=" + stick.string()).c_str());
+    Agent &agent = Connect();
+    Command("whole", "ADD,E:\\|stick");
+    using namespace std::string_literals;
+    Command("files", "ADD,1,E:\\|(OVFCP)some\0named\0"s);
+    EXPECT_EQ(agent.ShareCount(), 0u);
+    std::filesystem::create_directory(stick);
+    std::map<std::string, uint32_t> numbers;
+    for (const std::string content : {"first", "second"}) {
+        test::TmpfsMount medium(stick.string());
+        for (const char *name : {"named", "other"})
+            std::ofstream(stick / name) << content;
+        auto whole = agent.Share("stick");
+        auto files = agent.Share("(OVFCP)some");
+        EXPECT_EQ(StatusOf("whole"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
+        EXPECT_EQ(StatusOf("files"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
+        for (RemoteShare *share : {whole.get(), files.get()})
+            EXPECT_EQ(numbers.emplace(share->Device().name, share->Device().id).first->second,
+                      share->Device().id);
+        auto opened = BlockingCall(*whole, &RemoteShare::Create, kOpenToRead, u"\\other");
+        EXPECT_EQ(Text(BlockingCall(*whole, &RemoteShare::Read, opened.fileId, 0u, 9u).data), content);
+        auto named = BlockingCall(*files, &RemoteShare::Create, kOpenToRead, u"\\named");
+        EXPECT_EQ(Text(BlockingCall(*files, &RemoteShare::Read, named.fileId, 0u, 9u).data), content);
+        EXPECT_EQ(BlockingCall(*files, &RemoteShare::Create, kOpenToRead, u"\\other").status,
+                  STATUS_ACCESS_DENIED);
+
+        medium.Unmount();
+        agent.WaitUntilGone("stick");
+        agent.WaitUntilGone("(OVFCP)some");
+        EXPECT_EQ(BlockingCall(*whole, &RemoteShare::Read, opened.fileId, 0u, 9u).status,
+                  STATUS_DEVICE_REMOVED);
+        EXPECT_EQ(BlockingCall(*files, &RemoteShare::Create, kOpenToRead, u"\\named").status,
+                  STATUS_DEVICE_REMOVED);
+    }
+    EXPECT_EQ(numbers, (std::map<std::string, uint32_t>{{"(OVFCP)some", 65536}, {"stick", 65535}}));
 }
 
 TEST_F(RealPlugin, ASideChannelOverTcpCarriesTheData)
