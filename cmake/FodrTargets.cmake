@@ -27,6 +27,12 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(fodr_options INTERFACE -Wthread-safety)
 endif()
 
+if(WIN32)
+  set(FODR_PLATFORM windows)
+else()
+  set(FODR_PLATFORM linux)
+endif()
+
 # fodr_room(NAME FOLDERS... [LINKS ...]): one room of the house as a static library of every source in its
 # folders. The rooms it may include are the ones it links, so that an arrow that points up doesn't build.
 function(fodr_room name)
@@ -45,15 +51,19 @@ function(fodr_room name)
   target_link_libraries(${name} PUBLIC fodr_options ${ROOM_LINKS} PRIVATE ${ROOM_PRIVATE_LINKS})
 endfunction()
 
-# fodr_test(NAME LINKS...): the suite of one room, tests/NAME/*Test.cpp, as one program that ctest runs.
+# fodr_test(NAME LINKS...): the suite of one room, tests/NAME/*Test.cpp, as one program that ctest runs. What only
+# one system can be asked is in the folder tests/NAME/linux or tests/NAME/windows.
 function(fodr_test name)
-  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp
+    ${CMAKE_CURRENT_SOURCE_DIR}/${name}/${FODR_PLATFORM}/*.cpp)
   if(NOT sources)
     return()
   endif()
-  add_executable(test_${name} ${sources})
+  file(GLOB helpers CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${FODR_PLATFORM}/*.cpp)
+  add_executable(test_${name} ${sources} ${helpers})
   set_target_properties(test_${name} PROPERTIES FODR_IS_TEST ON)
-  target_include_directories(test_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  target_include_directories(test_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests
+    ${PROJECT_SOURCE_DIR}/tests/${FODR_PLATFORM})
   target_compile_definitions(test_${name} PRIVATE FODR_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
   target_link_libraries(test_${name} PRIVATE fodr_options ${ARGN} GTest::gmock GTest::gtest_main)
   add_test(NAME ${name} COMMAND test_${name})

@@ -7,6 +7,8 @@ target_compile_definitions(fodr_options INTERFACE
 # The compiler's own va_list carries an attribute, and it tells of every template that is given one.
 target_compile_options(fodr_options INTERFACE -Wno-ignored-attributes)
 
+target_compile_options(fodr_options INTERFACE $<$<BOOL:$<TARGET_PROPERTY:FODR_IS_TEST>>:-O0>)
+
 # Only the folders of these libraries: the rest of /usr/include is another system's.
 set(borrowed ${CMAKE_BINARY_DIR}/include)
 file(MAKE_DIRECTORY ${borrowed})
@@ -33,4 +35,12 @@ function(fodr_version_resource target description)
   set(file_description ${description})
   configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in ${CMAKE_BINARY_DIR}/resources/${target}.rc @ONLY)
   target_sources(${target} PRIVATE ${CMAKE_BINARY_DIR}/resources/${target}.rc)
+endfunction()
+
+# The tests' library, from Debian's package of its sources. Tests aren't optimised: they are compiled more often
+# than they run.
+function(fodr_build_googletest)
+  set(INSTALL_GTEST OFF)
+  set(BUILD_SHARED_LIBS OFF)
+  add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
 endfunction()

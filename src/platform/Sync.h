@@ -2,8 +2,8 @@
 //
 // A waitable is named by a handle, a plain number in a pointer: an event of this header, or what Threads.h
 // gives for a thread. Every handle is closed once. A wait that is under way keeps its objects alive, so a
-// handle may be closed meanwhile. A closed or null handle makes an operation fail and does no harm. All
-// functions are safe from any thread.
+// handle may be closed meanwhile. A closed or null handle makes an operation fail and does no harm, on
+// Windows until its number is that of another object. All functions are safe from any thread.
 #pragma once
 
 #include <cstddef>

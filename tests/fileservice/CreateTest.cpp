@@ -116,6 +116,26 @@ TEST(Create, TakesNoMoreOfAPathThanThePacketHolds)
     }
 }
 
+TEST(Create, NoPathReachesAFolderWhoseNameOnlyBeginsAsTheRoots)
+{
+    Share share;
+    const std::string neighbour = share.folder.string() + "2";
+    std::filesystem::create_directory(neighbour);
+    std::ofstream(neighbour + "/x") << "out of reach";
+    for (const char16_t *path : {u"2\\x", u"2/x", u"2", u".\\x"})
+        EXPECT_EQ(share.Create(path).created.Status(), STATUS_OBJECT_NAME_INVALID);
+    share.Put("mine", "");
+    File file = share.Create(u"\\mine", {.access = DELETE_ACCESS});
+    for (const char16_t *target : {u"2\\y", u"2"}) {
+        std::string name = WireText(target);
+        std::string record("\1\0\0\0\0\0", 6);
+        StoreLittle(reinterpret_cast<uint8_t *>(record.data() + 2), static_cast<uint32_t>(name.size()));
+        EXPECT_EQ(file.Set(FileRenameInformation, record + name).Status(), STATUS_OBJECT_NAME_INVALID);
+    }
+    EXPECT_TRUE(share.Exists("mine"));
+    std::filesystem::remove_all(neighbour);
+}
+
 TEST(Create, RefusesARootThatIsNotText)
 {
     Share share([](RedirectedDeviceSettings &settings) { settings.path += "/\xFF"; });

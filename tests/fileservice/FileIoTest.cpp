@@ -1,3 +1,4 @@
+#include "Wine.h"
 #include "fileservice/NtCalls.h"
 #include "fileservice/Share.h"
 
@@ -200,13 +201,14 @@ TEST(SetVolumeInformation, EchoesTheLengthAlsoWhenItFails)
     Share share;
     File root = share.Create(u"\\");
     Completion set = root.SetVolume(FileFsControlInformation, std::string(13, '\0'));
-    EXPECT_TRUE(IsError(set.Status()));
+    EXPECT_TRUE(IsError(set.Status()) || RunsOnWine()); // which takes every volume fact and sets none
     EXPECT_EQ(set.Length(), 13u);
     EXPECT_EQ(set.Size(), 21u);
 }
 
 TEST(DeviceControl, CarriesItsDataBehindAZeroLength)
 {
+    FODR_SKIP_ON_WINE("allocated ranges can't be asked for");
     Share share;
     share.Put("a", std::string(5000, 'x'));
     File file = share.Create(u"\\a");

@@ -1,3 +1,4 @@
+#include "Wine.h"
 #include "fileservice/Share.h"
 
 #include <thread>
@@ -11,6 +12,10 @@ constexpr uint32_t kShared = RDP_LOWIO_OP_SHAREDLOCK;
 constexpr uint32_t kExclusive = RDP_LOWIO_OP_EXCLUSIVELOCK;
 constexpr uint32_t kUnlock = RDP_LOWIO_OP_UNLOCK;
 constexpr uint32_t kUnlockMany = RDP_LOWIO_OP_UNLOCK_MULTIPLE;
+
+// Wine has one status for both refusals.
+const NTSTATUS kNotGranted = RunsOnWine() ? STATUS_FILE_LOCK_CONFLICT : STATUS_LOCK_NOT_GRANTED;
+const NTSTATUS kNotLocked = RunsOnWine() ? STATUS_FILE_LOCK_CONFLICT : STATUS_RANGE_NOT_LOCKED;
 
 TEST(LockControl, FollowsItsRules)
 {
@@ -27,9 +32,9 @@ TEST(LockControl, FollowsItsRules)
         {"two for a single operation", kUnlock, {{0, 10}, {10, 10}}, STATUS_INVALID_PARAMETER},
         {"two for a single operation", kExclusive, {{100, 1}, {200, 1}}, STATUS_INVALID_PARAMETER},
         {"unknown operation", 6, {{0, 10}}, STATUS_INVALID_PARAMETER},
-        {"not locked", kUnlock, {{500, 1}}, STATUS_RANGE_NOT_LOCKED},
+        {"not locked", kUnlock, {{500, 1}}, kNotLocked},
         {"both at once", kUnlockMany, {{0, 10}, {10, 10}}, STATUS_SUCCESS},
-        {"gone by now", kUnlock, {{0, 10}}, STATUS_RANGE_NOT_LOCKED},
+        {"gone by now", kUnlock, {{0, 10}}, kNotLocked},
     };
     Share share;
     share.Put("a", "");
@@ -49,7 +54,7 @@ TEST(LockControl, SharesWhatIsSharedAndNothingElse)
     File two = share.Create(u"\\a");
     EXPECT_EQ(one.Lock(kShared, {{0, 10}}).Status(), STATUS_SUCCESS);
     EXPECT_EQ(two.Lock(kShared, {{5, 10}}).Status(), STATUS_SUCCESS);
-    EXPECT_EQ(two.Lock(kExclusive, {{5, 1}}).Status(), STATUS_LOCK_NOT_GRANTED);
+    EXPECT_EQ(two.Lock(kExclusive, {{5, 1}}).Status(), kNotGranted);
 }
 
 TEST(LockControl, StopsAtTheFirstFailureAndRollsNothingBack)
@@ -59,10 +64,10 @@ TEST(LockControl, StopsAtTheFirstFailureAndRollsNothingBack)
     File file = share.Create(u"\\a");
     file.Lock(kExclusive, {{0, 10}});
     file.Lock(kExclusive, {{20, 10}});
-    EXPECT_EQ(file.Lock(kUnlockMany, {{0, 10}, {15, 1}, {20, 10}}).Status(), STATUS_RANGE_NOT_LOCKED);
+    EXPECT_EQ(file.Lock(kUnlockMany, {{0, 10}, {15, 1}, {20, 10}}).Status(), kNotLocked);
     File other = share.Create(u"\\a");
     EXPECT_EQ(other.Lock(kExclusive, {{0, 10}}).Status(), STATUS_SUCCESS); // unlocked before the failure
-    EXPECT_EQ(other.Lock(kExclusive, {{20, 10}}).Status(), STATUS_LOCK_NOT_GRANTED);
+    EXPECT_EQ(other.Lock(kExclusive, {{20, 10}}).Status(), kNotGranted);
 }
 
 TEST(LockControl, TriesNoLockOfAListThatIsNotWhollyThere)
@@ -91,7 +96,7 @@ TEST(LockControl, AWaitingLockIsGrantedWhenTheRangeIsFree)
     share.fileSystem->AwaitBlockingCalls(1);
     EXPECT_EQ(holder.Lock(kUnlock, {{0, 10}}).Status(), STATUS_SUCCESS);
     waiting.join();
-    EXPECT_EQ(holder.Lock(kShared, {{0, 10}}).Status(), STATUS_LOCK_NOT_GRANTED);
+    EXPECT_EQ(holder.Lock(kShared, {{0, 10}}).Status(), kNotGranted);
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "fileservice/Share.h"
 
+#include "WholeFile.h"
+
 #include <atomic>
 #include <cstring>
 #include <random>
@@ -159,8 +161,7 @@ void Share::Put(const std::string &name, std::string_view contents)
 
 std::string Share::Contents(const std::string &name)
 {
-    std::ifstream file(folder / name, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), {});
+    return ReadWholeFile(folder / name);
 }
 
 Completion File::Read(uint64_t offset, uint32_t length)

@@ -1,69 +1,14 @@
 #include "platform/TaskPool.h"
 
-#include <unistd.h>
+#include "platform/PoolTasks.h"
 
-#include <algorithm>
 #include <atomic>
-#include <condition_variable>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <gtest/gtest.h>
-#include <memory>
-#include <mutex>
-#include <set>
-#include <sstream>
-#include <string>
-#include <sys/resource.h>
-#include <sys/syscall.h>
 #include <thread>
 #include <vector>
 
 namespace fodr::platform {
 namespace {
-
-constexpr TaskPool::Patience kNeverStalls{.idle = std::chrono::hours(1), .stall = std::chrono::hours(1)};
-
-// Tasks as lambdas.
-void Launch(TaskPool &pool, std::function<void()> task)
-{
-    auto *kept = new std::function<void()>(std::move(task));
-    ASSERT_TRUE(pool.Submit(
-        [](void *context) {
-            std::unique_ptr<std::function<void()>> owned(static_cast<std::function<void()> *>(context));
-            (*owned)();
-        },
-        kept));
-}
-
-// A door that tasks wait at. A test that should not get through hangs.
-class Door {
-public:
-    void WaitHere()
-    {
-        std::unique_lock<std::mutex> guard(lock);
-        ++waiting;
-        changed.notify_all();
-        changed.wait(guard, [this] { return open; });
-    }
-    void Open()
-    {
-        std::lock_guard<std::mutex> guard(lock);
-        open = true;
-        changed.notify_all();
-    }
-    void AwaitArrivals(int count)
-    {
-        std::unique_lock<std::mutex> guard(lock);
-        changed.wait(guard, [this, count] { return waiting >= count; });
-    }
-
-private:
-    std::mutex lock;
-    std::condition_variable changed;
-    int waiting = 0;
-    bool open = false;
-};
 
 TEST(TaskPool, RunsEverythingToItsEndBeforeItIsGone)
 {
@@ -83,25 +28,6 @@ TEST(TaskPool, RunsEverythingToItsEndBeforeItIsGone)
     EXPECT_EQ(ran, 2000);
 }
 
-TEST(TaskPool, AThousandAnnouncedBlockersHoldNobodyUp)
-{
-    Door door;
-    Door served;
-    TaskPool pool(0, kNeverStalls);
-    for (int n = 0; n < 1000; ++n) {
-        Launch(pool, [&] {
-            TaskPool::BlockingSection outer;
-            TaskPool::BlockingSection inner;
-            door.WaitHere();
-        });
-    }
-    door.AwaitArrivals(1000);
-    Launch(pool, [&] { served.WaitHere(); });
-    served.AwaitArrivals(1);
-    served.Open();
-    door.Open();
-}
-
 TEST(TaskPool, SilentBlockersAreNoticed)
 {
     Door door;
@@ -110,47 +36,6 @@ TEST(TaskPool, SilentBlockersAreNoticed)
         Launch(pool, [&] { door.WaitHere(); });
     door.AwaitArrivals(300);
     door.Open();
-}
-
-// A queued task must also get a thread when the last running one blocks after the task was queued.
-TEST(TaskPool, AnAnnouncementFreesThoseWhoWaitInTheQueue)
-{
-    Door mayBlock;
-    Door blocked;
-    std::atomic<bool> ran = false;
-    TaskPool pool(0, kNeverStalls);
-    const int busy = static_cast<int>(std::max(4U, 2 * std::thread::hardware_concurrency()));
-    for (int n = 0; n < busy; ++n) {
-        Launch(pool, [&] {
-            mayBlock.WaitHere();
-            TaskPool::BlockingSection blocking;
-            blocked.WaitHere();
-        });
-    }
-    mayBlock.AwaitArrivals(busy);
-    Launch(pool, [&] {
-        ran = true;
-        blocked.Open();
-    });
-    EXPECT_FALSE(ran);
-    mayBlock.Open();
-    blocked.AwaitArrivals(1);
-}
-
-TEST(TaskPool, ABurstOfShortTasksIsServedByFewThreads)
-{
-    std::mutex lock;
-    std::set<std::thread::id> threads;
-    {
-        TaskPool pool(0, kNeverStalls);
-        for (int n = 0; n < 20000; ++n) {
-            Launch(pool, [&] {
-                std::lock_guard<std::mutex> guard(lock);
-                threads.insert(std::this_thread::get_id());
-            });
-        }
-    }
-    EXPECT_LE(threads.size(), std::max(4U, 2 * std::thread::hardware_concurrency()));
 }
 
 TEST(TaskPool, TheMaximumHoldsForBlockedTasksToo)
@@ -174,75 +59,6 @@ TEST(TaskPool, TheMaximumHoldsForBlockedTasksToo)
     }
     EXPECT_LE(most, 2);
     EXPECT_EQ(ran, 200);
-}
-
-// The system calls in which the pool's threads sleep, as "number argument1 ... argument6 ...".
-std::vector<std::string> SleepsOfPoolThreads()
-{
-    std::vector<std::string> sleeps;
-    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string name;
-        std::string call;
-        std::getline(std::ifstream(entry.path() / "comm"), name);
-        std::getline(std::ifstream(entry.path() / "syscall"), call);
-        if (name.starts_with("fodr-pool"))
-            sleeps.push_back(call);
-    }
-    return sleeps;
-}
-
-TEST(TaskPool, AtRestOneThreadRemainsAndNothingWakesIt)
-{
-    Door door;
-    TaskPool pool(0, {.idle = std::chrono::milliseconds(0), .stall = std::chrono::milliseconds(0)});
-    for (int n = 0; n < 100; ++n)
-        Launch(pool, [&] { door.WaitHere(); });
-    door.AwaitArrivals(100);
-    EXPECT_GE(pool.ThreadCount(), 100U);
-    door.Open();
-    while (pool.ThreadCount() > 1)
-        std::this_thread::yield();
-
-    if (!std::ifstream("/proc/self/syscall").good())
-        GTEST_SKIP() << "this kernel doesn't tell in which system call a thread sleeps";
-    // futex(word, operation, value, timeout): both the last thread and the watch come to wait without a
-    // timeout.
-    const auto sleepsForGood = [](const std::string &call) {
-        std::istringstream words(call);
-        std::string number, word, operation, value, timeout;
-        words >> number >> word >> operation >> value >> timeout;
-        return number == std::to_string(SYS_futex) && timeout == "0x0";
-    };
-    for (;;) {
-        const std::vector<std::string> sleeps = SleepsOfPoolThreads();
-        if (sleeps.size() == 2 && std::all_of(sleeps.begin(), sleeps.end(), sleepsForGood))
-            break;
-        std::this_thread::yield();
-    }
-}
-
-// Ends the process with 0 when the task was refused and not run.
-[[noreturn]] void SubmitWithoutThreads()
-{
-    const rlimit none{0, 0};
-    setrlimit(RLIMIT_NPROC, &none);
-    if (setuid(65534) != 0)
-        _exit(2);
-    bool ran = false;
-    bool submitted = true;
-    {
-        TaskPool pool(0);
-        submitted = pool.Submit([](void *context) { *static_cast<bool *>(context) = true; }, &ran);
-    }
-    _exit(submitted || ran ? 1 : 0);
-}
-
-TEST(TaskPoolDeathTest, SubmitSaysWhenNoThreadCanBeHad)
-{
-    if (geteuid() != 0)
-        GTEST_SKIP() << "only root can become a user without a thread to spare";
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
-    EXPECT_EXIT(SubmitWithoutThreads(), testing::ExitedWithCode(0), "");
 }
 
 } // namespace

@@ -9,7 +9,8 @@
 
 #undef PathFileExists
 
-// What winternl.h leaves out.
+// What winternl.h leaves out. The keys of locks are 32 bits wide; Wine looks at the whole place of the
+// argument, which a wider type leaves no old bits in.
 extern "C" {
 NTSTATUS NTAPI NtReadFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, PVOID, ULONG,
                           PLARGE_INTEGER, PULONG);
@@ -20,8 +21,8 @@ NTSTATUS NTAPI NtQueryDirectoryFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_
 NTSTATUS NTAPI NtNotifyChangeDirectoryFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, PVOID,
                                            ULONG, ULONG, BOOLEAN);
 NTSTATUS NTAPI NtLockFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, PLARGE_INTEGER,
-                          PLARGE_INTEGER, ULONG, BOOLEAN, BOOLEAN);
-NTSTATUS NTAPI NtUnlockFile(HANDLE, PIO_STATUS_BLOCK, PLARGE_INTEGER, PLARGE_INTEGER, ULONG);
+                          PLARGE_INTEGER, ULONG_PTR, BOOLEAN, BOOLEAN);
+NTSTATUS NTAPI NtUnlockFile(HANDLE, PIO_STATUS_BLOCK, PLARGE_INTEGER, PLARGE_INTEGER, ULONG_PTR);
 }
 
 namespace fodr::nt {
@@ -104,9 +105,14 @@ NTSTATUS NtQueryDirectoryFile(HANDLE file, HANDLE event, void *apcRoutine, void 
                               IO_STATUS_BLOCK *ioStatus, void *buffer, uint32_t length, uint32_t infoClass,
                               bool returnSingleEntry, UNICODE_STRING *fileName, bool restartScan)
 {
-    return ::NtQueryDirectoryFile(file, event, Native(apcRoutine), apcContext, Native(ioStatus), buffer,
-                                  length, static_cast<FILE_INFORMATION_CLASS>(infoClass), returnSingleEntry,
-                                  Native(fileName), restartScan);
+    const auto query = [&](HANDLE signalled) {
+        return ::NtQueryDirectoryFile(file, signalled, Native(apcRoutine), apcContext, Native(ioStatus),
+                                      buffer, length, static_cast<FILE_INFORMATION_CLASS>(infoClass),
+                                      returnSingleEntry, Native(fileName), restartScan);
+    };
+    const NTSTATUS status = query(event);
+    // Wine doesn't know the event here; a handle for synchronous I/O does without.
+    return status == STATUS_NOT_IMPLEMENTED && event ? query(nullptr) : status;
 }
 
 NTSTATUS NtQueryInformationFile(HANDLE file, IO_STATUS_BLOCK *ioStatus, void *buffer, uint32_t length,
@@ -141,6 +147,7 @@ NTSTATUS NtNotifyChangeDirectoryFile(HANDLE file, HANDLE event, void *apcRoutine
                                      IO_STATUS_BLOCK *ioStatus, void *buffer, uint32_t length,
                                      uint32_t completionFilter, bool watchTree)
 {
+    ioStatus->Status = STATUS_CANCELLED; // where Wine leaves the block of a cancelled call as it was
     return ::NtNotifyChangeDirectoryFile(file, event, Native(apcRoutine), apcContext, Native(ioStatus),
                                          buffer, length, completionFilter, watchTree);
 }
@@ -149,14 +156,23 @@ NTSTATUS NtLockFile(HANDLE file, HANDLE event, void *apcRoutine, void *apcContex
                     LARGE_INTEGER *byteOffset, LARGE_INTEGER *length, uint32_t key, bool failImmediately,
                     bool exclusive)
 {
-    return ::NtLockFile(file, event, Native(apcRoutine), apcContext, Native(ioStatus), Native(byteOffset),
-                        Native(length), key, failImmediately, exclusive);
+    const auto lock = [&](::IO_STATUS_BLOCK *block) {
+        return ::NtLockFile(file, event, Native(apcRoutine), apcContext, block, Native(byteOffset),
+                            Native(length), key, failImmediately, exclusive);
+    };
+    const NTSTATUS status = lock(Native(ioStatus));
+    if (status != STATUS_NOT_IMPLEMENTED)
+        return status;
+    return ioStatus->Status = lock(nullptr); // Wine knows no block here
 }
 
 NTSTATUS NtUnlockFile(HANDLE file, IO_STATUS_BLOCK *ioStatus, LARGE_INTEGER *byteOffset,
                       LARGE_INTEGER *length, uint32_t key)
 {
-    return ::NtUnlockFile(file, Native(ioStatus), Native(byteOffset), Native(length), key);
+    const NTSTATUS status = ::NtUnlockFile(file, Native(ioStatus), Native(byteOffset), Native(length), key);
+    if (status != STATUS_NOT_IMPLEMENTED)
+        return status;
+    return ioStatus->Status = ::NtUnlockFile(file, nullptr, Native(byteOffset), Native(length), key);
 }
 
 NTSTATUS NtDeviceIoControlFile(HANDLE file, HANDLE event, void *apcRoutine, void *apcContext,
