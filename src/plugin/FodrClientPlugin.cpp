@@ -2,8 +2,12 @@
 
 #include "plugin/FolderCommands.h"
 #include "plugin/RPCManager.h"
+#include "rdpdr/PacketTrace.h"
 #include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/LogCall.h"
+
+#include <new>
+#include <string>
 
 namespace fodr {
 
@@ -23,16 +27,23 @@ FodrClientPlugin::FodrClientPlugin(RPCManager *owner, FodrLogger *clientLogger)
 {
     LOG_TRACE("FodrClientPlugin instance created\n");
     channelManager.Initialize(this, logger);
-    if (!owner->QueryHostInterface(ODP_OBSERVER, &observerApi)) {
+    if (owner->QueryHostInterface(ODP_OBSERVER, &observerApi))
+        observerId = observerApi.Subscribe(kCommandMessage, &channelManager, OnSharedFolderCommand);
+    else
         LOG_ERROR("query ODPService observer interface error.\n");
-        return;
-    }
-    observerId = observerApi.Subscribe(kCommandMessage, &channelManager, OnSharedFolderCommand);
+    bandwidthCounter.reset(new (std::nothrow) BandwidthCounter);
+    if (bandwidthCounter)
+        bandwidthCounter->Start(0);
 }
 
 FodrClientPlugin::~FodrClientPlugin()
 {
     LOG_TRACE("FodrClientPlugin instance destroying.\n");
+    if (bandwidthCounter) {
+        if (logger && logger->Level() >= LOG_LEVEL_TRACE)
+            bandwidthCounter->Log();
+        bandwidthCounter->Stop(); // freed with this object: until Shutdown ends, tasks still count
+    }
     if (observerId != 0)
         observerApi.Unsubscribe(observerId);
     LOG_TRACE("FodrClientPlugin instance destroyed.\n");
@@ -63,8 +74,20 @@ void FodrClientPlugin::OnInvoke(void *context)
     variantApi->VariantClear(&value);
 }
 
+void FodrClientPlugin::WatchPacket(const void *data, size_t size, CountBytes count)
+{
+    if (!IsLogEnabled(LOG_LEVEL_TRACE) || !logger || logger->Level() < LOG_LEVEL_TRACE)
+        return;
+    std::string text;
+    DecodePacket(&text, data, size);
+    LOG_TRACE("%s\n", text.c_str());
+    if (bandwidthCounter)
+        (bandwidthCounter.get()->*count)(data, size);
+}
+
 void FodrClientPlugin::ReceiveBlock(const Variant &value)
 {
+    WatchPacket(value.blobData, value.value.blobLength, &BandwidthCounter::ReceivedBytes);
     RdpdrStream *packet = RdpdrStream::Create(value.value.blobLength);
     if (!packet)
         return;
@@ -95,6 +118,7 @@ bool FodrClientPlugin::WriteChannel(RdpdrStream *packet)
 bool FodrClientPlugin::SendBlock(void *message, RdpdrStream *packet)
 {
     Blob blob{static_cast<uint32_t>(packet->Size()), 0, packet->Base()};
+    WatchPacket(blob.data, blob.length, &BandwidthCounter::SentBytes);
     Variant value;
     variantApi->VariantInit(&value);
     variantApi->VariantFromBlob(&value, &blob);

@@ -9,11 +9,14 @@
 #include "logging/FodrLogger.h"
 #include "odpservice/odpservice.h"
 #include "plugin/RPCPluginInstance.h"
+#include "rdpdr/BandwidthCounter.h"
 #include "rdpdr/RdpdrChannelManager.h"
 #include "rdpdr/wire/IRdpdrChannel.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace fodr {
 
@@ -30,6 +33,10 @@ public:
     bool WriteChannel(RdpdrStream *packet) override;
 
 private:
+    using CountBytes = void (BandwidthCounter::*)(const void *data, size_t size);
+
+    // Costs one test unless the log level is TRACE.
+    void WatchPacket(const void *data, size_t size, CountBytes count);
     void ReceiveBlock(const Variant &value);
     bool SendBlock(void *message, RdpdrStream *packet);
 
@@ -38,6 +45,7 @@ private:
     const ODPRPC_VariantInterface *variantApi;
     const ODPRPC_ChannelContextInterface *contextApi;
     ODPObserver observerApi{};
+    std::unique_ptr<BandwidthCounter> bandwidthCounter; // null when there was no memory for it
     std::atomic<uint32_t> dataChannelOptions{0}; // 0: not yet read; a real 0 is asked for at every message
     FodrLogger *logger;
 };
