@@ -105,7 +105,7 @@ TEST(Create, TakesNoMoreOfAPathThanThePacketHolds)
         {0xFFFFFFFE, path.substr(0, 3), STATUS_SUCCESS},        // and end a unit
         {100, path + WireText(u"\xD800"), STATUS_SUCCESS},      // ends at its first zero
         {6, WireText(u"\\\xD800"), STATUS_OBJECT_NAME_INVALID}, // half of a pair
-        {70000, std::string(70000, 'a'), STATUS_NAME_TOO_LONG},
+        {70000, path.substr(0, 2) + std::string(69998, 'a'), STATUS_NAME_TOO_LONG},
     };
     for (const Case &test : kCases) {
         DR_CREATE_REQ create{GENERIC_READ, 0, 0, 7, FILE_OPEN, 0, test.stated};
