@@ -1,8 +1,9 @@
 // The operations of FileSystemImpl that hand out buffers or convert records.
 #include "fileservice/FileSystemImpl.h"
 #include "fileservice/NtCalls.h"
+#include "fileservice/PacketText.h"
 #include "platform/NtRecords.h"
-#include "rdpdr/wire/WireLayout.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -32,6 +33,17 @@ uint32_t NativeTail(uint32_t fileInfoClass)
     default:
         return 0;
     }
+}
+
+// The last unit of the name is its terminator.
+bool IsRenamedBelowRoot(const uint8_t *wireRecord, uint32_t length)
+{
+    constexpr uint32_t kName = kWireSize<RDP_FILE_RENAME_INFORMATION>;
+    if (length < kName + 2 * sizeof(char16_t) ||
+        LoadRecord<RDP_FILE_RENAME_INFORMATION>(wireRecord).FileNameLength < 2 * sizeof(char16_t))
+        return true; // the root, or no rename at all
+    const auto first = static_cast<char16_t>(LoadLittle<uint16_t>(wireRecord + kName));
+    return BeginsBelowRoot({&first, 1});
 }
 
 } // namespace
@@ -84,6 +96,8 @@ NTSTATUS FileSystemImpl::RedirectedSetInformationFile(uint32_t fileId, IO_STATUS
 {
     static_assert(kSetBufferReadable == sizeof(FILE_BASIC_INFORMATION));
     Clear(ioStatus);
+    if (fileInfoClass == FileRenameInformation && !IsRenamedBelowRoot(buffer, length))
+        return STATUS_OBJECT_NAME_INVALID;
     uint8_t *native = nullptr;
     uint32_t nativeLength = length;
     NTSTATUS status = packer.UnpackSetInformation(fileInfoClass, buffer, length, &native, &nativeLength);

@@ -27,4 +27,9 @@ bool ReadPacketText(RdpdrStream &packet, uint32_t byteLength, const std::u16stri
     return true;
 }
 
+bool BeginsBelowRoot(std::u16string_view relativePath)
+{
+    return relativePath.empty() || relativePath[0] == u'\\' || relativePath[0] == u'/';
+}
+
 } // namespace fodr

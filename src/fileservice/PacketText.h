@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace fodr {
 
@@ -14,5 +15,9 @@ class RdpdrStream;
 // there is no memory.
 [[nodiscard]] bool ReadPacketText(RdpdrStream &packet, uint32_t byteLength, const std::u16string &prefix,
                                   std::u16string &text);
+
+// Paths from packets are appended to a share's root as they are: one that doesn't begin with a separator
+// would name a neighbour of the root ("docs" and "2\x"). An empty one is the root.
+[[nodiscard]] bool BeginsBelowRoot(std::u16string_view relativePath);
 
 } // namespace fodr

@@ -6,7 +6,9 @@
 #include "fileservice/PacketText.h"
 #include "fileservice/RedirectedDevice.h"
 #include "lib/unicode/CodeSet.h"
+#include "logging/FodrLogger.h"
 #include "rdpdr/wire/CompletionBuilder.h"
+#include "rdpdr/wire/CreateFlagsText.h"
 #include "runtime/LogCall.h"
 
 #include <new>
@@ -24,6 +26,8 @@ bool RedirectedDevice::HandleCreate(const Request &request, RdpdrStream &packet)
         return false;
     if (create.PathLength == 0)
         absolutePath += u'\\';
+    if (!BeginsBelowRoot(std::u16string_view(absolutePath).substr(widePath.size())))
+        return SendCompletion(request.CompletionId, STATUS_OBJECT_NAME_INVALID);
     // A share's root may come from the agent's policy and the rest comes from this packet. Neither may be
     // able to end the process with a byte that isn't text.
     bool rootIsText = !widePath.empty() || path.empty();
@@ -60,6 +64,8 @@ RedirectedDevice::CreateOutcome RedirectedDevice::CreateFileAt(const DR_CREATE_R
               shownPath.c_str(), create.DesiredAccess, create.FileAttributes, create.SharedAccess,
               create.CreateDisposition, create.CreateOptions,
               static_cast<unsigned long>(static_cast<uint32_t>(outcome.status)), outcome.fileId);
+    if (packetTrace && packetTrace->Level() >= LOG_LEVEL_TRACE)
+        LOG_TRACE("%s", CreateFlagsText(create).c_str());
     return outcome;
 }
 
