@@ -1,0 +1,95 @@
+// One thread that runs many small jobs, each when its event fires or its time is up.
+#pragma once
+
+#include "runtime/OVEvent.h"
+#include "runtime/OVMutex.h"
+#include "runtime/OVPollItem.h"
+#include "runtime/OVThread.h"
+#include "runtime/RCObject.h"
+#include "runtime/RCPtr.h"
+#include "runtime/WkPtr.h"
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <string>
+#include <vector>
+
+namespace fodr {
+
+// Any thread may call any operation, and an item may from within its run. One lock guards all state: the
+// thread's own, or the one given by SetLock. The scheduler lets go of it while it waits and while an item
+// runs. Nothing here wakes up but for an event, a time that is up or a change.
+//
+// The running scheduler holds a reference. When it is the last one the thread ends at its next wake-up.
+class OVPollThread : public RCObject {
+public:
+    explicit OVPollThread(const std::string &threadName);
+    ~OVPollThread() override;
+
+    // False when the item belongs to another thread. An item that is here already goes to the end of the
+    // queue. `event` isn't owned; `timeoutMS` of -1 is none.
+    bool AddItem(const RCPtr<OVPollItem> &item, OVEvent *event, int32_t timeoutMS);
+    // False when the item isn't here. With `wait` its run is over then, see WaitForItemToComplete.
+    bool RemoveItem(const RCPtr<OVPollItem> &item, bool wait);
+    void RemoveAllItems(bool wait);
+    // Returns when the item isn't running, or for null when none is; at once on the scheduler's own thread.
+    // It isn't run again meanwhile. A caller that holds the lock, any number of times, gives it away for the
+    // wait.
+    void WaitForItemToComplete(const RCPtr<OVPollItem> &item);
+
+    // From now on this lock, which outlives the thread and its items, takes the place of its own.
+    void SetLock(OVMutex *mutex);
+    void StartScheduler();
+    // Returns when it has ended.
+    void StopScheduler();
+    bool IsRunning() const;
+    // Whether waits can be ended by an I/O completion of the system.
+    void SetAlertable(bool alertableWaits);
+    // The level of the lines about each round; NEVER at first.
+    void SetLogLevel(int32_t level);
+    void LogAllItems(int32_t level);
+
+    const std::string &GetName() const { return name; }
+
+private:
+    friend class OVPollItem;
+
+    // Holds the lock of a poll thread, or nothing for null.
+    class Guard;
+    struct Round;
+
+    static bool SchedulerThreadCB(void *id, OVThread *thread);
+    bool Scheduler();
+    // The lists of one round, and who is next in time.
+    void Prepare(Round &round);
+    // The lock is let go of for the wait.
+    int32_t Wait(const Round &round);
+    // What to do after a wait. False ends the scheduler.
+    bool Choose(Round &round, int32_t result);
+    void RunItem(const RCPtr<OVPollItem> &item, bool timedOut);
+    bool MayRun(const OVPollItem &item) const;
+
+    void Lock();
+    void Unlock();
+    // Gives up all that the caller holds of the lock and says how often that was.
+    uint32_t UnlockAll();
+
+    bool Unlink(OVPollItem *item);
+    void LogLine(int32_t level, const OVPollItem &item);
+
+    const std::string name;
+    OVThread thread;
+    OVMutex lock;
+    OVEvent dirtyEvent{false, false};
+    std::atomic<OVMutex *> externalLock{nullptr}; // changed under the lock that it replaces
+    OVEvent completionEvent{true, true};          // clear while an item runs
+    // The rest is guarded by the active lock.
+    OVPollItem *runningItem = nullptr;
+    bool alertable = false;
+    int32_t logLevel;
+    std::list<RCPtr<OVPollItem>> items; // in the order of service
+    uint64_t pollId = 0;                // constant after construction
+};
+
+} // namespace fodr
