@@ -29,14 +29,6 @@ std::string_view ParentOf(std::string_view path)
     return path.substr(0, isRoot ? separator + 1 : separator);
 }
 
-bool IsAtOrBelow(std::string_view path, std::string_view entry)
-{
-    if (!path.starts_with(entry))
-        return false;
-    std::string_view rest = path.substr(entry.size());
-    return rest.empty() || rest[0] == '\\' || rest[0] == '/' || AsciiEqualsNoCase(rest, kZoneMark);
-}
-
 } // namespace
 
 bool IsZoneMark(std::string_view absolutePath)
@@ -48,33 +40,41 @@ bool IsZoneMark(std::string_view absolutePath)
 AllowAccessList::AllowAccessList(std::string rootPath, const std::vector<std::string> &names, bool limited)
     : path(std::move(rootPath)), root(RootOf(path)), onlyEntries(limited)
 {
-    auto all = std::make_shared<Entries>();
-    for (const std::string &name : names)
-        all->push_back(root + name);
-    entries = std::move(all);
+    auto first = std::make_shared<List>();
+    for (const std::string &name : names) {
+        first->entries.push_back(root + name);
+        first->sorted.insert(root + name);
+    }
+    list = std::move(first);
 }
 
 AllowAccessList::Entries AllowAccessList::Append(const std::vector<std::string> &names)
 {
     OVMutexLock held(listLock);
-    auto all = std::make_shared<Entries>(*entries);
+    auto longer = std::make_shared<List>(*list);
     Entries added;
     for (const std::string &name : names) {
         std::string entry = root + name;
-        if (std::find(all->begin(), all->end(), entry) != all->end())
+        if (!longer->sorted.insert(entry).second)
             continue;
-        all->push_back(entry);
+        longer->entries.push_back(entry);
         added.push_back(std::move(entry));
     }
     if (!added.empty())
-        entries = std::move(all);
+        list = std::move(longer);
     return added;
+}
+
+std::shared_ptr<const AllowAccessList::List> AllowAccessList::Take() const
+{
+    OVMutexLock held(listLock);
+    return list;
 }
 
 std::shared_ptr<const AllowAccessList::Entries> AllowAccessList::Current() const
 {
-    OVMutexLock held(listLock);
-    return entries;
+    auto current = Take();
+    return {current, &current->entries};
 }
 
 bool AllowAccessList::Covers(const std::string &absolutePath) const
@@ -82,26 +82,35 @@ bool AllowAccessList::Covers(const std::string &absolutePath) const
     std::string_view clean = absolutePath;
     if (clean.ends_with('\\'))
         clean.remove_suffix(1);
-    bool isDirectlyBelow = ParentOf(clean) == path;
-    auto current = Current();
-    return std::any_of(current->begin(), current->end(), [&](const std::string &entry) {
-        return isDirectlyBelow ? clean == entry : absolutePath.starts_with(entry);
-    });
+    auto current = Take();
+    if (ParentOf(clean) == path)
+        return current->sorted.contains(clean);
+    return std::any_of(current->entries.begin(), current->entries.end(),
+                       [&](const std::string &entry) { return absolutePath.starts_with(entry); });
 }
 
 bool AllowAccessList::IsWithinLimit(std::string_view absolutePath) const
 {
     if (!onlyEntries)
         return true;
-    auto current = Current();
-    return std::any_of(current->begin(), current->end(),
-                       [absolutePath](const std::string &entry) { return IsAtOrBelow(absolutePath, entry); });
+    if (IsZoneMark(absolutePath))
+        absolutePath.remove_suffix(kZoneMark.size());
+    auto current = Take();
+    // The path itself, then the folders above it.
+    for (size_t end = absolutePath.size(); end != std::string_view::npos && end >= root.size();
+         end = absolutePath.find_last_of("/\\", end - 1)) {
+        if (current->sorted.contains(absolutePath.substr(0, end)))
+            return true;
+    }
+    return false;
 }
 
 bool AllowAccessList::Shows(std::string_view name) const
 {
-    auto current = Current();
-    return std::any_of(current->begin(), current->end(), [&](const std::string &entry) {
+    auto current = Take();
+    if (current->sorted.contains(root + std::string(name)))
+        return true;
+    return std::any_of(current->entries.begin(), current->entries.end(), [&](const std::string &entry) {
         return platform::LocalNamesEqual(std::string_view(entry).substr(root.size()), name);
     });
 }

@@ -6,7 +6,9 @@
 #include "lib/misc/ThreadSafety.h"
 #include "runtime/OVMutex.h"
 
+#include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,11 +43,17 @@ public:
     std::string NameOf(const std::string &entry) const { return entry.substr(root.size()); }
 
 private:
+    struct List {
+        Entries entries;
+        std::set<std::string, std::less<>> sorted; // the same
+    };
+    std::shared_ptr<const List> Take() const EXCLUDES(listLock);
+
     const std::string path;
     const std::string root;
     const bool onlyEntries;
     mutable OVMutex listLock; // held to take or replace the pointer
-    std::shared_ptr<const Entries> entries GUARDED_BY(listLock);
+    std::shared_ptr<const List> list GUARDED_BY(listLock);
 };
 
 // Whether the name is that of the stream in which a file's origin is kept: ":Zone.Identifier" in any case at
