@@ -10,6 +10,19 @@ namespace fodr::platform {
 // Empty when it can't be told.
 std::u16string ComputerName();
 std::string UserName();
+// The user's name as the environment has it ("USERNAME"), which needn't be the account's; on Linux the
+// account's when the environment has none. May be empty.
+std::string EnvironmentUserName();
+
+// Whether this process belongs to the system rather than to a person: on Windows by its account (network
+// service, local service, local system), on Linux as a service of the service manager or by an account that
+// nobody can log in with. Being root alone makes no service.
+bool RunsAsService();
+
+// Whether the account of this process is one for services: the system's, the local and the network service on
+// Windows; on Linux an account of the system that nobody can log in to, or a unit of the system's service
+// manager outside of any login session. False when it can't be told.
+bool IsServiceAccount();
 
 uint32_t CurrentProcessId();
 

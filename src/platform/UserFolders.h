@@ -14,12 +14,25 @@ std::string RuntimeFolder();
 // `*error`, when it can't be had or belongs to another user.
 bool CreatePrivateFolder(const std::string &path, std::string *error);
 
+// Where anybody may put files for a while, with a separator at its end. Empty when it can't be told.
+std::string TemporaryFolder();
+
+// Where services of this product log, with a separator at its end: "/var/log/orvane/", or "Orvane\ODM\logs\"
+// below the data folder of all programs. Not created, and may be missing.
+std::string ServiceLogFolder();
+
 // The value of an environment variable, empty when it isn't set.
 std::string GetEnvironment(const char *name);
 void SetEnvironment(const char *name, const std::string &value);
 
 // Where the settings store of this user is read from.
 std::string SettingsFolder();
+
+// For files that may go at any time, with a separator at the end. Empty when there is none.
+std::string TempFolder();
+// Where services of this machine keep the logs of these programs, with a separator at the end; whether it is
+// there is another question. Empty when it can't be told.
+std::string ServiceLogFolder();
 
 bool ErrorOutputIsTerminal();
 

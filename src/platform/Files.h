@@ -1,0 +1,68 @@
+// Files and folders that the program keeps for itself, such as its log; a share's are NtCreateFile's matter.
+//
+// Paths are UTF-8. Errors are Windows' numbers (platform/SystemError.h), 0 for success. Any thread, but an
+// iterator and a stream are one thread's at a time.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace fodr::platform {
+
+// Times of files: 100 ns since 1601-01-01 00:00 UTC (MS-DTYP 2.3.3).
+inline constexpr uint64_t kFileTimePerSecond = 10'000'000;
+inline constexpr int64_t kFileTimeEpochSeconds = 11'644'473'600; // from 1601 to 1970
+
+// The clock of these times; 0 when it can't be read.
+uint64_t CurrentFileTime();
+
+// Whether there is something of this name; what a link leads to counts.
+bool PathExists(const std::string &path);
+
+// Makes the file, empty, unless it is there already; what others have open is no hindrance. The folder has to
+// be there.
+uint32_t CreateEmptyFile(const std::string &path);
+uint32_t RemoveFile(const std::string &path);
+
+// Makes the last folder of the path, for this user alone. kErrorAlreadyExists when the user has it already,
+// kErrorAccessDenied when what is there is another user's, as anybody may put it into a common folder.
+uint32_t CreateFolder(const std::string &path);
+
+// A stream of the C library in one of its modes; other readers and writers of the file stay possible, and no
+// child process inherits it. Null on failure, with the reason as the thread's last error.
+std::FILE *OpenSharedFile(const std::string &path, const char *mode);
+// Where the stream stands; -1 on failure.
+int64_t PositionOfStream(std::FILE *stream);
+
+// False when there is no such file.
+bool SizeOfFile(const std::string &path, int64_t &size);
+// False for what can't be opened for reading, such as a folder.
+bool LastWriteTimeOfFile(const std::string &path, uint64_t &time);
+
+struct FolderEntry {
+    std::string name;
+    bool isFolder = false;
+    uint64_t lastWriteTime = 0;
+};
+
+// Lists the entries of a folder that match a pattern of '*' and '?', without regard to case, in no order.
+// "." and ".." may be among them. What comes or goes meanwhile may be listed or not; all else is, once.
+class FolderIterator {
+public:
+    // Of a folder that can't be read it finds nothing.
+    FolderIterator(const std::string &folder, const std::string &pattern);
+    ~FolderIterator();
+    FolderIterator(const FolderIterator &) = delete;
+    FolderIterator &operator=(const FolderIterator &) = delete;
+
+    // False at the end.
+    bool Next(FolderEntry &entry);
+
+private:
+    struct State;
+    std::unique_ptr<State> state;
+};
+
+} // namespace fodr::platform
