@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <string_view>
 
 namespace fodr {
 
@@ -98,8 +99,8 @@ private:
     struct TimeStamp {
         int64_t secondMS = INT64_MIN;
         bool utc = false;
+        size_t length = 0;
         char text[64] = {};
-        char *digits = text; // of the milliseconds
     };
 
     bool EnableBatchMode() REQUIRES(LoggerMutex());
@@ -110,7 +111,7 @@ private:
     void ReportDropped(uint32_t queueIndex);
     void SwapQueues() REQUIRES(LoggerMutex());
     void WriteOwnLine(const char *functionName, const std::string &text);
-    const char *TimeStampOfNow() REQUIRES(LoggerMutex());
+    std::string_view TimeStampOfNow() REQUIRES(LoggerMutex());
     bool SetSwitch(std::atomic<bool> &value, bool flag);
 
     const int32_t type;
