@@ -19,11 +19,6 @@ std::string EnvironmentUserName();
 // nobody can log in with. Being root alone makes no service.
 bool RunsAsService();
 
-// Whether the account of this process is one for services: the system's, the local and the network service on
-// Windows; on Linux an account of the system that nobody can log in to, or a unit of the system's service
-// manager outside of any login session. False when it can't be told.
-bool IsServiceAccount();
-
 uint32_t CurrentProcessId();
 
 inline constexpr uint32_t kNoSession = 0xFFFFFFFF;

@@ -28,12 +28,6 @@ void SetEnvironment(const char *name, const std::string &value);
 // Where the settings store of this user is read from.
 std::string SettingsFolder();
 
-// For files that may go at any time, with a separator at the end. Empty when there is none.
-std::string TempFolder();
-// Where services of this machine keep the logs of these programs, with a separator at the end; whether it is
-// there is another question. Empty when it can't be told.
-std::string ServiceLogFolder();
-
 bool ErrorOutputIsTerminal();
 
 // Whether a process of this id runs, whoever it belongs to.
