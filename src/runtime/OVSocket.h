@@ -28,8 +28,8 @@ public:
     int32_t SendAll(const void *data, int32_t length);
 
 private:
-    static OVMutex socketMutex;
-    static int32_t socketUsers GUARDED_BY(socketMutex); // live starts of the socket library
+    static OVMutex &SocketMutex();
+    static int32_t socketUsers GUARDED_BY(SocketMutex()); // live starts of the socket library
 
     int32_t socketHandle = -1;
     bool initialized = false;

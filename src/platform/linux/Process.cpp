@@ -5,6 +5,7 @@
 #endif
 
 #include "lib/unicode/CodeSet.h"
+#include "platform/UserFolders.h"
 
 #include <dlfcn.h>
 #include <pwd.h>
@@ -34,6 +35,12 @@ std::string UserName()
     if (getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found)
         return found->pw_name;
     return std::to_string(geteuid()); // an account without a name, as in a container
+}
+
+std::string EnvironmentUserName()
+{
+    const std::string name = GetEnvironment("USERNAME");
+    return name.empty() ? UserName() : name;
 }
 
 uint32_t CurrentProcessId()

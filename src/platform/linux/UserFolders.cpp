@@ -42,6 +42,18 @@ bool CreatePrivateFolder(const std::string &path, std::string *error)
     return true;
 }
 
+std::string TemporaryFolder()
+{
+    const std::string chosen = GetEnvironment("TMPDIR");
+    const std::string folder = chosen.starts_with('/') ? chosen : "/tmp";
+    return folder.ends_with('/') ? folder : folder + '/';
+}
+
+std::string ServiceLogFolder()
+{
+    return "/var/log/orvane/";
+}
+
 std::string GetEnvironment(const char *name)
 {
     const char *value = std::getenv(name);
