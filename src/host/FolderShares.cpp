@@ -1,7 +1,8 @@
 #include "host/FolderShares.h"
 
 #include "lib/unicode/CodeSet.h"
-#include "lib/unicode/NameMapping.h"
+#include "platform/LocalPath.h"
+#include "platform/Volumes.h"
 
 #include <algorithm>
 #include <array>
@@ -65,6 +66,12 @@ std::string AddCommand(const FolderShare &share)
     return command;
 }
 
+std::string WithSeparator(const std::string &folder)
+{
+    const bool hasOne = !folder.empty() && platform::IsLocalSeparator(folder.back());
+    return hasOne ? folder : folder + platform::LocalSeparator();
+}
+
 size_t LengthOfCharacter(std::string_view text)
 {
     const auto lead = static_cast<unsigned char>(text.front());
@@ -77,19 +84,7 @@ size_t LengthOfCharacter(std::string_view text)
 
 std::string FolderShares::AskedForm(const std::string &path)
 {
-    std::string all;
-    size_t begin = 0;
-    for (size_t end = 0; end != std::string::npos; begin = end + 1) {
-        end = path.find('/', begin);
-        const std::string component = path.substr(begin, end == std::string::npos ? end : end - begin);
-        std::string mapped;
-        if (!Utf16ToUtf8(NtNameFromPosix(component), mapped))
-            mapped = component;
-        all += mapped;
-        if (end != std::string::npos)
-            all += '/';
-    }
-    return all;
+    return platform::PathInSharedForm(path);
 }
 
 std::string FolderShares::NameFor(const std::string &text)
@@ -119,7 +114,7 @@ std::vector<std::string> FolderShares::OfferedForms(const std::string &path,
         return {folder};
     std::vector<std::string> forms;
     for (const std::string &file : files)
-        forms.push_back(folder + (folder.ends_with('/') ? "" : "/") + AskedForm(file));
+        forms.push_back(WithSeparator(folder) + AskedForm(file));
     return forms;
 }
 

@@ -15,4 +15,9 @@ bool LocalNamesEqual(std::string_view a, std::string_view b)
                                 static_cast<int>(wideB.size()), TRUE) == CSTR_EQUAL;
 }
 
+std::string PathInSharedForm(const std::string &localPath)
+{
+    return localPath;
+}
+
 } // namespace fodr::platform

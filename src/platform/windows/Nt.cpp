@@ -2,7 +2,7 @@
 #include "platform/Nt.h"
 
 #include "platform/windows/WideText.h"
-#include "platform/windows/Win32.h"
+#include "platform/windows/WineScans.h"
 
 #include <shlwapi.h>
 #include <winternl.h>
@@ -98,6 +98,7 @@ NTSTATUS NtWriteFile(HANDLE file, HANDLE event, void *apcRoutine, void *apcConte
 
 NTSTATUS NtClose(HANDLE handle)
 {
+    platform::ForgetScan(handle);
     return ::NtClose(handle);
 }
 
@@ -105,8 +106,9 @@ NTSTATUS NtQueryDirectoryFile(HANDLE file, HANDLE event, void *apcRoutine, void 
                               IO_STATUS_BLOCK *ioStatus, void *buffer, uint32_t length, uint32_t infoClass,
                               bool returnSingleEntry, UNICODE_STRING *fileName, bool restartScan)
 {
+    const HANDLE scan = platform::HandleForScan(file, restartScan && fileName && fileName->Length != 0);
     const auto query = [&](HANDLE signalled) {
-        return ::NtQueryDirectoryFile(file, signalled, Native(apcRoutine), apcContext, Native(ioStatus),
+        return ::NtQueryDirectoryFile(scan, signalled, Native(apcRoutine), apcContext, Native(ioStatus),
                                       buffer, length, static_cast<FILE_INFORMATION_CLASS>(infoClass),
                                       returnSingleEntry, Native(fileName), restartScan);
     };

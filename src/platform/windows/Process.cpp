@@ -1,6 +1,8 @@
 #include "platform/Process.h"
 
+#include "platform/UserFolders.h"
 #include "platform/windows/OwnedHandle.h"
+#include "platform/windows/UserIdentity.h"
 #include "platform/windows/WideText.h"
 
 #include <lmcons.h>
@@ -22,6 +24,18 @@ std::string UserName()
     wchar_t name[UNLEN + 1];
     DWORD size = UNLEN + 1;
     return GetUserNameW(name, &size) ? Narrow(name) : std::string();
+}
+
+std::string EnvironmentUserName()
+{
+    return GetEnvironment("USERNAME");
+}
+
+bool RunsAsService()
+{
+    const std::wstring user = UserOfProcess(GetCurrentProcess());
+    // NT authority's network service, local service and local system (MS-DTYP 2.4.2.4).
+    return user == L"S-1-5-20" || user == L"S-1-5-19" || user == L"S-1-5-18";
 }
 
 uint32_t CurrentProcessId()

@@ -59,6 +59,18 @@ bool CreatePrivateFolder(const std::string &path, std::string *error)
     return false;
 }
 
+std::string TemporaryFolder()
+{
+    wchar_t path[1024];
+    const DWORD length = GetTempPathW(1024, path);
+    return length == 0 || length > 1024 ? std::string() : Narrow(std::wstring_view(path, length));
+}
+
+std::string ServiceLogFolder()
+{
+    return Narrow(KnownFolder(FOLDERID_ProgramData)) + "\\Orvane\\ODM\\logs\\";
+}
+
 std::string GetEnvironment(const char *name)
 {
     std::wstring wideName;

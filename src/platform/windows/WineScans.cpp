@@ -1,0 +1,73 @@
+#include "platform/windows/WineScans.h"
+
+#include "platform/windows/OwnedHandle.h"
+
+#include <winternl.h>
+
+#include <map>
+#include <mutex>
+
+namespace fodr::platform {
+
+namespace {
+
+struct Scans {
+    std::mutex lock;
+    std::map<HANDLE, OwnedHandle> handles; // under lock, by the folder's
+};
+
+Scans &AllScans()
+{
+    static auto *scans = new Scans; // files may be closed to the very end
+    return *scans;
+}
+
+OwnedHandle OpenAgain(HANDLE folder)
+{
+    UNICODE_STRING name{};
+    IO_STATUS_BLOCK ioStatus{};
+    OBJECT_ATTRIBUTES attributes{};
+    attributes.Length = sizeof(attributes);
+    attributes.RootDirectory = folder;
+    attributes.ObjectName = &name;
+    HANDLE opened = nullptr;
+    const NTSTATUS status =
+        NtCreateFile(&opened, FILE_LIST_DIRECTORY | SYNCHRONIZE, &attributes, &ioStatus, nullptr, 0,
+                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
+                     FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+    return OwnedHandle(status < 0 ? nullptr : opened);
+}
+
+} // namespace
+
+bool IsWine()
+{
+    static const bool isWine = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+    return isWine;
+}
+
+HANDLE HandleForScan(HANDLE folder, bool startsAnewWithPattern)
+{
+    if (!IsWine())
+        return folder;
+    Scans &scans = AllScans();
+    const std::lock_guard<std::mutex> held(scans.lock);
+    if (startsAnewWithPattern) {
+        OwnedHandle again = OpenAgain(folder);
+        if (again)
+            scans.handles[folder] = std::move(again);
+    }
+    const auto found = scans.handles.find(folder);
+    return found == scans.handles.end() ? folder : found->second.Get();
+}
+
+void ForgetScan(HANDLE folder)
+{
+    if (!IsWine())
+        return;
+    Scans &scans = AllScans();
+    const std::lock_guard<std::mutex> held(scans.lock);
+    scans.handles.erase(folder);
+}
+
+} // namespace fodr::platform
