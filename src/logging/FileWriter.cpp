@@ -60,6 +60,11 @@ FileWriter::~FileWriter()
     pollDeleteOldFiles->Remove(true); // it points here
 }
 
+RCPtr<OVPollItem> FileWriter::DeletionItem() const
+{
+    return pollDeleteOldFiles;
+}
+
 // ---- Settings ----
 
 bool FileWriter::SetValue(const std::string &name, const std::string &value)

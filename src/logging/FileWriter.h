@@ -35,6 +35,10 @@ public:
     // While the disk is full, WARN and above it are lost without being counted.
     virtual bool IsSuppressed(const LogMessage &message);
 
+protected:
+    // What removes old files on the poll thread.
+    RCPtr<OVPollItem> DeletionItem() const;
+
 private:
     class PollDeleteOldFiles;
     class FileInfo;

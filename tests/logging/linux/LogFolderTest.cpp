@@ -1,0 +1,113 @@
+#include "logging/LogFolder.h"
+
+#include "RealMount.h"
+#include "logging/DirectFileWriter.h"
+#include "logging/LoggerManager.h"
+
+#include <pwd.h>
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+namespace fodr {
+namespace {
+
+namespace fs = std::filesystem;
+using test::EnvironmentVariable;
+
+std::string DefaultFolder()
+{
+    std::string folder = "unchanged";
+    return DefaultLogFolder(folder) ? folder : "none, " + folder;
+}
+
+class LogFolder : public testing::Test {
+protected:
+    test::ScratchFolder scratch;
+    EnvironmentVariable temp{"TMPDIR", scratch.Path().c_str()};
+};
+
+TEST_F(LogFolder, IsTheUsersOwnAmongTheTemporaryOnes)
+{
+    EnvironmentVariable user("USERNAME", "someone");
+    EXPECT_EQ(scratch / "orvane-someone/", DefaultFolder());
+    struct stat facts {};
+    ASSERT_EQ(0, stat((scratch / "orvane-someone").c_str(), &facts));
+    EXPECT_EQ(0700u, facts.st_mode & 0777);
+    EXPECT_EQ(scratch / "orvane-someone/", DefaultFolder()); // the second time it is there
+}
+
+TEST_F(LogFolder, LeavesOutTheFolderOfASession)
+{
+    EnvironmentVariable user("USERNAME", "someone");
+    const std::pair<const char *, const char *> folders[] = {{"12", "orvane-someone/"},
+                                                             {"12/", "orvane-someone/"},
+                                                             {"12a", "12a/orvane-someone/"},
+                                                             {"3/4", "3/orvane-someone/"},
+                                                             {"Temp/7", "Temp/orvane-someone/"}};
+    for (const auto &[below, folder] : folders) {
+        scratch.MakeFolder(below);
+        EnvironmentVariable session("TMPDIR", (scratch / below).c_str());
+        EXPECT_EQ(scratch / folder, DefaultFolder()) << below;
+    }
+}
+
+TEST_F(LogFolder, IsDefaultsForANameThatIsTooLong)
+{
+    EnvironmentVariable user("USERNAME", std::string(256, 'u').c_str());
+    EXPECT_EQ(scratch / "orvane-default/", DefaultFolder());
+}
+
+TEST_F(LogFolder, IsNoneWhereItCantBeMade)
+{
+    EnvironmentVariable user("USERNAME", "no/such");
+    EXPECT_EQ("none, unchanged", DefaultFolder());
+    RCPtr<FileWriter> writer = new FileWriter;
+    EXPECT_FALSE(writer->Init());
+    std::string folder = "kept from before";
+    EXPECT_TRUE(writer->GetValue("folderPath", folder));
+    EXPECT_EQ("", folder);
+}
+
+TEST_F(LogFolder, OfAnotherUserIsNotUsed)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give a folder away";
+    EnvironmentVariable user("USERNAME", "someone");
+    ASSERT_EQ(0, chown(scratch.MakeFolder("orvane-someone").c_str(), 12345, 12345));
+    EXPECT_EQ("none, unchanged", DefaultFolder());
+}
+
+// Whether the check holds in a process of the account.
+bool HoldsAs(const char *account, const std::function<bool()> &check)
+{
+    const passwd *entry = getpwnam(account);
+    if (!entry)
+        return false;
+    const uid_t id = entry->pw_uid;
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(setuid(id) == 0 && check() ? 0 : 1);
+    int status = -1;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+TEST_F(LogFolder, OfAServiceIsTheCommonOneWhichHasToBeThere)
+{
+    const passwd *daemon = getpwnam("daemon");
+    if (geteuid() != 0 || !daemon || std::string(daemon->pw_shell).find("nologin") == std::string::npos)
+        GTEST_SKIP() << "this user can't become an account of services";
+    const std::string common = "/var/log/orvane";
+    if (fs::exists(common))
+        GTEST_SKIP() << common << " is in use";
+    EXPECT_TRUE(HoldsAs("daemon", [] { return DefaultFolder() == "none, unchanged"; }));
+    fs::create_directory(common);
+    EXPECT_TRUE(HoldsAs("daemon", [] { return DefaultFolder() == "/var/log/orvane/"; }));
+    fs::remove(common);
+}
+
+} // namespace
+} // namespace fodr
