@@ -1,8 +1,8 @@
 // What a log begins with: the facts that its reader needs to know first.
 #include "logging/Logger.h"
 #include "platform/Clock.h"
-#include "platform/Process.h"
 #include "runtime/StringUtils.h"
+#include "runtime/SystemFacts.h"
 #include "runtime/TimeFormat.h"
 
 #include <cstdlib>
@@ -29,15 +29,13 @@ std::string ZoneText(const platform::LocalZone &zone)
 void Logger::LogStartupInfo()
 {
     OVMutexLock lock(LoggerMutex());
-    const std::string module = platform::ModulePath(reinterpret_cast<const void *>(&ZoneText));
-    const std::string version;
-    uint32_t sessionId = 0;
-    platform::CurrentSessionId(sessionId);
+    const std::string module = GetModulePath(true);
+    const std::string version = GetFileVersionText(module);
     LogLine(module.empty() ? "Logger::LogStartupInfo()" : module.c_str(), LOG_LEVEL_ALWAYS, "%s%s\n",
             version.empty() ? "No version information" : ("version=" + version).c_str(),
             ", buildtype=release/x64");
-    LogLine("OS Version", LOG_LEVEL_ALWAYS, "%s%s\n", "Linux",
-            StringUtils::Format(", sessionId=%d", static_cast<int>(sessionId)).c_str());
+    LogLine("OS Version", LOG_LEVEL_ALWAYS, "%s%s\n", GetOsVersionText().c_str(),
+            StringUtils::Format(", sessionId=%d", static_cast<int>(ProcessUtils::GetSessionID())).c_str());
     // The clock that the lines don't use, so that both can be matched.
     const bool utc = useLocalTime;
     LogLine("Time Zone", LOG_LEVEL_ALWAYS, "%s, %s time is %s\n",

@@ -1,15 +1,9 @@
 #include "runtime/LogCall.h"
 
-#include "lib/unicode/AsciiCase.h"
-#include "platform/DebugOutput.h"
-#include "platform/Process.h"
 #include "platform/SystemError.h"
-#include "platform/Threads.h"
 #include "runtime/HexDump.h"
 #include "runtime/StringUtils.h"
-#include "runtime/TimeFormat.h"
 
-#include <cstdlib>
 #include <iterator>
 
 namespace fodr {
@@ -36,50 +30,6 @@ bool IsLevel(int32_t level)
     return level >= 0 && level < static_cast<int32_t>(std::size(kLevelNames));
 }
 
-int32_t ParseLevel(const char *text)
-{
-    if (text[0] >= '0' && text[0] <= '7' && text[1] == 0)
-        return text[0] - '0';
-    for (size_t i = 0; i < std::size(kLevelNames); ++i) {
-        if (AsciiCompareNoCase(text, kLevelNames[i]) == 0)
-            return static_cast<int32_t>(i);
-    }
-    return LOG_LEVEL_INFO;
-}
-
-void WriteLineToStandardError(const char *functionName, int32_t level, const char *format, va_list arguments)
-{
-    char line[kLineSize + 1];
-    char time[64];
-    StringUtils::FormatTimeStamp(time, sizeof(time), false);
-    int prefix = StringUtils::FormatBuffer(line, kLineSize, "%s%s <%04X> [%04X] %c %s: ", "", time,
-                                           platform::CurrentThreadId(), platform::CurrentProcessId(),
-                                           LogLevelLetter(level), functionName);
-    size_t length = prefix > 0 ? static_cast<size_t>(prefix) : 0;
-    const int text = StringUtils::FormatBufferV(line + length, kLineSize - length, format, arguments);
-    length += text > 0 ? static_cast<size_t>(text) : 0;
-    if (length == 0 || line[length - 1] != '\n')
-        line[length++] = '\n';
-    platform::WriteStandardError(line, length);
-}
-
-// Before a logger exists, or without one at all.
-LogHandler InterimHandler()
-{
-    static const bool toStandardError = std::getenv("FODR_LOG_STDERR") != nullptr;
-    return toStandardError ? WriteLineToStandardError : nullptr;
-}
-
-// Runs when the library is loaded.
-[[maybe_unused]] const bool interimRouteIsOpen = [] {
-    const char *level = std::getenv("FODR_LOG_STDERR");
-    if (level && currentHandler.load() == nullptr) {
-        gLogLevel = ParseLevel(level);
-        currentHandler = InterimHandler();
-    }
-    return level != nullptr;
-}();
-
 } // namespace
 
 const char *LogLevelName(int32_t level)
@@ -99,7 +49,7 @@ void SetLogReceiver(const LogReceiver *receiver)
 
 void SetLogHandler(LogHandler handler)
 {
-    currentHandler = handler ? handler : InterimHandler();
+    currentHandler.store(handler, std::memory_order_release);
 }
 
 void LogWrite(const char *functionName, int32_t level, const char *format, ...)

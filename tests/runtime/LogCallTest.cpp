@@ -1,9 +1,11 @@
 #include "runtime/LogCall.h"
 
+#include "platform/SystemError.h"
 #include "runtime/CapturedLog.h"
 #include "runtime/FunctionTrace.h"
+#include "runtime/StringUtils.h"
 
-#include <cstdlib>
+#include <cerrno>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -97,61 +99,48 @@ TEST(LogCall, DropsACallFromInsideTheLogPath)
     EXPECT_EQ(2, handled);
 }
 
-// The route to the standard error stream is chosen at load, so each case runs in a process of its own.
-class InterimRouteDeathTest : public testing::Test {
-protected:
-    InterimRouteDeathTest() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
-    ~InterimRouteDeathTest() override { SetVariable("FODR_LOG_STDERR"); }
+// ---- The receiver ----
 
-    static void SetVariable(const char *assignment) { putenv(const_cast<char *>(assignment)); }
+std::string received;
 
-    [[noreturn]] static void Speak()
-    {
-        SetLogHandler(nullptr); // no logger came; the route stays
-        LOG_ERROR("error\n");
-        LOG_WARN("warn");
-        LOG_INFO("%s", "info\n");
-        LOG_DEBUG("debug");
-        LOG_TRACE("trace");
-        std::_Exit(0);
-    }
+const LogReceiver kReceiver = {
+    [](const char *functionName, int32_t, const char *format, va_list arguments) {
+        received +=
+            std::string("text ") + functionName + " " + StringUtils::FormatV(format, arguments) + "\n";
+        LOG_ALWAYS("from inside"); // dropped
+    },
+    [](const char *functionName, int32_t, const void *, size_t length) {
+        received += std::string("hex ") + functionName + " " + std::to_string(length) + "\n";
+    },
+    [](uint32_t errorCode, const char *functionName, int32_t, const char *format, va_list arguments) {
+        received += std::string("error ") + functionName + " " + StringUtils::FormatV(format, arguments) +
+                    " " + std::to_string(errorCode) + "\n";
+    },
 };
 
-#define FODR_LINE(letter, text)                                                                              \
-    "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} <[0-9A-F]{4,}> "                       \
-    "\\[[0-9A-F]{4,}\\] " letter " InterimRouteDeathTest::Speak\\(\\): " text "\n"
-
-TEST_F(InterimRouteDeathTest, WritesLinesUpToTheLevel)
+void SpeakOfErrors()
 {
-    const std::string error = FODR_LINE("E", "error"), warn = FODR_LINE("W", "warn"),
-                      info = FODR_LINE("I", "info"), debug = FODR_LINE("D", "debug");
-    const std::pair<const char *, std::string> cases[] = {
-        {"FODR_LOG_STDERR=1", error},
-        {"FODR_LOG_STDERR=Warn", error + warn},
-        {"FODR_LOG_STDERR=yes", error + warn + info},
-        {"FODR_LOG_STDERR=DEBUG", error + warn + info + debug},
-    };
-    for (const auto &[assignment, lines] : cases) {
-        SetVariable(assignment);
-        EXPECT_EXIT(Speak(), testing::ExitedWithCode(0), "^" + lines + "$") << assignment;
+    LOG_CODE_AT(LOG_LEVEL_ALWAYS, platform::kErrorBusy, "%s\n", "code");
+    errno = ENOENT;
+    LogWriteLastError("F()", LOG_LEVEL_ERROR, "%s", "last");
+}
+
+TEST(LogCall, HandsEachKindOfCallToTheReceiver)
+{
+    SetLogReceiver(&kReceiver);
+    LogWrite("F()", LOG_LEVEL_INFO, "%d", 1);
+    LogWriteHex("F()", LOG_LEVEL_INFO, "AB", 2);
+    SpeakOfErrors();
+    {
+        CapturedLog log(LOG_LEVEL_ERROR); // has everything, as text, while it lives
+        SpeakOfErrors();
+        EXPECT_THAT(log.Lines(), ElementsAre("A SpeakOfErrors(): code; (170) " +
+                                                 platform::SystemErrorText(platform::kErrorBusy),
+                                             "E F(): last; (2) No such file or directory"));
     }
-}
-
-TEST_F(InterimRouteDeathTest, CutsALineAt1023Bytes)
-{
-    SetVariable("FODR_LOG_STDERR=3");
-    auto speakAtLength = [] {
-        LogWrite("F()", LOG_LEVEL_INFO, "%s", std::string(2000, 'x').c_str());
-        std::_Exit(0);
-    };
-    EXPECT_EXIT(speakAtLength(), testing::ExitedWithCode(0), testing::Truly([](const std::string &text) {
-                    return text.size() == 1024 && text.ends_with("xx\n");
-                }));
-}
-
-TEST_F(InterimRouteDeathTest, IsSilentWhenNotAskedFor)
-{
-    EXPECT_EXIT(Speak(), testing::ExitedWithCode(0), "^$");
+    SetLogReceiver(nullptr);
+    SpeakOfErrors();
+    EXPECT_EQ("text F() 1\nhex F() 2\nerror SpeakOfErrors() code\n 170\nerror F() last 2\n", received);
 }
 
 } // namespace

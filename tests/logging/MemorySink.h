@@ -1,0 +1,88 @@
+// A sink that keeps what it is given, with the marks of each batch.
+#pragma once
+
+#include "logging/LogWriter.h"
+#include "runtime/OVPollItem.h"
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace fodr::test {
+
+class MemorySink : public LogWriter {
+public:
+    explicit MemorySink(int32_t writerType = LOG_WRITER_DEBUG) : LogWriter(writerType) {}
+
+    bool OpenSink() override { return opens; }
+    bool WriteMessage(const LogMessage &message) override
+    {
+        Keep(message.TextToWrite());
+        if (onWrite)
+            onWrite(message);
+        return true;
+    }
+    bool CloseSink() override
+    {
+        Keep("close");
+        return true;
+    }
+    void BeginWrite() override { Keep("("); }
+    void EndWrite() override { Keep(")"); }
+    bool ShouldDrop(const LogMessage &message) override
+    {
+        return !dropText.empty() && std::string(message.TextToWrite()).find(dropText) != std::string::npos;
+    }
+
+    // Everything since the last call.
+    std::vector<std::string> Take()
+    {
+        std::lock_guard guard(lock);
+        return std::exchange(kept, {});
+    }
+    // The same as one text of its messages alone.
+    std::string TakeText()
+    {
+        std::string text;
+        for (const std::string &entry : Take()) {
+            if (entry.ends_with('\n'))
+                text += entry;
+        }
+        return text;
+    }
+
+    bool Put(const std::string &text)
+    {
+        OVMutexLock hold(LoggerMutex());
+        return Enqueue(LogMessage::Create(LOG_LEVEL_INFO, text.data(), text.size()));
+    }
+    std::string Prefix(const char *functionName, int32_t level = LOG_LEVEL_INFO)
+    {
+        OVMutexLock hold(LoggerMutex());
+        char buffer[1024];
+        const int length = FormatPrefix(buffer, sizeof(buffer), functionName, level);
+        return std::string(buffer, static_cast<size_t>(length));
+    }
+    // What the poll thread does once a second.
+    void Poll() { PollItem()->Run(true); }
+
+    using LogWriter::closeMessage;
+    using LogWriter::initMessage;
+    bool opens = true;
+    std::string dropText;
+    std::function<void(const LogMessage &)> onWrite;
+
+private:
+    void Keep(const char *text)
+    {
+        std::lock_guard guard(lock);
+        kept.push_back(text);
+    }
+
+    std::mutex lock;
+    std::vector<std::string> kept;
+};
+
+} // namespace fodr::test

@@ -1,0 +1,77 @@
+// A logger with settings of its own, and its log in memory.
+#pragma once
+
+#include "SettingsFixture.h"
+#include "logging/Logger.h"
+#include "logging/LoggerManager.h"
+#include "logging/MemorySink.h"
+#include "logging/RegSettingsReader.h"
+
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <initializer_list>
+#include <string>
+
+namespace fodr::test {
+
+class LoggerFixture : public testing::Test {
+protected:
+    static constexpr const char *kKey = "Software\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr";
+
+    LoggerFixture()
+    {
+        EXPECT_TRUE(logger->AddWriter(sink));
+        LoggerManager::Instance().SetDefaultLogger(logger);
+    }
+    ~LoggerFixture() override { LoggerManager::Instance().Shutdown(); }
+
+    // The settings are these lines from now on, in one step.
+    void Store(std::initializer_list<const char *> lines)
+    {
+        const std::string path = settings.Folder() + "/HKEY_LOCAL_MACHINE.ini";
+        {
+            std::ofstream file(path + ".new");
+            file << "[" << kKey << "]\n";
+            for (const char *line : lines)
+                file << line << "\n";
+        }
+        std::filesystem::rename(path + ".new", path);
+    }
+    // What a started logger says about settings that it is shown.
+    std::string Apply(std::initializer_list<const char *> lines)
+    {
+        Store(lines);
+        sink->Take();
+        logger->ApplySettings(reader);
+        return TextOf(sink->TakeText());
+    }
+    void Start()
+    {
+        ASSERT_TRUE(logger->Start());
+        sink->Take();
+    }
+    // The lines without what stands before the function's name, and without what the log's own thread says.
+    static std::string TextOf(const std::string &lines)
+    {
+        std::string text;
+        size_t begin = 0;
+        while (begin < lines.size()) {
+            const size_t end = lines.find('\n', begin) + 1;
+            const std::string line = lines.substr(begin, end - begin);
+            const size_t ids = line.find("] ");
+            if (!line.starts_with("-----") && line.find(" OV") == std::string::npos &&
+                line.find(" FileWriter::") == std::string::npos)
+                text += ids == std::string::npos ? line : line.substr(ids + 2);
+            begin = end;
+        }
+        return text;
+    }
+
+    SettingsFixture settings;
+    const RCPtr<MemorySink> sink = new MemorySink;
+    const RCPtr<Logger> logger = LoggerManager::Instance().CreateLogger("test", "test", false);
+    const RCPtr<SettingsReader> reader = new RegSettingsReader(logger.Get(), std::string("HKLM\\") + kKey);
+};
+
+} // namespace fodr::test
