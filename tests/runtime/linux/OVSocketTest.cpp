@@ -1,0 +1,92 @@
+#include "runtime/OVSocket.h"
+
+#include "platform/InetSocket.h"
+#include "runtime/CapturedLog.h"
+
+#include <unistd.h>
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+
+namespace fodr {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class Receiver {
+public:
+    Receiver()
+    {
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        EXPECT_EQ(bind(handle, reinterpret_cast<sockaddr *>(&address), length), 0);
+        EXPECT_EQ(getsockname(handle, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    }
+    ~Receiver() { close(handle); }
+
+    std::string Take() const
+    {
+        char buffer[256];
+        const ssize_t length = recv(handle, buffer, sizeof(buffer), 0);
+        return length < 0 ? "nothing" : std::string(buffer, static_cast<size_t>(length));
+    }
+    uint16_t Port() const { return ntohs(address.sin_port); }
+
+private:
+    const int handle = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in address{};
+};
+
+bool InitUdp(OVSocket &udp)
+{
+    return udp.Init(platform::kSocketDatagram, platform::kProtocolUdp);
+}
+
+TEST(Socket, SendsEachTextAsOneDatagram)
+{
+    CapturedLog log(LOG_LEVEL_DEBUG);
+    Receiver receiver;
+    auto first = std::make_unique<OVSocket>();
+    auto second = std::make_unique<OVSocket>();
+    for (OVSocket *udp : {first.get(), second.get()})
+        ASSERT_TRUE(InitUdp(*udp) && udp->Connect("localhost", receiver.Port()));
+    EXPECT_EQ(first->SendAll("line one\n", 9), 9);
+    EXPECT_EQ(first->SendAll("x", 0), 0); // not even an empty datagram
+    EXPECT_EQ(first->SendAll("x", -1), 0);
+    first.reset();
+    EXPECT_EQ(second->SendAll("two", 3), 3); // lives on when the library's one user has gone
+    EXPECT_EQ(receiver.Take(), "line one\n");
+    EXPECT_EQ(receiver.Take(), "two");
+    EXPECT_THAT(CapturedLog::Lines(), IsEmpty());
+
+    EXPECT_TRUE(InitUdp(*second));
+    EXPECT_THAT(CapturedLog::Lines(), ElementsAre("D OVSocket::Init(): OVSocket is already initialized.\n"));
+    EXPECT_TRUE(second->Connect("127.0.0.1", receiver.Port()));
+}
+
+TEST(Socket, SaysWhatFailed)
+{
+    CapturedLog log(LOG_LEVEL_DEBUG);
+    {
+        OVSocket none;
+        EXPECT_FALSE(none.Init(platform::kSocketStream, platform::kProtocolUdp));
+        EXPECT_FALSE(none.Connect("127.0.0.1", 9));
+        EXPECT_LT(none.SendAll("x", 1), 0);
+        EXPECT_FALSE(none.Connect("no.such.name.invalid", 514));
+    }
+    EXPECT_THAT(CapturedLog::Lines(), ElementsAre("E OVSocket::Init(): Socket creation failed.\n",
+                                                  "E OVSocket::Connect(): Connect failed.\n",
+                                                  "E OVSocket::SendAll(): SendAll() failed.\n",
+                                                  "E OVSocket::Connect(): Failed to resolve name.\n",
+                                                  "E OVSocket::~OVSocket(): Close socket error.\n"));
+}
+
+} // namespace
+} // namespace fodr
