@@ -7,20 +7,26 @@ namespace fodr {
 
 inline constexpr int kPollDecimals = 3; // of durations in log lines
 
+// As a pointer is printed on a system whose %p doesn't say "0x".
+inline unsigned long long PollIdForLog(uint64_t pollId)
+{
+    return pollId;
+}
 // "INFINITE" for -1.
 std::string PollDurationText(int64_t ms);
 // Empty when the thread is gone.
 RCPtr<OVPollThread> FindPollThread(uint64_t pollId);
 
 // For an item that belongs to no thread nothing is held and nobody told.
-class OVPollThread::Guard {
+class SCOPED_CAPABILITY OVPollThread::Guard {
 public:
-    explicit Guard(OVPollThread *heldThread) : thread(heldThread)
+    explicit Guard(OVPollThread *heldThread) ACQUIRE(heldThread->lock) NO_THREAD_SAFETY_ANALYSIS
+        : thread(heldThread)
     {
         if (thread)
             thread->Lock();
     }
-    ~Guard()
+    ~Guard() RELEASE() NO_THREAD_SAFETY_ANALYSIS
     {
         if (thread)
             thread->Unlock();

@@ -20,8 +20,7 @@ RCPtr<OVPollThread> OVPollItem::GetPollThread()
         return nullptr;
     RCPtr<OVPollThread> thread = FindPollThread(id);
     if (!thread) {
-        LOG_WARN("%s: OVPollThread 0x%p has been deleted", name.c_str(),
-                 reinterpret_cast<void *>(static_cast<uintptr_t>(id)));
+        LOG_WARN("%s: OVPollThread 0x%016llX has been deleted", name.c_str(), PollIdForLog(id));
         owner = 0;
     }
     return thread;

@@ -13,17 +13,22 @@ namespace {
 constexpr int32_t kExit = 0; // the first two entries of every wait
 constexpr int32_t kDirty = 1;
 
+constexpr const char *kScheduler = "OVPollThread::Scheduler()";
+
+// All lines are the scheduler's, whichever step writes them.
+#define LOG_SCHEDULER(level, ...)                                                                            \
+    do {                                                                                                     \
+        if (IsLogEnabled(level))                                                                             \
+            LogWrite(kScheduler, (level), __VA_ARGS__);                                                      \
+    } while (false)
+
 } // namespace
 
 struct OVPollThread::Round {
-    explicit Round(OVThread &thread, OVEvent *dirty) : exitEvent(thread.ExitEvent())
-    {
-        events = {&exitEvent, dirty};
-        owners.resize(events.size());
-    }
+    Round(const OVThread &thread, const OVEvent &dirty) : events{thread.ExitEvent(), dirty}, owners(2) {}
 
-    OVEvent exitEvent;
-    std::vector<OVEvent *> events;
+    // Copies: an item's event may go while it is waited for.
+    std::vector<OVEvent> events;
     std::vector<RCPtr<OVPollItem>> owners; // of the events, empty for the first two
     RCPtr<OVPollItem> next;                // to run when the time is up; then, who runs
     int64_t timeout = -1;
@@ -34,7 +39,7 @@ bool OVPollThread::SchedulerThreadCB(void *id, OVThread *)
 {
     const RCPtr<OVPollThread> self = FindPollThread(reinterpret_cast<uintptr_t>(id));
     if (!self) {
-        LOG_DEBUG("OVPollThread 0x%p not found", id);
+        LOG_DEBUG("OVPollThread 0x%016llX not found", PollIdForLog(reinterpret_cast<uintptr_t>(id)));
         return false;
     }
     return self->Scheduler();
@@ -43,10 +48,10 @@ bool OVPollThread::SchedulerThreadCB(void *id, OVThread *)
 bool OVPollThread::Scheduler()
 {
     const Guard guard(this);
-    Round round(thread, &dirtyEvent);
+    Round round(thread, dirtyEvent);
     for (;;) {
         if (RefCount(this) < 2) {
-            LOG_INFO("%s: I'm the last reference", name.c_str());
+            LOG_SCHEDULER(LOG_LEVEL_INFO, "%s: I'm the last reference", name.c_str());
             return true;
         }
         Prepare(round);
@@ -68,7 +73,7 @@ void OVPollThread::Prepare(Round &round)
         if (item->disabled >= 1)
             continue;
         if (item->event) {
-            round.events.push_back(item->event);
+            round.events.push_back(*item->event);
             round.owners.push_back(item);
         }
         if (item->timer.IsPaused() || item->timeoutMS == -1)
@@ -89,17 +94,21 @@ void OVPollThread::Prepare(Round &round)
         return;
     const std::string text = PollDurationText(round.timeout);
     if (round.next)
-        LOG_AT(logLevel, "%s: Waiting for %s (%s)", name.c_str(), text.c_str(), round.next->name.c_str());
+        LOG_SCHEDULER(logLevel, "%s: Waiting for %s (%s)", name.c_str(), text.c_str(),
+                      round.next->name.c_str());
     else
-        LOG_AT(logLevel, "%s: Waiting for %s", name.c_str(), text.c_str());
+        LOG_SCHEDULER(logLevel, "%s: Waiting for %s", name.c_str(), text.c_str());
     LogAllItems(logLevel);
 }
 
-int32_t OVPollThread::Wait(const Round &round)
+int32_t OVPollThread::Wait(Round &round)
 {
     const uint32_t timeout = round.timeout == -1 ? kInfinite : static_cast<uint32_t>(round.timeout);
     Unlock();
-    const int32_t result = OVEvent::WaitForMultiple(round.events, false, timeout, false, round.alertable);
+    std::vector<OVEvent *> events;
+    for (OVEvent &event : round.events)
+        events.push_back(&event);
+    const int32_t result = OVEvent::WaitForMultiple(events, false, timeout, false, round.alertable);
     Lock();
     return result;
 }
@@ -108,17 +117,17 @@ bool OVPollThread::Choose(Round &round, int32_t result)
 {
     switch (result) {
     case OVEvent::kFailed:
-        LOG_ERROR("%s: Error while waiting", name.c_str());
+        LOG_SCHEDULER(LOG_LEVEL_ERROR, "%s: Error while waiting", name.c_str());
         return false;
     case kExit:
-        LOG_INFO("%s: Exit event signaled", name.c_str());
+        LOG_SCHEDULER(LOG_LEVEL_INFO, "%s: Exit event signaled", name.c_str());
         return false;
     case kDirty:
-        LOG_AT(logLevel, "%s: Dirty event signaled", name.c_str());
+        LOG_SCHEDULER(logLevel, "%s: Dirty event signaled", name.c_str());
         round.next = nullptr;
         return true;
     case OVEvent::kAlerted:
-        LOG_AT(logLevel, "%s: alertable signaled", name.c_str());
+        LOG_SCHEDULER(logLevel, "%s: alertable signaled", name.c_str());
         round.next = nullptr;
         return true;
     case OVEvent::kTimeout:
@@ -140,9 +149,9 @@ bool OVPollThread::MayRun(const OVPollItem &item) const
 void OVPollThread::RunItem(const RCPtr<OVPollItem> &item, bool timedOut)
 {
     if (IsLogEnabled(logLevel))
-        LOG_AT(logLevel, "%s: Item %s %s; last run %s ago", name.c_str(), item->name.c_str(),
-               timedOut ? "timed out" : "signaled",
-               StringUtils::FormatDuration(item->timer.ElapsedSeconds(), kPollDecimals).c_str());
+        LOG_SCHEDULER(logLevel, "%s: Item %s %s; last run %s ago", name.c_str(), item->name.c_str(),
+                      timedOut ? "timed out" : "signaled",
+                      StringUtils::FormatDuration(item->timer.ElapsedSeconds(), kPollDecimals).c_str());
     completionEvent.Reset();
     runningItem = item.Get();
     Unlock();
@@ -153,8 +162,8 @@ void OVPollThread::RunItem(const RCPtr<OVPollItem> &item, bool timedOut)
     runningItem = nullptr;
     completionEvent.Set();
     if (IsLogEnabled(logLevel))
-        LOG_AT(logLevel, "%s: Item %s took %s", name.c_str(), item->name.c_str(),
-               StringUtils::FormatDuration(seconds, kPollDecimals).c_str());
+        LOG_SCHEDULER(logLevel, "%s: Item %s took %s", name.c_str(), item->name.c_str(),
+                      StringUtils::FormatDuration(seconds, kPollDecimals).c_str());
     if (item->owner != pollId)
         return;
     if (!keep) {

@@ -47,12 +47,12 @@ OVPollThread::OVPollThread(const std::string &threadName)
     : name(threadName), thread("OVPoll-" + threadName), logLevel(LOG_LEVEL_NEVER)
 {
     pollId = PollThreadMap().Insert(WkPtr<OVPollThread>(this));
-    LOG_DEBUG("%s: OVPollThread 0x%p", name.c_str(), AsPointer(pollId));
+    LOG_DEBUG("%s: OVPollThread 0x%016llX", name.c_str(), PollIdForLog(pollId));
 }
 
 OVPollThread::~OVPollThread()
 {
-    LOG_DEBUG("%s: OVPollThread 0x%p", name.c_str(), AsPointer(pollId));
+    LOG_DEBUG("%s: OVPollThread 0x%016llX", name.c_str(), PollIdForLog(pollId));
     RemoveAllItems(false);
     thread.Stop(0);
     PollThreadMap().Remove(pollId);
@@ -79,14 +79,16 @@ void OVPollThread::Unlock() NO_THREAD_SAFETY_ANALYSIS
     (external ? *external : lock).Release();
 }
 
-uint32_t OVPollThread::UnlockAll() NO_THREAD_SAFETY_ANALYSIS
+template <typename Action> void OVPollThread::WithoutLock(const Action &action) NO_THREAD_SAFETY_ANALYSIS
 {
     OVMutex *external = externalLock;
     OVMutex &active = external ? *external : lock;
-    uint32_t count = 0;
+    int held = 0;
     while (active.Release())
-        ++count;
-    return count;
+        ++held;
+    action();
+    for (; held > 0; --held)
+        Lock();
 }
 
 void OVPollThread::SetLock(OVMutex *mutex) NO_THREAD_SAFETY_ANALYSIS
@@ -106,8 +108,8 @@ bool OVPollThread::AddItem(const RCPtr<OVPollItem> &item, OVEvent *event, int32_
         return false;
     }
     if (item->owner != 0 && item->owner != pollId) {
-        LOG_DEBUG("%s: Item %s already belongs to 0x%p", name.c_str(), item->name.c_str(),
-                  AsPointer(item->owner));
+        LOG_DEBUG("%s: Item %s already belongs to 0x%016llX", name.c_str(), item->name.c_str(),
+                  PollIdForLog(item->owner));
         return false;
     }
     item->owner = pollId;
@@ -132,7 +134,8 @@ bool OVPollThread::RemoveItem(const RCPtr<OVPollItem> &item, bool wait)
     if (kept->owner == 0)
         return false;
     if (kept->owner != pollId) {
-        LOG_DEBUG("%s: Item %s belongs to 0x%p", name.c_str(), kept->name.c_str(), AsPointer(kept->owner));
+        LOG_DEBUG("%s: Item %s belongs to 0x%016llX", name.c_str(), kept->name.c_str(),
+                  PollIdForLog(kept->owner));
         return false;
     }
     if (wait)
@@ -185,10 +188,9 @@ void OVPollThread::WaitForItemToComplete(const RCPtr<OVPollItem> &item)
     for (const RCPtr<OVPollItem> &one : heldBack)
         one->disabled += kHeldBack;
     OVEvent ended = thread.ThreadEvent();
-    const uint32_t held = UnlockAll();
-    OVEvent::WaitForMultiple({&completionEvent, &ended}, false, kInfinite, false, false);
-    for (uint32_t i = 0; i < held; ++i)
-        Lock();
+    WithoutLock([&] {
+        OVEvent::WaitForMultiple({&completionEvent, &ended}, false, kInfinite, false, false);
+    });
     for (const RCPtr<OVPollItem> &one : heldBack)
         one->disabled -= kHeldBack;
 }
@@ -204,7 +206,8 @@ void OVPollThread::StartScheduler()
 
 void OVPollThread::StopScheduler()
 {
-    thread.Stop(); // without the lock, which the scheduler needs to see it
+    const Guard guard(this);
+    WithoutLock([&] { thread.Stop(); }); // which the scheduler needs the lock to see
 }
 
 bool OVPollThread::IsRunning() const
@@ -233,17 +236,13 @@ void OVPollThread::LogAllItems(int32_t level)
         return;
     LOG_AT(level, "%s - %d item%s\n", name.c_str(), static_cast<int>(items.size()),
            items.size() == 1 ? "" : "s");
-    for (const RCPtr<OVPollItem> &item : items)
-        LogLine(level, *item.Get());
-}
-
-void OVPollThread::LogLine(int32_t level, const OVPollItem &item)
-{
-    OVElapsedTimer timer = item.timer;
-    LOG_AT(level, "   %s - timeout(%s)  elapsed(%s)  paused(%s)  event(%s)  disabled(%d)\n",
-           item.name.c_str(), item.timeoutText.c_str(),
-           StringUtils::FormatDuration(timer.ElapsedSeconds(), kPollDecimals).c_str(),
-           TrueOrFalse(timer.IsPaused()), TrueOrFalse(item.event != nullptr), item.disabled);
+    for (const RCPtr<OVPollItem> &item : items) {
+        OVElapsedTimer timer = item->timer;
+        LOG_AT(level, "   %s - timeout(%s)  elapsed(%s)  paused(%s)  event(%s)  disabled(%d)\n",
+               item->name.c_str(), item->timeoutText.c_str(),
+               StringUtils::FormatDuration(timer.ElapsedSeconds(), kPollDecimals).c_str(),
+               TrueOrFalse(timer.IsPaused()), TrueOrFalse(item->event != nullptr), item->disabled);
+    }
 }
 
 } // namespace fodr

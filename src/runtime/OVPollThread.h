@@ -1,6 +1,7 @@
 // One thread that runs many small jobs, each when its event fires or its time is up.
 #pragma once
 
+#include "lib/misc/ThreadSafety.h"
 #include "runtime/OVEvent.h"
 #include "runtime/OVMutex.h"
 #include "runtime/OVPollItem.h"
@@ -28,7 +29,7 @@ public:
     ~OVPollThread() override;
 
     // False when the item belongs to another thread. An item that is here already goes to the end of the
-    // queue. `event` isn't owned; `timeoutMS` of -1 is none.
+    // queue. `event` isn't owned; `timeoutMS` of -1 is none. At most 62 items can have events.
     bool AddItem(const RCPtr<OVPollItem> &item, OVEvent *event, int32_t timeoutMS);
     // False when the item isn't here. With `wait` its run is over then, see WaitForItemToComplete.
     bool RemoveItem(const RCPtr<OVPollItem> &item, bool wait);
@@ -41,7 +42,8 @@ public:
     // From now on this lock, which outlives the thread and its items, takes the place of its own.
     void SetLock(OVMutex *mutex);
     void StartScheduler();
-    // Returns when it has ended.
+    // Returns when it has ended; at once on its own thread. A caller that holds the lock gives it away for
+    // the wait.
     void StopScheduler();
     bool IsRunning() const;
     // Whether waits can be ended by an I/O completion of the system.
@@ -62,21 +64,21 @@ private:
     static bool SchedulerThreadCB(void *id, OVThread *thread);
     bool Scheduler();
     // The lists of one round, and who is next in time.
-    void Prepare(Round &round);
+    void Prepare(Round &round) REQUIRES(lock);
     // The lock is let go of for the wait.
-    int32_t Wait(const Round &round);
+    int32_t Wait(Round &round) REQUIRES(lock);
     // What to do after a wait. False ends the scheduler.
-    bool Choose(Round &round, int32_t result);
-    void RunItem(const RCPtr<OVPollItem> &item, bool timedOut);
+    bool Choose(Round &round, int32_t result) REQUIRES(lock);
+    void RunItem(const RCPtr<OVPollItem> &item, bool timedOut) REQUIRES(lock);
     bool MayRun(const OVPollItem &item) const;
 
-    void Lock();
-    void Unlock();
-    // Gives up all that the caller holds of the lock and says how often that was.
-    uint32_t UnlockAll();
+    // Of the active lock, for which `lock` stands in all annotations.
+    void Lock() ACQUIRE(lock);
+    void Unlock() RELEASE(lock);
+    // Gives away all that the caller holds of the lock while `action` runs.
+    template <typename Action> void WithoutLock(const Action &action) REQUIRES(lock);
 
-    bool Unlink(OVPollItem *item);
-    void LogLine(int32_t level, const OVPollItem &item);
+    bool Unlink(OVPollItem *item) REQUIRES(lock);
 
     const std::string name;
     OVThread thread;
@@ -84,12 +86,11 @@ private:
     OVEvent dirtyEvent{false, false};
     std::atomic<OVMutex *> externalLock{nullptr}; // changed under the lock that it replaces
     OVEvent completionEvent{true, true};          // clear while an item runs
-    // The rest is guarded by the active lock.
-    OVPollItem *runningItem = nullptr;
-    bool alertable = false;
-    int32_t logLevel;
-    std::list<RCPtr<OVPollItem>> items; // in the order of service
-    uint64_t pollId = 0;                // constant after construction
+    OVPollItem *runningItem GUARDED_BY(lock) = nullptr;
+    bool alertable GUARDED_BY(lock) = false;
+    int32_t logLevel GUARDED_BY(lock);
+    std::list<RCPtr<OVPollItem>> items GUARDED_BY(lock); // in the order of service
+    uint64_t pollId = 0;                                 // constant after construction
 };
 
 } // namespace fodr

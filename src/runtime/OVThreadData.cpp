@@ -87,12 +87,16 @@ void OVThreadData::Run()
     platform::ThreadApartment apartment;
     platform::SetCurrentThreadName(name.c_str());
     LOG_INFO("Thread %s started", name.c_str());
-    OVMutexLock guard(lock);
     const char *ending = "exited";
-    while (RunOnce(ending)) {
+    {
+        OVMutexLock guard(lock);
+        while (RunOnce(ending)) {
+        }
+        threadId = 0;
+        exitedEvent.Set();
     }
-    threadId = 0;
-    exitedEvent.Set();
+    // Without the lock: the log's own thread is started and asked for by who holds the log's mutex. Who waits
+    // for the end joins the thread, so this line comes before that.
     LOG_INFO("Thread %s %s", name.c_str(), ending);
 }
 
