@@ -74,20 +74,21 @@ void FodrClientPlugin::OnInvoke(void *context)
     variantApi->VariantClear(&value);
 }
 
-void FodrClientPlugin::WatchPacket(const void *data, size_t size, CountBytes count)
+void FodrClientPlugin::WatchPacket(const char *functionName, const void *data, size_t size, CountBytes count)
 {
     if (!IsLogEnabled(LOG_LEVEL_TRACE) || !logger || logger->Level() < LOG_LEVEL_TRACE)
         return;
     std::string text;
     DecodePacket(&text, data, size);
-    LOG_TRACE("%s\n", text.c_str());
+    LogWrite(functionName, LOG_LEVEL_TRACE, "%s\n", text.c_str());
     if (bandwidthCounter)
         (bandwidthCounter.get()->*count)(data, size);
 }
 
 void FodrClientPlugin::ReceiveBlock(const Variant &value)
 {
-    WatchPacket(value.blobData, value.value.blobLength, &BandwidthCounter::ReceivedBytes);
+    WatchPacket("FodrClientPlugin::OnInvoke()", value.blobData, value.value.blobLength,
+                &BandwidthCounter::ReceivedBytes);
     RdpdrStream *packet = RdpdrStream::Create(value.value.blobLength);
     if (!packet)
         return;
@@ -112,13 +113,8 @@ bool FodrClientPlugin::WriteChannel(RdpdrStream *packet)
         return false;
     }
     contextApi->SetCommand(message, 0);
-    return SendBlock(message, packet);
-}
-
-bool FodrClientPlugin::SendBlock(void *message, RdpdrStream *packet)
-{
     Blob blob{static_cast<uint32_t>(packet->Size()), 0, packet->Base()};
-    WatchPacket(blob.data, blob.length, &BandwidthCounter::SentBytes);
+    WatchPacket("FodrClientPlugin::WriteChannel()", blob.data, blob.length, &BandwidthCounter::SentBytes);
     Variant value;
     variantApi->VariantInit(&value);
     variantApi->VariantFromBlob(&value, &blob);

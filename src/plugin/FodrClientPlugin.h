@@ -35,10 +35,10 @@ public:
 private:
     using CountBytes = void (BandwidthCounter::*)(const void *data, size_t size);
 
-    // Costs one test unless the log level is TRACE.
-    void WatchPacket(const void *data, size_t size, CountBytes count);
+    // Costs one test unless the log level is TRACE. The line carries the name of the caller's operation: it
+    // tells what came in from what went out.
+    void WatchPacket(const char *functionName, const void *data, size_t size, CountBytes count);
     void ReceiveBlock(const Variant &value);
-    bool SendBlock(void *message, RdpdrStream *packet);
 
     uint32_t observerId = 0; // 0: no subscription
     RdpdrChannelManager channelManager;

@@ -42,8 +42,7 @@ bool ParseCmdData(const std::string &command, std::string &action, int32_t &coun
 
     size_t bar = rest.rfind('|');
     path = rest.substr(0, bar);
-    if (bar != std::string::npos)
-        name = rest.substr(bar + 1);
+    name = bar == std::string::npos ? std::string() : rest.substr(bar + 1);
     return true;
 }
 
