@@ -2,8 +2,12 @@
 #include "logging/linux/LoggerFixture.h"
 #include "runtime/OVEvent.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <gmock/gmock.h>
+#include <sstream>
+#include <thread>
+#include <vector>
 
 namespace fodr {
 namespace {
@@ -147,6 +151,43 @@ TEST_F(SettingsWhileRunning, FileNumbersThatAreCappedAreToldAgain)
         EXPECT_EQ("1000", Value(logger->GetWriter(LOG_WRITER_FILE), "maxRollingFiles"));
     }
     EXPECT_EQ(folder, Value(logger->GetWriter(LOG_WRITER_FILE), "folderPath"));
+}
+
+TEST_F(SettingsWhileRunning, LoseNoLineUnderLoad)
+{
+    constexpr int kThreads = 4;
+    constexpr int kLines = 2000;
+    StartWithFile({});
+    std::atomic<int> running = kThreads;
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([thread, &running] {
+            for (int i = 0; i < kLines; ++i)
+                LOG_INFO("line %d %d", thread, i);
+            --running;
+        });
+    }
+    const char *const rounds[][2] = {{"enableBuffering=no", "logLevel=debug"},
+                                     {"enableBuffering=yes", "useLocalTime=no"},
+                                     {"logMaxRollingFiles=dword:7", "logLevel=trace"}};
+    for (size_t round = 0; running > 0; ++round) {
+        Store({rounds[round % 3][0], rounds[round % 3][1]});
+        logger->ApplySettings(reader);
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    LoggerManager::Instance().Shutdown();
+    int next[kThreads] = {};
+    std::istringstream lines(sink->TakeText());
+    for (std::string line; std::getline(lines, line);) {
+        int thread = 0;
+        int i = 0;
+        const size_t text = line.find(": line ");
+        if (text != std::string::npos && std::sscanf(line.c_str() + text, ": line %d %d", &thread, &i) == 2) {
+            EXPECT_EQ(next[thread]++, i) << line;
+        }
+    }
+    EXPECT_THAT(next, testing::Each(kLines));
 }
 
 // The store is changed by another process, and the change arrives on the poll thread.
