@@ -162,7 +162,7 @@ TEST(RegistryNotificationWithoutFolder, TheFirstKeyIsTold)
 {
     const test::ScratchFolder scratch;
     const test::EnvironmentVariable variable("FODR_SETTINGS_DIR", (scratch / "not/yet").c_str());
-    WatchedKey root("");
+    WatchedKey root("Software"); // which every store has
     ASSERT_EQ(root.Arm(kNames), kErrorSuccess);
     RegistryKey key = nullptr;
     ASSERT_EQ(RegistryCreate(RegistryRoot::LocalMachine, "Software\\fodr", kRegKeyAllAccess, &key),

@@ -244,7 +244,7 @@ TEST_F(Registry, AMalformedFileCountsAsEmptyIsSaidOnceAndIsNeverOverwritten)
     Key key;
     EXPECT_EQ(RegistryOpen(RegistryRoot::LocalMachine, kPlugin, kRegKeyRead, &key.handle),
               kErrorFileNotFound);
-    EXPECT_EQ(RegistryOpen(RegistryRoot::LocalMachine, "SOFTWARE", kRegKeyRead, &key.handle),
+    EXPECT_EQ(RegistryOpen(RegistryRoot::LocalMachine, "SOFTWARE\\fodr", kRegKeyRead, &key.handle),
               kErrorFileNotFound);
     EXPECT_EQ(RegistryCreate(RegistryRoot::LocalMachine, kPlugin, kRegKeyAllAccess, &key.handle),
               kErrorInvalidData);
