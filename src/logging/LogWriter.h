@@ -52,9 +52,9 @@ public:
     // Around each batch of WriteMessage.
     virtual void BeginWrite();
     virtual void EndWrite();
-    // What stands before the text; the length stored, without the terminator. A null or empty function name
-    // gives blanks, as many as the last prefix had. Remembers the thread, so the caller holds LoggerMutex,
-    // also in a sink that makes a line of its own.
+    // What stands before the text; the length stored, without the terminator, `size` being 1 at least. A null
+    // or empty function name gives blanks, as many as the last prefix had. Remembers the thread, so the
+    // caller holds LoggerMutex, also in a sink that makes a line of its own.
     virtual int FormatPrefix(char *buffer, size_t size, const char *functionName, int32_t level)
         REQUIRES(LoggerMutex());
 

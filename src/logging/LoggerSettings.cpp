@@ -136,7 +136,7 @@ RCPtr<LogWriter> LoggerSettings::ApplySwitch(int32_t writerType, const char *val
     RCPtr<LogWriter> writer = logger.GetWriter(writerType);
     if (!writer && !logger.createWriters)
         return nullptr;
-    bool flag = false;
+    bool flag = writer && writer->IsEnabled(); // what a text that is no flag leaves
     if (!reader->GetBool(valueName, &flag, true))
         return writer;
     if (flag && !writer)

@@ -190,10 +190,9 @@ TEST_F(SettingsWhileRunning, LoseNoLineUnderLoad)
     EXPECT_THAT(next, testing::Each(kLines));
 }
 
-// The store is changed by another process, and the change arrives on the poll thread.
+// Another process makes the key, of which there was nothing, and the change arrives on the poll thread.
 TEST_F(SettingsWhileRunning, AreFollowedAcrossProcesses)
 {
-    Store({"enableBuffering=false"});
     ASSERT_TRUE(logger->AddRegistryReader(kKey, platform::RegistryRoot::LocalMachine));
     Start();
     OVEvent changed(true, false);
@@ -202,9 +201,10 @@ TEST_F(SettingsWhileRunning, AreFollowedAcrossProcesses)
             changed.Set();
     };
     const std::string path = settings.Folder() + "/HKEY_LOCAL_MACHINE.ini";
-    ASSERT_EQ(0, std::system(("(cat " + path + "; echo logLevel=verbose) > " + path + ".new && mv " + path +
-                              ".new " + path)
-                                 .c_str()));
+    const std::string lines = std::string("'[") + kKey + "]' logLevel=verbose enableBuffering=no";
+    ASSERT_EQ(
+        0, std::system(
+               ("printf '%s\\n' " + lines + " > " + path + ".new && mv " + path + ".new " + path).c_str()));
     EXPECT_EQ(OVEvent::kSignalled, changed.Wait(60000));
     EXPECT_EQ(LOG_LEVEL_VERBOSE, gLogLevel);
     sink->onWrite = nullptr;
