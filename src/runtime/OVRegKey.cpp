@@ -93,8 +93,7 @@ uint32_t OVRegKey::OpenKey()
     if (error == platform::kErrorSuccess)
         isOpen = true;
     else if (error != platform::kErrorFileNotFound)
-        LOG_ERROR("RegOpenKeyEx(%s) failed; (%d) %s", path.c_str(), static_cast<int>(error),
-                  platform::SystemErrorText(error).c_str());
+        LOG_CODE_AT(LOG_LEVEL_ERROR, error, "RegOpenKeyEx(%s) failed", path.c_str());
     return error;
 }
 
@@ -106,8 +105,7 @@ uint32_t OVRegKey::CloseKey()
     const uint32_t error = platform::RegistryClose(handle);
     handle = nullptr;
     if (error != platform::kErrorSuccess)
-        LOG_ERROR("RegCloseKey(%s) failed; (%d) %s", path.c_str(), static_cast<int>(error),
-                  platform::SystemErrorText(error).c_str());
+        LOG_CODE_AT(LOG_LEVEL_ERROR, error, "RegCloseKey(%s) failed", path.c_str());
     return error;
 }
 
