@@ -1,0 +1,139 @@
+#include "runtime/OVRegKeyWatcher.h"
+
+#include "SettingsFixture.h"
+#include "runtime/CapturedLog.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace fodr {
+namespace {
+
+class Watcher : public OVRegKeyWatcher {
+public:
+    explicit Watcher(const std::string &keyPath) : OVRegKeyWatcher(keyPath, Reg64Bit, false) {}
+    bool OnKeyChanged() override
+    {
+        ++changes;
+        changed.Set();
+        return goOn;
+    }
+
+    std::atomic<int> changes{0};
+    OVEvent changed{false, false};
+    bool goOn = true;
+};
+
+class KeyWatcher : public testing::Test {
+protected:
+    void Store(const std::string &text)
+    {
+        std::ofstream(settings.Folder() + "/new") << text;
+        std::filesystem::rename(settings.Folder() + "/new", settings.Folder() + "/HKEY_LOCAL_MACHINE.ini");
+    }
+
+    test::SettingsFixture settings;
+};
+
+// The watcher's own steps, one after the other: the thread that calls them is tested elsewhere.
+TEST_F(KeyWatcher, AKeyIsFollowedThroughItsLife)
+{
+    RCPtr<Watcher> watcher(new Watcher("HKLM\\Software\\a\\b\\c"));
+    watcher->SetTimeoutMS(0, true); // as Start does
+    EXPECT_FALSE(watcher->IsKeyFound());
+    ASSERT_TRUE(watcher->Run(true)); // the first poll
+    EXPECT_EQ(watcher->GetTimeoutMS(), -1);
+    EXPECT_EQ(watcher->changes, 0);
+    const struct {
+        const char *what;
+        const char *store;
+        bool found;
+        int changes;
+    } steps[] = {
+        {"one level down", "[SOFTWARE\\a]\n", false, 0},
+        {"next to it", "[SOFTWARE\\a\\x\\c]\n", false, 0},
+        {"it comes", "[SOFTWARE\\a\\b\\c]\nv=1\n", true, 1},
+        {"a value changes", "[SOFTWARE\\a\\b\\c]\nv=2\n", true, 2},
+        {"deleted and made again meanwhile", "[SOFTWARE\\a\\b\\c]\nv=2\nw=1\n", true, 3},
+        {"it goes", "[SOFTWARE\\a]\n", false, 4},
+        {"nothing of it is left", "", false, 4},
+    };
+    for (const auto &step : steps) {
+        Store(step.store);
+        for (int notices = 0; notices < 2; ++notices) { // within one settling time
+            EXPECT_TRUE(watcher->Run(false));
+            EXPECT_EQ(watcher->GetTimeoutMS(), OVRegKeyWatcher::kSettlingMS);
+        }
+        EXPECT_TRUE(watcher->Run(true));
+        EXPECT_EQ(watcher->GetTimeoutMS(), -1);
+        EXPECT_EQ(watcher->IsKeyFound(), step.found) << step.what;
+        EXPECT_EQ(watcher->changes, step.changes) << step.what;
+    }
+}
+
+TEST_F(KeyWatcher, TheHandlerCanEndItAndABadPathIsNotWatched)
+{
+    Store("[a]\n");
+    RCPtr<Watcher> watcher(new Watcher("HKLM\\a"));
+    watcher->goOn = false;
+    EXPECT_TRUE(watcher->Run(false));
+    EXPECT_FALSE(watcher->Run(true));
+
+    CapturedLog log(LOG_LEVEL_DEBUG);
+    RCPtr<Watcher> lost(new Watcher("HKXX\\a\\b"));
+    lost->SetTimeoutMS(0, true);
+    EXPECT_FALSE(lost->Run(true));
+    EXPECT_FALSE(lost->Start(nullptr));
+    lost->Stop();
+    EXPECT_THAT(
+        CapturedLog::Lines(),
+        testing::IsSupersetOf({"W OVRegKeyWatcher::OpenRegKey(): Not watching \"HKXX\\a\\b\"",
+                               "D OVRegKeyWatcher::Start(): OVRegKeyWatcher(HKXX\\a\\b): pollThread == NULL",
+                               "D OVRegKeyWatcher::Stop(): Failed to remove OVRegKeyWatcher(HKXX\\a\\b)"}));
+}
+
+TEST_F(KeyWatcher, ValuesThatAreFollowedAreReloaded)
+{
+    class Follower : public OVRegValueWatcher {
+    public:
+        using OVRegValueWatcher::OVRegValueWatcher;
+        void OnValueChanged() override { ++changes; }
+        int changes = 0;
+    };
+    Store("[a]\nv=dword:1\nw=dword:1\n");
+    RCPtr<Watcher> watcher(new Watcher("HKLM\\a"));
+    RCPtr<Follower> v(new Follower("HKLM\\a", "v"));
+    RCPtr<Follower> w(new Follower("HKLM\\a", "w"));
+    for (const auto &follower : {v, w}) {
+        follower->Load(false, LOG_LEVEL_VERBOSE);
+        watcher->AddValueWatcher(follower);
+    }
+    watcher->AddValueWatcher(RCPtr<Follower>(new Follower("HKLM\\a", "gone")));
+    Store("[a]\nv=dword:2\nw=dword:1\n");
+    watcher->Run(false);
+    EXPECT_TRUE(watcher->Run(true));
+    EXPECT_EQ(v->changes, 1);
+    EXPECT_EQ(v->ToDword(0), 2u);
+    EXPECT_EQ(w->changes, 0);
+    EXPECT_EQ(watcher->GetValue("v", true)->ToDword(0), 2u);
+}
+
+TEST_F(KeyWatcher, AChangeByAnotherProcessArrivesOverThePollThread)
+{
+    RCPtr<OVPollThread> poll(new OVPollThread("watch"));
+    RCPtr<Watcher> watcher(new Watcher("HKLM\\Software\\a\\b"));
+    ASSERT_TRUE(watcher->Start(poll));
+    poll->StartScheduler();
+    const std::string write =
+        "date '+[SOFTWARE\\a\\b]%nv=%N' > " + settings.Folder() + "/HKEY_LOCAL_MACHINE.ini";
+    do { // what is written before it watches is no change
+        ASSERT_EQ(std::system(write.c_str()), 0);
+    } while (watcher->changed.Wait(100) != OVEvent::kSignalled);
+    watcher->Stop();
+    poll->StopScheduler();
+}
+
+} // namespace
+} // namespace fodr
