@@ -79,10 +79,10 @@ TEST(LogWriterDelivery, CallersGoOnPushingDuringAWrite)
     const RCPtr<MemorySink> sink = new MemorySink;
     sink->SetBuffering(true);
     sink->Put("one");
-    sink->onWrite = [&](const LogMessage &) {
-        sink->onWrite = nullptr;
+    sink->OnWrite([&](const LogMessage &) {
+        sink->OnWrite(nullptr);
         std::thread([&] { sink->Put("meanwhile"); }).join();
-    };
+    });
     sink->Poll();
     EXPECT_THAT(sink->Take(), ElementsAre("(", "one\n", ")"));
     sink->Poll();
@@ -140,11 +140,11 @@ TEST(LogWriterDelivery, BatchModeWaitsForAPollThatIsUnderWay)
     sink->SetBuffering(true);
     sink->SetQueueSize(2);
     sink->Put("first");
-    sink->onWrite = [&](const LogMessage &) {
-        sink->onWrite = nullptr;
+    sink->OnWrite([&](const LogMessage &) {
+        sink->OnWrite(nullptr);
         sink->Put("second");
         sink->Put("third"); // the limit
-    };
+    });
     sink->Poll();
     EXPECT_THAT(sink->Take(), ElementsAre("(", "first\n", ")"));
     sink->Put("fourth");
@@ -162,9 +162,9 @@ TEST(LogWriterDelivery, CloseWritesAllAndDropsWhatComesThen)
     EXPECT_THAT(sink->Take(), ElementsAre(MatchesRegex(LOCAL_STAMP IDS "A LogWriter::Init\\(\\): hello\n")));
     sink->SetBuffering(true);
     sink->Put("one");
-    sink->onWrite = [&](const LogMessage &) { EXPECT_FALSE(sink->Put("late")); };
+    sink->OnWrite([&](const LogMessage &) { EXPECT_FALSE(sink->Put("late")); });
     sink->Close();
-    sink->onWrite = nullptr;
+    sink->OnWrite(nullptr);
     EXPECT_FALSE(sink->IsOpen());
     EXPECT_THAT(sink->Take(),
                 ElementsAre("(", "one\n", ")",
@@ -186,11 +186,11 @@ TEST(LogWriterDelivery, SwitchingOffWaitsForTheWriteUnderWay)
     const RCPtr<MemorySink> sink = new MemorySink;
     OVEvent writing(true, false);
     OVEvent goOn(true, false);
-    sink->onWrite = [&](const LogMessage &) {
+    sink->OnWrite([&](const LogMessage &) {
         writing.Set();
         goOn.Wait();
         OVMutexLock hold(LoggerMutex()); // as a sink that makes a line of its own
-    };
+    });
     ASSERT_TRUE(sink->Init());
     sink->SetBuffering(true);
     sink->Put("one");

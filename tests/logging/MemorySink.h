@@ -19,9 +19,14 @@ public:
     bool OpenSink() override { return opens; }
     bool WriteMessage(const LogMessage &message) override
     {
-        Keep(message.TextToWrite());
-        if (onWrite)
-            onWrite(message);
+        std::function<void(const LogMessage &)> handler;
+        {
+            std::lock_guard guard(lock);
+            kept.push_back(message.TextToWrite());
+            handler = onWrite;
+        }
+        if (handler)
+            handler(message);
         return true;
     }
     bool CloseSink() override
@@ -42,12 +47,12 @@ public:
         std::lock_guard guard(lock);
         return std::exchange(kept, {});
     }
-    // The same as one text of its messages alone.
+    // The same as one text of its messages alone, without what the poll thread says of itself.
     std::string TakeText()
     {
         std::string text;
         for (const std::string &entry : Take()) {
-            if (entry.ends_with('\n'))
+            if (entry.ends_with('\n') && entry.find(" OV") == std::string::npos)
                 text += entry;
         }
         return text;
@@ -65,6 +70,12 @@ public:
         const int length = FormatPrefix(buffer, sizeof(buffer), functionName, level);
         return std::string(buffer, static_cast<size_t>(length));
     }
+    // From now on called with each message, behind it. Null for none.
+    void OnWrite(std::function<void(const LogMessage &)> handler)
+    {
+        std::lock_guard guard(lock);
+        onWrite = std::move(handler);
+    }
     // What the poll thread does once a second.
     void Poll() { PollItem()->Run(true); }
 
@@ -72,7 +83,6 @@ public:
     using LogWriter::initMessage;
     bool opens = true;
     std::string dropText;
-    std::function<void(const LogMessage &)> onWrite;
 
 private:
     void Keep(const char *text)
@@ -81,6 +91,7 @@ private:
         kept.push_back(text);
     }
 
+    std::function<void(const LogMessage &)> onWrite;
     std::mutex lock;
     std::vector<std::string> kept;
 };

@@ -196,10 +196,10 @@ TEST_F(SettingsWhileRunning, AreFollowedAcrossProcesses)
     ASSERT_TRUE(logger->AddRegistryReader(kKey, platform::RegistryRoot::LocalMachine));
     Start();
     OVEvent changed(true, false);
-    sink->onWrite = [&](const LogMessage &message) {
+    sink->OnWrite([&](const LogMessage &message) {
         if (std::string_view(message.TextToWrite()).ends_with("logLevel changed to VERBOSE\n"))
             changed.Set();
-    };
+    });
     const std::string path = settings.Folder() + "/HKEY_LOCAL_MACHINE.ini";
     const std::string lines = std::string("'[") + kKey + "]' logLevel=verbose enableBuffering=no";
     ASSERT_EQ(
@@ -207,7 +207,7 @@ TEST_F(SettingsWhileRunning, AreFollowedAcrossProcesses)
                ("printf '%s\\n' " + lines + " > " + path + ".new && mv " + path + ".new " + path).c_str()));
     EXPECT_EQ(OVEvent::kSignalled, changed.Wait(60000));
     EXPECT_EQ(LOG_LEVEL_VERBOSE, gLogLevel);
-    sink->onWrite = nullptr;
+    sink->OnWrite(nullptr);
 }
 
 } // namespace
