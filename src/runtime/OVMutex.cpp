@@ -9,7 +9,7 @@
 namespace fodr {
 
 // The holder alone writes the two fields. Others read them for a log line, or to see that they aren't the
-// holder.
+// holder: the owner is written before the count that makes it one.
 class OVMutexData : public RCObject {
 public:
     explicit OVMutexData(const char *name) : mutex(name) {}
@@ -17,15 +17,18 @@ public:
     void CountUp()
     {
         const int32_t count = lockCount.load(std::memory_order_relaxed) + 1;
-        lockCount.store(count, std::memory_order_relaxed);
         if (count == 1)
             ownerThread.store(platform::CurrentThreadId(), std::memory_order_relaxed);
+        lockCount.store(count, std::memory_order_release);
     }
-    void CountDown()
+    // False when the caller doesn't hold the mutex.
+    bool CountDown()
     {
-        const int32_t count = lockCount.load(std::memory_order_relaxed);
-        if (count > 0 && Owner() == platform::CurrentThreadId())
-            lockCount.store(count - 1, std::memory_order_relaxed);
+        const int32_t count = lockCount.load(std::memory_order_acquire);
+        if (count <= 0 || Owner() != platform::CurrentThreadId())
+            return false;
+        lockCount.store(count - 1, std::memory_order_release);
+        return true;
     }
     uint32_t Owner() const { return ownerThread.load(std::memory_order_relaxed); }
     unsigned long long Address() const { return reinterpret_cast<uintptr_t>(this); } // for the log
@@ -81,8 +84,8 @@ bool OVMutex::Acquire(uint32_t timeoutMS)
 bool OVMutex::Release()
 {
     OVMutexData *mutexData = data.Get();
-    mutexData->CountDown();
-    return mutexData->mutex.Release();
+    // The platform isn't asked to release what isn't held, which checkers take for a mistake.
+    return mutexData->CountDown() && mutexData->mutex.Release();
 }
 
 } // namespace fodr
