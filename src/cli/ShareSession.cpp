@@ -271,7 +271,7 @@ void ShareSession::OnInstanceRefused()
 {
     queue.Post([this] {
         Fail(EXIT_NO_PLUGIN, "the plug-in " + options.pluginPath +
-                                 " could not be initialised: see its log with FODR_LOG_STDERR=debug");
+                                 " could not be initialised: see its log (fodr config set logToStderr true)");
     });
 }
 

@@ -30,7 +30,8 @@ constexpr char kFooter[] = R"(Exit codes:
 With a command behind -- its own status, 128 and the signal's number if a signal ended it.
 
 Environment: FODR_PLUGIN (the plug-in's library), FODR_SSH (the ssh command), FODR_TOKEN (the agreed token),
-FODR_SETTINGS_DIR (the settings store), FODR_LOG_STDERR (log lines on standard error).)";
+FODR_SETTINGS_DIR (the settings store). The plug-in logs to a file of its own; the settings logLevel and logToStderr
+(fodr config) make it say more, and here.)";
 
 void AddWhereAndHow(CLI::App *app, ShareWords *words)
 {
