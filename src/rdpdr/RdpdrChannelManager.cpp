@@ -21,6 +21,15 @@ struct ReceivedPacket {
     RdpdrStream *stream;
 };
 
+std::string ReplyStatus(uint32_t resultCode)
+{
+    if (resultCode == 0)
+        return "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED";
+    char text[64];
+    snprintf(text, sizeof(text), "FOLDER_REDIRECTION_CMD_STATUS,Failed with code 0x%" PRIx32, resultCode);
+    return text;
+}
+
 } // namespace
 
 RdpdrChannelManager::RdpdrChannelManager()
@@ -164,6 +173,15 @@ void RdpdrChannelManager::HandleDeviceReply(RdpdrStream *stream)
         LOG_WARN("Set the stream position error.\n");
         return;
     }
+    // The zeros behind a cut reply would tell of a success.
+    if (stream->Remaining() < sizeof(uint32_t)) {
+        LOG_WARN("Read device ID error.\n");
+        return;
+    }
+    if (stream->Remaining() < kWireSize<DR_CORE_DEVICE_ANNOUNCE_RSP>) {
+        LOG_WARN("Read result code error.\n");
+        return;
+    }
     const auto [deviceId, resultCode] = ReadRecord<DR_CORE_DEVICE_ANNOUNCE_RSP>(*stream);
 
     Device device;
@@ -187,12 +205,7 @@ void RdpdrChannelManager::HandleDeviceReply(RdpdrStream *stream)
     if (resultCode != 0)
         device->CloseAllFiles();
 
-    std::string message = "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED";
-    if (resultCode != 0) {
-        char text[64];
-        snprintf(text, sizeof(text), "FOLDER_REDIRECTION_CMD_STATUS,Failed with code 0x%" PRIx32, resultCode);
-        message = text;
-    }
+    const std::string message = ReplyStatus(resultCode);
     LOG_DEBUG("Notify ODPObserver with cookie [%s] for message [%s].\n", device->GetName().c_str(),
               message.c_str());
     Notify(device->GetName().c_str(), message);

@@ -80,8 +80,11 @@ int RdpdrChannelManager::SendSimpleDevice(uint32_t deviceId, uint32_t deviceType
     // Both cuts are by bytes and may part a character.
     memcpy(announce.PreferredDosName.data(), friendlyName.data(),
            std::min(friendlyName.size(), kDosNameLength));
-    size_t dataLength = std::min(friendlyName.size(), kDeviceDataLength);
-    announce.DeviceDataLength = static_cast<uint32_t>(dataLength + 1);
+    const std::string deviceData = friendlyName.substr(0, kDeviceDataLength);
+    announce.DeviceDataLength = static_cast<uint32_t>(deviceData.size() + 1);
+    if (IsLogEnabled(LOG_LEVEL_TRACE))
+        LogWriteHex("RdpdrChannelManager::SendSimpleDevice()", LOG_LEVEL_TRACE, deviceData.c_str(),
+                    announce.DeviceDataLength);
 
     RdpdrStreamPtr stream;
     {
@@ -94,14 +97,10 @@ int RdpdrChannelManager::SendSimpleDevice(uint32_t deviceId, uint32_t deviceType
         WriteRecord(*stream, DR_CORE_DEVICELIST_ANNOUNCE_REQ::kHeader);
         WriteRecord(*stream, DR_CORE_DEVICELIST_ANNOUNCE_REQ{});
         WriteRecord(*stream, announce);
-        stream->Write(friendlyName.data(), dataLength);
-        stream->Write("", 1);
+        stream->Write(deviceData.c_str(), announce.DeviceDataLength);
         if (extension != 0)
             AppendDeviceListExt(stream.get(), deviceId);
     }
-    if (IsLogEnabled(LOG_LEVEL_TRACE))
-        LogWriteHex("RdpdrChannelManager::SendSimpleDevice()", LOG_LEVEL_TRACE,
-                    stream->Base() + kWireEnd<DEVICE_ANNOUNCE>, announce.DeviceDataLength);
     Write(stream.get());
     return 1;
 }

@@ -177,6 +177,12 @@ TEST_F(Handshake, ADeviceReplyIsTheStatusOfTheCommandThatAddedTheShare)
     EXPECT_EQ(log.Count("E could find drive for deviceId 65536.\n"), 1u);
     Feed({0x72, 0x44, 0x72, 0x64});
     EXPECT_EQ(log.Count("W Set the stream position error.\n"), 1u);
+    const Bytes success = DeviceReply(65535, 0);
+    auto feedCut = [&](long size) { Feed(Bytes(success.begin(), success.begin() + size)); };
+    feedCut(7); // cut, it tells nobody of a success
+    EXPECT_EQ(log.Count("W Read device ID error.\n"), 1u);
+    feedCut(11);
+    EXPECT_EQ(log.Count("W Read result code error.\n"), 1u);
     EXPECT_EQ(channel.TakeNotices(),
               (std::vector<Notice>{{"cookie 1", std::string(kStatus) + "SUCCEEDED"},
                                    {"cookie 2", std::string(kStatus) + "Failed with code 0xc0000001"}}));

@@ -51,8 +51,7 @@ TEST_F(HostilePackets, CutAndMangledPacketsHarmNothing)
             Feed(Bytes(good.begin(), good.begin() + static_cast<long>(n)));
         for (int round = 0; round < 200; ++round) {
             Bytes mangled = good;
-            // The header stays, and so do paths: what isn't text ends the process by design. A length stays
-            // below 16 MiB.
+            // The header stays, and a length stays below 16 MiB.
             for (size_t at = 4 + random() % 23, changes = 0; changes < 3; ++changes, at = 4 + random() % 23) {
                 if (at < mangled.size())
                     mangled[at] = static_cast<uint8_t>(random() >> 9);
