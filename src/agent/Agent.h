@@ -20,6 +20,7 @@ struct AgentOptions {
     bool readOnly = false;        // the mount refuses changes by itself
     bool allowOther = false;      // users other than the mounting one may come in
     unsigned cacheMS = 1000;      // how long names and attributes are believed without asking
+    bool denyWriters = false;     // see FileSystem::Options
     bool handleSignals = true;    // SIGINT, SIGTERM and SIGHUP end the agent; they stay blocked afterwards
     unsigned shareWaitMS = 30000; // Single: how long to wait for the first share; 0: forever
     ClientOptions client;

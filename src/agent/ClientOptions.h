@@ -37,7 +37,7 @@ struct ClientOptions {
     std::string expectedToken; // what the host must show in its Hello; empty: nothing was agreed
     uint16_t version = FODR_CLIENT_VERSION;
     bool multiEntryDirectoryQuery = true;
-    bool preRead = false;
+    bool preRead = true;             // completions carry what is asked next
     bool driveLetterMapping = false; // refuses plain folders
     PolicyOptions policy;
     SideChannel sideChannel = SideChannel::None;

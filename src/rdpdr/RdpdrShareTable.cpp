@@ -7,6 +7,7 @@
 #include "lib/unicode/CodeSet.h"
 #include "platform/Nt.h"
 #include "rdpdr/LocalFolderLimit.h"
+#include "rdpdr/PreReadManager.h"
 #include "rdpdr/RdpdrChannelManager.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 #include "runtime/LogCall.h"
@@ -281,6 +282,7 @@ RdpdrChannelManager::Device RdpdrChannelManager::CreateDevice(const ShareRequest
     settings.multiEntryDirectoryQuery = multiEntryDirectoryQuery;
     settings.readOnly = request.policyApplies && readOnly;
     settings.preReadEnabled = preReadEnabled;
+    settings.preReader = &PreReadManager::GetInstance();
     settings.filterPolicy = request.policyApplies ? policy.load() : nullptr;
     if (allowList)
         return new (std::nothrow)

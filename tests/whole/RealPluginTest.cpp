@@ -3,6 +3,7 @@
 #include "RealMount.h"
 #include "SettingsFixture.h"
 #include "agent/BlockingShare.h"
+#include "agent/FileFacts.h"
 #include "host/HostChannel.h"
 #include "host/PluginHost.h"
 #include "lib/unicode/NameMapping.h"
@@ -296,6 +297,60 @@ TEST_F(RealPlugin, ThePolicyDecidesByVersionAndCapability)
         if (size_t at = wanted.find("PATH"); at != std::string::npos)
             wanted.replace(at, 4, folder.string());
         EXPECT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS," + wanted);
+    }
+}
+
+// Agents of every age: what an old one doesn't know of it isn't sent.
+TEST_F(RealPlugin, EachVersionAndCapabilityGetsWhatItKnows)
+{
+    for (const char *name : {"a", "b", "c"})
+        std::ofstream(folder / name) << name;
+    constexpr RemoteShare::CreateCall kOpenFolder{FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES, FILE_OPEN,
+                                                  FILE_DIRECTORY_FILE};
+    constexpr RemoteShare::CreateCall kReadAlone{
+        .desiredAccess = FILE_READ_DATA | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES,
+        .createDisposition = FILE_OPEN,
+        .createOptions = FILE_NON_DIRECTORY_FILE | FILE_SEQUENTIAL_ONLY,
+        .sharedAccess = FILE_SHARE_READ};
+    for (uint16_t version = 1; version <= 6; ++version) {
+        for (unsigned bits = 0; bits < 4; ++bits) {
+            SCOPED_TRACE(std::to_string(version) + "/" + std::to_string(bits));
+            agent::ClientOptions options;
+            options.version = version;
+            options.multiEntryDirectoryQuery = (bits & 1) != 0;
+            options.preRead = (bits & 2) != 0;
+            Agent &agent = Connect(options);
+            ASSERT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
+            const auto share = agent.Share("docs");
+            const bool many = options.multiEntryDirectoryQuery && version >= 3;
+            const bool ahead = options.preRead && version >= 4;
+
+            agent::FileFacts facts;
+            const auto opened = BlockingCall(*share, &RemoteShare::Create, kOpenFolder, u"\\");
+            EXPECT_EQ(agent::ReadPreReadFacts(opened.preRead, &facts), ahead);
+            EXPECT_EQ(facts.IsDirectory(), ahead);
+            const auto listed = BlockingCall(*share, &RemoteShare::QueryDirectory, opened.fileId,
+                                             FileFullDirectoryInformation, true, u"");
+            size_t entries = 0;
+            agent::DirectoryReader reader(listed.data);
+            for (agent::DirectoryReader::Entry entry; reader.Next(&entry);)
+                ++entries;
+            EXPECT_EQ(entries, many ? 5u : 1u);
+            BlockingCall(*share, &RemoteShare::Close, opened.fileId);
+
+            const auto file = BlockingCall(*share, &RemoteShare::Create, kReadAlone, u"\\b");
+            facts = {};
+            EXPECT_EQ(agent::ReadPreReadFacts(file.preRead, &facts), ahead);
+            EXPECT_EQ(facts.endOfFile, ahead ? 1 : 0);
+            EXPECT_EQ(Text(BlockingCall(*share, &RemoteShare::Read, file.fileId, 0u, 9u).data), "b");
+            const auto set = BlockingCall(*share, &RemoteShare::SetInformation, file.fileId,
+                                          FileBasicInformation, std::vector<uint8_t>(36));
+            EXPECT_EQ(set.status, STATUS_SUCCESS);
+            EXPECT_EQ(agent::ReadPreReadFacts(set.preRead, &facts), ahead);
+            BlockingCall(*share, &RemoteShare::Close, file.fileId);
+            Command("r", "REMOVE," + folder.string() + "|docs");
+            agent.WaitUntilGone("docs");
+        }
     }
 }
 

@@ -29,6 +29,7 @@ FileSystem::Options FileSystemOptions(const AgentOptions &options)
 {
     return {.folders = options.layout == MountLayout::Folders,
             .cacheSeconds = options.cacheMS / 1000.0,
+            .denyWriters = options.denyWriters,
             .owner = {getuid(), getgid()}};
 }
 

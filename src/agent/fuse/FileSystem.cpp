@@ -105,6 +105,8 @@ void FileSystem::OnDirectoryChanged(const NodePtr &directory)
     }
     notifier.AttributesChanged(directory->id);
     for (const auto &[name, id] : children) {
+        if (const NodePtr child = table.Find(id))
+            child->DropFactsOfOpen();
         notifier.NameChanged(directory->id, name);
         notifier.AttributesChanged(id);
     }

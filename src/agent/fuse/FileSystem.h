@@ -36,6 +36,9 @@ public:
     struct Options {
         bool folders = false; // shares are folders of the root
         double cacheSeconds = 1;
+        // While a file is open for reading only, nobody opens it for writing, as far as that can be had. For
+        // that the other side tells a file's facts with its opening.
+        bool denyWriters = false;
         Owner owner;
     };
     explicit FileSystem(const Options &fileSystemOptions);
@@ -94,6 +97,11 @@ private:
 
     // FileSystem.cpp
     std::string FolderName(const RemoteDevice &device) const;
+    Node::Clock::duration CacheSpan() const
+    {
+        return std::chrono::duration_cast<Node::Clock::duration>(
+            std::chrono::duration<double>(options.cacheSeconds));
+    }
     void OnDirectoryChanged(const NodePtr &directory);
     EntryAnswer AnswerFor(const NodePtr &node, const FileFacts &facts, bool lasting) const;
     bool ReplyEntry(const FuseCall::Ptr &call, const NodePtr &node, const FileFacts &facts, bool lasting);
@@ -122,12 +130,15 @@ private:
     };
     Task<Borrowed> BorrowHandle(NodePtr node, OpenFilePtr file, bool forData);
     void GiveBack(const NodePtr &node, const Borrowed &borrowed);
-    Task<nt::NTSTATUS> ChangeBasics(const Borrowed &borrowed, const AttributeChange &change, bool directory);
+    // `facts` are those after the change, as far as `*known` says so.
+    Task<nt::NTSTATUS> ChangeBasics(const Borrowed &borrowed, const AttributeChange &change, bool directory,
+                                    FileFacts *facts, bool *known);
 
     // FileSystemOpen.cpp
     uint64_t KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
                       int flags);
     Task<IoResult> OpenNode(NodePtr node, RemoteShare::CreateCall open, Place *place);
+    Task<IoResult> OpenToRead(NodePtr node, RemoteShare::CreateCall open, Place *place, FileFacts *facts);
     void PrimeReading(const OpenFilePtr &file);
     void CloseLater(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId);
 

@@ -61,7 +61,7 @@ void FileSystem::GiveBack(const NodePtr &node, const Borrowed &borrowed)
 
 // The read-only attribute stands for the owner's write bit; the other bits have no place to be kept.
 Task<nt::NTSTATUS> FileSystem::ChangeBasics(const Borrowed &borrowed, const AttributeChange &change,
-                                            bool directory)
+                                            bool directory, FileFacts *facts, bool *known)
 {
     BasicChange basics;
     if (change.setAccessTime)
@@ -71,15 +71,15 @@ Task<nt::NTSTATUS> FileSystem::ChangeBasics(const Borrowed &borrowed, const Attr
     if (change.setMode && !directory) {
         const IoResult result =
             co_await QueryFile(*borrowed.share, borrowed.fileId, nt::FileNetworkOpenInformation);
-        FileFacts facts;
         if (result.Failed())
             co_return result.status;
-        if (!ReadNetworkOpenInformation(result.data, &facts))
+        if (!ReadNetworkOpenInformation(result.data, facts))
             co_return STATUS_INVALID_NETWORK_RESPONSE;
+        *known = true; // until it is changed
         const bool readOnly = (change.mode & S_IWUSR) == 0;
-        uint32_t attributes = facts.attributes & kSettableAttributes & ~nt::FILE_ATTRIBUTE_READONLY;
+        uint32_t attributes = facts->attributes & kSettableAttributes & ~nt::FILE_ATTRIBUTE_READONLY;
         attributes |= readOnly ? nt::FILE_ATTRIBUTE_READONLY : 0;
-        if (facts.IsReadOnly() != readOnly)
+        if (facts->IsReadOnly() != readOnly)
             basics.attributes = attributes ? attributes : nt::FILE_ATTRIBUTE_NORMAL;
     }
     if (basics.lastAccessTime == 0 && basics.lastWriteTime == 0 && basics.attributes == 0)
@@ -87,6 +87,7 @@ Task<nt::NTSTATUS> FileSystem::ChangeBasics(const Borrowed &borrowed, const Attr
     const std::array<uint8_t, 36> record = BasicRecord(basics);
     const IoResult result =
         co_await SetFile(*borrowed.share, borrowed.fileId, nt::FileBasicInformation, record);
+    *known = !result.Failed() && ReadPreReadFacts(result.preRead, facts);
     co_return result.status;
 }
 
@@ -116,6 +117,8 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
 
     const bool changesBasics = change.setMode || change.setAccessTime || change.setWriteTime;
     Borrowed borrowed;
+    Found found;
+    bool known = false; // the facts after the change
     if (change.setSize || changesBasics) {
         borrowed = co_await BorrowHandle(node, file, change.setSize);
         nt::NTSTATUS status = borrowed.status;
@@ -129,7 +132,7 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
                 writes->DataChanged();
         }
         if (!nt::IsError(status) && changesBasics)
-            status = co_await ChangeBasics(borrowed, change, node->directory);
+            status = co_await ChangeBasics(borrowed, change, node->directory, &found.facts, &known);
         if (nt::IsError(status)) {
             GiveBack(node, borrowed);
             call->FailStatus(status);
@@ -137,8 +140,10 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
         }
     }
     // The facts of what was borrowed are asked of that handle, while it is there.
-    Found found;
-    if (borrowed.share && !borrowed.file) {
+    if (known) {
+        GiveBack(node, borrowed);
+        node->NoteFacts(found.facts);
+    } else if (borrowed.share && !borrowed.file) {
         const IoResult result =
             co_await QueryFile(*borrowed.share, borrowed.fileId, nt::FileNetworkOpenInformation);
         found.status = result.status;

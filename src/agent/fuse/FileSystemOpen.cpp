@@ -79,6 +79,25 @@ Task<IoResult> FileSystem::OpenNode(NodePtr node, RemoteShare::CreateCall open, 
     co_return opened;
 }
 
+// Opens for reading alone. `*facts` are as of the open, if the other side told them.
+Task<IoResult> FileSystem::OpenToRead(NodePtr node, RemoteShare::CreateCall open, Place *place,
+                                      FileFacts *facts)
+{
+    // What this mount writes itself must stay open to it.
+    if (options.denyWriters && !node->opens.Any(true)) {
+        RemoteShare::CreateCall denying = open;
+        denying.sharedAccess = nt::FILE_SHARE_READ | nt::FILE_SHARE_DELETE;
+        denying.createOptions |= nt::FILE_SEQUENTIAL_ONLY;
+        const IoResult opened = co_await OpenNode(node, denying, place);
+        if (!opened.Failed() && ReadPreReadFacts(opened.preRead, facts))
+            node->NoteFactsOfOpen(*facts);
+        if (opened.status != nt::STATUS_SHARING_VIOLATION)
+            co_return opened;
+    }
+    const IoResult opened = co_await OpenNode(node, open, place);
+    co_return opened;
+}
+
 Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
 {
     const NodePtr node = table.Find(nodeId);
@@ -96,7 +115,10 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
                                               AccessOf(flags) | (truncates ? nt::FILE_WRITE_DATA : 0),
                                           .createDisposition = nt::FILE_OPEN,
                                           .createOptions = nt::FILE_NON_DIRECTORY_FILE};
-    const IoResult opened = co_await OpenNode(node, open, &place);
+    FileFacts facts;
+    const bool readsAlone = !WantsWrite(flags) && !truncates;
+    const IoResult opened =
+        readsAlone ? co_await OpenToRead(node, open, &place, &facts) : co_await OpenNode(node, open, &place);
     if (opened.Failed()) {
         // The kernel looks the name up again, and knows then.
         if (SaysAbsent(opened.status))

@@ -95,9 +95,31 @@ void Node::NoteFacts(const FileFacts &seen)
             changed = writes;
         facts = seen;
         factsKnown = true;
+        openedAt = {};
     }
     if (changed)
         changed->DataChanged();
+}
+
+void Node::NoteFactsOfOpen(const FileFacts &seen)
+{
+    NoteFacts(seen);
+    const transport::MutexLock held(factsLock);
+    openedAt = Clock::now();
+}
+
+bool Node::TakeFactsOfOpen(Clock::duration span, FileFacts *seen)
+{
+    const transport::MutexLock held(factsLock);
+    const Clock::time_point at = std::exchange(openedAt, Clock::time_point());
+    *seen = facts;
+    return at != Clock::time_point() && Clock::now() - at < span && !ChangedSince(at);
+}
+
+void Node::DropFactsOfOpen()
+{
+    const transport::MutexLock held(factsLock);
+    openedAt = {};
 }
 
 bool Node::LastFacts(FileFacts *last) const

@@ -84,11 +84,16 @@ struct Node {
     std::unordered_map<std::string, Node *> children;
     std::shared_ptr<RemoteShare> shareRoot; // of the node that stands for a share
 
+    using Clock = std::chrono::steady_clock;
     // What was last seen of it, with its own lock.
     void NoteFacts(const FileFacts &seen);
     bool LastFacts(FileFacts *last) const;
+    // Facts that came with an open of the file: they answer one question, unless they are older than `span`
+    // by then or something has changed since.
+    void NoteFactsOfOpen(const FileFacts &seen);
+    bool TakeFactsOfOpen(Clock::duration span, FileFacts *seen);
+    void DropFactsOfOpen();
     // The last change that this mount made: of a file's data or facts, of a folder's names.
-    using Clock = std::chrono::steady_clock;
     void NoteOwnChange() { ownChange = Clock::now().time_since_epoch().count(); }
     bool ChangedSince(Clock::time_point time) const { return ownChange >= time.time_since_epoch().count(); }
 
@@ -102,6 +107,7 @@ private:
     mutable transport::Mutex factsLock;
     bool factsKnown GUARDED_BY(factsLock) = false;
     FileFacts facts GUARDED_BY(factsLock);
+    Clock::time_point openedAt GUARDED_BY(factsLock); // when the facts came with an open; zero: they didn't
     std::shared_ptr<WriteBehind> writes GUARDED_BY(factsLock);
     std::atomic<Clock::rep> ownChange{0};
 };
