@@ -6,6 +6,9 @@ target_compile_definitions(fodr_options INTERFACE
 
 # The compiler's own va_list carries an attribute, and it tells of every template that is given one.
 target_compile_options(fodr_options INTERFACE -Wno-ignored-attributes)
+# For this target the compiler takes the inline function that it sees for the one that the linker will choose, and
+# trusts in the registers that it leaves alone; another file's may be compiled otherwise.
+target_compile_options(fodr_options INTERFACE -fno-ipa-ra)
 
 target_compile_options(fodr_options INTERFACE $<$<BOOL:$<TARGET_PROPERTY:FODR_IS_TEST>>:-O0>)
 

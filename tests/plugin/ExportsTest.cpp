@@ -1,14 +1,12 @@
 // The library as a host finds it: loaded, by its exports, against a host of its own.
 #include "SettingsFixture.h"
 #include "odpservice/odpservice.h"
+#include "platform/DynamicLibrary.h"
+#include "platform/Registry.h"
 #include "plugin/RecordingHost.h"
 
-#include <dlfcn.h>
-
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 
 namespace fodr {
 namespace {
@@ -17,28 +15,29 @@ class Library : public testing::Test {
 protected:
     void SetUp() override
     {
-        handle = dlopen(FODR_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(handle, nullptr) << dlerror();
+        std::string error;
+        library = platform::DynamicLibrary::Load(FODR_PLUGIN_PATH, &error);
+        ASSERT_TRUE(library) << error;
     }
-    void TearDown() override
+    template <typename Function> Function Export(const char *name) { return library->Find<Function>(name); }
+    // Of the plug-in's key; empty when there is none.
+    static std::string Text(const std::string &name)
     {
-        if (handle)
-            dlclose(handle);
-    }
-    template <typename Function> Function Export(const char *name)
-    {
-        return reinterpret_cast<Function>(dlsym(handle, name));
-    }
-    std::string Store() const
-    {
-        std::ifstream file(settings.Folder() + "/HKEY_LOCAL_MACHINE.ini");
-        std::stringstream text;
-        text << file.rdbuf();
-        return text.str();
+        platform::RegistryKey key = nullptr;
+        if (platform::RegistryOpen(platform::RegistryRoot::LocalMachine,
+                                   "SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr",
+                                   platform::kRegKeyRead, &key) != 0)
+            return {};
+        char text[4096] = {};
+        uint32_t type = 0;
+        uint32_t size = sizeof(text);
+        const uint32_t error = platform::RegistryQuery(key, name, false, &type, text, &size);
+        platform::RegistryClose(key);
+        return error == 0 && type == platform::kRegSz ? text : "";
     }
 
     test::SettingsFixture settings;
-    void *handle = nullptr;
+    std::unique_ptr<platform::DynamicLibrary> library;
 };
 
 TEST_F(Library, TheTokenIsCutToTheBuffer)
@@ -59,12 +58,11 @@ TEST_F(Library, RegistersItselfAndTakesOnlyItselfOutAgain)
     auto unregisterServer = Export<DllUnregisterServerFn>("DllUnregisterServer");
     EXPECT_EQ(unregisterServer(), 0); // nothing there yet
     EXPECT_EQ(registerServer(), 0);
-    EXPECT_NE(Store().find("tcpEnabled=sz:true"), std::string::npos) << Store();
-    EXPECT_NE(Store().find("dll=sz:" + std::filesystem::canonical(FODR_PLUGIN_PATH).string()),
-              std::string::npos)
-        << Store();
+    EXPECT_EQ(Text("tcpEnabled"), "true");
+    EXPECT_TRUE(std::filesystem::path(Text("dll")).is_absolute());
+    EXPECT_TRUE(std::filesystem::equivalent(Text("dll"), FODR_PLUGIN_PATH));
     EXPECT_EQ(unregisterServer(), 0);
-    EXPECT_EQ(Store().find("tcpEnabled"), std::string::npos) << Store();
+    EXPECT_EQ(Text("tcpEnabled"), "");
 }
 
 TEST_F(Library, ServesAWholeHandshakeAndAFolderCommandOverItsChannel)

@@ -1,6 +1,7 @@
 #include "rdpdr/ClientPolicy.h"
 
 #include "AgentPackets.h"
+#include "platform/Volumes.h"
 
 #include <gtest/gtest.h>
 #include <limits>
@@ -149,6 +150,8 @@ TEST(ClientPolicy, AFolderIsInThePolicyWithAllThatLiesBelowIt)
         {std::string("/a\0b", 4), "/a", false},
     };
     for (const auto &c : cases) {
+        if (c.entry.starts_with('/') && !platform::IsLocalSeparator('/'))
+            continue; // the paths are those of another system
         ClientPolicy policy;
         Parse(policy, Policy{.folders = {{0, c.entry}}}.Block(5), 5);
         EXPECT_EQ(policy.IsFolderInPolicy(c.path), c.matches) << c.entry << " " << c.path;

@@ -3,6 +3,9 @@
 
 #include "AgentPackets.h"
 #include "SettingsFixture.h"
+#include "platform/Process.h"
+#include "platform/UserFolders.h"
+#include "platform/Volumes.h"
 #include "rdpdr/RdpdrChannelManager.h"
 #include "runtime/LogCall.h"
 
@@ -66,8 +69,11 @@ class ManagerTest : public ::testing::Test {
 protected:
     ManagerTest()
     {
-        std::string pattern = std::filesystem::temp_directory_path() / "fodr-shares-XXXXXX";
-        root = mkdtemp(pattern.data());
+        static int made = 0;
+        const std::string name =
+            "fodr-shares-" + std::to_string(platform::CurrentProcessId()) + "-" + std::to_string(++made);
+        root = (std::filesystem::temp_directory_path() / name).string();
+        std::filesystem::create_directories(root);
         settings.CreateKey(); // without "RedirectAll": nothing is shared unasked
         UseDrives("");
         manager.Initialize(&channel, nullptr);
@@ -75,17 +81,18 @@ protected:
     ~ManagerTest() override
     {
         manager.Shutdown();
-        unsetenv("FODR_DRIVES");
+        platform::SetEnvironment("FODR_DRIVES", "");
         std::filesystem::remove_all(root);
     }
 
     // Sets the letters that stand for something; without it there are none.
-    void UseDrives(const std::string &table) { setenv("FODR_DRIVES", table.c_str(), 1); }
+    void UseDrives(const std::string &table) { platform::SetEnvironment("FODR_DRIVES", table); }
 
     std::string Folder(const std::string &name)
     {
-        std::filesystem::create_directories(root + "/" + name);
-        return root + "/" + name;
+        const std::string folder = root + platform::LocalSeparator() + name;
+        std::filesystem::create_directories(folder);
+        return folder;
     }
     static bool FeedTo(RdpdrChannelManager &fed, Bytes packet)
     {

@@ -1,5 +1,7 @@
 #include "rdpdr/ShareNames.h"
 
+#include "platform/Volumes.h"
+
 #include <gtest/gtest.h>
 
 namespace fodr {
@@ -21,8 +23,11 @@ TEST(ShareNames, NtFormOfAPath)
         {"/home/me/docs/", "\\??\\/home/me/docs"},
         {"/", "\\??\\"},
     };
-    for (const auto &c : cases)
+    for (const auto &c : cases) {
+        if (c.path[0] == '/' && !platform::IsLocalSeparator('/'))
+            continue; // a path of another system
         EXPECT_EQ(ToNtPath(c.path), c.ntPath) << c.path;
+    }
 }
 
 TEST(ShareNames, FriendlyNameOfAPathOrAWish)
@@ -48,8 +53,11 @@ TEST(ShareNames, FriendlyNameOfAPathOrAWish)
         {"/srv/(OVFCP)x", "", "(OV.FCP)x"},
         {"/srv/(ovdnd)x", "", "(ovdnd)x"},
     };
-    for (const auto &c : cases)
+    for (const auto &c : cases) {
+        if (c.path[0] == '/' && !*c.shareName && !platform::IsLocalSeparator('/'))
+            continue;
         EXPECT_EQ(PlainFriendlyName(c.path, c.shareName), c.name) << c.path;
+    }
 }
 
 TEST(ShareNames, TagsAreComparedWithCase)

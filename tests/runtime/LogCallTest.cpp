@@ -5,7 +5,7 @@
 #include "runtime/FunctionTrace.h"
 #include "runtime/StringUtils.h"
 
-#include <cerrno>
+#include <cstdio>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -121,7 +121,7 @@ const LogReceiver kReceiver = {
 void SpeakOfErrors()
 {
     LOG_CODE_AT(LOG_LEVEL_ALWAYS, platform::kErrorBusy, "%s\n", "code");
-    errno = ENOENT;
+    EXPECT_EQ(std::fopen("no such file", "r"), nullptr);
     LogWriteLastError("F()", LOG_LEVEL_ERROR, "%s", "last");
 }
 
@@ -134,9 +134,10 @@ TEST(LogCall, HandsEachKindOfCallToTheReceiver)
     {
         CapturedLog log(LOG_LEVEL_ERROR); // has everything, as text, while it lives
         SpeakOfErrors();
-        EXPECT_THAT(log.Lines(), ElementsAre("A SpeakOfErrors(): code; (170) " +
-                                                 platform::SystemErrorText(platform::kErrorBusy),
-                                             "E F(): last; (2) No such file or directory"));
+        EXPECT_THAT(
+            log.Lines(),
+            ElementsAre("A SpeakOfErrors(): code; (170) " + platform::SystemErrorText(platform::kErrorBusy),
+                        "E F(): last; (2) " + platform::SystemErrorText(platform::kErrorFileNotFound)));
     }
     SetLogReceiver(nullptr);
     SpeakOfErrors();

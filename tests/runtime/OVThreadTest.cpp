@@ -1,8 +1,7 @@
 #include "runtime/OVThread.h"
 
+#include "EndThread.h"
 #include "runtime/CapturedLog.h"
-
-#include <pthread.h>
 
 #include <atomic>
 #include <functional>
@@ -147,7 +146,7 @@ TEST_F(OVThreadTest, NoticesAThreadThatDiedInItsCall)
 {
     ASSERT_TRUE(Start([&](OVThread *) -> bool {
         go.Wait();
-        pthread_exit(nullptr);
+        test::EndThread();
     }));
     EXPECT_FALSE(thread->WaitForStop(0));
     go.Set();

@@ -2,10 +2,7 @@
 #pragma once
 
 #include "platform/ByteStream.h"
-#include "platform/linux/FdStream.h"
-
-#include <fcntl.h>
-#include <unistd.h>
+#include "platform/Process.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -33,28 +30,22 @@ inline StreamPair MeetLocally(const std::string &path)
         [](const std::string &name, uint16_t) { return platform::ConnectLocal(name, nullptr); }, path);
 }
 
-inline StreamPair MakePipes()
-{
-    int there[2], back[2];
-    EXPECT_EQ(pipe2(there, O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(back, O_CLOEXEC), 0);
-    return {platform::MakeFdStream(platform::Fd(back[0]), platform::Fd(there[1])),
-            platform::MakeFdStream(platform::Fd(there[0]), platform::Fd(back[1]))};
-}
+// Two pipes, as standard input and output are.
+StreamPair MakePipes();
 
 inline StreamPair MakeStreams(StreamKind kind)
 {
     const std::filesystem::path folder = testing::TempDir();
-    const std::string name = "fodr-stream-" + std::to_string(getpid());
+    const std::string name = "fodr-stream-" + std::to_string(platform::CurrentProcessId());
     switch (kind) {
     case StreamKind::LocalPair:
         return platform::MakeStreamPair();
     case StreamKind::LocalSocket:
-        return MeetLocally(folder / name);
+        return MeetLocally((folder / name).string());
     case StreamKind::LongPath: {
         const std::filesystem::path deep = folder / (name + std::string(150, 'd'));
         std::filesystem::create_directories(deep);
-        StreamPair streams = MeetLocally(deep / "socket");
+        StreamPair streams = MeetLocally((deep / "socket").string());
         std::filesystem::remove_all(deep);
         return streams;
     }

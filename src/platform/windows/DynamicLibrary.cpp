@@ -22,7 +22,7 @@ std::unique_ptr<DynamicLibrary> DynamicLibrary::Load(const std::string &path, st
     // What it needs itself is looked for beside it, not in the current folder.
     HMODULE module = LoadLibraryExW(wide.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
     if (!module) {
-        *error = SystemErrorText(GetLastError());
+        *error = path + ": " + SystemErrorText(GetLastError());
         return nullptr;
     }
     return std::unique_ptr<DynamicLibrary>(new DynamicLibrary(module));

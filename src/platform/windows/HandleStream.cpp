@@ -146,7 +146,7 @@ void HandleStream::Shutdown()
 
 bool HandleStream::PeerIsThisUser() const
 {
-    return readEnd && readEnd->PeerIsThisUser();
+    return readEnd && !writeEnd && readEnd->PeerIsThisUser(); // of two pipes, as of a pair of pipes anywhere
 }
 
 std::nullptr_t FailWith(std::string *error, DWORD code)

@@ -2,6 +2,7 @@
 #include "platform/SystemError.h"
 #include "platform/windows/HandleStream.h"
 
+#include <algorithm>
 #include <chrono>
 
 namespace fodr::platform {
@@ -57,7 +58,9 @@ public:
     }
     DWORD StartWrite(ByteView data, OVERLAPPED *overlapped) override
     {
-        WSABUF block{static_cast<ULONG>(data.size()),
+        // In pieces that the system's buffer takes: under Wine, a send that waits never hears of a reset.
+        constexpr size_t kPiece = 64 * 1024;
+        WSABUF block{static_cast<ULONG>(std::min(data.size(), kPiece)),
                      reinterpret_cast<char *>(const_cast<std::byte *>(data.data()))};
         return Outcome(WSASend(socket.Get(), &block, 1, nullptr, 0, overlapped, nullptr) == 0);
     }
