@@ -17,6 +17,7 @@ struct ShareWords {
     bool readOnly = false;
     std::optional<bool> reconnect;
     bool verbose = false;
+    bool trace = false;
     std::string tokenFile;
     std::string sideChannel;
     std::string sshCommand;
@@ -35,8 +36,11 @@ struct AgentCommandWords {
     bool disabled = false;
     bool onlyForced = false;
     std::vector<std::string> forced;
-    bool preRead = false;
+    bool noPreRead = false;
+    bool singleEntries = false;
     bool driveLetters = false;
+    bool denyWriters = false;
+    std::optional<unsigned> protocol, permission;
     bool allowOther = false;
     std::optional<unsigned> cacheMS, ioTimeoutSeconds, shareWaitMS;
     std::string sideChannel = "none";
@@ -51,6 +55,7 @@ int RunAdd(uint32_t processId, const std::string &folder, const std::string &nam
 int RunRemove(uint32_t processId, const std::string &folderOrName);
 int RunList(uint32_t processId, bool json);
 int RunStatus(uint32_t processId, bool json);
+int RunTraffic(uint32_t processId, bool json);
 
 int RunRegister(bool registering);
 

@@ -92,6 +92,57 @@ void SayShares(const std::vector<Words> &rows)
     }
 }
 
+struct TrafficRow {
+    std::string kind;
+    unsigned long long packets = 0;
+    unsigned long long bytes = 0;
+};
+
+std::vector<TrafficRow> TrafficRows(const std::vector<Words> &rows)
+{
+    std::vector<TrafficRow> traffic;
+    for (const Words &row : rows) {
+        if (row.size() == 3)
+            traffic.push_back({Plain(row[0]), std::strtoull(row[1].c_str(), nullptr, 10),
+                               std::strtoull(row[2].c_str(), nullptr, 10)});
+    }
+    return traffic;
+}
+
+std::string TrafficAsJson(const std::vector<TrafficRow> &rows)
+{
+    std::string list = "[";
+    for (const TrafficRow &row : rows)
+        list += (list.size() == 1 ? "" : ", ") + ("{\"kind\": " + Json(row.kind)) +
+                ", \"packets\": " + std::to_string(row.packets) +
+                ", \"bytes\": " + std::to_string(row.bytes) + "}";
+    return list + "]";
+}
+
+void SayTraffic(const std::vector<TrafficRow> &rows)
+{
+    TrafficRow all{"total", 0, 0};
+    for (const TrafficRow &row : rows) {
+        all.packets += row.packets;
+        all.bytes += row.bytes;
+    }
+    const auto say = [&all](const TrafficRow &row) {
+        char line[128];
+        const double share =
+            all.bytes == 0 ? 0 : static_cast<double>(row.bytes) / static_cast<double>(all.bytes) * 100;
+        std::snprintf(line, sizeof(line), "%-25s %10llu %15llu %10llu %7.2f", row.kind.c_str(), row.packets,
+                      row.bytes, row.packets == 0 ? 0 : row.bytes / row.packets, share);
+        Say(line);
+    };
+    char head[128];
+    std::snprintf(head, sizeof(head), "%-25s %10s %15s %10s %7s", "kind", "packets", "bytes", "average",
+                  "% bytes");
+    Say(head);
+    for (const TrafficRow &row : rows)
+        say(row);
+    say(all);
+}
+
 } // namespace
 
 int RunAdd(uint32_t processId, const std::string &folder, const std::string &name)
@@ -149,6 +200,19 @@ int RunStatus(uint32_t processId, bool json)
         Say(object + "\"shares\": " + SharesAsJson(rows) + "}");
     else
         SayShares(rows);
+    return EXIT_DONE;
+}
+
+int RunTraffic(uint32_t processId, bool json)
+{
+    const ControlReply reply = Ask(processId, {"traffic"});
+    if (reply.code != EXIT_DONE)
+        return reply.code;
+    const std::vector<TrafficRow> rows = TrafficRows(reply.rows);
+    if (json)
+        Say(TrafficAsJson(rows));
+    else
+        SayTraffic(rows);
     return EXIT_DONE;
 }
 

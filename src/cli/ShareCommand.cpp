@@ -152,6 +152,7 @@ int CheckOptions(const ShareWords &words, ShareOptions *options)
     options->readOnly = words.readOnly;
     options->reconnect = words.reconnect.value_or(options->target.kind == AgentTarget::Kind::Ssh);
     options->verbose = words.verbose;
+    options->trace = words.trace;
     options->sideChannel = words.sideChannel;
     options->agentWords = words.agentWords;
     options->command = words.command;
@@ -223,7 +224,9 @@ int RunShare(const ShareWords &words)
     if (folder.empty())
         return Refuse(EXIT_OTHER, "the folder " + platform::RuntimeFolder() + " can't be used: " + problem);
     int code = EXIT_OTHER;
-    if (auto settings = host::PrivateSettings::Create((fs::path(folder) / "settings").string(), &problem)) {
+    const auto log = options.trace ? host::PluginLog::Trace : host::PluginLog::AsSet;
+    if (auto settings =
+            host::PrivateSettings::Create((fs::path(folder) / "settings").string(), &problem, log)) {
         ShareSession session(options, std::move(settings), folder);
         relay.Attach(&session);
         code = session.Run();

@@ -64,6 +64,8 @@ void ShareSession::RunControl(const Words &request, std::function<void(const Con
         answer(ControlList());
     else if (verb == "status" && request.size() == 1)
         answer(ControlStatus());
+    else if (verb == "traffic" && request.size() == 1)
+        answer(ControlTraffic());
     else
         answer(Refusal(EXIT_USAGE, "the running fodr doesn't know this request: is it of another version?"));
 }
@@ -195,6 +197,14 @@ ControlReply ShareSession::ControlStatus() const
                                            {"mount", mounted.empty() ? "" : MountedAt()},
                                            {"seconds", std::to_string(seconds)},
                                            {"reconnects", std::to_string(reconnects)}});
+    return reply;
+}
+
+ControlReply ShareSession::ControlTraffic() const
+{
+    ControlReply reply;
+    for (const agent::PacketTraffic::Row &row : traffic.Rows())
+        reply.rows.push_back({row.kind, std::to_string(row.packets), std::to_string(row.bytes)});
     return reply;
 }
 

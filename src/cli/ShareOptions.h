@@ -55,6 +55,7 @@ struct ShareOptions {
     bool readOnly = false;
     bool reconnect = false;
     bool verbose = false;
+    bool trace = false;
     std::string token;                   // both ends know it; empty: none was agreed
     std::string sideChannel;             // as the agent's option: none, tcp, plugin
     std::vector<std::string> agentWords; // put on the agent's command line as they are

@@ -117,7 +117,11 @@ bool ShareSession::StartPlugin()
     for (const SharedFolder &shared : options.folders)
         shares->Add(shared.path, shared.name, shared.files);
     FollowSettings();
-    channel = std::make_unique<host::HostChannel>(host.get(), ChannelOptionsFor(options),
+    host::ChannelOptions channelOptions = ChannelOptionsFor(options);
+    channelOptions.onBlock = [this](const transport::Parameter &packet) {
+        traffic.Count(packet.block.data(), packet.block.size(), packet.block.size() + packet.tail.size());
+    };
+    channel = std::make_unique<host::HostChannel>(host.get(), channelOptions,
                                                   static_cast<host::IChannelListener *>(this));
     return true;
 }

@@ -4,6 +4,7 @@
 // hear (signals, the channel, the message bus, control connections, ends of processes) they post to it.
 #pragma once
 
+#include "agent/PacketTraffic.h"
 #include "cli/AgentStarter.h"
 #include "cli/MountPoint.h"
 #include "cli/ShareOptions.h"
@@ -102,6 +103,7 @@ private:
     host::ControlReply ControlRemove(const std::string &which);
     host::ControlReply ControlList() const;
     host::ControlReply ControlStatus() const;
+    host::ControlReply ControlTraffic() const;
     void AnswerPending(const host::FolderShare &share);
     void AnswerOverdue();
 
@@ -124,6 +126,7 @@ private:
     const std::unique_ptr<host::PrivateSettings> settings; // posts to the queue
     std::unique_ptr<host::PluginHost> host;
     std::unique_ptr<host::FolderShares> shares;
+    agent::PacketTraffic traffic; // counts on the channel's threads
     std::unique_ptr<host::HostChannel> channel;
     std::unique_ptr<host::ControlServer> control;
     std::unique_ptr<MountPoint> mountPoint; // Local

@@ -61,6 +61,7 @@ void AddWhereAndHow(CLI::App *app, ShareWords *words)
     app->add_option("--agent-option", words->agentWords, "Handed to the agent as it is")
         ->allow_extra_args(false);
     app->add_flag("-v,--verbose", words->verbose, "Also what the agent says");
+    app->add_flag("--trace", words->trace, "Show on standard error what the plug-in does, packet by packet");
     app->footer(
         "Behind -- a command can follow: it runs while the shares are there, with FODR_MOUNT naming the\n"
         "mount, and its status becomes ours.");
@@ -96,10 +97,19 @@ void AddAgent(CLI::App *app, AgentCommandWords *words)
     app->add_option("--layout", words->layout)->check(CLI::IsMember({"single", "folders"}));
     app->add_flag("--read-only", words->readOnly, "Nothing can be changed");
     app->add_flag("--disabled", words->disabled, "Take no shares");
-    app->add_option("--force", words->forced, "Ask for this folder of the host's machine, or *all")
+    app->add_option(
+           "--force", words->forced,
+           "Ask for this folder of the host's machine, or *all; in front of it may stand its permission")
+        ->type_name("[PERMISSION:]FOLDER")
         ->allow_extra_args(false);
+    app->add_option("--permission", words->permission, "Of all shares; 1 and 2: read-only. Default: 5")
+        ->check(CLI::Range(0, 255));
     app->add_flag("--only-forced", words->onlyForced, "Take no others");
-    app->add_flag("--pre-read", words->preRead, "Ask for the first bytes of files with their listing");
+    app->add_option("--protocol", words->protocol, "Be an agent of this version")->check(CLI::Range(1, 6));
+    app->add_flag("--no-pre-read", words->noPreRead, "Don't ask for facts ahead of the question");
+    app->add_flag("--single-entries", words->singleEntries, "Ask for listings one entry at a time");
+    app->add_flag("--deny-writers", words->denyWriters,
+                  "While a file is open for reading here, nobody opens it for writing; saves a question");
     app->add_flag("--drive-letters", words->driveLetters, "Take whole drives only, under their letters");
     app->add_flag("--allow-other", words->allowOther, "Let other users in");
     app->add_option("--cache-ms", words->cacheMS, "How long names and attributes are believed");
@@ -131,6 +141,7 @@ struct ControlWords {
     std::string folder;
     std::string name;
     bool json = false;
+    bool traffic = false;
 };
 
 struct ConfigWords {
@@ -206,6 +217,7 @@ int Run(std::vector<std::string> arguments)
         AddControl(one, &control);
     for (auto *one : {listApp, statusApp})
         one->add_flag("--json", control.json, "As one JSON value");
+    statusApp->add_flag("--traffic", control.traffic, "What went over its channel so far, by kind of packet");
     auto *agentApp = app.add_subcommand("agent", "The other end: mounts what a host shares");
     AddAgent(agentApp, &agent);
     auto *registerApp = app.add_subcommand("register", "Enter the plug-in into the settings store");
@@ -243,7 +255,8 @@ int Run(std::vector<std::string> arguments)
     if (listApp->parsed())
         return RunList(control.processId, control.json);
     if (statusApp->parsed())
-        return RunStatus(control.processId, control.json);
+        return control.traffic ? RunTraffic(control.processId, control.json)
+                               : RunStatus(control.processId, control.json);
     return RunRegister(registerApp->parsed() && !unregisterApp->parsed());
 }
 

@@ -1,6 +1,7 @@
 #include "host/ChannelObject.h"
 
 #include "host/CurrentChannel.h"
+#include "host/HostChannel.h"
 
 namespace fodr::host {
 
@@ -17,6 +18,7 @@ bool ChannelObject::Deliver(const transport::Message &frame)
     const GatedCall call(gate);
     if (!call || sink.OnInvoke == nullptr)
         return false;
+    channel->ShowBlocks(frame);
     const CallScope scope(channel);
     HostMessage message(frame);
     sink.OnInvoke(userData, &message);
@@ -67,6 +69,7 @@ bool ChannelObject::Invoke(const HostMessage &message, const MessageSink &report
     }
     if (used == nullptr)
         return false;
+    channel->ShowBlocks(frame);
     if (used->Connection().Send(frame))
         return true;
     Report unsent;

@@ -41,6 +41,9 @@ struct ChannelOptions {
     std::string sideChannelHost; // where an offered TCP port is; empty: TCP side channels are refused
     int sideChannelTimeoutMS = 10000;
     int32_t sessionType = SESSION_PCOIP;
+    // Sees every message with a block, either way, before it is passed on. Several threads at once; must not
+    // block. May be empty.
+    std::function<void(const transport::Parameter &block)> onBlock;
 };
 
 class HostChannel final : private ILinkOwner {
@@ -63,6 +66,8 @@ public:
     void DestroyInstance();
     // Waits until every event so far has been handled.
     void Settle();
+
+    void ShowBlocks(const transport::Message &frame) const;
 
     // ---- What a plug-in may ask of its channel ----
     bool AddSink(const ChannelSink &sink, void *userData, uint32_t *sinkId);

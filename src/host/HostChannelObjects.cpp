@@ -39,6 +39,16 @@ void HostChannel::OnLinkObjectState(uint64_t link, const transport::ObjectState 
     PostForLink(link, [this, frame] { HandlePeerState(frame.object, frame.state); });
 }
 
+void HostChannel::ShowBlocks(const transport::Message &frame) const
+{
+    if (!options.onBlock)
+        return;
+    for (size_t i = 0; i < frame.parameterCount; ++i) {
+        if (frame.parameters[i].isBlock)
+            options.onBlock(frame.parameters[i]);
+    }
+}
+
 bool HostChannel::OnLinkMessage(const transport::Message &frame)
 {
     const ObjectPointer object = ObjectByNumber(frame.object);

@@ -8,29 +8,36 @@ namespace {
 constexpr char kKey[] = "SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr";
 
 // All of them each time: a missing key would mean that every drive is shared.
-std::vector<platform::PrivateStore::FixedValue> Fixed(const std::vector<std::string> &folders)
+std::vector<platform::PrivateStore::FixedValue> Fixed(const std::vector<std::string> &folders, PluginLog log)
 {
     std::string list;
     for (const std::string &folder : folders)
         list += folder + '\0';
     list += '\0';
-    return {{"AllowedFolders", platform::kRegMultiSz, list},
-            {"RedirectAll", platform::kRegDword, std::string(4, '\0')},
-            {"SharedFolders", platform::kRegNone, ""}};
+    std::vector<platform::PrivateStore::FixedValue> values = {
+        {"AllowedFolders", platform::kRegMultiSz, list},
+        {"RedirectAll", platform::kRegDword, std::string(4, '\0')},
+        {"SharedFolders", platform::kRegNone, ""}};
+    if (log == PluginLog::Trace) {
+        values.push_back({"logLevel", platform::kRegSz, std::string("TRACE") + '\0'});
+        values.push_back({"logToStderr", platform::kRegSz, std::string("true") + '\0'});
+    }
+    return values;
 }
 
 } // namespace
 
-std::unique_ptr<PrivateSettings> PrivateSettings::Create(const std::string &folder, std::string *error)
+std::unique_ptr<PrivateSettings> PrivateSettings::Create(const std::string &folder, std::string *error,
+                                                         PluginLog log)
 {
-    std::unique_ptr<PrivateSettings> settings(new PrivateSettings);
-    settings->store = platform::PrivateStore::Create(folder, kKey, Fixed({}), error);
+    std::unique_ptr<PrivateSettings> settings(new PrivateSettings(log));
+    settings->store = platform::PrivateStore::Create(folder, kKey, Fixed({}, log), error);
     return settings->store ? std::move(settings) : nullptr;
 }
 
 bool PrivateSettings::Allow(const std::vector<std::string> &folders, std::string *error)
 {
-    if (!store->Update(Fixed(folders), error))
+    if (!store->Update(Fixed(folders, log), error))
         return false;
     allowed = folders;
     return true;
@@ -38,7 +45,7 @@ bool PrivateSettings::Allow(const std::vector<std::string> &folders, std::string
 
 bool PrivateSettings::Refresh(std::string *error)
 {
-    return store->Update(Fixed(allowed), error);
+    return store->Update(Fixed(allowed, log), error);
 }
 
 } // namespace fodr::host

@@ -13,12 +13,18 @@
 
 namespace fodr::host {
 
+enum class PluginLog {
+    AsSet, // as the user's settings say
+    Trace, // everything, packets too, on standard error
+};
+
 class PrivateSettings {
 public:
     // Makes the store, in `folder` if it takes one, and makes it the process's. It shares no drives, none of
     // the user's own folders, and nothing at all until Allow. Null, with a few words in `*error`, when it
     // can't be made.
-    static std::unique_ptr<PrivateSettings> Create(const std::string &folder, std::string *error);
+    static std::unique_ptr<PrivateSettings> Create(const std::string &folder, std::string *error,
+                                                   PluginLog log = PluginLog::AsSet);
 
     // From now on these folders, and no others, may be shared. UTF-8 in the form that the plug-in is given.
     [[nodiscard]] bool Allow(const std::vector<std::string> &folders, std::string *error);
@@ -29,8 +35,9 @@ public:
     [[nodiscard]] bool Refresh(std::string *error);
 
 private:
-    PrivateSettings() = default;
+    explicit PrivateSettings(PluginLog pluginLog) : log(pluginLog) {}
 
+    const PluginLog log;
     std::unique_ptr<platform::PrivateStore> store;
     std::vector<std::string> allowed;
 };

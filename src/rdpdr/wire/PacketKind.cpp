@@ -17,7 +17,7 @@ struct KindName {
     const char *name;
 };
 
-constexpr KindName kKindNames[] = {
+constexpr KindName kKindNames[kNamedPacketKinds] = {
     {IRP_MJ_CREATE, "CREATE"},
     {PAKID_PRIVATE_VERSION_EXCHANGE, "VERSION_EXCHANGE"},
     {IRP_MJ_CLOSE, "CLOSE"},
@@ -44,8 +44,21 @@ constexpr KindName kKindNames[] = {
     {PAKID_CORE_USER_LOGGEDON, "CORE_USER_LOGGEDON"},
     {PAKID_CORE_DEVICE_REPLY, "CORE_DEVICE_REPLY"},
 };
+static_assert(std::ranges::is_sorted(kKindNames, {}, &KindName::kind));
 
 } // namespace
+
+uint32_t NamedPacketKind(size_t place)
+{
+    return kKindNames[place].kind;
+}
+
+size_t PlaceOfPacketKind(uint32_t kind)
+{
+    const KindName *found = std::ranges::lower_bound(kKindNames, kind, {}, &KindName::kind);
+    bool known = found != std::end(kKindNames) && found->kind == kind;
+    return known ? static_cast<size_t>(found - kKindNames) : kNamedPacketKinds;
+}
 
 uint32_t PacketKind(const void *data, size_t size)
 {
@@ -59,10 +72,8 @@ uint32_t PacketKind(const void *data, size_t size)
 
 std::string PacketKindName(uint32_t kind)
 {
-    for (const KindName &known : kKindNames) {
-        if (known.kind == kind)
-            return known.name;
-    }
+    if (size_t place = PlaceOfPacketKind(kind); place < kNamedPacketKinds)
+        return kKindNames[place].name;
     char unknown[32];
     snprintf(unknown, sizeof(unknown), "Unknown(%x)", kind);
     return unknown;

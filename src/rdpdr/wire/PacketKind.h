@@ -11,6 +11,12 @@ namespace fodr {
 // policy has the key of a close, and that is meant. What the packet doesn't hold reads as zeros.
 uint32_t PacketKind(const void *data, size_t size);
 
+// The kinds that have a name, in ascending order, and where one of them stands; kNamedPacketKinds for any
+// other.
+inline constexpr size_t kNamedPacketKinds = 25;
+uint32_t NamedPacketKind(size_t place);
+size_t PlaceOfPacketKind(uint32_t kind);
+
 // "READ", "CORE_DEVICE_IOCOMPLETION"; "Unknown(<hex>)" for another key.
 std::string PacketKindName(uint32_t kind);
 
