@@ -1,6 +1,7 @@
 """The main job, end to end: a local folder appears at a real mount, through the real plug-in."""
 import filecmp
 import hashlib
+import json
 import os
 import pathlib
 import signal
@@ -238,6 +239,24 @@ class Command(MountCase):
                    env=self.scratch.environment)
         self.assertEqual((self.local / "f").read_text(), "there\n")
         self.assertFalse(mounted(self.mount))
+
+    def test_packets_are_shown_and_counted(self):
+        (self.local / "f").write_text("seen")
+        script = f"cat '{self.mount}/f'; '{FODR}' status --traffic; '{FODR}' status --traffic --json | tail -n 1"
+        done = run("share", self.local, "--mount", self.mount, "--trace", "--", "bash", "-c", script,
+                   env=self.scratch.environment)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertTrue(done.stdout.startswith("seen"), done.stdout)
+        counted = {row["kind"]: row for row in json.loads(done.stdout.splitlines()[-1])}
+        self.assertEqual(counted["CORE_SERVER_ANNOUNCE"], {"kind": "CORE_SERVER_ANNOUNCE", "packets": 1, "bytes": 12})
+        self.assertRegex(done.stdout, r"\nCREATE +\d+ +\d+ +\d+ +[\d.]+\n")
+        self.assertRegex(done.stdout, r"\ntotal +\d+ +\d+ +\d+ +100.00\n")
+        # The plug-in says the same, and each packet in words.
+        self.assertIn(r"Path:\f)", done.stderr)
+        self.assertIn("SERVER_ANNOUNCE(VersionMajor:1, VersionMinor:c, ClientId:", done.stderr)
+        self.assertIn("(CORE_SERVER_ANNOUNCE); 12 bytes over 1 packets; Average = 12 bytes per packet", done.stderr)
+        quiet = run("share", self.local, "--mount", self.mount, "--", "true", env=self.scratch.environment)
+        self.assertEqual((quiet.returncode, quiet.stderr), (0, ""))
 
     def test_folders_come_and_go_while_it_runs(self):
         for name in ("one", "two"):
