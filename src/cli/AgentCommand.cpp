@@ -7,6 +7,8 @@
 #include "cli/Words.h"
 #include "platform/Mounts.h"
 
+#include <charconv>
+
 namespace fodr::cli {
 namespace {
 
@@ -28,6 +30,18 @@ bool ChooseSideChannel(const std::string &word, agent::SideChannel *side)
     return word == "none" || word == "tcp" || word == "plugin";
 }
 
+// "1:C:\\docs" names a permission, "C:\\docs" doesn't.
+agent::PolicyFolder ForcedFolder(const std::string &word)
+{
+    const size_t colon = word.find(':');
+    unsigned permission = 0;
+    const char *end = word.data() + (colon == std::string::npos ? 0 : colon);
+    const auto parsed = std::from_chars(word.data(), end, permission);
+    if (end == word.data() || parsed.ec != std::errc() || parsed.ptr != end || permission > 255)
+        return {0, word};
+    return {static_cast<uint8_t>(permission), word.substr(colon + 1)};
+}
+
 agent::AgentOptions OptionsFrom(const AgentCommandWords &words)
 {
     agent::AgentOptions options;
@@ -37,7 +51,10 @@ agent::AgentOptions OptionsFrom(const AgentCommandWords &words)
     options.cacheMS = words.cacheMS.value_or(options.cacheMS);
     options.shareWaitMS = words.shareWaitMS.value_or(options.shareWaitMS);
     agent::ClientOptions &client = options.client;
-    client.preRead = words.preRead;
+    client.preRead = !words.noPreRead;
+    client.multiEntryDirectoryQuery = !words.singleEntries;
+    client.version = static_cast<uint16_t>(words.protocol.value_or(client.version));
+    options.denyWriters = words.denyWriters;
     client.driveLetterMapping = words.driveLetters;
     client.sideChannelAddress = words.sideAddress;
     client.ioTimeoutSeconds = words.ioTimeoutSeconds.value_or(client.ioTimeoutSeconds);
@@ -45,10 +62,11 @@ agent::AgentOptions OptionsFrom(const AgentCommandWords &words)
     agent::PolicyOptions &policy = client.policy;
     policy.enabled = !words.disabled;
     policy.sharedByAgent = words.onlyForced;
+    policy.defaultPermission = static_cast<uint8_t>(words.permission.value_or(policy.defaultPermission));
     if (words.readOnly)
         policy.defaultPermission = 1;
     for (const std::string &folder : words.forced)
-        policy.folders.push_back({0, folder});
+        policy.folders.push_back(ForcedFolder(folder));
     policy.excludeRule = words.excludeRule;
     policy.includeRule = words.includeRule;
     return options;
