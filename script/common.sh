@@ -10,6 +10,7 @@ TEST_PACKAGES=(libgtest-dev libgmock-dev libumockdev-dev umockdev unicode-data g
   openssh-server openssh-client psmisc procps iproute2)
 FORMAT_PACKAGES=(clang-format-14)
 LINT_PACKAGES=(clang-14 clang-tidy-14)
+WINDOWS_PACKAGES=(g++-mingw-w64-x86-64-posix googletest wine wine64 xvfb xauth)
 BENCH_PACKAGES=(libbenchmark-dev libspdlog-dev sshfs openssh-sftp-server python3)
 FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
 

@@ -186,7 +186,7 @@ TEST_F(Handshake, ADeviceReplyIsTheStatusOfTheCommandThatAddedTheShare)
     EXPECT_EQ(channel.TakeNotices(),
               (std::vector<Notice>{{"cookie 1", std::string(kStatus) + "SUCCEEDED"},
                                    {"cookie 2", std::string(kStatus) + "Failed with code 0xc0000001"}}));
-    EXPECT_TRUE(TakeAnnouncedNames().size() == 2 && Add(root + "/b").empty());
+    EXPECT_TRUE(TakeAnnouncedNames().size() == 2 && Add(Folder("b")).empty());
     EXPECT_EQ(TakeAnnounced(), (std::vector<Announced>{{65537, 5, "b", {}}})); // under a new number
 }
 

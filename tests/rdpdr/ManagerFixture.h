@@ -73,6 +73,7 @@ protected:
         const std::string name =
             "fodr-shares-" + std::to_string(platform::CurrentProcessId()) + "-" + std::to_string(++made);
         root = (std::filesystem::temp_directory_path() / name).string();
+        std::filesystem::remove_all(root); // of a process that was killed
         std::filesystem::create_directories(root);
         settings.CreateKey(); // without "RedirectAll": nothing is shared unasked
         UseDrives("");
@@ -84,6 +85,8 @@ protected:
         platform::SetEnvironment("FODR_DRIVES", "");
         std::filesystem::remove_all(root);
     }
+
+    static inline const bool kHasDriveTable = platform::LocalSeparator() == '/';
 
     // Sets the letters that stand for something; without it there are none.
     void UseDrives(const std::string &table) { platform::SetEnvironment("FODR_DRIVES", table); }

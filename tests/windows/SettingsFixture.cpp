@@ -25,6 +25,10 @@ SettingsFixture::SettingsFixture()
     const std::wstring own = std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++made);
     store = L"Software\\fodr\\Tests\\" + own;
     const std::filesystem::path scratch = std::filesystem::temp_directory_path() / (L"fodr-settings-" + own);
+    // What a killed process of this number left: numbers are used again.
+    std::error_code ignored;
+    std::filesystem::remove_all(scratch, ignored);
+    RegDeleteTreeW(HKEY_CURRENT_USER, store.c_str());
     std::filesystem::create_directories(scratch);
     folder = scratch.string();
     HKEY key = nullptr;
