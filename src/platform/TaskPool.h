@@ -1,10 +1,10 @@
 // A private pool of threads for independent tasks. No order among tasks: each may start as soon as it is
 // there.
 //
-// No task waits behind a blocked one. A task that is about to block says so with a BlockingSection, and
-// another thread takes its place at once; a task that blocks without a word is noticed after some
-// milliseconds. A burst of short tasks is served by few threads. Threads that have nothing to do end after a
-// while, and a pool at rest wakes nobody.
+// No task waits behind a blocked one, on Windows up to the system's limit of threads for a pool. A task that
+// is about to block says so with a BlockingSection, and another thread takes its place at once; a task that
+// blocks without a word is noticed after some milliseconds. A burst of short tasks is served by few threads.
+// Threads that have nothing to do end after a while, and a pool at rest wakes nobody.
 //
 // Submit and BlockingSection are safe from any thread, also from tasks of the pool.
 #pragma once

@@ -1,5 +1,6 @@
 #include "logging/LogWriter.h"
 
+#include "MatchesPattern.h"
 #include "logging/LoggerManager.h"
 #include "logging/MemorySink.h"
 #include "runtime/OVEvent.h"
@@ -11,9 +12,9 @@
 namespace fodr {
 namespace {
 
+using fodr::test::MatchesPattern;
 using test::MemorySink;
 using testing::ElementsAre;
-using testing::MatchesRegex;
 
 constexpr const char *kBanner = "\n***** BATCH MODE ENABLED *****\n\n";
 
@@ -25,8 +26,8 @@ constexpr const char *kBanner = "\n***** BATCH MODE ENABLED *****\n\n";
 TEST(LinePrefix, SaysWhenWhoWhereAndHowBad)
 {
     const RCPtr<MemorySink> sink = new MemorySink;
-    EXPECT_THAT(sink->Prefix("A::B()"), MatchesRegex(LOCAL_STAMP IDS "I A::B\\(\\): "));
-    EXPECT_THAT(sink->Prefix("A::B()", LOG_LEVEL_VERBOSE), MatchesRegex(LOCAL_STAMP IDS "V A::B\\(\\): "));
+    EXPECT_THAT(sink->Prefix("A::B()"), MatchesPattern(LOCAL_STAMP IDS "I A::B\\(\\): "));
+    EXPECT_THAT(sink->Prefix("A::B()", LOG_LEVEL_VERBOSE), MatchesPattern(LOCAL_STAMP IDS "V A::B\\(\\): "));
 }
 
 TEST(LinePrefix, PartsTheLinesOfDifferentThreads)
@@ -159,7 +160,8 @@ TEST(LogWriterDelivery, CloseWritesAllAndDropsWhatComesThen)
     ASSERT_TRUE(sink->Init());
     EXPECT_TRUE(sink->IsOpen());
     EXPECT_TRUE(sink->Init());
-    EXPECT_THAT(sink->Take(), ElementsAre(MatchesRegex(LOCAL_STAMP IDS "A LogWriter::Init\\(\\): hello\n")));
+    EXPECT_THAT(sink->Take(),
+                ElementsAre(MatchesPattern(LOCAL_STAMP IDS "A LogWriter::Init\\(\\): hello\n")));
     sink->SetBuffering(true);
     sink->Put("one");
     sink->OnWrite([&](const LogMessage &) { EXPECT_FALSE(sink->Put("late")); });
@@ -168,7 +170,7 @@ TEST(LogWriterDelivery, CloseWritesAllAndDropsWhatComesThen)
     EXPECT_FALSE(sink->IsOpen());
     EXPECT_THAT(sink->Take(),
                 ElementsAre("(", "one\n", ")",
-                            MatchesRegex(LOCAL_STAMP IDS "A LogWriter::Close\\(\\): bye\n"), "close"));
+                            MatchesPattern(LOCAL_STAMP IDS "A LogWriter::Close\\(\\): bye\n"), "close"));
     LoggerManager::Instance().Shutdown();
 }
 

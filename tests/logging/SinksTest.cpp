@@ -1,4 +1,5 @@
 // The sinks that aren't files.
+#include "MatchesPattern.h"
 #include "logging/DebugWriter.h"
 #include "logging/Logger.h"
 #include "logging/LoggerManager.h"
@@ -17,8 +18,8 @@
 namespace fodr {
 namespace {
 
+using fodr::test::MatchesPattern;
 using testing::ElementsAre;
-using testing::MatchesRegex;
 
 constexpr const char *kNoMemory = "Failed to allocate memory for log message\n";
 

@@ -4,7 +4,10 @@
 #include "platform/windows/UserIdentity.h"
 #include "platform/windows/WideText.h"
 
+#include <io.h>
+
 #include <atomic>
+#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -181,8 +184,7 @@ std::unique_ptr<ByteStream> OpenStandardStream(std::string *error)
     if (!readSide || !writeSide)
         return FailWith(error, GetLastError());
     // A stray print must not get between the frames.
-    CloseHandle(GetStdHandle(STD_OUTPUT_HANDLE));
-    SetStdHandle(STD_OUTPUT_HANDLE, GetStdHandle(STD_ERROR_HANDLE));
+    _dup2(_fileno(stderr), _fileno(stdout));
     return std::make_unique<StandardStream>(in, out, std::move(readSide), std::move(readFeed),
                                             std::move(writeSide), std::move(writeDrain));
 }

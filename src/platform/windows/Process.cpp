@@ -74,6 +74,7 @@ std::vector<std::string> ProgramArguments(int, char **)
     for (int i = 1; words && i < count; ++i)
         arguments.push_back(Narrow(words[i]));
     LocalFree(words);
+    SetConsoleOutputCP(CP_UTF8); // what the program says is in the same encoding
     return arguments;
 }
 

@@ -13,7 +13,8 @@ namespace fodr::platform {
 
 struct VolumeEvents::State {
     std::atomic<HWND> window{nullptr};
-    IVolumeEventSink *sink = nullptr; // of the thread that runs
+    std::atomic<DWORD> runner{0};     // the thread in Run, 0 for none
+    IVolumeEventSink *sink = nullptr; // of that thread
 
     static LRESULT CALLBACK OnMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam);
     LRESULT OnDeviceChange(WPARAM wParam, LPARAM lParam) const;
@@ -123,20 +124,26 @@ bool VolumeEvents::IsOpen() const
 
 bool VolumeEvents::Run(IVolumeEventSink &sink)
 {
+    MSG message;
+    PeekMessageW(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE); // makes the thread's queue
     state->sink = &sink;
-    for (;;) {
-        MSG message;
-        const BOOL result = GetMessageW(&message, nullptr, 0, 0);
-        if (result == 0 || result == -1)
-            return result == 0;
+    state->runner = GetCurrentThreadId();
+    BOOL result;
+    while ((result = GetMessageW(&message, nullptr, 0, 0)) != 0 && result != -1)
         DispatchMessageW(&message);
-    }
+    state->runner = 0;
+    if (state->sink && result == 0) // ended without a window
+        sink.OnClose();
+    state->sink = nullptr;
+    return result == 0;
 }
 
 void VolumeEvents::RequestEnd()
 {
     if (const HWND window = state->window)
         SendMessageW(window, WM_CLOSE, 0, 0);
+    else if (const DWORD runner = state->runner)
+        PostThreadMessageW(runner, WM_QUIT, 0, 0);
 }
 
 } // namespace fodr::platform
