@@ -117,6 +117,13 @@ TEST(AccessControl, WhatAnUpdateDoesToTheCache)
     EXPECT_EQ(ListRoot(share), (Names{"c", "b", "a"}));
     EXPECT_EQ(share.QueriesSinceLast(), 4);
     EXPECT_EQ(share.Open(u"\\c"), STATUS_SUCCESS);
+
+    // In the middle of a listing, which is of the old list and isn't kept.
+    share.device->UpdateAllowAccessFileList({"d"});
+    share.Put("e", "");
+    share.files->meanwhile = [&] { share.device->UpdateAllowAccessFileList({"e"}); };
+    EXPECT_EQ(ListRoot(share), (Names{"c", "b", "a"}));
+    EXPECT_EQ(ListRoot(share), (Names{"e", "c", "b", "a"}));
 }
 
 TEST(AccessControl, AListOfOneIsNeverCachedAndAnEmptyOneListsNothing)

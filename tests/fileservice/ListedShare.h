@@ -6,6 +6,8 @@
 #include "fileservice/Share.h"
 
 #include <atomic>
+#include <functional>
+#include <utility>
 
 namespace fodr::test {
 
@@ -21,10 +23,13 @@ public:
                                               const char16_t *pattern, bool multiEntry) override
     {
         ++queries;
+        if (meanwhile)
+            std::exchange(meanwhile, {})();
         return AllowListFileSystem::RedirectedQueryDirectoryFile(fileId, ioStatus, outBuffer, fileInfoClass,
                                                                  restartScan, pattern, multiEntry);
     }
     std::atomic<int> queries{0};
+    std::function<void()> meanwhile; // called once, within the next query
 };
 
 // A share that shows the names alone.
