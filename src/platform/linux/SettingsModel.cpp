@@ -61,7 +61,7 @@ bool LoadKeyFile(const std::string &path, Glib::KeyFile &file, std::string &comp
 SettingsModel SettingsModel::FromFile(const Glib::KeyFile &file, std::string &complaint)
 {
     SettingsModel model;
-    model.keys[u""]; // the root is always there,
+    model.keys[u""];         // the root is always there,
     model.keys[u"software"]; // and what all settings are below, as in a registry
     for (const Glib::ustring &group : file.get_groups()) {
         const std::optional<std::u16string> path = FoldSettingsName(group.raw());
