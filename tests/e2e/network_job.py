@@ -98,6 +98,12 @@ class Ssh(NetworkCase):
         self.assertEqual((done.returncode, done.stdout), (7, "hello"), done.stderr)
         wait_for(lambda: not mounted(self.mount), "the unmount on the other side")
 
+    def test_single_files_are_sent(self):
+        (self.local / "beside").write_text("not sent")
+        done = run("send", self.local / "greeting", *self.to(), "--", "sh", "-c",
+                   f"ls '{self.mount}'; cat '{self.mount}/greeting' '{self.mount}/beside'", env=self.scratch.environment)
+        self.assertEqual((done.returncode, done.stdout), (1, "greeting\nhello"), done.stderr)
+
     def test_a_lost_connection_comes_back(self):
         with self.share(*self.to()) as share:
             self.assert_usable()
