@@ -68,5 +68,23 @@ class Command(SettingsCase):
         out.close()
 
 
+class Live(SettingsCase):
+    def test_a_running_share_logs_as_the_user_says(self):
+        logs = self.scratch.root / "logs"
+        logs.mkdir()
+        self.config("set", "logDirectory", f"{logs}/")
+
+        def logged():
+            return "".join(log.read_text() for log in logs.glob("orvane-LumenFodr-Client-*.log"))
+        with Share(self.scratch):
+            wait_for(lambda: "Log level is set to INFO" in logged(), "the start")
+            self.config("set", "logLevel", "TRACE")
+            wait_for(lambda: "logLevel changed to TRACE" in logged(), "the change")
+            os.listdir(self.scratch.mount)
+            wait_for(lambda: "DEVICE_IOREQUEST(" in logged(), "a packet")
+            self.config("unset", "logLevel")
+            wait_for(lambda: "logLevel changed to INFO" in logged(), "the end of it")
+
+
 if __name__ == "__main__":
     unittest.main(verbosity=2)
