@@ -2,6 +2,7 @@
 
 #include "fileservice/NtCalls.h"
 #include "lib/unicode/CodeSet.h"
+#include "rdpdr/wire/DirectoryEntryShape.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 
 #include <iterator>
@@ -16,34 +17,6 @@ namespace {
 
 constexpr uint32_t kBothNameOnWire = 93; // FileBothDirectoryInformation alone differs from its native form
 
-// Where an entry keeps the length of its name, and the name. Entries of another class can't be judged.
-struct EntryShape {
-    uint32_t infoClass;
-    size_t nameLength;
-    size_t name;
-};
-constexpr EntryShape kEntryShapes[] = {
-    {FileDirectoryInformation, offsetof(FILE_DIRECTORY_INFORMATION, FileNameLength),
-     offsetof(FILE_DIRECTORY_INFORMATION, FileName)},
-    {FileFullDirectoryInformation, offsetof(FILE_FULL_DIR_INFORMATION, FileNameLength),
-     offsetof(FILE_FULL_DIR_INFORMATION, FileName)},
-    {FileBothDirectoryInformation, offsetof(FILE_BOTH_DIR_INFORMATION, FileNameLength),
-     offsetof(FILE_BOTH_DIR_INFORMATION, FileName)},
-    {FileNamesInformation, offsetof(FILE_NAMES_INFORMATION, FileNameLength),
-     offsetof(FILE_NAMES_INFORMATION, FileName)},
-    {FileIdBothDirectoryInformation, offsetof(FILE_ID_BOTH_DIR_INFORMATION, FileNameLength),
-     offsetof(FILE_ID_BOTH_DIR_INFORMATION, FileName)},
-    {FileIdFullDirectoryInformation, offsetof(FILE_ID_FULL_DIR_INFORMATION, FileNameLength),
-     offsetof(FILE_ID_FULL_DIR_INFORMATION, FileName)},
-};
-
-const EntryShape *ShapeOf(uint32_t infoClass)
-{
-    const auto *found = std::find_if(std::begin(kEntryShapes), std::end(kEntryShapes),
-                                     [=](const EntryShape &shape) { return shape.infoClass == infoClass; });
-    return found == std::end(kEntryShapes) ? nullptr : found;
-}
-
 bool TextOfBytes(const uint8_t *bytes, size_t count, std::string *text)
 {
     std::u16string units(count / sizeof(char16_t), u'\0');
@@ -52,12 +25,12 @@ bool TextOfBytes(const uint8_t *bytes, size_t count, std::string *text)
 }
 
 // Of the entry at the beginning of `entry`; false when it has none that is text.
-bool NameOfEntry(std::span<const uint8_t> entry, const EntryShape &shape, size_t nameOffset,
+bool NameOfEntry(std::span<const uint8_t> entry, const DirectoryEntryShape &shape, size_t nameOffset,
                  std::string *name)
 {
     if (entry.size() < nameOffset)
         return false;
-    size_t length = LoadLittle<uint32_t>(entry.data() + shape.nameLength);
+    size_t length = LoadLittle<uint32_t>(entry.data() + shape.nameLengthOffset);
     return length <= entry.size() - nameOffset && TextOfBytes(entry.data() + nameOffset, length, name);
 }
 
@@ -173,7 +146,7 @@ NTSTATUS AllowListFileSystem::RedirectedQueryDirectoryFile(uint32_t fileId, IO_S
     const bool continues = !restartScan && (!pattern || !*pattern);
     if (continues && state == RootState::Unread)
         return Refuse(ioStatus, STATUS_NO_MORE_FILES); // of a listing that came from elsewhere
-    if (!ShapeOf(fileInfoClass))
+    if (!FindDirectoryEntryShape(fileInfoClass))
         return Refuse(ioStatus, STATUS_INVALID_INFO_CLASS);
     {
         OVMutexLock held(rootsLock);
@@ -202,8 +175,9 @@ NTSTATUS AllowListFileSystem::RedirectedQueryDirectoryFile(uint32_t fileId, IO_S
 
 size_t AllowListFileSystem::KeepShown(MallocBuffer &entries, uint32_t infoClass, bool chained) const
 {
-    const EntryShape &shape = *ShapeOf(infoClass);
-    const size_t name = infoClass == FileBothDirectoryInformation && !chained ? kBothNameOnWire : shape.name;
+    const DirectoryEntryShape &shape = *FindDirectoryEntryShape(infoClass);
+    const size_t name =
+        infoClass == FileBothDirectoryInformation && !chained ? kBothNameOnWire : shape.nameOffset;
     uint8_t *base = entries.Data();
     size_t kept = 0;
     uint8_t *lastKept = nullptr;

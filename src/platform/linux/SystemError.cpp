@@ -4,58 +4,14 @@
 #error "this file is the Linux side"
 #endif
 
+#include "platform/ErrnoErrors.h"
+
 #include <cerrno>
 #include <cstring>
 
 namespace fodr::platform {
 
 namespace {
-
-struct ErrnoError {
-    int errnoValue;
-    uint32_t code;
-};
-
-// The first row of a code gives the code its text.
-constexpr ErrnoError kErrnoErrors[] = {
-    {0, kErrorSuccess},
-    {ENOENT, kErrorFileNotFound},
-    {ENOTDIR, kErrorPathNotFound},
-    {EMFILE, kErrorTooManyOpenFiles},
-    {ENFILE, kErrorTooManyOpenFiles},
-    {EACCES, kErrorAccessDenied},
-    {EPERM, kErrorAccessDenied},
-    {EISDIR, kErrorAccessDenied},
-    {EBADF, kErrorInvalidHandle},
-    {ENOMEM, kErrorNotEnoughMemory},
-    {ENODEV, kErrorInvalidDrive},
-    {EXDEV, kErrorNotSameDevice},
-    {EROFS, kErrorWriteProtect},
-    {ENXIO, kErrorNotReady},
-    {ENOMEDIUM, kErrorNotReady},
-    {ETXTBSY, kErrorSharingViolation},
-    {EAGAIN, kErrorLockViolation},
-    {EDEADLK, kErrorLockViolation},
-    {ENOTSUP, kErrorNotSupported},
-    {ENOSYS, kErrorNotSupported},
-    {ENOTTY, kErrorNotSupported},
-    {EHOSTUNREACH, kErrorBadNetPath},
-    {ENETUNREACH, kErrorBadNetPath},
-    {EEXIST, kErrorFileExists},
-    {EINVAL, kErrorInvalidParameter},
-    {EPIPE, kErrorBrokenPipe},
-    {ENOSPC, kErrorDiskFull},
-    {EDQUOT, kErrorDiskFull},
-    {EFBIG, kErrorDiskFull},
-    {ERANGE, kErrorInsufficientBuffer},
-    {EILSEQ, kErrorInvalidName},
-    {ENOTEMPTY, kErrorDirNotEmpty},
-    {EBUSY, kErrorBusy},
-    {ENAMETOOLONG, kErrorFilenameTooLong},
-    {EIO, kErrorIoDevice},
-    {ETIMEDOUT, kErrorTimeout},
-    {ELOOP, kErrorCantResolveFilename},
-};
 
 struct ErrorText {
     uint32_t code;
@@ -79,11 +35,7 @@ uint32_t LastSystemError()
 
 uint32_t SystemErrorFromErrno(int errnoValue)
 {
-    for (const ErrnoError &row : kErrnoErrors) {
-        if (row.errnoValue == errnoValue)
-            return row.code;
-    }
-    return kErrorGeneralFailure;
+    return CodeOfErrno(errnoValue);
 }
 
 std::string SystemErrorText(uint32_t code)

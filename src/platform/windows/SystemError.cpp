@@ -1,9 +1,8 @@
 #include "platform/SystemError.h"
 
+#include "platform/ErrnoErrors.h"
 #include "platform/windows/WideText.h"
 #include "platform/windows/Win32.h"
-
-#include <cerrno>
 
 namespace fodr::platform {
 
@@ -14,51 +13,7 @@ uint32_t LastSystemError()
 
 uint32_t SystemErrorFromErrno(int errnoValue)
 {
-    struct Row {
-        int errnoValue;
-        uint32_t code;
-    };
-    static constexpr Row kRows[] = {
-        {0, kErrorSuccess},
-        {ENOENT, kErrorFileNotFound},
-        {ENOTDIR, kErrorPathNotFound},
-        {EMFILE, kErrorTooManyOpenFiles},
-        {ENFILE, kErrorTooManyOpenFiles},
-        {EACCES, kErrorAccessDenied},
-        {EPERM, kErrorAccessDenied},
-        {EISDIR, kErrorAccessDenied},
-        {EBADF, kErrorInvalidHandle},
-        {ENOMEM, kErrorNotEnoughMemory},
-        {ENODEV, kErrorInvalidDrive},
-        {EXDEV, kErrorNotSameDevice},
-        {EROFS, kErrorWriteProtect},
-        {ENXIO, kErrorNotReady},
-        {EAGAIN, kErrorLockViolation},
-        {EDEADLK, kErrorLockViolation},
-        {ENOTSUP, kErrorNotSupported},
-        {ENOSYS, kErrorNotSupported},
-        {ENOTTY, kErrorNotSupported},
-        {EHOSTUNREACH, kErrorBadNetPath},
-        {ENETUNREACH, kErrorBadNetPath},
-        {EEXIST, kErrorFileExists},
-        {EINVAL, kErrorInvalidParameter},
-        {EPIPE, kErrorBrokenPipe},
-        {ENOSPC, kErrorDiskFull},
-        {EFBIG, kErrorDiskFull},
-        {ERANGE, kErrorInsufficientBuffer},
-        {EILSEQ, kErrorInvalidName},
-        {ENOTEMPTY, kErrorDirNotEmpty},
-        {EBUSY, kErrorBusy},
-        {ENAMETOOLONG, kErrorFilenameTooLong},
-        {EIO, kErrorIoDevice},
-        {ETIMEDOUT, kErrorTimeout},
-        {ELOOP, kErrorCantResolveFilename},
-    };
-    for (const Row &row : kRows) {
-        if (row.errnoValue == errnoValue)
-            return row.code;
-    }
-    return kErrorGeneralFailure;
+    return CodeOfErrno(errnoValue);
 }
 
 std::string SystemErrorText(uint32_t code)

@@ -3,6 +3,7 @@
 #include "lib/misc/MallocBuffer.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/NtRecords.h"
+#include "rdpdr/wire/DirectoryEntryShape.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 
 #include <algorithm>
@@ -15,23 +16,6 @@ namespace fodr {
 namespace {
 
 using namespace nt;
-
-// Where a native entry keeps FileNameLength and where its name begins.
-struct EntryShape {
-    uint32_t infoClass;
-    uint32_t nameLengthOffset;
-    uint32_t nameOffset;
-};
-constexpr EntryShape kEntryShapes[] = {
-    {FileDirectoryInformation, offsetof(FILE_DIRECTORY_INFORMATION, FileNameLength),
-     offsetof(FILE_DIRECTORY_INFORMATION, FileName)},
-    {FileFullDirectoryInformation, offsetof(FILE_FULL_DIR_INFORMATION, FileNameLength),
-     offsetof(FILE_FULL_DIR_INFORMATION, FileName)},
-    {FileBothDirectoryInformation, offsetof(FILE_BOTH_DIR_INFORMATION, FileNameLength),
-     offsetof(FILE_BOTH_DIR_INFORMATION, FileName)},
-    {FileNamesInformation, offsetof(FILE_NAMES_INFORMATION, FileNameLength),
-     offsetof(FILE_NAMES_INFORMATION, FileName)},
-};
 
 // The native byte behind ShortNameLength is no part of the wire form: all from ShortName on moves down by
 // one.
@@ -71,10 +55,10 @@ RdpdrPacker::RdpdrPacker(const std::string &root) : path(root.c_str())
 NTSTATUS RdpdrPacker::PackDirectoryEntry(uint32_t infoClass, uint8_t *entry, uint32_t entryLength,
                                          uint8_t **out, uint32_t *outLength) const
 {
-    const auto *shape =
-        std::find_if(std::begin(kEntryShapes), std::end(kEntryShapes),
-                     [&](const EntryShape &candidate) { return candidate.infoClass == infoClass; });
-    if (shape == std::end(kEntryShapes) || entryLength < shape->nameOffset) {
+    // Entries with a file id go out as they are.
+    const DirectoryEntryShape *shape =
+        infoClass <= FileNamesInformation ? FindDirectoryEntryShape(infoClass) : nullptr;
+    if (!shape || entryLength < shape->nameOffset) {
         *out = entry;
         *outLength = entryLength;
         return STATUS_SUCCESS;
