@@ -73,6 +73,11 @@ void HostChannel::Settle()
 
 void HostChannel::Attach(std::unique_ptr<platform::ByteStream> stream)
 {
+    // The plug-in hears of a former connection's end first, also when that hasn't been noticed yet.
+    RunAndWait([this] {
+        if (Main())
+            HandleLost("another connection takes its place");
+    });
     std::shared_ptr<ChannelLink> link;
     {
         const MutexLock held(lock);

@@ -55,7 +55,7 @@ public:
     HostChannel(const HostChannel &) = delete;
     HostChannel &operator=(const HostChannel &) = delete;
 
-    // Starts a connection; a former one has been lost. When the agent has greeted, the instance is made, or
+    // Starts a connection; a former one is ended first. When the agent has greeted, the instance is made, or
     // hears that its connection is back.
     void Attach(std::unique_ptr<platform::ByteStream> stream);
     // Asks the agent to finish; OnLost follows when it has, or after Close. Never waits for the agent.
