@@ -2,6 +2,7 @@
 import ctypes
 import errno
 import hashlib
+import json
 import mmap
 import os
 import pathlib
@@ -13,7 +14,7 @@ import threading
 import time
 import unittest
 
-from share import Scratch, Share, mounted, wait_for
+from share import Scratch, Share, mounted, run, wait_for
 
 
 class PosixCase(unittest.TestCase):
@@ -349,6 +350,43 @@ class Names(PosixCase):
             wait_for(lambda: os.stat(self.mount / "f").st_size == 2, "the new size")
             (self.local / "f").rename(self.local / "g")
             wait_for(lambda: not (self.mount / "f").exists(), "the old name to go")
+
+
+class Trips(PosixCase):
+    """What a user's call asks of the other side, counted. Notifications and lookups come as they like, and aren't."""
+    COUNTED = ("CREATE", "CLOSE", "READ", "WRITE", "QUERY_INFORMATION", "SET_INFORMATION")
+
+    def traffic(self):
+        out = run("status", "--traffic", "--json", env=self.scratch.environment).stdout
+        return {row["kind"]: row["packets"] for row in json.loads(out.splitlines()[-1])}
+
+    def assertAsks(self, wanted, action):
+        before = self.traffic()
+        action()
+        wanted = dict(zip(self.COUNTED, wanted))
+
+        def asked():
+            now = self.traffic()
+            return {kind: now.get(kind, 0) - before.get(kind, 0) for kind in self.COUNTED}
+
+        wait_for(lambda: asked()["CLOSE"] >= wanted["CLOSE"], "the close")
+        self.assertEqual(asked(), wanted)
+
+    def test_no_call_asks_for_more_than_it_must(self):
+        def create_and_delete():
+            os.close(os.open(self.mount / "new", os.O_CREAT | os.O_WRONLY))
+            os.unlink(self.mount / "new")
+
+        for option, reading, changing in (("--allow-other", 1, 0), ("--deny-writers", 0, 0), ("--no-pre-read", 1, 1)):
+            (self.local / "f").write_text("hello")
+            with self.subTest(option), self.share("--agent-option=--cache-ms=600000", f"--agent-option={option}"):
+                os.listdir(self.mount)
+                os.stat(self.mount / "f")
+                self.assertAsks((1, 1, 1, 0, reading, 0), (self.mount / "f").read_text)
+                self.assertAsks((1, 1, 0, 0, changing, 1), lambda: os.utime(self.mount / "f", (5, 5)))
+                # A folder's facts change with its names: the kernel asks for them anew.
+                self.assertAsks((2, 2, 0, 0, 2, 0), create_and_delete)
+                self.assertEqual(os.listdir(self.local), ["f"])
 
 
 class Trouble(PosixCase):

@@ -85,6 +85,7 @@ void DirectoryCache::OnOpened(const NodePtr &node, uint64_t serial, const std::s
     if (!result.Failed())
         handle = std::make_shared<DirectoryHandle>(node, share, result.fileId);
     std::vector<Handler> waiters;
+    std::shared_ptr<void> ending; // let go outside the lock
     bool kept = false;
     {
         const MutexLock held(lock);
@@ -92,7 +93,8 @@ void DirectoryCache::OnOpened(const NodePtr &node, uint64_t serial, const std::s
         // It may have been dropped meanwhile, and opened anew.
         if (slot != slots.end() && slot->serial == serial) {
             waiters.swap(slot->waiters);
-            kept = handle != nullptr;
+            ending = std::move(slot->ending);
+            kept = handle && !ending;
             slot->handle = handle;
             if (!kept)
                 slots.erase(slot);
@@ -100,6 +102,8 @@ void DirectoryCache::OnOpened(const NodePtr &node, uint64_t serial, const std::s
     }
     if (kept)
         Watch(node, handle);
+    else if (handle && ending)
+        handle->KeepUntilClosed(std::move(ending));
     for (Handler &waiter : waiters)
         waiter(result.status, handle);
 }
@@ -142,7 +146,13 @@ void DirectoryCache::DropBelow(const NodePtr &directory, InlineFunction<void()> 
     {
         const MutexLock held(lock);
         for (auto slot = slots.begin(); slot != slots.end();) {
-            if (!slot->handle || !table.IsBelow(slot->node, directory)) {
+            if (!table.IsBelow(slot->node, directory)) {
+                ++slot;
+                continue;
+            }
+            if (!slot->handle) {
+                slot->ending = std::make_shared<std::pair<std::shared_ptr<void>, std::shared_ptr<void>>>(
+                    std::move(slot->ending), barrier);
                 ++slot;
                 continue;
             }

@@ -50,7 +50,8 @@ public:
     // Forgets a handle that turned out to be of no use.
     void Drop(const NodePtr &directory);
     // Closes the handles of a folder and of all folders in it, because its place or its life ends. `closed`
-    // is called when the other side has done so; those who still use one are waited for.
+    // is called when the other side has done so; those who still use one are waited for, and what is being
+    // opened.
     void DropBelow(const NodePtr &directory, InlineFunction<void()> closed);
     void Clear();
 
@@ -59,7 +60,8 @@ private:
         NodePtr node;
         DirectoryHandlePtr handle; // null while it is being opened
         std::vector<Handler> waiters;
-        uint64_t serial = 0; // tells this opening from a later one of the same folder
+        uint64_t serial = 0;            // tells this opening from a later one of the same folder
+        std::shared_ptr<void> ending{}; // dropped while it is being opened: let go with the handle
     };
     using Slots = std::list<Slot>; // the latest used first
 

@@ -15,8 +15,10 @@ DirectoryListing::~DirectoryListing()
     lock.lock();
     const bool open = !closed;
     lock.unlock();
-    if (open)
+    if (open) {
+        node->opens.BeginClose();
         Close();
+    }
 }
 
 const DirectoryListing::Entry *DirectoryListing::At(size_t index) const
@@ -29,6 +31,19 @@ nt::NTSTATUS DirectoryListing::Status() const
 {
     const MutexLock held(lock);
     return status;
+}
+
+void DirectoryListing::EndUnread()
+{
+    {
+        const MutexLock held(lock);
+        if (begun || closed)
+            return;
+        begun = ended = closed = true;
+        begunAt = Clock::now();
+    }
+    node->opens.BeginClose();
+    Close();
 }
 
 bool DirectoryListing::IsBegun() const
@@ -45,6 +60,8 @@ DirectoryListing::Clock::time_point DirectoryListing::BegunAt() const
 
 void DirectoryListing::WhenKnown(size_t index, Waiter waiter)
 {
+    // An answer to an earlier query can let the waiter go, and with it the listing, while this goes on.
+    const std::shared_ptr<DirectoryListing> self = shared_from_this();
     size_t queries = 0;
     bool known;
     {
@@ -52,6 +69,7 @@ void DirectoryListing::WhenKnown(size_t index, Waiter waiter)
         if (!begun) {
             begun = true;
             begunAt = Clock::now();
+            node->opens.BeginClose();
             queries = PlanQueries();
         }
         known = KnowsAbout(index);
@@ -95,7 +113,6 @@ void DirectoryListing::SendQueries(size_t count)
 
 void DirectoryListing::Close()
 {
-    node->opens.BeginClose();
     share->Close(fileId, [directory = node](const IoResult &) { directory->opens.EndClose(); });
 }
 

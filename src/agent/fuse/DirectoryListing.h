@@ -40,6 +40,8 @@ public:
     nt::NTSTATUS Status() const;
     // Whether any entry was asked for.
     bool IsBegun() const;
+    // Its folder is removed: nothing is in it, and a handle that nobody has read from is closed.
+    void EndUnread();
     Clock::time_point BegunAt() const;
 
 private:

@@ -42,11 +42,18 @@ Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
                                                              nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
                                             .createDisposition = nt::FILE_OPEN,
                                             .createOptions = nt::FILE_DIRECTORY_FILE};
+    // A removal of the folder waits until it is known whether there is a handle.
+    open->node->opens.BeginClose();
     const IoResult opened = co_await CreateFile(*place.share, create, place.path);
-    if (opened.Failed())
-        co_return opened.status;
+    if (opened.Failed()) {
+        const nt::NTSTATUS status = opened.status;
+        open->node->opens.EndClose();
+        co_return status;
+    }
     const bool rootOfShare = place.path.size() == 1;
     open->listing = std::make_shared<DirectoryListing>(open->node, place.share, opened.fileId, rootOfShare);
+    open->node->NoteListing(open->listing);
+    open->node->opens.EndClose();
     co_return nt::STATUS_SUCCESS;
 }
 

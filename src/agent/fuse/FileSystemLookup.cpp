@@ -164,7 +164,7 @@ Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node)
     NodePtr parent;
     std::string name;
     if (file) {
-        if (!writes && node->TakeFactsOfOpen(CacheSpan(), &found.facts))
+        if (node->TakeFactsOfOpen(CacheSpan(), &found.facts))
             co_return found;
         const IoResult result =
             co_await QueryFile(*file->share, file->fileId, nt::FileNetworkOpenInformation);

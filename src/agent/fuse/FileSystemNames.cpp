@@ -85,13 +85,20 @@ Task<nt::NTSTATUS> FileSystem::DeleteOpened(const Place &place, uint32_t fileId)
 
 Task<nt::NTSTATUS> FileSystem::DeleteAt(Place place, bool directory)
 {
-    const RemoteShare::CreateCall open = OpenToDelete(directory);
+    RemoteShare::CreateCall open = OpenToDelete(directory);
+    // A folder that isn't empty refuses to be marked; its close would leave it there without a word.
+    if (!directory)
+        open.createOptions |= nt::FILE_DELETE_ON_CLOSE;
     nt::NTSTATUS status = nt::STATUS_SUCCESS;
     for (int attempt = 0; attempt < 2; ++attempt) {
         const IoResult opened = co_await CreateFile(*place.share, open, place.path);
         status = opened.status;
-        if (!opened.Failed())
+        if (!opened.Failed() && directory) {
             status = co_await DeleteOpened(place, opened.fileId);
+        } else if (!opened.Failed()) {
+            const IoResult closed = co_await CloseFile(*place.share, opened.fileId);
+            status = closed.status;
+        }
         if (status != nt::STATUS_CANNOT_DELETE || attempt != 0)
             break;
         const nt::NTSTATUS cleared = co_await ClearReadOnly(place);
@@ -187,13 +194,14 @@ Detached FileSystem::RemoveDirectory(FuseCall::Ptr call, uint64_t parentId, std:
         co_return;
     parent->NoteOwnChange();
     const NodePtr node = table.Child(parent, name);
-    if (node) {
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { directories.DropBelow(node, std::move(done)); });
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
-    }
+    co_await ClearTheWay(node);
     const nt::NTSTATUS status = co_await DeleteAt(place, true);
+    // A handle that is left would keep its name, and the parent from being removed next.
+    if (node && !nt::IsError(status)) {
+        co_await ClearTheWay(node);
+        node->EndListings();
+        co_await ClearTheWay(node);
+    }
     parent->NoteOwnChange();
     if (!nt::IsError(status))
         table.Remove(parent, name);

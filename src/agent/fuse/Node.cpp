@@ -1,5 +1,7 @@
 #include "agent/fuse/Node.h"
 
+#include "agent/fuse/DirectoryListing.h"
+
 #include <algorithm>
 
 namespace fodr::agent {
@@ -127,6 +129,26 @@ bool Node::LastFacts(FileFacts *last) const
     const transport::MutexLock held(factsLock);
     *last = facts;
     return factsKnown;
+}
+
+void Node::NoteListing(const std::shared_ptr<DirectoryListing> &listing)
+{
+    const transport::MutexLock held(factsLock);
+    std::erase_if(listings, [](const auto &known) { return known.expired(); });
+    listings.push_back(listing);
+}
+
+void Node::EndListings()
+{
+    std::vector<std::weak_ptr<DirectoryListing>> ended;
+    {
+        const transport::MutexLock held(factsLock);
+        ended.swap(listings);
+    }
+    for (const auto &known : ended) {
+        if (const std::shared_ptr<DirectoryListing> listing = known.lock())
+            listing->EndUnread();
+    }
 }
 
 std::shared_ptr<WriteBehind> Node::Writes(TransferWindow &window)

@@ -15,6 +15,7 @@
 
 namespace fodr::agent {
 
+class DirectoryListing;
 struct Node;
 using NodePtr = std::shared_ptr<Node>;
 
@@ -97,6 +98,10 @@ struct Node {
     void NoteOwnChange() { ownChange = Clock::now().time_since_epoch().count(); }
     bool ChangedSince(Clock::time_point time) const { return ownChange >= time.time_since_epoch().count(); }
 
+    // Listings of the folder that may be going on, to be ended when it is removed.
+    void NoteListing(const std::shared_ptr<DirectoryListing> &listing);
+    void EndListings();
+
     // Shared by all opens of a file; made with the first.
     std::shared_ptr<WriteBehind> Writes(TransferWindow &window);
     std::shared_ptr<WriteBehind> WritesIfAny() const;
@@ -109,6 +114,7 @@ private:
     FileFacts facts GUARDED_BY(factsLock);
     Clock::time_point openedAt GUARDED_BY(factsLock); // when the facts came with an open; zero: they didn't
     std::shared_ptr<WriteBehind> writes GUARDED_BY(factsLock);
+    std::vector<std::weak_ptr<DirectoryListing>> listings GUARDED_BY(factsLock);
     std::atomic<Clock::rep> ownChange{0};
 };
 
