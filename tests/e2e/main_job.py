@@ -289,11 +289,13 @@ class Command(MountCase):
 
     def test_a_read_only_share_makes_no_new_files(self):
         (self.local / "f").write_text("x")
-        with self.share("--read-only"):
-            self.assertEqual((self.mount / "f").read_text(), "x")
-            for attempt in (lambda: (self.mount / "new").write_text("x"), lambda: (self.mount / "f").write_text("y"),
-                            lambda: os.unlink(self.mount / "f"), lambda: os.mkdir(self.mount / "d")):
-                self.assertRaises(OSError, attempt)
+        for options in (["--read-only"], ["--agent-option=--permission", "--agent-option=1"],
+                        ["--agent-option=--force", f"--agent-option=2:{self.local}", "--agent-option=--only-forced"]):
+            with self.subTest(options), self.share(*options):
+                self.assertEqual((self.mount / "f").read_text(), "x")
+                for attempt in (lambda: (self.mount / "new").write_text("x"), lambda: (self.mount / "f").write_text("y"),
+                                lambda: os.unlink(self.mount / "f"), lambda: os.mkdir(self.mount / "d")):
+                    self.assertRaises(OSError, attempt)
         self.assertEqual((self.local / "f").read_text(), "x")
 
     def test_what_is_wrong_is_said_in_one_sentence(self):
