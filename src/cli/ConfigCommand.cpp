@@ -3,6 +3,7 @@
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "cli/PluginSettings.h"
+#include "host/PrivateSettings.h"
 #include "platform/Sync.h"
 #include "platform/SystemError.h"
 #include "platform/Termination.h"
@@ -17,8 +18,6 @@ namespace {
 
 using platform::RegistryKey;
 using Values = std::map<std::string, SettingValue>;
-
-constexpr char kKey[] = "SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr";
 
 class SettingsKey {
 public:
@@ -103,7 +102,7 @@ std::string Line(const std::string &name, const SettingValue &value)
 // The key, or as long as there is none the nearest one above it, so that its coming is noticed.
 std::unique_ptr<SettingsKey> OpenNearest(bool *found)
 {
-    std::string path = kKey;
+    std::string path = host::kPluginSettingsKey;
     *found = true;
     for (;;) {
         auto key = std::make_unique<SettingsKey>(path);
@@ -138,7 +137,7 @@ void PrintChanges(const Values &before, const Values &now, const std::string &na
 
 int RunConfigGet(const std::string &name)
 {
-    const auto value = SettingsKey(kKey).Read(name);
+    const auto value = SettingsKey(host::kPluginSettingsKey).Read(name);
     if (!value)
         return EXIT_OTHER;
     for (const std::string &text : PrintSetting(*value))
@@ -165,7 +164,7 @@ int RunConfigSet(const std::string &name, const std::vector<std::string> &values
         Complain(name + " wants " + expected);
         return EXIT_USAGE;
     }
-    const SettingsKey key(kKey, SettingsKey::Access::Write);
+    const SettingsKey key(host::kPluginSettingsKey, SettingsKey::Access::Write);
     uint32_t result = key.Result();
     if (result == platform::kErrorSuccess)
         result = platform::RegistrySet(key.Get(), known != nullptr ? known->name : name, value->type, false,
@@ -175,7 +174,7 @@ int RunConfigSet(const std::string &name, const std::vector<std::string> &values
 
 int RunConfigUnset(const std::string &name)
 {
-    const SettingsKey key(kKey);
+    const SettingsKey key(host::kPluginSettingsKey);
     uint32_t result = key.Result();
     if (result == platform::kErrorSuccess)
         result = platform::RegistryDeleteValue(key.Get(), name);
@@ -185,7 +184,7 @@ int RunConfigUnset(const std::string &name)
 
 int RunConfigList(bool all)
 {
-    const SettingsKey key(kKey);
+    const SettingsKey key(host::kPluginSettingsKey);
     for (const auto &[name, value] : key.ReadAll())
         Say(Line(name, value));
     if (!all)
@@ -206,7 +205,7 @@ int RunConfigWatch(const std::string &name)
         ended = true;
         platform::SetEventObject(changed);
     });
-    Values known = SettingsKey(kKey).ReadAll();
+    Values known = SettingsKey(host::kPluginSettingsKey).ReadAll();
     while (!ended) {
         bool found = false;
         const auto key = OpenNearest(&found);
@@ -221,7 +220,8 @@ int RunConfigWatch(const std::string &name)
             Complain("the settings can't be watched: " + Plain(platform::SystemErrorText(result)));
             return EXIT_OTHER;
         }
-        const Values now = SettingsKey(kKey).ReadAll(); // a change before the watching counts too
+        const Values now =
+            SettingsKey(host::kPluginSettingsKey).ReadAll(); // a change before the watching counts too
         PrintChanges(known, now, name);
         known = now;
         platform::WaitForWaitables(&changed, 1, platform::kWaitForever);

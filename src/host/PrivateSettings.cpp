@@ -5,8 +5,6 @@
 namespace fodr::host {
 namespace {
 
-constexpr char kKey[] = "SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr";
-
 // All of them each time: a missing key would mean that every drive is shared.
 std::vector<platform::PrivateStore::FixedValue> Fixed(const std::vector<std::string> &folders, PluginLog log)
 {
@@ -31,7 +29,7 @@ std::unique_ptr<PrivateSettings> PrivateSettings::Create(const std::string &fold
                                                          PluginLog log)
 {
     std::unique_ptr<PrivateSettings> settings(new PrivateSettings(log));
-    settings->store = platform::PrivateStore::Create(folder, kKey, Fixed({}, log), error);
+    settings->store = platform::PrivateStore::Create(folder, kPluginSettingsKey, Fixed({}, log), error);
     return settings->store ? std::move(settings) : nullptr;
 }
 

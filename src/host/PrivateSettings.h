@@ -18,6 +18,9 @@ enum class PluginLog {
     Trace, // everything, packets too, on standard error
 };
 
+// The key of the plug-in's settings, below HKEY_LOCAL_MACHINE.
+inline constexpr char kPluginSettingsKey[] = "SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr";
+
 class PrivateSettings {
 public:
     // Makes the store, in `folder` if it takes one, and makes it the process's. It shares no drives, none of
