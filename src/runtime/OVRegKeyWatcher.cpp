@@ -103,9 +103,20 @@ bool OVRegKeyWatcher::WatchRegKey()
         platform::kRegNotifyChangeName | (keyFound ? platform::kRegNotifyChangeLastSet : 0);
     const uint32_t error = platform::RegistryNotify(regKey->GetHandle(), keyFound && watchSubtree, filter,
                                                     fodr::SetEvent, changeEvent.Get());
-    if (error != platform::kErrorSuccess)
+    if (error != platform::kErrorSuccess) {
         LOG_CODE_AT(LOG_LEVEL_ERROR, error, "RegNotifyChangeKeyValue(%s) failed", path.c_str());
-    return error == platform::kErrorSuccess;
+        return false;
+    }
+    if (!keyFound && IsNearerKeyThere())
+        changeEvent->Set();
+    return true;
+}
+
+// A key that came between the opening and the asking is told by nobody.
+bool OVRegKeyWatcher::IsNearerKeyThere() const
+{
+    const size_t end = path.find_first_of("/\\", regKey->GetPath().size() + 1);
+    return OVRegKey(path.substr(0, end), view).OpenKey() == platform::kErrorSuccess;
 }
 
 bool OVRegKeyWatcher::Run(bool timedOut)

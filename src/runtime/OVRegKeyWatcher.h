@@ -44,6 +44,7 @@ public:
 private:
     bool OpenRegKey() REQUIRES(mutex);
     bool WatchRegKey() REQUIRES(mutex);
+    bool IsNearerKeyThere() const REQUIRES(mutex);
     std::list<RCPtr<OVRegValueWatcher>> ReloadValues() REQUIRES(mutex);
 
     mutable OVMutex mutex;

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <utility>
 
 namespace fodr {
 namespace {
@@ -120,17 +121,23 @@ TEST_F(KeyWatcher, ValuesThatAreFollowedAreReloaded)
     EXPECT_EQ(watcher->GetValue("v", true)->ToDword(0), 2u);
 }
 
+// The log is written between the look for the key and the asking to be told: what happens then is told, too.
 TEST_F(KeyWatcher, AChangeByAnotherProcessArrivesOverThePollThread)
 {
+    static std::string write;
+    write = "printf %s '[SOFTWARE\\a\\b]' > " + settings.Folder() + "/HKEY_LOCAL_MACHINE.ini";
     RCPtr<OVPollThread> poll(new OVPollThread("watch"));
     RCPtr<Watcher> watcher(new Watcher("HKLM\\Software\\a\\b"));
+    CapturedLog log(LOG_LEVEL_DEBUG);
+    SetLogHandler([](const char *function, int32_t, const char *, va_list) {
+        if (function == std::string("OVRegKeyWatcher::OpenRegKey()") && !write.empty()) {
+            EXPECT_EQ(std::system(std::exchange(write, "").c_str()), 0);
+        }
+    });
     ASSERT_TRUE(watcher->Start(poll));
     poll->StartScheduler();
-    const std::string write =
-        "date '+[SOFTWARE\\a\\b]%nv=%N' > " + settings.Folder() + "/HKEY_LOCAL_MACHINE.ini";
-    do { // what is written before it watches is no change
-        ASSERT_EQ(std::system(write.c_str()), 0);
-    } while (watcher->changed.Wait(100) != OVEvent::kSignalled);
+    EXPECT_EQ(watcher->changed.Wait(60'000), OVEvent::kSignalled);
+    EXPECT_TRUE(watcher->IsKeyFound());
     watcher->Stop();
     poll->StopScheduler();
 }
