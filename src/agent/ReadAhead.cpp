@@ -23,25 +23,28 @@ bool ReadAhead::Waiting::Ready() const
     return std::all_of(blocks.begin(), blocks.end(), [](const BlockPtr &block) { return block->arrived; });
 }
 
-// Cuts the read's range out of its blocks.
+// Cuts the read's range out of its blocks. What they can't give after all may still be had.
 void ReadAhead::Answer(Waiting &read)
 {
     std::vector<ByteSpan> parts;
     uint64_t at = read.offset;
     const uint64_t end = read.offset + read.length;
+    bool whole = false;
     for (const BlockPtr &block : read.blocks) {
         if (nt::IsError(block->status))
-            return ReadDirectly(read.offset, read.length,
-                                std::move(read.handler)); // what was asked may still be had
+            break;
+        whole = block->ShowsEnd() || block->End() >= end;
         const uint64_t begin = at - block->offset;
         if (begin >= block->bytes.size())
             break;
         const uint64_t count = std::min<uint64_t>(block->bytes.size() - begin, end - at);
         parts.push_back(ByteSpan(block->bytes).subspan(begin, count));
         at += count;
-        if (block->bytes.size() < block->size)
-            break; // the file ends here
+        if (block->ShowsEnd())
+            break;
     }
+    if (!whole)
+        return ReadDirectly(read.offset, read.length, std::move(read.handler));
     read.handler(nt::STATUS_SUCCESS, parts);
 }
 
@@ -57,7 +60,7 @@ bool ReadAhead::CoveredBy(uint64_t offset, uint32_t length, std::vector<BlockPtr
             return false;
         covering->push_back(next->second);
         offset = block.End();
-        if (offset >= end || (block.arrived && block.bytes.size() < block.size))
+        if (offset >= end || block.ShowsEnd() || (block.toEnd && !block.arrived))
             return true;
     }
     return false;
@@ -149,7 +152,7 @@ void ReadAhead::OnBlock(const BlockPtr &block, const IoResult &result)
     {
         const transport::MutexLock held(lock);
         block->arrived = true;
-        if (block->bytes.size() < block->size && block->generation == writes->Generation())
+        if (block->ShowsEnd() && block->generation == writes->Generation())
             endSeen = true;
         for (size_t i = 0; i < waiting.size();) {
             if (!waiting[i].Ready()) {
@@ -198,13 +201,15 @@ void ReadAhead::ReadDirectly(uint64_t offset, uint32_t length, Handler handler)
     share->Read(fileId, offset, length, std::move(answer));
 }
 
-void ReadAhead::Prime(uint32_t length)
+void ReadAhead::Prime(uint32_t length, bool toEnd)
 {
     BlockPtr block;
     {
         const transport::MutexLock held(lock);
         if (blocks.empty() && window.InFlight() + length <= window.Limit())
             block = AddBlock(0, length);
+        if (block)
+            block->toEnd = toEnd;
     }
     if (block)
         Request(block);

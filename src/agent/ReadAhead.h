@@ -29,8 +29,9 @@ public:
     using Handler = InlineFunction<void(nt::NTSTATUS, std::span<const ByteSpan>)>;
     void Read(uint64_t offset, uint32_t length, Handler handler);
 
-    // Asks for the beginning of a file that will surely be read.
-    void Prime(uint32_t length);
+    // Asks for the beginning of a file that will surely be read. With `toEnd` that should be all of it: reads
+    // beyond the length wait for its answer, too, and ask for themselves only when the file has grown.
+    void Prime(uint32_t length, bool toEnd);
 
 private:
     static constexpr uint32_t kSmallestBlock = 128 << 10;
@@ -40,15 +41,17 @@ private:
         uint64_t offset = 0;
         uint32_t size = 0; // asked for
         uint64_t generation = 0;
+        bool toEnd = false; // asked for with a byte beyond what was last known to be there
         bool arrived = false;
         nt::NTSTATUS status = nt::STATUS_SUCCESS;
         std::vector<uint8_t> bytes;
         TransferWindow::Transfer transfer;
 
         uint64_t End() const { return offset + size; }
+        bool ShowsEnd() const { return arrived && bytes.size() < size; }
     };
     using BlockPtr = std::shared_ptr<Block>;
-    struct Waiting { // a read that blocks cover
+    struct Waiting { // a read that blocks cover, or should
         uint64_t offset = 0;
         uint32_t length = 0;
         std::vector<BlockPtr> blocks;

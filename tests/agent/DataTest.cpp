@@ -9,19 +9,7 @@
 namespace fodr::agent {
 namespace {
 
-// Something that was called, seen from the test's thread.
-class Signal {
-public:
-    InlineFunction<void()> Setter()
-    {
-        return [kept = calls] { kept->Put(1); };
-    }
-    void Wait() { calls->Take(); }
-    bool IsSet() { return !calls->IsEmpty(); }
-
-private:
-    std::shared_ptr<Mailbox<int>> calls = std::make_shared<Mailbox<int>>(); // calls may come after the test
-};
+using test::Signal;
 
 class DataTest : public ClientTest {
 protected:
@@ -249,7 +237,7 @@ TEST_F(ReadAheadTest, ReadsHereAndThereAreOnlyPassedOn)
 
 TEST_F(ReadAheadTest, WhatWasReadAheadIsDroppedWhenTheFileChanges)
 {
-    reader->Prime(kStep);
+    reader->Prime(kStep, false);
     Serve(1 << 20);
     Read(0, 100);
     ExpectRead(0, 100, 1 << 20); // without a request
@@ -262,7 +250,7 @@ TEST_F(ReadAheadTest, WhatWasReadAheadIsDroppedWhenTheFileChanges)
 
 TEST_F(ReadAheadTest, AWaitingReadIsServedFromTheBlockAndKnowsTheEnd)
 {
-    reader->Prime(kStep);
+    reader->Prime(kStep, false);
     Read(0, 50'000);
     Read(0, 70'000);
     Serve(60'000);
@@ -270,9 +258,24 @@ TEST_F(ReadAheadTest, AWaitingReadIsServedFromTheBlockAndKnowsTheEnd)
     ExpectRead(0, 70'000, 60'000);
 }
 
+TEST_F(ReadAheadTest, AReadBeyondTheExpectedEndWaitsForIt)
+{
+    reader->Prime(6, true);
+    Read(0, 4096);
+    Serve(5);
+    ExpectRead(0, 4096, 5);
+    ExpectQuiet();
+    reader = std::make_shared<ReadAhead>(share, 7, writes, window);
+    reader->Prime(6, true);
+    Read(0, 4096);
+    Serve(10'000); // it has grown
+    Serve(10'000);
+    ExpectRead(0, 4096, 10'000);
+}
+
 TEST_F(ReadAheadTest, AFailureAheadIsNotTheReadersFailure)
 {
-    reader->Prime(kStep);
+    reader->Prime(kStep, false);
     Read(0, 100);
     plugin->Complete(plugin->TakeRequest(), nt::STATUS_FILE_LOCK_CONFLICT);
     Serve(1 << 20); // exactly what was asked for

@@ -2,6 +2,7 @@
 // packets one by one as the test says.
 #pragma once
 
+#include "Mailbox.h"
 #include "WireExamples.h"
 #include "agent/RdpdrClient.h"
 #include "agent/RemoteShare.h"
@@ -9,49 +10,14 @@
 #include "rdpdr/wire/RdpdrRecords.h"
 #include "transport/FrameConnection.h"
 
-#include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <gtest/gtest.h>
-#include <mutex>
 #include <string>
 #include <vector>
 
 namespace fodr::agent {
 
-inline constexpr auto kTestLimit = std::chrono::seconds(60); // ends a test that hangs
-
-// What a thread waits for until another one brings it.
-template <class T> class Mailbox {
-public:
-    void Put(T item)
-    {
-        const std::lock_guard<std::mutex> held(lock);
-        items.push_back(std::move(item));
-        changed.notify_all();
-    }
-    T Take()
-    {
-        std::unique_lock<std::mutex> held(lock);
-        if (!changed.wait_for(held, kTestLimit, [this] { return !items.empty(); })) {
-            ADD_FAILURE() << "nothing came";
-            return T{};
-        }
-        T item = std::move(items.front());
-        items.pop_front();
-        return item;
-    }
-    bool IsEmpty()
-    {
-        const std::lock_guard<std::mutex> held(lock);
-        return items.empty();
-    }
-
-private:
-    std::mutex lock;
-    std::condition_variable changed;
-    std::deque<T> items;
-};
+using test::kTestLimit;
+using test::Mailbox;
 
 template <wire::Record Packet> Bytes PacketOf(const Packet &packet, const Bytes &rest = {})
 {

@@ -57,7 +57,8 @@ void FileSystem::PrimeReading(const OpenFilePtr &file)
         facts.endOfFile > kWorthPriming)
         return;
     // One byte more shows the end.
-    file->readAhead->Prime(static_cast<uint32_t>(std::min<int64_t>(facts.endOfFile + 1, kPrimed)));
+    const auto length = static_cast<uint32_t>(std::min<int64_t>(facts.endOfFile + 1, kPrimed));
+    file->readAhead->Prime(length, length > facts.endOfFile);
 }
 
 void FileSystem::CloseLater(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId)

@@ -1,5 +1,6 @@
 #include "host/PrivateSettings.h"
 
+#include "Mailbox.h"
 #include "platform/Registry.h"
 #include "platform/UserFolders.h"
 
@@ -8,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <semaphore>
 #include <sys/stat.h>
 
 namespace fodr::test {
@@ -102,8 +102,8 @@ TEST_F(Settings, FollowTheUserExceptForWhatIsShared)
     std::string error;
     auto settings = host::PrivateSettings::Create((root / "private").string(), &error);
     ASSERT_TRUE(settings && settings->Allow({"/named"}, &error)) << error;
-    std::counting_semaphore<> changes(0);
-    settings->Follow([&] { changes.release(); });
+    Signal changed;
+    settings->Follow(changed.Setter());
     const struct {
         std::string store;
         const char *logLevel;
@@ -114,7 +114,7 @@ TEST_F(Settings, FollowTheUserExceptForWhatIsShared)
     };
     for (const auto &state : states) {
         UserStore(state.store);
-        changes.acquire(); // a file that is only half there may be told of, too
+        changed.Wait(); // a file that is only half there may be told of, too
         while (Value("logLevel") != state.logLevel) {
             ASSERT_TRUE(settings->Refresh(&error)) << error;
             EXPECT_EQ(Value("RedirectAll"), "....");

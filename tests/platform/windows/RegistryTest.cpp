@@ -1,11 +1,11 @@
 #include "platform/Registry.h"
 
+#include "Mailbox.h"
 #include "SettingsFixture.h"
 #include "platform/PrivateStore.h"
 #include "platform/SystemError.h"
 
 #include <gtest/gtest.h>
-#include <semaphore>
 #include <string>
 
 namespace fodr::platform {
@@ -102,16 +102,16 @@ TEST_F(Registry, KeysAreFoundMadeAndRemovedOneByOne)
 TEST_F(Registry, TellsAChangeOnceForEachTimeItIsAsked)
 {
     settings.SetNumber("n", 0);
-    std::counting_semaphore<> told(0);
-    const auto tell = [](void *context) { static_cast<std::counting_semaphore<> *>(context)->release(); };
+    test::Signal told;
+    const auto tell = [](void *context) { static_cast<test::Signal *>(context)->Set(); };
     Key key(kPlugin);
     for (uint32_t n = 1; n <= 20; ++n) {
         ASSERT_EQ(RegistryNotify(key.handle, false, kRegNotifyChangeLastSet, tell, &told), kErrorSuccess);
         settings.SetNumber("n", n);
-        told.acquire();
+        told.Wait();
     }
     settings.SetNumber("n", 0); // not asked for
-    EXPECT_FALSE(told.try_acquire());
+    EXPECT_FALSE(told.IsSet());
     ASSERT_EQ(RegistryNotify(key.handle, true, kRegNotifyChangeName, tell, &told), kErrorSuccess);
     EXPECT_EQ(RegistryClose(key.handle), kErrorSuccess);
     key.handle = nullptr;
@@ -137,10 +137,10 @@ TEST_F(Registry, APrivateStoreIsTheUsersWithFixedValues)
         EXPECT_EQ(key.Value("SharedFolders"), "error 2");
     };
     expectFixed("DEBUG");
-    std::counting_semaphore<> changes(0);
-    store->Follow([&] { changes.release(); });
+    test::Signal changed;
+    store->Follow(changed.Setter());
     settings.SetText("logLevel", "TRACE");
-    changes.acquire();
+    changed.Wait();
     ASSERT_TRUE(store->Update(fixed, &error)) << error;
     expectFixed("TRACE");
     store.reset();
