@@ -61,6 +61,7 @@ public:
     void Forget(uint64_t nodeId, uint64_t lookups) { table.Forget(nodeId, lookups); }
     Detached GetAttributes(FuseCall::Ptr call, uint64_t nodeId);
     Detached SetAttributes(FuseCall::Ptr call, uint64_t nodeId, AttributeChange change, uint64_t handle);
+    Detached Access(FuseCall::Ptr call, uint64_t nodeId, int mask);
     Detached StatFs(FuseCall::Ptr call, uint64_t nodeId);
 
     Detached Open(FuseCall::Ptr call, uint64_t nodeId, int flags);

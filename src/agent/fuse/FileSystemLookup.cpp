@@ -4,6 +4,8 @@
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 
 namespace fodr::agent {
@@ -232,6 +234,33 @@ Detached FileSystem::GetAttributes(FuseCall::Ptr call, uint64_t nodeId)
     if (table.IsRemoved(node) || node->opens.IsDeleted())
         attributes.st_nlink = 0;
     call->Attributes(attributes, node->opens.Any(true) ? 0 : options.cacheSeconds);
+}
+
+// By the modes that are shown. Only whether something can be written is a question to the other side.
+Detached FileSystem::Access(FuseCall::Ptr call, uint64_t nodeId, int mask)
+{
+    const NodePtr node = table.Find(nodeId);
+    if (!node) {
+        call->Fail(ESTALE);
+        co_return;
+    }
+    Place place;
+    if ((mask & W_OK) && table.PlaceOf(node, &place)) {
+        if (place.share->Device().IsReadOnly()) {
+            call->Fail(EROFS);
+            co_return;
+        }
+        const Found found = node->directory ? Found{} : co_await FactsOf(node);
+        if (nt::IsError(found.status)) {
+            call->FailStatus(found.status);
+            co_return;
+        }
+        if (found.facts.IsReadOnly()) {
+            call->Fail(EACCES);
+            co_return;
+        }
+    }
+    call->Done();
 }
 
 Detached FileSystem::StatFs(FuseCall::Ptr call, uint64_t nodeId)

@@ -80,6 +80,11 @@ void SetAttr(fuse_req_t request, fuse_ino_t node, struct stat *attributes, int t
     Of(request).SetAttributes(CallOf(request), node, change, info ? info->fh : 0);
 }
 
+void Access(fuse_req_t request, fuse_ino_t node, int mask)
+{
+    Of(request).Access(CallOf(request), node, mask);
+}
+
 void StatFs(fuse_req_t request, fuse_ino_t node)
 {
     Of(request).StatFs(CallOf(request), node);
@@ -200,6 +205,7 @@ const fuse_lowlevel_ops &FuseOperations()
         made.forget_multi = ForgetMulti;
         made.getattr = GetAttr;
         made.setattr = SetAttr;
+        made.access = Access;
         made.statfs = StatFs;
         made.open = Open;
         made.create = Create;

@@ -22,11 +22,13 @@ constexpr unsigned kMostThreads = 8;
 
 fuse_session *NewSession(FileSystem &files, const FuseSession::Options &options)
 {
-    std::string mountOptions = "fsname=fodr,subtype=fodr,default_permissions";
+    std::string mountOptions = "fsname=fodr,subtype=fodr";
     if (options.readOnly)
         mountOptions += ",ro";
+    // Against others the kernel checks modes itself. For that it asks for a folder's facts anew at every
+    // change of a name in it; the mount's owner, whom the other side refuses what it must, is spared this.
     if (options.allowOther)
-        mountOptions += ",allow_other";
+        mountOptions += ",allow_other,default_permissions";
     fuse_args arguments = FUSE_ARGS_INIT(0, nullptr);
     fuse_session *session = nullptr;
     if (fuse_opt_add_arg(&arguments, "fodr") == 0 && fuse_opt_add_arg(&arguments, "-o") == 0 &&
