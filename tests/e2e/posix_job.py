@@ -396,11 +396,13 @@ class Trips(PosixCase):
 
 class Trouble(PosixCase):
     def test_a_waiting_caller_can_be_killed(self):
-        (self.local / "f").write_bytes(bytes(1 << 20))
+        # One each: those who look for the same name wait for the first of them, and that no signal ends.
+        for number in range(3):
+            (self.local / f"f{number}").write_bytes(bytes(1 << 20))
         with self.share() as share:
             self.stop(share.process)
-            readers = [subprocess.Popen(["cat", str(self.mount / "f")], stdout=subprocess.DEVNULL,
-                                        stderr=subprocess.DEVNULL) for _ in range(3)]
+            readers = [subprocess.Popen(["cat", str(self.mount / f"f{number}")], stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL) for number in range(3)]
             try:
                 for reader, number in zip(readers, (signal.SIGINT, signal.SIGTERM, signal.SIGKILL)):
                     wait_for(lambda: "fuse" in pathlib.Path(f"/proc/{reader.pid}/wchan").read_text() or
@@ -409,7 +411,7 @@ class Trouble(PosixCase):
                     self.assertEqual(reader.wait(30), -number)
             finally:
                 os.kill(share.process.pid, signal.SIGCONT)
-            self.assertEqual((self.mount / "f").stat().st_size, 1 << 20)
+            self.assertEqual((self.mount / "f0").stat().st_size, 1 << 20)
 
     def test_silence_becomes_an_error(self):
         (self.local / "f").write_text("x")

@@ -151,13 +151,15 @@ private:
         uint32_t fileId = 0; // what is being renamed
     };
     std::string HiddenName();
-    Task<nt::NTSTATUS> DeleteAt(Place place, bool directory);
+    Task<nt::NTSTATUS> DeleteDirectory(Place place);
+    Task<nt::NTSTATUS> DeleteFileAt(const Place &place);
     Task<nt::NTSTATUS> DeleteOpened(const Place &place, uint32_t fileId);
     Task<nt::NTSTATUS> ClearReadOnly(const Place &place);
     Task<IoResult> OpenForDeletion(const Place &place);
     Task<nt::NTSTATUS> DeleteOpenFile(NodePtr parent, std::string name, NodePtr node, Place place);
     void CloseDeletion(const NodePtr &node, const std::shared_ptr<RemoteShare> &share);
     Task<Nothing> ClearTheWay(NodePtr node);
+    Task<Nothing> AwaitClosesBelow(NodePtr folder);
     Task<nt::NTSTATUS> Move(Moving moving, bool replace);
     Task<nt::NTSTATUS> RenameOver(Moving moving, nt::NTSTATUS refusal);
     Task<nt::NTSTATUS> RenameOverOpenFile(Moving moving, NodePtr targetNode);

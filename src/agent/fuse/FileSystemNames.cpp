@@ -21,6 +21,11 @@ RemoteShare::CreateCall OpenToDelete(bool directory)
     return call;
 }
 
+bool IsRefusal(nt::NTSTATUS status)
+{
+    return status == nt::STATUS_ACCESS_DENIED || status == nt::STATUS_SHARING_VIOLATION;
+}
+
 constexpr unsigned kNoReplace = 1; // RENAME_NOREPLACE of linux/fs.h
 
 } // namespace
@@ -83,29 +88,21 @@ Task<nt::NTSTATUS> FileSystem::DeleteOpened(const Place &place, uint32_t fileId)
     co_return nt::IsError(status) ? status : closed.status;
 }
 
-Task<nt::NTSTATUS> FileSystem::DeleteAt(Place place, bool directory)
+// Not by the close: a folder that isn't empty would stay there without a word.
+Task<nt::NTSTATUS> FileSystem::DeleteDirectory(Place place)
 {
-    RemoteShare::CreateCall open = OpenToDelete(directory);
-    // A folder that isn't empty refuses to be marked; its close would leave it there without a word.
-    if (!directory)
-        open.createOptions |= nt::FILE_DELETE_ON_CLOSE;
-    nt::NTSTATUS status = nt::STATUS_SUCCESS;
-    for (int attempt = 0; attempt < 2; ++attempt) {
+    const RemoteShare::CreateCall open = OpenToDelete(true);
+    for (bool first = true;; first = false) {
         const IoResult opened = co_await CreateFile(*place.share, open, place.path);
-        status = opened.status;
-        if (!opened.Failed() && directory) {
+        nt::NTSTATUS status = opened.status;
+        if (!opened.Failed())
             status = co_await DeleteOpened(place, opened.fileId);
-        } else if (!opened.Failed()) {
-            const IoResult closed = co_await CloseFile(*place.share, opened.fileId);
-            status = closed.status;
-        }
-        if (status != nt::STATUS_CANNOT_DELETE || attempt != 0)
-            break;
+        if (status != nt::STATUS_CANNOT_DELETE || !first)
+            co_return status;
         const nt::NTSTATUS cleared = co_await ClearReadOnly(place);
         if (nt::IsError(cleared))
-            break;
+            co_return status;
     }
-    co_return status;
 }
 
 // Opens what is to be deleted with that handle's close.
@@ -120,6 +117,16 @@ Task<IoResult> FileSystem::OpenForDeletion(const Place &place)
             opened = co_await CreateFile(*place.share, open, place.path);
     }
     co_return opened;
+}
+
+// It is gone when this returns: a later call of the owner's own doesn't find it any more.
+Task<nt::NTSTATUS> FileSystem::DeleteFileAt(const Place &place)
+{
+    const IoResult opened = co_await OpenForDeletion(place);
+    if (opened.Failed())
+        co_return opened.status;
+    const IoResult closed = co_await CloseFile(*place.share, opened.fileId);
+    co_return closed.status;
 }
 
 // NT keeps the name of a deleted file until its last handle is closed; POSIX doesn't. So an open file gets a
@@ -178,7 +185,7 @@ Detached FileSystem::Unlink(FuseCall::Ptr call, uint64_t parentId, std::string n
     if (node && node->opens.IsOpen()) {
         status = co_await DeleteOpenFile(parent, name, node, place);
     } else {
-        status = co_await DeleteAt(place, false);
+        status = co_await DeleteFileAt(place);
         if (!nt::IsError(status))
             table.Remove(parent, name);
     }
@@ -195,7 +202,7 @@ Detached FileSystem::RemoveDirectory(FuseCall::Ptr call, uint64_t parentId, std:
     parent->NoteOwnChange();
     const NodePtr node = table.Child(parent, name);
     co_await ClearTheWay(node);
-    const nt::NTSTATUS status = co_await DeleteAt(place, true);
+    const nt::NTSTATUS status = co_await DeleteDirectory(place);
     // A handle that is left would keep its name, and the parent from being removed next.
     if (node && !nt::IsError(status)) {
         co_await ClearTheWay(node);
@@ -260,7 +267,7 @@ Task<nt::NTSTATUS> FileSystem::RenameOver(Moving moving, nt::NTSTATUS refusal)
         if (node)
             co_await AwaitCall(
                 [&](InlineFunction<void()> done) { directories.DropBelow(node, std::move(done)); });
-        const nt::NTSTATUS deleted = co_await DeleteAt(moving.target, true);
+        const nt::NTSTATUS deleted = co_await DeleteDirectory(moving.target);
         if (nt::IsError(deleted))
             co_return deleted;
         const IoResult renamed =
@@ -282,7 +289,7 @@ Task<nt::NTSTATUS> FileSystem::RenameOver(Moving moving, nt::NTSTATUS refusal)
     co_return status;
 }
 
-// Waits until nothing of this side is in the way of a rename.
+// Waits until nothing of this side is in the way of a rename or a removal.
 Task<Nothing> FileSystem::ClearTheWay(NodePtr node)
 {
     if (node && node->directory)
@@ -291,6 +298,21 @@ Task<Nothing> FileSystem::ClearTheWay(NodePtr node)
     if (node)
         co_await AwaitCall(
             [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+    co_return Nothing{};
+}
+
+// What is still being closed in a folder keeps NT from moving it.
+Task<Nothing> FileSystem::AwaitClosesBelow(NodePtr folder)
+{
+    for (const auto &[name, id] : table.ChildrenOf(folder)) {
+        const NodePtr child = table.Find(id);
+        if (!child)
+            continue;
+        co_await AwaitCall(
+            [&](InlineFunction<void()> done) { child->opens.WhenNoneClosing(std::move(done)); });
+        if (child->directory)
+            co_await AwaitClosesBelow(child);
+    }
     co_return Nothing{};
 }
 
@@ -303,12 +325,13 @@ Task<nt::NTSTATUS> FileSystem::Move(Moving moving, bool replace)
     if (opened.Failed())
         co_return opened.status;
     moving.fileId = opened.fileId;
-    const IoResult renamed =
-        co_await RenameFile(*moving.source.share, moving.fileId, moving.target.path, replace);
+    IoResult renamed = co_await RenameFile(*moving.source.share, moving.fileId, moving.target.path, replace);
+    if (node && node->directory && IsRefusal(renamed.status)) {
+        co_await AwaitClosesBelow(node);
+        renamed = co_await RenameFile(*moving.source.share, moving.fileId, moving.target.path, replace);
+    }
     nt::NTSTATUS status = renamed.status;
-    const bool refused = status == nt::STATUS_ACCESS_DENIED || status == nt::STATUS_SHARING_VIOLATION ||
-                         status == nt::STATUS_OBJECT_NAME_COLLISION;
-    if (replace && refused)
+    if (replace && (IsRefusal(status) || status == nt::STATUS_OBJECT_NAME_COLLISION))
         status = co_await RenameOver(moving, status);
     if (!nt::IsError(status) && table.Child(moving.parent, moving.name) == node)
         table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);

@@ -9,9 +9,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <linux/fuse.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/uio.h>
 
 namespace fodr::agent {
 namespace {
@@ -38,6 +42,52 @@ fuse_session *NewSession(FileSystem &files, const FuseSession::Options &options)
     return session;
 }
 
+// Set while this thread handles the request that opens the connection.
+thread_local bool handlesInit = false;
+
+bool IsInit(const fuse_buf &request)
+{
+    fuse_in_header header;
+    if ((request.flags & FUSE_BUF_IS_FD) || request.size < sizeof(header))
+        return false;
+    std::memcpy(&header, request.mem, sizeof(header));
+    return header.opcode == FUSE_INIT;
+}
+
+ssize_t ReadRequest(int device, void *buffer, size_t size, void *)
+{
+    return read(device, buffer, size);
+}
+
+// The library settles FUSE_PARALLEL_DIROPS with the file system and, up to 3.14, doesn't tell the kernel.
+// Without it a folder's names are looked up one by one, and no signal ends the wait for one's turn.
+ssize_t WriteAnswer(int device, iovec *parts, int count, void *)
+{
+    constexpr size_t kFlags = offsetof(fuse_init_out, flags);
+    if (handlesInit && count > 1 && parts[1].iov_len >= kFlags + sizeof(uint32_t)) {
+        auto *place = static_cast<std::byte *>(parts[1].iov_base) + kFlags;
+        uint32_t flags;
+        std::memcpy(&flags, place, sizeof(flags));
+        flags |= FUSE_PARALLEL_DIROPS;
+        std::memcpy(place, &flags, sizeof(flags));
+    }
+    return writev(device, parts, count);
+}
+
+// An epoll instance that tells of a request or of the stop. Of several threads with one each, a request wakes
+// one.
+int NewWait(int device, int stopEvent)
+{
+    const int wait = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event request = {EPOLLIN | EPOLLEXCLUSIVE, {.fd = device}};
+    epoll_event stop = {EPOLLIN, {.fd = stopEvent}};
+    if (wait >= 0 && epoll_ctl(wait, EPOLL_CTL_ADD, device, &request) == 0 &&
+        epoll_ctl(wait, EPOLL_CTL_ADD, stopEvent, &stop) == 0)
+        return wait;
+    close(wait);
+    return -1;
+}
+
 } // namespace
 
 FuseSession::FuseSession(FileSystem &fileSystem, fuse_session *fuseSession, int eventFd)
@@ -60,6 +110,12 @@ std::unique_ptr<FuseSession> FuseSession::Mount(FileSystem &fileSystem, const Op
         return nullptr;
     }
     const int device = fuse_session_fd(session);
+    const fuse_custom_io throughUs = {
+        .writev = WriteAnswer, .read = ReadRequest, .splice_receive = nullptr, .splice_send = nullptr};
+    if (fuse_session_custom_io(session, &throughUs, device) != 0) {
+        *error = "the FUSE library couldn't be set up";
+        return nullptr;
+    }
     fcntl(device, F_SETFL, fcntl(device, F_GETFL) | O_NONBLOCK);
     fcntl(device, F_SETFD, FD_CLOEXEC);
     return mounted;
@@ -105,21 +161,29 @@ void FuseSession::ThreadMain()
 
 void FuseSession::TakeRequests()
 {
+    const int wait = NewWait(fuse_session_fd(session), stopEvent);
+    if (wait < 0)
+        fuse_session_exit(session); // nothing can be served
     fuse_buf buffer = {};
     while (!fuse_session_exited(session)) {
-        pollfd waits[] = {{fuse_session_fd(session), POLLIN, 0}, {stopEvent, POLLIN, 0}};
-        if (poll(waits, 2, -1) < 0 && errno != EINTR)
+        epoll_event events[2];
+        const int count = epoll_wait(wait, events, 2, -1);
+        if (count < 0 && errno != EINTR)
             break;
-        if (waits[1].revents != 0)
+        if (std::any_of(events, events + std::max(count, 0),
+                        [this](const epoll_event &event) { return event.data.fd == stopEvent; }))
             break;
         const int received = fuse_session_receive_buf(session, &buffer);
         if (received == -EINTR || received == -EAGAIN)
             continue;
         if (received <= 0)
             break;
+        handlesInit = IsInit(buffer);
         fuse_session_process_buf(session, &buffer);
+        handlesInit = false;
     }
     free(buffer.mem);
+    close(wait);
 }
 
 } // namespace fodr::agent
