@@ -35,6 +35,10 @@ public:
     // couldn't all be written; the stream is of no use from then on.
     [[nodiscard]] virtual bool Write(std::span<const ByteView> blocks) = 0;
 
+    // Writes what the stream takes without waiting, and returns how many bytes that was: none when it is
+    // full, has ended or failed, or can't tell; Write shows which. Of the same writer's turn as Write.
+    [[nodiscard]] virtual size_t TryWrite([[maybe_unused]] std::span<const ByteView> blocks) { return 0; }
+
     // Ends both directions: reads and writes that wait, and later ones, return. Bytes written before still
     // reach the peer. The stream stays open until it is destroyed.
     virtual void Shutdown() = 0;

@@ -134,10 +134,14 @@ bool FrameConnection::Queue(const Goodbye &frame)
     return QueueBlocks({&block, 1}, block.size());
 }
 
-void FrameConnection::AppendPending(std::span<const platform::ByteView> blocks)
+// All but the first `written` bytes.
+void FrameConnection::AppendPending(std::span<const platform::ByteView> blocks, size_t written)
 {
-    for (const platform::ByteView block : blocks)
-        pending.insert(pending.end(), block.begin(), block.end());
+    for (const platform::ByteView block : blocks) {
+        const size_t skipped = std::min(written, block.size());
+        pending.insert(pending.end(), block.begin() + static_cast<ptrdiff_t>(skipped), block.end());
+        written -= skipped;
+    }
 }
 
 bool FrameConnection::SendBlocks(std::span<const platform::ByteView> blocks)
@@ -150,7 +154,7 @@ bool FrameConnection::SendBlocks(std::span<const platform::ByteView> blocks)
         if (closed)
             return false;
         if (size <= kJoinedFrame && pending.size() <= kJoinedTotal) {
-            AppendPending(blocks);
+            AppendPending(blocks, 0);
             return true;
         }
         ++waitingWriters;
@@ -161,7 +165,8 @@ bool FrameConnection::SendBlocks(std::span<const platform::ByteView> blocks)
     return !closed && WriteInTurn(blocks);
 }
 
-// Written by the turn's holder or the flusher, so that the caller goes on.
+// Written as far as that needs no waiting; the rest by the turn's holder or the flusher, so that the caller
+// goes on.
 bool FrameConnection::QueueBlocks(std::span<const platform::ByteView> blocks, size_t size)
 {
     bool tooMuch = false;
@@ -169,10 +174,12 @@ bool FrameConnection::QueueBlocks(std::span<const platform::ByteView> blocks, si
         const MutexLock lock(sendLock);
         if (closed)
             return false;
-        tooMuch = size > kQueueLimit - std::min(pending.size(), kQueueLimit);
+        const bool isFree = !writing && waitingWriters == 0 && pending.empty();
+        const size_t written = isFree ? stream->TryWrite(blocks) : 0;
+        tooMuch = size - written > kQueueLimit - std::min(pending.size(), kQueueLimit);
         if (!tooMuch)
-            AppendPending(blocks);
-        if (!writing)
+            AppendPending(blocks, written);
+        if (!writing && !pending.empty())
             flusherWakeup.notify_one();
     }
     if (tooMuch)

@@ -3,8 +3,8 @@
 // Threads: a reader thread hands frames to the receiver. Any thread may send; a frame is written by its
 // sender with one gathering write, without copying a large payload, and small frames that meet a busy stream
 // are joined into its next write. The reader never waits for the stream to take bytes: what is sent from a
-// receiver's call is queued, and a second thread writes it when nobody else does. So two ends that send
-// without pause can't block each other.
+// receiver's call and the stream doesn't take at once is queued, and a second thread writes it when nobody
+// else does. So two ends that send without pause can't block each other.
 #pragma once
 
 #include "platform/ByteStream.h"
@@ -81,7 +81,7 @@ private:
     bool SendBytes(const std::vector<std::byte> &frame);
     bool QueueBlocks(std::span<const platform::ByteView> blocks, size_t size);
     bool WriteInTurn(std::span<const platform::ByteView> blocks) REQUIRES(sendLock);
-    void AppendPending(std::span<const platform::ByteView> blocks) REQUIRES(sendLock);
+    void AppendPending(std::span<const platform::ByteView> blocks, size_t written) REQUIRES(sendLock);
     void ReaderMain();
     std::string ReadUntilEnd();
     bool DrainFrames(FrameBuffer *buffer, std::string *reason);

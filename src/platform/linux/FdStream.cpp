@@ -103,15 +103,20 @@ public:
     bool Write(std::span<const ByteView> blocks) override
     {
         while (!blocks.empty()) {
-            std::array<iovec, kMaxBlocks> vectors{};
-            const size_t count = std::min(blocks.size(), kMaxBlocks);
-            for (size_t i = 0; i < count; ++i)
-                vectors[i] = {const_cast<std::byte *>(blocks[i].data()), blocks[i].size()};
-            if (!WriteVectors({vectors.data(), count}))
+            Vectors vectors;
+            const std::span<iovec> some = VectorsOf(blocks, &vectors);
+            if (!WriteVectors(some))
                 return false;
-            blocks = blocks.subspan(count);
+            blocks = blocks.subspan(some.size());
         }
         return true;
+    }
+
+    size_t TryWrite(std::span<const ByteView> blocks) override
+    {
+        Vectors vectors;
+        const ssize_t written = shutDown ? 0 : WriteOnce(VectorsOf(blocks, &vectors), MSG_DONTWAIT);
+        return written > 0 ? static_cast<size_t>(written) : 0;
     }
 
     void Shutdown() override
@@ -189,18 +194,31 @@ private:
         return ready != 0;
     }
 
+    using Vectors = std::array<iovec, kMaxBlocks>;
+    // The first blocks, as many as one system call takes.
+    static std::span<iovec> VectorsOf(std::span<const ByteView> blocks, Vectors *vectors)
+    {
+        const size_t count = std::min(blocks.size(), kMaxBlocks);
+        for (size_t i = 0; i < count; ++i)
+            (*vectors)[i] = {const_cast<std::byte *>(blocks[i].data()), blocks[i].size()};
+        return {vectors->data(), count};
+    }
+
+    // `flags` are for a socket; other descriptors never wait.
+    ssize_t WriteOnce(std::span<iovec> vectors, int flags) const
+    {
+        if (!writeIsSocket)
+            return writev(WriteEnd(), vectors.data(), static_cast<int>(vectors.size()));
+        msghdr message{};
+        message.msg_iov = vectors.data();
+        message.msg_iovlen = vectors.size();
+        return sendmsg(WriteEnd(), &message, MSG_NOSIGNAL | flags);
+    }
+
     bool WriteVectors(std::span<iovec> vectors)
     {
         while (!vectors.empty() && !shutDown) {
-            ssize_t written;
-            if (writeIsSocket) {
-                msghdr message{};
-                message.msg_iov = vectors.data();
-                message.msg_iovlen = vectors.size();
-                written = sendmsg(WriteEnd(), &message, MSG_NOSIGNAL);
-            } else {
-                written = writev(WriteEnd(), vectors.data(), static_cast<int>(vectors.size()));
-            }
+            const ssize_t written = WriteOnce(vectors, 0);
             if (written < 0 && errno == EINTR)
                 continue;
             if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
