@@ -114,12 +114,20 @@ void DirectoryCache::Watch(const NodePtr &node, const DirectoryHandlePtr &handle
     handle->Share().NotifyChange(
         handle->FileId(), kWatched, false,
         [this, node, weak = std::weak_ptr<DirectoryHandle>(handle)](const IoResult &result) {
-            const DirectoryHandlePtr alive = weak.lock();
-            if (!alive || result.Failed() || result.status == nt::STATUS_NOTIFY_CLEANUP)
-                return;
-            Watch(node, alive);
-            changeHook(node);
+            if (!result.Failed() && result.status != nt::STATUS_NOTIFY_CLEANUP)
+                OnChange(node, weak);
         });
+}
+
+void DirectoryCache::OnChange(const NodePtr &node, const std::weak_ptr<DirectoryHandle> &handle)
+{
+    const DirectoryHandlePtr alive = handle.lock();
+    if (!alive)
+        return;
+    if (changeHook(node))
+        Watch(node, alive);
+    else
+        laterHook([this, node, handle] { OnChange(node, handle); });
 }
 
 void DirectoryCache::Drop(const NodePtr &directory)

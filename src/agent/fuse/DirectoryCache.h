@@ -37,10 +37,13 @@ class DirectoryCache {
 public:
     static constexpr size_t kCapacity = 32;
 
-    // `onChange` is told of a folder in which something has changed, on a reader thread.
-    using ChangeHook = std::function<void(const NodePtr &directory)>;
-    DirectoryCache(NodeTable &nodeTable, ChangeHook onChange)
-        : table(nodeTable), changeHook(std::move(onChange))
+    // `onChange` is told of a folder in which something has changed, on any thread. If it doesn't want to
+    // know yet it gives false and is told again after a while, which `later` waits for. Further changes are
+    // asked for once it has taken one; those in between the other side remembers.
+    using ChangeHook = std::function<bool(const NodePtr &directory)>;
+    using LaterHook = std::function<void(InlineFunction<void()> function)>;
+    DirectoryCache(NodeTable &nodeTable, ChangeHook onChange, LaterHook later)
+        : table(nodeTable), changeHook(std::move(onChange)), laterHook(std::move(later))
     {}
 
     // Gives the folder's handle, opened if need be; null with the status of a failure.
@@ -70,9 +73,11 @@ private:
     void OnOpened(const NodePtr &node, uint64_t serial, const std::shared_ptr<RemoteShare> &share,
                   const IoResult &result);
     void Watch(const NodePtr &node, const DirectoryHandlePtr &handle);
+    void OnChange(const NodePtr &node, const std::weak_ptr<DirectoryHandle> &handle);
 
     NodeTable &table;
     const ChangeHook changeHook;
+    const LaterHook laterHook;
     transport::Mutex lock;
     Slots slots GUARDED_BY(lock);
     uint64_t lastSerial GUARDED_BY(lock) = 0;

@@ -9,15 +9,19 @@
 namespace fodr::agent {
 namespace {
 
-// Names and facts that this side changed within this time are the reason for a notification; what the kernel
-// knows of them is no older than what it may believe anyway.
+// What this side changed within this time is taken for the reason of a notification. Whether it was the only
+// one isn't known: once there has been quiet for as long, all counts as changed.
 constexpr auto kOwnChangeSpan = std::chrono::seconds(1);
 
 } // namespace
 
 FileSystem::FileSystem(const Options &fileSystemOptions)
     : options(fileSystemOptions),
-      directories(table, [this](const NodePtr &directory) { OnDirectoryChanged(directory); }),
+      directories(
+          table, [this](const NodePtr &directory) { return OnDirectoryChanged(directory); },
+          [this](InlineFunction<void()> function) {
+              notifier.CallAt(Node::Clock::now() + kOwnChangeSpan, std::move(function));
+          }),
       hiddenSeed(std::random_device{}())
 {}
 
@@ -92,16 +96,16 @@ void FileSystem::Clear()
 
 // ---- What the kernel is told ----
 
-void FileSystem::OnDirectoryChanged(const NodePtr &directory)
+bool FileSystem::OnDirectoryChanged(const NodePtr &directory)
 {
     const auto lately = Node::Clock::now() - kOwnChangeSpan;
     if (directory->ChangedSince(lately))
-        return;
+        return false;
     const auto children = table.ChildrenOf(directory);
     for (const auto &[name, id] : children) {
         const NodePtr child = table.Find(id);
         if (child && child->ChangedSince(lately))
-            return;
+            return false;
     }
     notifier.AttributesChanged(directory->id);
     for (const auto &[name, id] : children) {
@@ -110,6 +114,7 @@ void FileSystem::OnDirectoryChanged(const NodePtr &directory)
         notifier.NameChanged(directory->id, name);
         notifier.AttributesChanged(id);
     }
+    return true;
 }
 
 EntryAnswer FileSystem::AnswerFor(const NodePtr &node, const FileFacts &facts, bool lasting) const

@@ -103,7 +103,7 @@ private:
         return std::chrono::duration_cast<Node::Clock::duration>(
             std::chrono::duration<double>(options.cacheSeconds));
     }
-    void OnDirectoryChanged(const NodePtr &directory);
+    bool OnDirectoryChanged(const NodePtr &directory);
     EntryAnswer AnswerFor(const NodePtr &node, const FileFacts &facts, bool lasting) const;
     bool ReplyEntry(const FuseCall::Ptr &call, const NodePtr &node, const FileFacts &facts, bool lasting);
     bool LocateForChange(const FuseCall::Ptr &call, const NodePtr &parent, const std::string &name,

@@ -71,23 +71,48 @@ void KernelNotifier::Tell(fuse_session *fuseSession, const Notice &notice)
     }
 }
 
+void KernelNotifier::CallAt(Clock::time_point time, InlineFunction<void()> function)
+{
+    const MutexLock held(lock);
+    if (stopping)
+        return;
+    calls.emplace(time, std::move(function));
+    wakeup.notify_one();
+}
+
+// False: it is time to stop.
+bool KernelNotifier::WaitForWork(std::vector<Notice> *batch, InlineFunction<void()> *due)
+{
+    while (!stopping && notices.empty() && (calls.empty() || Clock::now() < calls.begin()->first)) {
+        if (calls.empty()) {
+            wakeup.wait(lock);
+        } else {
+            const Clock::time_point next = calls.begin()->first;
+            wakeup.wait_until(lock, next);
+        }
+    }
+    batch->swap(notices);
+    if (!calls.empty() && Clock::now() >= calls.begin()->first)
+        *due = std::move(calls.extract(calls.begin()).mapped());
+    return !stopping;
+}
+
 void KernelNotifier::ThreadMain()
 {
-    std::vector<Notice> batch;
     for (;;) {
+        std::vector<Notice> batch;
+        InlineFunction<void()> due;
         fuse_session *told;
         {
             const MutexLock held(lock);
-            while (!stopping && notices.empty())
-                wakeup.wait(lock);
-            if (stopping)
+            if (!WaitForWork(&batch, &due))
                 return;
-            batch.clear();
-            batch.swap(notices);
             told = session;
         }
         for (const Notice &notice : batch)
             Tell(told, notice);
+        if (due)
+            due();
     }
 }
 

@@ -1,10 +1,13 @@
 // Tells the kernel what to forget. A thread of its own does it: these calls may wait for locks that are held
-// while the kernel waits for an answer of ours.
+// while the kernel waits for an answer of ours. It also calls what is to be called later.
 #pragma once
 
+#include "agent/InlineFunction.h"
 #include "transport/Mutex.h"
 
+#include <chrono>
 #include <condition_variable>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,6 +30,9 @@ public:
     void NameChanged(uint64_t parent, const std::string &name);
     // The name has gone.
     void NameGone(uint64_t parent, const std::string &name);
+    // Calls the function at the time, on the thread, unless Stop comes before.
+    using Clock = std::chrono::steady_clock;
+    void CallAt(Clock::time_point time, InlineFunction<void()> function);
 
 private:
     enum class Kind { Attributes, Expire, Gone };
@@ -37,11 +43,13 @@ private:
     };
     void Push(Notice notice);
     void ThreadMain();
+    bool WaitForWork(std::vector<Notice> *batch, InlineFunction<void()> *due) REQUIRES(lock);
     static void Tell(fuse_session *fuseSession, const Notice &notice);
 
     transport::Mutex lock;
     std::condition_variable_any wakeup;
     std::vector<Notice> notices GUARDED_BY(lock);
+    std::multimap<Clock::time_point, InlineFunction<void()>> calls GUARDED_BY(lock);
     fuse_session *session GUARDED_BY(lock) = nullptr;
     bool stopping GUARDED_BY(lock) = false;
     std::thread thread;
