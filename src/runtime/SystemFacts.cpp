@@ -32,7 +32,7 @@ uint32_t ProcessUtils::GetSessionID(bool useThreadToken, uint32_t knownId)
     if (id != platform::kNoSession)
         return id;
     if (useThreadToken && !platform::ThreadSessionId(id))
-        LOG_ERROR("GetTokenInformation(0x%p) failed", static_cast<const void *>(nullptr));
+        LOG_ERROR("GetTokenInformation(0x%016llX) failed", 0ULL); // the platform keeps the token to itself
     if (id == platform::kNoSession && !platform::CurrentSessionId(id))
         LOG_ERROR("ProcessIdToSessionId(%d) failed", static_cast<int>(platform::CurrentProcessId()));
     return id;
