@@ -125,8 +125,9 @@ bool VolumeEvents::IsOpen() const
 bool VolumeEvents::Run(IVolumeEventSink &sink)
 {
     MSG message;
+    state->sink =
+        &sink; // first: what was sent since Open is handled by the next call that looks for messages
     PeekMessageW(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE); // makes the thread's queue
-    state->sink = &sink;
     state->runner = GetCurrentThreadId();
     BOOL result;
     while ((result = GetMessageW(&message, nullptr, 0, 0)) != 0 && result != -1)
