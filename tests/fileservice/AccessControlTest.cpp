@@ -1,80 +1,139 @@
-#include "Wine.h"
-#include "fileservice/ListedShare.h"
+// Shares that show only named files: what may be opened, what the root lists, and that there is no way to the
+// neighbours of the listed files.
+#include "fileservice/AllowListFileSystem.h"
+#include "fileservice/RedirectedDeviceAccessControl.h"
+#include "fileservice/Share.h"
+#include "platform/LocalPath.h"
 #include "runtime/CapturedLog.h"
 
+#include <gmock/gmock.h>
 #include <thread>
 
 namespace fodr::test {
 namespace {
 
 using namespace nt;
+using namespace std::literals;
 
-size_t Count(const CapturedLog &log, const std::string &text)
+class CountingFileSystem : public AllowListFileSystem {
+public:
+    CountingFileSystem(const std::string &path, std::shared_ptr<const AllowAccessList> list)
+        : AllowListFileSystem(path, std::move(list))
+    {}
+    NTSTATUS RedirectedQueryDirectoryFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus, uint8_t **outBuffer,
+                                          uint32_t fileInfoClass, bool restartScan, const char16_t *pattern,
+                                          bool multiEntry) override
+    {
+        ++queries;
+        if (meanwhile)
+            std::exchange(meanwhile, {})();
+        return AllowListFileSystem::RedirectedQueryDirectoryFile(fileId, ioStatus, outBuffer, fileInfoClass,
+                                                                 restartScan, pattern, multiEntry);
+    }
+    std::atomic<int> queries{0};
+    std::function<void()> meanwhile; // called once, within the next query
+};
+
+// A share that shows the names alone.
+class ListedShare : public Share {
+public:
+    explicit ListedShare(const Names &names, bool onlyEntries = false, bool multiEntry = false,
+                         IDeviceFilter *filter = nullptr)
+    {
+        settings.multiEntryDirectoryQuery = multiEntry;
+        settings.filterPolicy = filter;
+        auto list = std::make_shared<AllowAccessList>(settings.path, names, onlyEntries);
+        files = new CountingFileSystem(settings.path, list);
+        fileSystem = nullptr;
+        device = RCPtr<RedirectedDevice>(
+            new RedirectedDeviceAccessControl(std::unique_ptr<IFileSystem>(files), settings, list));
+    }
+    bool MayOpen(std::string_view relative)
+    {
+        return device->CheckCreateDriveAccess(settings.path + std::string(relative));
+    }
+    int QueriesSinceLast() { return files->queries.exchange(0); }
+    // Asks on until nothing more may come.
+    Names ListRoot(const ListingShape &shape = kFullShape)
+    {
+        File root = Create(u"\\");
+        Names names = NamesOf(root.List(shape.infoClass, true, u"\\*"), shape);
+        for (int i = 0; i < 2; ++i)
+            EXPECT_EQ(root.List(shape.infoClass, false).Status(), STATUS_NO_MORE_FILES);
+        root.Close();
+        return names;
+    }
+
+    CountingFileSystem *files;
+};
+
+// The texts of the captured lines.
+Names LogTexts()
 {
-    auto lines = log.Lines();
-    return static_cast<size_t>(std::count_if(
-        lines.begin(), lines.end(), [&](const std::string &line) { return line.ends_with(": " + text); }));
+    Names texts = CapturedLog::Lines();
+    for (std::string &line : texts)
+        line.erase(0, line.find(": ") + 2);
+    return texts;
 }
 
 TEST(AccessControl, OpensTheRootAndWhatTheListCovers)
 {
-    struct Case {
-        const char *path;
+    const struct {
         bool allowed;
         bool withinLimit; // of a share that is limited to its entries
+        std::vector<std::string_view> paths;
+    } rows[] = {
+        {true,
+         true,
+         {"\\"sv, "\\a.txt"sv, "\\a.txt\\"sv, "\\F"sv, "\\F\\x"sv, "\\F/x\\y"sv,
+          "\\a.txt:Zone.Identifier"sv}},
+        {true, true, {"\\sub\\deep.txt"sv}}, // a name may hold a path
+        // A zone mark may be read of any file.
+        {true, false, {"\\b.txt:Zone.Identifier"sv, "\\b.txt:ZONE.IDENTIFIER"sv}},
+        {true, false, {"\\F2\\x"sv}},              // the text of F begins it: that is meant
+        {false, false, {"\\A.txt"sv, "\\f\\x"sv}}, // case counts
+        {false, false, {"2\\a.txt"sv}},            // a folder beside the share's
+        {false,
+         false,
+         {""sv, "/a.txt"sv, "\\a.txt:stream"sv, "\\a.txt::$DATA"sv, "\\a.tx"sv, "\\b.txt"sv, "\\F2"sv,
+          "\\G"sv, "\\G\\x"sv, "\\sub"sv}},
     };
-    const Case kCases[] = {
-        {"\\", true, true},
-        {"", false, false},
-        {"\\a.txt", true, true},
-        {"\\a.txt\\", true, true},
-        {"\\A.txt", false, false}, // case counts
-        {"\\a.txt:stream", false, false},
-        {"\\a.txt::$DATA", false, false},
-        {"/a.txt", false, false},
-        {"\\a.tx", false, false},
-        {"\\b.txt", false, false},
-        {"\\b.txt:Zone.Identifier", true, false}, // a zone mark may be read of any file
-        {"\\b.txt:ZONE.IDENTIFIER", true, false},
-        {"\\a.txt:Zone.Identifier", true, true},
-        {"\\F", true, true},
-        {"\\F\\x", true, true},
-        {"\\F/x\\y", true, true},
-        {"\\F2", false, false},
-        {"\\F2\\x", true, false}, // the text of F begins it: that is meant
-        {"\\f\\x", false, false},
-        {"\\G", false, false},
-        {"\\G\\x", false, false},
-        {"\\sub\\deep.txt", true, true}, // a name may hold a path
-        {"\\sub", false, false},
-        {"2\\a.txt", false, false}, // a folder beside the share's
-    };
-    const Names kNames = {"a.txt", "F", "sub\\deep.txt"};
-    ListedShare open(kNames);
-    ListedShare limited(kNames, true);
-    ListedShare empty({});
-    for (const Case &test : kCases) {
-        EXPECT_EQ(open.MayOpen(test.path), test.allowed) << test.path;
-        EXPECT_EQ(limited.MayOpen(test.path), test.withinLimit) << test.path;
+    const Names names = {"a.txt", "F", "sub\\deep.txt"};
+    ListedShare open(names), limited(names, true), empty({});
+    for (const auto &row : rows) {
+        for (std::string_view path : row.paths) {
+            EXPECT_EQ(open.MayOpen(path), row.allowed) << path;
+            EXPECT_EQ(limited.MayOpen(path), row.withinLimit) << path;
+            EXPECT_EQ(empty.MayOpen(path), path == "\\" || IsZoneMark(path)) << path;
+        }
     }
-    EXPECT_TRUE(empty.MayOpen("\\"));
-    EXPECT_FALSE(empty.MayOpen("\\a.txt"));
-    EXPECT_FALSE(empty.MayOpen("\\F\\x"));
+
+    // The root of all has listed files too, and one that ends in a separator gets no other.
+    AllowAccessList all("\\??\\", {"etc"}, false);
+    EXPECT_TRUE(all.IsRoot("\\??\\\\"));
+    EXPECT_TRUE(all.Covers("\\??\\\\etc"));
+    EXPECT_TRUE(all.Covers("\\??\\\\etc\\hosts"));
+    EXPECT_FALSE(all.Covers("\\??\\\\tmp"));
+    EXPECT_EQ(all.NameOf("\\??\\\\etc"), "etc");
+    EXPECT_TRUE(AllowAccessList("\\??\\C:\\", {"a"}, false).IsRoot("\\??\\C:\\"));
 }
 
 TEST(AccessControl, ARefusedOpenSaysSoAndDoesNothing)
 {
-    ListedShare share({"a.txt"});
+    RefusingFilter filter;
+    ListedShare share({"a.txt"}, false, false, &filter);
     CapturedLog log(LOG_LEVEL_DEBUG);
-    File refused = share.Create(u"\\new.txt", {.disposition = FILE_CREATE});
-    EXPECT_EQ(refused.created.Status(), STATUS_ACCESS_DENIED);
-    EXPECT_FALSE(share.Exists("new.txt"));
-    std::string path = share.settings.path + "\\new.txt";
-    EXPECT_EQ(Count(log, "Absolute path = [" + path + "].\n"), 1u);
-    EXPECT_EQ(Count(log, "File/subfolder name = [" + path + "].\n"), 1u);
-    EXPECT_EQ(Count(log, "File/Subfolder [" + path + "] cannot be accessed."), 1u);
+    EXPECT_EQ(share.Open(u"\\new.txt", {.disposition = FILE_CREATE, .options = FILE_NON_DIRECTORY_FILE}),
+              STATUS_ACCESS_DENIED);
     share.MayOpen("\\x:zone.identifier");
-    EXPECT_EQ(Count(log, "Bypass check for file = [" + share.settings.path + "\\x:zone.identifier].\n"), 1u);
+    std::string path = share.settings.path + "\\new.txt";
+    std::string mark = share.settings.path + "\\x:zone.identifier";
+    EXPECT_EQ(LogTexts(),
+              (Names{"Absolute path = [" + path + "].\n", "File/subfolder name = [" + path + "].\n",
+                     "File/Subfolder [" + path + "] cannot be accessed.", "Absolute path = [" + mark + "].\n",
+                     "Bypass check for file = [" + mark + "].\n"}));
+    EXPECT_EQ(filter.asked, 1); // all the same
+    EXPECT_FALSE(share.Exists("new.txt"));
 }
 
 TEST(AccessControl, TheRootListsTheNamedFilesTheLastFirst)
@@ -84,77 +143,73 @@ TEST(AccessControl, TheRootListsTheNamedFilesTheLastFirst)
         std::filesystem::create_directory(share.folder / "F");
         for (const char *name : {"a.txt", "b.txt", "c.txt", "F/x", "F/y"})
             share.Put(name, name);
-        for (ClassShape shape : kWireShapes) {
-            if (multiEntry && shape.infoClass == FileBothDirectoryInformation)
-                shape.name = 94; // the native form
-            SCOPED_TRACE(shape.infoClass);
-            EXPECT_EQ(ListRoot(share, shape), (Names{"a.txt", "F", "b.txt"}));
-            EXPECT_EQ(share.QueriesSinceLast(), 5); // one for each name, and the continuation's
-            EXPECT_EQ(ListRoot(share, shape), (Names{"a.txt", "F", "b.txt"}));
-            EXPECT_EQ(share.QueriesSinceLast(), 0); // from the cache, its continuation as well
+        for (ListingShape shape : ListingShapes(multiEntry)) {
+            shape.isMany = false; // entries of one query each
+            if (shape.infoClass > FileNamesInformation)
+                continue; // not chained
+            // At first one query for each name and those after them; then the cache has all but the last.
+            for (int queries : {6, 1}) {
+                EXPECT_EQ(share.ListRoot(shape), (Names{"a.txt", "F", "b.txt"})) << shape.infoClass;
+                EXPECT_EQ(share.QueriesSinceLast(), queries) << shape.infoClass;
+            }
         }
         // Below a listed folder the directory is the real one.
         File below = share.Create(u"\\F");
-        EXPECT_EQ(below.List(FileFullDirectoryInformation, true, u"\\F\\y").Status(), STATUS_SUCCESS);
-        EXPECT_EQ(below.List(FileFullDirectoryInformation, true).Status(), STATUS_SUCCESS);
+        EXPECT_EQ(below.List(kFullShape.infoClass, true, u"\\F\\y").Status(), STATUS_SUCCESS);
+        EXPECT_EQ(below.List(kFullShape.infoClass, true).Status(), STATUS_SUCCESS);
     }
 }
 
 TEST(AccessControl, WhatAnUpdateDoesToTheCache)
 {
     ListedShare share({"a", "b"});
-    for (const char *name : {"a", "b", "c"})
+    for (const char *name : {"a", "b", "c", "e"})
         share.Put(name, "");
-    ListRoot(share);
+    share.ListRoot();
     CapturedLog log(LOG_LEVEL_TRACE);
     share.device->UpdateAllowAccessFileList({"b", "a", "b"});
     share.QueriesSinceLast();
-    EXPECT_EQ(ListRoot(share), (Names{"b", "a"}));
-    EXPECT_EQ(share.QueriesSinceLast(), 0);
-    EXPECT_EQ(Count(log, "Find cached file info, InfoClass:2, status:0x0.\n"), 1u);
+    EXPECT_EQ(share.ListRoot(), (Names{"b", "a"}));
+    EXPECT_EQ(share.QueriesSinceLast(), 1); // the second continuation
     share.device->UpdateAllowAccessFileList({"b", "c", "c"});
-    EXPECT_EQ(Count(log, "File is added in access list: (" + share.settings.path + "\\c)\n"), 1u);
-    EXPECT_EQ(ListRoot(share), (Names{"c", "b", "a"}));
-    EXPECT_EQ(share.QueriesSinceLast(), 4);
+    EXPECT_EQ(share.ListRoot(), (Names{"c", "b", "a"}));
+    EXPECT_EQ(share.QueriesSinceLast(), 5);
     EXPECT_EQ(share.Open(u"\\c"), STATUS_SUCCESS);
+    for (const std::string &text : {std::string("Find cached file info, InfoClass:2, status:0x0.\n"),
+                                    "File is added in access list: (" + share.settings.path + "\\c)\n"})
+        EXPECT_THAT(LogTexts(), testing::Contains(text).Times(1));
 
     // In the middle of a listing, which is of the old list and isn't kept.
     share.device->UpdateAllowAccessFileList({"d"});
-    share.Put("e", "");
     share.files->meanwhile = [&] { share.device->UpdateAllowAccessFileList({"e"}); };
-    EXPECT_EQ(ListRoot(share), (Names{"c", "b", "a"}));
-    EXPECT_EQ(ListRoot(share), (Names{"e", "c", "b", "a"}));
+    EXPECT_EQ(share.ListRoot(), (Names{"c", "b", "a"}));
+    EXPECT_EQ(share.ListRoot(), (Names{"e", "c", "b", "a"}));
 }
 
-TEST(AccessControl, AListOfOneIsNeverCachedAndAnEmptyOneListsNothing)
+TEST(AccessControl, ListsThatAreTooShortForTheCache)
 {
-    ListedShare one({"a"});
-    one.Put("a", "");
+    ListedShare one({"a"}), none({}), gone({"x", "y"});
     for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(ListRoot(one), Names{"a"});
-        EXPECT_EQ(one.QueriesSinceLast(), 2);
+        one.Put("a", "");
+        none.Put("a", "");
+        EXPECT_EQ(one.ListRoot(), Names{"a"});
+        EXPECT_EQ(one.QueriesSinceLast(), 3);
     }
-    CapturedLog log(LOG_LEVEL_INFO);
-    ListedShare none({});
-    none.Put("hidden", "");
-    File root = none.Create(u"\\");
-    EXPECT_EQ(root.List(kFull.infoClass, true, u"\\*").Status(), STATUS_NO_MORE_FILES);
-    EXPECT_EQ(root.List(kFull.infoClass, false).Status(), STATUS_NO_MORE_FILES);
-    EXPECT_EQ(Count(log, "Allowed access list is empty.\n"), 1u);
-
-    ListedShare gone({"x", "y"});
-    File goneRoot = gone.Create(u"\\");
-    EXPECT_EQ(goneRoot.List(kFull.infoClass, true, u"\\*").Status(), STATUS_NO_SUCH_FILE);
-    EXPECT_EQ(Count(log, "Failed to retrieve dragged file = [x], fileInfoClass = 2, status = 0xc000000f"),
-              1u);
-    EXPECT_EQ(Count(log, "Allowed access info length = 0.\n"), 1u);
-    EXPECT_EQ(Count(log, "Buffer is empty.\n"), 1u);
-    // A class without an offset to the next entry isn't chained.
     one.device->UpdateAllowAccessFileList({"b"});
     one.Put("b", "");
-    File oneRoot = one.Create(u"\\");
-    oneRoot.List(FileIdBothDirectoryInformation, true, u"\\*");
-    EXPECT_EQ(Count(log, "Wrong file info class(37)in IRP_MJ_DEVICE_CONTROL.\n"), 1u);
+    CapturedLog log(LOG_LEVEL_INFO);
+    Completion nothing = none.Create(u"\\").List(kFullShape.infoClass, true, u"\\*");
+    EXPECT_EQ(nothing.Status(), STATUS_NO_MORE_FILES);
+    EXPECT_EQ(gone.Create(u"\\").List(kFullShape.infoClass, true, u"\\*").Status(), STATUS_NO_SUCH_FILE);
+    // A class without an offset to the next entry isn't chained.
+    one.Create(u"\\").List(FileIdBothDirectoryInformation, true, u"\\*");
+    const std::string failed = "Failed to retrieve dragged file = ";
+    EXPECT_THAT(LogTexts(), testing::ElementsAre("Allowed access list is empty.\n",
+                                                 failed + "[x], fileInfoClass = 2, status = 0xc000000f",
+                                                 failed + "[y], fileInfoClass = 2, status = 0xc000000f",
+                                                 "Allowed access info length = 0.\n", "Buffer is empty.\n",
+                                                 testing::StartsWith("Allowed access info length = "),
+                                                 "Wrong file info class(37)in IRP_MJ_DEVICE_CONTROL.\n"));
 }
 
 TEST(AccessControl, AnUpdateLeavesAListingInProgressWhole)
@@ -175,27 +230,116 @@ TEST(AccessControl, AnUpdateLeavesAListingInProgressWhole)
     });
     // Each listing is the list of one moment: the names up to some one, in falling order.
     for (size_t last = 2; last < names.size(); ++listed) {
-        File root = share.Create(u"\\");
-        Names seen = NamesOf(root.List(kFull.infoClass, true, u"\\*"), kFull);
-        root.Close();
-        ASSERT_GE(seen.size(), last);
+        Names seen = share.ListRoot();
+        EXPECT_GE(seen.size(), last);
         last = seen.size();
-        std::reverse(seen.begin(), seen.end());
-        ASSERT_EQ(seen, Names(names.begin(), names.begin() + static_cast<ptrdiff_t>(last)));
+        EXPECT_EQ(seen, Names(names.rend() - static_cast<ptrdiff_t>(last), names.rend()));
     }
     updater.join();
 }
 
-TEST(AccessControl, TheRootOfAllHasListedFilesToo)
+// Neighbours of the listed files, and every way to them. None of it may change them.
+class AccessControlNeighbours : public testing::TestWithParam<bool> {
+protected:
+    AccessControlNeighbours() : share({"a.txt", "F", "gone.txt"}, true, GetParam())
+    {
+        for (const char *folder : {"F", "Fellow", "Gadget"})
+            std::filesystem::create_directory(share.folder / folder);
+        if (!kCaselessNames) // else these are the listed files themselves
+            neighbours.insert(neighbours.end(), {"GONE.TXT", "A.TXT"});
+        for (const std::string &name : neighbours)
+            share.Put(name, name);
+        share.Put("a.txt", "a.txt");
+        share.Put("F/in", "F/in");
+    }
+    void TearDown() override
+    {
+        for (const std::string &name : neighbours)
+            EXPECT_EQ(share.Contents(name), name);
+        EXPECT_FALSE(share.Exists("new.txt"));
+    }
+
+    // By every prefix to every name with every suffix; "new.txt" isn't there.
+    static std::vector<std::u16string> WaysToThem()
+    {
+        std::vector<std::u16string> ways = {u"\\Fellow",      u"\\Gadget",   u"\\F\\..", u"\\.",
+                                            u"\\SECRE~1.TXT", u"secret.txt", u"2\\out"};
+        for (std::u16string prefix : {u"\\", u"/", u"\\\\", u"\\.\\", u"\\..\\", u"\\F\\..\\", u"\\F/../",
+                                      u"\\f\\..\\", u"\\a.txt\\..\\", u"\\F:x\\..\\"}) {
+            for (std::u16string name : {u"secret.txt", u"SECRET.TXT", u"A.TXT", u"GONE.TXT", u"new.txt",
+                                        u"Fellow\\x", u"Fellow\\new", u"Gadget\\x"}) {
+                for (const char16_t *suffix : {u"", u"\\", u":s", u"::$DATA", u":Zone.Identifier"})
+                    ways.push_back(prefix + name + suffix);
+            }
+        }
+        return ways;
+    }
+
+    const bool kCaselessNames = platform::LocalNamesEqual("a", "A");
+    Names neighbours = {"secret.txt", "Fellow/x", "Gadget/x"};
+    ListedShare share;
+};
+INSTANTIATE_TEST_SUITE_P(, AccessControlNeighbours, testing::Bool());
+
+TEST_P(AccessControlNeighbours, NoFormOfTheirNamesOpensThem)
 {
-    AllowAccessList list("\\??\\", {"etc"}, false);
-    EXPECT_TRUE(list.IsRoot("\\??\\\\"));
-    EXPECT_TRUE(list.Covers("\\??\\\\etc"));
-    EXPECT_TRUE(list.Covers("\\??\\\\etc\\hosts"));
-    EXPECT_FALSE(list.Covers("\\??\\\\tmp"));
-    EXPECT_EQ(list.NameOf("\\??\\\\etc"), "etc");
-    AllowAccessList drive("\\??\\C:\\", {"a"}, false); // a root that ends in a separator gets no other
-    EXPECT_TRUE(drive.IsRoot("\\??\\C:\\"));
+    for (const std::u16string &form : WaysToThem()) {
+        for (uint32_t disposition : {FILE_OPEN, FILE_OVERWRITE, FILE_CREATE, FILE_SUPERSEDE, FILE_OPEN_IF})
+            EXPECT_TRUE(IsError(share.Open(form, {.disposition = disposition}))) << WireText(form);
+        EXPECT_TRUE(IsError(share.Open(form, {.access = FILE_READ_ATTRIBUTES}))) << WireText(form);
+    }
+    // The listed name that is gone makes a file of its own, beside the one of another case.
+    EXPECT_TRUE(IsError(share.Open(u"\\gone.txt")));
+    EXPECT_EQ(share.Open(u"\\gone.txt", {.disposition = FILE_OVERWRITE_IF}), STATUS_SUCCESS);
+    EXPECT_EQ(share.Create(u"\\a.txt").Read(0, 9).Data(), "a.txt");
+    EXPECT_EQ(share.Open(u"\\F\\new", {.disposition = FILE_CREATE}), STATUS_SUCCESS);
+}
+
+TEST_P(AccessControlNeighbours, NoPatternListsThem)
+{
+    const auto listed = testing::UnorderedElementsAre("a.txt", "F");
+    for (const ListingShape &shape : ListingShapes(GetParam())) {
+        for (const char16_t *pattern : {u"\\**", u"\\?*", u"\\", u"\\Gadget\\*", u"*", u""})
+            EXPECT_THAT(share.Create(u"\\").ListAll(shape, pattern), listed) << shape.infoClass;
+    }
+    auto ask = [&](uint32_t infoClass, std::u16string_view pattern) {
+        return share.Create(u"\\").List(infoClass, true, pattern).Status();
+    };
+    for (const char16_t *pattern : {u"\\secret.txt", u"\\s*", u"\\gone.txt", u"\\."})
+        EXPECT_EQ(ask(FileNamesInformation, pattern), STATUS_NO_SUCH_FILE) << WireText(pattern);
+    EXPECT_EQ(ask(kFullShape.infoClass, u"\\A.TXT"), kCaselessNames ? STATUS_SUCCESS : STATUS_NO_SUCH_FILE);
+    EXPECT_EQ(ask(FileBothDirectoryInformation, u"\\F"), STATUS_SUCCESS);
+    EXPECT_EQ(ask(60, u"\\F"), STATUS_INVALID_INFO_CLASS);
+}
+
+TEST_P(AccessControlNeighbours, NothingIsRenamedOntoThemOrMadeBesideThem)
+{
+    std::vector<std::u16string> targets = WaysToThem();
+    targets.insert(targets.end(), {u"\\??\\/tmp/fodr-out", u"/tmp/fodr-out", u"\\gone.txt:s", u"\\",
+                                   u"\\Fellow\0\\x"s, u"\\F\\new\0x"s});
+    for (const char16_t *source : {u"\\a.txt", u"\\F\\in", u"\\"}) {
+        File file = share.Create(source, {.access = DELETE_ACCESS | FILE_READ_ATTRIBUTES});
+        ASSERT_EQ(file.created.Status(), STATUS_SUCCESS);
+        for (const std::u16string &target : targets)
+            EXPECT_TRUE(IsError(file.Rename(target).Status())) << WireText(target);
+        for (uint32_t infoClass : {11u, 65u, 72u}) // hard links and the newer forms
+            EXPECT_EQ(file.Set(infoClass, std::string(64, 'x')).Status(), STATUS_ACCESS_DENIED);
+        file.Close();
+    }
+    File file = share.Create(u"\\F\\in", {.access = DELETE_ACCESS});
+    EXPECT_EQ(file.Rename(u"\\F\\out").Status(), STATUS_SUCCESS);
+    EXPECT_EQ(file.Rename(u"\\gone.txt").Status(), STATUS_SUCCESS);
+    EXPECT_EQ(share.Contents("gone.txt"), "F/in");
+}
+
+TEST_P(AccessControlNeighbours, TheRootItselfIsNotChanged)
+{
+    EXPECT_EQ(share.Open(u"\\", {.options = FILE_DELETE_ON_CLOSE}), STATUS_ACCESS_DENIED);
+    File root = share.Create(u"\\", {.access = GENERIC_ALL});
+    EXPECT_EQ(root.Set(FileDispositionInformation, "\1").Status(), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(root.Set(FileBasicInformation, std::string(40, '\0')).Status(), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(root.Control(FSCTL_GET_COMPRESSION, "", 2).Status(), STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(root.Close().Status(), STATUS_SUCCESS);
 }
 
 } // namespace

@@ -1,45 +1,37 @@
-#include "drives/IDeviceFilter.h"
 #include "fileservice/IPreReader.h"
 #include "fileservice/Share.h"
 #include "rdpdr/wire/CompletionBuilder.h"
+#include "runtime/CapturedLog.h"
 
 namespace fodr::test {
 namespace {
 
 using namespace nt;
 
-TEST(Create, OpensTheRootForAnEmptyPath)
+// As it comes from an agent that opens the root: without a path.
+constexpr DR_CREATE_REQ kOpenRoot{GENERIC_READ, 0, 0, 7, FILE_OPEN, FILE_DIRECTORY_FILE, 0};
+
+TEST(Create, AnswersSuccessAndFailureInOneForm)
 {
     Share share;
-    share.Put("a.txt", "");
-    Bytes packet = share.Request(0, IRP_MJ_CREATE, 0,
-                                 DR_CREATE_REQ{GENERIC_READ, 0, 0, 7, FILE_OPEN, FILE_DIRECTORY_FILE, 0});
-    File root(share, share.Ask(packet));
+    File root(share, share.Ask(share.Request(0, IRP_MJ_CREATE, 0, kOpenRoot)));
     EXPECT_EQ(root.created.Status(), STATUS_SUCCESS);
     EXPECT_EQ(root.created.Size(), 21u);
     EXPECT_NE(root.Id(), 0u);
     EXPECT_EQ(root.created.Information(), FILE_OPENED);
-    EXPECT_EQ(root.List(FileNamesInformation, true, u"\\a*").Status(), STATUS_SUCCESS);
-}
-
-TEST(Create, ReportsFailureInTheSameForm)
-{
-    Share share;
-    File missing = share.Create(u"\\none.txt");
-    EXPECT_EQ(missing.created.Status(), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(missing.created.Size(), 21u);
-    EXPECT_EQ(missing.Id(), 0u);
-    EXPECT_EQ(share.Create(u"\\..\\passwd").created.Status(), STATUS_OBJECT_NAME_INVALID);
-}
-
-TEST(Create, AnswersAnUnavailableDeviceBeforeAnyPathIsRead)
-{
-    Share share;
+    EXPECT_EQ(root.List(FileNamesInformation, true, u"\\*").Status(), STATUS_SUCCESS);
+    auto expectFailure = [&](std::u16string_view path, uint32_t disposition, NTSTATUS status) {
+        File missing = share.Create(path, {.disposition = disposition});
+        EXPECT_EQ(missing.created.Status(), status);
+        EXPECT_EQ(missing.created.Size(), 21u);
+        EXPECT_EQ(missing.Id(), 0u);
+    };
+    expectFailure(u"\\none.txt", FILE_OPEN, STATUS_OBJECT_NAME_NOT_FOUND);
+    expectFailure(u"\\..\\passwd", FILE_OPEN, STATUS_OBJECT_NAME_INVALID);
     share.device->SetAvailable(false);
-    File file = share.Create(u"\\made.txt", {.disposition = FILE_CREATE});
-    EXPECT_EQ(file.created.Status(), STATUS_DEVICE_REMOVED);
-    EXPECT_EQ(file.Close().Status(), STATUS_DEVICE_REMOVED);
+    expectFailure(u"\\made.txt", FILE_CREATE, STATUS_DEVICE_REMOVED); // before any path is read
     EXPECT_FALSE(share.Exists("made.txt"));
+    EXPECT_EQ(root.Close().Status(), STATUS_DEVICE_REMOVED);
 }
 
 TEST(Create, ReadOnlyStopsOnlyTheMakingOfMissingFiles)
@@ -64,10 +56,8 @@ TEST(Create, ReadOnlyStopsOnlyTheMakingOfMissingFiles)
     Share share([](RedirectedDeviceSettings &settings) { settings.readOnly = true; });
     share.Put("there.txt", "x");
     for (const Case &test : kCases) {
-        File file = share.Create(test.path, {.disposition = test.disposition, .options = test.options});
-        EXPECT_EQ(file.created.Status(), test.status) << test.disposition;
-        if (file.Id() != 0)
-            file.Close();
+        CreateArguments arguments{.disposition = test.disposition, .options = test.options};
+        EXPECT_EQ(share.Open(test.path, arguments), test.status) << test.disposition;
     }
 }
 
@@ -79,11 +69,9 @@ TEST(Create, AnAppendOpenLosesNoBufferingAndKeepsItsOtherOptions)
     share.Put("a", "");
     for (uint32_t access : {FILE_APPEND_DATA, FILE_WRITE_DATA}) {
         File file = share.Create(u"\\a", {.access = access, .options = kOptions});
-        ASSERT_EQ(file.created.Status(), STATUS_SUCCESS);
-        uint32_t mode = file.Query(FileModeInformation).At<uint32_t>(0);
         uint32_t unbuffered = access == FILE_APPEND_DATA ? 0 : FILE_NO_INTERMEDIATE_BUFFERING;
-        EXPECT_EQ(mode, unbuffered | FILE_SEQUENTIAL_ONLY | FILE_SYNCHRONOUS_IO_NONALERT);
-        file.Close();
+        EXPECT_EQ(file.Query(FileModeInformation).At<uint32_t>(0),
+                  unbuffered | FILE_SEQUENTIAL_ONLY | FILE_SYNCHRONOUS_IO_NONALERT);
     }
 }
 
@@ -114,6 +102,9 @@ TEST(Create, TakesNoMoreOfAPathThanThePacketHolds)
         std::string contents = file.Read(0, 10).Data();
         EXPECT_EQ(contents == "found", test.status == STATUS_SUCCESS) << test.stated;
     }
+    // Nor of a root that isn't text.
+    Share noText([](RedirectedDeviceSettings &settings) { settings.path += "/\xFF"; });
+    EXPECT_EQ(noText.Open(u"\\"), STATUS_OBJECT_NAME_INVALID);
 }
 
 TEST(Create, NoPathReachesAFolderWhoseNameOnlyBeginsAsTheRoots)
@@ -122,38 +113,14 @@ TEST(Create, NoPathReachesAFolderWhoseNameOnlyBeginsAsTheRoots)
     const std::string neighbour = share.folder.string() + "2";
     std::filesystem::create_directory(neighbour);
     std::ofstream(neighbour + "/x") << "out of reach";
-    for (const char16_t *path : {u"2\\x", u"2/x", u"2", u".\\x"})
-        EXPECT_EQ(share.Create(path).created.Status(), STATUS_OBJECT_NAME_INVALID);
-    share.Put("mine", "");
-    File file = share.Create(u"\\mine", {.access = DELETE_ACCESS});
-    for (const char16_t *target : {u"2\\y", u"2"}) {
-        std::string name = WireText(target);
-        std::string record("\1\0\0\0\0\0", 6);
-        StoreLittle(reinterpret_cast<uint8_t *>(record.data() + 2), static_cast<uint32_t>(name.size()));
-        EXPECT_EQ(file.Set(FileRenameInformation, record + name).Status(), STATUS_OBJECT_NAME_INVALID);
+    File mine = share.Made("mine");
+    for (const char16_t *path : {u"2\\x", u"2/x", u"2", u".\\x"}) {
+        EXPECT_EQ(share.Open(path), STATUS_OBJECT_NAME_INVALID);
+        EXPECT_EQ(mine.Rename(path).Status(), STATUS_OBJECT_NAME_INVALID);
     }
     EXPECT_TRUE(share.Exists("mine"));
     std::filesystem::remove_all(neighbour);
 }
-
-TEST(Create, RefusesARootThatIsNotText)
-{
-    Share share([](RedirectedDeviceSettings &settings) { settings.path += "/\xFF"; });
-    EXPECT_EQ(share.Create(u"\\").created.Status(), STATUS_OBJECT_NAME_INVALID);
-}
-
-// Refuses every device and counts how often it is asked.
-class RefusingFilter : public IDeviceFilter {
-public:
-    bool HasDeviceFilter() override { return inForce; }
-    bool IsAllowedByDeviceFilter(const std::string &) override
-    {
-        ++asked;
-        return false;
-    }
-    bool inForce = true;
-    int asked = 0;
-};
 
 TEST(Create, AsksTheDeviceFilterWhereTheOpenSaysFileOrFolder)
 {
@@ -165,52 +132,25 @@ TEST(Create, AsksTheDeviceFilterWhereTheOpenSaysFileOrFolder)
         EXPECT_EQ(refused.created.Status(), STATUS_ACCESS_DENIED);
         EXPECT_EQ(refused.created.Data(), std::string(1, '\0'));
     }
+    EXPECT_EQ(share.Open(u"\\a"), STATUS_SUCCESS); // neither option: unchecked
     EXPECT_EQ(filter.asked, 2);
-    EXPECT_EQ(share.Create(u"\\a").created.Status(), STATUS_SUCCESS); // neither option: unchecked
-    filter.inForce = false;
-    EXPECT_EQ(share.Create(u"\\a", {.options = FILE_NON_DIRECTORY_FILE}).created.Status(), STATUS_SUCCESS);
-    EXPECT_EQ(filter.asked, 2);
-}
 
-// Refuses every path and keeps the last one.
-class RefusingDevice : public RedirectedDevice {
-public:
-    using RedirectedDevice::RedirectedDevice;
-    bool CheckCreateDriveAccess(const std::string &absolutePath) override
-    {
-        asked = absolutePath;
-        return false;
-    }
-    std::string asked;
-};
-
-TEST(Create, AsksBothTheShareAndTheFilterOfTheWholePath)
-{
-    RefusingFilter filter;
-    RedirectedDeviceSettings made;
-    Share share([&](RedirectedDeviceSettings &settings) {
-        settings.filterPolicy = &filter;
-        made = settings;
-    });
-    auto *device = new RefusingDevice(std::make_unique<WatchedFileSystem>(made.path), made);
-    share.device = RCPtr<RedirectedDevice>(device);
-    // A path without bytes is the root with its separator; nothing is added or cleaned otherwise.
-    DR_CREATE_REQ root{GENERIC_READ, 0, 0, 7, FILE_OPEN, FILE_DIRECTORY_FILE, 0};
-    EXPECT_EQ(share.Ask(share.Request(0, IRP_MJ_CREATE, 0, root)).Status(), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(device->asked, made.path + "\\");
+    // Of the whole path: without bytes it is the root with its separator; nothing is cleaned otherwise.
+    CapturedLog log(LOG_LEVEL_INFO);
+    share.Ask(share.Request(0, IRP_MJ_CREATE, 0, kOpenRoot));
     share.Create(u"\\sub\\\\..\\a", {.options = FILE_NON_DIRECTORY_FILE});
-    EXPECT_EQ(device->asked, made.path + "\\sub\\\\..\\a");
-    EXPECT_EQ(filter.asked, 2);
+    const std::string refused = "I RedirectedDevice::HandleCreate(): File/Subfolder [" + share.settings.path;
+    EXPECT_EQ(CapturedLog::Lines(),
+              (Names{refused + "\\] cannot be accessed.", refused + "\\sub\\\\..\\a] cannot be accessed."}));
+    filter.inForce = false;
+    EXPECT_EQ(share.Open(u"\\a", {.options = FILE_NON_DIRECTORY_FILE}), STATUS_SUCCESS);
+    EXPECT_EQ(filter.asked, 4);
 }
 
-// Adds one byte to the completions of creates and of basic-information sets.
+// Adds the byte 5 to every completion that it is asked for.
 class OneBytePreReader : public IPreReader {
 public:
-    int32_t GetPattern(const DR_DEVICE_IOREQUEST &request) const override
-    {
-        return request.MajorFunction == IRP_MJ_CREATE || request.MajorFunction == IRP_MJ_SET_INFORMATION ? 5
-                                                                                                         : -1;
-    }
+    int32_t GetPattern(const DR_DEVICE_IOREQUEST &) const override { return 5; }
     RdpdrStreamPtr BuildPreReadIoCompletion(int32_t pattern, uint32_t deviceId, uint32_t, IFileSystem *,
                                             uint32_t completionId, int32_t ioStatus,
                                             uint8_t **payload) const override

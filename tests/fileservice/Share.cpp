@@ -2,97 +2,54 @@
 
 #include "WholeFile.h"
 
-#include <atomic>
-#include <cstring>
 #include <random>
 
 namespace fodr::test {
 
 using namespace nt;
 
-bool RecordingChannel::WriteChannel(RdpdrStream *packet)
-{
-    Completion completion(Bytes(packet->Base(), packet->Base() + packet->Size()));
-    std::lock_guard held(mutex);
-    EXPECT_TRUE(completions.emplace(completion.Fixed().CompletionId, completion).second) << "answered twice";
-    arrived.notify_all();
-    return true;
-}
-
-Completion RecordingChannel::Take(uint32_t completionId)
-{
-    std::unique_lock held(mutex);
-    arrived.wait(held, [&] { return completions.contains(completionId); });
-    Completion completion = completions[completionId];
-    completions.erase(completionId);
-    return completion;
-}
-
-bool RecordingChannel::IsAnswered(uint32_t completionId)
-{
-    std::lock_guard held(mutex);
-    return completions.contains(completionId);
-}
-
-size_t RecordingChannel::Untaken()
-{
-    std::lock_guard held(mutex);
-    return completions.size();
-}
-
-NTSTATUS WatchedFileSystem::RedirectedCloseFile(uint32_t fileId)
-{
-    if (closeFailure)
-        return *std::exchange(closeFailure, std::nullopt);
-    return FileSystemImpl::RedirectedCloseFile(fileId);
-}
-
-NTSTATUS WatchedFileSystem::RedirectedCancelAllIo(uint32_t fileId)
-{
-    if (cancelFailure)
-        return *std::exchange(cancelFailure, std::nullopt);
-    NTSTATUS status = FileSystemImpl::RedirectedCancelAllIo(fileId);
-    std::lock_guard held(mutex);
-    ++cancels;
-    changed.notify_all();
-    return status;
-}
-
-NTSTATUS WatchedFileSystem::RedirectedNotifyChangeDirectoryFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus,
-                                                                uint32_t completionFilter, bool watchTree)
-{
-    BeginBlockingCall();
-    return FileSystemImpl::RedirectedNotifyChangeDirectoryFile(fileId, ioStatus, completionFilter, watchTree);
-}
-
-NTSTATUS WatchedFileSystem::RedirectedLockFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus,
-                                               const LARGE_INTEGER &offset, const LARGE_INTEGER &length,
-                                               bool failImmediately, bool exclusive)
-{
-    if (!failImmediately)
-        BeginBlockingCall();
-    return FileSystemImpl::RedirectedLockFile(fileId, ioStatus, offset, length, failImmediately, exclusive);
-}
-
-void WatchedFileSystem::BeginBlockingCall()
-{
-    std::unique_lock held(mutex);
-    ++blockingCalls;
-    changed.notify_all();
-    if (holdUntilCancelled)
-        changed.wait(held, [&] { return cancels > 0; });
-}
-
-void WatchedFileSystem::AwaitBlockingCalls(int count)
-{
-    std::unique_lock held(mutex);
-    changed.wait(held, [&] { return blockingCalls >= count; });
-}
-
 std::string WireText(std::u16string_view text)
 {
     std::string bytes(reinterpret_cast<const char *>(text.data()), text.size() * 2);
     return bytes.append(2, '\0');
+}
+
+std::string Little(uint64_t value, size_t size)
+{
+    std::string bytes(8, '\0');
+    StoreLittle(reinterpret_cast<uint8_t *>(bytes.data()), value);
+    return bytes.substr(0, size);
+}
+
+std::vector<ListingShape> ListingShapes(bool multiEntry)
+{
+    return {
+        {FileDirectoryInformation, 60, 64},
+        {FileFullDirectoryInformation, 60, 68, multiEntry},
+        {FileBothDirectoryInformation, 60, multiEntry ? 94u : 93u, multiEntry},
+        {FileNamesInformation, 8, 12},
+        {FileIdBothDirectoryInformation, 60, 104},
+        {FileIdFullDirectoryInformation, 60, 80},
+    };
+}
+
+Names NamesOf(const Completion &listing, const ListingShape &shape)
+{
+    Names names;
+    std::string data = listing.Data();
+    EXPECT_EQ(listing.Length(), data.size());
+    for (size_t at = 0, next = 1; next != 0 && at + shape.name <= data.size(); at += next) {
+        next = listing.At<uint32_t>(at);
+        std::string name = data.substr(at + shape.name, listing.At<uint32_t>(at + shape.nameLength));
+        size_t end = shape.name + name.size();
+        if (next == 0)
+            EXPECT_LT(data.size() - at - end, shape.isMany ? 8u : 1u); // may be filled up too
+        else
+            EXPECT_EQ(next, shape.isMany ? (end + 7) / 8 * 8 : end);
+        std::erase(name, '\0');
+        names.push_back(name);
+    }
+    return names;
 }
 
 Share::Share(const std::function<void(RedirectedDeviceSettings &)> &change)
@@ -132,6 +89,17 @@ File Share::Create(std::u16string_view path, CreateArguments arguments)
     return File(*this, Ask(Request(0, IRP_MJ_CREATE, 0, create, wirePath)));
 }
 
+NTSTATUS Share::Open(std::u16string_view path, CreateArguments arguments)
+{
+    return Create(path, arguments).created.Status();
+}
+
+File Share::Made(const std::string &name, std::string_view contents)
+{
+    Put(name, contents);
+    return Create(u"\\" + std::u16string(name.begin(), name.end()));
+}
+
 bool Share::Serve(const Bytes &packet)
 {
     RdpdrStreamPtr stream(RdpdrStream::Create(packet.size()));
@@ -143,13 +111,9 @@ bool Share::Serve(const Bytes &packet)
 Completion Share::Ask(const Bytes &packet)
 {
     uint32_t completionId = LoadLittle<uint32_t>(packet.data() + 12);
-    bool written = Serve(packet);
-    EXPECT_TRUE(written);
-    EXPECT_TRUE(channel.IsAnswered(completionId));
-    if (!written || !channel.IsAnswered(completionId))
-        return Completion();
+    EXPECT_TRUE(Serve(packet));
     Completion completion = channel.Take(completionId);
-    EXPECT_EQ(completion.Fixed().DeviceId, device->GetDeviceId()); // never that of the request
+    EXPECT_EQ(completion.Fixed().DeviceId, device->GetDeviceId()); // not that of the request; 0 if none came
     EXPECT_GE(completion.Size(), kMinCompletionSize);
     return completion;
 }
@@ -164,68 +128,42 @@ std::string Share::Contents(const std::string &name)
     return ReadWholeFile(folder / name);
 }
 
-Completion File::Read(uint64_t offset, uint32_t length)
+Completion File::Rename(std::u16string_view target, uint8_t rootDirectory)
 {
-    return share.Ask(share.Request(Id(), IRP_MJ_READ, 0, DR_READ_REQ{length, offset}));
-}
-
-Completion File::Write(uint64_t offset, std::string_view data)
-{
-    DR_WRITE_REQ write{static_cast<uint32_t>(data.size()), offset};
-    return share.Ask(share.Request(Id(), IRP_MJ_WRITE, 0, write, data));
-}
-
-Completion File::Query(uint32_t infoClass)
-{
-    return share.Ask(
-        share.Request(Id(), IRP_MJ_QUERY_INFORMATION, 0, DR_DRIVE_QUERY_INFORMATION_REQ{infoClass}));
-}
-
-Completion File::QueryVolume(uint32_t infoClass)
-{
-    return share.Ask(
-        share.Request(Id(), IRP_MJ_QUERY_VOLUME_INFORMATION, 0, DR_DRIVE_QUERY_INFORMATION_REQ{infoClass}));
-}
-
-Completion File::Set(uint32_t infoClass, std::string_view buffer)
-{
-    DR_DRIVE_SET_INFORMATION_REQ set{infoClass, static_cast<uint32_t>(buffer.size())};
-    return share.Ask(share.Request(Id(), IRP_MJ_SET_INFORMATION, 0, set, buffer));
-}
-
-Completion File::SetVolume(uint32_t infoClass, std::string_view buffer)
-{
-    DR_DRIVE_SET_INFORMATION_REQ set{infoClass, static_cast<uint32_t>(buffer.size())};
-    return share.Ask(share.Request(Id(), IRP_MJ_SET_VOLUME_INFORMATION, 0, set, buffer));
+    std::string name = WireText(target);
+    std::string record{'\1', static_cast<char>(rootDirectory)}; // replaces what is there
+    return Set(nt::FileRenameInformation, record + Little(name.size(), 4) + name);
 }
 
 Completion File::List(uint32_t infoClass, bool restart, std::u16string_view path)
 {
     std::string wirePath = path.empty() ? std::string() : WireText(path);
-    DR_DRIVE_QUERY_DIRECTORY_REQ query{infoClass, restart, static_cast<uint32_t>(wirePath.size())};
-    return share.Ask(share.Request(Id(), IRP_MJ_DIRECTORY_CONTROL, IRP_MN_QUERY_DIRECTORY, query, wirePath));
+    return Ask(IRP_MJ_DIRECTORY_CONTROL, DR_DRIVE_QUERY_DIRECTORY_REQ{infoClass, restart, SizeOf(wirePath)},
+               wirePath, IRP_MN_QUERY_DIRECTORY);
 }
 
-Completion File::Control(uint32_t code, std::string_view input, uint32_t outputLength)
+Names File::ListAll(const ListingShape &shape, std::u16string_view path)
 {
-    DR_CONTROL_REQ control{outputLength, static_cast<uint32_t>(input.size()), code};
-    return share.Ask(share.Request(Id(), IRP_MJ_DEVICE_CONTROL, 0, control, input));
+    Names names;
+    Completion answer = List(shape.infoClass, true, path);
+    for (; answer.Status() == STATUS_SUCCESS && names.size() < 99; answer = List(shape.infoClass, false)) {
+        Names more = NamesOf(answer, shape);
+        EXPECT_EQ(more.size() > 1, shape.isMany);
+        names.insert(names.end(), more.begin(), more.end());
+    }
+    EXPECT_EQ(answer.Status(), STATUS_NO_MORE_FILES);
+    EXPECT_EQ(answer.Size(), kMinCompletionSize);
+    return names;
 }
 
 Completion File::Lock(uint32_t operation, std::vector<LockRange> ranges, bool failImmediately)
 {
-    std::string list(ranges.size() * kWireSize<RDP_LOCK_INFO>, '\0');
-    for (size_t i = 0; i < ranges.size(); ++i)
-        StoreRecord(RDP_LOCK_INFO{ranges[i].length, ranges[i].offset},
-                    reinterpret_cast<uint8_t *>(list.data()) + i * kWireSize<RDP_LOCK_INFO>);
+    std::string list;
+    for (const LockRange &range : ranges)
+        list += Little(range.length) + Little(range.offset);
     DR_DRIVE_LOCK_REQ lock{operation, failImmediately ? kLockFailImmediately : 0,
                            static_cast<uint32_t>(ranges.size())};
-    return share.Ask(share.Request(Id(), IRP_MJ_LOCK_CONTROL, 0, lock, list));
-}
-
-Completion File::Close()
-{
-    return share.Ask(share.Request(Id(), IRP_MJ_CLOSE, 0, DR_READ_REQ{}));
+    return Ask(IRP_MJ_LOCK_CONTROL, lock, list);
 }
 
 } // namespace fodr::test

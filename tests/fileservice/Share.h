@@ -5,7 +5,9 @@
 //     EXPECT_EQ(file.Read(0, 5).Data(), "hello");
 #pragma once
 
+#include "Mailbox.h"
 #include "WireExamples.h"
+#include "drives/IDeviceFilter.h"
 #include "fileservice/FileSystemImpl.h"
 #include "fileservice/RedirectedDevice.h"
 #include "platform/Nt.h"
@@ -14,7 +16,7 @@
 #include "rdpdr/wire/RdpdrRecords.h"
 
 #include <algorithm>
-#include <condition_variable>
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
@@ -23,6 +25,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace fodr::test {
 
@@ -55,16 +59,28 @@ private:
 class RecordingChannel : public IRdpdrChannel {
 public:
     bool NotifyODPObserver(const char *, const char *) override { return true; }
-    bool WriteChannel(RdpdrStream *packet) override;
-
-    // Waits for the completion and takes it.
-    Completion Take(uint32_t completionId);
-    bool IsAnswered(uint32_t completionId);
-    size_t Untaken();
+    bool WriteChannel(RdpdrStream *packet) override
+    {
+        Completion completion(Bytes(packet->Base(), packet->Base() + packet->Size()));
+        std::lock_guard held(mutex);
+        EXPECT_TRUE(completions.emplace(completion.Fixed().CompletionId, completion).second) << "once more";
+        return true;
+    }
+    // Gives the completion away; an empty one if it didn't come.
+    Completion Take(uint32_t completionId)
+    {
+        std::lock_guard held(mutex);
+        auto taken = completions.extract(completionId);
+        return taken ? taken.mapped() : Completion();
+    }
+    size_t Untaken()
+    {
+        std::lock_guard held(mutex);
+        return completions.size();
+    }
 
 private:
     std::mutex mutex;
-    std::condition_variable arrived;
     std::map<uint32_t, Completion> completions;
 };
 
@@ -73,27 +89,49 @@ class WatchedFileSystem : public FileSystemImpl {
 public:
     explicit WatchedFileSystem(const std::string &root) : FileSystemImpl(root) {}
 
-    nt::NTSTATUS RedirectedCloseFile(uint32_t fileId) override;
-    nt::NTSTATUS RedirectedCancelAllIo(uint32_t fileId) override;
+    nt::NTSTATUS RedirectedCloseFile(uint32_t fileId) override
+    {
+        auto failure = std::exchange(closeFailure, std::nullopt);
+        return failure ? *failure : FileSystemImpl::RedirectedCloseFile(fileId);
+    }
+    nt::NTSTATUS RedirectedCancelAllIo(uint32_t fileId) override
+    {
+        if (auto failure = std::exchange(cancelFailure, std::nullopt))
+            return *failure;
+        nt::NTSTATUS status = FileSystemImpl::RedirectedCancelAllIo(fileId);
+        cancelled.Set();
+        return status;
+    }
     nt::NTSTATUS RedirectedNotifyChangeDirectoryFile(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus,
-                                                     uint32_t completionFilter, bool watchTree) override;
+                                                     uint32_t filter, bool watchTree) override
+    {
+        blocking.Set();
+        if (holdUntilCancelled)
+            cancelled.Wait();
+        return FileSystemImpl::RedirectedNotifyChangeDirectoryFile(fileId, ioStatus, filter, watchTree);
+    }
     nt::NTSTATUS RedirectedLockFile(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus,
                                     const nt::LARGE_INTEGER &offset, const nt::LARGE_INTEGER &length,
-                                    bool failImmediately, bool exclusive) override;
+                                    bool failImmediately, bool exclusive) override
+    {
+        if (!failImmediately)
+            blocking.Set();
+        return FileSystemImpl::RedirectedLockFile(fileId, ioStatus, offset, length, failImmediately,
+                                                  exclusive);
+    }
 
-    void AwaitBlockingCalls(int count);
-    std::optional<nt::NTSTATUS> closeFailure;  // what the next close gives
-    std::optional<nt::NTSTATUS> cancelFailure; // what the next cancel gives
-    // Holds the next blocking call before it is made, until a cancel has gone by.
-    bool holdUntilCancelled = false;
+    std::optional<nt::NTSTATUS> closeFailure, cancelFailure; // what the next call gives
+    bool holdUntilCancelled = false; // holds a notification before it is made, until a cancel has gone by
+    Signal blocking, cancelled;
+};
 
-private:
-    void BeginBlockingCall();
-
-    std::mutex mutex;
-    std::condition_variable changed;
-    int blockingCalls = 0;
-    int cancels = 0;
+// Refuses every device and counts how often it is asked.
+class RefusingFilter : public IDeviceFilter {
+public:
+    bool HasDeviceFilter() override { return inForce; }
+    bool IsAllowedByDeviceFilter(const std::string &) override { return ++asked == 0; }
+    bool inForce = true;
+    int asked = 0;
 };
 
 struct CreateArguments {
@@ -107,30 +145,7 @@ struct LockRange {
     uint64_t offset, length;
 };
 
-class Share;
-
-// An open file of a share; closed by Close alone.
-class File {
-public:
-    File(Share &ofShare, Completion completion) : created(std::move(completion)), share(ofShare) {}
-
-    uint32_t Id() const { return created.FileId(); }
-    Completion Read(uint64_t offset, uint32_t length);
-    Completion Write(uint64_t offset, std::string_view data);
-    Completion Query(uint32_t infoClass);
-    Completion QueryVolume(uint32_t infoClass);
-    Completion Set(uint32_t infoClass, std::string_view buffer);
-    Completion SetVolume(uint32_t infoClass, std::string_view buffer);
-    Completion List(uint32_t infoClass, bool restart, std::u16string_view path = {});
-    Completion Control(uint32_t code, std::string_view input, uint32_t outputLength);
-    Completion Lock(uint32_t operation, std::vector<LockRange> ranges, bool failImmediately = true);
-    Completion Close();
-
-    Completion created;
-
-private:
-    Share &share;
-};
+class File;
 
 class Share {
 public:
@@ -139,6 +154,10 @@ public:
     ~Share();
 
     File Create(std::u16string_view path, CreateArguments arguments = {});
+    // What it gives; what it opens stays open.
+    nt::NTSTATUS Open(std::u16string_view path, CreateArguments arguments = {});
+    // Makes a file with these contents and opens it.
+    File Made(const std::string &name, std::string_view contents = {});
     // Serves a packet on this thread. The packet lies in a block of its own size.
     bool Serve(const Bytes &packet);
     // The only completion that the request gets; empty, with a failure, when there is none.
@@ -165,10 +184,72 @@ public:
     RedirectedDeviceSettings settings; // that the device was made with
     WatchedFileSystem *fileSystem;     // the device's
     RCPtr<RedirectedDevice> device;
-    uint32_t lastCompletionId = 100;
+    std::atomic<uint32_t> lastCompletionId{100};
+};
+
+// Where a class of directory entries has its name, and what an answer looks like.
+struct ListingShape {
+    uint32_t infoClass;
+    uint32_t nameLength, name;
+    bool isMany = false; // native entries, each but the last filled up to 8 bytes; else one
+};
+// Of every class that is listed; what is many only with a share that has many.
+std::vector<ListingShape> ListingShapes(bool multiEntry);
+constexpr ListingShape kFullShape = {nt::FileFullDirectoryInformation, 60, 68};
+using Names = std::vector<std::string>;
+// The names of a chain of entries, which must fill the completion.
+Names NamesOf(const Completion &listing, const ListingShape &shape);
+
+// An open file of a share; closed by Close alone. Safe from any thread.
+class File {
+public:
+    File(Share &ofShare, Completion completion) : created(std::move(completion)), share(ofShare) {}
+
+    uint32_t Id() const { return created.FileId(); }
+    template <wire::Record Body>
+    Completion Ask(uint32_t major, const Body &body, std::string_view payload = {}, uint32_t minor = 0)
+    {
+        return share.Ask(share.Request(Id(), major, minor, body, payload));
+    }
+    Completion Read(uint64_t offset, uint32_t length)
+    {
+        return Ask(IRP_MJ_READ, DR_READ_REQ{length, offset});
+    }
+    Completion Write(uint64_t offset, std::string_view data)
+    {
+        return Ask(IRP_MJ_WRITE, DR_WRITE_REQ{SizeOf(data), offset}, data);
+    }
+    Completion Query(uint32_t infoClass)
+    {
+        return Ask(IRP_MJ_QUERY_INFORMATION, DR_DRIVE_QUERY_INFORMATION_REQ{infoClass});
+    }
+    Completion Set(uint32_t infoClass, std::string_view buffer)
+    {
+        return Ask(IRP_MJ_SET_INFORMATION, DR_DRIVE_SET_INFORMATION_REQ{infoClass, SizeOf(buffer)}, buffer);
+    }
+    Completion Rename(std::u16string_view target, uint8_t rootDirectory = 0);
+    // No path is given where it is empty.
+    Completion List(uint32_t infoClass, bool restart, std::u16string_view path = {});
+    // The names of all answers, each of which must be as full as the shape says.
+    Names ListAll(const ListingShape &shape, std::u16string_view path);
+    Completion Control(uint32_t code, std::string_view input, uint32_t outputLength)
+    {
+        return Ask(IRP_MJ_DEVICE_CONTROL, DR_CONTROL_REQ{outputLength, SizeOf(input), code}, input);
+    }
+    Completion Lock(uint32_t operation, std::vector<LockRange> ranges, bool failImmediately = true);
+    Completion Close() { return Ask(IRP_MJ_CLOSE, DR_READ_REQ{}); }
+
+    Completion created;
+
+private:
+    static uint32_t SizeOf(std::string_view bytes) { return static_cast<uint32_t>(bytes.size()); }
+
+    Share &share;
 };
 
 // The bytes of a UTF-16 text with its terminator.
 std::string WireText(std::u16string_view text);
+// The first bytes of a number as it stands on the wire.
+std::string Little(uint64_t value, size_t size = 8);
 
 } // namespace fodr::test
