@@ -1,10 +1,9 @@
 // A subscriber that keeps what it is told.
 #pragma once
 
+#include "Mailbox.h"
 #include "drives/IDeviceStateSubscriber.h"
 
-#include <condition_variable>
-#include <mutex>
 #include <string>
 
 namespace fodr::test {
@@ -14,36 +13,28 @@ class RecordingSubscriber : public IDeviceStateSubscriber {
 public:
     explicit RecordingSubscriber(bool callsSucceed = true) : result(callsSucceed) {}
 
-    bool OnDeviceAvailable(char driveLetter) override { return Note('+', driveLetter); }
-    bool OnDeviceUnavailable(char driveLetter) override { return Note('-', driveLetter); }
+    bool OnDeviceAvailable(char driveLetter) override { return Note({'+', driveLetter}); }
+    bool OnDeviceUnavailable(char driveLetter) override { return Note({'-', driveLetter}); }
 
-    // All calls so far, as soon as there are that many.
-    std::string Await(size_t calls)
+    // The next calls, as soon as they have come.
+    std::string Next(int count)
     {
-        std::unique_lock<std::mutex> guard(lock);
-        changed.wait(guard, [&] { return text.size() >= 2 * calls; });
+        std::string text;
+        for (; count > 0; --count)
+            text += calls.Take();
         return text;
     }
-    std::string Text()
-    {
-        std::lock_guard<std::mutex> guard(lock);
-        return text;
-    }
+    bool HeardNothingMore() { return calls.IsEmpty(); }
 
 private:
-    bool Note(char sign, char letter)
+    bool Note(std::string call)
     {
-        std::lock_guard<std::mutex> guard(lock);
-        text += sign;
-        text += letter;
-        changed.notify_all();
+        calls.Put(std::move(call));
         return result;
     }
 
     const bool result;
-    std::mutex lock;
-    std::condition_variable changed;
-    std::string text;
+    Mailbox<std::string> calls;
 };
 
 } // namespace fodr::test

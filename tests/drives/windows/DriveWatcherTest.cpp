@@ -44,19 +44,19 @@ TEST(DriveWatcher, HearsOfVolumesUntilItIsStopped)
     RecordingSubscriber subscriber;
     DriveWatcherImpl watcher;
     EXPECT_TRUE(watcher.Stop());
-    for (const char *expected : {"+B+F+Z-F", "+B+F+Z-F+B+F+Z-F"}) {
+    for (int i = 0; i < 2; ++i) {
         ASSERT_TRUE(watcher.Start(&subscriber));
         const HWND window = FindHiddenWindow();
-        if (!window) {
+        if (!window)
             GTEST_SKIP() << "there is no display";
-        }
         EXPECT_FALSE(IsWindowVisible(window));
         Broadcast(window, DBT_DEVICEARRIVAL, DBT_DEVTYP_VOLUME, 1U << 25 | 1U << 5 | 1U << 1 | 1U << 26);
         Broadcast(window, DBT_DEVICEQUERYREMOVE, DBT_DEVTYP_VOLUME, 1);
         Broadcast(window, DBT_DEVICEARRIVAL, DBT_DEVTYP_PORT, 1);
         SendMessageW(window, WM_DEVICECHANGE, DBT_DEVNODES_CHANGED, 0);
         Broadcast(window, DBT_DEVICEREMOVECOMPLETE, DBT_DEVTYP_VOLUME, 1U << 5);
-        EXPECT_EQ(subscriber.Text(), expected);
+        EXPECT_EQ(subscriber.Next(4), "+B+F+Z-F");
+        EXPECT_TRUE(subscriber.HeardNothingMore());
         EXPECT_TRUE(watcher.Stop());
         EXPECT_EQ(FindHiddenWindow(), nullptr);
     }
