@@ -38,7 +38,8 @@ Names NamesOf(const Completion &listing, const ListingShape &shape)
     Names names;
     std::string data = listing.Data();
     EXPECT_EQ(listing.Length(), data.size());
-    for (size_t at = 0, next = 1; next != 0 && at + shape.name <= data.size(); at += next) {
+    size_t next = 1;
+    for (size_t at = 0; next != 0 && at + shape.name <= data.size(); at += next) {
         next = listing.At<uint32_t>(at);
         std::string name = data.substr(at + shape.name, listing.At<uint32_t>(at + shape.nameLength));
         size_t end = shape.name + name.size();
@@ -49,6 +50,7 @@ Names NamesOf(const Completion &listing, const ListingShape &shape)
         std::erase(name, '\0');
         names.push_back(name);
     }
+    EXPECT_EQ(next, 0u);
     return names;
 }
 

@@ -48,7 +48,9 @@ public:
     std::string Data() const { return std::string(bytes.begin() + kCompletionData, bytes.end()); }
     template <class T> T At(size_t dataOffset) const
     {
-        return LoadLittle<T>(bytes.data() + kCompletionData + dataOffset);
+        bool isThere = kCompletionData + dataOffset + sizeof(T) <= bytes.size();
+        EXPECT_TRUE(isThere);
+        return isThere ? LoadLittle<T>(bytes.data() + kCompletionData + dataOffset) : T{};
     }
 
 private:
