@@ -48,9 +48,9 @@ public:
         device = RCPtr<RedirectedDevice>(
             new RedirectedDeviceAccessControl(std::unique_ptr<IFileSystem>(files), settings, list));
     }
-    bool MayOpen(std::string_view relative)
+    bool MayOpen(const std::string &relative)
     {
-        return device->CheckCreateDriveAccess(settings.path + std::string(relative));
+        return device->CheckCreateDriveAccess(settings.path + relative);
     }
     int QueriesSinceLast() { return files->queries.exchange(0); }
     // Asks on until nothing more may come.
@@ -78,35 +78,25 @@ Names LogTexts()
 
 TEST(AccessControl, OpensTheRootAndWhatTheListCovers)
 {
-    const struct {
-        bool allowed;
-        bool withinLimit; // of a share that is limited to its entries
-        std::vector<std::string_view> paths;
-    } rows[] = {
-        {true,
-         true,
-         {"\\"sv, "\\a.txt"sv, "\\a.txt\\"sv, "\\F"sv, "\\F\\x"sv, "\\F/x\\y"sv,
-          "\\a.txt:Zone.Identifier"sv}},
-        {true, true, {"\\sub\\deep.txt"sv}}, // a name may hold a path
-        // A zone mark may be read of any file.
-        {true, false, {"\\b.txt:Zone.Identifier"sv, "\\b.txt:ZONE.IDENTIFIER"sv}},
-        {true, false, {"\\F2\\x"sv}},              // the text of F begins it: that is meant
-        {false, false, {"\\A.txt"sv, "\\f\\x"sv}}, // case counts
-        {false, false, {"2\\a.txt"sv}},            // a folder beside the share's
-        {false,
-         false,
-         {""sv, "/a.txt"sv, "\\a.txt:stream"sv, "\\a.txt::$DATA"sv, "\\a.tx"sv, "\\b.txt"sv, "\\F2"sv,
-          "\\F2\\"sv, "\\G"sv, "\\G\\x"sv, "\\sub"sv}},
-    };
     const Names names = {"a.txt", "F", "sub\\deep.txt"};
-    ListedShare open(names), limited(names, true), empty({});
-    for (const auto &row : rows) {
-        for (std::string_view path : row.paths) {
-            EXPECT_EQ(open.MayOpen(path), row.allowed) << path;
-            EXPECT_EQ(limited.MayOpen(path), row.withinLimit) << path;
+    ListedShare open(names), limited(names, true), empty({}); // limited to its entries
+    auto expect = [&](bool allowed, bool withinLimit, const Names &paths) {
+        for (const std::string &path : paths) {
+            EXPECT_EQ(open.MayOpen(path), allowed) << path;
+            EXPECT_EQ(limited.MayOpen(path), withinLimit) << path;
             EXPECT_EQ(empty.MayOpen(path), path == "\\" || IsZoneMark(path)) << path;
         }
-    }
+    };
+    expect(true, true,
+           {"\\", "\\a.txt", "\\a.txt\\", "\\a.txt:Zone.Identifier", "\\F", "\\F\\x", "\\F/x\\y"});
+    expect(true, true, {"\\sub\\deep.txt"}); // a name may hold a path
+    // A zone mark may be read of any file.
+    expect(true, false, {"\\b.txt:Zone.Identifier", "\\b.txt:ZONE.IDENTIFIER"});
+    expect(true, false, {"\\F2\\x"});                     // the text of F begins it: that is meant
+    expect(false, false, {"\\F2", "\\F2\\", "2\\a.txt"}); // the last one beside the share's folder
+    expect(false, false, {"\\A.txt", "\\f\\x"});          // case counts
+    expect(false, false,
+           {"", "/a.txt", "\\a.txt:stream", "\\a.txt::$DATA", "\\a.tx", "\\b.txt", "\\G", "\\G\\x", "\\sub"});
 
     // The root of all has listed files too, and one that ends in a separator gets no other.
     AllowAccessList all("\\??\\", {"etc"}, false);

@@ -36,13 +36,12 @@ TEST(Create, AnswersSuccessAndFailureInOneForm)
 
 TEST(Create, ReadOnlyStopsOnlyTheMakingOfMissingFiles)
 {
-    struct Case {
+    const struct {
         const char16_t *path;
         uint32_t disposition;
         NTSTATUS status;
         uint32_t options = 0;
-    };
-    const Case kCases[] = {
+    } rows[] = {
         {u"\\there.txt", FILE_OPEN_IF, STATUS_SUCCESS},
         {u"\\there.txt", FILE_CREATE, STATUS_OBJECT_NAME_COLLISION},
         {u"\\none.txt", FILE_OPEN_IF, STATUS_ACCESS_DENIED},
@@ -55,9 +54,9 @@ TEST(Create, ReadOnlyStopsOnlyTheMakingOfMissingFiles)
     };
     Share share([](RedirectedDeviceSettings &settings) { settings.readOnly = true; });
     share.Put("there.txt", "x");
-    for (const Case &test : kCases) {
-        CreateArguments arguments{.disposition = test.disposition, .options = test.options};
-        EXPECT_EQ(share.Open(test.path, arguments), test.status) << test.disposition;
+    for (const auto &row : rows) {
+        CreateArguments arguments{.disposition = row.disposition, .options = row.options};
+        EXPECT_EQ(share.Open(row.path, arguments), row.status) << row.disposition;
     }
 }
 
@@ -80,12 +79,11 @@ TEST(Create, TakesNoMoreOfAPathThanThePacketHolds)
     Share share;
     share.Put("a", "found");
     std::string path = WireText(u"\\a");
-    struct Case {
+    const struct {
         uint32_t stated;
         std::string payload;
         NTSTATUS status;
-    };
-    const Case kCases[] = {
+    } rows[] = {
         {6, path, STATUS_SUCCESS},
         {4, path, STATUS_SUCCESS},                              // no terminator
         {5, path, STATUS_SUCCESS},                              // odd: the last byte is half of the zero
@@ -95,12 +93,12 @@ TEST(Create, TakesNoMoreOfAPathThanThePacketHolds)
         {6, WireText(u"\\\xD800"), STATUS_OBJECT_NAME_INVALID}, // half of a pair
         {70000, path.substr(0, 2) + std::string(69998, 'a'), STATUS_NAME_TOO_LONG},
     };
-    for (const Case &test : kCases) {
-        DR_CREATE_REQ create{GENERIC_READ, 0, 0, 7, FILE_OPEN, 0, test.stated};
-        File file(share, share.Ask(share.Request(0, IRP_MJ_CREATE, 0, create, test.payload)));
-        EXPECT_EQ(file.created.Status(), test.status) << test.stated;
+    for (const auto &row : rows) {
+        DR_CREATE_REQ create{GENERIC_READ, 0, 0, 7, FILE_OPEN, 0, row.stated};
+        File file(share, share.Ask(share.Request(0, IRP_MJ_CREATE, 0, create, row.payload)));
+        EXPECT_EQ(file.created.Status(), row.status) << row.stated;
         std::string contents = file.Read(0, 10).Data();
-        EXPECT_EQ(contents == "found", test.status == STATUS_SUCCESS) << test.stated;
+        EXPECT_EQ(contents == "found", row.status == STATUS_SUCCESS) << row.stated;
     }
     // Nor of a root that isn't text.
     Share noText([](RedirectedDeviceSettings &settings) { settings.path += "/\xFF"; });

@@ -1,7 +1,5 @@
 #include "fileservice/Share.h"
 
-#include "WholeFile.h"
-
 #include <random>
 
 namespace fodr::test {
@@ -118,16 +116,6 @@ Completion Share::Ask(const Bytes &packet)
     EXPECT_EQ(completion.Fixed().DeviceId, device->GetDeviceId()); // not that of the request; 0 if none came
     EXPECT_GE(completion.Size(), kMinCompletionSize);
     return completion;
-}
-
-void Share::Put(const std::string &name, std::string_view contents)
-{
-    std::ofstream(folder / name, std::ios::binary) << contents;
-}
-
-std::string Share::Contents(const std::string &name)
-{
-    return ReadWholeFile(folder / name);
 }
 
 Completion File::Rename(std::u16string_view target, uint8_t rootDirectory)

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "Mailbox.h"
+#include "WholeFile.h"
 #include "WireExamples.h"
 #include "drives/IDeviceFilter.h"
 #include "fileservice/FileSystemImpl.h"
@@ -18,6 +19,7 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
@@ -177,8 +179,11 @@ public:
         return packet;
     }
 
-    void Put(const std::string &name, std::string_view contents);
-    std::string Contents(const std::string &name);
+    void Put(const std::string &name, std::string_view contents)
+    {
+        std::ofstream(folder / name, std::ios::binary) << contents;
+    }
+    std::string Contents(const std::string &name) { return ReadWholeFile(folder / name); }
     bool Exists(const std::string &name) { return std::filesystem::exists(folder / name); }
 
     RecordingChannel channel;
