@@ -6,49 +6,42 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace fodr {
 namespace {
 
-struct Case {
-    const char *text;
-    bool result;
-    const char *action;
-    int32_t count;
-    const char *path;
-    const char *name;
-};
-
-constexpr Case kCases[] = {
-    {"ADD,C:\\x|X", true, "ADD", 0, "C:\\x", "X"},
-    {"ADD,2,C:\\x|(OVDND)X", true, "ADD", 2, "C:\\x", "(OVDND)X"},
-    {"ADD,0,C:\\x|X", true, "ADD", 0, "0,C:\\x", "X"}, // a zero is part of the path
-    {"ADD,-1,/x|X", true, "ADD", -1, "/x", "X"},
-    {"ADD,7up,/x|X", true, "ADD", 7, "/x", "X"}, // read as atoi reads it
-    {"ADD,/a,b/c|X", true, "ADD", 0, "/a,b/c", "X"},
-    {"ADD,/a,|X", true, "ADD", 0, "/a,", "X"},
-    {"ADD,/x,", true, "ADD", 0, "/x,", ""},
-    {"ADD,C:\\x", true, "ADD", 0, "C:\\x", ""},
-    {"ADD,/a|b|c", true, "ADD", 0, "/a|b", "c"}, // the last bar parts them
-    {"add,/x|X", true, "add", 0, "/x", "X"},
-    {"ADD,", false, "", 0, "", ""},
-    {",C:\\x|X", false, "", 0, "", ""},
-    {"ADD", false, "", 0, "", ""},
-    {"", false, "", 0, "", ""},
-};
-
 TEST(FolderCommands, TheFirstTextIsSplitIntoActionCountPathAndName)
 {
-    for (const Case &c : kCases) {
+    const struct {
+        const char *text;
+        bool result;
+        std::string action;
+        int32_t count;
+        std::string path, name;
+    } cases[] = {
+        {"ADD,C:\\x|X", true, "ADD", 0, "C:\\x", "X"},
+        {"ADD,2,C:\\x|(OVDND)X", true, "ADD", 2, "C:\\x", "(OVDND)X"},
+        {"ADD,0,C:\\x|X", true, "ADD", 0, "0,C:\\x", "X"}, // a zero is part of the path
+        {"ADD,-1,/x|X", true, "ADD", -1, "/x", "X"},
+        {"ADD,7up,/x|X", true, "ADD", 7, "/x", "X"}, // read as atoi reads it
+        {"ADD,/a,b/c|X", true, "ADD", 0, "/a,b/c", "X"},
+        {"ADD,/a,|X", true, "ADD", 0, "/a,", "X"},
+        {"ADD,/x,", true, "ADD", 0, "/x,", ""},
+        {"ADD,C:\\x", true, "ADD", 0, "C:\\x", ""},
+        {"ADD,/a|b|c", true, "ADD", 0, "/a|b", "c"}, // the last bar parts them
+        {"add,/x|X", true, "add", 0, "/x", "X"},
+        {"ADD,", false, "", 0, "", ""},
+        {",C:\\x|X", false, "", 0, "", ""},
+        {"ADD", false, "", 0, "", ""},
+        {"", false, "", 0, "", ""},
+    };
+    for (const auto &c : cases) {
         std::string action, path, name;
         int32_t count = 0;
-        bool result = ParseCmdData(c.text, action, count, path, name);
-        EXPECT_EQ(result, c.result) << c.text;
-        EXPECT_EQ(action, c.action) << c.text;
-        EXPECT_EQ(count, c.count) << c.text;
-        EXPECT_EQ(path, c.path) << c.text;
-        EXPECT_EQ(name, c.name) << c.text;
+        EXPECT_EQ(ParseCmdData(c.text, action, count, path, name), c.result) << c.text;
+        EXPECT_EQ(std::tie(action, count, path, name), std::tie(c.action, c.count, c.path, c.name)) << c.text;
     }
 }
 
@@ -81,16 +74,6 @@ protected:
     {
         return OnSharedFolderCommand(&manager, "desktop", cookie, texts.c_str());
     }
-    std::vector<std::string> OpenedOf(uint32_t deviceId, const std::vector<std::string> &names)
-    {
-        std::vector<std::string> opened;
-        for (const std::string &name : names) {
-            const std::u16string path = u"\\" + std::u16string(name.begin(), name.end());
-            if (test::StatusOf(Answers(test::Open(deviceId, path, nt::FILE_OPEN, 0)).at(0)) == 0)
-                opened.push_back(name);
-        }
-        return opened;
-    }
 };
 
 TEST_F(FolderCommandRun, AddsFilesByNameAndMoreOfThemLater)
@@ -102,26 +85,22 @@ TEST_F(FolderCommandRun, AddsFilesByNameAndMoreOfThemLater)
     const test::Strings kAll = {"one", "two", "three"};
     LogOn(6);
     EXPECT_TRUE(Command("ADD,2," + folder + "|(OVFCP)x\0one\0two\0"s));
-    EXPECT_EQ(TakeAnnouncedNames(), test::Strings{"(OVFCP)x"});
-    EXPECT_EQ(OpenedOf(65535, kAll), (test::Strings{"one", "two"}));
+    EXPECT_EQ(TakeShares(), test::Strings{"65535 (OVFCP)x (5)"});
+    EXPECT_EQ(OpenedOf(manager, kAll), (test::Strings{"one", "two"}));
     EXPECT_TRUE(Command("ADD,1," + folder + "|(OVFCP)x\0three\0"s));
-    EXPECT_EQ(OpenedOf(65535, kAll), kAll);
+    EXPECT_EQ(OpenedOf(manager, kAll), kAll);
 
     // A list that breaks off is no list: the share is there and shows nothing.
     EXPECT_TRUE(Command("ADD,3," + folder + "|(OVDND)x\0one\0\0two\0"s));
-    EXPECT_EQ(OpenedOf(65536, kAll), test::Strings{});
+    EXPECT_EQ(OpenedOf(manager, kAll, 65536), test::Strings{});
     // A count on a plain share means nothing.
     EXPECT_TRUE(Command("ADD,1," + folder + "|plain\0one\0"s));
-    EXPECT_EQ(OpenedOf(65537, kAll), kAll);
+    EXPECT_EQ(OpenedOf(manager, kAll, 65537), kAll);
 
     EXPECT_FALSE(Command("add,1," + folder + "|(OVFCP)y\0one\0"s));
     EXPECT_FALSE(Command("REMOVE," + folder + "|(OVFCP)z"));
     EXPECT_TRUE(Command("REMOVE," + folder + "|(OVFCP)x"));
     EXPECT_TRUE(Command("REMOVE,5," + folder + "|plain")); // its files aren't looked at
-}
-
-TEST(FolderCommands, WithoutAManagerACommandIsRefused)
-{
     EXPECT_FALSE(OnSharedFolderCommand(nullptr, "desktop", "1", "ADD,/tmp|x"));
 }
 

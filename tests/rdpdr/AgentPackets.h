@@ -1,25 +1,41 @@
 // Packets as an agent sends them, and a channel that keeps what the client answers.
 #pragma once
 
+#include "Mailbox.h"
 #include "WireExamples.h"
 #include "platform/Nt.h"
 #include "rdpdr/wire/IRdpdrChannel.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 
-#include <condition_variable>
-#include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 namespace fodr::test {
 
-template <wire::Record Packet> Bytes PacketOf(const Packet &packet)
+// A record alone.
+template <wire::Record Record> Bytes RecordOf(const Record &record, const Bytes &behind = {})
 {
-    Bytes bytes(kWireEnd<Packet>);
+    Bytes bytes(kWireSize<Record>);
+    StoreRecord(record, bytes.data());
+    bytes.insert(bytes.end(), behind.begin(), behind.end());
+    return bytes;
+}
+// A record with the header of its packet.
+template <wire::Record Packet> Bytes PacketOf(const Packet &packet, const Bytes &behind = {})
+{
+    Bytes bytes(kWireEnd<Packet>, 0xCC); // unused bytes have to be written too
     StorePacket(packet, bytes.data());
+    bytes.insert(bytes.end(), behind.begin(), behind.end());
+    return bytes;
+}
+inline Bytes Utf16(std::u16string_view text)
+{
+    Bytes bytes;
+    for (char16_t unit : text)
+        bytes.insert(bytes.end(), {static_cast<uint8_t>(unit), static_cast<uint8_t>(unit >> 8)});
     return bytes;
 }
 
@@ -27,28 +43,17 @@ inline Bytes ServerAnnounce(uint32_t clientId)
 {
     return PacketOf(DR_CORE_SERVER_ANNOUNCE_REQ{.ClientId = clientId});
 }
-inline Bytes ServerCapability()
-{
-    return PacketOf(DR_CORE_CAPABILITY_REQ{});
-}
 inline Bytes VersionExchange(uint16_t version, uint16_t capabilities = 0)
 {
     return PacketOf(FODR_VERSION_EXCHANGE{version, capabilities});
 }
 inline Bytes UserLoggedOn()
 {
-    Bytes bytes(kWireSize<RDPDR_HEADER>);
-    StoreRecord(RDPDR_HEADER{RDPDR_CTYP_CORE, PAKID_CORE_USER_LOGGEDON}, bytes.data());
-    return bytes;
+    return RecordOf(RDPDR_HEADER{RDPDR_CTYP_CORE, PAKID_CORE_USER_LOGGEDON});
 }
 inline Bytes DeviceReply(uint32_t deviceId, uint32_t code)
 {
     return PacketOf(DR_CORE_DEVICE_ANNOUNCE_RSP{deviceId, code});
-}
-inline Bytes IoRequest(uint32_t deviceId, uint32_t major, uint32_t completionId, uint32_t fileId = 0,
-                       uint32_t minor = 0)
-{
-    return PacketOf(DR_DEVICE_IOREQUEST{deviceId, fileId, completionId, major, minor, {}});
 }
 inline Bytes Open(uint32_t deviceId, const std::u16string &path, uint32_t disposition, uint32_t options,
                   uint32_t completionId = 1)
@@ -59,12 +64,9 @@ inline Bytes Open(uint32_t deviceId, const std::u16string &path, uint32_t dispos
                                   .CreateDisposition = disposition,
                                   .CreateOptions = options,
                                   .PathLength = static_cast<uint32_t>(2 * path.size())});
-    Bytes packet = PacketOf(request);
-    for (char16_t unit : path)
-        packet.insert(packet.end(), {static_cast<uint8_t>(unit), static_cast<uint8_t>(unit >> 8)});
-    return packet;
+    return PacketOf(request, Utf16(path));
 }
-inline Bytes OpenRoot(uint32_t deviceId, uint32_t completionId)
+inline Bytes OpenRoot(uint32_t deviceId, uint32_t completionId = 1)
 {
     return Open(deviceId, u"", nt::FILE_OPEN, nt::FILE_DIRECTORY_FILE, completionId);
 }
@@ -83,35 +85,31 @@ struct Policy {
 
     Bytes Block(int version) const
     {
-        Bytes entries;
+        Bytes entries, rules, block{enabled, sharedByAgent, permission, 0, 0, 0, 0, 0};
         for (const auto &[entryPermission, path] : folders) {
             entries.insert(entries.end(), {entryPermission, 0xEE, 0xEE, 0xEE});
-            AppendText(entries, path);
+            AppendSized(entries, path);
         }
-        Bytes block{enabled, sharedByAgent, permission, 0, 0, 0, 0, 0};
-        if (version >= 5)
-            AppendNumber(block, entries.size());
-        block.insert(block.end(), entries.begin(), entries.end());
-        if (version >= 5) {
-            Bytes rules;
-            if (!exclude.empty() || !include.empty()) {
-                AppendText(rules, exclude);
-                AppendText(rules, include);
-            }
-            AppendNumber(block, rules.size());
-            block.insert(block.end(), rules.begin(), rules.end());
+        if (!exclude.empty() || !include.empty()) {
+            AppendSized(rules, exclude);
+            AppendSized(rules, include);
         }
+        if (version < 5) {
+            block.insert(block.end(), entries.begin(), entries.end());
+            return block;
+        }
+        AppendSized(block, entries);
+        AppendSized(block, rules);
         return block;
     }
 
-    static void AppendNumber(Bytes &bytes, size_t number)
+    // What follows its size, or another number that is said to be it.
+    template <class Text>
+    static void AppendSized(Bytes &bytes, const Text &text, std::optional<size_t> size = {})
     {
-        bytes.resize(bytes.size() + 4);
-        StoreLittle(bytes.data() + bytes.size() - 4, static_cast<uint32_t>(number));
-    }
-    static void AppendText(Bytes &bytes, const std::string &text)
-    {
-        AppendNumber(bytes, text.size());
+        Bytes number(4);
+        StoreLittle(number.data(), static_cast<uint32_t>(size.value_or(text.size())));
+        bytes.insert(bytes.end(), number.begin(), number.end());
         bytes.insert(bytes.end(), text.begin(), text.end());
     }
 };
@@ -119,54 +117,38 @@ struct Policy {
 // The block under the length it has, or under another one.
 inline Bytes PolicyPacket(const Bytes &block, std::optional<uint32_t> length = {})
 {
-    Bytes packet = PacketOf(FODR_POLICY{length.value_or(static_cast<uint32_t>(block.size()))});
-    packet.insert(packet.end(), block.begin(), block.end());
-    return packet;
+    return PacketOf(FODR_POLICY{length.value_or(static_cast<uint32_t>(block.size()))}, block);
 }
-
-struct Notice {
-    std::string cookie;
-    std::string message;
-    bool operator==(const Notice &) const = default;
-};
 
 class RecordingChannel : public IRdpdrChannel {
 public:
     bool NotifyODPObserver(const char *cookie, const char *message) override
     {
-        std::lock_guard held(mutex);
-        notices.push_back({cookie ? cookie : "", message});
+        notices.Put(std::string(cookie ? cookie : "") + "|" + message);
         return true;
     }
     bool WriteChannel(RdpdrStream *packet) override
     {
-        std::lock_guard held(mutex);
-        packets.emplace_back(packet->Base(), packet->Base() + packet->Size());
-        changed.notify_all();
+        packets.Put(Bytes(packet->Base(), packet->Base() + packet->Size()));
         return true;
     }
 
-    std::vector<Bytes> TakePackets()
-    {
-        std::lock_guard held(mutex);
-        return std::exchange(packets, {});
-    }
-    std::vector<Notice> TakeNotices()
-    {
-        std::lock_guard held(mutex);
-        return std::exchange(notices, {});
-    }
-    void AwaitPackets(size_t count)
-    {
-        std::unique_lock held(mutex);
-        changed.wait(held, [&] { return packets.size() >= count; });
-    }
+    // What came since the last look; waits until it is `count` of them.
+    std::vector<Bytes> TakePackets(size_t count = 0) { return TakeAll(packets, count); }
+    // As "COOKIE|TEXT".
+    std::vector<std::string> TakeNotices() { return TakeAll(notices, 0); }
 
 private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<Bytes> packets;
-    std::vector<Notice> notices;
+    template <class Item> static std::vector<Item> TakeAll(Mailbox<Item> &mailbox, size_t count)
+    {
+        std::vector<Item> taken;
+        while (taken.size() < count || !mailbox.IsEmpty())
+            taken.push_back(mailbox.Take());
+        return taken;
+    }
+
+    Mailbox<Bytes> packets;
+    Mailbox<std::string> notices;
 };
 
 } // namespace fodr::test

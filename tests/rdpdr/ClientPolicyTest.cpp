@@ -36,41 +36,45 @@ TEST(ClientPolicy, EachVersionReadsTheBlockInItsOwnForm)
                       .permission = 4,
                       .folders = {{0, "/a"}, {2, "C:\\b"}},
                       .exclude = "vid-0781_pid-5567"};
-    for (int32_t version = 1; version <= 6; ++version) {
+    for (int32_t version = 0; version <= 6; ++version) {
+        SCOPED_TRACE(version);
         ClientPolicy policy;
-        EXPECT_TRUE(Parse(policy, full.Block(version), version));
-        EXPECT_TRUE(policy.IsEnabled() && policy.IsSharedByAgent()) << version;
-        EXPECT_EQ(Paths(policy), (Strings{"/a:4", "C:\\b:2"})) << version;
-        EXPECT_TRUE(policy.HasReadOnlyMark() && policy.HasSecondMark()) << version;
-        EXPECT_EQ(policy.HasDeviceFilter(), version >= 5) << version;
-        EXPECT_EQ(policy.IsAllowedByDeviceFilter(kDenied), version < 5) << version;
+        EXPECT_TRUE(Parse(policy, full.Block(version > 0 ? version : 5), version));
+        EXPECT_TRUE(policy.IsEnabled() && policy.IsSharedByAgent() && policy.SetDevicePermission(1, 1));
+        EXPECT_EQ(Paths(policy), version > 0 ? (Strings{"/a:4", "C:\\b:2"}) : Strings{}); // 0: unknown
+        EXPECT_EQ(policy.HasDeviceFilter(), version >= 5);
+        EXPECT_EQ(policy.IsAllowedByDeviceFilter(kDenied), version < 5);
     }
-    ClientPolicy unknown; // nothing but the header counts
-    EXPECT_TRUE(Parse(unknown, full.Block(5), 0));
-    EXPECT_TRUE(unknown.IsSharedByAgent() && unknown.SetDevicePermission(1, 1));
-    EXPECT_FALSE(unknown.HasDeviceFilter());
-    EXPECT_EQ(Paths(unknown), Strings{});
+}
+
+TEST(ClientPolicy, PermissionsLeaveMarks)
+{
+    for (uint8_t permission = 0; permission <= 5; ++permission) {
+        for (const Policy &block :
+             {Policy{.permission = permission}, Policy{.folders = {{permission, "/a"}}}}) {
+            ClientPolicy policy;
+            Parse(policy, block.Block(5), 5);
+            EXPECT_EQ(policy.HasReadOnlyMark(), permission == 1 || permission == 2) << int{permission};
+            EXPECT_EQ(policy.HasSecondMark(), permission == 3 || permission == 4) << int{permission};
+        }
+    }
 }
 
 TEST(ClientPolicy, BrokenListsEndThemselvesAlone)
 {
-    auto entry = [](uint32_t stated, std::string path) {
+    const auto entry = [](size_t stated, const std::string &path) {
         Bytes bytes{1, 0, 0, 0};
-        Policy::AppendNumber(bytes, stated);
-        bytes.insert(bytes.end(), path.begin(), path.end());
+        Policy::AppendSized(bytes, path, stated);
         return bytes;
     };
-    auto block = [](std::initializer_list<Bytes> parts, std::optional<size_t> folderLength = {}) {
-        Bytes entries, bytes{1, 0, 0, 0, 0, 0, 0, 0};
+    const auto block = [](std::initializer_list<Bytes> parts, std::optional<size_t> folderLength = {}) {
+        Bytes entries, rules, bytes{1, 0, 0, 0, 0, 0, 0, 0};
         for (const Bytes &part : parts)
             entries.insert(entries.end(), part.begin(), part.end());
-        Policy::AppendNumber(bytes, folderLength.value_or(entries.size()));
-        bytes.insert(bytes.end(), entries.begin(), entries.end());
-        Bytes rules;
-        Policy::AppendText(rules, "vid-0781_pid-5567");
-        Policy::AppendText(rules, "");
-        Policy::AppendNumber(bytes, rules.size());
-        bytes.insert(bytes.end(), rules.begin(), rules.end());
+        Policy::AppendSized(bytes, entries, folderLength);
+        Policy::AppendSized(rules, std::string("vid-0781_pid-5567"));
+        Policy::AppendSized(rules, std::string());
+        Policy::AppendSized(bytes, rules);
         return bytes;
     };
     const uint32_t kHuge = std::numeric_limits<uint32_t>::max();
@@ -187,19 +191,6 @@ TEST(ClientPolicy, NothingOutsideOfABlockIsReadHoweverItIsCutOrMangled)
         policy.IsFolderInPolicy("/srv/a/b");
         policy.IsAllowedByDeviceFilter(kDenied);
     }
-}
-
-TEST(FodrPolicy, TakesTheHeaderAlone)
-{
-    const uint8_t header[] = {0, 1, 3, 9, 9, 9, 9, 9, 0xFF};
-    FodrPolicy policy;
-    EXPECT_FALSE(policy.ParsePolicy(header, 7));
-    EXPECT_TRUE(policy.IsEnabled());
-    EXPECT_EQ(policy.GetDefaultPermission(), 5u);
-    EXPECT_TRUE(policy.ParsePolicy(header, sizeof(header)));
-    EXPECT_FALSE(policy.IsEnabled());
-    EXPECT_TRUE(policy.IsSharedByAgent() && policy.HasSecondMark() && !policy.HasReadOnlyMark());
-    EXPECT_EQ(policy.GetDefaultPermission(), 3u);
 }
 
 } // namespace

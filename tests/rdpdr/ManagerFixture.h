@@ -7,7 +7,7 @@
 #include "platform/UserFolders.h"
 #include "platform/Volumes.h"
 #include "rdpdr/RdpdrChannelManager.h"
-#include "runtime/LogCall.h"
+#include "runtime/CapturedLog.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -21,47 +21,16 @@
 
 namespace fodr::test {
 
-// Keeps every log line up to TRACE while it lives.
-class LogCapture {
-public:
-    LogCapture()
-    {
-        Lines().clear();
-        oldLevel = gLogLevel.exchange(LOG_LEVEL_TRACE);
-        SetLogHandler([](const char *, int32_t level, const char *format, va_list arguments) {
-            char text[1024];
-            vsnprintf(text, sizeof(text), format, arguments);
-            std::lock_guard held(Mutex());
-            Lines().push_back("AEWIDTVN"[level] + std::string(" ") + text);
-        });
-    }
-    ~LogCapture()
-    {
-        SetLogHandler(nullptr);
-        gLogLevel = oldLevel;
-    }
-    // How many lines are "LEVEL TEXT"; counting forgets all lines.
-    size_t Count(const std::string &line)
-    {
-        std::lock_guard held(Mutex());
-        auto count = std::count(Lines().begin(), Lines().end(), line);
-        Lines().clear();
-        return static_cast<size_t>(count);
-    }
+using Strings = std::vector<std::string>;
 
-private:
-    static std::mutex &Mutex()
-    {
-        static std::mutex mutex;
-        return mutex;
-    }
-    static std::vector<std::string> &Lines()
-    {
-        static std::vector<std::string> lines;
-        return lines;
-    }
-    int32_t oldLevel;
-};
+// How many lines "LEVEL TEXT" a CapturedLog has, whichever function wrote them.
+inline size_t Logged(const std::string &line)
+{
+    const Strings lines = CapturedLog::Lines();
+    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&line](const std::string &kept) {
+        return kept[0] == line[0] && kept.ends_with(": " + line.substr(2));
+    }));
+}
 
 constexpr const char *kStatus = "FOLDER_REDIRECTION_CMD_STATUS,";
 
@@ -86,8 +55,6 @@ protected:
         std::filesystem::remove_all(root);
     }
 
-    static inline const bool kHasDriveTable = platform::LocalSeparator() == '/';
-
     // Sets the letters that stand for something; without it there are none.
     void UseDrives(const std::string &table) { platform::SetEnvironment("FODR_DRIVES", table); }
 
@@ -103,6 +70,15 @@ protected:
         return fed.ProcessData(&stream);
     }
     bool Feed(const Bytes &packet) { return FeedTo(manager, packet); }
+    // As the channel does it: the packets are served by other threads.
+    void Receive(const std::vector<Bytes> &packets)
+    {
+        for (const Bytes &packet : packets) {
+            RdpdrStream *stream = RdpdrStream::Create(packet.size());
+            stream->Write(packet.data(), packet.size());
+            EXPECT_TRUE(manager.OnDataReceived(stream));
+        }
+    }
     // Another manager on the same channel, that has handled the packets.
     std::unique_ptr<RdpdrChannelManager> Fresh(const std::vector<Bytes> &packets = {})
     {
@@ -128,68 +104,64 @@ protected:
         channel.TakePackets();
     }
     // The status texts that an add leads to, without what they all begin with.
-    std::vector<std::string> AddTo(RdpdrChannelManager &to, const std::string &path,
-                                   const std::string &shareName, uint32_t permission,
-                                   const std::string &cookie)
+    Strings AddTo(RdpdrChannelManager &to, const std::string &path, const std::string &shareName,
+                  uint32_t permission, const std::string &cookie)
     {
         channel.TakeNotices();
         to.AddSharedFolder(path, cookie, false, permission, shareName);
-        std::vector<std::string> texts;
-        for (const Notice &notice : channel.TakeNotices()) {
-            EXPECT_EQ(notice.cookie, cookie);
-            EXPECT_TRUE(notice.message.starts_with(kStatus)) << notice.message;
-            texts.push_back(notice.message.substr(strlen(kStatus)));
+        const std::string begin = cookie + "|" + kStatus;
+        Strings texts;
+        for (const std::string &notice : channel.TakeNotices()) {
+            EXPECT_TRUE(notice.starts_with(begin)) << notice;
+            texts.push_back(notice.substr(begin.size()));
         }
         return texts;
     }
-    std::vector<std::string> Add(const std::string &path, const std::string &shareName = "",
-                                 uint32_t permission = 0, const std::string &cookie = "c")
+    Strings Add(const std::string &path, const std::string &shareName = "", uint32_t permission = 0,
+                const std::string &cookie = "c")
     {
         return AddTo(manager, path, shareName, permission, cookie);
     }
 
-    struct Announced {
-        uint32_t id;
-        uint32_t permission;
-        std::string name;
-        Bytes extension;
-        bool operator==(const Announced &) const = default;
-    };
-    // The shares announced, and the ids withdrawn, since the last look; other packets are left out.
-    std::vector<Announced> TakeAnnounced()
+    // What happened to the shares since the last look, as "ID NAME (PERMISSION)" and what lies behind the
+    // name's zero, or "-ID" of one that was withdrawn. Waits until `count` packets came.
+    Strings TakeShares(size_t count = 0)
     {
-        std::vector<Announced> list;
-        removed.clear();
-        for (const Bytes &packet : channel.TakePackets()) {
-            auto header = LoadRecord<RDPDR_HEADER>(packet.data());
-            if (header.PacketId == PAKID_CORE_DEVICELIST_REMOVE)
-                removed.push_back(LoadLittle<uint32_t>(packet.data() + 8));
-            if (header.PacketId != PAKID_CORE_DEVICELIST_ANNOUNCE)
+        Strings list;
+        for (const Bytes &packet : channel.TakePackets(count)) {
+            const uint16_t packetId = LoadRecord<RDPDR_HEADER>(packet.data()).PacketId;
+            if (packetId == PAKID_CORE_DEVICELIST_REMOVE)
+                list.push_back("-" + std::to_string(LoadLittle<uint32_t>(packet.data() + 8)));
+            if (packetId != PAKID_CORE_DEVICELIST_ANNOUNCE)
                 continue;
-            auto announce = LoadRecord<DEVICE_ANNOUNCE>(packet.data() + 8);
-            auto data = packet.begin() + 28;
-            auto extension = data + announce.DeviceDataLength;
-            EXPECT_EQ(extension[-1], 0);
-            list.push_back({announce.DeviceId & kDeviceNumberMask, announce.DeviceId >> 24,
-                            std::string(data, extension - 1), Bytes(extension, packet.end())});
+            const auto share = LoadRecord<DEVICE_ANNOUNCE>(packet.data() + 8);
+            const auto name = packet.begin() + 28, end = name + share.DeviceDataLength;
+            EXPECT_EQ(end[-1], 0);
+            list.push_back(std::to_string(share.DeviceId & kDeviceNumberMask) + " " +
+                           std::string(name, end - 1) + " (" + std::to_string(share.DeviceId >> 24) + ")" +
+                           std::string(end, packet.end()));
         }
         return list;
     }
-    std::vector<std::string> TakeAnnouncedNames()
+
+    // Of the names, those that can be opened in the share.
+    Strings OpenedOf(RdpdrChannelManager &asked, const Strings &names, uint32_t deviceId = 65535)
     {
-        std::vector<std::string> names;
-        for (const Announced &share : TakeAnnounced())
-            names.push_back(share.name);
-        return names;
+        Strings opened;
+        channel.TakePackets();
+        for (const std::string &name : names) {
+            const std::u16string path = u"\\" + std::u16string(name.begin(), name.end());
+            FeedTo(asked, Open(deviceId, path, nt::FILE_OPEN, 0));
+            if (StatusOf(channel.TakePackets().at(0)) == 0)
+                opened.push_back(name);
+        }
+        return opened;
     }
 
     SettingsFixture settings;
     std::string root;
     RecordingChannel channel;
     RdpdrChannelManager manager;
-    std::vector<uint32_t> removed;
 };
-
-using Strings = std::vector<std::string>;
 
 } // namespace fodr::test

@@ -45,17 +45,15 @@ TEST(PreRead, WhatIsAskedNextIsKnownOfTheseRequests)
                                       .CreateOptions = row.options});
         EXPECT_EQ(manager.GetPattern(request), row.pattern) << std::hex << row.options << ' ' << row.sharing;
     }
-    const struct {
-        uint32_t major, infoClass;
-        int32_t pattern;
-    } others[] = {{IRP_MJ_SET_INFORMATION, FileBasicInformation, 2},
-                  {IRP_MJ_SET_INFORMATION, FileEndOfFileInformation, -1},
-                  {IRP_MJ_QUERY_INFORMATION, FileBasicInformation, -1},
-                  {IRP_MJ_SET_VOLUME_INFORMATION, FileBasicInformation, -1}};
-    for (const auto &row : others) {
-        request.MajorFunction = row.major;
-        request.SetBody(DR_DRIVE_SET_INFORMATION_REQ{.FsInformationClass = row.infoClass});
-        EXPECT_EQ(manager.GetPattern(request), row.pattern) << row.major;
+    const std::tuple<uint32_t, uint32_t, int32_t> others[] = {
+        {IRP_MJ_SET_INFORMATION, FileBasicInformation, 2},
+        {IRP_MJ_SET_INFORMATION, FileEndOfFileInformation, -1},
+        {IRP_MJ_QUERY_INFORMATION, FileBasicInformation, -1},
+        {IRP_MJ_SET_VOLUME_INFORMATION, FileBasicInformation, -1}};
+    for (const auto &[major, infoClass, pattern] : others) {
+        request.MajorFunction = major;
+        request.SetBody(DR_DRIVE_SET_INFORMATION_REQ{.FsInformationClass = infoClass});
+        EXPECT_EQ(manager.GetPattern(request), pattern) << major;
     }
 }
 

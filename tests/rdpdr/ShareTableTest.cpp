@@ -5,17 +5,27 @@
 namespace fodr::test {
 namespace {
 
-class ShareTable : public ManagerTest {};
+using ShareTable = ManagerTest;
 
-TEST_F(ShareTable, EveryRefusalIsAStatusText)
+// With drives and paths of the test's choice.
+class LocalShares : public ManagerTest {
+protected:
+    void SetUp() override
+    {
+        if (platform::LocalSeparator() != '/')
+            GTEST_SKIP() << "drive letters and paths are the system's own";
+    }
+};
+
+TEST_F(LocalShares, EveryRefusalIsAStatusText)
 {
-    if (!kHasDriveTable)
-        GTEST_SKIP() << "the paths are those of another system";
     const Policy free, disabled{.enabled = false},
         forced{.sharedByAgent = true, .folders = {{0, Folder("ok")}}};
-    const std::string a = Folder("a"), missing = root + "/missing";
-    std::ofstream(root + "/file") << "x";
-    const std::string refusedA = "Redirecting " + a + " is not allowed from Agent";
+    const std::string a = Folder("a"), missing = root + "/missing", file = root + "/file";
+    std::ofstream(file) << "x";
+    const std::string refused = "Redirecting " + a + " is not allowed from Agent";
+    const std::string noPolicy = "Policy is not received from Agent";
+    const std::string noFolder = "Folder not exist or invalid parameter or configuration";
     const struct {
         uint16_t version;
         const Policy *policy;
@@ -24,22 +34,22 @@ TEST_F(ShareTable, EveryRefusalIsAStatusText)
         bool announced;
     } cases[] = {
         {5, &free, "", "", "c", {"Invalid share path"}, false},
-        {2, nullptr, a, "", "c", {"Policy is not received from Agent"}, false},
-        {6, nullptr, a, "(OVFR)", "c", {"Policy is not received from Agent"}, false},
-        {0, nullptr, a, "", "c", {refusedA}, false},
+        {2, nullptr, a, "", "c", {noPolicy}, false},
+        {6, nullptr, a, "(OVFR)", "c", {noPolicy}, false},
+        {0, nullptr, a, "", "c", {refused}, false},
         {1, nullptr, a, "", "c", {}, true}, // knows no policy
-        {5, &disabled, a, "", "c", {refusedA}, false},
-        {5, &forced, a, "", "c", {refusedA}, false},
-        {5, &forced, a, "(OVFR)a", "c", {refusedA}, false},
+        {5, &disabled, a, "", "c", {refused}, false},
+        {5, &forced, a, "", "c", {refused}, false},
+        {5, &forced, a, "(OVFR)a", "c", {refused}, false},
         {6, &forced, a, "(OVFR)a", "c", {}, true}, // tagged: no policy from version 6 on
         {6, &disabled, a, "(OVFR)a", "c", {}, true},
-        {6, &forced, a, "(ovfr)a", "c", {refusedA}, false},
+        {6, &forced, a, "(ovfr)a", "c", {refused}, false},
         {5, &forced, root + "/ok/x", "", "c", {}, false}, // allowed, though not there
         {5, &free, a, "", "c", {}, true},
         {5, &free, a, "", "", {}, true},
         {5, &free, missing, "", "c", {}, false},
-        {5, &free, missing, "", "", {"Folder not exist or invalid parameter or configuration"}, false},
-        {5, &free, root + "/file", "", "", {"Folder not exist or invalid parameter or configuration"}, false},
+        {5, &free, missing, "", "", {noFolder}, false},
+        {5, &free, file, "", "", {noFolder}, false},
         {1, nullptr, missing, "", "", {}, false}, // nobody to tell without a policy
         {5, &free, a, "x/y", "c", {"Share name change to x_y"}, true},
         {6, &forced, a, "(OVDND)a", "c", {}, true},
@@ -51,50 +61,40 @@ TEST_F(ShareTable, EveryRefusalIsAStatusText)
         if (c.policy)
             FeedTo(*fresh, PolicyPacket(c.policy->Block(c.version)));
         EXPECT_EQ(AddTo(*fresh, c.path, c.shareName, 0, c.cookie), c.statuses);
-        EXPECT_EQ(TakeAnnounced().size(), c.announced ? 1u : 0u);
+        EXPECT_EQ(TakeShares().size(), c.announced ? 1u : 0u);
     }
 }
 
-TEST_F(ShareTable, AFolderIsSharedOnceForEachType)
+TEST_F(LocalShares, FoldersAreSharedOnceATypeUnderNamesAndNumbersOfTheirOwn)
 {
-    if (!kHasDriveTable)
-        GTEST_SKIP() << "the paths are those of another system";
     LogOn(6);
-    const std::string a = Folder("a");
-    EXPECT_EQ(Add(a), Strings{});
-    EXPECT_EQ(Add(a + "/"), Strings{"SUCCEEDED"});
-    EXPECT_EQ(Add(a, "other name"), Strings{"SUCCEEDED"});
-    EXPECT_EQ(Add(a, "(OVFR)a"), Strings{});
-    EXPECT_EQ(Add(a, "(OVFR)b"), Strings{"SUCCEEDED"});
-    EXPECT_EQ(TakeAnnouncedNames(), (Strings{"a", "(OVFR)a"}));
-}
-
-TEST_F(ShareTable, NamesAreUniqueWithoutCaseAndNumbersAreNeverUsedAgain)
-{
-    if (!kHasDriveTable)
-        GTEST_SKIP() << "the paths are those of another system";
-    LogOn(6);
-    EXPECT_EQ(Add(Folder("1/docs")), Strings{});
-    EXPECT_EQ(Add(Folder("2/docs")), Strings{});
-    EXPECT_EQ(Add(Folder("3/DOCS")), Strings{});
-    EXPECT_EQ(Add(Folder("4"), "\xC3\x84"), Strings{});
-    EXPECT_EQ(Add(Folder("5"), "\xC3\xA4"), Strings{"Share name change to \xC3\xA4(1)"});
+    const struct {
+        std::string path, shareName;
+        Strings statuses, shares;
+    } cases[] = {
+        {"1/docs", "", {}, {"65535 docs (5)"}},
+        {"1/docs/", "", {"SUCCEEDED"}, {}},
+        {"1/docs", "other name", {"SUCCEEDED"}, {}},
+        {"1/docs", "(OVFR)a", {}, {"65536 (OVFR)a (5)"}},
+        {"1/docs", "(OVFR)b", {"SUCCEEDED"}, {}},
+        {"2/docs", "", {}, {"65537 docs(1) (5)"}},
+        {"3/DOCS", "", {}, {"65538 DOCS(2) (5)"}}, // no two differ by case alone
+        {"4", "\xC3\x84", {}, {"65539 \xC3\x84 (5)"}},
+        {"5", "\xC3\xA4", {"Share name change to \xC3\xA4(1)"}, {"65540 \xC3\xA4(1) (5)"}},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(Add(Folder(c.path), c.shareName), c.statuses) << c.path << c.shareName;
+        EXPECT_EQ(TakeShares(), c.shares) << c.path << c.shareName;
+    }
     manager.RemoveSharedFolder(root + "/1/docs", "", "c");
-    EXPECT_EQ(Add(Folder("6"), "docs"), Strings{});
-    EXPECT_EQ(TakeAnnounced(), (std::vector<Announced>{{65535, 5, "docs", {}},
-                                                       {65536, 5, "docs(1)", {}},
-                                                       {65537, 5, "DOCS(2)", {}},
-                                                       {65538, 5, "\xC3\x84", {}},
-                                                       {65539, 5, "\xC3\xA4(1)", {}},
-                                                       {65540, 5, "docs", {}}}));
-    EXPECT_EQ(removed, std::vector<uint32_t>{65535});
+    EXPECT_EQ(Add(Folder("6"), "docs"), Strings{}); // the name is free again, the number isn't
+    EXPECT_EQ(TakeShares(), (Strings{"-65535", "65541 docs (5)"}));
 }
 
 TEST_F(ShareTable, AnAnnounceCutsNamesByBytes)
 {
     LogOn(6);
     for (size_t length : {6u, 7u, 8u, 248u, 249u, 250u}) {
-        channel.TakePackets();
         std::string name(length, 'n');
         Add(Folder(std::to_string(length)), name);
         Bytes packet = channel.TakePackets().at(0);
@@ -106,38 +106,31 @@ TEST_F(ShareTable, AnAnnounceCutsNamesByBytes)
     }
 }
 
-TEST_F(ShareTable, WithDriveLetterMappingOnlyDrivesPassAndTheirPathFollowsTheAnnounce)
+TEST_F(LocalShares, WithDriveLetterMappingOnlyDrivesPassAndTheirPathFollowsTheAnnounce)
 {
-    if (!kHasDriveTable)
-        GTEST_SKIP() << "the paths are those of another system";
     UseDrives("D=" + Folder("d"));
     LogOn(6, {.permission = 2}, FODR_CAP_DRIVE_LETTER_MAPPING);
     EXPECT_EQ(Add("D:\\data").at(0), "Redirecting D:\\data is not allowed from Agent");
     EXPECT_EQ(Add(root).at(0), "Redirecting " + root + " is not allowed from Agent");
     EXPECT_EQ(Add("D:\\", "", 4), Strings{});
-    EXPECT_EQ(Add(Folder("t"), "(OVFR)t"), Strings{}); // tagged: passes
-    std::vector<Announced> shares = TakeAnnounced();
-    ASSERT_EQ(shares.size(), 2u);
-    EXPECT_EQ(shares[0], (Announced{65535, 4, "D", {1, 4, 0, 0, 0, 'D', ':', '\\', 0}}));
-    EXPECT_EQ(shares[1].permission, 2u);
-    EXPECT_EQ(shares[1].extension.size(), root.size() + 2 + 6);
+    EXPECT_EQ(Add("/", "(OVFR)t"), Strings{}); // tagged: passes
+    using namespace std::string_literals;
+    EXPECT_EQ(TakeShares(), (Strings{"65535 D (4)\1\4\0\0\0D:\\\0"s, "65536 (OVFR)t (2)\1\2\0\0\0/\0"s}));
 }
 
-TEST_F(ShareTable, RemovalTakesWhatACommandAddedAndNothingElse)
+TEST_F(LocalShares, RemovalTakesWhatACommandAddedAndNothingElse)
 {
-    if (!kHasDriveTable)
-        GTEST_SKIP() << "the paths are those of another system";
     const std::string a = Folder("a"), registered = Folder("registered");
     settings.SetList("SharedFolders", {registered});
     LogOn(6);
     Add(a, "named");
     Add(a, "(OVFR)a");
     Add(root + "/missing");
-    EXPECT_EQ(TakeAnnouncedNames(), (Strings{"named", "(OVFR)a"}));
+    EXPECT_EQ(TakeShares(), (Strings{"65536 named (5)", "65537 (OVFR)a (5)"}));
     const struct {
         std::string path, shareName;
         bool matched;
-        std::vector<uint32_t> withdrawn;
+        Strings withdrawn;
     } cases[] = {
         {"", "named", false, {}},
         {registered, "", false, {}},    // not by a command
@@ -145,15 +138,14 @@ TEST_F(ShareTable, RemovalTakesWhatACommandAddedAndNothingElse)
         {a, "(OVDND)named", false, {}}, // of another type and name
         {root + "/b", "named", false, {}},
         {root + "/missing", "", true, {}}, // never announced
-        {a + "/", "any name", true, {65536}},
+        {a + "/", "any name", true, {"-65536"}},
         {a, "named", false, {}},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(manager.RemoveSharedFolder(c.path, c.shareName, "c"), c.matched) << c.path << c.shareName;
-        TakeAnnounced();
-        EXPECT_EQ(removed, c.withdrawn) << c.path << c.shareName;
+        EXPECT_EQ(TakeShares(), c.withdrawn) << c.path << c.shareName;
     }
-    EXPECT_TRUE(channel.TakeNotices().empty());
+    EXPECT_EQ(channel.TakeNotices(), Strings{});
 }
 
 TEST_F(ShareTable, SharesFollowTheirDriveUnderTheirNumber)
@@ -163,70 +155,65 @@ TEST_F(ShareTable, SharesFollowTheirDriveUnderTheirNumber)
     Add("D:\\one");
     Add("d");
     Add(Folder("other"));
-    EXPECT_EQ(TakeAnnouncedNames(), Strings{"other"});
-    auto ids = [this] {
-        std::vector<uint32_t> list;
-        for (const Announced &share : TakeAnnounced())
-            list.push_back(share.id);
-        return list;
+    EXPECT_EQ(TakeShares(), Strings{"65537 other (5)"});
+    const Strings both{"65535 one (5)", "65536 d (5)"};
+    const struct {
+        bool arrives;
+        char drive;
+        Strings shares;
+    } events[] = {
+        {true, 'd', both},
+        {true, 'D', {}}, // a second arrival is no news
+        {false, 'D', {"-65535", "-65536"}},
+        {false, 'D', {}},
+        {true, 'D', both},
+        {true, '/', {}}, // what an absolute path begins with is no drive
+        {false, 'd', {"-65535", "-65536"}},
     };
-    const std::vector<uint32_t> both{65535, 65536};
-    EXPECT_TRUE(manager.OnDeviceAvailable('d'));
-    EXPECT_EQ(ids(), both);
-    EXPECT_TRUE(manager.OnDeviceAvailable('D')); // a second arrival is no news
-    EXPECT_EQ(ids(), std::vector<uint32_t>{});
-    EXPECT_TRUE(manager.OnDeviceUnavailable('D'));
-    ids();
-    EXPECT_EQ(removed, both);
-    EXPECT_EQ(StatusOf(Answers(OpenRoot(65535, 1)).at(0)), 0xC00002B6u);
-    manager.OnDeviceUnavailable('D');
-    ids();
-    EXPECT_TRUE(removed.empty());
-    manager.OnDeviceAvailable('D');
-    EXPECT_EQ(ids(), both);
-    manager.OnDeviceAvailable('/'); // what an absolute path begins with is no drive
-    EXPECT_EQ(ids(), std::vector<uint32_t>{});
+    for (const auto &event : events) {
+        EXPECT_TRUE(event.arrives ? manager.OnDeviceAvailable(event.drive)
+                                  : manager.OnDeviceUnavailable(event.drive));
+        EXPECT_EQ(TakeShares(), event.shares) << event.arrives << event.drive;
+    }
+    EXPECT_EQ(StatusOf(Answers(OpenRoot(65535)).at(0)), 0xC00002B6u);
 }
 
-TEST_F(ShareTable, DrivesAndRegisteredFoldersAreSharedWhenSettingsAndPolicySaySo)
+TEST_F(LocalShares, DrivesAndRegisteredFoldersAreSharedWhenSettingsAndPolicySaySo)
 {
-    if (!kHasDriveTable)
-        GTEST_SKIP() << "drive letters are the system's own";
     UseDrives("D=" + Folder("d") + ";X=" + Folder("x"));
-    const std::string registered = Folder("registered");
-    struct Case {
+    const Strings drives{"65535 D (5)", "65536 X (5)"};
+    const auto redirectAll = [](SettingsFixture &store) { store.SetNumber("RedirectAll", 1); };
+    const struct {
         const char *what;
-        std::function<void(SettingsFixture &)> set;
+        void (*set)(SettingsFixture &store);
         Policy policy;
-        Strings names;
-    } const cases[] = {
-        {"no key", [](auto &) {}, {}, {"D", "X"}},
-        {"no value", [](auto &s) { s.CreateKey(); }, {}, {}},
-        {"zero", [](auto &s) { s.SetNumber("RedirectAll", 0); }, {}, {}},
-        {"text", [](auto &s) { s.SetText("RedirectAll", "1"); }, {}, {}},
-        {"one", [](auto &s) { s.SetNumber("RedirectAll", 1); }, {}, {"D", "X"}},
-        {"list",
-         [&](auto &s) {
-             s.SetList("SharedFolders", {registered, root + "/no"});
-         },
-         {},
-         {"registered"}},
-        {"agent's", [](auto &s) { s.SetNumber("RedirectAll", 1); }, {.sharedByAgent = true}, {}},
-        {"all of the agent", [](auto &s) { s.CreateKey(); }, {.folders = {{3, "*all"}}}, {"D", "X"}},
+        Strings shares;
+    } cases[] = {
+        {"no key", [](auto &) {}, {}, drives},
+        {"no value", [](auto &store) { store.CreateKey(); }, {}, {}},
+        {"zero", [](auto &store) { store.SetNumber("RedirectAll", 0); }, {}, {}},
+        {"text", [](auto &store) { store.SetText("RedirectAll", "1"); }, {}, {}},
+        {"one", redirectAll, {}, drives},
+        {"agent's", redirectAll, {.sharedByAgent = true}, {}},
+        {"all of the agent",
+         [](auto &store) { store.CreateKey(); },
+         {.folders = {{3, "*all"}}},
+         {"65535 D (3)", "65536 X (3)"}},
         {"disabled", [](auto &) {}, {.enabled = false, .folders = {{3, "*all"}}}, {}},
     };
-    for (const Case &c : cases) {
-        SettingsFixture own;
-        c.set(own);
+    for (const auto &c : cases) {
+        SettingsFixture store;
+        c.set(store);
         auto fresh = Fresh({VersionExchange(6), PolicyPacket(c.policy.Block(6)), UserLoggedOn()});
-        EXPECT_EQ(TakeAnnouncedNames(), c.names) << c.what;
+        EXPECT_EQ(TakeShares(), c.shares) << c.what;
     }
+    settings.SetList("SharedFolders", {Folder("registered"), root + "/no"});
+    auto fresh = Fresh({VersionExchange(6), PolicyPacket(Policy{}.Block(6)), UserLoggedOn()});
+    EXPECT_EQ(TakeShares(), Strings{"65535 registered (5)"});
 }
 
-TEST_F(ShareTable, AFolderThatTheMachineDoesNotAllowIsAsGoodAsMissing)
+TEST_F(LocalShares, AFolderThatTheMachineDoesNotAllowIsAsGoodAsMissing)
 {
-    if (!kHasDriveTable)
-        GTEST_SKIP() << "drive letters are the system's own";
     UseDrives("D=" + Folder("d"));
     const std::string a = Folder("a"), sub = Folder("a/sub"), ab = Folder("ab");
     const struct {
@@ -257,32 +244,28 @@ TEST_F(ShareTable, AFolderThatTheMachineDoesNotAllowIsAsGoodAsMissing)
         SCOPED_TRACE(c.path);
         settings.SetList("AllowedFolders", c.entries);
         auto fresh = Fresh({VersionExchange(1)});
-        LogCapture log;
+        CapturedLog log(LOG_LEVEL_WARN);
         EXPECT_TRUE(fresh->AddSharedFolder(c.path, "c", false, 0, ""));
         std::string warning = "W Folder " + c.path + " is outside of the folders that this machine allows.\n";
-        EXPECT_EQ(log.Count(warning), c.announced ? 0u : 1u);
-        // Nor does the arrival of its drive change that.
-        fresh->OnDeviceAvailable(c.path[0]);
-        EXPECT_EQ(TakeAnnounced().size(), c.announced ? 1u : 0u);
+        EXPECT_EQ(Logged(warning), c.announced ? 0u : 1u);
+        fresh->OnDeviceAvailable(c.path[0]); // nor does the arrival of its drive change that
+        EXPECT_EQ(TakeShares().size(), c.announced ? 1u : 0u);
     }
     LogOn(6, {.sharedByAgent = true, .folders = {{0, a}}}); // whoever asks
-    EXPECT_EQ(TakeAnnouncedNames(), Strings{});
+    EXPECT_EQ(TakeShares(), Strings{});
 }
 
-TEST_F(ShareTable, OfNamedFilesThoseAreShownThatTheMachineAllows)
+TEST_F(LocalShares, OfNamedFilesThoseAreShownThatTheMachineAllows)
 {
-    if (!kHasDriveTable)
-        GTEST_SKIP() << "drive letters are the system's own";
     const std::string a = Folder("a");
     Folder("a/F");
     Folder("a/F2");
     for (const char *name : {"one", "two", "F/in", "F2/x"})
         std::ofstream(a + "/" + name) << name;
-    const Strings kNames = {"one", "two", "F"};
     const struct {
         Strings entries;
         bool announced;
-        Strings opened; // of "one", "two", "F\\in", "F2\\x", "two:Zone.Identifier"
+        Strings opened;
     } cases[] = {
         {{a}, true, {"one", "two", "F\\in", "F2\\x"}},
         {{a + "/one"}, true, {"one"}},
@@ -296,72 +279,57 @@ TEST_F(ShareTable, OfNamedFilesThoseAreShownThatTheMachineAllows)
         SCOPED_TRACE(c.entries.empty() ? "none" : c.entries[0]);
         settings.SetList("AllowedFolders", c.entries);
         auto fresh = Fresh({VersionExchange(1)});
-        fresh->AddSharedFolder(a, "c", false, 0, "(OVFCP)a", kNames);
-        EXPECT_EQ(TakeAnnouncedNames(), c.announced ? Strings{"(OVFCP)a"} : Strings{});
-        Strings opened;
-        for (const char *path : {"one", "two", "F\\in", "F2\\x", "two:Zone.Identifier"}) {
-            FeedTo(*fresh, Open(65535, u"\\" + std::u16string(path, path + strlen(path)), nt::FILE_OPEN, 0));
-            if (StatusOf(channel.TakePackets().at(0)) == 0)
-                opened.push_back(path);
-        }
-        EXPECT_EQ(opened, c.opened);
+        fresh->AddSharedFolder(a, "c", false, 0, "(OVFCP)a", {"one", "two", "F"});
+        EXPECT_EQ(TakeShares(), c.announced ? Strings{"65535 (OVFCP)a (0)"} : Strings{});
+        EXPECT_EQ(OpenedOf(*fresh, {"one", "two", "F\\in", "F2\\x", "two:Zone.Identifier"}), c.opened);
     }
 }
 
-TEST_F(ShareTable, AddingAShareOfNamedFilesAgainAddsToItsFiles)
+TEST_F(LocalShares, AddingAShareOfNamedFilesAgainAddsToItsFiles)
 {
-    if (!kHasDriveTable)
-        GTEST_SKIP() << "drive letters are the system's own";
     LogOn(6);
     UseDrives("D=" + Folder("a"));
-    for (const char *name : {"one", "two", "three"})
+    const Strings all{"one", "two", "three"}, share{"65535 (OVDND)a (5)"};
+    for (const std::string &name : all)
         std::ofstream(root + "/a/" + name) << name;
-    auto isOpened = [this](const std::u16string &name) {
-        return StatusOf(Answers(Open(65535, u"\\" + name, nt::FILE_OPEN, 0)).at(0)) == 0;
-    };
     manager.AddSharedFolder("D:\\", "c", false, 0, "(OVDND)a", {"one"});
-    EXPECT_EQ(TakeAnnouncedNames(), Strings{"(OVDND)a"});
-    EXPECT_FALSE(isOpened(u"two"));
+    EXPECT_EQ(TakeShares(), share);
+    EXPECT_EQ(OpenedOf(manager, all), Strings{"one"});
     settings.SetList("AllowedFolders", {"D:\\\\two"});
     channel.TakeNotices();
     EXPECT_TRUE(manager.AddSharedFolder("D:\\", "c", false, 0, "(OVDND)b", {"two", "three", "one"}));
-    EXPECT_EQ(channel.TakeNotices(), (std::vector<Notice>{{"c", std::string(kStatus) + "SUCCEEDED"}}));
-    EXPECT_TRUE(isOpened(u"one")); // was allowed when it was named
-    EXPECT_TRUE(isOpened(u"two"));
-    EXPECT_FALSE(isOpened(u"three"));
+    EXPECT_EQ(channel.TakeNotices(), Strings{"c|FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED"});
+    const Strings allowed{"one", "two"}; // the first one was allowed when it was named
+    EXPECT_EQ(OpenedOf(manager, all), allowed);
     // The drive goes and returns, and with it the same files.
     manager.OnDeviceUnavailable('D');
-    EXPECT_FALSE(isOpened(u"one"));
+    EXPECT_EQ(OpenedOf(manager, all), Strings{});
     manager.OnDeviceAvailable('D');
-    EXPECT_EQ(TakeAnnouncedNames(), Strings{"(OVDND)a"});
-    EXPECT_TRUE(isOpened(u"two"));
-    EXPECT_FALSE(isOpened(u"three"));
+    EXPECT_EQ(TakeShares(), share);
+    EXPECT_EQ(OpenedOf(manager, all), allowed);
     EXPECT_TRUE(manager.RemoveSharedFolder("D:\\", "(ovdnd)A", "c"));
 }
 
-TEST_F(ShareTable, TheRootOfAllIsAShareLikeAnyOther)
+TEST_F(LocalShares, TheRootOfAllIsAShareLikeAnyOther)
 {
-    if (!kHasDriveTable)
-        GTEST_SKIP() << "drive letters are the system's own";
     LogOn(6);
     EXPECT_EQ(Add("/"), Strings{});
-    EXPECT_EQ(TakeAnnouncedNames(), Strings{"_"});
-    EXPECT_EQ(StatusOf(Answers(OpenRoot(65535, 1)).at(0)), 0u);
+    EXPECT_EQ(TakeShares(), Strings{"65535 _ (5)"});
+    EXPECT_EQ(StatusOf(Answers(OpenRoot(65535)).at(0)), 0u);
     // A file below it: the request's path is appended as it is.
     std::ofstream(root + "/file") << "x";
-    std::u16string path(root.begin(), root.end());
-    EXPECT_EQ(StatusOf(Answers(Open(65535, u"\\" + path.substr(1) + u"\\file", nt::FILE_OPEN, 0x40)).at(0)),
-              0u);
+    const Strings file{root.substr(1) + "\\file"};
+    EXPECT_EQ(OpenedOf(manager, file), file);
     EXPECT_TRUE(manager.RemoveSharedFolder("/", "", "c"));
 }
 
 TEST_F(ShareTable, ThePolicyMarksSharesReadOnly)
 {
     for (uint8_t permission : {uint8_t{5}, uint8_t{1}}) {
-        LogCapture log;
+        CapturedLog log(LOG_LEVEL_INFO);
         auto fresh = Fresh(
             {VersionExchange(6), PolicyPacket(Policy{.permission = permission}.Block(6)), UserLoggedOn()});
-        EXPECT_EQ(log.Count("I CDR is marked as read-only\n"), permission == 1 ? 1u : 0u);
+        EXPECT_EQ(Logged("I CDR is marked as read-only\n"), permission == 1 ? 1u : 0u);
         fresh->AddSharedFolder(Folder("a"), "c", false, 0, "");
         channel.TakePackets();
         FeedTo(*fresh, Open(65535, permission == 1 ? u"\\r" : u"\\w", nt::FILE_OPEN_IF, 0x40));
