@@ -5,63 +5,69 @@
 #include "plugin/RecordingHost.h"
 
 #include <gtest/gtest.h>
-#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace fodr {
 namespace {
 
 using test::RecordingHost;
+using Strings = std::vector<std::string>;
 
-struct CountingInstance : RPCPluginInstance {
+struct TracedInstance : RPCPluginInstance {
     using RPCPluginInstance::RPCPluginInstance;
-    void OnReady() override { ++readyCalls; }
-    void OnNotReady() override { ++notReadyCalls; }
-    void OnConnectFailed() override { ++failedCalls; }
-    int readyCalls = 0;
-    int notReadyCalls = 0;
-    int failedCalls = 0;
+    void OnReady() override { events += "ready "; }
+    void OnNotReady() override { events += "gone "; }
+    void OnConnectFailed() override { events += "failed "; }
+    std::string events;
 };
 
 struct TestManager : RPCManager {
     TestManager() : RPCManager("fodr", "fodrControlObj", "fodrDataObj", "fodrDataObjTcp") {}
-    RPCPluginInstance *CreatePluginInstance() override { return last = new CountingInstance(this); }
-    CountingInstance *last = nullptr;
+    RPCPluginInstance *CreatePluginInstance() override { return new TracedInstance(this); }
+};
+
+// One instance on a host of its own. What is set in the host before Start() is found by the manager.
+struct Session {
+    ~Session() { Finish(); }
+    void Start()
+    {
+        void *made = nullptr;
+        manager.ODPPluginInit(host.Record());
+        EXPECT_TRUE(manager.ODPPluginCreateInstance(this, &made));
+        instance = static_cast<TracedInstance *>(made);
+    }
+    void Finish()
+    {
+        if (instance)
+            manager.ODPPluginDestroyInstance(std::exchange(instance, nullptr));
+    }
+    void *Message()
+    {
+        void *message = nullptr;
+        EXPECT_TRUE(instance->CreateMessage(&message, RPCPluginInstance::kDataChannel));
+        return message;
+    }
+    bool CanSend()
+    {
+        void *message = nullptr;
+        return instance->CreateMessage(&message, RPCPluginInstance::kDataChannel) &&
+               instance->DestroyMessage(message);
+    }
+
+    RecordingHost host;
+    TestManager manager;
+    TracedInstance *instance = nullptr;
 };
 
 class RPCManagerTest : public testing::Test {
-protected:
-    // Initialises the manager and makes an instance with its sink registered.
-    CountingInstance *Start()
-    {
-        manager.ODPPluginInit(host.Record());
-        void *made = nullptr;
-        EXPECT_TRUE(manager.ODPPluginCreateInstance(this, &made));
-        return static_cast<CountingInstance *>(made);
-    }
-    void Finish(CountingInstance *instance) { manager.ODPPluginDestroyInstance(instance); }
-    bool CanSend(CountingInstance *instance)
-    {
-        void *message = nullptr;
-        if (!instance->CreateMessage(&message, RPCPluginInstance::kDataChannel))
-            return false;
-        instance->DestroyMessage(message);
-        return true;
-    }
-
     test::SettingsFixture settings; // an empty store
-    RecordingHost host;
-    TestManager manager;
 };
 
 TEST_F(RPCManagerTest, InitNeedsTheClientInterfacesAndTriesNewestFirst)
 {
-    struct {
-        std::set<uint16_t> refused;
-        bool initialised;
-    } cases[] = {
-        {{}, true},
+    const std::pair<std::set<uint16_t>, bool> cases[] = {
         {{0x000b, 0x0010}, true},
         {{0x000b, 0x0010, 0x0006}, false},
         {{0x0012, 0x000f, 0x000a}, true},
@@ -72,232 +78,191 @@ TEST_F(RPCManagerTest, InitNeedsTheClientInterfacesAndTriesNewestFirst)
         {{0x0007}, true},
         {{0x0007, 0x0005}, false}, // needed, although only its presence counts
     };
-    for (const auto &c : cases) {
-        RecordingHost other;
-        other.refused = c.refused;
-        TestManager fresh;
-        EXPECT_TRUE(fresh.ODPPluginInit(other.Record())); // true whatever happened
-        EXPECT_EQ(fresh.IsInitialized(), c.initialised);
+    for (const auto &[refused, initialised] : cases) {
+        RecordingHost host;
+        host.refused = refused;
+        TestManager manager;
+        EXPECT_TRUE(manager.ODPPluginInit(host.Record())); // true whatever happened
+        EXPECT_EQ(manager.IsInitialized(), initialised);
         void *instance = this;
-        if (!c.initialised) {
-            EXPECT_FALSE(fresh.ODPPluginCreateInstance(this, &instance));
-            EXPECT_EQ(instance, this);
-        }
+        EXPECT_TRUE(initialised || !manager.ODPPluginCreateInstance(this, &instance));
+        EXPECT_EQ(instance, this);
     }
-    RecordingHost all;
-    TestManager fresh;
-    fresh.ODPPluginInit(all.Record());
-    EXPECT_EQ(all.asked, (std::vector<uint16_t>{0x000b, 0x0012, 0x0008, 0x0000, 0x000e, 0x0007}));
+    Session all;
+    all.Start();
+    EXPECT_EQ(all.host.asked, (std::vector<uint16_t>{0x000b, 0x0012, 0x0008, 0x0000, 0x000e, 0x0007}));
 }
 
 TEST_F(RPCManagerTest, AnInstanceIsReadyWhenBothObjectsAreConnectedInEitherOrder)
 {
-    for (bool dataFirst : {false, true}) {
-        CountingInstance *instance = Start();
-        host.calls.clear();
+    for (auto [first, second] :
+         {std::pair{"fodrControlObj", "fodrDataObj"}, {"fodrDataObj", "fodrControlObj"}}) {
+        Session session;
+        RecordingHost &host = session.host;
+        session.Start();
         host.Connection(CONNECTION_CONNECTED);
-        EXPECT_EQ(host.LastCall(), "Connect");
         host.Channel(CONNECTION_CONNECTED);
         host.PeerObject("someOtherObj");
-        EXPECT_EQ(host.LastCall(), "Connect");
-        host.PeerObject(dataFirst ? "fodrDataObj" : "fodrControlObj");
-        host.PeerObject(dataFirst ? "fodrControlObj" : "fodrDataObj");
-        EXPECT_TRUE(host.Called("CreateObject fodrControlObj 0xd"));
-        EXPECT_TRUE(host.Called("CreateObject fodrDataObj 0xd"));
-        host.Object(dataFirst ? "fodrDataObj" : "fodrControlObj", OBJECT_CONNECTED);
-        EXPECT_FALSE(CanSend(instance));
-        host.Object(dataFirst ? "fodrControlObj" : "fodrDataObj", OBJECT_CONNECTED);
-        EXPECT_TRUE(CanSend(instance));
-        EXPECT_EQ(instance->readyCalls, 1);
-        Finish(instance);
-        host.connectionState = CONNECTION_DISCONNECTED;
-        manager.ODPPluginExit();
-    }
-}
+        host.PeerObject(first);
+        host.PeerObject(second);
+        EXPECT_EQ(host.calls, (Strings{"Connect", std::string("CreateObject ") + first + " 0xd",
+                                       std::string("CreateObject ") + second + " 0xd"}));
+        host.ObjectState(first, OBJECT_CONNECTED);
+        EXPECT_FALSE(session.CanSend());
+        host.ObjectState(second, OBJECT_CONNECTED);
+        EXPECT_TRUE(session.CanSend());
+        EXPECT_EQ(session.instance->events, "ready ");
 
-TEST_F(RPCManagerTest, InAFlareSessionObjectsCarryTheBoltBit)
-{
-    host.sessionType = SESSION_FLARE;
-    CountingInstance *instance = Start();
-    host.BringUp();
-    EXPECT_TRUE(host.Called("CreateObject fodrControlObj 0x4d"));
-    Finish(instance);
+        host.calls.clear();
+        host.ObjectState(first, OBJECT_DISCONNECTED); // each is destroyed by its own notice
+        EXPECT_EQ(host.calls, Strings{std::string("DestroyObject ") + first});
+        EXPECT_FALSE(session.CanSend());
+        EXPECT_EQ(session.instance->events, "ready gone ");
+        session.Finish();
+        EXPECT_TRUE(host.objects.empty());
+    }
 }
 
 TEST_F(RPCManagerTest, AReconnectMakesNewObjectsOnTheSameInstance)
 {
-    CountingInstance *instance = Start();
-    for (int round = 1; round <= 2; ++round) {
-        host.calls.clear();
-        host.BringUp();
-        EXPECT_TRUE(CanSend(instance));
-        EXPECT_EQ(instance->readyCalls, round);
-        host.Connection(CONNECTION_DISCONNECTED);
-        EXPECT_TRUE(host.Called("Disconnect"));
-        EXPECT_TRUE(host.Called("DestroyObject fodrDataObj"));
-        EXPECT_TRUE(host.Called("DestroyObject fodrControlObj"));
-        EXPECT_FALSE(CanSend(instance));
-        EXPECT_EQ(instance->notReadyCalls, round);
-        host.Channel(CONNECTION_DISCONNECTED); // harmless the second time
+    Session session;
+    session.Start();
+    for (std::string events : {"ready gone ", "ready gone ready gone "}) {
+        session.host.BringUp();
+        EXPECT_TRUE(session.CanSend());
+        session.host.calls.clear();
+        session.host.Connection(CONNECTION_DISCONNECTED);
+        EXPECT_EQ(session.host.calls,
+                  (Strings{"Disconnect", "DestroyObject fodrDataObj", "DestroyObject fodrControlObj"}));
+        EXPECT_FALSE(session.CanSend());
+        session.host.Channel(CONNECTION_DISCONNECTED); // harmless the second time
+        EXPECT_EQ(session.instance->events, events);
     }
-    EXPECT_EQ(instance->failedCalls, 0);
-    Finish(instance);
 }
 
 TEST_F(RPCManagerTest, NoticesActOnTheCurrentConnectionStateButOnTheReportedChannelState)
 {
-    CountingInstance *instance = Start();
+    Session session;
+    RecordingHost &host = session.host;
+    session.Start();
     host.Connection(CONNECTION_DISCONNECTED, CONNECTION_CONNECTED);
-    EXPECT_FALSE(host.Called("Connect"));
+    EXPECT_EQ(host.calls, Strings{});
     host.Connection(CONNECTION_CONNECTED, CONNECTION_DISCONNECTED);
-    EXPECT_TRUE(host.Called("Connect"));
+    EXPECT_EQ(host.calls, Strings{"Connect"});
     // The channel goes before it ever came up: the attempt has failed.
     host.channelSink.OnChannelStateChanged(host.channelUserData, CONNECTION_CONNECTED,
                                            CONNECTION_DISCONNECTED);
-    EXPECT_EQ(instance->failedCalls, 1);
-    Finish(instance);
-}
-
-TEST_F(RPCManagerTest, ALostObjectIsDestroyedByItsOwnNotice)
-{
-    for (const char *lost : {"fodrDataObj", "fodrControlObj"}) {
-        CountingInstance *instance = Start();
-        host.BringUp();
-        host.Object(lost, OBJECT_DISCONNECTED);
-        EXPECT_TRUE(host.Called(std::string("DestroyObject ") + lost));
-        EXPECT_FALSE(CanSend(instance));
-        EXPECT_EQ(instance->notReadyCalls, 1);
-        Finish(instance);
-        EXPECT_TRUE(host.objects.empty());
-        host.connectionState = CONNECTION_DISCONNECTED;
-        manager.ODPPluginExit();
-    }
+    EXPECT_EQ(session.instance->events, "failed ");
 }
 
 TEST_F(RPCManagerTest, WhenTheHostIsConnectedAlreadyTheNoticesAreSimulated)
 {
-    host.connectionState = CONNECTION_CONNECTED;
-    CountingInstance *instance = Start();
-    EXPECT_TRUE(host.Called("Connect"));
-    Finish(instance);
-    EXPECT_TRUE(host.Called("Disconnect"));
-    EXPECT_FALSE(host.sinkRegistered);
+    Session session;
+    session.host.connectionState = CONNECTION_CONNECTED;
+    session.Start();
+    EXPECT_EQ(session.host.calls, Strings{"Connect"});
+    session.Finish();
+    EXPECT_TRUE(session.host.Called("Disconnect"));
+    EXPECT_FALSE(session.host.sinkRegistered);
 }
-
-struct SideChannelCase {
-    const char *what;
-    std::optional<std::string> tcpEnabled;
-    std::optional<std::string> vchanEnabled;
-    int32_t session;
-    bool withOptions;
-    uint32_t options;
-    int requested; // 0: none, the data object is connected as it is
-};
-
-constexpr int32_t kPcoip = SESSION_PCOIP;
-constexpr int32_t kFlare = SESSION_FLARE;
-
-const SideChannelCase kSideChannelCases[] = {
-    {"nothing set", {}, {}, kPcoip, true, 0, 0},
-    {"both bits mean none", "true", {}, kPcoip, true, 0x30, 0},
-    {"the agent asks for virtual", {}, {}, kPcoip, true, 0x10, 1},
-    {"the agent asks for tcp against the settings", "false", {}, kPcoip, true, 0x20, 2},
-    {"bolt outside a flare session is virtual", {}, {}, kPcoip, true, 0x50, 1},
-    {"bolt", {}, {}, kFlare, true, 0x50, 3},
-    {"the bolt bit alone counts as an option", {}, {}, kFlare, true, 0x40, 2},
-    {"other bits are no options", {}, {}, kPcoip, true, 0x400800, 0},
-    {"tcp by settings", "true", {}, kPcoip, true, 0, 2},
-    {"only the letters of the word count", "TRUEish", {}, kPcoip, true, 0, 2},
-    {"a word is not a number", "1", {}, kPcoip, true, 0, 0},
-    {"tcp goes before virtual", "true", "true", kPcoip, true, 0, 2},
-    {"virtual by settings", "false", "True", kPcoip, true, 0, 1},
-    {"the virtual setting is compared whole", {}, "trueish", kPcoip, true, 0, 0},
-    {"no options entry in the table", "true", {}, kPcoip, false, 0x10, 2},
-};
 
 TEST_F(RPCManagerTest, TheAgentsOptionsGoBeforeTheSettings)
 {
-    for (const SideChannelCase &c : kSideChannelCases) {
+    constexpr int32_t kPcoip = SESSION_PCOIP, kFlare = SESSION_FLARE;
+    const struct {
+        const char *what, *tcpEnabled, *vchanEnabled; // null: not set
+        int32_t sessionType;
+        bool withOptions;
+        uint32_t options;
+        int requested; // 0: none, the data object is connected as it is
+    } cases[] = {
+        {"nothing set", nullptr, nullptr, kPcoip, true, 0, 0},
+        {"both bits mean none", "true", nullptr, kPcoip, true, 0x30, 0},
+        {"the agent asks for virtual", nullptr, nullptr, kPcoip, true, 0x10, 1},
+        {"the agent asks for tcp against the settings", "false", nullptr, kPcoip, true, 0x20, 2},
+        {"bolt outside a flare session is virtual", nullptr, nullptr, kPcoip, true, 0x50, 1},
+        {"bolt", nullptr, nullptr, kFlare, true, 0x50, 3},
+        {"the bolt bit alone counts as an option", nullptr, nullptr, kFlare, true, 0x40, 2},
+        {"other bits are no options", nullptr, nullptr, kPcoip, true, 0x400800, 0},
+        {"tcp by settings", "true", nullptr, kPcoip, true, 0, 2},
+        {"only the letters of the word count", "TRUEish", nullptr, kPcoip, true, 0, 2},
+        {"a word is not a number", "1", nullptr, kPcoip, true, 0, 0},
+        {"tcp goes before virtual", "true", "true", kPcoip, true, 0, 2},
+        {"virtual by settings", "false", "True", kPcoip, true, 0, 1},
+        {"the virtual setting is compared whole", nullptr, "trueish", kPcoip, true, 0, 0},
+        {"no options entry in the table", "true", nullptr, kPcoip, false, 0x10, 2},
+    };
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         test::SettingsFixture store;
         if (c.tcpEnabled)
-            store.SetText("tcpEnabled", *c.tcpEnabled);
+            store.SetText("tcpEnabled", c.tcpEnabled);
         if (c.vchanEnabled)
-            store.SetText("vchanSideChannelEnabled", *c.vchanEnabled);
-        RecordingHost other;
-        other.sessionType = c.session;
-        other.withObjectOptions = c.withOptions;
-        other.objectOptions = c.options;
-        TestManager fresh;
-        fresh.ODPPluginInit(other.Record());
-        void *made = nullptr;
-        fresh.ODPPluginCreateInstance(this, &made);
-        auto *instance = static_cast<CountingInstance *>(made);
-        other.BringUp();
-        if (c.requested == 0) {
-            EXPECT_EQ(instance->readyCalls, 1);
-        } else {
-            EXPECT_EQ(other.LastCall(), "RequestSideChannel " + std::to_string(c.requested) + " fodr");
-            EXPECT_EQ(instance->readyCalls, 0);
-            other.Object("fodrDataObj", OBJECT_SIDE_CHANNEL_PENDING);
-            other.Object("fodrDataObj", OBJECT_SIDE_CHANNEL_CONNECTED);
-            EXPECT_EQ(instance->readyCalls, 1);
+            store.SetText("vchanSideChannelEnabled", c.vchanEnabled);
+        Session session;
+        RecordingHost &host = session.host;
+        host.sessionType = c.sessionType;
+        host.withObjectOptions = c.withOptions;
+        host.objectOptions = c.options;
+        session.Start();
+        host.BringUp();
+        const std::string flags = c.sessionType == kFlare ? "0x4d" : "0xd"; // in flare with the bolt bit
+        EXPECT_TRUE(host.Called("CreateObject fodrControlObj " + flags));
+        if (c.requested != 0) {
+            EXPECT_EQ(host.calls.back(), "RequestSideChannel " + std::to_string(c.requested) + " fodr");
+            EXPECT_EQ(session.instance->events, "");
+            host.ObjectState("fodrDataObj", OBJECT_SIDE_CHANNEL_PENDING);
+            host.ObjectState("fodrDataObj", OBJECT_SIDE_CHANNEL_CONNECTED);
         }
-        fresh.ODPPluginDestroyInstance(instance);
+        EXPECT_EQ(session.instance->events, "ready ");
     }
 }
 
 TEST_F(RPCManagerTest, AFailedSideChannelIsNotReplacedByTheMainChannel)
 {
+    Session session;
+    RecordingHost &host = session.host;
     host.objectOptions = ODP_OPTION_TCP;
-    CountingInstance *instance = Start();
+    session.Start();
     host.BringUp();
-    host.Object("fodrDataObj", OBJECT_SIDE_CHANNEL_CONNECTED); // not pending: ignored
-    EXPECT_EQ(instance->readyCalls, 0);
-    host.Object("fodrDataObj", OBJECT_SIDE_CHANNEL_PENDING);
-    size_t requests = host.calls.size();
-    host.Object("fodrDataObj", OBJECT_CONNECTED);
-    EXPECT_EQ(host.calls.size(), requests);
-    EXPECT_EQ(instance->readyCalls, 0);
-    EXPECT_FALSE(CanSend(instance));
-    Finish(instance);
+    host.ObjectState("fodrDataObj", OBJECT_SIDE_CHANNEL_CONNECTED); // not pending: ignored
+    EXPECT_EQ(session.instance->events, "");
+    host.ObjectState("fodrDataObj", OBJECT_SIDE_CHANNEL_PENDING);
+    host.calls.clear();
+    host.ObjectState("fodrDataObj", OBJECT_CONNECTED);
+    EXPECT_EQ(host.calls, Strings{});
+    EXPECT_EQ(session.instance->events, "");
+    EXPECT_FALSE(session.CanSend());
 }
 
-TEST_F(RPCManagerTest, PostedMessagesAskForNoReportAndFailedOnesStayWithTheCaller)
+TEST_F(RPCManagerTest, MessagesReportWhenAskedAndStayWithTheCallerWhenTheyFail)
 {
-    CountingInstance *instance = Start();
+    constexpr int32_t kData = RPCPluginInstance::kDataChannel;
+    Session session;
+    RecordingHost &host = session.host;
+    host.withExtContext = false;
+    session.Start();
     host.BringUp();
-    void *message = nullptr;
-    ASSERT_TRUE(instance->CreateMessage(&message, RPCPluginInstance::kDataChannel));
-    EXPECT_TRUE(instance->InvokeMessage(message, false, RPCPluginInstance::kDataChannel));
+    EXPECT_TRUE(session.instance->InvokeMessage(session.Message(), false, kData));
     EXPECT_TRUE(host.lastWasPosted);
     EXPECT_EQ(host.lastMessageSink.OnMsgDone, nullptr);
     EXPECT_EQ(host.lastMessageSink.OnMsgAbort, nullptr);
 
-    ASSERT_TRUE(instance->CreateMessage(&message, RPCPluginInstance::kDataChannel));
-    EXPECT_TRUE(instance->InvokeMessage(message, true, RPCPluginInstance::kDataChannel));
-    EXPECT_NE(host.lastMessageSink.OnMsgDone, nullptr);
-    host.lastMessageSink.OnMsgDone(instance, 1, nullptr);
-    host.lastMessageSink.OnMsgDone(instance, 1, nullptr); // one too many is absorbed
+    EXPECT_TRUE(session.instance->InvokeMessage(session.Message(), true, kData));
+    ASSERT_NE(host.lastMessageSink.OnMsgDone, nullptr);
+    host.lastMessageSink.OnMsgDone(session.instance, 1, nullptr);
+    host.lastMessageSink.OnMsgDone(session.instance, 1, nullptr); // one too many is absorbed
 
     host.invokeSucceeds = false;
-    ASSERT_TRUE(instance->CreateMessage(&message, RPCPluginInstance::kDataChannel));
-    EXPECT_FALSE(instance->InvokeMessage(message, false, RPCPluginInstance::kDataChannel));
+    void *message = session.Message();
+    EXPECT_FALSE(session.instance->InvokeMessage(message, false, kData));
     EXPECT_EQ(host.liveMessages, 1);
-    instance->DestroyMessage(message);
-    Finish(instance);
-}
+    session.instance->DestroyMessage(message);
 
-TEST_F(RPCManagerTest, ExtendedMessagesNeedTheEntryOnlyWhenTheyHaveOptions)
-{
-    host.withExtContext = false;
-    CountingInstance *instance = Start();
-    host.BringUp();
-    void *message = nullptr;
-    EXPECT_FALSE(instance->CreateExtMessage(&message, RPCPluginInstance::kDataChannel, 0x800));
-    ASSERT_TRUE(instance->CreateExtMessage(&message, RPCPluginInstance::kDataChannel, 0));
-    instance->DestroyMessage(message);
-    Finish(instance);
+    // The entry for extended messages, which this host lacks, is needed only when they have options.
+    EXPECT_FALSE(session.instance->CreateExtMessage(&message, kData, 0x800));
+    ASSERT_TRUE(session.instance->CreateExtMessage(&message, kData, 0));
+    session.instance->DestroyMessage(message);
 }
 
 } // namespace

@@ -1,9 +1,9 @@
 #include "plugin/RecordingHost.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 
 namespace fodr::test {
 
@@ -11,78 +11,12 @@ namespace {
 
 RecordingHost *host = nullptr;
 
-std::string Text(const char *format, const std::string &a, uint32_t b)
+template <class Type> Type &As(void *handle)
 {
-    char buffer[200];
-    std::snprintf(buffer, sizeof(buffer), format, a.c_str(), b);
-    return buffer;
+    return *static_cast<Type *>(handle);
 }
-
-RecordingHost::ObjectHandle *HandleOf(void *handle)
-{
-    return static_cast<RecordingHost::ObjectHandle *>(handle);
-}
-
-RecordingHost::Message *MessageOf(void *context)
-{
-    return static_cast<RecordingHost::Message *>(context);
-}
-
-bool CreateObject(const char *name, const ObjectSink *sink, void *userData, uint32_t flags, void **handle)
-{
-    host->calls.push_back(Text("CreateObject %s 0x%x", name, flags));
-    auto *object = new RecordingHost::ObjectHandle{name, *sink, userData, flags};
-    host->objects[name] = object;
-    *handle = object;
-    return true;
-}
-
-bool DestroyObject(void *handle)
-{
-    host->calls.push_back("DestroyObject " + HandleOf(handle)->name);
-    host->objects.erase(HandleOf(handle)->name);
-    delete HandleOf(handle);
-    return true;
-}
-
-bool CreateContext(void *, void **context)
-{
-    *context = new RecordingHost::Message;
-    ++host->liveMessages;
-    return true;
-}
-
-bool CreateExtContext(void *, uint32_t options, void **context)
-{
-    *context = new RecordingHost::Message{{}, false, options};
-    ++host->liveMessages;
-    return true;
-}
-
-bool DestroyContext(void *context)
-{
-    delete MessageOf(context);
-    --host->liveMessages;
-    return true;
-}
-
-bool Invoke(void *, void *context, const MessageSink *sink, void *)
-{
-    host->lastMessageSink = *sink;
-    if (!host->invokeSucceeds)
-        return false;
-    for (const std::string &block : MessageOf(context)->blocks)
-        host->AddSent(block);
-    host->lastWasPosted = MessageOf(context)->posted;
-    return DestroyContext(context);
-}
-
-void AppendParam(void *context, const Variant *value)
-{
-    if (value->type == ODP_VT_BLOB)
-        MessageOf(context)->blocks.emplace_back(static_cast<const char *>(value->blobData),
-                                                value->value.blobLength);
-}
+using Message = RecordingHost::Message;
+using Object = RecordingHost::Object;
 
 void BlobInto(Variant *value, const void *data, uint32_t length)
 {
@@ -90,18 +24,6 @@ void BlobInto(Variant *value, const void *data, uint32_t length)
     value->value.blobLength = length;
     value->blobData = std::malloc(length + 1);
     std::memcpy(value->blobData, data, length);
-}
-
-void GetParam(void *context, int32_t index, Variant *value)
-{
-    const std::string &block = MessageOf(context)->blocks[static_cast<size_t>(index)];
-    BlobInto(value, block.data(), static_cast<uint32_t>(block.size()));
-}
-
-bool SetOps(void *context, uint32_t option, const Variant *value)
-{
-    MessageOf(context)->posted = option == ODP_MESSAGE_POST && value->value.number == 1;
-    return true;
 }
 
 void FillChannel(ODPService_ChannelInterface *table)
@@ -117,28 +39,55 @@ void FillChannel(ODPService_ChannelInterface *table)
         host->sinkRegistered = false;
         return true;
     };
-    table->Connect = []() {
-        host->calls.push_back("Connect");
-        return host->connectSucceeds;
-    };
-    table->Disconnect = []() {
-        host->calls.push_back("Disconnect");
-        return true;
-    };
+    table->Connect = []() { return host->Note("Connect"); };
+    table->Disconnect = []() { return host->Note("Disconnect"); };
     table->GetConnectionState = []() { return host->connectionState; };
     table->GetSessionType = []() { return host->sessionType; };
 }
 
+bool CreateContext(void *, void **context)
+{
+    *context = new Message;
+    ++host->liveMessages;
+    return true;
+}
+
+bool DestroyContext(void *context)
+{
+    delete &As<Message>(context);
+    --host->liveMessages;
+    return true;
+}
+
 void FillObject(ODPRPC_ChannelObjectInterface *table)
 {
-    table->CreateObject = CreateObject;
-    table->DestroyObject = DestroyObject;
-    table->GetObjectState = [](void *handle) { return host->objectStates[HandleOf(handle)->name]; };
+    table->CreateObject = [](const char *name, const ObjectSink *sink, void *userData, uint32_t flags,
+                             void **handle) {
+        std::ostringstream call;
+        call << "CreateObject " << name << " 0x" << std::hex << flags;
+        host->objects[name] = {name, *sink, userData};
+        *handle = &host->objects[name];
+        return host->Note(call.str());
+    };
+    table->DestroyObject = [](void *handle) {
+        const std::string name = As<Object>(handle).name;
+        host->objects.erase(name);
+        return host->Note("DestroyObject " + name);
+    };
+    table->GetObjectState = [](void *handle) { return host->objectStates[As<Object>(handle).name]; };
     table->CreateContext = CreateContext;
     table->DestroyContext = DestroyContext;
-    table->Invoke = Invoke;
+    table->Invoke = [](void *, void *context, const MessageSink *sink, void *) {
+        host->lastMessageSink = *sink;
+        if (!host->invokeSucceeds)
+            return false;
+        host->lastWasPosted = As<Message>(context).posted;
+        for (const std::string &block : As<Message>(context).blocks)
+            host->sent.Put(block);
+        return DestroyContext(context);
+    };
     table->RequestSideChannel = [](void *, int32_t type, const char *token) {
-        host->calls.push_back("RequestSideChannel " + std::to_string(type) + " " + token);
+        host->Note("RequestSideChannel " + std::to_string(type) + " " + token);
     };
     if (host->withObjectOptions) {
         table->GetObjectOptions = [](void *, uint32_t *options) {
@@ -146,8 +95,11 @@ void FillObject(ODPRPC_ChannelObjectInterface *table)
             return true;
         };
     }
-    if (host->withExtContext)
-        table->CreateExtContext = CreateExtContext;
+    if (host->withExtContext) {
+        table->CreateExtContext = [](void *object, uint32_t, void **context) {
+            return CreateContext(object, context);
+        };
+    }
 }
 
 void FillContext(ODPRPC_ChannelContextInterface *table)
@@ -155,11 +107,20 @@ void FillContext(ODPRPC_ChannelContextInterface *table)
     table->GetId = [](void *) { return 1u; };
     table->SetCommand = [](void *, uint32_t) {};
     table->GetParamCount = [](void *context) {
-        return static_cast<int32_t>(MessageOf(context)->blocks.size());
+        return static_cast<int32_t>(As<Message>(context).blocks.size());
     };
-    table->AppendParam = AppendParam;
-    table->GetParam = GetParam;
-    table->SetOps = SetOps;
+    table->AppendParam = [](void *context, const Variant *value) {
+        As<Message>(context).blocks.emplace_back(static_cast<const char *>(value->blobData),
+                                                 value->value.blobLength);
+    };
+    table->GetParam = [](void *context, int32_t index, Variant *value) {
+        const std::string &block = As<Message>(context).blocks.at(static_cast<size_t>(index));
+        BlobInto(value, block.data(), static_cast<uint32_t>(block.size()));
+    };
+    table->SetOps = [](void *context, uint32_t option, const Variant *value) {
+        As<Message>(context).posted = option == ODP_MESSAGE_POST && value->value.number == 1;
+        return true;
+    };
 }
 
 void FillVariant(ODPRPC_VariantInterface *table)
@@ -182,16 +143,13 @@ void FillVariant(ODPRPC_VariantInterface *table)
 void FillObserver(ODPObserver *table)
 {
     table->Subscribe = [](const char *name, void *context, ObserverCallback callback) {
-        host->calls.push_back(std::string("Subscribe ") + name);
+        host->Note(std::string("Subscribe ") + name);
         host->command = callback;
         host->commandContext = context;
-        return host->subscriptionId;
+        return 7u;
     };
-    table->Unsubscribe = [](uint32_t id) { host->calls.push_back("Unsubscribe " + std::to_string(id)); };
-    table->Send = [](const char *name, const char *cookie, const char *text) {
-        host->notices.push_back(std::string(name) + "|" + (cookie ? cookie : "(null)") + "|" + text);
-        return true;
-    };
+    table->Unsubscribe = [](uint32_t id) { host->Note("Unsubscribe " + std::to_string(id)); };
+    table->Send = [](const char *, const char *, const char *) { return true; };
 }
 
 bool QueryInterface(const OdpGuid *id, void *table)
@@ -207,26 +165,27 @@ bool QueryInterface(const OdpGuid *id, void *table)
     case ODP_SERVICE_CHANNEL_V2:
     case ODP_SERVICE_CHANNEL_V1:
         FillChannel(static_cast<ODPService_ChannelInterface *>(table));
-        return true;
+        break;
     case ODP_CHANNEL_OBJECT_V4:
     case ODP_CHANNEL_OBJECT_V3:
     case ODP_CHANNEL_OBJECT_V2:
     case ODP_CHANNEL_OBJECT_V1:
         FillObject(static_cast<ODPRPC_ChannelObjectInterface *>(table));
-        return true;
+        break;
     case ODP_CHANNEL_CONTEXT_V2:
     case ODP_CHANNEL_CONTEXT_V1:
         FillContext(static_cast<ODPRPC_ChannelContextInterface *>(table));
-        return true;
+        break;
     case ODP_VARIANT:
         FillVariant(static_cast<ODPRPC_VariantInterface *>(table));
-        return true;
+        break;
     case ODP_OBSERVER:
         FillObserver(static_cast<ODPObserver *>(table));
-        return true;
+        break;
     default: // interfaces that are only asked for
-        return true;
+        break;
     }
+    return true;
 }
 
 } // namespace
@@ -247,20 +206,6 @@ bool RecordingHost::Called(const std::string &call) const
     return std::find(calls.begin(), calls.end(), call) != calls.end();
 }
 
-void RecordingHost::AddSent(const std::string &block)
-{
-    std::lock_guard held(sentLock);
-    sent.push_back(block);
-    sentMore.notify_all();
-}
-
-std::vector<std::string> RecordingHost::WaitForSent(size_t count)
-{
-    std::unique_lock held(sentLock);
-    sentMore.wait(held, [&] { return sent.size() >= count; });
-    return sent;
-}
-
 void RecordingHost::Connection(int32_t current, int32_t reported)
 {
     connectionState = current;
@@ -277,18 +222,18 @@ void RecordingHost::PeerObject(const char *name)
     channelSink.OnPeerChannelObjectCreated(channelUserData, name);
 }
 
-void RecordingHost::Object(const std::string &name, int32_t state)
+void RecordingHost::ObjectState(const std::string &name, int32_t state)
 {
     objectStates[name] = state;
-    ObjectHandle handle = *objects.at(name); // the notice may destroy the object
-    handle.sink.OnObjectStateChanged(handle.userData);
+    const Object object = objects.at(name); // the notice may destroy it
+    object.sink.OnObjectStateChanged(object.userData);
 }
 
 void RecordingHost::Deliver(const std::vector<std::string> &blocks)
 {
-    Message message{blocks, false, 0};
-    ObjectHandle *object = objects.at("fodrDataObj");
-    object->sink.OnInvoke(object->userData, &message);
+    Message message{blocks};
+    const Object &object = objects.at("fodrDataObj");
+    object.sink.OnInvoke(object.userData, &message);
 }
 
 bool RecordingHost::Command(const std::string &cookie, const std::string &text)
@@ -302,8 +247,8 @@ void RecordingHost::BringUp()
     Channel(CONNECTION_CONNECTED);
     PeerObject("fodrControlObj");
     PeerObject("fodrDataObj");
-    Object("fodrControlObj", OBJECT_CONNECTED);
-    Object("fodrDataObj", OBJECT_CONNECTED);
+    ObjectState("fodrControlObj", OBJECT_CONNECTED);
+    ObjectState("fodrDataObj", OBJECT_CONNECTED);
 }
 
 } // namespace fodr::test

@@ -2,13 +2,12 @@
 // state set by the test. There is one at a time, since the tables carry no context.
 #pragma once
 
+#include "Mailbox.h"
 #include "odpservice/odpservice.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -31,61 +30,53 @@ public:
     int32_t connectionState = CONNECTION_DISCONNECTED;
     int32_t sessionType = SESSION_PCOIP;
     uint32_t objectOptions = 0;
-    bool connectSucceeds = true;
     bool invokeSucceeds = true;
     std::map<std::string, int32_t> objectStates; // by object name
 
-    std::vector<std::string>
-        calls; // "Connect", "CreateObject fodrDataObj 0xd", "RequestSideChannel 2 fodr" ...
-    std::vector<std::string> notices; // "name|cookie|text" of each broadcast
-    uint32_t subscriptionId = 7;
+    std::vector<std::string> calls; // "Connect", "CreateObject fodrDataObj 0xd" ...
 
     // Notices to the plug-in.
     void Connection(int32_t state) { Connection(state, state); }
     void Connection(int32_t current, int32_t reported);
     void Channel(int32_t state);
     void PeerObject(const char *name);
-    void Object(const std::string &name, int32_t state);
+    void ObjectState(const std::string &name, int32_t state);
     void Deliver(const std::vector<std::string> &blocks); // as one message with that many parameters
     bool Command(const std::string &cookie, const std::string &text);
 
     // Connection, channel, objects: to readiness, without a side channel.
     void BringUp();
 
-    std::string LastCall() const { return calls.empty() ? "" : calls.back(); }
     bool Called(const std::string &call) const;
+    bool Note(const std::string &call) // true, as most entries answer
+    {
+        calls.push_back(call);
+        return true;
+    }
 
-    // The blocks of the messages sent, once there are `count` of them, whichever threads send them.
-    std::vector<std::string> WaitForSent(size_t count);
-    void AddSent(const std::string &block);
-
-    struct ObjectHandle {
+    struct Object {
         std::string name;
         ObjectSink sink;
         void *userData;
-        uint32_t flags;
     };
     struct Message {
         std::vector<std::string> blocks;
         bool posted = false;
-        uint32_t extOptions = 0;
     };
 
     ChannelSink channelSink{};
     void *channelUserData = nullptr;
     bool sinkRegistered = false;
-    std::map<std::string, ObjectHandle *> objects;
+    std::map<std::string, Object> objects;
     MessageSink lastMessageSink{};
     ObserverCallback command = nullptr;
     void *commandContext = nullptr;
     std::atomic<int> liveMessages{0};
     std::atomic<bool> lastWasPosted{false};
+    Mailbox<std::string> sent; // the blocks of messages, whichever threads send them
 
 private:
     PluginHostRecord record{};
-    std::mutex sentLock;
-    std::condition_variable sentMore;
-    std::vector<std::string> sent; // by sentLock
 };
 
 } // namespace fodr::test
