@@ -2,8 +2,8 @@
 #include "SettingsFixture.h"
 #include "odpservice/odpservice.h"
 #include "platform/DynamicLibrary.h"
-#include "platform/Registry.h"
 #include "plugin/RecordingHost.h"
+#include "runtime/OVRegKey.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -23,17 +23,7 @@ protected:
     // Of the plug-in's key; empty when there is none.
     static std::string Text(const std::string &name)
     {
-        platform::RegistryKey key = nullptr;
-        if (platform::RegistryOpen(platform::RegistryRoot::LocalMachine,
-                                   "SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr",
-                                   platform::kRegKeyRead, &key) != 0)
-            return {};
-        char text[4096] = {};
-        uint32_t type = 0;
-        uint32_t size = sizeof(text);
-        const uint32_t error = platform::RegistryQuery(key, name, false, &type, text, &size);
-        platform::RegistryClose(key);
-        return error == 0 && type == platform::kRegSz ? text : "";
+        return ReadRegistryString("HKLM\\SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr\\" + name);
     }
 
     test::SettingsFixture settings;

@@ -152,39 +152,37 @@ void FillObserver(ODPObserver *table)
     table->Send = [](const char *, const char *, const char *) { return true; };
 }
 
+template <class Table, void (*Fill)(Table *)> void FillAt(void *table)
+{
+    Fill(static_cast<Table *>(table));
+}
+constexpr auto *kChannel = FillAt<ODPService_ChannelInterface, FillChannel>;
+constexpr auto *kObject = FillAt<ODPRPC_ChannelObjectInterface, FillObject>;
+constexpr auto *kContext = FillAt<ODPRPC_ChannelContextInterface, FillContext>;
+const std::map<uint16_t, void (*)(void *table)> kTables = {
+    {ODP_SERVICE_CHANNEL_V3, kChannel},
+    {ODP_SERVICE_CHANNEL_V2, kChannel},
+    {ODP_SERVICE_CHANNEL_V1, kChannel},
+    {ODP_CHANNEL_OBJECT_V4, kObject},
+    {ODP_CHANNEL_OBJECT_V3, kObject},
+    {ODP_CHANNEL_OBJECT_V2, kObject},
+    {ODP_CHANNEL_OBJECT_V1, kObject},
+    {ODP_CHANNEL_CONTEXT_V2, kContext},
+    {ODP_CHANNEL_CONTEXT_V1, kContext},
+    {ODP_VARIANT, FillAt<ODPRPC_VariantInterface, FillVariant>},
+    {ODP_OBSERVER, FillAt<ODPObserver, FillObserver>},
+}; // others are only asked for
+
 bool QueryInterface(const OdpGuid *id, void *table)
 {
     const OdpGuid expected = ODP_GUID_INITIALIZER(id->data2);
     if (std::memcmp(id, &expected, sizeof(expected)) != 0)
         return false;
     host->asked.push_back(id->data2);
-    if (host->refused.count(id->data2))
+    if (host->refused.contains(id->data2))
         return false;
-    switch (id->data2) {
-    case ODP_SERVICE_CHANNEL_V3:
-    case ODP_SERVICE_CHANNEL_V2:
-    case ODP_SERVICE_CHANNEL_V1:
-        FillChannel(static_cast<ODPService_ChannelInterface *>(table));
-        break;
-    case ODP_CHANNEL_OBJECT_V4:
-    case ODP_CHANNEL_OBJECT_V3:
-    case ODP_CHANNEL_OBJECT_V2:
-    case ODP_CHANNEL_OBJECT_V1:
-        FillObject(static_cast<ODPRPC_ChannelObjectInterface *>(table));
-        break;
-    case ODP_CHANNEL_CONTEXT_V2:
-    case ODP_CHANNEL_CONTEXT_V1:
-        FillContext(static_cast<ODPRPC_ChannelContextInterface *>(table));
-        break;
-    case ODP_VARIANT:
-        FillVariant(static_cast<ODPRPC_VariantInterface *>(table));
-        break;
-    case ODP_OBSERVER:
-        FillObserver(static_cast<ODPObserver *>(table));
-        break;
-    default: // interfaces that are only asked for
-        break;
-    }
+    if (const auto fill = kTables.find(id->data2); fill != kTables.end())
+        fill->second(table);
     return true;
 }
 

@@ -31,6 +31,10 @@ template <wire::Record Packet> Bytes PacketOf(const Packet &packet, const Bytes 
     bytes.insert(bytes.end(), behind.begin(), behind.end());
     return bytes;
 }
+inline Bytes Cut(const Bytes &packet, size_t size)
+{
+    return Bytes(packet.begin(), packet.begin() + static_cast<ptrdiff_t>(size));
+}
 inline Bytes Utf16(std::u16string_view text)
 {
     Bytes bytes;

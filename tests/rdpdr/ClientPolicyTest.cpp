@@ -170,11 +170,9 @@ TEST(ClientPolicy, NothingOutsideOfABlockIsReadHoweverItIsCutOrMangled)
                            .Block(5);
     for (int32_t version : {0, 1, 4, 5, 6}) {
         for (size_t n = 0; n <= good.size(); ++n) {
-            Bytes prefix(good.begin(), good.begin() + static_cast<long>(n));
-            for (uint32_t length :
-                 {static_cast<uint32_t>(n), static_cast<uint32_t>(good.size()), 0xFFFFFFFFu}) {
+            for (size_t length : {n, good.size(), size_t{0xFFFFFFFF}}) {
                 ClientPolicy policy;
-                EXPECT_EQ(Parse(policy, prefix, version, length), length >= 8);
+                EXPECT_EQ(Parse(policy, Cut(good, n), version, static_cast<uint32_t>(length)), length >= 8);
                 EXPECT_LE(policy.Folders().size(), good.size() / 8);
                 policy.IsFolderInPolicy("C:\\x");
                 policy.IsAllowedByDeviceFilter(kDenied);

@@ -148,7 +148,6 @@ TEST_F(Handshake, ADeviceReplyIsTheStatusOfTheCommandThatAddedTheShare)
     Add(Folder("a"), "", 0, "cookie 1");
     Add(Folder("b"), "", 0, "cookie 2");
     const Bytes success = DeviceReply(65535, 0);
-    const auto cut = [&success](long size) { return Bytes(success.begin(), success.begin() + size); };
     const struct {
         Bytes reply;
         Strings notices;
@@ -160,9 +159,9 @@ TEST_F(Handshake, ADeviceReplyIsTheStatusOfTheCommandThatAddedTheShare)
          nullptr},
         {DeviceReply(65536, 0xC0000001), {}, "E could find drive for deviceId 65536.\n"}, // it is gone
         // Cut, it tells nobody of a success.
-        {cut(4), {}, "W Set the stream position error.\n"},
-        {cut(7), {}, "W Read device ID error.\n"},
-        {cut(11), {}, "W Read result code error.\n"},
+        {Cut(success, 4), {}, "W Set the stream position error.\n"},
+        {Cut(success, 7), {}, "W Read device ID error.\n"},
+        {Cut(success, 11), {}, "W Read result code error.\n"},
     };
     for (const auto &c : cases) {
         CapturedLog log(LOG_LEVEL_WARN);

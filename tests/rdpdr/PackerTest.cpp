@@ -45,7 +45,7 @@ TEST(RdpdrPacker, AnEntryEndsWithItsNameOrTheBytesThatThereAre)
             for (size_t i = 0; i < entry.size(); ++i)
                 entry[i] = static_cast<uint8_t>(i);
             StoreLittle(&entry[c.nameLengthOffset], nameLength);
-            Bytes wire(entry.begin(), entry.end() - 6 + std::min(nameLength, 6u));
+            Bytes wire = Cut(entry, c.nameOffset + std::min(nameLength, 6u));
             if (c.infoClass == FileBothDirectoryInformation)
                 wire.erase(wire.begin() + 69); // reserved, before ShortName
             EXPECT_EQ(Pack(c.infoClass, entry), wire) << c.infoClass << " " << nameLength;
@@ -96,10 +96,7 @@ TEST(RdpdrPacker, RenamesToANameBelowTheRoot)
     // A name that isn't there, or not all of it.
     const Native refused{STATUS_INVALID_PARAMETER, false, {}};
     for (size_t size = 0; size < wire.size(); ++size)
-        EXPECT_EQ(
-            Unpack(FileRenameInformation, Bytes(wire.begin(), wire.begin() + static_cast<long>(size)), size),
-            refused)
-            << size;
+        EXPECT_EQ(Unpack(FileRenameInformation, Cut(wire, size), size), refused) << size;
     for (uint32_t lying : {7u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
         StoreLittle(wire.data() + 2, lying);
         EXPECT_EQ(Unpack(FileRenameInformation, wire, wire.size()), refused) << lying;

@@ -7,57 +7,48 @@
 namespace fodr {
 namespace {
 
-TEST(ShareNames, NtFormOfAPath)
+TEST(ShareNames, APathHasAnNtFormAndAFriendlyName)
 {
     const struct {
-        const char *path, *ntPath;
+        const char *path, *ntPath, *name;
     } cases[] = {
-        {"C", "\\??\\C:"},
-        {"C:", "\\??\\C:"},
-        {"C:\\", "\\??\\C:"},
-        {"C:\\data\\", "\\??\\C:\\data"},
-        {"C:\\data\\\\", "\\??\\C:\\data\\"}, // one separator alone
-        {"\\\\server\\share\\", "\\??\\UNC\\server\\share"},
-        {"\\", "\\??\\\\:"},
-        {"/home/me/docs", "\\??\\/home/me/docs"},
-        {"/home/me/docs/", "\\??\\/home/me/docs"},
-        {"/", "\\??\\"},
+        {"C", "\\??\\C:", "C"},
+        {"C:", "\\??\\C:", "C"},
+        {"C:\\", "\\??\\C:", "C"},
+        {"C:\\data\\", "\\??\\C:\\data", "data"},
+        {"C:\\data\\\\", "\\??\\C:\\data\\", "data"}, // one separator alone
+        {"\\\\server\\share\\", "\\??\\UNC\\server\\share", "share"},
+        {"\\", "\\??\\\\:", "_"},
+        {":", "\\??\\::", "_"},
+        {"::", "\\??\\::", "__"},
+        {"/home/me/docs", "\\??\\/home/me/docs", "docs"},
+        {"/home/me/docs/", "\\??\\/home/me/docs", "docs"},
+        {"/home/me/docs//", "\\??\\/home/me/docs/", "docs"},
+        {"/", "\\??\\", "_"},
+        {"/a/b?c*d", "\\??\\/a/b?c*d", "b_c_d"},
     };
     for (const auto &c : cases) {
         if (c.path[0] == '/' && !platform::IsLocalSeparator('/'))
             continue; // a path of another system
         EXPECT_EQ(ToNtPath(c.path), c.ntPath) << c.path;
+        EXPECT_EQ(PlainFriendlyName(c.path, ""), c.name) << c.path;
     }
 }
 
-TEST(ShareNames, FriendlyNameOfAPathOrAWish)
+TEST(ShareNames, AWishedNameIsMadeOneThatTheAgentTakes)
 {
-    const struct {
-        const char *path, *shareName, *name;
-    } cases[] = {
-        {"C:\\Users\\abc\\", "", "abc"},
-        {"C:\\", "", "C"},
-        {"C", "", "C"},
-        {"/home/me/docs", "", "docs"},
-        {"/home/me/docs//", "", "docs"},
-        {"/", "", "_"},
-        {":", "", "_"},
-        {"::", "", "__"},
-        {"/a/b?c*d", "", "b_c_d"},
-        {"/x", "a/b", "a_b"},
-        {"/x", "<>\"/\\|:?@*", "__________"},
-        {"/x", "trailing  ", "trailing"},
-        {"/x", "   ", "_"},
-        {"/srv/(OVDND)drop", "", "(OV.DND)drop"},
-        {"/srv/(OVFR)", "", "(OV.FR)"},
-        {"/srv/(OVFCP)x", "", "(OV.FCP)x"},
-        {"/srv/(ovdnd)x", "", "(ovdnd)x"},
+    const std::pair<const char *, const char *> cases[] = {
+        {"a/b", "a_b"},
+        {"<>\"/\\|:?@*", "__________"},
+        {"trailing  ", "trailing"},
+        {"   ", "_"},
+        {"(OVDND)drop", "(OV.DND)drop"},
+        {"(OVFR)", "(OV.FR)"},
+        {"(OVFCP)x", "(OV.FCP)x"},
+        {"(ovdnd)x", "(ovdnd)x"},
     };
-    for (const auto &c : cases) {
-        if (c.path[0] == '/' && !*c.shareName && !platform::IsLocalSeparator('/'))
-            continue;
-        EXPECT_EQ(PlainFriendlyName(c.path, c.shareName), c.name) << c.path;
-    }
+    for (const auto &[wished, name] : cases)
+        EXPECT_EQ(PlainFriendlyName("/x", wished), name) << wished;
 }
 
 TEST(ShareNames, TagsAreComparedWithCase)
