@@ -13,10 +13,9 @@ namespace {
 // In a block of its own size on the heap, so that a read behind it is seen.
 bool Parse(ClientPolicy &policy, const Bytes &block, int32_t version, std::optional<uint32_t> length = {})
 {
-    std::unique_ptr<uint8_t[]> copy(new uint8_t[block.size()]);
-    std::copy(block.begin(), block.end(), copy.get());
-    return policy.ParsePolicy(copy.get(), block.size(), length.value_or(static_cast<uint32_t>(block.size())),
-                              version);
+    const Bytes exact(block);
+    return policy.ParsePolicy(exact.data(), exact.size(),
+                              length.value_or(static_cast<uint32_t>(block.size())), version);
 }
 
 std::vector<std::string> Paths(ClientPolicy &policy)

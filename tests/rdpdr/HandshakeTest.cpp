@@ -1,4 +1,5 @@
 #include "ManagerFixture.h"
+#include "platform/Process.h"
 
 #include <algorithm>
 

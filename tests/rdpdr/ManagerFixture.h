@@ -3,15 +3,12 @@
 
 #include "AgentPackets.h"
 #include "SettingsFixture.h"
-#include "platform/Process.h"
 #include "platform/UserFolders.h"
 #include "platform/Volumes.h"
 #include "rdpdr/RdpdrChannelManager.h"
 #include "runtime/CapturedLog.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -38,12 +35,7 @@ class ManagerTest : public ::testing::Test {
 protected:
     ManagerTest()
     {
-        static int made = 0;
-        const std::string name =
-            "fodr-shares-" + std::to_string(platform::CurrentProcessId()) + "-" + std::to_string(++made);
-        root = (std::filesystem::temp_directory_path() / name).string();
-        std::filesystem::remove_all(root); // of a process that was killed
-        std::filesystem::create_directories(root);
+        Folder("");
         settings.CreateKey(); // without "RedirectAll": nothing is shared unasked
         UseDrives("");
         manager.Initialize(&channel, nullptr);
@@ -52,7 +44,6 @@ protected:
     {
         manager.Shutdown();
         platform::SetEnvironment("FODR_DRIVES", "");
-        std::filesystem::remove_all(root);
     }
 
     // Sets the letters that stand for something; without it there are none.
@@ -159,7 +150,7 @@ protected:
     }
 
     SettingsFixture settings;
-    std::string root;
+    const std::string root = settings.Folder() + platform::LocalSeparator() + "shares";
     RecordingChannel channel;
     RdpdrChannelManager manager;
 };

@@ -3,6 +3,7 @@
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/RdpdrPacker.h"
 
+#include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>

@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <memory>
 #include <string>
+#include <tuple>
 
 namespace fodr::test {
 namespace {
@@ -20,10 +20,9 @@ using Strings = std::vector<std::string>;
 // Decoded from a heap block of exactly the packet's size, so that a byte outside is noticed.
 std::string Decoded(const Bytes &packet)
 {
-    std::unique_ptr<uint8_t[]> exact(new uint8_t[packet.size()]);
-    std::copy(packet.begin(), packet.end(), exact.get());
+    const Bytes exact(packet);
     std::string text = "left as it was";
-    DecodePacket(&text, exact.get(), packet.size());
+    DecodePacket(&text, exact.data(), exact.size());
     return text;
 }
 

@@ -4,7 +4,10 @@
 #include "rdpdr/PreReadManager.h"
 #include "rdpdr/wire/CompletionBuilder.h"
 
+#include <cstring>
 #include <gtest/gtest.h>
+#include <map>
+#include <tuple>
 
 namespace fodr::test {
 namespace {

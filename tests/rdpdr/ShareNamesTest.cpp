@@ -3,6 +3,7 @@
 #include "platform/Volumes.h"
 
 #include <gtest/gtest.h>
+#include <utility>
 
 namespace fodr {
 namespace {
