@@ -42,6 +42,12 @@ public:
     }
     // Makes the key exist without values.
     void CreateKey() { Write(); }
+    // The store of the machine's settings is this text from now on, in one step.
+    void Store(const std::string &text) const
+    {
+        std::ofstream(folder + "/new") << text;
+        std::filesystem::rename(folder + "/new", folder + "/HKEY_LOCAL_MACHINE.ini");
+    }
 
     const std::string &Folder() const { return folder; }
 

@@ -14,11 +14,10 @@
 namespace fodr::StringUtils {
 namespace {
 
-TEST(FormatBuffer, GivesTheLengthStored)
+TEST(FormatBuffer, StoresWhatFitsAndGivesItsLength)
 {
     char buffer[8] = "old";
-    EXPECT_EQ(3, FormatBuffer(buffer, sizeof(buffer), "%d", 123));
-    EXPECT_EQ(7, FormatBuffer(buffer, sizeof(buffer), "%s", "1234567"));
+    EXPECT_EQ(7, FormatBuffer(buffer, sizeof(buffer), "%d", 1234567));
     EXPECT_EQ(7, FormatBuffer(buffer, sizeof(buffer), "%s", "12345678"));
     EXPECT_STREQ("1234567", buffer);
     EXPECT_EQ(0, FormatBuffer(buffer, 1, "%s", "x"));
@@ -44,12 +43,14 @@ TEST(StringUtils, EndsWith)
 TEST(StringUtils, JoinsAndCutsPaths)
 {
     const std::string separator(1, static_cast<char>(std::filesystem::path::preferred_separator));
-    EXPECT_EQ("name", JoinPath("", "name"));
-    EXPECT_EQ("folder" + separator + "name", JoinPath("folder", "name"));
-    EXPECT_EQ("folder/name", JoinPath("folder/", "name"));
-    EXPECT_EQ("folder\\name", JoinPath("folder\\", "name"));
-    EXPECT_EQ("folder/name", JoinPath("folder", "/name"));
-    const std::pair<const char *, const char *> cases[] = {
+    const std::string joins[][3] = {{"", "name", "name"},
+                                    {"folder", "name", "folder" + separator + "name"},
+                                    {"folder/", "name", "folder/name"},
+                                    {"folder\\", "name", "folder\\name"},
+                                    {"folder", "/name", "folder/name"}};
+    for (const auto &[folder, name, path] : joins)
+        EXPECT_EQ(path, JoinPath(folder, name));
+    const std::pair<const char *, const char *> parents[] = {
         {"name", "."},   {"", "."},
         {"/a", "/"},     {"/", "/"},
         {"/a/b", "/a"},  {"a/b\\c", "a/b"},
@@ -58,7 +59,7 @@ TEST(StringUtils, JoinsAndCutsPaths)
         {"ab/c", "ab"},  {"\\\\s\\x", "\\\\s"},
         {"C:a", "."},
     };
-    for (auto [path, parent] : cases)
+    for (auto [path, parent] : parents)
         EXPECT_EQ(parent, ParentPath(path)) << path;
 }
 
@@ -81,23 +82,13 @@ TEST(XString, MakesTheOtherFormOnce)
     EXPECT_STREQ("", text.GetNarrow());
     text.SetNarrow(nullptr, true);
     EXPECT_EQ(u"", std::u16string(text.GetWide()));
-}
 
-TEST(Conversion, GivesWindowsErrorCodes)
-{
-    char16_t *wide = nullptr;
-    EXPECT_EQ(0u, Utf8ToWide("\u00E4b", &wide));
-    EXPECT_EQ(u"\u00E4b", std::u16string(wide));
-    char *narrow = nullptr;
-    EXPECT_EQ(0u, WideToUtf8(wide, &narrow));
-    EXPECT_STREQ("\u00E4b", narrow);
-    free(wide);
-    free(narrow);
-    EXPECT_EQ(1113u, Utf8ToWide("\xC3", &wide));
-    EXPECT_EQ(nullptr, wide);
+    char *narrow = nullptr; // what it converts with gives Windows codes
+    char16_t *none = nullptr;
+    EXPECT_EQ(1113u, Utf8ToWide("\xC3", &none));
     EXPECT_EQ(1113u, WideToUtf8(u"\xD800", &narrow));
     EXPECT_EQ(87u, WideToUtf8(nullptr, &narrow));
-    EXPECT_EQ(nullptr, narrow);
+    EXPECT_TRUE(!none && !narrow);
 }
 
 TEST(TimeStamp, HasOneFormForEachClock)
@@ -112,8 +103,6 @@ TEST(TimeStamp, HasOneFormForEachClock)
     EXPECT_EQ(' ', buffer[10]);
     EXPECT_STREQ(".042", buffer + 19);
     EXPECT_EQ(9, FormatTimeStamp(buffer, 10, true, leapDay));
-    EXPECT_EQ(23u, TimeStamp(false).size());
-    EXPECT_EQ('Z', TimeStamp(true).back());
 }
 
 TEST(Duration, HasShortAndLongForms)
@@ -123,23 +112,18 @@ TEST(Duration, HasShortAndLongForms)
         int decimals;
         const char *text;
     } cases[] = {
-        {0, 0, "0s"},
         {0.4999, 0, "0s"},
         {0.5, 0, "1s"},
-        {59.4, 0, "59s"},
         {59.9999, 0, "0:01:00"},
         {0.0, 3, "0ms"},
         {0.0427, 3, "42ms"}, // cut, not rounded
         {0.25, 6, "250000us"},
         {0.5, 9, "500000000ns"},
         {0.5, 2, "0.50s"},
-        {1.5, 3, "1.500s"},
-        {12.0625, 4, "12.0625s"},
         {60, 3, "0:01:00.000"},
         {3723.5, 1, "1:02:03.5"},
         {3723.5, 0, "1:02:04"},
         {86399.6, 0, "1 days 0:00:00"},
-        {86400, 0, "1 days 0:00:00"},
         {90061.25, 2, "1 days 1:01:01.25"},
         {8640000, -3, "100 days 0:00:00"},
         {0.5, 40, "0.00000000000009200000000000000000s"}, // 64 bits hold no more
@@ -174,33 +158,39 @@ std::string Dump(const std::string &data, size_t size, int perLine, int indent)
     return buffer.data();
 }
 
-TEST(HexDump, PrintsLinesOfBothColumns)
+TEST(HexDump, PrintsBothColumnsAsFarAsThereIsRoom)
 {
+    const std::string five("ABC\0\x7F", 5);
     const std::string three = "0x0000: 41 42 43 ABC \n", padded = "0x0003: 00 7F    ..  \n";
-    EXPECT_EQ(three + padded, Dump(std::string("ABC\0\x7F", 5), 200, 3, 0));
-    EXPECT_EQ("  " + three + "  " + padded, Dump(std::string("ABC\0\x7F", 5), 200, 3, 2));
-    EXPECT_EQ(three + "  " + padded, Dump(std::string("ABC\0\x7F", 5), 200, 3, -2));
-    EXPECT_EQ("0x0000: FE . \n0x0001: 20   \n", Dump("\xFE ", 200, 0, 0));
-    EXPECT_EQ("", Dump("", 200, 16, 0));
+    const std::string first = "0x0000: 41 A \n", second = "0x0001: 42 B \n"; // 14 characters each
+    const struct {
+        std::string data;
+        size_t size;
+        int perLine, indent;
+        std::string text;
+    } rows[] = {
+        {five, 200, 3, 0, three + padded},
+        {five, 200, 3, 2, "  " + three + "  " + padded},
+        {five, 200, 3, -2, three + "  " + padded},
+        {"\xFE ", 200, 0, 0, "0x0000: FE . \n0x0001: 20   \n"},
+        {"", 200, 16, 0, ""},
+        {"AB", 29, 1, 0, first + second},
+        {"AB", 28, 1, 0, first + "BUFFER TOO S\n"},
+        {"AB", 17, 1, 0, first + "B\n"},
+        {"AB", 16, 1, 0, first},
+        {"AB", 14, 1, 0, "BUFFER TOO S\n"},
+        {"AB", 60, 16, 0, "BUFFER TOO SMALL\n"},
+        {"AB", 3, 1, 0, "B\n"},
+        {"AB", 2, 1, 0, ""},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(row.text, Dump(row.data, row.size, row.perLine, row.indent)) << row.size;
     char one = 'x';
     EXPECT_EQ(0u, HexDump(nullptr, 10, "a", 1, 16, 0));
     EXPECT_EQ(0u, HexDump(&one, 0, "a", 1, 16, 0));
     EXPECT_EQ(0u, HexDump(&one, 1, nullptr, 1, 16, 0));
     EXPECT_EQ('x', one);
     EXPECT_EQ(0u, HexDump(&one, 1, nullptr, 0, 16, 0));
-}
-
-TEST(HexDump, SaysWhatItHadNoRoomFor)
-{
-    const std::string line = "0x0000: 41 A \n", second = "0x0001: 42 B \n"; // 14 characters each
-    EXPECT_EQ(line + second, Dump("AB", 29, 1, 0));
-    EXPECT_EQ(line + "BUFFER TOO S\n", Dump("AB", 28, 1, 0));
-    EXPECT_EQ(line + "B\n", Dump("AB", 17, 1, 0));
-    EXPECT_EQ(line, Dump("AB", 16, 1, 0));
-    EXPECT_EQ("BUFFER TOO S\n", Dump("AB", 14, 1, 0));
-    EXPECT_EQ("BUFFER TOO SMALL\n", Dump("AB", 60, 16, 0));
-    EXPECT_EQ("\n", Dump("AB", 2 + 1, 1, 0).substr(1));
-    EXPECT_EQ("", Dump("AB", 2, 1, 0));
 }
 
 TEST(HexDump, StaysInsideWithLongOffsets)

@@ -65,13 +65,9 @@ TEST(OVEvent, CopiesShareTheObjectAndTheLastOneClosesIt)
 TEST(OVEvent, ClosesAHandleOnlyIfItOwnsIt)
 {
     void *handle = platform::CreateEventObject(true, false, nullptr);
-    {
-        OVEvent borrowed(handle, false);
-    }
+    OVEvent(handle, false);
     EXPECT_TRUE(platform::SetEventObject(handle));
-    {
-        OVEvent owner(handle, true);
-    }
+    OVEvent(handle, true);
     EXPECT_FALSE(platform::SetEventObject(handle));
 }
 
@@ -114,22 +110,14 @@ TEST(OVTimer, ReadsAndThenActsOnTheMode)
         EXPECT_EQ(step.elapsed, timer.Elapsed(step.mode)) << "step " << number;
         EXPECT_EQ(step.paused, timer.IsPaused()) << "step " << number++;
     }
-}
-
-TEST(OVTimer, StartStoresWhatHasElapsed)
-{
-    TurnedTimer timer;
-    timer.Start(OVTimer::kRestart);
-    timer.now += 300;
-    timer.Start(OVTimer::kRead); // the start is now 300, not the time of the call
-    EXPECT_EQ(timer.now - 300, timer.Elapsed(OVTimer::kRead));
+    timer.Start(OVTimer::kRead); // the start is what has elapsed, not the time of the call
+    EXPECT_EQ(timer.now - 4, timer.Elapsed(OVTimer::kRead));
 }
 
 TEST(OVTimer, RoundsMillisecondsToTheNearest)
 {
     TurnedTimer timer;
-    timer.Start(OVTimer::kRestartPaused);
-    timer.Elapsed(OVTimer::kRestart);
+    timer.Start(OVTimer::kRestart);
     const std::pair<int64_t, int64_t> cases[] = {{0, 0},    {499, 0},  {500, 1},
                                                  {1400, 1}, {1500, 2}, {2'000'000, 2000}};
     const int64_t begin = timer.now;

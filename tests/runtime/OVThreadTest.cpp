@@ -38,6 +38,9 @@ protected:
 
 TEST_F(OVThreadTest, CallsOverAndOverUntilItIsStopped)
 {
+    EXPECT_FALSE(thread->Start(nullptr, nullptr, 0));
+    EXPECT_FALSE(thread->ThreadEvent().IsValid());
+    EXPECT_TRUE(thread->WaitForStop(0) && thread->Stop(0)); // as it hasn't started
     std::atomic<int> calls{0};
     OVEvent third(true, false);
     ASSERT_TRUE(Start([&](OVThread *self) {
@@ -62,39 +65,22 @@ TEST_F(OVThreadTest, CallsOverAndOverUntilItIsStopped)
 TEST_F(OVThreadTest, StopsInTheMiddleOfALongWaitAndStartsAgain)
 {
     for (int round = 0; round < 3; ++round) {
-        std::atomic<int> calls{0};
-        OVEvent called(false, false);
+        int calls = 0;
+        OVEvent second(true, false), third(true, false);
         ASSERT_TRUE(Start(
-            [&](OVThread *) {
-                ++calls;
-                called.Set();
+            [&](OVThread *self) {
+                if (++calls == 1)
+                    self->SetNextWaitMS(0); // or the second call would never come
+                else
+                    (calls == 2 ? second : third).Set();
                 return true;
             },
             kInfinite));
-        EXPECT_EQ(OVEvent::kSignalled, called.Wait());
+        EXPECT_EQ(OVEvent::kSignalled, second.Wait());
+        EXPECT_EQ(OVEvent::kTimeout, third.Wait(20)); // the interval holds again
         EXPECT_TRUE(thread->Stop());
-        EXPECT_EQ(1, calls);
+        EXPECT_EQ(2, calls);
     }
-}
-
-TEST_F(OVThreadTest, AShorterNextWaitCountsOnce)
-{
-    int calls = 0;
-    OVEvent second(true, false), third(true, false);
-    ASSERT_TRUE(Start(
-        [&](OVThread *self) {
-            ++calls;
-            if (calls == 1)
-                self->SetNextWaitMS(0); // or the second call would never come
-            else
-                (calls == 2 ? second : third).Set();
-            return true;
-        },
-        kInfinite));
-    EXPECT_EQ(OVEvent::kSignalled, second.Wait());
-    EXPECT_EQ(OVEvent::kTimeout, third.Wait(20)); // the interval holds again
-    EXPECT_TRUE(thread->Stop());
-    EXPECT_EQ(2, calls);
 }
 
 TEST_F(OVThreadTest, EndsByItsCallback)
@@ -102,44 +88,42 @@ TEST_F(OVThreadTest, EndsByItsCallback)
     ASSERT_TRUE(Start([&](OVThread *self) {
         EXPECT_FALSE(self->Stop()); // not for itself, though the request stands
         EXPECT_EQ(OVEvent::kSignalled, self->ExitEvent().Wait(0));
-        return false;
+        return go.Wait() != OVEvent::kSignalled;
     }));
-    EXPECT_TRUE(thread->WaitForStop());
+    std::thread waiters[3]; // several may wait for its end
+    for (std::thread &waiter : waiters)
+        waiter = std::thread([&] { EXPECT_TRUE(thread->WaitForStop()); });
+    go.Set();
+    for (std::thread &waiter : waiters)
+        waiter.join();
     EXPECT_THAT(Lines(), ElementsAre("I OVThreadData::Run(): Thread worker started",
                                      "I OVThreadData::Run(): Thread worker exited by callback"));
 }
 
 TEST_F(OVThreadTest, OutlivesItsOwnerUntilTheCallReturns)
 {
-    std::atomic<OVThread *> seen{nullptr};
-    ASSERT_TRUE(Start([&](OVThread *self) {
-        seen = self;
-        go.Wait();
-        return true;
-    }));
-    OVEvent ended = thread->ThreadEvent(), exit = thread->ExitEvent();
-    thread.reset();
-    EXPECT_EQ(OVEvent::kTimeout, exit.Wait(0));
-    go.Set();
-    EXPECT_EQ(OVEvent::kSignalled, ended.Wait());
-    EXPECT_EQ(OVEvent::kSignalled, exit.Wait(0));
-    EXPECT_THAT(Lines(),
-                testing::IsSupersetOf(
-                    {std::string("D OVThreadData::MarkDeleted(): Setting deleted flag for thread worker(ID)"),
-                     std::string("I OVThreadData::Run(): Thread worker was deleted")}));
-}
-
-TEST_F(OVThreadTest, MayBeDestroyedByItsOwnThread)
-{
-    OVEvent ended;
-    ASSERT_TRUE(Start([&](OVThread *) {
-        go.Wait();
-        thread.reset();
-        return true;
-    }));
-    ended = thread->ThreadEvent();
-    go.Set();
-    EXPECT_EQ(OVEvent::kSignalled, ended.Wait());
+    for (const bool endedByItself : {false, true}) {
+        const CapturedLog ofThisRound(LOG_LEVEL_DEBUG);
+        ASSERT_TRUE(Start([&](OVThread *) {
+            go.Wait();
+            if (endedByItself)
+                thread.reset();
+            return true;
+        }));
+        OVEvent ended = thread->ThreadEvent(), exit = thread->ExitEvent();
+        if (!endedByItself)
+            thread.reset();
+        EXPECT_EQ(OVEvent::kTimeout, exit.Wait(0));
+        go.Set();
+        EXPECT_EQ(OVEvent::kSignalled, ended.Wait());
+        EXPECT_EQ(OVEvent::kSignalled, exit.Wait(0));
+        EXPECT_THAT(Lines(), testing::UnorderedElementsAre(
+                                 "I OVThreadData::Run(): Thread worker started",
+                                 "D OVThreadData::MarkDeleted(): Setting deleted flag for thread worker(ID)",
+                                 "I OVThreadData::Run(): Thread worker was deleted"));
+        thread = std::make_unique<OVThread>("worker");
+        go.Reset();
+    }
 }
 
 TEST_F(OVThreadTest, NoticesAThreadThatDiedInItsCall)
@@ -156,24 +140,6 @@ TEST_F(OVThreadTest, NoticesAThreadThatDiedInItsCall)
                                      "D OVThreadData::WaitForStop(): Thread worker(ID) exited unexpectedly"));
     EXPECT_TRUE(Start([](OVThread *) { return false; }));
     EXPECT_TRUE(thread->WaitForStop());
-}
-
-TEST_F(OVThreadTest, SeveralMayWaitForItsEnd)
-{
-    ASSERT_TRUE(Start([&](OVThread *) { return go.Wait() != OVEvent::kSignalled; }));
-    std::thread waiters[3];
-    for (std::thread &waiter : waiters)
-        waiter = std::thread([&] { EXPECT_TRUE(thread->WaitForStop()); });
-    go.Set();
-    for (std::thread &waiter : waiters)
-        waiter.join();
-}
-
-TEST_F(OVThreadTest, NeedsACallbackAndForgivesAStopWithoutAStart)
-{
-    EXPECT_FALSE(thread->Start(nullptr, nullptr, 0));
-    EXPECT_FALSE(thread->ThreadEvent().IsValid());
-    EXPECT_TRUE(thread->WaitForStop(0) && thread->Stop(0));
 }
 
 } // namespace

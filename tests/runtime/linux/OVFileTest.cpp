@@ -1,12 +1,12 @@
 #include "runtime/OVFile.h"
 
 #include "SettingsFixture.h"
+#include "WholeFile.h"
 #include "runtime/CapturedLog.h"
 
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <iterator>
 
 namespace fodr {
 namespace {
@@ -16,11 +16,7 @@ using testing::ElementsAre;
 
 class File : public testing::Test {
 protected:
-    std::string Content() const
-    {
-        std::ifstream file(path);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string Content() const { return test::ReadWholeFile(path); }
 
     test::SettingsFixture folder; // a folder that goes with the test
     const std::string path = folder.Folder() + "/\xC3\xA9t\xC3\xA9.log";

@@ -4,7 +4,6 @@
 #include "runtime/CapturedLog.h"
 #include "runtime/OVRegValue.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -16,17 +15,12 @@ using Lines = std::vector<std::string>;
 
 class RegKey : public testing::Test {
 protected:
-    void WriteFile(const std::string &text) const
-    {
-        std::ofstream(settings.Folder() + "/HKEY_LOCAL_MACHINE.ini") << text;
-    }
-
-    test::SettingsFixture settings;
+    const test::SettingsFixture settings;
 };
 
 TEST_F(RegKey, OpensByTheRootsNamesAndEitherSeparator)
 {
-    WriteFile("[Software\\A]\n[Software\\a/b]\n");
+    settings.Store("[Software\\A]\n[Software\\a/b]\n");
     const struct {
         const char *path;
         uint32_t error;
@@ -78,11 +72,12 @@ TEST_F(RegKey, TheDisplayPathShowsTheOtherView)
 
 TEST_F(RegKey, ValuesConvertByTheirType)
 {
-    WriteFile("[A]\ntrue=TRUE\nyes=yes\nno=No\nzero=0\ntwo=2\nhex=0x1F\noctal=010\nempty=\numlaut=\xC3\xA4\n"
-              "list=multi_sz:1;x;\nexpand=expand_sz:7 apples\ndword=dword:4294967295\ndnull=dword:0\n"
-              "qword=qword:18446744073709551615\nqhigh=qword:0x100000000\n"
-              "b0=binary:\nb1=binary:00\nb3=binary:010203\nb7=binary:01020304050607\nb9=binary:"
-              "0102030405060708ff\n");
+    settings.Store(
+        "[A]\ntrue=TRUE\nyes=yes\nno=No\nzero=0\ntwo=2\nhex=0x1F\noctal=010\nempty=\numlaut=\xC3\xA4\n"
+        "list=multi_sz:1;x;\nexpand=expand_sz:7 apples\ndword=dword:4294967295\ndnull=dword:0\n"
+        "qword=qword:18446744073709551615\nqhigh=qword:0x100000000\n"
+        "b0=binary:\nb1=binary:00\nb3=binary:010203\nb7=binary:01020304050607\nb9=binary:"
+        "0102030405060708ff\n");
     const struct {
         const char *name;
         int asBool; // -1: the default
@@ -135,16 +130,16 @@ TEST_F(RegKey, ValuesConvertByTheirType)
 
 TEST_F(RegKey, LoadTellsWhetherTheValueIsAnother)
 {
-    settings.SetText("dll", "ab");
-    OVRegValue value("HKLM\\SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr\\dll", Reg32Bit);
-    const std::string name = "\"" + value.GetFullPath() + "\"";
+    settings.Store("[SOFTWARE\\A]\nx=ab\n");
+    OVRegValue value("HKLM\\SOFTWARE\\A\\x", Reg32Bit);
+    const std::string name = "\"HKLM\\SOFTWARE\\A\\x\"";
     CapturedLog log(LOG_LEVEL_DEBUG);
     EXPECT_TRUE(value.Load(false, LOG_LEVEL_DEBUG));
     EXPECT_FALSE(value.Load(false, LOG_LEVEL_DEBUG));
-    settings.SetText("dll", "ab");
+    settings.Store("[SOFTWARE\\A]\ny=1\nx=ab\n");
     EXPECT_FALSE(value.Load(false, LOG_LEVEL_DEBUG));
     EXPECT_FALSE(value.Load(false, LOG_LEVEL_VERBOSE)); // and says nothing
-    settings.SetText("dll", "ac");
+    settings.Store("[SOFTWARE\\A]\nx=ac\n");
     EXPECT_TRUE(value.Load(false, LOG_LEVEL_DEBUG));
     const Lines lines = CapturedLog::Lines();
     ASSERT_EQ(lines.size(), 8U);
@@ -160,18 +155,18 @@ TEST_F(RegKey, LoadTellsWhetherTheValueIsAnother)
 
 TEST_F(RegKey, AFailedLoadForgetsTheValue)
 {
-    WriteFile("[A]\nx=1\n");
+    settings.Store("[A]\nx=1\n");
     OVRegValue value("HKLM\\A", "x");
     EXPECT_TRUE(value.Load(false, LOG_LEVEL_DEBUG));
     value.Clear(true);
     EXPECT_TRUE(value.IsLoaded());
     CapturedLog log(LOG_LEVEL_DEBUG);
-    WriteFile("[A]\ny=1\n");
+    settings.Store("[A]\ny=1\n");
     EXPECT_FALSE(value.Load(false, LOG_LEVEL_DEBUG));
     EXPECT_FALSE(value.IsLoaded());
     EXPECT_EQ(value.ToDword(5), 5U);
     EXPECT_EQ(value.GetHandle(), nullptr);
-    WriteFile("");
+    settings.Store("");
     EXPECT_FALSE(value.Load(false, LOG_LEVEL_DEBUG));
     EXPECT_EQ(CapturedLog::Lines(), (Lines{"D OVRegValue::Load(): RegQueryValueEx(\"HKLM\\A\\x\") failed",
                                            "D OVRegValue::Load(): RegOpenKeyEx(\"HKLM\\A\") failed"}));
@@ -179,7 +174,7 @@ TEST_F(RegKey, AFailedLoadForgetsTheValue)
 
 TEST_F(RegKey, AMalformedFileIsOneLogLineAsSoonAsThereIsALog)
 {
-    WriteFile("[A\n");
+    settings.Store("[A\n");
     EXPECT_EQ(ReadRegistryString("HKLM\\A\\x"), ""); // at the level of no log
     CapturedLog log(LOG_LEVEL_INFO);
     for (int n = 0; n < 3; ++n)

@@ -4,7 +4,6 @@
 #include "runtime/CapturedLog.h"
 
 #include <cstdlib>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <utility>
@@ -29,13 +28,7 @@ public:
 
 class KeyWatcher : public testing::Test {
 protected:
-    void Store(const std::string &text)
-    {
-        std::ofstream(settings.Folder() + "/new") << text;
-        std::filesystem::rename(settings.Folder() + "/new", settings.Folder() + "/HKEY_LOCAL_MACHINE.ini");
-    }
-
-    test::SettingsFixture settings;
+    const test::SettingsFixture settings;
 };
 
 // The watcher's own steps, one after the other: the thread that calls them is tested elsewhere.
@@ -62,7 +55,7 @@ TEST_F(KeyWatcher, AKeyIsFollowedThroughItsLife)
         {"nothing of it is left", "", false, 4},
     };
     for (const auto &step : steps) {
-        Store(step.store);
+        settings.Store(step.store);
         for (int notices = 0; notices < 2; ++notices) { // within one settling time
             EXPECT_TRUE(watcher->Run(false));
             EXPECT_EQ(watcher->GetTimeoutMS(), OVRegKeyWatcher::kSettlingMS);
@@ -76,7 +69,7 @@ TEST_F(KeyWatcher, AKeyIsFollowedThroughItsLife)
 
 TEST_F(KeyWatcher, TheHandlerCanEndItAndABadPathIsNotWatched)
 {
-    Store("[a]\n");
+    settings.Store("[a]\n");
     RCPtr<Watcher> watcher(new Watcher("HKLM\\a"));
     watcher->goOn = false;
     EXPECT_TRUE(watcher->Run(false));
@@ -103,7 +96,7 @@ TEST_F(KeyWatcher, ValuesThatAreFollowedAreReloaded)
         void OnValueChanged() override { ++changes; }
         int changes = 0;
     };
-    Store("[a]\nv=dword:1\nw=dword:1\n");
+    settings.Store("[a]\nv=dword:1\nw=dword:1\n");
     RCPtr<Watcher> watcher(new Watcher("HKLM\\a"));
     RCPtr<Follower> v(new Follower("HKLM\\a", "v"));
     RCPtr<Follower> w(new Follower("HKLM\\a", "w"));
@@ -112,7 +105,7 @@ TEST_F(KeyWatcher, ValuesThatAreFollowedAreReloaded)
         watcher->AddValueWatcher(follower);
     }
     watcher->AddValueWatcher(RCPtr<Follower>(new Follower("HKLM\\a", "gone")));
-    Store("[a]\nv=dword:2\nw=dword:1\n");
+    settings.Store("[a]\nv=dword:2\nw=dword:1\n");
     watcher->Run(false);
     EXPECT_TRUE(watcher->Run(true));
     EXPECT_EQ(v->changes, 1);

@@ -1,48 +1,18 @@
 #include "runtime/OVSocket.h"
 
+#include "DatagramReceiver.h"
 #include "platform/InetSocket.h"
 #include "runtime/CapturedLog.h"
 
-#include <unistd.h>
-
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
-#include <netinet/in.h>
-#include <string>
-#include <sys/socket.h>
 
 namespace fodr {
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-class Receiver {
-public:
-    Receiver()
-    {
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(address);
-        EXPECT_EQ(bind(handle, reinterpret_cast<sockaddr *>(&address), length), 0);
-        EXPECT_EQ(getsockname(handle, reinterpret_cast<sockaddr *>(&address), &length), 0);
-    }
-    ~Receiver() { close(handle); }
-
-    std::string Take() const
-    {
-        char buffer[256];
-        const ssize_t length = recv(handle, buffer, sizeof(buffer), 0);
-        return length < 0 ? "nothing" : std::string(buffer, static_cast<size_t>(length));
-    }
-    uint16_t Port() const { return ntohs(address.sin_port); }
-
-private:
-    const int handle = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address{};
-};
 
 bool InitUdp(OVSocket &udp)
 {
@@ -52,7 +22,7 @@ bool InitUdp(OVSocket &udp)
 TEST(Socket, SendsEachTextAsOneDatagram)
 {
     CapturedLog log(LOG_LEVEL_DEBUG);
-    Receiver receiver;
+    const test::DatagramReceiver receiver;
     auto first = std::make_unique<OVSocket>();
     auto second = std::make_unique<OVSocket>();
     for (OVSocket *udp : {first.get(), second.get()})

@@ -36,7 +36,7 @@ protected:
         ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
     }
 
-    test::SettingsFixture settings;
+    const test::SettingsFixture settings;
 };
 
 TEST_F(Facts, TheTextOfAFilesTimeIsLocal)
@@ -107,7 +107,7 @@ TEST_F(Facts, TheSystemsVersionIsPutTogetherFromWhatThereIs)
     EXPECT_THAT(MakeOsVersionText(), StartsWith(platform::OsVersionValue("ProductName") + ", "));
     EXPECT_EQ(GetOsVersionText(), MakeOsVersionText());
 
-    const char key[] = "[SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion]\n";
+    const std::string key = "[SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion]\n";
     const struct {
         const char *values;
         std::string text;
@@ -120,7 +120,7 @@ TEST_F(Facts, TheSystemsVersionIsPutTogetherFromWhatThereIs)
          "Windows 7, Service Pack 1, Version 6.1" + tail},
     };
     for (const auto &row : rows) {
-        std::ofstream(settings.Folder() + "/HKEY_LOCAL_MACHINE.ini") << key << row.values;
+        settings.Store(key + row.values);
         EXPECT_EQ(MakeOsVersionText(), row.text);
     }
     EXPECT_NE(GetOsVersionText(), rows[1].text); // made once
