@@ -1,15 +1,11 @@
 // A file writer that writes at once, on the thread of the test.
 #pragma once
 
+#include "WholeFile.h"
 #include "logging/FileWriter.h"
-#include "logging/LogMessage.h"
+#include "logging/Messages.h"
 #include "platform/Process.h"
-#include "runtime/LogCall.h"
 #include "runtime/OVPollItem.h"
-
-#include <fstream>
-#include <sstream>
-#include <string>
 
 namespace fodr::test {
 
@@ -24,31 +20,12 @@ public:
     }
     ~DirectFileWriter() override { Close(); }
 
-    void Put(const std::string &text, int32_t level = LOG_LEVEL_INFO)
-    {
-        OVMutexLock held(LoggerMutex());
-        Enqueue(LogMessage::Create(level, text.data(), text.size()));
-    }
-    bool Write(const std::string &text)
-    {
-        return WriteMessage(*LogMessage::Create(LOG_LEVEL_INFO, text.data(), text.size()));
-    }
-    std::string Get(const std::string &name)
-    {
-        std::string value;
-        return GetValue(name, value) ? value : "none";
-    }
+    void Put(const std::string &text, int32_t level = LOG_LEVEL_INFO) { test::Enqueue(*this, text, level); }
+    bool Write(const std::string &text) { return WriteMessage(*Message(text)); }
+    std::string Get(const std::string &name) { return ValueOf(this, name); }
     std::string FileName() { return Get("filename"); }
     // Of the open file.
-    std::string Content() { return ContentOf(Get("folderPath") + "/" + FileName()); }
-
-    static std::string ContentOf(const std::string &path)
-    {
-        std::ifstream file(path, std::ios::binary);
-        std::ostringstream content;
-        content << file.rdbuf();
-        return content.str();
-    }
+    std::string Content() { return ReadWholeFile(Get("folderPath") + "/" + FileName()); }
     // "orvane-<log>-<process id><behind>.log"
     static std::string NameOf(const std::string &log, const std::string &behind)
     {

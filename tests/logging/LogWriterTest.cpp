@@ -12,55 +12,47 @@
 namespace fodr {
 namespace {
 
-using fodr::test::MatchesPattern;
+using test::MatchesPattern;
 using test::MemorySink;
+using test::PrefixOf;
 using testing::ElementsAre;
 
 constexpr const char *kBanner = "\n***** BATCH MODE ENABLED *****\n\n";
 
-#define LOCAL_STAMP "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}"
-#define IDS " <[0-9A-F]{4,}> \\[[0-9A-F]{4,}\\] "
+class LogWriterTest : public testing::Test {
+protected:
+    LogWriterTest() { sink->SetBuffering(true); }
+    ~LogWriterTest() override { LoggerManager::Instance().Shutdown(); }
+    // A line at level ALWAYS or INFO, as a pattern.
+    static std::string Line(const std::string &levelNameAndText)
+    {
+        return "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} <[0-9A-F]{4,}> "
+               "\\[[0-9A-F]{4,}\\] " +
+               levelNameAndText;
+    }
 
-// ---- The prefix ----
-
-TEST(LinePrefix, SaysWhenWhoWhereAndHowBad)
-{
     const RCPtr<MemorySink> sink = new MemorySink;
-    EXPECT_THAT(sink->Prefix("A::B()"), MatchesPattern(LOCAL_STAMP IDS "I A::B\\(\\): "));
-    EXPECT_THAT(sink->Prefix("A::B()", LOG_LEVEL_VERBOSE), MatchesPattern(LOCAL_STAMP IDS "V A::B\\(\\): "));
-}
+};
 
-TEST(LinePrefix, PartsTheLinesOfDifferentThreads)
+TEST_F(LogWriterTest, ThePrefixSaysWhenWhoWhereAndHowBad)
 {
-    const RCPtr<MemorySink> sink = new MemorySink;
-    const std::string separator(39, '-');
-    const std::string first = sink->Prefix("F()");
-    const std::string second = sink->Prefix("F()");
-    EXPECT_FALSE(first.starts_with("-")) << first;
-    EXPECT_EQ(first.size(), second.size());
+    const std::string separator = std::string(39, '-') + "\n";
+    const std::string first = PrefixOf(*sink, "A::B()");
+    EXPECT_THAT(first, MatchesPattern(Line("I A::B\\(\\): ")));
+    EXPECT_THAT(PrefixOf(*sink, "F()", LOG_LEVEL_VERBOSE), MatchesPattern(Line("V F\\(\\): ")));
     std::string other;
-    std::thread([&] { other = sink->Prefix("F()"); }).join();
-    EXPECT_EQ(other.substr(0, 40), separator + "\n");
-    EXPECT_FALSE(other.substr(40).starts_with("-")) << other;
+    std::thread([&] { other = PrefixOf(*sink, "F()"); }).join();
+    EXPECT_THAT(other, MatchesPattern(separator + Line("I F\\(\\): ")));
     // What goes on without a name lines up with the whole prefix before, separator included.
-    EXPECT_EQ(sink->Prefix(""), std::string(other.size(), ' '));
-    EXPECT_EQ(sink->Prefix(nullptr), std::string(other.size(), ' '));
-    EXPECT_EQ(sink->Prefix("F()").substr(0, 40), separator + "\n");
+    EXPECT_EQ(PrefixOf(*sink, ""), std::string(other.size(), ' '));
+    EXPECT_EQ(PrefixOf(*sink, nullptr), std::string(other.size(), ' '));
+    EXPECT_THAT(PrefixOf(*sink, "F()"), MatchesPattern(separator + Line("I F\\(\\): ")));
 }
 
 // ---- Delivery ----
 
-TEST(LogWriterDelivery, WritesDirectlyWithoutBuffering)
+TEST_F(LogWriterTest, DrainsTheQueueInOneBatch)
 {
-    const RCPtr<MemorySink> sink = new MemorySink;
-    EXPECT_TRUE(sink->Put("one"));
-    EXPECT_THAT(sink->Take(), ElementsAre("(", "one\n", ")"));
-}
-
-TEST(LogWriterDelivery, DrainsTheQueueInOneBatch)
-{
-    const RCPtr<MemorySink> sink = new MemorySink;
-    sink->SetBuffering(true);
     for (const char *text : {"one", "two\n", "three"})
         EXPECT_TRUE(sink->Put(text));
     EXPECT_THAT(sink->Take(), ElementsAre());
@@ -69,16 +61,14 @@ TEST(LogWriterDelivery, DrainsTheQueueInOneBatch)
     sink->Poll();
     EXPECT_THAT(sink->Take(), ElementsAre());
     sink->Put("four");
-    sink->SetBuffering(false); // writes what is left
+    sink->SetBuffering(false); // writes what is left, and directly from then on
     EXPECT_THAT(sink->Take(), ElementsAre("(", "four\n", ")"));
-    sink->Put("five");
+    EXPECT_TRUE(sink->Put("five"));
     EXPECT_THAT(sink->Take(), ElementsAre("(", "five\n", ")"));
 }
 
-TEST(LogWriterDelivery, CallersGoOnPushingDuringAWrite)
+TEST_F(LogWriterTest, CallersGoOnPushingDuringAWrite)
 {
-    const RCPtr<MemorySink> sink = new MemorySink;
-    sink->SetBuffering(true);
     sink->Put("one");
     sink->OnWrite([&](const LogMessage &) {
         sink->OnWrite(nullptr);
@@ -90,10 +80,8 @@ TEST(LogWriterDelivery, CallersGoOnPushingDuringAWrite)
     EXPECT_THAT(sink->Take(), ElementsAre("(", "meanwhile\n", ")"));
 }
 
-TEST(LogWriterDelivery, ReportsWhatWasDroppedBehindTheNextLines)
+TEST_F(LogWriterTest, ReportsWhatWasDroppedBehindTheNextLines)
 {
-    const RCPtr<MemorySink> sink = new MemorySink;
-    sink->SetBuffering(true);
     sink->SetEnabled(false);
     EXPECT_FALSE(sink->Put("lost"));
     EXPECT_FALSE(sink->Put("lost"));
@@ -112,12 +100,10 @@ TEST(LogWriterDelivery, ReportsWhatWasDroppedBehindTheNextLines)
                                           "two\n", "\n******* Dropped 2 messages *******\n\n", ")"));
 }
 
-TEST(LogWriterDelivery, OverflowMakesTheLoggingThreadsWriteForGood)
+TEST_F(LogWriterTest, OverflowMakesTheLoggingThreadsWriteForGood)
 {
-    const RCPtr<MemorySink> sink = new MemorySink;
-    sink->SetBuffering(true);
     sink->SetQueueSize(50);
-    auto put = [&](int count) {
+    const auto put = [&](int count) {
         for (int i = 0; i < count; ++i)
             EXPECT_TRUE(sink->Put("x"));
         return sink->Take();
@@ -135,10 +121,8 @@ TEST(LogWriterDelivery, OverflowMakesTheLoggingThreadsWriteForGood)
     EXPECT_EQ("close", rest.back());
 }
 
-TEST(LogWriterDelivery, BatchModeWaitsForAPollThatIsUnderWay)
+TEST_F(LogWriterTest, BatchModeWaitsForAPollThatIsUnderWay)
 {
-    const RCPtr<MemorySink> sink = new MemorySink;
-    sink->SetBuffering(true);
     sink->SetQueueSize(2);
     sink->Put("first");
     sink->OnWrite([&](const LogMessage &) {
@@ -152,49 +136,34 @@ TEST(LogWriterDelivery, BatchModeWaitsForAPollThatIsUnderWay)
     EXPECT_THAT(sink->Take(), ElementsAre(kBanner));
 }
 
-TEST(LogWriterDelivery, CloseWritesAllAndDropsWhatComesThen)
+TEST_F(LogWriterTest, CloseWritesAllAndDropsWhatComesThen)
 {
-    const RCPtr<MemorySink> sink = new MemorySink;
+    sink->opens = false;
+    EXPECT_FALSE(sink->Init() || sink->IsOpen());
+    sink->opens = true;
     sink->initMessage = "hello\n";
     sink->closeMessage = "bye\n";
-    ASSERT_TRUE(sink->Init());
-    EXPECT_TRUE(sink->IsOpen());
-    EXPECT_TRUE(sink->Init());
-    EXPECT_THAT(sink->Take(),
-                ElementsAre(MatchesPattern(LOCAL_STAMP IDS "A LogWriter::Init\\(\\): hello\n")));
-    sink->SetBuffering(true);
+    EXPECT_TRUE(sink->Init() && sink->IsOpen() && sink->Init());
+    EXPECT_THAT(sink->Take(), ElementsAre(MatchesPattern(Line("A LogWriter::Init\\(\\): hello\n"))));
     sink->Put("one");
     sink->OnWrite([&](const LogMessage &) { EXPECT_FALSE(sink->Put("late")); });
     sink->Close();
     sink->OnWrite(nullptr);
     EXPECT_FALSE(sink->IsOpen());
-    EXPECT_THAT(sink->Take(),
-                ElementsAre("(", "one\n", ")",
-                            MatchesPattern(LOCAL_STAMP IDS "A LogWriter::Close\\(\\): bye\n"), "close"));
-    LoggerManager::Instance().Shutdown();
-}
-
-TEST(LogWriterDelivery, AWriterThatCantOpenStaysClosed)
-{
-    const RCPtr<MemorySink> sink = new MemorySink;
-    sink->opens = false;
-    EXPECT_FALSE(sink->Init());
-    EXPECT_FALSE(sink->IsOpen());
+    EXPECT_THAT(sink->Take(), ElementsAre("(", "one\n", ")",
+                                          MatchesPattern(Line("A LogWriter::Close\\(\\): bye\n")), "close"));
 }
 
 // The wait for the poll thread happens under the mutex that the poll thread needs.
-TEST(LogWriterDelivery, SwitchingOffWaitsForTheWriteUnderWay)
+TEST_F(LogWriterTest, SwitchingOffWaitsForTheWriteUnderWay)
 {
-    const RCPtr<MemorySink> sink = new MemorySink;
-    OVEvent writing(true, false);
-    OVEvent goOn(true, false);
+    OVEvent writing(true, false), goOn(true, false);
     sink->OnWrite([&](const LogMessage &) {
         writing.Set();
         goOn.Wait();
         OVMutexLock hold(LoggerMutex()); // as a sink that makes a line of its own
     });
     ASSERT_TRUE(sink->Init());
-    sink->SetBuffering(true);
     sink->Put("one");
     writing.Wait();
     std::thread switching([&] { sink->SetEnabled(false); });
@@ -202,18 +171,6 @@ TEST(LogWriterDelivery, SwitchingOffWaitsForTheWriteUnderWay)
     switching.join();
     EXPECT_THAT(sink->Take(), ElementsAre("(", "one\n", ")"));
     sink->Close();
-    LoggerManager::Instance().Shutdown();
-}
-
-// ---- The record ----
-
-TEST(LogMessage, EndsWithOneNewline)
-{
-    EXPECT_STREQ("a\n", LogMessage::Create(LOG_LEVEL_INFO, "a", 1)->Text());
-    EXPECT_STREQ("a\n", LogMessage::Create(LOG_LEVEL_INFO, "a\n", 2)->Text());
-    EXPECT_STREQ("\n", LogMessage::Create(LOG_LEVEL_INFO, "", 0)->Text());
-    const RCPtr<LogMessage> textless = new LogMessage(LOG_LEVEL_INFO);
-    EXPECT_STREQ("Failed to allocate memory for log message\n", textless->TextToWrite());
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // A sink that keeps what it is given, with the marks of each batch.
 #pragma once
 
-#include "logging/LogWriter.h"
+#include "logging/Messages.h"
 #include "runtime/OVPollItem.h"
 
 #include <functional>
@@ -58,18 +58,7 @@ public:
         return text;
     }
 
-    bool Put(const std::string &text)
-    {
-        OVMutexLock hold(LoggerMutex());
-        return Enqueue(LogMessage::Create(LOG_LEVEL_INFO, text.data(), text.size()));
-    }
-    std::string Prefix(const char *functionName, int32_t level = LOG_LEVEL_INFO)
-    {
-        OVMutexLock hold(LoggerMutex());
-        char buffer[1024];
-        const int length = FormatPrefix(buffer, sizeof(buffer), functionName, level);
-        return std::string(buffer, static_cast<size_t>(length));
-    }
+    bool Put(const std::string &text) { return test::Enqueue(*this, text); }
     // From now on called with each message, behind it. Null for none.
     void OnWrite(std::function<void(const LogMessage &)> handler)
     {

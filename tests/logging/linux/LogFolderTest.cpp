@@ -8,7 +8,6 @@
 
 #include <functional>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 namespace fodr {
@@ -31,33 +30,23 @@ protected:
 
 TEST_F(LogFolder, IsTheUsersOwnAmongTheTemporaryOnes)
 {
-    EnvironmentVariable user("USERNAME", "someone");
-    EXPECT_EQ(scratch / "orvane-someone/", DefaultFolder());
-    struct stat facts {};
-    ASSERT_EQ(0, stat((scratch / "orvane-someone").c_str(), &facts));
-    EXPECT_EQ(0700u, facts.st_mode & 0777);
-    EXPECT_EQ(scratch / "orvane-someone/", DefaultFolder()); // the second time it is there
-}
-
-TEST_F(LogFolder, LeavesOutTheFolderOfASession)
-{
-    EnvironmentVariable user("USERNAME", "someone");
-    const std::pair<const char *, const char *> folders[] = {{"12", "orvane-someone/"},
-                                                             {"12/", "orvane-someone/"},
-                                                             {"12a", "12a/orvane-someone/"},
-                                                             {"3/4", "3/orvane-someone/"},
-                                                             {"Temp/7", "Temp/orvane-someone/"}};
-    for (const auto &[below, folder] : folders) {
-        scratch.MakeFolder(below);
-        EnvironmentVariable session("TMPDIR", (scratch / below).c_str());
+    const std::string tooLong(256, 'u');
+    const std::tuple<std::string, const char *, std::string> rows[] = {
+        {"someone", "", "orvane-someone/"},
+        {"someone", "", "orvane-someone/"}, // the second time it is there
+        {tooLong, "", "orvane-default/"},
+        {"someone", "12", "orvane-someone/"}, // of a session
+        {"someone", "12/", "orvane-someone/"},
+        {"someone", "12a", "12a/orvane-someone/"},
+        {"someone", "3/4", "3/orvane-someone/"},
+        {"someone", "Temp/7", "Temp/orvane-someone/"},
+    };
+    for (const auto &[name, below, folder] : rows) {
+        const EnvironmentVariable user("USERNAME", name.c_str());
+        const EnvironmentVariable session("TMPDIR", scratch.MakeFolder(below).c_str());
         EXPECT_EQ(scratch / folder, DefaultFolder()) << below;
     }
-}
-
-TEST_F(LogFolder, IsDefaultsForANameThatIsTooLong)
-{
-    EnvironmentVariable user("USERNAME", std::string(256, 'u').c_str());
-    EXPECT_EQ(scratch / "orvane-default/", DefaultFolder());
+    EXPECT_EQ(fs::perms::owner_all, fs::status(scratch / "orvane-someone").permissions());
 }
 
 TEST_F(LogFolder, IsNoneWhereItCantBeMade)

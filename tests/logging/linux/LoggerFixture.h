@@ -7,10 +7,8 @@
 #include "logging/MemorySink.h"
 #include "logging/RegSettingsReader.h"
 
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <initializer_list>
+#include <sstream>
 #include <string>
 
 namespace fodr::test {
@@ -27,19 +25,9 @@ protected:
     ~LoggerFixture() override { LoggerManager::Instance().Shutdown(); }
 
     // The settings are these lines from now on, in one step.
-    void Store(std::initializer_list<const char *> lines)
-    {
-        const std::string path = settings.Folder() + "/HKEY_LOCAL_MACHINE.ini";
-        {
-            std::ofstream file(path + ".new");
-            file << "[" << kKey << "]\n";
-            for (const char *line : lines)
-                file << line << "\n";
-        }
-        std::filesystem::rename(path + ".new", path);
-    }
+    void Store(const std::string &lines) { settings.Store(std::string("[") + kKey + "]\n" + lines); }
     // What a started logger says about settings that it is shown.
-    std::string Apply(std::initializer_list<const char *> lines)
+    std::string Apply(const std::string &lines)
     {
         Store(lines);
         sink->Take();
@@ -55,14 +43,11 @@ protected:
     static std::string TextOf(const std::string &lines)
     {
         std::string text;
-        size_t begin = 0;
-        while (begin < lines.size()) {
-            const size_t end = lines.find('\n', begin) + 1;
-            const std::string line = lines.substr(begin, end - begin);
+        std::istringstream stream(lines);
+        for (std::string line; std::getline(stream, line);) {
             const size_t ids = line.find("] ");
             if (!line.starts_with("-----") && line.find(" FileWriter::") == std::string::npos)
-                text += ids == std::string::npos ? line : line.substr(ids + 2);
-            begin = end;
+                text += (ids == std::string::npos ? line : line.substr(ids + 2)) + "\n";
         }
         return text;
     }

@@ -1,25 +1,16 @@
 #include "logging/FileWriter.h"
+#include "logging/NumberedLines.h"
 #include "logging/linux/LoggerFixture.h"
 #include "runtime/OVEvent.h"
 
-#include <atomic>
 #include <cstdlib>
-#include <gmock/gmock.h>
-#include <sstream>
-#include <thread>
-#include <vector>
+#include <memory>
 
 namespace fodr {
 namespace {
 
 using test::LoggerFixture;
-using test::MemorySink;
-
-std::string Value(const RCPtr<LogWriter> &writer, const char *name)
-{
-    std::string value;
-    return writer && writer->GetValue(name, value) ? value : "none";
-}
+using test::ValueOf;
 
 // ---- At start ----
 
@@ -27,44 +18,42 @@ using SettingsAtStart = LoggerFixture;
 
 TEST_F(SettingsAtStart, TheLevelIsANameInAnyCase)
 {
-    struct Row {
-        const char *line;
-        int32_t level;
-    };
-    const Row rows[] = {
+    const std::pair<const char *, int32_t> rows[] = {
         {"logLevel=always", 0},  {"logLevel=ERROR", 1},
         {"logLevel=Warn", 2},    {"logLevel=info", 3},
         {"logLevel=Debug", 4},   {"logLevel=trace", 5},
         {"logLevel=verbose", 6}, {"logLevel=never", 2},
         {"logLevel=4", 2},       {"", 2},
     };
-    for (const Row &row : rows) {
+    for (const auto &[line, level] : rows) {
         logger->SetLevel(LOG_LEVEL_WARN); // stays unless a level is named
-        EXPECT_EQ("", Apply({row.line}));
-        EXPECT_EQ(row.level, logger->GetLevel()) << row.line;
+        EXPECT_EQ("", Apply(line));
+        EXPECT_EQ(level, logger->GetLevel()) << line;
         EXPECT_EQ(LOG_LEVEL_ALWAYS, gLogLevel) << "not before the start";
     }
 }
 
 TEST_F(SettingsAtStart, MakeTheWritersThatAreWanted)
 {
-    Store({"logEnabled=yes", "logToSyslog=dword:1", "logToStdout=false", "logToStderr=1",
-           "logRemoteAddress=127.0.0.1", "logRemotePort=dword:65537", "logMaxDaysKept=dword:3",
-           "logMaxFileSizeMB=dword:2000", "logMaxRollingFiles=0x10", "logDiskThresholdLowMB=dword:1",
-           "logDiskThresholdHighMB=dword:2", "logDirectory=/nowhere/logs"});
+    Store("logEnabled=yes\nlogToSyslog=dword:1\nlogToStdout=false\nlogToStderr=1\n"
+          "logRemoteAddress=127.0.0.1\nlogRemotePort=dword:65537\nlogMaxDaysKept=dword:3\n"
+          "logMaxFileSizeMB=dword:2000\nlogMaxRollingFiles=0x10\nlogDiskThresholdLowMB=dword:1\n"
+          "logDiskThresholdHighMB=dword:2\nlogDirectory=/nowhere/logs\n");
     logger->ApplySettings(nullptr);
     EXPECT_FALSE(logger->GetWriter(LOG_WRITER_FILE));
     logger->ApplySettings(reader);
-    const RCPtr<LogWriter> file = logger->GetWriter(LOG_WRITER_FILE);
-    ASSERT_TRUE(file);
-    EXPECT_EQ("3", Value(file, "maxDaysKept"));
-    EXPECT_EQ("1024", Value(file, "maxFileSizeMB"));
-    EXPECT_EQ("16", Value(file, "maxRollingFiles"));
-    EXPECT_EQ("1", Value(file, "diskThresholdLowMB"));
-    EXPECT_EQ("2", Value(file, "diskThresholdHighMB"));
-    EXPECT_EQ("/nowhere/logs", Value(file, "folderPath"));
-    EXPECT_EQ("127.0.0.1", Value(logger->GetWriter(LOG_WRITER_SOCKET), "remoteAddress"));
-    EXPECT_EQ("1", Value(logger->GetWriter(LOG_WRITER_SOCKET), "remotePort"));
+    const std::tuple<int32_t, const char *, const char *> values[] = {
+        {LOG_WRITER_FILE, "maxDaysKept", "3"},
+        {LOG_WRITER_FILE, "maxFileSizeMB", "1024"},
+        {LOG_WRITER_FILE, "maxRollingFiles", "16"},
+        {LOG_WRITER_FILE, "diskThresholdLowMB", "1"},
+        {LOG_WRITER_FILE, "diskThresholdHighMB", "2"},
+        {LOG_WRITER_FILE, "folderPath", "/nowhere/logs"},
+        {LOG_WRITER_SOCKET, "remoteAddress", "127.0.0.1"},
+        {LOG_WRITER_SOCKET, "remotePort", "1"},
+    };
+    for (const auto &[type, name, value] : values)
+        EXPECT_EQ(value, ValueOf(logger->GetWriter(type), name)) << name;
     EXPECT_FALSE(logger->GetWriter(LOG_WRITER_STDOUT));
     EXPECT_TRUE(logger->GetWriter(LOG_WRITER_STDERR)->IsEnabled());
     // It was made after the buffering was set, so it writes directly until the settings change.
@@ -75,10 +64,9 @@ TEST_F(SettingsAtStart, MakeTheWritersThatAreWanted)
 
 class SettingsWhileRunning : public LoggerFixture {
 protected:
-    void StartWithFile(std::initializer_list<const char *> lines)
+    void StartWithFile(const std::string &lines)
     {
-        RCPtr<LogWriter> file = logger->CreateWriter(LOG_WRITER_FILE);
-        ASSERT_TRUE(file->SetValue("folderPath", settings.Folder()));
+        ASSERT_TRUE(logger->CreateWriter(LOG_WRITER_FILE)->SetValue("folderPath", settings.Folder()));
         Store(lines);
         logger->ApplySettings(reader);
         Start();
@@ -87,107 +75,73 @@ protected:
 
 TEST_F(SettingsWhileRunning, SayWhatChanged)
 {
-    StartWithFile({});
-    EXPECT_EQ("", Apply({})) << "the sink in memory is queued from here on";
+    const std::string direct = "enableBuffering=false\n";
+    StartWithFile(direct + "logLevel=warn\n");
+    const RCPtr<LogWriter> file = logger->GetWriter(LOG_WRITER_FILE);
+    EXPECT_EQ(LOG_LEVEL_WARN, gLogLevel);
+    const struct {
+        const char *lines, *said;
+        int32_t level;
+    } steps[] = {
+        {"logLevel=debug", "logLevel changed to DEBUG", LOG_LEVEL_DEBUG},
+        {"logLevel=debug\n#", "", LOG_LEVEL_DEBUG},
+        {"", "logLevel changed to INFO", LOG_LEVEL_INFO},
+        {"logLevel=error", "logLevel changed to ERROR", LOG_LEVEL_ERROR},
+        {"logLevel=never", "logLevel changed to INFO", LOG_LEVEL_INFO},
+        {"useLocalTime=false", "useLocalTime changed to FALSE", LOG_LEVEL_INFO},
+        {"", "useLocalTime changed to TRUE", LOG_LEVEL_INFO},
+        // The line reaches the sink that it silences; nothing is made, an absent value leaves a sink as it
+        // is.
+        {"logToDebugView=no\nlogToSyslog=yes", "DEBUG - logToDebugView changed to FALSE", LOG_LEVEL_INFO},
+        {"", "", LOG_LEVEL_INFO},
+        {"logToDebugView=yes", "DEBUG - logToDebugView changed to TRUE", LOG_LEVEL_INFO},
+        // A number that is capped is told again.
+        {"logMaxRollingFiles=dword:2000\nlogDirectory=/other", "FILE - logMaxRollingFiles changed to 2000",
+         LOG_LEVEL_INFO},
+        {"logMaxRollingFiles=dword:2000", "FILE - logMaxRollingFiles changed to 2000", LOG_LEVEL_INFO},
+        {"logEnabled=0", "FILE - logEnabled changed to FALSE", LOG_LEVEL_INFO},
+        {"logLevel=debug", "logLevel changed to DEBUG", LOG_LEVEL_DEBUG},
+    };
+    for (const auto &step : steps) {
+        const std::string said = step.said[0] ? std::string("A RegistryReader: ") + step.said + "\n" : "";
+        EXPECT_EQ(said, Apply(direct + step.lines)) << step.lines;
+        EXPECT_EQ(step.level, gLogLevel) << step.lines;
+    }
+    EXPECT_FALSE(logger->GetWriter(LOG_WRITER_SOCKET));
+    EXPECT_FALSE(file->IsEnabled());
+    EXPECT_EQ("50", ValueOf(file, "maxFileSizeMB"));
+    EXPECT_EQ("1000", ValueOf(file, "maxRollingFiles"));
+    EXPECT_EQ(settings.Folder(), ValueOf(file, "folderPath"));
+}
+
+TEST_F(SettingsWhileRunning, BufferingReturnsToItsDefault)
+{
+    StartWithFile("");
+    EXPECT_EQ("", Apply("")) << "the sink in memory is queued from here on";
     sink->Poll();
     EXPECT_EQ("A RegistryReader: enableBuffering changed to TRUE\n", TextOf(sink->TakeText()));
-    EXPECT_EQ("A RegistryReader: logLevel changed to DEBUG\n"
-              "A RegistryReader: enableBuffering changed to FALSE\n"
+    EXPECT_EQ("A RegistryReader: enableBuffering changed to FALSE\n"
               "A RegistryReader: enableBuffering changed to FALSE\n", // a line a writer
-              Apply({"logLevel=debug", "enableBuffering=false"}));
-}
-
-TEST_F(SettingsWhileRunning, FollowTheLevelAndReturnToInfo)
-{
-    StartWithFile({"logLevel=warn", "enableBuffering=false"});
-    EXPECT_EQ(LOG_LEVEL_WARN, gLogLevel);
-    EXPECT_EQ("A RegistryReader: logLevel changed to DEBUG\n",
-              Apply({"logLevel=debug", "enableBuffering=false"}));
-    EXPECT_EQ(LOG_LEVEL_DEBUG, gLogLevel);
-    EXPECT_EQ("50", Value(logger->GetWriter(LOG_WRITER_FILE), "maxFileSizeMB"));
-    EXPECT_EQ("", Apply({"logLevel=debug", "enableBuffering=false"}));
-    EXPECT_EQ("A RegistryReader: logLevel changed to INFO\n", Apply({"enableBuffering=false"}));
-    EXPECT_EQ(LOG_LEVEL_INFO, gLogLevel);
-    EXPECT_EQ("A RegistryReader: logLevel changed to ERROR\n",
-              Apply({"logLevel=error", "enableBuffering=false"}));
-    EXPECT_EQ("A RegistryReader: logLevel changed to INFO\n",
-              Apply({"logLevel=never", "enableBuffering=false"}));
-}
-
-TEST_F(SettingsWhileRunning, FlagsThatVanishReturnToTheirDefaults)
-{
-    StartWithFile({"useLocalTime=false", "enableBuffering=false"});
-    EXPECT_FALSE(logger->UsesLocalTime());
-    EXPECT_EQ("A RegistryReader: useLocalTime changed to TRUE\n", Apply({"enableBuffering=false"}));
-    EXPECT_TRUE(logger->UsesLocalTime());
-    Apply({});
-    EXPECT_TRUE(sink->IsBuffering());
-    EXPECT_TRUE(logger->GetWriter(LOG_WRITER_FILE)->IsBuffering());
-}
-
-TEST_F(SettingsWhileRunning, SwitchSinksThatExistAndMakeNone)
-{
-    StartWithFile({"enableBuffering=false"});
-    EXPECT_EQ("A RegistryReader: DEBUG - logToDebugView changed to FALSE\n",
-              Apply({"enableBuffering=false", "logToDebugView=no", "logToSyslog=yes"}))
-        << "the line reaches the sink that it silences";
-    EXPECT_FALSE(sink->IsEnabled());
-    EXPECT_FALSE(logger->GetWriter(LOG_WRITER_SOCKET));
-    EXPECT_EQ("", Apply({"enableBuffering=false"})) << "an absent value leaves a sink as it is";
-    EXPECT_EQ("A RegistryReader: DEBUG - logToDebugView changed to TRUE\n",
-              Apply({"enableBuffering=false", "logToDebugView=yes"}));
-    EXPECT_EQ("A RegistryReader: FILE - logEnabled changed to FALSE\n",
-              Apply({"enableBuffering=false", "logEnabled=0"}));
-    EXPECT_FALSE(logger->GetWriter(LOG_WRITER_FILE)->IsEnabled());
-}
-
-TEST_F(SettingsWhileRunning, FileNumbersThatAreCappedAreToldAgain)
-{
-    StartWithFile({"enableBuffering=false"});
-    const std::string folder = Value(logger->GetWriter(LOG_WRITER_FILE), "folderPath");
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ("A RegistryReader: FILE - logMaxRollingFiles changed to 2000\n",
-                  Apply({"enableBuffering=false", "logMaxRollingFiles=dword:2000", "logDirectory=/other"}));
-        EXPECT_EQ("1000", Value(logger->GetWriter(LOG_WRITER_FILE), "maxRollingFiles"));
-    }
-    EXPECT_EQ(folder, Value(logger->GetWriter(LOG_WRITER_FILE), "folderPath"));
+              Apply("enableBuffering=false"));
+    Apply("");
+    EXPECT_TRUE(sink->IsBuffering() && logger->GetWriter(LOG_WRITER_FILE)->IsBuffering());
 }
 
 TEST_F(SettingsWhileRunning, LoseNoLineUnderLoad)
 {
-    constexpr int kThreads = 4;
-    constexpr int kLines = 2000;
-    StartWithFile({});
-    std::atomic<int> running = kThreads;
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < kThreads; ++thread) {
-        threads.emplace_back([thread, &running] {
-            for (int i = 0; i < kLines; ++i)
-                LOG_INFO("line %d %d", thread, i);
-            --running;
-        });
-    }
-    const char *const rounds[][2] = {{"enableBuffering=no", "logLevel=debug"},
-                                     {"enableBuffering=yes", "useLocalTime=no"},
-                                     {"logMaxRollingFiles=dword:7", "logLevel=trace"}};
-    for (size_t round = 0; running > 0; ++round) {
-        Store({rounds[round % 3][0], rounds[round % 3][1]});
-        logger->ApplySettings(reader);
-    }
-    for (std::thread &thread : threads)
-        thread.join();
-    LoggerManager::Instance().Shutdown();
-    int next[kThreads] = {};
-    std::istringstream lines(sink->TakeText());
-    for (std::string line; std::getline(lines, line);) {
-        int thread = 0;
-        int i = 0;
-        const size_t text = line.find(": line ");
-        if (text != std::string::npos && std::sscanf(line.c_str() + text, ": line %d %d", &thread, &i) == 2) {
-            EXPECT_EQ(next[thread]++, i) << line;
+    StartWithFile("");
+    {
+        const test::NumberedLines lines;
+        const char *const rounds[] = {"enableBuffering=no\nlogLevel=debug",
+                                      "enableBuffering=yes\nuseLocalTime=no",
+                                      "logMaxRollingFiles=dword:7\nlogLevel=trace"};
+        for (size_t round = 0; lines.AreComing(); ++round) {
+            Store(rounds[round % 3]);
+            logger->ApplySettings(reader);
         }
     }
-    EXPECT_THAT(next, testing::Each(kLines));
+    LoggerManager::Instance().Shutdown();
+    test::NumberedLines::ExpectIn(sink->TakeText());
 }
 
 // Another process makes the key, of which there was nothing, and the change arrives on the poll thread.

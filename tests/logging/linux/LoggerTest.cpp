@@ -17,7 +17,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-class LoggerLines : public LoggerFixture {};
+using LoggerLines = LoggerFixture;
 
 TEST_F(LoggerLines, PassUpToTheLevelAndOnlyWhileTheLoggerRuns)
 {
@@ -42,7 +42,6 @@ TEST_F(LoggerLines, PassUpToTheLevelAndOnlyWhileTheLoggerRuns)
 TEST_F(LoggerLines, AreCutWithoutAMark)
 {
     Start();
-    const std::string prefix = sink->Prefix("F()");
     LogWrite("F()", LOG_LEVEL_INFO, "%s", std::string(2000, 'x').c_str());
     const std::string line = sink->TakeText();
     EXPECT_EQ(1024u, line.size());
@@ -86,9 +85,9 @@ TEST_F(LoggerLines, FromInsideTheLogPathAreDropped)
 
 TEST_F(LoggerLines, ShowTheClockThatIsSet)
 {
-    EXPECT_THAT(sink->Prefix("F()"), MatchesRegex("[0-9-]{10} [0-9:]{8}\\.[0-9]{3} <.*"));
-    Apply({"useLocalTime=false"});
-    EXPECT_THAT(sink->Prefix("F()"), MatchesRegex("[0-9-]{10}T[0-9:]{8}\\.[0-9]{3}Z <.*"));
+    EXPECT_THAT(test::PrefixOf(*sink, "F()"), MatchesRegex("[0-9-]{10} [0-9:]{8}\\.[0-9]{3} <.*"));
+    Apply("useLocalTime=false");
+    EXPECT_THAT(test::PrefixOf(*sink, "F()"), MatchesRegex("[0-9-]{10}T[0-9:]{8}\\.[0-9]{3}Z <.*"));
 }
 
 // A sink with a prefix of its own.
@@ -136,8 +135,7 @@ TEST_F(LoggerLines, BeginWithTheFactsOfTheRun)
     for (const Row &row : rows) {
         setenv("TZ", row.zone, 1);
         tzset();
-        const std::string localTime = std::string("useLocalTime=") + row.localTime;
-        Apply({localTime.c_str(), "enableBuffering=false", "logLevel=warn"});
+        Apply(std::string("enableBuffering=false\nlogLevel=warn\nuseLocalTime=") + row.localTime);
         logger->LogStartupInfo();
         EXPECT_THAT(
             TextOf(sink->TakeText()),
@@ -180,7 +178,7 @@ TEST_F(LoggerLife, IsConfiguredBeforeItStarts)
 TEST_F(LoggerLife, FailsToStartWithoutAWriter)
 {
     sink->opens = false;
-    Store({"logLevel=debug"});
+    Store("logLevel=debug");
     EXPECT_FALSE(logger->Start());
     EXPECT_FALSE(logger->IsStarted());
     EXPECT_EQ(LOG_LEVEL_ALWAYS, gLogLevel);
