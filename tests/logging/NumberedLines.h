@@ -25,12 +25,6 @@ public:
             });
         }
     }
-    ~NumberedLines()
-    {
-        for (std::thread &thread : threads)
-            thread.join();
-    }
-
     bool AreComing() const { return running > 0; }
 
     // All are there, each thread's in their order.
@@ -54,8 +48,8 @@ private:
     static constexpr int kThreads = 4;
     static constexpr int kLines = 2000;
 
-    std::vector<std::thread> threads;
     std::atomic<int> running = kThreads;
+    std::vector<std::jthread> threads; // waited for at the end
 };
 
 } // namespace fodr::test

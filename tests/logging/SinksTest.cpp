@@ -87,14 +87,15 @@ TEST(SocketWriter, TakesItsSettingsUntilTheLoggerHasStarted)
     EXPECT_EQ("localhost", ValueOf(writer, "remoteAddress"));
     EXPECT_EQ("514", ValueOf(writer, "REMOTEPORT"));
     EXPECT_EQ("none", ValueOf(writer, "appName"));
-    const std::pair<const char *, const char *> ports[] = {
-        {"0x10", "16"}, {"65535", "65535"}, {"65536", "0"}, {"65537", "1"}};
-    for (const auto &[text, port] : ports) {
-        EXPECT_TRUE(writer->SetValue("remotePort", text));
-        EXPECT_EQ(port, ValueOf(writer, "remotePort"));
+    const std::tuple<const char *, const char *, const char *> values[] = {
+        {"remotePort", "0x10", "16"},  {"remotePort", "65535", "65535"},
+        {"remotePort", "65536", "0"},  {"remotePort", "65537", "1"},
+        {"something", "else", "none"}, {"RemoteAddress", "127.0.0.1", "127.0.0.1"},
+    };
+    for (const auto &[name, value, kept] : values) {
+        EXPECT_TRUE(writer->SetValue(name, value));
+        EXPECT_EQ(kept, ValueOf(writer, name)) << value;
     }
-    EXPECT_TRUE(writer->SetValue("RemoteAddress", "127.0.0.1"));
-    EXPECT_TRUE(writer->SetValue("something", "else"));
     EXPECT_FALSE(writer->SetValue("", "x"));
     EXPECT_FALSE(writer->SetValue("remoteAddress", ""));
     ASSERT_TRUE(logger->Start());

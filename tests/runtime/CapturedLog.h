@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <mutex>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -35,12 +36,8 @@ public:
     static std::vector<std::string> LinesWithoutIds()
     {
         std::vector<std::string> blotted = Lines();
-        for (std::string &line : blotted) {
-            for (size_t at = 0; (at = line.find("0x", at)) != std::string::npos; at += 2) {
-                const size_t end = line.find_first_not_of("0123456789ABCDEFabcdef", at + 2);
-                line.replace(at, end == std::string::npos ? end : end - at, "ID");
-            }
-        }
+        for (std::string &line : blotted)
+            line = std::regex_replace(line, std::regex("0x[0-9A-Fa-f]+"), "ID");
         return blotted;
     }
 

@@ -107,11 +107,7 @@ TEST(TimeStamp, HasOneFormForEachClock)
 
 TEST(Duration, HasShortAndLongForms)
 {
-    const struct {
-        double seconds;
-        int decimals;
-        const char *text;
-    } cases[] = {
+    const std::tuple<double, int, const char *> cases[] = {
         {0.4999, 0, "0s"},
         {0.5, 0, "1s"},
         {59.9999, 0, "0:01:00"},
@@ -128,24 +124,20 @@ TEST(Duration, HasShortAndLongForms)
         {8640000, -3, "100 days 0:00:00"},
         {0.5, 40, "0.00000000000009200000000000000000s"}, // 64 bits hold no more
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(c.text, FormatDuration(c.seconds, c.decimals)) << c.seconds << " " << c.decimals;
+    for (const auto &[seconds, decimals, text] : cases)
+        EXPECT_EQ(text, FormatDuration(seconds, decimals)) << seconds << " " << decimals;
     EXPECT_EQ("0s", FormatDuration(std::nan(""), 0));
 }
 
 TEST(ByteSize, SwitchesAtAThousandAndDividesBy1024)
 {
-    const struct {
-        double bytes;
-        int precision;
-        const char *text;
-    } cases[] = {
+    const std::tuple<double, int, const char *> cases[] = {
         {0, 1, "0.0B"},       {999, 1, "999.0B"},          {1000, 1, "1.0KB"},      {1024, 0, " 1KB"},
         {1536, 2, "1.50KB"},  {1024.0 * 1000, 1, "1.0MB"}, {5e9, 1, "4.7GB"},       {3e12, 0, " 3TB"},
         {1e15, 1, "909.5TB"}, {1.1e15, 1, "1.0PB"},        {1e21, 1, "888178.4PB"},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(c.text, FormatByteSize(c.bytes, c.precision)) << c.bytes;
+    for (const auto &[bytes, precision, text] : cases)
+        EXPECT_EQ(text, FormatByteSize(bytes, precision)) << bytes;
 }
 
 // The dump into a buffer of exactly this size, so that a write past it is noticed.

@@ -82,12 +82,7 @@ TEST(OVTimer, ReadsAndThenActsOnTheMode)
 {
     TurnedTimer timer;
     timer.Start(OVTimer::kRestart);
-    const struct {
-        int64_t passed;
-        int32_t mode;
-        int64_t elapsed;
-        bool paused;
-    } steps[] = {
+    const std::tuple<int64_t, int32_t, int64_t, bool> steps[] = {
         {0, OVTimer::kRead, 0, false},
         {100, OVTimer::kRead, 100, false},
         {50, OVTimer::kLap, 150, false},
@@ -104,11 +99,10 @@ TEST(OVTimer, ReadsAndThenActsOnTheMode)
         {9, OVTimer::kResume, 0, false},
         {4, 99, 4, false},
     };
-    int number = 0;
-    for (const auto &step : steps) {
-        timer.now += step.passed;
-        EXPECT_EQ(step.elapsed, timer.Elapsed(step.mode)) << "step " << number;
-        EXPECT_EQ(step.paused, timer.IsPaused()) << "step " << number++;
+    for (const auto &[passed, mode, elapsed, paused] : steps) {
+        timer.now += passed;
+        EXPECT_EQ(elapsed, timer.Elapsed(mode)) << timer.now;
+        EXPECT_EQ(paused, timer.IsPaused()) << timer.now;
     }
     timer.Start(OVTimer::kRead); // the start is what has elapsed, not the time of the call
     EXPECT_EQ(timer.now - 4, timer.Elapsed(OVTimer::kRead));

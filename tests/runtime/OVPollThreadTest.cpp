@@ -26,42 +26,23 @@ private:
 
 class PollThread : public testing::Test {
 protected:
-    // To be declared behind what the items use.
-    class Running {
-    public:
-        explicit Running(RCPtr<OVPollThread> started) : thread(std::move(started))
-        {
-            thread->StartScheduler();
-        }
-        ~Running() { thread->StopScheduler(); }
-
-    private:
-        const RCPtr<OVPollThread> thread;
-    };
-
     RCPtr<Item> Add(const std::string &name, OVEvent *event, int32_t timeoutMS, Item::Body body)
     {
         RCPtr<Item> item(new Item(name, std::move(body)));
         EXPECT_TRUE(poll->AddItem(item, event, timeoutMS));
         return item;
     }
-    // What was ready to run before this call has run.
+    // What was ready to run before this call has run: the earlier in line is first.
     void Settle()
     {
-        OVEvent ready(false, true);
-        OVEvent ran(true, false);
-        for (int i = 0; i < 2; ++i) { // the lowest of several events is first; twice, all were
-            RCPtr<Item> last = Add("last", &ready, -1, [&](bool) {
-                ran.Set();
-                return false;
-            });
-            ran.Wait();
-            last->Remove(true);
-            ready.Set();
-            ran.Reset();
-        }
+        OVEvent ready(true, true), ran(true, false);
+        RCPtr<Item> last = Add("last", &ready, -1, [&](bool) {
+            ran.Set();
+            return false;
+        });
+        ran.Wait();
+        last->Remove(true);
     }
-
     // Runs items "a", "b", ... with these events and timeouts; who ran, in the order, and why ('e' or 't').
     std::string OrderOfRuns(size_t runs, const std::vector<std::pair<OVEvent *, int32_t>> &items)
     {
@@ -78,10 +59,9 @@ protected:
             });
             ++letter;
         }
-        {
-            const Running scheduler(poll);
-            done.Wait();
-        }
+        poll->StartScheduler();
+        done.Wait();
+        poll->StopScheduler();
         return order;
     }
 
@@ -111,7 +91,7 @@ TEST_F(PollThread, DisablingIsCountedAndAPausedItemWaits)
         ran.Set();
         return true;
     });
-    const Running scheduler(poll);
+    poll->StartScheduler();
     item->Disable(false);
     item->Disable(true);
     fired.Set();
@@ -129,6 +109,7 @@ TEST_F(PollThread, DisablingIsCountedAndAPausedItemWaits)
     item->Resume();
     fired.Set();
     ran.Wait();
+    poll->StopScheduler();
 }
 
 TEST_F(PollThread, WhoWaitsGivesTheLockAwayAndGetsItBack)
@@ -168,13 +149,14 @@ TEST_F(PollThread, WhoWaitsGivesTheLockAwayAndGetsItBack)
 
 TEST_F(PollThread, AnEventMayGoWithItsItem)
 {
-    const Running scheduler(poll);
+    poll->StartScheduler();
     for (int i = 0; i < 100; ++i) {
         OVEvent fired(false, i % 2 == 0);
         RCPtr<Item> item = Add("i", &fired, -1, [](bool) { return true; });
         EXPECT_TRUE(item->Remove(i % 3 == 0));
     }
     poll->RemoveAllItems(true);
+    poll->StopScheduler();
 }
 
 TEST_F(PollThread, AnItemMayDoAnythingToItselfWithinItsRun)
@@ -192,10 +174,11 @@ TEST_F(PollThread, AnItemMayDoAnythingToItselfWithinItsRun)
         return false; // which has nothing left to remove
     }));
     poll->AddItem(item, &fired, -1);
-    const Running scheduler(poll);
+    poll->StartScheduler();
     done.Wait();
     poll->RemoveAllItems(true);
     EXPECT_FALSE(item->GetPollThread());
+    poll->StopScheduler();
     item = nullptr;
 }
 

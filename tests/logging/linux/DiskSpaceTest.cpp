@@ -11,9 +11,7 @@ namespace fodr {
 namespace {
 
 using test::DirectFileWriter;
-using testing::HasSubstr;
 using testing::MatchesRegex;
-using testing::Not;
 
 class SmallDisk : public testing::Test {
 protected:
@@ -23,8 +21,6 @@ protected:
         disk = std::make_unique<test::TmpfsMount>(folder);
         SetFree(100 * kMB);
         writer = new DirectFileWriter(folder);
-        writer->SetValue("diskThresholdLowMB", "5");
-        writer->SetValue("diskThresholdHighMB", "8");
         ASSERT_TRUE(writer->Init());
         writer->Put("begin"); // the file has its first page now
         seen = writer->Content().size();
@@ -53,7 +49,17 @@ protected:
         const std::string content = writer->Content();
         return content.substr(std::exchange(seen, content.size()));
     }
-    bool IsSuspended() { return writer->IsSuppressed(LogMessage(LOG_LEVEL_WARN)); }
+    // Pattern of a report.
+    static std::string Report(const std::string &freeMB, const std::string &what)
+    {
+        return "....-..-.. ..:..:..\\.... <[0-9A-F]+> \\[[0-9A-F]+\\] \\*{7} Free disk space is " + freeMB +
+               "\\.0MB - Logging " + what + " \\*{7}\n";
+    }
+    static std::string Suspended(const std::string &freeMB) { return "\n" + Report(freeMB, "suspended"); }
+    static std::string Resumed(const std::string &freeMB)
+    {
+        return Report(freeMB, "resumed after [0-9.:]+m?s") + "\n";
+    }
 
     static constexpr uint64_t kMB = 1 << 20;
     static constexpr uint64_t kPage = 4096;
@@ -65,68 +71,48 @@ protected:
     size_t seen = 0;
 };
 
-TEST_F(SmallDisk, AtTheLowThresholdAllButAlwaysAndErrorIsLost)
+TEST_F(SmallDisk, SuspendsAtTheLowThresholdAndResumesAboveTheHighOne)
 {
-    SetFree(5 * kMB + kPage);
-    EXPECT_EQ("still\n", Log("still"));
-    EXPECT_FALSE(IsSuspended());
-    SetFree(5 * kMB);
-    EXPECT_THAT(Log("last"), MatchesRegex("last\n\n....-..-.. ..:..:..\\.... <[0-9A-F]+> \\[[0-9A-F]+\\] "
-                                          "\\*{7} Free disk space is 5\\.0MB - Logging suspended \\*{7}\n"));
-    EXPECT_EQ("", Log("lost", LOG_LEVEL_WARN));
-    EXPECT_EQ("", Log("lost", LOG_LEVEL_INFO));
-    EXPECT_EQ("kept\n", Log("kept", LOG_LEVEL_ERROR));
-    EXPECT_EQ("kept\n", Log("kept", LOG_LEVEL_ALWAYS));
-}
-
-TEST_F(SmallDisk, ResumesAtTheHighThresholdButFiftyAboveTheLowOneAtLeast)
-{
-    const std::pair<const char *, uint64_t> thresholds[] = {{"8", 55}, {"55", 55}, {"60", 60}};
-    for (const auto &[high, resumed] : thresholds) {
-        writer->SetValue("diskThresholdHighMB", high);
-        SetFree(kMB);
-        Log("suspends");
-        ASSERT_TRUE(IsSuspended());
-        SetFree(resumed * kMB - kPage);
-        EXPECT_EQ("", Log("lost"));
-        SetFree(resumed * kMB);
-        EXPECT_THAT(Log("lost, as the disk is looked at behind the line"),
-                    MatchesRegex("[^\n]*\\] \\*{7} Free disk space is " + std::to_string(resumed) +
-                                 "\\.0MB - Logging resumed after [0-9.:]+m?s \\*{7}\n\n"));
-        EXPECT_EQ("kept\n", Log("kept"));
+    const struct {
+        const char *low, *high;
+        uint64_t freeBytes;
+        int32_t level;
+        std::string left; // by "line"; the disk is looked at behind it
+    } steps[] = {
+        {"5", "8", 5 * kMB + kPage, LOG_LEVEL_INFO, "line\n"},
+        {"5", "8", 5 * kMB, LOG_LEVEL_INFO, "line\n" + Suspended("5")},
+        {"5", "8", 5 * kMB, LOG_LEVEL_WARN, ""},
+        {"5", "8", 5 * kMB, LOG_LEVEL_ERROR, "line\n"},
+        {"5", "8", 5 * kMB, LOG_LEVEL_ALWAYS, "line\n"},
+        {"5", "8", 55 * kMB - kPage, LOG_LEVEL_INFO, ""}, // fifty above the low one at least
+        {"5", "8", 55 * kMB, LOG_LEVEL_INFO, Resumed("55")},
+        {"5", "60", 55 * kMB, LOG_LEVEL_INFO, "line\n"},
+        {"5", "60", kMB, LOG_LEVEL_INFO, "line\n" + Suspended("1")},
+        {"5", "60", 60 * kMB - kPage, LOG_LEVEL_INFO, ""},
+        {"5", "60", 60 * kMB, LOG_LEVEL_INFO, Resumed("60")},
+        {"5", "8", 5 * kMB, LOG_LEVEL_INFO, "line\n" + Suspended("5")},
+        {"5", "8", 4 * kMB, LOG_LEVEL_INFO, ""},
+        {"4", "8", 4 * kMB, LOG_LEVEL_INFO, Resumed("4")},   // as the low one was lowered
+        {"4", "8", 4 * kMB, LOG_LEVEL_INFO, Suspended("4")}, // at it the next look suspends again
+        {"3", "8", 3 * kMB - kPage, LOG_LEVEL_INFO, ""},     // less by then
+        {"3", "8", 3 * kMB, LOG_LEVEL_INFO, ""},             // the lowering counted for one look only
+    };
+    for (const auto &step : steps) {
+        writer->SetValue("diskThresholdLowMB", step.low);
+        writer->SetValue("diskThresholdHighMB", step.high);
+        SetFree(step.freeBytes);
+        EXPECT_THAT(Log("line", step.level), MatchesRegex(step.left)) << "step " << &step - steps;
     }
-}
-
-TEST_F(SmallDisk, ALoweredLowThresholdResumesAtTheNextLook)
-{
-    SetFree(5 * kMB);
-    Log("suspends");
-    SetFree(4 * kMB);
-    writer->SetValue("diskThresholdLowMB", "5"); // not lower
-    Log("lost");
-    EXPECT_TRUE(IsSuspended());
-    writer->SetValue("diskThresholdLowMB", "4");
-    EXPECT_THAT(Log("lost"), HasSubstr("Free disk space is 4.0MB - Logging resumed after "));
-    // At the threshold itself the next look suspends again.
-    EXPECT_THAT(Log("kept"), HasSubstr("Logging suspended"));
-    writer->SetValue("diskThresholdLowMB", "3");
-    SetFree(3 * kMB - kPage); // lower by then
-    Log("lost");
-    EXPECT_TRUE(IsSuspended());
-    SetFree(3 * kMB); // the lowering counted for one look only
-    Log("lost");
-    EXPECT_TRUE(IsSuspended());
 }
 
 TEST_F(SmallDisk, AFullOneLosesLinesAndNothingElse)
 {
-    writer->SetValue("diskThresholdLowMB", "0");
+    writer->SetValue("diskThresholdHighMB", "8");
     SetFree(0);
     Log(std::string(10000, 'x'), LOG_LEVEL_ERROR);
-    EXPECT_TRUE(IsSuspended());
+    EXPECT_EQ("", Log("lost"));
     SetFree(60 * kMB);
     Log("the stream may still hold what didn't fit", LOG_LEVEL_ERROR);
-    EXPECT_FALSE(IsSuspended());
     EXPECT_THAT(Log("goes on"), testing::EndsWith("goes on\n"));
 }
 

@@ -79,10 +79,7 @@ TEST_F(SettingsWhileRunning, SayWhatChanged)
     StartWithFile(direct + "logLevel=warn\n");
     const RCPtr<LogWriter> file = logger->GetWriter(LOG_WRITER_FILE);
     EXPECT_EQ(LOG_LEVEL_WARN, gLogLevel);
-    const struct {
-        const char *lines, *said;
-        int32_t level;
-    } steps[] = {
+    const std::tuple<const char *, std::string, int32_t> steps[] = {
         {"logLevel=debug", "logLevel changed to DEBUG", LOG_LEVEL_DEBUG},
         {"logLevel=debug\n#", "", LOG_LEVEL_DEBUG},
         {"", "logLevel changed to INFO", LOG_LEVEL_INFO},
@@ -102,10 +99,9 @@ TEST_F(SettingsWhileRunning, SayWhatChanged)
         {"logEnabled=0", "FILE - logEnabled changed to FALSE", LOG_LEVEL_INFO},
         {"logLevel=debug", "logLevel changed to DEBUG", LOG_LEVEL_DEBUG},
     };
-    for (const auto &step : steps) {
-        const std::string said = step.said[0] ? std::string("A RegistryReader: ") + step.said + "\n" : "";
-        EXPECT_EQ(said, Apply(direct + step.lines)) << step.lines;
-        EXPECT_EQ(step.level, gLogLevel) << step.lines;
+    for (const auto &[lines, said, level] : steps) {
+        EXPECT_EQ(said.empty() ? "" : "A RegistryReader: " + said + "\n", Apply(direct + lines)) << lines;
+        EXPECT_EQ(level, gLogLevel) << lines;
     }
     EXPECT_FALSE(logger->GetWriter(LOG_WRITER_SOCKET));
     EXPECT_FALSE(file->IsEnabled());

@@ -122,30 +122,24 @@ TEST_F(LoggerLines, HaveThePrefixOfTheFirstOpenWriter)
 
 TEST_F(LoggerLines, BeginWithTheFactsOfTheRun)
 {
-    struct Row {
-        const char *zone, *localTime, *text;
-    };
-    const Row rows[] = {
+    const std::tuple<const char *, const char *, const char *> rows[] = {
         {"CET-1", "true", "CET \\(UTC \\+1\\), UTC time is [0-9-]+T[0-9:.]+Z"},
         {"IST-5:30", "true", "IST \\(UTC \\+5:30\\), UTC time is [0-9-]+T[0-9:.]+Z"},
         {"NST3:05", "false", "NST \\(UTC -3:05\\), Local time is [0-9-]+ [0-9:.]+"},
         {"UTC0", "false", "UTC \\(UTC -0\\), Local time is [0-9-]+ [0-9:.]+"},
     };
+    const std::string first = "A /[^:]+: (version=.+|No version information), buildtype=release/x64\n"
+                              "A OS Version: .+, sessionId=[0-9]+\n"
+                              "A Time Zone: ";
+    const std::string last = "\nA Log Level: WARN \\(read from HKLM\\\\Software\\\\Orvane, Inc\\.\\\\Orvane "
+                             "ODPService\\\\Plugins\\\\fodr\\\\logLevel\\)\n";
     Start(); // what it wrote then can be written again
-    for (const Row &row : rows) {
-        setenv("TZ", row.zone, 1);
+    for (const auto &[zone, localTime, text] : rows) {
+        setenv("TZ", zone, 1);
         tzset();
-        Apply(std::string("enableBuffering=false\nlogLevel=warn\nuseLocalTime=") + row.localTime);
+        Apply(std::string("enableBuffering=false\nlogLevel=warn\nuseLocalTime=") + localTime);
         logger->LogStartupInfo();
-        EXPECT_THAT(
-            TextOf(sink->TakeText()),
-            MatchesRegex(std::string("A /[^:]+: (version=.+|No version information), "
-                                     "buildtype=release/x64\n"
-                                     "A OS Version: .+, sessionId=[0-9]+\n"
-                                     "A Time Zone: ") +
-                         row.text +
-                         "\nA Log Level: WARN \\(read from HKLM\\\\Software\\\\Orvane, Inc\\.\\\\Orvane "
-                         "ODPService\\\\Plugins\\\\fodr\\\\logLevel\\)\n"));
+        EXPECT_THAT(TextOf(sink->TakeText()), MatchesRegex(first + text + last));
     }
     unsetenv("TZ");
     tzset();
@@ -158,6 +152,10 @@ using LoggerLife = LoggerFixture;
 TEST_F(LoggerLife, IsConfiguredBeforeItStarts)
 {
     EXPECT_TRUE(logger->SetLevel(LOG_LEVEL_DEBUG));
+    sink->opens = false; // the one writer
+    EXPECT_FALSE(logger->Start() || logger->IsStarted());
+    EXPECT_EQ(LOG_LEVEL_ALWAYS, gLogLevel);
+    sink->opens = true;
     EXPECT_STREQ("DEBUG", logger->GetLevelName());
     EXPECT_FALSE(logger->CreateWriter(LOG_WRITER_DEBUG)) << "there already";
     EXPECT_FALSE(logger->CreateWriter(6));
@@ -173,15 +171,6 @@ TEST_F(LoggerLife, IsConfiguredBeforeItStarts)
     EXPECT_EQ(LOG_LEVEL_DEBUG, gLogLevel);
     EXPECT_FALSE(logger->SetLevel(LOG_LEVEL_ERROR));
     EXPECT_FALSE(logger->CreateWriter(LOG_WRITER_STDERR));
-}
-
-TEST_F(LoggerLife, FailsToStartWithoutAWriter)
-{
-    sink->opens = false;
-    Store("logLevel=debug");
-    EXPECT_FALSE(logger->Start());
-    EXPECT_FALSE(logger->IsStarted());
-    EXPECT_EQ(LOG_LEVEL_ALWAYS, gLogLevel);
 }
 
 TEST_F(LoggerLife, EndsWithTheManager)

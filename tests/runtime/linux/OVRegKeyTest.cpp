@@ -21,11 +21,7 @@ protected:
 TEST_F(RegKey, OpensByTheRootsNamesAndEitherSeparator)
 {
     settings.Store("[Software\\A]\n[Software\\a/b]\n");
-    const struct {
-        const char *path;
-        uint32_t error;
-        Lines log;
-    } rows[] = {
+    const std::tuple<const char *, uint32_t, Lines> rows[] = {
         {"HKLM\\Software\\A", 0, {}},
         {"hkey_local_machine/software\\a", 0, {}},
         {"HKLM\\Software\\a/b", 0, {}},
@@ -40,88 +36,78 @@ TEST_F(RegKey, OpensByTheRootsNamesAndEitherSeparator)
         {"HKLM\\", 11, {"W OVRegKey::OpenKey(): Missing key name \"HKLM\\\""}},
         {"HKLM\\\\A", 161, {"E OVRegKey::OpenKey(): RegOpenKeyEx(HKLM\\\\A) failed; (161) Invalid path"}},
     };
-    for (const auto &row : rows) {
-        CapturedLog log(LOG_LEVEL_VERBOSE);
-        OVRegKey key(row.path);
-        EXPECT_EQ(key.OpenKey(), row.error) << row.path;
-        EXPECT_EQ(key.OpenKey(), row.error) << row.path;
-        EXPECT_EQ(key.CloseKey(), 0U);
-        EXPECT_EQ(key.CloseKey(), 0U);
-        Lines twice = row.log;
-        twice.insert(twice.end(), row.log.begin(), row.log.end());
-        EXPECT_EQ(CapturedLog::Lines(), twice);
+    for (const auto &[path, error, said] : rows) {
+        OVRegKey key(path);
+        for (int time = 0; time < 2; ++time) {
+            const CapturedLog log(LOG_LEVEL_VERBOSE);
+            EXPECT_EQ(key.OpenKey(), error) << path;
+            EXPECT_EQ(CapturedLog::Lines(), said);
+        }
+        EXPECT_TRUE(key.CloseKey() == 0 && key.CloseKey() == 0);
     }
 }
 
 TEST_F(RegKey, TheDisplayPathShowsTheOtherView)
 {
-    const struct {
-        const char *path;
-        RegView view;
-        const char *shown;
-    } rows[] = {
+    const std::tuple<const char *, RegView, const char *> rows[] = {
         {"HKLM\\SOFTWARE\\A\\B", Win32Default, "HKLM\\SOFTWARE\\A\\B"},
         {"HKLM\\SOFTWARE\\A\\B", Reg64Bit, "HKLM\\SOFTWARE\\A\\B"},
         {"HKLM\\SOFTWARE\\A\\B", Alternate, "HKLM\\SOFTWARE\\WOW6432Node\\A\\B"},
         {"HKLM\\SOFTWARE\\A\\B", Reg32Bit, "HKLM\\SOFTWARE\\WOW6432Node\\A\\B"},
         {"HKLM\\Software\\A", Reg32Bit, "HKLM\\Software\\A"},
     };
-    for (const auto &row : rows)
-        EXPECT_EQ(OVRegKey(row.path, row.view).GetDisplayPath(), row.shown);
+    for (const auto &[path, view, shown] : rows)
+        EXPECT_EQ(OVRegKey(path, view).GetDisplayPath(), shown);
 }
 
 TEST_F(RegKey, ValuesConvertByTheirType)
 {
-    settings.Store(
-        "[A]\ntrue=TRUE\nyes=yes\nno=No\nzero=0\ntwo=2\nhex=0x1F\noctal=010\nempty=\numlaut=\xC3\xA4\n"
-        "list=multi_sz:1;x;\nexpand=expand_sz:7 apples\ndword=dword:4294967295\ndnull=dword:0\n"
-        "qword=qword:18446744073709551615\nqhigh=qword:0x100000000\n"
-        "b0=binary:\nb1=binary:00\nb3=binary:010203\nb7=binary:01020304050607\nb9=binary:"
-        "0102030405060708ff\n");
     const struct {
-        const char *name;
+        const char *stored;
         int asBool; // -1: the default
         uint64_t asNumber;
         const char *text; // null: the default
     } rows[] = {
-        {"true", 1, 77, "TRUE"},
-        {"yes", 1, 77, "yes"},
-        {"no", 0, 77, "No"},
-        {"zero", 0, 0, "0"},
-        {"two", -1, 2, "2"},
-        {"hex", -1, 31, "0x1F"},
-        {"octal", -1, 8, "010"},
-        {"empty", -1, 77, ""},
-        {"umlaut", -1, 77, "\xC3\xA4"},
-        {"list", 1, 1, "1"},
-        {"expand", -1, 7, "7 apples"},
-        {"dword", 1, 0xFFFFFFFF, "4294967295"},
-        {"dnull", 0, 0, "0"},
-        {"qword", 1, 0xFFFFFFFFFFFFFFFF, "-1"},
-        {"qhigh", 1, 0x100000000, "4294967296"},
-        {"b0", 0, 77, ""},
-        {"b1", 0, 0, "00"},
-        {"b3", 1, 0x0201, "01 02 03"},
-        {"b7", 1, 0x04030201, "01 02 03 04 05 06 07"},
-        {"b9", 1, 0x0807060504030201, "01 02 03 04 05 06 07 08 ff"},
-        {"missing", -1, 77, nullptr},
+        {"value=TRUE", 1, 77, "TRUE"},
+        {"value=yes", 1, 77, "yes"},
+        {"value=No", 0, 77, "No"},
+        {"value=0", 0, 0, "0"},
+        {"value=2", -1, 2, "2"},
+        {"value=0x1F", -1, 31, "0x1F"},
+        {"value=010", -1, 8, "010"},
+        {"value=", -1, 77, ""},
+        {"value=\xC3\xA4", -1, 77, "\xC3\xA4"},
+        {"value=multi_sz:1;x;", 1, 1, "1"},
+        {"value=expand_sz:7 apples", -1, 7, "7 apples"},
+        {"value=dword:4294967295", 1, 0xFFFFFFFF, "4294967295"},
+        {"value=dword:0", 0, 0, "0"},
+        {"value=qword:18446744073709551615", 1, 0xFFFFFFFFFFFFFFFF, "-1"},
+        {"value=qword:0x100000000", 1, 0x100000000, "4294967296"},
+        {"value=binary:", 0, 77, ""},
+        {"value=binary:00", 0, 0, "00"},
+        {"value=binary:010203", 1, 0x0201, "01 02 03"},
+        {"value=binary:01020304050607", 1, 0x04030201, "01 02 03 04 05 06 07"},
+        {"value=binary:0102030405060708ff", 1, 0x0807060504030201, "01 02 03 04 05 06 07 08 ff"},
+        {"another=1", -1, 77, nullptr},
     };
     for (const auto &row : rows) {
+        settings.Store(std::string("[A]\n") + row.stored);
         for (const bool wide : {false, true}) {
-            OVRegValue value("HKLM/A", row.name);
-            EXPECT_EQ(value.Load(wide, LOG_LEVEL_VERBOSE), row.text != nullptr) << row.name;
+            OVRegValue value("HKLM/A", "value");
+            EXPECT_EQ(value.Load(wide, LOG_LEVEL_VERBOSE), row.text != nullptr) << row.stored;
             for (const bool fallback : {false, true})
-                EXPECT_EQ(value.ToBool(fallback), row.asBool < 0 ? fallback : row.asBool == 1) << row.name;
-            EXPECT_EQ(value.ToQword(77), row.asNumber) << row.name;
-            EXPECT_EQ(value.ToDword(77), static_cast<uint32_t>(row.asNumber)) << row.name;
+                EXPECT_EQ(value.ToBool(fallback), row.asBool < 0 ? fallback : row.asBool == 1) << row.stored;
+            EXPECT_EQ(value.ToQword(77), row.asNumber) << row.stored;
+            EXPECT_EQ(value.ToDword(77), static_cast<uint32_t>(row.asNumber)) << row.stored;
             std::string text;
-            EXPECT_EQ(value.ToString(text, "default"), row.text != nullptr) << row.name;
-            EXPECT_EQ(text, row.text ? row.text : "default") << row.name;
+            EXPECT_EQ(value.ToString(text, "default"), row.text != nullptr) << row.stored;
+            EXPECT_EQ(text, row.text ? row.text : "default") << row.stored;
             std::u16string wideText;
-            EXPECT_EQ(value.ToWideString(wideText, u"default"), row.text != nullptr) << row.name;
-            EXPECT_EQ(wideText.size(), row.name == std::string("umlaut") ? 1 : text.size()) << row.name;
+            EXPECT_EQ(value.ToWideString(wideText, u"default"), row.text != nullptr) << row.stored;
+            EXPECT_EQ(wideText.size(), text == "\xC3\xA4" ? 1 : text.size()) << row.stored;
         }
     }
+    settings.Store("[A]\ntwo=2\nlist=multi_sz:1;x;\n");
     EXPECT_EQ(ReadRegistryString("HKLM\\A\\two"), "2");
     EXPECT_EQ(ReadRegistryString64Bit("HKLM\\A/list"), "1");
     EXPECT_EQ(ReadRegistryString("HKLM\\A\\missing"), "");

@@ -40,12 +40,7 @@ TEST_F(KeyWatcher, AKeyIsFollowedThroughItsLife)
     ASSERT_TRUE(watcher->Run(true)); // the first poll
     EXPECT_EQ(watcher->GetTimeoutMS(), -1);
     EXPECT_EQ(watcher->changes, 0);
-    const struct {
-        const char *what;
-        const char *store;
-        bool found;
-        int changes;
-    } steps[] = {
+    const std::tuple<const char *, const char *, bool, int> steps[] = {
         {"one level down", "[SOFTWARE\\a]\n", false, 0},
         {"next to it", "[SOFTWARE\\a\\x\\c]\n", false, 0},
         {"it comes", "[SOFTWARE\\a\\b\\c]\nv=1\n", true, 1},
@@ -54,16 +49,16 @@ TEST_F(KeyWatcher, AKeyIsFollowedThroughItsLife)
         {"it goes", "[SOFTWARE\\a]\n", false, 4},
         {"nothing of it is left", "", false, 4},
     };
-    for (const auto &step : steps) {
-        settings.Store(step.store);
+    for (const auto &[what, store, found, changes] : steps) {
+        settings.Store(store);
         for (int notices = 0; notices < 2; ++notices) { // within one settling time
             EXPECT_TRUE(watcher->Run(false));
             EXPECT_EQ(watcher->GetTimeoutMS(), OVRegKeyWatcher::kSettlingMS);
         }
         EXPECT_TRUE(watcher->Run(true));
         EXPECT_EQ(watcher->GetTimeoutMS(), -1);
-        EXPECT_EQ(watcher->IsKeyFound(), step.found) << step.what;
-        EXPECT_EQ(watcher->changes, step.changes) << step.what;
+        EXPECT_EQ(watcher->IsKeyFound(), found) << what;
+        EXPECT_EQ(watcher->changes, changes) << what;
     }
 }
 

@@ -43,17 +43,14 @@ TEST_F(Facts, TheTextOfAFilesTimeIsLocal)
 {
     const std::string path = settings.Folder() + "/file";
     std::ofstream(path) << "x";
-    const struct {
-        time_t seconds;
-        const char *text;
-    } rows[] = {
+    const std::pair<time_t, const char *> rows[] = {
         {0, "Jan  1 1970 05:30:00"},          {1709209800, "Feb 29 2024 18:00:00"},
         {1735669799, "Dec 31 2024 23:59:59"}, {1735669800, "Jan  1 2025 00:00:00"},
         {-86400, "Dec 31 1969 05:30:00"},
     };
-    for (const auto &row : rows) {
-        SetTime(path, row.seconds);
-        EXPECT_EQ(GetFileTimeText(path), row.text);
+    for (const auto &[seconds, text] : rows) {
+        SetTime(path, seconds);
+        EXPECT_EQ(GetFileTimeText(path), text);
     }
     SetZone("CET-1CEST,0/0,366/23"); // summer time all the year, also for a time long ago
     SetTime(path, 0);
@@ -73,9 +70,7 @@ TEST_F(Facts, TheVersionOfAProgramIsReadFromItsFile)
     EXPECT_THAT(GetFileVersionText(module), MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+ \\(.*\\)"));
     EXPECT_THAT(GetFileVersionText(module), EndsWith(" (" + GetFileTimeText(module) + ")"));
     const std::string path = settings.Folder() + "/file";
-    for (const std::string &content : {std::string(), std::string("text"),
-                                       std::string("\x7F"
-                                                   "ELF\2")}) {
+    for (const char *content : {"", "text", "\177ELF\2"}) {
         std::ofstream(path) << content;
         EXPECT_EQ(GetFileVersionText(path), "");
     }
@@ -108,10 +103,7 @@ TEST_F(Facts, TheSystemsVersionIsPutTogetherFromWhatThereIs)
     EXPECT_EQ(GetOsVersionText(), MakeOsVersionText());
 
     const std::string key = "[SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion]\n";
-    const struct {
-        const char *values;
-        std::string text;
-    } rows[] = {
+    const std::pair<const char *, std::string> rows[] = {
         {"ProductName=Windows 10 Pro\nCurrentMajorVersionNumber=dword:10\nCurrentMinorVersionNumber=dword:0\n"
          "CurrentVersion=6.3\nReleaseId=1903\nCurrentBuildNumber=18362\nCurrentBuild=1\n",
          "Windows 10 Pro, Version 10.0.1903, Build 18362, 64-bit"},
@@ -119,11 +111,11 @@ TEST_F(Facts, TheSystemsVersionIsPutTogetherFromWhatThereIs)
          "CurrentVersion=6.1\n",
          "Windows 7, Service Pack 1, Version 6.1" + tail},
     };
-    for (const auto &row : rows) {
-        settings.Store(key + row.values);
-        EXPECT_EQ(MakeOsVersionText(), row.text);
+    for (const auto &[values, text] : rows) {
+        settings.Store(key + values);
+        EXPECT_EQ(MakeOsVersionText(), text);
     }
-    EXPECT_NE(GetOsVersionText(), rows[1].text); // made once
+    EXPECT_NE(GetOsVersionText(), rows[1].second); // made once
 }
 
 TEST_F(Facts, TheSessionIsTheProcesssUnlessItIsKnown)
