@@ -81,14 +81,13 @@ TEST_F(SettingsWhileRunning, SayWhatChanged)
     EXPECT_EQ(LOG_LEVEL_WARN, gLogLevel);
     const std::tuple<const char *, std::string, int32_t> steps[] = {
         {"logLevel=debug", "logLevel changed to DEBUG", LOG_LEVEL_DEBUG},
-        {"logLevel=debug\n#", "", LOG_LEVEL_DEBUG},
+        {"logLevel=debug", "", LOG_LEVEL_DEBUG},
         {"", "logLevel changed to INFO", LOG_LEVEL_INFO},
         {"logLevel=error", "logLevel changed to ERROR", LOG_LEVEL_ERROR},
         {"logLevel=never", "logLevel changed to INFO", LOG_LEVEL_INFO},
         {"useLocalTime=false", "useLocalTime changed to FALSE", LOG_LEVEL_INFO},
         {"", "useLocalTime changed to TRUE", LOG_LEVEL_INFO},
-        // The line reaches the sink that it silences; nothing is made, an absent value leaves a sink as it
-        // is.
+        // The line reaches the sink that it silences. Nothing is made; an absent value leaves things be.
         {"logToDebugView=no\nlogToSyslog=yes", "DEBUG - logToDebugView changed to FALSE", LOG_LEVEL_INFO},
         {"", "", LOG_LEVEL_INFO},
         {"logToDebugView=yes", "DEBUG - logToDebugView changed to TRUE", LOG_LEVEL_INFO},
