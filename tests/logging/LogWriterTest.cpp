@@ -158,17 +158,22 @@ TEST_F(LogWriterTest, CloseWritesAllAndDropsWhatComesThen)
 TEST_F(LogWriterTest, SwitchingOffWaitsForTheWriteUnderWay)
 {
     OVEvent writing(true, false), goOn(true, false);
+    std::atomic<bool> over{false};
     sink->OnWrite([&](const LogMessage &) {
         writing.Set();
         goOn.Wait();
         OVMutexLock hold(LoggerMutex()); // as a sink that makes a line of its own
+        over = true;
     });
     ASSERT_TRUE(sink->Init());
     sink->Put("one");
     writing.Wait();
-    std::thread switching([&] { sink->SetEnabled(false); });
-    goOn.Set();
-    switching.join();
+    {
+        OVMutexLock held(LoggerMutex());
+        goOn.Set();
+        sink->SetEnabled(false);
+        EXPECT_TRUE(over);
+    }
     EXPECT_THAT(sink->Take(), ElementsAre("(", "one\n", ")"));
     sink->Close();
 }

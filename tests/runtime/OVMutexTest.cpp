@@ -3,6 +3,7 @@
 #include "MatchesPattern.h"
 #include "platform/Threads.h"
 #include "runtime/CapturedLog.h"
+#include "runtime/FreeElsewhere.h"
 #include "runtime/StringUtils.h"
 
 #include <gmock/gmock.h>
@@ -19,6 +20,8 @@ extern "C" __attribute__((visibility("default"))) const char *__tsan_default_opt
 namespace fodr {
 namespace {
 
+using test::IsFreeElsewhere;
+
 // What the analysis of locks at compile time rightly refuses is wanted here.
 bool Lock(OVMutex &mutex, uint32_t timeoutMS = kInfinite) NO_THREAD_SAFETY_ANALYSIS
 {
@@ -27,17 +30,6 @@ bool Lock(OVMutex &mutex, uint32_t timeoutMS = kInfinite) NO_THREAD_SAFETY_ANALY
 bool Unlock(OVMutex &mutex) NO_THREAD_SAFETY_ANALYSIS
 {
     return mutex.Release();
-}
-
-bool FreeElsewhere(OVMutex &mutex)
-{
-    bool acquired = false;
-    std::thread([&] {
-        acquired = Lock(mutex, 0);
-        if (acquired)
-            Unlock(mutex);
-    }).join();
-    return acquired;
 }
 
 class OVMutexTest : public testing::Test {
@@ -74,11 +66,11 @@ TEST_F(OVMutexTest, IsRecursiveAndOwnedByOneThread)
         EXPECT_FALSE(Lock(mutex, 1));
     })
         .join();
-    EXPECT_FALSE(FreeElsewhere(mutex));
+    EXPECT_FALSE(IsFreeElsewhere(mutex));
     EXPECT_TRUE(Unlock(mutex));
-    EXPECT_TRUE(FreeElsewhere(mutex));
-    EXPECT_TRUE(log.Lines().empty());                             // time ran out silently
-    EXPECT_TRUE(FreeElsewhere(*std::make_unique<OVMutex>(true))); // none starts out owned
+    EXPECT_TRUE(IsFreeElsewhere(mutex));
+    EXPECT_TRUE(log.Lines().empty());                               // time ran out silently
+    EXPECT_TRUE(IsFreeElsewhere(*std::make_unique<OVMutex>(true))); // none starts out owned
 }
 
 TEST_F(OVMutexTest, SaysThatItsHolderEnded)
@@ -89,7 +81,7 @@ TEST_F(OVMutexTest, SaysThatItsHolderEnded)
     EXPECT_TRUE(Lock(mutex));
     EXPECT_THAT(log.Lines(), testing::ElementsAre(Line(text, first), Line(text, second)));
     EXPECT_TRUE(Unlock(mutex));
-    EXPECT_TRUE(FreeElsewhere(mutex));
+    EXPECT_TRUE(IsFreeElsewhere(mutex));
 }
 
 TEST_F(OVMutexTest, ReportsALikelyDeadlockOnceAndKeepsWaiting)
@@ -122,9 +114,9 @@ TEST_F(OVMutexTest, GuardsExcludeAndLetGo)
     OVMutexLock held(mutex);
     {
         OVMutexUnlock unlocked(mutex);
-        EXPECT_TRUE(FreeElsewhere(mutex));
+        EXPECT_TRUE(IsFreeElsewhere(mutex));
     }
-    EXPECT_FALSE(FreeElsewhere(mutex));
+    EXPECT_FALSE(IsFreeElsewhere(mutex));
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "runtime/OVPollThread.h"
 
 #include "runtime/CapturedLog.h"
+#include "runtime/FreeElsewhere.h"
 
 #include <functional>
 #include <gmock/gmock.h>
@@ -10,6 +11,7 @@
 namespace fodr {
 namespace {
 
+using test::IsFreeElsewhere;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::MatchesRegex;
@@ -115,36 +117,38 @@ TEST_F(PollThread, DisablingIsCountedAndAPausedItemWaits)
 TEST_F(PollThread, WhoWaitsGivesTheLockAwayAndGetsItBack)
 {
     poll->SetLock(&shared);
-    OVEvent never(true, false), running(true, false), goOn(true, false);
-    std::atomic<bool> over{false};
-    RCPtr<Item> item = Add("slow", &never, 0, [&](bool timedOut) {
-        EXPECT_TRUE(timedOut);
-        running.Set();
-        goOn.Wait();
-        OVMutexLock held(shared); // as a writer of a log does
-        over = true;
-        return false;
-    });
-    poll->StartScheduler();
-    running.Wait();
-    std::thread other([&] {
-        OVMutexLock first(shared);
+    OVEvent never(true, false), running(false, false), goOn(false, false);
+    for (const bool removes : {false, true}) {
+        std::atomic<bool> over{false};
+        RCPtr<Item> item = Add("slow", &never, 0, [&](bool timedOut) {
+            EXPECT_TRUE(timedOut);
+            running.Set();
+            goOn.Wait();
+            OVMutexLock held(shared); // as a writer of a log does
+            over = true;
+            return false;
+        });
+        poll->StartScheduler();
+        running.Wait();
         {
-            OVMutexLock second(shared);
-            item->Disable(true);
-            EXPECT_TRUE(over);
-            EXPECT_FALSE(item->GetPollThread()); // as its run wanted
-            poll->StopScheduler();
-            EXPECT_FALSE(poll->IsRunning());
+            OVMutexLock first(shared);
+            {
+                OVMutexLock second(shared);
+                goOn.Set();
+                if (removes)
+                    item->Remove(true);
+                else
+                    item->Disable(true);
+                EXPECT_TRUE(over);
+                EXPECT_FALSE(item->GetPollThread()); // as its run wanted
+                poll->StopScheduler();
+                EXPECT_FALSE(poll->IsRunning());
+            }
+            EXPECT_FALSE(IsFreeElsewhere(shared)); // held again, as often as before
         }
-        std::thread([&] { EXPECT_FALSE(shared.Acquire(0)); }).join(); // held again, as often as before
-    });
-    goOn.Set();
-    other.join();
-    EXPECT_TRUE(shared.Acquire(kInfinite)); // and given back as often
-    shared.Release();
-    EXPECT_TRUE(item->Enable());
-    poll->StopScheduler();
+        EXPECT_TRUE(IsFreeElsewhere(shared)); // and given back as often
+        EXPECT_TRUE(removes || item->Enable());
+    }
 }
 
 TEST_F(PollThread, AnEventMayGoWithItsItem)
