@@ -37,6 +37,7 @@ protected:
     // What was ready to run before this call has run: the earlier in line is first.
     void Settle()
     {
+        poll->WaitForItemToComplete(nullptr); // it has its place in the line then
         OVEvent ready(true, true), ran(true, false);
         RCPtr<Item> last = Add("last", &ready, -1, [&](bool) {
             ran.Set();
