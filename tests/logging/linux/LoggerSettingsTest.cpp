@@ -139,12 +139,27 @@ TEST_F(SettingsWhileRunning, LoseNoLineUnderLoad)
     test::NumberedLines::ExpectIn(sink->TakeText());
 }
 
+class RunOnce : public OVPollItem {
+public:
+    explicit RunOnce(OVEvent &told) : OVPollItem("once"), ran(told) {}
+    bool Run(bool) override
+    {
+        ran.Set();
+        return false;
+    }
+
+private:
+    OVEvent &ran;
+};
+
 // Another process makes the key, of which there was nothing, and each change arrives on the poll thread.
 TEST_F(SettingsWhileRunning, AreFollowedAcrossProcesses)
 {
     ASSERT_TRUE(logger->AddRegistryReader(kKey, platform::RegistryRoot::LocalMachine));
     Start();
-    OVEvent changed(false, false);
+    OVEvent watched(true, false), changed(false, false);
+    LoggerManager::Instance().GetPollThread()->AddItem(new RunOnce(watched), nullptr, 0);
+    watched.Wait(); // the reader, which is earlier in line, has had its first run
     sink->OnWrite([&](const LogMessage &message) {
         if (std::string_view(message.TextToWrite()).find(": logLevel changed to ") != std::string_view::npos)
             changed.Set();
