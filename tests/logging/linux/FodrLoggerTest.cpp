@@ -49,7 +49,7 @@ TEST_F(FodrLoggerFile, HasItAllOnceTheLoggerStopped)
     logger.Stop();
     EXPECT_EQ(LOG_LEVEL_ALWAYS, logger.Level());
     test::NumberedLines::ExpectIn(Text());
-    EXPECT_THAT(Text(), testing::Not(HasSubstr("not this")));
+    EXPECT_THAT(Text(), testing::Not(testing::ContainsRegex("not this|BATCH MODE"))); // the queue is long
     EXPECT_THAT(
         Text().substr(0, Text().find(": line ")),
         ContainsRegex(" A OS Version: .+\n.+ A Time Zone: .+\n.+ A Log Level: INFO \\(read from HKLM.+\n"
