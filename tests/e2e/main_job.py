@@ -293,6 +293,7 @@ class Command(MountCase):
                         ["--agent-option=--force", f"--agent-option=2:{self.local}", "--agent-option=--only-forced"]):
             with self.subTest(options), self.share(*options):
                 self.assertEqual((self.mount / "f").read_text(), "x")
+                self.assertFalse(os.access(self.mount / "f", os.W_OK))
                 for attempt in (lambda: (self.mount / "new").write_text("x"), lambda: (self.mount / "f").write_text("y"),
                                 lambda: os.unlink(self.mount / "f"), lambda: os.mkdir(self.mount / "d")):
                     self.assertRaises(OSError, attempt)

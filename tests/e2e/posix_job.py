@@ -384,12 +384,17 @@ class Trips(PosixCase):
         for option, reading, changing, checking in (("--allow-other", 1, 0, 2), ("--deny-writers", 0, 0, 0),
                                                     ("--no-pre-read", 1, 1, 0)):
             (self.local / "f").write_text("hello")
+            for folder in ("from", "to"):
+                (self.local / folder).mkdir()
             with self.subTest(option), self.share("--agent-option=--cache-ms=600000", f"--agent-option={option}"):
                 os.listdir(self.mount)
                 os.stat(self.mount / "f")
                 self.assertAsks((1, 1, 1, 0, reading, 0), (self.mount / "f").read_text)
                 self.assertAsks((1, 1, 0, 0, changing, 1), lambda: os.utime(self.mount / "f", (5, 5)))
                 self.assertAsks((2, 2, 0, 0, checking, 0), create_and_delete)
+                # NT replaces no folder: it is refused, deleted, and then there is room.
+                self.assertAsks((2, 2, 0, 0, checking // 2, 3), lambda: os.rename(self.mount / "from", self.mount / "to"))
+                (self.local / "to").rmdir()
                 self.assertEqual(os.listdir(self.local), ["f"])
 
 

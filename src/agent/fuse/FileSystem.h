@@ -159,7 +159,7 @@ private:
     Task<nt::NTSTATUS> DeleteOpenFile(NodePtr parent, std::string name, NodePtr node, Place place);
     void CloseDeletion(const NodePtr &node, const std::shared_ptr<RemoteShare> &share);
     Task<Nothing> ClearTheWay(NodePtr node);
-    Task<Nothing> AwaitClosesBelow(NodePtr folder);
+    Task<bool> AwaitClosesBelow(NodePtr folder);
     Task<nt::NTSTATUS> Move(Moving moving, bool replace);
     Task<nt::NTSTATUS> RenameOver(Moving moving, nt::NTSTATUS refusal);
     Task<nt::NTSTATUS> RenameOverOpenFile(Moving moving, NodePtr targetNode);

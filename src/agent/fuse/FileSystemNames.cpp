@@ -301,19 +301,21 @@ Task<Nothing> FileSystem::ClearTheWay(NodePtr node)
     co_return Nothing{};
 }
 
-// What is still being closed in a folder keeps NT from moving it.
-Task<Nothing> FileSystem::AwaitClosesBelow(NodePtr folder)
+// What is still being closed in a folder keeps NT from moving it. False: there was nothing to wait for.
+Task<bool> FileSystem::AwaitClosesBelow(NodePtr folder)
 {
+    bool waited = false;
     for (const auto &[name, id] : table.ChildrenOf(folder)) {
         const NodePtr child = table.Find(id);
-        if (!child)
-            continue;
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { child->opens.WhenNoneClosing(std::move(done)); });
-        if (child->directory)
-            co_await AwaitClosesBelow(child);
+        if (child && child->opens.IsClosing()) {
+            waited = true;
+            co_await AwaitCall(
+                [&](InlineFunction<void()> done) { child->opens.WhenNoneClosing(std::move(done)); });
+        }
+        if (child && child->directory && co_await AwaitClosesBelow(child))
+            waited = true;
     }
-    co_return Nothing{};
+    co_return waited;
 }
 
 Task<nt::NTSTATUS> FileSystem::Move(Moving moving, bool replace)
@@ -326,10 +328,8 @@ Task<nt::NTSTATUS> FileSystem::Move(Moving moving, bool replace)
         co_return opened.status;
     moving.fileId = opened.fileId;
     IoResult renamed = co_await RenameFile(*moving.source.share, moving.fileId, moving.target.path, replace);
-    if (node && node->directory && IsRefusal(renamed.status)) {
-        co_await AwaitClosesBelow(node);
+    if (node && node->directory && IsRefusal(renamed.status) && co_await AwaitClosesBelow(node))
         renamed = co_await RenameFile(*moving.source.share, moving.fileId, moving.target.path, replace);
-    }
     nt::NTSTATUS status = renamed.status;
     if (replace && (IsRefusal(status) || status == nt::STATUS_OBJECT_NAME_COLLISION))
         status = co_await RenameOver(moving, status);

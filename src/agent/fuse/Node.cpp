@@ -58,6 +58,12 @@ bool OpenState::IsOpen() const
     return !files.empty();
 }
 
+bool OpenState::IsClosing() const
+{
+    const transport::MutexLock held(lock);
+    return closing != 0;
+}
+
 void OpenState::WhenNoneClosing(Waiter waiter)
 {
     {

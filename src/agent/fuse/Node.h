@@ -50,6 +50,7 @@ public:
     // Any open of the file; one that may write if that is wanted. Null when there is none.
     OpenFilePtr Any(bool writable) const;
     bool IsOpen() const;
+    bool IsClosing() const;
 
     using Waiter = InlineFunction<void()>;
     // Calls the function when no close is under way.
