@@ -2,33 +2,20 @@
 // order of arrival, over the main and the side connection alike.
 #pragma once
 
+#include "Mailbox.h"
 #include "transport/FrameConnection.h"
 #include "transport/FrameRecorder.h"
 
-#include <condition_variable>
-#include <deque>
 #include <memory>
-#include <mutex>
+#include <string>
 
 namespace fodr::test {
 
-// Lines from any thread, taken in order. Waits have no limit of their own; a hang is the test's time limit.
+// Lines from any thread, taken in order.
 class Lines {
 public:
-    void Add(const std::string &line)
-    {
-        const std::lock_guard<std::mutex> held(lock);
-        lines.push_back(line);
-        added.notify_all();
-    }
-    std::string Next()
-    {
-        std::unique_lock<std::mutex> held(lock);
-        added.wait(held, [this] { return !lines.empty(); });
-        std::string line = lines.front();
-        lines.pop_front();
-        return line;
-    }
+    void Add(const std::string &line) { lines.Put(line); }
+    std::string Next() { return lines.Take(); }
     // The next `count` lines, one a line.
     std::string Take(size_t count)
     {
@@ -37,16 +24,10 @@ public:
             all += Next() + "\n";
         return all;
     }
-    bool Empty()
-    {
-        const std::lock_guard<std::mutex> held(lock);
-        return lines.empty();
-    }
+    bool Empty() { return lines.IsEmpty(); }
 
 private:
-    std::mutex lock;
-    std::condition_variable added;
-    std::deque<std::string> lines;
+    Mailbox<std::string> lines;
 };
 
 class TestAgent {
