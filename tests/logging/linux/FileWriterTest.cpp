@@ -197,11 +197,11 @@ TEST_F(LogFiles, AreNotTriedAgainOnceTheFolderIsGone)
 TEST_F(LogFiles, AreDeletedWhenTheyAreOldWhoeverWroteThem)
 {
     ASSERT_TRUE(writer->Init());
-    const std::string old = MakeFile("orvane-default-1.log", 8);
+    const std::string old = MakeFile("orvane-default-old.log", 8);
     const std::string current = MakeFile(writer->FileName(), 8);
-    const std::string young = MakeFile("orvane-default-2(3).log", 7, -1);
-    const std::string other = MakeFile("orvane-other-1.log", 8);
-    const std::string directory = folder + "/orvane-default-9.log";
+    const std::string young = MakeFile("orvane-default-young(3).log", 7, -1);
+    const std::string other = MakeFile("orvane-other-old.log", 8);
+    const std::string directory = folder + "/orvane-default-directory.log";
     fs::create_directory(directory);
     fs::last_write_time(directory, fs::last_write_time(old));
     writer->SetValue("maxDaysKept", "7");
@@ -216,8 +216,8 @@ TEST_F(LogFiles, AreDeletedWhenTheyAreOldWhoeverWroteThem)
                     testing::IsSupersetOf({"I " + by + "Deleted \"" + old + "\"",
                                            "V " + by + "Skipping \"" + young + "\"",
                                            "I " + by + "Skipping current log file \"" + current + "\""}));
-        EXPECT_THAT(lines,
-                    testing::Not(testing::Contains(testing::ContainsRegex("orvane-(other|default-9)"))));
+        EXPECT_THAT(lines, testing::Not(testing::Contains(
+                               testing::ContainsRegex("orvane-(other|default-directory)"))));
         EXPECT_EQ(4 * 3600 * 1000, writer->DeletionItem()->GetTimeoutMS());
     }
     EXPECT_FALSE(fs::exists(old));
@@ -229,7 +229,7 @@ TEST_F(LogFiles, AreDeletedTwentyAtATime)
 {
     ASSERT_TRUE(writer->Init());
     for (int i = 0; i < 45; ++i)
-        MakeFile("orvane-default-" + std::to_string(i) + ".log", 2);
+        MakeFile("orvane-default-old" + std::to_string(i) + ".log", 2);
     auto left = [&] { return std::distance(fs::directory_iterator(folder), fs::directory_iterator()) - 1; };
     EXPECT_TRUE(writer->DeletionItem()->Run(true)); // off, as the fixture left it
     EXPECT_EQ(45, left());
@@ -240,7 +240,7 @@ TEST_F(LogFiles, AreDeletedTwentyAtATime)
         EXPECT_EQ(files, left());
         EXPECT_EQ(nextRunMS, writer->DeletionItem()->GetTimeoutMS());
     }
-    MakeFile("orvane-default-1.log", 10000);
+    MakeFile("orvane-default-old.log", 10000);
     writer->SetValue("maxDaysKept", "21350399"); // no file is that old, and 64 bits of its time overflow
     writer->DeletionItem()->Run(true);
     EXPECT_EQ(1, left());
