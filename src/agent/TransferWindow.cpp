@@ -41,18 +41,25 @@ void TransferWindow::Rate::Take(double value, Time now, Clock::duration span)
     current = std::max(current, value);
 }
 
-void TransferWindow::MeasureDelay(const Transfer &transfer, Time now)
+// What the bytes of a transfer took themselves is part of its time: it can't be told apart while the rate is
+// only what the limit let through, and taking it off then would keep the limit where it is.
+void TransferWindow::MeasureDelay(Time begun, bool alone, Time now)
 {
-    // What the bytes themselves took isn't delay.
-    const double own = static_cast<double>(transfer.bytes) / rate.Value();
-    const double seen = std::max(Seconds(now - transfer.begun) - own, kShortestDelay);
-    if (delay == 0 || seen <= delay || (probing && transfer.alone)) {
+    const double seen = std::max(Seconds(now - begun), kShortestDelay);
+    const bool old = now - delaySeen > kDelaySpan;
+    if (delay == 0 || seen <= delay || (old && alone)) {
         delay = seen;
         delaySeen = now;
         probing = false;
-    } else if (now - delaySeen > kDelaySpan) {
+    } else if (old) {
         probing = true;
     }
+}
+
+void TransferWindow::NoteRoundTrip(Time begun, Time now)
+{
+    const transport::MutexLock held(lock);
+    MeasureDelay(begun, inFlight == 0, now);
 }
 
 void TransferWindow::Measure(const Transfer &transfer, Time now)
@@ -61,8 +68,9 @@ void TransferWindow::Measure(const Transfer &transfer, Time now)
     deliveredAt = now;
     const double elapsed = std::max(Seconds(now - transfer.deliveredAt), kShortestDelay);
     rate.Take(static_cast<double>(delivered - transfer.deliveredBefore) / elapsed, now, kRateSpan);
-    MeasureDelay(transfer, now);
-    const double wanted = rate.Value() * (2 * delay + kSlack);
+    MeasureDelay(transfer.begun, transfer.alone, now);
+    // And one more of its pieces: it goes out whole or not at all.
+    const double wanted = rate.Value() * (2 * delay + kSlack) + static_cast<double>(transfer.bytes);
     limit = static_cast<size_t>(
         std::clamp(wanted, static_cast<double>(kSmallest), static_cast<double>(kLargest)));
 }

@@ -1,6 +1,6 @@
 // How many bytes of file data may be on their way in one direction: enough to keep the connection busy, and
 // no more, so that small requests don't wait behind seconds of data. The measure is the rate at which data
-// arrives and the time an empty connection takes to answer. Any thread.
+// arrives and the shortest time in which anything was answered. Any thread.
 #pragma once
 
 #include "agent/InlineFunction.h"
@@ -30,6 +30,8 @@ public:
     };
     Transfer Begin(size_t bytes, Time now);
     void End(const Transfer &transfer, Time now);
+    // How long a request without data took, as that of opening a file.
+    void NoteRoundTrip(Time begun, Time now);
 
     size_t Limit() const { return probing && inFlight != 0 ? 0 : limit.load(); }
     size_t InFlight() const { return inFlight; }
@@ -46,7 +48,7 @@ private:
         void Take(double value, Time now, Clock::duration span);
         double Value() const { return current > previous ? current : previous; }
     };
-    void MeasureDelay(const Transfer &transfer, Time now) REQUIRES(lock);
+    void MeasureDelay(Time begun, bool alone, Time now) REQUIRES(lock);
     void Measure(const Transfer &transfer, Time now) REQUIRES(lock);
 
     std::atomic<size_t> limit{kFirst};

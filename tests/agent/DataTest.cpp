@@ -285,41 +285,5 @@ TEST_F(ReadAheadTest, AFailureAheadIsNotTheReadersFailure)
     EXPECT_EQ(outcomes.Take().status, nt::STATUS_FILE_LOCK_CONFLICT);
 }
 
-// One second of the clock that the test turns.
-TEST(TransferWindow, FollowsRateAndDelay)
-{
-    const struct {
-        double bytesPerSecond, delaySeconds;
-        size_t least, most;
-    } cases[] = {
-        {1e6, 0.01, TransferWindow::kSmallest, TransferWindow::kSmallest},
-        {1e7, 0.1, 1'500'000, 3'500'000},
-        {1e9, 0.1, TransferWindow::kLargest, TransferWindow::kLargest},
-    };
-    for (const auto &row : cases) {
-        TransferWindow window;
-        TransferWindow::Time now{std::chrono::hours(1)};
-        const auto after = [&now](double seconds) {
-            return now + std::chrono::duration_cast<TransferWindow::Clock::duration>(
-                             std::chrono::duration<double>(seconds));
-        };
-        constexpr size_t kPiece = 64 << 10;
-        // A line that carries one piece after the other, each `delaySeconds` long on its way.
-        std::deque<std::pair<TransferWindow::Transfer, TransferWindow::Time>> line;
-        TransferWindow::Time lineFree = now;
-        for (int i = 0; i < 20000; ++i) {
-            while (window.InFlight() + kPiece <= window.Limit()) {
-                lineFree = std::max(lineFree, now) + (after(kPiece / row.bytesPerSecond) - now);
-                line.emplace_back(window.Begin(kPiece, now), lineFree + (after(row.delaySeconds) - now));
-            }
-            now = line.front().second;
-            window.End(line.front().first, now);
-            line.pop_front();
-        }
-        EXPECT_GE(window.Limit(), row.least) << row.bytesPerSecond;
-        EXPECT_LE(window.Limit(), row.most) << row.bytesPerSecond;
-    }
-}
-
 } // namespace
 } // namespace fodr::agent

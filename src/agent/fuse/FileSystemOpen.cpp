@@ -67,6 +67,17 @@ void FileSystem::CloseLater(const NodePtr &node, const std::shared_ptr<RemoteSha
     share->Close(fileId, [node](const IoResult &) { node->opens.EndClose(); });
 }
 
+// Its time tells how much data has to be on its way.
+Task<IoResult> FileSystem::OpenAt(Place place, RemoteShare::CreateCall open)
+{
+    const auto begun = TransferWindow::Clock::now();
+    IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    const auto now = TransferWindow::Clock::now();
+    readWindow.NoteRoundTrip(begun, now);
+    writeWindow.NoteRoundTrip(begun, now);
+    co_return opened;
+}
+
 // Opens the node's file, or what is by now where the kernel last saw it: who opens a name while it is being
 // replaced gets the old file or the new one, never nothing.
 Task<IoResult> FileSystem::OpenNode(NodePtr node, RemoteShare::CreateCall open, Place *place)
@@ -74,9 +85,9 @@ Task<IoResult> FileSystem::OpenNode(NodePtr node, RemoteShare::CreateCall open, 
     const GateHold passed = co_await PassGate(table.ShownParentOf(node), NameGate::Entry::Shared);
     IoResult opened = {.status = nt::STATUS_OBJECT_NAME_NOT_FOUND};
     if (table.PlaceOf(node, place))
-        opened = co_await CreateFile(*place->share, open, place->path);
+        opened = co_await OpenAt(*place, open);
     if (SaysAbsent(opened.status) && table.ShownPlaceOf(node, place))
-        opened = co_await CreateFile(*place->share, open, place->path);
+        opened = co_await OpenAt(*place, open);
     co_return opened;
 }
 
@@ -171,7 +182,7 @@ Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string n
     if ((mode & S_IWUSR) == 0)
         create.fileAttributes = nt::FILE_ATTRIBUTE_READONLY;
     parent->NoteOwnChange();
-    const IoResult opened = co_await CreateFile(*place.share, create, place.path);
+    const IoResult opened = co_await OpenAt(place, create);
     if (opened.Failed()) {
         call->FailStatus(opened.status);
         co_return;
