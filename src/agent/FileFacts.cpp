@@ -74,6 +74,13 @@ bool ReadFullSizeInformation(ByteSpan record, VolumeFacts *facts)
     return true;
 }
 
+void DirectoryReader::Entry::CopyName(std::u16string *to) const
+{
+    to->resize(name.size() / 2);
+    for (size_t i = 0; i < to->size(); ++i)
+        (*to)[i] = static_cast<char16_t>(LoadLittle<uint16_t>(&name[2 * i]));
+}
+
 bool DirectoryReader::Next(Entry *entry)
 {
     if (rest.empty())

@@ -4,6 +4,7 @@
 #include "agent/IoResult.h"
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace fodr::agent {
@@ -40,6 +41,7 @@ public:
     struct Entry {
         FileFacts facts;
         ByteSpan name; // UTF-16LE
+        void CopyName(std::u16string *to) const;
     };
     // False at the end, and for an entry that leaves the answer: then Malformed says so.
     [[nodiscard]] bool Next(Entry *entry);

@@ -397,6 +397,32 @@ class Trips(PosixCase):
                 (self.local / "to").rmdir()
                 self.assertEqual(os.listdir(self.local), ["f"])
 
+    def test_names_of_a_folder_are_told_together(self):
+        (self.local / "folder").mkdir()
+        for number in range(400):
+            (self.local / "folder" / f"f{number}").write_text("old")
+
+        def lookups(numbers):
+            before = self.traffic().get("DIRECTORY_CONTROL", 0)
+            for number in numbers:
+                os.stat(self.mount / "folder" / f"f{number}")
+            return self.traffic()["DIRECTORY_CONTROL"] - before
+
+        with self.share("--agent-option=--cache-ms=600000"):
+            fresh = iter(range(300))
+            wait_for(lambda: lookups([next(fresh)]) == 0, "names told ahead of their lookup")
+            self.assertEqual(lookups(range(300, 390)), 0)
+            # What the owner does to others of them meanwhile is seen all the same.
+            (self.local / "folder" / "f398").write_text("longer")
+            (self.local / "folder" / "f399").unlink()
+            wait_for(lambda: (self.mount / "folder" / "f398").stat().st_size == 6, "the new size")
+            wait_for(lambda: not (self.mount / "folder" / "f399").exists(), "the deletion")
+            # And what happens here at once.
+            (self.mount / "folder" / "f397").write_text("mine, longer")
+            self.assertEqual((self.mount / "folder" / "f397").stat().st_size, 12)
+            (self.mount / "folder" / "f396").rename(self.mount / "folder" / "f395")
+            self.assertFalse((self.mount / "folder" / "f396").exists())
+
 
 class Trouble(PosixCase):
     def test_a_waiting_caller_can_be_killed(self):

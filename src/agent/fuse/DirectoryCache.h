@@ -4,6 +4,7 @@
 #pragma once
 
 #include "agent/fuse/NodeTable.h"
+#include "agent/fuse/RecentNames.h"
 
 #include <functional>
 #include <list>
@@ -22,6 +23,7 @@ public:
 
     RemoteShare &Share() const { return *share; }
     uint32_t FileId() const { return fileId; }
+    RecentNames &Names() { return names; }
     // Something that is let go when the close has been answered. Set by who takes the handle out of use.
     void KeepUntilClosed(std::shared_ptr<void> thing) { kept = std::move(thing); }
 
@@ -30,6 +32,7 @@ private:
     const NodePtr node;
     const std::shared_ptr<RemoteShare> share;
     const uint32_t fileId;
+    RecentNames names;
 };
 using DirectoryHandlePtr = std::shared_ptr<DirectoryHandle>;
 
@@ -50,6 +53,8 @@ public:
     using Handler = InlineFunction<void(nt::NTSTATUS, const DirectoryHandlePtr &)>;
     void Acquire(const NodePtr &directory, Handler handler);
 
+    // What was told of the folder's names doesn't count any more.
+    void ForgetNames(const NodePtr &directory);
     // Forgets a handle that turned out to be of no use.
     void Drop(const NodePtr &directory);
     // Closes the handles of a folder and of all folders in it, because its place or its life ends. `closed`

@@ -122,9 +122,7 @@ void DirectoryListing::TakeEntries(ByteSpan answer)
     DirectoryReader reader(answer);
     std::u16string ntName;
     for (DirectoryReader::Entry record; reader.Next(&record);) {
-        ntName.resize(record.name.size() / 2);
-        for (size_t i = 0; i < ntName.size(); ++i)
-            ntName[i] = static_cast<char16_t>(LoadLittle<uint16_t>(&record.name[2 * i]));
+        record.CopyName(&ntName);
         Entry entry;
         entry.facts = record.facts;
         // What has no POSIX name can't be shown.

@@ -117,19 +117,29 @@ bool FileSystem::OnDirectoryChanged(const NodePtr &directory)
     return true;
 }
 
-EntryAnswer FileSystem::AnswerFor(const NodePtr &node, const FileFacts &facts, bool lasting) const
+EntryAnswer FileSystem::AnswerFor(const NodePtr &node, const FileFacts &facts, bool lasting, double age) const
 {
+    const double left = std::max(0.0, options.cacheSeconds - age);
     return {.node = node->id,
             .attributes = StatOf(facts, node->id, options.owner),
-            .nameSeconds = options.cacheSeconds,
-            .attributeSeconds = lasting ? options.cacheSeconds : 0};
+            .nameSeconds = left,
+            .attributeSeconds = lasting ? left : 0};
+}
+
+// Whether a folder's entry still says what is so, as far as this side has to do with it.
+bool FileSystem::IsAsTold(const NodePtr &parent, const std::string &name, Node::Clock::time_point asked) const
+{
+    if (parent->ChangedSince(asked))
+        return false;
+    const NodePtr node = table.Child(parent, name);
+    return !node || !(node->ChangedSince(asked) || node->opens.Any(true));
 }
 
 // `node` has one lookup more for this answer.
 bool FileSystem::ReplyEntry(const FuseCall::Ptr &call, const NodePtr &node, const FileFacts &facts,
-                            bool lasting)
+                            bool lasting, double age)
 {
-    if (call->Entry(AnswerFor(node, facts, lasting)))
+    if (call->Entry(AnswerFor(node, facts, lasting, age)))
         return true;
     table.Forget(node->id, 1);
     return false;

@@ -88,7 +88,10 @@ private:
     struct Found {
         nt::NTSTATUS status = nt::STATUS_SUCCESS;
         FileFacts facts;
+        double age = 0; // seconds of the cache time that are over
     };
+    // Whether the other side is asked, or what it told within the cache time will do.
+    enum class Asking { Now, Lately };
     // An open directory of the kernel's.
     struct OpenListing {
         NodePtr node;
@@ -104,22 +107,27 @@ private:
             std::chrono::duration<double>(options.cacheSeconds));
     }
     bool OnDirectoryChanged(const NodePtr &directory);
-    EntryAnswer AnswerFor(const NodePtr &node, const FileFacts &facts, bool lasting) const;
-    bool ReplyEntry(const FuseCall::Ptr &call, const NodePtr &node, const FileFacts &facts, bool lasting);
+    EntryAnswer AnswerFor(const NodePtr &node, const FileFacts &facts, bool lasting, double age = 0) const;
+    bool ReplyEntry(const FuseCall::Ptr &call, const NodePtr &node, const FileFacts &facts, bool lasting,
+                    double age = 0);
+    bool IsAsTold(const NodePtr &parent, const std::string &name, Node::Clock::time_point asked) const;
     bool LocateForChange(const FuseCall::Ptr &call, const NodePtr &parent, const std::string &name,
                          Place *place) const;
 
     // FileSystemLookup.cpp
-    Task<Found> Find(NodePtr parent, std::string name);
-    Task<Found> FindPassing(NodePtr parent, std::string name);
+    Task<Found> Find(NodePtr parent, std::string name, Asking asking = Asking::Now);
+    Task<Found> FindPassing(NodePtr parent, std::string name, Asking asking);
     auto AwaitDirectory(const NodePtr &node)
     {
         return AwaitValues<nt::NTSTATUS, DirectoryHandlePtr>(
             [this, &node](DirectoryCache::Handler done) { directories.Acquire(node, std::move(done)); });
     }
-    Task<Found> FindByHandle(NodePtr parent, std::string name, bool *decided);
+    Detached AskForNames(DirectoryHandlePtr directory);
+    bool Recall(const NodePtr &parent, const std::string &name, const std::u16string &ntName,
+                const DirectoryHandlePtr &directory, Found *found);
+    Task<Found> FindByHandle(NodePtr parent, std::string name, Asking asking, bool *decided);
     Task<Found> FindByPath(Place place);
-    Task<Found> FactsOf(NodePtr node);
+    Task<Found> FactsOf(NodePtr node, Asking asking = Asking::Now);
     Task<Found> FactsOfDirectory(NodePtr node);
 
     // FileSystemAttributes.cpp
@@ -169,7 +177,6 @@ private:
     Task<nt::NTSTATUS> BeginListing(OpenListingPtr open);
     void FillListing(const OpenListing &open, uint64_t offset, ListingBuffer *buffer,
                      std::vector<uint64_t> *reached);
-    bool IsListedNow(const OpenListing &open, const DirectoryListing::Entry &entry) const;
 
     const Options options;
     NodeTable table;

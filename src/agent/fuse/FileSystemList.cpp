@@ -112,13 +112,11 @@ void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBu
         ++offset;
         EntryAnswer answer;
         answer.attributes = StatOf(entry->facts, kUnknownInode, options.owner);
-        if (buffer->IsPlus() && IsListedNow(open, *entry)) {
+        if (buffer->IsPlus() && IsAsTold(open.node, entry->name, open.listing->BegunAt())) {
             const NodePtr node = table.Reach(open.node, entry->name, entry->facts.IsDirectory());
             node->NoteFacts(entry->facts);
-            answer = AnswerFor(node, entry->facts, true);
-            if (Node::Clock::now() - open.listing->BegunAt() >
-                std::chrono::duration<double>(options.cacheSeconds))
-                answer.nameSeconds = answer.attributeSeconds = 0;
+            const std::chrono::duration<double> age = Node::Clock::now() - open.listing->BegunAt();
+            answer = AnswerFor(node, entry->facts, true, age.count());
             reached->push_back(node->id);
         }
         if (buffer->Add(entry->name, answer, offset))
@@ -129,16 +127,6 @@ void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBu
         }
         return;
     }
-}
-
-// Whether an entry still says what is so, as far as this side has to do with it.
-bool FileSystem::IsListedNow(const OpenListing &open, const DirectoryListing::Entry &entry) const
-{
-    const auto begun = open.listing->BegunAt();
-    if (open.node->ChangedSince(begun))
-        return false;
-    const NodePtr node = table.Child(open.node, entry.name);
-    return !node || !(node->ChangedSince(begun) || node->opens.Any(true));
 }
 
 void FileSystem::ReleaseDirectory(FuseCall::Ptr call, uint64_t handle)

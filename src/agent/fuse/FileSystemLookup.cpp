@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace fodr::agent {
@@ -18,9 +19,7 @@ bool PickEntry(ByteSpan answer, const std::u16string &wanted, FileFacts *facts)
     DirectoryReader reader(answer);
     std::u16string ntName;
     for (DirectoryReader::Entry entry; reader.Next(&entry);) {
-        ntName.resize(entry.name.size() / 2);
-        for (size_t i = 0; i < ntName.size(); ++i)
-            ntName[i] = static_cast<char16_t>(LoadLittle<uint16_t>(&entry.name[2 * i]));
+        entry.CopyName(&ntName);
         const bool exact = ntName == wanted;
         if (found && !exact)
             continue;
@@ -36,12 +35,12 @@ bool PickEntry(ByteSpan answer, const std::u16string &wanted, FileFacts *facts)
 
 // ---- Finding names ----
 
-Task<FileSystem::Found> FileSystem::Find(NodePtr parent, std::string name)
+Task<FileSystem::Found> FileSystem::Find(NodePtr parent, std::string name, Asking asking)
 {
     if (name.starts_with(kHiddenPrefix))
         co_return Found{.status = nt::STATUS_OBJECT_NAME_NOT_FOUND, .facts = {}};
     bool decided = false;
-    Found found = co_await FindByHandle(parent, name, &decided);
+    Found found = co_await FindByHandle(parent, name, asking, &decided);
     if (decided)
         co_return found;
     Place place;
@@ -52,15 +51,48 @@ Task<FileSystem::Found> FileSystem::Find(NodePtr parent, std::string name)
 }
 
 // Not while a name is taken away for a moment.
-Task<FileSystem::Found> FileSystem::FindPassing(NodePtr parent, std::string name)
+Task<FileSystem::Found> FileSystem::FindPassing(NodePtr parent, std::string name, Asking asking)
 {
     const GateHold passed = co_await PassGate(parent, NameGate::Entry::Shared);
-    Found found = co_await Find(parent, name);
+    Found found = co_await Find(parent, name, asking);
     co_return found;
 }
 
-// One request, once the folder is open. Not decided: another way has to be tried.
-Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string name, bool *decided)
+// Asks for as many names of the folder as one answer holds.
+Detached FileSystem::AskForNames(DirectoryHandlePtr directory)
+{
+    const auto asked = Node::Clock::now();
+    const IoResult result = co_await SearchDirectory(directory->Share(), directory->FileId(), u"*");
+    directory->Names().Answered(asked, result.Failed() ? ByteSpan{} : result.data);
+}
+
+// What the folder's names were told to be lately, if that still holds.
+bool FileSystem::Recall(const NodePtr &parent, const std::string &name, const std::u16string &ntName,
+                        const DirectoryHandlePtr &directory, Found *found)
+{
+    const auto now = Node::Clock::now();
+    bool ask = false;
+    Node::Clock::duration age{};
+    const RecentNames::ToldPtr told = directory->Names().Recall(now, CacheSpan(), &age, &ask);
+    // Names that come and go all the time aren't worth it.
+    if (ask && !parent->ChangedSince(now - CacheSpan()))
+        AskForNames(directory);
+    else if (ask)
+        directory->Names().Answered(now, {});
+    if (!told || !IsAsTold(parent, name, told->asked))
+        return false;
+    const auto entry = told->names.find(ntName);
+    if (entry == told->names.end())
+        return false;
+    directory->Names().NoteUse();
+    found->facts = entry->second;
+    found->age = std::chrono::duration<double>(age).count();
+    return true;
+}
+
+// One request at most, once the folder is open. Not decided: another way has to be tried.
+Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string name, Asking asking,
+                                                 bool *decided)
 {
     Found found;
     Place place;
@@ -73,6 +105,10 @@ Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string nam
         co_return found;
     }
     const std::u16string wanted = NtNameFromPosix(name);
+    if (asking == Asking::Lately && Recall(parent, name, wanted, directory, &found)) {
+        *decided = true;
+        co_return found;
+    }
     const IoResult result = co_await SearchDirectory(directory->Share(), directory->FileId(), wanted);
     found.status = result.status;
     if (!result.Failed() && !PickEntry(result.data, wanted, &found.facts))
@@ -132,7 +168,7 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
     const std::shared_ptr<WriteBehind> writes = known ? known->WritesIfAny() : nullptr;
     if (writes)
         co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
-    const Found found = co_await FindPassing(parent, name);
+    const Found found = co_await FindPassing(parent, name, Asking::Lately);
     if (nt::IsError(found.status)) {
         if (SaysAbsent(found.status))
             call->Fail(ENOENT);
@@ -150,13 +186,13 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
             co_return;
         }
     }
-    ReplyEntry(call, node, found.facts, true);
+    ReplyEntry(call, node, found.facts, true, found.age);
 }
 
 // ---- Facts of nodes ----
 
 // Of what is open by its handle, of others by their name.
-Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node)
+Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node, Asking asking)
 {
     Found found;
     const std::shared_ptr<WriteBehind> writes = node->WritesIfAny();
@@ -176,7 +212,7 @@ Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node)
     } else if (!table.SpotOf(node, &parent, &name) || (options.folders && parent == table.Root())) {
         found = co_await FactsOfDirectory(node);
     } else {
-        found = co_await FindPassing(parent, name);
+        found = co_await FindPassing(parent, name, asking);
         // Another file by now, where the kernel knows this one.
         if (!nt::IsError(found.status) && found.facts.IsDirectory() != node->directory)
             found.status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
@@ -221,7 +257,7 @@ Detached FileSystem::GetAttributes(FuseCall::Ptr call, uint64_t nodeId)
         call->Attributes(StatOf(root, node->id, options.owner), 0);
         co_return;
     }
-    const Found found = co_await FactsOf(node);
+    const Found found = co_await FactsOf(node, Asking::Lately);
     if (SaysAbsent(found.status)) {
         call->Fail(ESTALE);
         co_return;
@@ -233,7 +269,7 @@ Detached FileSystem::GetAttributes(FuseCall::Ptr call, uint64_t nodeId)
     struct stat attributes = StatOf(found.facts, node->id, options.owner);
     if (table.IsRemoved(node) || node->opens.IsDeleted())
         attributes.st_nlink = 0;
-    call->Attributes(attributes, node->opens.Any(true) ? 0 : options.cacheSeconds);
+    call->Attributes(attributes, node->opens.Any(true) ? 0 : std::max(0.0, options.cacheSeconds - found.age));
 }
 
 // By the modes that are shown. Only whether something can be written is a question to the other side.

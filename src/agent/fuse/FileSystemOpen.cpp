@@ -133,6 +133,7 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         readsAlone ? co_await OpenToRead(node, open, &place, &facts) : co_await OpenNode(node, open, &place);
     if (opened.Failed()) {
         // The kernel looks the name up again, and knows then.
+        directories.ForgetNames(table.ShownParentOf(node));
         if (SaysAbsent(opened.status))
             call->Fail(ESTALE);
         else

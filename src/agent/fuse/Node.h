@@ -98,6 +98,12 @@ struct Node {
     // The last change that this mount made: of a file's data or facts, of a folder's names.
     void NoteOwnChange() { ownChange = Clock::now().time_since_epoch().count(); }
     bool ChangedSince(Clock::time_point time) const { return ownChange >= time.time_since_epoch().count(); }
+    // What is known of `gone` goes with it: whoever was told of its folder before its change can't use that.
+    void TakeChangeOf(const Node &gone)
+    {
+        if (gone.ownChange > ownChange)
+            ownChange = gone.ownChange.load();
+    }
 
     // Listings of the folder that may be going on, to be ended when it is removed.
     void NoteListing(const std::shared_ptr<DirectoryListing> &listing);

@@ -70,6 +70,8 @@ void NodeTable::DropIfUnused(const NodePtr &node)
     NodePtr at = node;
     while (at && at->lookups == 0 && at->children.empty()) {
         const NodePtr parent = at->parent;
+        if (parent)
+            parent->TakeChangeOf(*at);
         Detach(at.get());
         nodes.erase(at->id);
         at = parent;
