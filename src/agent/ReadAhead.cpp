@@ -118,8 +118,9 @@ std::vector<ReadAhead::BlockPtr> ReadAhead::PlanAhead()
         from = std::max(from, blocks.rbegin()->second->End());
     const uint64_t to = nextOffset + reach;
     const auto size = static_cast<uint32_t>(std::clamp<uint64_t>(reach / 4, kSmallestBlock, kLargestBlock));
-    // A block is asked for when there is room for all of it, so that blocks don't become slivers.
-    while (from + size <= to && window.InFlight() + size <= window.Limit()) {
+    // A block is asked for whole where there is room for a part of it: blocks don't become slivers, and a
+    // window of few blocks is used up.
+    while (from < to && window.InFlight() < window.Limit()) {
         planned.push_back(AddBlock(from, size));
         from += size;
     }
@@ -206,7 +207,7 @@ void ReadAhead::Prime(uint32_t length, bool toEnd)
     BlockPtr block;
     {
         const transport::MutexLock held(lock);
-        if (blocks.empty() && window.InFlight() + length <= window.Limit())
+        if (blocks.empty() && window.InFlight() < window.Limit())
             block = AddBlock(0, length);
         if (block)
             block->toEnd = toEnd;

@@ -69,8 +69,7 @@ void TransferWindow::Measure(const Transfer &transfer, Time now)
     const double elapsed = std::max(Seconds(now - transfer.deliveredAt), kShortestDelay);
     rate.Take(static_cast<double>(delivered - transfer.deliveredBefore) / elapsed, now, kRateSpan);
     MeasureDelay(transfer.begun, transfer.alone, now);
-    // And one more of its pieces: it goes out whole or not at all.
-    const double wanted = rate.Value() * (2 * delay + kSlack) + static_cast<double>(transfer.bytes);
+    const double wanted = rate.Value() * (2 * delay + kSlack);
     limit = static_cast<size_t>(
         std::clamp(wanted, static_cast<double>(kSmallest), static_cast<double>(kLargest)));
 }

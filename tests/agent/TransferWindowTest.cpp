@@ -27,7 +27,7 @@ public:
         const double begun = now;
         size_t arrived = 0;
         while (now < begun + seconds) {
-            while (sent.empty() || window.InFlight() + kBlock <= window.Limit())
+            while (sent.empty() || window.InFlight() < window.Limit())
                 Send();
             mostOnTheWay = std::max(mostOnTheWay, window.InFlight());
             now = std::max(now, sent.front().arrives);
