@@ -1,12 +1,10 @@
-#include "ntposix/NtFixture.h"
-
-#include <cstring>
-#include <vector>
+#include "ntposix/NtWords.h"
 
 namespace fodr::nt {
 namespace {
 
-constexpr uint32_t kReadWrite = GENERIC_READ | GENERIC_WRITE;
+using DeviceControl = NtFixture;
+
 constexpr int64_t kMegabyte = 1 << 20;
 
 struct Reply {
@@ -17,11 +15,11 @@ struct Reply {
 // Buffers are heap blocks of just the stated lengths.
 Reply Control(HANDLE file, uint32_t code, const std::vector<uint8_t> &input, uint32_t outputLength)
 {
-    const std::vector<uint8_t> in(input);
     Reply reply{0, std::vector<uint8_t>(outputLength)};
     IO_STATUS_BLOCK io{};
-    reply.status = NtDeviceIoControlFile(file, nullptr, nullptr, nullptr, &io, code, in.data(),
-                                         static_cast<uint32_t>(in.size()), reply.data.data(), outputLength);
+    reply.status =
+        NtDeviceIoControlFile(file, nullptr, nullptr, nullptr, &io, code, input.data(),
+                              static_cast<uint32_t>(input.size()), reply.data.data(), outputLength);
     EXPECT_EQ(io.Status, reply.status);
     EXPECT_LE(io.Information, outputLength);
     reply.data.resize(io.Information);
@@ -30,34 +28,21 @@ Reply Control(HANDLE file, uint32_t code, const std::vector<uint8_t> &input, uin
 
 template <typename Record> std::vector<uint8_t> Bytes(const Record &record, size_t length = sizeof(Record))
 {
-    std::vector<uint8_t> bytes(sizeof(Record));
-    memcpy(bytes.data(), &record, sizeof(Record));
-    bytes.resize(length);
-    return bytes;
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
+    return {bytes, bytes + length};
 }
-
-class DeviceControl : public NtFixture {
-protected:
-    std::string Content(std::string_view name) const
-    {
-        std::ifstream file(Path(name), std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-};
 
 TEST_F(DeviceControl, AnswersWhatItKnowsAndRefusesTheRest)
 {
     MakeFile("f", "text");
-    struct Case {
-        uint32_t code;
-        std::vector<uint8_t> input;
-        uint32_t outputLength;
-        uint32_t access;
-        NTSTATUS status;
-    };
     const FILE_ZERO_DATA_INFORMATION zero{0, 1}, backwards{2, 1}, negative{-1, 1};
     const FILE_ALLOCATED_RANGE_BUFFER all{0, 100}, beyond{INT64_MAX, 1};
-    const Case cases[] = {
+    const struct {
+        uint32_t code;
+        std::vector<uint8_t> input;
+        uint32_t outputLength, access;
+        NTSTATUS status;
+    } cases[] = {
         {FSCTL_GET_REPARSE_POINT, {}, 100, kReadWrite, STATUS_NOT_A_REPARSE_POINT},
         {FSCTL_SET_SPARSE, {}, 0, kReadWrite, STATUS_SUCCESS},
         {FSCTL_SET_SPARSE, {0}, 0, kReadWrite, STATUS_SUCCESS},
@@ -79,34 +64,28 @@ TEST_F(DeviceControl, AnswersWhatItKnowsAndRefusesTheRest)
         {0x900A4 /* set reparse point */, {}, 0, kReadWrite, STATUS_INVALID_DEVICE_REQUEST},
         {0, {}, 0, kReadWrite, STATUS_INVALID_DEVICE_REQUEST},
     };
-    for (const Case &c : cases) {
-        const NtFile file = Open("f", {.access = c.access});
-        const Reply reply = Control(file, c.code, c.input, c.outputLength);
-        EXPECT_EQ(reply.status, c.status) << &c - cases;
-    }
+    for (const auto &c : cases)
+        EXPECT_EQ(Control(Open("f", {.access = c.access}), c.code, c.input, c.outputLength).status, c.status)
+            << &c - cases;
     EXPECT_EQ(Control(Open("f"), FSCTL_GET_COMPRESSION, {}, 4).data, (std::vector<uint8_t>{0, 0}));
-    EXPECT_EQ(Control(nullptr, FSCTL_GET_COMPRESSION, {}, 4).status, STATUS_INVALID_HANDLE);
-    const NtFile folder = Open("", {.options = FILE_DIRECTORY_FILE});
+    const NtFile folder = Folder("");
     EXPECT_EQ(Control(folder, FSCTL_GET_REPARSE_POINT, {}, 100).status, STATUS_NOT_A_REPARSE_POINT);
     EXPECT_EQ(Control(folder, FSCTL_QUERY_ALLOCATED_RANGES, Bytes(all), 16).status, STATUS_INVALID_PARAMETER);
 }
 
 TEST_F(DeviceControl, ZeroDataPunchesAHoleAndNeverLengthens)
 {
-    MakeFile("f", std::string(3 * kMegabyte, 'x'));
-    const NtFile file = Open("f", {.access = kReadWrite});
-    const FILE_ZERO_DATA_INFORMATION middle{kMegabyte, 2 * kMegabyte}, tail{3 * kMegabyte - 1, 9 * kMegabyte};
-    ASSERT_EQ(Control(file, FSCTL_SET_ZERO_DATA, Bytes(middle), 0).status, STATUS_SUCCESS);
-    ASSERT_EQ(Control(file, FSCTL_SET_ZERO_DATA, Bytes(tail), 0).status, STATUS_SUCCESS);
-    // A lock of another handle is in the way.
-    const NtFile other = Open("f", {.access = kReadWrite});
-    IO_STATUS_BLOCK io{};
-    LARGE_INTEGER lockAt{5}, lockLength{1};
-    ASSERT_EQ(NtLockFile(other, nullptr, nullptr, nullptr, &io, &lockAt, &lockLength, 0, true, true),
-              STATUS_SUCCESS);
-    const FILE_ZERO_DATA_INFORMATION over{0, 6};
-    EXPECT_EQ(Control(file, FSCTL_SET_ZERO_DATA, Bytes(over), 0).status, STATUS_FILE_LOCK_CONFLICT);
     std::string expected(3 * kMegabyte, 'x');
+    MakeFile("f", expected);
+    const NtFile file = Open("f", {.access = kReadWrite});
+    const auto zero = [&](int64_t from, int64_t to) {
+        return Control(file, FSCTL_SET_ZERO_DATA, Bytes(FILE_ZERO_DATA_INFORMATION{from, to}), 0).status;
+    };
+    EXPECT_EQ(zero(kMegabyte, 2 * kMegabyte), STATUS_SUCCESS);
+    EXPECT_EQ(zero(3 * kMegabyte - 1, 9 * kMegabyte), STATUS_SUCCESS);
+    const NtFile other = Open("f", {.access = kReadWrite});
+    ASSERT_EQ(Lock(other, 5, 1, true), STATUS_SUCCESS);
+    EXPECT_EQ(zero(0, 6), STATUS_FILE_LOCK_CONFLICT);
     expected.replace(kMegabyte, kMegabyte, kMegabyte, '\0');
     expected.back() = '\0';
     EXPECT_TRUE(Content("f") == expected);
@@ -120,23 +99,18 @@ TEST_F(DeviceControl, ZeroDataPunchesAHoleAndNeverLengthens)
     EXPECT_EQ(whole.status, STATUS_SUCCESS);
     if (whole.data.size() == 16)
         GTEST_SKIP() << "the file system of " << root << " keeps no holes";
-    ASSERT_EQ(whole.data.size(), 32u);
-    FILE_ALLOCATED_RANGE_BUFFER found[2];
-    memcpy(found, whole.data.data(), sizeof(found));
-    EXPECT_EQ(found[0].FileOffset, 0);
-    EXPECT_EQ(found[0].Length, kMegabyte);
-    EXPECT_EQ(found[1].FileOffset, 2 * kMegabyte);
-    EXPECT_EQ(found[1].Length, kMegabyte);
+    const FILE_ALLOCATED_RANGE_BUFFER left[2]{{0, kMegabyte}, {2 * kMegabyte, kMegabyte}};
+    EXPECT_EQ(whole.data, Bytes(left));
     const Reply one = ranges(0, 10 * kMegabyte, 31);
     EXPECT_EQ(one.status, STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(one.data.size(), 16u);
+    EXPECT_EQ(one.data, Bytes(left[0]));
     EXPECT_EQ(ranges(kMegabyte, kMegabyte, 64).data.size(), 0u);
     EXPECT_EQ(ranges(kMegabyte / 2, 1, 64).data, Bytes(FILE_ALLOCATED_RANGE_BUFFER{kMegabyte / 2, 1}));
 }
 
 TEST_F(DeviceControl, ALinkOpenedAsItselfTellsItsTarget)
 {
-    ASSERT_EQ(symlink("sub/f", Path("link").c_str()), 0);
+    MakeSymlink("sub/f", "link");
     const NtFile link = Open("link", {.access = FILE_READ_ATTRIBUTES, .options = FILE_OPEN_REPARSE_POINT});
     const Reply reply = Control(link, FSCTL_GET_REPARSE_POINT, {}, 1024);
     ASSERT_EQ(reply.status, STATUS_SUCCESS);

@@ -1,64 +1,42 @@
+#include "ntposix/Fd.h"
 #include "ntposix/NtWords.h"
 
 #include <fcntl.h>
 
 #include <atomic>
-#include <future>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace fodr::nt {
 namespace {
 
-constexpr uint32_t kReadWrite = GENERIC_READ | GENERIC_WRITE;
 constexpr uint64_t kMax = UINT64_MAX;
-
-LARGE_INTEGER Large(uint64_t value)
-{
-    return {static_cast<int64_t>(value)};
-}
-
-NTSTATUS Lock(HANDLE file, uint64_t offset, uint64_t length, bool exclusive, bool failImmediately = true,
-              uint32_t key = 0)
-{
-    IO_STATUS_BLOCK io{};
-    LARGE_INTEGER start = Large(offset), size = Large(length);
-    const NTSTATUS status =
-        NtLockFile(file, nullptr, nullptr, nullptr, &io, &start, &size, key, failImmediately, exclusive);
-    EXPECT_EQ(io.Status, status);
-    return status;
-}
-
-NTSTATUS Unlock(HANDLE file, uint64_t offset, uint64_t length, uint32_t key = 0)
-{
-    IO_STATUS_BLOCK io{};
-    LARGE_INTEGER start = Large(offset), size = Large(length);
-    return NtUnlockFile(file, &io, &start, &size, key);
-}
 
 class Locks : public NtFixture {
 protected:
     Locks()
     {
         MakeFile("f", std::string(100, 'x'));
-        first = Open("f", {.access = kReadWrite});
-        second = Open("f", {.access = kReadWrite});
-        EXPECT_EQ(first.status, STATUS_SUCCESS);
-        EXPECT_EQ(second.status, STATUS_SUCCESS);
+        first = Opened();
+        second = Opened();
     }
 
-    // Whether another process could lock the byte; an open file of its own stands for one.
-    bool FreeForOthers(off_t offset, short type = F_WRLCK) const
+    NtFile Opened() const { return Open("f", {.access = kReadWrite}); }
+    std::future<NTSTATUS> Waiting(HANDLE file, uint64_t offset, uint64_t length, bool exclusive) const
     {
-        const int fd = open(Path("f").c_str(), O_RDWR | O_CLOEXEC);
+        return std::async(std::launch::async, Lock, file, offset, length, exclusive, WhenHeld::Wait, 0);
+    }
+    // A lock of another process, for which an open file of its own stands. None when it isn't granted.
+    ntposix::Fd LockOfOthers(off_t offset, off_t length, short type) const
+    {
+        ntposix::Fd fd(open(Path("f").c_str(), O_RDWR | O_CLOEXEC));
         struct flock range = {};
         range.l_type = type;
         range.l_start = offset;
-        range.l_len = 1;
-        const bool free = fcntl(fd, F_OFD_SETLK, &range) == 0;
-        close(fd);
-        return free;
+        range.l_len = length;
+        return fcntl(fd.Get(), F_OFD_SETLK, &range) == 0 ? std::move(fd) : ntposix::Fd();
+    }
+    bool FreeForOthers(off_t offset, short type = F_WRLCK) const
+    {
+        return static_cast<bool>(LockOfOthers(offset, 1, type));
     }
 
     NtFile first, second;
@@ -66,46 +44,40 @@ protected:
 
 TEST_F(Locks, ConflictWhereTheyOverlapUnlessBothAreShared)
 {
-    struct Case {
-        uint64_t heldOffset, heldLength;
-        bool heldExclusive;
+    struct Range {
         uint64_t offset, length;
-        bool exclusive, granted;
+        bool exclusive = true;
     };
-    constexpr Case kCases[] = {
-        {10, 10, true, 20, 10, true, true},
-        {10, 10, true, 0, 10, true, true},
-        {10, 10, true, 19, 1, false, false},
-        {10, 10, true, 0, 11, true, false},
-        {10, 10, false, 10, 10, true, false},
-        {10, 10, false, 10, 10, false, true},
-        {10, 10, true, 0, kMax, true, false},
-        // A lock without length stands between two bytes and is in the way of what reaches over it.
-        {10, 10, true, 15, 0, true, false},
-        {10, 10, true, 10, 0, true, true},
-        {10, 10, true, 20, 0, true, true},
-        {15, 0, true, 10, 10, true, false},
-        {15, 0, true, 15, 10, true, true},
-        {15, 0, true, 15, 0, true, true},
-        {0, 0, true, 0, 10, true, true},
-        // Up to the last byte that there could be.
-        {kMax, 1, true, kMax - 5, 5, true, true},
-        {kMax, 1, true, kMax - 5, 6, true, false},
+    // One without length stands between two bytes and is in the way of what reaches over it. And there are
+    // ranges up to the last byte that there could be.
+    const std::pair<Range, Range> granted[] = {
+        {{10, 10}, {20, 10}}, {{10, 10}, {0, 10}}, {{10, 10, false}, {10, 10, false}},
+        {{10, 10}, {10, 0}},  {{10, 10}, {20, 0}}, {{15, 0}, {15, 10}},
+        {{15, 0}, {15, 0}},   {{0, 0}, {0, 10}},   {{kMax, 1}, {kMax - 5, 5}},
     };
-    for (const Case &c : kCases) {
-        ASSERT_EQ(Lock(first, c.heldOffset, c.heldLength, c.heldExclusive), STATUS_SUCCESS);
-        const NTSTATUS expected = c.granted ? STATUS_SUCCESS : STATUS_LOCK_NOT_GRANTED;
-        EXPECT_EQ(Lock(second, c.offset, c.length, c.exclusive), expected) << &c - kCases;
-        EXPECT_EQ(Unlock(second, c.offset, c.length), c.granted ? STATUS_SUCCESS : STATUS_RANGE_NOT_LOCKED);
-        ASSERT_EQ(Unlock(first, c.heldOffset, c.heldLength), STATUS_SUCCESS);
-    }
+    const std::pair<Range, Range> refused[] = {
+        {{10, 10}, {19, 1, false}}, {{10, 10}, {0, 11}}, {{10, 10, false}, {10, 10}}, {{10, 10}, {0, kMax}},
+        {{10, 10}, {15, 0}},        {{15, 0}, {10, 10}}, {{kMax, 1}, {kMax - 5, 6}},
+    };
+    const auto check = [this](const Range &held, const Range &wanted, NTSTATUS status, NTSTATUS unlocking) {
+        SCOPED_TRACE(testing::Message() << held.offset << " and " << wanted.offset << ", " << wanted.length);
+        ASSERT_EQ(Lock(first, held.offset, held.length, held.exclusive), STATUS_SUCCESS);
+        EXPECT_EQ(Lock(second, wanted.offset, wanted.length, wanted.exclusive), status);
+        EXPECT_EQ(Unlock(second, wanted.offset, wanted.length), unlocking);
+        ASSERT_EQ(Unlock(first, held.offset, held.length), STATUS_SUCCESS);
+    };
+    for (const auto &[held, wanted] : granted)
+        check(held, wanted, STATUS_SUCCESS, STATUS_SUCCESS);
+    for (const auto &[held, wanted] : refused)
+        check(held, wanted, STATUS_LOCK_NOT_GRANTED, STATUS_RANGE_NOT_LOCKED);
 }
 
 TEST_F(Locks, OfOneHandleAreNoExceptionButForSharedOverExclusive)
 {
     ASSERT_EQ(Lock(first, 0, 10, true), STATUS_SUCCESS);
     EXPECT_EQ(Lock(first, 0, 10, true), STATUS_LOCK_NOT_GRANTED);
-    EXPECT_EQ(Lock(first, 0, 10, false, true, 7), STATUS_LOCK_NOT_GRANTED); // another key is another owner
+    // Another key is another owner.
+    EXPECT_EQ(Lock(first, 0, 10, false, WhenHeld::Fail, 7), STATUS_LOCK_NOT_GRANTED);
     EXPECT_EQ(Lock(first, 0, 10, false), STATUS_SUCCESS);
     // The exclusive one goes first, and the shared one still holds then.
     EXPECT_EQ(Unlock(first, 0, 10), STATUS_SUCCESS);
@@ -124,23 +96,19 @@ TEST_F(Locks, RefuseWhatIsNoRangeNoFileOrNoRight)
     EXPECT_EQ(Unlock(second, 1, kMax), STATUS_RANGE_NOT_LOCKED);
     EXPECT_EQ(Unlock(first, 1, kMax, 3), STATUS_RANGE_NOT_LOCKED);
 
-    const NtFile folder = Open("", {.options = FILE_DIRECTORY_FILE});
-    EXPECT_EQ(Lock(folder, 0, 1, true), STATUS_INVALID_PARAMETER);
-    const NtFile appender = Open("f", {.access = FILE_APPEND_DATA});
-    EXPECT_EQ(Lock(appender, 0, 1, true), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Lock(nullptr, 0, 1, true), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(Lock(Folder(""), 0, 1, true), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Lock(Open("f", {.access = FILE_APPEND_DATA}), 0, 1, true), STATUS_ACCESS_DENIED);
 }
 
 TEST_F(Locks, ForbidTransfersOfOthers)
 {
-    struct Case {
+    const struct {
         bool exclusive;
         HANDLE file;
         int64_t offset;
         uint32_t length;
         bool mayRead, mayWrite;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {true, second, 15, 1, false, false}, {true, second, 0, 11, false, false},
         {true, second, 0, 10, true, true},   {true, second, 20, 5, true, true},
         {true, first, 15, 1, true, true},    {false, second, 15, 1, true, false},
@@ -148,11 +116,11 @@ TEST_F(Locks, ForbidTransfersOfOthers)
         {false, first, 20, 1, true, true},
     };
     const auto expected = [](bool may) { return may ? STATUS_SUCCESS : STATUS_FILE_LOCK_CONFLICT; };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
+        SCOPED_TRACE(&c - cases);
         ASSERT_EQ(Lock(first, 10, 10, c.exclusive), STATUS_SUCCESS);
-        EXPECT_EQ(ReadAt(c.file, c.offset, c.length).status, expected(c.mayRead)) << &c - cases;
-        EXPECT_EQ(WriteAt(c.file, c.offset, std::string(c.length, 'w')).status, expected(c.mayWrite))
-            << &c - cases;
+        EXPECT_EQ(ReadAt(c.file, c.offset, c.length).status, expected(c.mayRead));
+        EXPECT_EQ(WriteAt(c.file, c.offset, std::string(c.length, 'w')).status, expected(c.mayWrite));
         ASSERT_EQ(Unlock(first, 10, 10), STATUS_SUCCESS);
     }
 }
@@ -187,13 +155,13 @@ TEST_F(Locks, AreSeenByOtherProcesses)
 TEST_F(Locks, WaitForTheHolder)
 {
     ASSERT_EQ(Lock(first, 0, 10, true), STATUS_SUCCESS);
-    auto shared = std::async(std::launch::async, [&] { return Lock(second, 0, 5, false, false); });
-    NtFile third = Open("f", {.access = kReadWrite});
-    auto other = std::async(std::launch::async, [&] { return Lock(third, 5, 5, false, false); });
+    NtFile third = Opened();
+    auto shared = Waiting(second, 0, 5, false);
+    auto other = Waiting(third, 5, 5, false);
     ASSERT_EQ(Unlock(first, 0, 10), STATUS_SUCCESS);
     EXPECT_EQ(shared.get(), STATUS_SUCCESS);
     EXPECT_EQ(other.get(), STATUS_SUCCESS);
-    auto exclusive = std::async(std::launch::async, [&] { return Lock(first, 0, 10, true, false); });
+    auto exclusive = Waiting(first, 0, 10, true);
     EXPECT_EQ(Unlock(second, 0, 5), STATUS_SUCCESS);
     third.Close();
     EXPECT_EQ(exclusive.get(), STATUS_SUCCESS);
@@ -202,49 +170,39 @@ TEST_F(Locks, WaitForTheHolder)
 
 TEST_F(Locks, WaitForAnotherProcess)
 {
-    const int fd = open(Path("f").c_str(), O_RDWR | O_CLOEXEC);
-    struct flock range = {};
-    range.l_type = F_WRLCK;
-    range.l_len = 10;
-    ASSERT_EQ(fcntl(fd, F_OFD_SETLK, &range), 0);
-    EXPECT_EQ(Lock(first, 5, 10, true), STATUS_LOCK_NOT_GRANTED);
-    EXPECT_EQ(Lock(first, 10, 10, true), STATUS_SUCCESS);
-    // This one waits for the handle first and for the process then.
-    auto waiting = std::async(std::launch::async, [&] { return Lock(second, 0, 15, true, false); });
-    std::this_thread::yield();
-    ASSERT_EQ(Unlock(first, 10, 10), STATUS_SUCCESS);
-    close(fd);
-    EXPECT_EQ(waiting.get(), STATUS_SUCCESS);
-    EXPECT_FALSE(FreeForOthers(0));
+    for (int round = 0; round < 30; ++round) { // in some the wait has begun before the unlock
+        ntposix::Fd others = LockOfOthers(0, 10, F_WRLCK);
+        ASSERT_TRUE(others);
+        EXPECT_EQ(Lock(first, 5, 10, true), STATUS_LOCK_NOT_GRANTED);
+        EXPECT_EQ(Lock(first, 10, 10, true), STATUS_SUCCESS);
+        // This one waits for the handle first and for the process then.
+        auto waiting = Waiting(second, 0, 15, true);
+        std::this_thread::yield();
+        ASSERT_EQ(Unlock(first, 10, 10), STATUS_SUCCESS);
+        others.Reset();
+        EXPECT_EQ(waiting.get(), STATUS_SUCCESS);
+        EXPECT_FALSE(FreeForOthers(0));
+        ASSERT_EQ(Unlock(second, 0, 15), STATUS_SUCCESS);
+    }
 }
 
 TEST_F(Locks, CancelEndsAWaitAndNothingElse)
 {
     EXPECT_EQ(CancelIoEx(second), 1168u);
     ASSERT_EQ(Lock(first, 0, 10, true), STATUS_SUCCESS);
-    auto waiting = std::async(std::launch::async, [&] { return Lock(second, 0, 5, true, false); });
-    while (CancelIoEx(second) != 0)
-        std::this_thread::yield();
+    auto waiting = Waiting(second, 0, 5, true);
+    CancelCall(second);
     EXPECT_EQ(waiting.get(), STATUS_CANCELLED);
     ASSERT_EQ(Unlock(first, 0, 10), STATUS_SUCCESS);
     EXPECT_EQ(Lock(first, 0, 10, true), STATUS_SUCCESS); // the one cancelled left nothing
-    EXPECT_EQ(CancelIoEx(nullptr), 6u);
 }
 
 TEST_F(Locks, FallWithTheirHandleAndEndItsWaits)
 {
     ASSERT_EQ(Lock(first, 0, 10, true), STATUS_SUCCESS);
-    bool ended = false;
-    while (!ended) { // until a wait had begun when its handle was closed
-        NtFile third = Open("f", {.access = kReadWrite});
-        auto waiting = std::async(std::launch::async,
-                                  [handle = HANDLE(third)] { return Lock(handle, 0, 5, true, false); });
-        std::this_thread::yield();
-        third.Close();
-        const NTSTATUS status = waiting.get();
-        ended = status == STATUS_RANGE_NOT_LOCKED;
-        EXPECT_TRUE(ended || status == STATUS_INVALID_HANDLE) << std::hex << status;
-    }
+    ExpectCloseEnds([this] { return Opened(); },
+                    [](HANDLE file) { return Lock(file, 0, 5, true, WhenHeld::Wait); },
+                    STATUS_RANGE_NOT_LOCKED);
     first.Close();
     EXPECT_EQ(Lock(second, 0, 10, true), STATUS_SUCCESS);
 }
@@ -253,20 +211,15 @@ TEST_F(Locks, FallWithTheirHandleAndEndItsWaits)
 TEST_F(Locks, ExcludeEachOtherUnderLoad)
 {
     std::atomic<int> inside{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            const NtFile file = Open("f", {.access = kReadWrite});
-            for (int i = 0; i < 200; ++i) {
-                EXPECT_EQ(Lock(file, 0, 10, true, false), STATUS_SUCCESS);
-                EXPECT_EQ(inside.fetch_add(1), 0);
-                inside.fetch_sub(1);
-                EXPECT_EQ(Unlock(file, 0, 10), STATUS_SUCCESS);
-            }
-        });
-    }
-    for (std::thread &thread : threads)
-        thread.join();
+    AtOnce(4, [&](int) {
+        const NtFile file = Opened();
+        for (int i = 0; i < 200; ++i) {
+            EXPECT_EQ(Lock(file, 0, 10, true, WhenHeld::Wait), STATUS_SUCCESS);
+            EXPECT_EQ(inside.fetch_add(1), 0);
+            inside.fetch_sub(1);
+            EXPECT_EQ(Unlock(file, 0, 10), STATUS_SUCCESS);
+        }
+    });
 }
 
 } // namespace

@@ -1,7 +1,5 @@
 #include "ntposix/NamePattern.h"
 
-#include "lib/unicode/CodeSet.h"
-
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -9,28 +7,12 @@
 namespace fodr::ntposix {
 namespace {
 
-struct Case {
-    std::u16string pattern;
-    std::vector<std::u16string> matches, others;
-};
-
-void Check(const std::vector<Case> &cases)
+TEST(NamePattern, ComparesWithoutCaseAndKnowsTheFormsOfDos)
 {
-    for (const Case &c : cases) {
-        std::string shown;
-        ASSERT_TRUE(Utf16ToUtf8(c.pattern, shown));
-        const auto pattern = NamePattern::Compile(c.pattern);
-        ASSERT_TRUE(pattern);
-        for (size_t i = 0; i < c.matches.size(); ++i)
-            EXPECT_TRUE(pattern->Matches(c.matches[i])) << shown << ", " << i;
-        for (size_t i = 0; i < c.others.size(); ++i)
-            EXPECT_FALSE(pattern->Matches(c.others[i])) << shown << ", " << i;
-    }
-}
-
-TEST(NamePattern, ComparesWithoutCase)
-{
-    Check({
+    const struct {
+        std::u16string pattern;
+        std::vector<std::u16string> matches, others;
+    } cases[] = {
         {u"", {u"anything"}, {}},
         {u"**", {u"anything", u"."}, {}},
         {u"Readme.TXT", {u"rEADME.txt"}, {u"readme", u"readme.txt2"}},
@@ -41,12 +23,6 @@ TEST(NamePattern, ComparesWithoutCase)
         {u"*aab*", {u"aaaba"}, {u"abab"}},
         {u"a?c", {u"a.c"}, {u"ac", u"abbc"}},
         {u"??*", {u"ab", u"abc"}, {u"a", u""}},
-    });
-}
-
-TEST(NamePattern, FormsOfDos)
-{
-    Check({
         // '<' is a star that stops before the last dot.
         {u"<", {u"name"}, {u"a.b"}},
         {u"<.b", {u"a.a.b", u".b"}, {u"a.b.c"}},
@@ -62,15 +38,16 @@ TEST(NamePattern, FormsOfDos)
         {u"a\"b", {u"a.b"}, {u"ab"}},
         {u"*\"*", {u"makefile", u"a.b"}, {}},
         {u">>>>>>>>\">>>", {u"readme", u"readme.c"}, {u"readme.html", u"readmereadme"}},
-    });
-}
-
-TEST(NamePattern, OnlyAPlainNameIsExact)
-{
-    EXPECT_TRUE(NamePattern::Compile(u"A.b")->IsExact());
-    EXPECT_EQ(NamePattern::Compile(u"A.b")->ExactName(), u"A.b");
-    for (const auto *pattern : {u"", u"*", u"*.b", u"a?", u"a<", u"a>", u"a\""})
-        EXPECT_FALSE(NamePattern::Compile(pattern)->IsExact());
+    };
+    for (const auto &[text, matches, others] : cases) {
+        SCOPED_TRACE(testing::PrintToString(text));
+        const auto pattern = NamePattern::Compile(text);
+        ASSERT_TRUE(pattern);
+        for (const std::u16string &name : matches)
+            EXPECT_TRUE(pattern->Matches(name)) << testing::PrintToString(name);
+        for (const std::u16string &name : others)
+            EXPECT_FALSE(pattern->Matches(name)) << testing::PrintToString(name);
+    }
 }
 
 // A matcher that tries every place of every star would not come back from this.

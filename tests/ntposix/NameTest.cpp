@@ -1,9 +1,8 @@
 #include "lib/unicode/NameMapping.h"
 #include "ntposix/DriveLetters.h"
-#include "ntposix/NtWords.h"
+#include "ntposix/NtFixture.h"
 
-#include <filesystem>
-#include <fstream>
+#include <vector>
 
 namespace fodr::nt {
 
@@ -19,79 +18,54 @@ TEST_F(Names, AreCheckedComponentByComponent)
     MakeFolder("sub/inner");
     MakeFile("sub/file");
     const struct {
-        const char *name;
         NTSTATUS status;
+        std::vector<const char *> names;
     } cases[] = {
-        {"sub\\file", STATUS_SUCCESS},
-        {"sub/file", STATUS_SUCCESS},
-        {"sub", STATUS_SUCCESS},
-        {"sub\\", STATUS_SUCCESS},
-        {"sub\\inner/", STATUS_SUCCESS},
-        {"", STATUS_SUCCESS}, // the folder of the test with a separator behind it
-        {"sub\\file\\", STATUS_OBJECT_NAME_INVALID},
-        {"sub\\\\file", STATUS_OBJECT_NAME_INVALID},
-        {"sub/\\file", STATUS_OBJECT_NAME_INVALID},
-        {"sub\\\\", STATUS_OBJECT_NAME_INVALID},
-        {"\\sub", STATUS_OBJECT_NAME_INVALID},
-        {"..", STATUS_OBJECT_NAME_INVALID},
-        {"sub\\..\\sub", STATUS_OBJECT_NAME_INVALID},
-        {"sub/../../../etc/passwd", STATUS_OBJECT_NAME_INVALID},
-        {"sub\\.\\file", STATUS_OBJECT_NAME_INVALID},
-        {"sub\\.", STATUS_OBJECT_NAME_INVALID},
-        {"sub\\*", STATUS_OBJECT_NAME_INVALID},
-        {"sub\\a?b", STATUS_OBJECT_NAME_INVALID},
-        {"sub\\a\"b", STATUS_OBJECT_NAME_INVALID},
-        {"sub\\a\tb", STATUS_OBJECT_NAME_INVALID},
-        {"su:b\\file", STATUS_OBJECT_NAME_INVALID},
-        {"sub\\file::$DATA", STATUS_SUCCESS},
-        {"sub\\file::$data", STATUS_SUCCESS},
-        {"sub\\file:", STATUS_OBJECT_NAME_INVALID},
-        {"sub\\file::$INDEX_ALLOCATION", STATUS_OBJECT_NAME_INVALID},
-        {"sub\\file:..\\x", STATUS_OBJECT_NAME_INVALID},
-        {"none", STATUS_OBJECT_NAME_NOT_FOUND},
-        {"none\\file", STATUS_OBJECT_PATH_NOT_FOUND},
-        {"sub\\file\\below", STATUS_OBJECT_PATH_NOT_FOUND},
+        // The last is the folder of the test with a separator behind it.
+        {STATUS_SUCCESS,
+         {"sub\\file", "sub/file", "sub", "sub\\", "sub\\inner/", "sub\\file::$DATA", "sub\\file::$data",
+          ""}},
+        {STATUS_OBJECT_NAME_INVALID, {"sub\\file\\", "sub\\\\file", "sub/\\file", "sub\\\\", "\\sub"}},
+        {STATUS_OBJECT_NAME_INVALID,
+         {"..", "sub\\..\\sub", "sub/../../../etc/passwd", "sub\\.\\file", "sub\\."}},
+        {STATUS_OBJECT_NAME_INVALID, {"sub\\*", "sub\\a?b", "sub\\a\"b", "sub\\a\tb", "su:b\\file"}},
+        {STATUS_OBJECT_NAME_INVALID, {"sub\\file:", "sub\\file::$INDEX_ALLOCATION", "sub\\file:..\\x"}},
+        {STATUS_OBJECT_NAME_NOT_FOUND, {"none"}},
+        {STATUS_OBJECT_PATH_NOT_FOUND, {"none\\file", "sub\\file\\below"}},
     };
-    for (const auto &test : cases)
-        EXPECT_EQ(Open(test.name).status, test.status) << test.name;
+    for (const auto &[status, names] : cases) {
+        for (const char *name : names)
+            EXPECT_EQ(Open(name).status, status) << name;
+    }
 }
 
 TEST_F(Names, LeadToDrivesPathsAndNoFurther)
 {
     MakeFile("file");
-    std::u16string folder;
-    ASSERT_TRUE(Utf8ToUtf16(root.string(), folder));
+    const std::u16string prefix = u"\\??\\";
+    const std::u16string folder = root.u16string();
     const struct {
-        std::u16string name;
         NTSTATUS status;
+        std::vector<std::u16string> names;
     } cases[] = {
-        {u"\\??\\" + folder + u"\\file", STATUS_SUCCESS},
-        {u"\\??\\" + folder, STATUS_SUCCESS},
-        {u"\\??\\C:" + folder + u"\\file", STATUS_SUCCESS},
-        {u"\\??\\c:\\", STATUS_SUCCESS},
-        {u"\\??\\C:", STATUS_SUCCESS},
-        {u"\\??\\/", STATUS_SUCCESS},
-        {u"\\??\\/\\", STATUS_SUCCESS}, // the joint of a share of the root directory
-        {u"\\??\\/\\" + folder.substr(1), STATUS_SUCCESS},
-        {u"\\??\\\\" + folder.substr(1), STATUS_SUCCESS},
-        {u"\\??\\//\\tmp", STATUS_OBJECT_NAME_INVALID},
-        {u"\\??\\/\\..\\tmp", STATUS_OBJECT_NAME_INVALID},
-        {u"\\??\\C:\\..", STATUS_OBJECT_NAME_INVALID},
-        {u"\\??\\Q:\\file", STATUS_OBJECT_PATH_NOT_FOUND},
-        {u"\\??\\Q:", STATUS_OBJECT_NAME_NOT_FOUND},
-        {u"\\??\\C:file", STATUS_OBJECT_NAME_NOT_FOUND},
-        {u"\\??\\UNC\\server\\share\\file", STATUS_BAD_NETWORK_PATH},
-        {u"\\??\\unc", STATUS_BAD_NETWORK_PATH},
-        {u"\\??\\", STATUS_OBJECT_NAME_INVALID},
-        {u"", STATUS_OBJECT_PATH_SYNTAX_BAD},
-        {folder, STATUS_OBJECT_PATH_SYNTAX_BAD},
-        {u"\\??\\" + folder + std::u16string(u"\\fi\0le", 6), STATUS_OBJECT_NAME_INVALID},
-        {u"\\??\\" + folder + u"\\\xD800", STATUS_OBJECT_NAME_INVALID}, // a lone surrogate
-        {u"\\??\\" + folder + u"\\" + std::u16string(300, u'n'), STATUS_NAME_TOO_LONG},
+        // A separator behind the root directory is the joint of a share of it.
+        {STATUS_SUCCESS,
+         {folder + u"\\file", folder, u"C:" + folder + u"\\file", u"c:\\", u"C:", u"/", u"/\\",
+          u"/\\" + folder.substr(1), u"\\" + folder.substr(1)}},
+        {STATUS_OBJECT_NAME_INVALID, {u"//\\tmp", u"/\\..\\tmp", u"C:\\..", u""}},
+        {STATUS_OBJECT_NAME_INVALID, // with a lone surrogate or a zero
+         {folder + u"\\\xD800", folder + std::u16string(u"\\fi\0le", 6)}},
+        {STATUS_OBJECT_PATH_NOT_FOUND, {u"Q:\\file"}},
+        {STATUS_OBJECT_NAME_NOT_FOUND, {u"Q:", u"C:file"}},
+        {STATUS_BAD_NETWORK_PATH, {u"UNC\\server\\share\\file", u"unc"}},
+        {STATUS_NAME_TOO_LONG, {folder + u"\\" + std::u16string(300, u'n')}},
     };
-    for (const auto &test : cases)
-        EXPECT_EQ(NtFile(test.name, {}).status, test.status)
-            << Utf8(test.name.substr(0, test.name.find(0xD800)));
+    for (const auto &[status, names] : cases) {
+        for (const std::u16string &name : names)
+            EXPECT_EQ(NtFile(prefix + name, {}).status, status) << &name - names.data();
+    }
+    for (const std::u16string &name : {std::u16string(), folder})
+        EXPECT_EQ(NtFile(name, {}).status, STATUS_OBJECT_PATH_SYNTAX_BAD);
 }
 
 std::string folderOfX;
@@ -111,26 +85,23 @@ TEST_F(Names, EveryPosixNameCanBeOpenedMadeAndDeleted)
 {
     for (const std::string name :
          {"a:b*c?", "back\\slash", "tab\there", "\xFF\xFE", "caf\xE9", "trailing. "}) {
+        SCOPED_TRACE(name);
         const std::u16string path = NtPath("") + NtNameFromPosix(name);
-        NtFile made(path, {.access = GENERIC_ALL, .disposition = FILE_CREATE});
-        EXPECT_EQ(made.status, STATUS_SUCCESS) << name;
-        EXPECT_TRUE(std::filesystem::exists(root / name)) << name;
-        made.Close();
-        NtFile again(path, {.access = DELETE_ACCESS | SYNCHRONIZE});
-        EXPECT_EQ(Delete(again), STATUS_SUCCESS) << name;
-        again.Close();
-        EXPECT_FALSE(std::filesystem::exists(root / name)) << name;
+        EXPECT_EQ(NtFile(path, {.disposition = FILE_CREATE}).status, STATUS_SUCCESS);
+        EXPECT_EQ(Listing(), NameSet{name});
+        EXPECT_EQ(NtFile(path, {.access = DELETE_ACCESS, .options = FILE_DELETE_ON_CLOSE}).status,
+                  STATUS_SUCCESS);
+        EXPECT_EQ(Listing(), NameSet());
     }
 }
 
 TEST_F(Names, AttributesAreToldByPath)
 {
     MakeFolder("folder");
-    MakeFile("file");
+    MakeReadOnly("file");
     MakeFile(".hidden");
-    std::filesystem::create_symlink("folder", root / "link");
-    std::filesystem::create_symlink("nowhere", root / "dangling");
-    chmod(Path("file").c_str(), 0444);
+    MakeSymlink("folder", "link");
+    MakeSymlink("nowhere", "dangling");
     const struct {
         const char *name;
         uint32_t attributes; // 0: there is none
@@ -146,11 +117,12 @@ TEST_F(Names, AttributesAreToldByPath)
         {"..", 0},
     };
     for (const auto &test : cases) {
+        SCOPED_TRACE(test.name);
+        const std::u16string path = NtPath(test.name);
         uint32_t attributes = 0;
-        EXPECT_EQ(GetFileAttributes(NtPath(test.name).c_str(), &attributes), test.attributes != 0)
-            << test.name;
-        EXPECT_EQ(attributes, test.attributes) << test.name;
-        EXPECT_EQ(PathFileExists(NtPath(test.name).c_str()), test.attributes != 0) << test.name;
+        EXPECT_EQ(GetFileAttributes(path.c_str(), &attributes), test.attributes != 0);
+        EXPECT_EQ(attributes, test.attributes);
+        EXPECT_EQ(PathFileExists(path.c_str()), test.attributes != 0);
     }
 }
 

@@ -1,6 +1,7 @@
 // A folder of its own for every test, and the NT calls in words that a test likes to say.
 #pragma once
 
+#include "WholeFile.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/Nt.h"
 #include "platform/NtRecords.h"
@@ -11,12 +12,15 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
-#include <utility>
 
 namespace fodr::nt {
+
+constexpr uint32_t kReadWrite = GENERIC_READ | GENERIC_WRITE;
 
 struct OpenOptions {
     uint32_t access = GENERIC_READ; // SYNCHRONIZE is always asked for as well
@@ -31,42 +35,36 @@ struct OpenOptions {
 class NtFile {
 public:
     NtFile() = default;
-    NtFile(const std::u16string &ntPath, const OpenOptions &how)
+    NtFile(std::u16string ntPath, const OpenOptions &how)
     {
-        std::u16string text = ntPath;
-        const auto bytes = static_cast<uint16_t>(text.size() * sizeof(char16_t));
-        UNICODE_STRING name{bytes, bytes, text.data()};
+        const auto bytes = static_cast<uint16_t>(ntPath.size() * sizeof(char16_t));
+        UNICODE_STRING name{bytes, bytes, ntPath.data()};
         OBJECT_ATTRIBUTES object{sizeof(OBJECT_ATTRIBUTES), nullptr, &name,
                                  OBJ_CASE_INSENSITIVE,      nullptr, nullptr};
         IO_STATUS_BLOCK io{};
         LARGE_INTEGER allocation{how.allocation};
-        status = NtCreateFile(&handle, how.access | SYNCHRONIZE, &object, &io,
+        HANDLE opened = nullptr;
+        status = NtCreateFile(&opened, how.access | SYNCHRONIZE, &object, &io,
                               how.allocation ? &allocation : nullptr, how.attributes, how.share,
                               how.disposition, how.options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
         information = io.Information;
+        handle.reset(opened);
     }
-    NtFile(NtFile &&other) noexcept
-        : status(other.status), information(other.information), handle(std::exchange(other.handle, nullptr))
-    {}
-    NtFile &operator=(NtFile &&other) noexcept
-    {
-        Close();
-        status = other.status;
-        information = other.information;
-        handle = std::exchange(other.handle, nullptr);
-        return *this;
-    }
-    ~NtFile() { Close(); }
 
-    operator HANDLE() const { return handle; }
-    NTSTATUS Close() { return handle ? NtClose(std::exchange(handle, nullptr)) : STATUS_SUCCESS; }
+    operator HANDLE() const { return handle.get(); }
+    NTSTATUS Close() { return handle ? NtClose(handle.release()) : STATUS_SUCCESS; }
 
     NTSTATUS status = STATUS_UNSUCCESSFUL;
     uint64_t information = 0;
 
 private:
-    HANDLE handle = nullptr;
+    struct Closer {
+        void operator()(HANDLE open) const { NtClose(open); }
+    };
+    std::unique_ptr<void, Closer> handle;
 };
+
+using NameSet = std::set<std::string>;
 
 class NtFixture : public testing::Test {
 protected:
@@ -91,12 +89,42 @@ protected:
         return path;
     }
     NtFile Open(std::string_view name, const OpenOptions &how = {}) const { return {NtPath(name), how}; }
+    NtFile Folder(std::string_view name) const { return Open(name, {.options = FILE_DIRECTORY_FILE}); }
+    // To be deleted or renamed.
+    NtFile Doomed(std::string_view name) const
+    {
+        return Open(name, {.access = GENERIC_READ | DELETE_ACCESS});
+    }
 
+    // What others do.
     void MakeFile(std::string_view name, std::string_view content = {}) const
     {
         std::ofstream(Path(name), std::ios::binary) << content;
     }
+    void MakeReadOnly(std::string_view name) const
+    {
+        MakeFile(name, "old");
+        EXPECT_EQ(chmod(Path(name).c_str(), 0444), 0);
+    }
     void MakeFolder(std::string_view name) const { std::filesystem::create_directories(root / name); }
+    void MakeSymlink(const char *target, std::string_view name) const
+    {
+        std::filesystem::create_symlink(target, root / name);
+    }
+    void OthersMove(const char *from, const char *to) const
+    {
+        std::filesystem::rename(root / from, root / to);
+    }
+
+    bool Exists(std::string_view name) const { return std::filesystem::exists(root / name); }
+    std::string Content(std::string_view name) const { return test::ReadWholeFile(root / name); }
+    NameSet Listing() const
+    {
+        NameSet names;
+        for (const auto &entry : std::filesystem::directory_iterator(root))
+            names.insert(entry.path().filename().string());
+        return names;
+    }
 
     std::filesystem::path root;
 };

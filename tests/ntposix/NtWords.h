@@ -3,7 +3,10 @@
 
 #include "ntposix/NtFixture.h"
 
+#include <barrier>
 #include <cstring>
+#include <future>
+#include <thread>
 #include <vector>
 
 namespace fodr::nt {
@@ -47,31 +50,34 @@ inline ReadResult ReadAt(HANDLE file, int64_t offset, uint32_t length)
     return {status, text};
 }
 
-template <typename Record> Outcome Query(HANDLE file, uint32_t infoClass, Record *record)
+template <typename Record> NTSTATUS Query(HANDLE file, uint32_t infoClass, Record *record)
 {
     IO_STATUS_BLOCK io{};
-    const NTSTATUS status = NtQueryInformationFile(file, &io, record, sizeof(*record), infoClass);
-    return {status, io.Information};
+    return NtQueryInformationFile(file, &io, record, sizeof(*record), infoClass);
+}
+
+// What a query that must succeed tells.
+template <typename Record> Record Told(HANDLE file, uint32_t infoClass)
+{
+    Record record{};
+    EXPECT_EQ(Query(file, infoClass, &record), STATUS_SUCCESS) << infoClass;
+    return record;
+}
+
+inline FILE_STANDARD_INFORMATION StandardOf(HANDLE file)
+{
+    return Told<FILE_STANDARD_INFORMATION>(file, FileStandardInformation);
+}
+
+inline FILE_BASIC_INFORMATION BasicOf(HANDLE file)
+{
+    return Told<FILE_BASIC_INFORMATION>(file, FileBasicInformation);
 }
 
 template <typename Record> NTSTATUS Set(HANDLE file, uint32_t infoClass, const Record &record)
 {
     IO_STATUS_BLOCK io{};
     return NtSetInformationFile(file, &io, &record, sizeof(record), infoClass);
-}
-
-inline FILE_STANDARD_INFORMATION StandardOf(HANDLE file)
-{
-    FILE_STANDARD_INFORMATION record{};
-    EXPECT_EQ(Query(file, FileStandardInformation, &record).status, STATUS_SUCCESS);
-    return record;
-}
-
-inline FILE_BASIC_INFORMATION BasicOf(HANDLE file)
-{
-    FILE_BASIC_INFORMATION record{};
-    EXPECT_EQ(Query(file, FileBasicInformation, &record).status, STATUS_SUCCESS);
-    return record;
 }
 
 inline NTSTATUS Delete(HANDLE file, bool wanted = true)
@@ -92,6 +98,70 @@ inline NTSTATUS Rename(HANDLE file, const std::u16string &ntPath, Existing exist
     IO_STATUS_BLOCK io{};
     return NtSetInformationFile(file, &io, buffer.data(), static_cast<uint32_t>(buffer.size()),
                                 FileRenameInformation);
+}
+
+enum class WhenHeld { Fail, Wait };
+
+inline NTSTATUS Lock(HANDLE file, uint64_t offset, uint64_t length, bool exclusive,
+                     WhenHeld whenHeld = WhenHeld::Fail, uint32_t key = 0)
+{
+    IO_STATUS_BLOCK io{};
+    LARGE_INTEGER start{static_cast<int64_t>(offset)}, size{static_cast<int64_t>(length)};
+    const NTSTATUS status = NtLockFile(file, nullptr, nullptr, nullptr, &io, &start, &size, key,
+                                       whenHeld == WhenHeld::Fail, exclusive);
+    EXPECT_EQ(io.Status, status);
+    return status;
+}
+
+inline NTSTATUS Unlock(HANDLE file, uint64_t offset, uint64_t length, uint32_t key = 0)
+{
+    IO_STATUS_BLOCK io{};
+    LARGE_INTEGER start{static_cast<int64_t>(offset)}, size{static_cast<int64_t>(length)};
+    return NtUnlockFile(file, &io, &start, &size, key);
+}
+
+inline NTSTATUS Notify(HANDLE folder, uint32_t filter, bool tree = false)
+{
+    IO_STATUS_BLOCK io{};
+    uint8_t scratch[32] = {};
+    const NTSTATUS status = NtNotifyChangeDirectoryFile(folder, nullptr, nullptr, nullptr, &io, scratch,
+                                                        sizeof(scratch), filter, tree);
+    EXPECT_EQ(io.Status, status);
+    EXPECT_EQ(io.Information, 0u);
+    return status;
+}
+
+// Calls `body(0)` to `body(count - 1)` on threads that begin together, and waits for their ends.
+template <typename Body> void AtOnce(int count, Body body)
+{
+    std::barrier begin(count);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back([&, i] {
+            begin.arrive_and_wait();
+            body(i);
+        });
+    }
+}
+
+// Waits for a call of another thread on the handle, and cancels it.
+inline void CancelCall(HANDLE file)
+{
+    while (CancelIoEx(file) != 0)
+        std::this_thread::yield();
+}
+
+// Closes a handle under a call on it, again and again until the call had begun by then.
+template <typename Open, typename Call> void ExpectCloseEnds(Open open, Call call, NTSTATUS ending)
+{
+    for (NTSTATUS status = STATUS_INVALID_HANDLE; status != ending;) {
+        NtFile file = open();
+        auto waiting = std::async(std::launch::async, call, HANDLE(file));
+        std::this_thread::yield();
+        file.Close();
+        status = waiting.get();
+        ASSERT_TRUE(status == ending || status == STATUS_INVALID_HANDLE) << std::hex << status;
+    }
 }
 
 } // namespace fodr::nt

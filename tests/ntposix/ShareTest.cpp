@@ -1,26 +1,13 @@
 #include "ntposix/NtWords.h"
 
-#include <filesystem>
-#include <fstream>
-
 namespace fodr::nt {
 
 namespace {
 
-class Sharing : public NtFixture {
-protected:
-    NtFile Doomed(std::string_view name) const
-    {
-        return Open(name, {.access = GENERIC_READ | DELETE_ACCESS | SYNCHRONIZE});
-    }
-    bool Exists(const char *name) const { return std::filesystem::exists(root / name); }
-};
+using Sharing = NtFixture;
 
-constexpr uint32_t kNone = 0;
-constexpr uint32_t kRead = FILE_SHARE_READ;
-constexpr uint32_t kWrite = FILE_SHARE_WRITE;
-constexpr uint32_t kDelete = FILE_SHARE_DELETE;
-constexpr uint32_t kAll = kRead | kWrite | kDelete;
+constexpr uint32_t kNone = 0, kRead = FILE_SHARE_READ, kWrite = FILE_SHARE_WRITE, kDelete = FILE_SHARE_DELETE,
+                   kAll = kRead | kWrite | kDelete;
 
 TEST_F(Sharing, EveryRightMustBeSharedByBothSides)
 {
@@ -47,14 +34,11 @@ TEST_F(Sharing, EveryRightMustBeSharedByBothSides)
         {FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES, kNone, GENERIC_ALL, kNone, STATUS_SUCCESS},
     };
     for (const auto &test : cases) {
-        NtFile first = Open("file", {.access = test.firstAccess | SYNCHRONIZE, .share = test.firstShare});
+        NtFile first = Open("file", {.access = test.firstAccess, .share = test.firstShare});
         ASSERT_EQ(first.status, STATUS_SUCCESS);
-        for (const char *name : {"file", "FILE", "other-name"}) {
-            EXPECT_EQ(Open(name, {.access = test.access | SYNCHRONIZE, .share = test.share}).status,
-                      test.status)
-                << name << std::hex << " first " << test.firstAccess << "/" << test.firstShare << " then "
-                << test.access << "/" << test.share;
-        }
+        for (const char *name : {"file", "FILE", "other-name"})
+            EXPECT_EQ(Open(name, {.access = test.access, .share = test.share}).status, test.status)
+                << name << " in row " << &test - cases;
         first.Close();
         EXPECT_EQ(Open("file", {.access = GENERIC_ALL, .share = kNone}).status, STATUS_SUCCESS);
     }
@@ -64,61 +48,53 @@ TEST_F(Sharing, AnOverwriteIsAWrite)
 {
     MakeFile("file", "content");
     NtFile reader = Open("file", {.share = kRead});
-    const OpenOptions overwrite{.access = FILE_READ_ATTRIBUTES | SYNCHRONIZE, .disposition = FILE_OVERWRITE};
+    const OpenOptions overwrite{.access = FILE_READ_ATTRIBUTES, .disposition = FILE_OVERWRITE};
     EXPECT_EQ(Open("file", overwrite).status, STATUS_SHARING_VIOLATION);
     EXPECT_EQ(ReadAt(reader, 0, 9).text, "content");
     reader.Close();
-    NtFile overwriter = Open("file", overwrite);
+    const NtFile overwriter = Open("file", overwrite);
     EXPECT_EQ(overwriter.status, STATUS_SUCCESS);
     // Afterwards it is an open for attributes.
     EXPECT_EQ(Open("file", {.access = GENERIC_ALL, .share = kNone}).status, STATUS_SUCCESS);
 }
 
-TEST_F(Sharing, ADeletionWaitsForTheLastHandle)
+TEST_F(Sharing, ADeletionWaitsForTheLastHandleAndCanBeTakenBack)
 {
     MakeFile("file", "content");
     NtFile reader = Open("file");
-    NtFile deleter = Doomed("file");
-    EXPECT_EQ(Delete(deleter), STATUS_SUCCESS);
-    EXPECT_EQ(StandardOf(reader).DeletePending, 1);
-    EXPECT_EQ(StandardOf(reader).NumberOfLinks, 0u);
-    EXPECT_EQ(Open("file", {.access = FILE_READ_ATTRIBUTES | SYNCHRONIZE}).status, STATUS_DELETE_PENDING);
-    EXPECT_EQ(Open("file", {.disposition = FILE_CREATE}).status, STATUS_DELETE_PENDING);
-    deleter.Close();
-    EXPECT_TRUE(Exists("file"));
-    EXPECT_EQ(ReadAt(reader, 0, 9).text, "content");
-    reader.Close();
-    EXPECT_FALSE(Exists("file"));
-    EXPECT_EQ(Open("file", {.disposition = FILE_CREATE}).status, STATUS_SUCCESS);
-}
-
-TEST_F(Sharing, ADeletionCanBeTakenBack)
-{
-    MakeFile("file");
-    NtFile reader = Open("file");
-    NtFile deleter = Doomed("file");
-    EXPECT_EQ(Delete(deleter), STATUS_SUCCESS);
-    EXPECT_EQ(Delete(deleter, false), STATUS_SUCCESS);
-    EXPECT_EQ(StandardOf(reader).DeletePending, 0);
-    EXPECT_EQ(Open("file").status, STATUS_SUCCESS);
-    deleter.Close();
-    reader.Close();
-    EXPECT_TRUE(Exists("file"));
+    for (const bool takenBack : {true, false}) {
+        NtFile deleter = Doomed("file");
+        EXPECT_EQ(Delete(deleter), STATUS_SUCCESS);
+        EXPECT_EQ(StandardOf(reader).DeletePending, 1);
+        EXPECT_EQ(StandardOf(reader).NumberOfLinks, 0u);
+        EXPECT_EQ(Open("file", {.access = FILE_READ_ATTRIBUTES}).status, STATUS_DELETE_PENDING);
+        EXPECT_EQ(Open("file", {.disposition = FILE_CREATE}).status, STATUS_DELETE_PENDING);
+        if (takenBack) {
+            EXPECT_EQ(Delete(deleter, false), STATUS_SUCCESS);
+        }
+        deleter.Close();
+        EXPECT_EQ(StandardOf(reader).DeletePending, !takenBack);
+        EXPECT_EQ(Open("file").status, takenBack ? STATUS_SUCCESS : STATUS_DELETE_PENDING);
+        EXPECT_EQ(ReadAt(reader, 0, 9).text, "content");
+        reader.Close();
+        EXPECT_EQ(Exists("file"), takenBack);
+        reader = Open("file", {.disposition = FILE_OPEN_IF});
+    }
+    EXPECT_EQ(reader.information, FILE_CREATED);
 }
 
 TEST_F(Sharing, NotEverythingCanBeDeleted)
 {
     MakeFolder("full/inner");
-    MakeFile("read-only");
-    chmod(Path("read-only").c_str(), 0444);
+    MakeReadOnly("read-only");
     MakeFile("file");
     EXPECT_EQ(Delete(Doomed("full")), STATUS_DIRECTORY_NOT_EMPTY);
     EXPECT_EQ(Delete(Doomed("read-only")), STATUS_CANNOT_DELETE);
     EXPECT_EQ(Delete(Open("file")), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Delete(NtFile(u"\\??\\/", {.access = DELETE_ACCESS | SYNCHRONIZE})), STATUS_CANNOT_DELETE);
+    EXPECT_EQ(Delete(NtFile(u"\\??\\/", {.access = DELETE_ACCESS})), STATUS_CANNOT_DELETE);
     EXPECT_EQ(Delete(Doomed("full\\inner")), STATUS_SUCCESS);
     EXPECT_EQ(Delete(Doomed("full")), STATUS_SUCCESS);
-    EXPECT_FALSE(Exists("full"));
+    EXPECT_EQ(Listing(), (NameSet{"file", "read-only"}));
 }
 
 // Linux only: other processes rename and replace what is open here.
@@ -128,32 +104,30 @@ TEST_F(Sharing, ADeletionNeverMeetsAnotherFile)
     MakeFile("saved", "successor");
     NtFile deleter = Doomed("file");
     EXPECT_EQ(Delete(deleter), STATUS_SUCCESS);
-    std::filesystem::rename(root / "file", root / "elsewhere");
-    std::filesystem::rename(root / "saved", root / "file");
+    OthersMove("file", "elsewhere");
+    OthersMove("saved", "file");
     deleter.Close();
-    EXPECT_TRUE(Exists("file"));
-    EXPECT_FALSE(Exists("elsewhere"));
+    EXPECT_EQ(Listing(), NameSet{"file"});
 
     NtFile gone = Doomed("file");
     std::filesystem::remove(root / "file");
     EXPECT_EQ(Delete(gone), STATUS_SUCCESS);
     MakeFile("file", "third");
     gone.Close();
-    EXPECT_TRUE(Exists("file"));
+    EXPECT_EQ(Listing(), NameSet{"file"});
 }
 
 TEST_F(Sharing, EachNameOfAFileIsDeletedByItself)
 {
     MakeFile("file");
     std::filesystem::create_hard_link(root / "file", root / "other");
-    NtFile kept = Open("file");
+    const NtFile kept = Open("file");
     NtFile deleter = Doomed("other");
     EXPECT_EQ(Delete(deleter), STATUS_SUCCESS);
     EXPECT_EQ(Open("file").status, STATUS_SUCCESS);
     EXPECT_EQ(Open("other").status, STATUS_DELETE_PENDING);
     deleter.Close();
-    EXPECT_FALSE(Exists("other"));
-    EXPECT_TRUE(Exists("file"));
+    EXPECT_EQ(Listing(), NameSet{"file"});
 }
 
 } // namespace

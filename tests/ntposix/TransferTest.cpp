@@ -1,6 +1,5 @@
 #include "ntposix/NtWords.h"
 
-#include <filesystem>
 #include <sys/mount.h>
 
 namespace fodr::nt {
@@ -9,15 +8,13 @@ namespace {
 
 using Transfer = NtFixture;
 
-constexpr uint32_t kReadWrite = GENERIC_READ | GENERIC_WRITE;
 constexpr int64_t kToEnd = -1;
 constexpr int64_t kAtPosition = -2;
 
 TEST_F(Transfer, ReadsEndWhereTheFileEnds)
 {
     MakeFile("file", "0123456789");
-    MakeFolder("folder");
-    NtFile file = Open("file");
+    const NtFile file = Open("file");
     const struct {
         int64_t offset;
         uint32_t length;
@@ -30,16 +27,17 @@ TEST_F(Transfer, ReadsEndWhereTheFileEnds)
         {-3, 1, STATUS_INVALID_PARAMETER, ""},  {INT64_MIN, 1, STATUS_INVALID_PARAMETER, ""},
     };
     for (const auto &test : cases) {
-        const ReadResult result = ReadAt(file, test.offset, test.length);
-        EXPECT_EQ(result.status, test.status) << test.offset;
-        EXPECT_EQ(result.text, test.text) << test.offset;
+        const auto [status, text] = ReadAt(file, test.offset, test.length);
+        EXPECT_EQ(status, test.status) << test.offset;
+        EXPECT_EQ(text, test.text) << test.offset;
     }
-    EXPECT_EQ(ReadAt(Open("folder"), 0, 1).status, STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(ReadAt(Folder(""), 0, 1).status, STATUS_INVALID_DEVICE_REQUEST);
 }
 
 TEST_F(Transfer, WritesGoWhereTheyAreTold)
 {
-    NtFile file = Open("file", {.access = kReadWrite, .disposition = FILE_CREATE});
+    constexpr int64_t kFar = 5'000'000'000;
+    const NtFile file = Open("file", {.access = kReadWrite, .disposition = FILE_CREATE});
     const struct {
         int64_t offset;
         const char *text;
@@ -53,20 +51,22 @@ TEST_F(Transfer, WritesGoWhereTheyAreTold)
         {0, "", {STATUS_SUCCESS, 0}, "aBCd"},
         {-3, "x", {STATUS_INVALID_PARAMETER, 0}, "aBCd"},
         {INT64_MAX, "x", {STATUS_INVALID_PARAMETER, 0}, "aBCd"},
+        {kFar, "far", {STATUS_SUCCESS, 3}, "aBCd"},
     };
     for (const auto &test : cases) {
         EXPECT_EQ(WriteAt(file, test.offset, test.text), test.outcome) << test.offset;
         EXPECT_STREQ(ReadAt(file, 0, 100).text.c_str(), test.contentAfter) << test.offset;
     }
-    EXPECT_EQ(StandardOf(file).EndOfFile, 6);
-    NtFile folder = Open("", {.access = FILE_WRITE_DATA | SYNCHRONIZE});
-    EXPECT_EQ(WriteAt(folder, 0, "x").status, STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(ReadAt(file, kFar, 10).text, "far");
+    EXPECT_EQ(StandardOf(file).EndOfFile, kFar + 3);
+    EXPECT_LT(StandardOf(file).AllocationSize, 1'000'000);
+    EXPECT_EQ(WriteAt(Open("", {.access = FILE_WRITE_DATA}), 0, "x").status, STATUS_INVALID_DEVICE_REQUEST);
 }
 
 TEST_F(Transfer, AnAppendOnlyHandleWritesToTheEnd)
 {
     MakeFile("file", "one");
-    NtFile appender = Open("file", {.access = FILE_APPEND_DATA | SYNCHRONIZE});
+    NtFile appender = Open("file", {.access = FILE_APPEND_DATA});
     NtFile writer = Open("file", {.access = kReadWrite, .options = FILE_WRITE_THROUGH});
     EXPECT_EQ(WriteAt(appender, 0, ",two"), (Outcome{STATUS_SUCCESS, 4}));
     EXPECT_EQ(WriteAt(writer, kToEnd, ",three"), (Outcome{STATUS_SUCCESS, 6}));
@@ -78,10 +78,8 @@ TEST_F(Transfer, ThePositionFollowsTransfers)
 {
     MakeFile("file", "0123456789");
     NtFile file = Open("file", {.access = kReadWrite});
-    auto position = [&file] {
-        FILE_POSITION_INFORMATION record{};
-        EXPECT_EQ(Query(file, FilePositionInformation, &record).status, STATUS_SUCCESS);
-        return record.CurrentByteOffset;
+    const auto position = [&file] {
+        return Told<FILE_POSITION_INFORMATION>(file, FilePositionInformation).CurrentByteOffset;
     };
     EXPECT_EQ(ReadAt(file, 2, 3).text, "234");
     EXPECT_EQ(position(), 5);
@@ -93,16 +91,6 @@ TEST_F(Transfer, ThePositionFollowsTransfers)
     EXPECT_EQ(Set(file, FilePositionInformation, FILE_POSITION_INFORMATION{-1}), STATUS_INVALID_PARAMETER);
 }
 
-TEST_F(Transfer, AFileBeyondFourGigabytesIsOne)
-{
-    NtFile file = Open("file", {.access = kReadWrite, .disposition = FILE_CREATE});
-    constexpr int64_t kFar = 5'000'000'000;
-    EXPECT_EQ(WriteAt(file, kFar, "far"), (Outcome{STATUS_SUCCESS, 3}));
-    EXPECT_EQ(ReadAt(file, kFar, 10).text, "far");
-    EXPECT_EQ(StandardOf(file).EndOfFile, kFar + 3);
-    EXPECT_LT(StandardOf(file).AllocationSize, 1'000'000);
-}
-
 // Linux only: a real small file system, which takes the right to mount.
 TEST_F(Transfer, AFullDiskIsTold)
 {
@@ -110,7 +98,11 @@ TEST_F(Transfer, AFullDiskIsTold)
     if (mount("fodr-test", Path("small").c_str(), "tmpfs", 0, "size=64k") != 0)
         GTEST_SKIP() << "can't mount a tmpfs";
     {
-        NtFile file = Open("small\\file", {.access = kReadWrite, .disposition = FILE_CREATE});
+        const OpenOptions making{.access = kReadWrite, .disposition = FILE_CREATE};
+        const NtFile file = Open("small\\file", making);
+        const auto setAllocation = [&](int64_t size) {
+            return Set(file, FileAllocationInformation, FILE_ALLOCATION_INFORMATION{size});
+        };
         const std::string block(40 * 1024, 'x');
         EXPECT_EQ(WriteAt(file, 0, block), (Outcome{STATUS_SUCCESS, block.size()}));
         const Outcome second = WriteAt(file, static_cast<int64_t>(block.size()), block);
@@ -118,20 +110,16 @@ TEST_F(Transfer, AFullDiskIsTold)
         // What is told as written is there, and no more.
         EXPECT_EQ(StandardOf(file).EndOfFile, static_cast<int64_t>(block.size() + second.information));
         EXPECT_EQ(WriteAt(file, kToEnd, block), (Outcome{STATUS_DISK_FULL, 0}));
-        EXPECT_EQ(Set(file, FileAllocationInformation, FILE_ALLOCATION_INFORMATION{1 << 20}),
-                  STATUS_DISK_FULL);
-        EXPECT_EQ(
-            Open("small\\big", {.access = kReadWrite, .disposition = FILE_CREATE, .allocation = 1 << 20})
-                .status,
-            STATUS_DISK_FULL);
-        EXPECT_FALSE(std::filesystem::exists(root / "small" / "big"));
+        EXPECT_EQ(setAllocation(1 << 20), STATUS_DISK_FULL);
+        OpenOptions large = making;
+        large.allocation = 1 << 20;
+        EXPECT_EQ(Open("small\\big", large).status, STATUS_DISK_FULL);
+        EXPECT_FALSE(Exists("small/big"));
         // What can't be had isn't taken in part either.
         EXPECT_EQ(Set(file, FileEndOfFileInformation, FILE_END_OF_FILE_INFORMATION{0}), STATUS_SUCCESS);
-        EXPECT_EQ(Set(file, FileAllocationInformation, FILE_ALLOCATION_INFORMATION{INT64_MAX}),
-                  STATUS_DISK_FULL);
+        EXPECT_EQ(setAllocation(INT64_MAX), STATUS_DISK_FULL);
         EXPECT_EQ(StandardOf(file).AllocationSize, 0);
-        EXPECT_EQ(Rename(Open("small\\file", {.access = DELETE_ACCESS | SYNCHRONIZE}), NtPath("moved")),
-                  STATUS_NOT_SAME_DEVICE);
+        EXPECT_EQ(Rename(Doomed("small\\file"), NtPath("moved")), STATUS_NOT_SAME_DEVICE);
     }
     ASSERT_EQ(umount(Path("small").c_str()), 0);
 }
