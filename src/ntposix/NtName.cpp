@@ -98,7 +98,7 @@ NTSTATUS NtName::AppendComponents(std::u16string_view text)
             path = "/";
         return STATUS_SUCCESS;
     }
-    if (const NTSTATUS status = SplitStream(&text); status != STATUS_SUCCESS)
+    if (const NTSTATUS status = SplitStream(&text, &stream); status != STATUS_SUCCESS)
         return status;
     std::string below;
     if (!PosixPathFromNt(text, below) || HasImproperComponent(below, 0))
@@ -111,7 +111,7 @@ NTSTATUS NtName::AppendComponents(std::u16string_view text)
 }
 
 // MS-FSCC 2.1.5: name[:stream[:type]], in the last component alone. The type is $DATA or absent.
-NTSTATUS NtName::SplitStream(std::u16string_view *text)
+NTSTATUS NtName::SplitStream(std::u16string_view *text, std::u16string *streamName)
 {
     const size_t leaf = text->find_last_of(u"\\/") + 1;
     const size_t colon = text->find(u':', leaf);
@@ -127,7 +127,7 @@ NTSTATUS NtName::SplitStream(std::u16string_view *text)
         return STATUS_OBJECT_NAME_INVALID;
     }
     *text = text->substr(0, colon);
-    stream = suffix;
+    *streamName = suffix;
     return STATUS_SUCCESS;
 }
 

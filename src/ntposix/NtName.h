@@ -26,9 +26,12 @@ public:
     // Of a stream suffix other than "::$DATA"; empty for the file itself.
     const std::u16string &Stream() const { return stream; }
 
+    // Cuts the stream suffix, "name[:stream[:type]]", from the last component of a text without a separator
+    // at its end. STATUS_OBJECT_NAME_INVALID, and nothing is cut, for a suffix of another form.
+    [[nodiscard]] static nt::NTSTATUS SplitStream(std::u16string_view *text, std::u16string *streamName);
+
 private:
     [[nodiscard]] nt::NTSTATUS AppendComponents(std::u16string_view text);
-    [[nodiscard]] nt::NTSTATUS SplitStream(std::u16string_view *text);
 
     std::string path;
     std::u16string stream;

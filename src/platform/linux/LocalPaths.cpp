@@ -4,12 +4,13 @@
 #error "this file is the Linux side"
 #endif
 
-#include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/NameMapping.h"
+#include "ntposix/DirectoryIndexes.h"
+#include "ntposix/NtName.h"
 #include "platform/SystemError.h"
 #include "platform/Volumes.h"
 
-#include <dirent.h>
+#include <fcntl.h>
 
 #include <filesystem>
 #include <sys/stat.h>
@@ -40,21 +41,14 @@ std::string Below(const std::string &folder, const std::string &name)
     return folder == "/" ? folder + name : folder + '/' + name;
 }
 
-// The name in a folder that differs in case only; `name` itself when there is none.
-std::string FindWithoutCase(const std::string &folder, const std::string &name, std::u16string_view wanted)
+// The name in a folder that differs in case only, the one that the file calls would take; `name` itself when
+// there is none.
+std::string FindWithoutCase(const std::string &folder, const std::string &name)
 {
-    DIR *listing = opendir(folder.c_str());
-    if (!listing)
+    const ntposix::Fd directory(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory)
         return name;
-    std::string found = name;
-    while (const dirent *entry = readdir(listing)) {
-        if (EqualsFolded(NtNameFromPosix(entry->d_name), wanted)) {
-            found = entry->d_name;
-            break;
-        }
-    }
-    closedir(listing);
-    return found;
+    return ntposix::DirectoryLease(directory.Get()).Find(name).value_or(name);
 }
 
 } // namespace
@@ -67,8 +61,6 @@ uint32_t ResolveLocalPath(std::u16string_view path, std::string *local)
         path.remove_prefix(2);
         if (resolved.empty())
             return kErrorPathNotFound;
-    } else if (path.starts_with(u"\\\\")) {
-        return kErrorBadNetPath;
     }
     if (!path.empty() && !IsSeparator(path[0]))
         return kErrorInvalidName;
@@ -77,6 +69,11 @@ uint32_t ResolveLocalPath(std::u16string_view path, std::string *local)
     if (path.size() < 2)
         resolved = std::filesystem::weakly_canonical(resolved, error).string();
     if (error)
+        return kErrorInvalidName;
+    while (!path.empty() && IsSeparator(path.back()))
+        path.remove_suffix(1);
+    std::u16string stream; // all that counts is whose it is
+    if (ntposix::NtName::SplitStream(&path, &stream) != nt::STATUS_SUCCESS)
         return kErrorInvalidName;
     bool exists = true;
     while (!path.empty()) {
@@ -91,7 +88,7 @@ uint32_t ResolveLocalPath(std::u16string_view path, std::string *local)
         if (!PosixNameFromNt(component, name))
             return kErrorInvalidName;
         if (exists && !Exists(Below(resolved, name))) {
-            name = FindWithoutCase(resolved, name, component);
+            name = FindWithoutCase(resolved, name);
             exists = Exists(Below(resolved, name));
         }
         resolved = Below(resolved, name);

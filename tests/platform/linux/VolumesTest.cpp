@@ -3,6 +3,7 @@
 #include "RealMount.h"
 #include "lib/unicode/CodeSet.h"
 #include "ntposix/DriveLetters.h"
+#include "platform/Nt.h"
 #include "platform/SystemError.h"
 
 #include <filesystem>
@@ -118,7 +119,7 @@ TEST(Volumes, AMountIsFoundFromAnyPathInIt)
         {"\\", "/"},
         {"", "/"},
         {"S:\\x", "error 3"},
-        {"\\\\server\\share", "error 53"},
+        {"UNC\\server\\share", "error 123"},
         {"relative", "error 123"},
         {"/a?b", "error 123"},
     };
@@ -136,6 +137,88 @@ TEST(Volumes, AMountIsFoundFromAnyPathInIt)
     std::u16string name;
     EXPECT_EQ(VolumeNameOfMountPoint(Wide(drive + "/"), name), kErrorNotSupported); // no disk behind it
     EXPECT_EQ(VolumeNameOfMountPoint(Wide(drive + "/sub/"), name), kErrorInvalidName);
+}
+
+// Whether the file calls open a file by the name.
+bool Opens(const std::string &path)
+{
+    const std::u16string text = u"\\??\\" + Wide(path);
+    const auto bytes = static_cast<uint16_t>(text.size() * sizeof(char16_t));
+    nt::UNICODE_STRING name{bytes, bytes, const_cast<char16_t *>(text.data())};
+    nt::OBJECT_ATTRIBUTES attributes{sizeof(nt::OBJECT_ATTRIBUTES), nullptr, &name,
+                                     nt::OBJ_CASE_INSENSITIVE,      nullptr, nullptr};
+    nt::IO_STATUS_BLOCK ioStatus{};
+    nt::HANDLE handle = nullptr;
+    if (nt::IsError(nt::NtCreateFile(&handle, nt::FILE_READ_ATTRIBUTES, &attributes, &ioStatus, nullptr, 0, 7,
+                                     nt::FILE_OPEN, 0, nullptr, 0)))
+        return false;
+    nt::NtClose(handle);
+    return true;
+}
+
+TEST(Volumes, EveryNameThatOpensAFileIsOnThatFilesVolume)
+{
+    FODR_NEEDS_MOUNTS();
+    const ScratchFolder scratch;
+    const std::string drive = scratch.MakeFolder("Drive");
+    const std::string outside = MountPoint(scratch.Path());
+    TmpfsMount tmpfs(drive);
+    for (const char *name : {"f", "we\\ird:", "dot. ", "\xFF"})
+        std::ofstream(drive + "/" + name).put('x');
+    std::filesystem::create_directory(drive + "/Sub");
+    std::ofstream(drive + "/Sub/f").put('x');
+    std::filesystem::create_directory_symlink(drive, scratch / "link");
+    std::filesystem::create_symlink(drive + "/f", scratch / "fileLink");
+    // Of two that differ in case alone, whichever was there first.
+    std::filesystem::create_directory_symlink(drive, scratch / "ONE");
+    std::ofstream(scratch.MakeFolder("one") + "/f").put('x');
+    std::ofstream(scratch.MakeFolder("two") + "/f").put('x');
+    std::filesystem::create_directory_symlink(drive, scratch / "TWO");
+    std::ofstream(scratch.MakeFolder("RED") + "/f").put('x');
+    std::filesystem::create_directory_symlink(drive, scratch / "red");
+    std::filesystem::create_directory_symlink(drive, scratch / "blue");
+    std::ofstream(scratch.MakeFolder("BLUE") + "/f").put('x');
+    const EnvironmentVariable variable("FODR_DRIVES", ("R=" + drive).c_str());
+    const std::string &base = scratch.Path();
+    std::string twice = "\\" + base;
+    twice[1] = '\\';
+    const struct {
+        std::string path;
+        bool opens;
+        bool onDrive = true;
+    } rows[] = {
+        {base + "\\link\\f::$DATA", true},
+        {base + "\\link\\F::$data", true},
+        {base + "\\LINK\\sub::$DATA\\", true},
+        {base + "\\link::$DATA", true},
+        {base + "\\link\\new::$DATA", false},
+        {base + "\\fileLink::$DATA", true},
+        {base + "\\link\\f:stream", false},
+        {"r:\\sub\\f::$DATA", true},
+        {"R:\\", true},
+        {twice + "\\link\\f", true},
+        {base + "\\link\\we\xEF\x81\x9Cird\xEF\x80\xBA", true},
+        {base + "\\LINK\\WE\xEF\x81\x9CIRD\xEF\x80\xBA::$DATA", true},
+        {base + "\\link\\\xEF\x9F\xBF::$DATA", true}, // the byte that isn't text
+        {base + "\\link\\dot. ", true},
+        {base + "\\link\\dot", false},
+        {base + "\\link\\f.", false},
+        {base + "\\.\\link\\f", false},
+        {base + "\\link\\\\f", false},
+        {base + "\\One\\f", true},
+        {base + "\\Two\\f", true},
+        {base + "\\Red\\f", true, false},
+        {base + "\\Blue\\f", true, false},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(Opens(row.path), row.opens) << row.path;
+        EXPECT_EQ(MountPoint(row.path), row.onDrive ? drive : outside) << row.path;
+    }
+    LinkKind kind = LinkKind::Missing;
+    EXPECT_EQ(QueryLinkKind(Wide(scratch / "FILELINK::$DATA"), kind), kErrorSuccess);
+    EXPECT_EQ(kind, LinkKind::SymbolicLink);
+    for (const char *path : {"/a:b:c", "/a:", "/a:b/c"})
+        EXPECT_EQ(MountPoint(path), "error 123") << path;
 }
 
 TEST(Volumes, LinksAreToldFromWhatTheyLeadTo)
