@@ -60,37 +60,45 @@ std::string DriveLetters::PathOf(char letter)
         return {};
     std::lock_guard<std::mutex> guard(mutex);
     Update();
-    return variable ? table[index] : media[index];
+    const Place &place = Chosen()[index];
+    return place.IsThere() ? place.path : std::string();
 }
 
 void DriveLetters::CopyPaths(Paths &copy)
 {
     std::lock_guard<std::mutex> guard(mutex);
     Update();
-    std::copy_n(variable ? table : media, kCount, copy);
+    std::transform(Chosen(), Chosen() + kCount, copy,
+                   [](const Place &place) { return place.IsThere() ? place.path : std::string(); });
 }
 
 void DriveLetters::Update()
 {
     const char *now = std::getenv("FODR_DRIVES");
+    const std::shared_ptr<const MountTable> mounts = MountTable::Current();
+    const bool isOther = now ? !variable || *variable != now : variable.has_value();
+    if (mounts == mountsSeen && !isOther)
+        return;
+    mountsSeen = mounts;
     if (now) {
-        if (!variable || *variable != now)
+        if (isOther)
             ParseTable(now);
         variable = now;
-        return;
-    }
-    variable.reset();
-    media[kRootDrive] = "/";
-    const std::shared_ptr<const MountTable> mounts = MountTable::Current();
-    if (mounts != mountsSeen)
+    } else {
+        variable.reset();
+        media[kRootDrive].path = "/";
         AddMedia(*mounts);
-    mountsSeen = mounts;
+    }
+    for (Place &place : Chosen()) {
+        place.isMounted = mounts->At(place.path) != nullptr;
+        place.hasMedium = place.hasMedium || place.isMounted;
+    }
 }
 
 // What isn't of the form is left out.
 void DriveLetters::ParseTable(const std::string &text)
 {
-    std::fill_n(table, kCount, std::string());
+    std::fill_n(table, kCount, Place());
     std::string_view rest = text;
     while (!rest.empty()) {
         const size_t end = std::min(rest.find(';'), rest.size());
@@ -102,7 +110,7 @@ void DriveLetters::ParseTable(const std::string &text)
         entry.remove_prefix(2);
         while (entry.size() > 1 && entry.back() == '/')
             entry.remove_suffix(1);
-        table[index] = entry;
+        table[index].path = entry;
     }
 }
 
@@ -119,12 +127,17 @@ void DriveLetters::AddMedia(const MountTable &mounts)
             continue;
         const std::optional<BlockDevice> found = FindBlockDevice(device);
         if (!found || !found->isRemovable || (system && system->disk == found->disk) ||
-            std::find(media, media + kCount, mount.target) != media + kCount)
+            FindMedium(media, mount.target) != media + kCount)
             continue;
-        std::string *free = std::find(media + kRootDrive + 1, media + kCount, std::string());
+        Place *free = FindMedium(media + kRootDrive + 1, "");
         if (free != media + kCount)
-            *free = mount.target;
+            free->path = mount.target;
     }
+}
+
+DriveLetters::Place *DriveLetters::FindMedium(Place *begin, const std::string &path)
+{
+    return std::find_if(begin, media + kCount, [&path](const Place &place) { return place.path == path; });
 }
 
 } // namespace fodr::platform

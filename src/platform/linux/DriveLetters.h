@@ -2,6 +2,10 @@
 //
 // FODR_DRIVES ("C=/srv/c;D=/mnt/d") is the whole table. Without it C is the root, and mounted removable media
 // get D and the following in order of arrival; a mount point keeps its letter while the process lives.
+//
+// A letter stands for a folder, whatever is in it, until something is mounted there. From then on it is a
+// medium's: when that is unmounted the letter stands for nothing, and not for the empty folder on another
+// disk that is left.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +25,7 @@ public:
 
     static DriveLetters &Get();
 
-    // "/" or without a separator at its end.
+    // "/" or without a separator at its end; empty also while the letter's medium is gone.
     std::string PathOf(char letter);
     // All of them, media that have just come included.
     void CopyPaths(Paths &copy);
@@ -32,11 +36,24 @@ private:
     void ParseTable(const std::string &text);
     void AddMedia(const MountTable &mounts);
 
+    // What a letter stands for.
+    struct Place {
+        std::string path;
+        bool isMounted = false;
+        bool hasMedium = false; // something is or was mounted there
+
+        bool IsThere() const { return isMounted || !hasMedium; }
+    };
+    using Places = Place[kCount];
+    Places &Chosen() { return variable ? table : media; }
+    // From `begin` on; behind the last when there is none.
+    Place *FindMedium(Place *begin, const std::string &path);
+
     std::mutex mutex;
     std::optional<std::string> variable;          // as last seen
-    Paths table;                                  // of the variable
-    Paths media;                                  // without the variable
-    std::shared_ptr<const MountTable> mountsSeen; // whose media have letters
+    Places table;                                 // of the variable
+    Places media;                                 // without the variable
+    std::shared_ptr<const MountTable> mountsSeen; // that `media` and what is mounted go by
 };
 
 } // namespace fodr::platform

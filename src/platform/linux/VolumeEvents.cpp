@@ -14,7 +14,7 @@
 #include <atomic>
 #include <cerrno>
 #include <libmount/libmount.h>
-#include <set>
+#include <optional>
 #include <string>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
@@ -32,44 +32,22 @@ MountKey KeyOf(const Mount &mount)
     return {mount.id, mount.device, mount.source};
 }
 
-// What a letter stands for. A folder that isn't there, or that a mount has left behind, is no drive.
-struct Drive {
-    bool isPresent = false;
-    MountKey holder; // of the folder, while it is a drive
-};
+// By letter, the mount that holds the drive's folder; nothing where no drive is.
+using Drives = std::array<std::optional<MountKey>, DriveLetters::kCount>;
 
-struct Drives {
-    std::array<Drive, DriveLetters::kCount> letters;
-    std::set<MountKey> mounts; // all
-};
-
-// The mount that holds the folder; null when there is none.
-const Mount *HolderOf(const MountTable &mounts, const std::string &path)
-{
-    struct stat facts {};
-    if (path.empty() || stat(path.c_str(), &facts) != 0 || !S_ISDIR(facts.st_mode))
-        return nullptr;
-    return mounts.Holding(path);
-}
-
-// From `before` to now; null at the first look, when every folder that exists is a drive. After that a drive
-// comes with its mount and goes with it.
-Drives LookAtDrives(const Drives *before)
+// A drive is there when its letter stands for a folder that is: the same question that opens and adds ask.
+Drives LookAtDrives()
 {
     Drives now;
     DriveLetters::Paths paths;
     DriveLetters::Get().CopyPaths(paths);
     const std::shared_ptr<const MountTable> mounts = MountTable::Current();
-    for (const Mount &mount : mounts->Mounts())
-        now.mounts.insert(KeyOf(mount));
     for (size_t n = 0; n < DriveLetters::kCount; ++n) {
-        const Mount *holder = HolderOf(*mounts, paths[n]);
-        if (!holder)
+        struct stat facts {};
+        if (paths[n].empty() || stat(paths[n].c_str(), &facts) != 0 || !S_ISDIR(facts.st_mode))
             continue;
-        const MountKey key = KeyOf(*holder);
-        const bool stayed = before && before->letters[n].isPresent && before->letters[n].holder == key;
-        const bool isNew = !before || !before->mounts.contains(key);
-        now.letters[n] = {stayed || isNew, key};
+        if (const Mount *holder = mounts->Holding(paths[n]))
+            now[n] = KeyOf(*holder);
     }
     return now;
 }
@@ -115,7 +93,7 @@ bool VolumeEvents::Open()
         own.CloseMonitor();
         return false;
     }
-    own.drives = LookAtDrives(nullptr);
+    own.drives = LookAtDrives();
     own.isOpen = true;
     return true;
 }
@@ -154,16 +132,16 @@ bool VolumeEvents::Run(IVolumeEventSink &sink)
 // A medium that was replaced went first.
 void VolumeEvents::TellChanges(IVolumeEventSink &sink)
 {
-    const Drives now = LookAtDrives(&state->drives);
+    const Drives now = LookAtDrives();
     uint32_t removed = 0;
     uint32_t arrived = 0;
     for (size_t n = 0; n < DriveLetters::kCount; ++n) {
-        const Drive &before = state->drives.letters[n];
-        const Drive &after = now.letters[n];
-        const bool isOther = before.holder != after.holder;
-        if (before.isPresent && (!after.isPresent || isOther))
+        const std::optional<MountKey> &before = state->drives[n];
+        if (before == now[n])
+            continue;
+        if (before)
             removed |= 1U << n;
-        if (after.isPresent && (!before.isPresent || isOther))
+        if (now[n])
             arrived |= 1U << n;
     }
     state->drives = now;

@@ -188,6 +188,8 @@ TEST_F(WithUsbStick, ItHasTheNextLetterAndKeepsIt)
     ASSERT_TRUE(watcher.Start(&letters));
     ASSERT_EQ(umount2(folder.c_str(), 0), 0);
     EXPECT_EQ(letters.Next(1), "-D");
+    EXPECT_EQ(platform::LocalPathOfDriveLetter('D'), ""); // the folder is still there
+    EXPECT_EQ(platform::DriveTypeOfLetter('D'), platform::kDriveNoRootDir);
     ASSERT_TRUE(Mount(folder));
     EXPECT_EQ(letters.Next(1), "+D");
     const ScratchFolder scratch;
@@ -196,7 +198,10 @@ TEST_F(WithUsbStick, ItHasTheNextLetterAndKeepsIt)
     EXPECT_EQ(letters.Next(1), "-D");
     ASSERT_TRUE(Mount(second));
     EXPECT_EQ(letters.Next(1), "+E"); // another place
+    ASSERT_TRUE(Mount(folder));       // each place has had its letter
+    EXPECT_EQ(letters.Next(1), "+D");
     umount2(second.c_str(), 0);
+    EXPECT_EQ(letters.Next(1), "-E");
     EXPECT_TRUE(watcher.Stop());
     EXPECT_EQ(platform::LocalPathOfDriveLetter('D'), folder);
 }

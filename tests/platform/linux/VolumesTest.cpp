@@ -44,6 +44,23 @@ std::string MountPoint(const std::string &path)
     return text;
 }
 
+// Whether the file calls open a file by the name.
+bool Opens(const std::string &path)
+{
+    const std::u16string text = u"\\??\\" + Wide(path);
+    const auto bytes = static_cast<uint16_t>(text.size() * sizeof(char16_t));
+    nt::UNICODE_STRING name{bytes, bytes, const_cast<char16_t *>(text.data())};
+    nt::OBJECT_ATTRIBUTES attributes{sizeof(nt::OBJECT_ATTRIBUTES), nullptr, &name,
+                                     nt::OBJ_CASE_INSENSITIVE,      nullptr, nullptr};
+    nt::IO_STATUS_BLOCK ioStatus{};
+    nt::HANDLE handle = nullptr;
+    if (nt::IsError(nt::NtCreateFile(&handle, nt::FILE_READ_ATTRIBUTES, &attributes, &ioStatus, nullptr, 0, 7,
+                                     nt::FILE_OPEN, 0, nullptr, 0)))
+        return false;
+    nt::NtClose(handle);
+    return true;
+}
+
 TEST(DriveLetters, TheVariableIsTheWholeTable)
 {
     const ScratchFolder scratch;
@@ -84,6 +101,28 @@ TEST(DriveLetters, WithoutTheVariableCIsTheRoot)
     EXPECT_GT(DriveTypeOfLetter('C'), kDriveNoRootDir);
     EXPECT_EQ(LocalPathOfDriveLetter('A'), "");
     EXPECT_EQ(DriveTypeOfLetter('B'), kDriveNoRootDir);
+}
+
+TEST(DriveLetters, AFolderIsADriveUntilItHasAMediumThatIsGone)
+{
+    FODR_NEEDS_MOUNTS();
+    const ScratchFolder scratch;
+    const std::string folder = scratch.MakeFolder("drive");
+    const EnvironmentVariable variable("FODR_DRIVES", ("M=" + folder).c_str());
+    const auto expectDrive = [&](bool isThere) {
+        EXPECT_EQ(LocalPathOfDriveLetter('M'), isThere ? folder : "");
+        EXPECT_EQ(DriveTypeOfLetter('M') != kDriveNoRootDir, isThere);
+        EXPECT_EQ(Opens("M:\\"), isThere);
+    };
+    expectDrive(true);
+    for (int time = 0; time < 2; ++time) {
+        TmpfsMount medium(folder);
+        expectDrive(true);
+        medium.Unmount();
+        expectDrive(false);
+    }
+    const EnvironmentVariable another("FODR_DRIVES", ("M=" + folder + ";N=/").c_str());
+    expectDrive(true); // a new table knows nothing yet
 }
 
 TEST(Volumes, AMountIsFoundFromAnyPathInIt)
@@ -137,23 +176,6 @@ TEST(Volumes, AMountIsFoundFromAnyPathInIt)
     std::u16string name;
     EXPECT_EQ(VolumeNameOfMountPoint(Wide(drive + "/"), name), kErrorNotSupported); // no disk behind it
     EXPECT_EQ(VolumeNameOfMountPoint(Wide(drive + "/sub/"), name), kErrorInvalidName);
-}
-
-// Whether the file calls open a file by the name.
-bool Opens(const std::string &path)
-{
-    const std::u16string text = u"\\??\\" + Wide(path);
-    const auto bytes = static_cast<uint16_t>(text.size() * sizeof(char16_t));
-    nt::UNICODE_STRING name{bytes, bytes, const_cast<char16_t *>(text.data())};
-    nt::OBJECT_ATTRIBUTES attributes{sizeof(nt::OBJECT_ATTRIBUTES), nullptr, &name,
-                                     nt::OBJ_CASE_INSENSITIVE,      nullptr, nullptr};
-    nt::IO_STATUS_BLOCK ioStatus{};
-    nt::HANDLE handle = nullptr;
-    if (nt::IsError(nt::NtCreateFile(&handle, nt::FILE_READ_ATTRIBUTES, &attributes, &ioStatus, nullptr, 0, 7,
-                                     nt::FILE_OPEN, 0, nullptr, 0)))
-        return false;
-    nt::NtClose(handle);
-    return true;
 }
 
 TEST(Volumes, EveryNameThatOpensAFileIsOnThatFilesVolume)
