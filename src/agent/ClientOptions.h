@@ -15,6 +15,9 @@ struct PolicyFolder {
     std::string path;       // UTF-8, as the other machine writes it; "*all" stands for all its drives
 };
 
+// An older agent has no room for them in its policy.
+inline constexpr unsigned kFirstVersionWithDeviceRules = FODR_VERSION_FOLDER_BLOCK_LENGTH;
+
 struct PolicyOptions {
     bool enabled = true;
     // Only what the policy names, or what the other side's user shares with a permission of his own. When
@@ -22,7 +25,7 @@ struct PolicyOptions {
     bool sharedByAgent = true;
     uint8_t defaultPermission = 5; // 1 and 2 make every share read-only
     std::vector<PolicyFolder> folders;
-    std::string excludeRule; // of the device filter; empty: none
+    std::string excludeRule; // of the device filter (lib/misc/DeviceRule.h), a list; empty: none
     std::string includeRule;
 };
 

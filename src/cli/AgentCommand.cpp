@@ -1,13 +1,11 @@
 // `fodr agent`: gets a stream and a mount point, and runs the agent on them.
 #include "agent/Agent.h"
-#include "cli/Commands.h"
+#include "cli/AgentCommandLine.h"
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "cli/MountPoint.h"
 #include "cli/Words.h"
 #include "platform/Mounts.h"
-
-#include <charconv>
 
 namespace fodr::cli {
 namespace {
@@ -17,59 +15,6 @@ constexpr int kConnectTimeoutMS = 10000;
 bool IsLoopback(const std::string &host)
 {
     return host.empty() || host == "localhost" || host == "::1" || host.starts_with("127.");
-}
-
-bool ChooseSideChannel(const std::string &word, agent::SideChannel *side)
-{
-    if (word == "none")
-        *side = agent::SideChannel::None;
-    else if (word == "tcp")
-        *side = agent::SideChannel::Tcp;
-    else
-        *side = agent::SideChannel::LeftToThePlugin;
-    return word == "none" || word == "tcp" || word == "plugin";
-}
-
-// "1:C:\\docs" names a permission, "C:\\docs" doesn't.
-agent::PolicyFolder ForcedFolder(const std::string &word)
-{
-    const size_t colon = word.find(':');
-    unsigned permission = 0;
-    const char *end = word.data() + (colon == std::string::npos ? 0 : colon);
-    const auto parsed = std::from_chars(word.data(), end, permission);
-    if (end == word.data() || parsed.ec != std::errc() || parsed.ptr != end || permission > 255)
-        return {0, word};
-    return {static_cast<uint8_t>(permission), word.substr(colon + 1)};
-}
-
-agent::AgentOptions OptionsFrom(const AgentCommandWords &words)
-{
-    agent::AgentOptions options;
-    options.layout = words.layout == "folders" ? agent::MountLayout::Folders : agent::MountLayout::Single;
-    options.readOnly = words.readOnly;
-    options.allowOther = words.allowOther;
-    options.cacheMS = words.cacheMS.value_or(options.cacheMS);
-    options.shareWaitMS = words.shareWaitMS.value_or(options.shareWaitMS);
-    agent::ClientOptions &client = options.client;
-    client.preRead = !words.noPreRead;
-    client.multiEntryDirectoryQuery = !words.singleEntries;
-    client.version = static_cast<uint16_t>(words.protocol.value_or(client.version));
-    options.denyWriters = words.denyWriters;
-    client.driveLetterMapping = words.driveLetters;
-    client.sideChannelAddress = words.sideAddress;
-    client.ioTimeoutSeconds = words.ioTimeoutSeconds.value_or(client.ioTimeoutSeconds);
-    ChooseSideChannel(words.sideChannel, &client.sideChannel);
-    agent::PolicyOptions &policy = client.policy;
-    policy.enabled = !words.disabled;
-    policy.sharedByAgent = words.onlyForced;
-    policy.defaultPermission = static_cast<uint8_t>(words.permission.value_or(policy.defaultPermission));
-    if (words.readOnly)
-        policy.defaultPermission = 1;
-    for (const std::string &folder : words.forced)
-        policy.folders.push_back(ForcedFolder(folder));
-    policy.excludeRule = words.excludeRule;
-    policy.includeRule = words.includeRule;
-    return options;
 }
 
 // Null after a complaint.
@@ -104,8 +49,12 @@ std::unique_ptr<platform::ByteStream> OpenStream(const AgentCommandWords &words,
 
 int RunAgentCommand(const AgentCommandWords &words)
 {
-    agent::AgentOptions options = OptionsFrom(words);
+    agent::AgentOptions options;
     std::string problem;
+    if (!AgentOptionsFrom(words, &options, &problem)) {
+        Complain(problem);
+        return EXIT_USAGE;
+    }
     if (words.stdio + words.listen.has_value() + words.connect.has_value() != 1) {
         Complain("the agent wants one of --stdio, --listen and --connect");
         return EXIT_USAGE;

@@ -1,4 +1,5 @@
 // The fodr command.
+#include "cli/AgentCommandLine.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
@@ -83,44 +84,6 @@ void AddSend(CLI::App *app, ShareWords *words)
     words->sends = true;
     app->add_option("FILE", words->folders, "Files, and folders with all that they hold")->required();
     AddWhereAndHow(app, words);
-}
-
-void AddAgent(CLI::App *app, AgentCommandWords *words)
-{
-    app->add_option("MNT", words->mount, "Where to mount; made if it is missing")->required();
-    auto *source = app->add_option_group("Where the host is");
-    source->add_flag("--stdio", words->stdio, "At standard input and output");
-    source->add_option("--listen", words->listen, "It will connect to this port")
-        ->type_name("[ADDRESS:]PORT");
-    source->add_option("--connect", words->connect, "It listens there")->type_name("HOST:PORT");
-    source->require_option(1);
-    app->add_option("--layout", words->layout)->check(CLI::IsMember({"single", "folders"}));
-    app->add_flag("--read-only", words->readOnly, "Nothing can be changed");
-    app->add_flag("--disabled", words->disabled, "Take no shares");
-    app->add_option(
-           "--force", words->forced,
-           "Ask for this folder of the host's machine, or *all; in front of it may stand its permission")
-        ->type_name("[PERMISSION:]FOLDER")
-        ->allow_extra_args(false);
-    app->add_option("--permission", words->permission, "Of all shares; 1 and 2: read-only. Default: 5")
-        ->check(CLI::Range(0, 255));
-    app->add_flag("--only-forced", words->onlyForced, "Take no others");
-    app->add_option("--protocol", words->protocol, "Be an agent of this version")->check(CLI::Range(1, 6));
-    app->add_flag("--no-pre-read", words->noPreRead, "Don't ask for facts ahead of the question");
-    app->add_flag("--single-entries", words->singleEntries, "Ask for listings one entry at a time");
-    app->add_flag("--deny-writers", words->denyWriters,
-                  "While a file is open for reading here, nobody opens it for writing; saves a question");
-    app->add_flag("--drive-letters", words->driveLetters, "Take whole drives only, under their letters");
-    app->add_flag("--allow-other", words->allowOther, "Let other users in");
-    app->add_option("--cache-ms", words->cacheMS, "How long names and attributes are believed");
-    app->add_option("--io-timeout", words->ioTimeoutSeconds, "Seconds after which a request fails; 0: never");
-    app->add_option("--share-wait-ms", words->shareWaitMS,
-                    "How long to wait for the first share; 0: forever");
-    app->add_option("--side-channel", words->sideChannel)->check(CLI::IsMember({"none", "tcp", "plugin"}));
-    app->add_option("--side-address", words->sideAddress, "Address to listen on for it (default: all)");
-    app->add_option("--exclude", words->excludeRule, "Devices that aren't taken");
-    app->add_option("--include", words->includeRule, "Devices that are");
-    app->add_option("--token-file", words->tokenFile, "File with the token that both ends know");
 }
 
 // What stands behind the first "--" of `fodr share` and `fodr send` is a command of its own.
@@ -219,7 +182,7 @@ int Run(std::vector<std::string> arguments)
         one->add_flag("--json", control.json, "As one JSON value");
     statusApp->add_flag("--traffic", control.traffic, "What went over its channel so far, by kind of packet");
     auto *agentApp = app.add_subcommand("agent", "The other end: mounts what a host shares");
-    AddAgent(agentApp, &agent);
+    AddAgentOptions(agentApp, &agent);
     auto *registerApp = app.add_subcommand("register", "Enter the plug-in into the settings store");
     auto *unregisterApp = app.add_subcommand("unregister", "Remove it from there");
     ConfigWords config;

@@ -1,5 +1,6 @@
 #include "drives/FodrDeviceFilterPolicy.h"
 
+#include "lib/misc/DeviceRule.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>
@@ -10,22 +11,7 @@ namespace fodr {
 
 namespace {
 
-constexpr std::string_view kVendor = "vid-";
-constexpr std::string_view kProduct = "_pid-";
-constexpr size_t kIdLength = 4;
 constexpr std::string_view kProperty = "<vidpid>";
-
-// Takes `mark` and four digits or "*" from the front of the text; false when they aren't there.
-bool TakeId(std::string_view &text, std::string_view mark, std::string &ids)
-{
-    if (!text.starts_with(mark) || text.size() < mark.size() + kIdLength)
-        return false;
-    const std::string_view id = text.substr(mark.size(), kIdLength);
-    text.remove_prefix(mark.size() + kIdLength);
-    ids += id;
-    return std::all_of(id.begin(), id.end(),
-                       [](char c) { return c == '*' || std::isxdigit(static_cast<unsigned char>(c)); });
-}
 
 // "*" in a rule stands for one character of any kind.
 bool Matches(const std::string &rule, const std::string &property)
@@ -61,12 +47,11 @@ void FodrDeviceFilterPolicy::ParseVidPidPolicy(const std::string &text, std::vec
     if (text.empty())
         return;
     for (size_t begin = 0; begin <= text.size();) {
-        const size_t end = std::min(text.find(';', begin), text.size());
+        const size_t end = std::min(text.find(kDeviceRuleSeparator, begin), text.size());
         const std::string rule = text.substr(begin, end - begin);
         begin = end + 1;
-        std::string_view rest = rule;
         std::string ids;
-        if (!TakeId(rest, kVendor, ids) || !TakeId(rest, kProduct, ids) || !rest.empty()) {
+        if (!ParseDeviceRule(rule, ids)) {
             LOG_DEBUG("Invalid vid/pid filter policy format %s.\n", rule.c_str());
             continue;
         }

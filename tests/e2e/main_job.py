@@ -310,6 +310,9 @@ class Command(MountCase):
             (["share", self.local, "--mount", taken], {}),
             (["share", self.local, "--mount", self.other / "file"], {}),
             (["share", self.local, "--mount", self.mount], {"FODR_PLUGIN": "/nowhere/libfodrClient.so"}),
+            (["share", self.local, "--mount", self.mount, "--agent-option=--exclude", "--agent-option=0781"], {}),
+            (["share", self.local, "--mount", self.mount, "--read-only", "--agent-option=--permission",
+              "--agent-option=5"], {}),
             (["list"], {}),
         ]
         codes = []
