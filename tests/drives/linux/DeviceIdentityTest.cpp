@@ -1,11 +1,11 @@
 #include "RealMount.h"
+#include "UsbStick.h"
 #include "drives/DriveWatcherImpl.h"
 #include "drives/FodrClientUtils.h"
 #include "drives/FodrDeviceUtils.h"
 #include "drives/RecordingSubscriber.h"
 #include "runtime/CapturedLog.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <string>
@@ -100,12 +100,7 @@ TEST(DeviceInfo, IsEmptyForWhatIsOnNoDisk)
 TEST(DeviceInfo, OfAUsbStick)
 {
     FODR_NEEDS_MOUNTS();
-    const std::string program = std::filesystem::read_symlink("/proc/self/exe");
-    const int status = std::system(
-        (FODR_SOURCE_DIR "/tests/drives/linux/usb-stick '" + program + "' 'WithUsbStick.*' 3").c_str());
-    if (WEXITSTATUS(status) == 77)
-        GTEST_SKIP() << "no loop device to be had";
-    EXPECT_EQ(status, 0);
+    test::RunWithUsbStick("WithUsbStick.*", 3);
 }
 
 // The tests below run in the process that sees the stick.
@@ -113,18 +108,12 @@ class WithUsbStick : public testing::Test {
 protected:
     void SetUp() override
     {
-        if (!std::getenv("FODR_TEST_USB_FOLDER"))
+        if (!stick.IsThere())
             GTEST_SKIP() << "runs inside of DeviceInfo.OfAUsbStick";
-        folder = std::getenv("FODR_TEST_USB_FOLDER");
-        device = std::getenv("FODR_TEST_USB_DEVICE");
-    }
-    bool Mount(const std::string &where)
-    {
-        return mount(device.c_str(), where.c_str(), "ext4", 0, nullptr) == 0;
     }
 
-    std::string folder;
-    std::string device;
+    const test::UsbStick stick;
+    const std::string &folder = stick.folder;
 };
 
 TEST_F(WithUsbStick, TheFolderHasItsNumbersAndTheSecondQueryIsServedFromTheCache)
@@ -190,15 +179,15 @@ TEST_F(WithUsbStick, ItHasTheNextLetterAndKeepsIt)
     EXPECT_EQ(letters.Next(1), "-D");
     EXPECT_EQ(platform::LocalPathOfDriveLetter('D'), ""); // the folder is still there
     EXPECT_EQ(platform::DriveTypeOfLetter('D'), platform::kDriveNoRootDir);
-    ASSERT_TRUE(Mount(folder));
+    ASSERT_TRUE(stick.Mount(folder));
     EXPECT_EQ(letters.Next(1), "+D");
     const ScratchFolder scratch;
     const std::string second = scratch.MakeFolder("second");
     ASSERT_EQ(umount2(folder.c_str(), 0), 0);
     EXPECT_EQ(letters.Next(1), "-D");
-    ASSERT_TRUE(Mount(second));
+    ASSERT_TRUE(stick.Mount(second));
     EXPECT_EQ(letters.Next(1), "+E"); // another place
-    ASSERT_TRUE(Mount(folder));       // each place has had its letter
+    ASSERT_TRUE(stick.Mount(folder)); // each place has had its letter
     EXPECT_EQ(letters.Next(1), "+D");
     umount2(second.c_str(), 0);
     EXPECT_EQ(letters.Next(1), "-E");
