@@ -1,0 +1,58 @@
+"""The agent's device rules, against a USB stick that tests/linux/usb-stick simulates."""
+import os
+import pathlib
+import subprocess
+import sys
+import unittest
+
+sys.path.insert(0, os.path.dirname(__file__))
+from share import Scratch, run  # noqa: E402
+
+STICK = os.environ.get("FODR_TEST_USB_FOLDER")
+SIMULATOR = pathlib.Path(__file__).resolve().parent.parent / "linux" / "usb-stick"
+
+
+def outside():
+    done = subprocess.run([SIMULATOR, sys.executable, "-B", __file__])
+    if done.returncode == 77:
+        print("skipped: no loop device to be had", file=sys.stderr)
+    return 0 if done.returncode == 77 else done.returncode
+
+
+class DeviceRules(unittest.TestCase):
+    def setUp(self):
+        self.scratch = Scratch()
+        self.addCleanup(self.scratch.remove)
+        pathlib.Path(STICK, "f").write_text("of the stick")
+        (self.scratch.local / "own").write_text("own ")
+        (self.scratch.local / "link").symlink_to(STICK)
+
+    def read(self, folder, names, *rules):
+        """What `cat` says of the names in the mount of the folder, and the status of it all."""
+        paths = [self.scratch.mount / name for name in names]
+        done = run("share", folder, "--mount", self.scratch.mount, *(f"--agent-option={word}" for word in rules), "--",
+                   "cat", *paths, env=self.scratch.environment)
+        return done.returncode, done.stdout, done.stderr
+
+    def test_a_share_on_the_stick_is_refused_and_said_so(self):
+        for rules in (("--exclude", "vid-0781_pid-****"), ("--include", "vid-0781_pid-0000")):
+            code, out, errors = self.read(STICK, ["f"], *rules)
+            self.assertEqual((code, out), (5, ""), errors)
+            self.assertIn("the other side doesn't allow it", errors)
+        for rules in ((), ("--exclude", "vid-0781_pid-0000", "--include", "vid-****_pid-55AB")):
+            self.assertEqual(self.read(STICK, ["f"], *rules), (0, "of the stick", ""))
+
+    def test_a_link_to_the_stick_is_refused(self):
+        names = ["own", "link/f"]
+        self.assertEqual(self.read(self.scratch.local, names), (0, "own of the stick", ""))
+        code, out, errors = self.read(self.scratch.local, names, "--exclude", "vid-0781_pid-****")
+        self.assertEqual((code, out), (1, "own "), errors)
+        self.assertIn("Permission denied", errors)
+
+
+if __name__ == "__main__":
+    if STICK is None:
+        sys.exit(outside())
+    passed = unittest.main(verbosity=2, exit=False).result.wasSuccessful()
+    sys.stderr.flush()
+    os._exit(0 if passed else 1)  # past the leak check of a sanitizer that fodr has us preload
