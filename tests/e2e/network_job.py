@@ -1,6 +1,5 @@
 """The agent at the far end of a network: over a real sshd, over TCP both ways, and again after a loss."""
 import os
-import pathlib
 import shutil
 import signal
 import socket
@@ -9,7 +8,7 @@ import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(__file__))
-from share import FODR, Scratch, Share, mounted, run, wait_for  # noqa: E402
+from share import FODR, Scratch, Share, command_line, mounted, run, wait_for  # noqa: E402
 
 SSHD = shutil.which("sshd") or "/usr/sbin/sshd"
 
@@ -85,10 +84,11 @@ class Ssh(NetworkCase):
 
     def ssh_pid(self, share):
         def found():
-            return [pid for pid in children(share.process.pid)
-                    if pathlib.Path(f"/proc/{pid}/cmdline").read_bytes().startswith(b"ssh")]
+            pids[:] = [pid for pid in children(share.process.pid) if command_line(pid)[:1] == [b"ssh"]]
+            return pids
+        pids = []
         wait_for(found, "ssh")
-        return found()[0]
+        return pids[0]
 
     def test_the_folder_appears_on_the_other_machine_and_leaves_with_the_command(self):
         with self.share(*self.to()):

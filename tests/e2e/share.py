@@ -11,6 +11,7 @@ FODR = os.environ["FODR_BIN"]
 # A thread-local of a loaded library that happens to begin 16 bytes behind a page makes g++ 12's leak check at exit read
 # its size from the wrong place, and crash. Nothing of ours lives in thread-locals alone.
 os.environ["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":intercept_tls_get_addr=0"
+os.environ["LC_ALL"] = "C.UTF-8"  # some words of other programs are looked for
 START_LIMIT = 60  # seconds until a share that doesn't come up counts as failed
 
 
@@ -27,6 +28,14 @@ def mounted(path):
     path = os.path.abspath(path)
     with open("/proc/self/mountinfo") as table:
         return any(line.split()[4].encode().decode("unicode_escape") == path for line in table)
+
+
+def command_line(pid):
+    """The words of a process; none of one that is gone."""
+    try:
+        return pathlib.Path(f"/proc/{pid}/cmdline").read_bytes().split(b"\0")
+    except OSError:
+        return []
 
 
 def run(*arguments, **options):
@@ -105,7 +114,6 @@ class Share:
     def agent_pid(self):
         out = subprocess.run(["pgrep", "-P", str(self.process.pid)], capture_output=True, text=True).stdout.split()
         for pid in map(int, out):
-            words = pathlib.Path(f"/proc/{pid}/cmdline").read_bytes().split(b"\0")
-            if b"agent" in words:
+            if b"agent" in command_line(pid):
                 return pid
         raise AssertionError("no agent runs")
