@@ -144,6 +144,7 @@ TEST_F(LogWriterTest, CloseWritesAllAndDropsWhatComesThen)
     sink->initMessage = "hello\n";
     sink->closeMessage = "bye\n";
     EXPECT_TRUE(sink->Init() && sink->IsOpen() && sink->Init());
+    sink->LeavePollThread();
     EXPECT_THAT(sink->Take(), ElementsAre(MatchesPattern(Line("A LogWriter::Init\\(\\): hello\n"))));
     sink->Put("one");
     sink->OnWrite([&](const LogMessage &) { EXPECT_FALSE(sink->Put("late")); });

@@ -65,8 +65,9 @@ public:
         std::lock_guard guard(lock);
         onWrite = std::move(handler);
     }
-    // What the poll thread does once a second.
+    // What the poll thread does once a second; from a leaving on, the test alone.
     void Poll() { PollItem()->Run(true); }
+    void LeavePollThread() { PollItem()->Pause(); }
 
     using LogWriter::closeMessage;
     using LogWriter::initMessage;

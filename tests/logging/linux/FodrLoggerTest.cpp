@@ -23,6 +23,7 @@ protected:
     {
         std::filesystem::create_directory(folder);
         settings.SetText("logDirectory", folder);
+        settings.SetNumber("logDiskThresholdLowMB", 0); // however full this disk is
     }
 
     std::string Text() const

@@ -26,6 +26,7 @@ class LogFolder : public testing::Test {
 protected:
     test::ScratchFolder scratch;
     EnvironmentVariable temp{"TMPDIR", scratch.Path().c_str()};
+    EnvironmentVariable person{"XDG_SESSION_ID", "1"}; // even if a service runs this test
 };
 
 TEST_F(LogFolder, IsTheUsersOwnAmongTheTemporaryOnes)

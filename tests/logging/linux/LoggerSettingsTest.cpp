@@ -112,6 +112,7 @@ TEST_F(SettingsWhileRunning, SayWhatChanged)
 TEST_F(SettingsWhileRunning, BufferingReturnsToItsDefault)
 {
     StartWithFile("");
+    sink->LeavePollThread();
     EXPECT_EQ("", Apply("")) << "the sink in memory is queued from here on";
     sink->Poll();
     EXPECT_EQ("A RegistryReader: enableBuffering changed to TRUE\n", TextOf(sink->TakeText()));

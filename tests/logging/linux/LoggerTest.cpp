@@ -185,6 +185,7 @@ TEST_F(LoggerLife, EndsWithTheManager)
     ASSERT_TRUE(earlier->Start());
     Start();
     sink->SetBuffering(true);
+    sink->LeavePollThread();
     LogWrite("F()", LOG_LEVEL_INFO, "queued");
     sink->OnWrite([&](const LogMessage &message) {
         if (std::string(message.TextToWrite()).ends_with("queued\n")) {

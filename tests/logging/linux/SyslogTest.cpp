@@ -13,6 +13,8 @@
 namespace fodr {
 namespace {
 
+using testing::AllOf;
+using testing::EndsWith;
 using testing::MatchesRegex;
 
 class Syslog : public testing::Test {
@@ -46,7 +48,8 @@ TEST_F(Syslog, ALineIsADatagramUnderAShortHeader)
     gethostname(host, sizeof(host) - 1);
     const std::string shown = strlen(host) > 15 ? "-" : host;
     const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z";
-    EXPECT_THAT(receiver.Take(), MatchesRegex("<1>1 " + stamp + " " + shown + " the-app - - 100% text\n"));
+    EXPECT_THAT(receiver.Take(), AllOf(MatchesRegex("<1>1 " + stamp + " .+\n"),
+                                       EndsWith("Z " + shown + " the-app - - 100% text\n")));
 }
 
 TEST_F(Syslog, AWriterOfItsOwnHasNoApplication)
@@ -54,7 +57,7 @@ TEST_F(Syslog, AWriterOfItsOwnHasNoApplication)
     RCPtr<SocketWriter> writer = new SocketWriter;
     Configure(writer);
     ASSERT_TRUE(writer->Init());
-    EXPECT_THAT(test::PrefixOf(*writer, nullptr), testing::EndsWith(" - - - "));
+    EXPECT_THAT(test::PrefixOf(*writer, nullptr), EndsWith(" - - - "));
     EXPECT_TRUE(writer->WriteMessage(LogMessage(LOG_LEVEL_INFO)));
     EXPECT_EQ(test::kNoMemory, receiver.Take());
     EXPECT_FALSE(writer->WriteMessage(*test::Message(std::string(100000, 'x')))) << "too long for a datagram";
