@@ -1,10 +1,9 @@
 #include "cli/Words.h"
 
+#include "RealMount.h"
 #include "cli/MountPoint.h"
 #include "platform/ChildProcess.h"
 #include "platform/UserFolders.h"
-
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -84,18 +83,14 @@ class MountPoints : public testing::Test {
 protected:
     void SetUp() override
     {
-        root = fs::canonical(testing::TempDir()) / ("fodr-mount-" + std::to_string(getpid()));
         fs::create_directories(root / "full");
         std::ofstream(root / "full" / "file") << "x";
         before = platform::GetEnvironment("XDG_RUNTIME_DIR");
         platform::SetEnvironment("XDG_RUNTIME_DIR", (root / "run").string());
     }
-    void TearDown() override
-    {
-        platform::SetEnvironment("XDG_RUNTIME_DIR", before);
-        fs::remove_all(root);
-    }
-    fs::path root;
+    void TearDown() override { platform::SetEnvironment("XDG_RUNTIME_DIR", before); }
+    const ScratchFolder scratch;
+    const fs::path root = scratch.Path();
     std::string before;
     std::string problem;
 };

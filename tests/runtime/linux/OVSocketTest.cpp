@@ -49,7 +49,7 @@ TEST(Socket, SaysWhatFailed)
         EXPECT_FALSE(none.Init(platform::kSocketStream, platform::kProtocolUdp));
         EXPECT_FALSE(none.Connect("127.0.0.1", 9));
         EXPECT_LT(none.SendAll("x", 1), 0);
-        EXPECT_FALSE(none.Connect("no.such.name.invalid", 514));
+        EXPECT_FALSE(none.Connect("no..name", 514));
     }
     EXPECT_THAT(CapturedLog::Lines(), ElementsAre("E OVSocket::Init(): Socket creation failed.\n",
                                                   "E OVSocket::Connect(): Connect failed.\n",
