@@ -33,8 +33,8 @@ std::unique_ptr<IDriveWatcher> IDriveWatcher::Create()
     return std::make_unique<DriveWatcherImpl>();
 }
 
-DriveWatcherImpl::DriveWatcherImpl(uint32_t waitTimeMS)
-    : waitMS(waitTimeMS), window(new HiddenDriveWatcherWindow)
+DriveWatcherImpl::DriveWatcherImpl(uint32_t stopTimeMS)
+    : stopMS(stopTimeMS), window(new HiddenDriveWatcherWindow)
 {}
 
 // Not a Stop. But a thread that still runs, as it does when Stop timed out, shouldn't outlive the library: it
@@ -45,7 +45,7 @@ DriveWatcherImpl::~DriveWatcherImpl()
     if (!thread)
         return;
     window->Close();
-    if (EndOf(thread).Wait(waitMS) == OVEvent::kSignalled)
+    if (EndOf(thread).Wait(stopMS) == OVEvent::kSignalled)
         platform::JoinThread(thread);
     else
         platform::DetachThread(thread);
@@ -76,7 +76,7 @@ bool DriveWatcherImpl::Stop()
     }
     if (window->IsWindow())
         window->Close();
-    switch (EndOf(thread).Wait(waitMS)) {
+    switch (EndOf(thread).Wait(stopMS)) {
     case OVEvent::kSignalled:
         platform::JoinThread(thread);
         thread = nullptr;
@@ -123,7 +123,7 @@ bool DriveWatcherImpl::CreateWindowAndMessageLoopThread(IDeviceStateSubscriber *
 bool DriveWatcherImpl::AwaitWindow(platform::ThreadRecord *created)
 {
     OVEvent end = EndOf(created);
-    switch (OVEvent::WaitForMultiple({&window->windowCreatedEvent, &end}, false, waitMS, false, false)) {
+    switch (OVEvent::WaitForMultiple({&window->windowCreatedEvent, &end}, false, kWaitMS, false, false)) {
     case 0:
         return true;
     case 1:

@@ -16,7 +16,7 @@ public:
     // How long Start waits for the thread to begin and Stop for it to end.
     static constexpr uint32_t kWaitMS = 15000;
 
-    explicit DriveWatcherImpl(uint32_t waitTimeMS = kWaitMS);
+    explicit DriveWatcherImpl(uint32_t stopTimeMS = kWaitMS); // Stop's alone
     ~DriveWatcherImpl() override;
 
     bool Start(IDeviceStateSubscriber *subscriber) override;
@@ -27,7 +27,7 @@ private:
                                           platform::ThreadRecord **threadOut);
     bool AwaitWindow(platform::ThreadRecord *started);
 
-    const uint32_t waitMS;
+    const uint32_t stopMS;
     OVMutex lock; // serialises Start and Stop
     bool started GUARDED_BY(lock) = false;
     // Shared with the thread, which outlives a watcher that couldn't be stopped.
