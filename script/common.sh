@@ -7,7 +7,7 @@ export CCACHE_BASEDIR="$FODR_ROOT" CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=pch_defi
 BUILD_PACKAGES=(g++ cmake ninja-build ccache pkg-config libglibmm-2.4-dev libfuse3-dev fuse3 libmount-dev
   libudev-dev libcli11-dev)
 TEST_PACKAGES=(libgtest-dev libgmock-dev libumockdev-dev umockdev unicode-data git make python3 attr
-  openssh-server openssh-client psmisc procps iproute2)
+  openssh-server openssh-client psmisc procps iproute2 mount e2fsprogs)
 FORMAT_PACKAGES=(clang-format-14)
 LINT_PACKAGES=(clang-14 clang-tidy-14)
 WINDOWS_PACKAGES=(g++-mingw-w64-x86-64-posix googletest wine wine64 xvfb xauth)
@@ -33,9 +33,11 @@ ensure() {
   fi
   echo "Installing ${missing[*]}" >&2
   export DEBIAN_FRONTEND=noninteractive
-  if ! "${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null 2>&1; then
-    "${sudo[@]}" apt-get update -qq >&2
-    "${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||
+  # Another may be at it, and the network may fail once.
+  local apt=("${sudo[@]}" apt-get -qq -o DPkg::Lock::Timeout=600 -o Acquire::Retries=5)
+  if ! "${apt[@]}" install -y --no-install-recommends "${missing[@]}" >/dev/null 2>&1; then
+    "${apt[@]}" update >&2
+    "${apt[@]}" install -y --no-install-recommends "${missing[@]}" >/dev/null ||
       die "could not install: ${missing[*]}"
   fi
 }
