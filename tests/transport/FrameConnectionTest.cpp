@@ -1,11 +1,11 @@
 #include "transport/FrameConnection.h"
 
+#include "Mailbox.h"
 #include "transport/FrameCodec.h"
 #include "transport/FrameRecorder.h"
 #include "transport/StreamKinds.h"
 
 #include <functional>
-#include <future>
 #include <gtest/gtest.h>
 #include <map>
 
@@ -15,8 +15,8 @@ namespace {
 using namespace transport;
 using Bytes = std::vector<std::byte>;
 
-// One end: what it hears goes to functions of the test; its end is a future.
-class End : public IConnectionReceiver {
+// One end: the messages that it hears go to a function of the test, and all else is lines.
+class End final : public FrameRecorder {
 public:
     explicit End(std::unique_ptr<ByteStream> stream) : connection(std::move(stream), this) {}
 
@@ -25,14 +25,10 @@ public:
         if (onMessage)
             onMessage(message);
     }
-    void OnGoodbye(const Goodbye &goodbye) override { goodbyes.set_value(std::string(goodbye.reason)); }
-    void OnClosed(const std::string &reason) override { ended.set_value(reason); }
-
-    std::string WaitForEnd() { return ended.get_future().get(); }
+    void Hear(const std::string &line) override { heard.Put(line); }
 
     std::function<void(const Message &)> onMessage;
-    std::promise<std::string> goodbyes;
-    std::promise<std::string> ended;
+    Mailbox<std::string> heard;
     FrameConnection connection;
 };
 
@@ -63,7 +59,7 @@ TEST_P(Connected, ThreadsOfBothEndsFloodEachOtherAndEveryFrameArrivesInItsOrder)
         std::map<uint32_t, uint32_t> next; // by sending thread
         uint32_t total = 0;
         bool inOrder = true;
-        std::promise<void> all;
+        Signal all;
     } counts[2];
     End *ends[] = {a.get(), b.get()};
     for (int i = 0; i < 2; ++i) {
@@ -73,7 +69,7 @@ TEST_P(Connected, ThreadsOfBothEndsFloodEachOtherAndEveryFrameArrivesInItsOrder)
                                  block.size() == sizes[message.requestId % std::size(sizes)] &&
                                  (block.empty() || block.back() == std::byte{0x5A});
             if (++counts[i].total == kThreads * kRounds)
-                counts[i].all.set_value();
+                counts[i].all.Set();
         };
     }
     Start();
@@ -90,7 +86,7 @@ TEST_P(Connected, ThreadsOfBothEndsFloodEachOtherAndEveryFrameArrivesInItsOrder)
     for (std::thread &sender : senders)
         sender.join();
     for (Count &count : counts) {
-        count.all.get_future().wait();
+        count.all.Wait();
         EXPECT_TRUE(count.inOrder);
     }
 }
@@ -99,7 +95,7 @@ TEST_P(Connected, AReceiverThatAnswersEverythingDoesNotBlockAPeerThatOnlySends)
 {
     const Bytes payload(200000);
     constexpr uint32_t kCount = 100; // 20 MB each way before anything is read here
-    std::promise<void> all;
+    Signal all;
     uint32_t answers = 0;
     b->onMessage = [&](const Message &message) {
         EXPECT_TRUE(b->connection.SendPost(message.object, message.requestId, message.Parameters()[0].block));
@@ -107,13 +103,13 @@ TEST_P(Connected, AReceiverThatAnswersEverythingDoesNotBlockAPeerThatOnlySends)
     a->onMessage = [&](const Message &message) {
         EXPECT_EQ(message.requestId, answers);
         if (++answers == kCount)
-            all.set_value();
+            all.Set();
     };
     b->connection.Start(); // a doesn't read yet
     for (uint32_t i = 0; i < kCount; ++i)
         ASSERT_TRUE(a->connection.SendPost(1, i, payload));
     a->connection.Start();
-    all.get_future().wait();
+    all.Wait();
 }
 
 TEST_P(Connected, TheLastWordsArriveBeforeTheEnd)
@@ -125,9 +121,9 @@ TEST_P(Connected, TheLastWordsArriveBeforeTheEnd)
     EXPECT_TRUE(a->connection.Flush(60000));
     a->connection.Close("first reason");
     a->connection.Close("second reason");
-    EXPECT_EQ(a->WaitForEnd(), "first reason");
-    EXPECT_EQ(b->goodbyes.get_future().get(), "for now");
-    EXPECT_EQ(b->WaitForEnd(), "the peer closed the connection");
+    EXPECT_EQ(a->heard.Take(), "closed: first reason");
+    EXPECT_EQ(b->heard.Take(), "goodbye for now");
+    EXPECT_EQ(b->heard.Take(), "closed: the peer closed the connection");
     EXPECT_FALSE(a->connection.SendPost(1, 1, {}));
     EXPECT_FALSE(b->connection.SendPost(1, 1, {}));
 }
@@ -135,23 +131,21 @@ TEST_P(Connected, TheLastWordsArriveBeforeTheEnd)
 TEST_P(Connected, ClosingFreesSendersThatWait)
 {
     // Nobody reads at the other end.
-    std::vector<std::thread> senders;
+    std::vector<std::thread> threads;
     std::atomic<int> failed{0};
     const Bytes payload(8 << 20);
     for (int i = 0; i < 4; ++i) {
-        senders.emplace_back([&] {
+        threads.emplace_back([&] {
             while (a->connection.SendPost(1, 1, payload)) {
             }
             ++failed;
         });
     }
     EXPECT_FALSE(a->connection.Flush(1) && failed == 4);
-    std::thread closers[] = {std::thread([&] { a->connection.Close("x"); }),
-                             std::thread([&] { a->connection.Close("x"); })};
-    for (std::thread &closer : closers)
-        closer.join();
-    for (std::thread &sender : senders)
-        sender.join();
+    for (int i = 0; i < 2; ++i)
+        threads.emplace_back([&] { a->connection.Close("x"); });
+    for (std::thread &thread : threads)
+        thread.join();
     EXPECT_EQ(failed, 4);
 }
 
@@ -160,17 +154,14 @@ TEST_P(Connected, ASilentPeerIsGivenUpAndALivingOneIsNot)
     // b answers pings; its own end asks for nothing.
     a->connection.SetKeepAlive({1, 60000});
     Start();
-    std::promise<void> got;
-    b->onMessage = [&](const Message &) { got.set_value(); };
-    a->connection.SendPost(1, 1, {});
-    got.get_future().wait();
-    EXPECT_FALSE(a->connection.IsClosed());
+    EXPECT_EQ(b->heard.Take(), "ping");
+    EXPECT_EQ(a->heard.Take(), "pong");
 
     auto [first, second] = MakeStreams(GetParam());
     End alone(std::move(first));
     alone.connection.SetKeepAlive({1, 20});
     alone.connection.Start();
-    EXPECT_EQ(alone.WaitForEnd(), "the peer doesn't answer");
+    EXPECT_EQ(alone.heard.Take(), "closed: the peer doesn't answer");
     // It did ask.
     Bytes header(kFrameHeaderSize);
     ASSERT_EQ(second->Read(header), static_cast<ptrdiff_t>(kFrameHeaderSize));
@@ -181,15 +172,14 @@ INSTANTIATE_TEST_SUITE_P(Kinds, Connected, kAllStreamKinds);
 
 TEST(FrameConnection, APeerThatLiesIsCutOffWithOneReason)
 {
-    const Bytes good = EncodeFrame(ObjectState{1, 2});
-    Bytes bad = good;
+    Bytes bad = EncodeFrame(ObjectState{1, 2});
     bad.insert(bad.end(), 8, std::byte{0xFF});
     auto [mine, theirs] = platform::MakeStreamPair();
     End end(std::move(mine));
     end.connection.Start();
-    const platform::ByteView block = bad;
-    ASSERT_TRUE(theirs->Write({&block, 1}));
-    EXPECT_EQ(end.WaitForEnd(), "the peer broke the protocol: a frame of unknown type");
+    ASSERT_TRUE(Write(theirs.get(), bad));
+    EXPECT_EQ(end.heard.Take(), "state 1 2");
+    EXPECT_EQ(end.heard.Take(), "closed: the peer broke the protocol: a frame of unknown type");
 }
 
 TEST(FrameConnection, APeerThatSendsAndNeverReadsIsCutOff)
@@ -203,7 +193,7 @@ TEST(FrameConnection, APeerThatSendsAndNeverReadsIsCutOff)
     const MessageBlocks question(empty);
     while (theirs->Write(question.Blocks())) {
     }
-    EXPECT_EQ(end.WaitForEnd(), "the peer sends and doesn't read");
+    EXPECT_EQ(end.heard.Take(), "closed: the peer sends and doesn't read");
 }
 
 } // namespace

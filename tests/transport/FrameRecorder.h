@@ -1,7 +1,7 @@
 // A receiver that writes down every frame as a line of text.
 #pragma once
 
-#include "transport/Frames.h"
+#include "transport/FrameConnection.h"
 
 #include <sstream>
 #include <string>
@@ -13,9 +13,9 @@ inline std::string TextOf(std::span<const std::byte> bytes)
     return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
 }
 
-class FrameRecorder : public transport::IFrameReceiver {
+class FrameRecorder : public transport::IConnectionReceiver {
 public:
-    std::string Heard() const { return heard.str(); }
+    std::string Heard() const { return heard; }
 
     void OnHello(const transport::Hello &f) override
     {
@@ -24,19 +24,19 @@ public:
     }
     void OnObjectAnnounce(const transport::ObjectAnnounce &f) override
     {
-        Line("announce ", f.object, std::hex, ' ', f.flags, ' ', f.options, std::dec, ' ', f.name);
+        Line("announce ", f.object, ' ', f.flags, ' ', f.options, ' ', f.name);
     }
     void OnObjectState(const transport::ObjectState &f) override { Line("state ", f.object, ' ', f.state); }
     void OnMessage(const transport::Message &f) override
     {
-        heard << "message " << f.object << ' ' << f.requestId << ' ' << f.command << ' ' << f.flags;
+        std::ostringstream parameters;
         for (const transport::Parameter &parameter : f.Parameters()) {
             if (parameter.isBlock)
-                heard << " [" << TextOf(parameter.block) << ']';
+                parameters << " [" << TextOf(parameter.block) << ']';
             else
-                heard << ' ' << parameter.number;
+                parameters << ' ' << parameter.number;
         }
-        heard << '\n';
+        Line("message ", f.object, ' ', f.requestId, ' ', f.command, ' ', f.flags, parameters.str());
     }
     void OnMessageDone(const transport::MessageDone &f) override
     {
@@ -70,11 +70,20 @@ public:
     void OnGoodbye(const transport::Goodbye &f) override { Line("goodbye ", f.reason); }
     void OnPing() override { Line("ping"); }
     void OnPong() override { Line("pong"); }
+    void OnClosed(const std::string &reason) override { Line("closed: ", reason); }
+
+protected:
+    virtual void Hear(const std::string &line) { heard += line + "\n"; }
 
 private:
-    template <typename... Parts> void Line(const Parts &...parts) { (heard << ... << parts) << '\n'; }
+    template <typename... Parts> void Line(const Parts &...parts)
+    {
+        std::ostringstream line;
+        (line << ... << parts);
+        Hear(line.str());
+    }
 
-    std::ostringstream heard;
+    std::string heard;
 };
 
 } // namespace fodr::test

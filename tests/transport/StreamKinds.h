@@ -15,19 +15,16 @@ using StreamPair = std::pair<std::unique_ptr<ByteStream>, std::unique_ptr<ByteSt
 
 enum class StreamKind { LocalPair, LocalSocket, LongPath, Tcp, Pipes };
 
-inline StreamPair Meet(std::unique_ptr<platform::StreamListener> listener,
-                       std::unique_ptr<ByteStream> (*connect)(const std::string &, uint16_t),
-                       const std::string &path = {})
+inline bool Write(ByteStream *stream, platform::ByteView bytes)
 {
-    std::unique_ptr<ByteStream> mine = connect(path, listener->Port());
-    return {std::move(mine), listener->Accept()};
+    return stream->Write({&bytes, 1});
 }
 
 inline StreamPair MeetLocally(const std::string &path)
 {
-    return Meet(
-        platform::ListenLocal(path, nullptr),
-        [](const std::string &name, uint16_t) { return platform::ConnectLocal(name, nullptr); }, path);
+    const auto listener = platform::ListenLocal(path, nullptr);
+    auto mine = platform::ConnectLocal(path, nullptr);
+    return {std::move(mine), listener->Accept()};
 }
 
 // Two pipes, as standard input and output are.
@@ -49,10 +46,11 @@ inline StreamPair MakeStreams(StreamKind kind)
         std::filesystem::remove_all(deep);
         return streams;
     }
-    case StreamKind::Tcp:
-        return Meet(platform::ListenTcp("127.0.0.1", 0, nullptr), [](const std::string &, uint16_t port) {
-            return platform::ConnectTcp("localhost", port, 10000, nullptr);
-        });
+    case StreamKind::Tcp: {
+        const auto listener = platform::ListenTcp("127.0.0.1", 0, nullptr);
+        auto mine = platform::ConnectTcp("localhost", listener->Port(), 10000, nullptr);
+        return {std::move(mine), listener->Accept()};
+    }
     default:
         return MakePipes();
     }
