@@ -2,8 +2,8 @@
 
 #include "platform/Volumes.h"
 
-#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <gtest/gtest.h>
 
 namespace fodr::test {
@@ -18,39 +18,31 @@ class Shares : public testing::Test {
 protected:
     Shares()
     {
-        bus.Subscribe("FORLDER_REDIRECTION_CMD", this,
-                      [](void *self, const char *, const char *cookie, const char *data) {
-                          std::string texts = data;
-                          const size_t comma = texts.find(',');
-                          for (int files = atoi(data + comma + 1); files > 0; --files) {
-                              const char *end = data + texts.size();
-                              texts += '\0' + std::string(end + 1);
+        bus.Subscribe("FORLDER_REDIRECTION_CMD", &asked,
+                      [](void *lines, const char *, const char *cookie, const char *data) {
+                          std::string line = std::string(cookie) + ": " + data;
+                          for (int files = atoi(data + std::string_view(data).find(',') + 1); files > 0;
+                               --files) {
+                              data += std::strlen(data) + 1;
+                              line += std::string("/") + data;
                           }
-                          std::replace(texts.begin(), texts.end(), '\0', '/');
-                          static_cast<Shares *>(self)->asked.push_back(std::string(cookie) + ": " + texts);
+                          *static_cast<std::string *>(lines) += line + "\n";
                           return true;
                       });
     }
+    void Capability(const std::string &text) { shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS," + text); }
     void Status(const std::string &cookie, const std::string &text)
     {
         shares.HandleNotice(cookie, "FOLDER_REDIRECTION_CMD_STATUS," + text);
     }
-    std::string Asked()
-    {
-        std::string all;
-        for (const std::string &line : asked)
-            all += line + "\n";
-        asked.clear();
-        return all;
-    }
+    std::string Asked() { return std::exchange(asked, ""); }
 
     host::MessageBus bus;
-    std::vector<std::string> asked;
-    std::vector<std::string> changed;
+    std::string asked, changed; // since the last look
     FolderShares shares{&bus, [this](const FolderShare &share) {
-                            changed.push_back(share.name +
-                                              (share.state == ShareState::Ready ? " ready" : " refused") +
-                                              (share.problem.empty() ? "" : ": " + share.problem));
+                            changed = share.name +
+                                      (share.state == ShareState::Ready ? " ready" : " refused: ") +
+                                      share.problem;
                         }};
 };
 
@@ -58,22 +50,23 @@ TEST_F(Shares, AreAskedForWhenTheOtherSideTakesThemAndAgainForANewInstance)
 {
     shares.Add("/data/docs", "docs");
     EXPECT_EQ(Asked(), "");
-    shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS,ENABLED");
+    Capability("ENABLED");
     EXPECT_EQ(Asked(), "fodr-1: ADD,/data/docs|docs\n");
-    shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS,ENABLED"); // may be said again
+    Capability("ENABLED"); // may be said again
     EXPECT_EQ(Asked(), "");
     shares.Add("/data/more", "more");
     EXPECT_EQ(Asked(), "fodr-2: ADD,/data/more|more\n");
     EXPECT_EQ(shares.Add("/data/docs", "other"), nullptr);
 
     Status("fodr-1", "Share name change to docs(1)");
-    Status("fodr-1", "SUCCEEDED");
     Status("fodr-9", "SUCCEEDED");
-    EXPECT_EQ(changed, std::vector<std::string>({"docs(1) ready"}));
+    EXPECT_EQ(changed, "");
+    Status("fodr-1", "SUCCEEDED");
+    EXPECT_EQ(changed, "docs(1) ready");
 
     shares.StartOver();
     EXPECT_EQ(shares.All()[0].state, ShareState::Waiting);
-    shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS,FORCED");
+    Capability("FORCED");
     EXPECT_EQ(Asked(), "fodr-1: ADD,/data/docs|docs(1)\nfodr-2: ADD,/data/more|more\n");
 
     EXPECT_TRUE(shares.Remove("more"));
@@ -86,7 +79,7 @@ TEST_F(Shares, FilesOfAFolderAreAskedForByName)
 {
     if (platform::LocalSeparator() != '/')
         GTEST_SKIP() << "the paths are those of another system";
-    shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS,ENABLED");
+    Capability("ENABLED");
     shares.Add("/data/a,b", "docs", {"one,1", "two|", "(OVFR)"});
     EXPECT_EQ(Asked(), "fodr-1: ADD,3,/data/a,b|(OVFCP)docs/one,1/two\uf07c/(OVFR)\n");
     shares.Add("/", "root", {"etc"});
@@ -99,10 +92,7 @@ TEST_F(Shares, FilesOfAFolderAreAskedForByName)
 
 TEST_F(Shares, RefusalsAreExplained)
 {
-    const struct {
-        const char *status;
-        const char *problem;
-    } cases[] = {
+    const std::pair<const char *, const char *> cases[] = {
         {"Folder not exist or invalid parameter or configuration", "the folder is gone or can't be read"},
         {"Invalid share path", "its path can't be used"},
         {"Policy is not received from Agent", "the other side hasn't said what may be shared"},
@@ -112,23 +102,21 @@ TEST_F(Shares, RefusalsAreExplained)
         {"Failed with code 0xc0000001", "the other side refused it"},
         {"something new", "something new"},
     };
-    shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS,ENABLED");
+    Capability("ENABLED");
     int number = 0;
-    for (const auto &test : cases) {
-        shares.Add("/" + std::to_string(number), std::to_string(number));
-        Status("fodr-" + std::to_string(++number), test.status);
-        EXPECT_EQ(changed.back(), std::to_string(number - 1) + " refused: " + test.problem);
+    for (const auto &[status, problem] : cases) {
+        const std::string name = std::to_string(++number);
+        shares.Add("/" + name, name);
+        Status("fodr-" + name, status);
+        EXPECT_EQ(changed, name + " refused: " + problem);
     }
-    shares.HandleNotice("", "RDPDR_CAPABILITY_STATUS,DISABLED");
+    Capability("DISABLED");
     EXPECT_TRUE(shares.Disabled());
 }
 
 TEST(ShareNames, AnyFolderCanBeAskedForWithoutBreakingTheCommand)
 {
-    const struct {
-        const char *path;
-        const char *asked;
-    } paths[] = {
+    const std::pair<std::string, std::string> paths[] = {
         {"/", "/"},
         {"/1,2/x,y", "/1,2/x,y"}, // the count is only read before a comma, and "/1" is 0
         {"/a|b", "/a\uF07Cb"},
@@ -137,14 +125,10 @@ TEST(ShareNames, AnyFolderCanBeAskedForWithoutBreakingTheCommand)
         {"/bad\xFF\xC3", "/bad\uF7FF\uF7C3"},
         {"/Größe/資料", "/Größe/資料"},
     };
-    for (const auto &test : paths) {
-        const bool mapped = platform::LocalSeparator() == '/'; // other systems have no such names
-        EXPECT_EQ(FolderShares::AskedForm(test.path), mapped ? test.asked : test.path);
-    }
-    const struct {
-        const char *text;
-        const char *name;
-    } names[] = {
+    const bool mapped = platform::LocalSeparator() == '/'; // other systems have no such names
+    for (const auto &[path, asked] : paths)
+        EXPECT_EQ(FolderShares::AskedForm(path), mapped ? asked : path);
+    const std::pair<std::string, std::string> names[] = {
         {"docs", "docs"},
         {"a|b:c*d\"e<f>g?h@i/j\\k", "a_b_c_d_e_f_g_h_i_j_k"},
         {"tab\tline\n", "tab_line_"},
@@ -159,8 +143,8 @@ TEST(ShareNames, AnyFolderCanBeAskedForWithoutBreakingTheCommand)
         {"(OVFR)x", "(OV.FR)x"},
         {"x(OVFR)", "x(OVFR)"},
     };
-    for (const auto &test : names)
-        EXPECT_EQ(FolderShares::NameFor(test.text), test.name);
+    for (const auto &[text, name] : names)
+        EXPECT_EQ(FolderShares::NameFor(text), name);
 }
 
 } // namespace

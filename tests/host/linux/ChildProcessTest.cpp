@@ -14,23 +14,24 @@ using platform::ChildProcess;
 
 class Child : public testing::Test {
 protected:
+    Child()
+    {
+        options.onErrorLine = [this](const std::string &line) { lines.Add(line); };
+    }
     std::unique_ptr<ChildProcess> Start(const std::string &script)
     {
         options.arguments = {"sh", "-c", script};
         return ChildProcess::Start(options, &error);
     }
-    void CollectLines()
-    {
-        options.onErrorLine = [this](const std::string &line) { lines.Add(line); };
-    }
 
+    Lines lines;
     ChildOptions options;
     std::string error;
-    Lines lines;
 };
 
 TEST_F(Child, TellsHowItEnded)
 {
+    options.onErrorLine = nullptr; // ours is its, too
     const struct {
         const char *script;
         bool bySignal;
@@ -56,7 +57,6 @@ TEST_F(Child, SpeaksOverItsStandardStreams)
 {
     options.withStream = true;
     options.environment = {{"FODR_TEST_WORD", "given"}};
-    CollectLines();
     platform::SetEnvironment("FODR_TEST_WORD", "inherited");
     auto child = Start("echo $FODR_TEST_WORD; cat; echo last >&2; printf unended >&2");
     auto stream = child->TakeStream();
@@ -64,12 +64,8 @@ TEST_F(Child, SpeaksOverItsStandardStreams)
     const platform::ByteView block = std::as_bytes(std::span(said));
     ASSERT_TRUE(stream->Write({&block, 1}));
     std::string heard;
-    std::array<std::byte, 100> buffer;
-    while (heard.size() < 11) {
-        const ptrdiff_t got = stream->Read(buffer);
-        ASSERT_GT(got, 0);
-        heard += TextOf(std::span(buffer).first(static_cast<size_t>(got)));
-    }
+    for (std::byte byte; heard.size() < 11 && stream->Read({&byte, 1}) == 1;)
+        heard += static_cast<char>(byte);
     EXPECT_EQ(heard, "given\nover\n");
     EXPECT_FALSE(child->Wait(0));
     stream.reset(); // the end of its input
@@ -81,7 +77,6 @@ TEST_F(Child, SpeaksOverItsStandardStreams)
 TEST_F(Child, EndsWithItsChildrenInAGroupOfItsOwn)
 {
     options.interrupts = ChildOptions::Interrupts::Own;
-    CollectLines();
     auto child = Start("sleep 1000 & echo $! >&2; wait");
     const auto grandchild = static_cast<uint32_t>(std::stoul(lines.Next()));
     EXPECT_TRUE(platform::ProcessExists(grandchild));
@@ -95,31 +90,25 @@ TEST_F(Child, HasTheSignalsThatItShouldHave)
     // Blocked and ignored signals of ours must not reach it, except where asked for.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGINT, SIG_DFL); // whoever started this one may have ignored it
-    CollectLines();
-    const char *script = "grep -E 'Sig(Blk|Ign)' /proc/self/status >&2";
-    // Below 32; those above are the C library's own.
-    const auto standardOnly = [](const std::string &line) {
-        return std::stoull(line.substr(line.find('\t')), nullptr, 16) & 0x7FFFFFFF;
-    };
-    Start(script)->Wait(-1);
-    EXPECT_EQ(standardOnly(lines.Next()), 0u);
-    EXPECT_EQ(standardOnly(lines.Next()), 0u);
-    options.interrupts = ChildOptions::Interrupts::Ignored;
-    Start(script)->Wait(-1);
-    EXPECT_EQ(standardOnly(lines.Next()), 0u);
-    EXPECT_EQ(standardOnly(lines.Next()), 6u); // SIGINT, SIGQUIT
-    struct sigaction action {};
-    sigaction(SIGINT, nullptr, &action);
-    EXPECT_EQ(action.sa_handler, SIG_DFL);
+    const std::pair<ChildOptions::Interrupts, uint32_t> cases[] = {
+        {ChildOptions::Interrupts::Shared, 0}, {ChildOptions::Interrupts::Ignored, 6}}; // SIGINT, SIGQUIT
+    for (const auto &[interrupts, ignored] : cases) {
+        options.interrupts = interrupts;
+        Start("grep -E 'Sig(Blk|Ign)' /proc/self/status >&2")->Wait(-1);
+        for (const uint32_t wanted : {0u, ignored}) {
+            const std::string line = lines.Next();
+            // Below 32; those above are the C library's own.
+            EXPECT_EQ(std::stoull(line.substr(line.find('\t')), nullptr, 16) & 0x7FFFFFFF, wanted) << line;
+        }
+    }
+    EXPECT_EQ(std::signal(SIGINT, SIG_DFL), SIG_DFL); // ours are as they were
 }
 
 TEST_F(Child, LongLinesComeInPieces)
 {
-    CollectLines();
     Start("head -c 10000 /dev/zero | tr '\\0' x >&2; echo >&2; echo end >&2")->Wait(-1);
     std::string all;
-    std::string line;
-    while ((line = lines.Next()) != "end")
+    for (std::string line; (line = lines.Next()) != "end";)
         all += line;
     EXPECT_TRUE(all == std::string(10000, 'x')) << all.size();
 }
