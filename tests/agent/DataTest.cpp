@@ -35,21 +35,7 @@ protected:
     WriteBehind::Target target;
 };
 
-class WriteBehindTest : public DataTest {};
-
-TEST_F(WriteBehindTest, AcceptsBeforeTheAnswerAndDrainsWithIt)
-{
-    Signal accepted, drained;
-    Write(0, Bytes(10, 'a'), &accepted);
-    accepted.Wait();
-    writes->WhenDone(drained.Setter());
-    const Request request = plugin->TakeRequest();
-    EXPECT_EQ(request.Payload(), Bytes(10, 'a'));
-    EXPECT_FALSE(drained.IsSet());
-    plugin->CompleteLength(request, 10);
-    drained.Wait();
-    EXPECT_EQ(target.errors->TakeForFlush(), nt::STATUS_SUCCESS);
-}
+using WriteBehindTest = DataTest;
 
 TEST_F(WriteBehindTest, OverlappingWritesAreNeverUnderWayTogether)
 {
@@ -65,11 +51,11 @@ TEST_F(WriteBehindTest, OverlappingWritesAreNeverUnderWayTogether)
     EXPECT_EQ(free.Offset(), 30u);
     ExpectQuiet();
     EXPECT_FALSE(accepted[1].IsSet());
-    plugin->CompleteLength(first, 10);
+    plugin->CompleteNumber(first, 10);
     const Request second = plugin->TakeRequest();
     EXPECT_EQ(second.Payload(), Bytes(10, 'b'));
     ExpectQuiet();
-    plugin->CompleteLength(second, 10);
+    plugin->CompleteNumber(second, 10);
     accepted[1].Wait();
     EXPECT_EQ(plugin->TakeRequest().Offset(), 12u);
 }
@@ -86,13 +72,14 @@ TEST_F(WriteBehindTest, BarriersWaitForWhatOverlapsAndCameBefore)
     later.Wait();
     Write(200, Bytes(10), &accepted); // begun after all of them
     const Request first = plugin->TakeRequest(), second = plugin->TakeRequest();
-    plugin->CompleteLength(second, 10);
+    plugin->CompleteNumber(second, 10);
     high.Wait();
     EXPECT_FALSE(low.IsSet());
     EXPECT_FALSE(both.IsSet());
-    plugin->CompleteLength(first, 10);
+    plugin->CompleteNumber(first, 10);
     low.Wait();
     both.Wait();
+    EXPECT_EQ(target.errors->TakeForFlush(), nt::STATUS_SUCCESS);
 }
 
 TEST_F(WriteBehindTest, TheFirstFailureIsToldOnceToAWriteAndOnceToAFlush)
@@ -113,9 +100,7 @@ TEST_F(WriteBehindTest, TheFirstFailureIsToldOnceToAWriteAndOnceToAFlush)
         Write(0, Bytes(10), &accepted);
         Write(10, Bytes(10), &accepted);
         writes->WhenDone(drained.Setter());
-        Bytes body(5);
-        StoreLittle(body.data(), row.length);
-        plugin->Complete(plugin->TakeRequest(), row.answer, body);
+        plugin->CompleteNumber(plugin->TakeRequest(), row.length, Bytes(1), row.answer);
         plugin->Complete(plugin->TakeRequest(), nt::STATUS_QUOTA_EXCEEDED);
         drained.Wait();
         EXPECT_EQ(target.errors->TakeForWrite(), row.told);
@@ -140,7 +125,7 @@ TEST_F(WriteBehindTest, TheWriterWaitsWhenTheWindowIsFull)
     requests.push_back(plugin->TakeRequest());
     EXPECT_FALSE(accepted.IsSet());
     for (const Request &request : requests)
-        plugin->CompleteLength(request, kPiece);
+        plugin->CompleteNumber(request, kPiece);
     accepted.Wait();
 }
 
@@ -180,9 +165,9 @@ protected:
             outcomes.Put(outcome);
         });
     }
-    void Serve(uint64_t fileSize)
+    void Serve(uint64_t fileSize) { Serve(plugin->TakeRequest(), fileSize); }
+    void Serve(const Request &request, uint64_t fileSize)
     {
-        const Request request = plugin->TakeRequest();
         const Bytes bytes = Content(request.Offset(), request.Length(), fileSize);
         if (bytes.empty())
             plugin->Complete(request, nt::STATUS_END_OF_FILE);
@@ -207,14 +192,8 @@ TEST_F(ReadAheadTest, AReaderFromFrontToBackIsKeptSupplied)
     // Played by a thread: how many requests come depends on how the window grows.
     std::atomic<uint32_t> served{0};
     std::thread peer([&] {
-        for (Request request = plugin->TakeRequest(); request.Head().FileId != 0xEEEE;
-             request = plugin->TakeRequest(), ++served) {
-            const Bytes bytes = Content(request.Offset(), request.Length(), kSize);
-            if (bytes.empty())
-                plugin->Complete(request, nt::STATUS_END_OF_FILE);
-            else
-                plugin->CompleteData(request, bytes);
-        }
+        for (Request request; (request = plugin->TakeRequest()).Head().FileId != 0xEEEE; ++served)
+            Serve(request, kSize);
     });
     for (uint64_t offset = 0; offset < kSize; offset += kStep) {
         Read(offset, kStep);

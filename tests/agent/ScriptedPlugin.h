@@ -8,7 +8,7 @@
 #include "agent/RemoteShare.h"
 #include "odpservice/odpservice.h"
 #include "rdpdr/wire/RdpdrRecords.h"
-#include "transport/FrameConnection.h"
+#include "transport/FrameRecorder.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -16,7 +16,6 @@
 
 namespace fodr::agent {
 
-using test::kTestLimit;
 using test::Mailbox;
 
 template <wire::Record Packet> Bytes PacketOf(const Packet &packet, const Bytes &rest = {})
@@ -37,7 +36,7 @@ struct Request {
     Bytes Payload() const { return {packet.begin() + kRequestPayload, packet.end()}; }
 };
 
-class ScriptedPlugin final : public transport::IConnectionReceiver {
+class ScriptedPlugin final : public test::FrameRecorder {
 public:
     static constexpr uint32_t kDataObject = 2;
 
@@ -48,10 +47,7 @@ public:
     }
     void SayHello(const std::string &token = {})
     {
-        transport::Hello hello;
-        hello.keepAlive = {0, 0};
-        hello.token = token;
-        connection.Send(hello);
+        connection.Send(transport::Hello{.keepAlive = {0, 0}, .token = token});
     }
     void ConnectObjects()
     {
@@ -83,7 +79,6 @@ public:
 
     Bytes Take() { return packets.Take(); }
     Request TakeRequest() { return {Take()}; }
-    bool NothingCame() { return packets.IsEmpty(); }
     void Send(const Bytes &packet) { connection.SendPost(kDataObject, 0, std::as_bytes(std::span(packet))); }
 
     void Complete(const Request &request, nt::NTSTATUS status, const Bytes &body = Bytes(5))
@@ -93,31 +88,22 @@ public:
                                              .IoStatus = static_cast<uint32_t>(status)},
                       body));
     }
-    void CompleteLength(const Request &request, uint32_t length)
+    // The body is a number and what is behind it.
+    void CompleteNumber(const Request &request, uint32_t number, const Bytes &rest = Bytes(1),
+                        nt::NTSTATUS status = nt::STATUS_SUCCESS)
     {
-        Bytes body(5);
-        StoreLittle(body.data(), length);
-        Complete(request, nt::STATUS_SUCCESS, body);
+        Bytes body(4);
+        StoreLittle(body.data(), number);
+        body.insert(body.end(), rest.begin(), rest.end());
+        Complete(request, status, body);
     }
     void CompleteData(const Request &request, const Bytes &data)
     {
-        Bytes body(4);
-        StoreLittle(body.data(), static_cast<uint32_t>(data.size()));
-        body.insert(body.end(), data.begin(), data.end());
-        Complete(request, nt::STATUS_SUCCESS, body);
-    }
-    void CompleteCreate(const Request &request, uint32_t fileId, uint8_t information = 1)
-    {
-        Bytes body(5);
-        StoreLittle(body.data(), fileId);
-        body[4] = information;
-        Complete(request, nt::STATUS_SUCCESS, body);
+        CompleteNumber(request, static_cast<uint32_t>(data.size()), data);
     }
     void Close() { connection.Close("closed by the test"); }
 
-    Mailbox<std::string> goodbyes;
-    Mailbox<transport::ObjectAnnounce> announces; // without their names
-    transport::FrameConnection &Connection() { return connection; }
+    Mailbox<std::string> heard; // all other frames
 
 private:
     void OnMessage(const transport::Message &message) override
@@ -126,14 +112,7 @@ private:
         const auto *bytes = reinterpret_cast<const uint8_t *>(block.data());
         packets.Put(Bytes(bytes, bytes + block.size()));
     }
-    void OnObjectAnnounce(const transport::ObjectAnnounce &frame) override
-    {
-        transport::ObjectAnnounce announce = frame;
-        announce.name = {};
-        announces.Put(announce);
-    }
-    void OnGoodbye(const transport::Goodbye &goodbye) override { goodbyes.Put(std::string(goodbye.reason)); }
-    void OnClosed(const std::string &) override {}
+    void Hear(const std::string &line) override { heard.Put(line); }
 
     Mailbox<Bytes> packets;
     transport::FrameConnection connection;
@@ -152,13 +131,13 @@ protected:
         client = std::make_unique<RdpdrClient>(std::move(mine), options, observer);
         client->Start();
     }
-    void StartWithShare(const std::string &name = "docs")
+    void StartWithShare()
     {
         ClientOptions options;
-        options.ioTimeoutSeconds = 0;
+        options.ioTimeoutSeconds = 1000000; // its clock runs
         Start(options);
         plugin->BringUp();
-        plugin->Announce(kDevice, name);
+        plugin->Announce(kDevice, "docs");
         share = std::make_shared<RemoteShare>(*client, devices.Take());
     }
     // Not in the destructor: the client's last calls come to an observer that is still whole.
@@ -170,12 +149,11 @@ protected:
 
     void OnDeviceAdded(const RemoteDevice &device) override { devices.Put(device); }
     void OnDeviceRemoved(uint32_t deviceId) override { removed.Put(deviceId); }
-    void OnGoodbye(const std::string &reason) override { goodbyes.Put(reason); }
+    void OnGoodbye(const std::string &) override {}
     void OnEnded(ChannelEnd end, const std::string &reason) override { ends.Put({end, reason}); }
 
     Mailbox<RemoteDevice> devices;
     Mailbox<uint32_t> removed;
-    Mailbox<std::string> goodbyes;
     Mailbox<std::pair<ChannelEnd, std::string>> ends;
     std::unique_ptr<ScriptedPlugin> plugin;
     std::unique_ptr<RdpdrClient> client;

@@ -1,5 +1,6 @@
 // What the kernel knows: places of nodes through renames, facts as POSIX shows them, statuses as errnos.
 #include "agent/AgentStatus.h"
+#include "agent/ScriptedPlugin.h"
 #include "agent/fuse/Attributes.h"
 #include "agent/fuse/NodeTable.h"
 #include "agent/fuse/StatusErrno.h"
@@ -12,11 +13,12 @@
 namespace fodr::agent {
 namespace {
 
-class Nodes : public ::testing::Test {
+class Nodes : public ClientTest {
 protected:
-    Nodes() : client(std::move(platform::MakeStreamPair().first), {}, &nobody)
+    void SetUp() override
     {
-        table.SetRootShare(std::make_shared<RemoteShare>(client, RemoteDevice{}));
+        StartWithShare();
+        table.SetRootShare(share);
     }
     NodePtr Reach(const NodePtr &parent, const std::string &name, bool directory = true)
     {
@@ -29,13 +31,6 @@ protected:
         return table.PlaceOf(node, &place) ? place.path : u"";
     }
 
-    struct : IClientObserver {
-        void OnDeviceAdded(const RemoteDevice &) override {}
-        void OnDeviceRemoved(uint32_t) override {}
-        void OnGoodbye(const std::string &) override {}
-        void OnEnded(ChannelEnd, const std::string &) override {}
-    } nobody;
-    RdpdrClient client;
     NodeTable table;
     const NodePtr root = table.Root();
 };
@@ -96,8 +91,6 @@ TEST_F(Nodes, AreForgottenWhenTheKernelHasForgottenThemAndTheirChildren)
 TEST_F(Nodes, SharesAreFoldersThatComeAndGo)
 {
     NodeTable several;
-    const auto share =
-        std::make_shared<RemoteShare>(client, RemoteDevice{.id = 5, .name = {}, .dosName = {}, .path = {}});
     EXPECT_TRUE(several.AddShareFolder("docs", share));
     EXPECT_FALSE(several.AddShareFolder("docs", share));
     const NodePtr docs = several.ReachShareFolder("docs");
@@ -107,7 +100,7 @@ TEST_F(Nodes, SharesAreFoldersThatComeAndGo)
     EXPECT_EQ(place.path, u"\\f");
     EXPECT_EQ(place.share, share);
     EXPECT_EQ(several.ShareRootOf(file), docs);
-    EXPECT_EQ(several.RemoveShareFolder(5), "docs");
+    EXPECT_EQ(several.RemoveShareFolder(kDevice), "docs");
     EXPECT_FALSE(several.PlaceOf(file, &place));
     EXPECT_EQ(several.ReachShareFolder("docs"), nullptr);
 }
