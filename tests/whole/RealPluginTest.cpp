@@ -1,5 +1,6 @@
 // The real plug-in in the real host, with the real agent at the other end of a stream: everything but the
 // mount.
+#include "Mailbox.h"
 #include "RealMount.h"
 #include "SettingsFixture.h"
 #include "agent/BlockingShare.h"
@@ -11,15 +12,11 @@
 #include "platform/NtRecords.h"
 #include "platform/Volumes.h"
 
-#include <algorithm>
-#include <condition_variable>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <map>
-#include <mutex>
-#include <optional>
+#include <set>
 
 namespace fodr {
 namespace {
@@ -40,48 +37,37 @@ public:
     // The share of this name, once it is there.
     std::unique_ptr<RemoteShare> Share(const std::string &name)
     {
-        std::unique_lock held(lock);
-        const RemoteDevice *found = nullptr;
-        changed.wait(held, [&] {
-            for (const RemoteDevice &device : devices)
-                found = device.name == name ? &device : found;
-            return found != nullptr;
-        });
-        return std::make_unique<RemoteShare>(client, *found);
+        while (!shares.contains(name))
+            NoteShare(added.Take());
+        return std::make_unique<RemoteShare>(client, shares.at(name));
     }
     void WaitUntilGone(const std::string &name)
     {
-        std::unique_lock held(lock);
-        changed.wait(held, [&] {
-            return std::none_of(devices.begin(), devices.end(),
-                                [&](auto &device) { return device.name == name; });
-        });
+        const uint32_t id = shares.at(name).id;
+        shares.erase(name);
+        while (!gone.contains(id))
+            gone.insert(removed.Take());
+        gone.erase(id);
     }
     size_t ShareCount()
     {
-        std::lock_guard held(lock);
-        return devices.size();
+        while (!added.IsEmpty())
+            NoteShare(added.Take());
+        return shares.size();
     }
 
-    void OnDeviceAdded(const RemoteDevice &device) override
-    {
-        std::lock_guard held(lock);
-        devices.push_back(device);
-        changed.notify_all();
-    }
-    void OnDeviceRemoved(uint32_t deviceId) override
-    {
-        std::lock_guard held(lock);
-        std::erase_if(devices, [deviceId](auto &device) { return device.id == deviceId; });
-        changed.notify_all();
-    }
+    void OnDeviceAdded(const RemoteDevice &device) override { added.Put(device); }
+    void OnDeviceRemoved(uint32_t deviceId) override { removed.Put(deviceId); }
     void OnGoodbye(const std::string &) override {}
     void OnEnded(agent::ChannelEnd, const std::string &) override {}
 
 private:
-    std::mutex lock;
-    std::condition_variable changed;
-    std::vector<RemoteDevice> devices;
+    void NoteShare(const RemoteDevice &device) { shares.insert_or_assign(device.name, device); }
+
+    std::map<std::string, RemoteDevice> shares; // those that the test has seen
+    std::set<uint32_t> gone;
+    test::Mailbox<RemoteDevice> added;
+    test::Mailbox<uint32_t> removed;
     agent::RdpdrClient client;
 };
 
@@ -95,7 +81,11 @@ protected:
         std::string error;
         host = host::PluginHost::Create(FODR_PLUGIN_PATH, &error);
         ASSERT_NE(host, nullptr) << error;
-        host->Bus().Subscribe("FOLDER_REDIRECTION_NOTIFICATION", this, OnNotice);
+        host->Bus().Subscribe("FOLDER_REDIRECTION_NOTIFICATION", &notices,
+                              [](void *told, const char *, const char *cookie, const char *text) {
+                                  static_cast<test::Mailbox<Notice> *>(told)->Put({cookie, text});
+                                  return true;
+                              });
     }
     void TearDown() override
     {
@@ -117,10 +107,9 @@ protected:
             if (newInstanceEachTime)
                 channel->DestroyInstance();
         }
-        {
-            std::lock_guard held(lock);
-            notices.clear();
-        }
+        while (!notices.IsEmpty())
+            notices.Take();
+        statuses.clear();
         auto [ours, theirs] = platform::MakeStreamPair();
         connected = std::make_unique<Agent>(std::move(theirs), options);
         channel->Attach(std::move(ours));
@@ -135,19 +124,24 @@ protected:
     // before or after those of the folders that it forces.
     std::string StatusOf(const std::string &cookie)
     {
-        std::unique_lock held(lock);
-        auto matches = [&](const auto &notice) {
-            return notice.first == cookie &&
-                   (!cookie.empty() || notice.second.starts_with("RDPDR_CAPABILITY_STATUS"));
-        };
-        changed.wait(held, [&] { return std::any_of(notices.begin(), notices.end(), matches); });
-        return std::find_if(notices.begin(), notices.end(), matches)->second;
+        while (!statuses.contains(cookie)) {
+            const Notice notice = notices.Take();
+            if (!notice.first.empty() || notice.second.starts_with("RDPDR_CAPABILITY_STATUS"))
+                statuses.insert(notice);
+        }
+        return statuses.at(cookie);
     }
-    std::string Add(const std::filesystem::path &path, const std::string &name)
+    std::string AddDocs()
     {
         std::string cookie = "add" + std::to_string(++cookies);
-        Command(cookie, "ADD," + path.string() + "|" + name);
+        Command(cookie, "ADD," + folder.string() + "|docs");
         return StatusOf(cookie);
+    }
+    void RemoveDocs() { Command("r", "REMOVE," + folder.string() + "|docs"); }
+    std::unique_ptr<RemoteShare> ShareDocs()
+    {
+        EXPECT_EQ(AddDocs(), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
+        return connected->Share("docs");
     }
 
     test::SettingsFixture settings;
@@ -159,18 +153,9 @@ protected:
     bool newInstanceEachTime = true;
 
 private:
-    static bool OnNotice(void *context, const char *, const char *cookie, const char *text)
-    {
-        auto *self = static_cast<RealPlugin *>(context);
-        std::lock_guard held(self->lock);
-        self->notices.emplace_back(cookie ? cookie : "", text);
-        self->changed.notify_all();
-        return true;
-    }
-
-    std::mutex lock;
-    std::condition_variable changed;
-    std::vector<std::pair<std::string, std::string>> notices;
+    using Notice = std::pair<std::string, std::string>; // a cookie, and what was said under it
+    test::Mailbox<Notice> notices;
+    std::map<std::string, std::string> statuses; // the first under each cookie
     int cookies = 0;
 };
 
@@ -188,14 +173,18 @@ std::string Text(const std::vector<uint8_t> &bytes)
     return {bytes.begin(), bytes.end()};
 }
 
+std::string ReadFile(RemoteShare &share, const char16_t *path, uint32_t length = 100)
+{
+    const auto opened = BlockingCall(share, &RemoteShare::Create, kOpenToRead, path);
+    return Text(BlockingCall(share, &RemoteShare::Read, opened.fileId, 0u, length).data);
+}
+
 TEST_F(RealPlugin, AFolderAppearsServesFilesAndGoes)
 {
     std::ofstream(folder / "letter.txt") << "dear reader";
     Agent &agent = Connect();
     EXPECT_EQ(StatusOf(""), "RDPDR_CAPABILITY_STATUS,ENABLED");
-    EXPECT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
-    auto share = agent.Share("docs");
-
+    auto share = ShareDocs();
     auto opened = BlockingCall(*share, &RemoteShare::Create, kOpenToRead, u"\\letter.txt");
     ASSERT_EQ(opened.status, STATUS_SUCCESS);
     EXPECT_EQ(opened.information, FILE_OPENED);
@@ -215,7 +204,7 @@ TEST_F(RealPlugin, AFolderAppearsServesFilesAndGoes)
         EXPECT_EQ(BlockingCall(*share, &RemoteShare::Create, kOpenToRead, path).status,
                   STATUS_OBJECT_NAME_INVALID);
 
-    Command("r", "REMOVE," + folder.string() + "|docs");
+    RemoveDocs();
     agent.WaitUntilGone("docs");
     EXPECT_EQ(BlockingCall(*share, &RemoteShare::Write, created.fileId, 0u, Bytes("x")).status,
               STATUS_DEVICE_REMOVED);
@@ -226,9 +215,8 @@ TEST_F(RealPlugin, AThousandWaitingNotificationsDelayNothing)
     if (platform::LocalSeparator() != '/')
         GTEST_SKIP() << "the system's pool has its own limit, of 500 threads";
     std::ofstream(folder / "f") << "read me";
-    Agent &agent = Connect();
-    Add(folder, "docs");
-    auto share = agent.Share("docs");
+    Connect();
+    auto share = ShareDocs();
     constexpr RemoteShare::CreateCall kOpenFolder{FILE_LIST_DIRECTORY, FILE_OPEN, FILE_DIRECTORY_FILE};
     std::vector<std::future<agent::OwnedResult>> watches;
     std::vector<uint32_t> handles;
@@ -237,8 +225,7 @@ TEST_F(RealPlugin, AThousandWaitingNotificationsDelayNothing)
         watches.push_back(StartCall(*share, &RemoteShare::NotifyChange, handles.back(),
                                     FILE_NOTIFY_CHANGE_FILE_NAME, false));
     }
-    auto opened = BlockingCall(*share, &RemoteShare::Create, kOpenToRead, u"\\f");
-    EXPECT_EQ(Text(BlockingCall(*share, &RemoteShare::Read, opened.fileId, 0u, 7u).data), "read me");
+    EXPECT_EQ(ReadFile(*share, u"\\f"), "read me");
     // Closing ends the wait, and both are answered.
     for (size_t i = 0; i < watches.size(); ++i) {
         EXPECT_EQ(BlockingCall(*share, &RemoteShare::Close, handles[i]).status, STATUS_SUCCESS);
@@ -253,14 +240,10 @@ TEST_F(RealPlugin, AReconnectServesTheSharesAgainWithoutANewHost)
     for (bool fresh : {true, false}) {
         newInstanceEachTime = fresh;
         for (int round = 0; round < 3; ++round) {
-            Agent &agent = Connect();
+            Connect();
             if (!fresh) // the instance kept its table: what is to be announced anew is taken out first
-                Command("r", "REMOVE," + folder.string() + "|docs");
-            ASSERT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
-            auto share = agent.Share("docs");
-            auto opened = BlockingCall(*share, &RemoteShare::Create, kOpenToRead, u"\\f");
-            EXPECT_EQ(Text(BlockingCall(*share, &RemoteShare::Read, opened.fileId, 0u, 20u).data),
-                      "still here");
+                RemoveDocs();
+            EXPECT_EQ(ReadFile(*ShareDocs(), u"\\f"), "still here");
         }
     }
 }
@@ -299,7 +282,7 @@ TEST_F(RealPlugin, ThePolicyDecidesByVersionAndCapability)
         std::string wanted = c.added;
         if (size_t at = wanted.find("PATH"); at != std::string::npos)
             wanted.replace(at, 4, folder.string());
-        EXPECT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS," + wanted);
+        EXPECT_EQ(AddDocs(), "FOLDER_REDIRECTION_CMD_STATUS," + wanted);
     }
 }
 
@@ -323,8 +306,7 @@ TEST_F(RealPlugin, EachVersionAndCapabilityGetsWhatItKnows)
             options.multiEntryDirectoryQuery = (bits & 1) != 0;
             options.preRead = (bits & 2) != 0;
             Agent &agent = Connect(options);
-            ASSERT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
-            const auto share = agent.Share("docs");
+            const auto share = ShareDocs();
             const bool many = options.multiEntryDirectoryQuery && version >= 3;
             const bool ahead = options.preRead && version >= 4;
 
@@ -351,7 +333,7 @@ TEST_F(RealPlugin, EachVersionAndCapabilityGetsWhatItKnows)
             EXPECT_EQ(set.status, STATUS_SUCCESS);
             EXPECT_EQ(agent::ReadPreReadFacts(set.preRead, &facts), ahead);
             BlockingCall(*share, &RemoteShare::Close, file.fileId);
-            Command("r", "REMOVE," + folder.string() + "|docs");
+            RemoveDocs();
             agent.WaitUntilGone("docs");
         }
     }
@@ -368,8 +350,7 @@ TEST_F(RealPlugin, FoldersOutsideTheAllowedOnesAreNotServedWhoeverAsks)
     options.policy.folders.push_back({0, "/not\xFFtext"}); // names nothing, and harms nobody
     Agent &agent = Connect(options);
     EXPECT_EQ(StatusOf(""), "RDPDR_CAPABILITY_STATUS,FORCED");
-    EXPECT_EQ(Add(folder, "docs"), "FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED");
-    agent.Share("docs");
+    ShareDocs();
     EXPECT_EQ(agent.ShareCount(), 1u);
 }
 
@@ -398,8 +379,7 @@ TEST_F(RealPlugin, AMountThatComesAndGoesTakesItsSharesAlongUnderTheirNumbers)
                       share->Device().id);
         auto opened = BlockingCall(*whole, &RemoteShare::Create, kOpenToRead, u"\\other");
         EXPECT_EQ(Text(BlockingCall(*whole, &RemoteShare::Read, opened.fileId, 0u, 9u).data), content);
-        auto named = BlockingCall(*files, &RemoteShare::Create, kOpenToRead, u"\\named");
-        EXPECT_EQ(Text(BlockingCall(*files, &RemoteShare::Read, named.fileId, 0u, 9u).data), content);
+        EXPECT_EQ(ReadFile(*files, u"\\named"), content);
         EXPECT_EQ(BlockingCall(*files, &RemoteShare::Create, kOpenToRead, u"\\other").status,
                   STATUS_ACCESS_DENIED);
 
@@ -421,13 +401,9 @@ TEST_F(RealPlugin, ASideChannelOverTcpCarriesTheData)
     agent::ClientOptions options;
     options.sideChannel = agent::SideChannel::Tcp;
     options.sideChannelAddress = "127.0.0.1";
-    Agent &agent = Connect(options);
+    Connect(options);
     EXPECT_EQ(StatusOf(""), "RDPDR_CAPABILITY_STATUS,ENABLED");
-    Add(folder, "docs");
-    auto share = agent.Share("docs");
-    auto opened = BlockingCall(*share, &RemoteShare::Create, kOpenToRead, u"\\f");
-    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Read, opened.fileId, 0u, 1u << 20).data,
-              std::vector<uint8_t>(1 << 20, 'x'));
+    EXPECT_TRUE(ReadFile(*ShareDocs(), u"\\f", 1 << 20) == std::string(1 << 20, 'x'));
 }
 
 } // namespace
