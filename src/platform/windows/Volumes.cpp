@@ -35,6 +35,24 @@ std::wstring Whole(std::u16string_view path)
     return whole;
 }
 
+// With a separator behind it, the name of a link isn't the link's own: searches and opens fail, or go through
+// it. A root keeps its separator.
+std::wstring NameOfItself(std::u16string_view path)
+{
+    while (path.size() > 1 && IsEitherSlash(path.back()) && path[path.size() - 2] != u':')
+        path.remove_suffix(1);
+    return {path.begin(), path.end()};
+}
+
+// What stands there itself, to ask it for its facts; a link isn't followed.
+OwnedHandle OpenItself(std::u16string_view path)
+{
+    return OwnedHandle(CreateFileW(NameOfItself(path).c_str(), FILE_READ_ATTRIBUTES,
+                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                   OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS,
+                                   nullptr));
+}
+
 // MS-FSCC 2.1.2.4 and 2.1.2.5, as far as names are concerned; the header is the same for every tag.
 struct ReparseHeader {
     uint32_t tag;
@@ -112,18 +130,17 @@ uint32_t VolumeNameOfMountPoint(const std::u16string &mountPoint, std::u16string
 uint32_t QueryLinkKind(const std::u16string &path, LinkKind &kind)
 {
     kind = LinkKind::Missing;
-    WIN32_FIND_DATAW facts{}; // the one query that gives the tag without an open file
-    const DWORD attributes = GetFileAttributesW(AsWide(path.c_str()));
+    const DWORD attributes = GetFileAttributesW(NameOfItself(path).c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES)
         return GetLastError();
     if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
-        const HANDLE search = FindFirstFileW(AsWide(path.c_str()), &facts);
-        if (search == INVALID_HANDLE_VALUE)
+        const OwnedHandle file = OpenItself(path);
+        FILE_ATTRIBUTE_TAG_INFO facts{};
+        if (!file || !GetFileInformationByHandleEx(file.Get(), FileAttributeTagInfo, &facts, sizeof(facts)))
             return GetLastError();
-        FindClose(search);
-        if (facts.dwReserved0 == IO_REPARSE_TAG_SYMLINK)
+        if (facts.ReparseTag == IO_REPARSE_TAG_SYMLINK)
             kind = LinkKind::SymbolicLink;
-        else if (facts.dwReserved0 == IO_REPARSE_TAG_MOUNT_POINT)
+        else if (facts.ReparseTag == IO_REPARSE_TAG_MOUNT_POINT)
             kind = LinkKind::Junction;
         if (kind != LinkKind::Missing)
             return kErrorSuccess;
@@ -134,9 +151,7 @@ uint32_t QueryLinkKind(const std::u16string &path, LinkKind &kind)
 
 uint32_t ReadLinkTarget(const std::u16string &link, std::u16string &target)
 {
-    const OwnedHandle file(CreateFileW(
-        AsWide(link.c_str()), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-        nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    const OwnedHandle file = OpenItself(link);
     if (!file)
         return GetLastError();
     std::vector<std::byte> buffer(kReparseBuffer);
