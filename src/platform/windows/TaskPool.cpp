@@ -1,9 +1,11 @@
 // The system's thread pool: a private pool, and a clean-up group that waits for everything at the end.
 #include "platform/TaskPool.h"
 
-#include "platform/windows/Win32.h"
+#include "platform/windows/QuietThread.h"
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 
 namespace fodr::platform {
 
@@ -12,21 +14,53 @@ namespace {
 // Of the task that runs on this thread; null outside of one, and once it has said that it will wait.
 thread_local PTP_CALLBACK_INSTANCE currentInstance = nullptr;
 
+// Lives as long as the last task that tells it of its end.
+class TaskCount {
+public:
+    void Started() { ++running; }
+    size_t Running() const { return running; }
+
+    void Submitted() { ++unfinished; }
+    void Finished()
+    {
+        if (--unfinished > 0)
+            return;
+        const std::lock_guard<std::mutex> held(lock);
+        allFinished.notify_all();
+    }
+    void Ended()
+    {
+        --running;
+        Finished();
+    }
+    void AwaitAll()
+    {
+        std::unique_lock<std::mutex> held(lock);
+        allFinished.wait(held, [this] { return unfinished == 0; });
+    }
+
+private:
+    std::atomic<size_t> running{0};
+    std::atomic<size_t> unfinished{0}; // also those that haven't started
+    std::mutex lock;
+    std::condition_variable allFinished;
+};
+
 struct Task {
     void (*callback)(void *);
     void *context;
-    std::atomic<size_t> *running;
+    std::shared_ptr<TaskCount> count;
 };
 
 void CALLBACK RunTask(PTP_CALLBACK_INSTANCE instance, void *argument, PTP_WORK)
 {
-    const Task task = *static_cast<Task *>(argument);
-    delete static_cast<Task *>(argument);
-    ++*task.running;
+    const std::unique_ptr<Task> task(static_cast<Task *>(argument));
+    const QuietThread quiet;
+    task->count->Started();
     currentInstance = instance;
-    task.callback(task.context);
+    task->callback(task->context);
     currentInstance = nullptr;
-    --*task.running;
+    task->count->Ended();
 }
 
 } // namespace
@@ -48,6 +82,8 @@ public:
 
     ~Impl()
     {
+        // Nobody promises that the group still knows a work object that was closed before it ran.
+        tasks->AwaitAll();
         if (group) {
             CloseThreadpoolCleanupGroupMembers(group, FALSE, nullptr);
             CloseThreadpoolCleanupGroup(group);
@@ -63,25 +99,26 @@ public:
     {
         if (!pool || !group)
             return false;
-        Task *task = new (std::nothrow) Task{callback, context, &running};
+        auto *task = new (std::nothrow) Task{callback, context, tasks};
         PTP_WORK work = task ? CreateThreadpoolWork(RunTask, task, &environment) : nullptr;
         if (!work) {
             delete task;
             return false;
         }
+        tasks->Submitted();
         SubmitThreadpoolWork(work);
         CloseThreadpoolWork(work); // which takes effect when it has run
         return true;
     }
 
     // The system doesn't tell how many idle threads it keeps.
-    size_t Running() const { return running; }
+    size_t Running() const { return tasks->Running(); }
 
 private:
     const PTP_POOL pool;
     const PTP_CLEANUP_GROUP group;
     TP_CALLBACK_ENVIRON environment{};
-    std::atomic<size_t> running{0};
+    const std::shared_ptr<TaskCount> tasks = std::make_shared<TaskCount>();
 };
 
 TaskPool::TaskPool(uint32_t maxThreads) : TaskPool(maxThreads, Patience()) {}

@@ -1,6 +1,7 @@
 #include "platform/Threads.h"
 
 #include "platform/windows/OwnedHandle.h"
+#include "platform/windows/QuietThread.h"
 #include "platform/windows/WideText.h"
 
 #include <combaseapi.h>
@@ -27,6 +28,7 @@ unsigned __stdcall ThreadEntry(void *argument)
 {
     const ThreadStart start = *static_cast<ThreadStart *>(argument);
     delete static_cast<ThreadStart *>(argument);
+    const QuietThread quiet;
     start.function(start.argument);
     return 0;
 }
