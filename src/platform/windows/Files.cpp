@@ -2,6 +2,7 @@
 
 #include "platform/SystemError.h"
 #include "platform/windows/OwnedHandle.h"
+#include "platform/windows/UserIdentity.h"
 #include "platform/windows/WideText.h"
 
 #include <io.h>
@@ -57,7 +58,12 @@ uint32_t RemoveFile(const std::string &path)
 uint32_t CreateFolder(const std::string &path)
 {
     std::wstring wide;
-    return Widen(path, wide) ? Outcome(CreateDirectoryW(wide.c_str(), nullptr)) : kErrorInvalidName;
+    if (!Widen(path, wide))
+        return kErrorInvalidName;
+    ThisUserOnly security;
+    SECURITY_ATTRIBUTES *attributes = security.Attributes();
+    const uint32_t error = Outcome(attributes && CreateDirectoryW(wide.c_str(), attributes));
+    return error == kErrorAlreadyExists && !ThisUserOwns(wide) ? kErrorAccessDenied : error;
 }
 
 std::FILE *OpenSharedFile(const std::string &path, const char *mode)

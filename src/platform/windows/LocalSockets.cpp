@@ -5,12 +5,15 @@
 #include "platform/windows/UserIdentity.h"
 #include "platform/windows/WideText.h"
 
+#include <algorithm>
+
 namespace fodr::platform {
 
 namespace {
 
 constexpr DWORD kPipeBuffer = 1 << 18;
 constexpr DWORD kBusyWaitMS = 5000;
+constexpr DWORD kTryAgainMS = 100;
 constexpr char kMark[] = "\\\\.\\pipe\\fodr-";
 
 // Empty when there is no such file or it isn't one of ours.
@@ -30,8 +33,10 @@ std::string ReadPipeName(const std::wstring &path)
 OwnedHandle ConnectPipe(const std::wstring &pipe)
 {
     for (;;) {
-        OwnedHandle connected(CreateFileW(pipe.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                          OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
+        // Who serves the pipe may learn who we are, and no more: it could have been anybody's name first.
+        OwnedHandle connected(
+            CreateFileW(pipe.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                        FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
         if (connected || GetLastError() != ERROR_PIPE_BUSY || !WaitNamedPipeW(pipe.c_str(), kBusyWaitMS))
             return connected;
     }
@@ -40,14 +45,15 @@ OwnedHandle ConnectPipe(const std::wstring &pipe)
 // An instance of the pipe that waits for a peer.
 OwnedHandle MakeInstance(const std::wstring &pipe, bool isFirst)
 {
-    SECURITY_ATTRIBUTES attributes{sizeof(attributes), DescriptorForThisUser(), FALSE};
+    ThisUserOnly security;
+    SECURITY_ATTRIBUTES *attributes = security.Attributes();
+    if (!attributes)
+        return {};
     const DWORD first = isFirst ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0;
-    OwnedHandle instance(
+    return OwnedHandle(
         CreateNamedPipeW(pipe.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | first,
                          PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS,
-                         PIPE_UNLIMITED_INSTANCES, kPipeBuffer, kPipeBuffer, 0, &attributes));
-    LocalFree(attributes.lpSecurityDescriptor);
-    return instance;
+                         PIPE_UNLIMITED_INSTANCES, kPipeBuffer, kPipeBuffer, 0, attributes));
 }
 
 class PipeListener final : public StreamListener {
@@ -66,33 +72,58 @@ public:
 
     std::unique_ptr<ByteStream> Accept(int timeoutMS) override
     {
-        if (!instance)
-            instance = MakeInstance(pipe, false);
-        if (!instance || !AwaitPeer(timeoutMS < 0 ? INFINITE : static_cast<DWORD>(timeoutMS)))
-            return nullptr;
-        auto stream = std::make_unique<HandleStream>(MakePipeEnd(std::move(instance), false), nullptr);
-        instance = MakeInstance(pipe, false); // the next peer finds somebody at once
-        return stream;
+        const ULONGLONG begin = GetTickCount64();
+        for (;;) {
+            const auto passed = static_cast<int64_t>(GetTickCount64() - begin);
+            const DWORD left =
+                timeoutMS < 0 ? INFINITE : static_cast<DWORD>(std::max<int64_t>(timeoutMS - passed, 0));
+            if (!instance)
+                instance = MakeInstance(pipe, false);
+            const Peer peer = instance ? AwaitPeer(left) : Peer::Lost;
+            if (peer == Peer::Came) {
+                auto stream =
+                    std::make_unique<HandleStream>(MakePipeEnd(std::move(instance), false), nullptr);
+                instance = MakeInstance(pipe, false); // the next peer finds somebody at once
+                return stream;
+            }
+            if (peer == Peer::Lost) // whatever the system was short of may come back
+                instance.Reset();
+            if (peer == Peer::None || left == 0 ||
+                WaitForSingleObject(stop.Get(), std::min(left, kTryAgainMS)) != WAIT_TIMEOUT)
+                return nullptr;
+        }
     }
     void Shutdown() override { SetEvent(stop.Get()); }
     uint16_t Port() const override { return 0; }
 
 private:
-    bool AwaitPeer(DWORD timeoutMS)
+    enum class Peer { Came, None, Lost }; // in time, or the instance is of no use
+
+    Peer AwaitPeer(DWORD timeoutMS)
     {
         if (WaitForSingleObject(stop.Get(), 0) == WAIT_OBJECT_0)
-            return false;
+            return Peer::None;
         OVERLAPPED overlapped{};
         overlapped.hEvent = connected.Get();
         DWORD ignored = 0;
-        if (ConnectNamedPipe(instance.Get(), &overlapped) || GetLastError() == ERROR_PIPE_CONNECTED)
-            return true;
-        if (GetLastError() != ERROR_IO_PENDING)
-            return false;
+        if (ConnectNamedPipe(instance.Get(), &overlapped))
+            return Peer::Came;
+        switch (GetLastError()) {
+        case ERROR_IO_PENDING:
+            break;
+        case ERROR_PIPE_CONNECTED:
+        case ERROR_NO_DATA: // it has gone already; what it wrote can be read
+            return Peer::Came;
+        default:
+            return Peer::Lost;
+        }
         const HANDLE handles[] = {connected.Get(), stop.Get()};
-        if (WaitForMultipleObjects(2, handles, FALSE, timeoutMS) != WAIT_OBJECT_0)
+        const DWORD waited = WaitForMultipleObjects(2, handles, FALSE, timeoutMS);
+        if (waited != WAIT_OBJECT_0)
             CancelIoEx(instance.Get(), &overlapped);
-        return GetOverlappedResult(instance.Get(), &overlapped, &ignored, TRUE);
+        if (GetOverlappedResult(instance.Get(), &overlapped, &ignored, TRUE))
+            return Peer::Came; // perhaps just before it was cancelled
+        return waited == WAIT_OBJECT_0 ? Peer::Lost : Peer::None;
     }
 
     const std::wstring pipe;
@@ -104,16 +135,14 @@ private:
 
 bool WriteMark(const std::wstring &path, const std::string &pipe)
 {
-    SECURITY_ATTRIBUTES attributes{sizeof(attributes), DescriptorForThisUser(), FALSE};
+    ThisUserOnly security;
+    SECURITY_ATTRIBUTES *attributes = security.Attributes();
+    if (!attributes)
+        return false;
     const OwnedHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE,
-                                       &attributes, CREATE_NEW, 0, nullptr));
-    const DWORD failure = GetLastError();
-    LocalFree(attributes.lpSecurityDescriptor);
+                                       attributes, CREATE_NEW, 0, nullptr));
     DWORD written = 0;
-    if (file)
-        return WriteFile(file.Get(), pipe.data(), static_cast<DWORD>(pipe.size()), &written, nullptr);
-    SetLastError(failure);
-    return false;
+    return file && WriteFile(file.Get(), pipe.data(), static_cast<DWORD>(pipe.size()), &written, nullptr);
 }
 
 } // namespace

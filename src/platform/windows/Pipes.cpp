@@ -150,15 +150,21 @@ bool MakePipe(PipeUse use, bool theirsIsInherited, OwnedHandle *ours, OwnedHandl
     const DWORD access = use == PipeUse::Duplex   ? GENERIC_READ | GENERIC_WRITE
                          : use == PipeUse::WeRead ? GENERIC_WRITE
                                                   : GENERIC_READ;
+    ThisUserOnly security;
+    SECURITY_ATTRIBUTES *forUs = security.Attributes();
+    if (!forUs)
+        return false;
     *ours = OwnedHandle(
         CreateNamedPipeW(name.c_str(), direction | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
                          PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1,
-                         kPipeBuffer, kPipeBuffer, 0, nullptr));
+                         kPipeBuffer, kPipeBuffer, 0, forUs));
+    if (!*ours)
+        return false;
     SECURITY_ATTRIBUTES attributes{sizeof(attributes), nullptr, theirsIsInherited};
     *theirs = OwnedHandle(CreateFileW(name.c_str(), access | FILE_WRITE_ATTRIBUTES | FILE_READ_ATTRIBUTES, 0,
                                       &attributes, OPEN_EXISTING,
                                       theirsIsInherited ? 0 : FILE_FLAG_OVERLAPPED, nullptr));
-    return *ours && *theirs;
+    return static_cast<bool>(*theirs);
 }
 
 std::pair<std::unique_ptr<ByteStream>, std::unique_ptr<ByteStream>> MakeStreamPair()

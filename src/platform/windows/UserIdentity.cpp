@@ -44,15 +44,24 @@ std::wstring UserOfProcess(HANDLE process)
     return name;
 }
 
-PSECURITY_DESCRIPTOR DescriptorForThisUser()
+ThisUserOnly::ThisUserOnly()
 {
     const std::wstring user = UserOfProcess(GetCurrentProcess());
-    const std::wstring text = L"D:P(A;OICI;GA;;;" + user + L")(A;OICI;GA;;;SY)";
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (user.empty() || !ConvertStringSecurityDescriptorToSecurityDescriptorW(text.c_str(), SDDL_REVISION_1,
-                                                                              &descriptor, nullptr))
-        return nullptr;
-    return descriptor;
+    if (user.empty())
+        return;
+    // The owner is named: what an administrator makes would be his group's.
+    const std::wstring text = L"O:" + user + L"D:P(A;OICI;GA;;;" + user + L")(A;OICI;GA;;;SY)";
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(text.c_str(), SDDL_REVISION_1,
+                                                              &attributes.lpSecurityDescriptor, nullptr))
+        attributes.lpSecurityDescriptor = nullptr;
+}
+
+SECURITY_ATTRIBUTES *ThisUserOnly::Attributes()
+{
+    if (attributes.lpSecurityDescriptor)
+        return &attributes;
+    SetLastError(ERROR_INVALID_SECURITY_DESCR);
+    return nullptr;
 }
 
 bool ThisUserOwns(const std::wstring &path)
