@@ -28,6 +28,7 @@ void SetEnvironment(const char *name, const std::string &value);
 // Where the settings store of this user is read from.
 std::string SettingsFolder();
 
+// A terminal that obeys escape sequences.
 bool ErrorOutputIsTerminal();
 
 // Whether a process of this id runs, whoever it belongs to.

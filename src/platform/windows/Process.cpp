@@ -1,6 +1,7 @@
 #include "platform/Process.h"
 
 #include "platform/UserFolders.h"
+#include "platform/windows/ConsoleModes.h"
 #include "platform/windows/OwnedHandle.h"
 #include "platform/windows/UserIdentity.h"
 #include "platform/windows/WideText.h"
@@ -74,7 +75,9 @@ std::vector<std::string> ProgramArguments(int, char **)
     for (int i = 1; words && i < count; ++i)
         arguments.push_back(Narrow(words[i]));
     LocalFree(words);
-    SetConsoleOutputCP(CP_UTF8); // what the program says is in the same encoding
+    PrintUtf8(); // what the program says is in the same encoding
+    // A look at an empty drive fails; the system's box would wait for the user instead.
+    SetErrorMode(GetErrorMode() | SEM_FAILCRITICALERRORS);
     return arguments;
 }
 

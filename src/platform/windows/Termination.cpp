@@ -1,6 +1,6 @@
 #include "platform/Termination.h"
 
-#include "platform/windows/Win32.h"
+#include "platform/windows/ConsoleModes.h"
 
 #include <condition_variable>
 #include <deque>
@@ -84,6 +84,7 @@ int StatusOf(TerminationRequest request)
 
 void EndNow(int status)
 {
+    PutConsoleBack();
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(status));
     for (;;) // which doesn't return
         Sleep(INFINITE);

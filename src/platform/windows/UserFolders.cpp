@@ -1,6 +1,7 @@
 #include "platform/UserFolders.h"
 
 #include "platform/SystemError.h"
+#include "platform/windows/ConsoleModes.h"
 #include "platform/windows/OwnedHandle.h"
 #include "platform/windows/UserIdentity.h"
 #include "platform/windows/WideText.h"
@@ -44,12 +45,11 @@ bool CreatePrivateFolder(const std::string &path, std::string *error)
         return false;
     }
     fs::create_directories(fs::path(wide).parent_path(), ignored);
-    SECURITY_ATTRIBUTES attributes{sizeof(attributes), DescriptorForThisUser(), FALSE};
-    const bool created = CreateDirectoryW(wide.c_str(), &attributes);
-    const DWORD failure = created ? ERROR_SUCCESS : GetLastError();
-    LocalFree(attributes.lpSecurityDescriptor);
-    if (created)
+    ThisUserOnly security;
+    SECURITY_ATTRIBUTES *attributes = security.Attributes();
+    if (attributes && CreateDirectoryW(wide.c_str(), attributes))
         return true;
+    const DWORD failure = GetLastError();
     // In a folder that others may write to, another user could have been first.
     const bool exists = failure == ERROR_ALREADY_EXISTS && fs::is_directory(wide, ignored);
     if (exists && ThisUserOwns(wide))
@@ -101,8 +101,7 @@ std::string SettingsFolder()
 
 bool ErrorOutputIsTerminal()
 {
-    DWORD mode = 0;
-    return GetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), &mode);
+    return ObeysEscapes(GetStdHandle(STD_ERROR_HANDLE));
 }
 
 bool ProcessExists(uint32_t id)
