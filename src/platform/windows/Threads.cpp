@@ -22,14 +22,29 @@ namespace {
 struct ThreadStart {
     ThreadFunction function;
     void *argument;
+    HMODULE module;
 };
+
+// The library that holds this code, or the program. A thread keeps it: who unloads it meanwhile would take
+// the code away from under the thread, or wait for it inside the loader, which the thread's end needs.
+HMODULE KeepModule()
+{
+    HMODULE module = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<const wchar_t *>(&KeepModule),
+                       &module);
+    return module;
+}
 
 unsigned __stdcall ThreadEntry(void *argument)
 {
     const ThreadStart start = *static_cast<ThreadStart *>(argument);
     delete static_cast<ThreadStart *>(argument);
-    const QuietThread quiet;
-    start.function(start.argument);
+    {
+        const QuietThread quiet;
+        start.function(start.argument);
+    }
+    if (start.module)
+        FreeLibraryAndExitThread(start.module, 0);
     return 0;
 }
 
@@ -38,12 +53,15 @@ unsigned __stdcall ThreadEntry(void *argument)
 ThreadRecord *StartThread(ThreadFunction function, void *argument)
 {
     auto record = std::make_unique<ThreadRecord>();
-    auto start = std::make_unique<ThreadStart>(ThreadStart{function, argument});
+    auto start = std::make_unique<ThreadStart>(ThreadStart{function, argument, KeepModule()});
     unsigned id = 0;
     // Not CreateThread: the C library keeps things for each thread that only its own call takes down.
     const uintptr_t handle = _beginthreadex(nullptr, 0, ThreadEntry, start.get(), 0, &id);
-    if (handle == 0)
+    if (handle == 0) {
+        if (start->module)
+            FreeLibrary(start->module);
         return nullptr;
+    }
     [[maybe_unused]] ThreadStart *taken = start.release();
     record->handle.Reset(reinterpret_cast<HANDLE>(handle));
     record->id = id;
