@@ -5,6 +5,7 @@
 #include "platform/windows/HandleStream.h"
 #include "platform/windows/WideText.h"
 
+#include <algorithm>
 #include <mutex>
 #include <thread>
 
@@ -132,9 +133,17 @@ public:
 
     void Add(HANDLE handle)
     {
+        // Before Windows 8, a console's handle isn't the kernel's: the console hands it on by itself, and a
+        // list that names it is refused. So is one that names a handle twice.
+        const bool isConsoles = (reinterpret_cast<uintptr_t>(handle) & 3) == 3;
+        if (std::find(handles.begin(), handles.end(), handle) != handles.end())
+            return;
         SetHandleInformation(handle, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
-        handles.push_back(handle);
+        if (!isConsoles)
+            handles.push_back(handle);
     }
+    bool Empty() const { return handles.empty(); }
+    // Null, with a last error, when it can't be made.
     LPPROC_THREAD_ATTRIBUTE_LIST List()
     {
         SIZE_T size = 0;
@@ -233,7 +242,8 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(const ChildOptions &options, s
     start.StartupInfo.hStdInput = give(pipes.inputTheirs, STD_INPUT_HANDLE);
     start.StartupInfo.hStdOutput = give(pipes.outputTheirs, STD_OUTPUT_HANDLE);
     start.StartupInfo.hStdError = give(pipes.errorTheirs, STD_ERROR_HANDLE);
-    start.lpAttributeList = inherited.List();
+    if (!inherited.Empty() && !(start.lpAttributeList = inherited.List()))
+        return FailWith(error, GetLastError()); // without, it would inherit what isn't meant for it
 
     const bool ownGroup =
         options.interrupts != ChildOptions::Interrupts::Shared; // a group starts deaf to Ctrl-C
