@@ -114,10 +114,22 @@ bool Resolve(const std::string &host, uint16_t port, int flags, AddressList *lis
     return result == 0;
 }
 
+void KeepFromChildren(const OwnedSocket &socket)
+{
+    SetHandleInformation(reinterpret_cast<HANDLE>(socket.Get()), HANDLE_FLAG_INHERIT, 0);
+}
+
 OwnedSocket OpenSocket(const addrinfo &address)
 {
-    return OwnedSocket(WSASocketW(address.ai_family, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
-                                  WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT));
+    const auto open = [&address](DWORD flags) {
+        return OwnedSocket(WSASocketW(address.ai_family, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, flags));
+    };
+    OwnedSocket socket = open(WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+    if (socket || LastSocketError() != WSAEINVAL)
+        return socket;
+    OwnedSocket plain = open(WSA_FLAG_OVERLAPPED); // Windows 7 without its service pack
+    KeepFromChildren(plain);
+    return plain;
 }
 
 // Waiting by events makes a socket non-blocking; this undoes both.
@@ -166,6 +178,7 @@ public:
                 return nullptr;
             OwnedSocket peer(accept(socket.Get(), nullptr, nullptr));
             if (peer) {
+                KeepFromChildren(peer);
                 MakeBlocking(peer.Get());
                 return MakeSocketStream(std::move(peer));
             }
@@ -194,13 +207,15 @@ private:
     const OwnedHandle stop;
 };
 
-OwnedSocket BindAndListen(const addrinfo &address)
+OwnedSocket BindAndListen(const addrinfo &address, DWORD *failure)
 {
     OwnedSocket socket = OpenSocket(address);
     const BOOL on = TRUE;
     const DWORD off = 0;
-    if (!socket)
+    if (!socket) {
+        *failure = LastSocketError();
         return socket;
+    }
     // Not SO_REUSEADDR, which here lets another program take the port over.
     setsockopt(socket.Get(), SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char *>(&on),
                sizeof(on));
@@ -208,8 +223,10 @@ OwnedSocket BindAndListen(const addrinfo &address)
         setsockopt(socket.Get(), IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<const char *>(&off),
                    sizeof(off));
     if (bind(socket.Get(), address.ai_addr, static_cast<int>(address.ai_addrlen)) != 0 ||
-        listen(socket.Get(), SOMAXCONN) != 0)
+        listen(socket.Get(), SOMAXCONN) != 0) {
+        *failure = LastSocketError();
         return OwnedSocket();
+    }
     return socket;
 }
 
@@ -244,17 +261,18 @@ std::unique_ptr<StreamListener> ListenTcp(const std::string &address, uint16_t p
     AddressList list;
     if (!Resolve(address, port, AI_PASSIVE, &list, error))
         return nullptr;
+    DWORD failure = WSAEADDRNOTAVAIL;
     // On all addresses: an IPv6 socket serves both families, so it is tried first.
     for (const int family : {AF_INET6, AF_INET}) {
         for (const addrinfo *entry = list.first; entry; entry = entry->ai_next) {
             if (entry->ai_family != family)
                 continue;
-            OwnedSocket socket = BindAndListen(*entry);
+            OwnedSocket socket = BindAndListen(*entry, &failure);
             if (socket)
                 return std::make_unique<SocketListener>(std::move(socket));
         }
     }
-    return FailWith(error, LastSocketError());
+    return FailWith(error, failure);
 }
 
 } // namespace fodr::platform
