@@ -72,11 +72,14 @@ ptrdiff_t HandleStream::Read(std::span<std::byte> buffer, int timeoutMS)
     const Use use(*this);
     if (!use)
         return kEnd;
-    OVERLAPPED overlapped{};
-    overlapped.hEvent = readDone.Get();
     DWORD moved = 0;
-    const DWORD started = readEnd->StartRead(buffer, &overlapped);
-    const DWORD result = Await(*readEnd, &overlapped, started, timeoutMS, &moved);
+    DWORD result;
+    do {
+        OVERLAPPED overlapped{};
+        overlapped.hEvent = readDone.Get();
+        const DWORD started = readEnd->StartRead(buffer, &overlapped);
+        result = Await(*readEnd, &overlapped, started, timeoutMS, &moved);
+    } while (result == ERROR_SUCCESS && moved == 0 && !buffer.empty() && !readEnd->EndsWithNothing());
     switch (result) {
     case ERROR_SUCCESS:
         return static_cast<ptrdiff_t>(moved);

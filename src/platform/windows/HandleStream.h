@@ -22,6 +22,8 @@ public:
     // Tells the peer that nothing more comes. True when the end has to be closed for that.
     virtual bool EndSending() = 0;
     virtual bool PeerIsThisUser() const { return false; }
+    // Whether a read of nothing is the peer's end. At a pipe, somebody has written nothing.
+    virtual bool EndsWithNothing() const { return true; }
 };
 
 class HandleStream final : public ByteStream {

@@ -38,6 +38,7 @@ public:
     }
     void Cancel(OVERLAPPED *overlapped) override { CancelIoEx(pipe.Get(), overlapped); }
     bool EndSending() override { return true; }
+    bool EndsWithNothing() const override { return false; }
 
     bool PeerIsThisUser() const override
     {

@@ -1,5 +1,6 @@
 #include "platform/ByteStream.h"
 #include "platform/Process.h"
+#include "platform/windows/HandleStream.h"
 
 #include <gtest/gtest.h>
 #include <thread>
@@ -33,6 +34,22 @@ TEST(LocalSockets, APeerThatLeavesBeforeItIsTakenDoesntEndTheListening)
     EXPECT_TRUE(listener->Accept());
     listener->Shutdown();
     EXPECT_FALSE(listener->Accept());
+}
+
+TEST(Pipes, AnEmptyWriteIsNotTheirEnd)
+{
+    OwnedHandle ours, theirs;
+    ASSERT_TRUE(MakePipe(PipeUse::WeRead, true, &ours, &theirs));
+    HandleStream stream(MakePipeEnd(std::move(ours), false), nullptr);
+    std::byte buffer[10];
+    DWORD written = 0;
+    EXPECT_TRUE(WriteFile(theirs.Get(), "", 0, &written, nullptr));
+    EXPECT_EQ(stream.Read(buffer, 1), ByteStream::kTimedOut);
+    EXPECT_TRUE(WriteFile(theirs.Get(), "", 0, &written, nullptr));
+    EXPECT_TRUE(WriteFile(theirs.Get(), "word", 4, &written, nullptr));
+    EXPECT_EQ(stream.Read(buffer, ByteStream::kNoTimeout), 4);
+    theirs.Reset();
+    EXPECT_EQ(stream.Read(buffer, ByteStream::kNoTimeout), ByteStream::kEnd);
 }
 
 } // namespace
