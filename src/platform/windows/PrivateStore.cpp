@@ -42,6 +42,31 @@ LSTATUS MakeVolatileKey(const std::wstring &path, OwnedKey *key)
                            nullptr, key->Out(), nullptr);
 }
 
+// Without the keys below, which a settings reader has no use for.
+LSTATUS CopyValues(HKEY from, HKEY to)
+{
+    constexpr DWORD kLongestName = 16384; // with its end
+    DWORD longest = 0;
+    LSTATUS result = RegQueryInfoKeyW(from, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                      nullptr, &longest, nullptr, nullptr);
+    std::vector<BYTE> data(longest + 1);
+    std::wstring name(kLongestName, L'\0');
+    for (DWORD index = 0; result == ERROR_SUCCESS;) {
+        DWORD type = REG_NONE;
+        auto length = static_cast<DWORD>(name.size());
+        auto size = static_cast<DWORD>(data.size());
+        result = RegEnumValueW(from, index, name.data(), &length, nullptr, &type, data.data(), &size);
+        if (result == ERROR_MORE_DATA) { // it has grown meanwhile
+            data.resize(data.size() * 2);
+            result = ERROR_SUCCESS;
+        } else if (result == ERROR_SUCCESS) {
+            result = RegSetValueExW(to, name.c_str(), 0, type, data.data(), size);
+            ++index;
+        }
+    }
+    return result == ERROR_NO_MORE_ITEMS ? ERROR_SUCCESS : result;
+}
+
 // Stores of processes that are gone.
 void RemoveLeftOvers()
 {
@@ -105,7 +130,9 @@ private:
         if (result != ERROR_SUCCESS)
             return result;
         if (RegOpenKeyExW(user.root, user.path.c_str(), 0, KEY_READ, original.Out()) == ERROR_SUCCESS)
-            RegCopyTreeW(original.Get(), nullptr, copy.Get());
+            result = CopyValues(original.Get(), copy.Get());
+        if (result != ERROR_SUCCESS)
+            return result;
         // In the forms of RegistrySet, which knows how texts are kept.
         RegistryKeyObject object(copy.Release());
         for (const FixedValue &fixed : values) {

@@ -123,6 +123,7 @@ TEST_F(Registry, APrivateStoreIsTheUsersWithFixedValues)
     settings.SetText("logLevel", "DEBUG");
     settings.SetNumber("RedirectAll", 1);
     settings.SetList("SharedFolders", {"C:\\"});
+    EXPECT_EQ(Key(kPlugin + "\\below"s, true).error, kErrorSuccess); // no hindrance, and of no interest
     const std::vector<PrivateStore::FixedValue> fixed = {{"RedirectAll", kRegDword, "\0\0\0\0"s},
                                                          {"AllowedFolders", kRegMultiSz, "C:\\a\0\0"s},
                                                          {"SharedFolders", kRegNone, ""}};
