@@ -114,7 +114,7 @@ NTSTATUS NtQueryDirectoryFile(HANDLE file, HANDLE event, void *apcRoutine, void 
     };
     const NTSTATUS status = query(event);
     // Wine doesn't know the event here; a handle for synchronous I/O does without.
-    return status == STATUS_NOT_IMPLEMENTED && event ? query(nullptr) : status;
+    return status == STATUS_NOT_IMPLEMENTED && event && platform::IsWine() ? query(nullptr) : status;
 }
 
 NTSTATUS NtQueryInformationFile(HANDLE file, IO_STATUS_BLOCK *ioStatus, void *buffer, uint32_t length,
@@ -163,7 +163,7 @@ NTSTATUS NtLockFile(HANDLE file, HANDLE event, void *apcRoutine, void *apcContex
                             Native(length), key, failImmediately, exclusive);
     };
     const NTSTATUS status = lock(Native(ioStatus));
-    if (status != STATUS_NOT_IMPLEMENTED)
+    if (status != STATUS_NOT_IMPLEMENTED || !platform::IsWine())
         return status;
     return ioStatus->Status = lock(nullptr); // Wine knows no block here
 }
@@ -172,7 +172,7 @@ NTSTATUS NtUnlockFile(HANDLE file, IO_STATUS_BLOCK *ioStatus, LARGE_INTEGER *byt
                       LARGE_INTEGER *length, uint32_t key)
 {
     const NTSTATUS status = ::NtUnlockFile(file, Native(ioStatus), Native(byteOffset), Native(length), key);
-    if (status != STATUS_NOT_IMPLEMENTED)
+    if (status != STATUS_NOT_IMPLEMENTED || !platform::IsWine())
         return status;
     return ioStatus->Status = ::NtUnlockFile(file, nullptr, Native(byteOffset), Native(length), key);
 }

@@ -15,6 +15,7 @@ static_assert(kWaitForever == INFINITE && kMaximumWaitables == MAXIMUM_WAIT_OBJE
 
 // Every kind of message that can wake a thread but QS_ALLPOSTMESSAGE's repetition of them.
 constexpr DWORD kWakeMask = 7423;
+constexpr DWORD kNewerMessages = 0x1800; // touch and pointers, which Windows 7 doesn't know
 // One entry of the list is the message queue's.
 constexpr size_t kMaximumWithMessages = MAXIMUM_WAIT_OBJECTS - 1;
 
@@ -67,10 +68,14 @@ WaitResult WaitForWaitables(const Waitable *handles, size_t count, uint32_t time
         return {WaitStatus::Failed, 0};
     const auto size = static_cast<DWORD>(count);
     DWORD result;
-    if (options.messagesToo)
+    if (options.messagesToo) {
         result = MsgWaitForMultipleObjects(size, handles, options.waitAll, timeoutMS, kWakeMask);
-    else
+        if (result == WAIT_FAILED && GetLastError() == ERROR_INVALID_FLAGS)
+            result = MsgWaitForMultipleObjects(size, handles, options.waitAll, timeoutMS,
+                                               kWakeMask & ~kNewerMessages);
+    } else {
         result = WaitForMultipleObjectsEx(size, handles, options.waitAll, timeoutMS, options.alertable);
+    }
     if (options.messagesToo && result == WAIT_OBJECT_0 + size)
         return {WaitStatus::Message, size};
     if (result < WAIT_OBJECT_0 + size)

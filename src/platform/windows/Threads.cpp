@@ -96,8 +96,8 @@ uint32_t CurrentThreadId()
 void SetCurrentThreadName(const char *name)
 {
     using SetDescription = HRESULT(WINAPI *)(HANDLE, PCWSTR); // Windows 10 1607 and later
-    static const auto set = reinterpret_cast<SetDescription>(
-        reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "SetThreadDescription")));
+    static const auto set = reinterpret_cast<SetDescription>(reinterpret_cast<void *>(
+        GetProcAddress(GetModuleHandleW(L"KernelBase.dll"), "SetThreadDescription")));
     std::wstring wide;
     if (set && Widen(name, wide))
         set(GetCurrentThread(), wide.c_str());

@@ -102,8 +102,11 @@ bool FreeSpaceOfFolder(const std::string &folder, uint64_t &bytes)
 {
     std::wstring path;
     ULARGE_INTEGER available{};
-    if (!Widen(folder, path) ||
-        !GetDiskFreeSpaceExW(Whole(AsUtf16(path.c_str())).c_str(), &available, nullptr, nullptr))
+    if (!Widen(folder, path))
+        return false;
+    if (!path.ends_with(L'\\'))
+        path.push_back(L'\\'); // the root of a network share isn't known without
+    if (!GetDiskFreeSpaceExW(path.c_str(), &available, nullptr, nullptr))
         return false;
     bytes = available.QuadPart;
     return true;
