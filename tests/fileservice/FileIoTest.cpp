@@ -209,19 +209,6 @@ TEST(SetInformation, DeletesForADispositionWithoutBytes)
     }
 }
 
-TEST(DeviceControl, CarriesItsDataBehindAZeroLength)
-{
-    FODR_SKIP_ON_WINE("allocated ranges can't be asked for");
-    Share share;
-    File file = share.Made("a", std::string(5000, 'x'));
-    Completion ranges = file.Control(FSCTL_QUERY_ALLOCATED_RANGES, Little(0) + Little(5000), 64);
-    ASSERT_EQ(ranges.Status(), STATUS_SUCCESS);
-    EXPECT_EQ(ranges.Length(), 0u);
-    ASSERT_EQ(ranges.Size(), 20u + sizeof(FILE_ALLOCATED_RANGE_BUFFER));
-    EXPECT_EQ(ranges.At<uint64_t>(0), 0u);
-    EXPECT_GE(ranges.At<uint64_t>(8), 5000u);
-}
-
 TEST(DirectoryControl, GivesOneEntryInWireFormOrManyInNativeForm)
 {
     for (bool multiEntry : {false, true}) {

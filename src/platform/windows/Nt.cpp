@@ -181,6 +181,7 @@ NTSTATUS NtDeviceIoControlFile(HANDLE file, HANDLE event, void *apcRoutine, void
                                IO_STATUS_BLOCK *ioStatus, uint32_t ioControlCode, const void *input,
                                uint32_t inputLength, void *output, uint32_t outputLength)
 {
+    // A file system's own codes come here, too; that it wants them by NtFsControlFile is known and meant.
     return ::NtDeviceIoControlFile(file, event, Native(apcRoutine), apcContext, Native(ioStatus),
                                    ioControlCode, const_cast<void *>(input), inputLength, output,
                                    outputLength);
