@@ -25,6 +25,7 @@ LogWriter::LogWriter(int32_t writerType)
 {
     batchTimer.Elapsed(OVTimer::kRestartPaused);
     pollItem->SetTimeoutMS(kPollIntervalMs, false);
+    pollItem->Pause(); // until something is queued
     // Each reason not to poll counts once, see SetSwitch.
     if (!enabled)
         pollItem->Disable(false);
@@ -127,6 +128,8 @@ bool LogWriter::Enqueue(RCPtr<LogMessage> message)
         WriteInBatches();
     else if (!batchTimer.IsPaused() || queue.messages.size() >= queueLimit)
         EnableBatchMode();
+    else if (queue.messages.size() == 1)
+        pollItem->Resume();
     return true;
 }
 
@@ -165,6 +168,9 @@ void LogWriter::Drain()
         if (!enabled || !buffering || batchMode)
             return;
         SwapQueues();
+        // Until Enqueue has something again, be it during the writing below, there is nothing to wake up for.
+        if (queues[activeQueue].messages.empty())
+            pollItem->Pause();
     }
     Flush(drainQueue, kAll);
 }

@@ -30,8 +30,8 @@ enum LogWriterType : int32_t {
 };
 
 // A message is delivered in one of three ways: directly, by the thread that logs, while buffering is off;
-// queued, and written by the poll thread once a second, while it is on; and in batches by the threads that
-// log, once a queue overflowed, from then on for good.
+// queued, and written by the poll thread within a second, while it is on; and in batches by the threads that
+// log, once a queue overflowed, from then on for good. While nothing is queued the poll thread isn't woken.
 //
 // The operations of a sink (OpenSink to EndWrite) run on the poll thread without a lock while queued, else
 // under LoggerMutex; never two at once.

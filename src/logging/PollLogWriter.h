@@ -1,4 +1,4 @@
-// Drains the queue of a writer on the poll thread, once a second.
+// Drains the queue of a writer on the poll thread, once a second while there is something to drain.
 #pragma once
 
 #include "logging/LogWriter.h"

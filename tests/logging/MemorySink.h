@@ -71,6 +71,7 @@ public:
 
     using LogWriter::closeMessage;
     using LogWriter::initMessage;
+    using LogWriter::PollItem;
     bool opens = true;
     std::string dropText;
 
