@@ -20,7 +20,10 @@ constexpr int kDumpBytesPerLine = 20;
 size_t PrintText(char *buffer, size_t size, const char *format, va_list arguments) FODR_PRINTF(3, 0);
 size_t PrintText(char *buffer, size_t size, const char *format, va_list arguments)
 {
-    const int length = StringUtils::FormatBufferV(buffer, size, format, arguments);
+    va_list ours; // the text is printed again when there was no memory for it
+    va_copy(ours, arguments);
+    const int length = StringUtils::FormatBufferV(buffer, size, format, ours);
+    va_end(ours);
     return length > 0 ? static_cast<size_t>(length) : 0; // nothing of a text that can't be printed
 }
 
