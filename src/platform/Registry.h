@@ -38,7 +38,8 @@ inline constexpr uint32_t kRegNotifyChangeLastSet = 4;
 using RegistryKey = void *;
 
 // Opens `path` below a root. kErrorFileNotFound when there is no such key: a key is there when it, or one
-// below it, is in the store. The key is the caller's to close.
+// below it, is in the store. A store that can't be read counts as empty, but the error is kErrorInvalidData
+// then: the key may be meant to be there. The key is the caller's to close.
 uint32_t RegistryOpen(RegistryRoot root, const std::string &path, uint32_t access, RegistryKey *key);
 
 // Opens the key, making it and those above it first where they are missing.
@@ -46,6 +47,7 @@ uint32_t RegistryCreate(RegistryRoot root, const std::string &path, uint32_t acc
 
 // The type and the bytes of a value. `*size` is the room at `data` and becomes the size of the value; too
 // little room gives kErrorMoreData, a null `data` only asks and gives 0. `type` may be null.
+// kErrorInvalidData for a value that is there but isn't well-formed.
 //
 // Texts are UTF-8, with `wide` UTF-16LE, both with the terminator (two at the end of a list); numbers are
 // little-endian. Text with a terminator is read as it stands in the store: on Windows it may lack one.

@@ -42,13 +42,14 @@ bool IsAtOrBelow(std::string_view path, std::string_view root)
 
 LocalFolderLimit::LocalFolderLimit()
 {
+    using Result = RedirectionSettings::ListResult;
     RedirectionSettings settings;
-    if (!settings.IsOpen()) {
-        limited = !settings.IsMissing();
-        return;
-    }
     std::vector<std::string> folders;
-    limited = settings.ReadList("AllowedFolders", &folders) != RedirectionSettings::ListResult::Missing;
+    Result result = settings.IsMissing() ? Result::Missing : Result::SizeFailed;
+    if (settings.IsOpen())
+        result = settings.ReadList("AllowedFolders", &folders);
+    limited = result != Result::Missing;
+    isReadable = result != Result::SizeFailed && result != Result::DataFailed;
     for (const std::string &folder : folders)
         roots.push_back(Comparable(ToNtPath(folder)));
 }
@@ -57,8 +58,16 @@ bool LocalFolderLimit::Allows(const std::string &folder) const
 {
     if (!limited || Contains(ToNtPath(folder)))
         return true;
-    LOG_WARN("Folder %s is outside of the folders that this machine allows.\n", folder.c_str());
+    LogRefusal("Folder", folder);
     return false;
+}
+
+void LocalFolderLimit::LogRefusal(const char *what, const std::string &path) const
+{
+    if (isReadable)
+        LOG_WARN("%s %s is outside of the folders that this machine allows.\n", what, path.c_str());
+    else
+        LOG_WARN("%s %s is not shared, as the setting AllowedFolders can't be read.\n", what, path.c_str());
 }
 
 FolderOffer LocalFolderLimit::OfferOfFiles(const std::string &folder,
@@ -73,7 +82,7 @@ FolderOffer LocalFolderLimit::OfferOfFiles(const std::string &folder,
         if (Contains(file))
             offer.files.push_back(name);
         else
-            LOG_WARN("File %s is outside of the folders that this machine allows.\n", file.c_str());
+            LogRefusal("File", file);
     }
     if (names.empty())
         Allows(folder);

@@ -1,6 +1,6 @@
 // What this machine offers at most: the settings' "AllowedFolders". A folder outside of it counts as one that
 // isn't there, whoever asks for it. Without the value there is no limit; an empty value allows nothing, and
-// so does one that can't be read.
+// so does one that can't be read, be it that the whole store can't.
 #pragma once
 
 #include <string>
@@ -28,8 +28,10 @@ public:
 
 private:
     bool Contains(const std::string &ntPath) const;
+    void LogRefusal(const char *what, const std::string &path) const;
 
     bool limited;
+    bool isReadable; // else nothing is allowed
     // In NT form, which makes one of "D", "D:" and "D:\", and with one kind of separator.
     std::vector<std::string> roots;
 };

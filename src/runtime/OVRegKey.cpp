@@ -89,7 +89,9 @@ uint32_t OVRegKey::OpenKey()
         LOG_WARN("Missing key name \"%s\"", path.c_str());
         return platform::kErrorBadFormat;
     }
-    const uint32_t error = platform::RegistryOpen(found->root, keyName, AccessOf(view), &handle);
+    uint32_t error = platform::RegistryOpen(found->root, keyName, AccessOf(view), &handle);
+    if (error == platform::kErrorInvalidData)
+        error = platform::kErrorFileNotFound; // the store has said what is wrong with it
     if (error == platform::kErrorSuccess)
         isOpen = true;
     else if (error != platform::kErrorFileNotFound)

@@ -175,8 +175,9 @@ uint32_t RegistryOpen(RegistryRoot root, const std::string &path, uint32_t, Regi
     const uint32_t outcome = MakeKey(root, path, opened);
     if (outcome != kErrorSuccess)
         return outcome;
-    if (!opened->file->Read()->FindKey(opened->foldedPath))
-        return kErrorFileNotFound;
+    const std::shared_ptr<const SettingsModel> model = opened->file->Read();
+    if (!model->FindKey(opened->foldedPath))
+        return model->isReadable ? kErrorFileNotFound : kErrorInvalidData;
     *key = opened.release();
     return kErrorSuccess;
 }
@@ -214,8 +215,10 @@ uint32_t RegistryQuery(RegistryKey key, const std::string &name, bool wide, uint
         return kErrorKeyDeleted;
     const std::optional<std::u16string> folded = FoldSettingsName(name.empty() ? kUnnamedValue : name);
     const auto found = folded ? values->find(*folded) : values->end();
-    if (found == values->end() || !found->second)
+    if (found == values->end())
         return kErrorFileNotFound;
+    if (!found->second)
+        return kErrorInvalidData;
     std::string converted;
     if (wide && !found->second->WideBytes(converted))
         return kErrorInvalidData;

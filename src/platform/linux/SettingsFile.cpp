@@ -96,7 +96,9 @@ void SettingsFile::Refresh()
     const Glib::KeyFile empty;
     std::string found;
     const bool loaded = LoadKeyFile(path, file, found);
-    model = std::make_shared<SettingsModel>(SettingsModel::FromFile(loaded ? file : empty, found));
+    auto parsed = std::make_shared<SettingsModel>(SettingsModel::FromFile(loaded ? file : empty, found));
+    parsed->isReadable = loaded;
+    model = parsed;
     stamp = now;
     isComplaintPending = !found.empty() && (isComplaintPending || found != complaint);
     complaint = found;

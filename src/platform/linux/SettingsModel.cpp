@@ -80,7 +80,7 @@ SettingsModel SettingsModel::FromFile(const Glib::KeyFile &file, std::string &co
             const bool good = SettingsValue::Read(file, group, key, value);
             if (!good)
                 complaint =
-                    "\"" + key.raw() + "\" in [" + group.raw() + "] isn't well-formed and counts as missing";
+                    "\"" + key.raw() + "\" in [" + group.raw() + "] isn't well-formed and can't be used";
             values[*name] = good ? std::optional(value) : std::nullopt;
         }
     }
@@ -120,7 +120,8 @@ std::map<std::u16string, SettingsModel::Values> SettingsModel::Part(const Intere
 
 bool SettingsModel::Differ(const SettingsModel &before, const SettingsModel &after, const Interest &interest)
 {
-    return &before != &after && before.Part(interest) != after.Part(interest);
+    return &before != &after &&
+           (before.isReadable != after.isReadable || before.Part(interest) != after.Part(interest));
 }
 
 } // namespace fodr::platform

@@ -32,6 +32,9 @@ public:
     // values; the last one in the file holds. `complaint` gets a sentence for what isn't well-formed.
     static SettingsModel FromFile(const Glib::KeyFile &file, std::string &complaint);
 
+    // False when the file couldn't be read or parsed, so that nothing is known of what it says.
+    bool isReadable = true;
+
     // Null when there is no such key. Both names folded; the empty path is the root.
     const Values *FindKey(const std::u16string &path) const;
     bool HasKeysBelow(const std::u16string &path) const;
@@ -43,7 +46,7 @@ public:
         bool names; // keys below it that come or go, and itself
         bool values;
     };
-    // Whether the two differ in that.
+    // Whether the two differ in that, or in being readable at all.
     static bool Differ(const SettingsModel &before, const SettingsModel &after, const Interest &interest);
 
 private:

@@ -149,6 +149,8 @@ TEST_F(RegistryNotification, EveryWayToReplaceAFileCounts)
     expectTold("a change behind the link");
     WriteFile("[A]\nx=4\n[broken\n");
     expectTold("a malformed file");
+    WriteFile("");
+    expectTold("an empty one in its place");
     std::filesystem::remove_all(settings.Folder());
     std::filesystem::create_directories(settings.Folder());
     std::ofstream(FilePath()) << "[A]\nx=5\n";

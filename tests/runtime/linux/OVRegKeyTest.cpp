@@ -47,6 +47,21 @@ TEST_F(RegKey, OpensByTheRootsNamesAndEitherSeparator)
     }
 }
 
+// The store's own complaint is all that is said.
+TEST_F(RegKey, AStoreThatCantBeReadHasNoKeysAndAMalformedValueIsNone)
+{
+    settings.Store("[a]\nv=dword:1\nw=dword:x\n");
+    OVRegValue v("HKLM\\a", "v"), w("HKLM\\a", "w");
+    EXPECT_TRUE(v.Load(false, LOG_LEVEL_VERBOSE));
+    EXPECT_FALSE(w.Load(false, LOG_LEVEL_VERBOSE) || w.IsLoaded());
+    settings.Store("[a\nv=dword:1\n");
+    const CapturedLog log(LOG_LEVEL_INFO);
+    EXPECT_EQ(OVRegKey("HKLM\\a").OpenKey(), 2u);
+    EXPECT_FALSE(v.Load(false, LOG_LEVEL_VERBOSE) || v.IsLoaded());
+    ASSERT_EQ(CapturedLog::Lines().size(), 1u);
+    EXPECT_EQ(CapturedLog::Lines()[0].find("W OVRegKey::OpenKey(): Settings file "), 0u);
+}
+
 TEST_F(RegKey, TheDisplayPathShowsTheOtherView)
 {
     const std::tuple<const char *, RegView, const char *> rows[] = {
