@@ -1,6 +1,6 @@
 #include "logging/StdOutWriter.h"
 
-#include <cstdio>
+#include "platform/DebugOutput.h"
 
 namespace fodr {
 
@@ -11,8 +11,7 @@ bool StdOutWriter::OpenSink()
 
 bool StdOutWriter::WriteMessage(const LogMessage &message)
 {
-    fputs(message.TextToWrite(), stdout);
-    fflush(stdout); // whoever reads along sees the line now, also through a pipe
+    platform::WriteStandardOutput(message.TextToWrite()); // whoever reads along sees the line now
     return true;
 }
 

@@ -1,4 +1,5 @@
-// Texts for the developer that don't go through the log. Any thread; never fails towards the caller.
+// Texts for the developer that don't go through the log. Any thread; never fails towards the caller, also
+// when nobody reads the stream any more.
 #pragma once
 
 #include <cstddef>
@@ -10,5 +11,8 @@ void DebugOutput(const char *text);
 
 // To the standard error stream in a single write, so that lines of several threads don't mix.
 void WriteStandardError(const char *text, size_t length);
+
+// To the standard output stream, behind what the process has put there, and out of its buffer at once.
+void WriteStandardOutput(const char *text);
 
 } // namespace fodr::platform

@@ -4,10 +4,13 @@
 
 #include "platform/DebugOutput.h"
 
+#include "platform/linux/PipeSignal.h"
+
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 namespace fodr::platform {
 
@@ -19,9 +22,17 @@ void DebugOutput(const char *text)
 void WriteStandardError(const char *text, size_t length)
 {
     const int savedError = errno;
+    const PipeSignalBlock block;
     while (write(STDERR_FILENO, text, length) < 0 && errno == EINTR) {
     }
     errno = savedError;
+}
+
+void WriteStandardOutput(const char *text)
+{
+    const PipeSignalBlock block;
+    fputs(text, stdout);
+    fflush(stdout);
 }
 
 } // namespace fodr::platform

@@ -2,6 +2,8 @@
 
 #include "platform/windows/Win32.h"
 
+#include <cstdio>
+
 namespace fodr::platform {
 
 void DebugOutput(const char *text)
@@ -15,6 +17,12 @@ void WriteStandardError(const char *text, size_t length)
     DWORD written = 0;
     WriteFile(GetStdHandle(STD_ERROR_HANDLE), text, static_cast<DWORD>(length), &written, nullptr);
     SetLastError(savedError);
+}
+
+void WriteStandardOutput(const char *text)
+{
+    fputs(text, stdout);
+    fflush(stdout);
 }
 
 } // namespace fodr::platform
