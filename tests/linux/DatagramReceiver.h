@@ -13,8 +13,10 @@ namespace fodr::test {
 
 class DatagramReceiver {
 public:
-    DatagramReceiver()
+    // At any port that is free, or at this one.
+    explicit DatagramReceiver(uint16_t port = 0)
     {
+        address.sin_port = htons(port);
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t length = sizeof(address);

@@ -7,6 +7,7 @@
 #include <netdb.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -59,9 +60,16 @@ bool ConnectInetSocket(int32_t socketHandle, uint32_t address, uint16_t port)
     return connect(socketHandle, reinterpret_cast<const sockaddr *>(&peer), sizeof(peer)) == 0;
 }
 
+// What the last datagram met is told to the next one, which isn't sent for it.
 int32_t SendOnSocket(int32_t socketHandle, const void *data, int32_t length)
 {
-    return static_cast<int32_t>(send(socketHandle, data, static_cast<size_t>(length), MSG_NOSIGNAL));
+    ssize_t sent = send(socketHandle, data, static_cast<size_t>(length), MSG_NOSIGNAL);
+    int type = 0;
+    socklen_t size = sizeof(type);
+    if (sent < 0 && errno == ECONNREFUSED &&
+        getsockopt(socketHandle, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_DGRAM)
+        sent = send(socketHandle, data, static_cast<size_t>(length), MSG_NOSIGNAL);
+    return static_cast<int32_t>(sent);
 }
 
 } // namespace fodr::platform

@@ -41,6 +41,22 @@ TEST(Socket, SendsEachTextAsOneDatagram)
     EXPECT_TRUE(second->Connect("127.0.0.1", receiver.Port()));
 }
 
+TEST(Socket, ADatagramIsSentAlsoAfterOneThatWasRefused)
+{
+    CapturedLog log(LOG_LEVEL_DEBUG);
+    auto receiver = std::make_unique<test::DatagramReceiver>();
+    OVSocket udp;
+    ASSERT_TRUE(InitUdp(udp) && udp.Connect("127.0.0.1", receiver->Port()));
+    const uint16_t port = receiver->Port();
+    receiver.reset();
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(udp.SendAll("lost", 4), 4);
+    receiver = std::make_unique<test::DatagramReceiver>(port);
+    EXPECT_EQ(udp.SendAll("first", 5), 5);
+    EXPECT_EQ(receiver->Take(), "first");
+    EXPECT_THAT(CapturedLog::Lines(), IsEmpty());
+}
+
 TEST(Socket, SaysWhatFailed)
 {
     CapturedLog log(LOG_LEVEL_DEBUG);
