@@ -153,6 +153,44 @@ TEST_F(PollThread, WhoWaitsGivesTheLockAwayAndGetsItBack)
     }
 }
 
+// Of items that are ready at any time, while somebody waits for the end of one.
+TEST_F(PollThread, WhoIsWaitedForIsHeldBackWhateverElseIsEnabled)
+{
+    poll->SetLock(&shared);
+    for (const bool all : {false, true}) {
+        OVEvent ready(true, true), running(false, false);
+        std::atomic<int> runs{0};
+        RCPtr<Item> other;
+        RCPtr<Item> item = Add("item", &ready, -1, [&](bool) {
+            if (++runs > 1)
+                return false;
+            running.Set();
+            const auto waits =
+                Contains(testing::HasSubstr(all ? "Waiting for all items" : "Waiting for item"));
+            while (!testing::Value(CapturedLog::Lines(), waits))
+                std::this_thread::yield();
+            OVMutexLock held(shared); // which who waits has given away now
+            for (const auto &[one, heldBack] : {std::pair(item, true), {other, all}}) {
+                EXPECT_NE(one->Enable(), heldBack);
+                one->Disable(false);
+            }
+            return true;
+        });
+        other = Add("other", nullptr, -1, [](bool) { return true; });
+        const CapturedLog log(LOG_LEVEL_DEBUG);
+        poll->StartScheduler();
+        running.Wait();
+        {
+            OVMutexLock held(shared);
+            poll->WaitForItemToComplete(all ? nullptr : item);
+            EXPECT_EQ(runs, 1);
+            EXPECT_TRUE(item->Enable() && other->Enable()); // and not any longer
+            poll->StopScheduler();
+        }
+        poll->RemoveAllItems(true);
+    }
+}
+
 TEST_F(PollThread, AnEventMayGoWithItsItem)
 {
     poll->StartScheduler();

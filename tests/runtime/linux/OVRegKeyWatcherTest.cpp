@@ -13,7 +13,18 @@ namespace {
 
 class Watcher : public OVRegKeyWatcher {
 public:
-    explicit Watcher(const std::string &keyPath) : OVRegKeyWatcher(keyPath, Reg64Bit, false) {}
+    explicit Watcher(const std::string &keyPath, bool subtree = false)
+        : OVRegKeyWatcher(keyPath, Reg64Bit, subtree)
+    {}
+    bool Run(bool timedOut) override
+    {
+        const bool keep = OVRegKeyWatcher::Run(timedOut);
+        if (timedOut)
+            armed.Set();
+        else
+            ++notices;
+        return keep;
+    }
     bool OnKeyChanged() override
     {
         ++changes;
@@ -23,7 +34,20 @@ public:
 
     std::atomic<int> changes{0};
     OVEvent changed{false, false};
+    std::atomic<int> notices{0};
+    OVEvent armed{false, false};
     bool goOn = true;
+};
+
+class Last : public OVPollItem {
+public:
+    Last() : OVPollItem("last") {}
+    bool Run(bool) override
+    {
+        ran.Set();
+        return false;
+    }
+    OVEvent ran{true, false};
 };
 
 class KeyWatcher : public testing::Test {
@@ -109,6 +133,52 @@ TEST_F(KeyWatcher, ValuesThatAreFollowedAreReloaded)
     EXPECT_EQ(v->ToDword(0), 2u);
     EXPECT_EQ(w->changes, 0);
     EXPECT_EQ(watcher->GetValue("v", true)->ToDword(0), 2u);
+}
+
+// What the watcher asks to be told of. Somebody who is told of everything says when a notice would be there.
+TEST_F(KeyWatcher, OnlyWhatConcernsTheKeyWakesTheThread)
+{
+    const std::string before = "[a]\nv=1\n[a\\b]\nv=1\n";
+    const struct {
+        const char *watched;
+        bool subtree;
+        const char *after;
+        bool told;
+    } rows[] = {
+        {"HKLM\\a", false, "[a]\nv=2\n[a\\b]\nv=1\n", true},
+        {"HKLM\\a", false, "[a]\nv=1\n[a\\b]\nv=2\n", false},
+        {"HKLM\\a", true, "[a]\nv=1\n[a\\b]\nv=2\n", true},
+        {"HKLM\\a", false, "[a]\nv=1\n[a\\b]\nv=1\n[a\\c]\n", true},
+        {"HKLM\\a\\x", true, "[a]\nv=2\n[a\\b]\nv=1\n", false}, // not there yet
+        {"HKLM\\a\\x", true, "[a]\nv=1\n[a\\b]\nv=1\n[a\\b\\x]\n", false},
+        {"HKLM\\a\\x", true, "[a]\nv=1\n[a\\b]\nv=1\n[a\\x]\n", true},
+    };
+    for (const auto &row : rows) {
+        settings.Store(before);
+        RCPtr<OVPollThread> poll(new OVPollThread("watch"));
+        RCPtr<Watcher> watcher(new Watcher(row.watched, row.subtree));
+        OVEvent everything(false, false), ready(true, true);
+        platform::RegistryKey root = nullptr;
+        ASSERT_EQ(platform::RegistryOpen(platform::RegistryRoot::LocalMachine, "a", 0, &root), 0u);
+        constexpr uint32_t kAll = platform::kRegNotifyChangeName | platform::kRegNotifyChangeLastSet;
+        ASSERT_EQ(
+            platform::RegistryNotify(
+                root, true, kAll, [](void *event) { static_cast<OVEvent *>(event)->Set(); }, &everything),
+            0u);
+        ASSERT_TRUE(watcher->Start(poll));
+        poll->StartScheduler();
+        watcher->armed.Wait();
+        settings.Store(row.after);
+        everything.Wait();
+        platform::RegistryClose(root); // after which everybody has been told
+        poll->WaitForItemToComplete(nullptr);
+        const RCPtr<Last> last(new Last); // whoever was told is before it in the line
+        poll->AddItem(last, &ready, -1);
+        last->ran.Wait();
+        poll->StopScheduler();
+        EXPECT_EQ(watcher->notices, row.told ? 1 : 0) << row.watched << row.after;
+        watcher->Stop();
+    }
 }
 
 // The log is written between the look for the key and the asking to be told: what happens then is told, too.
