@@ -26,10 +26,7 @@ public:
     // A path below HKEY_LOCAL_MACHINE.
     explicit SettingsKey(const std::string &path, Access access = Access::Read)
     {
-        platform::SetRegistryComplaintHandler([](const char *text) {
-            Complain(text);
-            return true;
-        });
+        ComplainAboutStore();
         result = access == Access::Read ? platform::RegistryOpen(platform::RegistryRoot::LocalMachine, path,
                                                                  platform::kRegKeyRead, &key)
                                         : platform::RegistryCreate(platform::RegistryRoot::LocalMachine, path,
@@ -47,20 +44,24 @@ public:
     uint32_t Result() const { return result; }
     RegistryKey Get() const { return key; }
 
-    // None when it isn't set.
+    // kErrorFileNotFound when it isn't set.
+    uint32_t Query(const std::string &name, SettingValue *value) const
+    {
+        uint32_t outcome = result == platform::kErrorSuccess ? platform::kErrorMoreData : result;
+        while (outcome == platform::kErrorMoreData) { // it may grow between the two calls
+            uint32_t size = 0;
+            outcome = platform::RegistryQuery(key, name, false, &value->type, nullptr, &size);
+            value->bytes.assign(size, 0);
+            if (outcome == platform::kErrorSuccess)
+                outcome = platform::RegistryQuery(key, name, false, &value->type, value->bytes.data(), &size);
+        }
+        return outcome;
+    }
+    // None when it isn't set or can't be read.
     std::optional<SettingValue> Read(const std::string &name) const
     {
         SettingValue value;
-        uint32_t size = 0;
-        uint32_t outcome = platform::kErrorMoreData; // it may grow between the two calls
-        while (result == platform::kErrorSuccess && outcome == platform::kErrorMoreData) {
-            if (platform::RegistryQuery(key, name, false, &value.type, nullptr, &size) !=
-                platform::kErrorSuccess)
-                return std::nullopt;
-            value.bytes.assign(size, 0);
-            outcome = platform::RegistryQuery(key, name, false, &value.type, value.bytes.data(), &size);
-        }
-        return outcome == platform::kErrorSuccess ? std::optional(value) : std::nullopt;
+        return Query(name, &value) == platform::kErrorSuccess ? std::optional(value) : std::nullopt;
     }
 
     Values ReadAll() const
@@ -99,18 +100,41 @@ std::string Line(const std::string &name, const SettingValue &value)
     return line;
 }
 
-// The key, or as long as there is none the nearest one above it, so that its coming is noticed.
-std::unique_ptr<SettingsKey> OpenNearest(bool *found)
+// The key, or as long as there is none the nearest one above it, so that its coming is noticed. `*path`
+// becomes that of what is open.
+std::unique_ptr<SettingsKey> OpenNearest(std::string *path)
 {
-    std::string path = host::kPluginSettingsKey;
-    *found = true;
+    *path = host::kPluginSettingsKey;
     for (;;) {
-        auto key = std::make_unique<SettingsKey>(path);
-        if (key->Result() != platform::kErrorFileNotFound || path.empty())
+        auto key = std::make_unique<SettingsKey>(*path);
+        const bool isMissing =
+            key->Result() == platform::kErrorFileNotFound || key->Result() == platform::kErrorInvalidData;
+        if (!isMissing || path->empty())
             return key;
-        *found = false;
-        const size_t end = path.rfind('\\');
-        path = end == std::string::npos ? "" : path.substr(0, end);
+        const size_t end = path->rfind('\\');
+        *path = end == std::string::npos ? "" : path->substr(0, end);
+    }
+}
+
+// Sets the event at the next change of the key or, as long as there is none, when one comes. `*key` is what
+// is watched.
+uint32_t Watch(platform::Waitable changed, std::unique_ptr<SettingsKey> *key)
+{
+    for (;;) {
+        std::string path;
+        *key = OpenNearest(&path);
+        if ((*key)->Result() != platform::kErrorSuccess)
+            return (*key)->Result();
+        const bool isKey = path == host::kPluginSettingsKey;
+        const uint32_t filter =
+            platform::kRegNotifyChangeName | (isKey ? platform::kRegNotifyChangeLastSet : 0);
+        const uint32_t result = platform::RegistryNotify(
+            (*key)->Get(), false, filter, [](void *event) { platform::SetEventObject(event); }, changed);
+        std::string now;
+        OpenNearest(&now);
+        if (result != platform::kErrorSuccess || now == path)
+            return result;
+        // A nearer key came between the opening and the asking, and of that nobody tells.
     }
 }
 
@@ -185,14 +209,17 @@ int RunConfigUnset(const std::string &name)
 int RunConfigList(bool all)
 {
     const SettingsKey key(host::kPluginSettingsKey);
+    if (key.Result() == platform::kErrorInvalidData)
+        return EXIT_OTHER; // which has been said
     for (const auto &[name, value] : key.ReadAll())
         Say(Line(name, value));
     if (!all)
         return EXIT_DONE;
     for (const KnownSetting &setting : KnownSettings()) {
-        if (!key.Read(setting.name))
+        SettingValue ignored;
+        if (key.Query(setting.name, &ignored) == platform::kErrorFileNotFound)
             Say(std::string(setting.name) + " isn't set: " + setting.standard + " (" +
-                SettingTypeName(setting.type) + (setting.live ? ", live)" : ")"));
+                SettingTypeName(setting.type) + (*setting.live ? ", " : "") + setting.live + ")");
     }
     return EXIT_DONE;
 }
@@ -207,16 +234,8 @@ int RunConfigWatch(const std::string &name)
     });
     Values known = SettingsKey(host::kPluginSettingsKey).ReadAll();
     while (!ended) {
-        bool found = false;
-        const auto key = OpenNearest(&found);
-        const uint32_t filter =
-            platform::kRegNotifyChangeName | (found ? platform::kRegNotifyChangeLastSet : 0);
-        const uint32_t result = key->Result() != platform::kErrorSuccess
-                                    ? key->Result()
-                                    : platform::RegistryNotify(
-                                          key->Get(), false, filter,
-                                          [](void *event) { platform::SetEventObject(event); }, changed);
-        if (result != platform::kErrorSuccess) {
+        std::unique_ptr<SettingsKey> key;
+        if (const uint32_t result = Watch(changed, &key); result != platform::kErrorSuccess) {
             Complain("the settings can't be watched: " + Plain(platform::SystemErrorText(result)));
             return EXIT_OTHER;
         }

@@ -1,5 +1,6 @@
 #include "cli/PluginSettings.h"
 
+#include "cli/Console.h"
 #include "lib/unicode/AsciiCase.h"
 
 #include <algorithm>
@@ -93,28 +94,28 @@ bool ParseBytes(uint32_t type, const std::vector<std::string> &texts, std::strin
 const std::vector<KnownSetting> &KnownSettings()
 {
     static const std::vector<KnownSetting> settings = {
-        {"AllowedFolders", kRegMultiSz, "no limit", true},
-        {"RedirectAll", kRegDword, "0, but 1 without any settings", false},
-        {"SharedFolders", kRegMultiSz, "none", false},
-        {"dll", kRegSz, "set by fodr register", false},
-        {"enableBuffering", kRegSz, "true", true},
-        {"logDirectory", kRegSz, "chosen by the account", false},
-        {"logDiskThresholdHighMB", kRegDword, "500", true},
-        {"logDiskThresholdLowMB", kRegDword, "200", true},
-        {"logEnabled", kRegSz, "true", true},
-        {"logLevel", kRegSz, "INFO", true},
-        {"logMaxDaysKept", kRegDword, "7", true},
-        {"logMaxFileSizeMB", kRegDword, "by level: 15, 50, 75, 99", true},
-        {"logMaxRollingFiles", kRegDword, "4", true},
-        {"logRemoteAddress", kRegSz, "this machine", false},
-        {"logRemotePort", kRegDword, "514", false},
-        {"logToDebugView", kRegSz, "false", false},
-        {"logToStderr", kRegSz, "false", false},
-        {"logToStdout", kRegSz, "false", false},
-        {"logToSyslog", kRegSz, "false", false},
-        {"tcpEnabled", kRegSz, "false", false},
-        {"useLocalTime", kRegSz, "true", true},
-        {"vchanSideChannelEnabled", kRegSz, "false", false},
+        {"AllowedFolders", kRegMultiSz, "no limit", "live"},
+        {"RedirectAll", kRegDword, "0, but 1 without any settings", ""},
+        {"SharedFolders", kRegMultiSz, "none", ""},
+        {"dll", kRegSz, "set by fodr register", ""},
+        {"enableBuffering", kRegSz, "true", "live"},
+        {"logDirectory", kRegSz, "chosen by the account", ""},
+        {"logDiskThresholdHighMB", kRegDword, "500", "live"},
+        {"logDiskThresholdLowMB", kRegDword, "200", "live"},
+        {"logEnabled", kRegSz, "true", "live"},
+        {"logLevel", kRegSz, "INFO", "live"},
+        {"logMaxDaysKept", kRegDword, "7", "live from the next deletion on"},
+        {"logMaxFileSizeMB", kRegDword, "by level: 15, 50, 75, 99", "live"},
+        {"logMaxRollingFiles", kRegDword, "4", "live"},
+        {"logRemoteAddress", kRegSz, "this machine", ""},
+        {"logRemotePort", kRegDword, "514", ""},
+        {"logToDebugView", kRegSz, "false", ""},
+        {"logToStderr", kRegSz, "false", ""},
+        {"logToStdout", kRegSz, "false", ""},
+        {"logToSyslog", kRegSz, "false", ""},
+        {"tcpEnabled", kRegSz, "false", ""},
+        {"useLocalTime", kRegSz, "true", "live"},
+        {"vchanSideChannelEnabled", kRegSz, "false", ""},
     };
     return settings;
 }
@@ -126,6 +127,14 @@ const KnownSetting *FindKnownSetting(const std::string &name)
             return &setting;
     }
     return nullptr;
+}
+
+void ComplainAboutStore()
+{
+    SetRegistryComplaintHandler([](const char *text) {
+        Complain(text);
+        return true;
+    });
 }
 
 const char *SettingTypeName(uint32_t type)

@@ -15,7 +15,7 @@ struct KnownSetting {
     const char *name;
     uint32_t type;        // kReg...
     const char *standard; // what holds while it isn't set
-    bool live;            // a running plug-in follows it
+    const char *live;     // when a running plug-in follows a change; empty if it doesn't
 };
 const std::vector<KnownSetting> &KnownSettings();
 // Without regard to case; null for any other name.
@@ -25,6 +25,9 @@ struct SettingValue {
     uint32_t type = platform::kRegNone;
     std::string bytes; // texts as UTF-8 with terminators, numbers little-endian
 };
+
+// From now on what is wrong with the settings store itself is said as a complaint.
+void ComplainAboutStore();
 
 // "dword" and so on; empty, or none, for what has no name here.
 const char *SettingTypeName(uint32_t type);

@@ -3,6 +3,7 @@
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "cli/PluginPath.h"
+#include "cli/PluginSettings.h"
 #include "cli/ShareSession.h"
 #include "cli/Words.h"
 #include "host/RunningHosts.h"
@@ -219,6 +220,7 @@ int RunShare(const ShareWords &words)
     std::string problem;
     if (const int code = CheckOptions(words, &options))
         return code;
+    ComplainAboutStore();
     static SignalRelay relay; // its thread runs to the end of the process
     const std::string folder = host::MakeHostFolder(&problem);
     if (folder.empty())

@@ -28,7 +28,8 @@ public:
     PrivateStore &operator=(const PrivateStore &) = delete;
 
     // Takes over what the user's store says now, with these values fixed; readers see the old state or the
-    // new one, whole. A user's store that can't be read counts as empty. One thread at a time.
+    // new one, whole. A user's store that can't be read counts as empty, which
+    // the handler of platform/Registry.h is told. One thread at a time.
     virtual bool Update(const std::vector<FixedValue> &values, std::string *error) = 0;
 
     // From now on tells `handler` once, on a thread of the store's, that the user's store has changed since

@@ -51,6 +51,9 @@ class Command(SettingsCase):
         self.file.write_text("[[[ mine\n")
         code, _, lines = self.config("set", "logLevel", "INFO")
         self.assertEqual((code, lines), (1, 2))  # what is wrong with the file, and what that means
+        self.assertEqual(self.config("unset", "logLevel"), (1, "", 2))
+        for words in [("get", "logLevel"), ("list",), ("list", "--all")]:
+            self.assertEqual(self.config(*words), (1, "", 1), words)
         self.assertEqual(self.file.read_text(), "[[[ mine\n")
 
     def test_changes_are_watched_from_before_the_first_value(self):
@@ -68,7 +71,29 @@ class Command(SettingsCase):
         out.close()
 
 
+    def test_a_value_that_cannot_be_read_is_not_said_to_be_missing(self):
+        self.file.parent.mkdir()
+        self.file.write_text(f"{KEY}\nAllowedFolders=multi_sz:/a\\x;\nlogLevel=INFO\n")
+        code, out, lines = self.config("list", "--all")
+        self.assertEqual((code, lines), (0, 1))
+        self.assertNotIn("AllowedFolders", out)
+        self.assertIn("logLevel = INFO", out)
+
+
 class Live(SettingsCase):
+    def test_a_store_that_cannot_be_read_is_said_once(self):
+        self.file.parent.mkdir()
+        said = "HKEY_LOCAL_MACHINE.ini is malformed and counts as empty"
+        self.file.write_text("[[[\n")
+        with Share(self.scratch) as share:
+            self.assertEqual(share.log().count(said), 1)
+            self.file.write_text(f"{KEY}\nlogLevel=INFO\n")
+        self.file.unlink()
+        with Share(self.scratch) as share:
+            self.assertNotIn(said, share.log())
+            self.file.write_text("[[[\n")
+            wait_for(lambda: said in share.log(), "the complaint")
+
     def test_a_running_share_logs_as_the_user_says(self):
         logs = self.scratch.root / "logs"
         logs.mkdir()

@@ -25,8 +25,8 @@ constexpr size_t kFileCount = std::size(kFiles);
 void TakeOver(const std::string &userFile, Glib::KeyFile &copy)
 {
     Glib::KeyFile user;
-    std::string complaint; // the user's own programs say it
-    const std::string text = LoadKeyFile(userFile, user, complaint) ? user.to_data().raw() : "";
+    std::string ignored; // said already
+    const std::string text = LoadKeyFile(userFile, user, ignored) ? user.to_data().raw() : "";
     copy.load_from_data(text, Glib::KEY_FILE_KEEP_COMMENTS);
 }
 
@@ -66,6 +66,7 @@ public:
         Listen(); // before the reading
         uint32_t outcome = kErrorSuccess;
         for (size_t i = 0; i < kFileCount && outcome == kErrorSuccess; ++i) {
+            users[i]->Read(); // which says what is wrong with the file
             outcome = copies[i]->Edit([&](Glib::KeyFile &copy) -> uint32_t {
                 TakeOver(users[i]->Path(), copy);
                 return i == kMachine ? Fix(values, copy) : kErrorSuccess;
