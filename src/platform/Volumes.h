@@ -107,6 +107,10 @@ bool IdOfDeviceInstance(uint32_t instance, std::string &id);
 // What a path is, itself and not what it leads to.
 enum class LinkKind { SymbolicLink, Junction, Directory, File, Missing };
 
+// Whether both lead to one and the same folder, whatever they are called: through links, or because the file
+// system makes no difference. False when either leads to no folder.
+bool IsSameFolder(const std::u16string &a, const std::u16string &b);
+
 // kErrorFileNotFound, kErrorPathNotFound, kErrorBadNetPath and kErrorInvalidName come with Missing.
 uint32_t QueryLinkKind(const std::u16string &path, LinkKind &kind);
 // Where a symbolic link points, as it is written in it.

@@ -69,6 +69,13 @@ uint32_t Look(const std::u16string &path, std::string &local, struct stat &facts
     return lstat(local.c_str(), &facts) == 0 ? kErrorSuccess : LastSystemError();
 }
 
+bool FindFolder(const std::u16string &path, struct stat &facts)
+{
+    std::string local;
+    return ResolveLocalPath(path, &local) == kErrorSuccess && stat(local.c_str(), &facts) == 0 &&
+           S_ISDIR(facts.st_mode);
+}
+
 } // namespace
 
 DriveType DriveTypeOfLetter(char letter)
@@ -146,6 +153,14 @@ uint32_t VolumeNameOfMountPoint(const std::u16string &mountPoint, std::u16string
                              std::to_string(block ? block->sequence : 0) + '/';
     name.assign(text.begin(), text.end());
     return kErrorSuccess;
+}
+
+bool IsSameFolder(const std::u16string &a, const std::u16string &b)
+{
+    struct stat factsOfA {};
+    struct stat factsOfB {};
+    return FindFolder(a, factsOfA) && FindFolder(b, factsOfB) && factsOfA.st_dev == factsOfB.st_dev &&
+           factsOfA.st_ino == factsOfB.st_ino;
 }
 
 uint32_t QueryLinkKind(const std::u16string &path, LinkKind &kind)

@@ -66,6 +66,19 @@ struct ReparseHeader {
 constexpr size_t kSymlinkNames = 20; // behind the flags
 constexpr DWORD kReparseBuffer = 16386;
 
+OwnedHandle OpenFolder(const std::u16string &path)
+{
+    return OwnedHandle(CreateFileW(Whole(path).c_str(), FILE_READ_ATTRIBUTES,
+                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                   OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+}
+
+bool FactsOfFolder(HANDLE folder, BY_HANDLE_FILE_INFORMATION &facts)
+{
+    return GetFileInformationByHandle(folder, &facts) &&
+           (facts.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
 } // namespace
 
 DriveType DriveTypeOfLetter(char letter)
@@ -128,6 +141,20 @@ uint32_t VolumeNameOfMountPoint(const std::u16string &mountPoint, std::u16string
         return GetLastError();
     name = AsUtf16(found);
     return kErrorSuccess;
+}
+
+bool IsSameFolder(const std::u16string &a, const std::u16string &b)
+{
+    // Both are open while they are compared: a number may be used again once its folder is gone.
+    const OwnedHandle folderA = OpenFolder(a);
+    const OwnedHandle folderB = OpenFolder(b);
+    BY_HANDLE_FILE_INFORMATION factsOfA{};
+    BY_HANDLE_FILE_INFORMATION factsOfB{};
+    return folderA && folderB && FactsOfFolder(folderA.Get(), factsOfA) &&
+           FactsOfFolder(folderB.Get(), factsOfB) &&
+           factsOfA.dwVolumeSerialNumber == factsOfB.dwVolumeSerialNumber &&
+           factsOfA.nFileIndexHigh == factsOfB.nFileIndexHigh &&
+           factsOfA.nFileIndexLow == factsOfB.nFileIndexLow;
 }
 
 uint32_t QueryLinkKind(const std::u16string &path, LinkKind &kind)

@@ -277,6 +277,35 @@ TEST(Volumes, LinksAreToldFromWhatTheyLeadTo)
     EXPECT_EQ(kind, LinkKind::Directory);
 }
 
+TEST(Volumes, AFolderIsTheSameUnderAllOfItsNames)
+{
+    const ScratchFolder scratch;
+    // Two roots of one number, where mounting is allowed.
+    const TmpfsMount big(scratch.MakeFolder("Docs")), small(scratch.MakeFolder("docs"));
+    for (const char *name : {"Only", "Docs/x"})
+        scratch.MakeFolder(name);
+    std::ofstream(scratch / "file").put('x');
+    std::filesystem::create_symlink("Docs", scratch / "link");
+    const EnvironmentVariable variable("FODR_DRIVES", ("D=" + (scratch / "Docs")).c_str());
+    const struct {
+        std::u16string a, b;
+        bool same;
+    } rows[] = {
+        {Wide(scratch / "Docs"), Wide(scratch / "Docs/"), true},
+        {Wide(scratch / "Docs"), Wide(scratch / "docs"), false},
+        {Wide(scratch / "Docs/x"), Wide(scratch / "LINK/X"), true},
+        {Wide(scratch / "Only"), Wide(scratch / "ONLY"), true},
+        {Wide(scratch / "Docs"), u"d:", true},
+        {u"D:\\X", u"d:\\x", true},
+        {u"", u"/", true},
+        {Wide(scratch / "file"), Wide(scratch / "file"), false},
+        {Wide(scratch / "gone"), Wide(scratch / "gone"), false},
+        {u"E:", u"E:", false},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(IsSameFolder(row.a, row.b), row.same) << std::string(row.a.begin(), row.a.end());
+}
+
 TEST(Volumes, ADeviceThatIsNotThereDoesNotOpen)
 {
     StorageDevice device;
