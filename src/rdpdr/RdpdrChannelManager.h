@@ -25,6 +25,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -83,6 +84,7 @@ public:
 private:
     using Device = RCPtr<IRedirectedDevice>;
     struct ShareRequest;
+    struct FolderLook;
     struct ShareOutcome;
 
     // Dispatch.
@@ -113,18 +115,23 @@ private:
     // Adding.
     bool ShouldApplyCDRPolicy(SharedType type);
     bool IsAllowedByCDRPolicy(const std::string &path, uint32_t permission, SharedType type);
-    ShareOutcome InsertShare(const ShareRequest &request) EXCLUDES(deviceTableLock);
-    Device FindShare(const std::string &ntPath, SharedType type) REQUIRES(deviceTableLock);
+    FolderLook LookAtFolder(const ShareRequest &request) EXCLUDES(deviceTableLock);
+    // Nothing when the look is out of date: another share or a drive has come or gone since.
+    std::optional<ShareOutcome> InsertShare(const ShareRequest &request, const FolderLook &look)
+        EXCLUDES(deviceTableLock);
+    std::vector<Device> SharesOfPath(const std::string &ntPath, SharedType type) REQUIRES(deviceTableLock);
     std::string GenerateFriendlyName(const std::string &path, const std::string &shareName)
         REQUIRES(deviceTableLock);
     // Null when there is no memory. With a list the share shows only what is on it.
-    Device CreateDevice(const ShareRequest &request, const std::string &friendlyName,
+    Device CreateDevice(const ShareRequest &request, bool available, const std::string &friendlyName,
                         std::unique_ptr<IFileSystem> fileSystem, std::shared_ptr<AllowAccessList> allowList);
 
     // Removing, and the watcher.
     void StartDriveWatcher(bool firstShare) EXCLUDES(watcherLock, deviceTableLock);
     void StopDriveWatcherIfUnused() EXCLUDES(watcherLock, deviceTableLock);
     bool HasShares() EXCLUDES(deviceTableLock);
+    std::vector<Device> SharesToRemove(const std::string &ntPath, const std::string &shareName)
+        EXCLUDES(deviceTableLock);
     static bool MatchesRemoval(const IRedirectedDevice &device, const std::string &ntPath,
                                const std::string &shareName);
     std::vector<Device> DevicesOfDrive(char driveLetter) EXCLUDES(deviceTableLock);
@@ -148,8 +155,9 @@ private:
     std::atomic<bool> preReadEnabled{false};
     std::map<uint32_t, Device> devices GUARDED_BY(deviceTableLock);
     uint32_t nextDeviceId GUARDED_BY(deviceTableLock) = 0xFFFF;
-    OVMutex deviceTableLock; // not held across device work
-    OVMutex watcherLock;     // makes the watcher run just while there are shares
+    uint64_t driveEvents GUARDED_BY(deviceTableLock) = 0; // how many drives have come or gone
+    OVMutex deviceTableLock;                              // not held across device work
+    OVMutex watcherLock;                                  // makes the watcher run just while there are shares
     std::unique_ptr<IDriveWatcher> driveWatcher GUARDED_BY(watcherLock);
     std::unique_ptr<IThreadPoolDataHandler> dataHandler;
     std::atomic<ClientPolicy *> policy{nullptr};             // owned; made once, under stateLock

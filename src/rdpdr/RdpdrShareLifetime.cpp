@@ -3,6 +3,7 @@
 #include "lib/unicode/AsciiCase.h"
 #include "rdpdr/LocalFolderLimit.h"
 #include "rdpdr/RdpdrChannelManager.h"
+#include "rdpdr/ShareFolders.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 #include "runtime/LogCall.h"
 
@@ -145,13 +146,14 @@ bool RdpdrChannelManager::RemoveSharedFolder(const std::string &path, const std:
         return false;
     }
     std::string ntPath = ToNtPath(path);
+    const std::vector<Device> named = SharesToRemove(ntPath, shareName);
     std::map<uint32_t, Device> removed;
     {
         OVMutexLock held(deviceTableLock);
         for (auto entry = devices.begin(); entry != devices.end();) {
             const Device &device = entry->second;
             auto next = std::next(entry);
-            if (MatchesRemoval(*device, ntPath, shareName)) {
+            if (std::find(named.begin(), named.end(), device) != named.end()) {
                 LOG_INFO("folderPath=%s, shareName=%s will be removed.\n", path.c_str(), shareName.c_str());
                 removed.insert(devices.extract(entry));
             } else {
@@ -176,6 +178,27 @@ bool RdpdrChannelManager::RemoveSharedFolder(const std::string &path, const std:
     return !removed.empty();
 }
 
+std::vector<RdpdrChannelManager::Device> RdpdrChannelManager::SharesToRemove(const std::string &ntPath,
+                                                                             const std::string &shareName)
+{
+    std::vector<Device> found;
+    {
+        OVMutexLock held(deviceTableLock);
+        for (const auto &[id, device] : devices) {
+            if (MatchesRemoval(*device, ntPath, shareName))
+                found.push_back(device);
+        }
+    }
+    // Where names differ by case the share of the very path goes and the others stay. Without one, a share of
+    // another folder isn't meant.
+    const auto isExact = [&](const Device &device) { return NtPathsEqual(device->GetPath(), ntPath); };
+    const bool exact = std::any_of(found.begin(), found.end(), isExact);
+    std::erase_if(found, [&](const Device &device) {
+        return exact ? !isExact(device) : AreTwoFolders(device->GetPath(), ntPath);
+    });
+    return found;
+}
+
 bool RdpdrChannelManager::MatchesRemoval(const IRedirectedDevice &device, const std::string &ntPath,
                                          const std::string &shareName)
 {
@@ -197,6 +220,7 @@ std::vector<RdpdrChannelManager::Device> RdpdrChannelManager::DevicesOfDrive(cha
     std::vector<Device> found;
     std::wint_t letter = std::towupper(static_cast<unsigned char>(driveLetter));
     OVMutexLock held(deviceTableLock);
+    ++driveEvents; // what an add has seen of its folder holds no longer
     for (const auto &[id, device] : devices) {
         if (std::towupper(device->GetDeviceType()) == letter)
             found.push_back(device);

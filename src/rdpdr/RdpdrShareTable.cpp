@@ -9,10 +9,11 @@
 #include "rdpdr/LocalFolderLimit.h"
 #include "rdpdr/PreReadManager.h"
 #include "rdpdr/RdpdrChannelManager.h"
+#include "rdpdr/ShareFolders.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 #include "runtime/LogCall.h"
 
-#include <limits>
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -45,34 +46,6 @@ bool IsDriveRoot(const std::string &path)
            ((path[0] >= 'A' && path[0] <= 'Z') || (path[0] >= 'a' && path[0] <= 'z'));
 }
 
-// Asked of the very calls that would serve the share, with the name matched as they will. The separator makes
-// a whole name of a drive ("\??\C:\") and of the root of all ("\??\\").
-bool FolderExists(const std::string &ntPath, uint32_t nameMatching)
-{
-    // A path that isn't UTF-8 names nothing; an agent's policy may hold one and must not end the process by
-    // it.
-    std::u16string text;
-    if (!Utf8ToUtf16(ntPath + "\\", text))
-        return false;
-    size_t bytes = text.size() * sizeof(char16_t);
-    if (bytes > std::numeric_limits<uint16_t>::max())
-        return false;
-    nt::UNICODE_STRING name{static_cast<uint16_t>(bytes), static_cast<uint16_t>(bytes), text.data()};
-    nt::OBJECT_ATTRIBUTES attributes{
-        sizeof(nt::OBJECT_ATTRIBUTES), nullptr, &name, nameMatching, nullptr, nullptr};
-    nt::IO_STATUS_BLOCK ioStatus{};
-    nt::HANDLE handle = nullptr;
-    nt::NTSTATUS status = nt::NtCreateFile(
-        &handle, nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE, &attributes, &ioStatus, nullptr, 0,
-        nt::FILE_SHARE_READ | nt::FILE_SHARE_WRITE | nt::FILE_SHARE_DELETE, nt::FILE_OPEN,
-        nt::FILE_DIRECTORY_FILE | nt::FILE_SYNCHRONOUS_IO_NONALERT | nt::FILE_OPEN_FOR_BACKUP_INTENT, nullptr,
-        0);
-    if (nt::IsError(status))
-        return false;
-    nt::NtClose(handle);
-    return true;
-}
-
 } // namespace
 
 // One add, with what was found out about it before the table is locked.
@@ -86,13 +59,22 @@ struct RdpdrChannelManager::ShareRequest {
     bool policyApplies;
     std::string ntPath;
     FolderOffer offer;
-    bool exists;
+};
+
+// What a look at the folder has shown. It is taken without the table's lock, since a folder that hangs must
+// not keep the requests of other shares waiting.
+struct RdpdrChannelManager::FolderLook {
+    uint64_t driveEvents = 0;     // when it was taken
+    std::vector<Device> compared; // the shares of this path in any case, at that time
+    Device present;               // the one among them that is of this very folder
+    bool exists = false;          // looked for only where there is none
 };
 
 // What came of it under the lock.
 struct RdpdrChannelManager::ShareOutcome {
     Device added;         // null: no new share
     bool first = false;   // it made a table of one entry
+    bool exists = false;  // its folder does
     bool present = false; // the share is in the table, new or old
     std::vector<std::string> statuses;
 };
@@ -133,23 +115,21 @@ bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::st
                "FOLDER_REDIRECTION_CMD_STATUS,Redirecting " + path + " is not allowed from Agent");
         return false;
     }
-    std::string ntPath = ToNtPath(path);
-    // Asked before the table is locked: a share that hangs must not keep the requests of others waiting.
-    bool listed = NeedsAccessControl(shareName);
-    FolderOffer offer = listed ? LocalFolderLimit().OfferOfFiles(path, allowList)
-                               : FolderOffer{LocalFolderLimit().Allows(path), {}};
-    bool exists =
-        (offer.whole || !offer.files.empty()) && FolderExists(ntPath, listed ? 0 : nt::OBJ_CASE_INSENSITIVE);
-    ShareOutcome outcome = InsertShare({path, cookie, driveLetterShare, permission, shareName, type,
-                                        policyApplies, std::move(ntPath), std::move(offer), exists});
-    for (const std::string &status : outcome.statuses)
+    FolderOffer offer = NeedsAccessControl(shareName) ? LocalFolderLimit().OfferOfFiles(path, allowList)
+                                                      : FolderOffer{LocalFolderLimit().Allows(path), {}};
+    const ShareRequest request{path, cookie,        driveLetterShare, permission,      shareName,
+                               type, policyApplies, ToNtPath(path),   std::move(offer)};
+    std::optional<ShareOutcome> outcome;
+    while (!outcome)
+        outcome = InsertShare(request, LookAtFolder(request));
+    for (const std::string &status : outcome->statuses)
         Notify(cookie.c_str(), status);
-    if (outcome.added) {
+    if (outcome->added) {
         LOG_INFO("New folder shared: %s.\n", path.c_str());
-        StartDriveWatcher(outcome.first);
-        AnnounceShare(*outcome.added, exists, cookie);
+        StartDriveWatcher(outcome->first);
+        AnnounceShare(*outcome->added, outcome->exists, cookie);
     }
-    return outcome.present;
+    return outcome->present;
 }
 
 bool RdpdrChannelManager::ShouldApplyCDRPolicy(SharedType type)
@@ -187,13 +167,48 @@ bool RdpdrChannelManager::IsAllowedByCDRPolicy(const std::string &path, uint32_t
     return allowed;
 }
 
-RdpdrChannelManager::ShareOutcome RdpdrChannelManager::InsertShare(const ShareRequest &request)
+RdpdrChannelManager::FolderLook RdpdrChannelManager::LookAtFolder(const ShareRequest &request)
+{
+    FolderLook look;
+    {
+        OVMutexLock held(deviceTableLock);
+        look.driveEvents = driveEvents;
+        look.compared = SharesOfPath(request.ntPath, request.type);
+    }
+    auto sameText = [&](const Device &device) { return NtPathsEqual(request.ntPath, device->GetPath()); };
+    auto found = std::find_if(look.compared.begin(), look.compared.end(), sameText);
+    if (found != look.compared.end()) {
+        look.present = *found;
+        return look;
+    }
+    const uint32_t matching = NeedsAccessControl(request.shareName) ? 0 : nt::OBJ_CASE_INSENSITIVE;
+    look.exists =
+        (request.offer.whole || !request.offer.files.empty()) && FolderExists(request.ntPath, matching);
+    if (!look.exists)
+        return look;
+    // Paths that differ in case alone are one folder or two, as the disk has it: files that are named in one
+    // of two must not show the other's. A share that isn't announced stands in for none but itself.
+    for (const Device &device : look.compared) {
+        if (device->IsAvailable() && FolderExists(device->GetPath(), matching) &&
+            IsSameFolder(request.ntPath, device->GetPath())) {
+            look.present = device;
+            break;
+        }
+    }
+    return look;
+}
+
+std::optional<RdpdrChannelManager::ShareOutcome> RdpdrChannelManager::InsertShare(const ShareRequest &request,
+                                                                                  const FolderLook &look)
 {
     OVMutexLock held(deviceTableLock);
+    if (look.driveEvents != driveEvents || look.compared != SharesOfPath(request.ntPath, request.type))
+        return {};
     ShareOutcome outcome;
-    if (Device present = FindShare(request.ntPath, request.type)) {
+    outcome.exists = look.exists;
+    if (look.present) {
         LOG_INFO("%s|%s already added\n", request.path.c_str(), request.shareName.c_str());
-        present->UpdateAllowAccessFileList(request.offer.files);
+        look.present->UpdateAllowAccessFileList(request.offer.files);
         outcome.present = true;
         outcome.statuses.push_back(kStatusSucceeded);
         return outcome;
@@ -210,7 +225,7 @@ RdpdrChannelManager::ShareOutcome RdpdrChannelManager::InsertShare(const ShareRe
         return outcome;
     }
     ClientPolicy *agentPolicy = policy;
-    if (!request.exists && request.cookie.empty() && agentPolicy && !agentPolicy->IsSharedByAgent()) {
+    if (!look.exists && request.cookie.empty() && agentPolicy && !agentPolicy->IsSharedByAgent()) {
         outcome.statuses.push_back(kStatusNoFolder);
         return outcome;
     }
@@ -222,7 +237,8 @@ RdpdrChannelManager::ShareOutcome RdpdrChannelManager::InsertShare(const ShareRe
             outcome.statuses.push_back(kStatusNameChanged + friendlyName);
         }
     }
-    outcome.added = CreateDevice(request, friendlyName, std::move(fileSystem), std::move(allowList));
+    outcome.added =
+        CreateDevice(request, look.exists, friendlyName, std::move(fileSystem), std::move(allowList));
     if (!outcome.added) {
         outcome.statuses.push_back(kStatusInternalError);
         return outcome;
@@ -238,13 +254,15 @@ RdpdrChannelManager::ShareOutcome RdpdrChannelManager::InsertShare(const ShareRe
     return outcome;
 }
 
-RdpdrChannelManager::Device RdpdrChannelManager::FindShare(const std::string &ntPath, SharedType type)
+std::vector<RdpdrChannelManager::Device> RdpdrChannelManager::SharesOfPath(const std::string &ntPath,
+                                                                           SharedType type)
 {
+    std::vector<Device> found;
     for (const auto &[id, device] : devices) {
         if (EqualsNoCase(ntPath, device->GetPath()) && type == GetSharedType(device->GetFriendlyName()))
-            return device;
+            found.push_back(device);
     }
-    return {};
+    return found;
 }
 
 std::string RdpdrChannelManager::GenerateFriendlyName(const std::string &path, const std::string &shareName)
@@ -264,7 +282,7 @@ std::string RdpdrChannelManager::GenerateFriendlyName(const std::string &path, c
     return candidate;
 }
 
-RdpdrChannelManager::Device RdpdrChannelManager::CreateDevice(const ShareRequest &request,
+RdpdrChannelManager::Device RdpdrChannelManager::CreateDevice(const ShareRequest &request, bool available,
                                                               const std::string &friendlyName,
                                                               std::unique_ptr<IFileSystem> fileSystem,
                                                               std::shared_ptr<AllowAccessList> allowList)
@@ -277,7 +295,7 @@ RdpdrChannelManager::Device RdpdrChannelManager::CreateDevice(const ShareRequest
     settings.sharePath = request.path;
     settings.name = request.cookie;
     settings.friendlyName = friendlyName;
-    settings.available = request.exists;
+    settings.available = available;
     settings.driveLetterShare = request.driveLetterShare;
     settings.multiEntryDirectoryQuery = multiEntryDirectoryQuery;
     settings.readOnly = request.policyApplies && readOnly;

@@ -394,6 +394,27 @@ class Send(MountCase):
             self.assertIn(f"{self.other}/p.jpg at {self.mount}/other/p.jpg", listed)
             self.assertNotIn(f"{self.other} at", listed)
 
+    def test_folders_that_differ_in_case_alone_are_two(self):
+        for folder in ("Docs", "docs"):
+            for name in ("a", "b", folder):
+                (self.local / folder).mkdir(exist_ok=True)
+                (self.local / folder / name).write_text(folder + name)
+        with self.send("Docs/a", "docs/b"):
+            shown = {path.read_text() for path in self.mount.rglob("*") if path.is_file()}
+            self.assertEqual(shown, {"Docsa", "docsb"}, self.tree())
+            listed = run("list", env=self.scratch.environment).stdout
+            for line in listed.splitlines():
+                if " at " in line:
+                    here, there = line.split(" at ")[0].strip(), line.split(" at ")[1].split(",")[0].strip()
+                    self.assertEqual(pathlib.Path(here).read_text(), pathlib.Path(there).read_text(), listed)
+        with self.share(folders=[self.local / "Docs", self.local / "docs"]):
+            trees = [sorted(os.listdir(folder)) for folder in sorted(self.mount.iterdir())]
+            self.assertEqual(trees, [["Docs", "a", "b"], ["a", "b", "docs"]])
+            done = run("remove", self.local / "docs", env=self.scratch.environment)
+            self.assertEqual(done.returncode, 0, done.stderr)
+            wait_for(lambda: os.listdir(self.mount) == ["Docs"], "the end of one share")
+            self.assertEqual((self.mount / "Docs" / "b").read_text(), "Docsb")
+
     def test_a_command_runs_and_an_agent_that_asks_for_more_gets_nothing(self):
         done = run("send", "a.txt", "--mount", self.mount, "--agent-option=--force", f"--agent-option={self.local}",
                    "--", "bash", "-c", 'ls "$FODR_MOUNT"; exit 7', env=self.scratch.environment, cwd=self.local)

@@ -1,0 +1,122 @@
+// Shares of folders that differ in case alone, and of drives that come or go while they are added.
+#include "ntposix/DriveLetters.h"
+#include "rdpdr/ManagerFixture.h"
+
+#include <fstream>
+#include <functional>
+#include <utility>
+
+namespace fodr::test {
+namespace {
+
+class LocalFolders : public ManagerTest {
+protected:
+    std::string Files(const std::string &name, const Strings &files)
+    {
+        const std::string folder = Folder(name);
+        for (const std::string &file : files)
+            std::ofstream(folder + "/" + file) << name << file;
+        return folder;
+    }
+    Strings AddFiles(const std::string &path, const Strings &files)
+    {
+        channel.TakeNotices();
+        manager.AddSharedFolder(path, "c", false, 0, "(OVFCP)s", files);
+        return channel.TakeNotices();
+    }
+    const Strings already{"c|FOLDER_REDIRECTION_CMD_STATUS,SUCCEEDED"};
+};
+
+TEST_F(LocalFolders, FilesOfTwoFoldersThatDifferInCaseStayApart)
+{
+    LogOn(6);
+    const std::string big = Files("Docs", {"a", "b"}), small = Files("docs", {"a", "b"});
+    EXPECT_EQ(AddFiles(big, {"a"}), Strings{});
+    EXPECT_EQ(AddFiles(small, {"b"}), Strings{});
+    EXPECT_EQ(TakeShares(), (Strings{"65535 (OVFCP)s (5)", "65536 (OVFCP)s (5)"}));
+    const Strings both{"a", "b"};
+    EXPECT_EQ(OpenedOf(manager, both, 65535), Strings{"a"});
+    EXPECT_EQ(OpenedOf(manager, both, 65536), Strings{"b"});
+    // Not on disk in this case: a share of its own, that shows nothing.
+    EXPECT_EQ(AddFiles(root + "/DOCS", {"b"}), Strings{});
+    EXPECT_EQ(TakeShares(), Strings{});
+    EXPECT_EQ(OpenedOf(manager, both, 65535), Strings{"a"});
+    // And a folder of two names is one share.
+    std::filesystem::remove_all(small);
+    std::filesystem::create_directory_symlink("Docs", root + "/dOCS");
+    EXPECT_EQ(AddFiles(root + "/dOCS", {"b"}), already);
+    EXPECT_EQ(OpenedOf(manager, both, 65535), both);
+    // What was named in the folder that is gone isn't taken for the other's.
+    EXPECT_EQ(OpenedOf(manager, both, 65536), Strings{});
+    EXPECT_EQ(AddFiles(small, {"a"}), already);
+    EXPECT_EQ(OpenedOf(manager, both, 65536), Strings{});
+}
+
+TEST_F(LocalFolders, FoldersThatDifferInCaseAreSharedAndRemovedEachForItself)
+{
+    LogOn(6);
+    UseDrives("D=" + root + "/Docs");
+    const std::string big = Folder("Docs"), small = Folder("docs"), only = Folder("Only");
+    const struct {
+        std::string path;
+        bool add;
+        Strings statuses, shares;
+    } steps[] = {
+        {big, true, {}, {"65535 Docs (5)"}},
+        {small, true, {}, {"65536 docs(1) (5)"}},
+        {small, true, {"SUCCEEDED"}, {}},
+        {only, true, {}, {"65537 Only (5)"}},
+        {root + "/ONLY", true, {"SUCCEEDED"}, {}}, // served from the one there is
+        {small, false, {}, {"-65536"}},
+        {small, false, {}, {}},                  // is there and isn't shared
+        {root + "/DOCS", false, {}, {"-65535"}}, // the one that can be meant
+        {root + "/only", false, {}, {"-65537"}},
+        {"D:\\", true, {}, {"65538 D (5)"}},
+        {"d", true, {"SUCCEEDED"}, {}},
+        {"d:", false, {}, {"-65538"}},
+    };
+    for (const auto &step : steps) {
+        SCOPED_TRACE(step.path);
+        if (step.add)
+            EXPECT_EQ(Add(step.path), step.statuses);
+        else
+            EXPECT_EQ(manager.RemoveSharedFolder(step.path, "", "c"), !step.shares.empty());
+        EXPECT_EQ(TakeShares(), step.shares);
+    }
+}
+
+// Stands for D, and lets things happen once while an add looks at the drive.
+std::string folderOfD;
+std::function<void()> meanwhile;
+std::string FolderOfDrive(char)
+{
+    std::string seen = folderOfD;
+    if (meanwhile)
+        std::exchange(meanwhile, {})();
+    return seen;
+}
+
+TEST_F(LocalFolders, ADriveThatComesOrGoesDuringAnAddIsSeen)
+{
+    const std::string drive = Folder("drive");
+    for (const bool arrives : {true, false}) {
+        auto fresh = Fresh({VersionExchange(1)});
+        folderOfD = arrives ? "" : drive;
+        meanwhile = [&] {
+            folderOfD = arrives ? drive : "";
+            EXPECT_TRUE(arrives ? fresh->OnDeviceAvailable('D') : fresh->OnDeviceUnavailable('D'));
+        };
+        ntposix::SetDriveLetterResolver(FolderOfDrive);
+        EXPECT_TRUE(fresh->AddSharedFolder("D:\\", "c", false, 0, ""));
+        EXPECT_FALSE(meanwhile);
+        EXPECT_EQ(TakeShares(), arrives ? Strings{"65535 D (0)"} : Strings{});
+        EXPECT_EQ(OpenedOf(*fresh, {""}), arrives ? Strings{""} : Strings{});
+        // Such events are no news any more.
+        EXPECT_TRUE(arrives ? fresh->OnDeviceAvailable('D') : fresh->OnDeviceUnavailable('D'));
+        EXPECT_EQ(TakeShares(), Strings{});
+        ntposix::SetDriveLetterResolver(platform::LocalPathOfDriveLetter);
+    }
+}
+
+} // namespace
+} // namespace fodr::test
