@@ -120,6 +120,9 @@ private:
     std::optional<ShareOutcome> InsertShare(const ShareRequest &request, const FolderLook &look)
         EXCLUDES(deviceTableLock);
     std::vector<Device> SharesOfPath(const std::string &ntPath, SharedType type) REQUIRES(deviceTableLock);
+    // The name as the agent gets it, and a status when it isn't the wanted one.
+    std::string NameShare(const ShareRequest &request, std::vector<std::string> *statuses)
+        REQUIRES(deviceTableLock);
     std::string GenerateFriendlyName(const std::string &path, const std::string &shareName)
         REQUIRES(deviceTableLock);
     // Null when there is no memory. With a list the share shows only what is on it.

@@ -229,14 +229,7 @@ std::optional<RdpdrChannelManager::ShareOutcome> RdpdrChannelManager::InsertShar
         outcome.statuses.push_back(kStatusNoFolder);
         return outcome;
     }
-    std::string friendlyName = request.shareName;
-    if (request.type == SharedType::None) {
-        friendlyName = GenerateFriendlyName(request.path, request.shareName);
-        if (!request.shareName.empty() && friendlyName != request.shareName) {
-            LOG_INFO("Name Conflict: %s ==> %s.\n", request.shareName.c_str(), friendlyName.c_str());
-            outcome.statuses.push_back(kStatusNameChanged + friendlyName);
-        }
-    }
+    const std::string friendlyName = NameShare(request, &outcome.statuses);
     outcome.added =
         CreateDevice(request, look.exists, friendlyName, std::move(fileSystem), std::move(allowList));
     if (!outcome.added) {
@@ -263,6 +256,18 @@ std::vector<RdpdrChannelManager::Device> RdpdrChannelManager::SharesOfPath(const
             found.push_back(device);
     }
     return found;
+}
+
+std::string RdpdrChannelManager::NameShare(const ShareRequest &request, std::vector<std::string> *statuses)
+{
+    if (request.type != SharedType::None)
+        return request.shareName;
+    std::string friendlyName = GenerateFriendlyName(request.path, request.shareName);
+    if (!request.shareName.empty() && friendlyName != request.shareName) {
+        LOG_INFO("Name Conflict: %s ==> %s.\n", request.shareName.c_str(), friendlyName.c_str());
+        statuses->push_back(kStatusNameChanged + friendlyName);
+    }
+    return friendlyName;
 }
 
 std::string RdpdrChannelManager::GenerateFriendlyName(const std::string &path, const std::string &shareName)
