@@ -7,6 +7,7 @@
 #include "ntposix/FileObjectTable.h"
 #include "ntposix/FileSize.h"
 #include "ntposix/Lookup.h"
+#include "ntposix/NamedStream.h"
 
 #include <fcntl.h>
 
@@ -33,9 +34,6 @@ constexpr uint32_t kDirectoryOptions = FILE_DIRECTORY_FILE | kSynchronous | FILE
                                        kCompleteIfOplocked | FILE_OPEN_FOR_BACKUP_INTENT |
                                        FILE_DELETE_ON_CLOSE | kOpenForFreeSpaceQuery | FILE_OPEN_BY_FILE_ID |
                                        kNoCompression | FILE_OPEN_REPARSE_POINT;
-// The options that FileModeInformation tells.
-constexpr uint32_t kModeOptions = FILE_WRITE_THROUGH | FILE_SEQUENTIAL_ONLY | FILE_NO_INTERMEDIATE_BUFFERING |
-                                  kSynchronous | FILE_DELETE_ON_CLOSE;
 
 } // namespace
 
@@ -214,6 +212,8 @@ int FileCreator::TryOpen(int flags)
 NTSTATUS FileCreator::Overwrite()
 {
     int error = SetEndOfFile(opened->fd.Get(), 0);
+    if (error == 0)
+        error = RemoveStreams(opened->fd.Get());
     if (error == 0 && request.allocation > 0)
         error = AllocateSpace(opened->fd.Get(), request.allocation);
     if (error == 0 && request.attributes & FILE_ATTRIBUTE_READONLY)

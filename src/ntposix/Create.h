@@ -9,6 +9,11 @@
 
 namespace fodr::ntposix {
 
+// The options that FileModeInformation tells.
+inline constexpr uint32_t kModeOptions = nt::FILE_WRITE_THROUGH | nt::FILE_SEQUENTIAL_ONLY |
+                                         nt::FILE_NO_INTERMEDIATE_BUFFERING | nt::FILE_SYNCHRONOUS_IO_ALERT |
+                                         nt::FILE_SYNCHRONOUS_IO_NONALERT | nt::FILE_DELETE_ON_CLOSE;
+
 struct CreateRequest {
     uint32_t access = 0; // generic rights resolved, MAXIMUM_ALLOWED perhaps among them
     uint32_t share = 0;

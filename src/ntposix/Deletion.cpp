@@ -2,6 +2,7 @@
 
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/Link.h"
+#include "ntposix/NamedStream.h"
 #include "ntposix/Notify.h"
 
 #include <dirent.h>
@@ -48,8 +49,12 @@ NTSTATUS CheckDirectoryWritable(int directory, int file)
 }
 
 // Nobody is told of a failure: the handle is closed, as under NT.
-void DeleteLink(const OpenFile &open)
+void Delete(const OpenFile &open)
 {
+    if (open.stream) {
+        [[maybe_unused]] const int error = open.stream->Remove(open.File().fd.Get());
+        return;
+    }
     Link link;
     if (FindLink(open, &link) == STATUS_SUCCESS)
         unlinkat(link.directory.Get(), link.leaf.c_str(), open.IsDirectory() ? AT_REMOVEDIR : 0);
@@ -60,10 +65,12 @@ void DeleteLink(const OpenFile &open)
 NTSTATUS CheckDeletable(const OpenFile &open)
 {
     FileFacts facts;
-    if (const int error = StatDescriptor(open.fd.Get(), &facts); error != 0)
+    if (const int error = open.Stat(&facts); error != 0)
         return StatusOfErrno(error);
     if (facts.attributes & FILE_ATTRIBUTE_READONLY)
         return STATUS_CANNOT_DELETE;
+    if (open.stream) // goes with its file's permission to be written to
+        return MayWrite(open.File().fd.Get()) ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
     Link link;
     const NTSTATUS status = FindLink(open, &link);
     if (status != STATUS_SUCCESS)
@@ -95,10 +102,12 @@ void Cleanup(OpenFile &open)
 {
     open.services.Close();
     open.object->locks.ReleaseAll(&open);
-    if (!open.object->Close(open))
-        return;
-    DeleteLink(open);
-    open.object->Leave(open);
+    if (open.object->Close(open)) {
+        Delete(open);
+        open.object->Leave(open);
+    }
+    if (open.base)
+        Cleanup(*open.base);
 }
 
 } // namespace fodr::ntposix

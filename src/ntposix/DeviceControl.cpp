@@ -179,7 +179,7 @@ constexpr ControlRow kControls[] = {
 NTSTATUS Serve(uint32_t code, Control &control)
 {
     const auto *row = std::ranges::find(kControls, code, &ControlRow::code);
-    if (row == std::end(kControls))
+    if (row == std::end(kControls) || control.file.stream) // controls are for files
         return STATUS_INVALID_DEVICE_REQUEST;
     // Bits 14 and 15 of a code are the data rights that the handle must have.
     const uint32_t rights = (code >> 14) & (FILE_READ_DATA | FILE_WRITE_DATA);

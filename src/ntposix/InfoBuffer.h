@@ -35,6 +35,24 @@ public:
         return put == wanted ? nt::STATUS_SUCCESS : nt::STATUS_BUFFER_OVERFLOW;
     }
 
+    // Further records, each at a multiple of eight: false, with nothing written, for one that doesn't fit.
+    template <typename Record>
+    bool AppendWithText(const Record &record, size_t textOffset, std::u16string_view text)
+    {
+        const uint64_t start = (written + 7) / 8 * 8;
+        const size_t bytes = textOffset + text.size() * sizeof(char16_t);
+        if (start > size || bytes > size - start)
+            return false;
+        const auto step = static_cast<uint32_t>(start - lastRecord);
+        memcpy(data + lastRecord, &step, sizeof(step)); // NextEntryOffset
+        memset(data + written, 0, start - written);
+        memcpy(data + start, &record, textOffset);
+        memcpy(data + start + textOffset, text.data(), bytes - textOffset);
+        lastRecord = start;
+        written = start + bytes;
+        return true;
+    }
+
     uint32_t Size() const { return size; }
     uint64_t Written() const { return written; }
 
@@ -42,6 +60,7 @@ private:
     uint8_t *data;
     uint32_t size;
     uint64_t written = 0;
+    uint64_t lastRecord = 0; // where it begins
 };
 
 } // namespace fodr::ntposix

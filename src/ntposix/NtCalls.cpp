@@ -4,7 +4,11 @@
 #include "ntposix/Deletion.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/Lookup.h"
+#include "ntposix/NamedStream.h"
 #include "ntposix/NtCall.h"
+#include "ntposix/StreamCreate.h"
+
+#include <fcntl.h>
 
 #include <algorithm>
 #include <string_view>
@@ -20,16 +24,32 @@ std::u16string_view TextOf(const UNICODE_STRING &text)
     return {text.Buffer, text.Length / sizeof(char16_t)};
 }
 
+bool HasStreamOf(const NtName &name, const Place &place)
+{
+    std::string attribute;
+    const Fd file(name.Stream().empty() ? -1 : open(place.path.c_str(), O_PATH | O_CLOEXEC));
+    return name.Stream().empty() || (file && FindStream(file.Get(), name.Stream(), false, &attribute) == 0);
+}
+
+template <typename Creator>
+NTSTATUS Create(const NtName &name, const CreateRequest &request, std::unique_ptr<OpenFile> *file,
+                uint32_t *information)
+{
+    Creator creator(name, request);
+    const NTSTATUS status = creator.Run(file);
+    *information = creator.Information();
+    return status;
+}
+
 NTSTATUS OpenHandle(const OBJECT_ATTRIBUTES &object, const CreateRequest &request, HANDLE *handle,
                     uint32_t *information)
 {
     NtName name;
     if (const NTSTATUS status = NtName::Parse(TextOf(*object.ObjectName), &name); status != STATUS_SUCCESS)
         return status;
-    FileCreator creator(name, request);
     std::unique_ptr<OpenFile> file;
-    const NTSTATUS status = creator.Run(&file);
-    *information = creator.Information();
+    const NTSTATUS status = name.Stream().empty() ? Create<FileCreator>(name, request, &file, information)
+                                                  : Create<StreamCreator>(name, request, &file, information);
     if (status != STATUS_SUCCESS)
         return status;
     *handle = HandleTable::Instance().Add(file);
@@ -112,7 +132,7 @@ bool GetFileAttributes(const char16_t *ntPath, uint32_t *attributes)
                NTSTATUS status = NtName::Parse(ntPath, &name);
                if (status == STATUS_SUCCESS)
                    status = Locate(name.Path(), {.links = Links::kDontFollow}, &place);
-               if (status != STATUS_SUCCESS || !place.exists)
+               if (status != STATUS_SUCCESS || !place.exists || !HasStreamOf(name, place))
                    return STATUS_OBJECT_NAME_NOT_FOUND;
                FileFacts target;
                uint32_t found = place.facts.attributes | HiddenByName(LeafOf(place.path));

@@ -131,6 +131,13 @@ NTSTATUS NtName::SplitStream(std::u16string_view *text, std::u16string *streamNa
     return STATUS_SUCCESS;
 }
 
+NtName NtName::OfFile() const
+{
+    NtName file = *this;
+    file.stream.clear();
+    return file;
+}
+
 PathParts SplitPath(std::string_view path)
 {
     const std::string_view leaf = LeafOf(path);

@@ -25,6 +25,8 @@ public:
     bool HasTrailingSeparator() const { return trailingSeparator; }
     // Of a stream suffix other than "::$DATA"; empty for the file itself.
     const std::u16string &Stream() const { return stream; }
+    // The same without the stream.
+    NtName OfFile() const;
 
     // Cuts the stream suffix, "name[:stream[:type]]", from the last component of a text without a separator
     // at its end. STATUS_OBJECT_NAME_INVALID, and nothing is cut, for a suffix of another form.

@@ -11,4 +11,17 @@ OpenFile::~OpenFile()
         FileObjectTable::Instance().Release(object);
 }
 
+int OpenFile::Stat(FileFacts *facts) const
+{
+    int error = StatDescriptor(File().fd.Get(), facts);
+    if (error == 0 && stream) {
+        FileFacts bytes;
+        error = StatDescriptor(fd.Get(), &bytes);
+        facts->endOfFile = bytes.endOfFile;
+        facts->allocation = bytes.allocation;
+        facts->attributes &= ~nt::FILE_ATTRIBUTE_DIRECTORY;
+    }
+    return error;
+}
+
 } // namespace fodr::ntposix

@@ -13,9 +13,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace fodr::ntposix {
+
+class NamedStream;
 
 class OpenFile {
 public:
@@ -26,8 +29,14 @@ public:
 
     bool IsDirectory() const { return kind == FileKind::kDirectory; }
     bool HasAccess(uint32_t rights) const { return (access & rights) != 0; } // any of them
+    // What has name, times and attributes: of a named stream the file that it belongs to.
+    const OpenFile &File() const { return base ? *base : *this; }
+    // Facts of the file with the size of what is open. 0 or an errno.
+    [[nodiscard]] int Stat(FileFacts *facts) const;
 
     // Fixed once the create has succeeded.
+    std::unique_ptr<OpenFile> base;      // of a named stream
+    std::shared_ptr<NamedStream> stream; // fd are its bytes then, and object is theirs
     Fd fd;                        // O_PATH when no data right was granted: fstat and /proc/self/fd still work
     FileObject *object = nullptr; // referenced until destruction
     uint32_t access = 0;          // granted; generic rights and MAXIMUM_ALLOWED are resolved

@@ -3,11 +3,14 @@
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/InfoBuffer.h"
+#include "ntposix/NamedStream.h"
 #include "ntposix/NtCall.h"
 #include "platform/NtRecords.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <string>
+#include <vector>
 
 namespace fodr::nt {
 
@@ -48,13 +51,17 @@ FILE_STANDARD_INFORMATION Standard(const FileQuery &query)
 
 FILE_INTERNAL_INFORMATION Internal(const FileQuery &query)
 {
-    return {.IndexNumber = static_cast<int64_t>(query.open.object->key.inode)};
+    return {.IndexNumber = static_cast<int64_t>(query.open.File().object->key.inode)};
 }
 
 // From the root directory: the volume is the whole tree.
 std::u16string NameOf(const FileQuery &query)
 {
-    return NtPathFromPosix(query.open.object->PathOf(query.open));
+    const OpenFile &file = query.open.File();
+    std::u16string name = NtPathFromPosix(file.object->PathOf(file));
+    if (query.open.stream)
+        name += u':' + query.open.stream->Name();
+    return name;
 }
 
 NTSTATUS QueryBasic(FileQuery &query)
@@ -129,18 +136,38 @@ NTSTATUS QueryAlternateName(FileQuery &)
     return STATUS_OBJECT_NAME_NOT_FOUND;
 }
 
-// The one stream that every file has. A directory has none, which is told by no record at all.
+NTSTATUS PutStream(InfoBuffer &out, const std::u16string &name, int64_t size, int64_t allocation)
+{
+    const std::u16string text = u":" + name + u":$DATA";
+    const FILE_STREAM_INFORMATION record{.NextEntryOffset = 0,
+                                         .StreamNameLength = static_cast<uint32_t>(text.size() * 2),
+                                         .StreamSize = size,
+                                         .StreamAllocationSize = allocation,
+                                         .StreamName = {}};
+    constexpr size_t kName = offsetof(FILE_STREAM_INFORMATION, StreamName);
+    if (out.Written() == 0)
+        return out.PutWithText(record, kName, text);
+    return out.AppendWithText(record, kName, text) ? STATUS_SUCCESS : STATUS_BUFFER_OVERFLOW;
+}
+
+// The unnamed one that every file has, then the named ones. A directory has none of the first kind; no stream
+// at all is told by no record.
 NTSTATUS QueryStreams(FileQuery &query)
 {
-    constexpr std::u16string_view kUnnamed = u"::$DATA";
-    if (query.open.IsDirectory())
-        return STATUS_SUCCESS;
-    const FILE_STREAM_INFORMATION record{.NextEntryOffset = 0,
-                                         .StreamNameLength = kUnnamed.size() * sizeof(char16_t),
-                                         .StreamSize = query.facts.endOfFile,
-                                         .StreamAllocationSize = query.facts.allocation,
-                                         .StreamName = {}};
-    return query.out.PutWithText(record, offsetof(FILE_STREAM_INFORMATION, StreamName), kUnnamed);
+    const OpenFile &file = query.open.File();
+    std::vector<StreamEntry> named;
+    if (const int error = ListStreams(file.fd.Get(), &named); error != 0 && error != ENOTSUP)
+        return StatusOfErrno(error);
+    NTSTATUS status = STATUS_SUCCESS;
+    if (!file.IsDirectory()) {
+        FileFacts facts;
+        if (const int error = StatDescriptor(file.fd.Get(), &facts); error != 0)
+            return StatusOfErrno(error);
+        status = PutStream(query.out, u"", facts.endOfFile, facts.allocation);
+    }
+    for (auto entry = named.begin(); entry != named.end() && status == STATUS_SUCCESS; ++entry)
+        status = PutStream(query.out, entry->name, entry->size, entry->size);
+    return status;
 }
 
 NTSTATUS QueryCompression(FileQuery &query)
@@ -191,7 +218,7 @@ constexpr QueryClass kClasses[] = {
     {FileAlignmentInformation, sizeof(FILE_ALIGNMENT_INFORMATION), 0, false, &QueryAlignment},
     {FileAllInformation, sizeof(FILE_ALL_INFORMATION), FILE_READ_ATTRIBUTES, true, &QueryAll},
     {FileAlternateNameInformation, sizeof(FILE_NAME_INFORMATION), 0, false, &QueryAlternateName},
-    {FileStreamInformation, sizeof(FILE_STREAM_INFORMATION), 0, true, &QueryStreams},
+    {FileStreamInformation, sizeof(FILE_STREAM_INFORMATION), 0, false, &QueryStreams},
     {FileCompressionInformation, sizeof(FILE_COMPRESSION_INFORMATION), 0, true, &QueryCompression},
     {FileNetworkOpenInformation, sizeof(FILE_NETWORK_OPEN_INFORMATION), FILE_READ_ATTRIBUTES, true,
      &QueryNetworkOpen},
@@ -212,7 +239,7 @@ NTSTATUS Query(OpenFile &open, InfoBuffer buffer, uint32_t infoClass, uint64_t *
         return STATUS_ACCESS_DENIED;
     FileQuery query{open, {}, buffer};
     if (found->needsFacts) {
-        if (const int error = StatDescriptor(open.fd.Get(), &query.facts); error != 0)
+        if (const int error = open.Stat(&query.facts); error != 0)
             return StatusOfErrno(error);
     }
     const NTSTATUS status = found->query(query);

@@ -4,6 +4,7 @@
 #include "ntposix/FileSize.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/Link.h"
+#include "ntposix/NamedStream.h"
 #include "ntposix/NtCall.h"
 #include "ntposix/Rename.h"
 #include "platform/NtRecords.h"
@@ -81,9 +82,10 @@ NTSTATUS SetBasic(const FileChange &change)
     if (improper)
         return STATUS_INVALID_PARAMETER;
     // The attribute first: a chmod changes no time that is set.
-    int error = attributes ? SetReadOnly(change.open, attributes & FILE_ATTRIBUTE_READONLY) : 0;
+    const OpenFile &file = change.open.File();
+    int error = attributes ? SetReadOnly(file, attributes & FILE_ATTRIBUTE_READONLY) : 0;
     if (error == 0)
-        error = SetTimes(change.open, basic);
+        error = SetTimes(file, basic);
     return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error);
 }
 
@@ -96,6 +98,8 @@ NTSTATUS SetRename(const FileChange &change)
         return STATUS_INVALID_PARAMETER;
     if (record.RootDirectory != 0)
         return STATUS_NOT_SUPPORTED;
+    if (change.open.stream) // the name is its file's
+        return STATUS_INVALID_PARAMETER;
     std::u16string target(record.FileNameLength / 2, u'\0');
     memcpy(target.data(), change.data + kNameOffset, record.FileNameLength);
     return RenameFile(change.open, target, record.ReplaceIfExists != 0);
@@ -133,7 +137,10 @@ NTSTATUS SetSize(const FileChange &change, int (*set)(int, int64_t))
     const int64_t size = LoadRecord<int64_t>(change.data);
     if (size < 0 || change.open.kind != FileKind::kFile)
         return STATUS_INVALID_PARAMETER;
-    const int error = set(change.open.fd.Get(), size);
+    const int fd = change.open.fd.Get();
+    const auto setStream = [&] { return size > kLongestStream ? ENOSPC : set(fd, size); };
+    const int error = change.open.stream ? change.open.stream->Change(change.open.File().fd.Get(), setStream)
+                                         : set(fd, size);
     return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error);
 }
 

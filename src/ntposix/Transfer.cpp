@@ -2,6 +2,7 @@
 #include "ntposix/Access.h"
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/HandleTable.h"
+#include "ntposix/NamedStream.h"
 #include "ntposix/NtCall.h"
 
 #include <algorithm>
@@ -85,6 +86,25 @@ Transferred WriteAt(int fd, const char *buffer, size_t length, int64_t offset, i
     return done;
 }
 
+// All or nothing.
+Transferred WriteStream(const OpenFile &file, const char *buffer, size_t length, int64_t offset, bool appends)
+{
+    Transferred done;
+    done.error = file.stream->Change(file.File().fd.Get(), [&] {
+        FileFacts facts;
+        if (const int error = StatDescriptor(file.fd.Get(), &facts); error != 0)
+            return error;
+        const int64_t at = appends ? facts.endOfFile : offset;
+        if (at > kLongestStream || length > static_cast<uint64_t>(kLongestStream - at))
+            return ENOSPC;
+        done = WriteAt(file.fd.Get(), buffer, length, at, 0);
+        return done.error;
+    });
+    if (done.error != 0)
+        done.bytes = 0;
+    return done;
+}
+
 NTSTATUS Read(OpenFile &file, IO_STATUS_BLOCK *ioStatus, void *buffer, uint32_t length,
               const LARGE_INTEGER *byteOffset, uint32_t key)
 {
@@ -129,7 +149,9 @@ NTSTATUS Write(OpenFile &file, IO_STATUS_BLOCK *ioStatus, const void *buffer, ui
     if (file.object->locks.ForbidsWrite(&file, key, static_cast<uint64_t>(offset), length))
         return Complete(ioStatus, STATUS_FILE_LOCK_CONFLICT, 0);
     const int flags = (appends ? RWF_APPEND : 0) | (file.mode & FILE_WRITE_THROUGH ? RWF_DSYNC : 0);
-    const Transferred done = WriteAt(file.fd.Get(), static_cast<const char *>(buffer), length, offset, flags);
+    const auto bytes = static_cast<const char *>(buffer);
+    const Transferred done = file.stream ? WriteStream(file, bytes, length, offset, appends)
+                                         : WriteAt(file.fd.Get(), bytes, length, offset, flags);
     file.position = offset + static_cast<int64_t>(done.bytes);
     // What was written before the disk was full stays, and is told beside the failure.
     return Complete(ioStatus, done.error == 0 ? STATUS_SUCCESS : StatusOfErrno(done.error), done.bytes);

@@ -2,6 +2,7 @@
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/InfoBuffer.h"
+#include "ntposix/NamedStream.h"
 #include "ntposix/NtCall.h"
 #include "platform/NtRecords.h"
 
@@ -23,6 +24,7 @@ constexpr int64_t kUdf = 0x15013346;
 
 struct VolumeQuery {
     const struct statfs &volume;
+    int file;
     InfoBuffer out;
 
     bool IsReadOnly() const { return (volume.f_flags & ST_RDONLY) != 0; }
@@ -87,6 +89,7 @@ NTSTATUS QueryAttributes(VolumeQuery &query)
     const FILE_FS_ATTRIBUTE_INFORMATION record{
         .FileSystemAttributes = FILE_CASE_SENSITIVE_SEARCH | FILE_CASE_PRESERVED_NAMES |
                                 FILE_UNICODE_ON_DISK | FILE_SUPPORTS_SPARSE_FILES |
+                                (HasStreams(query.file) ? FILE_NAMED_STREAMS : 0) |
                                 (query.IsReadOnly() ? FILE_READ_ONLY_VOLUME : 0),
         .MaximumComponentNameLength = static_cast<int32_t>(query.volume.f_namelen),
         .FileSystemNameLength = kName.size() * sizeof(char16_t),
@@ -151,9 +154,9 @@ NTSTATUS Query(const OpenFile &open, InfoBuffer buffer, uint32_t infoClass, uint
     if (buffer.Size() < found->minimumLength)
         return STATUS_INFO_LENGTH_MISMATCH;
     struct statfs volume;
-    if (fstatfs(open.fd.Get(), &volume) != 0)
+    if (fstatfs(open.File().fd.Get(), &volume) != 0)
         return StatusOfErrno(errno);
-    VolumeQuery query{volume, buffer};
+    VolumeQuery query{volume, open.File().fd.Get(), buffer};
     const NTSTATUS status = found->query(query);
     *written = query.out.Written();
     return status;

@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <functional>
+#include <sys/xattr.h>
 #include <utility>
 
 namespace fodr::test {
@@ -50,6 +51,29 @@ TEST_F(LocalFolders, FilesOfTwoFoldersThatDifferInCaseStayApart)
     EXPECT_EQ(OpenedOf(manager, both, 65536), Strings{});
     EXPECT_EQ(AddFiles(small, {"a"}), already);
     EXPECT_EQ(OpenedOf(manager, both, 65536), Strings{});
+}
+
+TEST_F(LocalFolders, TheMarkOfANamedFilesOriginIsReachedAndNotItsNeighbours)
+{
+    LogOn(6);
+    const std::string folder = Files("a", {"one", "two"});
+    const Strings marks{"one:zone.identifier", "two:Zone.Identifier", "one:other"};
+    for (const char *file : {"/one", "/two"}) {
+        for (const char *name : {"user.DosStream.Zone.Identifier:$DATA", "user.DosStream.other:$DATA"}) {
+            if (setxattr((folder + file).c_str(), name, "x", 2, 0) != 0)
+                GTEST_SKIP() << "no extended attributes here";
+        }
+    }
+    settings.SetList("AllowedFolders", {folder + "/one"});
+    AddFiles(folder, {"one"});
+    EXPECT_EQ(OpenedOf(manager, marks), Strings{}); // a listed name is one in its very case
+    EXPECT_EQ(OpenedOf(manager, {"one:Zone.Identifier", "two:Zone.Identifier"}),
+              Strings{"one:Zone.Identifier"});
+    // Where the whole folder is allowed, on any path.
+    settings.SetList("AllowedFolders", {folder});
+    auto fresh = Fresh({VersionExchange(1)});
+    fresh->AddSharedFolder(folder, "c", false, 0, "(OVFCP)a", {"one"});
+    EXPECT_EQ(OpenedOf(*fresh, {"two", "two:Zone.Identifier", "two:other"}), Strings{"two:Zone.Identifier"});
 }
 
 TEST_F(LocalFolders, FoldersThatDifferInCaseAreSharedAndRemovedEachForItself)

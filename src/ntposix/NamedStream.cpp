@@ -1,0 +1,299 @@
+#include "ntposix/NamedStream.h"
+
+#include "lib/unicode/CaseFolding.h"
+#include "lib/unicode/NameMapping.h"
+#include "ntposix/FileSize.h"
+#include "ntposix/Link.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <map>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <utility>
+
+namespace fodr::ntposix {
+
+namespace {
+
+constexpr std::string_view kPrefix = "user.DosStream.";
+constexpr std::string_view kSuffix = ":$DATA";
+
+struct Streams {
+    Mutex lock;
+    std::map<std::pair<std::pair<dev_t, ino_t>, std::string>, std::weak_ptr<NamedStream>>
+        open GUARDED_BY(lock);
+};
+
+Streams &OpenStreams()
+{
+    static Streams streams;
+    return streams;
+}
+
+// The attribute calls take no O_PATH descriptor, so all of them are given its path.
+int ErrorOf(ssize_t result)
+{
+    if (result >= 0)
+        return 0;
+    if (errno == E2BIG) // more than any attribute may hold
+        return ENOSPC;
+    return errno == ERANGE ? ENAMETOOLONG : errno;
+}
+
+// Asks for the length first; what grows in between is asked for again.
+template <typename Call> int ReadWhole(std::string *value, Call call)
+{
+    for (;;) {
+        const ssize_t length = call(nullptr, 0);
+        if (length < 0)
+            return errno;
+        value->resize(static_cast<size_t>(length));
+        const ssize_t got = length == 0 ? 0 : call(value->data(), value->size());
+        if (got < 0 && errno == ERANGE)
+            continue;
+        value->resize(got < 0 ? 0 : static_cast<size_t>(got));
+        return got < 0 ? errno : 0;
+    }
+}
+
+bool NameOfAttribute(std::string_view attribute, std::u16string *name)
+{
+    if (!attribute.starts_with(kPrefix) || !attribute.ends_with(kSuffix) ||
+        attribute.size() <= kPrefix.size() + kSuffix.size())
+        return false;
+    attribute.remove_prefix(kPrefix.size());
+    attribute.remove_suffix(kSuffix.size());
+    *name = NtNameFromPosix(attribute);
+    return true;
+}
+
+// Calls `visit` with name and attribute of each stream until it gives true.
+template <typename Visit> int VisitStreams(const std::string &path, Visit visit)
+{
+    std::string list;
+    const int error =
+        ReadWhole(&list, [&](char *buffer, size_t size) { return listxattr(path.c_str(), buffer, size); });
+    if (error != 0)
+        return error;
+    for (size_t begin = 0; begin < list.size();) {
+        const std::string attribute = list.c_str() + begin;
+        begin += attribute.size() + 1;
+        std::u16string name;
+        if (NameOfAttribute(attribute, &name) && visit(name, attribute))
+            break;
+    }
+    return 0;
+}
+
+// What was stored by hand may lack the zero at the end.
+int ReadAttribute(const std::string &path, const std::string &attribute, std::string *bytes)
+{
+    const int error = ReadWhole(bytes, [&](char *buffer, size_t size) {
+        return getxattr(path.c_str(), attribute.c_str(), buffer, size);
+    });
+    if (error == 0 && bytes->ends_with('\0'))
+        bytes->pop_back();
+    return error;
+}
+
+int WriteBytes(int fd, const std::string &bytes)
+{
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t count = pwrite(fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
+        if (count < 0 && errno != EINTR)
+            return errno;
+        done += count > 0 ? static_cast<size_t>(count) : 0;
+    }
+    return 0;
+}
+
+int ReadBytes(int fd, std::string *bytes)
+{
+    struct stat stat;
+    if (fstat(fd, &stat) != 0)
+        return errno;
+    if (stat.st_size > kLongestStream)
+        return ENOSPC;
+    bytes->resize(static_cast<size_t>(stat.st_size));
+    for (size_t done = 0; done < bytes->size();) {
+        const ssize_t count = pread(fd, bytes->data() + done, bytes->size() - done, static_cast<off_t>(done));
+        if (count == 0)
+            return EIO;
+        if (count < 0 && errno != EINTR)
+            return errno;
+        done += count > 0 ? static_cast<size_t>(count) : 0;
+    }
+    return 0;
+}
+
+} // namespace
+
+int ListStreams(int file, std::vector<StreamEntry> *streams)
+{
+    const std::string path = DescriptorPath(file);
+    return VisitStreams(path, [&](const std::u16string &name, const std::string &attribute) {
+        std::string bytes;
+        if (ReadAttribute(path, attribute, &bytes) == 0) // else it has just gone
+            streams->push_back({name, static_cast<int64_t>(bytes.size())});
+        return false;
+    });
+}
+
+int FindStream(int file, std::u16string_view name, bool exact, std::string *attribute)
+{
+    std::string posixName;
+    if (name.empty() || !PosixNameFromNt(name, posixName))
+        return EINVAL;
+    std::string found;
+    const auto compare = [&](const std::u16string &present, const std::string &itsAttribute) {
+        const bool same = present == name;
+        if (same || (!exact && found.empty() && EqualsFolded(present, name)))
+            found = itsAttribute;
+        return same;
+    };
+    *attribute = std::string(kPrefix) + posixName + std::string(kSuffix);
+    if (const int error = VisitStreams(DescriptorPath(file), compare); error != 0)
+        return error;
+    if (found.empty())
+        return ENODATA;
+    *attribute = found;
+    return 0;
+}
+
+int RemoveStreams(int file)
+{
+    const std::string path = DescriptorPath(file);
+    int error = 0;
+    const auto remove = [&](const std::u16string &, const std::string &attribute) {
+        const int failed = ErrorOf(removexattr(path.c_str(), attribute.c_str()));
+        error = failed != 0 && failed != ENODATA ? failed : error;
+        return false;
+    };
+    const int failed = VisitStreams(path, remove);
+    return failed != 0 && failed != ENOTSUP ? failed : error;
+}
+
+bool HasStreams(int file)
+{
+    const std::string name = std::string(kPrefix) + "x" + std::string(kSuffix);
+    return getxattr(DescriptorPath(file).c_str(), name.c_str(), nullptr, 0) >= 0 || errno == ENODATA;
+}
+
+bool MayWrite(int file)
+{
+    return faccessat(AT_FDCWD, DescriptorPath(file).c_str(), W_OK, AT_EACCESS) == 0;
+}
+
+std::shared_ptr<NamedStream> NamedStream::Acquire(FileKey file, const std::string &attribute)
+{
+    Streams &streams = OpenStreams();
+    const MutexLock guard(streams.lock);
+    std::weak_ptr<NamedStream> &entry = streams.open[{{file.device, file.inode}, attribute}];
+    std::shared_ptr<NamedStream> stream = entry.lock();
+    if (!stream) {
+        stream = std::make_shared<NamedStream>(file, attribute);
+        entry = stream;
+    }
+    return stream;
+}
+
+NamedStream::~NamedStream()
+{
+    Streams &streams = OpenStreams();
+    const MutexLock guard(streams.lock);
+    const auto entry = streams.open.find({{key.device, key.inode}, attribute});
+    if (entry != streams.open.end() && entry->second.expired()) // not a successor's
+        streams.open.erase(entry);
+}
+
+std::u16string NamedStream::Name() const
+{
+    std::u16string name;
+    NameOfAttribute(attribute, &name);
+    return name;
+}
+
+int NamedStream::Load(int file)
+{
+    const MutexLock guard(lock);
+    return present ? 0 : LoadBytes(file);
+}
+
+int NamedStream::LoadBytes(int file)
+{
+    std::string bytes;
+    int error = ReadAttribute(DescriptorPath(file), attribute, &bytes);
+    present = error == 0;
+    if (error != 0)
+        return error;
+    if (!content)
+        content.Reset(memfd_create("stream", MFD_CLOEXEC));
+    error = content ? SetEndOfFile(content.Get(), 0) : errno;
+    if (error == 0)
+        error = WriteBytes(content.Get(), bytes);
+    present = error == 0;
+    return error;
+}
+
+int NamedStream::Make(int file)
+{
+    const MutexLock guard(lock);
+    if (present)
+        return EEXIST;
+    if (!content)
+        content.Reset(memfd_create("stream", MFD_CLOEXEC));
+    int error = content ? SetEndOfFile(content.Get(), 0) : errno;
+    if (error == 0)
+        error = Store(file, XATTR_CREATE);
+    present = error == 0;
+    return error;
+}
+
+bool NamedStream::IsPresent()
+{
+    const MutexLock guard(lock);
+    return present;
+}
+
+int NamedStream::Duplicate(Fd *bytes)
+{
+    const MutexLock guard(lock);
+    bytes->Reset(fcntl(content.Get(), F_DUPFD_CLOEXEC, 0));
+    return *bytes ? 0 : errno;
+}
+
+int NamedStream::Change(int file, const std::function<int()> &change)
+{
+    const MutexLock guard(lock);
+    if (!present)
+        return ENODATA;
+    int error = change();
+    if (error == 0)
+        error = Store(file, 0);
+    // Who has it open goes on with what is stored, if that can be read.
+    if (error != 0 && LoadBytes(file) != 0)
+        present = true;
+    return error;
+}
+
+int NamedStream::Store(int file, int flags)
+{
+    std::string bytes;
+    if (const int error = ReadBytes(content.Get(), &bytes); error != 0)
+        return error;
+    bytes.push_back('\0');
+    return ErrorOf(
+        setxattr(DescriptorPath(file).c_str(), attribute.c_str(), bytes.data(), bytes.size(), flags));
+}
+
+int NamedStream::Remove(int file)
+{
+    const MutexLock guard(lock);
+    present = false;
+    return ErrorOf(removexattr(DescriptorPath(file).c_str(), attribute.c_str()));
+}
+
+} // namespace fodr::ntposix

@@ -1,0 +1,86 @@
+// A named stream of a file or directory (MS-FSCC 2.1.5), kept as its extended attribute
+// "user.DosStream.NAME:$DATA" with one zero byte at the end, as other file servers keep it.
+//
+// While it is open its bytes are in an anonymous file that all of its opens share, so that reading, sizes,
+// locks and share modes are a file's. A change is stored before the call that makes it returns. What another
+// program makes of the attribute meanwhile is seen when the stream is opened next and nobody has it open.
+//
+// `file` is always a descriptor of the file that the stream belongs to, O_PATH or not. Results are 0 or an
+// errno. Any thread; the lock is held across the calls that read or store the attribute, so that what is
+// stored is never older than what was stored before.
+#pragma once
+
+#include "ntposix/Fd.h"
+#include "ntposix/FileObject.h"
+#include "ntposix/Mutex.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace fodr::ntposix {
+
+// What an attribute holds at most where a file system sets no limit of its own, without the zero.
+inline constexpr int64_t kLongestStream = 65535;
+
+struct StreamEntry {
+    std::u16string name;
+    int64_t size;
+};
+
+// All streams of the file. ENOTSUP where it can't have any.
+[[nodiscard]] int ListStreams(int file, std::vector<StreamEntry> *streams);
+// The attribute of the stream with that name, in another case unless it is to be exact; the one to make it
+// with, and ENODATA, when there is none. EINVAL for what can't name a stream.
+[[nodiscard]] int FindStream(int file, std::u16string_view name, bool exact, std::string *attribute);
+// All of them go, as they do when a file is overwritten.
+[[nodiscard]] int RemoveStreams(int file);
+// Whether the file's file system keeps such attributes.
+[[nodiscard]] bool HasStreams(int file);
+
+// Whether this process may write to the file, which its streams ask for as well.
+[[nodiscard]] bool MayWrite(int file);
+
+class NamedStream {
+public:
+    NamedStream(FileKey fileKey, std::string attributeName)
+        : key(fileKey), attribute(std::move(attributeName))
+    {}
+    ~NamedStream();
+    NamedStream(const NamedStream &) = delete;
+    NamedStream &operator=(const NamedStream &) = delete;
+
+    // The one object of the stream, made when nobody has it open.
+    [[nodiscard]] static std::shared_ptr<NamedStream> Acquire(FileKey file, const std::string &attribute);
+
+    std::u16string Name() const;
+
+    // ENODATA when there is no such stream.
+    [[nodiscard]] int Load(int file) EXCLUDES(lock);
+    // EEXIST when there is.
+    [[nodiscard]] int Make(int file) EXCLUDES(lock);
+    // False once it was removed.
+    [[nodiscard]] bool IsPresent() EXCLUDES(lock);
+    // A descriptor of the bytes, for reading and writing.
+    [[nodiscard]] int Duplicate(Fd *bytes) EXCLUDES(lock);
+
+    // Runs `change`, which changes the bytes, and stores them. When either fails the bytes are again what is
+    // stored.
+    [[nodiscard]] int Change(int file, const std::function<int()> &change) EXCLUDES(lock);
+    [[nodiscard]] int Remove(int file) EXCLUDES(lock);
+
+private:
+    int LoadBytes(int file) REQUIRES(lock);
+    int Store(int file, int flags) REQUIRES(lock);
+
+    const FileKey key;
+    const std::string attribute;
+    Mutex lock;
+    Fd content GUARDED_BY(lock);
+    bool present GUARDED_BY(lock) = false;
+};
+
+} // namespace fodr::ntposix

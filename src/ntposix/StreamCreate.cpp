@@ -1,0 +1,195 @@
+#include "ntposix/StreamCreate.h"
+
+#include "ntposix/Access.h"
+#include "ntposix/Deletion.h"
+#include "ntposix/DescriptorLimit.h"
+#include "ntposix/ErrnoStatus.h"
+#include "ntposix/FileObjectTable.h"
+#include "ntposix/FileSize.h"
+#include "ntposix/NamedStream.h"
+
+#include <cerrno>
+
+namespace fodr::ntposix {
+
+using namespace nt;
+
+namespace {
+
+constexpr int kAttempts = 16;
+constexpr uint32_t kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+bool IsOverwriting(uint32_t disposition)
+{
+    return disposition == FILE_SUPERSEDE || disposition == FILE_OVERWRITE || disposition == FILE_OVERWRITE_IF;
+}
+
+bool MayCreate(uint32_t disposition)
+{
+    return disposition != FILE_OPEN && disposition != FILE_OVERWRITE;
+}
+
+// A file system without attributes answers as one without streams does.
+NTSTATUS StatusOfStreamError(int error)
+{
+    return error == ENOTSUP || error == EINVAL ? STATUS_OBJECT_NAME_INVALID : StatusOfErrno(error);
+}
+
+} // namespace
+
+NTSTATUS StreamCreator::Run(std::unique_ptr<OpenFile> *file)
+{
+    if (request.options & FILE_OPEN_BY_FILE_ID)
+        return STATUS_NOT_SUPPORTED;
+    if (name.HasTrailingSeparator())
+        return STATUS_OBJECT_NAME_INVALID;
+    if (request.options & FILE_DIRECTORY_FILE)
+        return STATUS_INVALID_PARAMETER;
+    NTSTATUS status = STATUS_SHARING_VIOLATION;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        raced = false;
+        information = 0;
+        status = RunOnce();
+        if (status == STATUS_TOO_MANY_OPENED_FILES && RaiseDescriptorLimit())
+            continue;
+        if (!raced)
+            break;
+    }
+    if (status == STATUS_SUCCESS)
+        *file = std::move(opened);
+    else if (information != FILE_EXISTS && information != FILE_DOES_NOT_EXIST)
+        information = 0;
+    return status;
+}
+
+NTSTATUS StreamCreator::RunOnce()
+{
+    NTSTATUS status = OpenBase();
+    if (status != STATUS_SUCCESS)
+        return status;
+    opened = std::make_unique<OpenFile>();
+    status = CheckRights();
+    if (status == STATUS_SUCCESS)
+        status = FindOrMake();
+    if (status == STATUS_SUCCESS)
+        status = Admit();
+    if (status != STATUS_SUCCESS) {
+        LeaveBase();
+        return status;
+    }
+    // Closing the stream closes the file from here on.
+    opened->base = std::move(base);
+    opened->deleteOnClose = (request.options & FILE_DELETE_ON_CLOSE) != 0;
+    if (!opened->stream->IsPresent()) {
+        raced = true; // its last handle took it away
+        opened->deleteOnClose = false;
+        status = STATUS_DELETE_PENDING;
+    } else if (information == FILE_OPENED && IsOverwriting(request.disposition)) {
+        status = Overwrite();
+    }
+    if (status != STATUS_SUCCESS)
+        Cleanup(*opened);
+    return status;
+}
+
+// For its attributes, which no share mode of others forbids.
+NTSTATUS StreamCreator::OpenBase()
+{
+    const bool mayCreate = MayCreate(request.disposition);
+    const CreateRequest ofFile{.access = FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+                               .share = kShareAll,
+                               .disposition = mayCreate ? FILE_OPEN_IF : FILE_OPEN,
+                               .options = request.options & FILE_OPEN_REPARSE_POINT,
+                               .attributes = request.attributes,
+                               .exactName = request.exactName};
+    const NtName fileName = name.OfFile();
+    FileCreator creator(fileName, ofFile);
+    const NTSTATUS status = creator.Run(&base);
+    madeBase = status == STATUS_SUCCESS && creator.Information() == FILE_CREATED;
+    information = creator.Information() == FILE_DOES_NOT_EXIST ? FILE_DOES_NOT_EXIST : 0;
+    return status;
+}
+
+// A file that was made for a stream that can't be goes again, unless another has made one of it.
+void StreamCreator::LeaveBase()
+{
+    if (madeBase && !raced && !opened->object)
+        base->object->SetDeletePending(*base, true, 1);
+    Cleanup(*base);
+    base.reset();
+    opened.reset();
+}
+
+NTSTATUS StreamCreator::CheckRights()
+{
+    FileFacts facts;
+    if (const int error = base->Stat(&facts); error != 0)
+        return StatusOfErrno(error);
+    const uint32_t disposition = request.disposition;
+    const bool readOnly = (facts.attributes & FILE_ATTRIBUTE_READONLY) != 0 && !madeBase;
+    const bool deletes = (request.options & FILE_DELETE_ON_CLOSE) != 0;
+    if (readOnly && deletes)
+        return STATUS_CANNOT_DELETE;
+    const bool mayWrite = !readOnly && MayWrite(base->fd.Get());
+    const bool writes = (request.access & kWriteRights) != 0 || IsOverwriting(disposition) || deletes;
+    if (writes && !mayWrite)
+        return STATUS_ACCESS_DENIED;
+    opened->access = request.access & ~MAXIMUM_ALLOWED;
+    if (request.access & MAXIMUM_ALLOWED)
+        opened->access |= kAttributeRights | kReadRights | (mayWrite ? kWriteRights : 0);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS StreamCreator::FindOrMake()
+{
+    const int file = base->fd.Get();
+    std::string attribute;
+    int error = FindStream(file, name.Stream(), request.exactName, &attribute);
+    if (error != 0 && error != ENODATA)
+        return StatusOfStreamError(error);
+    opened->stream = NamedStream::Acquire(base->object->key, attribute);
+    error = opened->stream->Load(file);
+    if (error == 0) {
+        information = request.disposition == FILE_CREATE ? FILE_EXISTS : FILE_OPENED;
+        return information == FILE_EXISTS ? STATUS_OBJECT_NAME_COLLISION : STATUS_SUCCESS;
+    }
+    if (error == ENODATA && !MayCreate(request.disposition)) {
+        information = FILE_DOES_NOT_EXIST;
+        return STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    if (error == ENODATA)
+        error = opened->stream->Make(file);
+    raced = error == EEXIST;
+    information = FILE_CREATED;
+    return error == 0 ? STATUS_SUCCESS : StatusOfStreamError(error);
+}
+
+NTSTATUS StreamCreator::Admit()
+{
+    FileFacts bytes;
+    int error = opened->stream->Duplicate(&opened->fd);
+    if (error == 0)
+        error = StatDescriptor(opened->fd.Get(), &bytes);
+    if (error != 0)
+        return StatusOfErrno(error);
+    opened->kind = FileKind::kFile;
+    opened->dataFd = true;
+    opened->dotName = base->dotName.load();
+    opened->share = request.share;
+    opened->options = request.options;
+    opened->exactName = request.exactName;
+    opened->mode = request.options & kModeOptions;
+    opened->object = FileObjectTable::Instance().Acquire(bytes.key);
+    const bool overwrites = information == FILE_OPENED && IsOverwriting(request.disposition);
+    return opened->object->Admit(*opened, overwrites ? FILE_WRITE_DATA : 0, 1);
+}
+
+NTSTATUS StreamCreator::Overwrite()
+{
+    const int fd = opened->fd.Get();
+    const int error = opened->stream->Change(opened->File().fd.Get(), [fd] { return SetEndOfFile(fd, 0); });
+    information = request.disposition == FILE_SUPERSEDE ? FILE_SUPERSEDED : FILE_OVERWRITTEN;
+    return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error);
+}
+
+} // namespace fodr::ntposix
