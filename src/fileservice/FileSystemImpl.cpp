@@ -27,9 +27,13 @@ uint32_t AdjustedOptions(uint32_t desiredAccess, uint32_t createOptions)
 
 } // namespace
 
-std::unique_ptr<IFileSystem> FileSystemImpl::Create(const std::string &root)
+std::unique_ptr<IFileSystem> FileSystemImpl::Create(const std::string &root, RootName name)
 {
-    return std::unique_ptr<IFileSystem>(new (std::nothrow) FileSystemImpl(root));
+    std::unique_ptr<FileSystemImpl> files(new (std::nothrow) FileSystemImpl(root));
+    std::u16string wide;
+    if (files && name == RootName::Exact && Utf8ToUtf16(root, wide))
+        files->exactRoot.emplace(wide);
+    return files;
 }
 
 NTSTATUS FileSystemImpl::RedirectedCreateFile(uint32_t *fileId, uint32_t desiredAccess, const char16_t *path,

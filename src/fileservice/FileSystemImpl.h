@@ -6,14 +6,18 @@
 #include "rdpdr/wire/RdpdrPacker.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace fodr {
 
 class FileSystemImpl : public IFileSystem {
 public:
-    // `root` is the share's path in NT form. Null when there is no memory.
-    [[nodiscard]] static std::unique_ptr<IFileSystem> Create(const std::string &root);
+    // `root` is the share's path in NT form. Null when there is no memory. A root that is found in its very
+    // case stands for itself alone, see nt::ExactFolder.
+    enum class RootName { AnyCase, Exact };
+    [[nodiscard]] static std::unique_ptr<IFileSystem> Create(const std::string &root,
+                                                             RootName name = RootName::AnyCase);
 
     nt::NTSTATUS RedirectedCreateFile(uint32_t *fileId, uint32_t desiredAccess, const char16_t *path,
                                       uint64_t allocationSize, uint32_t fileAttributes, uint32_t shareAccess,
@@ -60,6 +64,7 @@ protected:
 private:
     RdpdrPacker packer;
     const NameMatching nameMatching;
+    std::optional<nt::ExactFolder> exactRoot;
 };
 
 } // namespace fodr

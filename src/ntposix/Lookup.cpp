@@ -1,6 +1,7 @@
 #include "ntposix/Lookup.h"
 
 #include "ntposix/ErrnoStatus.h"
+#include "ntposix/ExactFolders.h"
 
 #include <fcntl.h>
 
@@ -76,6 +77,7 @@ NTSTATUS Locate(const std::string &path, LookupOptions options, Place *place)
         return StatusOfErrno(error);
     const PathParts parts = SplitPath(path);
     std::string parentPath;
+    options.exact = options.exact || IsExactFolder(path);
     const NTSTATUS status = OpenDirectory(parts.parent, options.exact, &place->parent, &parentPath);
     if (status != STATUS_SUCCESS)
         return status;
@@ -89,7 +91,7 @@ NTSTATUS OpenDirectory(const std::string &path, bool exact, Fd *directory, std::
         *realPath = path;
         return STATUS_SUCCESS;
     }
-    if (error != ENOENT || path == "/" || exact)
+    if (error != ENOENT || path == "/" || exact || IsExactFolder(path))
         return DirectoryStatus(error);
     const PathParts parts = SplitPath(path);
     Fd parent;

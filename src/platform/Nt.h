@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace fodr::nt {
 
@@ -177,6 +178,21 @@ private:
 // Cancels the I/O of every thread on the handle. Returns 0 or a Windows error code; ERROR_NOT_FOUND (1168)
 // says that nothing was in flight.
 [[nodiscard]] uint32_t CancelIoEx(HANDLE file);
+
+// A folder whose name stands for it alone, in its very case, while this lives: once the folder is gone, what
+// is asked for below it isn't looked for in a neighbour whose name differs in case. Costs nothing where names
+// are found. Where the system ignores case there is no such neighbour.
+class ExactFolder {
+public:
+    // Without a separator at its end, but for a drive and the root of all.
+    explicit ExactFolder(const std::u16string &ntPath);
+    ~ExactFolder();
+    ExactFolder(const ExactFolder &) = delete;
+    ExactFolder &operator=(const ExactFolder &) = delete;
+
+private:
+    std::string path;
+};
 
 // Attributes of the file that a zero-terminated NT path ("\??\...") names, as GetFileAttributesW gives them.
 // False when there is none or it can't be reached. A trailing separator is allowed.

@@ -68,6 +68,7 @@ struct RdpdrChannelManager::FolderLook {
     std::vector<Device> compared; // the shares of this path in any case, at that time
     Device present;               // the one among them that is of this very folder
     bool exists = false;          // looked for only where there is none
+    bool exact = false;           // and that under its very name
 };
 
 // What came of it under the lock.
@@ -181,9 +182,11 @@ RdpdrChannelManager::FolderLook RdpdrChannelManager::LookAtFolder(const ShareReq
         look.present = *found;
         return look;
     }
+    if (!request.offer.whole && request.offer.files.empty())
+        return look;
     const uint32_t matching = NeedsAccessControl(request.shareName) ? 0 : nt::OBJ_CASE_INSENSITIVE;
-    look.exists =
-        (request.offer.whole || !request.offer.files.empty()) && FolderExists(request.ntPath, matching);
+    look.exact = FolderExists(request.ntPath, 0);
+    look.exists = look.exact || (matching != 0 && FolderExists(request.ntPath, matching));
     if (!look.exists)
         return look;
     // Paths that differ in case alone are one folder or two, as the disk has it: files that are named in one
@@ -217,9 +220,10 @@ std::optional<RdpdrChannelManager::ShareOutcome> RdpdrChannelManager::InsertShar
     if (NeedsAccessControl(request.shareName))
         allowList =
             std::make_shared<AllowAccessList>(request.ntPath, request.offer.files, !request.offer.whole);
+    const auto rootName = look.exact ? FileSystemImpl::RootName::Exact : FileSystemImpl::RootName::AnyCase;
     std::unique_ptr<IFileSystem> fileSystem = allowList
                                                   ? AllowListFileSystem::Create(request.ntPath, allowList)
-                                                  : FileSystemImpl::Create(request.ntPath);
+                                                  : FileSystemImpl::Create(request.ntPath, rootName);
     if (!fileSystem || nextDeviceId > kDeviceNumberMask) { // numbers that fit the wire can run out
         outcome.statuses.push_back(kStatusInternalError);
         return outcome;

@@ -209,6 +209,10 @@ uint32_t NtCallEvent::Create()
     return handle ? 0 : GetLastError();
 }
 
+ExactFolder::ExactFolder(const std::u16string &) {}
+
+ExactFolder::~ExactFolder() = default;
+
 uint32_t CancelIoEx(HANDLE file)
 {
     return ::CancelIoEx(file, nullptr) ? 0 : GetLastError();

@@ -109,6 +109,30 @@ TEST_F(LocalFolders, FoldersThatDifferInCaseAreSharedAndRemovedEachForItself)
     }
 }
 
+TEST_F(LocalFolders, AFolderThatIsGoneIsNotTakenForItsNeighbour)
+{
+    LogOn(6);
+    const std::string small = Files("docs", {"a"});
+    Files("Docs", {"a", "b"});
+    Files("Only", {"a"});
+    Add(small);
+    Add(root + "/ONLY"); // not there under this very name: it stands for the one that is
+    const Strings asked{"", "a", "A", "b"};
+    EXPECT_EQ(OpenedOf(manager, asked, 65535), (Strings{"", "a", "A"}));
+    EXPECT_EQ(OpenedOf(manager, asked, 65536), (Strings{"", "a", "A"}));
+    std::filesystem::remove_all(small);
+    EXPECT_EQ(OpenedOf(manager, asked, 65535), Strings{});
+    FeedTo(manager, Open(65535, u"\\new", nt::FILE_OPEN_IF, 0x40));
+    EXPECT_FALSE(std::filesystem::exists(root + "/Docs/new"));
+    Files("docs", {"b"}); // it is back
+    EXPECT_EQ(OpenedOf(manager, asked, 65535), (Strings{"", "b"}));
+    // With the share the rule ends.
+    std::filesystem::remove_all(small);
+    manager.RemoveSharedFolder(small, "", "c");
+    EXPECT_EQ(Add(small), Strings{});
+    EXPECT_EQ(OpenedOf(manager, asked, 65537), (Strings{"", "a", "A", "b"}));
+}
+
 // Stands for D, and lets things happen once while an add looks at the drive.
 std::string folderOfD;
 std::function<void()> meanwhile;
