@@ -43,10 +43,14 @@ void RdpdrClient::Start()
 
 void RdpdrClient::ClockMain()
 {
-    auto next = std::chrono::steady_clock::now();
     lock.lock();
     while (!stopping) {
-        next += std::chrono::seconds(1);
+        // Said before it looks: who adds a request then sees it, or is seen.
+        clockSleeps = true;
+        while (!stopping && !requests.AnyTimed())
+            clockWakeup.wait(lock);
+        clockSleeps = false;
+        const auto next = std::chrono::steady_clock::now() + std::chrono::seconds(1);
         while (!stopping && std::chrono::steady_clock::now() < next)
             clockWakeup.wait_until(lock, next);
         lock.unlock();
@@ -62,6 +66,10 @@ void RdpdrClient::Submit(DR_DEVICE_IOREQUEST request, ByteSpan payload,
     if (!requests.Add(expected, std::move(handler), &request.CompletionId)) {
         handler(IoResult{.status = STATUS_CONNECTION_DISCONNECTED});
         return;
+    }
+    if (expected.timed && clockSleeps) {
+        const transport::MutexLock held(lock);
+        clockWakeup.notify_all();
     }
     // A small payload may be gone as soon as the request has failed, which can be while it is being sent.
     // Large ones are the sending thread's own.

@@ -7,6 +7,7 @@
 #include "agent/RequestTable.h"
 #include "rdpdr/wire/IoRecords.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <string>
@@ -61,7 +62,7 @@ public:
 
     AgentChannel &Channel() { return channel; }
     const RequestTable &Requests() const { return requests; }
-    // One step of the time that requests are given; the client's own clock makes one a second.
+    // One step of the time that requests are given; the client's own clock makes one a second while any wait.
     void Tick() { requests.Tick(options.ioTimeoutSeconds); }
 
 private:
@@ -91,6 +92,7 @@ private:
     std::map<uint32_t, RemoteDevice> devices GUARDED_BY(lock);
     bool stopping GUARDED_BY(lock) = false;
     std::condition_variable_any clockWakeup;
+    std::atomic<bool> clockSleeps{false}; // until a request wants it
     std::thread clock;
     AgentChannel channel; // last: its threads end before the rest goes
 };

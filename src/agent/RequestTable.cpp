@@ -24,8 +24,15 @@ bool RequestTable::Add(const Expected &expected, IoHandler &&handler, uint32_t *
     slot->sinceTick = tick;
     slot->handler = std::move(handler);
     ++waiting;
+    timed += expected.timed;
     *completionId = slot->generation << kIndexBits | index;
     return true;
+}
+
+void RequestTable::EndWait(const Slot &slot)
+{
+    --waiting;
+    timed -= slot.expected.timed;
 }
 
 void RequestTable::Complete(ByteSpan packet)
@@ -44,7 +51,8 @@ void RequestTable::Complete(ByteSpan packet)
             return;
         expected = slot->expected;
         handler = std::move(slot->handler);
-        waiting -= slot->state == SlotState::Waiting;
+        if (slot->state == SlotState::Waiting)
+            EndWait(*slot);
         slot->state = SlotState::Free;
         ++slot->generation;
         freeSlots.push_back(index);
@@ -69,7 +77,7 @@ template <class Predicate> void RequestTable::GiveUp(Predicate &&isMeant, nt::NT
                 continue;
             handlers.push_back(std::move(slot->handler));
             slot->state = SlotState::GivenUp;
-            --waiting;
+            EndWait(*slot);
         }
     }
     const IoResult result = {.status = status};
@@ -106,6 +114,12 @@ size_t RequestTable::InFlight() const
 {
     const transport::MutexLock held(lock);
     return waiting;
+}
+
+bool RequestTable::AnyTimed() const
+{
+    const transport::MutexLock held(lock);
+    return timed != 0;
 }
 
 } // namespace fodr::agent

@@ -40,6 +40,8 @@ public:
     void Tick(uint32_t maxTicks);
 
     size_t InFlight() const;
+    // Whether a tick could end any.
+    bool AnyTimed() const;
 
 private:
     enum class SlotState : uint8_t { Free, Waiting, GivenUp };
@@ -53,6 +55,7 @@ private:
     static constexpr uint32_t kIndexBits = 20;
     static constexpr size_t kChunk = 256;
 
+    void EndWait(const Slot &slot) REQUIRES(lock);
     Slot *SlotOf(uint32_t index) REQUIRES(lock) { return &chunks[index / kChunk][index % kChunk]; }
     template <class Predicate> void GiveUp(Predicate &&isMeant, nt::NTSTATUS status);
 
@@ -62,6 +65,7 @@ private:
     uint32_t slotCount GUARDED_BY(lock) = 0;
     uint32_t tick GUARDED_BY(lock) = 0;
     size_t waiting GUARDED_BY(lock) = 0;
+    size_t timed GUARDED_BY(lock) = 0; // of them
     bool ended GUARDED_BY(lock) = false;
     OrphanHook orphanHook;
 };
