@@ -56,10 +56,10 @@ void TransferWindow::MeasureDelay(Time begun, bool alone, Time now)
     }
 }
 
-void TransferWindow::NoteRoundTrip(Time begun, Time now)
+void TransferWindow::NoteRoundTrip(Time begun, bool alone, Time now)
 {
     const transport::MutexLock held(lock);
-    MeasureDelay(begun, inFlight == 0, now);
+    MeasureDelay(begun, alone, now);
 }
 
 void TransferWindow::Measure(const Transfer &transfer, Time now)

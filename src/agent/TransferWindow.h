@@ -30,8 +30,8 @@ public:
     };
     Transfer Begin(size_t bytes, Time now);
     void End(const Transfer &transfer, Time now);
-    // How long a request without data took, as that of opening a file.
-    void NoteRoundTrip(Time begun, Time now);
+    // How long a request without data took, as that of opening a file; `alone`: with no data on its way.
+    void NoteRoundTrip(Time begun, bool alone, Time now);
 
     size_t Limit() const { return probing && inFlight != 0 ? 0 : limit.load(); }
     size_t InFlight() const { return inFlight; }

@@ -19,7 +19,7 @@ public:
     {
         const double begun = now;
         now = std::max(now, busyUntil) + delay;
-        window.NoteRoundTrip(At(begun), At(now));
+        window.NoteRoundTrip(At(begun), sent.empty(), At(now));
     }
     // Bytes a second that arrive.
     double Run(double seconds)

@@ -111,12 +111,9 @@ void DirectoryCache::OnOpened(const NodePtr &node, uint64_t serial, const std::s
 // One notification after the other, for as long as the handle lives: the close ends the last one.
 void DirectoryCache::Watch(const NodePtr &node, const DirectoryHandlePtr &handle)
 {
-    handle->Names().SetWatched(true, RecentNames::Clock::now());
     handle->Share().NotifyChange(
         handle->FileId(), kWatched, false,
         [this, node, weak = std::weak_ptr<DirectoryHandle>(handle)](const IoResult &result) {
-            if (const DirectoryHandlePtr alive = weak.lock())
-                alive->Names().SetWatched(false, {});
             if (!result.Failed() && result.status != nt::STATUS_NOTIFY_CLEANUP)
                 OnChange(node, weak);
         });
@@ -137,12 +134,14 @@ void DirectoryCache::OnChange(const NodePtr &node, const std::weak_ptr<Directory
 void DirectoryCache::ForgetNames(const NodePtr &directory)
 {
     DirectoryHandlePtr handle;
-    const MutexLock held(lock);
-    auto slot = FindSlot(directory);
-    if (slot == slots.end() || !slot->handle)
-        return;
-    handle = slot->handle;
-    handle->Names().Forget(RecentNames::Clock::now());
+    {
+        const MutexLock held(lock);
+        auto slot = FindSlot(directory);
+        if (slot != slots.end())
+            handle = slot->handle;
+    }
+    if (handle)
+        handle->Names().Forget(RecentNames::Clock::now());
 }
 
 void DirectoryCache::Drop(const NodePtr &directory)

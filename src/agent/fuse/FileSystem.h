@@ -88,7 +88,8 @@ private:
     struct Found {
         nt::NTSTATUS status = nt::STATUS_SUCCESS;
         FileFacts facts;
-        double age = 0; // seconds of the cache time that are over
+        double age = 0;            // seconds of the cache time that are over
+        RecentNames::ToldPtr told; // where it was found without asking; else null
     };
     // Whether the other side is asked, or what it told within the cache time will do.
     enum class Asking { Now, Lately };
@@ -122,7 +123,7 @@ private:
         return AwaitValues<nt::NTSTATUS, DirectoryHandlePtr>(
             [this, &node](DirectoryCache::Handler done) { directories.Acquire(node, std::move(done)); });
     }
-    Detached AskForNames(DirectoryHandlePtr directory);
+    static void AskForNames(const DirectoryHandlePtr &directory);
     bool Recall(const NodePtr &parent, const std::string &name, const std::u16string &ntName,
                 const DirectoryHandlePtr &directory, Found *found);
     Task<Found> FindByHandle(NodePtr parent, std::string name, Asking asking, bool *decided);

@@ -133,6 +133,7 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
         }
         if (!nt::IsError(status) && changesBasics)
             status = co_await ChangeBasics(borrowed, change, node->directory, &found.facts, &known);
+        node->NoteOwnChange();
         if (nt::IsError(status)) {
             GiveBack(node, borrowed);
             call->FailStatus(status);
@@ -191,6 +192,7 @@ Detached FileSystem::Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uin
     const IoResult result =
         co_await SetFile(*file->share, file->fileId, nt::FileEndOfFileInformation, record);
     writes->DataChanged();
+    file->node->NoteOwnChange();
     call->FailStatus(result.status);
 }
 

@@ -38,14 +38,14 @@ bool PickEntry(ByteSpan answer, const std::u16string &wanted, FileFacts *facts)
 Task<FileSystem::Found> FileSystem::Find(NodePtr parent, std::string name, Asking asking)
 {
     if (name.starts_with(kHiddenPrefix))
-        co_return Found{.status = nt::STATUS_OBJECT_NAME_NOT_FOUND, .facts = {}};
+        co_return Found{.status = nt::STATUS_OBJECT_NAME_NOT_FOUND, .facts = {}, .age = 0, .told = {}};
     bool decided = false;
     Found found = co_await FindByHandle(parent, name, asking, &decided);
     if (decided)
         co_return found;
     Place place;
     if (!table.PlaceIn(parent, name, &place))
-        co_return Found{.status = nt::STATUS_OBJECT_PATH_NOT_FOUND, .facts = {}};
+        co_return Found{.status = nt::STATUS_OBJECT_PATH_NOT_FOUND, .facts = {}, .age = 0, .told = {}};
     found = co_await FindByPath(place);
     co_return found;
 }
@@ -59,11 +59,16 @@ Task<FileSystem::Found> FileSystem::FindPassing(NodePtr parent, std::string name
 }
 
 // Asks for as many names of the folder as one answer holds.
-Detached FileSystem::AskForNames(DirectoryHandlePtr directory)
+void FileSystem::AskForNames(const DirectoryHandlePtr &directory)
 {
-    const auto asked = Node::Clock::now();
-    const IoResult result = co_await SearchDirectory(directory->Share(), directory->FileId(), u"*");
-    directory->Names().Answered(asked, result.Failed() ? ByteSpan{} : result.data);
+    // Nobody who ends the handle's use waits for this.
+    auto take = [asked = Node::Clock::now(),
+                 weak = std::weak_ptr<DirectoryHandle>(directory)](const IoResult &result) {
+        if (const DirectoryHandlePtr alive = weak.lock())
+            alive->Names().Answered(asked, result.Failed() ? ByteSpan{} : result.data);
+    };
+    directory->Share().QueryDirectory(directory->FileId(), nt::FileFullDirectoryInformation, true, u"*",
+                                      std::move(take));
 }
 
 // What the folder's names were told to be lately, if that still holds.
@@ -71,14 +76,11 @@ bool FileSystem::Recall(const NodePtr &parent, const std::string &name, const st
                         const DirectoryHandlePtr &directory, Found *found)
 {
     const auto now = Node::Clock::now();
-    bool ask = false;
-    Node::Clock::duration age{};
-    const RecentNames::ToldPtr told = directory->Names().Recall(now, CacheSpan(), &age, &ask);
     // Names that come and go all the time aren't worth it.
-    if (ask && !parent->ChangedSince(now - CacheSpan()))
+    bool ask = !parent->ChangedSince(now - CacheSpan());
+    RecentNames::ToldPtr told = directory->Names().Recall(now, CacheSpan(), &ask);
+    if (ask)
         AskForNames(directory);
-    else if (ask)
-        directory->Names().Answered(now, {});
     if (!told || !IsAsTold(parent, name, told->asked))
         return false;
     const auto entry = told->names.find(ntName);
@@ -86,7 +88,8 @@ bool FileSystem::Recall(const NodePtr &parent, const std::string &name, const st
         return false;
     directory->Names().NoteUse();
     found->facts = entry->second;
-    found->age = std::chrono::duration<double>(age).count();
+    found->age = std::chrono::duration<double>(now - told->asked).count();
+    found->told = std::move(told);
     return true;
 }
 
@@ -186,7 +189,9 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
             co_return;
         }
     }
-    ReplyEntry(call, node, found.facts, true, found.age);
+    // Who is told of a change meanwhile may not have found the node yet.
+    const bool outdated = found.told && found.told->forgotten;
+    ReplyEntry(call, node, found.facts, true, outdated ? options.cacheSeconds : found.age);
 }
 
 // ---- Facts of nodes ----

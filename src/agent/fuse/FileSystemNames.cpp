@@ -55,6 +55,7 @@ Detached FileSystem::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::s
         call->FailStatus(made.status);
         co_return;
     }
+    parent->NoteOwnChange();
     const NodePtr node = table.Reach(parent, name, true);
     CloseLater(node, place.share, made.fileId);
     FileFacts facts;
@@ -323,7 +324,9 @@ Task<nt::NTSTATUS> FileSystem::Move(Moving moving, bool replace)
     const NodePtr node = table.Child(moving.parent, moving.name);
     co_await ClearTheWay(node);
     co_await ClearTheWay(table.Child(moving.newParent, moving.newName));
-    const IoResult opened = co_await CreateFile(*moving.source.share, kOpenToDelete, moving.source.path);
+    // What is said to be a file or a folder is looked at by the device filter.
+    const RemoteShare::CreateCall open = node ? OpenToDelete(node->directory) : kOpenToDelete;
+    const IoResult opened = co_await CreateFile(*moving.source.share, open, moving.source.path);
     if (opened.Failed())
         co_return opened.status;
     moving.fileId = opened.fileId;

@@ -71,10 +71,13 @@ void FileSystem::CloseLater(const NodePtr &node, const std::shared_ptr<RemoteSha
 Task<IoResult> FileSystem::OpenAt(Place place, RemoteShare::CreateCall open)
 {
     const auto begun = TransferWindow::Clock::now();
+    const bool alone = readWindow.InFlight() == 0 && writeWindow.InFlight() == 0;
     IoResult opened = co_await CreateFile(*place.share, open, place.path);
-    const auto now = TransferWindow::Clock::now();
-    readWindow.NoteRoundTrip(begun, now);
-    writeWindow.NoteRoundTrip(begun, now);
+    if (!opened.Failed()) { // a failure may be this side's own
+        const auto now = TransferWindow::Clock::now();
+        readWindow.NoteRoundTrip(begun, alone, now);
+        writeWindow.NoteRoundTrip(begun, alone, now);
+    }
     co_return opened;
 }
 
@@ -149,6 +152,7 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         const std::array<uint8_t, 8> nothing{};
         const IoResult result = co_await SetFile(*place.share, fileId, nt::FileEndOfFileInformation, nothing);
         writes->DataChanged();
+        node->NoteOwnChange();
         if (result.Failed()) {
             CloseLater(node, place.share, fileId);
             call->FailStatus(result.status);
@@ -188,6 +192,7 @@ Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string n
         call->FailStatus(opened.status);
         co_return;
     }
+    parent->NoteOwnChange();
     const uint32_t fileId = opened.fileId;
     const bool isNew = opened.information == nt::FILE_CREATED;
     FileFacts facts;
@@ -270,7 +275,10 @@ void FileSystem::Release(FuseCall::Ptr call, uint64_t handle)
     file->released = true;
     file->node->opens.Remove(file);
     // Holds the file until its writes are over.
-    file->node->Writes(writeWindow)->WhenDone([file] {});
+    file->node->Writes(writeWindow)->WhenDone([file] {
+        if (file->writable)
+            file->node->NoteOwnChange();
+    });
     CloseDeletion(file->node, file->share);
     if (call)
         call->Done();

@@ -101,8 +101,10 @@ struct Node {
     // What is known of `gone` goes with it: whoever was told of its folder before its change can't use that.
     void TakeChangeOf(const Node &gone)
     {
-        if (gone.ownChange > ownChange)
-            ownChange = gone.ownChange.load();
+        const Clock::rep its = gone.ownChange;
+        Clock::rep ours = ownChange;
+        while (ours < its && !ownChange.compare_exchange_weak(ours, its)) {
+        }
     }
 
     // Listings of the folder that may be going on, to be ended when it is removed.

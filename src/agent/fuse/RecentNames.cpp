@@ -1,53 +1,33 @@
 #include "agent/fuse/RecentNames.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace fodr::agent {
 namespace {
 
 constexpr unsigned kWorthAsking = 4; // lookups
 constexpr int kLongestPause = 64;    // spans
-constexpr int kWatchedSpans = 5;
 
 } // namespace
 
-bool RecentNames::IsGood(Clock::time_point now, Clock::duration span, Clock::duration *age) const
+RecentNames::ToldPtr RecentNames::Recall(Clock::time_point now, Clock::duration span, bool *ask)
 {
-    if (!told)
-        return false;
-    *age = now - told->asked;
-    if (*age < span)
-        return true;
-    // The watch is one of many requests under way: it is surely there a while after it was sent.
-    if (!watched || told->asked - firstWatched < span || *age >= kWatchedSpans * span)
-        return false;
-    *age = {};
-    return true;
-}
-
-RecentNames::ToldPtr RecentNames::Recall(Clock::time_point now, Clock::duration span, Clock::duration *age,
-                                         bool *ask)
-{
+    const bool welcome = std::exchange(*ask, false);
     const transport::MutexLock held(lock);
-    if (IsGood(now, span, age))
+    if (told && now - told->asked < span)
         return told;
     told = nullptr;
     const bool often = now - lastLookup < span;
     lastLookup = now;
-    *ask = often && !asking && now - lastAsked >= pause;
+    *ask = welcome && often && !asking && now - lastAsked >= pause;
     if (*ask) {
-        pause = uses >= kWorthAsking ? span : std::min(2 * std::max(pause, span), kLongestPause * span);
-        uses = 0;
+        pause = uses.exchange(0) >= kWorthAsking ? span
+                                                 : std::min(2 * std::max(pause, span), kLongestPause * span);
         asking = true;
         lastAsked = now;
     }
     return nullptr;
-}
-
-void RecentNames::NoteUse()
-{
-    const transport::MutexLock held(lock);
-    ++uses;
 }
 
 void RecentNames::Answered(Clock::time_point asked, ByteSpan answer)
@@ -71,15 +51,9 @@ void RecentNames::Forget(Clock::time_point now)
     ToldPtr gone;
     const transport::MutexLock held(lock);
     gone = std::move(told);
+    if (gone)
+        gone->forgotten = true;
     forgotten = now;
-}
-
-void RecentNames::SetWatched(bool isWatched, Clock::time_point now)
-{
-    const transport::MutexLock held(lock);
-    watched = isWatched;
-    if (isWatched && firstWatched == Clock::time_point())
-        firstWatched = now;
 }
 
 } // namespace fodr::agent

@@ -5,6 +5,7 @@
 #include "agent/FileFacts.h"
 #include "transport/Mutex.h"
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -16,29 +17,25 @@ class RecentNames {
 public:
     using Clock = std::chrono::steady_clock;
 
-    // What one answer told; it stays as it is.
+    // What one answer told; the names stay as they are.
     struct Told {
         Clock::time_point asked{};
         std::unordered_map<std::u16string, FileFacts> names;
+        mutable std::atomic<bool> forgotten{false}; // the folder has changed since
     };
     using ToldPtr = std::shared_ptr<const Told>;
 
-    // For a lookup: what was told within the span, or null. While the folder is watched it is believed for
-    // longer, until Forget; `*age` is how old it counts then, else how old it is. `*ask` says that it is
-    // worth asking now; whoever hears it asks and calls Answered.
-    ToldPtr Recall(Clock::time_point now, Clock::duration span, Clock::duration *age, bool *ask);
+    // For a lookup: what was told within the span, or null. `*ask`: comes in as whether asking is welcome,
+    // and goes out as whether it is worth it now; then the caller asks, and calls Answered.
+    ToldPtr Recall(Clock::time_point now, Clock::duration span, bool *ask);
     // A lookup was answered from it.
-    void NoteUse();
+    void NoteUse() { ++uses; }
     // `answer` is of FileFullDirectoryInformation; empty when there was none.
     void Answered(Clock::time_point asked, ByteSpan answer);
     // What was asked for until now doesn't count.
     void Forget(Clock::time_point now);
-    // Whether the other side tells of changes. Those between two watches it tells with the second.
-    void SetWatched(bool isWatched, Clock::time_point now);
 
 private:
-    bool IsGood(Clock::time_point now, Clock::duration span, Clock::duration *age) const REQUIRES(lock);
-
     transport::Mutex lock;
     ToldPtr told GUARDED_BY(lock);
     bool asking GUARDED_BY(lock) = false;
@@ -46,9 +43,7 @@ private:
         forgotten GUARDED_BY(lock){};
     // Asking that has served few lookups is done more and more seldom.
     Clock::duration pause GUARDED_BY(lock){};
-    unsigned uses GUARDED_BY(lock) = 0;
-    bool watched GUARDED_BY(lock) = false;
-    Clock::time_point firstWatched GUARDED_BY(lock){};
+    std::atomic<unsigned> uses{0};
 };
 
 } // namespace fodr::agent

@@ -34,10 +34,10 @@ std::vector<uint8_t> Listing(const std::vector<std::u16string> &names)
 class RecentNamesTest : public testing::Test {
 protected:
     // A lookup `at` seconds from the start. Whether it is served, and whether it is to ask.
-    bool Serves(int at)
+    bool Serves(int at, bool mayAsk = true)
     {
-        asks = false;
-        return names.Recall(At(at), kSpan, &age, &asks) != nullptr;
+        asks = mayAsk;
+        return names.Recall(At(at), kSpan, &asks) != nullptr;
     }
     void Answer(int asked) { names.Answered(At(asked), Listing({u"a", u"other"})); }
     static RecentNames::Clock::time_point At(int at)
@@ -46,7 +46,6 @@ protected:
     }
 
     RecentNames names;
-    RecentNames::Clock::duration age{};
     bool asks = false;
 };
 
@@ -59,9 +58,10 @@ TEST_F(RecentNamesTest, AreAskedForWithTheSecondLookupAndServedForASpan)
     EXPECT_FALSE(Serves(19) || asks); // it is under way
     Answer(19);
     EXPECT_TRUE(Serves(28));
-    EXPECT_EQ(seconds(9), age);
-    bool ask = false;
-    const RecentNames::ToldPtr told = names.Recall(At(28), kSpan, &age, &ask);
+    bool ask = true;
+    const RecentNames::ToldPtr told = names.Recall(At(28), kSpan, &ask);
+    EXPECT_FALSE(ask);
+    EXPECT_EQ(At(19), told->asked);
     ASSERT_EQ(2u, told->names.size());
     EXPECT_EQ(5, told->names.at(u"other").endOfFile);
     EXPECT_FALSE(Serves(29));
@@ -71,6 +71,8 @@ TEST_F(RecentNamesTest, AreAskedForWithTheSecondLookupAndServedForASpan)
 TEST_F(RecentNamesTest, ThatServeFewLookupsAreAskedForMoreAndMoreSeldom)
 {
     std::vector<int> asked;
+    for (int at = -500; at < -10; at += 5)
+        EXPECT_FALSE(Serves(at, false) || asks); // it isn't welcome, which counts for nothing
     for (int at = 0; at < 300; at += 5) {
         if (!Serves(at) && asks) {
             asked.push_back(at);
@@ -101,8 +103,11 @@ TEST_F(RecentNamesTest, DontOutliveAChange)
     Answer(1); // asked for before
     EXPECT_FALSE(Serves(3));
     Answer(4);
-    EXPECT_TRUE(Serves(5));
+    bool ask = false;
+    const RecentNames::ToldPtr told = names.Recall(At(5), kSpan, &ask);
+    ASSERT_TRUE(told && !told->forgotten);
     names.Forget(At(6));
+    EXPECT_TRUE(told->forgotten); // for who still has it
     EXPECT_FALSE(Serves(6));
     names.Answered(At(7), {}); // the folder can't be listed
     EXPECT_FALSE(Serves(7));
@@ -110,23 +115,6 @@ TEST_F(RecentNamesTest, DontOutliveAChange)
     torn.resize(torn.size() - 1);
     names.Answered(At(8), torn);
     EXPECT_FALSE(Serves(8));
-}
-
-TEST_F(RecentNamesTest, OfAWatchedFolderAreBelievedForLonger)
-{
-    names.SetWatched(true, At(0));
-    Answer(9); // the watch may not have been there yet
-    EXPECT_TRUE(Serves(18));
-    EXPECT_FALSE(Serves(19));
-    Answer(20);
-    EXPECT_TRUE(Serves(69));
-    EXPECT_EQ(seconds(0), age);
-    names.SetWatched(false, At(69));
-    EXPECT_FALSE(Serves(69));
-    Answer(70);
-    names.SetWatched(true, At(71)); // what happened in between is told with this one
-    EXPECT_TRUE(Serves(119));
-    EXPECT_FALSE(Serves(120));
 }
 
 } // namespace
