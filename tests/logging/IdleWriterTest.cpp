@@ -118,11 +118,15 @@ TEST_F(IdleWriter, EveryLineWakesTheThread)
 {
     constexpr int kThreads = 4;
     constexpr int kLines = 500;
-    std::array<std::atomic<int>, kThreads> written{};
+    struct Author {
+        std::atomic<int> written{0};
+        OVEvent wakeup{false, false};
+    };
+    std::array<Author, kThreads> authors;
     sink->OnWrite([&](const LogMessage &message) {
-        std::atomic<int> &own = written[static_cast<size_t>(message.TextToWrite()[0] - '0')];
-        ++own;
-        own.notify_all();
+        Author &own = authors[static_cast<size_t>(message.TextToWrite()[0] - '0')];
+        ++own.written;
+        own.wakeup.Set();
     });
     sink->PollItem()->SetTimeoutMS(0, false); // drained at once
     ASSERT_TRUE(sink->Init());
@@ -132,7 +136,9 @@ TEST_F(IdleWriter, EveryLineWakesTheThread)
             threads.emplace_back([&, thread] {
                 for (int line = 0; line < kLines; ++line) {
                     sink->Put(std::to_string(thread));
-                    written[static_cast<size_t>(thread)].wait(line);
+                    Author &own = authors[static_cast<size_t>(thread)];
+                    while (own.written == line && own.wakeup.Wait(60'000) == OVEvent::kSignalled) {
+                    }
                 }
             });
         }
@@ -143,8 +149,8 @@ TEST_F(IdleWriter, EveryLineWakesTheThread)
         }
     }
     sink->Close();
-    for (const std::atomic<int> &own : written)
-        EXPECT_EQ(kLines, own);
+    for (const Author &own : authors)
+        EXPECT_EQ(kLines, own.written);
 }
 
 } // namespace
