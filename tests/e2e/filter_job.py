@@ -27,11 +27,11 @@ class DeviceRules(unittest.TestCase):
         (self.scratch.local / "own").write_text("own ")
         (self.scratch.local / "link").symlink_to(STICK)
 
-    def read(self, folder, names, *rules):
-        """What `cat` says of the names in the mount of the folder, and the status of it all."""
+    def read(self, folder, names, *rules, by="cat"):
+        """What `cat` or another says of the names in the mount of the folder, and the status of it all."""
         paths = [self.scratch.mount / name for name in names]
         done = run("share", folder, "--mount", self.scratch.mount, *(f"--agent-option={word}" for word in rules), "--",
-                   "cat", *paths, env=self.scratch.environment)
+                   by, *paths, env=self.scratch.environment)
         return done.returncode, done.stdout, done.stderr
 
     def test_a_share_on_the_stick_is_refused_and_said_so(self):
@@ -48,6 +48,9 @@ class DeviceRules(unittest.TestCase):
         code, out, errors = self.read(self.scratch.local, names, "--exclude", "vid-0781_pid-****")
         self.assertEqual((code, out), (1, "own "), errors)
         self.assertIn("Permission denied", errors)
+        code, _, errors = self.read(self.scratch.local, ["link/f", "link/g"], "--exclude", "vid-0781_pid-****", by="mv")
+        self.assertEqual(code, 1, errors)
+        self.assertTrue(os.path.exists(f"{STICK}/f"))
 
 
 if __name__ == "__main__":

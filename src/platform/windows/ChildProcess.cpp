@@ -231,12 +231,15 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(const ChildOptions &options, s
 
     STARTUPINFOEXW start{};
     InheritedHandles inherited;
+    bool givesAny = false;
     start.StartupInfo.cb = sizeof(start);
     start.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
-    const auto give = [&inherited](const OwnedHandle &pipe, DWORD standard) {
+    const auto give = [&inherited, &givesAny](const OwnedHandle &pipe, DWORD standard) {
         const HANDLE handle = pipe ? pipe.Get() : GetStdHandle(standard);
-        if (handle && handle != INVALID_HANDLE_VALUE)
+        if (handle && handle != INVALID_HANDLE_VALUE) {
             inherited.Add(handle);
+            givesAny = true;
+        }
         return handle;
     };
     start.StartupInfo.hStdInput = give(pipes.inputTheirs, STD_INPUT_HANDLE);
@@ -250,7 +253,7 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(const ChildOptions &options, s
     OwnedHandle job = options.interrupts == ChildOptions::Interrupts::Own ? MakeJob() : OwnedHandle();
     PROCESS_INFORMATION info{};
     const std::wstring program = FindProgram(options.arguments.front());
-    if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE,
+    if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, givesAny,
                         CREATE_UNICODE_ENVIRONMENT | CREATE_SUSPENDED |
                             (start.lpAttributeList ? EXTENDED_STARTUPINFO_PRESENT : 0) |
                             (ownGroup ? CREATE_NEW_PROCESS_GROUP : 0),

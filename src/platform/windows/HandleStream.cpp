@@ -72,13 +72,17 @@ ptrdiff_t HandleStream::Read(std::span<std::byte> buffer, int timeoutMS)
     const Use use(*this);
     if (!use)
         return kEnd;
+    const ULONGLONG begun = GetTickCount64();
+    int leftMS = timeoutMS;
     DWORD moved = 0;
     DWORD result;
     do {
+        if (timeoutMS > 0)
+            leftMS = std::max(timeoutMS - static_cast<int>(GetTickCount64() - begun), 0);
         OVERLAPPED overlapped{};
         overlapped.hEvent = readDone.Get();
         const DWORD started = readEnd->StartRead(buffer, &overlapped);
-        result = Await(*readEnd, &overlapped, started, timeoutMS, &moved);
+        result = Await(*readEnd, &overlapped, started, leftMS, &moved);
     } while (result == ERROR_SUCCESS && moved == 0 && !buffer.empty() && !readEnd->EndsWithNothing());
     switch (result) {
     case ERROR_SUCCESS:

@@ -35,11 +35,20 @@ std::wstring Whole(std::u16string_view path)
     return whole;
 }
 
+// "X:\" or "\\?\Volume{...}\"
+bool IsRoot(std::u16string_view path)
+{
+    constexpr std::u16string_view kVolume = u"\\\\?\\Volume{";
+    constexpr size_t kGuid = 36;
+    return path.ends_with(u":\\") || path.ends_with(u":/") ||
+           (path.starts_with(kVolume) && path.size() == kVolume.size() + kGuid + 2);
+}
+
 // With a separator behind it, the name of a link isn't the link's own: searches and opens fail, or go through
 // it. A root keeps its separator.
 std::wstring NameOfItself(std::u16string_view path)
 {
-    while (path.size() > 1 && IsEitherSlash(path.back()) && path[path.size() - 2] != u':')
+    while (path.size() > 1 && IsEitherSlash(path.back()) && !IsRoot(path))
         path.remove_suffix(1);
     return {path.begin(), path.end()};
 }
