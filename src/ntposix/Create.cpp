@@ -78,6 +78,7 @@ NTSTATUS FileCreator::RunOnce()
 {
     Place located;
     place = &located;
+    deletionsBefore = DeletionCount();
     information = 0;
     opened = std::make_unique<OpenFile>();
     const bool attributesOnly = IsAttributeOnly(request.access) && !IsOverwriting();
@@ -307,7 +308,15 @@ NTSTATUS FileCreator::CreationStatus(int error)
 NTSTATUS FileCreator::Admit(uint32_t extraAccess)
 {
     opened->object = FileObjectTable::Instance().Acquire(place->facts.key);
-    return opened->object->Admit(*opened, extraAccess, place->facts.links);
+    const NTSTATUS status = opened->object->Admit(*opened, extraAccess, place->facts.links);
+    // Another's close may have deleted the file after it was opened here and before it was admitted.
+    struct stat stat;
+    if (status != STATUS_SUCCESS || DeletionCount() == deletionsBefore ||
+        fstat(opened->fd.Get(), &stat) != 0 || stat.st_nlink != 0)
+        return status;
+    raced = true;
+    Cleanup(*opened);
+    return STATUS_DELETE_PENDING;
 }
 
 // The last step, when nothing but the deletability can fail any more.

@@ -64,6 +64,7 @@ private:
     const NtName &name;
     const CreateRequest &request;
     Place *place = nullptr; // of the running attempt
+    uint64_t deletionsBefore = 0;
     std::unique_ptr<OpenFile> opened;
     uint32_t information = 0;
     bool raced = false; // the file changed under the attempt, which is to be made again

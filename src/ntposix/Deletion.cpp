@@ -8,6 +8,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 
+#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <string_view>
@@ -17,6 +18,8 @@ namespace fodr::ntposix {
 using namespace nt;
 
 namespace {
+
+std::atomic<uint64_t> deletions{0};
 
 // A directory that can't be read is left for the deletion itself to judge.
 bool IsEmptyDirectory(int directory)
@@ -58,6 +61,7 @@ void Delete(const OpenFile &open)
     Link link;
     if (FindLink(open, &link) == STATUS_SUCCESS)
         unlinkat(link.directory.Get(), link.leaf.c_str(), open.IsDirectory() ? AT_REMOVEDIR : 0);
+    ++deletions;
 }
 
 } // namespace
@@ -96,6 +100,11 @@ NTSTATUS SetDisposition(OpenFile &open, bool deleteFile)
     if (deleteFile && open.IsDirectory())
         NotifyDeletePending(open.object->key.device, open.object->key.inode);
     return STATUS_SUCCESS;
+}
+
+uint64_t DeletionCount()
+{
+    return deletions.load();
 }
 
 void Cleanup(OpenFile &open)

@@ -12,6 +12,10 @@ namespace fodr::ntposix {
 // FileDispositionInformation: marks the file for deletion with its last handle, or takes the mark back.
 [[nodiscard]] nt::NTSTATUS SetDisposition(OpenFile &open, bool deleteFile);
 
+// How many files and directories closing handles has deleted so far. Who is admitted to a file's object after
+// the count has changed may have opened a file that is gone.
+[[nodiscard]] uint64_t DeletionCount();
+
 // What closing a handle does, on the closing thread: blocked calls end, locks fall, share modes end, and the
 // file is deleted if it was the last handle of a name that is to go. The descriptor stays for calls that
 // still use it.
