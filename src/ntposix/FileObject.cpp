@@ -24,6 +24,7 @@ NTSTATUS FileObject::Admit(OpenFile &open, uint32_t extraAccess, uint32_t linkCo
         return STATUS_DELETE_PENDING;
     if (!MayShare(open.access | extraAccess, open.share))
         return STATUS_SHARING_VIOLATION;
+    everShared |= !opens.empty();
     opens.push_back(&open);
     Count(open, 1);
     return STATUS_SUCCESS;
@@ -55,6 +56,13 @@ void FileObject::SetDeletePending(const OpenFile &open, bool pending, uint32_t l
     const MutexLock guard(lock);
     manyLinks |= linkCount > 1;
     MarkName(open, pending);
+}
+
+void FileObject::DeleteIfAlone(OpenFile &open)
+{
+    const MutexLock guard(lock);
+    if (!everShared)
+        MarkName(open, true);
 }
 
 bool FileObject::IsDeletePending(const OpenFile &open)

@@ -46,6 +46,8 @@ public:
 
     // Sets or takes back the mark on every open of the same name.
     void SetDeletePending(const OpenFile &open, bool pending, uint32_t linkCount) EXCLUDES(lock);
+    // Marks it if no other open was ever admitted beside this one.
+    void DeleteIfAlone(OpenFile &open) EXCLUDES(lock);
     [[nodiscard]] bool IsDeletePending(const OpenFile &open) EXCLUDES(lock);
 
     // Whether the file is to be deleted under that name.
@@ -84,6 +86,7 @@ private:
     ShareCounts counts GUARDED_BY(lock);
     bool manyLinks GUARDED_BY(lock) = false;  // then a name is told by its path
     bool anyPending GUARDED_BY(lock) = false; // a mark was set; perhaps it is gone again
+    bool everShared GUARDED_BY(lock) = false; // two were open at a time
     uint32_t references = 0;                  // by the lock of the table's shard
 };
 

@@ -110,14 +110,17 @@ NTSTATUS StreamCreator::OpenBase()
     return status;
 }
 
-// A file that was made for a stream that can't be goes again, unless another has made one of it.
+// A file that was made for a stream that can't be goes again, unless others have come to know it: neither an
+// open that was admitted meanwhile nor bytes that were put into it may be lost. The stream leaves before the
+// file whose inode it is known by.
 void StreamCreator::LeaveBase()
 {
-    if (madeBase && !raced && !opened->object)
-        base->object->SetDeletePending(*base, true, 1);
+    FileFacts facts;
+    if (madeBase && !raced && !opened->object && base->Stat(&facts) == 0 && facts.endOfFile == 0)
+        base->object->DeleteIfAlone(*base);
     Cleanup(*base);
-    base.reset();
     opened.reset();
+    base.reset();
 }
 
 NTSTATUS StreamCreator::CheckRights()

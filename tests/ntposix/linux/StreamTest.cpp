@@ -4,12 +4,10 @@
 #include <algorithm>
 #include <sys/mount.h>
 #include <sys/xattr.h>
-#include <thread>
 
 namespace fodr::nt {
 namespace {
 
-constexpr uint32_t kReadWrite = GENERIC_READ | GENERIC_WRITE;
 constexpr uint32_t kDeletable = GENERIC_READ | DELETE_ACCESS;
 
 class Streams : public NtFixture {
@@ -223,6 +221,31 @@ TEST_F(Streams, WritersAtOnceLoseNothing)
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(Attribute("user.DosStream.log:$DATA").size(), kThreads * kEach * 4 + 1u);
+}
+
+// Made for a stream whose name is too long, a file goes again, but not from under who has opened it
+// meanwhile.
+TEST_F(Streams, AFileThatAnotherHasOpenedStays)
+{
+    const std::string tooLong = "new:" + std::string(240, 's');
+    int opened = 0, lost = 0;
+    for (int i = 0; i < 300; ++i) {
+        std::barrier start(2);
+        std::thread maker([&] {
+            start.arrive_and_wait();
+            EXPECT_NE(Open(tooLong, {.disposition = FILE_OPEN_IF}).status, STATUS_SUCCESS);
+        });
+        start.arrive_and_wait();
+        {
+            const NtFile file = Open("new", {.access = kReadWrite, .disposition = FILE_OPEN_IF});
+            maker.join();
+            opened += file.status == STATUS_SUCCESS;
+            lost += file.status == STATUS_SUCCESS && !Exists("new");
+        }
+        std::filesystem::remove(Path("new"));
+    }
+    EXPECT_GT(opened, 0);
+    EXPECT_EQ(lost, 0);
 }
 
 TEST_F(Streams, WhereThereAreNoAttributesThereAreNoStreams)
