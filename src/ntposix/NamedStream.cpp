@@ -163,16 +163,15 @@ int FindStream(int file, std::u16string_view name, bool exact, std::string *attr
     return 0;
 }
 
-int RemoveStreams(int file)
+int RemoveStreams(int file, FileKey key)
 {
-    const std::string path = DescriptorPath(file);
     int error = 0;
     const auto remove = [&](const std::u16string &, const std::string &attribute) {
-        const int failed = ErrorOf(removexattr(path.c_str(), attribute.c_str()));
-        error = failed != 0 && failed != ENODATA ? failed : error;
+        const int failed = NamedStream::Acquire(key, attribute)->Remove(file);
+        error = failed != 0 ? failed : error;
         return false;
     };
-    const int failed = VisitStreams(path, remove);
+    const int failed = VisitStreams(DescriptorPath(file), remove);
     return failed != 0 && failed != ENOTSUP ? failed : error;
 }
 
@@ -216,66 +215,74 @@ std::u16string NamedStream::Name() const
     return name;
 }
 
-int NamedStream::Load(int file)
+int NamedStream::Load(int file, Fd *bytes)
 {
     const MutexLock guard(lock);
-    return present ? 0 : LoadBytes(file);
+    if (state == State::kGone)
+        return ESTALE;
+    if (state == State::kUnknown) {
+        if (const int error = LoadBytes(file); error != 0)
+            return error;
+        state = State::kPresent;
+    }
+    return Duplicate(bytes);
 }
 
 int NamedStream::LoadBytes(int file)
 {
     std::string bytes;
     int error = ReadAttribute(DescriptorPath(file), attribute, &bytes);
-    present = error == 0;
-    if (error != 0)
-        return error;
-    if (!content)
-        content.Reset(memfd_create("stream", MFD_CLOEXEC));
-    error = content ? SetEndOfFile(content.Get(), 0) : errno;
     if (error == 0)
-        error = WriteBytes(content.Get(), bytes);
-    present = error == 0;
+        error = ClearContent();
+    return error == 0 ? WriteBytes(content.Get(), bytes) : error;
+}
+
+// The descriptor comes first: a stream that is stored is one that could be opened.
+int NamedStream::Make(int file, Fd *bytes)
+{
+    const MutexLock guard(lock);
+    if (state != State::kUnknown)
+        return state == State::kPresent ? EEXIST : ESTALE;
+    int error = ClearContent();
+    if (error == 0)
+        error = Duplicate(bytes);
+    if (error == 0)
+        error = Store(file, XATTR_CREATE);
+    if (error == 0)
+        state = State::kPresent;
     return error;
 }
 
-int NamedStream::Make(int file)
+int NamedStream::ClearContent()
 {
-    const MutexLock guard(lock);
-    if (present)
-        return EEXIST;
     if (!content)
         content.Reset(memfd_create("stream", MFD_CLOEXEC));
-    int error = content ? SetEndOfFile(content.Get(), 0) : errno;
-    if (error == 0)
-        error = Store(file, XATTR_CREATE);
-    present = error == 0;
-    return error;
+    return content ? SetEndOfFile(content.Get(), 0) : errno;
+}
+
+int NamedStream::Duplicate(Fd *bytes)
+{
+    bytes->Reset(fcntl(content.Get(), F_DUPFD_CLOEXEC, 0));
+    return *bytes ? 0 : errno;
 }
 
 bool NamedStream::IsPresent()
 {
     const MutexLock guard(lock);
-    return present;
-}
-
-int NamedStream::Duplicate(Fd *bytes)
-{
-    const MutexLock guard(lock);
-    bytes->Reset(fcntl(content.Get(), F_DUPFD_CLOEXEC, 0));
-    return *bytes ? 0 : errno;
+    return state == State::kPresent;
 }
 
 int NamedStream::Change(int file, const std::function<int()> &change)
 {
     const MutexLock guard(lock);
-    if (!present)
-        return ENODATA;
+    if (state != State::kPresent)
+        return ESTALE;
     int error = change();
     if (error == 0)
         error = Store(file, 0);
     // Who has it open goes on with what is stored, if that can be read.
-    if (error != 0 && LoadBytes(file) != 0)
-        present = true;
+    if (error != 0)
+        LoadBytes(file);
     return error;
 }
 
@@ -289,11 +296,18 @@ int NamedStream::Store(int file, int flags)
         setxattr(DescriptorPath(file).c_str(), attribute.c_str(), bytes.data(), bytes.size(), flags));
 }
 
+// The successor must not find the attribute, so it can be made only when that has gone.
 int NamedStream::Remove(int file)
 {
     const MutexLock guard(lock);
-    present = false;
-    return ErrorOf(removexattr(DescriptorPath(file).c_str(), attribute.c_str()));
+    if (state == State::kGone)
+        return 0;
+    state = State::kGone;
+    const int error = ErrorOf(removexattr(DescriptorPath(file).c_str(), attribute.c_str()));
+    Streams &streams = OpenStreams();
+    const MutexLock listGuard(streams.lock);
+    streams.open.erase({{key.device, key.inode}, attribute});
+    return error == ENODATA ? 0 : error;
 }
 
 } // namespace fodr::ntposix

@@ -36,8 +36,8 @@ struct StreamEntry {
 // The attribute of the stream with that name, in another case unless it is to be exact; the one to make it
 // with, and ENODATA, when there is none. EINVAL for what can't name a stream.
 [[nodiscard]] int FindStream(int file, std::u16string_view name, bool exact, std::string *attribute);
-// All of them go, as they do when a file is overwritten.
-[[nodiscard]] int RemoveStreams(int file);
+// All of them go, as they do when a file is overwritten: those that are open as by Remove.
+[[nodiscard]] int RemoveStreams(int file, FileKey key);
 // Whether the file's file system keeps such attributes.
 [[nodiscard]] bool HasStreams(int file);
 
@@ -53,34 +53,39 @@ public:
     NamedStream(const NamedStream &) = delete;
     NamedStream &operator=(const NamedStream &) = delete;
 
-    // The one object of the stream, made when nobody has it open.
+    // The one object of the stream, made when nobody has it open or what is open was removed.
     [[nodiscard]] static std::shared_ptr<NamedStream> Acquire(FileKey file, const std::string &attribute);
 
     std::u16string Name() const;
 
+    // Both give a descriptor of the bytes, for reading and writing. ESTALE when the stream was removed
+    // meanwhile: there may be another by now.
     // ENODATA when there is no such stream.
-    [[nodiscard]] int Load(int file) EXCLUDES(lock);
-    // EEXIST when there is.
-    [[nodiscard]] int Make(int file) EXCLUDES(lock);
+    [[nodiscard]] int Load(int file, Fd *bytes) EXCLUDES(lock);
+    // EEXIST when there is. What fails stores nothing.
+    [[nodiscard]] int Make(int file, Fd *bytes) EXCLUDES(lock);
     // False once it was removed.
     [[nodiscard]] bool IsPresent() EXCLUDES(lock);
-    // A descriptor of the bytes, for reading and writing.
-    [[nodiscard]] int Duplicate(Fd *bytes) EXCLUDES(lock);
 
     // Runs `change`, which changes the bytes, and stores them. When either fails the bytes are again what is
-    // stored.
+    // stored. ESTALE once the stream was removed.
     [[nodiscard]] int Change(int file, const std::function<int()> &change) EXCLUDES(lock);
+    // For good: who still has it open reads what there was. 0 also if it had gone already.
     [[nodiscard]] int Remove(int file) EXCLUDES(lock);
 
 private:
+    enum class State : uint8_t { kUnknown, kPresent, kGone };
+
     int LoadBytes(int file) REQUIRES(lock);
+    int ClearContent() REQUIRES(lock);
+    int Duplicate(Fd *bytes) REQUIRES(lock);
     int Store(int file, int flags) REQUIRES(lock);
 
     const FileKey key;
     const std::string attribute;
     Mutex lock;
     Fd content GUARDED_BY(lock);
-    bool present GUARDED_BY(lock) = false;
+    State state GUARDED_BY(lock) = State::kUnknown;
 };
 
 } // namespace fodr::ntposix

@@ -32,6 +32,8 @@ bool MayCreate(uint32_t disposition)
 // A file system without attributes answers as one without streams does.
 NTSTATUS StatusOfStreamError(int error)
 {
+    if (error == ESTALE)
+        return STATUS_DELETE_PENDING;
     return error == ENOTSUP || error == EINVAL ? STATUS_OBJECT_NAME_INVALID : StatusOfErrno(error);
 }
 
@@ -151,7 +153,7 @@ NTSTATUS StreamCreator::FindOrMake()
     if (error != 0 && error != ENODATA)
         return StatusOfStreamError(error);
     opened->stream = NamedStream::Acquire(base->object->key, attribute);
-    error = opened->stream->Load(file);
+    error = opened->stream->Load(file, &opened->fd);
     if (error == 0) {
         information = request.disposition == FILE_CREATE ? FILE_EXISTS : FILE_OPENED;
         return information == FILE_EXISTS ? STATUS_OBJECT_NAME_COLLISION : STATUS_SUCCESS;
@@ -161,8 +163,8 @@ NTSTATUS StreamCreator::FindOrMake()
         return STATUS_OBJECT_NAME_NOT_FOUND;
     }
     if (error == ENODATA)
-        error = opened->stream->Make(file);
-    raced = error == EEXIST;
+        error = opened->stream->Make(file, &opened->fd);
+    raced = error == EEXIST || error == ESTALE;
     information = FILE_CREATED;
     return error == 0 ? STATUS_SUCCESS : StatusOfStreamError(error);
 }
@@ -170,10 +172,7 @@ NTSTATUS StreamCreator::FindOrMake()
 NTSTATUS StreamCreator::Admit()
 {
     FileFacts bytes;
-    int error = opened->stream->Duplicate(&opened->fd);
-    if (error == 0)
-        error = StatDescriptor(opened->fd.Get(), &bytes);
-    if (error != 0)
+    if (const int error = StatDescriptor(opened->fd.Get(), &bytes); error != 0)
         return StatusOfErrno(error);
     opened->kind = FileKind::kFile;
     opened->dataFd = true;
@@ -191,8 +190,9 @@ NTSTATUS StreamCreator::Overwrite()
 {
     const int fd = opened->fd.Get();
     const int error = opened->stream->Change(opened->File().fd.Get(), [fd] { return SetEndOfFile(fd, 0); });
+    raced = error == ESTALE;
     information = request.disposition == FILE_SUPERSEDE ? FILE_SUPERSEDED : FILE_OVERWRITTEN;
-    return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error);
+    return error == 0 ? STATUS_SUCCESS : StatusOfStreamError(error);
 }
 
 } // namespace fodr::ntposix

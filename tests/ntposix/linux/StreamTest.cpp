@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/xattr.h>
 
 namespace fodr::nt {
@@ -192,9 +193,16 @@ TEST_F(Streams, AnOverwrittenFileLosesThemAndOthersSeeThem)
     EXPECT_FALSE(GetFileAttributes(NtPath("file:none").c_str(), &attributes));
     EXPECT_EQ(setxattr(Path("file").c_str(), "user.DosStream.hand:$DATA", "made", 4, 0), 0); // without a zero
     EXPECT_EQ(ReadAt(Open("file:hand"), 0, 10).text, "made");
+    NtFile held = Open("file:old", {.access = kReadWrite | DELETE_ACCESS});
     EXPECT_EQ(Open("file", {.access = kReadWrite, .disposition = FILE_OVERWRITE}).status, STATUS_SUCCESS);
     EXPECT_EQ(Listed(Open("file")), std::vector<std::string>{"::$DATA 0"});
     EXPECT_EQ(Open("file:old").status, STATUS_OBJECT_NAME_NOT_FOUND);
+    // Who has it open can't bring it back, nor take its successor away.
+    EXPECT_EQ(WriteAt(held, 0, "x").status, STATUS_FILE_CLOSED);
+    EXPECT_EQ(Open("file:old", {.disposition = FILE_CREATE, .share = 0}).status, STATUS_SUCCESS);
+    EXPECT_EQ(Delete(held), STATUS_SUCCESS);
+    EXPECT_EQ(held.Close(), STATUS_SUCCESS);
+    EXPECT_EQ(ReadAt(Open("file:old"), 0, 10).status, STATUS_END_OF_FILE);
     struct {
         FILE_FS_ATTRIBUTE_INFORMATION record;
         char16_t rest[8];
@@ -221,6 +229,48 @@ TEST_F(Streams, WritersAtOnceLoseNothing)
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(Attribute("user.DosStream.log:$DATA").size(), kThreads * kEach * 4 + 1u);
+}
+
+TEST_F(Streams, OneThatCantBeOpenedIsntMade)
+{
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(Open("file:warm", {.disposition = FILE_CREATE}).status, STATUS_SUCCESS);
+    const auto used = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}) - 1;
+    for (rlim_t room = 0; room < 6; ++room) {
+        SCOPED_TRACE(room);
+        const rlimit small{static_cast<rlim_t>(used) + room, before.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &small), 0);
+        const NtFile stream = Open("file:s" + std::to_string(room), {.disposition = FILE_CREATE});
+        EXPECT_EQ(stream.status, STATUS_SUCCESS); // with a raised limit
+        EXPECT_EQ(stream.information, FILE_CREATED);
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    }
+}
+
+// A create that is refused while the stream is being deleted leaves none behind.
+TEST_F(Streams, ARefusedCreateMakesNothing)
+{
+    int left = 0;
+    for (int i = 0; i < 1000; ++i) {
+        NtFile doomed = Open(
+            "file:s", {.access = kDeletable, .disposition = FILE_OPEN_IF, .options = FILE_DELETE_ON_CLOSE});
+        ASSERT_EQ(doomed.status, STATUS_SUCCESS);
+        std::barrier start(2);
+        std::thread closer([&] {
+            start.arrive_and_wait();
+            doomed.Close();
+        });
+        start.arrive_and_wait();
+        NTSTATUS status = STATUS_DELETE_PENDING;
+        for (int attempt = 0; attempt < 3 && status != STATUS_SUCCESS; ++attempt)
+            status = Open("file:s", {.disposition = FILE_CREATE}).status;
+        closer.join();
+        const bool present = Attribute("user.DosStream.s:$DATA") != "none";
+        left += present != (status == STATUS_SUCCESS);
+        removexattr(Path("file").c_str(), "user.DosStream.s:$DATA");
+    }
+    EXPECT_EQ(left, 0);
 }
 
 // Made for a stream whose name is too long, a file goes again, but not from under who has opened it
