@@ -43,20 +43,21 @@ int ErrorOf(ssize_t result)
     return errno == ERANGE ? ENAMETOOLONG : errno;
 }
 
-// Asks for the length first; what grows in between is asked for again.
+// Asks for the length first; what grows in between is asked for again, though not forever.
 template <typename Call> int ReadWhole(std::string *value, Call call)
 {
-    for (;;) {
+    for (int attempt = 0; attempt < 16; ++attempt) {
         const ssize_t length = call(nullptr, 0);
         if (length < 0)
-            return errno;
+            return ErrorOf(length);
         value->resize(static_cast<size_t>(length));
         const ssize_t got = length == 0 ? 0 : call(value->data(), value->size());
         if (got < 0 && errno == ERANGE)
             continue;
         value->resize(got < 0 ? 0 : static_cast<size_t>(got));
-        return got < 0 ? errno : 0;
+        return ErrorOf(got);
     }
+    return EIO;
 }
 
 bool NameOfAttribute(std::string_view attribute, std::u16string *name)

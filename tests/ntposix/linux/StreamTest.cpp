@@ -84,6 +84,9 @@ TEST_F(Streams, DispositionsAreThoseOfFiles)
             EXPECT_EQ(ReadAt(stream, 0, 10).text, test.content);
         }
     }
+    for (const uint32_t disposition : {FILE_OPEN, FILE_CREATE, FILE_OVERWRITE_IF})
+        EXPECT_EQ(Open("file:" + std::string(240, 'n'), {.disposition = disposition}).status,
+                  STATUS_NAME_TOO_LONG);
     EXPECT_EQ(Open("file:d", {.disposition = FILE_CREATE, .options = FILE_DIRECTORY_FILE}).status,
               STATUS_INVALID_PARAMETER);
     const NtFile made = Open("new");
