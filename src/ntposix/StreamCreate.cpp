@@ -89,12 +89,15 @@ NTSTATUS StreamCreator::RunOnce()
     } else if (information == FILE_OPENED && IsOverwriting(request.disposition)) {
         status = Overwrite();
     }
+    if (status == STATUS_SUCCESS && madeBase && request.attributes & FILE_ATTRIBUTE_READONLY)
+        MakeBaseReadOnly();
     if (status != STATUS_SUCCESS)
         Cleanup(*opened);
     return status;
 }
 
-// For its attributes, which no share mode of others forbids.
+// For its attributes, which no share mode of others forbids. A new file takes its stream before it becomes
+// read-only.
 NTSTATUS StreamCreator::OpenBase()
 {
     const bool mayCreate = MayCreate(request.disposition);
@@ -102,7 +105,7 @@ NTSTATUS StreamCreator::OpenBase()
                                .share = kShareAll,
                                .disposition = mayCreate ? FILE_OPEN_IF : FILE_OPEN,
                                .options = request.options & FILE_OPEN_REPARSE_POINT,
-                               .attributes = request.attributes,
+                               .attributes = request.attributes & ~FILE_ATTRIBUTE_READONLY,
                                .exactName = request.exactName};
     const NtName fileName = name.OfFile();
     FileCreator creator(fileName, ofFile);
@@ -110,6 +113,14 @@ NTSTATUS StreamCreator::OpenBase()
     madeBase = status == STATUS_SUCCESS && creator.Information() == FILE_CREATED;
     information = creator.Information() == FILE_DOES_NOT_EXIST ? FILE_DOES_NOT_EXIST : 0;
     return status;
+}
+
+// Where its file system can.
+void StreamCreator::MakeBaseReadOnly()
+{
+    FileFacts facts;
+    if (StatDescriptor(opened->base->fd.Get(), &facts) == 0)
+        fchmod(opened->base->fd.Get(), facts.mode & 07777 & ~static_cast<mode_t>(0222));
 }
 
 // A file that was made for a stream that can't be goes again, unless others have come to know it: neither an

@@ -20,6 +20,7 @@ private:
     nt::NTSTATUS RunOnce();
     nt::NTSTATUS OpenBase();
     void LeaveBase();
+    void MakeBaseReadOnly();
     nt::NTSTATUS FindOrMake();
     nt::NTSTATUS CheckRights();
     nt::NTSTATUS Admit();

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <sys/fsuid.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/xattr.h>
@@ -188,6 +189,21 @@ TEST_F(Streams, ShareModesAndRightsAreTheStreamsOwn)
               STATUS_ACCESS_DENIED);
     EXPECT_EQ(Open("file:other", {.access = kDeletable, .options = FILE_DELETE_ON_CLOSE}).status,
               STATUS_CANNOT_DELETE);
+}
+
+// As somebody whom permissions bind.
+TEST_F(Streams, ANewFileBecomesReadOnlyWhenItHasItsStream)
+{
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(Path("").c_str(), 65534, 65534), 0);
+        setfsuid(65534);
+    }
+    const NtFile stream = Open(
+        "new:s", {.access = kReadWrite, .disposition = FILE_CREATE, .attributes = FILE_ATTRIBUTE_READONLY});
+    EXPECT_EQ(stream.status, STATUS_SUCCESS);
+    EXPECT_EQ(Open("new", {.access = kReadWrite}).status, STATUS_ACCESS_DENIED);
+    EXPECT_EQ(Listed(Open("new")), (std::vector<std::string>{"::$DATA 0", ":s:$DATA 0"}));
+    setfsuid(geteuid());
 }
 
 TEST_F(Streams, AnOverwrittenFileLosesThemAndOthersSeeThem)
