@@ -212,9 +212,10 @@ int FileCreator::TryOpen(int flags)
 
 NTSTATUS FileCreator::Overwrite()
 {
-    int error = SetEndOfFile(opened->fd.Get(), 0);
+    // What may fail comes before the content is lost.
+    int error = RemoveStreams(opened->fd.Get(), opened->object->key);
     if (error == 0)
-        error = RemoveStreams(opened->fd.Get(), opened->object->key);
+        error = SetEndOfFile(opened->fd.Get(), 0);
     if (error == 0 && request.allocation > 0)
         error = AllocateSpace(opened->fd.Get(), request.allocation);
     if (error == 0 && request.attributes & FILE_ATTRIBUTE_READONLY)

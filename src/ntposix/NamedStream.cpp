@@ -166,14 +166,16 @@ int FindStream(int file, std::u16string_view name, bool exact, std::string *attr
 
 int RemoveStreams(int file, FileKey key)
 {
+    // Where a list can't be had, there are none to tell of.
+    if (flistxattr(file, nullptr, 0) <= 0)
+        return 0;
     int error = 0;
     const auto remove = [&](const std::u16string &, const std::string &attribute) {
         const int failed = NamedStream::Acquire(key, attribute)->Remove(file);
         error = failed != 0 ? failed : error;
         return false;
     };
-    const int failed = VisitStreams(DescriptorPath(file), remove);
-    return failed != 0 && failed != ENOTSUP ? failed : error;
+    return VisitStreams(DescriptorPath(file), remove) == 0 ? error : 0;
 }
 
 bool HasStreams(int file)

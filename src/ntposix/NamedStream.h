@@ -36,7 +36,8 @@ struct StreamEntry {
 // The attribute of the stream with that name, in another case unless it is to be exact; the one to make it
 // with, and ENODATA, when there is none. EINVAL for what can't name a stream.
 [[nodiscard]] int FindStream(int file, std::u16string_view name, bool exact, std::string *attribute);
-// All of them go, as they do when a file is overwritten: those that are open as by Remove.
+// All of them go, as they do when a file is overwritten: those that are open as by Remove. `file` isn't
+// O_PATH. It is no error when they can't be listed.
 [[nodiscard]] int RemoveStreams(int file, FileKey key);
 // Whether the file's file system keeps such attributes.
 [[nodiscard]] bool HasStreams(int file);
