@@ -33,6 +33,7 @@ public:
 
     const FileKey key;
     LockTable locks;
+    Mutex makingStream; // held across the calls that look for a named stream and make it
 
     // Admits an open: STATUS_SHARING_VIOLATION, STATUS_DELETE_PENDING or success. `extraAccess` are rights
     // that the create itself uses (an overwrite writes) and that aren't granted. `linkCount` is the file's.

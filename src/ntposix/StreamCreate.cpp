@@ -32,6 +32,8 @@ bool MayCreate(uint32_t disposition)
 // A file system without attributes answers as one without streams does.
 NTSTATUS StatusOfStreamError(int error)
 {
+    if (error == 0)
+        return STATUS_SUCCESS;
     if (error == ESTALE)
         return STATUS_DELETE_PENDING;
     return error == ENOTSUP || error == EINVAL ? STATUS_OBJECT_NAME_INVALID : StatusOfErrno(error);
@@ -158,26 +160,36 @@ NTSTATUS StreamCreator::CheckRights()
 
 NTSTATUS StreamCreator::FindOrMake()
 {
-    const int file = base->fd.Get();
-    std::string attribute;
-    int error = FindStream(file, name.Stream(), request.exactName, &attribute);
-    if (error != 0 && error != ENODATA)
-        return StatusOfStreamError(error);
-    opened->stream = NamedStream::Acquire(base->object->key, attribute);
-    error = opened->stream->Load(file, &opened->fd);
-    if (error == 0) {
-        information = request.disposition == FILE_CREATE ? FILE_EXISTS : FILE_OPENED;
-        return information == FILE_EXISTS ? STATUS_OBJECT_NAME_COLLISION : STATUS_SUCCESS;
+    if (!MayCreate(request.disposition)) {
+        const int error = Find();
+        information = error == ENODATA ? FILE_DOES_NOT_EXIST : FILE_OPENED;
+        return error == ENODATA ? STATUS_OBJECT_NAME_NOT_FOUND : StatusOfStreamError(error);
     }
-    if (error == ENODATA && !MayCreate(request.disposition)) {
-        information = FILE_DOES_NOT_EXIST;
-        return STATUS_OBJECT_NAME_NOT_FOUND;
+    // Names that differ in case are one, but not to the attributes: else two could be made at once.
+    const MutexLock guard(base->object->makingStream);
+    int error = Find();
+    if (error == 0 && request.disposition == FILE_CREATE) {
+        information = FILE_EXISTS;
+        return STATUS_OBJECT_NAME_COLLISION;
     }
+    information = error == 0 ? FILE_OPENED : FILE_CREATED;
     if (error == ENODATA)
-        error = opened->stream->Make(file, &opened->fd);
+        error = opened->stream->Make(base->fd.Get(), &opened->fd);
     raced = error == EEXIST || error == ESTALE;
-    information = FILE_CREATED;
-    return error == 0 ? STATUS_SUCCESS : StatusOfStreamError(error);
+    return StatusOfStreamError(error);
+}
+
+// 0 or an errno: ENODATA when it can be made.
+int StreamCreator::Find()
+{
+    std::string attribute;
+    int error = FindStream(base->fd.Get(), name.Stream(), request.exactName, &attribute);
+    if (error != 0 && error != ENODATA)
+        return error;
+    opened->stream = NamedStream::Acquire(base->object->key, attribute);
+    error = opened->stream->Load(base->fd.Get(), &opened->fd);
+    raced = error == ESTALE;
+    return error;
 }
 
 NTSTATUS StreamCreator::Admit()
@@ -203,7 +215,7 @@ NTSTATUS StreamCreator::Overwrite()
     const int error = opened->stream->Change(opened->File().fd.Get(), [fd] { return SetEndOfFile(fd, 0); });
     raced = error == ESTALE;
     information = request.disposition == FILE_SUPERSEDE ? FILE_SUPERSEDED : FILE_OVERWRITTEN;
-    return error == 0 ? STATUS_SUCCESS : StatusOfStreamError(error);
+    return StatusOfStreamError(error);
 }
 
 } // namespace fodr::ntposix

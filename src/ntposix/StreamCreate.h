@@ -22,6 +22,7 @@ private:
     void LeaveBase();
     void MakeBaseReadOnly();
     nt::NTSTATUS FindOrMake();
+    int Find();
     nt::NTSTATUS CheckRights();
     nt::NTSTATUS Admit();
     nt::NTSTATUS Overwrite();

@@ -268,6 +268,25 @@ TEST_F(Streams, OneThatCantBeOpenedIsntMade)
     }
 }
 
+TEST_F(Streams, OfTwoCasesAtOnceOneIsMade)
+{
+    int made = 0;
+    constexpr int kRounds = 300;
+    for (int i = 0; i < kRounds; ++i) {
+        std::barrier start(2);
+        const auto create = [&](const char *name) {
+            start.arrive_and_wait();
+            return Open(name, {.disposition = FILE_CREATE}).status == STATUS_SUCCESS;
+        };
+        std::future<bool> other = std::async(std::launch::async, create, "file:abc");
+        made += create("file:ABC");
+        made += other.get();
+        removexattr(Path("file").c_str(), "user.DosStream.abc:$DATA");
+        removexattr(Path("file").c_str(), "user.DosStream.ABC:$DATA");
+    }
+    EXPECT_EQ(made, kRounds);
+}
+
 // A create that is refused while the stream is being deleted leaves none behind.
 TEST_F(Streams, ARefusedCreateMakesNothing)
 {
