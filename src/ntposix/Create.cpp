@@ -2,7 +2,6 @@
 
 #include "ntposix/Access.h"
 #include "ntposix/Deletion.h"
-#include "ntposix/DescriptorLimit.h"
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/FileObjectTable.h"
 #include "ntposix/FileSize.h"
@@ -21,7 +20,6 @@ using namespace nt;
 
 namespace {
 
-constexpr int kAttempts = 16;
 constexpr uint32_t kSynchronous = FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT;
 constexpr uint32_t kValidOptions = 0x00FFFFFF;
 constexpr uint32_t kValidAttributes = 0x00007FB7;
@@ -58,20 +56,7 @@ NTSTATUS FileCreator::Run(std::unique_ptr<OpenFile> *file)
 {
     if (!name.Stream().empty() || request.options & FILE_OPEN_BY_FILE_ID)
         return request.options & FILE_OPEN_BY_FILE_ID ? STATUS_NOT_SUPPORTED : STATUS_OBJECT_NAME_INVALID;
-    NTSTATUS status = STATUS_SHARING_VIOLATION;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        raced = false;
-        status = RunOnce();
-        if (status == STATUS_TOO_MANY_OPENED_FILES && RaiseDescriptorLimit())
-            continue;
-        if (!raced)
-            break;
-    }
-    if (status == STATUS_SUCCESS)
-        *file = std::move(opened);
-    else if (information != FILE_EXISTS && information != FILE_DOES_NOT_EXIST)
-        information = 0;
-    return status;
+    return RunAttempts(file);
 }
 
 NTSTATUS FileCreator::RunOnce()
@@ -79,7 +64,6 @@ NTSTATUS FileCreator::RunOnce()
     Place located;
     place = &located;
     deletionsBefore = DeletionCount();
-    information = 0;
     opened = std::make_unique<OpenFile>();
     const bool attributesOnly = IsAttributeOnly(request.access) && !IsOverwriting();
     const bool ofLink = (request.options & FILE_OPEN_REPARSE_POINT) != 0;
@@ -332,17 +316,6 @@ NTSTATUS FileCreator::Finish()
     }
     opened->deleteOnClose = true;
     return STATUS_SUCCESS;
-}
-
-bool FileCreator::IsOverwriting() const
-{
-    return request.disposition == FILE_SUPERSEDE || request.disposition == FILE_OVERWRITE ||
-           request.disposition == FILE_OVERWRITE_IF;
-}
-
-bool FileCreator::MayCreate() const
-{
-    return request.disposition != FILE_OPEN && request.disposition != FILE_OVERWRITE;
 }
 
 bool FileCreator::WantsWriting() const

@@ -2,7 +2,6 @@
 
 #include "ntposix/Access.h"
 #include "ntposix/Deletion.h"
-#include "ntposix/DescriptorLimit.h"
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/FileObjectTable.h"
 #include "ntposix/FileSize.h"
@@ -16,18 +15,7 @@ using namespace nt;
 
 namespace {
 
-constexpr int kAttempts = 16;
 constexpr uint32_t kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-
-bool IsOverwriting(uint32_t disposition)
-{
-    return disposition == FILE_SUPERSEDE || disposition == FILE_OVERWRITE || disposition == FILE_OVERWRITE_IF;
-}
-
-bool MayCreate(uint32_t disposition)
-{
-    return disposition != FILE_OPEN && disposition != FILE_OVERWRITE;
-}
 
 // A file system without attributes answers as one without streams does.
 NTSTATUS StatusOfStreamError(int error)
@@ -49,21 +37,7 @@ NTSTATUS StreamCreator::Run(std::unique_ptr<OpenFile> *file)
         return STATUS_OBJECT_NAME_INVALID;
     if (request.options & FILE_DIRECTORY_FILE)
         return STATUS_INVALID_PARAMETER;
-    NTSTATUS status = STATUS_SHARING_VIOLATION;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        raced = false;
-        information = 0;
-        status = RunOnce();
-        if (status == STATUS_TOO_MANY_OPENED_FILES && RaiseDescriptorLimit())
-            continue;
-        if (!raced)
-            break;
-    }
-    if (status == STATUS_SUCCESS)
-        *file = std::move(opened);
-    else if (information != FILE_EXISTS && information != FILE_DOES_NOT_EXIST)
-        information = 0;
-    return status;
+    return RunAttempts(file);
 }
 
 NTSTATUS StreamCreator::RunOnce()
@@ -88,7 +62,7 @@ NTSTATUS StreamCreator::RunOnce()
         raced = true; // its last handle took it away
         opened->deleteOnClose = false;
         status = STATUS_DELETE_PENDING;
-    } else if (information == FILE_OPENED && IsOverwriting(request.disposition)) {
+    } else if (information == FILE_OPENED && IsOverwriting()) {
         status = Overwrite();
     }
     if (status == STATUS_SUCCESS && madeBase && request.attributes & FILE_ATTRIBUTE_READONLY)
@@ -102,7 +76,7 @@ NTSTATUS StreamCreator::RunOnce()
 // read-only.
 NTSTATUS StreamCreator::OpenBase()
 {
-    const bool mayCreate = MayCreate(request.disposition);
+    const bool mayCreate = MayCreate();
     const CreateRequest ofFile{.access = FILE_READ_ATTRIBUTES | SYNCHRONIZE,
                                .share = kShareAll,
                                .disposition = mayCreate ? FILE_OPEN_IF : FILE_OPEN,
@@ -143,13 +117,12 @@ NTSTATUS StreamCreator::CheckRights()
     FileFacts facts;
     if (const int error = base->Stat(&facts); error != 0)
         return StatusOfErrno(error);
-    const uint32_t disposition = request.disposition;
     const bool readOnly = (facts.attributes & FILE_ATTRIBUTE_READONLY) != 0 && !madeBase;
     const bool deletes = (request.options & FILE_DELETE_ON_CLOSE) != 0;
     if (readOnly && deletes)
         return STATUS_CANNOT_DELETE;
     const bool mayWrite = !readOnly && MayWrite(base->fd.Get());
-    const bool writes = (request.access & kWriteRights) != 0 || IsOverwriting(disposition) || deletes;
+    const bool writes = (request.access & kWriteRights) != 0 || IsOverwriting() || deletes;
     if (writes && !mayWrite)
         return STATUS_ACCESS_DENIED;
     opened->access = request.access & ~MAXIMUM_ALLOWED;
@@ -160,7 +133,7 @@ NTSTATUS StreamCreator::CheckRights()
 
 NTSTATUS StreamCreator::FindOrMake()
 {
-    if (!MayCreate(request.disposition)) {
+    if (!MayCreate()) {
         const int error = Find();
         information = error == ENODATA ? FILE_DOES_NOT_EXIST : FILE_OPENED;
         return error == ENODATA ? STATUS_OBJECT_NAME_NOT_FOUND : StatusOfStreamError(error);
@@ -205,7 +178,7 @@ NTSTATUS StreamCreator::Admit()
     opened->exactName = request.exactName;
     opened->mode = request.options & kModeOptions;
     opened->object = FileObjectTable::Instance().Acquire(bytes.key);
-    const bool overwrites = information == FILE_OPENED && IsOverwriting(request.disposition);
+    const bool overwrites = information == FILE_OPENED && IsOverwriting();
     return opened->object->Admit(*opened, overwrites ? FILE_WRITE_DATA : 0, 1);
 }
 

@@ -6,18 +6,17 @@
 
 namespace fodr::ntposix {
 
-class StreamCreator {
+class StreamCreator final : public Creator {
 public:
     StreamCreator(const NtName &streamName, const CreateRequest &createRequest)
-        : name(streamName), request(createRequest)
+        : Creator(streamName, createRequest)
     {}
 
     // As FileCreator's. The file that a new stream belongs to is made where it is missing.
     [[nodiscard]] nt::NTSTATUS Run(std::unique_ptr<OpenFile> *file);
-    uint32_t Information() const { return information; }
 
 private:
-    nt::NTSTATUS RunOnce();
+    nt::NTSTATUS RunOnce() override;
     nt::NTSTATUS OpenBase();
     void LeaveBase();
     void MakeBaseReadOnly();
@@ -27,13 +26,8 @@ private:
     nt::NTSTATUS Admit();
     nt::NTSTATUS Overwrite();
 
-    const NtName &name;
-    const CreateRequest &request;
     std::unique_ptr<OpenFile> base; // of the running attempt, as is what follows
     bool madeBase = false;
-    std::unique_ptr<OpenFile> opened;
-    uint32_t information = 0;
-    bool raced = false;
 };
 
 } // namespace fodr::ntposix
