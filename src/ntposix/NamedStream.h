@@ -2,8 +2,9 @@
 // "user.DosStream.NAME:$DATA" with one zero byte at the end, as other file servers keep it.
 //
 // While it is open its bytes are in an anonymous file that all of its opens share, so that reading, sizes,
-// locks and share modes are a file's. A change is stored before the call that makes it returns. What another
-// program makes of the attribute meanwhile is seen when the stream is opened next and nobody has it open.
+// locks and share modes are a file's. A change is stored before the call that makes it returns; until then
+// others may read what is refused and taken back. What another program makes of the attribute meanwhile is
+// seen when the stream is opened next and nobody has it open.
 //
 // `file` is always a descriptor of the file that the stream belongs to, O_PATH or not. Results are 0 or an
 // errno. Any thread; the lock is held across the calls that read or store the attribute, so that what is
