@@ -20,10 +20,11 @@ RecentNames::ToldPtr RecentNames::Recall(Clock::time_point now, Clock::duration 
     told = nullptr;
     const bool often = now - lastLookup < span;
     lastLookup = now;
-    *ask = welcome && often && !asking && now - lastAsked >= pause;
+    const bool worth = uses >= kWorthAsking; // the last time
+    *ask = welcome && often && !asking && now - lastAsked >= (worth ? span : pause);
     if (*ask) {
-        pause = uses.exchange(0) >= kWorthAsking ? span
-                                                 : std::min(2 * std::max(pause, span), kLongestPause * span);
+        pause = worth ? span : std::min(2 * std::max(pause, span), kLongestPause * span);
+        uses = 0;
         asking = true;
         lastAsked = now;
     }

@@ -87,6 +87,7 @@ TEST_F(RecentNamesTest, ThatServeFewLookupsAreAskedForMoreAndMoreSeldom)
             asked.push_back(at);
         ASSERT_LT(at, 400);
     }
+    EXPECT_EQ(300, asked.back()); // what has served is asked for again at once
     Answer(asked.back());
     for (int i = 0; i < 4; ++i)
         names.NoteUse();
