@@ -147,7 +147,7 @@ private:
     // FileSystemOpen.cpp
     uint64_t KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
                       int flags);
-    Task<IoResult> OpenAt(Place place, RemoteShare::CreateCall open);
+    Task<IoResult> OpenAt(const Place &place, const RemoteShare::CreateCall &open); // which outlive the wait
     Task<IoResult> OpenNode(NodePtr node, RemoteShare::CreateCall open, Place *place);
     Task<IoResult> OpenToRead(NodePtr node, RemoteShare::CreateCall open, Place *place, FileFacts *facts);
     void PrimeReading(const OpenFilePtr &file);

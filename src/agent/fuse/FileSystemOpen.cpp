@@ -68,7 +68,7 @@ void FileSystem::CloseLater(const NodePtr &node, const std::shared_ptr<RemoteSha
 }
 
 // Its time tells how much data has to be on its way.
-Task<IoResult> FileSystem::OpenAt(Place place, RemoteShare::CreateCall open)
+Task<IoResult> FileSystem::OpenAt(const Place &place, const RemoteShare::CreateCall &open)
 {
     const auto begun = TransferWindow::Clock::now();
     const bool alone = readWindow.InFlight() == 0 && writeWindow.InFlight() == 0;

@@ -14,10 +14,11 @@ constexpr int kLongestPause = 64;    // spans
 RecentNames::ToldPtr RecentNames::Recall(Clock::time_point now, Clock::duration span, bool *ask)
 {
     const bool welcome = std::exchange(*ask, false);
+    ToldPtr old; // let go outside the lock
     const transport::MutexLock held(lock);
     if (told && now - told->asked < span)
         return told;
-    told = nullptr;
+    old = std::move(told);
     const bool often = now - lastLookup < span;
     lastLookup = now;
     const bool worth = uses >= kWorthAsking; // the last time
