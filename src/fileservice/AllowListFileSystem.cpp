@@ -205,8 +205,8 @@ NTSTATUS AllowListFileSystem::RedirectedDeviceIoControlFile(uint32_t fileId, IO_
                                                             uint32_t inputLength, void *output,
                                                             uint32_t outputLength)
 {
-    // Some controls list a directory, others change it.
-    if (StateOf(fileId) != RootState::NotOpen)
+    // Some controls list a directory, others change it; this one tells of the host alone.
+    if (controlCode != FSCTL_FODR_QUERY_HOST && StateOf(fileId) != RootState::NotOpen)
         return Refuse(ioStatus, STATUS_INVALID_DEVICE_REQUEST);
     return FileSystemImpl::RedirectedDeviceIoControlFile(fileId, ioStatus, controlCode, input, inputLength,
                                                          output, outputLength);

@@ -140,6 +140,7 @@ bool DirectoryScan::FactsOf(const char *name, unsigned char type, FileFacts *fac
     if (error != 0 &&
         type == DT_DIR) // in a directory that may be read but not searched, names are all there is
         facts->attributes = nt::FILE_ATTRIBUTE_DIRECTORY;
+    ResolveId(rootDevice, facts);
     if (facts->kind == FileKind::kLink)
         facts->endOfFile = facts->allocation = 0;
     facts->attributes = CompleteAttributes(facts->attributes | HiddenByName(name));

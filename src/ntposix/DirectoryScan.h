@@ -6,8 +6,10 @@
 #include "ntposix/NamePattern.h"
 #include "platform/NtStatus.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace fodr::ntposix {
 
@@ -22,8 +24,11 @@ public:
         std::u16string_view pattern; // empty: none given
     };
 
-    // Readable and borrowed; its read position moves.
-    explicit DirectoryScan(int directoryFd) : directory(directoryFd), reader(directoryFd) {}
+    // The descriptor is readable and borrowed; its read position moves. The device is that of the share's
+    // root, see ResolveId.
+    DirectoryScan(int directoryFd, std::optional<dev_t> deviceOfRoot)
+        : directory(directoryFd), rootDevice(deviceOfRoot), reader(directoryFd)
+    {}
 
     // Appends entries from where the last call stopped. Success means that there is one at least.
     nt::NTSTATUS Continue(const Query &query);
@@ -41,6 +46,7 @@ private:
     bool FactsOf(const char *name, unsigned char type, FileFacts *facts) const;
 
     const int directory;
+    const std::optional<dev_t> rootDevice;
     DirectoryReader reader;
     NamePattern pattern;
     Stage stage = Stage::Self;

@@ -55,7 +55,6 @@ public:
         return isThere ? LoadLittle<T>(bytes.data() + kCompletionData + dataOffset) : T{};
     }
 
-private:
     Bytes bytes = Bytes(kMinCompletionSize);
 };
 

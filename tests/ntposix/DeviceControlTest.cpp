@@ -61,6 +61,7 @@ TEST_F(DeviceControl, AnswersWhatItKnowsAndRefusesTheRest)
         {FSCTL_SET_COMPRESSION, {0, 0}, 0, kReadWrite, STATUS_SUCCESS},
         {FSCTL_SET_COMPRESSION, {1, 0}, 0, kReadWrite, STATUS_INVALID_DEVICE_REQUEST},
         {FSCTL_SET_COMPRESSION, {0}, 0, kReadWrite, STATUS_INVALID_PARAMETER},
+        {FSCTL_FODR_QUERY_HOST, {}, 7, kReadWrite, STATUS_BUFFER_TOO_SMALL},
         {0x900A4 /* set reparse point */, {}, 0, kReadWrite, STATUS_INVALID_DEVICE_REQUEST},
         {0, {}, 0, kReadWrite, STATUS_INVALID_DEVICE_REQUEST},
     };

@@ -74,6 +74,15 @@ inline FILE_BASIC_INFORMATION BasicOf(HANDLE file)
     return Told<FILE_BASIC_INFORMATION>(file, FileBasicInformation);
 }
 
+// The inode number's part of a file's id.
+constexpr uint64_t kInodeBits = (uint64_t{1} << 48) - 1;
+
+inline uint64_t IdOf(HANDLE file)
+{
+    const auto told = Told<FILE_INTERNAL_INFORMATION>(file, FileInternalInformation);
+    return static_cast<uint64_t>(told.IndexNumber);
+}
+
 template <typename Record> NTSTATUS Set(HANDLE file, uint32_t infoClass, const Record &record)
 {
     IO_STATUS_BLOCK io{};
