@@ -50,17 +50,18 @@ bool IsFolder(int directory, const DirectoryReader::Entry &entry)
 }
 
 // Whether the folder below a watch holds anything; its folders are appended to `pending`. A folder that is
-// gone or closed to us has nothing to see.
-bool ReadFolder(const ChangeWatch &watch, const std::string &path, std::vector<std::string> *pending)
+// gone or closed to us has nothing to see; `error` is what else keeps it from being read.
+bool ReadFolder(const ChangeWatch &watch, const std::string &path, std::vector<std::string> *pending,
+                int *error)
 {
     const Fd folder(openat(watch.Directory(), path.empty() ? "." : path.c_str(),
                            O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    *error = 0;
     if (!folder)
         return false;
     DirectoryReader reader(folder.Get());
     bool any = false;
-    int error;
-    while (const DirectoryReader::Entry *entry = reader.Next(&error)) {
+    while (const DirectoryReader::Entry *entry = reader.Next(error)) {
         any = true;
         if (IsFolder(folder.Get(), *entry))
             pending->push_back(Join(path, entry->name));
@@ -78,6 +79,8 @@ nt::NTSTATUS StatusOfWatchErrno(int error)
     case EACCES:
     case EPERM:
         return nt::STATUS_ACCESS_DENIED;
+    case EIO:
+        return nt::STATUS_IO_DEVICE_ERROR;
     default: // the limits of watches, descriptors and memory
         return nt::STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -160,7 +163,8 @@ void ChangeMonitor::FailDirectory(FileKey key, nt::NTSTATUS status)
     }
 }
 
-// Watches the folder and, in a tree, all folders below it. 0 or the errno of a limit that was met.
+// Watches the folder and, in a tree, all folders below it. 0 or the errno of what keeps changes from being
+// seen.
 int ChangeMonitor::AddFolders(const std::shared_ptr<ChangeWatch> &watch, std::string path, BlockedCall *call)
 {
     std::vector<std::string> pending{std::move(path)};
@@ -181,8 +185,11 @@ int ChangeMonitor::AddFolders(const std::shared_ptr<ChangeWatch> &watch, std::st
                 continue;
         }
         // What came into a folder before it was watched is a change of which no event tells.
-        if (ReadFolder(*watch, folder, &pending) && !call)
+        int error;
+        if (ReadFolder(*watch, folder, &pending, &error) && !call)
             watch->Report(kEveryChange);
+        if (error != 0)
+            return error;
     }
     return 0;
 }

@@ -126,6 +126,16 @@ int StatAt(int directory, const char *name, Links links, FileFacts *facts)
     return Stat(directory, name, links == Links::kDontFollow ? AT_SYMLINK_NOFOLLOW : 0, facts);
 }
 
+FileFacts FactsOfType(mode_t type)
+{
+    FileFacts facts;
+    facts.kind = KindOf(type);
+    facts.mode = type;
+    if (type != 0)
+        facts.attributes = AttributesOf(facts.kind, S_IWUSR);
+    return facts;
+}
+
 void ResolveId(std::optional<dev_t> rootDevice, FileFacts *facts)
 {
     if (rootDevice && *rootDevice != facts->key.device && facts->id != 0)

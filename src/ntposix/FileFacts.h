@@ -50,6 +50,9 @@ struct FileFacts {
 enum class Links : uint8_t { kFollow, kDontFollow };
 [[nodiscard]] int StatAt(int directory, const char *name, Links links, FileFacts *facts);
 
+// Of a file of which nothing is known but its type (S_IFDIR ...; 0: not even that). The id is 0.
+[[nodiscard]] FileFacts FactsOfType(mode_t type);
+
 // The stats above give the id of a file on its share's own device. This makes it another one where the file
 // is on another device. No device is given for a file that belongs to no share.
 //

@@ -271,14 +271,30 @@ TEST_F(DirectoryQuery, OddEntriesAreListedToo)
         const auto found = std::ranges::find(all.names, name);
         return all.records.at(static_cast<size_t>(found - all.names.begin())).first;
     };
-    EXPECT_EQ(facts("to-file").EndOfFile, 7);
-    EXPECT_EQ(facts("to-file").FileAttributes, facts("target").FileAttributes);
-    EXPECT_TRUE(facts("to-folder").FileAttributes & FILE_ATTRIBUTE_DIRECTORY);
-    for (const auto *name : {"dangling", "loop", "fifo"}) {
-        EXPECT_EQ(facts(name).EndOfFile, 0) << name;
-        EXPECT_FALSE(facts(name).FileAttributes & FILE_ATTRIBUTE_DIRECTORY) << name;
+    // Links are listed as links, and a handle of one tells the same.
+    const struct {
+        const char *name;
+        int64_t length;
+    } links[] = {{"to-file", 6}, {"to-folder", 3}, {"dangling", 7}, {"loop", 4}};
+    for (const auto &[name, length] : links) {
+        SCOPED_TRACE(name);
+        const FILE_FULL_DIR_INFORMATION listed = facts(name);
+        EXPECT_EQ(listed.EndOfFile, length);
+        EXPECT_EQ(listed.FileAttributes, FILE_ATTRIBUTE_REPARSE_POINT);
+        EXPECT_EQ(listed.EaSize, IO_REPARSE_TAG_SYMLINK);
+        const NtFile link = Open(name, {.access = FILE_READ_ATTRIBUTES, .options = FILE_OPEN_REPARSE_POINT});
+        const auto told = Told<FILE_STAT_LX_INFORMATION>(link, FileStatLxInformation);
+        EXPECT_EQ(told.Stat.EndOfFile, length);
+        EXPECT_EQ(told.Stat.FileAttributes, FILE_ATTRIBUTE_REPARSE_POINT);
+        EXPECT_EQ(told.Stat.ReparseTag, IO_REPARSE_TAG_SYMLINK);
+        EXPECT_TRUE(S_ISLNK(told.LxMode));
+        EXPECT_EQ(StandardOf(link).EndOfFile, length);
+        EXPECT_EQ(StandardOf(link).Directory, 0);
     }
-    EXPECT_EQ(facts("dangling").EaSize, IO_REPARSE_TAG_SYMLINK);
+    EXPECT_EQ(facts("fifo").FileAttributes, FILE_ATTRIBUTE_SYSTEM);
+    const Answer modes = List(Folder(""), {.infoClass = FileBothDirectoryInformation});
+    const auto fifo = static_cast<size_t>(std::ranges::find(modes.names, "fifo") - modes.names.begin());
+    EXPECT_TRUE(S_ISFIFO(modes.records.at(fifo).second.Mode));
     EXPECT_EQ(NamesOf({u"COLON\uF03A*"}), NameList{Utf8(u"colon\uF03Astar\uF02A")});
     EXPECT_EQ(NamesOf({u"bad\uF7FFutf8"}), NameList{Utf8(u"bad\uF7FFutf8")});
 }
