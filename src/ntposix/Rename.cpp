@@ -144,7 +144,7 @@ NTSTATUS RenameFile(OpenFile &open, std::u16string_view target, bool replace)
         return STATUS_DELETE_PENDING;
     Fd directory;
     std::string directoryPath;
-    status = OpenDirectory(parts.parent, open.exactName, &directory, &directoryPath);
+    status = OpenParent(name, open.exactName, &directory, &directoryPath);
     if (status != STATUS_SUCCESS)
         return status;
     status = Renaming(open, link, directory.Get(), parts.leaf).Run(replace);
