@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
-"""two_sides_model.py [--seed N | --seeds A-B] [--calls N] [--jobs N]: the owner and the mount do random calls on one
-tree, one call at a time, and a plain folder gets the same calls: every result, every error and every byte must be the
-same. The mount may be behind the owner only where and as long as MAY_BE_BEHIND says; how often it was, is printed."""
+"""The owner and the mount do random calls on one tree, one call at a time, and a plain folder gets the same calls: every
+result, every error and every byte must be the same. The mount may be behind the owner only where MAY_BE_BEHIND says so,
+and only for BOUND; how often it was, is printed."""
 import argparse
 import collections
 import concurrent.futures
 import errno
 import os
 import random
+import shutil
 import stat
 import sys
 import time
@@ -16,38 +17,31 @@ import traceback
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from share import Scratch, Share, forget_names  # noqa: E402
 
-BOUND = 0.5 * float(os.environ.get("FODR_TEST_PATIENCE", 1))
+BOUND = 0.5 * float(os.environ.get("FODR_TEST_PATIENCE", 1))  # seconds after an owner's change
 
-# Where the mount may show what was before the owner's change, and for BOUND after it at the longest. All else is at once.
+# Where the mount may show what was before the owner's change. Everything else is at once.
 MAY_BE_BEHIND = {
-    "look": "stat, lstat and readlink of a name, and fstat: facts are remembered",
+    "look": "stat, lstat, readlink, fstat: facts are remembered",
     "name": "a call that fails for what a remembered name says, as ENOENT does: nothing was done, and it is done again",
-    "way": "a path that leads through a folder or link which the owner moved, made or removed: the way is remembered",
-    "held": "reading through a descriptor that was open before the change: the pages are remembered",
+    "way": "a path through a folder or link which the owner moved, made or removed: the way there is remembered",
+    "held": "reading through a descriptor that was open before the change: what was read is remembered",
 }
 NAME_ERRORS = {"ENOENT", "EEXIST", "ENOTDIR", "EISDIR", "ELOOP"}
-WAY_ERRORS = NAME_ERRORS | {"EINVAL", "ENOTEMPTY"}
+WAY_ERRORS = NAME_ERRORS | {"EINVAL", "ENOTEMPTY"}  # moving a folder into itself or over what it is in
 
-# What else may differ: (call on a descriptor of a removed folder, plain folder's result): the mount's results.
-REMOVED_FOLDER = {"ENOENT": ("ENOENT", "ESTALE"), "[]": ("[]", "ENOENT", "ESTALE")}
+# What a call through the descriptor of a removed folder says: in the plain folder, in the mount. A removed folder is
+# unknown to the host, so the mount can't always tell why.
+REMOVED_FOLDER = {"ENOENT": {"ESTALE"}, "[]": {"ENOENT", "ESTALE"}}
 
-FOLDERS, NAMES = "abc", ("a", "b", "f", "g", "h", "i")
-SIZES = (0, 1, 15, 100, 4095, 4096, 4097, 8192, 12_289, 65_536, 100_000)
+FOLDERS, NAMES = "abc", "abcfghij"
+SIZES = (1, 15, 100, 4095, 4096, 4097, 8192, 12_289, 65_536, 100_000)
 LINK_TARGETS = ("a", "b/f", "f", "g", "../f", "../a", "../../b", "nowhere", ".", "a/../g")
-MOST = 300_000
+HELD = {"r": os.O_RDONLY, "u": os.O_RDWR, "a": os.O_WRONLY | os.O_APPEND, "d": os.O_DIRECTORY,
+        "p": os.O_PATH | os.O_DIRECTORY}  # kinds of descriptors: reader, updater, appender, folder, working directory
 
 
 class Difference(Exception):
     pass
-
-
-def said(result):
-    """A result, short. Each write has its number in every 16 bytes."""
-    if isinstance(result, bytes):
-        numbers = [result[at + 1:at + 15].lstrip(b"0").decode("latin1") for at in range(0, len(result), 16)]
-        runs = [number for at, number in enumerate(numbers) if at == 0 or number != numbers[at - 1]]
-        return f"{len(result)} bytes of {runs[:12]}"
-    return str(result)
 
 
 class Place:
@@ -61,23 +55,23 @@ class Place:
         return f"{self.root}/{path}" if path else self.root
 
     def attempt(self, call, *arguments):
+        """What a program sees: a value, or the name of an error."""
         try:
             return call(self, *arguments)
         except OSError as error:
-            return errno.errorcode[error.errno]
+            return errno.errorcode.get(error.errno, "refused by Python")
 
-
-# The calls. Each does the same to any place and says what a program sees.
 
 def read_all(fd):
-    pieces = []
-    while piece := os.pread(fd, MOST, sum(map(len, pieces))):
+    pieces, size = [], 0
+    while piece := os.pread(fd, 1 << 19, size):
         pieces.append(piece)
+        size += len(piece)
     return b"".join(pieces)
 
 
-def with_open(place, path, flags, work, fd=None):
-    fd = os.open(path if fd is not None else place.at(path), flags, 0o644, dir_fd=fd)
+def opened(path, flags, work, **options):
+    fd = os.open(path, flags, 0o644, **options)
     try:
         return work(fd)
     finally:
@@ -85,54 +79,9 @@ def with_open(place, path, flags, work, fd=None):
 
 
 def facts(info):
-    """Folders have no size and number of names to compare."""
+    """Of folders neither size nor number of names: those are the file system's own."""
     kind = stat.S_IFMT(info.st_mode)
     return (oct(kind), *((info.st_size, info.st_nlink) if kind != stat.S_IFDIR else ()))
-
-
-def read(place, path):
-    return with_open(place, path, os.O_RDONLY, read_all)
-
-
-def write(place, path, flags, data):
-    return with_open(place, path, os.O_WRONLY | flags, lambda fd: os.write(fd, data))
-
-
-def write_at(place, path, offset, data):
-    return with_open(place, path, os.O_RDWR, lambda fd: os.pwrite(fd, data, offset))
-
-
-def replace(place, path, data):
-    write(place, path + ".new", os.O_CREAT | os.O_TRUNC, data)
-    os.rename(place.at(path + ".new"), place.at(path))
-
-
-def truncate(place, path, size):
-    os.truncate(place.at(path), size)
-
-
-def unlink(place, path):
-    os.unlink(place.at(path))
-
-
-def mkdir(place, path):
-    os.mkdir(place.at(path))
-
-
-def rmdir(place, path):
-    os.rmdir(place.at(path))
-
-
-def rename(place, path, target):
-    os.rename(place.at(path), place.at(target))
-
-
-def link(place, path, target):
-    os.link(place.at(path), place.at(target), follow_symlinks=False)
-
-
-def symlink(place, path, text):
-    os.symlink(text, place.at(path))
 
 
 def listing(place, path):
@@ -141,99 +90,84 @@ def listing(place, path):
 
 
 def long_listing(place, path):
-    return sorted((name, facts(os.lstat(place.at(f"{path}/{name}")))) for name in os.listdir(place.at(path)))
+    return sorted((name, facts(os.lstat(f"{place.at(path)}/{name}"))) for name in os.listdir(place.at(path)))
 
 
-def lstat(place, path):
-    return facts(os.lstat(place.at(path)))
+def replace(place, path, data):
+    opened(place.at(path + ".new"), os.O_WRONLY | os.O_CREAT | os.O_TRUNC, lambda fd: os.write(fd, data))
+    os.rename(place.at(path + ".new"), place.at(path))
 
 
-def look(place, path):
-    return facts(os.stat(place.at(path)))
+def hold(place, path, name, create=0):
+    fd = place.fds[name] = os.open(place.at(path), HELD[name[0]] | create, 0o644)
+    return os.pread(fd, 64, 0) if name[0] in "ru" else "held"
 
 
-def readlink(place, path):
-    return os.readlink(place.at(path))
+def make(place, path, name):
+    return hold(place, path, name, os.O_CREAT)
 
 
-def hold(place, path, handle, flags):
-    fd = os.open(place.at(path), flags, 0o644)
-    place.fds[handle] = fd
-    if flags & (os.O_PATH | os.O_DIRECTORY):
-        return "folder"
-    return "write-only" if flags & os.O_WRONLY else os.pread(fd, 64, 0)
+def release(place, name):
+    os.close(place.fds.pop(name))
 
 
-def release(place, handle):
-    os.close(place.fds.pop(handle))
+# Weight; what it is: a look, a reading, a held reading, a change, the owner's change; its arguments (any Path, mostly a
+# File, Directory, Link or a New name, Bytes, Offset, Size, Text of a link, name in a folder (I), Write flags, + and *: a
+# new descriptor, or small letters: one of these kinds); and the call, on a place.
+CALLS = {
+    "read": (10, "read", "F", lambda p, path: opened(p.at(path), os.O_RDONLY, read_all)),
+    "listing": (5, "read", "D", listing),
+    "long_listing": (3, "look", "D", long_listing),
+    "lstat": (4, "look", "P", lambda p, path: facts(os.lstat(p.at(path)))),
+    "stat": (5, "look", "P", lambda p, path: facts(os.stat(p.at(path)))),
+    "readlink": (2, "look", "L", lambda p, path: os.readlink(p.at(path))),
+    "write": (10, "change", "FWB", lambda p, path, flags, data: opened(p.at(path), os.O_WRONLY | flags,
+                                                                       lambda fd: os.write(fd, data))),
+    "write_at": (6, "change", "FOB", lambda p, path, offset, data: opened(p.at(path), os.O_RDWR,
+                                                                          lambda fd: os.pwrite(fd, data, offset))),
+    "replace": (8, "change", "FB", replace),
+    "truncate": (3, "change", "FO", lambda p, path, size: os.truncate(p.at(path), size)),
+    "unlink": (5, "change", "F", lambda p, path: os.unlink(p.at(path))),
+    "mkdir": (6, "change", "N", lambda p, path: os.mkdir(p.at(path))),
+    "rmdir": (4, "change", "D", lambda p, path: os.rmdir(p.at(path))),
+    "rmtree": (1, "change", "D", lambda p, path: shutil.rmtree(p.at(path))),
+    "rename": (10, "change", "PN", lambda p, path, target: os.rename(p.at(path), p.at(target))),
+    "link": (4, "owner", "FN", lambda p, path, target: os.link(p.at(path), p.at(target), follow_symlinks=False)),
+    "symlink": (4, "owner", "NT", lambda p, path, text: os.symlink(text, p.at(path))),
+    "hold": (10, "read", "F+", hold),
+    "make": (5, "change", "F*", make),
+    "release": (6, "held", "ruadp", release),
+    "held_read": (6, "held", "ru", lambda p, name: read_all(p.fds[name])),
+    "held_read_at": (3, "held", "ruOS", lambda p, name, offset, size: os.pread(p.fds[name], size, offset)),
+    "held_stat": (3, "look", "rua", lambda p, name: facts(os.fstat(p.fds[name]))),
+    "held_write": (6, "change", "uOB", lambda p, name, offset, data: os.pwrite(p.fds[name], data, offset)),
+    "held_append": (6, "change", "aB", lambda p, name, data: os.write(p.fds[name], data)),
+    "held_truncate": (2, "change", "uO", lambda p, name, size: os.ftruncate(p.fds[name], size)),
+    "in_read": (3, "read", "dpI", lambda p, name, file: opened(file, os.O_RDONLY, read_all, dir_fd=p.fds[name])),
+    "in_write": (3, "change", "dpIB", lambda p, name, file, data: opened(file, os.O_WRONLY | os.O_CREAT, lambda fd: os.write(
+        fd, data), dir_fd=p.fds[name])),
+    "in_unlink": (2, "change", "dpI", lambda p, name, file: os.unlink(file, dir_fd=p.fds[name])),
+    "in_mkdir": (2, "change", "dpI", lambda p, name, file: os.mkdir(file, dir_fd=p.fds[name])),
+    "in_rmdir": (1, "change", "dpI", lambda p, name, file: os.rmdir(file, dir_fd=p.fds[name])),
+    "in_rename": (2, "change", "dpII", lambda p, name, file, target: os.rename(
+        file, target, src_dir_fd=p.fds[name], dst_dir_fd=p.fds[name])),
+    "in_lstat": (2, "look", "dpI", lambda p, name, file: facts(os.lstat(file, dir_fd=p.fds[name]))),
+    "in_listing": (2, "read", "d", lambda p, name: sorted(os.listdir(p.fds[name]))),
+}
+WEIGHTS = [weight for weight, *_ in CALLS.values()]
 
 
-def held_read(place, handle):
-    return read_all(place.fds[handle])
+def said(value):
+    """A value of the log, short. Each write has its number in every 16 bytes."""
+    if not isinstance(value, bytes):
+        return repr(value)
+    numbers = [value[at + 1:at + 15].lstrip(b"0").decode("latin1") for at in range(0, len(value), 16)]
+    runs = [number for at, number in enumerate(numbers) if at == 0 or number != numbers[at - 1]]
+    return f"{len(value)} bytes of {runs[:12]}"
 
 
-def held_read_at(place, handle, offset, length):
-    return os.pread(place.fds[handle], length, offset)
-
-
-def held_facts(place, handle):
-    return facts(os.fstat(place.fds[handle]))
-
-
-def held_write(place, handle, offset, data):
-    return os.pwrite(place.fds[handle], data, offset)
-
-
-def held_append(place, handle, data):
-    return os.write(place.fds[handle], data)
-
-
-def held_truncate(place, handle, size):
-    os.ftruncate(place.fds[handle], size)
-
-
-def in_read(place, handle, name):
-    return with_open(place, name, os.O_RDONLY, read_all, place.fds[handle])
-
-
-def in_write(place, handle, name, data):
-    return with_open(place, name, os.O_WRONLY | os.O_CREAT, lambda fd: os.write(fd, data), place.fds[handle])
-
-
-def in_unlink(place, handle, name):
-    os.unlink(name, dir_fd=place.fds[handle])
-
-
-def in_mkdir(place, handle, name):
-    os.mkdir(name, dir_fd=place.fds[handle])
-
-
-def in_rmdir(place, handle, name):
-    os.rmdir(name, dir_fd=place.fds[handle])
-
-
-def in_rename(place, handle, name, target):
-    os.rename(name, target, src_dir_fd=place.fds[handle], dst_dir_fd=place.fds[handle])
-
-
-def in_look(place, handle, name):
-    return facts(os.lstat(name, dir_fd=place.fds[handle]))
-
-
-def in_listing(place, handle):
-    return sorted(os.listdir(place.fds[handle]))
-
-
-# How often each is called, and by which side: the mount can't make links.
-CALLS = {read: 10, write: 10, write_at: 6, replace: 8, truncate: 3, unlink: 5, mkdir: 6, rmdir: 4, rename: 10, link: 4,
-         symlink: 4, listing: 5, long_listing: 3, lstat: 4, look: 5, readlink: 2, hold: 10, release: 6, held_read: 6,
-         held_read_at: 3, held_facts: 3, held_write: 6, held_append: 6, held_truncate: 2, in_read: 3, in_write: 3,
-         in_unlink: 2, in_mkdir: 2, in_rmdir: 1, in_rename: 2, in_look: 2, in_listing: 2}
-OWNERS = {link, symlink}
-LOOKS = {lstat, look, readlink, held_facts, in_look, long_listing}
-READS = {read, listing, in_read, in_listing, hold}
-HELD_READS = {held_read, held_read_at}
-TWO_PATHS = {rename, link}
+def failed(result):
+    return isinstance(result, str) and result in errno.errorcode.values()
 
 
 class Model:
@@ -241,269 +175,261 @@ class Model:
         self.rng = random.Random(seed)
         self.mount, self.shared, self.plain = Place(scratch.mount), Place(scratch.local), Place(scratch.root / "plain")
         os.mkdir(self.plain.root)
-        self.handles = {}  # number: (side, kind)
+        self.own = {"M": self.mount, "S": self.shared}
         self.unsynced = set()  # the mount's descriptors that were written to since their last sync
         self.serial = 0
         self.paths = []
-        # When the owner last changed a name, a name that is or was a folder or link, a file by its number in `plain`.
-        self.names, self.ways, self.files = {}, {}, {}
-        self.changed = 0.0
+        # When the owner last changed a name; a name of a folder or link; a file, by its number in `plain`; anything.
+        self.names, self.ways, self.files, self.changed = {}, {}, {}, 0.0
         self.log = collections.deque(maxlen=30)
         self.counts = counts
 
-    # What to call
+    # What to call it with
+
+    def path(self, kind=None):
+        """Mostly one of this kind: a new name (N) in a folder, or what is there."""
+        fitting = [""] + [path for path, its in self.paths if its == "D"] if kind == "N" else \
+            [path for path, its in self.paths if kind in (None, its)]
+        if not fitting or self.rng.random() < 0.25:
+            return "/".join([*self.rng.choices(FOLDERS, k=self.rng.choice((0, 0, 1, 1, 2, 3))), self.rng.choice(NAMES)])
+        path = self.rng.choice(fitting)
+        return os.path.join(path, self.rng.choice(NAMES)) if kind == "N" else path
 
     def data(self):
         self.serial += 1
         size = self.rng.choice(SIZES) if self.rng.random() < 0.7 else self.rng.randrange(100_000)
         return (b"<%014d>" % self.serial * (size // 16 + 1))[:size]
 
-    def path(self):
-        if self.paths and self.rng.random() < 0.6:
-            return self.rng.choice(self.paths)
-        depth = self.rng.choice((0, 0, 1, 1, 2, 3))
-        return "/".join([*(self.rng.choice(FOLDERS) for _ in range(depth)), self.rng.choice(NAMES)])
+    def new_descriptor(self, kinds):
+        self.serial += 1
+        return f"{self.rng.choice(kinds)}{self.serial}"
 
-    def folder(self):
-        return os.path.dirname(self.path()) if self.rng.random() < 0.8 else self.path()
-
-    def handle(self, side, kinds):
-        fitting = [number for number, (owner, kind) in self.handles.items() if owner == side and kind in kinds]
-        return self.rng.choice(fitting) if fitting else None
-
-    def arguments(self, side, call):
-        """None: there is nothing to call it with."""
-        rng, name = self.rng, call.__name__
-        offset = rng.choice((0, 1, 4096, 5000, 8191, 70_000, rng.randrange(120_000)))
-        if name.startswith(("held", "in_")) or call is release:
-            kinds = {held_read: "ru", held_read_at: "ru", held_write: "u", held_append: "a", held_truncate: "u",
-                     held_facts: "rua", release: "ruadp", in_listing: "d"}.get(call, "dp")
-            number = self.handle(side, kinds)
-            if number is None:
-                return None
-            more = {held_read_at: (offset, rng.choice(SIZES[1:])), held_write: (offset, self.data()), held_append: (self.data(),),
-                    held_truncate: (offset,), in_rename: (rng.choice(NAMES), rng.choice(NAMES)),
-                    in_write: (rng.choice(NAMES), self.data())}
-            return (number, *more.get(call, (rng.choice(NAMES),) if name.startswith("in_") and call is not in_listing else ()))
-        path = self.path()
-        if call is hold:
-            kind = rng.choice("ruuaadp")
-            if sum(owner == side for owner, _ in self.handles.values()) > 15:
-                return None
-            create = os.O_CREAT if rng.random() < 0.5 else 0
-            flags = {"r": os.O_RDONLY, "u": os.O_RDWR | create, "a": os.O_WRONLY | os.O_APPEND | create,
-                     "d": os.O_DIRECTORY, "p": os.O_PATH | os.O_DIRECTORY}[kind]
-            self.serial += 1
-            return (os.path.dirname(path) if kind in "dp" and rng.random() < 0.7 else path, f"{kind}{self.serial}", flags)
-        return {write: (path, rng.choice((os.O_CREAT | os.O_TRUNC, os.O_CREAT | os.O_APPEND, os.O_APPEND, os.O_TRUNC,
-                                          os.O_CREAT | os.O_EXCL)), self.data()),
-                write_at: (path, offset, self.data()), replace: (path, self.data()), truncate: (path, offset),
-                rename: (path, self.path()), link: (path, self.path()), symlink: (path, rng.choice(LINK_TARGETS)),
-                listing: (self.folder(),), long_listing: (self.folder(),)}.get(call, (path,))
+    def arguments(self, side, pattern):
+        """None: there is no such descriptor, or there are enough."""
+        rng, fds = self.rng, self.own[side].fds
+        kinds = "".join(letter for letter in pattern if letter.islower())
+        fitting = [name for name in fds if name[0] in kinds]
+        if kinds and not fitting or pattern[-1] in "+*" and len(fds) > 15:
+            return None
+        found = [rng.choice(fitting)] if kinds else []
+        for letter in pattern:
+            if letter in "PFDLN":
+                if letter == "F" and rng.random() < 0.3:
+                    letter = "N"
+                found.append(self.path(None if letter == "P" else letter))
+            elif not letter.islower():
+                found.append({"B": self.data, "S": lambda: rng.choice(SIZES), "T": lambda: rng.choice(LINK_TARGETS),
+                              "O": lambda: rng.choice((0, 1, 4096, 5000, 8191, 70_000, rng.randrange(120_000))),
+                              "I": lambda: rng.choice(NAMES), "+": lambda: self.new_descriptor("ruadp"),
+                              "*": lambda: self.new_descriptor("ua"), "W": lambda: rng.choice((0, os.O_CREAT)) | rng.choice(
+                                  (os.O_TRUNC, os.O_APPEND, os.O_EXCL | os.O_CREAT))}[letter]())
+        if pattern == "F+" and found[1][0] in "dp":
+            found[0] = self.path("D")
+        return found
 
     # What the owner changed, and since when
 
-    def keys(self, call, arguments):
-        """The names that a call goes by: those on its way, those at its end; and the numbers of its files."""
+    def targets(self, name, arguments):
+        """The arguments that are paths."""
+        return [argument for argument, letter in zip(arguments, CALLS[name][2]) if letter in "PFDLN"]
+
+    def keys(self, name, arguments):
+        """What a call goes by in the plain folder: names on its way, names at its end, numbers of its files."""
         way, ends, files = set(), set(), set()
         if arguments[0] in self.plain.fds:
             fd = self.plain.fds[arguments[0]]
             files.add(os.fstat(fd).st_ino)
             base = os.readlink(f"/proc/self/fd/{fd}")
-            paths = [f"{base}/{name}" for name in arguments[1:3] if isinstance(name, str)]
+            paths = [f"{base}/{file}" for file in arguments[1:] if isinstance(file, str)]
         else:
-            texts = arguments[:2] if call in TWO_PATHS else arguments[:1]
-            paths = [self.plain.at(text) for text in texts]
-            paths += [path + ".new" for path in paths if call is replace]
-            for path in paths:
-                for form in (path, os.path.realpath(path), f"{os.path.realpath(os.path.dirname(path))}/{os.path.basename(path)}"):
-                    while len(form) > len(self.plain.root):
-                        (ends if form in (path, os.path.realpath(path)) else way).add(form)
-                        form = os.path.dirname(form)
+            paths = [self.plain.at(path) for path in self.targets(name, arguments)]
+            paths += [path + ".new" for path in paths if name == "replace"]
         for path in paths:
-            ends |= {path, os.path.realpath(path)}
+            real = os.path.realpath(path)
+            ends |= {path, real, f"{os.path.realpath(os.path.dirname(path))}/{os.path.basename(path)}"}
             for ask in (os.stat, os.lstat):
                 try:
                     files.add(ask(path).st_ino)
                 except OSError:
                     pass
+            if arguments[0] not in self.plain.fds:
+                for form in (path, real):
+                    while len(form := os.path.dirname(form)) > len(self.plain.root):
+                        way.add(form)
         return way, ends, files
 
-    @staticmethod
-    def is_way(path):
-        try:
-            return not stat.S_ISREG(os.lstat(path).st_mode)
-        except OSError:
-            return False
-
-    def owner_calls(self, call, arguments):
-        way, ends, files = self.keys(call, arguments)
-        ways = {path for path in ends if self.is_way(path)}
+    def owner_calls(self, name, arguments):
+        kind, call = CALLS[name][1], CALLS[name][3]
+        ways = lambda: {p for p in ends if os.path.islink(p) or os.path.isdir(p)}  # noqa: E731
+        if kind in ("change", "owner"):
+            _, ends, files = self.keys(name, arguments)
+            before = ways()
         plain, real = self.plain.attempt(call, *arguments), self.shared.attempt(call, *arguments)
-        if call not in LOOKS | READS | HELD_READS or call is hold and arguments[-1] & os.O_CREAT:
-            if arguments[0] in self.plain.fds or call is not release:
-                _, more, others = self.keys(call, arguments)
-                ends, files = ends | more, files | others
+        if kind in ("change", "owner"):
+            _, more, others = self.keys(name, arguments)
+            ends |= more
             self.changed = time.monotonic()
-            self.ways.update(dict.fromkeys(ways | {path for path in ends if self.is_way(path)}, self.changed))
+            self.ways.update(dict.fromkeys(before | ways(), self.changed))
             self.names.update(dict.fromkeys(ends, self.changed))
-            self.files.update(dict.fromkeys(files, self.changed))
-        return plain, real
+            self.files.update(dict.fromkeys(files | others, self.changed))
+        if real != plain:
+            raise Difference(f"the shared folder says {said(real)}, the plain folder {said(plain)}")
+        return plain
 
     # What the mount says
 
-    def may_be_behind(self, call, arguments, keys, plain, real):
-        """By which entry of MAY_BE_BEHIND, and until when."""
-        way, ends, files = keys
-        of = lambda table, wanted: max((table[key] for key in wanted if key in table), default=0)  # noqa: E731
-        on_way = of(self.ways, way | ends)
-        error = isinstance(real, str) and real.startswith("E")
-        creates = call in (in_write, replace) or any(isinstance(a, int) and a & os.O_CREAT for a in arguments[1:2] + arguments[2:3]
-                                                     if call in (write, hold))
-        if call is long_listing:
-            return "look", self.changed
-        if call in LOOKS:
-            return "look", max(on_way, of(self.names, ends), of(self.files, files))
-        if call in HELD_READS:
-            return "held", of(self.files, files)
-        if on_way and (real in WAY_ERRORS if error else call in READS):
+    def may_be_behind(self, name, arguments, keys, real):
+        """By which entry of MAY_BE_BEHIND, and since when."""
+        kind, (way, ends, files) = CALLS[name][1], keys
+
+        def since(table, wanted):
+            return max((table[key] for key in wanted if key in table), default=0)
+
+        on_way = since(self.ways, way | ends)
+        many = name in ("long_listing", "rmtree")  # these go by every name in a folder
+        if failed(real) and real not in WAY_ERRORS:
+            return "", 0
+        if kind == "look":
+            return "look", self.changed if many else max(on_way, since(self.names, ends), since(self.files, files))
+        if kind == "held":
+            return ("held", since(self.files, files)) if not failed(real) else ("", 0)
+        if on_way + BOUND > time.monotonic() and (failed(real) or kind == "read"):
             return "way", on_way
-        if error and real in NAME_ERRORS and not (creates and real == "ENOENT"):
-            return "name", of(self.names, way | ends)
+        # Who makes a file is never told that it isn't there.
+        creates = name in ("replace", "make", "in_write") or name == "write" and arguments[1] & os.O_CREAT
+        if real in NAME_ERRORS and not (creates and real == "ENOENT"):
+            return "name", self.changed if many else since(self.names, way | ends)
         return "", 0
 
-    def settle(self, call, arguments, keys):
-        """A changing call can't be taken back: the mount first has to know the way that the owner has changed."""
-        since = max((self.ways[key] for key in keys[0] | keys[1] if key in self.ways), default=0)
-        if not since or not isinstance(arguments[0], str) or arguments[0] in self.plain.fds:
-            return
-
-        def number(ask, place, path):
-            try:
-                return ask(place.at(path)).st_ino
-            except OSError as error:
-                return errno.errorcode[error.errno]
-
-        for path in arguments[:2] if call in TWO_PATHS else arguments[:1]:
-            for ask, place in ((os.stat, os.path.dirname(path)), (os.lstat, path), (os.stat, path)):
-                def same():
-                    return number(ask, self.mount, place) == number(ask, self.shared, place)
-                self.until(same, "way", since, lambda: f"{place or 'the root'} leads elsewhere in the mount: "
-                           f"{number(ask, self.mount, place)}, {number(ask, self.shared, place)} for the owner")
-
     def until(self, same, why, since, what):
-        start = time.monotonic()
+        asked = time.monotonic()
         while True:
-            asked = time.monotonic()
             if same():
                 break
             if asked > since + BOUND:
-                raise Difference(what() + (f" (behind by \"{why}\" for {asked - since:.3f} s)" if why else ""))
+                raise Difference(f"{what()}; may be behind ({why}), but not so long")
             time.sleep(0.001)
-        if asked > start:
-            late = self.counts[why]
-            late[0] += 1
-            late[1] = max(late[1], asked - since)
+            asked = time.monotonic()
+        late = self.counts[why]
+        late[0] += 1
+        late[1] = max(late[1], asked - since)
 
-    def mount_calls(self, call, arguments):
-        keys = self.keys(call, arguments)
-        if call not in LOOKS | READS | HELD_READS or call is hold and arguments[-1] & os.O_CREAT:
-            self.settle(call, arguments, keys)
-        removed = False
-        if arguments[0] in self.plain.fds:
-            removed = self.handles[arguments[0]][1] in "dp" and os.fstat(self.plain.fds[arguments[0]]).st_nlink == 0
-        plain = self.plain.attempt(call, *arguments)
-        real = self.mount.attempt(call, *arguments)
-        if real != plain and not (removed and real in REMOVED_FOLDER.get(str(plain), ())):
-            why, since = self.may_be_behind(call, arguments, keys, plain, real)
+    def settle(self, name, arguments, keys):
+        """A change can't be taken back: before it, the mount has to know the way that the owner has just changed."""
+        since = max((self.ways[key] for key in keys[0] | keys[1] if key in self.ways), default=0)
+        if arguments[0] in self.plain.fds or since + BOUND < time.monotonic():
+            return
 
-            def same():
+        def number(place):
+            return place.attempt(lambda place: ask(place.at(path)).st_ino)
+
+        for target in self.targets(name, arguments):
+            for ask, path in ((os.stat, os.path.dirname(target)), (os.lstat, target), (os.stat, target)):
+                if path and number(self.mount) != number(self.shared):
+                    self.until(lambda: number(self.mount) == number(self.shared), "way", since,
+                               lambda: f"{path} is {number(self.mount)} in the mount, {number(self.shared)} for the owner")
+
+    def mount_calls(self, name, arguments):
+        kind, call = CALLS[name][1], CALLS[name][3]
+        keys = self.keys(name, arguments)
+        if kind == "change":
+            self.settle(name, arguments, keys)
+        fd = self.plain.fds.get(arguments[0])
+        removed = fd is not None and arguments[0][0] in "dp" and os.fstat(fd).st_nlink == 0
+        asked = time.monotonic()
+        plain, real = self.plain.attempt(call, *arguments), self.mount.attempt(call, *arguments)
+        if real != plain and removed and real in REMOVED_FOLDER.get(str(plain), ()):
+            self.counts["removed folder"][0] += 1
+        elif real != plain:
+            def again():
                 nonlocal real
-                if call is hold and arguments[1] in self.mount.fds:
-                    os.close(self.mount.fds.pop(arguments[1]))
+                if name in ("hold", "make") and not failed(real):
+                    release(self.mount, arguments[1])
                 real = self.mount.attempt(call, *arguments)
                 return real == plain
 
-            if not why:
-                raise Difference(f"the mount says {said(real)}, the plain folder {said(plain)}")
-            first = real
-            started = time.monotonic()
-            self.until(same, why, since, lambda: f"the mount says {said(real)}, the plain folder {said(plain)}")
-            self.counts[why][0] += 1
-            self.counts[why][1] = max(self.counts[why][1], started - since)
-            self.log.append(f"      (first {said(first)})")
-        elif real != plain:
-            self.counts["removed folder"][0] += 1
-        if call in (held_write, held_append):
+            why, since = self.may_be_behind(name, arguments, keys, real)
+            what = f"the mount says {said(real)}, the plain folder {said(plain)}"
+            if not why or asked > since + BOUND:
+                raise Difference(what)
+            self.log.append((f"      first {said(real)}",))
+            self.until(again, why, since, lambda: f"{what}, and at the end {said(real)}")
+        if name in ("held_write", "held_append"):
             self.unsynced.add(arguments[0])
             if self.rng.random() < 0.3:
                 self.sync()
-        if call is release:
+        if name == "release":
             self.unsynced.discard(arguments[0])
         return plain
 
     def sync(self):
         """What is written through a descriptor, the owner sees at its sync or close."""
-        for number in sorted(self.unsynced):
-            os.fsync(self.mount.fds[number])
+        for name in sorted(self.unsynced):
+            os.fsync(self.mount.fds[name])
         self.unsynced.clear()
 
     # The run
+
+    def find(self, folder, prefix):
+        found = []
+        with os.scandir(folder) as entries:
+            for entry in sorted(entries, key=lambda entry: entry.name):
+                kind = "L" if entry.is_symlink() else "D" if entry.is_dir() else "F"
+                found.append((prefix + entry.name, kind))
+                if kind == "D":
+                    found += self.find(entry.path, f"{prefix}{entry.name}/")
+        return found
 
     def tree(self, place, numbers=False):
         found = {}
         for folder, folders, files in os.walk(place.root):
             for name in folders + files:
                 path = os.path.join(folder, name)
-                info = os.lstat(path)
-                content = None
+                info, content = os.lstat(path), None
                 if stat.S_ISLNK(info.st_mode):
                     content = os.readlink(path)
                 elif stat.S_ISREG(info.st_mode):
-                    content = said(with_open(place, os.path.relpath(path, place.root), os.O_RDONLY, read_all))
-                found[os.path.relpath(path, place.root)] = (facts(info), content, info.st_ino if numbers else 0)
+                    content = opened(path, os.O_RDONLY, read_all)
+                found[os.path.relpath(path, place.root)] = (*facts(info), content, info.st_ino if numbers else 0)
         return found
 
     def compare(self, one, other, numbers=False):
-        one, other = self.tree(one, numbers), self.tree(other, numbers)
-        return {path: (one.get(path), other.get(path)) for path in one | other if one.get(path) != other.get(path)}
+        """What differs, by path."""
+        one, other = (place.attempt(lambda place: self.tree(place, numbers)) for place in (one, other))
+        if failed(one) or failed(other):
+            return f"{one}, {other}"
+        return {path: [said(part) for found in (one, other) for part in found.get(path, ())]
+                for path in sorted(one | other) if one.get(path) != other.get(path)}
 
     def step(self, number):
         rng = self.rng
         if rng.random() < 0.02:
             forget_names(self.mount.root)
-            self.log.append("      names are forgotten")
+            self.log.append(("      names are forgotten",))
         if rng.random() < 0.0007:
             with open("/proc/sys/vm/drop_caches", "w") as file:
                 file.write(rng.choice("23"))
+            self.log.append(("      caches are dropped",))
         side = rng.choice("MS")
-        call = rng.choices(list(CALLS), CALLS.values())[0]
-        if side == "M" and call in OWNERS:
-            call = rename
-        arguments = self.arguments(side, call)
+        name = rng.choices(list(CALLS), WEIGHTS)[0]
+        if side == "M" and CALLS[name][1] == "owner":
+            name = "rename"
+        arguments = self.arguments(side, CALLS[name][2])
         if arguments is None:
             return
-        self.log.append(f"{number:5} {side} {call.__name__} " + " ".join(
-            said(a) if isinstance(a, bytes) else oct(a) if call in (hold, write) and isinstance(a, int) else repr(a) for a in arguments))
+        entry = [f"{number:5} {side} {name}", *arguments]
+        self.log.append(entry)
         if side == "S":
             self.sync()
-            plain, real = self.owner_calls(call, arguments)
-            if real != plain:
-                raise Difference(f"the shared folder says {said(real)}, the plain folder {said(plain)}")
+            entry += ["->", self.owner_calls(name, arguments)]
         else:
-            plain = self.mount_calls(call, arguments)
-        self.log[-1] += f" -> {said(plain)}"
-        if call is hold and not (isinstance(plain, str) and plain.startswith("E")):
-            self.handles[arguments[1]] = (side, arguments[1][0])
-        if call is release:
-            del self.handles[arguments[0]]
-        if call not in LOOKS | HELD_READS:
-            self.paths = sorted(os.path.relpath(os.path.join(folder, name), self.plain.root)
-                                for folder, folders, files in os.walk(self.plain.root) for name in folders + files)
-        if side == "M" and call not in LOOKS | READS | HELD_READS and (rng.random() < 0.25 or number % 100 == 0):
-            self.sync()
-            if wrong := self.compare(self.shared, self.plain):
-                raise Difference(f"the shared folder and the plain one: {wrong}")
+            entry += ["->", self.mount_calls(name, arguments)]
+        if CALLS[name][1] in ("change", "owner"):
+            self.paths = self.find(self.plain.root, "")
+            if side == "M" and rng.random() < 0.2:
+                self.sync()
+                if wrong := self.compare(self.shared, self.plain):
+                    raise Difference(f"the shared folder and the plain one: {wrong}")
 
     def run(self, calls):
         for number in range(calls):
@@ -516,11 +442,8 @@ class Model:
 
     def close(self):
         for place in (self.mount, self.shared, self.plain):
-            for fd in place.fds.values():
-                try:
-                    os.close(fd)
-                except OSError:
-                    pass
+            for name in list(place.fds):
+                place.attempt(release, name)
 
 
 def run_seed(seed, calls, options):
@@ -530,12 +453,13 @@ def run_seed(seed, calls, options):
     try:
         with Share(scratch, *options):
             model = Model(seed, scratch, counts)
-            started = time.monotonic()
             try:
                 model.run(calls)
-            except (Difference, OSError) as error:
+            except Exception as error:
+                lines = [" ".join(part if at == 0 or part == "->" else said(part) for at, part in enumerate(entry))
+                         for entry in model.log]
                 what = error if isinstance(error, Difference) else traceback.format_exc()
-                problem = "\n".join((*model.log, f"seed {seed}: {what}"))
+                problem = "\n".join((*lines, f"seed {seed}: {what}"))
             finally:
                 model.close()
     except AssertionError as error:
@@ -555,21 +479,17 @@ def main():
     words = parser.parse_args()
     first, _, last = words.seeds.partition("-")
     seeds = [words.seed] if words.seed is not None else range(int(first), int(last or first) + 1)
-    failed, total, began = [], collections.defaultdict(lambda: [0, 0.0]), time.monotonic()
+    wrong, total, began = [], collections.defaultdict(lambda: [0, 0.0]), time.monotonic()
     with concurrent.futures.ProcessPoolExecutor(words.jobs) as pool:
         for seed, problem, counts, seconds in pool.map(run_seed, seeds, *zip(*[(words.calls, words.options)] * len(seeds))):
-            if problem:
-                failed.append(seed)
-                print(problem, flush=True)
-            else:
-                print(f"seed {seed}: {words.calls} calls in {seconds:.1f} s", flush=True)
+            wrong += [seed] if problem else []
+            print(problem or f"seed {seed}: {words.calls} calls in {seconds:.1f} s", flush=True)
             for why, (times, longest) in counts.items():
-                total[why][0] += times
-                total[why][1] = max(total[why][1], longest)
+                total[why] = [total[why][0] + times, max(total[why][1], longest)]
     for why, (times, longest) in sorted(total.items()):
-        print(f"behind by \"{why}\": {times} times, at most {longest * 1000:.0f} ms after the change")
-    print(f"{len(seeds)} seeds in {time.monotonic() - began:.0f} s, {len(failed)} with a difference {failed or ''}")
-    return 1 if failed else 0
+        print(f"{why}: {times} times, up to {longest * 1000:.0f} ms after the owner's change")
+    print(f"{len(seeds)} seeds in {time.monotonic() - began:.0f} s, {len(wrong)} with a difference {wrong or ''}")
+    return 1 if wrong else 0
 
 
 if __name__ == "__main__":
