@@ -36,6 +36,8 @@ inline constexpr uint32_t FileNetworkOpenInformation = 34;
 inline constexpr uint32_t FileAttributeTagInformation = 35;
 inline constexpr uint32_t FileIdBothDirectoryInformation = 37;
 inline constexpr uint32_t FileIdFullDirectoryInformation = 38;
+inline constexpr uint32_t FileDispositionInformationEx = 64;
+inline constexpr uint32_t FileRenameInformationEx = 65;
 
 // FsInformationClass (MS-FSCC 2.5).
 inline constexpr uint32_t FileFsVolumeInformation = 1;
@@ -214,6 +216,33 @@ struct FILE_DISPOSITION_INFORMATION {
     uint8_t DeleteFile;
 };
 static_assert(sizeof(FILE_DISPOSITION_INFORMATION) == 1);
+
+struct FILE_DISPOSITION_INFORMATION_EX {
+    uint32_t Flags; // FILE_DISPOSITION_*
+};
+static_assert(sizeof(FILE_DISPOSITION_INFORMATION_EX) == 4);
+
+// FILE_DISPOSITION_INFORMATION_EX (MS-FSCC 2.4.11).
+inline constexpr uint32_t FILE_DISPOSITION_DELETE = 0x1;
+inline constexpr uint32_t FILE_DISPOSITION_POSIX_SEMANTICS = 0x2; // the name goes at once
+inline constexpr uint32_t FILE_DISPOSITION_ON_CLOSE = 0x8;        // sets or clears FILE_DELETE_ON_CLOSE
+inline constexpr uint32_t FILE_DISPOSITION_IGNORE_READONLY_ATTRIBUTE = 0x10;
+
+struct FILE_RENAME_INFORMATION_EX {
+    uint32_t Flags; // FILE_RENAME_*
+    uint64_t RootDirectory;
+    uint32_t FileNameLength;
+    char16_t FileName[1];
+};
+static_assert(sizeof(FILE_RENAME_INFORMATION_EX) == 24);
+static_assert(offsetof(FILE_RENAME_INFORMATION_EX, RootDirectory) == 8);
+static_assert(offsetof(FILE_RENAME_INFORMATION_EX, FileNameLength) == 16);
+static_assert(offsetof(FILE_RENAME_INFORMATION_EX, FileName) == 20);
+
+// FILE_RENAME_INFORMATION_EX (MS-FSCC 2.4.43).
+inline constexpr uint32_t FILE_RENAME_REPLACE_IF_EXISTS = 0x1;
+inline constexpr uint32_t FILE_RENAME_POSIX_SEMANTICS = 0x2; // as rename(2), whatever has the target open
+inline constexpr uint32_t FILE_RENAME_IGNORE_READONLY_ATTRIBUTE = 0x40;
 
 struct FILE_POSITION_INFORMATION {
     int64_t CurrentByteOffset;
