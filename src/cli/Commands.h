@@ -18,6 +18,8 @@ struct ShareWords {
     std::optional<bool> reconnect;
     bool verbose = false;
     bool trace = false;
+    std::string nameCase; // sensitive, insensitive
+    bool linksOutside = false;
     std::string tokenFile;
     std::string sideChannel;
     std::string sshCommand;

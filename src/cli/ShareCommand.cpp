@@ -153,7 +153,10 @@ int CheckOptions(const ShareWords &words, ShareOptions *options)
     options->readOnly = words.readOnly;
     options->reconnect = words.reconnect.value_or(options->target.kind == AgentTarget::Kind::Ssh);
     options->verbose = words.verbose;
-    options->trace = words.trace;
+    options->plugin.log = words.trace ? host::PluginLog::Trace : host::PluginLog::AsSet;
+    options->plugin.nameCase =
+        words.nameCase == "insensitive" ? host::NameCase::Insensitive : host::NameCase::Sensitive;
+    options->plugin.linksOutside = words.linksOutside;
     options->sideChannel = words.sideChannel;
     options->agentWords = words.agentWords;
     options->command = words.command;
@@ -226,9 +229,10 @@ int RunShare(const ShareWords &words)
     if (folder.empty())
         return Refuse(EXIT_OTHER, "the folder " + platform::RuntimeFolder() + " can't be used: " + problem);
     int code = EXIT_OTHER;
-    const auto log = options.trace ? host::PluginLog::Trace : host::PluginLog::AsSet;
-    if (auto settings =
-            host::PrivateSettings::Create((fs::path(folder) / "settings").string(), &problem, log)) {
+    if (options.plugin.linksOutside)
+        Complain("links of the shared folders may lead anywhere on this machine");
+    if (auto settings = host::PrivateSettings::Create((fs::path(folder) / "settings").string(), &problem,
+                                                      options.plugin)) {
         ShareSession session(options, std::move(settings), folder);
         relay.Attach(&session);
         code = session.Run();

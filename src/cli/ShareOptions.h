@@ -1,6 +1,8 @@
 // What `fodr share` was asked for, checked.
 #pragma once
 
+#include "host/PrivateSettings.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -55,7 +57,7 @@ struct ShareOptions {
     bool readOnly = false;
     bool reconnect = false;
     bool verbose = false;
-    bool trace = false;
+    host::PluginWishes plugin;
     std::string token;                   // both ends know it; empty: none was agreed
     std::string sideChannel;             // as the agent's option: none, tcp, plugin
     std::vector<std::string> agentWords; // put on the agent's command line as they are

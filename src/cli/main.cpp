@@ -47,6 +47,12 @@ void AddWhereAndHow(CLI::App *app, ShareWords *words)
         ->type_name("[ADDRESS:]PORT");
     target->require_option(0, 1);
     app->add_flag("--read-only", words->readOnly, "Nothing can be changed from the other side");
+    app->add_option("--case", words->nameCase,
+                    "sensitive: names that differ in case are two (on Linux); insensitive: they are one")
+        ->check(CLI::IsMember({"sensitive", "insensitive"}))
+        ->default_val("sensitive");
+    app->add_flag("--links-outside", words->linksOutside,
+                  "Follow links of the shared folders to wherever they lead, not only within the folder");
     auto *reconnect = app->add_flag_callback(
         "--reconnect", [words] { words->reconnect = true; }, "When the connection is lost, try again");
     app->add_flag_callback(

@@ -43,9 +43,14 @@ NTSTATUS Refuse(IO_STATUS_BLOCK *ioStatus, NTSTATUS status)
 } // namespace
 
 std::unique_ptr<IFileSystem> AllowListFileSystem::Create(const std::string &root,
-                                                         std::shared_ptr<const AllowAccessList> list)
+                                                         std::shared_ptr<const AllowAccessList> list,
+                                                         ShareRules rules)
 {
-    return std::unique_ptr<IFileSystem>(new (std::nothrow) AllowListFileSystem(root, std::move(list)));
+    std::unique_ptr<AllowListFileSystem> files(new (std::nothrow) AllowListFileSystem(root, std::move(list)));
+    rules.exactRoot = true;
+    if (files)
+        files->KeepRoot(root, rules);
+    return files;
 }
 
 AllowListFileSystem::AllowListFileSystem(const std::string &rootPath,

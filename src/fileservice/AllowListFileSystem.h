@@ -16,9 +16,9 @@ namespace fodr {
 
 class AllowListFileSystem : public FileSystemImpl {
 public:
-    // Null when there is no memory.
-    [[nodiscard]] static std::unique_ptr<IFileSystem> Create(const std::string &root,
-                                                             std::shared_ptr<const AllowAccessList> list);
+    // Null when there is no memory. The root is matched in its very case, too.
+    [[nodiscard]] static std::unique_ptr<IFileSystem>
+    Create(const std::string &root, std::shared_ptr<const AllowAccessList> list, nt::ShareRules rules = {});
 
     nt::NTSTATUS RedirectedCreateFile(uint32_t *fileId, uint32_t desiredAccess, const char16_t *path,
                                       uint64_t allocationSize, uint32_t fileAttributes, uint32_t shareAccess,

@@ -27,13 +27,19 @@ uint32_t AdjustedOptions(uint32_t desiredAccess, uint32_t createOptions)
 
 } // namespace
 
-std::unique_ptr<IFileSystem> FileSystemImpl::Create(const std::string &root, RootName name)
+std::unique_ptr<IFileSystem> FileSystemImpl::Create(const std::string &root, const ShareRules &rules)
 {
     std::unique_ptr<FileSystemImpl> files(new (std::nothrow) FileSystemImpl(root));
-    std::u16string wide;
-    if (files && name == RootName::Exact && Utf8ToUtf16(root, wide))
-        files->exactRoot.emplace(wide);
+    if (files)
+        files->KeepRoot(root, rules);
     return files;
+}
+
+void FileSystemImpl::KeepRoot(const std::string &root, const ShareRules &rules)
+{
+    std::u16string wide;
+    if (Utf8ToUtf16(root, wide))
+        shareRoot.emplace(wide, rules);
 }
 
 NTSTATUS FileSystemImpl::RedirectedCreateFile(uint32_t *fileId, uint32_t desiredAccess, const char16_t *path,

@@ -13,11 +13,10 @@ namespace fodr {
 
 class FileSystemImpl : public IFileSystem {
 public:
-    // `root` is the share's path in NT form. Null when there is no memory. A root that is found in its very
-    // case stands for itself alone, see nt::ExactFolder.
-    enum class RootName { AnyCase, Exact };
+    // `root` is the share's path in NT form; while the object lives it is a share's root with these rules.
+    // Null when there is no memory.
     [[nodiscard]] static std::unique_ptr<IFileSystem> Create(const std::string &root,
-                                                             RootName name = RootName::AnyCase);
+                                                             const nt::ShareRules &rules = {});
 
     nt::NTSTATUS RedirectedCreateFile(uint32_t *fileId, uint32_t desiredAccess, const char16_t *path,
                                       uint64_t allocationSize, uint32_t fileAttributes, uint32_t shareAccess,
@@ -60,11 +59,13 @@ protected:
     explicit FileSystemImpl(const std::string &root, NameMatching matching = NameMatching::AnyCase)
         : packer(root), nameMatching(matching)
     {}
+    // To be called once. What is no text names no folder either.
+    void KeepRoot(const std::string &root, const nt::ShareRules &rules);
 
 private:
     RdpdrPacker packer;
     const NameMatching nameMatching;
-    std::optional<nt::ExactFolder> exactRoot;
+    std::optional<nt::ShareRoot> shareRoot;
 };
 
 } // namespace fodr

@@ -1,11 +1,12 @@
 // The settings of a plug-in that one run of the host has loaded: the user's, except that only named folders
-// are ever shared.
+// are ever shared, by the rules of the run.
 //
 // Used by one thread. The store is chosen for the whole process, so it is made before other threads are.
 #pragma once
 
 #include "platform/PrivateStore.h"
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,6 +19,20 @@ enum class PluginLog {
     Trace, // everything, packets too, on standard error
 };
 
+// What the plug-in does with names and links of the shared folders, as its settings have it.
+enum class NameCase : uint32_t {
+    Merged = 0,      // a create opens what has the name in another case
+    Insensitive = 1, // such a create is refused; all else finds names in any case
+    Sensitive = 2,
+};
+
+// What one run wants of the plug-in, whatever the user's settings say.
+struct PluginWishes {
+    PluginLog log = PluginLog::AsSet;
+    NameCase nameCase = NameCase::Sensitive;
+    bool linksOutside = false; // links may lead out of the shared folders
+};
+
 // The key of the plug-in's settings, below HKEY_LOCAL_MACHINE.
 inline constexpr char kPluginSettingsKey[] = "SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr";
 
@@ -27,7 +42,7 @@ public:
     // the user's own folders, and nothing at all until Allow. Null, with a few words in `*error`, when it
     // can't be made.
     static std::unique_ptr<PrivateSettings> Create(const std::string &folder, std::string *error,
-                                                   PluginLog log = PluginLog::AsSet);
+                                                   const PluginWishes &wishes = {});
 
     // From now on these folders, and no others, may be shared. UTF-8 in the form that the plug-in is given.
     [[nodiscard]] bool Allow(const std::vector<std::string> &folders, std::string *error);
@@ -38,9 +53,9 @@ public:
     [[nodiscard]] bool Refresh(std::string *error);
 
 private:
-    explicit PrivateSettings(PluginLog pluginLog) : log(pluginLog) {}
+    explicit PrivateSettings(const PluginWishes &pluginWishes) : wishes(pluginWishes) {}
 
-    const PluginLog log;
+    const PluginWishes wishes;
     std::unique_ptr<platform::PrivateStore> store;
     std::vector<std::string> allowed;
 };

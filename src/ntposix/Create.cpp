@@ -5,7 +5,6 @@
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/FileObjectTable.h"
 #include "ntposix/FileSize.h"
-#include "ntposix/Lookup.h"
 #include "ntposix/NamedStream.h"
 
 #include <fcntl.h>
@@ -64,23 +63,62 @@ NTSTATUS FileCreator::RunOnce()
     Place located;
     place = &located;
     deletionsBefore = DeletionCount();
+    // Whatever has the name is in the way of FILE_CREATE, a link as well.
+    const bool itself =
+        (request.options & FILE_OPEN_REPARSE_POINT) != 0 || request.disposition == FILE_CREATE;
+    lookup = {.links = itself ? Links::kDontFollow : Links::kFollow,
+              .keepLease = MayCreate(),
+              .exact = request.exactName};
+    if (OpenAtAGlance())
+        return AdmitExisting();
     opened = std::make_unique<OpenFile>();
-    const bool attributesOnly = IsAttributeOnly(request.access) && !IsOverwriting();
-    const bool ofLink = (request.options & FILE_OPEN_REPARSE_POINT) != 0;
-    const NTSTATUS status = Locate(name.Path(),
-                                   {.links = ofLink ? Links::kDontFollow : Links::kFollow,
-                                    .keepDescriptor = attributesOnly,
-                                    .keepLease = MayCreate(),
-                                    .exact = request.exactName},
-                                   place);
+    const NTSTATUS status = Locate(name, lookup, place);
     if (status != STATUS_SUCCESS)
         return status;
+    FillOpened();
+    if (MeetsOtherCase()) {
+        information = FILE_EXISTS;
+        return STATUS_OBJECT_NAME_COLLISION;
+    }
+    return place->exists ? OpenExisting() : CreateMissing();
+}
+
+// Data of a file that is there, which is the usual case, takes two look-ups: one for what it is, since not
+// everything may be opened, and one that opens it. What the first has seen counts once the second has opened
+// that file; with anything else the long way begins anew.
+bool FileCreator::OpenAtAGlance()
+{
+    const bool attributesOnly = IsAttributeOnly(request.access) && !IsOverwriting();
+    if (attributesOnly || request.disposition == FILE_CREATE)
+        return false;
+    const int error = Glance(name, lookup, place);
+    lookup.seemsMissing = error == ENOENT;
+    if (error != 0)
+        return false;
+    opened = std::make_unique<OpenFile>();
+    FillOpened();
+    const bool isOpen = CheckKind() == STATUS_SUCCESS && CheckReadOnly() == STATUS_SUCCESS &&
+                        OpenDescriptor() == STATUS_SUCCESS;
+    raced = false;
+    return isOpen;
+}
+
+void FileCreator::FillOpened()
+{
     opened->access = request.access & ~MAXIMUM_ALLOWED;
     opened->share = request.share;
     opened->options = request.options;
-    opened->exactName = request.exactName;
+    opened->exactName = place->exact;
+    opened->root = place->root;
     opened->mode = request.options & kModeOptions;
-    return place->exists ? OpenExisting() : CreateMissing();
+}
+
+// Whether what is there has the name in another case, and the share's rule keeps it from a create.
+bool FileCreator::MeetsOtherCase() const
+{
+    return (place->exists || place->dangling) && MayCreate() && place->root &&
+           place->root->Rules().names == CaseRule::AnyCaseNoMerge && !name.Below().empty() &&
+           LeafOf(place->path) != LeafOf(name.Path());
 }
 
 NTSTATUS FileCreator::OpenExisting()
@@ -96,8 +134,12 @@ NTSTATUS FileCreator::OpenExisting()
         status = CheckReadOnly();
     if (status == STATUS_SUCCESS)
         status = OpenDescriptor();
-    if (status == STATUS_SUCCESS)
-        status = Admit(IsOverwriting() ? FILE_WRITE_DATA : 0);
+    return status == STATUS_SUCCESS ? AdmitExisting() : status;
+}
+
+NTSTATUS FileCreator::AdmitExisting()
+{
+    NTSTATUS status = Admit(IsOverwriting() ? FILE_WRITE_DATA : 0);
     if (status != STATUS_SUCCESS)
         return status;
     information = FILE_OPENED;
@@ -146,10 +188,6 @@ NTSTATUS FileCreator::OpenDescriptor()
     opened->kind = place->facts.kind;
     opened->path = place->path;
     opened->dotName = HiddenByName(LeafOf(place->path)) != 0;
-    if (place->descriptor) {
-        opened->fd = std::move(place->descriptor);
-        return STATUS_SUCCESS;
-    }
     const bool hasData = opened->kind == FileKind::kFile || opened->kind == FileKind::kDirectory;
     const bool reads = hasData && (request.access & FILE_READ_DATA) != 0;
     const bool writes = opened->kind == FileKind::kFile && WantsWriting();
@@ -181,10 +219,13 @@ NTSTATUS FileCreator::OpenDescriptor()
 // 0 or an errno; ENOENT also when the name leads to another file by now.
 int FileCreator::TryOpen(int flags)
 {
+    if ((flags & O_PATH) != 0 && place->descriptor) {
+        opened->fd = std::move(place->descriptor);
+        return 0;
+    }
     const int quiet = flags & O_PATH ? 0 : O_NONBLOCK | O_NOCTTY;
-    opened->fd.Reset(open(place->path.c_str(), flags | quiet | NoFollow() | O_CLOEXEC));
-    if (!opened->fd)
-        return errno;
+    if (const int error = OpenPlace(*place, flags | quiet | NoFollow(), &opened->fd); error != 0)
+        return error;
     FileFacts facts;
     if (const int error = StatDescriptor(opened->fd.Get(), &facts); error != 0)
         return error;

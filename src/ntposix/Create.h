@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ntposix/Creator.h"
+#include "ntposix/Lookup.h"
 
 namespace fodr::ntposix {
 
@@ -13,8 +14,6 @@ inline constexpr uint32_t kModeOptions = nt::FILE_WRITE_THROUGH | nt::FILE_SEQUE
 // What the I/O manager refuses before it asks a file system. STATUS_SUCCESS or STATUS_INVALID_PARAMETER.
 [[nodiscard]] nt::NTSTATUS CheckCreateParameters(const CreateRequest &request);
 
-struct Place;
-
 class FileCreator final : public Creator {
 public:
     FileCreator(const NtName &fileName, const CreateRequest &createRequest) : Creator(fileName, createRequest)
@@ -25,7 +24,11 @@ public:
 
 private:
     nt::NTSTATUS RunOnce() override;
+    bool OpenAtAGlance();
+    void FillOpened();
+    bool MeetsOtherCase() const;
     nt::NTSTATUS OpenExisting();
+    nt::NTSTATUS AdmitExisting();
     nt::NTSTATUS CheckKind() const;
     nt::NTSTATUS CheckReadOnly() const;
     nt::NTSTATUS OpenDescriptor();
@@ -43,6 +46,7 @@ private:
     int NoFollow() const;
 
     Place *place = nullptr; // of the running attempt
+    LookupOptions lookup;
     uint64_t deletionsBefore = 0;
 };
 

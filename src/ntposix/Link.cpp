@@ -25,13 +25,6 @@ bool LeadsTo(const std::string &path, const FileKey &key, Link *link)
     return true;
 }
 
-std::string PathByKernel(int fd)
-{
-    char path[PATH_MAX];
-    const ssize_t length = readlink(DescriptorPath(fd).c_str(), path, sizeof(path));
-    return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
-}
-
 bool IsRoot(const std::string &path)
 {
     return path == "/";
@@ -64,6 +57,13 @@ NTSTATUS FindLink(const OpenFile &open, Link *link)
     if (!current.empty() && current[0] == '/' && LeadsTo(current, open.object->key, link))
         return STATUS_SUCCESS;
     return STATUS_FILE_DELETED;
+}
+
+std::string PathByKernel(int fd)
+{
+    char path[PATH_MAX];
+    const ssize_t length = readlink(DescriptorPath(fd).c_str(), path, sizeof(path));
+    return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
 }
 
 std::string DescriptorPath(int fd)

@@ -20,6 +20,9 @@ struct Link {
 // which has none in any directory. For a link that was followed it is the name of the file, not of the link.
 [[nodiscard]] nt::NTSTATUS FindLink(const OpenFile &open, Link *link);
 
+// Where the kernel says the file of a descriptor is; empty if it can't say.
+[[nodiscard]] std::string PathByKernel(int fd);
+
 // Of an open descriptor, for calls that don't take an O_PATH one: "/proc/self/fd/N".
 [[nodiscard]] std::string DescriptorPath(int fd);
 

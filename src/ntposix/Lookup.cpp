@@ -1,10 +1,11 @@
 #include "ntposix/Lookup.h"
 
+#include "ntposix/Beneath.h"
 #include "ntposix/ErrnoStatus.h"
-#include "ntposix/ExactFolders.h"
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace fodr::ntposix {
@@ -12,16 +13,6 @@ namespace fodr::ntposix {
 using namespace nt;
 
 namespace {
-
-// 0 or an errno.
-int Probe(int directory, const char *name, LookupOptions options, Place *place)
-{
-    if (!options.keepDescriptor)
-        return StatAt(directory, name, options.links, &place->facts);
-    const int noFollow = options.links == Links::kDontFollow ? O_NOFOLLOW : 0;
-    place->descriptor.Reset(openat(directory, name, O_PATH | O_CLOEXEC | noFollow));
-    return place->descriptor ? StatDescriptor(place->descriptor.Get(), &place->facts) : errno;
-}
 
 bool IsMissing(int error)
 {
@@ -34,28 +25,97 @@ NTSTATUS DirectoryStatus(int error)
     return IsMissing(error) ? STATUS_OBJECT_PATH_NOT_FOUND : StatusOfErrno(error);
 }
 
-int OpenPath(int directory, const char *name, Fd *opened)
+// What absolute paths are looked for from: the system's root, or that of a share that they begin with.
+class Ground {
+public:
+    explicit Ground(const HeldRoot *heldRoot) : root(heldRoot) {}
+
+    bool IsTop(const std::string &path) const { return root ? path == root->Path() : path == "/"; }
+    const char *Below(const std::string &path) const
+    {
+        const size_t front = root->Path().size();
+        return path.c_str() + std::min(front == 1 ? 1 : front + 1, path.size());
+    }
+    int Open(const std::string &path, int flags, Fd *opened) const
+    {
+        if (root)
+            return OpenBeneath(*root, Below(path), flags, opened);
+        opened->Reset(open(path.c_str(), flags | O_CLOEXEC));
+        return *opened ? 0 : errno;
+    }
+
+private:
+    const HeldRoot *root; // null: the system's
+};
+
+// 0 or an errno.
+int Probe(const Ground &ground, const std::string &path, Links links, Place *place)
 {
-    opened->Reset(openat(directory, name, O_PATH | O_DIRECTORY | O_CLOEXEC));
-    return *opened ? 0 : errno;
+    const int noFollow = links == Links::kDontFollow ? O_NOFOLLOW : 0;
+    const int error = ground.Open(path, O_PATH | noFollow, &place->descriptor);
+    return error == 0 ? StatDescriptor(place->descriptor.Get(), &place->facts) : error;
 }
 
-// In place->parent, without regard to case unless the spelling is to be exact, which has been tried.
-NTSTATUS LocateFolded(const std::string &parentPath, const std::string &leaf, LookupOptions options,
-                      Place *place)
+NTSTATUS OpenDirectoryOn(const Ground &ground, const std::string &path, bool exact, Fd *directory,
+                         std::string *realPath)
 {
+    int error = ground.Open(path, O_PATH | O_DIRECTORY, directory);
+    if (error == 0) {
+        *realPath = path;
+        return STATUS_SUCCESS;
+    }
+    if (error != ENOENT || ground.IsTop(path) || exact)
+        return DirectoryStatus(error);
+    const PathParts parts = SplitPath(path);
+    Fd parent;
+    std::string parentPath;
+    const NTSTATUS status = OpenDirectoryOn(ground, parts.parent, false, &parent, &parentPath);
+    if (status != STATUS_SUCCESS)
+        return status;
+    const DirectoryLease lease(parent.Get());
+    const std::optional<std::string> present = lease.Find(parts.leaf);
+    if (!present)
+        return lease.Error() == 0 ? STATUS_OBJECT_PATH_NOT_FOUND : StatusOfErrno(lease.Error());
+    *realPath = JoinPath(parentPath, *present);
+    error = ground.Open(*realPath, O_PATH | O_DIRECTORY, directory);
+    return error == 0 ? STATUS_SUCCESS : DirectoryStatus(error);
+}
+
+// The spelling of the leaf in place->parent, if it is there.
+NTSTATUS FindLeaf(const std::string &leaf, const LookupOptions &options, Place *place,
+                  std::optional<std::string> *present)
+{
+    if (place->exact) {
+        FileFacts facts;
+        const int error = StatAt(place->parent.Get(), leaf.c_str(), Links::kDontFollow, &facts);
+        if (error == 0)
+            *present = leaf;
+        return error == 0 || error == ENOENT ? STATUS_SUCCESS : StatusOfErrno(error);
+    }
     place->lease.emplace(place->parent.Get());
     if (const int error = place->lease->Error(); error != 0)
         return StatusOfErrno(error);
-    std::optional<std::string> present = place->lease->Find(leaf);
-    if (options.exact && present != leaf)
-        present.reset();
-    if (present || !options.keepLease)
+    *present = place->lease->Find(leaf);
+    if (*present || !options.keepLease)
         place->lease.reset();
-    place->path = JoinPath(parentPath, present ? *present : leaf);
+    return STATUS_SUCCESS;
+}
+
+// Where the name as it is written has led nowhere.
+NTSTATUS LocateInParent(const Ground &ground, const LookupOptions &options, Place *place)
+{
+    const PathParts parts = SplitPath(place->path);
+    std::string parentPath;
+    NTSTATUS status = OpenDirectoryOn(ground, parts.parent, place->exact, &place->parent, &parentPath);
+    std::optional<std::string> present;
+    if (status == STATUS_SUCCESS)
+        status = FindLeaf(parts.leaf, options, place, &present);
+    if (status != STATUS_SUCCESS)
+        return status;
+    place->path = JoinPath(parentPath, present ? *present : parts.leaf);
     if (!present)
         return STATUS_SUCCESS;
-    const int error = Probe(place->parent.Get(), present->c_str(), options, place);
+    const int error = Probe(ground, place->path, options.links, place);
     if (error != 0 && !IsMissing(error))
         return StatusOfErrno(error);
     place->exists = error == 0;
@@ -63,49 +123,108 @@ NTSTATUS LocateFolded(const std::string &parentPath, const std::string &leaf, Lo
     return STATUS_SUCCESS;
 }
 
+NTSTATUS LocateOn(const Ground &ground, const LookupOptions &options, Place *place)
+{
+    if (!options.seemsMissing || ground.IsTop(place->path)) {
+        const int error = Probe(ground, place->path, options.links, place);
+        place->exists = error == 0;
+        if (error == 0)
+            return STATUS_SUCCESS;
+        if (!IsMissing(error) || ground.IsTop(place->path))
+            return StatusOfErrno(error);
+    }
+    return LocateInParent(ground, options, place);
+}
+
+// Back to where nothing has been looked for.
+void Reset(Place *place, bool exact)
+{
+    place->root.reset();
+    place->exact = exact;
+    place->exists = place->dangling = false;
+    place->lease.reset();
+    place->parent.Reset();
+    place->descriptor.Reset();
+}
+
+// Puts the place on the share's root, if the name has one that is there. Whoever asks for the root itself
+// while it isn't there is answered as for any other name.
+NTSTATUS Hold(const NtName &name, RegisteredRoot::Look look, Place *place)
+{
+    place->path = name.Path();
+    if (!name.Root())
+        return STATUS_SUCCESS;
+    const bool isTop = name.Below().empty();
+    const NTSTATUS status =
+        name.Root()->Hold(name.RootPath(), isTop ? RegisteredRoot::Look::Anew : look, &place->root);
+    if (status != STATUS_SUCCESS) {
+        place->exact |= name.Root()->HasExactName();
+        return isTop ? STATUS_SUCCESS : status;
+    }
+    if (place->root->Path() != place->root->NamedPath())
+        place->path = isTop ? place->root->Path() : JoinPath(place->root->Path(), name.Below());
+    place->exact |= place->root->Rules().names == CaseRule::Exact;
+    return STATUS_SUCCESS;
+}
+
+// Nothing is found in a folder that was removed, though there may be another under its name by now.
+bool IsGone(const Place &place)
+{
+    return place.root && !place.exists && place.root->IsRemoved();
+}
+
 } // namespace
 
-NTSTATUS Locate(const std::string &path, LookupOptions options, Place *place)
+NTSTATUS Locate(const NtName &name, const LookupOptions &options, Place *place)
 {
-    const int error = Probe(AT_FDCWD, path.c_str(), options, place);
-    if (error == 0) {
-        place->exists = true;
-        place->path = path;
-        return STATUS_SUCCESS;
+    auto look = RegisteredRoot::Look::AsHeld;
+    for (;;) {
+        Reset(place, options.exact);
+        NTSTATUS status = Hold(name, look, place);
+        if (status != STATUS_SUCCESS)
+            return status;
+        status = LocateOn(Ground(place->root.get()), options, place);
+        if (look == RegisteredRoot::Look::Anew || !IsGone(*place))
+            return status;
+        look = RegisteredRoot::Look::Anew;
     }
-    if (!IsMissing(error) || path == "/")
-        return StatusOfErrno(error);
-    const PathParts parts = SplitPath(path);
-    std::string parentPath;
-    options.exact = options.exact || IsExactFolder(path);
-    const NTSTATUS status = OpenDirectory(parts.parent, options.exact, &place->parent, &parentPath);
+}
+
+int Glance(const NtName &name, const LookupOptions &options, Place *place)
+{
+    Reset(place, options.exact);
+    // The root itself takes a closer look.
+    if (Hold(name, RegisteredRoot::Look::AsHeld, place) != STATUS_SUCCESS ||
+        (place->root && name.Below().empty()))
+        return EAGAIN;
+    const HeldRoot *root = place->root.get();
+    const char *path = root ? Ground(root).Below(place->path) : place->path.c_str();
+    const int error = StatAt(root ? root->Folder() : AT_FDCWD, path, options.links, &place->facts);
+    place->exists = error == 0;
+    return error;
+}
+
+int OpenPlace(const Place &place, int flags, Fd *opened)
+{
+    return Ground(place.root.get()).Open(place.path, flags, opened);
+}
+
+NTSTATUS OpenParent(const NtName &name, bool exact, Fd *directory, std::string *realPath)
+{
+    Place place;
+    place.exact = exact;
+    const NTSTATUS status = Hold(name, RegisteredRoot::Look::AsHeld, &place);
     if (status != STATUS_SUCCESS)
         return status;
-    return LocateFolded(parentPath, parts.leaf, options, place);
+    const Ground ground(place.root.get());
+    if (ground.IsTop(place.path))
+        return STATUS_ACCESS_DENIED;
+    return OpenDirectoryOn(ground, SplitPath(place.path).parent, place.exact, directory, realPath);
 }
 
 NTSTATUS OpenDirectory(const std::string &path, bool exact, Fd *directory, std::string *realPath)
 {
-    int error = OpenPath(AT_FDCWD, path.c_str(), directory);
-    if (error == 0) {
-        *realPath = path;
-        return STATUS_SUCCESS;
-    }
-    if (error != ENOENT || path == "/" || exact || IsExactFolder(path))
-        return DirectoryStatus(error);
-    const PathParts parts = SplitPath(path);
-    Fd parent;
-    std::string parentPath;
-    const NTSTATUS status = OpenDirectory(parts.parent, false, &parent, &parentPath);
-    if (status != STATUS_SUCCESS)
-        return status;
-    const DirectoryLease lease(parent.Get());
-    const std::optional<std::string> present = lease.Find(parts.leaf);
-    if (!present)
-        return lease.Error() == 0 ? STATUS_OBJECT_PATH_NOT_FOUND : StatusOfErrno(lease.Error());
-    error = OpenPath(parent.Get(), present->c_str(), directory);
-    *realPath = JoinPath(parentPath, *present);
-    return error == 0 ? STATUS_SUCCESS : DirectoryStatus(error);
+    return OpenDirectoryOn(Ground(nullptr), path, exact, directory, realPath);
 }
 
 } // namespace fodr::ntposix

@@ -27,8 +27,9 @@ std::u16string_view TextOf(const UNICODE_STRING &text)
 bool HasStreamOf(const NtName &name, const Place &place)
 {
     std::string attribute;
-    const Fd file(name.Stream().empty() ? -1 : open(place.path.c_str(), O_PATH | O_CLOEXEC));
-    return name.Stream().empty() || (file && FindStream(file.Get(), name.Stream(), false, &attribute) == 0);
+    Fd file;
+    return name.Stream().empty() || (OpenPlace(place, O_PATH, &file) == 0 &&
+                                     FindStream(file.Get(), name.Stream(), false, &attribute) == 0);
 }
 
 template <typename Creator>
@@ -131,14 +132,13 @@ bool GetFileAttributes(const char16_t *ntPath, uint32_t *attributes)
                Place place;
                NTSTATUS status = NtName::Parse(ntPath, &name);
                if (status == STATUS_SUCCESS)
-                   status = Locate(name.Path(), {.links = Links::kDontFollow}, &place);
+                   status = Locate(name, {.links = Links::kDontFollow}, &place);
                if (status != STATUS_SUCCESS || !place.exists || !HasStreamOf(name, place))
                    return STATUS_OBJECT_NAME_NOT_FOUND;
-               FileFacts target;
                uint32_t found = place.facts.attributes | HiddenByName(LeafOf(place.path));
+               Fd target;
                if (place.facts.kind == FileKind::kLink &&
-                   StatAt(-1, place.path.c_str(), Links::kFollow, &target) == 0 &&
-                   target.kind == FileKind::kDirectory)
+                   OpenPlace(place, O_PATH | O_DIRECTORY, &target) == 0)
                    found |= FILE_ATTRIBUTE_DIRECTORY;
                if (name.HasTrailingSeparator() && (found & FILE_ATTRIBUTE_DIRECTORY) == 0)
                    return STATUS_OBJECT_NAME_INVALID;

@@ -60,7 +60,15 @@ NTSTATUS NtName::Parse(std::u16string_view text, NtName *name)
     *name = NtName();
     if (text.substr(0, kPrefix.size()) != kPrefix)
         return STATUS_OBJECT_PATH_SYNTAX_BAD;
-    text.remove_prefix(kPrefix.size());
+    const NTSTATUS status = name->AppendText(text.substr(kPrefix.size()));
+    if (status == STATUS_SUCCESS)
+        name->FindRoot(text);
+    return status;
+}
+
+// What stands behind the prefix.
+NTSTATUS NtName::AppendText(std::u16string_view text)
+{
     if (text.empty())
         return STATUS_OBJECT_NAME_INVALID;
     if (IsNetworkName(text))
@@ -69,18 +77,18 @@ NTSTATUS NtName::Parse(std::u16string_view text, NtName *name)
         text.remove_prefix(1);
         if (!text.empty() && IsSeparator(text[0]))
             text.remove_prefix(1);
-        return name->AppendComponents(text);
+        return AppendComponents(text);
     }
     const bool isDrive = text.size() >= 2 && IsLetter(text[0]) && text[1] == u':' &&
                          (text.size() == 2 || IsSeparator(text[2]));
     if (!isDrive)
         return UnknownDevice(text);
-    name->path = PathOfDriveLetter(static_cast<char>(text[0]));
-    if (name->path.empty())
+    path = PathOfDriveLetter(static_cast<char>(text[0]));
+    if (path.empty())
         return UnknownDevice(text);
-    if (name->path == "/")
-        name->path.clear();
-    return name->AppendComponents(text.substr(text.size() == 2 ? 2 : 3));
+    if (path == "/")
+        path.clear();
+    return AppendComponents(text.substr(text.size() == 2 ? 2 : 3));
 }
 
 // Empty text names the root directory or the drive's own.
@@ -108,6 +116,31 @@ NTSTATUS NtName::AppendComponents(std::u16string_view text)
     path += '/';
     path += below;
     return STATUS_SUCCESS;
+}
+
+// Below the root every separator stands before one component, but one at the very end. (That the root
+// directory may have two at its joint only leads to the front of the path.)
+void NtName::FindRoot(std::u16string_view text)
+{
+    root = ShareRoots::Instance().Find(text);
+    if (!root)
+        return;
+    text.remove_prefix(root->text.size());
+    if (!text.empty() && IsSeparator(text.back()))
+        text.remove_suffix(1);
+    rootEnd = path == "/" ? 0 : path.size();
+    for (auto left = std::count_if(text.begin(), text.end(), IsSeparator); left > 0 && rootEnd > 0; --left)
+        rootEnd = path.rfind('/', rootEnd - 1);
+}
+
+std::string_view NtName::RootPath() const
+{
+    return rootEnd == 0 ? "/" : std::string_view(path).substr(0, rootEnd);
+}
+
+std::string_view NtName::Below() const
+{
+    return std::string_view(path).substr(std::min(rootEnd + 1, path.size()));
 }
 
 // MS-FSCC 2.1.5: name[:stream[:type]], in the last component alone. The type is $DATA or absent.

@@ -5,11 +5,14 @@
 //   \??\UNC\server\share           STATUS_BAD_NETWORK_PATH
 //
 // The path of a share and that of a request are joined as they come. Where the share is the root directory
-// the joint has two separators; that one empty component, the first of all, is let pass.
+// the joint has two separators; that one empty component, the first of all, is let pass. Of a name that
+// belongs to a share the root is known.
 #pragma once
 
+#include "ntposix/ShareRoots.h"
 #include "platform/NtStatus.h"
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -23,6 +26,11 @@ public:
     // Absolute and without a separator at its end, but for "/".
     const std::string &Path() const { return path; }
     bool HasTrailingSeparator() const { return trailingSeparator; }
+    // Null: it belongs to no share.
+    const std::shared_ptr<RegisteredRoot> &Root() const { return root; }
+    // The two parts of the path: what the root's name stands for, and what lies below it (empty: the root).
+    std::string_view RootPath() const;
+    std::string_view Below() const;
     // Of a stream suffix other than "::$DATA"; empty for the file itself.
     const std::u16string &Stream() const { return stream; }
     // The same without the stream.
@@ -33,8 +41,12 @@ public:
     [[nodiscard]] static nt::NTSTATUS SplitStream(std::u16string_view *text, std::u16string *streamName);
 
 private:
+    [[nodiscard]] nt::NTSTATUS AppendText(std::u16string_view text);
     [[nodiscard]] nt::NTSTATUS AppendComponents(std::u16string_view text);
+    void FindRoot(std::u16string_view text);
 
+    std::shared_ptr<RegisteredRoot> root;
+    size_t rootEnd = 0; // in the path, of what the root's name stands for; 0 for "/"
     std::string path;
     std::u16string stream;
     bool trailingSeparator = false;

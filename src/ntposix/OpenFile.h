@@ -9,6 +9,7 @@
 #include "ntposix/FileFacts.h"
 #include "ntposix/FileObject.h"
 #include "ntposix/HandleServices.h"
+#include "ntposix/ShareRoots.h"
 #include "platform/Nt.h"
 
 #include <atomic>
@@ -43,8 +44,12 @@ public:
     uint32_t share = 0;
     uint32_t options = 0; // CreateOptions
     FileKind kind = FileKind::kFile;
-    bool dataFd = false;    // fd isn't O_PATH
-    bool exactName = false; // opened in its very case, and renamed likewise
+    bool dataFd = false; // fd isn't O_PATH
+    bool exactName =
+        false; // opened in its very case, by the caller's wish or the share's rule; renamed likewise
+    // The root of the share that the name belonged to, with its rules and, by Key().device, its file system.
+    // Null for names that belong to no share.
+    std::shared_ptr<const HeldRoot> root;
 
     std::atomic<uint32_t> mode{0};    // FileModeInformation
     std::atomic<bool> dotName{false}; // the name hides the file

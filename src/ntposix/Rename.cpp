@@ -199,7 +199,7 @@ NTSTATUS RenameFile(OpenFile &open, std::u16string_view target, bool replace)
         return status;
     Fd directory;
     std::string directoryPath;
-    status = OpenDirectory(parts.parent, open.exactName, &directory, &directoryPath);
+    status = OpenParent(name, open.exactName, &directory, &directoryPath);
     if (status != STATUS_SUCCESS)
         return status;
     const Target to{directory.Get(), parts.leaf, JoinPath(directoryPath, parts.leaf)};

@@ -179,19 +179,41 @@ private:
 // says that nothing was in flight.
 [[nodiscard]] uint32_t CancelIoEx(HANDLE file);
 
-// A folder whose name stands for it alone, in its very case, while this lives: once the folder is gone, what
-// is asked for below it isn't looked for in a neighbour whose name differs in case. Costs nothing where names
-// are found. Where the system ignores case there is no such neighbour.
-class ExactFolder {
+// How the names of a share lead to its files, where the system leaves that to us.
+enum class CaseRule : uint8_t {
+    AnyCase,        // a create that meets a name in another case opens what is there, as NT has it
+    AnyCaseNoMerge, // such a create is STATUS_OBJECT_NAME_COLLISION; what doesn't create finds it as before
+    Exact,          // names that differ in case are two, whatever a caller asks for
+};
+struct ShareRules {
+    // The root's own name is one in its very case: once the folder is gone, no neighbour whose name differs
+    // in case is taken for it.
+    bool exactRoot = false;
+    CaseRule names = CaseRule::AnyCase;
+    bool linksOutside = false; // links of the share may lead anywhere, else only to what lies in the share
+};
+
+// The root of a share, while this lives: every name that begins with its very text, followed by a separator
+// or by nothing, belongs to the share and goes by its rules; of several such roots the longest counts, and of
+// two with one text the stricter rule. Other names of the same folder go by none. Where the system has rules
+// of its own (Windows) nothing is kept.
+//
+// What belongs to the share is looked for from the root's folder on, which is held once it has been found: on
+// the file system of "/" as long as the share lives, elsewhere while something of the share is open, so that
+// a medium can be taken away. Whoever looks at the root itself sees the folder that has the name now, and so
+// do all opens from then on; the others go on in the folder that is held, wherever it was moved to. A root
+// that was removed shows nothing until a folder has its name again.
+class ShareRoot {
 public:
     // Without a separator at its end, but for a drive and the root of all.
-    explicit ExactFolder(const std::u16string &ntPath);
-    ~ExactFolder();
-    ExactFolder(const ExactFolder &) = delete;
-    ExactFolder &operator=(const ExactFolder &) = delete;
+    ShareRoot(const std::u16string &ntPath, const ShareRules &shareRules);
+    ~ShareRoot();
+    ShareRoot(const ShareRoot &) = delete;
+    ShareRoot &operator=(const ShareRoot &) = delete;
 
 private:
-    std::string path;
+    std::u16string path;
+    ShareRules rules;
 };
 
 // Attributes of the file that a zero-terminated NT path ("\??\...") names, as GetFileAttributesW gives them.

@@ -10,6 +10,7 @@
 #include "rdpdr/PreReadManager.h"
 #include "rdpdr/RdpdrChannelManager.h"
 #include "rdpdr/ShareFolders.h"
+#include "rdpdr/ShareRuleSettings.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 #include "runtime/LogCall.h"
 
@@ -59,6 +60,7 @@ struct RdpdrChannelManager::ShareRequest {
     bool policyApplies;
     std::string ntPath;
     FolderOffer offer;
+    nt::ShareRules rules;
 };
 
 // What a look at the folder has shown. It is taken without the table's lock, since a folder that hangs must
@@ -118,8 +120,8 @@ bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::st
     }
     FolderOffer offer = NeedsAccessControl(shareName) ? LocalFolderLimit().OfferOfFiles(path, allowList)
                                                       : FolderOffer{LocalFolderLimit().Allows(path), {}};
-    const ShareRequest request{path, cookie,        driveLetterShare, permission,      shareName,
-                               type, policyApplies, ToNtPath(path),   std::move(offer)};
+    const ShareRequest request{path, cookie,        driveLetterShare, permission,       shareName,
+                               type, policyApplies, ToNtPath(path),   std::move(offer), ReadShareRules()};
     std::optional<ShareOutcome> outcome;
     while (!outcome)
         outcome = InsertShare(request, LookAtFolder(request));
@@ -220,10 +222,11 @@ std::optional<RdpdrChannelManager::ShareOutcome> RdpdrChannelManager::InsertShar
     if (NeedsAccessControl(request.shareName))
         allowList =
             std::make_shared<AllowAccessList>(request.ntPath, request.offer.files, !request.offer.whole);
-    const auto rootName = look.exact ? FileSystemImpl::RootName::Exact : FileSystemImpl::RootName::AnyCase;
-    std::unique_ptr<IFileSystem> fileSystem = allowList
-                                                  ? AllowListFileSystem::Create(request.ntPath, allowList)
-                                                  : FileSystemImpl::Create(request.ntPath, rootName);
+    nt::ShareRules rules = request.rules;
+    rules.exactRoot = look.exact; // a folder that is there stands for itself alone
+    std::unique_ptr<IFileSystem> fileSystem =
+        allowList ? AllowListFileSystem::Create(request.ntPath, allowList, rules)
+                  : FileSystemImpl::Create(request.ntPath, rules);
     if (!fileSystem || nextDeviceId > kDeviceNumberMask) { // numbers that fit the wire can run out
         outcome.statuses.push_back(kStatusInternalError);
         return outcome;

@@ -209,9 +209,9 @@ uint32_t NtCallEvent::Create()
     return handle ? 0 : GetLastError();
 }
 
-ExactFolder::ExactFolder(const std::u16string &) {}
+ShareRoot::ShareRoot(const std::u16string &, const ShareRules &) {}
 
-ExactFolder::~ExactFolder() = default;
+ShareRoot::~ShareRoot() = default;
 
 uint32_t CancelIoEx(HANDLE file)
 {
