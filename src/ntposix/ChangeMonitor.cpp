@@ -139,6 +139,8 @@ nt::NTSTATUS ChangeMonitor::Add(const std::shared_ptr<ChangeWatch> &watch, Block
         if (error != 0)
             return StatusOfWatchErrno(error);
         AddAbove(entries[watch.get()]);
+        if (IsRemoved(*watch)) // before there was a watch to tell it
+            watch->Fail(nt::STATUS_DELETE_PENDING);
     }
     return watch->tree ? StatusOfWatchErrno(AddFolders(watch, "", &call)) : nt::STATUS_SUCCESS;
 }

@@ -63,7 +63,10 @@ NTSTATUS FileCreator::RunOnce()
     Place located;
     place = &located;
     deletionsBefore = DeletionCount();
-    lookup = {.links = request.options & FILE_OPEN_REPARSE_POINT ? Links::kDontFollow : Links::kFollow,
+    // Whatever has the name is in the way of FILE_CREATE, a link as well.
+    const bool itself =
+        (request.options & FILE_OPEN_REPARSE_POINT) != 0 || request.disposition == FILE_CREATE;
+    lookup = {.links = itself ? Links::kDontFollow : Links::kFollow,
               .keepLease = MayCreate(),
               .exact = request.exactName};
     if (OpenAtAGlance())

@@ -64,6 +64,7 @@ public:
     // POSIX path that was opened, links followed or not. A hint: whoever acts on the name checks that it is
     // still this file. By object->lock.
     std::string path;
+    bool nameTaken = false;     // by object->lock; it can't be deleted or renamed any more
     bool deletePending = false; // by object->lock
     bool deleteOnClose = false; // by object->lock
 };

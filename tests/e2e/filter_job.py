@@ -27,10 +27,11 @@ class DeviceRules(unittest.TestCase):
         (self.scratch.local / "own").write_text("own ")
         (self.scratch.local / "link").symlink_to(STICK)
 
-    def read(self, folder, names, *rules, by="cat"):
+    def read(self, folder, names, *rules, by="cat", more=()):
         """What `cat` or another says of the names in the mount of the folder, and the status of it all."""
         paths = [self.scratch.mount / name for name in names]
-        done = run("share", folder, "--mount", self.scratch.mount, *(f"--agent-option={word}" for word in rules), "--",
+        done = run("share", folder, "--mount", self.scratch.mount, *more,
+                   *(f"--agent-option={word}" for word in rules), "--",
                    by, *paths, env=self.scratch.environment)
         return done.returncode, done.stdout, done.stderr
 
@@ -44,11 +45,18 @@ class DeviceRules(unittest.TestCase):
 
     def test_a_link_to_the_stick_is_refused(self):
         names = ["own", "link/f"]
-        self.assertEqual(self.read(self.scratch.local, names), (0, "own of the stick", ""))
-        code, out, errors = self.read(self.scratch.local, names, "--exclude", "vid-0781_pid-****")
+        code, out, errors = self.read(self.scratch.local, names)
         self.assertEqual((code, out), (1, "own "), errors)
         self.assertIn("Permission denied", errors)
-        code, _, errors = self.read(self.scratch.local, ["link/f", "link/g"], "--exclude", "vid-0781_pid-****", by="mv")
+        code, out, errors = self.read(self.scratch.local, names, by="cat", more=["--links-outside"])
+        self.assertEqual((code, out), (0, "own of the stick"), errors)
+        self.assertEqual(errors, "fodr: links of the shared folders may lead anywhere on this machine\n")
+        outside = ["--links-outside"]
+        code, out, errors = self.read(self.scratch.local, names, "--exclude", "vid-0781_pid-****", more=outside)
+        self.assertEqual((code, out), (1, "own "), errors)
+        self.assertIn("Permission denied", errors)
+        code, _, errors = self.read(self.scratch.local, ["link/f", "link/g"], "--exclude", "vid-0781_pid-****", by="mv",
+                                    more=outside)
         self.assertEqual(code, 1, errors)
         self.assertTrue(os.path.exists(f"{STICK}/f"))
 

@@ -1,4 +1,5 @@
-// A folder of its own for every test, and the NT calls in words that a test likes to say.
+// A folder of its own for every test, which is a share with FODR_TEST_IN_SHARE in the environment, and the NT
+// calls in words that a test likes to say.
 #pragma once
 
 #include "WholeFile.h"
@@ -13,6 +14,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -73,9 +75,13 @@ protected:
         std::string name = (std::filesystem::temp_directory_path() / "fodr-nt-XXXXXX").string();
         EXPECT_NE(mkdtemp(name.data()), nullptr);
         root = name;
+        std::u16string share;
+        if (std::getenv("FODR_TEST_IN_SHARE") && Utf8ToUtf16("\\??\\" + name, share))
+            shareRoot.emplace(share, ShareRules{});
     }
     ~NtFixture() override
     {
+        shareRoot.reset();
         std::error_code ignored;
         std::filesystem::remove_all(root, ignored);
     }
@@ -127,6 +133,7 @@ protected:
     }
 
     std::filesystem::path root;
+    std::optional<ShareRoot> shareRoot;
 };
 
 inline std::string Utf8(std::u16string_view text)

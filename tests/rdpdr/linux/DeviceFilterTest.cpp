@@ -11,7 +11,7 @@ namespace {
 TEST(DeviceFilter, JudgesSharesOpensAndDrives)
 {
     FODR_NEEDS_MOUNTS();
-    RunWithUsbStick("FilteredStick.*", 4);
+    RunWithUsbStick("FilteredStick.*", 5);
 }
 
 const Policy kExcluded{.exclude = "vid-ffff_pid-ffff;vid-0781_pid-55**"};
@@ -27,6 +27,7 @@ protected:
             GTEST_SKIP() << "runs inside of DeviceFilter.JudgesSharesOpensAndDrives";
         std::filesystem::create_directories(stick.folder + "/sub");
         std::ofstream(stick.folder + "/f") << "x";
+        settings.SetNumber("linksOutside", 1); // else links lead to no other volume anyway
     }
     // A share beside the stick, with links to it.
     std::string LinkingFolder()
@@ -106,6 +107,19 @@ TEST_F(FilteredStick, WhatTheRulesIncludeOpensThroughALink)
     ASSERT_EQ(Add(LinkingFolder()), Strings{});
     EXPECT_EQ(Opened(u"\\Link\\f", kFile), 0u);
     EXPECT_EQ(Opened(u"\\file::$DATA", kFile), 0u);
+    EXPECT_EQ(Opened(u"\\", kFolder), 0u);
+}
+
+TEST_F(FilteredStick, IsOutOfReachOfLinksWhateverTheRulesSay)
+{
+    settings.SetNumber("linksOutside", 0);
+    LogOn(5, kIncluded);
+    ASSERT_EQ(Add(LinkingFolder()), Strings{});
+    for (const char16_t *path : {u"\\Link\\f", u"\\Link\\f::$DATA", u"\\LINK\\none", u"\\file"}) {
+        for (const uint32_t options : {kFile, 0u})
+            EXPECT_EQ(Opened(path, options), static_cast<uint32_t>(nt::STATUS_ACCESS_DENIED));
+    }
+    EXPECT_EQ(Opened(u"\\own", kFile), 0u);
 }
 
 TEST_F(FilteredStick, ItsDriveComesOnlyWhenTheRulesLetItThrough)
