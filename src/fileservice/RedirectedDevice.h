@@ -98,6 +98,7 @@ protected:
     bool preReadEnabled;
     IDeviceFilter *filterPolicy;
     const IPreReader *preReader;
+    nt::NoticeOrder notices;       // of this share, towards its agent
     const std::u16string widePath; // `path` in UTF-16; empty if it has no such form
 
 private:

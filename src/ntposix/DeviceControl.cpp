@@ -168,7 +168,8 @@ NTSTATUS SetCompression(Control &control)
 // What agents may count on here. The bits that hold for one share only are those of the handle's.
 uint32_t FeaturesOf(const OpenFile &file)
 {
-    return FODR_HOST_FILE_IDS | (file.IsCaseSensitive() ? FODR_HOST_CASE_SENSITIVE : 0);
+    return FODR_HOST_FILE_IDS | FODR_HOST_POSIX_NAMES | FODR_HOST_NOTICES_FIRST |
+           (file.IsCaseSensitive() ? FODR_HOST_CASE_SENSITIVE : 0);
 }
 
 NTSTATUS QueryHost(Control &control)
