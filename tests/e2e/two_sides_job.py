@@ -67,7 +67,8 @@ class TwoSides(PosixCase):
                 yield share
             finally:
                 for fd in self.opened:
-                    os.close(fd)
+                    with contextlib.suppress(OSError):
+                        os.close(fd)
 
 
 class Replaced(TwoSides):
@@ -362,10 +363,9 @@ class Links(TwoSides):
         with self.share(folders=[shared], mount=mount):
             self.assertTrue((mount / "x" / "y" / "up" / "f").exists())
             os.rename(mount / "x" / "y" / "up", mount / "up")
-            try:  # over here it leads to `other`, two above the mount; never to what is two above the shared folder
+            with contextlib.suppress(PermissionError):
+                # Over here it leads to what is two above the mount, never to what is two above the shared folder.
                 self.assertEqual(sorted(os.listdir(mount / "up")), ["deep", "precious"])
-            except PermissionError:
-                pass
 
 
 class Appends(TwoSides):
@@ -387,16 +387,25 @@ class Appends(TwoSides):
         script = """
 import os, sys
 fd = os.open(sys.argv[1], os.O_CREAT | os.O_WRONLY | os.O_APPEND)
+print("ready", flush=True)
+sys.stdin.read()
 for line in range(400):
     os.write(fd, b"%s %03d %s\\n" % (sys.argv[2].encode(), line, b"x" * (line % 60)))
 """
         with self.share():
-            writers = [subprocess.Popen([sys.executable, "-c", script, folder / "log", f"{place}{number}"])
+            writers = [subprocess.Popen([sys.executable, "-c", script, folder / "log", f"{place}{number}"],
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
                        for place, folder in (("m", self.mount), ("s", self.local)) for number in range(2)]
+            for writer in writers:
+                self.assertEqual(writer.stdout.readline(), b"ready\n")
+            for writer in writers:
+                writer.stdin.close()
             self.assertEqual([writer.wait(120) for writer in writers], [0] * 4)
+            for writer in writers:
+                writer.stdout.close()
             lines = [line.split()[:2] for line in (self.local / "log").read_bytes().splitlines()]
             for who in (b"m0", b"m1", b"s0", b"s1"):
-                self.assertEqual([line for name, line in lines if name == who], [b"%03d" % n for n in range(400)])
+                self.assertEqual([line for line in lines if line[:1] == [who]], [[who, b"%03d" % n] for n in range(400)])
 
 
 class Gone(TwoSides):
@@ -426,10 +435,8 @@ class Gone(TwoSides):
         os.unlink(self.mount / "d" / "f")
         share.process.kill()
         share.process.wait(60)
-        try:
+        with contextlib.suppress(OSError):
             os.close(fd)
-        except OSError:
-            pass
         self.assertEqual(os.listdir(self.local / "d"), [])
         wait_for(lambda: not mounted(self.mount), "the unmount")
         share.output.close()

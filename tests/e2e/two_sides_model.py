@@ -23,7 +23,7 @@ BOUND = 0.5 * float(os.environ.get("FODR_TEST_PATIENCE", 1))  # seconds after an
 MAY_BE_BEHIND = {
     "look": "stat, lstat, readlink, fstat: facts are remembered",
     "name": "a call that fails for what a remembered name says, as ENOENT does: nothing was done, and it is done again",
-    "way": "a path through a folder or link which the owner moved, made or removed: the way there is remembered",
+    "way": "a path through a folder or over a link which the owner moved, made or removed: the way is remembered",
     "held": "reading through a descriptor that was open before the change: what was read is remembered",
 }
 NAME_ERRORS = {"ENOENT", "EEXIST", "ENOTDIR", "EISDIR", "ELOOP"}
@@ -31,7 +31,7 @@ WAY_ERRORS = NAME_ERRORS | {"EINVAL", "ENOTEMPTY"}  # moving a folder into itsel
 
 # What a call through the descriptor of a removed folder says: in the plain folder, in the mount. A removed folder is
 # unknown to the host, so the mount can't always tell why.
-REMOVED_FOLDER = {"ENOENT": {"ESTALE"}, "[]": {"ENOENT", "ESTALE"}}
+REMOVED_FOLDER = {"ENOENT": ("ESTALE",), "[]": ("ENOENT", "ESTALE")}
 
 FOLDERS, NAMES = "abc", "abcfghij"
 SIZES = (1, 15, 100, 4095, 4096, 4097, 8192, 12_289, 65_536, 100_000)
@@ -170,6 +170,10 @@ def failed(result):
     return isinstance(result, str) and result in errno.errorcode.values()
 
 
+def latest(table, wanted):
+    return max((table[key] for key in wanted if key in table), default=0)
+
+
 class Model:
     def __init__(self, seed, scratch, counts):
         self.rng = random.Random(seed)
@@ -178,22 +182,28 @@ class Model:
         self.own = {"M": self.mount, "S": self.shared}
         self.unsynced = set()  # the mount's descriptors that were written to since their last sync
         self.serial = 0
-        self.paths = []
-        # When the owner last changed a name; a name of a folder or link; a file, by its number in `plain`; anything.
-        self.names, self.ways, self.files, self.changed = {}, {}, {}, 0.0
+        self.paths = []  # what there is, each with its kind
+        self.used = collections.deque(maxlen=6)
+        # When the owner last changed a name; one of a folder or link; one of a link; a file, by its number in `plain`; any.
+        self.names, self.ways, self.links, self.files, self.changed = {}, {}, {}, {}, 0.0
         self.log = collections.deque(maxlen=30)
         self.counts = counts
 
     # What to call it with
 
     def path(self, kind=None):
-        """Mostly one of this kind: a new name (N) in a folder, or what is there."""
+        """Mostly one of this kind: a new name (N) in a folder, or what is there; often one that was just used."""
+        rng = self.rng
         fitting = [""] + [path for path, its in self.paths if its == "D"] if kind == "N" else \
             [path for path, its in self.paths if kind in (None, its)]
-        if not fitting or self.rng.random() < 0.25:
-            return "/".join([*self.rng.choices(FOLDERS, k=self.rng.choice((0, 0, 1, 1, 2, 3))), self.rng.choice(NAMES)])
-        path = self.rng.choice(fitting)
-        return os.path.join(path, self.rng.choice(NAMES)) if kind == "N" else path
+        if self.used and rng.random() < 0.3:
+            path = rng.choice(self.used)
+        elif not fitting or rng.random() < 0.25:
+            path = "/".join([*rng.choices(FOLDERS, k=rng.choice((0, 0, 1, 1, 2, 3))), rng.choice(NAMES)])
+        else:
+            path = os.path.join(rng.choice(fitting), *rng.choices(NAMES, k=int(kind == "N")))
+        self.used.append(path)
+        return path
 
     def data(self):
         self.serial += 1
@@ -260,18 +270,18 @@ class Model:
 
     def owner_calls(self, name, arguments):
         kind, call = CALLS[name][1], CALLS[name][3]
-        ways = lambda: {p for p in ends if os.path.islink(p) or os.path.isdir(p)}  # noqa: E731
         if kind in ("change", "owner"):
             _, ends, files = self.keys(name, arguments)
-            before = ways()
+            ways, links = set(filter(os.path.isdir, ends)), set(filter(os.path.islink, ends))
         plain, real = self.plain.attempt(call, *arguments), self.shared.attempt(call, *arguments)
         if kind in ("change", "owner"):
             _, more, others = self.keys(name, arguments)
             ends |= more
             self.changed = time.monotonic()
-            self.ways.update(dict.fromkeys(before | ways(), self.changed))
-            self.names.update(dict.fromkeys(ends, self.changed))
-            self.files.update(dict.fromkeys(files | others, self.changed))
+            links.update(filter(os.path.islink, ends))
+            ways.update(links, filter(os.path.isdir, ends))
+            for table, found in ((self.names, ends), (self.ways, ways), (self.links, links), (self.files, files | others)):
+                table.update(dict.fromkeys(found, self.changed))
         if real != plain:
             raise Difference(f"the shared folder says {said(real)}, the plain folder {said(plain)}")
         return plain
@@ -282,23 +292,20 @@ class Model:
         """By which entry of MAY_BE_BEHIND, and since when."""
         kind, (way, ends, files) = CALLS[name][1], keys
 
-        def since(table, wanted):
-            return max((table[key] for key in wanted if key in table), default=0)
-
-        on_way = since(self.ways, way | ends)
+        on_way = max(latest(self.ways, way), latest(self.links, ends))
         many = name in ("long_listing", "rmtree")  # these go by every name in a folder
         if failed(real) and real not in WAY_ERRORS:
             return "", 0
         if kind == "look":
-            return "look", self.changed if many else max(on_way, since(self.names, ends), since(self.files, files))
+            return "look", self.changed if many else max(latest(self.names, way | ends), latest(self.files, files))
         if kind == "held":
-            return ("held", since(self.files, files)) if not failed(real) else ("", 0)
+            return ("held", latest(self.files, files)) if not failed(real) else ("", 0)
         if on_way + BOUND > time.monotonic() and (failed(real) or kind == "read"):
             return "way", on_way
         # Who makes a file is never told that it isn't there.
         creates = name in ("replace", "make", "in_write") or name == "write" and arguments[1] & os.O_CREAT
-        if real in NAME_ERRORS and not (creates and real == "ENOENT"):
-            return "name", self.changed if many else since(self.names, way | ends)
+        if failed(real) and real in NAME_ERRORS and not (creates and real == "ENOENT"):
+            return "name", self.changed if many else latest(self.names, way | ends)
         return "", 0
 
     def until(self, same, why, since, what):
@@ -315,8 +322,13 @@ class Model:
         late[1] = max(late[1], asked - since)
 
     def settle(self, name, arguments, keys):
-        """A change can't be taken back: before it, the mount has to know the way that the owner has just changed."""
-        since = max((self.ways[key] for key in keys[0] | keys[1] if key in self.ways), default=0)
+        """Before a change, which can't be taken back, and before a descriptor of what may be another file, the mount has
+        to know the way that the owner has just changed. A working directory is found by a look, no open tells of it."""
+        kind, (way, ends, _) = CALLS[name][1], keys
+        if kind != "change" and name != "hold":
+            return
+        final = self.ways if kind == "change" or arguments[1][0] == "p" else self.links
+        since = max(latest(self.ways, way), latest(final, ends))
         if arguments[0] in self.plain.fds or since + BOUND < time.monotonic():
             return
 
@@ -330,10 +342,8 @@ class Model:
                                lambda: f"{path} is {number(self.mount)} in the mount, {number(self.shared)} for the owner")
 
     def mount_calls(self, name, arguments):
-        kind, call = CALLS[name][1], CALLS[name][3]
-        keys = self.keys(name, arguments)
-        if kind == "change":
-            self.settle(name, arguments, keys)
+        call, keys = CALLS[name][3], self.keys(name, arguments)
+        self.settle(name, arguments, keys)
         fd = self.plain.fds.get(arguments[0])
         removed = fd is not None and arguments[0][0] in "dp" and os.fstat(fd).st_nlink == 0
         asked = time.monotonic()
@@ -398,8 +408,8 @@ class Model:
         one, other = (place.attempt(lambda place: self.tree(place, numbers)) for place in (one, other))
         if failed(one) or failed(other):
             return f"{one}, {other}"
-        return {path: [said(part) for found in (one, other) for part in found.get(path, ())]
-                for path in sorted(one | other) if one.get(path) != other.get(path)}
+        return "".join(f"\n  {path}: " + " / ".join(" ".join(map(said, found.get(path, ()))) for found in (one, other))
+                       for path in sorted(one | other) if one.get(path) != other.get(path))
 
     def step(self, number):
         rng = self.rng
