@@ -56,6 +56,14 @@ bool FileFacts::IsSymbolicLink() const
     return (attributes & nt::FILE_ATTRIBUTE_REPARSE_POINT) != 0 && reparseTag == nt::IO_REPARSE_TAG_SYMLINK;
 }
 
+void FileFacts::TakeIdentity(const FileFacts &other)
+{
+    id = other.id;
+    mode = other.mode;
+    links = other.links;
+    reparseTag = other.reparseTag;
+}
+
 bool FileFacts::SameContent(const FileFacts &other) const
 {
     return lastWriteTime == other.lastWriteTime && changeTime == other.changeTime &&
@@ -97,6 +105,30 @@ bool ReadStatInformation(ByteSpan record, FileFacts *facts)
     return true;
 }
 
+namespace {
+
+std::u16string LoadText(ByteSpan bytes)
+{
+    std::u16string text(bytes.size() / 2, u'\0');
+    for (size_t i = 0; i < text.size(); ++i)
+        text[i] = static_cast<char16_t>(LoadLittle<uint16_t>(&bytes[2 * i]));
+    return text;
+}
+
+} // namespace
+
+bool ReadNameInformation(ByteSpan record, std::u16string *path)
+{
+    constexpr size_t kName = offsetof(nt::FILE_NAME_INFORMATION, FileName);
+    if (record.size() < kName)
+        return false;
+    const auto length = LoadLittle<uint32_t>(record.data());
+    if (length > record.size() - kName)
+        return false;
+    *path = LoadText(record.subspan(kName, length));
+    return true;
+}
+
 // MS-FSCC 2.1.2.4. The printed name is the target; the other one has a prefix for absolute paths.
 bool ReadLinkTarget(ByteSpan record, std::string *target)
 {
@@ -107,9 +139,7 @@ bool ReadLinkTarget(ByteSpan record, std::string *target)
     if (head.ReparseTag != nt::IO_REPARSE_TAG_SYMLINK || head.PrintNameOffset > names.size() ||
         head.PrintNameLength > names.size() - head.PrintNameOffset)
         return false;
-    std::u16string text(head.PrintNameLength / 2, u'\0');
-    for (size_t i = 0; i < text.size(); ++i)
-        text[i] = static_cast<char16_t>(LoadLittle<uint16_t>(&names[head.PrintNameOffset + 2 * i]));
+    const std::u16string text = LoadText(names.subspan(head.PrintNameOffset, head.PrintNameLength));
     target->clear();
     return PosixPathFromNt(text, *target) && !target->empty() && target->find('\0') == std::string::npos;
 }

@@ -26,6 +26,7 @@ struct FileFacts {
     bool IsDirectory() const;
     bool IsReadOnly() const;
     bool IsSymbolicLink() const; // one that wasn't followed
+    void TakeIdentity(const FileFacts &other); // all that a handle's times and sizes leave out
     // Whether the file's content may be another: by its size and its times.
     bool SameContent(const FileFacts &other) const;
 };
@@ -33,6 +34,8 @@ struct FileFacts {
 [[nodiscard]] bool ReadNetworkOpenInformation(ByteSpan record, FileFacts *facts);
 // FileStatLxInformation.
 [[nodiscard]] bool ReadStatInformation(ByteSpan record, FileFacts *facts);
+// FileNameInformation: the path on its volume.
+[[nodiscard]] bool ReadNameInformation(ByteSpan record, std::u16string *path);
 // What FSCTL_GET_REPARSE_POINT answers for a symbolic link: where it leads, as POSIX writes it.
 [[nodiscard]] bool ReadLinkTarget(ByteSpan record, std::string *target);
 

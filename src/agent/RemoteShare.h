@@ -11,7 +11,7 @@
 
 namespace fodr::agent {
 
-class RemoteShare {
+class RemoteShare : public std::enable_shared_from_this<RemoteShare> {
 public:
     // The client outlives the share.
     RemoteShare(RdpdrClient &rdpdrClient, const RemoteDevice &remoteDevice)

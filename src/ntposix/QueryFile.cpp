@@ -3,6 +3,7 @@
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/InfoBuffer.h"
+#include "ntposix/Link.h"
 #include "ntposix/NamedStream.h"
 #include "ntposix/NtCall.h"
 #include "platform/NtRecords.h"
@@ -65,11 +66,12 @@ FILE_INTERNAL_INFORMATION Internal(const FileQuery &query)
     return {.IndexNumber = static_cast<int64_t>(query.facts.id)};
 }
 
-// From the root directory: the volume is the whole tree.
+// From the root directory: the volume is the whole tree. A directory is told where it is now, whoever moved it.
 std::u16string NameOf(const FileQuery &query)
 {
     const OpenFile &file = query.open.File();
-    std::u16string name = NtPathFromPosix(file.object->PathOf(file));
+    const std::string current = file.IsDirectory() ? CurrentPath(file.fd.Get()) : std::string();
+    std::u16string name = NtPathFromPosix(current.empty() ? file.object->PathOf(file) : current);
     if (query.open.stream)
         name += u':' + query.open.stream->Name();
     return name;

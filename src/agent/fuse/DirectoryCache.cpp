@@ -66,7 +66,7 @@ DirectoryCache::Slots::iterator DirectoryCache::FindSlot(const NodePtr &node)
     return std::find_if(slots.begin(), slots.end(), [&](const Slot &slot) { return slot.node == node; });
 }
 
-void DirectoryCache::EvictOne(std::vector<DirectoryHandlePtr> *evicted)
+void DirectoryCache::EvictOne(std::vector<DirectoryHandlePtr> *evicted, std::vector<NodePtr> *left)
 {
     for (auto slot = slots.end(); slot != slots.begin();) {
         --slot;
@@ -74,6 +74,7 @@ void DirectoryCache::EvictOne(std::vector<DirectoryHandlePtr> *evicted)
             continue;
         slot->node->SetUnwatched();
         evicted->push_back(std::move(slot->handle));
+        left->push_back(slot->node);
         slots.erase(slot);
         return;
     }
@@ -86,13 +87,14 @@ void DirectoryCache::Acquire(const NodePtr &directory, Handler handler)
         return handler(nt::STATUS_OBJECT_PATH_NOT_FOUND, nullptr);
     DirectoryHandlePtr present;
     std::vector<DirectoryHandlePtr> evicted; // closed outside the lock
+    std::vector<NodePtr> left;
     uint64_t serial = 0;
     {
         const MutexLock held(lock);
         auto slot = FindSlot(directory);
         if (slot == slots.end()) {
             if (slots.size() >= kCapacity)
-                EvictOne(&evicted);
+                EvictOne(&evicted, &left);
             serial = ++lastSerial;
             slots.push_front({.node = directory, .handle = nullptr, .waiters = {}, .serial = serial});
             slots.front().waiters.push_back(std::move(handler));
@@ -103,6 +105,8 @@ void DirectoryCache::Acquire(const NodePtr &directory, Handler handler)
                 slot->waiters.push_back(std::move(handler));
         }
     }
+    for (const NodePtr &node : left)
+        leaveHook(node);
     if (present)
         return handler(nt::STATUS_SUCCESS, present);
     if (serial == 0)
@@ -223,14 +227,17 @@ DirectoryHandlePtr DirectoryCache::Present(const NodePtr &directory)
 
 void DirectoryCache::DropHandle(const NodePtr &node, const DirectoryHandlePtr &handle)
 {
-    DirectoryHandlePtr dropped;
     node->SetUnwatched();
-    const MutexLock held(lock);
-    auto slot = FindSlot(node);
-    if (slot == slots.end() || slot->handle != handle)
-        return;
-    dropped = std::move(slot->handle);
-    slots.erase(slot);
+    DirectoryHandlePtr dropped;
+    {
+        const MutexLock held(lock);
+        auto slot = FindSlot(node);
+        if (slot == slots.end() || slot->handle != handle)
+            return;
+        dropped = std::move(slot->handle);
+        slots.erase(slot);
+    }
+    leaveHook(node);
 }
 
 void DirectoryCache::ForgetNames(const NodePtr &directory)
@@ -256,6 +263,7 @@ void DirectoryCache::DropBelow(const NodePtr &directory, InlineFunction<void()> 
     auto barrier = std::make_shared<Barrier>();
     barrier->done = std::move(closed);
     std::vector<DirectoryHandlePtr> dropped;
+    std::vector<NodePtr> left;
     {
         const MutexLock held(lock);
         for (auto slot = slots.begin(); slot != slots.end();) {
@@ -271,10 +279,13 @@ void DirectoryCache::DropBelow(const NodePtr &directory, InlineFunction<void()> 
             }
             slot->node->SetUnwatched();
             slot->handle->KeepUntilClosed(barrier);
+            left.push_back(slot->node);
             dropped.push_back(std::move(slot->handle));
             slot = slots.erase(slot);
         }
     }
+    for (const NodePtr &node : left)
+        leaveHook(node);
 }
 
 void DirectoryCache::Clear()

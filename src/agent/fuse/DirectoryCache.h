@@ -46,15 +46,18 @@ using DirectoryHandlePtr = std::shared_ptr<DirectoryHandle>;
 
 class DirectoryCache {
 public:
-    static constexpr size_t kCapacity = 32;
+    static constexpr size_t kCapacity = 64;
 
     // `onChange` is told of a folder in which something has changed, on any thread. While it gives false, it is
     // told again after a while, which `later` waits for, and only then further changes are asked for; those in
     // between the other side remembers.
     using ChangeHook = std::function<bool(const NodePtr &directory)>;
+    // `onLeave` is told of a folder that isn't watched any more though nothing has changed in it.
+    using LeaveHook = std::function<void(const NodePtr &directory)>;
     using LaterHook = std::function<void(InlineFunction<void()> function)>;
-    DirectoryCache(NodeTable &nodeTable, ChangeHook onChange, LaterHook later)
-        : table(nodeTable), changeHook(std::move(onChange)), laterHook(std::move(later))
+    DirectoryCache(NodeTable &nodeTable, ChangeHook onChange, LeaveHook onLeave, LaterHook later)
+        : table(nodeTable), changeHook(std::move(onChange)), leaveHook(std::move(onLeave)),
+          laterHook(std::move(later))
     {}
 
     // Gives the folder's handle, opened if need be; null with the status of a failure. It may not have been
@@ -85,7 +88,7 @@ private:
     using Slots = std::list<Slot>; // the latest used first
 
     Slots::iterator FindSlot(const NodePtr &node) REQUIRES(lock);
-    void EvictOne(std::vector<DirectoryHandlePtr> *evicted) REQUIRES(lock);
+    void EvictOne(std::vector<DirectoryHandlePtr> *evicted, std::vector<NodePtr> *left) REQUIRES(lock);
     void OnOpened(const NodePtr &node, uint64_t serial, const std::shared_ptr<RemoteShare> &share,
                   const IoResult &result);
     void Check(const NodePtr &node, const DirectoryHandlePtr &handle);
@@ -95,6 +98,7 @@ private:
 
     NodeTable &table;
     const ChangeHook changeHook;
+    const LeaveHook leaveHook;
     const LaterHook laterHook;
     transport::Mutex lock;
     Slots slots GUARDED_BY(lock);

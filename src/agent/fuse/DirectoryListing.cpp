@@ -14,12 +14,12 @@ DirectoryListing::~DirectoryListing()
 {
     // The last reference: nobody else looks.
     lock.lock();
-    const bool open = !closed;
+    const bool open = !closed, counted = begun;
     lock.unlock();
-    if (open) {
+    if (open && !counted)
         node->opens.BeginClose();
+    if (open)
         Close();
-    }
 }
 
 const DirectoryListing::Entry *DirectoryListing::At(size_t index) const
@@ -51,6 +51,12 @@ void DirectoryListing::EndUnread()
     }
     node->opens.BeginClose();
     Close();
+}
+
+bool DirectoryListing::IsOpen() const
+{
+    const MutexLock held(lock);
+    return !closed;
 }
 
 bool DirectoryListing::IsBegun() const
@@ -173,7 +179,7 @@ void DirectoryListing::OnAnswer(const IoResult &result)
             TakeEntries(result.data);
         }
         queries = PlanQueries();
-        close = IsOver() && !closed;
+        close = IsOver() && !closed && !share->Has(nt::FODR_HOST_POSIX_NAMES);
         closed = closed || close;
         for (size_t i = 0; i < waiting.size();) {
             if (!KnowsAbout(waiting[i].index)) {

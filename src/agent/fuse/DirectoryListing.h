@@ -51,6 +51,11 @@ public:
     void EndUnread();
     Clock::time_point BegunAt() const;
     bool HasIds() const { return share->HasIds(); }
+    // Whether the handle is open, and what it is. It stays so as long as the listing lives, where an open folder
+    // can be removed; else it is closed at the end.
+    bool IsOpen() const;
+    RemoteShare &Share() const { return *share; }
+    uint32_t FileId() const { return fileId; }
 
 private:
     static constexpr size_t kMostQueries = 8;

@@ -26,6 +26,7 @@ FileSystem::FileSystem(const Options &fileSystemOptions)
     : options(fileSystemOptions),
       directories(
           table, [this](const NodePtr &directory) { return OnDirectoryChanged(directory); },
+          [this](const NodePtr &directory) { OnDirectoryLeft(directory); },
           [this](InlineFunction<void()> function) {
               notifier.CallAt(Node::Clock::now() + kLookAgain, std::move(function));
           }),
@@ -48,8 +49,12 @@ Detached FileSystem::AskFeatures(std::shared_ptr<RemoteShare> share, InlineFunct
         nt::FODR_HOST_INFORMATION host{};
         if (!told.Failed() && told.data.size() >= sizeof(host))
             memcpy(&host, told.data.data(), sizeof(host));
-        if (host.Version >= 1)
-            share->SetFeatures(share->ListsSeveral() ? host.Features : host.Features & ~nt::FODR_HOST_FILE_IDS);
+        uint32_t features = host.Version >= 1 ? host.Features : 0;
+        if (!share->ListsSeveral()) // entries that come alone have another layout
+            features &= ~nt::FODR_HOST_FILE_IDS;
+        if (share->Device().IsTagged()) // where names are guarded one by one
+            features &= ~nt::FODR_HOST_POSIX_NAMES;
+        share->SetFeatures(features);
         co_await CloseFile(*share, fileId);
     }
     done();
@@ -141,6 +146,19 @@ bool FileSystem::OnDirectoryChanged(const NodePtr &directory)
     return !busy;
 }
 
+// What the kernel still believes of its names isn't corrected by a notice any more.
+void FileSystem::OnDirectoryLeft(const NodePtr &directory)
+{
+    if (Node::Clock::now() - directory->LongAnswerAt() < CacheSpan())
+        ForgetInKernel(directory);
+}
+
+void FileSystem::LoseName(const NodePtr &parent, const std::string &name, const NodePtr &node)
+{
+    table.RemoveIf(parent, name, node);
+    notifier.NameChanged(parent->id, name);
+}
+
 void FileSystem::ForgetInKernel(const NodePtr &directory)
 {
     notifier.AttributesChanged(directory->id);
@@ -179,6 +197,7 @@ double FileSystem::SecondsLeft(const NodePtr &parent, Node::Clock::time_point as
 EntryAnswer FileSystem::AnswerFor(const NodePtr &parent, const NodePtr &node, const FileFacts &facts,
                                   bool lasting, Node::Clock::time_point asked) const
 {
+    parent->NoteLongAnswer();
     const double left = SecondsLeft(parent, asked);
     return {.node = node->id,
             .attributes = StatOf(facts, node->id, options.owner),

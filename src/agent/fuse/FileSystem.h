@@ -121,6 +121,7 @@ private:
             std::chrono::duration<double>(options.cacheSeconds));
     }
     bool OnDirectoryChanged(const NodePtr &directory);
+    void OnDirectoryLeft(const NodePtr &directory);
     void ForgetInKernel(const NodePtr &directory);
     Detached LookAgain(NodePtr node);
     // `asked` is when the facts were asked for; `lasting`: they are believed for a while.
@@ -153,9 +154,14 @@ private:
                 const DirectoryHandlePtr &directory, Found *found);
     Task<Found> FindByHandle(NodePtr parent, std::string name, Freshness freshness, bool *decided);
     Task<Found> FindByPath(Place place, bool follow);
-    // Whether the folder is still where this side believes it to be. If not, its place is forgotten.
+    // Whether the folder is still where this side believes it to be. If it was moved, and it or what it is in
+    // is open, it is found there. `Believing::Nothing` asks for every folder on the way.
     enum class Standing { Here, Gone, Replaced };
-    Task<Standing> Confirm(NodePtr folder);
+    enum class Believing { WhatWasSeen, Nothing };
+    Task<Standing> Confirm(NodePtr folder, Believing believing = Believing::WhatWasSeen);
+    Task<bool> FindMoved(NodePtr folder);
+    // The name doesn't lead to the node any more, which the kernel may not know.
+    void LoseName(const NodePtr &parent, const std::string &name, const NodePtr &node);
     bool IsConfirmed(const NodePtr &parent, const NodePtr &node) const;
     Task<Nothing> Identify(NodePtr node);
     Task<Found> FactsOf(NodePtr node, Freshness freshness = Freshness::Asked);
@@ -180,10 +186,18 @@ private:
                       uint32_t access);
     uint32_t AccessOf(int flags, const RemoteShare &share) const;
     Task<IoResult> OpenAt(const Place &place, const RemoteShare::CreateCall &open); // which outlive the wait
-    Task<IoResult> OpenNode(NodePtr node, RemoteShare::CreateCall open, Place *place);
-    Task<IoResult> OpenToRead(NodePtr node, RemoteShare::CreateCall open, Place *place, FileFacts *facts);
+    Task<IoResult> OpenNode(NodePtr node, Place place, RemoteShare::CreateCall open);
+    Task<IoResult> OpenToRead(NodePtr node, Place place, RemoteShare::CreateCall open, FileFacts *facts);
+    struct Opening { // an open of a file that is known by its id
+        nt::NTSTATUS status = nt::STATUS_SUCCESS; // STATUS_FILE_DELETED: the kernel has to look again
+        uint64_t handle = 0;
+        FileFacts facts;
+    };
+    Task<Opening> OpenFileOf(NodePtr node, Place place, int flags, uint32_t access);
+    uint64_t Lend(const OpenFilePtr &lender);
     Task<nt::NTSTATUS> Truncate(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId);
-    void OpenedAnother(const NodePtr &node, const Place &place, uint32_t fileId, uint32_t access,
+    void OpenedAnother(const NodePtr &parent, const std::string &name,
+                       const std::shared_ptr<RemoteShare> &share, uint32_t fileId, uint32_t access,
                        const FileFacts &facts);
     bool FollowsLinks(const NodePtr &node, const Place &place) const;
     void GiveUp(uint64_t handle);

@@ -39,7 +39,11 @@ Task<FileSystem::Borrowed> FileSystem::BorrowHandle(NodePtr node, OpenFilePtr fi
         co_return borrowed;
     }
     Place place;
-    if (!table.PlaceOf(node, &place)) {
+    NodePtr parent;
+    std::string name;
+    if (table.ParentAndNameOf(node, &parent, &name) && co_await Confirm(parent) != Standing::Here)
+        borrowed.status = nt::STATUS_FILE_DELETED;
+    if (nt::IsError(borrowed.status) || !table.PlaceOf(node, &place)) {
         borrowed.status = nt::STATUS_FILE_DELETED;
         co_return borrowed;
     }
@@ -58,17 +62,6 @@ Task<FileSystem::Borrowed> FileSystem::BorrowHandle(NodePtr node, OpenFilePtr fi
     borrowed.status = opened.status;
     borrowed.share = place.share;
     borrowed.fileId = opened.fileId;
-    if (opened.Failed() || !place.share->HasIds())
-        co_return borrowed;
-    FileFacts facts;
-    borrowed.status = co_await QueryFacts(*place.share, borrowed.fileId, &facts);
-    const uint64_t known = table.FileIdOf(node);
-    if (!nt::IsError(borrowed.status) && known == 0)
-        table.SetFileId(node, facts.id);
-    else if (!nt::IsError(borrowed.status) && known != facts.id)
-        borrowed.status = nt::STATUS_OBJECT_NAME_NOT_FOUND; // another file has the name by now
-    if (nt::IsError(borrowed.status))
-        CloseLater(node, place.share, borrowed.fileId);
     co_return borrowed;
 }
 
@@ -103,8 +96,7 @@ Task<nt::NTSTATUS> FileSystem::ChangeBasics(const Borrowed &borrowed, const Attr
     const std::array<uint8_t, 36> record = BasicRecord(basics);
     const IoResult result =
         co_await SetFile(*borrowed.share, borrowed.fileId, nt::FileBasicInformation, record);
-    // What comes along lacks the id.
-    *known = !result.Failed() && !borrowed.share->HasIds() && ReadPreReadFacts(result.preRead, facts);
+    *known = !result.Failed() && ReadPreReadFacts(result.preRead, facts);
     co_return result.status;
 }
 
@@ -141,10 +133,13 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
     Borrowed borrowed;
     Found found;
     bool known = false; // the facts after the change
+    std::shared_ptr<FactsUnderway> identity; // of what was opened for the change
     if (change.setSize || changesBasics) {
         borrowed = co_await BorrowHandle(node, file, change.setSize);
         nt::NTSTATUS status = borrowed.status;
         node->NoteOwnChange();
+        if (!nt::IsError(status) && !borrowed.file && borrowed.share->HasIds())
+            identity = FactsUnderway::Ask(*borrowed.share, borrowed.fileId);
         if (!nt::IsError(status) && change.setSize) {
             const std::array<uint8_t, 8> record = SizeRecord(change.size);
             const IoResult result =
@@ -156,6 +151,16 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
         if (!nt::IsError(status) && changesBasics)
             status = co_await ChangeBasics(borrowed, change, node->directory, &found.facts, &known);
         node->NoteOwnChange();
+        if (identity) {
+            co_await identity->Arrival();
+            const uint64_t id = table.FileIdOf(node);
+            if (nt::IsError(identity->status))
+                status = identity->status;
+            else if (id == 0)
+                table.SetFileId(node, identity->facts.id);
+            else if (id != identity->facts.id)
+                status = nt::STATUS_FILE_DELETED; // another file had the name: the kernel is to look again
+        }
         if (nt::IsError(status)) {
             if (!nt::IsError(borrowed.status))
                 GiveBack(node, borrowed);
@@ -169,6 +174,9 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
     // The facts of what was borrowed are asked of that handle, while it is there.
     if (known) {
         GiveBack(node, borrowed);
+        FileFacts last;
+        if (found.facts.id == 0 && (identity || node->LastFacts(&last))) // what came with the change lacks these
+            found.facts.TakeIdentity(identity ? identity->facts : last);
         node->NoteFacts(found.facts);
     } else if (borrowed.share && !borrowed.file) {
         found.status = co_await QueryFacts(*borrowed.share, borrowed.fileId, &found.facts);

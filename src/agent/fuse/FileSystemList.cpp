@@ -55,8 +55,13 @@ Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
     // A removal of the folder waits until it is known whether there is a handle.
     open->node->opens.BeginClose();
     IoResult opened = co_await CreateFile(*place.share, create, place.path);
-    if (SaysAbsent(opened.status) && co_await Confirm(open->node) != Standing::Here)
-        opened.status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    if (SaysAbsent(opened.status)) {
+        const Standing standing = co_await Confirm(open->node, Believing::Nothing);
+        if (standing == Standing::Here && table.PlaceOf(open->node, &place))
+            opened = co_await CreateFile(*place.share, create, place.path);
+        if (SaysAbsent(opened.status))
+            opened.status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    }
     if (opened.Failed()) {
         const nt::NTSTATUS status = opened.status;
         open->node->opens.EndClose();

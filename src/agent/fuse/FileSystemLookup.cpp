@@ -174,18 +174,18 @@ bool FileSystem::IsConfirmed(const NodePtr &parent, const NodePtr &node) const
     return parent->IsWatched() || Node::Clock::now() - seen < kUnwatched;
 }
 
-Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder)
+Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder, Believing believing)
 {
-    const NodePtr root = table.ShareRootOf(folder);
-    if (!root)
-        co_return Standing::Gone;
-    if (folder == root || !root->shareRoot->HasIds())
+    Place place;
+    if (table.PlaceOf(folder, &place) && !place.share->HasIds())
         co_return Standing::Here;
     std::vector<NodePtr> way = table.ParentsOf(folder);
     way.push_back(folder);
+    if (!way[0]->shareRoot && !co_await FindMoved(way[0]))
+        co_return way[0] != folder && co_await FindMoved(folder) ? Standing::Here : Standing::Replaced;
     for (size_t i = 1; i < way.size(); ++i) {
         const NodePtr &parent = way[i - 1], &node = way[i];
-        if (IsConfirmed(parent, node))
+        if (believing == Believing::WhatWasSeen && IsConfirmed(parent, node))
             continue;
         NodePtr seenIn;
         std::string name;
@@ -196,15 +196,54 @@ Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder)
         const bool absent = SaysAbsent(found.status);
         if (nt::IsError(found.status) && !absent)
             co_return Standing::Here; // the call itself will tell
-        if (absent || (known != 0 && found.facts.id != known) || !found.facts.IsDirectory()) {
-            table.RemoveIf(parent, name, node);
-            co_return absent ? Standing::Gone : Standing::Replaced;
+        if (!absent && (known == 0 || found.facts.id == known) && found.facts.IsDirectory()) {
+            if (known == 0)
+                table.SetFileId(node, found.facts.id);
+            node->NoteSeen(found.asked);
+            continue;
         }
-        if (known == 0)
-            table.SetFileId(node, found.facts.id);
-        node->NoteSeen(found.asked);
+        LoseName(parent, name, node);
+        if (co_await FindMoved(node))
+            continue;
+        if (node != folder && co_await FindMoved(folder))
+            co_return Standing::Here;
+        co_return absent ? Standing::Gone : Standing::Replaced;
     }
     co_return Standing::Here;
+}
+
+// By the folder's own handle, if there is one: the other side tells the path of what is open, and of the share.
+Task<bool> FileSystem::FindMoved(NodePtr folder)
+{
+    const DirectoryHandlePtr kept = directories.Present(folder);
+    const std::shared_ptr<DirectoryListing> listing = kept ? nullptr : folder->AnyListing();
+    if (!kept && !listing)
+        co_return false;
+    RemoteShare &share = kept ? kept->Share() : listing->Share();
+    std::u16string path, rootPath;
+    {
+        const IoResult told = co_await QueryFile(share, kept ? kept->FileId() : listing->FileId(),
+                                                 nt::FileNameInformation);
+        if (told.Failed() || !ReadNameInformation(told.data, &path))
+            co_return false;
+    }
+    const NodePtr root = table.RootOf(share.shared_from_this());
+    if (!root)
+        co_return false;
+    const auto [acquired, rootHandle] = co_await AwaitDirectory(root);
+    if (!rootHandle)
+        co_return false;
+    {
+        const IoResult told = co_await QueryFile(share, rootHandle->FileId(), nt::FileNameInformation);
+        if (told.Failed() || !ReadNameInformation(told.data, &rootPath))
+            co_return false;
+    }
+    if (rootPath == u"\\")
+        rootPath.clear();
+    if (path.size() <= rootPath.size() || !path.starts_with(rootPath) || path[rootPath.size()] != u'\\')
+        co_return false; // it has left the share
+    table.SetMovedTo(folder, path.substr(rootPath.size()));
+    co_return true;
 }
 
 // A file that this mount has made is known by its name until a handle tells its id.
@@ -253,21 +292,26 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
     if (writes)
         co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
     Found found;
-    if (const std::optional<FileFacts> ahead = openedAhead.Look(parent, name)) {
+    const std::optional<FileFacts> ahead = openedAhead.Look(parent, name);
+    if (ahead) {
         found.facts = *ahead;
         found.asked = Node::Clock::now() - OpenedAhead::kSpan;
     } else {
         found = co_await FindPassing(parent, name, Freshness::Cached);
     }
-    if (nt::IsError(found.status)) {
+    while (nt::IsError(found.status)) {
         if (!SaysAbsent(found.status)) {
             call->FailStatus(found.status);
             co_return;
         }
-        if (known)
-            table.RemoveIf(parent, name, known);
         // Another folder may have the parent's name by now: the kernel finds it when it looks again.
         const Standing standing = co_await Confirm(parent);
+        if (standing == Standing::Here && found.status == nt::STATUS_OBJECT_PATH_NOT_FOUND)
+            found = co_await FindPassing(parent, name, Freshness::Asked);
+        if (!nt::IsError(found.status))
+            break;
+        if (known)
+            table.RemoveIf(parent, name, known);
         const bool asWas = standing == Standing::Here && found.status != nt::STATUS_OBJECT_PATH_NOT_FOUND;
         call->Fail(asWas || standing == Standing::Gone ? ENOENT : ESTALE);
         co_return;
@@ -279,6 +323,8 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
     const NodePtr node = table.Reach(parent, name, KindOf(found.facts), found.NodeId());
     node->NoteFacts(found.facts);
     node->NoteSeen(found.asked);
+    if (ahead)
+        node->NoteAhead();
     // Hosts without ids may tell late, in a folder, what becomes of a file while it is open.
     if (found.facts.id == 0 && node->opens.IsOpen()) {
         const Found present = co_await FactsOf(node);
@@ -338,9 +384,9 @@ Task<FileSystem::Found> FileSystem::FactsByName(NodePtr node, Freshness freshnes
         }
         if (found.facts.id == 0 && !nt::IsError(found.status))
             co_return NotFound(nt::STATUS_OBJECT_NAME_NOT_FOUND);
-        table.RemoveIf(parent, name, node); // another of its names may still be its own
+        LoseName(parent, name, node); // another of its names may still be its own
     }
-    if (node->directory && table.ShareRootOf(node) == node) {
+    if (node->directory && (table.ShareRootOf(node) == node || node->AnyListing())) {
         const Found found = co_await FactsOfDirectory(node);
         co_return found;
     }
@@ -353,6 +399,10 @@ Task<FileSystem::Found> FileSystem::FactsOfDirectory(NodePtr node)
     Found found;
     found.asked = Node::Clock::now();
     DirectoryHandlePtr directory = directories.Present(node);
+    if (const auto listing = directory ? nullptr : node->AnyListing()) {
+        found.status = co_await QueryFacts(listing->Share(), listing->FileId(), &found.facts);
+        co_return found;
+    }
     if (!directory) {
         const auto [acquired, opened] = co_await AwaitDirectory(node);
         found.status = acquired;

@@ -184,11 +184,12 @@ Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
     uint64_t movedId = 0;
     if (isFolder) {
         const std::u16string newName = NtNameFromPosix(moving.newName);
+        const std::shared_ptr<FactsUnderway> identity = FactsUnderway::Ask(share, fileId);
         const IoResult renamed = co_await RenameFileInto(share, fileId, folder->FileId(), newName, replace);
         status = renamed.status;
-        FileFacts facts;
-        if (!nt::IsError(status) && !nt::IsError(co_await QueryFacts(share, fileId, &facts)))
-            movedId = facts.id;
+        co_await identity->Arrival();
+        if (!nt::IsError(identity->status))
+            movedId = identity->facts.id;
     }
     if (!nt::IsError(status)) {
         const NodePtr target = table.Child(moving.newParent, moving.newName);
@@ -200,7 +201,7 @@ Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
         if (node && known == 0)
             table.SetFileId(node, movedId);
         // What was moved was another file than the kernel knew of: it has to look at the new name.
-        if (node && known != 0 && known != movedId) {
+        if (node && known != 0 && movedId != 0 && known != movedId) {
             table.Remove(moving.newParent, moving.newName);
             notifier.NameChanged(moving.newParent->id, moving.newName);
         } else if (node) {

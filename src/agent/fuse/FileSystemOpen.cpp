@@ -51,6 +51,7 @@ uint64_t FileSystem::KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteS
     file->node = node;
     file->share = share;
     file->fileId = fileId;
+    file->access = access;
     file->readable = (access & nt::FILE_READ_DATA) != 0;
     file->writable = (access & nt::FILE_WRITE_DATA) != 0;
     file->changesBasics = (access & nt::FILE_WRITE_ATTRIBUTES) != 0;
@@ -93,28 +94,25 @@ Task<IoResult> FileSystem::OpenAt(const Place &place, const RemoteShare::CreateC
     co_return opened;
 }
 
-// Opens what has the node's name by now. STATUS_OBJECT_NAME_NOT_FOUND when it has none.
-Task<IoResult> FileSystem::OpenNode(NodePtr node, RemoteShare::CreateCall open, Place *place)
+Task<IoResult> FileSystem::OpenNode(NodePtr node, Place place, RemoteShare::CreateCall open)
 {
     NodePtr parent;
     std::string name;
     if (!table.ParentAndNameOf(node, &parent, &name))
-        co_return IoResult{.status = nt::STATUS_OBJECT_NAME_NOT_FOUND};
+        parent = node;
     const GateHold passed = co_await PassGate(parent, NameGate::Entry::Shared);
-    IoResult opened = {.status = nt::STATUS_OBJECT_NAME_NOT_FOUND};
-    if (table.PlaceOf(node, place))
-        opened = co_await OpenAt(*place, open);
+    IoResult opened = co_await OpenAt(place, open);
     for (int i = 0; i < kMostWaits && opened.status == nt::STATUS_SHARING_VIOLATION && node->opens.IsClosing();
          ++i) {
         co_await AwaitCall(
             [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
-        opened = co_await OpenAt(*place, open);
+        opened = co_await OpenAt(place, open);
     }
     co_return opened;
 }
 
 // Opens for reading alone. `*facts` are as of the open, if the other side told them.
-Task<IoResult> FileSystem::OpenToRead(NodePtr node, RemoteShare::CreateCall open, Place *place,
+Task<IoResult> FileSystem::OpenToRead(NodePtr node, Place place, RemoteShare::CreateCall open,
                                       FileFacts *facts)
 {
     // What this mount writes itself must stay open to it.
@@ -122,13 +120,13 @@ Task<IoResult> FileSystem::OpenToRead(NodePtr node, RemoteShare::CreateCall open
         RemoteShare::CreateCall denying = open;
         denying.sharedAccess = nt::FILE_SHARE_READ | nt::FILE_SHARE_DELETE;
         denying.createOptions |= nt::FILE_SEQUENTIAL_ONLY;
-        const IoResult opened = co_await OpenNode(node, denying, place);
-        if (!opened.Failed() && ReadPreReadFacts(opened.preRead, facts) && !place->share->HasIds())
+        const IoResult opened = co_await OpenNode(node, place, denying);
+        if (!opened.Failed() && ReadPreReadFacts(opened.preRead, facts) && !place.share->HasIds())
             node->NoteFactsOfOpen(*facts);
         if (opened.status != nt::STATUS_SHARING_VIOLATION)
             co_return opened;
     }
-    const IoResult opened = co_await OpenNode(node, open, place);
+    const IoResult opened = co_await OpenNode(node, place, open);
     co_return opened;
 }
 
@@ -145,32 +143,110 @@ Task<nt::NTSTATUS> FileSystem::Truncate(NodePtr node, std::shared_ptr<RemoteShar
     co_return result.status;
 }
 
-// Another file has the node's name by now. The kernel is told to look again, and finds it open.
-void FileSystem::OpenedAnother(const NodePtr &node, const Place &place, uint32_t fileId, uint32_t access,
+// Another file has the name by now. The kernel is told to look again, and finds it open.
+void FileSystem::OpenedAnother(const NodePtr &parent, const std::string &name,
+                               const std::shared_ptr<RemoteShare> &share, uint32_t fileId, uint32_t access,
                                const FileFacts &facts)
 {
-    NodePtr parent;
-    std::string name;
-    if (!table.ParentAndNameOf(node, &parent, &name)) {
-        CloseLater(node, place.share, fileId);
-        return;
-    }
-    table.RemoveIf(parent, name, node);
     directories.ForgetNames(parent);
     openedAhead.Keep({.parent = parent,
                       .name = name,
-                      .share = place.share,
+                      .share = share,
                       .handle = fileId,
                       .access = access,
                       .facts = facts});
     notifier.CallAt(Node::Clock::now() + 2 * OpenedAhead::kSpan, [this] { openedAhead.Purge(false); });
 }
 
+// One more open by a handle that is there.
+uint64_t FileSystem::Lend(const OpenFilePtr &lender)
+{
+    const uint64_t handle = KeepOpen(lender->node, lender->share, lender->fileId, lender->access);
+    const OpenFilePtr &file = openFiles.Of(handle);
+    file->lender = lender;
+    file->givenAway = true;
+    return handle;
+}
+
+// The open counts only once it is known what was opened.
+Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int flags, uint32_t access)
+{
+    Opening opening;
+    const uint64_t known = table.FileIdOf(node);
+    if (std::optional<OpenedAhead::Found> ahead = openedAhead.Take(place.share, known, access)) {
+        opening.handle = KeepOpen(node, place.share, ahead->handle, access);
+        opening.facts = ahead->facts;
+        co_return opening;
+    }
+    const RemoteShare::CreateCall open = {.desiredAccess = access,
+                                          .createDisposition = nt::FILE_OPEN,
+                                          .createOptions =
+                                              nt::FILE_NON_DIRECTORY_FILE |
+                                              (FollowsLinks(node, place) ? 0 : nt::FILE_OPEN_REPARSE_POINT)};
+    const bool truncates = (flags & O_TRUNC) != 0;
+    for (bool first = true;; first = false) {
+        const bool readsAlone = !WantsWrite(flags) && !truncates;
+        const IoResult opened = readsAlone ? co_await OpenToRead(node, place, open, &opening.facts)
+                                           : co_await OpenNode(node, place, open);
+        opening.status = opened.status;
+        const uint32_t fileId = opened.fileId;
+        if (!opened.Failed()) {
+            // A small file that is opened for reading is read: its bytes come while it is asked what was opened.
+            opening.handle = KeepOpen(node, place.share, fileId, access);
+            if (!truncates)
+                PrimeReading(openFiles.Of(opening.handle));
+            opening.status = co_await QueryFacts(*place.share, fileId, &opening.facts);
+            if (nt::IsError(opening.status)) {
+                Release(nullptr, opening.handle);
+                co_return opening;
+            }
+            if (known == 0)
+                table.SetFileId(node, opening.facts.id);
+            if (known == 0 || known == opening.facts.id)
+                co_return opening;
+            GiveUp(opening.handle);
+        } else if (!SaysAbsent(opening.status) && opening.status != nt::STATUS_FILE_IS_A_DIRECTORY) {
+            co_return opening;
+        }
+        // Another file, or none, has the name. Or its folder was moved, and the file with it.
+        NodePtr parent;
+        std::string name;
+        const bool named = table.ParentAndNameOf(node, &parent, &name) || table.FormerPlaceOf(node, &parent, &name);
+        const Standing standing = named ? co_await Confirm(parent, Believing::Nothing) : Standing::Gone;
+        Place now;
+        const bool moved = standing == Standing::Here && table.PlaceIn(parent, name, &now) && now.path != place.path;
+        const bool lookedAgain = Node::Clock::now() - node->AheadAt() < OpenedAhead::kSpan;
+        const OpenFilePtr lender = lookedAgain ? node->opens.AnyWith(access) : nullptr;
+        if (!opened.Failed() && standing == Standing::Here && !moved && !lender)
+            OpenedAnother(parent, name, place.share, fileId, access, opening.facts);
+        else if (!opened.Failed())
+            place.share->Close(fileId, [](const IoResult &) {});
+        if (moved && first) {
+            place = now;
+            continue;
+        }
+        if (lender) {
+            opening.handle = Lend(lender);
+            opening.status = co_await QueryFacts(*place.share, lender->fileId, &opening.facts);
+            if (nt::IsError(opening.status))
+                Release(nullptr, opening.handle);
+            co_return opening;
+        }
+        if (named)
+            LoseName(parent, name, node);
+        opening.status = nt::STATUS_FILE_DELETED;
+        co_return opening;
+    }
+}
+
 Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
 {
     const NodePtr node = table.Find(nodeId);
     Place place;
-    if (!node || !table.PlaceOf(node, &place)) {
+    NodePtr parent;
+    std::string name;
+    if (!node || !(table.PlaceOf(node, &place) ||
+                   (table.FormerPlaceOf(node, &parent, &name) && table.PlaceIn(parent, name, &place)))) {
         call->Fail(ESTALE);
         co_return;
     }
@@ -179,86 +255,49 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         call->Fail(EROFS);
         co_return;
     }
-    const bool hasIds = place.share->HasIds();
     const uint32_t access = AccessOf(flags, *place.share) | (truncates ? nt::FILE_WRITE_DATA : 0);
-    uint32_t fileId;
-    FileFacts facts;
-    bool factsKnown = false;
-    if (std::optional<OpenedAhead::Found> ahead =
-            hasIds ? openedAhead.Take(place.share, table.FileIdOf(node), access) : std::nullopt) {
-        fileId = ahead->handle;
-        facts = ahead->facts;
+    Opening opening;
+    if (place.share->HasIds()) {
+        opening = co_await OpenFileOf(node, place, flags, access);
     } else {
         const RemoteShare::CreateCall open = {.desiredAccess = access,
                                               .createDisposition = nt::FILE_OPEN,
-                                              .createOptions = nt::FILE_NON_DIRECTORY_FILE |
-                                                               (FollowsLinks(node, place)
-                                                                    ? 0
-                                                                    : nt::FILE_OPEN_REPARSE_POINT)};
+                                              .createOptions = nt::FILE_NON_DIRECTORY_FILE};
         const bool readsAlone = !WantsWrite(flags) && !truncates;
-        const IoResult opened = readsAlone ? co_await OpenToRead(node, open, &place, &facts)
-                                           : co_await OpenNode(node, open, &place);
-        if (opened.Failed()) {
-            // The kernel looks the name up again, and knows then.
-            NodePtr parent;
-            std::string name;
-            if (table.ParentAndNameOf(node, &parent, &name))
-                directories.ForgetNames(parent);
-            if (SaysAbsent(opened.status) || opened.status == nt::STATUS_FILE_IS_A_DIRECTORY)
-                call->Fail(ESTALE);
-            else
-                call->FailStatus(opened.status);
-            co_return;
-        }
-        fileId = opened.fileId;
-        factsKnown = true;
+        const IoResult opened = readsAlone ? co_await OpenToRead(node, place, open, &opening.facts)
+                                           : co_await OpenNode(node, place, open);
+        opening.status = opened.status;
+        if (!opened.Failed())
+            opening.handle = KeepOpen(node, place.share, opened.fileId, access);
     }
-    uint64_t handle = 0;
-    if (hasIds && factsKnown) {
-        // A small file that is opened for reading is read: its bytes come while it is asked what was opened.
-        handle = KeepOpen(node, place.share, fileId, access);
-        if (!truncates)
-            PrimeReading(openFiles.Of(handle));
-        const nt::NTSTATUS status = co_await QueryFacts(*place.share, fileId, &facts);
-        const uint64_t known = table.FileIdOf(node);
-        if (nt::IsError(status)) {
-            Release(nullptr, handle);
-            call->FailStatus(status);
-            co_return;
-        }
-        if (known != 0 && known != facts.id) {
-            GiveUp(handle);
-            OpenedAnother(node, place, fileId, access, facts);
+    if (nt::IsError(opening.status)) {
+        // The kernel looks the name up again, and knows then.
+        if (table.ParentAndNameOf(node, &parent, &name))
+            directories.ForgetNames(parent);
+        if (SaysAbsent(opening.status))
             call->Fail(ESTALE);
-            co_return;
-        }
-        if (known == 0)
-            table.SetFileId(node, facts.id);
+        else
+            call->FailStatus(opening.status);
+        co_return;
     }
+    const OpenFilePtr file = openFiles.Of(opening.handle);
     if (truncates) {
-        const nt::NTSTATUS status = co_await Truncate(node, place.share, fileId);
+        const nt::NTSTATUS status = co_await Truncate(node, file->share, file->fileId);
         if (nt::IsError(status)) {
-            if (handle)
-                Release(nullptr, handle);
-            else
-                CloseLater(node, place.share, fileId);
+            Release(nullptr, opening.handle);
             call->FailStatus(status);
             co_return;
         }
+    } else if (place.share->HasIds()) {
+        node->NoteFactsOfOpen(opening.facts);
     }
-    if (handle == 0) {
-        handle = KeepOpen(node, place.share, fileId, access);
-        if (!hasIds)
-            PrimeReading(openFiles.Of(handle));
-    }
-    const OpenFilePtr file = openFiles.Of(handle);
-    if (hasIds && !truncates)
-        node->NoteFactsOfOpen(facts);
     // Whoever opens a file sees it as it is by now, also its size. The node is in use, so this doesn't wait.
     if (file->readable && session)
         fuse_lowlevel_notify_inval_inode(session, node->id, -1, 0);
-    if (!call->Opened(handle, CachingOf(flags)))
-        Release(nullptr, handle);
+    if (file->readable && !place.share->HasIds())
+        PrimeReading(file);
+    if (!call->Opened(opening.handle, CachingOf(flags)))
+        Release(nullptr, opening.handle);
 }
 
 // Files that a share names one by one may be links: what they lead to is meant.

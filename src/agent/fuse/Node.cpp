@@ -65,6 +65,16 @@ OpenFilePtr OpenState::Any(bool writable) const
     return nullptr;
 }
 
+OpenFilePtr OpenState::AnyWith(uint32_t access) const
+{
+    const transport::MutexLock held(lock);
+    for (const OpenFilePtr &file : files) {
+        if (file->access == access)
+            return file;
+    }
+    return nullptr;
+}
+
 bool OpenState::IsOpen() const
 {
     const transport::MutexLock held(lock);
@@ -170,6 +180,16 @@ void Node::NoteListing(const std::shared_ptr<DirectoryListing> &listing)
     const transport::MutexLock held(factsLock);
     std::erase_if(listings, [](const auto &known) { return known.expired(); });
     listings.push_back(listing);
+}
+
+std::shared_ptr<DirectoryListing> Node::AnyListing() const
+{
+    const transport::MutexLock held(factsLock);
+    for (const auto &known : listings) {
+        if (std::shared_ptr<DirectoryListing> listing = known.lock(); listing && listing->IsOpen())
+            return listing;
+    }
+    return nullptr;
 }
 
 void Node::EndListings()

@@ -21,6 +21,9 @@ class DirectoryListing;
 struct Node;
 using NodePtr = std::shared_ptr<Node>;
 
+struct OpenFile;
+using OpenFilePtr = std::shared_ptr<OpenFile>;
+
 // One open of a file through the mount. Its handle is closed when the last who uses it has done so.
 struct OpenFile {
     OpenFile() = default;
@@ -31,6 +34,8 @@ struct OpenFile {
     NodePtr node;
     std::shared_ptr<RemoteShare> share;
     uint32_t fileId = 0;
+    uint32_t access = 0; // the rights that it was opened with
+    OpenFilePtr lender;  // whose handle this is, if it is another open's
     bool readable = false;
     bool writable = false;
     bool changesBasics = false; // times and attributes can be set by it
@@ -41,7 +46,6 @@ struct OpenFile {
 
     WriteBehind::Target Target() const { return {share, fileId, errors}; }
 };
-using OpenFilePtr = std::shared_ptr<OpenFile>;
 
 // What is open of one file. Any thread.
 class OpenState {
@@ -53,6 +57,7 @@ public:
     void EndClose();
     // Any open of the file; one that may write if that is wanted. Null when there is none.
     OpenFilePtr Any(bool writable) const;
+    OpenFilePtr AnyWith(uint32_t access) const; // that was opened with just these rights
     bool IsOpen() const;
     bool IsClosing() const;
 
@@ -92,7 +97,10 @@ struct Node {
         NodePtr parent;
         std::string text;
     };
-    std::vector<Name> names;      // the one that was seen last comes last; a directory has one at most
+    std::vector<Name> names; // the one that was seen last comes last; a directory has one at most
+    std::weak_ptr<Node> formerParent; // of the last name that it lost
+    std::string formerName;
+    std::u16string movedTo; // of a folder without a name: its path in the share, as its handle told; or empty
     uint64_t fileId = 0;          // FileFacts::id; 0 when it isn't known
     std::shared_ptr<RemoteShare> shareOfId; // where the table finds it by its fileId
     uint64_t lookups = 0;         // the kernel's count
@@ -115,6 +123,12 @@ struct Node {
     // When a name of it was last seen to lead to it.
     void NoteSeen(Clock::time_point asked) { seenAt = asked.time_since_epoch().count(); }
     Clock::time_point SeenAt() const { return Clock::time_point(Clock::duration(seenAt.load())); }
+    // The kernel was led here by a file that an open had come upon (OpenedAhead).
+    void NoteAhead() { aheadAt = Clock::now().time_since_epoch().count(); }
+    Clock::time_point AheadAt() const { return Clock::time_point(Clock::duration(aheadAt.load())); }
+    // Of a directory: when an answer about its entries was last given that only a notice would correct in time.
+    void NoteLongAnswer() { longAnswerAt = Clock::now().time_since_epoch().count(); }
+    Clock::time_point LongAnswerAt() const { return Clock::time_point(Clock::duration(longAnswerAt.load())); }
     // Of a directory: when the other side last told of a change in it.
     void NoteNotice() { noticedAt = Clock::now().time_since_epoch().count(); }
     Clock::time_point NoticedAt() const { return Clock::time_point(Clock::duration(noticedAt.load())); }
@@ -143,6 +157,7 @@ struct Node {
 
     // Listings of the folder that may be going on, to be ended when it is removed.
     void NoteListing(const std::shared_ptr<DirectoryListing> &listing);
+    std::shared_ptr<DirectoryListing> AnyListing() const; // null when there is none
     void EndListings();
 
     // Shared by all opens of a file; made with the first.
@@ -160,7 +175,7 @@ private:
     std::string target GUARDED_BY(factsLock);
     std::vector<std::weak_ptr<DirectoryListing>> listings GUARDED_BY(factsLock);
     std::atomic<Clock::rep> ownChange{0};
-    std::atomic<Clock::rep> seenAt{0};
+    std::atomic<Clock::rep> seenAt{0}, aheadAt{0}, longAnswerAt{0};
     std::atomic<Clock::rep> noticedAt{0};
     std::atomic<Clock::rep> watchedFrom{0};
 };

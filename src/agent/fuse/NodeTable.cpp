@@ -35,7 +35,7 @@ std::shared_ptr<RemoteShare> NodeTable::ShareOf(const Node *node) const
 {
     while (!node->shareRoot && !node->names.empty())
         node = node->names.back().parent.get();
-    return node->shareRoot;
+    return node->shareRoot ? node->shareRoot : node->shareOfId;
 }
 
 // A file that was made by this mount is known by its name alone until its id is told. While nobody has it open
@@ -104,13 +104,24 @@ void NodeTable::RemoveName(Node *node, Node *parent, const std::string &name)
     auto found = parent->children.find(name);
     if (found != parent->children.end() && found->second == node)
         parent->children.erase(found);
+    NoteFormer(node);
     std::erase_if(node->names, [&](const Node::Name &known) {
         return known.parent.get() == parent && known.text == name;
     });
 }
 
+void NodeTable::NoteFormer(Node *node)
+{
+    if (node->names.empty())
+        return;
+    node->formerParent = node->names.back().parent;
+    node->formerName = node->names.back().text;
+}
+
 void NodeTable::RemoveAllNames(Node *node)
 {
+    NoteFormer(node);
+    node->movedTo.clear();
     for (const Node::Name &name : std::exchange(node->names, {})) {
         auto found = name.parent->children.find(name.text);
         if (found != name.parent->children.end() && found->second == node)
@@ -251,6 +262,11 @@ bool NodeTable::LocatePath(const Node *node, Place *place) const
         place->share = node->shareRoot;
         return true;
     }
+    if (node->names.empty() && !node->movedTo.empty() && node->shareOfId) {
+        place->share = node->shareOfId;
+        place->path = node->movedTo;
+        return true;
+    }
     if (node->names.empty() || !LocatePath(node->names.back().parent.get(), place))
         return false;
     place->path += u'\\';
@@ -290,6 +306,27 @@ bool NodeTable::ParentAndNameOf(const NodePtr &node, NodePtr *parent, std::strin
     return true;
 }
 
+bool NodeTable::FormerPlaceOf(const NodePtr &node, NodePtr *parent, std::string *name) const
+{
+    const MutexLock held(lock);
+    *parent = node->formerParent.lock();
+    *name = node->formerName;
+    return *parent && node->names.empty();
+}
+
+void NodeTable::SetMovedTo(const NodePtr &folder, const std::u16string &path)
+{
+    const MutexLock held(lock);
+    RemoveAllNames(folder.get());
+    folder->movedTo = path;
+}
+
+bool NodeTable::IsMoved(const NodePtr &folder) const
+{
+    const MutexLock held(lock);
+    return folder->names.empty() && !folder->movedTo.empty();
+}
+
 std::vector<NodePtr> NodeTable::ParentsOf(const NodePtr &node) const
 {
     const MutexLock held(lock);
@@ -300,6 +337,18 @@ std::vector<NodePtr> NodeTable::ParentsOf(const NodePtr &node) const
     }
     std::reverse(parents.begin(), parents.end());
     return parents;
+}
+
+NodePtr NodeTable::RootOf(const std::shared_ptr<RemoteShare> &share) const
+{
+    const MutexLock held(lock);
+    if (root->shareRoot == share)
+        return root;
+    for (const auto &[name, child] : root->children) {
+        if (child->shareRoot == share)
+            return nodes.at(child->id);
+    }
+    return nullptr;
 }
 
 NodePtr NodeTable::ShareRootOf(const NodePtr &node) const

@@ -51,8 +51,15 @@ public:
     [[nodiscard]] bool PlaceIn(const NodePtr &parent, std::string_view name, Place *place) const;
     // The folder that a node was last seen in, and its name there. False when it has no name.
     [[nodiscard]] bool ParentAndNameOf(const NodePtr &node, NodePtr *parent, std::string *name) const;
-    // The folders on the way to a node, the share's root first, without the node.
+    // Where a node without a name was last.
+    [[nodiscard]] bool FormerPlaceOf(const NodePtr &node, NodePtr *parent, std::string *name) const;
+    // A folder that the other side has moved somewhere that isn't known by name: `path` is in its share.
+    void SetMovedTo(const NodePtr &folder, const std::u16string &path);
+    bool IsMoved(const NodePtr &folder) const;
+    // The folders on the way to a node, the share's root or a moved folder first, without the node.
     std::vector<NodePtr> ParentsOf(const NodePtr &node) const;
+    // The folder that stands for the share; null when there is none.
+    NodePtr RootOf(const std::shared_ptr<RemoteShare> &share) const;
     // The root of the share that the node is in; null when it is in none.
     NodePtr ShareRootOf(const NodePtr &node) const;
     bool HasName(const NodePtr &node) const; // the root has
@@ -89,6 +96,7 @@ private:
     bool AddName(Node *node, const NodePtr &parent, const std::string &name) REQUIRES(lock);
     void RemoveName(Node *node, Node *parent, const std::string &name) REQUIRES(lock);
     void RemoveAllNames(Node *node) REQUIRES(lock);
+    static void NoteFormer(Node *node);
     void DropIfUnused(const NodePtr &node) REQUIRES(lock);
     bool LocatePath(const Node *node, Place *place) const REQUIRES(lock);
 

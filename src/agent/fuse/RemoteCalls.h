@@ -90,6 +90,48 @@ inline Task<nt::NTSTATUS> QueryFacts(RemoteShare &share, uint32_t fileId, FileFa
     co_return TakeFacts(share, result, facts);
 }
 
+// The facts of an open file, asked for while something else is asked of it.
+class FactsUnderway {
+public:
+    static std::shared_ptr<FactsUnderway> Ask(RemoteShare &share, uint32_t fileId)
+    {
+        auto asked = std::make_shared<FactsUnderway>();
+        share.QueryInformation(fileId, FactsClassOf(share), [asked, &share](const IoResult &result) {
+            InlineFunction<void()> ready;
+            {
+                const transport::MutexLock held(asked->lock);
+                asked->status = TakeFacts(share, result, &asked->facts);
+                asked->arrived = true;
+                ready = std::move(asked->waiter);
+            }
+            if (ready)
+                ready();
+        });
+        return asked;
+    }
+    auto Arrival()
+    {
+        return AwaitCall([this](InlineFunction<void()> done) {
+            {
+                const transport::MutexLock held(lock);
+                if (!arrived) {
+                    waiter = std::move(done);
+                    return;
+                }
+            }
+            done();
+        });
+    }
+    // Once it has arrived.
+    nt::NTSTATUS status = nt::STATUS_SUCCESS;
+    FileFacts facts;
+
+private:
+    transport::Mutex lock;
+    bool arrived GUARDED_BY(lock) = false;
+    InlineFunction<void()> waiter GUARDED_BY(lock);
+};
+
 // A way through a folder's gate, for as long as this lives.
 class GateHold {
 public:
