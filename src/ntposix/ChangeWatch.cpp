@@ -58,6 +58,7 @@ nt::NTSTATUS ChangeWatch::Wait(BlockedCall &call)
     {
         const MutexLock guard(lock);
         const Waiter waiter{&call, nt::NoticeOrder::State::OfThisThread()};
+        nt::NoticeOrder::State::Waits(waiter.delivery);
         if (changed && End(waiter, nt::STATUS_NOTIFY_ENUM_DIR))
             changed = false;
         else if (failure)

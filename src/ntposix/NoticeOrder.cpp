@@ -19,6 +19,13 @@ NoticeOrder::Delivery *NoticeOrder::State::OfThisThread()
     return currentDelivery;
 }
 
+void NoticeOrder::State::Waits(Delivery *delivery)
+{
+    if (!delivery || std::exchange(delivery->waits, true))
+        return;
+    ++delivery->order.waiting;
+}
+
 void NoticeOrder::State::Ended(Delivery *delivery)
 {
     if (!delivery)
@@ -58,7 +65,7 @@ NoticeOrder::~NoticeOrder() = default;
 void NoticeOrder::Settle()
 {
     // Who delivers is what others wait for.
-    if (state->deliveries.load() == 0 || currentDelivery)
+    if (currentDelivery || state->waiting.load() == 0)
         return;
     if (const auto monitor = ntposix::ChangeMonitor::Running())
         monitor->Drain();
@@ -68,7 +75,6 @@ void NoticeOrder::Settle()
 
 NoticeOrder::Delivery::Delivery(NoticeOrder &ofOrder) : order(*ofOrder.state)
 {
-    ++order.deliveries;
     currentDelivery = this;
 }
 
@@ -76,7 +82,8 @@ NoticeOrder::Delivery::~Delivery()
 {
     currentDelivery = nullptr;
     State::NotEnded(this);
-    --order.deliveries;
+    if (waits)
+        --order.waiting;
 }
 
 } // namespace fodr::nt

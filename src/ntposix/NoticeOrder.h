@@ -14,8 +14,11 @@
 namespace fodr::nt {
 
 struct NoticeOrder::State {
+    static State &Of(const NoticeOrder &order) { return *order.state; }
     // The delivery of this thread, or null.
     static Delivery *OfThisThread();
+    // The call of the delivery waits for a change from now on, until its delivery is over. Null is nobody's.
+    static void Waits(Delivery *delivery);
     // A change ends the call of the delivery; to be said before the call's thread can go on. Null is
     // nobody's.
     static void Ended(Delivery *delivery);
@@ -24,8 +27,8 @@ struct NoticeOrder::State {
 
     void WaitUntilDelivered() EXCLUDES(lock);
 
-    std::atomic<size_t> deliveries{0}; // that exist
-    std::atomic<size_t> endedOnes{0};  // as many as `ended` has
+    std::atomic<size_t> waiting{0};   // deliveries whose calls wait, or have waited
+    std::atomic<size_t> endedOnes{0}; // as many as `ended` has
 
 private:
     ntposix::Mutex lock;

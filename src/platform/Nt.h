@@ -203,6 +203,7 @@ public:
     void Settle();
 
 private:
+    friend struct State;
     std::unique_ptr<State> state;
 };
 
@@ -217,6 +218,7 @@ private:
     friend struct State;
     State &order;
     uint64_t number = 0; // not 0: a change has ended the call
+    bool waits = false;  // the call waits, or has waited, for a change
 };
 
 // How the names of a share lead to its files, where the system leaves that to us.

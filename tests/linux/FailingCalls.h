@@ -12,12 +12,17 @@
 
 namespace fodr::test {
 
-// From now on the call fails on this thread, and for the rest of its life, with the error.
-inline void FailFromNowOn(long systemCall, int error)
+// From now on the call fails on this thread, and for the rest of its life, with the error: always, or where
+// one argument has all the bits.
+inline void FailFromNowOn(long systemCall, int error, size_t argument = 0, uint32_t bits = 0)
 {
+    const auto low = static_cast<uint32_t>(offsetof(seccomp_data, args) + argument * sizeof(uint64_t));
     sock_filter rules[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(systemCall), 0, 1),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(systemCall), 0, 4),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, low),
+        BPF_STMT(BPF_ALU | BPF_AND | BPF_K, bits),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, bits, 0, 1),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<uint32_t>(error)),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };

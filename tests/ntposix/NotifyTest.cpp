@@ -1,6 +1,9 @@
+#include "FailingCalls.h"
 #include "ntposix/NtWords.h"
 
 #include <functional>
+#include <sys/inotify.h>
+#include <sys/syscall.h>
 
 namespace fodr::nt {
 namespace {
@@ -154,6 +157,43 @@ TEST_F(ChangeNotify, RemovalOfTheFolderEndsCalls)
     const NtFile remover = Doomed("marked");
     EXPECT_EQ(Delete(remover), STATUS_SUCCESS);
     EXPECT_EQ(Notify(marked, kNames), STATUS_DELETE_PENDING);
+}
+
+// What others do to a folder that is watched, whether the folder above it can be watched or not.
+TEST_F(ChangeNotify, RemovalByOthersEndsCallsHoweverItIsDone)
+{
+    const auto run = [](const std::string &command) { ASSERT_EQ(system(command.c_str()), 0) << command; };
+    const struct {
+        const char *what;
+        std::function<void(const std::string &folder)> remove;
+    } cases[] = {
+        {"with its content", [&](const std::string &folder) { run("rm -rf " + folder); }},
+        {"replaced",
+         [&](const std::string &folder) { run("mkdir " + folder + "2 && mv -T " + folder + "2 " + folder); }},
+        {"moved before",
+         [&](const std::string &folder) {
+             run("mkdir " + folder + ".d && mv " + folder + " " + folder + ".d && rm -r " + folder + ".d");
+         }},
+    };
+    for (const bool blind : {false, true}) {
+        for (const auto &c : cases) {
+            SCOPED_TRACE(testing::Message() << c.what << (blind ? ", unseen" : ""));
+            const std::string name = "gone" + std::to_string(&c - cases) + (blind ? "b" : "");
+            MakeFolder(name);
+            const NtFile folder = Folder(name);
+            test::OnSpareThread([&] {
+                if (blind)
+                    test::FailFromNowOn(SYS_inotify_add_watch, EACCES, 2,
+                                        IN_DELETE | IN_MOVED_TO | IN_ONLYDIR);
+                auto cancelled = std::async(std::launch::async, [&] { CancelCall(folder); });
+                EXPECT_EQ(Notify(folder, FILE_NOTIFY_CHANGE_SIZE), STATUS_CANCELLED);
+            });
+            auto call = NotifyAsync(folder, FILE_NOTIFY_CHANGE_SIZE);
+            c.remove(Path(name));
+            EXPECT_EQ(call.get(), STATUS_DELETE_PENDING);
+            EXPECT_EQ(Notify(folder, FILE_NOTIFY_CHANGE_SIZE), STATUS_DELETE_PENDING);
+        }
+    }
 }
 
 TEST_F(ChangeNotify, TreesFollowTheirFolders)

@@ -1,0 +1,132 @@
+// No answer overtakes the notice of a change that it shows. Runs under ThreadSanitizer, too.
+#include "ntposix/NoticeOrder.h"
+
+#include "Mailbox.h"
+#include "ntposix/NtWords.h"
+
+#include <algorithm>
+#include <atomic>
+
+namespace fodr::nt {
+namespace {
+
+// The highest number that a file of the folder has as its name.
+int Highest(HANDLE folder)
+{
+    std::vector<uint8_t> buffer(65536);
+    int highest = 0;
+    for (bool restart = true;; restart = false) {
+        IO_STATUS_BLOCK io{};
+        if (NtQueryDirectoryFile(folder, nullptr, nullptr, nullptr, &io, buffer.data(), 65536,
+                                 FileNamesInformation, false, nullptr, restart) != STATUS_SUCCESS)
+            return highest;
+        uint32_t next = 1;
+        for (const uint8_t *at = buffer.data(); next != 0; at += next) {
+            FILE_NAMES_INFORMATION record;
+            memcpy(&record, at, sizeof(record));
+            next = record.NextEntryOffset;
+            int number = 0;
+            for (uint32_t i = 0; i < record.FileNameLength / 2; ++i) {
+                char16_t digit;
+                memcpy(&digit, at + offsetof(FILE_NAMES_INFORMATION, FileName) + i * 2, 2);
+                number = number * 10 + (digit - u'0');
+            }
+            highest = std::max(highest, number);
+        }
+    }
+}
+
+class NoticesFirst : public NtFixture {
+protected:
+    // Notices that were sent, one for each change: the owner waits until somebody waits for it.
+    void Watch(HANDLE folder)
+    {
+        for (;; ++delivered) {
+            const NoticeOrder::Delivery delivery(order);
+            order.Settle(); // of which there is nothing to wait for here
+            if (Notify(folder, FILE_NOTIFY_CHANGE_FILE_NAME) != STATUS_NOTIFY_ENUM_DIR)
+                return;
+            std::this_thread::yield();
+            ++sent;
+        }
+    }
+    void ChangeOnce(int number) const
+    {
+        while (delivered < number - 1 || NoticeOrder::State::Of(order).waiting == 0)
+            std::this_thread::yield();
+        MakeFile("watched/" + std::to_string(number));
+    }
+
+    NoticeOrder order;
+    std::atomic<int> sent{0}, delivered{0};
+};
+
+TEST_F(NoticesFirst, WhateverAListingShowsHasBeenToldBefore)
+{
+    constexpr int kChanges = 300;
+    MakeFolder("watched");
+    NtFile folder = Folder("watched");
+    std::thread watcher([&] { Watch(folder); });
+    std::atomic<int> shown{0}, overtakings{0};
+    AtOnce(4, [&](int which) {
+        if (which == 0) {
+            for (int i = 1; i <= kChanges; ++i)
+                ChangeOnce(i);
+            return;
+        }
+        const NtFile own = Folder("watched");
+        for (int last = 0, now = 0; now < kChanges; last = now) {
+            now = Highest(own);
+            order.Settle();
+            if (sent < now)
+                ++overtakings;
+            shown += now != last;
+        }
+    });
+    EXPECT_EQ(overtakings, 0);
+    EXPECT_GT(shown, 10);
+    CancelCall(folder);
+    watcher.join();
+    EXPECT_EQ(sent, kChanges);
+}
+
+// Nobody waits for what is cancelled, closed or told to others.
+TEST_F(NoticesFirst, OnlyNoticesOfTheSameReceiverAreWaitedFor)
+{
+    MakeFolder("watched");
+    NoticeOrder other;
+    const NtFile folder = Folder("watched");
+    test::Signal ended, go;
+    std::thread watcher([&] {
+        const NoticeOrder::Delivery delivery(other);
+        EXPECT_EQ(Notify(folder, FILE_NOTIFY_CHANGE_FILE_NAME), STATUS_NOTIFY_ENUM_DIR);
+        ended.Set();
+        go.Wait(); // is being sent
+    });
+    std::thread cancelled([&] {
+        const NtFile own = Folder("watched");
+        std::thread canceller([&] { CancelCall(own); });
+        const NoticeOrder::Delivery delivery(order);
+        EXPECT_EQ(Notify(own, FILE_NOTIFY_CHANGE_FILE_NAME), STATUS_CANCELLED);
+        canceller.join();
+    });
+    cancelled.join();
+    while (NoticeOrder::State::Of(other).waiting == 0)
+        std::this_thread::yield();
+    MakeFile("watched/f");
+    ended.Wait();
+    order.Settle();
+    std::atomic<bool> settled{false};
+    std::thread waits([&] {
+        other.Settle();
+        settled = true;
+    });
+    order.Settle();
+    EXPECT_FALSE(settled);
+    go.Set();
+    watcher.join();
+    waits.join();
+}
+
+} // namespace
+} // namespace fodr::nt
