@@ -5,6 +5,7 @@
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/FileObjectTable.h"
 #include "ntposix/FileSize.h"
+#include "ntposix/NameSteps.h"
 #include "ntposix/NamedStream.h"
 
 #include <fcntl.h>
@@ -235,16 +236,25 @@ int FileCreator::TryOpen(int flags)
     return 0;
 }
 
+// What may fail comes before the content is lost, and then the streams are had again. Emptying the file gives
+// back the space that was had for it, which somebody else may take in that instant: the file is overwritten
+// all the same, and what then doesn't fit is refused when it is written.
 NTSTATUS FileCreator::Overwrite()
 {
-    // What may fail comes before the content is lost.
-    int error = RemoveStreams(opened->fd.Get(), opened->object->key);
+    const int fd = opened->fd.Get();
+    RemovedStreams streams;
+    int error = request.allocation > 0 ? AllocateSpace(fd, request.allocation) : 0;
     if (error == 0)
-        error = SetEndOfFile(opened->fd.Get(), 0);
+        error = RemoveStreams(fd, opened->object->key, &streams);
+    if (error == 0) {
+        error = SetEndOfFile(fd, 0);
+        if (error != 0)
+            RestoreStreams(fd, streams);
+    }
     if (error == 0 && request.allocation > 0)
-        error = AllocateSpace(opened->fd.Get(), request.allocation);
+        (void)AllocateSpace(fd, request.allocation);
     if (error == 0 && request.attributes & FILE_ATTRIBUTE_READONLY)
-        fchmod(opened->fd.Get(), place->facts.mode & 07777 & ~static_cast<mode_t>(S_IWUSR));
+        fchmod(fd, place->facts.mode & 07777 & ~static_cast<mode_t>(S_IWUSR));
     if (error != 0) {
         Cleanup(*opened);
         return StatusOfErrno(error);
@@ -304,7 +314,10 @@ NTSTATUS FileCreator::CreateFile()
         error = StatDescriptor(opened->fd.Get(), &place->facts);
     if (error == 0)
         return STATUS_SUCCESS;
-    unlinkat(place->parent.Get(), leaf.c_str(), 0);
+    // It goes again, unless others have put something into it.
+    FileFacts made;
+    if (StatDescriptor(opened->fd.Get(), &made) == 0 && made.endOfFile == 0)
+        (void)RemoveName({place->parent.Get(), leaf}, made);
     return StatusOfErrno(error);
 }
 

@@ -145,6 +145,8 @@ NTSTATUS SetDeleteOnClose(OpenFile &open, bool deleteFile, ReadOnlyFiles readOnl
 
 NTSTATUS DeleteNow(OpenFile &open, ReadOnlyFiles readOnly)
 {
+    if (!open.stream && IsRootOfShare(open))
+        return STATUS_CANNOT_DELETE;
     FileFacts facts;
     NTSTATUS status = CheckAttributes(open, readOnly, &facts);
     if (status != STATUS_SUCCESS)

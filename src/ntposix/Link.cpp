@@ -1,6 +1,7 @@
 #include "ntposix/Link.h"
 
 #include "ntposix/NtName.h"
+#include "ntposix/ShareRoots.h"
 
 #include <fcntl.h>
 
@@ -30,33 +31,47 @@ bool IsRoot(const std::string &path)
     return path == "/";
 }
 
+// What the kernel says may be no path at all.
+bool IsInShare(const OpenFile &open, const std::string &path)
+{
+    if (path.empty() || path[0] != '/')
+        return false;
+    const HeldRoot *root = open.root.get();
+    if (!root || root->IsWholeTree() || root->Rules().linksOutside)
+        return true;
+    const std::string above = PathByKernel(root->Folder());
+    return !above.empty() && path.starts_with(above + "/");
+}
+
 } // namespace
 
 NTSTATUS FindLink(const OpenFile &open, Link *link)
 {
     if (!open.object->HasName(open))
         return STATUS_FILE_DELETED;
+    const FileKey key = open.object->key;
     const std::string stored = open.object->PathOf(open);
     if (IsRoot(stored))
         return STATUS_CANNOT_DELETE;
-    if (LeadsTo(stored, open.object->key, link)) {
-        // Of several links the kernel knows which one was opened, also when a directory above was renamed and
-        // another one has its name.
-        Link opened;
-        if (link->facts.links > 1) {
-            const std::string current = PathByKernel(open.fd.Get());
-            if (current != stored && !current.empty() && current[0] == '/' &&
-                LeadsTo(current, open.object->key, &opened))
-                *link = std::move(opened);
-        }
+    const bool found = LeadsTo(stored, key, link);
+    if (found && link->facts.links == 1)
         return STATUS_SUCCESS;
-    }
+    // Of several links the kernel knows which one was opened, also when a directory above was renamed and
+    // another one has its name.
     const std::string current = PathByKernel(open.fd.Get());
     if (IsRoot(current))
         return STATUS_CANNOT_DELETE;
-    if (!current.empty() && current[0] == '/' && LeadsTo(current, open.object->key, link))
+    Link elsewhere;
+    if (current != stored && IsInShare(open, current) && LeadsTo(current, key, &elsewhere)) {
+        *link = std::move(elsewhere);
         return STATUS_SUCCESS;
-    return STATUS_FILE_DELETED;
+    }
+    return found ? STATUS_SUCCESS : STATUS_FILE_DELETED;
+}
+
+bool IsRootOfShare(const OpenFile &open)
+{
+    return open.root && open.root->Key() == open.File().object->key;
 }
 
 std::string PathByKernel(int fd)

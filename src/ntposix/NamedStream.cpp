@@ -164,18 +164,36 @@ int FindStream(int file, std::u16string_view name, bool exact, std::string *attr
     return 0;
 }
 
-int RemoveStreams(int file, FileKey key)
+int RemoveStreams(int file, FileKey key, RemovedStreams *removed)
 {
     // Where a list can't be had, there are none to tell of.
     if (flistxattr(file, nullptr, 0) <= 0)
         return 0;
     int error = 0;
     const auto remove = [&](const std::u16string &, const std::string &attribute) {
-        const int failed = NamedStream::Acquire(key, attribute)->Remove(file);
-        error = failed != 0 ? failed : error;
-        return false;
+        std::string value;
+        error = ReadWhole(&value, [&](char *buffer, size_t size) {
+            return fgetxattr(file, attribute.c_str(), buffer, size);
+        });
+        const bool known = error == 0;
+        if (error == 0 || error == EACCES) // a file may be written to and not read
+            error = NamedStream::Acquire(key, attribute)->Remove(file);
+        else if (error == ENODATA) // it has just gone
+            error = 0;
+        if (known && error == 0)
+            removed->emplace_back(attribute, std::move(value));
+        return error != 0;
     };
-    return VisitStreams(DescriptorPath(file), remove) == 0 ? error : 0;
+    (void)VisitStreams(DescriptorPath(file), remove);
+    if (error != 0)
+        RestoreStreams(file, *removed);
+    return error;
+}
+
+void RestoreStreams(int file, const RemovedStreams &removed)
+{
+    for (const auto &[attribute, value] : removed)
+        fsetxattr(file, attribute.c_str(), value.data(), value.size(), XATTR_CREATE);
 }
 
 bool HasStreams(int file)

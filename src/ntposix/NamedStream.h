@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace fodr::ntposix {
@@ -37,9 +38,14 @@ struct StreamEntry {
 // The attribute of the stream with that name, in another case unless it is to be exact; the one to make it
 // with, and ENODATA, when there is none. EINVAL for what can't name a stream.
 [[nodiscard]] int FindStream(int file, std::u16string_view name, bool exact, std::string *attribute);
+// Attributes of streams and their values, as they were stored.
+using RemovedStreams = std::vector<std::pair<std::string, std::string>>;
 // All of them go, as they do when a file is overwritten: those that are open as by Remove. `file` isn't
-// O_PATH. It is no error when they can't be listed.
-[[nodiscard]] int RemoveStreams(int file, FileKey key);
+// O_PATH. It is no error when they can't be listed. When one can't be removed the others are stored
+// again, but those who had them open don't have them back; what can't be read isn't kept for that.
+[[nodiscard]] int RemoveStreams(int file, FileKey key, RemovedStreams *removed);
+// Stores again what RemoveStreams has removed, as well as it can be done.
+void RestoreStreams(int file, const RemovedStreams &removed);
 // Whether the file's file system keeps such attributes.
 [[nodiscard]] bool HasStreams(int file);
 

@@ -8,6 +8,7 @@
 #include "ntposix/Lookup.h"
 #include "ntposix/NameSteps.h"
 #include "ntposix/Notify.h"
+#include "ntposix/ShareRoots.h"
 
 #include <cerrno>
 #include <optional>
@@ -75,6 +76,9 @@ public:
             *moved = !sameFile;
             return sameFile ? STATUS_SUCCESS : ReplaceAsPosix(occupied, facts);
         }
+        if (!sameFile && occupied != target.leaf && open.root &&
+            open.root->Rules().names == CaseRule::AnyCaseNoMerge)
+            return STATUS_OBJECT_NAME_COLLISION;
         return sameFile ? MergeLinks(occupied) : Replace(occupied, facts);
     }
 
@@ -211,6 +215,8 @@ NTSTATUS RenameInto(OpenFile &open, OpenFile &directory, std::u16string_view lea
     std::string name;
     if (!PosixNameFromNt(leaf, name) || name.empty() || name == "." || name == "..")
         return STATUS_OBJECT_NAME_INVALID;
+    if (IsRootOfShare(open))
+        return STATUS_ACCESS_DENIED;
     Link link;
     const NTSTATUS status = FindSource(open, &link);
     const Target to{directory.fd.Get(), name, JoinPath(directory.object->PathOf(directory), name)};

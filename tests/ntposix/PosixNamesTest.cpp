@@ -241,6 +241,38 @@ TEST_F(PosixNames, OtherLinksAndMarksAreLeftAlone)
     EXPECT_EQ(Listing(), NameSet{});
 }
 
+TEST_F(PosixNames, OfAShareStayInIt)
+{
+    const struct {
+        CaseRule rule;
+        NTSTATUS byPath, byHandle; // of a rename onto another case of a name
+    } cases[] = {
+        {CaseRule::AnyCase, STATUS_SUCCESS, STATUS_OBJECT_NAME_COLLISION},
+        {CaseRule::AnyCaseNoMerge, STATUS_OBJECT_NAME_COLLISION, STATUS_OBJECT_NAME_COLLISION},
+        {CaseRule::Exact, STATUS_SUCCESS, STATUS_SUCCESS},
+    };
+    for (const auto &test : cases) {
+        MakeFolder("share");
+        for (const char *name : {"share/file", "share/Other", "share/moved"})
+            MakeFile(name, name);
+        const ShareRoot share(NtPath("share"), ShareRules{.names = test.rule});
+        const NtFile folder = Open("share", {.access = GENERIC_READ | DELETE_ACCESS});
+        EXPECT_EQ(DeleteNow(folder), STATUS_CANNOT_DELETE);
+        EXPECT_EQ(RenameInto(folder, folder, u"x"), STATUS_ACCESS_DENIED);
+        const NtFile moved = Doomed("share\\moved");
+        OthersMove("share/moved", "outside");
+        EXPECT_EQ(DeleteNow(moved), STATUS_FILE_DELETED);
+        EXPECT_EQ(RenameInto(moved, folder, u"back"), STATUS_FILE_DELETED);
+        EXPECT_TRUE(Exists("outside"));
+
+        EXPECT_EQ(RenameInto(Doomed("share\\file"), folder, u"OTHER"), test.byHandle);
+        MakeFile("share/file");
+        EXPECT_EQ(Rename(Doomed("share\\file"), NtPath("share\\oTHER"), Existing::Replace), test.byPath);
+        EXPECT_EQ(Content("share/Other"), test.rule == CaseRule::AnyCase ? "" : "share/Other");
+        std::filesystem::remove_all(root / "share");
+    }
+}
+
 } // namespace
 
 } // namespace fodr::nt
