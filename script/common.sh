@@ -7,7 +7,7 @@ export CCACHE_BASEDIR="$FODR_ROOT" CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=pch_defi
 BUILD_PACKAGES=(g++ cmake ninja-build ccache pkg-config libglibmm-2.4-dev libfuse3-dev fuse3 libmount-dev
   libudev-dev libcli11-dev)
 TEST_PACKAGES=(libgtest-dev libgmock-dev libumockdev-dev umockdev unicode-data git make python3 attr
-  openssh-server openssh-client psmisc procps iproute2 mount e2fsprogs)
+  openssh-server openssh-client psmisc procps iproute2 mount e2fsprogs strace)
 FORMAT_PACKAGES=(clang-format-14)
 LINT_PACKAGES=(clang-14 clang-tidy-14)
 WINDOWS_PACKAGES=(g++-mingw-w64-x86-64-posix googletest wine wine64 xvfb xauth)

@@ -1,5 +1,6 @@
 #include "agent/FileFacts.h"
 
+#include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/IoRecords.h"
@@ -15,7 +16,11 @@ constexpr size_t kBasicSize = offsetof(nt::FILE_BASIC_INFORMATION, FileAttribute
 constexpr size_t kStandardSize = offsetof(nt::FILE_STANDARD_INFORMATION, Directory) + 1;
 constexpr size_t kNetworkOpenSize = offsetof(nt::FILE_NETWORK_OPEN_INFORMATION, FileAttributes) + 4;
 constexpr size_t kEntrySize = offsetof(nt::FILE_FULL_DIR_INFORMATION, FileName);
+constexpr size_t kEntryWithIdSize = offsetof(nt::FILE_BOTH_DIR_INFORMATION, FileName);
+constexpr size_t kIds = offsetof(nt::FILE_BOTH_DIR_INFORMATION, ShortName);
 static_assert(kBasicSize == 36 && kStandardSize == 22 && kNetworkOpenSize == 52 && kEntrySize == 68);
+static_assert(kEntryWithIdSize == 94 && kIds == 70);
+static_assert(offsetof(nt::FILE_BOTH_DIR_INFORMATION, EaSize) == offsetof(nt::FILE_FULL_DIR_INFORMATION, EaSize));
 
 // Of a record that begins with the layout of `Record`; at least `count` bytes are there.
 template <class Record> Record Load(ByteSpan bytes, size_t count)
@@ -46,6 +51,17 @@ bool FileFacts::IsReadOnly() const
     return (attributes & nt::FILE_ATTRIBUTE_READONLY) != 0;
 }
 
+bool FileFacts::IsSymbolicLink() const
+{
+    return (attributes & nt::FILE_ATTRIBUTE_REPARSE_POINT) != 0 && reparseTag == nt::IO_REPARSE_TAG_SYMLINK;
+}
+
+bool FileFacts::SameContent(const FileFacts &other) const
+{
+    return lastWriteTime == other.lastWriteTime && changeTime == other.changeTime &&
+           endOfFile == other.endOfFile;
+}
+
 bool ReadNetworkOpenInformation(ByteSpan record, FileFacts *facts)
 {
     if (record.size() < kNetworkOpenSize)
@@ -59,6 +75,43 @@ bool ReadNetworkOpenInformation(ByteSpan record, FileFacts *facts)
               .allocationSize = info.AllocationSize,
               .attributes = info.FileAttributes};
     return true;
+}
+
+bool ReadStatInformation(ByteSpan record, FileFacts *facts)
+{
+    if (record.size() < sizeof(nt::FILE_STAT_LX_INFORMATION))
+        return false;
+    const auto whole = Load<nt::FILE_STAT_LX_INFORMATION>(record, sizeof(nt::FILE_STAT_LX_INFORMATION));
+    const nt::FILE_STAT_INFORMATION &info = whole.Stat;
+    *facts = {.creationTime = info.CreationTime,
+              .lastAccessTime = info.LastAccessTime,
+              .lastWriteTime = info.LastWriteTime,
+              .changeTime = info.ChangeTime,
+              .endOfFile = info.EndOfFile,
+              .allocationSize = info.AllocationSize,
+              .attributes = info.FileAttributes,
+              .reparseTag = info.ReparseTag,
+              .id = static_cast<uint64_t>(info.FileId),
+              .mode = whole.LxMode,
+              .links = info.NumberOfLinks};
+    return true;
+}
+
+// MS-FSCC 2.1.2.4. The printed name is the target; the other one has a prefix for absolute paths.
+bool ReadLinkTarget(ByteSpan record, std::string *target)
+{
+    if (record.size() < sizeof(nt::SYMBOLIC_LINK_REPARSE_DATA))
+        return false;
+    const auto head = Load<nt::SYMBOLIC_LINK_REPARSE_DATA>(record, sizeof(nt::SYMBOLIC_LINK_REPARSE_DATA));
+    const ByteSpan names = record.subspan(sizeof(nt::SYMBOLIC_LINK_REPARSE_DATA));
+    if (head.ReparseTag != nt::IO_REPARSE_TAG_SYMLINK || head.PrintNameOffset > names.size() ||
+        head.PrintNameLength > names.size() - head.PrintNameOffset)
+        return false;
+    std::u16string text(head.PrintNameLength / 2, u'\0');
+    for (size_t i = 0; i < text.size(); ++i)
+        text[i] = static_cast<char16_t>(LoadLittle<uint16_t>(&names[head.PrintNameOffset + 2 * i]));
+    target->clear();
+    return PosixPathFromNt(text, *target) && !target->empty() && target->find('\0') == std::string::npos;
 }
 
 bool ReadFullSizeInformation(ByteSpan record, VolumeFacts *facts)
@@ -86,23 +139,32 @@ bool DirectoryReader::Next(Entry *entry)
     if (rest.empty())
         return false;
     malformed = true;
-    if (rest.size() < kEntrySize)
+    const size_t head = ids ? kEntryWithIdSize : kEntrySize;
+    if (rest.size() < head)
         return false;
     const auto record = Load<nt::FILE_FULL_DIR_INFORMATION>(rest, kEntrySize);
-    if (record.FileNameLength > rest.size() - kEntrySize || record.FileNameLength % 2 != 0)
+    if (record.FileNameLength > rest.size() - head || record.FileNameLength % 2 != 0)
         return false;
     if (record.NextEntryOffset != 0 &&
-        (record.NextEntryOffset < kEntrySize || record.NextEntryOffset > rest.size()))
+        (record.NextEntryOffset < head || record.NextEntryOffset > rest.size()))
         return false;
     malformed = false;
+    const bool reparse = (record.FileAttributes & nt::FILE_ATTRIBUTE_REPARSE_POINT) != 0;
     entry->facts = {.creationTime = record.CreationTime,
                     .lastAccessTime = record.LastAccessTime,
                     .lastWriteTime = record.LastWriteTime,
                     .changeTime = record.ChangeTime,
                     .endOfFile = record.EndOfFile,
                     .allocationSize = record.AllocationSize,
-                    .attributes = record.FileAttributes};
-    entry->name = rest.subspan(kEntrySize, record.FileNameLength);
+                    .attributes = record.FileAttributes,
+                    .reparseTag = reparse ? record.EaSize : 0};
+    if (ids) {
+        const auto listed = Load<nt::FODR_LISTED_FILE>(rest.subspan(kIds), sizeof(nt::FODR_LISTED_FILE));
+        entry->facts.id = listed.FileId;
+        entry->facts.mode = listed.Mode;
+        entry->facts.links = listed.Links;
+    }
+    entry->name = rest.subspan(head, record.FileNameLength);
     rest = record.NextEntryOffset == 0 ? ByteSpan{} : rest.subspan(record.NextEntryOffset);
     return true;
 }

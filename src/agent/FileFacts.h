@@ -17,13 +17,24 @@ struct FileFacts {
     int64_t endOfFile = 0;
     int64_t allocationSize = 0;
     uint32_t attributes = 0;
+    uint32_t reparseTag = 0;
+    // Of hosts that tell them; else 0.
+    uint64_t id = 0; // the file's own, the same under all its names
+    uint32_t mode = 0;
+    uint32_t links = 0;
 
     bool IsDirectory() const;
     bool IsReadOnly() const;
-    bool operator==(const FileFacts &) const = default;
+    bool IsSymbolicLink() const; // one that wasn't followed
+    // Whether the file's content may be another: by its size and its times.
+    bool SameContent(const FileFacts &other) const;
 };
 
 [[nodiscard]] bool ReadNetworkOpenInformation(ByteSpan record, FileFacts *facts);
+// FileStatLxInformation.
+[[nodiscard]] bool ReadStatInformation(ByteSpan record, FileFacts *facts);
+// What FSCTL_GET_REPARSE_POINT answers for a symbolic link: where it leads, as POSIX writes it.
+[[nodiscard]] bool ReadLinkTarget(ByteSpan record, std::string *target);
 
 struct VolumeFacts {
     uint64_t totalUnits = 0;
@@ -33,10 +44,12 @@ struct VolumeFacts {
 };
 [[nodiscard]] bool ReadFullSizeInformation(ByteSpan record, VolumeFacts *facts);
 
-// Goes through the entries of a FileFullDirectoryInformation answer. Entries may stand at any address.
+// Goes through the entries of a FileFullDirectoryInformation answer or, of a host that tells ids, of a
+// FileBothDirectoryInformation answer, which has them in the place of the short name. Entries may stand at any
+// address.
 class DirectoryReader {
 public:
-    explicit DirectoryReader(ByteSpan answer) : rest(answer) {}
+    DirectoryReader(ByteSpan answer, bool hasIds) : rest(answer), ids(hasIds) {}
 
     struct Entry {
         FileFacts facts;
@@ -49,6 +62,7 @@ public:
 
 private:
     ByteSpan rest;
+    const bool ids;
     bool malformed = false;
 };
 

@@ -60,6 +60,7 @@ public:
     void Submit(DR_DEVICE_IOREQUEST request, ByteSpan payload, const RequestTable::Expected &expected,
                 IoHandler handler);
 
+    bool ListsSeveral() const { return options.multiEntryDirectoryQuery; }
     AgentChannel &Channel() { return channel; }
     const RequestTable &Requests() const { return requests; }
     // One step of the time that requests are given; the client's own clock makes one a second while any wait.

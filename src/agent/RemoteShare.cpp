@@ -132,6 +132,30 @@ void RemoteShare::Delete(uint32_t fileId, IoHandler handler)
     SetInformation(fileId, nt::FileDispositionInformation, {&deleteFile, 1}, std::move(handler));
 }
 
+void RemoteShare::DeleteAtOnce(uint32_t fileId, IoHandler handler)
+{
+    std::array<uint8_t, 4> flags;
+    StoreLittle<uint32_t>(flags.data(), nt::FILE_DISPOSITION_DELETE | nt::FILE_DISPOSITION_POSIX_SEMANTICS |
+                                            nt::FILE_DISPOSITION_IGNORE_READONLY_ATTRIBUTE);
+    SetInformation(fileId, nt::FileDispositionInformationEx, flags, std::move(handler));
+}
+
+void RemoteShare::RenameInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, bool replace,
+                             IoHandler handler)
+{
+    constexpr size_t kName = offsetof(nt::FILE_RENAME_INFORMATION_EX, FileName);
+    std::vector<uint8_t> record(std::max(kName + 2 * name.size(), sizeof(nt::FILE_RENAME_INFORMATION_EX)));
+    const uint32_t flags = nt::FILE_RENAME_POSIX_SEMANTICS | nt::FILE_RENAME_IGNORE_READONLY_ATTRIBUTE |
+                           (replace ? nt::FILE_RENAME_REPLACE_IF_EXISTS : 0);
+    StoreLittle<uint32_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, Flags)], flags);
+    StoreLittle<uint64_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, RootDirectory)], directoryId);
+    StoreLittle<uint32_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, FileNameLength)],
+                          static_cast<uint32_t>(2 * name.size()));
+    for (size_t i = 0; i < name.size(); ++i)
+        StoreLittle(&record[kName + 2 * i], static_cast<uint16_t>(name[i]));
+    SetInformation(fileId, nt::FileRenameInformationEx, record, std::move(handler));
+}
+
 void RemoteShare::QueryDirectory(uint32_t fileId, uint32_t informationClass, bool restart,
                                  std::u16string_view path, IoHandler handler)
 {

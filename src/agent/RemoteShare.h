@@ -4,6 +4,7 @@
 #pragma once
 
 #include "agent/RdpdrClient.h"
+#include "platform/NtRecords.h"
 
 #include <span>
 #include <string_view>
@@ -17,6 +18,13 @@ public:
         : client(rdpdrClient), device(remoteDevice)
     {}
     const RemoteDevice &Device() const { return device; }
+
+    // FODR_HOST_* of what the other side was asked for at the start; 0: nothing beyond what NT always had.
+    void SetFeatures(uint32_t hostFeatures) { features = hostFeatures; }
+    bool Has(uint32_t feature) const { return (features & feature) != 0; }
+    // Whether one answer lists several entries.
+    bool ListsSeveral() const { return client.ListsSeveral(); }
+    bool HasIds() const { return Has(nt::FODR_HOST_FILE_IDS); }
 
     struct CreateCall {
         uint32_t desiredAccess = 0;
@@ -46,6 +54,13 @@ public:
     void Rename(uint32_t fileId, std::u16string_view target, bool replaceIfExists, IoHandler handler);
     // The file goes when its last handle is closed.
     void Delete(uint32_t fileId, IoHandler handler);
+    // Of a host with FODR_HOST_POSIX_NAMES. The name that the file was opened under goes at once; those who
+    // have the file open keep it.
+    void DeleteAtOnce(uint32_t fileId, IoHandler handler);
+    // Gives the file a name in the open directory `directoryId`, as rename(2) does. Replaces what has the
+    // name if that is wanted.
+    void RenameInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, bool replace,
+                    IoHandler handler);
 
     // `path` ends in the pattern; empty: the listing goes on, or lists all. Outcome: data, entries of the
     // class; at the end STATUS_NO_MORE_FILES. Several queries may be under way, and each gets another part.
@@ -69,6 +84,7 @@ private:
 
     RdpdrClient &client;
     const RemoteDevice device;
+    std::atomic<uint32_t> features{0};
 };
 
 } // namespace fodr::agent

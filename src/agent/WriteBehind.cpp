@@ -43,11 +43,17 @@ bool WriteBehind::OverlapsActive(uint64_t offset, uint64_t end) const
     return next != active.begin() && std::prev(next)->second.end > offset;
 }
 
-void WriteBehind::Activate(uint64_t offset, uint64_t end, uint64_t sequence)
+bool WriteBehind::OverlapsQueued(uint64_t begin, uint64_t end) const
 {
-    const TransferWindow::Transfer transfer =
-        window.Begin(static_cast<size_t>(end - offset), TransferWindow::Clock::now());
-    active.emplace(offset, Active{.end = end, .sequence = sequence, .transfer = transfer});
+    return std::any_of(queued.begin(), queued.end(), [&](const Queued &earlier) {
+        return Overlap(earlier.Begin(), earlier.End(), begin, end);
+    });
+}
+
+void WriteBehind::Activate(uint64_t begin, uint64_t end, size_t size, uint64_t sequence)
+{
+    const TransferWindow::Transfer transfer = window.Begin(size, TransferWindow::Clock::now());
+    active.emplace(begin, Active{.end = end, .size = size, .sequence = sequence, .transfer = transfer});
 }
 
 void WriteBehind::Write(const Target &target, uint64_t offset, ByteSpan bytes, Waiter accepted)
@@ -60,12 +66,9 @@ void WriteBehind::Write(const Target &target, uint64_t offset, ByteSpan bytes, W
         const transport::MutexLock held(lock);
         ++generation;
         const uint64_t sequence = ++lastSequence;
-        sendNow = !OverlapsActive(offset, end) &&
-                  std::none_of(queued.begin(), queued.end(), [&](const Queued &earlier) {
-                      return Overlap(earlier.offset, earlier.End(), offset, end);
-                  });
+        sendNow = !OverlapsActive(offset, end) && !OverlapsQueued(offset, end);
         if (sendNow)
-            Activate(offset, end, sequence);
+            Activate(offset, end, bytes.size(), sequence);
         else
             queued.push_back({target, offset, sequence, {bytes.begin(), bytes.end()}});
     }
@@ -75,15 +78,43 @@ void WriteBehind::Write(const Target &target, uint64_t offset, ByteSpan bytes, W
     window.WhenBelow(std::move(accepted));
 }
 
+void WriteBehind::Append(const Target &target, ByteSpan bytes, Waiter accepted)
+{
+    if (bytes.empty())
+        return accepted();
+    bool sendNow, full = false;
+    {
+        const transport::MutexLock held(lock);
+        ++generation;
+        sendNow = active.empty() && queued.empty();
+        Queued *last = queued.empty() ? nullptr : &queued.back();
+        if (sendNow) {
+            Activate(0, kToEnd, bytes.size(), ++lastSequence);
+        } else if (last && last->Appends() && last->target.errors == target.errors &&
+                   last->bytes.size() + bytes.size() <= kMostAppended) {
+            last->bytes.insert(last->bytes.end(), bytes.begin(), bytes.end());
+        } else {
+            queued.push_back({target, kToEnd, ++lastSequence, {bytes.begin(), bytes.end()}});
+            full = last != nullptr;
+        }
+    }
+    if (sendNow)
+        Send(target, kToEnd, bytes);
+    if (full)
+        return WhenDone(std::move(accepted));
+    window.WhenBelow(std::move(accepted));
+}
+
 void WriteBehind::Send(const Target &target, uint64_t offset, ByteSpan bytes)
 {
+    const uint64_t begin = offset == kToEnd ? 0 : offset;
     target.share->Write(target.fileId, offset, bytes,
-                        [self = shared_from_this(), errors = target.errors, offset](const IoResult &result) {
-                            self->OnAnswer(errors, offset, result);
+                        [self = shared_from_this(), errors = target.errors, begin](const IoResult &result) {
+                            self->OnAnswer(errors, begin, result);
                         });
 }
 
-void WriteBehind::OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t offset,
+void WriteBehind::OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t begin,
                            const IoResult &result)
 {
     Active done;
@@ -91,18 +122,18 @@ void WriteBehind::OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t 
     std::vector<Waiter> satisfied;
     {
         const transport::MutexLock held(lock);
-        auto found = active.find(offset);
+        auto found = active.find(begin);
         done = found->second;
         // What was left out of a write is gone; a medium that is full is what cuts writes short.
         nt::NTSTATUS status = result.status;
-        if (!result.Failed() && result.length < done.end - offset)
+        if (!result.Failed() && result.length < done.size)
             status = nt::STATUS_DISK_FULL;
         if (nt::IsError(status))
             errors->Note(status);
         active.erase(found);
         ++generation;
         sendable = TakeSendable();
-        satisfied = TakeSatisfied(offset, done);
+        satisfied = TakeSatisfied(begin, done);
     }
     window.End(done.transfer, TransferWindow::Clock::now());
     for (const Queued &write : sendable)
@@ -115,15 +146,15 @@ std::vector<WriteBehind::Queued> WriteBehind::TakeSendable()
 {
     std::vector<Queued> sendable;
     for (auto write = queued.begin(); write != queued.end();) {
-        const bool blocked = OverlapsActive(write->offset, write->End()) ||
+        const bool blocked = OverlapsActive(write->Begin(), write->End()) ||
                              std::any_of(queued.begin(), write, [&](const Queued &earlier) {
-                                 return Overlap(earlier.offset, earlier.End(), write->offset, write->End());
+                                 return Overlap(earlier.Begin(), earlier.End(), write->Begin(), write->End());
                              });
         if (blocked) {
             ++write;
             continue;
         }
-        Activate(write->offset, write->End(), write->sequence);
+        Activate(write->Begin(), write->End(), write->bytes.size(), write->sequence);
         sendable.push_back(std::move(*write));
         write = queued.erase(write);
     }
@@ -165,7 +196,7 @@ void WriteBehind::WhenRangeDone(uint64_t offset, uint64_t length, Waiter waiter)
         for (; from != active.end() && from->first < end; ++from)
             ++count;
         for (const Queued &write : queued)
-            count += Overlap(write.offset, write.End(), offset, end);
+            count += Overlap(write.Begin(), write.End(), offset, end);
         if (count != 0) {
             pending.push_back({lastSequence, offset, end, count, std::move(waiter)});
             return;

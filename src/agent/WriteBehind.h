@@ -45,6 +45,9 @@ public:
     // on: there is room for more, and if the bytes had to wait, they have been written.
     using Waiter = InlineFunction<void()>;
     void Write(const Target &target, uint64_t offset, ByteSpan bytes, Waiter accepted);
+    // The same at the end of the file, wherever that is by then: the other side finds it. One such request is on
+    // its way at a time, and nothing else of the file meanwhile; those that wait for it go together.
+    void Append(const Target &target, ByteSpan bytes, Waiter accepted);
 
     // Calls the function when every write begun before has been acknowledged or has failed: all, or those
     // that overlap [offset, offset + length).
@@ -56,8 +59,12 @@ public:
     void DataChanged() { ++generation; }
 
 private:
+    static constexpr uint64_t kToEnd = UINT64_MAX; // the offset of an append, on the wire as well
+    static constexpr size_t kMostAppended = 1 << 20; // bytes of appends that go together
+
     struct Active {
         uint64_t end = 0;
+        size_t size = 0;
         uint64_t sequence = 0;
         TransferWindow::Transfer transfer;
     };
@@ -66,7 +73,10 @@ private:
         uint64_t offset = 0;
         uint64_t sequence = 0;
         std::vector<uint8_t> bytes;
-        uint64_t End() const { return offset + bytes.size(); }
+        bool Appends() const { return offset == kToEnd; }
+        // An append may touch any part of the file.
+        uint64_t Begin() const { return Appends() ? 0 : offset; }
+        uint64_t End() const { return Appends() ? kToEnd : offset + bytes.size(); }
     };
     struct Pending { // a caller that waits
         uint64_t sequence = 0;
@@ -77,9 +87,10 @@ private:
     };
 
     void Send(const Target &target, uint64_t offset, ByteSpan bytes);
-    void OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t offset, const IoResult &result);
-    bool OverlapsActive(uint64_t offset, uint64_t end) const REQUIRES(lock);
-    void Activate(uint64_t offset, uint64_t end, uint64_t sequence) REQUIRES(lock);
+    void OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t begin, const IoResult &result);
+    bool OverlapsActive(uint64_t begin, uint64_t end) const REQUIRES(lock);
+    bool OverlapsQueued(uint64_t begin, uint64_t end) const REQUIRES(lock);
+    void Activate(uint64_t begin, uint64_t end, size_t size, uint64_t sequence) REQUIRES(lock);
     std::vector<Queued> TakeSendable() REQUIRES(lock);
     std::vector<Waiter> TakeSatisfied(uint64_t offset, const Active &done) REQUIRES(lock);
 
@@ -87,7 +98,7 @@ private:
     std::atomic<uint64_t> generation{0};
     transport::Mutex lock;
     uint64_t lastSequence GUARDED_BY(lock) = 0;
-    std::map<uint64_t, Active> active GUARDED_BY(lock); // by offset; none overlaps another
+    std::map<uint64_t, Active> active GUARDED_BY(lock); // by where it begins; none overlaps another
     std::deque<Queued> queued GUARDED_BY(lock);         // in the order of their sequence
     std::vector<Pending> pending GUARDED_BY(lock);
 };

@@ -5,7 +5,6 @@
 #include "rdpdr/wire/DirectoryEntryShape.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 
-#include <iterator>
 #include <new>
 #include <utility>
 
@@ -32,13 +31,6 @@ bool NameOfEntry(std::span<const uint8_t> entry, const DirectoryEntryShape &shap
         return false;
     size_t length = LoadLittle<uint32_t>(entry.data() + shape.nameLengthOffset);
     return length <= entry.size() - nameOffset && TextOfBytes(entry.data() + nameOffset, length, name);
-}
-
-// Classes with which a file gets a name elsewhere, or a further one (MS-FSCC 2.4).
-bool NamesAnotherPlace(uint32_t fileInfoClass)
-{
-    constexpr uint32_t kOthers[] = {11, 31, 40, 65, 66, 72}; // link, move cluster, short name, the "Ex" forms
-    return std::find(std::begin(kOthers), std::end(kOthers), fileInfoClass) != std::end(kOthers);
 }
 
 NTSTATUS Refuse(IO_STATUS_BLOCK *ioStatus, NTSTATUS status)
@@ -115,9 +107,11 @@ NTSTATUS AllowListFileSystem::RedirectedSetInformationFile(uint32_t fileId, IO_S
                                                            uint32_t fileInfoClass)
 {
     bool isRename = fileInfoClass == FileRenameInformation;
-    if (StateOf(fileId) != RootState::NotOpen || NamesAnotherPlace(fileInfoClass) ||
-        (isRename && !MayBeRenamedTo(buffer, length)))
+    if (StateOf(fileId) != RootState::NotOpen || (isRename && !MayBeRenamedTo(buffer, length)))
         return Refuse(ioStatus, STATUS_ACCESS_DENIED);
+    // The list tells paths, which a directory by its handle doesn't have.
+    if (fileInfoClass == FileRenameInformationEx)
+        return Refuse(ioStatus, STATUS_INVALID_INFO_CLASS);
     return FileSystemImpl::RedirectedSetInformationFile(fileId, ioStatus, buffer, length, fileInfoClass);
 }
 
@@ -210,8 +204,8 @@ NTSTATUS AllowListFileSystem::RedirectedDeviceIoControlFile(uint32_t fileId, IO_
                                                             uint32_t inputLength, void *output,
                                                             uint32_t outputLength)
 {
-    // Some controls list a directory, others change it.
-    if (StateOf(fileId) != RootState::NotOpen)
+    // Some controls list a directory, others change it; this one tells of the host alone.
+    if (controlCode != FSCTL_FODR_QUERY_HOST && StateOf(fileId) != RootState::NotOpen)
         return Refuse(ioStatus, STATUS_INVALID_DEVICE_REQUEST);
     return FileSystemImpl::RedirectedDeviceIoControlFile(fileId, ioStatus, controlCode, input, inputLength,
                                                          output, outputLength);

@@ -13,7 +13,9 @@ namespace fodr {
 
 class RdpFileHandle : public RCObject {
 public:
-    RdpFileHandle() : idleEvent(true, true) {}
+    explicit RdpFileHandle(bool ofRoot) : isRoot(ofRoot), idleEvent(true, true) {}
+
+    const bool isRoot; // opened as the share's root
 
     void BeginIo();
     void EndIo();

@@ -196,7 +196,10 @@ bool RedirectedDevice::SendData(uint32_t completionId, NTSTATUS status, const Ma
 
 bool RedirectedDevice::Write(RdpdrStreamPtr completion)
 {
-    return completion && channel->WriteChannel(completion.get());
+    if (!completion)
+        return false;
+    notices.Settle();
+    return channel->WriteChannel(completion.get());
 }
 
 int32_t RedirectedDevice::PreReadPattern(const Request &request) const

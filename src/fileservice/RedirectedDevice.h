@@ -98,6 +98,7 @@ protected:
     bool preReadEnabled;
     IDeviceFilter *filterPolicy;
     const IPreReader *preReader;
+    nt::NoticeOrder notices;       // of this share, towards its agent
     const std::u16string widePath; // `path` in UTF-16; empty if it has no such form
 
 private:
@@ -128,9 +129,19 @@ private:
     };
     CreateOutcome CreateFileAt(const DR_CREATE_REQ &create, const std::u16string &absolutePath,
                                const std::string &shownPath);
-    bool KeepOpenFile(uint32_t fileId) EXCLUDES(filesLock);
+    bool KeepOpenFile(uint32_t fileId, bool isRoot) EXCLUDES(filesLock);
     bool CompleteCreate(const Request &request, const CreateOutcome &outcome);
     bool IsFileOpenAllowedByDeviceFilter(const std::string &absolutePath, uint32_t createOptions);
+
+    // Names. A set that would give a file a name elsewhere, or take the root's, is refused; what a record of
+    // class 65 says is checked before the file system sees it. At least kSetBufferReadable bytes are there.
+    bool IsRootPath(const std::u16string &absolutePath) const;
+    bool IsRoot(uint32_t fileId) EXCLUDES(filesLock);
+    nt::NTSTATUS SetInformation(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus, uint8_t *buffer,
+                                uint32_t length, uint32_t infoClass);
+    nt::NTSTATUS RenameWithinShare(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus, uint8_t *buffer,
+                                   uint32_t length);
+    bool IsDirectory(uint32_t fileId);
 
     // Locks.
     nt::NTSTATUS ApplyLocks(const Request &request, RdpdrStream &packet);

@@ -42,7 +42,7 @@ bool RedirectedDevice::HandleCreate(const Request &request, RdpdrStream &packet)
         return SendCompletion(request.CompletionId, STATUS_ACCESS_DENIED);
     }
     CreateOutcome outcome = CreateFileAt(create, absolutePath, shownPath);
-    if (!IsError(outcome.status) && !KeepOpenFile(outcome.fileId)) {
+    if (!IsError(outcome.status) && !KeepOpenFile(outcome.fileId, IsRootPath(absolutePath))) {
         fileSystem->RedirectedCloseFile(outcome.fileId);
         return SendCompletion(request.CompletionId, STATUS_NO_MEMORY);
     }
@@ -69,10 +69,10 @@ RedirectedDevice::CreateOutcome RedirectedDevice::CreateFileAt(const DR_CREATE_R
     return outcome;
 }
 
-bool RedirectedDevice::KeepOpenFile(uint32_t fileId)
+bool RedirectedDevice::KeepOpenFile(uint32_t fileId, bool isRoot)
 {
     try {
-        RCPtr<RdpFileHandle> handle(new RdpFileHandle());
+        RCPtr<RdpFileHandle> handle(new RdpFileHandle(isRoot));
         OVMutexLock held(filesLock);
         files[fileId] = handle;
         return true;

@@ -53,6 +53,7 @@ bool RedirectedDevice::HandleNotifyChangeDirectory(const Request &request)
 {
     auto notify = request.Body<DR_DRIVE_NOTIFY_CHANGE_DIRECTORY_REQ>();
     IO_STATUS_BLOCK ioStatus{};
+    NoticeOrder::Delivery delivery(notices);
     NTSTATUS status = fileSystem->RedirectedNotifyChangeDirectoryFile(
         request.FileId, &ioStatus, notify.CompletionFilter, notify.WatchTree != 0);
     if (IsError(status))

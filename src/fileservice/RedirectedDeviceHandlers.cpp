@@ -88,8 +88,8 @@ bool RedirectedDevice::HandleSetInformation(const Request &request, RdpdrStream 
         return SendCompletion(request.CompletionId, STATUS_NO_MEMORY);
     packet.Read(buffer.Data(), set.Length);
     IO_STATUS_BLOCK ioStatus{};
-    NTSTATUS status = fileSystem->RedirectedSetInformationFile(request.FileId, &ioStatus, buffer.Data(),
-                                                               set.Length, set.FsInformationClass);
+    NTSTATUS status =
+        SetInformation(request.FileId, &ioStatus, buffer.Data(), set.Length, set.FsInformationClass);
     LOG_TRACE("SetInformationFile: FILE_INFORMATION_CLASS = %lu, status = 0x%x\n",
               static_cast<unsigned long>(set.FsInformationClass), static_cast<uint32_t>(status));
 

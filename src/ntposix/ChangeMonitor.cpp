@@ -12,14 +12,18 @@
 #include <csignal>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <system_error>
+#include <utility>
 
 namespace fodr::ntposix {
 
 namespace {
 
 constexpr uint32_t kAppears = IN_CREATE | IN_MOVED_TO;
+// How often directories are looked at of whose removal the kernel doesn't tell.
+constexpr int kLookAgainMS = 500;
 constexpr uint32_t kDisappears = IN_DELETE | IN_MOVED_FROM;
 
 Mutex runningLock;
@@ -50,17 +54,18 @@ bool IsFolder(int directory, const DirectoryReader::Entry &entry)
 }
 
 // Whether the folder below a watch holds anything; its folders are appended to `pending`. A folder that is
-// gone or closed to us has nothing to see.
-bool ReadFolder(const ChangeWatch &watch, const std::string &path, std::vector<std::string> *pending)
+// gone or closed to us has nothing to see; `error` is what else keeps it from being read.
+bool ReadFolder(const ChangeWatch &watch, const std::string &path, std::vector<std::string> *pending,
+                int *error)
 {
     const Fd folder(openat(watch.Directory(), path.empty() ? "." : path.c_str(),
                            O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    *error = 0;
     if (!folder)
         return false;
     DirectoryReader reader(folder.Get());
     bool any = false;
-    int error;
-    while (const DirectoryReader::Entry *entry = reader.Next(&error)) {
+    while (const DirectoryReader::Entry *entry = reader.Next(error)) {
         any = true;
         if (IsFolder(folder.Get(), *entry))
             pending->push_back(Join(path, entry->name));
@@ -78,6 +83,8 @@ nt::NTSTATUS StatusOfWatchErrno(int error)
     case EACCES:
     case EPERM:
         return nt::STATUS_ACCESS_DENIED;
+    case EIO:
+        return nt::STATUS_IO_DEVICE_ERROR;
     default: // the limits of watches, descriptors and memory
         return nt::STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -98,10 +105,10 @@ std::shared_ptr<ChangeMonitor> ChangeMonitor::Get()
     if (monitor)
         return monitor;
     Fd inotifyFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    Fd stopFd(eventfd(0, EFD_CLOEXEC));
-    if (!inotifyFd || !stopFd)
+    Fd wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!inotifyFd || !wakeFd)
         return nullptr;
-    monitor.reset(new ChangeMonitor(std::move(inotifyFd), std::move(stopFd)));
+    monitor.reset(new ChangeMonitor(std::move(inotifyFd), std::move(wakeFd)));
     // Signals are the host's business, not this thread's.
     sigset_t all, before;
     sigfillset(&all);
@@ -116,15 +123,21 @@ std::shared_ptr<ChangeMonitor> ChangeMonitor::Get()
     return monitor;
 }
 
-ChangeMonitor::ChangeMonitor(Fd inotifyFd, Fd stopFd) : inotify(std::move(inotifyFd)), stop(std::move(stopFd))
+ChangeMonitor::ChangeMonitor(Fd inotifyFd, Fd wakeFd) : inotify(std::move(inotifyFd)), wake(std::move(wakeFd))
 {}
 
 ChangeMonitor::~ChangeMonitor()
 {
     if (!reader.joinable())
         return;
-    eventfd_write(stop.Get(), 1);
+    ending.store(true);
+    Wake();
     reader.join();
+}
+
+void ChangeMonitor::Wake() const
+{
+    eventfd_write(wake.Get(), 1);
 }
 
 nt::NTSTATUS ChangeMonitor::Add(const std::shared_ptr<ChangeWatch> &watch, BlockedCall &call)
@@ -132,10 +145,15 @@ nt::NTSTATUS ChangeMonitor::Add(const std::shared_ptr<ChangeWatch> &watch, Block
     {
         const MutexLock guard(lock);
         entries[watch.get()].watch = watch;
+        ++blind; // until AddAbove
         const int error = AddFolder(watch.get(), "");
         if (error != 0)
             return StatusOfWatchErrno(error);
         AddAbove(entries[watch.get()]);
+        if (IsRemoved(*watch)) // before there was a watch to tell it
+            watch->Fail(nt::STATUS_DELETE_PENDING);
+        if (blind.load() != 0)
+            Wake();
     }
     return watch->tree ? StatusOfWatchErrno(AddFolders(watch, "", &call)) : nt::STATUS_SUCCESS;
 }
@@ -147,7 +165,8 @@ void ChangeMonitor::Remove(ChangeWatch *watch)
     if (found == entries.end())
         return;
     DropFolders(found->second, "");
-    Leave(found->second.above, {watch, nullptr});
+    DropAbove(found->second);
+    --blind;
     entries.erase(found);
 }
 
@@ -160,7 +179,8 @@ void ChangeMonitor::FailDirectory(FileKey key, nt::NTSTATUS status)
     }
 }
 
-// Watches the folder and, in a tree, all folders below it. 0 or the errno of a limit that was met.
+// Watches the folder and, in a tree, all folders below it. 0 or the errno of what keeps changes from being
+// seen.
 int ChangeMonitor::AddFolders(const std::shared_ptr<ChangeWatch> &watch, std::string path, BlockedCall *call)
 {
     std::vector<std::string> pending{std::move(path)};
@@ -181,8 +201,11 @@ int ChangeMonitor::AddFolders(const std::shared_ptr<ChangeWatch> &watch, std::st
                 continue;
         }
         // What came into a folder before it was watched is a change of which no event tells.
-        if (ReadFolder(*watch, folder, &pending) && !call)
+        int error;
+        if (ReadFolder(*watch, folder, &pending, &error) && !call)
             watch->Report(kEveryChange);
+        if (error != 0)
+            return error;
     }
     return 0;
 }
@@ -194,6 +217,8 @@ int ChangeMonitor::AddFolder(ChangeWatch *watch, const std::string &path)
         mask |= kAppears | kDisappears;
     if (!path.empty())
         mask |= IN_DONT_FOLLOW;
+    else
+        mask |= IN_MOVE_SELF;
     const int descriptor = inotify_add_watch(inotify.Get(), PathOf(*watch, path).c_str(), mask);
     if (descriptor < 0)
         return errno;
@@ -209,13 +234,40 @@ int ChangeMonitor::AddFolder(ChangeWatch *watch, const std::string &path)
     return 0;
 }
 
-// An open directory's own watch doesn't tell that it was removed; the folder above does.
+// An open directory's own watch doesn't tell that it was removed, or replaced by another one; the folder
+// above does. Which one that is changes when the directory is moved.
 void ChangeMonitor::AddAbove(Entry &entry)
 {
-    const std::string above = PathOf(*entry.watch, "..");
-    entry.above = inotify_add_watch(inotify.Get(), above.c_str(), IN_DELETE | IN_ONLYDIR | IN_MASK_ADD);
-    if (entry.above >= 0)
-        members[entry.above].push_back({entry.watch.get(), nullptr});
+    const std::string path = PathOf(*entry.watch, "..");
+    const int above =
+        inotify_add_watch(inotify.Get(), path.c_str(), IN_DELETE | IN_MOVED_TO | IN_ONLYDIR | IN_MASK_ADD);
+    if (above != entry.above) {
+        DropAbove(entry);
+        entry.above = above;
+        if (above >= 0) {
+            members[above].push_back({entry.watch.get(), nullptr});
+            --blind;
+        }
+    }
+    if (IsRemoved(*entry.watch)) // before the folder above was watched
+        entry.watch->Fail(nt::STATUS_DELETE_PENDING);
+}
+
+void ChangeMonitor::DropAbove(Entry &entry)
+{
+    if (entry.above < 0)
+        return;
+    Leave(std::exchange(entry.above, -1), {entry.watch.get(), nullptr});
+    ++blind;
+}
+
+// Of directories whose folder above can't be watched.
+void ChangeMonitor::FailRemoved()
+{
+    for (auto &[watch, entry] : entries) {
+        if (entry.above < 0 && IsRemoved(*watch))
+            entry.watch->Fail(nt::STATUS_DELETE_PENDING);
+    }
 }
 
 void ChangeMonitor::DropFolders(Entry &entry, const std::string &path)
@@ -250,19 +302,52 @@ void ChangeMonitor::Leave(int descriptor, const Member &member)
 void ChangeMonitor::Run()
 {
     pthread_setname_np(pthread_self(), "fodr-notify");
-    alignas(inotify_event) char buffer[32 * 1024];
-    pollfd sources[] = {{inotify.Get(), POLLIN, 0}, {stop.Get(), POLLIN, 0}};
-    for (;;) {
-        poll(sources, 2, -1);
+    pollfd sources[] = {{inotify.Get(), POLLIN, 0}, {wake.Get(), POLLIN, 0}};
+    while (!ending.load()) {
+        poll(sources, 2, blind.load() != 0 ? kLookAgainMS : -1);
+        eventfd_t ignored;
         if (sources[1].revents)
-            return;
+            eventfd_read(wake.Get(), &ignored);
+        const MutexLock guard(reading);
+        ReadEvents();
+    }
+}
+
+// The kernel queues an event within the call that makes the change, so nothing is on its way that a
+// completion could show. Events that another thread has read are reported when it has given up `reading`.
+void ChangeMonitor::Drain()
+{
+    int ready = 0;
+    const bool nothing = ioctl(inotify.Get(), FIONREAD, &ready) == 0 && ready == 0;
+    if (nothing && !handling.load() && blind.load() == 0)
+        return;
+    const MutexLock guard(reading);
+    ReadEvents();
+}
+
+// As many as there are now: more may come without end.
+void ChangeMonitor::ReadEvents()
+{
+    alignas(inotify_event) char buffer[32 * 1024];
+    handling.store(true);
+    int ready = 0;
+    ioctl(inotify.Get(), FIONREAD, &ready);
+    while (ready > 0) {
         const ssize_t got = read(inotify.Get(), buffer, sizeof(buffer));
+        if (got <= 0)
+            break;
         for (ssize_t at = 0; at < got;) {
             const auto *event = reinterpret_cast<const inotify_event *>(buffer + at);
             Handle(*event);
             at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
         }
+        ready -= static_cast<int>(got);
     }
+    if (blind.load() != 0) {
+        const MutexLock guard(lock);
+        FailRemoved();
+    }
+    handling.store(false);
 }
 
 void ChangeMonitor::Handle(const inotify_event &event)
@@ -307,10 +392,12 @@ void ChangeMonitor::Overflow(std::vector<NewFolder> *rescan)
 void ChangeMonitor::HandleIn(const Member &member, const inotify_event &event, std::vector<NewFolder> *added)
 {
     if (!member.path) {
-        if (event.mask & IN_ISDIR && event.mask & IN_DELETE && IsRemoved(*member.watch))
+        if (event.mask & IN_ISDIR && event.mask & (IN_DELETE | IN_MOVED_TO) && IsRemoved(*member.watch))
             member.watch->Fail(nt::STATUS_DELETE_PENDING);
         return;
     }
+    if (event.mask & IN_MOVE_SELF && member.path->empty())
+        AddAbove(entries[member.watch]);
     if (event.len == 0) // about the folder itself, which is no change in it
         return;
     member.watch->Report(ChangesOfEvent(event.mask));
@@ -332,10 +419,14 @@ void ChangeMonitor::Forget(int descriptor)
         return;
     for (const Member &member : found->second) {
         Entry &entry = entries[member.watch];
-        if (member.path)
-            entry.folders.erase(*member.path);
-        else
+        if (!member.path) {
             entry.above = -1;
+            ++blind;
+            continue;
+        }
+        if (member.path->empty()) // with its file system
+            entry.watch->Fail(nt::STATUS_DELETE_PENDING);
+        entry.folders.erase(*member.path);
     }
     members.erase(found);
 }

@@ -9,6 +9,8 @@
 #include "ntposix/Fd.h"
 #include "ntposix/Mutex.h"
 
+#include <atomic>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <string>
@@ -34,6 +36,8 @@ public:
     // Remove also after a failure.
     nt::NTSTATUS Add(const std::shared_ptr<ChangeWatch> &watch, BlockedCall &call) EXCLUDES(lock);
     void Remove(ChangeWatch *watch) EXCLUDES(lock);
+    // Reports every change that the kernel has told of so far, as the reading thread would.
+    void Drain() EXCLUDES(reading, lock);
     // Fails the watches of that directory.
     void FailDirectory(FileKey key, nt::NTSTATUS status) EXCLUDES(lock);
 
@@ -48,7 +52,7 @@ private:
     struct Entry {
         std::shared_ptr<ChangeWatch> watch;
         Folders folders;
-        int above = -1; // kernel watch of the folder above
+        int above = -1; // kernel watch of the folder above; none where that can't be read
     };
     // A folder that appeared in a tree, to be watched without the lock.
     struct NewFolder {
@@ -56,10 +60,11 @@ private:
         std::string path;
     };
 
-    ChangeMonitor(Fd inotifyFd, Fd stopFd);
+    ChangeMonitor(Fd inotifyFd, Fd wakeFd);
 
     void Run();
-    void Handle(const inotify_event &event) EXCLUDES(lock);
+    void ReadEvents() REQUIRES(reading) EXCLUDES(lock);
+    void Handle(const inotify_event &event) REQUIRES(reading) EXCLUDES(lock);
     void Overflow(std::vector<NewFolder> *rescan) REQUIRES(lock);
     void HandleIn(const Member &member, const inotify_event &event, std::vector<NewFolder> *added)
         REQUIRES(lock);
@@ -67,6 +72,9 @@ private:
 
     int AddFolder(ChangeWatch *watch, const std::string &path) REQUIRES(lock);
     void AddAbove(Entry &entry) REQUIRES(lock);
+    void DropAbove(Entry &entry) REQUIRES(lock);
+    void FailRemoved() REQUIRES(lock);
+    void Wake() const;
     int AddFolders(const std::shared_ptr<ChangeWatch> &watch, std::string path, BlockedCall *call)
         EXCLUDES(lock);
     void DropFolders(Entry &entry, const std::string &path) REQUIRES(lock);
@@ -75,8 +83,12 @@ private:
     bool IsMember(int descriptor, const Member &member) const REQUIRES(lock);
 
     const Fd inotify;
-    const Fd stop; // eventfd, readable when the thread is to end
-    Mutex lock;    // before that of a ChangeWatch
+    const Fd wake; // eventfd, readable when the thread is to look up from its poll
+    std::atomic<bool> ending{false};
+    Mutex reading;                     // held from the reading of events until all of them are reported
+    std::atomic<bool> handling{false}; // as long as events may have been read that aren't reported
+    Mutex lock;                        // after `reading`, before that of a ChangeWatch
+    std::atomic<size_t> blind{0};      // entries whose folder above isn't watched; written under lock
     std::unordered_map<const ChangeWatch *, Entry> entries GUARDED_BY(lock);
     std::unordered_map<int, std::vector<Member>> members GUARDED_BY(lock); // by kernel watch
     std::thread reader;

@@ -1,5 +1,7 @@
 #include "ntposix/ChangeWatch.h"
 
+#include "ntposix/NoticeOrder.h"
+
 #include <fcntl.h>
 
 namespace fodr::ntposix {
@@ -18,15 +20,25 @@ ChangeWatch::ChangeWatch(int directory, Fd ownDirectory, FileKey directoryKey, u
       own(std::move(ownDirectory))
 {}
 
+// False when it had ended before.
+bool ChangeWatch::End(const Waiter &waiter, nt::NTSTATUS status)
+{
+    nt::NoticeOrder::State::Ended(waiter.delivery);
+    if (waiter.call->End(status))
+        return true;
+    nt::NoticeOrder::State::NotEnded(waiter.delivery);
+    return false;
+}
+
 void ChangeWatch::Report(uint32_t changes)
 {
     if (!(changes & filter))
         return;
     const MutexLock guard(lock);
     while (!waiting.empty()) {
-        BlockedCall *call = waiting.front();
+        const Waiter waiter = waiting.front();
         waiting.pop_front();
-        if (call->End(nt::STATUS_NOTIFY_ENUM_DIR))
+        if (End(waiter, nt::STATUS_NOTIFY_ENUM_DIR))
             return;
     }
     changed = true;
@@ -36,8 +48,8 @@ void ChangeWatch::Fail(nt::NTSTATUS status)
 {
     const MutexLock guard(lock);
     failure = status;
-    for (BlockedCall *call : waiting)
-        call->End(status);
+    for (const Waiter &waiter : waiting)
+        End(waiter, status);
     waiting.clear();
 }
 
@@ -45,16 +57,17 @@ nt::NTSTATUS ChangeWatch::Wait(BlockedCall &call)
 {
     {
         const MutexLock guard(lock);
-        if (changed && call.End(nt::STATUS_NOTIFY_ENUM_DIR))
+        const Waiter waiter{&call, nt::NoticeOrder::State::OfThisThread()};
+        if (changed && End(waiter, nt::STATUS_NOTIFY_ENUM_DIR))
             changed = false;
         else if (failure)
-            call.End(*failure);
+            End(waiter, *failure);
         else
-            waiting.push_back(&call);
+            waiting.push_back(waiter);
     }
     const nt::NTSTATUS ending = call.Wait();
     const MutexLock guard(lock);
-    std::erase(waiting, &call);
+    std::erase_if(waiting, [&call](const Waiter &waiter) { return waiter.call == &call; });
     return ending;
 }
 

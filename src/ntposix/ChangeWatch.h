@@ -6,6 +6,7 @@
 #include "ntposix/Fd.h"
 #include "ntposix/FileObject.h"
 #include "ntposix/Mutex.h"
+#include "platform/Nt.h"
 
 #include <cstdint>
 #include <deque>
@@ -35,13 +36,20 @@ public:
     nt::NTSTATUS Wait(BlockedCall &call) EXCLUDES(lock);
 
 private:
+    struct Waiter {
+        BlockedCall *call;
+        nt::NoticeOrder::Delivery *delivery; // of the answer; may be null
+    };
+
     ChangeWatch(int directory, Fd ownDirectory, FileKey directoryKey, uint32_t completionFilter,
                 bool watchTree);
+
+    static bool End(const Waiter &waiter, nt::NTSTATUS status);
 
     const int borrowed;
     const Fd own;
     Mutex lock; // before that of a BlockedCall
-    std::deque<BlockedCall *> waiting GUARDED_BY(lock);
+    std::deque<Waiter> waiting GUARDED_BY(lock);
     bool changed GUARDED_BY(lock) = false;
     std::optional<nt::NTSTATUS> failure GUARDED_BY(lock);
 };

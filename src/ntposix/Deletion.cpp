@@ -2,6 +2,7 @@
 
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/Link.h"
+#include "ntposix/NameSteps.h"
 #include "ntposix/NamedStream.h"
 #include "ntposix/Notify.h"
 
@@ -18,6 +19,8 @@ namespace fodr::ntposix {
 using namespace nt;
 
 namespace {
+
+constexpr int kAttempts = 16;
 
 std::atomic<uint64_t> deletions{0};
 
@@ -51,6 +54,27 @@ NTSTATUS CheckDirectoryWritable(int directory, int file)
     return owns ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
 }
 
+// Takes away the name of the file, wherever it is by now. A name that others give to another file in between
+// is left alone and the file looked for again.
+NTSTATUS RemoveLink(const OpenFile &open, Link *link)
+{
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const NTSTATUS status = FindLink(open, link);
+        if (status != STATUS_SUCCESS)
+            return status;
+        const int error = RemoveName({link->directory.Get(), link->leaf}, link->facts);
+        if (error == 0) {
+            ++deletions;
+            return STATUS_SUCCESS;
+        }
+        if (open.IsDirectory() && (error == EEXIST || error == ENOTEMPTY))
+            return STATUS_DIRECTORY_NOT_EMPTY;
+        if (error != ESTALE && error != ENOENT && error != ENOTDIR)
+            return StatusOfErrno(error);
+    }
+    return STATUS_SHARING_VIOLATION;
+}
+
 // Nobody is told of a failure: the handle is closed, as under NT.
 void Delete(const OpenFile &open)
 {
@@ -59,24 +83,31 @@ void Delete(const OpenFile &open)
         return;
     }
     Link link;
-    if (FindLink(open, &link) == STATUS_SUCCESS)
-        unlinkat(link.directory.Get(), link.leaf.c_str(), open.IsDirectory() ? AT_REMOVEDIR : 0);
-    ++deletions;
+    [[maybe_unused]] const NTSTATUS status = RemoveLink(open, &link);
+}
+
+// What keeps it from being deleted whatever else is known of it.
+NTSTATUS CheckAttributes(const OpenFile &open, ReadOnlyFiles readOnly, FileFacts *facts)
+{
+    if (const int error = open.Stat(facts); error != 0)
+        return StatusOfErrno(error);
+    if (facts->attributes & FILE_ATTRIBUTE_READONLY && readOnly == ReadOnlyFiles::kStay)
+        return STATUS_CANNOT_DELETE;
+    if (open.stream && !MayWrite(open.File().fd.Get())) // goes with its file's permission to be written to
+        return STATUS_ACCESS_DENIED;
+    return STATUS_SUCCESS;
 }
 
 } // namespace
 
-NTSTATUS CheckDeletable(const OpenFile &open)
+NTSTATUS CheckDeletable(const OpenFile &open, ReadOnlyFiles readOnly)
 {
     FileFacts facts;
-    if (const int error = open.Stat(&facts); error != 0)
-        return StatusOfErrno(error);
-    if (facts.attributes & FILE_ATTRIBUTE_READONLY)
-        return STATUS_CANNOT_DELETE;
-    if (open.stream) // goes with its file's permission to be written to
-        return MayWrite(open.File().fd.Get()) ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
+    NTSTATUS status = CheckAttributes(open, readOnly, &facts);
+    if (status != STATUS_SUCCESS || open.stream)
+        return status;
     Link link;
-    const NTSTATUS status = FindLink(open, &link);
+    status = FindLink(open, &link);
     if (status != STATUS_SUCCESS)
         return status;
     if (open.IsDirectory() && !IsEmptyDirectory(open.fd.Get()))
@@ -84,10 +115,10 @@ NTSTATUS CheckDeletable(const OpenFile &open)
     return CheckDirectoryWritable(link.directory.Get(), open.fd.Get());
 }
 
-NTSTATUS SetDisposition(OpenFile &open, bool deleteFile)
+NTSTATUS SetDisposition(OpenFile &open, bool deleteFile, ReadOnlyFiles readOnly)
 {
     if (deleteFile) {
-        const NTSTATUS status = CheckDeletable(open);
+        const NTSTATUS status = CheckDeletable(open, readOnly);
         if (status == STATUS_FILE_DELETED)
             return STATUS_SUCCESS; // somebody else did what is asked for
         if (status != STATUS_SUCCESS)
@@ -98,6 +129,36 @@ NTSTATUS SetDisposition(OpenFile &open, bool deleteFile)
         return StatusOfErrno(error);
     open.object->SetDeletePending(open, deleteFile, facts.links);
     if (deleteFile && open.IsDirectory())
+        NotifyDeletePending(open.object->key.device, open.object->key.inode);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS SetDeleteOnClose(OpenFile &open, bool deleteFile, ReadOnlyFiles readOnly)
+{
+    const NTSTATUS status = deleteFile ? CheckDeletable(open, readOnly) : STATUS_SUCCESS;
+    // As with a create's option: the directory may be emptied until then.
+    if (status != STATUS_SUCCESS && status != STATUS_DIRECTORY_NOT_EMPTY)
+        return status;
+    open.object->SetDeleteOnClose(open, deleteFile);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS DeleteNow(OpenFile &open, ReadOnlyFiles readOnly)
+{
+    FileFacts facts;
+    NTSTATUS status = CheckAttributes(open, readOnly, &facts);
+    if (status != STATUS_SUCCESS)
+        return status;
+    if (open.stream) {
+        const int error = open.stream->Remove(open.File().fd.Get());
+        return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error);
+    }
+    Link link;
+    status = RemoveLink(open, &link);
+    if (status != STATUS_SUCCESS)
+        return status;
+    open.object->NameTaken(open, link.path, facts.links);
+    if (open.IsDirectory())
         NotifyDeletePending(open.object->key.device, open.object->key.inode);
     return STATUS_SUCCESS;
 }

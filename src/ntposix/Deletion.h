@@ -5,12 +5,24 @@
 
 namespace fodr::ntposix {
 
-// Whether the file could be deleted by this open: STATUS_CANNOT_DELETE for a read-only file and the root
-// directory, STATUS_DIRECTORY_NOT_EMPTY, STATUS_ACCESS_DENIED where its directory may not be changed.
-[[nodiscard]] nt::NTSTATUS CheckDeletable(const OpenFile &open);
+enum class ReadOnlyFiles : uint8_t { kStay, kGo };
+
+// Whether the file could be deleted by this open: STATUS_CANNOT_DELETE for a read-only file that stays and
+// the root directory, STATUS_DIRECTORY_NOT_EMPTY, STATUS_ACCESS_DENIED where its directory may not be
+// changed.
+[[nodiscard]] nt::NTSTATUS CheckDeletable(const OpenFile &open,
+                                          ReadOnlyFiles readOnly = ReadOnlyFiles::kStay);
 
 // FileDispositionInformation: marks the file for deletion with its last handle, or takes the mark back.
-[[nodiscard]] nt::NTSTATUS SetDisposition(OpenFile &open, bool deleteFile);
+[[nodiscard]] nt::NTSTATUS SetDisposition(OpenFile &open, bool deleteFile,
+                                          ReadOnlyFiles readOnly = ReadOnlyFiles::kStay);
+
+// The same for FILE_DELETE_ON_CLOSE of the one handle.
+[[nodiscard]] nt::NTSTATUS SetDeleteOnClose(OpenFile &open, bool deleteFile, ReadOnlyFiles readOnly);
+
+// The name that was opened goes at once, whoever has the file open: as unlink(2) and rmdir(2) do. What is
+// open goes on. STATUS_FILE_DELETED when it has that name no more.
+[[nodiscard]] nt::NTSTATUS DeleteNow(OpenFile &open, ReadOnlyFiles readOnly);
 
 // How many files and directories closing handles has deleted so far. Who is admitted to a file's object after
 // the count has changed may have opened a file that is gone.

@@ -165,6 +165,23 @@ NTSTATUS SetCompression(Control &control)
     return format == COMPRESSION_FORMAT_NONE ? STATUS_SUCCESS : STATUS_INVALID_DEVICE_REQUEST;
 }
 
+// What agents may count on here. The bits that hold for one share only are those of the handle's.
+uint32_t FeaturesOf(const OpenFile &file)
+{
+    return FODR_HOST_FILE_IDS | FODR_HOST_POSIX_NAMES | FODR_HOST_NOTICES_FIRST |
+           (file.IsCaseSensitive() ? FODR_HOST_CASE_SENSITIVE : 0);
+}
+
+NTSTATUS QueryHost(Control &control)
+{
+    const FODR_HOST_INFORMATION host{.Version = FODR_HOST_VERSION,
+                                     .Features = FeaturesOf(control.file.File())};
+    if (control.output.size() < sizeof(host))
+        return STATUS_BUFFER_TOO_SMALL;
+    (void)control.Write(&host, sizeof(host));
+    return STATUS_SUCCESS;
+}
+
 struct ControlRow {
     uint32_t code;
     NTSTATUS (*serve)(Control &control);
@@ -174,12 +191,14 @@ constexpr ControlRow kControls[] = {
     {FSCTL_GET_REPARSE_POINT, GetReparsePoint}, {FSCTL_SET_SPARSE, SetSparse},
     {FSCTL_SET_ZERO_DATA, SetZeroData},         {FSCTL_QUERY_ALLOCATED_RANGES, QueryAllocatedRanges},
     {FSCTL_GET_COMPRESSION, GetCompression},    {FSCTL_SET_COMPRESSION, SetCompression},
+    {FSCTL_FODR_QUERY_HOST, QueryHost},
 };
 
 NTSTATUS Serve(uint32_t code, Control &control)
 {
     const auto *row = std::ranges::find(kControls, code, &ControlRow::code);
-    if (row == std::end(kControls) || control.file.stream) // controls are for files
+    const bool isForFiles = code != FSCTL_FODR_QUERY_HOST;
+    if (row == std::end(kControls) || (isForFiles && control.file.stream))
         return STATUS_INVALID_DEVICE_REQUEST;
     // Bits 14 and 15 of a code are the data rights that the handle must have.
     const uint32_t rights = (code >> 14) & (FILE_READ_DATA | FILE_WRITE_DATA);

@@ -12,7 +12,8 @@ nt::NTSTATUS List(OpenFile &file, const DirectoryScan::Query &query)
 {
     const MutexLock guard(file.services.scanLock);
     if (!file.services.scan)
-        file.services.scan = std::make_unique<DirectoryScan>(file.fd.Get());
+        file.services.scan =
+            std::make_unique<DirectoryScan>(file.fd.Get(), file.RootDevice(), file.IsCaseSensitive());
     return file.services.scan->Continue(query);
 }
 

@@ -9,8 +9,19 @@
 #include <dirent.h>
 
 #include <cerrno>
+#include <sys/stat.h>
 
 namespace fodr::ntposix {
+
+namespace {
+
+bool IsDeleted(int directory)
+{
+    struct stat stat;
+    return fstat(directory, &stat) == 0 && stat.st_nlink == 0;
+}
+
+} // namespace
 
 nt::NTSTATUS DirectoryScan::Continue(const Query &query)
 {
@@ -19,8 +30,7 @@ nt::NTSTATUS DirectoryScan::Continue(const Query &query)
     if (const nt::NTSTATUS status = Begin(query); nt::IsError(status))
         return status;
     while (stage != Stage::End) {
-        int error = 0;
-        switch (Next(query, &error)) {
+        switch (Next(query)) {
         case Step::Added:
             if (query.single)
                 return nt::STATUS_SUCCESS;
@@ -32,11 +42,14 @@ nt::NTSTATUS DirectoryScan::Continue(const Query &query)
         case Step::Truncated:
             return nt::STATUS_BUFFER_OVERFLOW;
         }
-        if (error != 0 && query.records->Written() == 0)
-            return StatusOfErrno(error);
     }
     if (query.records->Written() != 0)
         return nt::STATUS_SUCCESS;
+    if (nt::IsError(failure))
+        return failure;
+    // That a name isn't in a folder that was deleted says nothing about the folder's successor.
+    if (pattern.IsExact() && IsDeleted(directory))
+        return nt::STATUS_DELETE_PENDING;
     return first ? nt::STATUS_NO_SUCH_FILE : nt::STATUS_NO_MORE_FILES;
 }
 
@@ -53,11 +66,13 @@ nt::NTSTATUS DirectoryScan::Begin(const Query &query)
     }
     begun = true;
     stage = Stage::Self;
-    const int error = reader.Rewind();
-    return error ? StatusOfErrno(error) : nt::STATUS_SUCCESS;
+    failure = nt::STATUS_SUCCESS;
+    if (const int error = reader.Rewind())
+        Fail(error);
+    return failure;
 }
 
-DirectoryScan::Step DirectoryScan::Next(const Query &query, int *error)
+DirectoryScan::Step DirectoryScan::Next(const Query &query)
 {
     Step step = Step::Skipped;
     switch (stage) {
@@ -77,7 +92,7 @@ DirectoryScan::Step DirectoryScan::Next(const Query &query, int *error)
             stage = Stage::End;
         break;
     case Stage::Others:
-        step = AppendOther(query, error);
+        step = AppendOther(query);
         break;
     case Stage::End:
         break;
@@ -92,8 +107,16 @@ DirectoryScan::Step DirectoryScan::AppendNamed(const Query &query)
     if (!PosixNameFromNt(pattern.ExactName(), wanted) || wanted.empty() || wanted == "." || wanted == "..")
         return Step::Skipped;
     FileFacts facts;
-    if (StatAt(directory, wanted.c_str(), Links::kDontFollow, &facts) != 0) {
-        const auto present = DirectoryLease(directory).Find(wanted);
+    const int error = StatAt(directory, wanted.c_str(), Links::kDontFollow, &facts);
+    if (error != 0 && error != ENOENT && error != ENAMETOOLONG)
+        return Fail(error);
+    if (error != 0) {
+        if (caseSensitive)
+            return Step::Skipped;
+        const DirectoryLease lease(directory);
+        if (lease.Error() != 0)
+            return Fail(lease.Error());
+        const auto present = lease.Find(wanted);
         if (!present)
             return Step::Skipped;
         wanted = *present;
@@ -101,9 +124,12 @@ DirectoryScan::Step DirectoryScan::AppendNamed(const Query &query)
     return Append(query, wanted.c_str(), DT_UNKNOWN);
 }
 
-DirectoryScan::Step DirectoryScan::AppendOther(const Query &query, int *error)
+DirectoryScan::Step DirectoryScan::AppendOther(const Query &query)
 {
-    const DirectoryReader::Entry *entry = reader.Next(error);
+    int error;
+    const DirectoryReader::Entry *entry = reader.Next(&error);
+    if (!entry && error != 0)
+        return Fail(error);
     if (!entry) {
         stage = Stage::End;
         return Step::Skipped;
@@ -124,26 +150,30 @@ DirectoryScan::Step DirectoryScan::Append(const Query &query, const char *name, 
     if (!query.records->HasRoom(ntName.size()))
         return Step::Full;
     FileFacts facts;
-    if (query.needsFacts && !FactsOf(name, type, &facts))
+    if (query.needsFacts && FactsOf(name, type, &facts) == ENOENT)
         return Step::Skipped;
     return query.records->Append(ntName, facts) ? Step::Added : Step::Truncated;
 }
 
-// A link is listed as what it leads to, and as itself when it leads nowhere. False for an entry that is gone.
-bool DirectoryScan::FactsOf(const char *name, unsigned char type, FileFacts *facts) const
+// The rest of the directory isn't known, so it must not look as if there were none.
+DirectoryScan::Step DirectoryScan::Fail(int error)
 {
-    int error = StatAt(directory, name, Links::kFollow, facts);
-    if (error != 0 && type != DT_REG && type != DT_DIR)
-        error = StatAt(directory, name, Links::kDontFollow, facts);
-    if (error == ENOENT)
-        return false;
-    if (error != 0 &&
-        type == DT_DIR) // in a directory that may be read but not searched, names are all there is
-        facts->attributes = nt::FILE_ATTRIBUTE_DIRECTORY;
-    if (facts->kind == FileKind::kLink)
-        facts->endOfFile = facts->allocation = 0;
+    failure = StatusOfErrno(error);
+    stage = Stage::End;
+    return Step::Skipped;
+}
+
+// A link is listed as a link. Of an entry that can't be looked at (in a directory that may be read but not
+// searched, on a damaged disk) the name and the kind are told, and that there are no facts: its id is 0. 0 or
+// an errno; ENOENT for an entry that is gone.
+int DirectoryScan::FactsOf(const char *name, unsigned char type, FileFacts *facts) const
+{
+    const int error = StatAt(directory, name, Links::kDontFollow, facts);
+    if (error != 0)
+        *facts = FactsOfType(DTTOIF(type));
+    ResolveId(rootDevice, facts);
     facts->attributes = CompleteAttributes(facts->attributes | HiddenByName(name));
-    return true;
+    return error;
 }
 
 } // namespace fodr::ntposix

@@ -6,8 +6,10 @@
 #include "ntposix/NamePattern.h"
 #include "platform/NtStatus.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace fodr::ntposix {
 
@@ -22,10 +24,15 @@ public:
         std::u16string_view pattern; // empty: none given
     };
 
-    // Readable and borrowed; its read position moves.
-    explicit DirectoryScan(int directoryFd) : directory(directoryFd), reader(directoryFd) {}
+    // The descriptor is readable and borrowed; its read position moves. Of the share: the device of its root,
+    // see ResolveId, and whether its names differ by case.
+    DirectoryScan(int directoryFd, std::optional<dev_t> deviceOfRoot, bool isCaseSensitive)
+        : directory(directoryFd), rootDevice(deviceOfRoot), caseSensitive(isCaseSensitive),
+          reader(directoryFd)
+    {}
 
-    // Appends entries from where the last call stopped. Success means that there is one at least.
+    // Appends entries from where the last call stopped. Success means that there is one at least. A read
+    // error ends the listing: the call after the last entries tells it, and every later one until a restart.
     nt::NTSTATUS Continue(const Query &query);
 
 private:
@@ -34,18 +41,22 @@ private:
     enum class Step { Added, Skipped, Full, Truncated };
 
     nt::NTSTATUS Begin(const Query &query);
-    Step Next(const Query &query, int *error);
+    Step Next(const Query &query);
     Step AppendNamed(const Query &query);
-    Step AppendOther(const Query &query, int *error);
+    Step AppendOther(const Query &query);
     Step Append(const Query &query, const char *name, unsigned char type);
-    bool FactsOf(const char *name, unsigned char type, FileFacts *facts) const;
+    Step Fail(int error);
+    int FactsOf(const char *name, unsigned char type, FileFacts *facts) const;
 
     const int directory;
+    const std::optional<dev_t> rootDevice;
+    const bool caseSensitive;
     DirectoryReader reader;
     NamePattern pattern;
     Stage stage = Stage::Self;
     bool begun = false;
-    std::u16string ntName; // of the entry at hand; kept for its memory
+    nt::NTSTATUS failure = nt::STATUS_SUCCESS; // what ended the listing before its end
+    std::u16string ntName;                     // of the entry at hand; kept for its memory
 };
 
 } // namespace fodr::ntposix

@@ -48,11 +48,39 @@ uint32_t AttributesOf(FileKind kind, mode_t mode)
     return nt::FILE_ATTRIBUTE_ARCHIVE | (mode & S_IWUSR ? 0 : nt::FILE_ATTRIBUTE_READONLY);
 }
 
+// Spreads every bit of the value over all of them.
+uint64_t Mixed(uint64_t value)
+{
+    value = (value ^ (value >> 33)) * 0xFF51AFD7ED558CCD;
+    value = (value ^ (value >> 33)) * 0xC4CEB9FE1A85EC53;
+    return value ^ (value >> 33);
+}
+
+uint64_t IdOf(FileKey key, int64_t birthTime, bool foreign)
+{
+    constexpr int kInodeBits = 48;
+    constexpr uint64_t kInode = (uint64_t{1} << kInodeBits) - 1;
+    constexpr uint64_t kHash = 0x7FFF;
+    const uint64_t beyond = key.inode >> kInodeBits;
+    uint64_t hash = Mixed(static_cast<uint64_t>(birthTime) ^ Mixed(beyond));
+    if (foreign)
+        hash = Mixed(hash ^ Mixed(key.device));
+    const uint64_t id = (key.inode & kInode) | (hash & kHash) << kInodeBits | uint64_t{foreign} << 63;
+    return id ? id : uint64_t{1} << kInodeBits;
+}
+
 void Fill(const struct statx &stat, FileFacts *facts)
 {
     facts->key = {makedev(stat.stx_dev_major, stat.stx_dev_minor), stat.stx_ino};
+    facts->birthTime = stat.stx_mask & STATX_BTIME
+                           ? stat.stx_btime.tv_sec * 1'000'000'000 + int64_t{stat.stx_btime.tv_nsec}
+                           : 0;
+    facts->id = IdOf(facts->key, facts->birthTime, false);
     facts->kind = KindOf(stat.stx_mode);
     facts->mode = stat.stx_mode;
+    facts->owner = stat.stx_uid;
+    facts->group = stat.stx_gid;
+    facts->node = makedev(stat.stx_rdev_major, stat.stx_rdev_minor);
     facts->links = facts->kind == FileKind::kDirectory ? 1 : stat.stx_nlink;
     const bool sized = facts->kind == FileKind::kFile || facts->kind == FileKind::kLink;
     facts->endOfFile = sized ? static_cast<int64_t>(stat.stx_size) : 0;
@@ -96,6 +124,22 @@ int StatDescriptor(int fd, FileFacts *facts)
 int StatAt(int directory, const char *name, Links links, FileFacts *facts)
 {
     return Stat(directory, name, links == Links::kDontFollow ? AT_SYMLINK_NOFOLLOW : 0, facts);
+}
+
+FileFacts FactsOfType(mode_t type)
+{
+    FileFacts facts;
+    facts.kind = KindOf(type);
+    facts.mode = type;
+    if (type != 0)
+        facts.attributes = AttributesOf(facts.kind, S_IWUSR);
+    return facts;
+}
+
+void ResolveId(std::optional<dev_t> rootDevice, FileFacts *facts)
+{
+    if (rootDevice && *rootDevice != facts->key.device && facts->id != 0)
+        facts->id = IdOf(facts->key, facts->birthTime, true);
 }
 
 uint32_t HiddenByName(std::string_view leaf)

@@ -5,6 +5,7 @@
 #include "platform/NtStatus.h"
 
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <sys/stat.h>
 
@@ -19,8 +20,13 @@ enum class FileKind : uint8_t {
 
 struct FileFacts {
     FileKey key;
+    uint64_t id = 0;       // of the file among those of its share, see ResolveId; 0: there are no facts
+    int64_t birthTime = 0; // ns since 1970; 0: the file system keeps none
     FileKind kind = FileKind::kFile;
     mode_t mode = 0;
+    uint32_t owner = 0;
+    uint32_t group = 0;
+    dev_t node = 0;         // of a device node: the device that it stands for
     uint32_t links = 1;     // a directory has one
     int64_t endOfFile = 0;  // 0 unless a regular file or a link
     int64_t allocation = 0; // bytes on disk
@@ -43,6 +49,18 @@ struct FileFacts {
 // The same for a name below a directory descriptor (or AT_FDCWD).
 enum class Links : uint8_t { kFollow, kDontFollow };
 [[nodiscard]] int StatAt(int directory, const char *name, Links links, FileFacts *facts);
+
+// Of a file of which nothing is known but its type (S_IFDIR ...; 0: not even that). The id is 0.
+[[nodiscard]] FileFacts FactsOfType(mode_t type);
+
+// The stats above give the id of a file on its share's own device. This makes it another one where the file
+// is on another device. No device is given for a file that belongs to no share.
+//
+// The id is the same for all names of the file as long as it lives, and never 0. Bits 0 to 47 are the inode
+// number's. Bits 48 to 62 tell apart the files that have a number one after the other: a hash of the birth
+// time and of what the lower bits left out. Bit 63 is set on other devices than the root's, and the device is
+// hashed then.
+void ResolveId(std::optional<dev_t> rootDevice, FileFacts *facts);
 
 // FILE_ATTRIBUTE_HIDDEN or 0: a leading dot hides, but in "." and "..".
 [[nodiscard]] uint32_t HiddenByName(std::string_view leaf);

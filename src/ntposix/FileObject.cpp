@@ -34,7 +34,7 @@ bool FileObject::Close(OpenFile &open)
 {
     const MutexLock guard(lock);
     Count(open, static_cast<uint32_t>(-1));
-    if (open.deleteOnClose)
+    if (open.deleteOnClose && !open.nameTaken)
         MarkName(open, true);
     bool others = false;
     for (const OpenFile *other : opens)
@@ -77,11 +77,44 @@ bool FileObject::IsNamePending(const std::string &path)
     return FindPending(path);
 }
 
-bool FileObject::MayBeReplaced()
+bool FileObject::IsOpen()
 {
     const MutexLock guard(lock);
-    return counts.sharedDelete == counts.opens &&
-           std::none_of(opens.begin(), opens.end(), [](const OpenFile *open) { return open->deletePending; });
+    return !opens.empty();
+}
+
+void FileObject::NameTaken(OpenFile &open, const std::string &foundAt, uint32_t linkCount)
+{
+    const MutexLock guard(lock);
+    manyLinks |= linkCount > 1;
+    const std::string path = open.path;
+    for (OpenFile *other : opens) {
+        if (IsNameOf(*other, path) || IsNameOf(*other, foundAt))
+            TakeName(other);
+    }
+    TakeName(&open);
+}
+
+void FileObject::NameTaken(const std::string &path, uint32_t linkCount)
+{
+    const MutexLock guard(lock);
+    manyLinks |= linkCount > 1;
+    for (OpenFile *open : opens) {
+        if (IsNameOf(*open, path))
+            TakeName(open);
+    }
+}
+
+bool FileObject::HasName(const OpenFile &open)
+{
+    const MutexLock guard(lock);
+    return !open.nameTaken;
+}
+
+void FileObject::SetDeleteOnClose(OpenFile &open, bool wanted)
+{
+    const MutexLock guard(lock);
+    open.deleteOnClose = wanted;
 }
 
 std::string FileObject::PathOf(const OpenFile &open)
@@ -95,7 +128,7 @@ void FileObject::Renamed(const OpenFile &renamed, const std::string &newPath)
     const MutexLock guard(lock);
     const std::string oldPath = renamed.path;
     for (OpenFile *open : opens) {
-        if (open->path != oldPath)
+        if (open->path != oldPath || open->nameTaken)
             continue;
         open->path = newPath;
         open->dotName = HiddenByName(newPath.substr(newPath.rfind('/') + 1)) != 0;
@@ -117,7 +150,7 @@ bool FileObject::FindPending(const std::string &path)
 
 bool FileObject::IsNameOf(const OpenFile &open, const std::string &path) const
 {
-    return !manyLinks || open.path == path;
+    return !open.nameTaken && (!manyLinks || open.path == path);
 }
 
 // Every right that is asked for must be shared by all that are open, and every right that is in use must be
@@ -152,8 +185,16 @@ void FileObject::Count(const OpenFile &open, uint32_t step)
     count(counts.sharedDelete, open.share & FILE_SHARE_DELETE);
 }
 
+void FileObject::TakeName(OpenFile *open)
+{
+    open->nameTaken = true;
+    open->deletePending = open->deleteOnClose = false;
+}
+
 void FileObject::MarkName(const OpenFile &open, bool pending)
 {
+    if (open.nameTaken)
+        return;
     anyPending |= pending;
     for (OpenFile *other : opens) {
         if (IsNameOf(*other, open.path))

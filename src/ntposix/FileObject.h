@@ -54,9 +54,16 @@ public:
     // Whether the file is to be deleted under that name.
     [[nodiscard]] bool IsNamePending(const std::string &path) EXCLUDES(lock);
 
-    // Whether a rename may put another file in this one's place: every open shares deletion and none is
-    // pending.
-    [[nodiscard]] bool MayBeReplaced() EXCLUDES(lock);
+    // Whether anybody has it open, by whatever name.
+    [[nodiscard]] bool IsOpen() EXCLUDES(lock);
+
+    // A name was taken away while the file is open. Those that had it have none from now on, also when a
+    // link of the file is given that name again; no mark stands on them any more. The first is for who took
+    // away what it had open, wherever that was found.
+    void NameTaken(OpenFile &open, const std::string &foundAt, uint32_t linkCount) EXCLUDES(lock);
+    void NameTaken(const std::string &path, uint32_t linkCount) EXCLUDES(lock);
+    [[nodiscard]] bool HasName(const OpenFile &open) EXCLUDES(lock);
+    void SetDeleteOnClose(OpenFile &open, bool wanted) EXCLUDES(lock);
 
     [[nodiscard]] std::string PathOf(const OpenFile &open) EXCLUDES(lock);
     // The open and all others that had its name have the new one.
@@ -80,6 +87,7 @@ private:
     bool MayShare(uint32_t access, uint32_t share) const REQUIRES(lock);
     void Count(const OpenFile &open, uint32_t step) REQUIRES(lock);
     void MarkName(const OpenFile &open, bool pending) REQUIRES(lock);
+    static void TakeName(OpenFile *open);
 
     Mutex lock;
     // Those that weren't left yet.

@@ -16,10 +16,9 @@ bool LeadsTo(const std::string &path, const FileKey &key, Link *link)
 {
     PathParts parts = SplitPath(path);
     link->directory.Reset(open(parts.parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    FileFacts facts;
     if (!link->directory ||
-        StatAt(link->directory.Get(), parts.leaf.c_str(), Links::kDontFollow, &facts) != 0 ||
-        facts.key != key)
+        StatAt(link->directory.Get(), parts.leaf.c_str(), Links::kDontFollow, &link->facts) != 0 ||
+        link->facts.key != key)
         return false;
     link->leaf = std::move(parts.leaf);
     link->path = path;
@@ -35,11 +34,23 @@ bool IsRoot(const std::string &path)
 
 NTSTATUS FindLink(const OpenFile &open, Link *link)
 {
+    if (!open.object->HasName(open))
+        return STATUS_FILE_DELETED;
     const std::string stored = open.object->PathOf(open);
     if (IsRoot(stored))
         return STATUS_CANNOT_DELETE;
-    if (LeadsTo(stored, open.object->key, link))
+    if (LeadsTo(stored, open.object->key, link)) {
+        // Of several links the kernel knows which one was opened, also when a directory above was renamed and
+        // another one has its name.
+        Link opened;
+        if (link->facts.links > 1) {
+            const std::string current = PathByKernel(open.fd.Get());
+            if (current != stored && !current.empty() && current[0] == '/' &&
+                LeadsTo(current, open.object->key, &opened))
+                *link = std::move(opened);
+        }
         return STATUS_SUCCESS;
+    }
     const std::string current = PathByKernel(open.fd.Get());
     if (IsRoot(current))
         return STATUS_CANNOT_DELETE;

@@ -12,6 +12,7 @@ struct Link {
     Fd directory; // O_PATH
     std::string leaf;
     std::string path;
+    FileFacts facts;
 };
 
 // Looks under the path of the open first and, if another file or none is there by now, where the kernel says

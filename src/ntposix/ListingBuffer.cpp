@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <type_traits>
 
 namespace fodr::ntposix {
 
@@ -37,7 +38,15 @@ template <typename Record> void Write(uint8_t *at, uint32_t nameBytes, const Fil
             record.EaSize = nt::IO_REPARSE_TAG_SYMLINK;
     }
     if constexpr (requires { record.FileId; })
-        record.FileId = static_cast<int64_t>(facts.key.inode);
+        record.FileId = static_cast<int64_t>(facts.id);
+    if constexpr (std::is_same_v<Record, nt::FILE_BOTH_DIR_INFORMATION>) {
+        const nt::FODR_LISTED_FILE file{.FileId = facts.id,
+                                        .Mode = facts.mode,
+                                        .Owner = facts.owner,
+                                        .Group = facts.group,
+                                        .Links = facts.links};
+        memcpy(record.ShortName, &file, sizeof(file));
+    }
     memcpy(at, &record, offsetof(Record, FileName));
 }
 

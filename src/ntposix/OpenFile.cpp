@@ -14,6 +14,7 @@ OpenFile::~OpenFile()
 int OpenFile::Stat(FileFacts *facts) const
 {
     int error = StatDescriptor(File().fd.Get(), facts);
+    ResolveId(File().RootDevice(), facts);
     if (error == 0 && stream) {
         FileFacts bytes;
         error = StatDescriptor(fd.Get(), &bytes);

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace fodr::ntposix {
@@ -32,6 +33,10 @@ public:
     bool HasAccess(uint32_t rights) const { return (access & rights) != 0; } // any of them
     // What has name, times and attributes: of a named stream the file that it belongs to.
     const OpenFile &File() const { return base ? *base : *this; }
+    // Of the share that the file was opened through: the device of its root, and whether its names differ by
+    // case. No device where it was opened through none.
+    std::optional<dev_t> RootDevice() const { return std::nullopt; }
+    bool IsCaseSensitive() const { return false; }
     // Facts of the file with the size of what is open. 0 or an errno.
     [[nodiscard]] int Stat(FileFacts *facts) const;
 
@@ -59,6 +64,7 @@ public:
     // POSIX path that was opened, links followed or not. A hint: whoever acts on the name checks that it is
     // still this file. By object->lock.
     std::string path;
+    bool nameTaken = false;     // by object->lock; it can't be deleted or renamed any more
     bool deletePending = false; // by object->lock
     bool deleteOnClose = false; // by object->lock
 };

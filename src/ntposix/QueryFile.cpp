@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <string>
+#include <sys/sysmacros.h>
 #include <vector>
 
 namespace fodr::nt {
@@ -38,20 +39,30 @@ FILE_BASIC_INFORMATION Basic(const FileQuery &query)
             .FileAttributes = AttributesOf(query)};
 }
 
-// A link that is to be deleted doesn't count any more.
+uint32_t ReparseTagOf(const FileQuery &query)
+{
+    return query.open.kind == FileKind::kLink ? IO_REPARSE_TAG_SYMLINK : 0;
+}
+
+// A name that is to be deleted doesn't count any more.
+uint32_t LinksOf(const FileQuery &query, bool pending)
+{
+    return query.facts.links - (pending && query.facts.links > 0 ? 1 : 0);
+}
+
 FILE_STANDARD_INFORMATION Standard(const FileQuery &query)
 {
     const bool pending = query.open.object->IsDeletePending(query.open);
     return {.AllocationSize = query.facts.allocation,
             .EndOfFile = query.facts.endOfFile,
-            .NumberOfLinks = query.facts.links - (pending && query.facts.links > 0 ? 1 : 0),
+            .NumberOfLinks = LinksOf(query, pending),
             .DeletePending = pending,
             .Directory = query.open.IsDirectory()};
 }
 
 FILE_INTERNAL_INFORMATION Internal(const FileQuery &query)
 {
-    return {.IndexNumber = static_cast<int64_t>(query.open.File().object->key.inode)};
+    return {.IndexNumber = static_cast<int64_t>(query.facts.id)};
 }
 
 // From the root directory: the volume is the whole tree.
@@ -193,9 +204,58 @@ NTSTATUS QueryNetworkOpen(FileQuery &query)
 
 NTSTATUS QueryAttributeTag(FileQuery &query)
 {
-    return query.out.Put(FILE_ATTRIBUTE_TAG_INFORMATION{
-        .FileAttributes = AttributesOf(query),
-        .ReparseTag = query.open.kind == FileKind::kLink ? IO_REPARSE_TAG_SYMLINK : 0});
+    return query.out.Put(FILE_ATTRIBUTE_TAG_INFORMATION{.FileAttributes = AttributesOf(query),
+                                                        .ReparseTag = ReparseTagOf(query)});
+}
+
+NTSTATUS QueryId(FileQuery &query)
+{
+    FILE_ID_INFORMATION record{.VolumeSerialNumber = query.facts.key.device, .FileId = {}};
+    memcpy(record.FileId, &query.facts.id, sizeof(query.facts.id));
+    return query.out.Put(record);
+}
+
+FILE_STAT_INFORMATION Stat(const FileQuery &query)
+{
+    return {.FileId = static_cast<int64_t>(query.facts.id),
+            .CreationTime = query.facts.creationTime,
+            .LastAccessTime = query.facts.lastAccessTime,
+            .LastWriteTime = query.facts.lastWriteTime,
+            .ChangeTime = query.facts.changeTime,
+            .AllocationSize = query.facts.allocation,
+            .EndOfFile = query.facts.endOfFile,
+            .FileAttributes = AttributesOf(query),
+            .ReparseTag = ReparseTagOf(query),
+            .NumberOfLinks = LinksOf(query, query.open.object->IsDeletePending(query.open)),
+            .EffectiveAccess = query.open.access};
+}
+
+NTSTATUS QueryStat(FileQuery &query)
+{
+    return query.out.Put(Stat(query));
+}
+
+NTSTATUS QueryStatLx(FileQuery &query)
+{
+    const FileFacts &facts = query.facts;
+    const bool isDevice = S_ISCHR(facts.mode) || S_ISBLK(facts.mode);
+    const bool isExact = facts.kind == FileKind::kDirectory && query.open.File().IsCaseSensitive();
+    return query.out.Put(FILE_STAT_LX_INFORMATION{
+        .Stat = Stat(query),
+        .LxFlags = LX_FILE_METADATA_HAS_UID | LX_FILE_METADATA_HAS_GID | LX_FILE_METADATA_HAS_MODE |
+                   (isDevice ? LX_FILE_METADATA_HAS_DEVICE_ID : 0) |
+                   (isExact ? LX_FILE_CASE_SENSITIVE_DIR : 0),
+        .LxUid = facts.owner,
+        .LxGid = facts.group,
+        .LxMode = facts.mode,
+        .LxDeviceIdMajor = major(facts.node),
+        .LxDeviceIdMinor = minor(facts.node)});
+}
+
+NTSTATUS QueryCaseSensitive(FileQuery &query)
+{
+    return query.out.Put(FILE_CASE_SENSITIVE_INFORMATION{
+        .Flags = query.open.File().IsCaseSensitive() ? FILE_CS_FLAG_CASE_SENSITIVE_DIR : 0});
 }
 
 struct QueryClass {
@@ -209,7 +269,7 @@ struct QueryClass {
 constexpr QueryClass kClasses[] = {
     {FileBasicInformation, sizeof(FILE_BASIC_INFORMATION), FILE_READ_ATTRIBUTES, true, &QueryBasic},
     {FileStandardInformation, sizeof(FILE_STANDARD_INFORMATION), 0, true, &QueryStandard},
-    {FileInternalInformation, sizeof(FILE_INTERNAL_INFORMATION), 0, false, &QueryInternal},
+    {FileInternalInformation, sizeof(FILE_INTERNAL_INFORMATION), 0, true, &QueryInternal},
     {FileEaInformation, sizeof(FILE_EA_INFORMATION), FILE_READ_EA, false, &QueryEa},
     {FileAccessInformation, sizeof(FILE_ACCESS_INFORMATION), 0, false, &QueryAccess},
     {FileNameInformation, sizeof(FILE_NAME_INFORMATION), 0, false, &QueryName},
@@ -224,6 +284,11 @@ constexpr QueryClass kClasses[] = {
      &QueryNetworkOpen},
     {FileAttributeTagInformation, sizeof(FILE_ATTRIBUTE_TAG_INFORMATION), FILE_READ_ATTRIBUTES, true,
      &QueryAttributeTag},
+    {FileIdInformation, sizeof(FILE_ID_INFORMATION), 0, true, &QueryId},
+    {FileStatInformation, sizeof(FILE_STAT_INFORMATION), FILE_READ_ATTRIBUTES, true, &QueryStat},
+    {FileStatLxInformation, sizeof(FILE_STAT_LX_INFORMATION), FILE_READ_ATTRIBUTES, true, &QueryStatLx},
+    {FileCaseSensitiveInformation, sizeof(FILE_CASE_SENSITIVE_INFORMATION), FILE_READ_ATTRIBUTES, false,
+     &QueryCaseSensitive},
 };
 
 NTSTATUS Query(OpenFile &open, InfoBuffer buffer, uint32_t infoClass, uint64_t *written)

@@ -1,16 +1,17 @@
 #include "ntposix/Rename.h"
 
+#include "lib/unicode/NameMapping.h"
 #include "ntposix/DirectoryIndexes.h"
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/FileObjectTable.h"
 #include "ntposix/Link.h"
 #include "ntposix/Lookup.h"
-
-#include <fcntl.h>
-#include <stdio.h>
+#include "ntposix/NameSteps.h"
+#include "ntposix/Notify.h"
 
 #include <cerrno>
 #include <optional>
+#include <utility>
 
 namespace fodr::ntposix {
 
@@ -18,72 +19,62 @@ using namespace nt;
 
 namespace {
 
-struct Spot {
+constexpr int kAttempts = 16;
+
+// Something changed under the attempt, which is to be made again. Never told to a caller.
+constexpr NTSTATUS kRaced = STATUS_PENDING;
+
+NTSTATUS StatusOfStep(int error)
+{
+    if (error == ENOENT || error == ESTALE)
+        return kRaced;
+    return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error);
+}
+
+struct Target {
     int directory;
     const std::string &leaf;
+    std::string path; // of both
 };
 
-// 0 or an errno; EEXIST when something is there. File systems that can't rename under that condition are
-// asked first.
-int RenameToFreeName(Spot from, Spot to)
-{
-    if (renameat2(from.directory, from.leaf.c_str(), to.directory, to.leaf.c_str(), RENAME_NOREPLACE) == 0)
-        return 0;
-    if (errno != EINVAL && errno != ENOSYS)
-        return errno;
-    FileFacts facts;
-    const int error = StatAt(to.directory, to.leaf.c_str(), Links::kDontFollow, &facts);
-    if (error != ENOENT)
-        return error == 0 ? EEXIST : error;
-    return renameat(from.directory, from.leaf.c_str(), to.directory, to.leaf.c_str()) == 0 ? 0 : errno;
-}
-
-// Another case of the file's own name. A file system that ignores case itself takes the new spelling for
-// something that is there.
-int ChangeSpelling(Spot from, Spot to)
-{
-    const int error = RenameToFreeName(from, to);
-    if (error != EEXIST)
-        return error;
-    return renameat(from.directory, from.leaf.c_str(), to.directory, to.leaf.c_str()) == 0 ? 0 : errno;
-}
-
-NTSTATUS CheckReplaceable(const OpenFile &open, const FileFacts &present)
-{
-    if (present.kind == FileKind::kDirectory || open.IsDirectory() ||
-        present.attributes & FILE_ATTRIBUTE_READONLY)
-        return STATUS_ACCESS_DENIED;
-    const FileObjectRef object(FileObjectTable::Instance().Find(present.key));
-    return object && !object->MayBeReplaced() ? STATUS_ACCESS_DENIED : STATUS_SUCCESS;
-}
-
-// One rename whose two directories are open.
+// One attempt at a rename whose two directories are open.
 class Renaming {
 public:
-    Renaming(OpenFile &openFile, const Link &sourceLink, int targetDirectory, const std::string &targetLeaf)
-        : open(openFile), source{sourceLink.directory.Get(), sourceLink.leaf}, target{targetDirectory,
-                                                                                      targetLeaf}
+    Renaming(OpenFile &openFile, const Link &sourceLink, const Target &renameTarget, RenameRule renameRule)
+        : open(openFile), link(sourceLink), source{sourceLink.directory.Get(), sourceLink.leaf},
+          target{renameTarget.directory, renameTarget.leaf}, targetPath(renameTarget.path), rule(renameRule)
     {}
 
-    NTSTATUS Run(bool replace)
+    // On success tells whether the file's name is another one now.
+    NTSTATUS Run(bool *moved)
     {
-        // Nobody creates another case of the name meanwhile.
-        const DirectoryLease lease(target.directory);
-        if (lease.Error() != 0)
-            return StatusOfErrno(lease.Error());
-        const std::optional<std::string> present = open.exactName ? std::nullopt : lease.Find(target.leaf);
-        FileFacts facts;
+        *moved = true;
+        // Where case is ignored nobody creates another case of the name meanwhile.
+        std::optional<DirectoryLease> lease;
+        std::optional<std::string> present;
+        if (!open.exactName) {
+            lease.emplace(target.directory);
+            if (lease->Error() != 0)
+                return StatusOfErrno(lease->Error());
+            present = lease->Find(target.leaf);
+        }
         const std::string &occupied = present ? *present : target.leaf;
+        FileFacts facts;
         const int error = StatAt(target.directory, occupied.c_str(), Links::kDontFollow, &facts);
         if (error == ENOENT)
-            return StatusOfRename(RenameToFreeName(source, target));
+            return IntoFreeName();
         if (error != 0)
             return StatusOfErrno(error);
         const bool sameFile = facts.key == open.object->key;
-        if (sameFile && occupied == source.leaf && SameDirectory())
-            return occupied == target.leaf ? STATUS_SUCCESS : StatusOfRename(ChangeSpelling(source, target));
-        if (!replace)
+        // With one link it is the same name also where the file system ignores case.
+        if (sameFile && (occupied == source.leaf || facts.links == 1) && SameDirectory())
+            return occupied == target.leaf ? STATUS_SUCCESS : StatusOfStep(ChangeSpelling(source, target));
+        if (!rule.replace)
             return STATUS_OBJECT_NAME_COLLISION;
+        if (rule.posix) {
+            *moved = !sameFile;
+            return sameFile ? STATUS_SUCCESS : ReplaceAsPosix(occupied, facts);
+        }
         return sameFile ? MergeLinks(occupied) : Replace(occupied, facts);
     }
 
@@ -96,32 +87,98 @@ private:
                from.key == to.key;
     }
 
-    // The target is another link of the same file: rename(2) would leave both.
+    // Others may have taken it by now.
+    NTSTATUS IntoFreeName() const
+    {
+        const int error = MoveToFreeName(source, target);
+        return error == EEXIST && rule.replace ? kRaced : StatusOfStep(error);
+    }
+
+    // The target is another link of the same file, for which rename(2) would do nothing.
     NTSTATUS MergeLinks(const std::string &occupied) const
     {
-        if (unlinkat(target.directory, occupied.c_str(), 0) != 0)
-            return StatusOfErrno(errno);
-        return StatusOfRename(RenameToFreeName(source, target));
+        const int error = RemoveName(source, link.facts);
+        if (error != 0 || occupied == target.leaf)
+            return StatusOfStep(error);
+        return StatusOfStep(ChangeSpelling({target.directory, occupied}, target));
     }
 
     NTSTATUS Replace(const std::string &occupied, const FileFacts &facts) const
     {
-        const NTSTATUS status = CheckReplaceable(open, facts);
-        if (status != STATUS_SUCCESS)
-            return status;
-        if (renameat(source.directory, source.leaf.c_str(), target.directory, occupied.c_str()) != 0)
-            return StatusOfRename(errno);
+        if (facts.kind == FileKind::kDirectory || open.IsDirectory() || IsProtected(facts))
+            return STATUS_ACCESS_DENIED;
+        const FileObjectRef object(FileObjectTable::Instance().Find(facts.key));
+        if (object && object->IsOpen())
+            return STATUS_ACCESS_DENIED;
+        if (const int error = MoveOver(source, {target.directory, occupied}); error != 0)
+            return StatusOfStep(error);
         if (occupied != target.leaf)
-            return StatusOfRename(ChangeSpelling({target.directory, occupied}, target));
+            return StatusOfStep(ChangeSpelling({target.directory, occupied}, target));
         return STATUS_SUCCESS;
     }
 
-    static NTSTATUS StatusOfRename(int error) { return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error); }
+    NTSTATUS ReplaceAsPosix(const std::string &occupied, const FileFacts &facts) const
+    {
+        if (occupied != target.leaf)
+            return STATUS_OBJECT_NAME_COLLISION;
+        const bool directory = facts.kind == FileKind::kDirectory;
+        if (directory != open.IsDirectory())
+            return directory ? STATUS_FILE_IS_A_DIRECTORY : STATUS_NOT_A_DIRECTORY;
+        if (IsProtected(facts))
+            return STATUS_ACCESS_DENIED;
+        const int error = MoveOver(source, target);
+        if (error == EISDIR || error == ENOTDIR)
+            return kRaced;
+        if (error == EEXIST || error == ENOTEMPTY)
+            return STATUS_DIRECTORY_NOT_EMPTY;
+        if (error != 0)
+            return StatusOfStep(error);
+        if (const FileObjectRef object{FileObjectTable::Instance().Find(facts.key)})
+            object->NameTaken(targetPath, facts.links);
+        if (directory)
+            NotifyDeletePending(facts.key.device, facts.key.inode);
+        return STATUS_SUCCESS;
+    }
+
+    bool IsProtected(const FileFacts &facts) const
+    {
+        return !rule.ignoreReadOnly && (facts.attributes & FILE_ATTRIBUTE_READONLY) != 0;
+    }
 
     const OpenFile &open;
+    const Link &link;
     const Spot source;
     const Spot target;
+    const std::string &targetPath;
+    const RenameRule rule;
 };
+
+// The name that is to go.
+NTSTATUS FindSource(OpenFile &open, Link *link)
+{
+    const NTSTATUS status = FindLink(open, link);
+    if (status != STATUS_SUCCESS)
+        return status == STATUS_CANNOT_DELETE ? STATUS_ACCESS_DENIED : status;
+    return open.object->IsDeletePending(open) ? STATUS_DELETE_PENDING : STATUS_SUCCESS;
+}
+
+// Where others are quicker the name is looked for again.
+NTSTATUS RenameTo(OpenFile &open, Link link, const Target &target, RenameRule rule)
+{
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        bool moved;
+        NTSTATUS status = Renaming(open, link, target, rule).Run(&moved);
+        if (status == STATUS_SUCCESS && moved)
+            open.object->Renamed(open, target.path);
+        if (status != kRaced)
+            return status;
+        link = Link();
+        status = FindSource(open, &link);
+        if (status != STATUS_SUCCESS)
+            return status;
+    }
+    return STATUS_OBJECT_PATH_NOT_FOUND; // the target's directory is gone
+}
 
 } // namespace
 
@@ -137,20 +194,27 @@ NTSTATUS RenameFile(OpenFile &open, std::u16string_view target, bool replace)
     if (parts.leaf.empty())
         return STATUS_ACCESS_DENIED;
     Link link;
-    status = FindLink(open, &link);
+    status = FindSource(open, &link);
     if (status != STATUS_SUCCESS)
-        return status == STATUS_CANNOT_DELETE ? STATUS_ACCESS_DENIED : status;
-    if (open.object->IsDeletePending(open))
-        return STATUS_DELETE_PENDING;
+        return status;
     Fd directory;
     std::string directoryPath;
     status = OpenParent(name, open.exactName, &directory, &directoryPath);
     if (status != STATUS_SUCCESS)
         return status;
-    status = Renaming(open, link, directory.Get(), parts.leaf).Run(replace);
-    if (status == STATUS_SUCCESS)
-        open.object->Renamed(open, JoinPath(directoryPath, parts.leaf));
-    return status;
+    const Target to{directory.Get(), parts.leaf, JoinPath(directoryPath, parts.leaf)};
+    return RenameTo(open, std::move(link), to, {.replace = replace});
+}
+
+NTSTATUS RenameInto(OpenFile &open, OpenFile &directory, std::u16string_view leaf, RenameRule rule)
+{
+    std::string name;
+    if (!PosixNameFromNt(leaf, name) || name.empty() || name == "." || name == "..")
+        return STATUS_OBJECT_NAME_INVALID;
+    Link link;
+    const NTSTATUS status = FindSource(open, &link);
+    const Target to{directory.fd.Get(), name, JoinPath(directory.object->PathOf(directory), name)};
+    return status == STATUS_SUCCESS ? RenameTo(open, std::move(link), to, rule) : status;
 }
 
 } // namespace fodr::ntposix

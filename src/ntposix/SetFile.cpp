@@ -105,6 +105,44 @@ NTSTATUS SetRename(const FileChange &change)
     return RenameFile(change.open, target, record.ReplaceIfExists != 0);
 }
 
+// The directory is a handle, and the name one component of it.
+NTSTATUS SetRenameEx(const FileChange &change)
+{
+    constexpr uint32_t kNameOffset = offsetof(FILE_RENAME_INFORMATION_EX, FileName);
+    FILE_RENAME_INFORMATION_EX record{};
+    memcpy(&record, change.data, kNameOffset);
+    if (record.FileNameLength % 2 != 0 || record.FileNameLength == 0 ||
+        record.FileNameLength > change.length - kNameOffset)
+        return STATUS_INVALID_PARAMETER;
+    if (change.open.stream || record.RootDirectory == 0)
+        return STATUS_INVALID_PARAMETER;
+    const OpenFileRef directory =
+        HandleTable::Instance().Find(reinterpret_cast<HANDLE>(static_cast<uintptr_t>(record.RootDirectory)));
+    if (!directory)
+        return STATUS_INVALID_HANDLE;
+    if (!directory->IsDirectory())
+        return STATUS_NOT_A_DIRECTORY;
+    std::u16string name(record.FileNameLength / 2, u'\0');
+    memcpy(name.data(), change.data + kNameOffset, record.FileNameLength);
+    return RenameInto(change.open, *directory, name,
+                      {.replace = (record.Flags & FILE_RENAME_REPLACE_IF_EXISTS) != 0,
+                       .posix = (record.Flags & FILE_RENAME_POSIX_SEMANTICS) != 0,
+                       .ignoreReadOnly = (record.Flags & FILE_RENAME_IGNORE_READONLY_ATTRIBUTE) != 0});
+}
+
+NTSTATUS SetDeletionEx(const FileChange &change)
+{
+    const uint32_t flags = LoadRecord<FILE_DISPOSITION_INFORMATION_EX>(change.data).Flags;
+    const bool wanted = (flags & FILE_DISPOSITION_DELETE) != 0;
+    const auto readOnly =
+        flags & FILE_DISPOSITION_IGNORE_READONLY_ATTRIBUTE ? ReadOnlyFiles::kGo : ReadOnlyFiles::kStay;
+    if (flags & FILE_DISPOSITION_ON_CLOSE)
+        return SetDeleteOnClose(change.open, wanted, readOnly);
+    if (wanted && flags & FILE_DISPOSITION_POSIX_SEMANTICS)
+        return DeleteNow(change.open, readOnly);
+    return SetDisposition(change.open, wanted, readOnly);
+}
+
 NTSTATUS SetDeletion(const FileChange &change)
 {
     return SetDisposition(change.open, change.data[0] != 0);
@@ -169,6 +207,9 @@ constexpr SetClass kClasses[] = {
     {FileModeInformation, sizeof(FILE_MODE_INFORMATION), 0, &SetMode},
     {FileAllocationInformation, sizeof(FILE_ALLOCATION_INFORMATION), FILE_WRITE_DATA, &SetAllocationSize},
     {FileEndOfFileInformation, sizeof(FILE_END_OF_FILE_INFORMATION), FILE_WRITE_DATA, &SetFileSize},
+    {FileDispositionInformationEx, sizeof(FILE_DISPOSITION_INFORMATION_EX), DELETE_ACCESS, &SetDeletionEx},
+    {FileRenameInformationEx, offsetof(FILE_RENAME_INFORMATION_EX, FileName) + sizeof(char16_t),
+     DELETE_ACCESS, &SetRenameEx},
 };
 
 NTSTATUS Set(OpenFile &open, const void *buffer, uint32_t length, uint32_t infoClass)

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace fodr::nt {
@@ -178,6 +179,45 @@ private:
 // Cancels the I/O of every thread on the handle. Returns 0 or a Windows error code; ERROR_NOT_FOUND (1168)
 // says that nothing was in flight.
 [[nodiscard]] uint32_t CancelIoEx(HANDLE file);
+
+// The order between the notices of changes and the other answers that one receiver gets.
+//
+// On Linux no other answer overtakes the notice of a change that it may already show: a change that was
+// complete when Settle was called has ended a waiting notification, if there was one, and the answer of that
+// has been sent when Settle returns. What changed while no notification waited ends the next one. On Windows
+// the system sends its notices on its own time, and nothing of this costs anything.
+class NoticeOrder {
+public:
+    NoticeOrder();
+    ~NoticeOrder(); // after all deliveries
+    NoticeOrder(const NoticeOrder &) = delete;
+    NoticeOrder &operator=(const NoticeOrder &) = delete;
+
+    // Stands around one NtNotifyChangeDirectoryFile and the sending of its answer, on one thread. One a
+    // thread.
+    class Delivery;
+    struct State; // of the implementation
+    // To be called just before another answer is sent, without a lock that the sending of a notice needs.
+    // Costs a load while no notification waits, else a system call; waits only for notices that are being
+    // sent. Does nothing on the thread of a Delivery.
+    void Settle();
+
+private:
+    std::unique_ptr<State> state;
+};
+
+class NoticeOrder::Delivery {
+public:
+    explicit Delivery(NoticeOrder &ofOrder);
+    ~Delivery();
+    Delivery(const Delivery &) = delete;
+    Delivery &operator=(const Delivery &) = delete;
+
+private:
+    friend struct State;
+    State &order;
+    uint64_t number = 0; // not 0: a change has ended the call
+};
 
 // How the names of a share lead to its files, where the system leaves that to us.
 enum class CaseRule : uint8_t {

@@ -36,6 +36,12 @@ inline constexpr uint32_t FileNetworkOpenInformation = 34;
 inline constexpr uint32_t FileAttributeTagInformation = 35;
 inline constexpr uint32_t FileIdBothDirectoryInformation = 37;
 inline constexpr uint32_t FileIdFullDirectoryInformation = 38;
+inline constexpr uint32_t FileIdInformation = 59;
+inline constexpr uint32_t FileDispositionInformationEx = 64;
+inline constexpr uint32_t FileRenameInformationEx = 65;
+inline constexpr uint32_t FileStatInformation = 68;
+inline constexpr uint32_t FileStatLxInformation = 70;
+inline constexpr uint32_t FileCaseSensitiveInformation = 71;
 
 // FsInformationClass (MS-FSCC 2.5).
 inline constexpr uint32_t FileFsVolumeInformation = 1;
@@ -105,6 +111,19 @@ static_assert(sizeof(FILE_BOTH_DIR_INFORMATION) == 96);
 static_assert(offsetof(FILE_BOTH_DIR_INFORMATION, ShortNameLength) == 68);
 static_assert(offsetof(FILE_BOTH_DIR_INFORMATION, ShortName) == 70);
 static_assert(offsetof(FILE_BOTH_DIR_INFORMATION, FileName) == 94);
+
+// What stands in ShortName where this system lists files itself: it makes no short names (ShortNameLength is
+// 0). An id of 0: no facts could be had of the entry, and Mode has its type alone.
+struct FODR_LISTED_FILE {
+    uint64_t FileId;
+    uint32_t Mode; // st_mode
+    uint32_t Owner;
+    uint32_t Group;
+    uint32_t Links;
+};
+static_assert(sizeof(FODR_LISTED_FILE) == sizeof(FILE_BOTH_DIR_INFORMATION::ShortName));
+static_assert(offsetof(FODR_LISTED_FILE, Mode) == 8);
+static_assert(offsetof(FODR_LISTED_FILE, Links) == 20);
 
 struct FILE_ID_BOTH_DIR_INFORMATION {
     uint32_t NextEntryOffset;
@@ -215,6 +234,33 @@ struct FILE_DISPOSITION_INFORMATION {
 };
 static_assert(sizeof(FILE_DISPOSITION_INFORMATION) == 1);
 
+struct FILE_DISPOSITION_INFORMATION_EX {
+    uint32_t Flags; // FILE_DISPOSITION_*
+};
+static_assert(sizeof(FILE_DISPOSITION_INFORMATION_EX) == 4);
+
+// FILE_DISPOSITION_INFORMATION_EX (MS-FSCC 2.4.11).
+inline constexpr uint32_t FILE_DISPOSITION_DELETE = 0x1;
+inline constexpr uint32_t FILE_DISPOSITION_POSIX_SEMANTICS = 0x2; // the name goes at once
+inline constexpr uint32_t FILE_DISPOSITION_ON_CLOSE = 0x8;        // sets or clears FILE_DELETE_ON_CLOSE
+inline constexpr uint32_t FILE_DISPOSITION_IGNORE_READONLY_ATTRIBUTE = 0x10;
+
+struct FILE_RENAME_INFORMATION_EX {
+    uint32_t Flags; // FILE_RENAME_*
+    uint64_t RootDirectory;
+    uint32_t FileNameLength;
+    char16_t FileName[1];
+};
+static_assert(sizeof(FILE_RENAME_INFORMATION_EX) == 24);
+static_assert(offsetof(FILE_RENAME_INFORMATION_EX, RootDirectory) == 8);
+static_assert(offsetof(FILE_RENAME_INFORMATION_EX, FileNameLength) == 16);
+static_assert(offsetof(FILE_RENAME_INFORMATION_EX, FileName) == 20);
+
+// FILE_RENAME_INFORMATION_EX (MS-FSCC 2.4.43).
+inline constexpr uint32_t FILE_RENAME_REPLACE_IF_EXISTS = 0x1;
+inline constexpr uint32_t FILE_RENAME_POSIX_SEMANTICS = 0x2; // as rename(2), whatever has the target open
+inline constexpr uint32_t FILE_RENAME_IGNORE_READONLY_ATTRIBUTE = 0x40;
+
 struct FILE_POSITION_INFORMATION {
     int64_t CurrentByteOffset;
 };
@@ -299,6 +345,56 @@ struct FILE_ATTRIBUTE_TAG_INFORMATION {
     uint32_t ReparseTag;
 };
 static_assert(sizeof(FILE_ATTRIBUTE_TAG_INFORMATION) == 8);
+
+struct FILE_ID_INFORMATION {
+    uint64_t VolumeSerialNumber;
+    uint8_t FileId[16];
+};
+static_assert(sizeof(FILE_ID_INFORMATION) == 24);
+static_assert(offsetof(FILE_ID_INFORMATION, FileId) == 8);
+
+struct FILE_STAT_INFORMATION {
+    int64_t FileId;
+    int64_t CreationTime;
+    int64_t LastAccessTime;
+    int64_t LastWriteTime;
+    int64_t ChangeTime;
+    int64_t AllocationSize;
+    int64_t EndOfFile;
+    uint32_t FileAttributes;
+    uint32_t ReparseTag;
+    uint32_t NumberOfLinks;
+    uint32_t EffectiveAccess;
+};
+static_assert(sizeof(FILE_STAT_INFORMATION) == 72);
+static_assert(offsetof(FILE_STAT_INFORMATION, EndOfFile) == 48);
+static_assert(offsetof(FILE_STAT_INFORMATION, FileAttributes) == 56);
+static_assert(offsetof(FILE_STAT_INFORMATION, EffectiveAccess) == 68);
+
+struct FILE_STAT_LX_INFORMATION {
+    FILE_STAT_INFORMATION Stat;
+    uint32_t LxFlags; // which of the next fields count
+    uint32_t LxUid;
+    uint32_t LxGid;
+    uint32_t LxMode; // st_mode
+    uint32_t LxDeviceIdMajor;
+    uint32_t LxDeviceIdMinor;
+};
+static_assert(sizeof(FILE_STAT_LX_INFORMATION) == 96);
+static_assert(offsetof(FILE_STAT_LX_INFORMATION, LxFlags) == 72);
+static_assert(offsetof(FILE_STAT_LX_INFORMATION, LxDeviceIdMinor) == 92);
+
+inline constexpr uint32_t LX_FILE_METADATA_HAS_UID = 0x1;
+inline constexpr uint32_t LX_FILE_METADATA_HAS_GID = 0x2;
+inline constexpr uint32_t LX_FILE_METADATA_HAS_MODE = 0x4;
+inline constexpr uint32_t LX_FILE_METADATA_HAS_DEVICE_ID = 0x8;
+inline constexpr uint32_t LX_FILE_CASE_SENSITIVE_DIR = 0x10;
+
+struct FILE_CASE_SENSITIVE_INFORMATION {
+    uint32_t Flags;
+};
+static_assert(sizeof(FILE_CASE_SENSITIVE_INFORMATION) == 4);
+inline constexpr uint32_t FILE_CS_FLAG_CASE_SENSITIVE_DIR = 0x1;
 
 struct FILE_FS_VOLUME_INFORMATION {
     int64_t VolumeCreationTime;
@@ -393,6 +489,21 @@ inline constexpr uint32_t FSCTL_GET_REPARSE_POINT = 0x900A8;
 inline constexpr uint32_t FSCTL_SET_SPARSE = 0x900C4;
 inline constexpr uint32_t FSCTL_SET_ZERO_DATA = 0x980C8;
 inline constexpr uint32_t FSCTL_QUERY_ALLOCATED_RANGES = 0x940CF;
+
+// A private one, on any handle of a share: what its host offers. Hosts without it refuse the code.
+inline constexpr uint32_t FSCTL_FODR_QUERY_HOST = 0x923C0;
+
+struct FODR_HOST_INFORMATION {
+    uint32_t Version;
+    uint32_t Features;
+};
+static_assert(sizeof(FODR_HOST_INFORMATION) == 8);
+
+inline constexpr uint32_t FODR_HOST_VERSION = 1;
+inline constexpr uint32_t FODR_HOST_FILE_IDS = 0x1;       // FODR_LISTED_FILE; classes 59, 68 and 70
+inline constexpr uint32_t FODR_HOST_POSIX_NAMES = 0x2;    // classes 64 and 65 act at once if asked to
+inline constexpr uint32_t FODR_HOST_NOTICES_FIRST = 0x4;  // no completion overtakes the notice of a change
+inline constexpr uint32_t FODR_HOST_CASE_SENSITIVE = 0x8; // this share is
 
 inline constexpr uint16_t COMPRESSION_FORMAT_NONE = 0;
 inline constexpr uint16_t COMPRESSION_FORMAT_DEFAULT = 1;

@@ -1,4 +1,5 @@
 """A running `fodr share` for a test: started on real folders, ended in every way a user might end it."""
+import ctypes
 import os
 import pathlib
 import shutil
@@ -28,6 +29,13 @@ def mounted(path):
     path = os.path.abspath(path)
     with open("/proc/self/mountinfo") as table:
         return any(line.split()[4].encode().decode("unicode_escape") == path for line in table)
+
+
+def forget_names(path):
+    """Has the kernel drop the names of one mount that nobody uses, as it does when it is short of memory."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    if libc.mount(None, os.fsencode(path), None, 0x20 | 0x2 | 0x4, None) != 0:  # MS_REMOUNT, MS_NOSUID, MS_NODEV
+        raise OSError(ctypes.get_errno(), "remount", str(path))
 
 
 def command_line(pid):

@@ -313,10 +313,13 @@ TEST_P(AccessControlNeighbours, NothingIsRenamedOntoThemOrMadeBesideThem)
         for (const std::u16string &target : {u"\\??\\/tmp/fodr-out"s, u"/tmp/fodr-out"s, u"\\gone.txt:s"s,
                                              u"\\"s, u"\\Fellow\0\\x"s, u"\\F\\new\0x"s})
             EXPECT_EQ(file.Rename(target).Status(), STATUS_ACCESS_DENIED) << WireText(target);
-        for (uint32_t infoClass : {11u, 65u, 72u}) // hard links and the newer forms
-            EXPECT_EQ(file.Set(infoClass, std::string(64, 'x')).Status(), STATUS_ACCESS_DENIED);
+        for (uint32_t infoClass : {11u, 72u}) // hard links
+            EXPECT_EQ(file.Set(infoClass, std::string(64, 'x')).Status(), STATUS_INVALID_INFO_CLASS);
         file.Close();
     }
+    File folder = share.Create(u"\\F");
+    EXPECT_EQ(share.Create(u"\\a.txt").RenameInto(folder.Id(), u"a").Status(), STATUS_INVALID_INFO_CLASS);
+    EXPECT_EQ(share.Create(u"\\").RenameInto(folder.Id(), u"a").Status(), STATUS_ACCESS_DENIED);
     File file = share.Create(u"\\F\\in", {.access = DELETE_ACCESS});
     EXPECT_EQ(file.Rename(u"\\F\\out").Status(), STATUS_SUCCESS);
     EXPECT_EQ(file.Rename(u"\\gone.txt").Status(), STATUS_SUCCESS);

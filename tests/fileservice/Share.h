@@ -55,7 +55,6 @@ public:
         return isThere ? LoadLittle<T>(bytes.data() + kCompletionData + dataOffset) : T{};
     }
 
-private:
     Bytes bytes = Bytes(kMinCompletionSize);
 };
 
@@ -235,6 +234,8 @@ public:
         return Ask(IRP_MJ_SET_INFORMATION, DR_DRIVE_SET_INFORMATION_REQ{infoClass, SizeOf(buffer)}, buffer);
     }
     Completion Rename(std::u16string_view target, uint8_t rootDirectory = 0);
+    // Into an open directory, as rename(2) does.
+    Completion RenameInto(uint64_t directoryId, std::u16string_view leaf, uint32_t flags = 3);
     // No path is given where it is empty.
     Completion List(uint32_t infoClass, bool restart, std::u16string_view path = {});
     // The names of all answers, each of which must be as full as the shape says.

@@ -1,3 +1,4 @@
+#include "lib/unicode/NameMapping.h"
 #include "ntposix/NtWords.h"
 
 namespace fodr::nt {
@@ -61,6 +62,7 @@ TEST_F(DeviceControl, AnswersWhatItKnowsAndRefusesTheRest)
         {FSCTL_SET_COMPRESSION, {0, 0}, 0, kReadWrite, STATUS_SUCCESS},
         {FSCTL_SET_COMPRESSION, {1, 0}, 0, kReadWrite, STATUS_INVALID_DEVICE_REQUEST},
         {FSCTL_SET_COMPRESSION, {0}, 0, kReadWrite, STATUS_INVALID_PARAMETER},
+        {FSCTL_FODR_QUERY_HOST, {}, 7, kReadWrite, STATUS_BUFFER_TOO_SMALL},
         {0x900A4 /* set reparse point */, {}, 0, kReadWrite, STATUS_INVALID_DEVICE_REQUEST},
         {0, {}, 0, kReadWrite, STATUS_INVALID_DEVICE_REQUEST},
     };
@@ -124,6 +126,31 @@ TEST_F(DeviceControl, ALinkOpenedAsItselfTellsItsTarget)
     EXPECT_EQ(reply.data, expected);
     EXPECT_EQ(Control(link, FSCTL_GET_REPARSE_POINT, {}, sizeof(head)).status, STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(Control(link, FSCTL_GET_REPARSE_POINT, {}, 8).status, STATUS_BUFFER_TOO_SMALL);
+
+    // Whatever bytes a target has, they come back.
+    std::string longest;
+    while (longest.size() < 4095)
+        longest += longest.size() % 100 == 99 ? '/' : '\xFF';
+    const std::string targets[] = {"/abs/olute/",  "..//up/./x", "bad\xFF\xC3utf8",
+                                   "back\\slash",  "\\first",    "C:colon:stream",
+                                   "\xEF\x80\xBA", "/",          longest};
+    for (const std::string &target : targets) {
+        SCOPED_TRACE(target.substr(0, 40));
+        std::filesystem::remove(root / "odd");
+        ASSERT_EQ(symlink(target.c_str(), Path("odd").c_str()), 0);
+        const NtFile odd = Open("odd", {.access = FILE_READ_ATTRIBUTES, .options = FILE_OPEN_REPARSE_POINT});
+        const Reply told = Control(odd, FSCTL_GET_REPARSE_POINT, {}, 32768);
+        ASSERT_EQ(told.status, STATUS_SUCCESS);
+        SYMBOLIC_LINK_REPARSE_DATA data;
+        memcpy(&data, told.data.data(), sizeof(data));
+        EXPECT_EQ(data.Flags, target[0] == '/' ? 0u : 1u);
+        ASSERT_EQ(sizeof(data) + data.SubstituteNameLength + data.PrintNameLength, told.data.size());
+        std::u16string print(data.PrintNameLength / 2, u'\0');
+        memcpy(print.data(), told.data.data() + sizeof(data) + data.PrintNameOffset, data.PrintNameLength);
+        std::string back;
+        EXPECT_TRUE(PosixPathFromNt(print, back));
+        EXPECT_EQ(back, target);
+    }
 }
 
 } // namespace

@@ -1,3 +1,5 @@
+#include "WireExamples.h"
+#include "ntposix/ListingBuffer.h"
 #include "ntposix/NtWords.h"
 
 #include <algorithm>
@@ -11,7 +13,7 @@ struct ListingClass {
 
 constexpr ListingClass kClasses[] = {
     {FileDirectoryInformation, 64, 72, 0},          {FileFullDirectoryInformation, 68, 72, 0},
-    {FileBothDirectoryInformation, 94, 96, 0},      {FileNamesInformation, 12, 16, 0},
+    {FileBothDirectoryInformation, 94, 96, 70},     {FileNamesInformation, 12, 16, 0},
     {FileIdBothDirectoryInformation, 104, 112, 96}, {FileIdFullDirectoryInformation, 80, 88, 72},
 };
 
@@ -29,8 +31,9 @@ struct Answer {
     NTSTATUS status;
     uint64_t information = 0;
     NameList names = {};
-    // Of the names: what the class tells of these fields, and the file's id.
-    std::vector<std::pair<FILE_FULL_DIR_INFORMATION, int64_t>> records = {};
+    // Of the names: what the class tells of these fields, and the file's id, in class 3 with what is beside
+    // it.
+    std::vector<std::pair<FILE_FULL_DIR_INFORMATION, FODR_LISTED_FILE>> records = {};
 };
 
 template <typename T> T Get(const uint8_t *at, size_t size = sizeof(T))
@@ -38,6 +41,11 @@ template <typename T> T Get(const uint8_t *at, size_t size = sizeof(T))
     T value{};
     memcpy(&value, at, size);
     return value;
+}
+
+size_t IdSize(const ListingClass &row)
+{
+    return row.infoClass == FileBothDirectoryInformation ? sizeof(FODR_LISTED_FILE) : row.idOffset ? 8 : 0;
 }
 
 void Parse(const uint8_t *buffer, uint32_t infoClass, Answer *answer)
@@ -55,7 +63,7 @@ void Parse(const uint8_t *buffer, uint32_t infoClass, Answer *answer)
         memcpy(name.data(), record + row.nameOffset, nameLength);
         answer->names.push_back(Utf8(name));
         answer->records.emplace_back(Get<FILE_FULL_DIR_INFORMATION>(record, std::min(row.nameOffset, 68u)),
-                                     row.idOffset ? Get<int64_t>(record + row.idOffset) : 0);
+                                     Get<FODR_LISTED_FILE>(record + row.idOffset, IdSize(row)));
     }
 }
 
@@ -109,13 +117,20 @@ TEST_F(DirectoryQuery, EveryClassTellsWhatQueriesOfTheFilesTell)
             SCOPED_TRACE(testing::Message() << name << " in class " << c.infoClass);
             struct stat stat;
             ASSERT_EQ(::stat(Path(name).c_str(), &stat), 0);
-            const auto &[record, fileId] = answer.records[i];
-            EXPECT_EQ(fileId, c.idOffset ? static_cast<int64_t>(stat.st_ino) : 0);
+            const auto &[record, listed] = answer.records[i];
+            EXPECT_EQ(listed.FileId & kInodeBits, c.idOffset ? stat.st_ino & kInodeBits : 0);
             if (c.infoClass == FileNamesInformation || name == "..")
                 continue;
+            if (c.infoClass == FileBothDirectoryInformation) {
+                EXPECT_EQ(listed.Mode, stat.st_mode);
+                EXPECT_EQ(listed.Owner, stat.st_uid);
+                EXPECT_EQ(listed.Group, stat.st_gid);
+                EXPECT_EQ(listed.Links, S_ISDIR(stat.st_mode) ? 1 : stat.st_nlink);
+            }
             EXPECT_EQ(record.EaSize, 0u);
             EXPECT_EQ(record.FileIndex, 0u);
             const NtFile file = name == "." ? Folder("") : Open(name, {.access = FILE_READ_ATTRIBUTES});
+            EXPECT_EQ(listed.FileId, c.idOffset ? IdOf(file) : 0);
             const auto facts = Told<FILE_NETWORK_OPEN_INFORMATION>(file, FileNetworkOpenInformation);
             EXPECT_EQ(record.FileAttributes, facts.FileAttributes);
             EXPECT_EQ(record.CreationTime, facts.CreationTime);
@@ -125,6 +140,25 @@ TEST_F(DirectoryQuery, EveryClassTellsWhatQueriesOfTheFilesTell)
             EXPECT_EQ(record.AllocationSize, facts.AllocationSize);
         }
     }
+}
+
+TEST(ListingBuffer, TheDocumentedEntryIsWhatIsWritten)
+{
+    ntposix::FileFacts facts;
+    facts.id = 0x1A2B'0000'0001'E240;
+    facts.mode = 0100644;
+    facts.owner = 1000;
+    facts.group = 100;
+    facts.links = 2;
+    facts.endOfFile = 5;
+    facts.allocation = 4096;
+    facts.creationTime = facts.lastAccessTime = facts.lastWriteTime = facts.changeTime =
+        0x01D9'0000'0000'0000;
+    facts.attributes = FILE_ATTRIBUTE_ARCHIVE;
+    uint8_t buffer[128];
+    ntposix::ListingBuffer entries(buffer, sizeof(buffer), FileBothDirectoryInformation);
+    ASSERT_TRUE(entries.Append(u"a", facts));
+    EXPECT_EQ(Bytes(buffer, buffer + entries.Written()), WireExample("Listing entry with an id"));
 }
 
 TEST_F(DirectoryQuery, EntriesGoOnFromBufferToBuffer)
@@ -237,14 +271,30 @@ TEST_F(DirectoryQuery, OddEntriesAreListedToo)
         const auto found = std::ranges::find(all.names, name);
         return all.records.at(static_cast<size_t>(found - all.names.begin())).first;
     };
-    EXPECT_EQ(facts("to-file").EndOfFile, 7);
-    EXPECT_EQ(facts("to-file").FileAttributes, facts("target").FileAttributes);
-    EXPECT_TRUE(facts("to-folder").FileAttributes & FILE_ATTRIBUTE_DIRECTORY);
-    for (const auto *name : {"dangling", "loop", "fifo"}) {
-        EXPECT_EQ(facts(name).EndOfFile, 0) << name;
-        EXPECT_FALSE(facts(name).FileAttributes & FILE_ATTRIBUTE_DIRECTORY) << name;
+    // Links are listed as links, and a handle of one tells the same.
+    const struct {
+        const char *name;
+        int64_t length;
+    } links[] = {{"to-file", 6}, {"to-folder", 3}, {"dangling", 7}, {"loop", 4}};
+    for (const auto &[name, length] : links) {
+        SCOPED_TRACE(name);
+        const FILE_FULL_DIR_INFORMATION listed = facts(name);
+        EXPECT_EQ(listed.EndOfFile, length);
+        EXPECT_EQ(listed.FileAttributes, FILE_ATTRIBUTE_REPARSE_POINT);
+        EXPECT_EQ(listed.EaSize, IO_REPARSE_TAG_SYMLINK);
+        const NtFile link = Open(name, {.access = FILE_READ_ATTRIBUTES, .options = FILE_OPEN_REPARSE_POINT});
+        const auto told = Told<FILE_STAT_LX_INFORMATION>(link, FileStatLxInformation);
+        EXPECT_EQ(told.Stat.EndOfFile, length);
+        EXPECT_EQ(told.Stat.FileAttributes, FILE_ATTRIBUTE_REPARSE_POINT);
+        EXPECT_EQ(told.Stat.ReparseTag, IO_REPARSE_TAG_SYMLINK);
+        EXPECT_TRUE(S_ISLNK(told.LxMode));
+        EXPECT_EQ(StandardOf(link).EndOfFile, length);
+        EXPECT_EQ(StandardOf(link).Directory, 0);
     }
-    EXPECT_EQ(facts("dangling").EaSize, IO_REPARSE_TAG_SYMLINK);
+    EXPECT_EQ(facts("fifo").FileAttributes, FILE_ATTRIBUTE_SYSTEM);
+    const Answer modes = List(Folder(""), {.infoClass = FileBothDirectoryInformation});
+    const auto fifo = static_cast<size_t>(std::ranges::find(modes.names, "fifo") - modes.names.begin());
+    EXPECT_TRUE(S_ISFIFO(modes.records.at(fifo).second.Mode));
     EXPECT_EQ(NamesOf({u"COLON\uF03A*"}), NameList{Utf8(u"colon\uF03Astar\uF02A")});
     EXPECT_EQ(NamesOf({u"bad\uF7FFutf8"}), NameList{Utf8(u"bad\uF7FFutf8")});
 }

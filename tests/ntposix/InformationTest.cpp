@@ -1,3 +1,4 @@
+#include "WireExamples.h"
 #include "ntposix/NtWords.h"
 
 #include <span>
@@ -41,7 +42,8 @@ TEST_F(Information, EveryClassHasItsLength)
         {FileBasicInformation, 40},       {FileStandardInformation, 24},    {FileInternalInformation, 8},
         {FileEaInformation, 4},           {FileAccessInformation, 4},       {FilePositionInformation, 8},
         {FileModeInformation, 4},         {FileAlignmentInformation, 4},    {FileCompressionInformation, 16},
-        {FileNetworkOpenInformation, 56}, {FileAttributeTagInformation, 8},
+        {FileNetworkOpenInformation, 56}, {FileAttributeTagInformation, 8}, {FileIdInformation, 24},
+        {FileStatInformation, 72},        {FileStatLxInformation, 96},      {FileCaseSensitiveInformation, 4},
     };
     const LeastLength cut[] = {
         {FileNameInformation, 8}, {FileAllInformation, 104}, {FileStreamInformation, 32}};
@@ -70,7 +72,8 @@ TEST_F(Information, EveryClassHasItsLength)
     };
     for (const auto &[infoClass, length] : set)
         EXPECT_EQ(NtSetInformationFile(file, &io, bytes, length - 1, infoClass), STATUS_INFO_LENGTH_MISMATCH);
-    EXPECT_EQ(NtSetInformationFile(file, &io, bytes, 128, FileAllInformation), STATUS_INVALID_INFO_CLASS);
+    for (uint32_t other : {FileAllInformation, FileStatInformation, FileCaseSensitiveInformation})
+        EXPECT_EQ(NtSetInformationFile(file, &io, bytes, 128, other), STATUS_INVALID_INFO_CLASS) << other;
 }
 
 TEST_F(Information, ARenameNameStaysInItsBuffer)
@@ -102,8 +105,7 @@ TEST_F(Information, FactsAreThoseOfTheFile)
     EXPECT_EQ(BasicOf(Open("visible")).FileAttributes, FILE_ATTRIBUTE_ARCHIVE);
     EXPECT_EQ(BasicOf(file).LastWriteTime,
               (stat.st_mtim.tv_sec + 11'644'473'600) * 10'000'000 + stat.st_mtim.tv_nsec / 100);
-    EXPECT_EQ(Told<FILE_INTERNAL_INFORMATION>(file, FileInternalInformation).IndexNumber,
-              static_cast<int64_t>(stat.st_ino));
+    EXPECT_EQ(IdOf(file) & kInodeBits, stat.st_ino & kInodeBits);
 
     const NtFile folder = Folder("");
     EXPECT_EQ(StandardOf(folder).Directory, 1);
@@ -123,6 +125,65 @@ TEST_F(Information, FactsAreThoseOfTheFile)
     const std::u16string_view name(record.all.NameInformation.FileName,
                                    record.all.NameInformation.FileNameLength / 2);
     EXPECT_TRUE(name.starts_with(u"\\") && name.ends_with(u"\\visible")) << Utf8(name);
+}
+
+// Every name of a file and every class that has its id tell the same one; a replacement has another.
+TEST_F(Information, AFileHasOneIdAsLongAsItLives)
+{
+    MakeFile("a", "content");
+    std::filesystem::create_hard_link(root / "a", root / "b");
+    MakeSymlink("a", "link");
+    struct stat stat;
+    ASSERT_EQ(::stat(Path("a").c_str(), &stat), 0);
+    const NtFile file = Open("a", {.access = FILE_READ_ATTRIBUTES});
+    const uint64_t id = IdOf(file);
+    EXPECT_EQ(id >> 63, 0u);
+    const auto wide = Told<FILE_ID_INFORMATION>(file, FileIdInformation);
+    EXPECT_EQ(wide.VolumeSerialNumber, stat.st_dev);
+    EXPECT_EQ(memcmp(wide.FileId, &id, sizeof(id)), 0);
+    EXPECT_EQ(std::count(wide.FileId + 8, wide.FileId + 16, 0), 8);
+    const auto lx = Told<FILE_STAT_LX_INFORMATION>(file, FileStatLxInformation);
+    const auto plain = Told<FILE_STAT_INFORMATION>(file, FileStatInformation);
+    EXPECT_EQ(memcmp(&plain, &lx.Stat, sizeof(plain)), 0);
+    EXPECT_EQ(static_cast<uint64_t>(plain.FileId), id);
+    const auto facts = Told<FILE_NETWORK_OPEN_INFORMATION>(file, FileNetworkOpenInformation);
+    EXPECT_EQ(memcmp(&plain.CreationTime, &facts.CreationTime, 48), 0); // times and sizes
+    EXPECT_EQ(plain.FileAttributes, facts.FileAttributes);
+    EXPECT_EQ(plain.NumberOfLinks, 2u);
+    EXPECT_EQ(plain.EffectiveAccess, FILE_READ_ATTRIBUTES | SYNCHRONIZE);
+    EXPECT_EQ(lx.LxFlags, LX_FILE_METADATA_HAS_UID | LX_FILE_METADATA_HAS_GID | LX_FILE_METADATA_HAS_MODE);
+    EXPECT_EQ(lx.LxUid, stat.st_uid);
+    EXPECT_EQ(lx.LxGid, stat.st_gid);
+    EXPECT_EQ(lx.LxMode, stat.st_mode);
+    EXPECT_EQ(Told<FILE_CASE_SENSITIVE_INFORMATION>(Folder(""), FileCaseSensitiveInformation).Flags, 0u);
+    FILE_STAT_LX_INFORMATION refused;
+    EXPECT_EQ(Query(Open("a", {.access = FILE_READ_DATA}), FileStatLxInformation, &refused),
+              STATUS_ACCESS_DENIED);
+
+    MakeFile("a", "other content");
+    OthersMove("a", "c");
+    for (const char *name : {"b", "c"})
+        EXPECT_EQ(IdOf(Open(name)), id) << name;
+    EXPECT_NE(IdOf(Open("link", {.access = FILE_READ_ATTRIBUTES, .options = FILE_OPEN_REPARSE_POINT})), id);
+    MakeFile("new");
+    OthersMove("new", "b");
+    EXPECT_NE(IdOf(Open("b")), id);
+    EXPECT_EQ(IdOf(file), id);
+}
+
+TEST(StatLx, IsLaidOutAsDocumented)
+{
+    constexpr int64_t kTime = 0x01D9'0000'0000'0000;
+    const FILE_STAT_LX_INFORMATION record{.Stat = {0x1A2B'0000'0001'E240, kTime, kTime, kTime, kTime, 4096, 5,
+                                                   FILE_ATTRIBUTE_ARCHIVE, 0, 2, 0x120089},
+                                          .LxFlags = 7,
+                                          .LxUid = 1000,
+                                          .LxGid = 100,
+                                          .LxMode = 0100644,
+                                          .LxDeviceIdMajor = 0,
+                                          .LxDeviceIdMinor = 0};
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
+    EXPECT_EQ(Bytes(bytes, bytes + sizeof(record)), WireExample("Facts in one record"));
 }
 
 TEST_F(Information, TimesAndReadOnlyAreSet)

@@ -74,6 +74,15 @@ inline FILE_BASIC_INFORMATION BasicOf(HANDLE file)
     return Told<FILE_BASIC_INFORMATION>(file, FileBasicInformation);
 }
 
+// The inode number's part of a file's id.
+constexpr uint64_t kInodeBits = (uint64_t{1} << 48) - 1;
+
+inline uint64_t IdOf(HANDLE file)
+{
+    const auto told = Told<FILE_INTERNAL_INFORMATION>(file, FileInternalInformation);
+    return static_cast<uint64_t>(told.IndexNumber);
+}
+
 template <typename Record> NTSTATUS Set(HANDLE file, uint32_t infoClass, const Record &record)
 {
     IO_STATUS_BLOCK io{};
@@ -98,6 +107,34 @@ inline NTSTATUS Rename(HANDLE file, const std::u16string &ntPath, Existing exist
     IO_STATUS_BLOCK io{};
     return NtSetInformationFile(file, &io, buffer.data(), static_cast<uint32_t>(buffer.size()),
                                 FileRenameInformation);
+}
+
+inline NTSTATUS DeleteWith(HANDLE file, uint32_t flags)
+{
+    return Set(file, FileDispositionInformationEx, FILE_DISPOSITION_INFORMATION_EX{flags});
+}
+
+// The name goes at once.
+inline NTSTATUS DeleteNow(HANDLE file)
+{
+    return DeleteWith(file, FILE_DISPOSITION_DELETE | FILE_DISPOSITION_POSIX_SEMANTICS);
+}
+
+constexpr uint32_t kAsPosix = FILE_RENAME_REPLACE_IF_EXISTS | FILE_RENAME_POSIX_SEMANTICS;
+
+inline NTSTATUS RenameInto(HANDLE file, HANDLE folder, std::u16string_view leaf, uint32_t flags = kAsPosix)
+{
+    constexpr size_t kText = offsetof(FILE_RENAME_INFORMATION_EX, FileName);
+    const FILE_RENAME_INFORMATION_EX record{flags,
+                                            reinterpret_cast<uintptr_t>(folder),
+                                            static_cast<uint32_t>(leaf.size() * sizeof(char16_t)),
+                                            {}};
+    std::vector<uint8_t> buffer(kText + record.FileNameLength);
+    memcpy(buffer.data(), &record, kText);
+    memcpy(buffer.data() + kText, leaf.data(), record.FileNameLength);
+    IO_STATUS_BLOCK io{};
+    return NtSetInformationFile(file, &io, buffer.data(), static_cast<uint32_t>(buffer.size()),
+                                FileRenameInformationEx);
 }
 
 enum class WhenHeld { Fail, Wait };

@@ -317,7 +317,7 @@ TEST_F(RealPlugin, EachVersionAndCapabilityGetsWhatItKnows)
             const auto listed = BlockingCall(*share, &RemoteShare::QueryDirectory, opened.fileId,
                                              FileFullDirectoryInformation, true, u"");
             size_t entries = 0;
-            agent::DirectoryReader reader(listed.data);
+            agent::DirectoryReader reader(listed.data, false);
             for (agent::DirectoryReader::Entry entry; reader.Next(&entry);)
                 ++entries;
             EXPECT_EQ(entries, many ? 5u : 1u);

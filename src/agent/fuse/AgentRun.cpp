@@ -85,12 +85,16 @@ void AgentRun::OnReady()
 
 void AgentRun::OnDeviceAdded(const RemoteDevice &device)
 {
-    if (files.AddShare(std::make_shared<RemoteShare>(*client, device)))
-        client->Channel().SendNotice(transport::NoticeKind::ShareReady, device.name);
-    else
-        client->Channel().SendNotice(transport::NoticeKind::Warning,
-                                     device.name + ": isn't shown, the mount is taken by another share");
-    WakeUp();
+    const auto share = std::make_shared<RemoteShare>(*client, device);
+    FileSystem::AskFeatures(share, [this, share] {
+        const std::string &name = share->Device().name;
+        if (files.AddShare(share))
+            client->Channel().SendNotice(transport::NoticeKind::ShareReady, name);
+        else
+            client->Channel().SendNotice(transport::NoticeKind::Warning,
+                                         name + ": isn't shown, the mount is taken by another share");
+        WakeUp();
+    });
 }
 
 void AgentRun::OnDeviceRemoved(uint32_t deviceId)

@@ -35,17 +35,29 @@ int64_t NtTimeOf(const timespec &time)
     return ntTime > 0 ? ntTime : 1;
 }
 
+uint64_t InodeOf(uint64_t fileId)
+{
+    constexpr uint64_t kOtherFileSystem = 1ull << 63;
+    constexpr uint64_t kInodeBits = (1ull << 48) - 1;
+    return fileId & kOtherFileSystem ? fileId : fileId & kInodeBits;
+}
+
 struct stat StatOf(const FileFacts &facts, uint64_t inode, const Owner &owner)
 {
     struct stat result = {};
     const bool directory = facts.IsDirectory();
-    result.st_ino = inode;
-    result.st_nlink = 1;
+    result.st_ino = facts.id != 0 ? InodeOf(facts.id) : inode;
+    result.st_nlink = facts.id != 0 ? facts.links : 1;
     result.st_uid = owner.uid;
     result.st_gid = owner.gid;
     // The attribute says nothing about what may be done in a folder (MS-FSCC 2.6).
-    if (directory)
+    const mode_t type = facts.mode & S_IFMT;
+    if (facts.id != 0 && facts.IsSymbolicLink())
+        result.st_mode = S_IFLNK | 0777;
+    else if (directory)
         result.st_mode = S_IFDIR | 0755;
+    else if (type != 0 && type != S_IFREG)
+        result.st_mode = type | 0644;
     else
         result.st_mode = S_IFREG | (facts.IsReadOnly() ? 0555 : 0755);
     result.st_size = directory ? 0 : facts.endOfFile;

@@ -14,8 +14,12 @@ struct Owner {
     gid_t gid = 0;
 };
 
-// Folders are 0755, files 0755 or, read-only, 0555. `inode` is the number that the mount gives the file.
+// Folders are 0755, files 0755 or, read-only, 0555. The inode number is the other side's, where its host tells
+// ids; else `inode`.
 struct stat StatOf(const FileFacts &facts, uint64_t inode, const Owner &owner);
+// Of a file with that id. The high bits are no part of it, but for files of another file system than their
+// share's.
+uint64_t InodeOf(uint64_t fileId);
 
 timespec TimeOfNt(int64_t ntTime);
 // Never one of the values that a set takes for "leave it" (0, -1, -2).

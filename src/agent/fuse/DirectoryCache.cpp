@@ -1,5 +1,6 @@
 #include "agent/fuse/DirectoryCache.h"
 
+#include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
 
 #include <algorithm>
@@ -13,6 +14,17 @@ constexpr uint32_t kWatched = nt::FILE_NOTIFY_CHANGE_FILE_NAME | nt::FILE_NOTIFY
                               nt::FILE_NOTIFY_CHANGE_ATTRIBUTES | nt::FILE_NOTIFY_CHANGE_SIZE |
                               nt::FILE_NOTIFY_CHANGE_LAST_WRITE | nt::FILE_NOTIFY_CHANGE_CREATION;
 
+// A change that comes before the other side has begun to watch isn't told. How long that takes isn't known.
+constexpr auto kUntilWatched = std::chrono::milliseconds(100);
+
+// The handle is good all the same.
+bool SaysUnwatchable(nt::NTSTATUS status)
+{
+    return status == nt::STATUS_INSUFFICIENT_RESOURCES || status == nt::STATUS_NOT_SUPPORTED ||
+           status == nt::STATUS_NOT_IMPLEMENTED || status == nt::STATUS_INVALID_DEVICE_REQUEST ||
+           status == nt::STATUS_ACCESS_DENIED;
+}
+
 } // namespace
 
 DirectoryHandle::~DirectoryHandle()
@@ -21,6 +33,32 @@ DirectoryHandle::~DirectoryHandle()
     share->Close(fileId, [directory = node, until = std::move(kept)](const IoResult &) {
         directory->opens.EndClose();
     });
+}
+
+void DirectoryHandle::WhenChecked(InlineFunction<void(bool)> function)
+{
+    bool isFolder;
+    {
+        const MutexLock held(lock);
+        if (!checked) {
+            waiting.push_back(std::move(function));
+            return;
+        }
+        isFolder = *checked;
+    }
+    function(isFolder);
+}
+
+void DirectoryHandle::NoteChecked(bool isFolder)
+{
+    std::vector<InlineFunction<void(bool)>> ready;
+    {
+        const MutexLock held(lock);
+        checked = isFolder;
+        ready.swap(waiting);
+    }
+    for (InlineFunction<void(bool)> &function : ready)
+        function(isFolder);
 }
 
 DirectoryCache::Slots::iterator DirectoryCache::FindSlot(const NodePtr &node)
@@ -34,6 +72,7 @@ void DirectoryCache::EvictOne(std::vector<DirectoryHandlePtr> *evicted)
         --slot;
         if (!slot->handle)
             continue;
+        slot->node->SetUnwatched();
         evicted->push_back(std::move(slot->handle));
         slots.erase(slot);
         return;
@@ -100,22 +139,64 @@ void DirectoryCache::OnOpened(const NodePtr &node, uint64_t serial, const std::s
                 slots.erase(slot);
         }
     }
-    if (kept)
-        Watch(node, handle);
-    else if (handle && ending)
+    if (kept) {
+        Check(node, handle);
+        Watch(node, handle, Node::Clock::now() + kUntilWatched);
+    } else if (handle) {
+        Check(node, handle);
+    }
+    if (!kept && handle && ending)
         handle->KeepUntilClosed(std::move(ending));
     for (Handler &waiter : waiters)
         waiter(result.status, handle);
 }
 
-// One notification after the other, for as long as the handle lives: the close ends the last one.
-void DirectoryCache::Watch(const NodePtr &node, const DirectoryHandlePtr &handle)
+// The path may lead to another folder by now.
+void DirectoryCache::Check(const NodePtr &node, const DirectoryHandlePtr &handle)
 {
+    if (!handle->Share().HasIds())
+        return handle->NoteChecked(true);
+    handle->Share().QueryInformation(
+        handle->FileId(), FactsClassOf(handle->Share()), [this, node, handle](const IoResult &result) {
+            FileFacts facts;
+            bool isFolder = !nt::IsError(TakeFacts(handle->Share(), result, &facts));
+            if (isFolder) {
+                const uint64_t known = table.FileIdOf(node);
+                isFolder = known == 0 || known == facts.id || table.ShareRootOf(node) == node;
+                if (isFolder && known != facts.id)
+                    table.SetFileId(node, facts.id);
+            }
+            if (!isFolder)
+                DropHandle(node, handle);
+            handle->NoteChecked(isFolder);
+        });
+}
+
+// One notification after the other, for as long as the handle lives: the close ends the last one.
+void DirectoryCache::Watch(const NodePtr &node, const DirectoryHandlePtr &handle,
+                           Node::Clock::time_point from)
+{
+    node->SetWatchedFrom(from);
     handle->Share().NotifyChange(
         handle->FileId(), kWatched, false,
         [this, node, weak = std::weak_ptr<DirectoryHandle>(handle)](const IoResult &result) {
-            if (!result.Failed() && result.status != nt::STATUS_NOTIFY_CLEANUP)
-                OnChange(node, weak);
+            if (result.status == nt::STATUS_NOTIFY_CLEANUP)
+                return;
+            const DirectoryHandlePtr alive = weak.lock();
+            if (!alive)
+                return;
+            if (SaysUnwatchable(result.status)) {
+                node->SetUnwatched();
+                return;
+            }
+            if (result.Failed()) { // the folder is gone, or the handle
+                alive->Names().Forget(RecentNames::Clock::now());
+                node->NoteNotice();
+                DropHandle(node, alive);
+                changeHook(node);
+                return;
+            }
+            OnChange(node, weak);
         });
 }
 
@@ -124,35 +205,45 @@ void DirectoryCache::OnChange(const NodePtr &node, const std::weak_ptr<Directory
     const DirectoryHandlePtr alive = handle.lock();
     if (!alive)
         return;
+    node->SetUnwatched();
+    node->NoteNotice();
     alive->Names().Forget(RecentNames::Clock::now());
     if (changeHook(node))
-        Watch(node, alive);
+        Watch(node, alive, Node::Clock::now());
     else
         laterHook([this, node, handle] { OnChange(node, handle); });
 }
 
+DirectoryHandlePtr DirectoryCache::Present(const NodePtr &directory)
+{
+    const MutexLock held(lock);
+    auto slot = FindSlot(directory);
+    return slot == slots.end() ? nullptr : slot->handle;
+}
+
+void DirectoryCache::DropHandle(const NodePtr &node, const DirectoryHandlePtr &handle)
+{
+    DirectoryHandlePtr dropped;
+    node->SetUnwatched();
+    const MutexLock held(lock);
+    auto slot = FindSlot(node);
+    if (slot == slots.end() || slot->handle != handle)
+        return;
+    dropped = std::move(slot->handle);
+    slots.erase(slot);
+}
+
 void DirectoryCache::ForgetNames(const NodePtr &directory)
 {
-    DirectoryHandlePtr handle;
-    {
-        const MutexLock held(lock);
-        auto slot = FindSlot(directory);
-        if (slot != slots.end())
-            handle = slot->handle;
-    }
+    const DirectoryHandlePtr handle = Present(directory);
     if (handle)
         handle->Names().Forget(RecentNames::Clock::now());
 }
 
 void DirectoryCache::Drop(const NodePtr &directory)
 {
-    DirectoryHandlePtr dropped;
-    const MutexLock held(lock);
-    auto slot = FindSlot(directory);
-    if (slot == slots.end() || !slot->handle)
-        return;
-    dropped = std::move(slot->handle);
-    slots.erase(slot);
+    if (const DirectoryHandlePtr handle = Present(directory))
+        DropHandle(directory, handle);
 }
 
 void DirectoryCache::DropBelow(const NodePtr &directory, InlineFunction<void()> closed)
@@ -178,6 +269,7 @@ void DirectoryCache::DropBelow(const NodePtr &directory, InlineFunction<void()> 
                 ++slot;
                 continue;
             }
+            slot->node->SetUnwatched();
             slot->handle->KeepUntilClosed(barrier);
             dropped.push_back(std::move(slot->handle));
             slot = slots.erase(slot);

@@ -1,6 +1,7 @@
 // Open folders, kept for a while: a name is looked up with one request on its folder's handle, and the same
-// handle tells when something in the folder changes. The number of them is bounded, and with it the
-// number of requests that wait at the other side. Any thread; handlers run outside the lock.
+// handle tells when something in the folder changes. A handle belongs to the folder, not to its path. The number
+// of them is bounded, and with it the number of requests that wait at the other side. Any thread; handlers run
+// outside the lock.
 #pragma once
 
 #include "agent/fuse/NodeTable.h"
@@ -8,6 +9,7 @@
 
 #include <functional>
 #include <list>
+#include <optional>
 
 namespace fodr::agent {
 
@@ -24,6 +26,9 @@ public:
     RemoteShare &Share() const { return *share; }
     uint32_t FileId() const { return fileId; }
     RecentNames &Names() { return names; }
+    // Calls the function once it is known whether the handle is of the folder that was meant.
+    void WhenChecked(InlineFunction<void(bool isFolder)> function);
+    void NoteChecked(bool isFolder);
     // Something that is let go when the close has been answered. Set by who takes the handle out of use.
     void KeepUntilClosed(std::shared_ptr<void> thing) { kept = std::move(thing); }
 
@@ -33,6 +38,9 @@ private:
     const std::shared_ptr<RemoteShare> share;
     const uint32_t fileId;
     RecentNames names;
+    transport::Mutex lock;
+    std::optional<bool> checked GUARDED_BY(lock);
+    std::vector<InlineFunction<void(bool)>> waiting GUARDED_BY(lock);
 };
 using DirectoryHandlePtr = std::shared_ptr<DirectoryHandle>;
 
@@ -40,16 +48,17 @@ class DirectoryCache {
 public:
     static constexpr size_t kCapacity = 32;
 
-    // `onChange` is told of a folder in which something has changed, on any thread. If it doesn't want to
-    // know yet it gives false and is told again after a while, which `later` waits for. Further changes are
-    // asked for once it has taken one; those in between the other side remembers.
+    // `onChange` is told of a folder in which something has changed, on any thread. While it gives false, it is
+    // told again after a while, which `later` waits for, and only then further changes are asked for; those in
+    // between the other side remembers.
     using ChangeHook = std::function<bool(const NodePtr &directory)>;
     using LaterHook = std::function<void(InlineFunction<void()> function)>;
     DirectoryCache(NodeTable &nodeTable, ChangeHook onChange, LaterHook later)
         : table(nodeTable), changeHook(std::move(onChange)), laterHook(std::move(later))
     {}
 
-    // Gives the folder's handle, opened if need be; null with the status of a failure.
+    // Gives the folder's handle, opened if need be; null with the status of a failure. It may not have been
+    // checked yet (DirectoryHandle::WhenChecked): what is asked with it needn't wait, what is answered does.
     using Handler = InlineFunction<void(nt::NTSTATUS, const DirectoryHandlePtr &)>;
     void Acquire(const NodePtr &directory, Handler handler);
 
@@ -57,6 +66,8 @@ public:
     void ForgetNames(const NodePtr &directory);
     // Forgets a handle that turned out to be of no use.
     void Drop(const NodePtr &directory);
+    // The kept handle, if there is one that is open.
+    DirectoryHandlePtr Present(const NodePtr &directory);
     // Closes the handles of a folder and of all folders in it, because its place or its life ends. `closed`
     // is called when the other side has done so; those who still use one are waited for, and what is being
     // opened.
@@ -77,7 +88,9 @@ private:
     void EvictOne(std::vector<DirectoryHandlePtr> *evicted) REQUIRES(lock);
     void OnOpened(const NodePtr &node, uint64_t serial, const std::shared_ptr<RemoteShare> &share,
                   const IoResult &result);
-    void Watch(const NodePtr &node, const DirectoryHandlePtr &handle);
+    void Check(const NodePtr &node, const DirectoryHandlePtr &handle);
+    void Watch(const NodePtr &node, const DirectoryHandlePtr &handle, Node::Clock::time_point from);
+    void DropHandle(const NodePtr &node, const DirectoryHandlePtr &handle);
     void OnChange(const NodePtr &node, const std::weak_ptr<DirectoryHandle> &handle);
 
     NodeTable &table;

@@ -1,5 +1,6 @@
 #include "agent/fuse/DirectoryListing.h"
 
+#include "agent/fuse/RemoteCalls.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/NtRecords.h"
 
@@ -25,6 +26,12 @@ const DirectoryListing::Entry *DirectoryListing::At(size_t index) const
 {
     const MutexLock held(lock);
     return index < entries.size() ? &entries[index] : nullptr;
+}
+
+std::vector<std::string> DirectoryListing::Hidden() const
+{
+    const MutexLock held(lock);
+    return hidden;
 }
 
 nt::NTSTATUS DirectoryListing::Status() const
@@ -106,7 +113,7 @@ void DirectoryListing::SendQueries(size_t count)
         const std::u16string_view pattern =
             tagged && first ? std::u16string_view(u"\\*") : std::u16string_view();
         share->QueryDirectory(
-            fileId, nt::FileFullDirectoryInformation, tagged && first, pattern,
+            fileId, ListingClassOf(*share), tagged && first, pattern,
             [self = shared_from_this()](const IoResult &result) { self->OnAnswer(result); });
     }
 }
@@ -119,16 +126,26 @@ void DirectoryListing::Close()
 void DirectoryListing::TakeEntries(ByteSpan answer)
 {
     ended = ended || answer.empty(); // a peer that never ends
-    DirectoryReader reader(answer);
+    DirectoryReader reader(answer, share->HasIds());
     std::u16string ntName;
     for (DirectoryReader::Entry record; reader.Next(&record);) {
         record.CopyName(&ntName);
+        if (ntName == u"." && wantedId != 0 && record.facts.id != wantedId) {
+            // Another folder has the name by now.
+            ended = true;
+            status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+            return;
+        }
         Entry entry;
         entry.facts = record.facts;
         // What has no POSIX name can't be shown.
         if (!PosixNameFromNt(ntName, entry.name) || entry.name == "." || entry.name == ".." ||
-            entry.name.empty() || entry.name.starts_with(kHiddenPrefix))
+            entry.name.empty())
             continue;
+        if (entry.name.starts_with(kHiddenPrefix)) {
+            hidden.push_back(std::move(entry.name));
+            continue;
+        }
         entries.push_back(std::move(entry));
     }
     if (reader.Malformed()) {

@@ -23,16 +23,23 @@ public:
     };
     using Clock = std::chrono::steady_clock;
 
-    // Takes the folder's handle over, which was opened for this.
+    // Takes the folder's handle over, which was opened for this. `folderId` is the folder's own id, 0 where it
+    // isn't known: a listing of another folder fails with STATUS_OBJECT_PATH_NOT_FOUND.
     DirectoryListing(NodePtr directory, std::shared_ptr<RemoteShare> remoteShare, uint32_t remoteFile,
-                     bool rootOfShare)
-        : node(std::move(directory)), share(std::move(remoteShare)), fileId(remoteFile), ofRoot(rootOfShare)
+                     bool rootOfShare, uint64_t folderId)
+        : node(std::move(directory)), share(std::move(remoteShare)), fileId(remoteFile), ofRoot(rootOfShare),
+          wantedId(folderId)
     {}
     ~DirectoryListing();
 
     // Calls the handler when entry `index` is there, or surely won't be.
     using Waiter = InlineFunction<void()>;
     void WhenKnown(size_t index, Waiter waiter);
+
+    // Calls the handler when there will be no more entries.
+    void WhenEnded(Waiter waiter) { WhenKnown(SIZE_MAX, std::move(waiter)); }
+    // The names with kHiddenPrefix that were found.
+    std::vector<std::string> Hidden() const;
 
     // Null when the listing has fewer entries. An entry stays where it is while the listing lives.
     const Entry *At(size_t index) const;
@@ -43,6 +50,7 @@ public:
     // Its folder is removed: nothing is in it, and a handle that nobody has read from is closed.
     void EndUnread();
     Clock::time_point BegunAt() const;
+    bool HasIds() const { return share->HasIds(); }
 
 private:
     static constexpr size_t kMostQueries = 8;
@@ -59,9 +67,11 @@ private:
     const std::shared_ptr<RemoteShare> share;
     const uint32_t fileId;
     const bool ofRoot;
+    const uint64_t wantedId;
 
     mutable transport::Mutex lock;
     std::deque<Entry> entries GUARDED_BY(lock);
+    std::vector<std::string> hidden GUARDED_BY(lock);
     struct Pending {
         size_t index;
         Waiter waiter;

@@ -1,17 +1,24 @@
 #include "agent/fuse/FileSystem.h"
 
 #include "agent/fuse/Fuse.h"
+#include "agent/fuse/RemoteCalls.h"
+#include "platform/Nt.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstring>
 #include <random>
 
 namespace fodr::agent {
 namespace {
 
-// What this side changed within this time is taken for the reason of a notification. Whether it was the only
-// one isn't known: once there has been quiet for as long, all counts as changed.
-constexpr auto kOwnChangeSpan = std::chrono::seconds(1);
+// A folder that this mount itself changes is busy: its notices don't tell who made a change, and taking each up
+// would cost more than the change. So the kernel believes little of such a folder, and notices wait.
+constexpr auto kBusySpan = std::chrono::seconds(1); // since the last change
+constexpr auto kLookAgain = std::chrono::milliseconds(250);
+// For how long the kernel believes what no notice would correct, in seconds.
+constexpr double kUnwatchedSeconds = 0.4;
 
 } // namespace
 
@@ -20,12 +27,33 @@ FileSystem::FileSystem(const Options &fileSystemOptions)
       directories(
           table, [this](const NodePtr &directory) { return OnDirectoryChanged(directory); },
           [this](InlineFunction<void()> function) {
-              notifier.CallAt(Node::Clock::now() + kOwnChangeSpan, std::move(function));
+              notifier.CallAt(Node::Clock::now() + kLookAgain, std::move(function));
           }),
       hiddenSeed(std::random_device{}())
 {}
 
 // ---- Shares ----
+
+// Who doesn't know the control refuses it.
+Detached FileSystem::AskFeatures(std::shared_ptr<RemoteShare> share, InlineFunction<void()> done)
+{
+    const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
+                                          .createDisposition = nt::FILE_OPEN};
+    const std::u16string root = u"\\";
+    const IoResult opened = co_await CreateFile(*share, open, root);
+    if (!opened.Failed()) {
+        const uint32_t fileId = opened.fileId;
+        const IoResult told = co_await ControlFile(*share, fileId, nt::FSCTL_FODR_QUERY_HOST,
+                                                   sizeof(nt::FODR_HOST_INFORMATION));
+        nt::FODR_HOST_INFORMATION host{};
+        if (!told.Failed() && told.data.size() >= sizeof(host))
+            memcpy(&host, told.data.data(), sizeof(host));
+        if (host.Version >= 1)
+            share->SetFeatures(share->ListsSeveral() ? host.Features : host.Features & ~nt::FODR_HOST_FILE_IDS);
+        co_await CloseFile(*share, fileId);
+    }
+    done();
+}
 
 // A share's name as a folder of the root, where it can be one, without the tag that says what share it is.
 std::string FileSystem::FolderName(const RemoteDevice &device) const
@@ -90,56 +118,89 @@ void FileSystem::Clear()
 {
     directories.Clear();
     openListings.DropAll();
+    openedAhead.Purge(true);
     for (const OpenFilePtr &file : openFiles.DropAll())
         file->node->opens.Remove(file);
 }
 
 // ---- What the kernel is told ----
 
+// While the folder is busy it isn't watched, so that the kernel believes what it learns of it for a short time
+// only. What it learnt before that, it is told to forget once.
 bool FileSystem::OnDirectoryChanged(const NodePtr &directory)
 {
-    const auto lately = Node::Clock::now() - kOwnChangeSpan;
-    if (directory->ChangedSince(lately))
-        return false;
+    const auto lately = Node::Clock::now() - kBusySpan;
+    bool busy = directory->ChangedSince(lately);
     const auto children = table.ChildrenOf(directory);
-    for (const auto &[name, id] : children) {
-        const NodePtr child = table.Find(id);
-        if (child && child->ChangedSince(lately))
-            return false;
+    for (auto child = children.begin(); !busy && child != children.end(); ++child) {
+        const NodePtr node = table.Find(child->second);
+        busy = node && node->ChangedSince(lately);
     }
-    notifier.AttributesChanged(directory->id);
-    for (const auto &[name, id] : children) {
-        if (const NodePtr child = table.Find(id))
-            child->DropFactsOfOpen();
-        notifier.NameChanged(directory->id, name);
-        notifier.AttributesChanged(id);
-    }
-    return true;
+    if (!directory->forgottenWhileBusy.exchange(busy) || !busy)
+        ForgetInKernel(directory);
+    return !busy;
 }
 
-EntryAnswer FileSystem::AnswerFor(const NodePtr &node, const FileFacts &facts, bool lasting, double age) const
+void FileSystem::ForgetInKernel(const NodePtr &directory)
 {
-    const double left = std::max(0.0, options.cacheSeconds - age);
+    notifier.AttributesChanged(directory->id);
+    for (const auto &[name, id] : table.ChildrenOf(directory)) {
+        notifier.NameChanged(directory->id, name);
+        notifier.AttributesChanged(id);
+        const NodePtr child = table.Find(id);
+        if (!child)
+            continue;
+        child->DropFactsOfOpen();
+        if (!child->directory && child->opens.IsOpen())
+            LookAgain(child);
+    }
+}
+
+// What was read of an open file is dropped as soon as it is seen to have changed.
+Detached FileSystem::LookAgain(NodePtr node)
+{
+    const OpenFilePtr file = node->opens.Any(false);
+    if (!file || node->opens.Any(true))
+        co_return;
+    FileFacts facts;
+    const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);
+    if (!nt::IsError(status) && node->NoteFacts(facts))
+        notifier.DataChanged(node->id);
+}
+
+double FileSystem::SecondsLeft(const NodePtr &parent, Node::Clock::time_point asked) const
+{
+    const std::chrono::duration<double> age = Node::Clock::now() - asked;
+    const bool watched = parent->IsWatched() && parent->NoticedAt() < asked;
+    const double span = watched ? options.cacheSeconds : std::min(options.cacheSeconds, kUnwatchedSeconds);
+    return std::max(0.0, span - age.count());
+}
+
+EntryAnswer FileSystem::AnswerFor(const NodePtr &parent, const NodePtr &node, const FileFacts &facts,
+                                  bool lasting, Node::Clock::time_point asked) const
+{
+    const double left = SecondsLeft(parent, asked);
     return {.node = node->id,
             .attributes = StatOf(facts, node->id, options.owner),
             .nameSeconds = left,
             .attributeSeconds = lasting ? left : 0};
 }
 
-// Whether a folder's entry still says what is so, as far as this side has to do with it.
-bool FileSystem::IsAsTold(const NodePtr &parent, const std::string &name, Node::Clock::time_point asked) const
+// Whether this mount has changed what was told of the folder's entry since it was asked for.
+bool FileSystem::ChangedBySelf(const NodePtr &parent, const std::string &name,
+                               Node::Clock::time_point asked) const
 {
     if (parent->ChangedSince(asked))
-        return false;
+        return true;
     const NodePtr node = table.Child(parent, name);
-    return !node || !(node->ChangedSince(asked) || node->opens.Any(true));
+    return node && (node->ChangedSince(asked) || node->opens.Any(true));
 }
 
 // `node` has one lookup more for this answer.
-bool FileSystem::ReplyEntry(const FuseCall::Ptr &call, const NodePtr &node, const FileFacts &facts,
-                            bool lasting, double age)
+bool FileSystem::ReplyEntry(const FuseCall::Ptr &call, const NodePtr &parent, const NodePtr &node,
+                            const FileFacts &facts, bool lasting, Node::Clock::time_point asked)
 {
-    if (call->Entry(AnswerFor(node, facts, lasting, age)))
+    if (call->Entry(AnswerFor(parent, node, facts, lasting, asked)))
         return true;
     table.Forget(node->id, 1);
     return false;
@@ -162,7 +223,32 @@ bool FileSystem::LocateForChange(const FuseCall::Ptr &call, const NodePtr &paren
         call->Fail(EPERM);
         return false;
     }
+    if (name.size() > NAME_MAX) {
+        call->Fail(ENAMETOOLONG);
+        return false;
+    }
     return true;
+}
+
+// A name is made in a folder: that the folder isn't there may be news to the kernel.
+void FileSystem::FailCreate(const FuseCall::Ptr &call, nt::NTSTATUS status)
+{
+    if (status == nt::STATUS_OBJECT_PATH_NOT_FOUND)
+        call->Fail(ESTALE);
+    else
+        call->FailStatus(status);
+}
+
+// The same once the folder is known to be where its path leads: a name isn't changed in another folder.
+Task<bool> FileSystem::LocateConfirmed(FuseCall::Ptr call, NodePtr parent, std::string name, Place *place)
+{
+    if (!LocateForChange(call, parent, name, place))
+        co_return false;
+    const Standing standing = co_await Confirm(parent);
+    if (standing == Standing::Here)
+        co_return LocateForChange(call, parent, name, place);
+    call->Fail(standing == Standing::Gone ? ENOENT : ESTALE);
+    co_return false;
 }
 
 } // namespace fodr::agent

@@ -11,6 +11,7 @@
 #include "agent/fuse/KeptHandles.h"
 #include "agent/fuse/KernelNotifier.h"
 #include "agent/fuse/NodeTable.h"
+#include "agent/fuse/OpenedAhead.h"
 
 #include <set>
 #include <string>
@@ -47,6 +48,8 @@ public:
     bool AddShare(std::shared_ptr<RemoteShare> share);
     void RemoveShare(uint32_t deviceId);
     bool HasShare() const;
+    // Asks what the share's host offers (RemoteShare::Has), then calls the function; before AddShare.
+    static Detached AskFeatures(std::shared_ptr<RemoteShare> share, InlineFunction<void()> done);
 
     // For the kernel's notices; null before the session ends.
     void SetSession(fuse_session *fuseSession);
@@ -61,13 +64,14 @@ public:
     void Forget(uint64_t nodeId, uint64_t lookups) { table.Forget(nodeId, lookups); }
     Detached GetAttributes(FuseCall::Ptr call, uint64_t nodeId);
     Detached SetAttributes(FuseCall::Ptr call, uint64_t nodeId, AttributeChange change, uint64_t handle);
+    Detached ReadLink(FuseCall::Ptr call, uint64_t nodeId);
     Detached Access(FuseCall::Ptr call, uint64_t nodeId, int mask);
     Detached StatFs(FuseCall::Ptr call, uint64_t nodeId);
 
     Detached Open(FuseCall::Ptr call, uint64_t nodeId, int flags);
     Detached Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode, int flags);
     void Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, uint32_t length);
-    void Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes);
+    void Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes, int flags);
     void Flush(FuseCall::Ptr call, uint64_t handle);
     void Release(FuseCall::Ptr call, uint64_t handle);
     Detached Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uint64_t offset, uint64_t length);
@@ -88,11 +92,20 @@ private:
     struct Found {
         nt::NTSTATUS status = nt::STATUS_SUCCESS;
         FileFacts facts;
-        double age = 0;            // seconds of the cache time that are over
-        RecentNames::ToldPtr told; // where it was found without asking; else null
+        bool exact = true; // else the name differs in case, and stands for a node of its own
+        Node::Clock::time_point asked{}; // when the other side was
+        RecentNames::ToldPtr told;       // where it was found without asking; else null
+
+        uint64_t NodeId() const { return exact ? facts.id : 0; }
     };
+    static Found NotFound(nt::NTSTATUS status)
+    {
+        Found found;
+        found.status = status;
+        return found;
+    }
     // Whether the other side is asked, or what it told within the cache time will do.
-    enum class Asking { Now, Lately };
+    enum class Freshness { Asked, Cached };
     // An open directory of the kernel's.
     struct OpenListing {
         NodePtr node;
@@ -108,27 +121,45 @@ private:
             std::chrono::duration<double>(options.cacheSeconds));
     }
     bool OnDirectoryChanged(const NodePtr &directory);
-    EntryAnswer AnswerFor(const NodePtr &node, const FileFacts &facts, bool lasting, double age = 0) const;
-    bool ReplyEntry(const FuseCall::Ptr &call, const NodePtr &node, const FileFacts &facts, bool lasting,
-                    double age = 0);
-    bool IsAsTold(const NodePtr &parent, const std::string &name, Node::Clock::time_point asked) const;
+    void ForgetInKernel(const NodePtr &directory);
+    Detached LookAgain(NodePtr node);
+    // `asked` is when the facts were asked for; `lasting`: they are believed for a while.
+    EntryAnswer AnswerFor(const NodePtr &parent, const NodePtr &node, const FileFacts &facts, bool lasting,
+                          Node::Clock::time_point asked) const;
+    double SecondsLeft(const NodePtr &parent, Node::Clock::time_point asked) const;
+    bool ReplyEntry(const FuseCall::Ptr &call, const NodePtr &parent, const NodePtr &node,
+                    const FileFacts &facts, bool lasting, Node::Clock::time_point asked);
+    bool ChangedBySelf(const NodePtr &parent, const std::string &name, Node::Clock::time_point asked) const;
     bool LocateForChange(const FuseCall::Ptr &call, const NodePtr &parent, const std::string &name,
                          Place *place) const;
+    static void FailCreate(const FuseCall::Ptr &call, nt::NTSTATUS status);
+    Task<bool> LocateConfirmed(FuseCall::Ptr call, NodePtr parent, std::string name, Place *place);
 
     // FileSystemLookup.cpp
-    Task<Found> Find(NodePtr parent, std::string name, Asking asking = Asking::Now);
-    Task<Found> FindPassing(NodePtr parent, std::string name, Asking asking);
+    Task<Found> Find(NodePtr parent, std::string name, Freshness freshness = Freshness::Asked);
+    Task<Found> FindPassing(NodePtr parent, std::string name, Freshness freshness);
     auto AwaitDirectory(const NodePtr &node)
     {
         return AwaitValues<nt::NTSTATUS, DirectoryHandlePtr>(
             [this, &node](DirectoryCache::Handler done) { directories.Acquire(node, std::move(done)); });
     }
+    static auto AwaitChecked(const DirectoryHandlePtr &directory)
+    {
+        return AwaitValues<bool>(
+            [&directory](InlineFunction<void(bool)> done) { directory->WhenChecked(std::move(done)); });
+    }
     static void AskForNames(const DirectoryHandlePtr &directory);
     bool Recall(const NodePtr &parent, const std::string &name, const std::u16string &ntName,
                 const DirectoryHandlePtr &directory, Found *found);
-    Task<Found> FindByHandle(NodePtr parent, std::string name, Asking asking, bool *decided);
-    Task<Found> FindByPath(Place place);
-    Task<Found> FactsOf(NodePtr node, Asking asking = Asking::Now);
+    Task<Found> FindByHandle(NodePtr parent, std::string name, Freshness freshness, bool *decided);
+    Task<Found> FindByPath(Place place, bool follow);
+    // Whether the folder is still where this side believes it to be. If not, its place is forgotten.
+    enum class Standing { Here, Gone, Replaced };
+    Task<Standing> Confirm(NodePtr folder);
+    bool IsConfirmed(const NodePtr &parent, const NodePtr &node) const;
+    Task<Nothing> Identify(NodePtr node);
+    Task<Found> FactsOf(NodePtr node, Freshness freshness = Freshness::Asked);
+    Task<Found> FactsByName(NodePtr node, Freshness freshness);
     Task<Found> FactsOfDirectory(NodePtr node);
 
     // FileSystemAttributes.cpp
@@ -146,10 +177,16 @@ private:
 
     // FileSystemOpen.cpp
     uint64_t KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
-                      int flags);
+                      uint32_t access);
+    uint32_t AccessOf(int flags, const RemoteShare &share) const;
     Task<IoResult> OpenAt(const Place &place, const RemoteShare::CreateCall &open); // which outlive the wait
     Task<IoResult> OpenNode(NodePtr node, RemoteShare::CreateCall open, Place *place);
     Task<IoResult> OpenToRead(NodePtr node, RemoteShare::CreateCall open, Place *place, FileFacts *facts);
+    Task<nt::NTSTATUS> Truncate(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId);
+    void OpenedAnother(const NodePtr &node, const Place &place, uint32_t fileId, uint32_t access,
+                       const FileFacts &facts);
+    bool FollowsLinks(const NodePtr &node, const Place &place) const;
+    void GiveUp(uint64_t handle);
     void PrimeReading(const OpenFilePtr &file);
     void CloseLater(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId);
 
@@ -160,6 +197,14 @@ private:
         Place source, target;
         uint32_t fileId = 0; // what is being renamed
     };
+    static RemoteShare::CreateCall OpenToDelete(bool directory);
+    Task<nt::NTSTATUS> RemoveAtOnce(Place place, NodePtr node, bool directory);
+    Task<nt::NTSTATUS> RemoveFolder(NodePtr parent, std::string name, Place place);
+    Task<nt::NTSTATUS> MoveAtOnce(Moving moving, bool replace);
+    Task<Nothing> ClearTheWay(NodePtr node);
+    Task<bool> ClearLeftovers(NodePtr folder);
+
+    // FileSystemHidden.cpp: towards hosts where a name stays as long as its file is open.
     std::string HiddenName();
     Task<nt::NTSTATUS> DeleteDirectory(Place place);
     Task<nt::NTSTATUS> DeleteFileAt(const Place &place);
@@ -168,14 +213,15 @@ private:
     Task<IoResult> OpenForDeletion(const Place &place);
     Task<nt::NTSTATUS> DeleteOpenFile(NodePtr parent, std::string name, NodePtr node, Place place);
     void CloseDeletion(const NodePtr &node, const std::shared_ptr<RemoteShare> &share);
-    Task<Nothing> ClearTheWay(NodePtr node);
     Task<bool> AwaitClosesBelow(NodePtr folder);
+    Task<nt::NTSTATUS> RemoveFile(NodePtr parent, std::string name, Place place);
     Task<nt::NTSTATUS> Move(Moving moving, bool replace);
     Task<nt::NTSTATUS> RenameOver(Moving moving, nt::NTSTATUS refusal);
     Task<nt::NTSTATUS> RenameOverOpenFile(Moving moving, NodePtr targetNode);
 
     // FileSystemList.cpp
     Task<nt::NTSTATUS> BeginListing(OpenListingPtr open);
+    static bool IsKnown(const DirectoryListing &listing, const DirectoryListing::Entry &entry);
     void FillListing(const OpenListing &open, uint64_t offset, ListingBuffer *buffer,
                      std::vector<uint64_t> *reached);
 
@@ -185,6 +231,7 @@ private:
     KeptHandles<OpenFile> openFiles;
     KeptHandles<OpenListing> openListings;
     DirectoryCache directories;
+    OpenedAhead openedAhead;
     KernelNotifier notifier;
     InterruptWatch interrupts;
     std::atomic<fuse_session *> session{nullptr};

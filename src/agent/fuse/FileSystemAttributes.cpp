@@ -1,5 +1,6 @@
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>
@@ -25,11 +26,11 @@ std::array<uint8_t, 8> SizeRecord(uint64_t size)
 
 } // namespace
 
-// A handle that is open for writing serves; without one the file is opened for the purpose.
+// A handle that is open with the rights serves; without one the file is opened for the purpose.
 Task<FileSystem::Borrowed> FileSystem::BorrowHandle(NodePtr node, OpenFilePtr file, bool forData)
 {
     Borrowed borrowed;
-    if (!file || !file->writable)
+    if (!file || !(file->writable || (!forData && file->changesBasics)))
         file = node->opens.Any(true);
     if (file) {
         borrowed.file = file;
@@ -45,11 +46,29 @@ Task<FileSystem::Borrowed> FileSystem::BorrowHandle(NodePtr node, OpenFilePtr fi
     const RemoteShare::CreateCall open = {
         .desiredAccess = kAttributeAccess | (forData ? nt::FILE_WRITE_DATA : 0),
         .createDisposition = nt::FILE_OPEN,
-        .createOptions = node->directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE};
-    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+        .createOptions = (node->directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE) |
+                         (place.share->HasIds() ? nt::FILE_OPEN_REPARSE_POINT : 0)};
+    IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    if (opened.status == nt::STATUS_SHARING_VIOLATION && node->opens.IsClosing()) {
+        // By a handle of our own.
+        co_await AwaitCall(
+            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+        opened = co_await CreateFile(*place.share, open, place.path);
+    }
     borrowed.status = opened.status;
     borrowed.share = place.share;
     borrowed.fileId = opened.fileId;
+    if (opened.Failed() || !place.share->HasIds())
+        co_return borrowed;
+    FileFacts facts;
+    borrowed.status = co_await QueryFacts(*place.share, borrowed.fileId, &facts);
+    const uint64_t known = table.FileIdOf(node);
+    if (!nt::IsError(borrowed.status) && known == 0)
+        table.SetFileId(node, facts.id);
+    else if (!nt::IsError(borrowed.status) && known != facts.id)
+        borrowed.status = nt::STATUS_OBJECT_NAME_NOT_FOUND; // another file has the name by now
+    if (nt::IsError(borrowed.status))
+        CloseLater(node, place.share, borrowed.fileId);
     co_return borrowed;
 }
 
@@ -69,12 +88,9 @@ Task<nt::NTSTATUS> FileSystem::ChangeBasics(const Borrowed &borrowed, const Attr
     if (change.setWriteTime)
         basics.lastWriteTime = NtTimeOf(change.writeTime);
     if (change.setMode && !directory) {
-        const IoResult result =
-            co_await QueryFile(*borrowed.share, borrowed.fileId, nt::FileNetworkOpenInformation);
-        if (result.Failed())
-            co_return result.status;
-        if (!ReadNetworkOpenInformation(result.data, facts))
-            co_return STATUS_INVALID_NETWORK_RESPONSE;
+        const nt::NTSTATUS status = co_await QueryFacts(*borrowed.share, borrowed.fileId, facts);
+        if (nt::IsError(status))
+            co_return status;
         *known = true; // until it is changed
         const bool readOnly = (change.mode & S_IWUSR) == 0;
         uint32_t attributes = facts->attributes & kSettableAttributes & ~nt::FILE_ATTRIBUTE_READONLY;
@@ -87,7 +103,8 @@ Task<nt::NTSTATUS> FileSystem::ChangeBasics(const Borrowed &borrowed, const Attr
     const std::array<uint8_t, 36> record = BasicRecord(basics);
     const IoResult result =
         co_await SetFile(*borrowed.share, borrowed.fileId, nt::FileBasicInformation, record);
-    *known = !result.Failed() && ReadPreReadFacts(result.preRead, facts);
+    // What comes along lacks the id.
+    *known = !result.Failed() && !borrowed.share->HasIds() && ReadPreReadFacts(result.preRead, facts);
     co_return result.status;
 }
 
@@ -105,6 +122,10 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
         call->Fail(EROFS);
         co_return;
     }
+    if (node->kind == NodeKind::Link) { // what it leads to isn't meant
+        call->Fail(EOPNOTSUPP);
+        co_return;
+    }
     // Everything here belongs to one owner and stays so.
     if ((change.setUser && change.owner.uid != options.owner.uid) ||
         (change.setGroup && change.owner.gid != options.owner.gid)) {
@@ -116,6 +137,7 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
         co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
 
     const bool changesBasics = change.setMode || change.setAccessTime || change.setWriteTime;
+    const auto asked = Node::Clock::now();
     Borrowed borrowed;
     Found found;
     bool known = false; // the facts after the change
@@ -135,8 +157,12 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
             status = co_await ChangeBasics(borrowed, change, node->directory, &found.facts, &known);
         node->NoteOwnChange();
         if (nt::IsError(status)) {
-            GiveBack(node, borrowed);
-            call->FailStatus(status);
+            if (!nt::IsError(borrowed.status))
+                GiveBack(node, borrowed);
+            if (SaysAbsent(status))
+                call->Fail(ESTALE);
+            else
+                call->FailStatus(status);
             co_return;
         }
     }
@@ -145,22 +171,24 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
         GiveBack(node, borrowed);
         node->NoteFacts(found.facts);
     } else if (borrowed.share && !borrowed.file) {
-        const IoResult result =
-            co_await QueryFile(*borrowed.share, borrowed.fileId, nt::FileNetworkOpenInformation);
-        found.status = result.status;
-        if (!result.Failed() && !ReadNetworkOpenInformation(result.data, &found.facts))
-            found.status = STATUS_INVALID_NETWORK_RESPONSE;
+        found.status = co_await QueryFacts(*borrowed.share, borrowed.fileId, &found.facts);
         GiveBack(node, borrowed);
         if (!nt::IsError(found.status))
             node->NoteFacts(found.facts);
     } else {
         found = co_await FactsOf(node);
     }
-    if (nt::IsError(found.status))
+    NodePtr parent;
+    std::string name;
+    if (!table.ParentAndNameOf(node, &parent, &name))
+        parent = node;
+    if (SaysAbsent(found.status))
+        call->Fail(ESTALE);
+    else if (nt::IsError(found.status))
         call->FailStatus(found.status);
     else
         call->Attributes(StatOf(found.facts, node->id, options.owner),
-                         node->opens.Any(true) ? 0 : options.cacheSeconds);
+                         node->opens.Any(true) ? 0 : SecondsLeft(parent, asked));
 }
 
 // Files grow by this and never shrink; holes aren't made, and nothing is reserved.
@@ -177,10 +205,10 @@ Detached FileSystem::Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uin
     }
     const std::shared_ptr<WriteBehind> writes = file->node->Writes(writeWindow);
     co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
-    const IoResult queried = co_await QueryFile(*file->share, file->fileId, nt::FileNetworkOpenInformation);
     FileFacts facts;
-    if (queried.Failed() || !ReadNetworkOpenInformation(queried.data, &facts)) {
-        call->FailStatus(queried.Failed() ? queried.status : STATUS_INVALID_NETWORK_RESPONSE);
+    const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);
+    if (nt::IsError(status)) {
+        call->FailStatus(status);
         co_return;
     }
     if (facts.endOfFile >= 0 && static_cast<uint64_t>(facts.endOfFile) >= offset + length) {

@@ -1,6 +1,7 @@
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/ListingBuffer.h"
 #include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
 
 #include <cerrno>
@@ -10,6 +11,15 @@ namespace fodr::agent {
 namespace {
 
 constexpr ino_t kUnknownInode = 0xFFFFFFFF; // as the library itself says it; 0 would mean a deleted entry
+
+// Another folder may have the name by now: the kernel finds it when it looks again.
+void FailListing(const FuseCall::Ptr &call, nt::NTSTATUS status)
+{
+    if (status == nt::STATUS_OBJECT_PATH_NOT_FOUND)
+        call->Fail(ESTALE);
+    else
+        call->FailStatus(status);
+}
 
 } // namespace
 
@@ -24,7 +34,7 @@ Detached FileSystem::OpenDirectory(FuseCall::Ptr call, uint64_t nodeId)
     if (!(options.folders && open->node == table.Root())) {
         const nt::NTSTATUS status = co_await BeginListing(open);
         if (nt::IsError(status)) {
-            call->FailStatus(status);
+            FailListing(call, status);
             co_return;
         }
     }
@@ -44,14 +54,17 @@ Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
                                             .createOptions = nt::FILE_DIRECTORY_FILE};
     // A removal of the folder waits until it is known whether there is a handle.
     open->node->opens.BeginClose();
-    const IoResult opened = co_await CreateFile(*place.share, create, place.path);
+    IoResult opened = co_await CreateFile(*place.share, create, place.path);
+    if (SaysAbsent(opened.status) && co_await Confirm(open->node) != Standing::Here)
+        opened.status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
     if (opened.Failed()) {
         const nt::NTSTATUS status = opened.status;
         open->node->opens.EndClose();
         co_return status;
     }
     const bool rootOfShare = place.path.size() == 1;
-    open->listing = std::make_shared<DirectoryListing>(open->node, place.share, opened.fileId, rootOfShare);
+    open->listing = std::make_shared<DirectoryListing>(open->node, place.share, opened.fileId, rootOfShare,
+                                                       rootOfShare ? 0 : table.FileIdOf(open->node));
     open->node->NoteListing(open->listing);
     open->node->opens.EndClose();
     co_return nt::STATUS_SUCCESS;
@@ -66,7 +79,7 @@ Detached FileSystem::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t s
         // From the start again: the folder as it is now.
         const nt::NTSTATUS status = co_await BeginListing(open);
         if (nt::IsError(status)) {
-            call->FailStatus(status);
+            FailListing(call, status);
             co_return;
         }
     }
@@ -76,7 +89,7 @@ Detached FileSystem::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t s
         co_await AwaitCall([&](InlineFunction<void()> done) { listing->WhenKnown(first, std::move(done)); });
         const nt::NTSTATUS status = listing->Status();
         if (!listing->At(first) && nt::IsError(status)) {
-            call->FailStatus(status);
+            FailListing(call, status);
             co_return;
         }
     }
@@ -87,6 +100,13 @@ Detached FileSystem::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t s
         for (uint64_t node : reached)
             table.Forget(node, 1);
     }
+}
+
+// A listing without ids, of a host that has them, is of a share that names its files one by one. So is an entry of
+// which nothing but its name could be had.
+bool FileSystem::IsKnown(const DirectoryListing &listing, const DirectoryListing::Entry &entry)
+{
+    return !listing.HasIds() || entry.facts.id != 0;
 }
 
 void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBuffer *buffer,
@@ -112,11 +132,13 @@ void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBu
         ++offset;
         EntryAnswer answer;
         answer.attributes = StatOf(entry->facts, kUnknownInode, options.owner);
-        if (buffer->IsPlus() && IsAsTold(open.node, entry->name, open.listing->BegunAt())) {
-            const NodePtr node = table.Reach(open.node, entry->name, entry->facts.IsDirectory());
+        const auto asked = open.listing->BegunAt();
+        if (buffer->IsPlus() && !ChangedBySelf(open.node, entry->name, asked) && IsKnown(*open.listing, *entry)) {
+            const NodePtr node =
+                table.Reach(open.node, entry->name, KindOf(entry->facts), entry->facts.id);
             node->NoteFacts(entry->facts);
-            const std::chrono::duration<double> age = Node::Clock::now() - open.listing->BegunAt();
-            answer = AnswerFor(node, entry->facts, true, age.count());
+            node->NoteSeen(asked);
+            answer = AnswerFor(open.node, node, entry->facts, true, asked);
             reached->push_back(node->id);
         }
         if (buffer->Add(entry->name, answer, offset))

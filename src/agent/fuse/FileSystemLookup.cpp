@@ -8,24 +8,28 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 
 namespace fodr::agent {
 namespace {
 
+constexpr auto kUnwatched = std::chrono::milliseconds(400); // what was seen holds for so long without a watch
+constexpr uint32_t kLongestReparseData = 16 << 10;          // MS-FSCC 2.1.2
+
 // The entry of the name in the answer to a search for it: the exact one, or the first, which differs in case.
-bool PickEntry(ByteSpan answer, const std::u16string &wanted, FileFacts *facts)
+bool PickEntry(ByteSpan answer, bool hasIds, const std::u16string &wanted, FileFacts *facts, bool *exact)
 {
     bool found = false;
-    DirectoryReader reader(answer);
+    DirectoryReader reader(answer, hasIds);
     std::u16string ntName;
     for (DirectoryReader::Entry entry; reader.Next(&entry);) {
         entry.CopyName(&ntName);
-        const bool exact = ntName == wanted;
-        if (found && !exact)
+        *exact = ntName == wanted;
+        if (found && !*exact)
             continue;
         *facts = entry.facts;
         found = true;
-        if (exact)
+        if (*exact)
             break;
     }
     return found;
@@ -35,26 +39,28 @@ bool PickEntry(ByteSpan answer, const std::u16string &wanted, FileFacts *facts)
 
 // ---- Finding names ----
 
-Task<FileSystem::Found> FileSystem::Find(NodePtr parent, std::string name, Asking asking)
+Task<FileSystem::Found> FileSystem::Find(NodePtr parent, std::string name, Freshness freshness)
 {
     if (name.starts_with(kHiddenPrefix))
-        co_return Found{.status = nt::STATUS_OBJECT_NAME_NOT_FOUND, .facts = {}, .age = 0, .told = {}};
+        co_return NotFound(nt::STATUS_OBJECT_NAME_NOT_FOUND);
     bool decided = false;
-    Found found = co_await FindByHandle(parent, name, asking, &decided);
+    Found found = co_await FindByHandle(parent, name, freshness, &decided);
     if (decided)
         co_return found;
     Place place;
     if (!table.PlaceIn(parent, name, &place))
-        co_return Found{.status = nt::STATUS_OBJECT_PATH_NOT_FOUND, .facts = {}, .age = 0, .told = {}};
-    found = co_await FindByPath(place);
+        co_return NotFound(nt::STATUS_OBJECT_PATH_NOT_FOUND);
+    // What a share names one by one is followed, links as well.
+    const bool follow = place.share->Device().IsTagged() && table.ShareRootOf(parent) == parent;
+    found = co_await FindByPath(place, follow);
     co_return found;
 }
 
 // Not while a name is taken away for a moment.
-Task<FileSystem::Found> FileSystem::FindPassing(NodePtr parent, std::string name, Asking asking)
+Task<FileSystem::Found> FileSystem::FindPassing(NodePtr parent, std::string name, Freshness freshness)
 {
     const GateHold passed = co_await PassGate(parent, NameGate::Entry::Shared);
-    Found found = co_await Find(parent, name, asking);
+    Found found = co_await Find(parent, name, freshness);
     co_return found;
 }
 
@@ -65,9 +71,10 @@ void FileSystem::AskForNames(const DirectoryHandlePtr &directory)
     auto take = [asked = Node::Clock::now(),
                  weak = std::weak_ptr<DirectoryHandle>(directory)](const IoResult &result) {
         if (const DirectoryHandlePtr alive = weak.lock())
-            alive->Names().Answered(asked, result.Failed() ? ByteSpan{} : result.data);
+            alive->Names().Answered(asked, result.Failed() ? ByteSpan{} : result.data,
+                                    alive->Share().HasIds());
     };
-    directory->Share().QueryDirectory(directory->FileId(), nt::FileFullDirectoryInformation, true, u"*",
+    directory->Share().QueryDirectory(directory->FileId(), ListingClassOf(directory->Share()), true, u"*",
                                       std::move(take));
 }
 
@@ -75,71 +82,142 @@ void FileSystem::AskForNames(const DirectoryHandlePtr &directory)
 bool FileSystem::Recall(const NodePtr &parent, const std::string &name, const std::u16string &ntName,
                         const DirectoryHandlePtr &directory, Found *found)
 {
+    if (!parent->IsWatched())
+        return false;
     const auto now = Node::Clock::now();
     // Names that come and go all the time aren't worth it.
     bool ask = !parent->ChangedSince(now - CacheSpan());
     RecentNames::ToldPtr told = directory->Names().Recall(now, CacheSpan(), &ask);
     if (ask)
         AskForNames(directory);
-    if (!told || !IsAsTold(parent, name, told->asked))
+    if (!told || ChangedBySelf(parent, name, told->asked))
         return false;
     const auto entry = told->names.find(ntName);
     if (entry == told->names.end())
         return false;
     directory->Names().NoteUse();
     found->facts = entry->second;
-    found->age = std::chrono::duration<double>(now - told->asked).count();
+    found->asked = told->asked;
     found->told = std::move(told);
     return true;
 }
 
 // One request at most, once the folder is open. Not decided: another way has to be tried.
-Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string name, Asking asking,
+Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string name, Freshness freshness,
                                                  bool *decided)
 {
     Found found;
     Place place;
-    if (!table.PlaceOf(parent, &place) || place.share->Device().IsTagged())
-        co_return found;
-    const auto [acquired, directory] = co_await AwaitDirectory(parent);
+    DirectoryHandlePtr directory = directories.Present(parent);
     if (!directory) {
+        if (!table.PlaceOf(parent, &place) || place.share->Device().IsTagged())
+            co_return found;
+        const auto [acquired, opened] = co_await AwaitDirectory(parent);
         found.status = acquired;
-        *decided = acquired != nt::STATUS_ACCESS_DENIED && acquired != nt::STATUS_SHARING_VIOLATION;
+        directory = opened;
+    }
+    if (!directory) {
+        *decided = found.status != nt::STATUS_ACCESS_DENIED && found.status != nt::STATUS_SHARING_VIOLATION;
         co_return found;
     }
     const std::u16string wanted = NtNameFromPosix(name);
-    if (asking == Asking::Lately && Recall(parent, name, wanted, directory, &found)) {
+    found.asked = Node::Clock::now();
+    if (freshness == Freshness::Cached && Recall(parent, name, wanted, directory, &found)) {
         *decided = true;
         co_return found;
     }
+    const bool hasIds = directory->Share().HasIds();
     const IoResult result = co_await SearchDirectory(directory->Share(), directory->FileId(), wanted);
     found.status = result.status;
-    if (!result.Failed() && !PickEntry(result.data, wanted, &found.facts))
+    if (!result.Failed() && !PickEntry(result.data, hasIds, wanted, &found.facts, &found.exact))
         found.status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
+    *decided = true;
+    const bool isFolder = co_await AwaitChecked(directory);
+    if (!isFolder)
+        co_return NotFound(nt::STATUS_OBJECT_PATH_NOT_FOUND);
     if (found.status == nt::STATUS_INVALID_HANDLE || found.status == nt::STATUS_CANCELLED) {
         directories.Drop(parent);
-        co_return found;
+        *decided = false;
     }
-    *decided = true;
+    if (found.status == nt::STATUS_DELETE_PENDING) { // the folder itself
+        directories.Drop(parent);
+        parent->NoteSeen({});
+    }
     co_return found;
 }
 
-Task<FileSystem::Found> FileSystem::FindByPath(Place place)
+Task<FileSystem::Found> FileSystem::FindByPath(Place place, bool follow)
 {
     Found found;
+    found.asked = Node::Clock::now();
     const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
-                                          .createDisposition = nt::FILE_OPEN};
+                                          .createDisposition = nt::FILE_OPEN,
+                                          .createOptions = follow ? 0 : nt::FILE_OPEN_REPARSE_POINT};
     const IoResult opened = co_await CreateFile(*place.share, open, place.path);
     found.status = opened.status;
     if (opened.Failed())
         co_return found;
     const uint32_t fileId = opened.fileId;
-    const IoResult result = co_await QueryFile(*place.share, fileId, nt::FileNetworkOpenInformation);
-    found.status = result.status;
-    if (!result.Failed() && !ReadNetworkOpenInformation(result.data, &found.facts))
-        found.status = STATUS_INVALID_NETWORK_RESPONSE;
+    found.status = co_await QueryFacts(*place.share, fileId, &found.facts);
     co_await CloseFile(*place.share, fileId);
     co_return found;
+}
+
+// ---- Whether names still lead where they led ----
+
+// What was seen holds until the folder tells of a change, if it does tell.
+bool FileSystem::IsConfirmed(const NodePtr &parent, const NodePtr &node) const
+{
+    const auto seen = node->SeenAt();
+    if (seen <= parent->NoticedAt())
+        return false;
+    return parent->IsWatched() || Node::Clock::now() - seen < kUnwatched;
+}
+
+Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder)
+{
+    const NodePtr root = table.ShareRootOf(folder);
+    if (!root)
+        co_return Standing::Gone;
+    if (folder == root || !root->shareRoot->HasIds())
+        co_return Standing::Here;
+    std::vector<NodePtr> way = table.ParentsOf(folder);
+    way.push_back(folder);
+    for (size_t i = 1; i < way.size(); ++i) {
+        const NodePtr &parent = way[i - 1], &node = way[i];
+        if (IsConfirmed(parent, node))
+            continue;
+        NodePtr seenIn;
+        std::string name;
+        if (!table.ParentAndNameOf(node, &seenIn, &name) || seenIn != parent)
+            co_return Standing::Replaced;
+        const Found found = co_await FindPassing(parent, name, Freshness::Asked);
+        const uint64_t known = table.FileIdOf(node);
+        const bool absent = SaysAbsent(found.status);
+        if (nt::IsError(found.status) && !absent)
+            co_return Standing::Here; // the call itself will tell
+        if (absent || (known != 0 && found.facts.id != known) || !found.facts.IsDirectory()) {
+            table.RemoveIf(parent, name, node);
+            co_return absent ? Standing::Gone : Standing::Replaced;
+        }
+        if (known == 0)
+            table.SetFileId(node, found.facts.id);
+        node->NoteSeen(found.asked);
+    }
+    co_return Standing::Here;
+}
+
+// A file that this mount has made is known by its name until a handle tells its id.
+Task<Nothing> FileSystem::Identify(NodePtr node)
+{
+    const OpenFilePtr file = node->opens.Any(false);
+    if (file && file->share->HasIds()) {
+        FileFacts facts;
+        const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);
+        if (!nt::IsError(status))
+            table.SetFileId(node, facts.id);
+    }
+    co_return Nothing{};
 }
 
 Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string name)
@@ -149,101 +227,144 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
         call->Fail(ESTALE);
         co_return;
     }
+    if (name.size() > NAME_MAX) {
+        call->Fail(ENAMETOOLONG);
+        co_return;
+    }
     if (options.folders && parent == table.Root()) {
         const NodePtr folder = table.ReachShareFolder(name);
         if (!folder) {
             call->Fail(ENOENT);
             co_return;
         }
+        const auto asked = Node::Clock::now();
         const Found root = co_await FactsOf(folder);
         if (nt::IsError(root.status)) {
             table.Forget(folder->id, 1);
             call->FailStatus(root.status);
         } else {
-            ReplyEntry(call, folder, root.facts, true);
+            ReplyEntry(call, folder, folder, root.facts, true, asked);
         }
         co_return;
     }
-    // Names that differ in case are different nodes, also where they lead to one file: a rename from one case
-    // to another would be nothing to the kernel otherwise.
     // What is being written is looked up as it will be.
     const NodePtr known = table.Child(parent, name);
     const std::shared_ptr<WriteBehind> writes = known ? known->WritesIfAny() : nullptr;
     if (writes)
         co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
-    const Found found = co_await FindPassing(parent, name, Asking::Lately);
+    Found found;
+    if (const std::optional<FileFacts> ahead = openedAhead.Look(parent, name)) {
+        found.facts = *ahead;
+        found.asked = Node::Clock::now() - OpenedAhead::kSpan;
+    } else {
+        found = co_await FindPassing(parent, name, Freshness::Cached);
+    }
     if (nt::IsError(found.status)) {
-        if (SaysAbsent(found.status))
-            call->Fail(ENOENT);
-        else
+        if (!SaysAbsent(found.status)) {
             call->FailStatus(found.status);
+            co_return;
+        }
+        if (known)
+            table.RemoveIf(parent, name, known);
+        // Another folder may have the parent's name by now: the kernel finds it when it looks again.
+        const Standing standing = co_await Confirm(parent);
+        const bool asWas = standing == Standing::Here && found.status != nt::STATUS_OBJECT_PATH_NOT_FOUND;
+        call->Fail(asWas || standing == Standing::Gone ? ENOENT : ESTALE);
         co_return;
     }
-    const NodePtr node = table.Reach(parent, name, found.facts.IsDirectory());
+    if (known && found.facts.id != 0 && table.FileIdOf(known) == 0)
+        co_await Identify(known);
+    // Names that differ in case are different nodes, also where they lead to one file: a rename from one case
+    // to another would be nothing to the kernel otherwise.
+    const NodePtr node = table.Reach(parent, name, KindOf(found.facts), found.NodeId());
     node->NoteFacts(found.facts);
-    // A folder may tell late what becomes of a file while it is open.
-    if (node->opens.IsOpen()) {
+    node->NoteSeen(found.asked);
+    // Hosts without ids may tell late, in a folder, what becomes of a file while it is open.
+    if (found.facts.id == 0 && node->opens.IsOpen()) {
         const Found present = co_await FactsOf(node);
         if (!nt::IsError(present.status)) {
-            ReplyEntry(call, node, present.facts, false);
+            ReplyEntry(call, parent, node, present.facts, false, found.asked);
             co_return;
         }
     }
     // Who is told of a change meanwhile may not have found the node yet.
     const bool outdated = found.told && found.told->forgotten;
-    ReplyEntry(call, node, found.facts, true, outdated ? options.cacheSeconds : found.age);
+    ReplyEntry(call, parent, node, found.facts, !outdated && !node->opens.Any(true), found.asked);
 }
 
 // ---- Facts of nodes ----
 
-// Of what is open by its handle, of others by their name.
-Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node, Asking asking)
+// Of what is open by its handle, of others by their name, if it still leads to them.
+Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node, Freshness freshness)
 {
     Found found;
+    found.asked = Node::Clock::now();
     const std::shared_ptr<WriteBehind> writes = node->WritesIfAny();
     if (writes)
         co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
     const OpenFilePtr file = node->opens.Any(false);
-    NodePtr parent;
-    std::string name;
     if (file) {
         if (node->TakeFactsOfOpen(CacheSpan(), &found.facts))
             co_return found;
-        const IoResult result =
-            co_await QueryFile(*file->share, file->fileId, nt::FileNetworkOpenInformation);
-        found.status = result.status;
-        if (!result.Failed() && !ReadNetworkOpenInformation(result.data, &found.facts))
-            found.status = STATUS_INVALID_NETWORK_RESPONSE;
-    } else if (!table.SpotOf(node, &parent, &name) || (options.folders && parent == table.Root())) {
-        found = co_await FactsOfDirectory(node);
+        found.status = co_await QueryFacts(*file->share, file->fileId, &found.facts);
+        if (!nt::IsError(found.status) && table.FileIdOf(node) == 0)
+            table.SetFileId(node, found.facts.id);
     } else {
-        found = co_await FindPassing(parent, name, asking);
-        // Another file by now, where the kernel knows this one.
-        if (!nt::IsError(found.status) && found.facts.IsDirectory() != node->directory)
-            found.status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
+        found = co_await FactsByName(node, freshness);
+        if (SaysAbsent(found.status) && node->directory && directories.Present(node))
+            found = co_await FactsOfDirectory(node);
     }
     if (!nt::IsError(found.status))
         node->NoteFacts(found.facts);
     co_return found;
 }
 
-// Of a share's root, which has no entry anywhere.
+Task<FileSystem::Found> FileSystem::FactsByName(NodePtr node, Freshness freshness)
+{
+    NodePtr parent;
+    std::string name;
+    while (table.ParentAndNameOf(node, &parent, &name) && !(options.folders && parent == table.Root())) {
+        Found found = co_await FindPassing(parent, name, freshness);
+        if (nt::IsError(found.status) && !SaysAbsent(found.status))
+            co_return found;
+        const uint64_t known = table.FileIdOf(node);
+        const bool same = !nt::IsError(found.status) && KindOf(found.facts) == node->kind &&
+                          (known == 0 || !found.exact || found.facts.id == known);
+        if (same) {
+            if (known == 0 && found.exact && found.facts.id != 0)
+                table.SetFileId(node, found.facts.id);
+            node->NoteSeen(found.asked);
+            co_return found;
+        }
+        if (found.facts.id == 0 && !nt::IsError(found.status))
+            co_return NotFound(nt::STATUS_OBJECT_NAME_NOT_FOUND);
+        table.RemoveIf(parent, name, node); // another of its names may still be its own
+    }
+    if (node->directory && table.ShareRootOf(node) == node) {
+        const Found found = co_await FactsOfDirectory(node);
+        co_return found;
+    }
+    co_return NotFound(node == table.Root() ? nt::STATUS_DEVICE_REMOVED : nt::STATUS_FILE_DELETED);
+}
+
+// By the folder's kept handle: of a share's root, which has no entry anywhere, and of what was moved.
 Task<FileSystem::Found> FileSystem::FactsOfDirectory(NodePtr node)
 {
     Found found;
-    const auto [acquired, directory] = co_await AwaitDirectory(node);
-    found.status = acquired;
+    found.asked = Node::Clock::now();
+    DirectoryHandlePtr directory = directories.Present(node);
+    if (!directory) {
+        const auto [acquired, opened] = co_await AwaitDirectory(node);
+        found.status = acquired;
+        directory = opened;
+    }
     if (!directory) {
         if (node == table.Root())
             found.status = nt::STATUS_DEVICE_REMOVED;
         co_return found;
     }
-    const IoResult result =
-        co_await QueryFile(directory->Share(), directory->FileId(), nt::FileNetworkOpenInformation);
-    found.status = result.status;
-    if (!result.Failed() && !ReadNetworkOpenInformation(result.data, &found.facts))
-        found.status = STATUS_INVALID_NETWORK_RESPONSE;
-    if (result.status == nt::STATUS_INVALID_HANDLE)
+    found.status = co_await QueryFacts(directory->Share(), directory->FileId(), &found.facts);
+    if (found.status == nt::STATUS_INVALID_HANDLE)
         directories.Drop(node);
     co_return found;
 }
@@ -262,7 +383,7 @@ Detached FileSystem::GetAttributes(FuseCall::Ptr call, uint64_t nodeId)
         call->Attributes(StatOf(root, node->id, options.owner), 0);
         co_return;
     }
-    const Found found = co_await FactsOf(node, Asking::Lately);
+    const Found found = co_await FactsOf(node, Freshness::Cached);
     if (SaysAbsent(found.status)) {
         call->Fail(ESTALE);
         co_return;
@@ -272,9 +393,63 @@ Detached FileSystem::GetAttributes(FuseCall::Ptr call, uint64_t nodeId)
         co_return;
     }
     struct stat attributes = StatOf(found.facts, node->id, options.owner);
-    if (table.IsRemoved(node) || node->opens.IsDeleted())
+    if (found.facts.id == 0 && (!table.HasName(node) || node->opens.IsDeleted()))
         attributes.st_nlink = 0;
-    call->Attributes(attributes, node->opens.Any(true) ? 0 : std::max(0.0, options.cacheSeconds - found.age));
+    NodePtr parent;
+    std::string name;
+    if (!table.ParentAndNameOf(node, &parent, &name))
+        parent = node;
+    call->Attributes(attributes, node->opens.Any(true) ? 0 : SecondsLeft(parent, found.asked));
+}
+
+Detached FileSystem::ReadLink(FuseCall::Ptr call, uint64_t nodeId)
+{
+    const NodePtr node = table.Find(nodeId);
+    Place place;
+    if (!node || node->kind != NodeKind::Link) {
+        call->Fail(node ? EINVAL : ESTALE);
+        co_return;
+    }
+    if (const std::string known = node->Target(); !known.empty()) {
+        call->Link(known);
+        co_return;
+    }
+    const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
+                                          .createDisposition = nt::FILE_OPEN,
+                                          .createOptions = nt::FILE_OPEN_REPARSE_POINT};
+    if (!table.PlaceOf(node, &place)) {
+        call->Fail(ESTALE);
+        co_return;
+    }
+    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    if (opened.Failed()) {
+        if (SaysAbsent(opened.status))
+            call->Fail(ESTALE);
+        else
+            call->FailStatus(opened.status);
+        co_return;
+    }
+    const uint32_t fileId = opened.fileId;
+    std::string target;
+    bool whole;
+    {
+        const IoResult told =
+            co_await ControlFile(*place.share, fileId, nt::FSCTL_GET_REPARSE_POINT, kLongestReparseData);
+        whole = !told.Failed() && ReadLinkTarget(told.data, &target);
+    }
+    FileFacts facts;
+    const nt::NTSTATUS status = co_await QueryFacts(*place.share, fileId, &facts);
+    CloseLater(node, place.share, fileId);
+    if (nt::IsError(status)) {
+        call->FailStatus(status);
+    } else if (facts.id != table.FileIdOf(node)) {
+        call->Fail(ESTALE);
+    } else if (!whole) {
+        call->Fail(EIO);
+    } else {
+        node->NoteTarget(target);
+        call->Link(target);
+    }
 }
 
 // By the modes that are shown. Only whether something can be written is a question to the other side.
@@ -291,7 +466,11 @@ Detached FileSystem::Access(FuseCall::Ptr call, uint64_t nodeId, int mask)
             call->Fail(EROFS);
             co_return;
         }
-        const Found found = node->directory ? Found{} : co_await FactsOf(node);
+        const Found found = node->kind != NodeKind::File ? Found{} : co_await FactsOf(node);
+        if (SaysAbsent(found.status)) {
+            call->Fail(ESTALE);
+            co_return;
+        }
         if (nt::IsError(found.status)) {
             call->FailStatus(found.status);
             co_return;

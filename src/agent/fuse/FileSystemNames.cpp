@@ -1,40 +1,26 @@
+// Making, removing and renaming names. Towards hosts that take a name away at once; the others are served by
+// FileSystemHidden.cpp.
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/RemoteCalls.h"
+#include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
 #include <cerrno>
-#include <cstdio>
 
 namespace fodr::agent {
 namespace {
-
-// A link is removed and renamed itself, not what it leads to.
-constexpr RemoteShare::CreateCall kOpenToDelete = {
-    .desiredAccess = nt::DELETE_ACCESS | nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
-    .createDisposition = nt::FILE_OPEN,
-    .createOptions = nt::FILE_OPEN_REPARSE_POINT};
-
-RemoteShare::CreateCall OpenToDelete(bool directory)
-{
-    RemoteShare::CreateCall call = kOpenToDelete;
-    call.createOptions |= directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE;
-    return call;
-}
-
-bool IsRefusal(nt::NTSTATUS status)
-{
-    return status == nt::STATUS_ACCESS_DENIED || status == nt::STATUS_SHARING_VIOLATION;
-}
 
 constexpr unsigned kNoReplace = 1; // RENAME_NOREPLACE of linux/fs.h
 
 } // namespace
 
-std::string FileSystem::HiddenName()
+// A link is removed and renamed itself, not what it leads to.
+RemoteShare::CreateCall FileSystem::OpenToDelete(bool directory)
 {
-    char name[64];
-    snprintf(name, sizeof(name), "%s%08x-%x", kHiddenPrefix.data(), hiddenSeed, ++hiddenCounter);
-    return name;
+    return {.desiredAccess = nt::DELETE_ACCESS | nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
+            .createDisposition = nt::FILE_OPEN,
+            .createOptions = nt::FILE_OPEN_REPARSE_POINT |
+                             (directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE)};
 }
 
 // ---- Making and removing ----
@@ -43,7 +29,7 @@ Detached FileSystem::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::s
 {
     const NodePtr parent = table.Find(parentId);
     Place place;
-    if (!LocateForChange(call, parent, name, &place))
+    if (!co_await LocateConfirmed(call, parent, name, &place))
         co_return;
     const RemoteShare::CreateCall create = {.desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
                                             .createDisposition = nt::FILE_CREATE,
@@ -52,156 +38,88 @@ Detached FileSystem::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::s
     parent->NoteOwnChange();
     const IoResult made = co_await CreateFile(*place.share, create, place.path);
     if (made.Failed()) {
-        call->FailStatus(made.status);
+        FailCreate(call, made.status);
         co_return;
     }
     parent->NoteOwnChange();
-    const NodePtr node = table.Reach(parent, name, true);
+    const NodePtr node = place.share->HasIds() ? table.ReachNew(parent, name, NodeKind::Directory)
+                                               : table.Reach(parent, name, NodeKind::Directory, 0);
+    node->NoteSeen(Node::Clock::now());
     CloseLater(node, place.share, made.fileId);
     FileFacts facts;
     facts.attributes = nt::FILE_ATTRIBUTE_DIRECTORY;
-    ReplyEntry(call, node, facts, false);
+    ReplyEntry(call, parent, node, facts, false, Node::Clock::now());
 }
 
-// POSIX removes a file that may not be written; NT wants the attribute cleared first.
-Task<nt::NTSTATUS> FileSystem::ClearReadOnly(const Place &place)
+
+// The name is gone when this returns, whoever has the file open.
+Task<nt::NTSTATUS> FileSystem::RemoveAtOnce(Place place, NodePtr node, bool directory)
 {
-    const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_WRITE_ATTRIBUTES | nt::SYNCHRONIZE,
-                                          .createDisposition = nt::FILE_OPEN,
-                                          .createOptions = nt::FILE_OPEN_REPARSE_POINT};
+    const RemoteShare::CreateCall open = OpenToDelete(directory);
     const IoResult opened = co_await CreateFile(*place.share, open, place.path);
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;
-    const std::array<uint8_t, 36> record = BasicRecord({.attributes = nt::FILE_ATTRIBUTE_NORMAL});
-    const IoResult result = co_await SetFile(*place.share, fileId, nt::FileBasicInformation, record);
-    const nt::NTSTATUS status = result.status;
-    co_await CloseFile(*place.share, fileId);
+    const IoResult removed = co_await DeleteFileAtOnce(*place.share, fileId);
+    const nt::NTSTATUS status = removed.status;
+    if (node)
+        CloseLater(node, place.share, fileId);
+    else
+        place.share->Close(fileId, [](const IoResult &) {});
     co_return status;
-}
-
-// Marks what is open and closes it: with that the name is gone, unless others have it open.
-Task<nt::NTSTATUS> FileSystem::DeleteOpened(const Place &place, uint32_t fileId)
-{
-    const IoResult marked = co_await DeleteFile(*place.share, fileId);
-    const nt::NTSTATUS status = marked.status;
-    const IoResult closed = co_await CloseFile(*place.share, fileId);
-    co_return nt::IsError(status) ? status : closed.status;
-}
-
-// Not by the close: a folder that isn't empty would stay there without a word.
-Task<nt::NTSTATUS> FileSystem::DeleteDirectory(Place place)
-{
-    const RemoteShare::CreateCall open = OpenToDelete(true);
-    for (bool first = true;; first = false) {
-        const IoResult opened = co_await CreateFile(*place.share, open, place.path);
-        nt::NTSTATUS status = opened.status;
-        if (!opened.Failed())
-            status = co_await DeleteOpened(place, opened.fileId);
-        if (status != nt::STATUS_CANNOT_DELETE || !first)
-            co_return status;
-        const nt::NTSTATUS cleared = co_await ClearReadOnly(place);
-        if (nt::IsError(cleared))
-            co_return status;
-    }
-}
-
-// Opens what is to be deleted with that handle's close.
-Task<IoResult> FileSystem::OpenForDeletion(const Place &place)
-{
-    RemoteShare::CreateCall open = OpenToDelete(false);
-    open.createOptions |= nt::FILE_DELETE_ON_CLOSE;
-    IoResult opened = co_await CreateFile(*place.share, open, place.path);
-    if (opened.status == nt::STATUS_CANNOT_DELETE) {
-        const nt::NTSTATUS cleared = co_await ClearReadOnly(place);
-        if (!nt::IsError(cleared))
-            opened = co_await CreateFile(*place.share, open, place.path);
-    }
-    co_return opened;
-}
-
-// It is gone when this returns: a later call of the owner's own doesn't find it any more.
-Task<nt::NTSTATUS> FileSystem::DeleteFileAt(const Place &place)
-{
-    const IoResult opened = co_await OpenForDeletion(place);
-    if (opened.Failed())
-        co_return opened.status;
-    const IoResult closed = co_await CloseFile(*place.share, opened.fileId);
-    co_return closed.status;
-}
-
-// NT keeps the name of a deleted file until its last handle is closed; POSIX doesn't. So an open file gets a
-// name that nobody is shown, and a handle whose close deletes it: by this side, with the last close of the
-// file, or by the other, should the mount go away before.
-Task<nt::NTSTATUS> FileSystem::DeleteOpenFile(NodePtr parent, std::string name, NodePtr node, Place place)
-{
-    const GateHold alone = co_await PassGate(parent, NameGate::Entry::Alone);
-    const std::u16string shown = place.path;
-    const RemoteShare::CreateCall open = OpenToDelete(false);
-    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
-    if (opened.Failed())
-        co_return opened.status;
-    const uint32_t fileId = opened.fileId;
-    const std::string hidden = HiddenName();
-    nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
-    if (table.PlaceIn(parent, hidden, &place)) {
-        const IoResult renamed = co_await RenameFile(*place.share, fileId, place.path, false);
-        status = renamed.status;
-    }
-    if (!nt::IsError(status)) {
-        const IoResult deleting = co_await OpenForDeletion(place);
-        status = deleting.status;
-        if (!nt::IsError(status)) {
-            table.Hide(parent, name, hidden);
-            node->opens.SetDeletion(deleting.fileId);
-            CloseDeletion(node, place.share);
-        } else {
-            co_await RenameFile(*place.share, fileId, shown, false);
-        }
-    }
-    CloseLater(node, place.share, fileId);
-    co_return status;
-}
-
-// With the last of the file's own handles, which may have been closed by now.
-void FileSystem::CloseDeletion(const NodePtr &node, const std::shared_ptr<RemoteShare> &share)
-{
-    const uint32_t deletion = node->opens.TakeDeletion();
-    if (deletion != 0)
-        CloseLater(node, share, deletion);
 }
 
 Detached FileSystem::Unlink(FuseCall::Ptr call, uint64_t parentId, std::string name)
 {
     const NodePtr parent = table.Find(parentId);
     Place place;
-    if (!LocateForChange(call, parent, name, &place))
+    if (!co_await LocateConfirmed(call, parent, name, &place))
         co_return;
     parent->NoteOwnChange();
-    const NodePtr node = table.Child(parent, name);
-    if (node)
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
     nt::NTSTATUS status;
-    if (node && node->opens.IsOpen()) {
-        status = co_await DeleteOpenFile(parent, name, node, place);
-    } else {
-        status = co_await DeleteFileAt(place);
-        if (!nt::IsError(status))
+    if (place.share->Has(nt::FODR_HOST_POSIX_NAMES)) {
+        const NodePtr node = table.Child(parent, name);
+        status = co_await RemoveAtOnce(place, node, false);
+        if (!nt::IsError(status)) {
             table.Remove(parent, name);
+            if (node)
+                notifier.AttributesChanged(node->id); // its other names count one link less
+        }
+    } else {
+        status = co_await RemoveFile(parent, name, place);
     }
     parent->NoteOwnChange();
     call->FailStatus(status);
 }
 
-Detached FileSystem::RemoveDirectory(FuseCall::Ptr call, uint64_t parentId, std::string name)
+// Files that an earlier mount had removed while they were open, on a host where that hides them.
+Task<bool> FileSystem::ClearLeftovers(NodePtr folder)
 {
-    const NodePtr parent = table.Find(parentId);
-    Place place;
-    if (!LocateForChange(call, parent, name, &place))
-        co_return;
-    parent->NoteOwnChange();
+    auto open = std::make_shared<OpenListing>();
+    open->node = folder;
+    if (nt::IsError(co_await BeginListing(open)))
+        co_return false;
+    co_await AwaitCall([&](InlineFunction<void()> done) { open->listing->WhenEnded(std::move(done)); });
+    bool any = false;
+    for (const std::string &name : open->listing->Hidden()) {
+        Place place;
+        if (table.PlaceIn(folder, name, &place) && !nt::IsError(co_await DeleteFileAt(place)))
+            any = true;
+    }
+    co_return any;
+}
+
+Task<nt::NTSTATUS> FileSystem::RemoveFolder(NodePtr parent, std::string name, Place place)
+{
     const NodePtr node = table.Child(parent, name);
+    if (place.share->Has(nt::FODR_HOST_POSIX_NAMES)) {
+        const nt::NTSTATUS status = co_await RemoveAtOnce(place, node, true);
+        if (node && !nt::IsError(status)) {
+            node->EndListings();
+            directories.DropBelow(node, [] {});
+        }
+        co_return status;
+    }
     co_await ClearTheWay(node);
     const nt::NTSTATUS status = co_await DeleteDirectory(place);
     // A handle that is left would keep its name, and the parent from being removed next.
@@ -210,6 +128,20 @@ Detached FileSystem::RemoveDirectory(FuseCall::Ptr call, uint64_t parentId, std:
         node->EndListings();
         co_await ClearTheWay(node);
     }
+    co_return status;
+}
+
+Detached FileSystem::RemoveDirectory(FuseCall::Ptr call, uint64_t parentId, std::string name)
+{
+    const NodePtr parent = table.Find(parentId);
+    Place place;
+    if (!co_await LocateConfirmed(call, parent, name, &place))
+        co_return;
+    parent->NoteOwnChange();
+    nt::NTSTATUS status = co_await RemoveFolder(parent, name, place);
+    const NodePtr node = table.Child(parent, name);
+    if (status == nt::STATUS_DIRECTORY_NOT_EMPTY && node && co_await ClearLeftovers(node))
+        status = co_await RemoveFolder(parent, name, place);
     parent->NoteOwnChange();
     if (!nt::IsError(status))
         table.Remove(parent, name);
@@ -217,78 +149,6 @@ Detached FileSystem::RemoveDirectory(FuseCall::Ptr call, uint64_t parentId, std:
 }
 
 // ---- Renaming ----
-
-// The target is open through this mount: it gets out of the way, under a name of its own as a deleted file
-// does, and back if the rename fails. Nobody looks at the folder's names meanwhile.
-Task<nt::NTSTATUS> FileSystem::RenameOverOpenFile(Moving moving, NodePtr targetNode)
-{
-    const GateHold alone = co_await PassGate(moving.newParent, NameGate::Entry::Alone);
-    RemoteShare &share = *moving.target.share;
-    const RemoteShare::CreateCall open = OpenToDelete(false);
-    const IoResult opened = co_await CreateFile(share, open, moving.target.path);
-    if (opened.Failed())
-        co_return opened.status;
-    const uint32_t fileId = opened.fileId;
-    const std::string hidden = HiddenName();
-    Place aside;
-    nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
-    if (table.PlaceIn(moving.newParent, hidden, &aside)) {
-        const IoResult renamed = co_await RenameFile(share, fileId, aside.path, false);
-        status = renamed.status;
-    }
-    if (!nt::IsError(status)) {
-        const IoResult renamed = co_await RenameFile(share, moving.fileId, moving.target.path, false);
-        status = renamed.status;
-        if (nt::IsError(status))
-            co_await RenameFile(share, fileId, moving.target.path, false);
-    }
-    if (!nt::IsError(status)) {
-        table.Hide(moving.newParent, moving.newName, hidden);
-        table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);
-        const IoResult deleting = co_await OpenForDeletion(aside);
-        if (!deleting.Failed()) {
-            targetNode->opens.SetDeletion(deleting.fileId);
-            CloseDeletion(targetNode, aside.share);
-        } else {
-            co_await DeleteFile(share, fileId); // at once, then
-        }
-    }
-    CloseLater(targetNode, moving.target.share, fileId);
-    co_return status;
-}
-
-// A rename was refused although it may replace: POSIX replaces what NT won't.
-Task<nt::NTSTATUS> FileSystem::RenameOver(Moving moving, nt::NTSTATUS refusal)
-{
-    const NodePtr node = table.Child(moving.newParent, moving.newName);
-    const Found found = co_await Find(moving.newParent, moving.newName);
-    if (nt::IsError(found.status))
-        co_return refusal;
-    if (found.facts.IsDirectory()) {
-        if (node)
-            co_await AwaitCall(
-                [&](InlineFunction<void()> done) { directories.DropBelow(node, std::move(done)); });
-        const nt::NTSTATUS deleted = co_await DeleteDirectory(moving.target);
-        if (nt::IsError(deleted))
-            co_return deleted;
-        const IoResult renamed =
-            co_await RenameFile(*moving.target.share, moving.fileId, moving.target.path, false);
-        co_return renamed.status;
-    }
-    if (found.facts.IsReadOnly()) {
-        const nt::NTSTATUS cleared = co_await ClearReadOnly(moving.target);
-        if (nt::IsError(cleared))
-            co_return refusal;
-        const IoResult renamed =
-            co_await RenameFile(*moving.target.share, moving.fileId, moving.target.path, true);
-        if (!renamed.Failed())
-            co_return renamed.status;
-    }
-    if (!node || !node->opens.IsOpen())
-        co_return refusal;
-    const nt::NTSTATUS status = co_await RenameOverOpenFile(moving, node);
-    co_return status;
-}
 
 // Waits until nothing of this side is in the way of a rename or a removal.
 Task<Nothing> FileSystem::ClearTheWay(NodePtr node)
@@ -302,47 +162,57 @@ Task<Nothing> FileSystem::ClearTheWay(NodePtr node)
     co_return Nothing{};
 }
 
-// What is still being closed in a folder keeps NT from moving it. False: there was nothing to wait for.
-Task<bool> FileSystem::AwaitClosesBelow(NodePtr folder)
-{
-    bool waited = false;
-    for (const auto &[name, id] : table.ChildrenOf(folder)) {
-        const NodePtr child = table.Find(id);
-        if (child && child->opens.IsClosing()) {
-            waited = true;
-            co_await AwaitCall(
-                [&](InlineFunction<void()> done) { child->opens.WhenNoneClosing(std::move(done)); });
-        }
-        if (child && child->directory && co_await AwaitClosesBelow(child))
-            waited = true;
-    }
-    co_return waited;
-}
 
-Task<nt::NTSTATUS> FileSystem::Move(Moving moving, bool replace)
+// As rename(2) does it, in one step of the other side's. The new folder is named by its handle, so that the file
+// can't land in another one.
+Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
 {
+    RemoteShare &share = *moving.source.share;
+    const auto [acquired, folder] = co_await AwaitDirectory(moving.newParent);
+    if (!folder)
+        co_return acquired;
     const NodePtr node = table.Child(moving.parent, moving.name);
-    co_await ClearTheWay(node);
-    co_await ClearTheWay(table.Child(moving.newParent, moving.newName));
-    // What is said to be a file or a folder is looked at by the device filter.
-    const RemoteShare::CreateCall open = node ? OpenToDelete(node->directory) : kOpenToDelete;
-    const IoResult opened = co_await CreateFile(*moving.source.share, open, moving.source.path);
+    RemoteShare::CreateCall open = OpenToDelete(node && node->directory);
+    if (!node)
+        open.createOptions = nt::FILE_OPEN_REPARSE_POINT;
+    const IoResult opened = co_await CreateFile(share, open, moving.source.path);
     if (opened.Failed())
         co_return opened.status;
-    moving.fileId = opened.fileId;
-    IoResult renamed = co_await RenameFile(*moving.source.share, moving.fileId, moving.target.path, replace);
-    if (node && node->directory && IsRefusal(renamed.status) && co_await AwaitClosesBelow(node))
-        renamed = co_await RenameFile(*moving.source.share, moving.fileId, moving.target.path, replace);
-    nt::NTSTATUS status = renamed.status;
-    if (replace && (IsRefusal(status) || status == nt::STATUS_OBJECT_NAME_COLLISION))
-        status = co_await RenameOver(moving, status);
-    if (!nt::IsError(status) && table.Child(moving.parent, moving.name) == node)
-        table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);
-    // The next rename of this file waits for the close.
+    const uint32_t fileId = opened.fileId;
+    const bool isFolder = co_await AwaitChecked(folder);
+    nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    uint64_t movedId = 0;
+    if (isFolder) {
+        const std::u16string newName = NtNameFromPosix(moving.newName);
+        const IoResult renamed = co_await RenameFileInto(share, fileId, folder->FileId(), newName, replace);
+        status = renamed.status;
+        FileFacts facts;
+        if (!nt::IsError(status) && !nt::IsError(co_await QueryFacts(share, fileId, &facts)))
+            movedId = facts.id;
+    }
+    if (!nt::IsError(status)) {
+        const NodePtr target = table.Child(moving.newParent, moving.newName);
+        const uint64_t known = node ? table.FileIdOf(node) : 0;
+        // Two names of one file stay two names.
+        const bool sameFile = target && known != 0 && table.FileIdOf(target) == known;
+        if (!sameFile)
+            table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);
+        if (node && known == 0)
+            table.SetFileId(node, movedId);
+        // What was moved was another file than the kernel knew of: it has to look at the new name.
+        if (node && known != 0 && known != movedId) {
+            table.Remove(moving.newParent, moving.newName);
+            notifier.NameChanged(moving.newParent->id, moving.newName);
+        } else if (node) {
+            node->NoteSeen(Node::Clock::now());
+        }
+        if (target)
+            notifier.AttributesChanged(target->id); // it has a link less
+    }
     if (node)
-        CloseLater(node, moving.source.share, moving.fileId);
+        CloseLater(node, moving.source.share, fileId);
     else
-        co_await CloseFile(*moving.source.share, moving.fileId);
+        share.Close(fileId, [](const IoResult &) {});
     co_return status;
 }
 
@@ -358,8 +228,9 @@ Detached FileSystem::Rename(FuseCall::Ptr call, uint64_t parentId, std::string n
         call->Fail(EINVAL);
         co_return;
     }
-    if (!LocateForChange(call, moving.parent, name, &moving.source) ||
-        !LocateForChange(call, moving.newParent, newName, &moving.target))
+    if (!co_await LocateConfirmed(call, moving.parent, name, &moving.source))
+        co_return;
+    if (!co_await LocateConfirmed(call, moving.newParent, newName, &moving.target))
         co_return;
     if (moving.source.share != moving.target.share) {
         call->Fail(EXDEV);
@@ -367,10 +238,15 @@ Detached FileSystem::Rename(FuseCall::Ptr call, uint64_t parentId, std::string n
     }
     moving.parent->NoteOwnChange();
     moving.newParent->NoteOwnChange();
-    const nt::NTSTATUS status = co_await Move(moving, (flags & kNoReplace) == 0);
+    const bool replace = (flags & kNoReplace) == 0;
+    nt::NTSTATUS status;
+    if (moving.source.share->Has(nt::FODR_HOST_POSIX_NAMES))
+        status = co_await MoveAtOnce(moving, replace);
+    else
+        status = co_await Move(moving, replace);
     moving.parent->NoteOwnChange();
     moving.newParent->NoteOwnChange();
-    call->FailStatus(status);
+    FailCreate(call, status);
 }
 
 } // namespace fodr::agent

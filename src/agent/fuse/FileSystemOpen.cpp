@@ -20,28 +20,40 @@ bool WantsWrite(int flags)
     return (flags & O_ACCMODE) != O_RDONLY;
 }
 
-uint32_t AccessOf(int flags)
+constexpr int kMostWaits = 3; // for handles of our own that are being closed
+
+FuseCall::Caching CachingOf(int flags)
 {
-    uint32_t access = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE;
-    if ((flags & O_ACCMODE) != O_WRONLY)
-        access |= nt::FILE_READ_DATA;
-    if (WantsWrite(flags))
-        access |= nt::FILE_WRITE_DATA | nt::FILE_APPEND_DATA | nt::FILE_WRITE_ATTRIBUTES;
-    return access;
+    // The kernel doesn't know where the bytes go.
+    return flags & O_APPEND ? FuseCall::Caching::Direct : FuseCall::Caching::Allowed;
 }
 
 } // namespace
 
+uint32_t FileSystem::AccessOf(int flags, const RemoteShare &share) const
+{
+    uint32_t access = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE;
+    if ((flags & O_ACCMODE) != O_WRONLY)
+        access |= nt::FILE_READ_DATA;
+    // Times can be set by any handle: no other one is sure to be of the same file.
+    if (WantsWrite(flags) || (share.HasIds() && !share.Device().IsReadOnly()))
+        access |= nt::FILE_WRITE_ATTRIBUTES;
+    if (WantsWrite(flags))
+        access |= nt::FILE_WRITE_DATA | nt::FILE_APPEND_DATA;
+    return access;
+}
+
 // The number by which the kernel names the open file.
 uint64_t FileSystem::KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
-                              int flags)
+                              uint32_t access)
 {
     auto file = std::make_shared<OpenFile>();
     file->node = node;
     file->share = share;
     file->fileId = fileId;
-    file->readable = (flags & O_ACCMODE) != O_WRONLY;
-    file->writable = WantsWrite(flags);
+    file->readable = (access & nt::FILE_READ_DATA) != 0;
+    file->writable = (access & nt::FILE_WRITE_DATA) != 0;
+    file->changesBasics = (access & nt::FILE_WRITE_ATTRIBUTES) != 0;
     const std::shared_ptr<WriteBehind> writes = node->Writes(writeWindow);
     if (file->readable)
         file->readAhead = std::make_shared<ReadAhead>(share, fileId, writes, readWindow);
@@ -81,16 +93,23 @@ Task<IoResult> FileSystem::OpenAt(const Place &place, const RemoteShare::CreateC
     co_return opened;
 }
 
-// Opens the node's file, or what is by now where the kernel last saw it: who opens a name while it is being
-// replaced gets the old file or the new one, never nothing.
+// Opens what has the node's name by now. STATUS_OBJECT_NAME_NOT_FOUND when it has none.
 Task<IoResult> FileSystem::OpenNode(NodePtr node, RemoteShare::CreateCall open, Place *place)
 {
-    const GateHold passed = co_await PassGate(table.ShownParentOf(node), NameGate::Entry::Shared);
+    NodePtr parent;
+    std::string name;
+    if (!table.ParentAndNameOf(node, &parent, &name))
+        co_return IoResult{.status = nt::STATUS_OBJECT_NAME_NOT_FOUND};
+    const GateHold passed = co_await PassGate(parent, NameGate::Entry::Shared);
     IoResult opened = {.status = nt::STATUS_OBJECT_NAME_NOT_FOUND};
     if (table.PlaceOf(node, place))
         opened = co_await OpenAt(*place, open);
-    if (SaysAbsent(opened.status) && table.ShownPlaceOf(node, place))
+    for (int i = 0; i < kMostWaits && opened.status == nt::STATUS_SHARING_VIOLATION && node->opens.IsClosing();
+         ++i) {
+        co_await AwaitCall(
+            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
         opened = co_await OpenAt(*place, open);
+    }
     co_return opened;
 }
 
@@ -104,7 +123,7 @@ Task<IoResult> FileSystem::OpenToRead(NodePtr node, RemoteShare::CreateCall open
         denying.sharedAccess = nt::FILE_SHARE_READ | nt::FILE_SHARE_DELETE;
         denying.createOptions |= nt::FILE_SEQUENTIAL_ONLY;
         const IoResult opened = co_await OpenNode(node, denying, place);
-        if (!opened.Failed() && ReadPreReadFacts(opened.preRead, facts))
+        if (!opened.Failed() && ReadPreReadFacts(opened.preRead, facts) && !place->share->HasIds())
             node->NoteFactsOfOpen(*facts);
         if (opened.status != nt::STATUS_SHARING_VIOLATION)
             co_return opened;
@@ -113,11 +132,45 @@ Task<IoResult> FileSystem::OpenToRead(NodePtr node, RemoteShare::CreateCall open
     co_return opened;
 }
 
+// Not by overwriting: that would take attributes and streams along.
+Task<nt::NTSTATUS> FileSystem::Truncate(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId)
+{
+    const std::shared_ptr<WriteBehind> writes = node->Writes(writeWindow);
+    co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    node->NoteOwnChange();
+    const std::array<uint8_t, 8> nothing{};
+    const IoResult result = co_await SetFile(*share, fileId, nt::FileEndOfFileInformation, nothing);
+    writes->DataChanged();
+    node->NoteOwnChange();
+    co_return result.status;
+}
+
+// Another file has the node's name by now. The kernel is told to look again, and finds it open.
+void FileSystem::OpenedAnother(const NodePtr &node, const Place &place, uint32_t fileId, uint32_t access,
+                               const FileFacts &facts)
+{
+    NodePtr parent;
+    std::string name;
+    if (!table.ParentAndNameOf(node, &parent, &name)) {
+        CloseLater(node, place.share, fileId);
+        return;
+    }
+    table.RemoveIf(parent, name, node);
+    directories.ForgetNames(parent);
+    openedAhead.Keep({.parent = parent,
+                      .name = name,
+                      .share = place.share,
+                      .handle = fileId,
+                      .access = access,
+                      .facts = facts});
+    notifier.CallAt(Node::Clock::now() + 2 * OpenedAhead::kSpan, [this] { openedAhead.Purge(false); });
+}
+
 Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
 {
     const NodePtr node = table.Find(nodeId);
     Place place;
-    if (!node || !(table.PlaceOf(node, &place) || table.ShownPlaceOf(node, &place))) {
+    if (!node || !table.PlaceOf(node, &place)) {
         call->Fail(ESTALE);
         co_return;
     }
@@ -126,57 +179,113 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         call->Fail(EROFS);
         co_return;
     }
-    const RemoteShare::CreateCall open = {.desiredAccess =
-                                              AccessOf(flags) | (truncates ? nt::FILE_WRITE_DATA : 0),
-                                          .createDisposition = nt::FILE_OPEN,
-                                          .createOptions = nt::FILE_NON_DIRECTORY_FILE};
+    const bool hasIds = place.share->HasIds();
+    const uint32_t access = AccessOf(flags, *place.share) | (truncates ? nt::FILE_WRITE_DATA : 0);
+    uint32_t fileId;
     FileFacts facts;
-    const bool readsAlone = !WantsWrite(flags) && !truncates;
-    const IoResult opened =
-        readsAlone ? co_await OpenToRead(node, open, &place, &facts) : co_await OpenNode(node, open, &place);
-    if (opened.Failed()) {
-        // The kernel looks the name up again, and knows then.
-        directories.ForgetNames(table.ShownParentOf(node));
-        if (SaysAbsent(opened.status))
-            call->Fail(ESTALE);
-        else
-            call->FailStatus(opened.status);
-        co_return;
+    bool factsKnown = false;
+    if (std::optional<OpenedAhead::Found> ahead =
+            hasIds ? openedAhead.Take(place.share, table.FileIdOf(node), access) : std::nullopt) {
+        fileId = ahead->handle;
+        facts = ahead->facts;
+    } else {
+        const RemoteShare::CreateCall open = {.desiredAccess = access,
+                                              .createDisposition = nt::FILE_OPEN,
+                                              .createOptions = nt::FILE_NON_DIRECTORY_FILE |
+                                                               (FollowsLinks(node, place)
+                                                                    ? 0
+                                                                    : nt::FILE_OPEN_REPARSE_POINT)};
+        const bool readsAlone = !WantsWrite(flags) && !truncates;
+        const IoResult opened = readsAlone ? co_await OpenToRead(node, open, &place, &facts)
+                                           : co_await OpenNode(node, open, &place);
+        if (opened.Failed()) {
+            // The kernel looks the name up again, and knows then.
+            NodePtr parent;
+            std::string name;
+            if (table.ParentAndNameOf(node, &parent, &name))
+                directories.ForgetNames(parent);
+            if (SaysAbsent(opened.status) || opened.status == nt::STATUS_FILE_IS_A_DIRECTORY)
+                call->Fail(ESTALE);
+            else
+                call->FailStatus(opened.status);
+            co_return;
+        }
+        fileId = opened.fileId;
+        factsKnown = true;
     }
-    const uint32_t fileId = opened.fileId;
+    uint64_t handle = 0;
+    if (hasIds && factsKnown) {
+        // A small file that is opened for reading is read: its bytes come while it is asked what was opened.
+        handle = KeepOpen(node, place.share, fileId, access);
+        if (!truncates)
+            PrimeReading(openFiles.Of(handle));
+        const nt::NTSTATUS status = co_await QueryFacts(*place.share, fileId, &facts);
+        const uint64_t known = table.FileIdOf(node);
+        if (nt::IsError(status)) {
+            Release(nullptr, handle);
+            call->FailStatus(status);
+            co_return;
+        }
+        if (known != 0 && known != facts.id) {
+            GiveUp(handle);
+            OpenedAnother(node, place, fileId, access, facts);
+            call->Fail(ESTALE);
+            co_return;
+        }
+        if (known == 0)
+            table.SetFileId(node, facts.id);
+    }
     if (truncates) {
-        // Not by overwriting: that would take attributes and streams along.
-        const std::shared_ptr<WriteBehind> writes = node->Writes(writeWindow);
-        co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
-        node->NoteOwnChange();
-        const std::array<uint8_t, 8> nothing{};
-        const IoResult result = co_await SetFile(*place.share, fileId, nt::FileEndOfFileInformation, nothing);
-        writes->DataChanged();
-        node->NoteOwnChange();
-        if (result.Failed()) {
-            CloseLater(node, place.share, fileId);
-            call->FailStatus(result.status);
+        const nt::NTSTATUS status = co_await Truncate(node, place.share, fileId);
+        if (nt::IsError(status)) {
+            if (handle)
+                Release(nullptr, handle);
+            else
+                CloseLater(node, place.share, fileId);
+            call->FailStatus(status);
             co_return;
         }
     }
-    const uint64_t handle = KeepOpen(node, place.share, fileId, flags);
+    if (handle == 0) {
+        handle = KeepOpen(node, place.share, fileId, access);
+        if (!hasIds)
+            PrimeReading(openFiles.Of(handle));
+    }
     const OpenFilePtr file = openFiles.Of(handle);
+    if (hasIds && !truncates)
+        node->NoteFactsOfOpen(facts);
     // Whoever opens a file sees it as it is by now, also its size. The node is in use, so this doesn't wait.
     if (file->readable && session)
         fuse_lowlevel_notify_inval_inode(session, node->id, -1, 0);
-    if (file->readable)
-        PrimeReading(file);
-    if (!call->Opened(handle))
+    if (!call->Opened(handle, CachingOf(flags)))
         Release(nullptr, handle);
+}
+
+// Files that a share names one by one may be links: what they lead to is meant.
+bool FileSystem::FollowsLinks(const NodePtr &node, const Place &place) const
+{
+    NodePtr parent;
+    std::string name;
+    return !place.share->HasIds() || (place.share->Device().IsTagged() && table.ParentAndNameOf(node, &parent, &name) &&
+                                      table.ShareRootOf(parent) == parent);
+}
+
+// The file was never open to the kernel; its handle goes elsewhere.
+void FileSystem::GiveUp(uint64_t handle)
+{
+    const OpenFilePtr file = openFiles.Drop(handle);
+    file->givenAway = true;
+    file->node->opens.Remove(file);
 }
 
 Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode, int flags)
 {
     const NodePtr parent = table.Find(parentId);
     Place place;
-    if (!LocateForChange(call, parent, name, &place))
+    if (!co_await LocateConfirmed(call, parent, name, &place))
         co_return;
-    RemoteShare::CreateCall create = {.desiredAccess = AccessOf(flags),
+    const uint32_t access = AccessOf(flags, *place.share);
+    RemoteShare::CreateCall create = {.desiredAccess = access,
                                       .createDisposition = nt::FILE_OPEN_IF,
                                       .createOptions = nt::FILE_NON_DIRECTORY_FILE,
                                       .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
@@ -189,7 +298,7 @@ Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string n
     parent->NoteOwnChange();
     const IoResult opened = co_await OpenAt(place, create);
     if (opened.Failed()) {
-        call->FailStatus(opened.status);
+        FailCreate(call, opened.status);
         co_return;
     }
     parent->NoteOwnChange();
@@ -197,23 +306,29 @@ Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string n
     const bool isNew = opened.information == nt::FILE_CREATED;
     FileFacts facts;
     facts.attributes = create.fileAttributes;
+    const auto asked = Node::Clock::now();
+    const bool hasIds = place.share->HasIds();
     if (!isNew) {
-        const IoResult result = co_await QueryFile(*place.share, fileId, nt::FileNetworkOpenInformation);
-        if (!result.Failed() && !ReadNetworkOpenInformation(result.data, &facts))
-            facts = {};
+        const nt::NTSTATUS status = co_await QueryFacts(*place.share, fileId, &facts);
+        if (nt::IsError(status) && hasIds) {
+            place.share->Close(fileId, [](const IoResult &) {});
+            call->FailStatus(status);
+            co_return;
+        }
     } else {
         timespec now{};
         clock_gettime(CLOCK_REALTIME, &now);
         facts.creationTime = facts.lastAccessTime = facts.lastWriteTime = facts.changeTime = NtTimeOf(now);
     }
-    const NodePtr node = table.Reach(parent, name, false);
+    const NodePtr node = hasIds && isNew ? table.ReachNew(parent, name, NodeKind::File)
+                                         : table.Reach(parent, name, NodeKind::File, facts.id);
     if (const std::shared_ptr<WriteBehind> writes = node->WritesIfAny())
         writes->DataChanged();
     node->NoteFacts(facts);
     node->NoteOwnChange();
-    const uint64_t handle = KeepOpen(node, place.share, fileId, flags);
+    const uint64_t handle = KeepOpen(node, place.share, fileId, access);
     // Its times are this machine's guess: they hold until somebody asks.
-    if (!call->Created(AnswerFor(node, facts, false), handle)) {
+    if (!call->Created(AnswerFor(parent, node, facts, false, asked), handle, CachingOf(flags))) {
         table.Forget(node->id, 1);
         Release(nullptr, handle);
     }
@@ -239,7 +354,7 @@ void FileSystem::Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, uint
     });
 }
 
-void FileSystem::Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes)
+void FileSystem::Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes, int flags)
 {
     const OpenFilePtr &file = openFiles.Of(handle);
     if (!file->writable) {
@@ -252,9 +367,12 @@ void FileSystem::Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, Byt
         return;
     }
     file->node->NoteOwnChange();
-    file->node->Writes(writeWindow)->Write(file->Target(), offset, bytes, [call, size = bytes.size()] {
-        call->Written(size);
-    });
+    const std::shared_ptr<WriteBehind> writes = file->node->Writes(writeWindow);
+    auto accepted = [call, size = bytes.size()] { call->Written(size); };
+    if (flags & O_APPEND)
+        writes->Append(file->Target(), bytes, std::move(accepted));
+    else
+        writes->Write(file->Target(), offset, bytes, std::move(accepted));
 }
 
 // Of flush and fsync alike: nothing counts as written that the other side hasn't acknowledged.

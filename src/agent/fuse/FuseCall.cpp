@@ -84,18 +84,25 @@ bool FuseCall::Attributes(const struct stat &attributes, double seconds)
     return Take() && fuse_reply_attr(request, &attributes, seconds) == 0;
 }
 
-bool FuseCall::Opened(uint64_t handle)
+bool FuseCall::Opened(uint64_t handle, Caching caching)
 {
     fuse_file_info info = {};
     info.fh = handle;
+    info.direct_io = caching == Caching::Direct;
     return Take() && fuse_reply_open(request, &info) == 0;
 }
 
-bool FuseCall::Created(const EntryAnswer &entry, uint64_t handle)
+bool FuseCall::Link(const std::string &target)
+{
+    return Take() && fuse_reply_readlink(request, target.c_str()) == 0;
+}
+
+bool FuseCall::Created(const EntryAnswer &entry, uint64_t handle, Caching caching)
 {
     const fuse_entry_param param = EntryParam(entry);
     fuse_file_info info = {};
     info.fh = handle;
+    info.direct_io = caching == Caching::Direct;
     return Take() && fuse_reply_create(request, &param, &info) == 0;
 }
 

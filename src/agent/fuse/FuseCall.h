@@ -46,8 +46,11 @@ public:
     bool Done();
     bool Entry(const EntryAnswer &entry);
     bool Attributes(const struct stat &attributes, double seconds);
-    bool Opened(uint64_t handle);
-    bool Created(const EntryAnswer &entry, uint64_t handle);
+    // `Direct`: the kernel keeps none of the bytes that go through this open.
+    enum class Caching { Allowed, Direct };
+    bool Opened(uint64_t handle, Caching caching = Caching::Allowed);
+    bool Created(const EntryAnswer &entry, uint64_t handle, Caching caching = Caching::Allowed);
+    bool Link(const std::string &target);
     bool Written(size_t count);
     bool Bytes(ByteSpan bytes);
     bool Parts(std::span<const ByteSpan> parts);

@@ -80,6 +80,11 @@ void SetAttr(fuse_req_t request, fuse_ino_t node, struct stat *attributes, int t
     Of(request).SetAttributes(CallOf(request), node, change, info ? info->fh : 0);
 }
 
+void ReadLink(fuse_req_t request, fuse_ino_t node)
+{
+    Of(request).ReadLink(CallOf(request), node);
+}
+
 void Access(fuse_req_t request, fuse_ino_t node, int mask)
 {
     Of(request).Access(CallOf(request), node, mask);
@@ -108,7 +113,7 @@ void Read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_i
 void Write(fuse_req_t request, fuse_ino_t, const char *bytes, size_t size, off_t offset, fuse_file_info *info)
 {
     Of(request).Write(CallOf(request), info->fh, static_cast<uint64_t>(offset),
-                      {reinterpret_cast<const uint8_t *>(bytes), size});
+                      {reinterpret_cast<const uint8_t *>(bytes), size}, info->flags);
 }
 
 void Flush(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
@@ -205,6 +210,7 @@ const fuse_lowlevel_ops &FuseOperations()
         made.forget_multi = ForgetMulti;
         made.getattr = GetAttr;
         made.setattr = SetAttr;
+        made.readlink = ReadLink;
         made.access = Access;
         made.statfs = StatFs;
         made.open = Open;

@@ -44,6 +44,11 @@ void KernelNotifier::AttributesChanged(uint64_t node)
     Push({Kind::Attributes, node, {}});
 }
 
+void KernelNotifier::DataChanged(uint64_t node)
+{
+    Push({Kind::Data, node, {}});
+}
+
 void KernelNotifier::NameChanged(uint64_t parent, const std::string &name)
 {
     Push({Kind::Expire, parent, name});
@@ -60,6 +65,9 @@ void KernelNotifier::Tell(fuse_session *fuseSession, const Notice &notice)
     switch (notice.kind) {
     case Kind::Attributes:
         fuse_lowlevel_notify_inval_inode(fuseSession, notice.node, -1, 0);
+        break;
+    case Kind::Data:
+        fuse_lowlevel_notify_inval_inode(fuseSession, notice.node, 0, 0);
         break;
     case Kind::Expire:
         fuse_lowlevel_notify_expire_entry(fuseSession, notice.node, notice.name.data(), notice.name.size(),

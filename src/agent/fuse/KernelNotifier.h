@@ -19,13 +19,15 @@ namespace fodr::agent {
 class KernelNotifier {
 public:
     KernelNotifier();
-    ~KernelNotifier(); // what hasn't been told isn't any more
+    ~KernelNotifier(); // drops pending notices
     // Until a session is set nothing is told; Stop ends it, and waits for a call that is under way.
     void SetSession(fuse_session *fuseSession);
     void Stop();
 
     // The node's attributes are to be asked for again.
     void AttributesChanged(uint64_t node);
+    // The file's bytes and attributes are to be asked for again.
+    void DataChanged(uint64_t node);
     // The name is to be looked up again when it is used next.
     void NameChanged(uint64_t parent, const std::string &name);
     // The name has gone.
@@ -35,7 +37,7 @@ public:
     void CallAt(Clock::time_point time, InlineFunction<void()> function);
 
 private:
-    enum class Kind { Attributes, Expire, Gone };
+    enum class Kind { Attributes, Data, Expire, Gone };
     struct Notice {
         Kind kind;
         uint64_t node;

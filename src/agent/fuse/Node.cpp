@@ -3,10 +3,23 @@
 #include "agent/fuse/DirectoryListing.h"
 
 #include <algorithm>
+#include <sys/stat.h>
 
 namespace fodr::agent {
+
+NodeKind KindOf(const FileFacts &facts)
+{
+    if (facts.IsSymbolicLink() && facts.id != 0)
+        return NodeKind::Link;
+    if (facts.IsDirectory())
+        return NodeKind::Directory;
+    return facts.mode == 0 || S_ISREG(facts.mode) ? NodeKind::File : NodeKind::Special;
+}
+
 OpenFile::~OpenFile()
 {
+    if (givenAway)
+        return;
     if (!released)
         node->opens.BeginClose();
     share->Close(fileId, [file = node](const IoResult &) { file->opens.EndClose(); });
@@ -94,19 +107,22 @@ uint32_t OpenState::TakeDeletion()
     return files.empty() ? std::exchange(deletion, 0) : 0;
 }
 
-void Node::NoteFacts(const FileFacts &seen)
+bool Node::NoteFacts(const FileFacts &seen)
 {
-    std::shared_ptr<WriteBehind> changed;
+    std::shared_ptr<WriteBehind> read;
+    bool changed;
     {
         const transport::MutexLock held(factsLock);
-        if (factsKnown && (facts.lastWriteTime != seen.lastWriteTime || facts.endOfFile != seen.endOfFile))
-            changed = writes;
+        changed = factsKnown && !facts.SameContent(seen);
+        if (changed)
+            read = writes;
         facts = seen;
         factsKnown = true;
         openedAt = {};
     }
-    if (changed)
-        changed->DataChanged();
+    if (read)
+        read->DataChanged();
+    return changed;
 }
 
 void Node::NoteFactsOfOpen(const FileFacts &seen)
@@ -135,6 +151,18 @@ bool Node::LastFacts(FileFacts *last) const
     const transport::MutexLock held(factsLock);
     *last = facts;
     return factsKnown;
+}
+
+void Node::NoteTarget(const std::string &linkTarget)
+{
+    const transport::MutexLock held(factsLock);
+    target = linkTarget;
+}
+
+std::string Node::Target() const
+{
+    const transport::MutexLock held(factsLock);
+    return target;
 }
 
 void Node::NoteListing(const std::shared_ptr<DirectoryListing> &listing)

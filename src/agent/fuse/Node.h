@@ -1,4 +1,6 @@
-// A file or folder that the kernel knows.
+// A file or folder that the kernel knows. A node is a file of the other side, never a path: its names lead to
+// it, and a name that leads to another file leads to another node. Node numbers are never used again, so their
+// generation is always 0.
 #pragma once
 
 #include "agent/FileFacts.h"
@@ -31,6 +33,8 @@ struct OpenFile {
     uint32_t fileId = 0;
     bool readable = false;
     bool writable = false;
+    bool changesBasics = false; // times and attributes can be set by it
+    bool givenAway = false; // the handle isn't this open's any more
     bool released = false; // the kernel has closed it: counted by BeginClose already
     std::shared_ptr<WriteErrors> errors = std::make_shared<WriteErrors>();
     std::shared_ptr<ReadAhead> readAhead; // when readable
@@ -70,25 +74,35 @@ private:
     uint32_t deletion GUARDED_BY(lock) = 0;
 };
 
+// Never changes: another kind is another file.
+enum class NodeKind : uint8_t { Directory, File, Link, Special };
+NodeKind KindOf(const FileFacts &facts);
+
 struct Node {
-    Node(uint64_t nodeId, bool isDirectory) : id(nodeId), directory(isDirectory) {}
+    Node(uint64_t nodeId, NodeKind nodeKind)
+        : id(nodeId), kind(nodeKind), directory(nodeKind == NodeKind::Directory)
+    {}
 
     const uint64_t id;
+    const NodeKind kind;
     const bool directory;
 
     // NodeTable's lock guards these.
-    NodePtr parent; // null for the root, and for what has been removed
-    std::string name;
-    NodePtr shownParent; // where the kernel last saw it, also when it is hidden or removed by now
-    std::string shownName;
-    uint64_t lookups = 0; // the kernel's count
-    bool removed = false; // has no path any more
+    struct Name {
+        NodePtr parent;
+        std::string text;
+    };
+    std::vector<Name> names;      // the one that was seen last comes last; a directory has one at most
+    uint64_t fileId = 0;          // FileFacts::id; 0 when it isn't known
+    std::shared_ptr<RemoteShare> shareOfId; // where the table finds it by its fileId
+    uint64_t lookups = 0;         // the kernel's count
     std::unordered_map<std::string, Node *> children;
     std::shared_ptr<RemoteShare> shareRoot; // of the node that stands for a share
 
     using Clock = std::chrono::steady_clock;
-    // What was last seen of it, with its own lock.
-    void NoteFacts(const FileFacts &seen);
+    // What was last seen of it, with its own lock. True when its content may have changed since what was seen
+    // before.
+    bool NoteFacts(const FileFacts &seen);
     bool LastFacts(FileFacts *last) const;
     // Facts that came with an open of the file: they answer one question, unless they are older than `span`
     // by then or something has changed since.
@@ -98,6 +112,22 @@ struct Node {
     // The last change that this mount made: of a file's data or facts, of a folder's names.
     void NoteOwnChange() { ownChange = Clock::now().time_since_epoch().count(); }
     bool ChangedSince(Clock::time_point time) const { return ownChange >= time.time_since_epoch().count(); }
+    // When a name of it was last seen to lead to it.
+    void NoteSeen(Clock::time_point asked) { seenAt = asked.time_since_epoch().count(); }
+    Clock::time_point SeenAt() const { return Clock::time_point(Clock::duration(seenAt.load())); }
+    // Of a directory: when the other side last told of a change in it.
+    void NoteNotice() { noticedAt = Clock::now().time_since_epoch().count(); }
+    Clock::time_point NoticedAt() const { return Clock::time_point(Clock::duration(noticedAt.load())); }
+    // Of a directory: since when the other side surely tells of the next change in it.
+    void SetWatchedFrom(Clock::time_point time) { watchedFrom = time.time_since_epoch().count(); }
+    void SetUnwatched() { watchedFrom = 0; }
+    bool IsWatched() const
+    {
+        const Clock::rep from = watchedFrom;
+        return from != 0 && Clock::now().time_since_epoch().count() >= from;
+    }
+    // Of a directory that this mount is changing: the kernel has been told to forget what it held before.
+    std::atomic<bool> forgottenWhileBusy{false};
     // What is known of `gone` goes with it: whoever was told of its folder before its change can't use that.
     void TakeChangeOf(const Node &gone)
     {
@@ -106,6 +136,10 @@ struct Node {
         while (ours < its && !ownChange.compare_exchange_weak(ours, its)) {
         }
     }
+
+    // Of a symbolic link, where it leads; empty: not asked yet. It never changes.
+    void NoteTarget(const std::string &linkTarget);
+    std::string Target() const;
 
     // Listings of the folder that may be going on, to be ended when it is removed.
     void NoteListing(const std::shared_ptr<DirectoryListing> &listing);
@@ -123,8 +157,12 @@ private:
     FileFacts facts GUARDED_BY(factsLock);
     Clock::time_point openedAt GUARDED_BY(factsLock); // when the facts came with an open; zero: they didn't
     std::shared_ptr<WriteBehind> writes GUARDED_BY(factsLock);
+    std::string target GUARDED_BY(factsLock);
     std::vector<std::weak_ptr<DirectoryListing>> listings GUARDED_BY(factsLock);
     std::atomic<Clock::rep> ownChange{0};
+    std::atomic<Clock::rep> seenAt{0};
+    std::atomic<Clock::rep> noticedAt{0};
+    std::atomic<Clock::rep> watchedFrom{0};
 };
 
 } // namespace fodr::agent

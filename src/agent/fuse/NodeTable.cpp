@@ -8,7 +8,7 @@ namespace fodr::agent {
 
 using transport::MutexLock;
 
-NodeTable::NodeTable() : root(std::make_shared<Node>(kRootId, true))
+NodeTable::NodeTable() : root(std::make_shared<Node>(kRootId, NodeKind::Directory))
 {
     const MutexLock held(lock);
     root->lookups = 1; // the mount's own, never forgotten
@@ -29,26 +29,140 @@ NodePtr NodeTable::Child(const NodePtr &parent, const std::string &name) const
     return found == parent->children.end() ? nullptr : nodes.at(found->second->id);
 }
 
-NodePtr NodeTable::NewNode(const NodePtr &parent, const std::string &name, bool directory)
+// ---- Files and their names ----
+
+std::shared_ptr<RemoteShare> NodeTable::ShareOf(const Node *node) const
 {
-    auto node = std::make_shared<Node>(++lastId, directory);
-    node->parent = node->shownParent = parent;
-    node->name = node->shownName = name;
+    while (!node->shareRoot && !node->names.empty())
+        node = node->names.back().parent.get();
+    return node->shareRoot;
+}
+
+// A file that was made by this mount is known by its name alone until its id is told. While nobody has it open
+// it doesn't matter which file it is taken for.
+bool NodeTable::Fits(Node *node, NodeKind kind, uint64_t fileId)
+{
+    if (node->kind != kind)
+        return false;
+    if (node->fileId == fileId)
+        return true;
+    if (node->fileId != 0 || node->opens.IsOpen())
+        return false;
+    std::shared_ptr<RemoteShare> share = ShareOf(node);
+    if (byFileId.contains({share.get(), fileId}))
+        return false;
+    Index(node, std::move(share), fileId);
+    return true;
+}
+
+void NodeTable::Index(Node *node, std::shared_ptr<RemoteShare> share, uint64_t fileId)
+{
+    node->fileId = fileId;
+    if (fileId != 0 && byFileId.emplace(IdKey{share.get(), fileId}, node).second)
+        node->shareOfId = std::move(share);
+}
+
+void NodeTable::Unindex(Node *node)
+{
+    if (node->shareOfId)
+        byFileId.erase({node->shareOfId.get(), node->fileId});
+    node->shareOfId = nullptr;
+}
+
+NodePtr NodeTable::NewNode(const NodePtr &parent, const std::string &name, NodeKind kind)
+{
+    auto node = std::make_shared<Node>(++lastId, kind);
     nodes.emplace(node->id, node);
-    parent->children.emplace(name, node.get());
+    node->names.push_back({parent, name});
+    parent->children.insert_or_assign(name, node.get());
     return node;
 }
 
-NodePtr NodeTable::Reach(const NodePtr &parent, const std::string &name, bool directory)
+bool NodeTable::AddName(Node *node, const NodePtr &parent, const std::string &name)
+{
+    if (node->directory) {
+        if (node == parent.get())
+            return false;
+        // The other side has moved it. What leads from it to its new parent was seen before that.
+        RemoveAllNames(node);
+        for (Node *at = parent.get(); !at->names.empty();) {
+            Node *above = at->names.back().parent.get();
+            if (above == node) {
+                RemoveAllNames(at);
+                break;
+            }
+            at = above;
+        }
+    }
+    node->names.push_back({parent, name});
+    parent->children.insert_or_assign(name, node);
+    return true;
+}
+
+void NodeTable::RemoveName(Node *node, Node *parent, const std::string &name)
+{
+    auto found = parent->children.find(name);
+    if (found != parent->children.end() && found->second == node)
+        parent->children.erase(found);
+    std::erase_if(node->names, [&](const Node::Name &known) {
+        return known.parent.get() == parent && known.text == name;
+    });
+}
+
+void NodeTable::RemoveAllNames(Node *node)
+{
+    for (const Node::Name &name : std::exchange(node->names, {})) {
+        auto found = name.parent->children.find(name.text);
+        if (found != name.parent->children.end() && found->second == node)
+            name.parent->children.erase(found);
+    }
+}
+
+NodePtr NodeTable::Reach(const NodePtr &parent, const std::string &name, NodeKind kind, uint64_t fileId)
+{
+    const MutexLock held(lock);
+    NodePtr node;
+    auto found = parent->children.find(name);
+    if (found != parent->children.end()) {
+        const NodePtr present = nodes.at(found->second->id);
+        if (Fits(present.get(), kind, fileId)) {
+            node = present;
+        } else {
+            RemoveName(present.get(), parent.get(), name);
+            DropIfUnused(present);
+        }
+    }
+    if (node && node->names.size() > 1) { // seen last
+        RemoveName(node.get(), parent.get(), name);
+        AddName(node.get(), parent, name);
+    }
+    std::shared_ptr<RemoteShare> share = node ? nullptr : ShareOf(parent.get());
+    if (!node && fileId != 0) {
+        auto known = byFileId.find({share.get(), fileId});
+        if (known != byFileId.end() && known->second->kind == kind) {
+            node = nodes.at(known->second->id);
+            if (!AddName(node.get(), parent, name))
+                node = nullptr;
+        }
+    }
+    if (!node) {
+        node = NewNode(parent, name, kind);
+        Index(node.get(), std::move(share), fileId);
+    }
+    ++node->lookups;
+    return node;
+}
+
+NodePtr NodeTable::ReachNew(const NodePtr &parent, const std::string &name, NodeKind kind)
 {
     const MutexLock held(lock);
     auto found = parent->children.find(name);
-    if (found != parent->children.end() && found->second->directory != directory) {
-        Detach(found->second);
-        found = parent->children.end();
+    if (found != parent->children.end()) {
+        const NodePtr present = nodes.at(found->second->id);
+        RemoveName(present.get(), parent.get(), name);
+        DropIfUnused(present);
     }
-    const NodePtr node =
-        found == parent->children.end() ? NewNode(parent, name, directory) : nodes.at(found->second->id);
+    const NodePtr node = NewNode(parent, name, kind);
     ++node->lookups;
     return node;
 }
@@ -64,110 +178,83 @@ void NodeTable::Forget(uint64_t id, uint64_t lookups)
     DropIfUnused(node);
 }
 
-// Its parents stay while it does, so that paths can be told.
+// Its parents stay while it does, so that its path can be told.
 void NodeTable::DropIfUnused(const NodePtr &node)
 {
-    NodePtr at = node;
-    while (at && at->lookups == 0 && at->children.empty()) {
-        const NodePtr parent = at->parent;
-        if (parent)
-            parent->TakeChangeOf(*at);
-        Detach(at.get());
-        nodes.erase(at->id);
-        at = parent;
+    if (node->lookups != 0 || !node->children.empty() || node == root || !nodes.contains(node->id))
+        return;
+    const std::vector<Node::Name> names = node->names;
+    RemoveAllNames(node.get());
+    Unindex(node.get());
+    nodes.erase(node->id);
+    for (const Node::Name &name : names) {
+        name.parent->TakeChangeOf(*node);
+        DropIfUnused(name.parent);
     }
 }
 
-// The node loses its place; its number lives on while the kernel counts lookups.
-void NodeTable::Detach(Node *node)
+uint64_t NodeTable::FileIdOf(const NodePtr &node) const
 {
-    if (!node->parent)
+    const MutexLock held(lock);
+    return node->fileId;
+}
+
+void NodeTable::SetFileId(const NodePtr &node, uint64_t fileId)
+{
+    const MutexLock held(lock);
+    if (node->fileId == fileId)
         return;
-    auto found = node->parent->children.find(node->name);
-    if (found != node->parent->children.end() && found->second == node)
-        node->parent->children.erase(found);
-    node->parent = nullptr;
-    node->removed = true;
+    Unindex(node.get());
+    Index(node.get(), ShareOf(node.get()), fileId);
 }
 
 void NodeTable::Remove(const NodePtr &parent, const std::string &name)
 {
-    const MutexLock held(lock);
-    auto found = parent->children.find(name);
-    if (found == parent->children.end())
-        return;
-    const NodePtr node = nodes.at(found->second->id);
-    Detach(node.get());
-    DropIfUnused(node);
+    RemoveIf(parent, name, nullptr);
 }
 
-void NodeTable::Move(const NodePtr &parent, const std::string &name, const NodePtr &newParent,
-                     const std::string &newName)
+void NodeTable::RemoveIf(const NodePtr &parent, const std::string &name, const NodePtr &node)
 {
+    const MutexLock held(lock);
     auto found = parent->children.find(name);
-    const NodePtr node = found == parent->children.end() ? nullptr : nodes.at(found->second->id);
-    auto replaced = newParent->children.find(newName);
-    if (replaced != newParent->children.end() && replaced->second != node.get()) {
-        const NodePtr gone = nodes.at(replaced->second->id);
-        Detach(gone.get());
-        DropIfUnused(gone);
-    }
-    if (!node)
+    if (found == parent->children.end() || (node && found->second != node.get()))
         return;
-    parent->children.erase(name);
-    node->parent = newParent;
-    node->name = newName;
-    newParent->children.insert_or_assign(newName, node.get());
+    const NodePtr gone = nodes.at(found->second->id);
+    RemoveName(gone.get(), parent.get(), name);
+    DropIfUnused(gone);
 }
 
 void NodeTable::Rename(const NodePtr &parent, const std::string &name, const NodePtr &newParent,
                        const std::string &newName)
 {
     const MutexLock held(lock);
-    Move(parent, name, newParent, newName);
-    auto moved = newParent->children.find(newName);
-    if (moved == newParent->children.end())
-        return;
-    moved->second->shownParent = newParent;
-    moved->second->shownName = newName;
-}
-
-void NodeTable::Hide(const NodePtr &parent, const std::string &name, const std::string &hiddenName)
-{
-    const MutexLock held(lock);
-    Move(parent, name, parent, hiddenName);
-}
-
-NodePtr NodeTable::ShownParentOf(const NodePtr &node) const
-{
-    const MutexLock held(lock);
-    return node->shownParent ? node->shownParent : node;
-}
-
-bool NodeTable::ShownPlaceOf(const NodePtr &node, Place *place) const
-{
-    NodePtr parent;
-    std::string name;
-    {
-        const MutexLock held(lock);
-        parent = node->shownParent;
-        name = node->shownName;
+    auto found = parent->children.find(name);
+    const NodePtr node = found == parent->children.end() ? nullptr : nodes.at(found->second->id);
+    auto replaced = newParent->children.find(newName);
+    if (replaced != newParent->children.end() && replaced->second != node.get()) {
+        const NodePtr gone = nodes.at(replaced->second->id);
+        RemoveName(gone.get(), newParent.get(), newName);
+        DropIfUnused(gone);
     }
-    return parent && PlaceIn(parent, name, place);
+    if (!node)
+        return;
+    RemoveName(node.get(), parent.get(), name);
+    if (!AddName(node.get(), newParent, newName))
+        DropIfUnused(node);
 }
+
+// ---- Places ----
 
 bool NodeTable::LocatePath(const Node *node, Place *place) const
 {
-    if (node->removed)
-        return false;
     if (node->shareRoot) {
         place->share = node->shareRoot;
         return true;
     }
-    if (!node->parent || !LocatePath(node->parent.get(), place))
+    if (node->names.empty() || !LocatePath(node->names.back().parent.get(), place))
         return false;
     place->path += u'\\';
-    AppendNtName(node->name, place->path);
+    AppendNtName(node->names.back().text, place->path);
     return true;
 }
 
@@ -193,12 +280,26 @@ bool NodeTable::PlaceIn(const NodePtr &parent, std::string_view name, Place *pla
     return true;
 }
 
-bool NodeTable::SpotOf(const NodePtr &node, NodePtr *parent, std::string *name) const
+bool NodeTable::ParentAndNameOf(const NodePtr &node, NodePtr *parent, std::string *name) const
 {
     const MutexLock held(lock);
-    *parent = node->parent;
-    *name = node->name;
-    return node->parent != nullptr;
+    if (node->names.empty())
+        return false;
+    *parent = node->names.back().parent;
+    *name = node->names.back().text;
+    return true;
+}
+
+std::vector<NodePtr> NodeTable::ParentsOf(const NodePtr &node) const
+{
+    const MutexLock held(lock);
+    std::vector<NodePtr> parents;
+    for (const Node *at = node.get(); !at->shareRoot && !at->names.empty();) {
+        parents.push_back(at->names.back().parent);
+        at = parents.back().get();
+    }
+    std::reverse(parents.begin(), parents.end());
+    return parents;
 }
 
 NodePtr NodeTable::ShareRootOf(const NodePtr &node) const
@@ -206,24 +307,25 @@ NodePtr NodeTable::ShareRootOf(const NodePtr &node) const
     const MutexLock held(lock);
     NodePtr at = node;
     while (at && !at->shareRoot)
-        at = at->parent;
+        at = at->names.empty() ? nullptr : at->names.back().parent;
     return at;
 }
 
-bool NodeTable::IsRemoved(const NodePtr &node) const
+bool NodeTable::HasName(const NodePtr &node) const
 {
     const MutexLock held(lock);
-    return node->removed;
+    return node == root || !node->names.empty();
 }
 
 bool NodeTable::IsBelow(const NodePtr &node, const NodePtr &ancestor) const
 {
     const MutexLock held(lock);
-    for (const Node *at = node.get(); at; at = at->parent.get()) {
+    for (const Node *at = node.get();; at = at->names.back().parent.get()) {
         if (at == ancestor.get())
             return true;
+        if (at->names.empty())
+            return false;
     }
-    return false;
 }
 
 std::vector<std::pair<std::string, uint64_t>> NodeTable::ChildrenOf(const NodePtr &node) const
@@ -234,6 +336,8 @@ std::vector<std::pair<std::string, uint64_t>> NodeTable::ChildrenOf(const NodePt
         children.emplace_back(name, child->id);
     return children;
 }
+
+// ---- Shares ----
 
 void NodeTable::SetRootShare(std::shared_ptr<RemoteShare> share)
 {
@@ -262,8 +366,12 @@ std::string NodeTable::RemoveShareFolder(uint32_t deviceId)
         const std::string name = folder->first;
         shareFolders.erase(folder);
         auto found = root->children.find(name);
-        if (found != root->children.end())
-            Detach(found->second);
+        if (found != root->children.end()) {
+            const NodePtr gone = nodes.at(found->second->id);
+            RemoveAllNames(gone.get());
+            gone->shareRoot = nullptr;
+            DropIfUnused(gone);
+        }
         return name;
     }
     return {};
@@ -286,8 +394,8 @@ NodePtr NodeTable::ReachShareFolder(const std::string &name)
     if (folder == shareFolders.end())
         return nullptr;
     auto found = root->children.find(name);
-    const NodePtr node =
-        found == root->children.end() ? NewNode(root, name, true) : nodes.at(found->second->id);
+    const NodePtr node = found == root->children.end() ? NewNode(root, name, NodeKind::Directory)
+                                                       : nodes.at(found->second->id);
     node->shareRoot = folder->second;
     ++node->lookups;
     return node;

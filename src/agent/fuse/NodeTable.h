@@ -1,5 +1,6 @@
-// The files and folders that the kernel knows, by number and by place. A node keeps its number while it is
-// renamed, and while its parents are. Any thread; one lock, held for a few instructions.
+// The files and folders that the kernel knows, by number, by the other side's id and by place. A node keeps its
+// number while it is renamed, and while its parents are. Any thread; one lock, held for a few instructions and
+// taken before those of a node.
 #pragma once
 
 #include "agent/fuse/Node.h"
@@ -22,18 +23,23 @@ public:
     NodePtr Find(uint64_t id) const;
     // The child that is known under the name, without counting a lookup. Null when there is none.
     NodePtr Child(const NodePtr &parent, const std::string &name) const;
-    // The node at the place, made if need be, with one more lookup. What was there of another kind has gone.
-    NodePtr Reach(const NodePtr &parent, const std::string &name, bool directory);
+    // The node of the file that the name leads to, made if need be, with one more lookup. `fileId` is 0 where
+    // the file is known by its name alone. What the name led to before, if it was another file, loses the name.
+    NodePtr Reach(const NodePtr &parent, const std::string &name, NodeKind kind, uint64_t fileId);
+    // The same for a file that was made this moment, whose id isn't known yet.
+    NodePtr ReachNew(const NodePtr &parent, const std::string &name, NodeKind kind);
     void Forget(uint64_t id, uint64_t lookups);
 
-    // The name leads nowhere from now on.
+    uint64_t FileIdOf(const NodePtr &node) const; // 0: not known
+    // A handle of the node told the id.
+    void SetFileId(const NodePtr &node, uint64_t fileId);
+
+    // The name leads nowhere from now on, or not to this node.
     void Remove(const NodePtr &parent, const std::string &name);
-    // What stood at the new place has gone.
+    void RemoveIf(const NodePtr &parent, const std::string &name, const NodePtr &node);
+    // What stood at the new place has lost that name.
     void Rename(const NodePtr &parent, const std::string &name, const NodePtr &newParent,
                 const std::string &newName);
-
-    // The node goes on under a name that the kernel doesn't know.
-    void Hide(const NodePtr &parent, const std::string &name, const std::string &hiddenName);
 
     // Where a node, or a name in it, is: the share and the path within. False when it is nowhere any more, or
     // in no share.
@@ -42,15 +48,14 @@ public:
         std::u16string path; // begins with a backslash; the root is that alone
     };
     [[nodiscard]] bool PlaceOf(const NodePtr &node, Place *place) const;
-    // Where the kernel last saw it: what is there by now may be another file.
-    NodePtr ShownParentOf(const NodePtr &node) const; // of the root: itself
-    [[nodiscard]] bool ShownPlaceOf(const NodePtr &node, Place *place) const;
     [[nodiscard]] bool PlaceIn(const NodePtr &parent, std::string_view name, Place *place) const;
-    // The folder that a node stands in and its name there. False when it is nowhere, or the root.
-    [[nodiscard]] bool SpotOf(const NodePtr &node, NodePtr *parent, std::string *name) const;
+    // The folder that a node was last seen in, and its name there. False when it has no name.
+    [[nodiscard]] bool ParentAndNameOf(const NodePtr &node, NodePtr *parent, std::string *name) const;
+    // The folders on the way to a node, the share's root first, without the node.
+    std::vector<NodePtr> ParentsOf(const NodePtr &node) const;
     // The root of the share that the node is in; null when it is in none.
     NodePtr ShareRootOf(const NodePtr &node) const;
-    bool IsRemoved(const NodePtr &node) const;
+    bool HasName(const NodePtr &node) const; // the root has
     bool IsBelow(const NodePtr &node, const NodePtr &ancestor) const; // or the same
     std::vector<std::pair<std::string, uint64_t>> ChildrenOf(const NodePtr &node) const;
 
@@ -66,17 +71,32 @@ public:
     NodePtr ReachShareFolder(const std::string &name);
 
 private:
-    void Detach(Node *node) REQUIRES(lock);
+    struct IdKey {
+        const RemoteShare *share; // kept alive by the node
+        uint64_t fileId;
+        bool operator==(const IdKey &) const = default;
+    };
+    struct IdHash {
+        size_t operator()(const IdKey &key) const { return key.fileId * 0x9E3779B97F4A7C15u; }
+    };
+
+    std::shared_ptr<RemoteShare> ShareOf(const Node *node) const REQUIRES(lock);
+    bool Fits(Node *node, NodeKind kind, uint64_t fileId) REQUIRES(lock);
+    void Index(Node *node, std::shared_ptr<RemoteShare> share, uint64_t fileId) REQUIRES(lock);
+    void Unindex(Node *node) REQUIRES(lock);
+    NodePtr NewNode(const NodePtr &parent, const std::string &name, NodeKind kind) REQUIRES(lock);
+    // False: a folder would be in itself.
+    bool AddName(Node *node, const NodePtr &parent, const std::string &name) REQUIRES(lock);
+    void RemoveName(Node *node, Node *parent, const std::string &name) REQUIRES(lock);
+    void RemoveAllNames(Node *node) REQUIRES(lock);
     void DropIfUnused(const NodePtr &node) REQUIRES(lock);
-    void Move(const NodePtr &parent, const std::string &name, const NodePtr &newParent,
-              const std::string &newName) REQUIRES(lock);
-    NodePtr NewNode(const NodePtr &parent, const std::string &name, bool directory) REQUIRES(lock);
     bool LocatePath(const Node *node, Place *place) const REQUIRES(lock);
 
     mutable transport::Mutex lock;
     NodePtr root;
     uint64_t lastId GUARDED_BY(lock) = kRootId;
     std::unordered_map<uint64_t, NodePtr> nodes GUARDED_BY(lock);
+    std::unordered_map<IdKey, Node *, IdHash> byFileId GUARDED_BY(lock);
     std::unordered_map<std::string, std::shared_ptr<RemoteShare>> shareFolders GUARDED_BY(lock);
 };
 

@@ -30,8 +30,8 @@ public:
     ToldPtr Recall(Clock::time_point now, Clock::duration span, bool *ask);
     // A lookup was answered from it.
     void NoteUse() { ++uses; }
-    // `answer` is of FileFullDirectoryInformation; empty when there was none.
-    void Answered(Clock::time_point asked, ByteSpan answer);
+    // `answer` lists entries, with ids or without (DirectoryReader); empty when there was none.
+    void Answered(Clock::time_point asked, ByteSpan answer, bool hasIds);
     // What was asked for until now doesn't count.
     void Forget(Clock::time_point now);
 

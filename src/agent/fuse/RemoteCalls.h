@@ -39,15 +39,55 @@ inline auto RenameFile(RemoteShare &share, uint32_t fileId, const std::u16string
         share.Rename(fileId, target, replace, std::move(done));
     });
 }
+inline auto RenameFileInto(RemoteShare &share, uint32_t fileId, uint32_t directoryId,
+                           const std::u16string &name, bool replace)
+{
+    return AwaitIo([&share, fileId, directoryId, &name, replace](IoHandler done) {
+        share.RenameInto(fileId, directoryId, name, replace, std::move(done));
+    });
+}
+inline auto DeleteFileAtOnce(RemoteShare &share, uint32_t fileId)
+{
+    return AwaitIo([&share, fileId](IoHandler done) { share.DeleteAtOnce(fileId, std::move(done)); });
+}
 inline auto DeleteFile(RemoteShare &share, uint32_t fileId)
 {
     return AwaitIo([&share, fileId](IoHandler done) { share.Delete(fileId, std::move(done)); });
 }
+// The class of listings whose entries tell the most.
+inline uint32_t ListingClassOf(const RemoteShare &share)
+{
+    return share.HasIds() ? nt::FileBothDirectoryInformation : nt::FileFullDirectoryInformation;
+}
 inline auto SearchDirectory(RemoteShare &share, uint32_t fileId, const std::u16string &name)
 {
     return AwaitIo([&share, fileId, &name](IoHandler done) {
-        share.QueryDirectory(fileId, nt::FileFullDirectoryInformation, true, name, std::move(done));
+        share.QueryDirectory(fileId, ListingClassOf(share), true, name, std::move(done));
     });
+}
+inline auto ControlFile(RemoteShare &share, uint32_t fileId, uint32_t code, uint32_t outputLength)
+{
+    return AwaitIo([&share, fileId, code, outputLength](IoHandler done) {
+        share.DeviceControl(fileId, code, {}, outputLength, std::move(done));
+    });
+}
+// What an open file is: of hosts that tell it, with its id.
+inline uint32_t FactsClassOf(const RemoteShare &share)
+{
+    return share.HasIds() ? nt::FileStatLxInformation : nt::FileNetworkOpenInformation;
+}
+inline nt::NTSTATUS TakeFacts(const RemoteShare &share, const IoResult &result, FileFacts *facts)
+{
+    if (result.Failed())
+        return result.status;
+    const bool whole = share.HasIds() ? ReadStatInformation(result.data, facts)
+                                      : ReadNetworkOpenInformation(result.data, facts);
+    return whole ? nt::STATUS_SUCCESS : STATUS_INVALID_NETWORK_RESPONSE;
+}
+inline Task<nt::NTSTATUS> QueryFacts(RemoteShare &share, uint32_t fileId, FileFacts *facts)
+{
+    const IoResult result = co_await QueryFile(share, fileId, FactsClassOf(share));
+    co_return TakeFacts(share, result, facts);
 }
 
 // A way through a folder's gate, for as long as this lives.

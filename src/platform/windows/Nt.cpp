@@ -209,6 +209,18 @@ uint32_t NtCallEvent::Create()
     return handle ? 0 : GetLastError();
 }
 
+struct NoticeOrder::State {};
+
+NoticeOrder::NoticeOrder() : state(std::make_unique<State>()) {}
+
+NoticeOrder::~NoticeOrder() = default;
+
+void NoticeOrder::Settle() {}
+
+NoticeOrder::Delivery::Delivery(NoticeOrder &ofOrder) : order(*ofOrder.state) {}
+
+NoticeOrder::Delivery::~Delivery() = default;
+
 ShareRoot::ShareRoot(const std::u16string &, const ShareRules &) {}
 
 ShareRoot::~ShareRoot() = default;

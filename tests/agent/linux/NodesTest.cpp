@@ -20,9 +20,9 @@ protected:
         StartWithShare();
         table.SetRootShare(share);
     }
-    NodePtr Reach(const NodePtr &parent, const std::string &name, bool directory = true)
+    NodePtr Reach(const NodePtr &parent, const std::string &name, bool directory = true, uint64_t fileId = 0)
     {
-        return table.Reach(parent, name, directory);
+        return table.Reach(parent, name, directory ? NodeKind::Directory : NodeKind::File, fileId);
     }
     // Empty: nowhere.
     std::u16string PathOf(const NodePtr &node)
@@ -56,9 +56,6 @@ TEST_F(Nodes, WhatIsReplacedOrRemovedIsNowhere)
     EXPECT_EQ(table.Find(to->id), to); // the kernel still counts it
     table.Remove(root, "to");
     EXPECT_EQ(PathOf(from), u"");
-    NodeTable::Place place;
-    ASSERT_TRUE(table.ShownPlaceOf(from, &place)); // for those who are about to open it
-    EXPECT_EQ(place.path, u"\\to");
     // Another file under the old name is another node.
     EXPECT_NE(Reach(root, "to", false)->id, from->id);
 }
@@ -71,6 +68,41 @@ TEST_F(Nodes, AnotherKindUnderTheNameIsAnotherNode)
     EXPECT_NE(folder->id, file->id);
     EXPECT_EQ(PathOf(inside), u"");
     EXPECT_EQ(PathOf(file), u"\\n");
+}
+
+TEST_F(Nodes, AreFilesAndNotNames)
+{
+    const NodePtr file = Reach(root, "a", false, 7), same = Reach(root, "b", false, 7);
+    EXPECT_EQ(file, same);
+    EXPECT_EQ(PathOf(file), u"\\b"); // seen last
+    const NodePtr other = Reach(root, "b", false, 8);
+    EXPECT_NE(other->id, file->id);
+    EXPECT_EQ(PathOf(file), u"\\a");
+    table.Remove(root, "a");
+    EXPECT_EQ(PathOf(file), u"");
+    EXPECT_EQ(Reach(root, "c", false, 7), file); // the other side had moved it
+    EXPECT_NE(Reach(root, "d", true, 7)->id, file->id);
+    // A file of this mount's making is told apart once its id is known, or while nobody has it open.
+    const NodePtr made = table.ReachNew(root, "new", NodeKind::File);
+    EXPECT_EQ(Reach(root, "new", false, 9), made);
+    EXPECT_EQ(table.FileIdOf(made), 9u);
+    const NodePtr again = table.ReachNew(root, "new", NodeKind::File);
+    EXPECT_NE(again, made);
+    table.SetFileId(again, 10);
+    EXPECT_EQ(Reach(root, "e", false, 10), again);
+}
+
+TEST_F(Nodes, FoldersThatTheOtherSideMovesAreNeverInThemselves)
+{
+    const NodePtr a = Reach(root, "a", true, 1), b = Reach(a, "b", true, 2), file = Reach(b, "f", false, 3);
+    // Seen one after the other: b in the root is news after a in b.
+    EXPECT_EQ(Reach(b, "a", true, 1), a);
+    EXPECT_EQ(PathOf(a), u"");
+    EXPECT_EQ(PathOf(file), u"");
+    EXPECT_EQ(Reach(root, "b", true, 2), b);
+    EXPECT_EQ(PathOf(a), u"\\b\\a");
+    EXPECT_EQ(PathOf(file), u"\\b\\f");
+    EXPECT_NE(Reach(b, "self", true, 2)->id, b->id);
 }
 
 TEST_F(Nodes, AreForgottenWhenTheKernelHasForgottenThemAndTheirChildren)
@@ -94,7 +126,7 @@ TEST_F(Nodes, SharesAreFoldersThatComeAndGo)
     EXPECT_TRUE(several.AddShareFolder("docs", share));
     EXPECT_FALSE(several.AddShareFolder("docs", share));
     const NodePtr docs = several.ReachShareFolder("docs");
-    const NodePtr file = several.Reach(docs, "f", false);
+    const NodePtr file = several.Reach(docs, "f", NodeKind::File, 5);
     NodeTable::Place place;
     ASSERT_TRUE(several.PlaceOf(file, &place));
     EXPECT_EQ(place.path, u"\\f");
@@ -147,6 +179,15 @@ TEST(Attributes, ShowWhatNtKnows)
     EXPECT_EQ(shown.st_mtim.tv_sec, 132'000'000'000'000'001 / 10'000'000 - 11'644'473'600);
     EXPECT_EQ(shown.st_ctim.tv_sec, shown.st_mtim.tv_sec);
     EXPECT_EQ(shown.st_uid, 10u);
+    EXPECT_EQ(shown.st_ino, 9u);
+    facts.links = 3;
+    for (const auto &[id, inode] : {std::pair<uint64_t, uint64_t>{0x1234'0000'0000'0007, 7},
+                                    {0x8000'0000'0000'0007, 0x8000'0000'0000'0007}}) {
+        facts.id = id;
+        shown = StatOf(facts, 9, {});
+        EXPECT_EQ(shown.st_ino, inode);
+        EXPECT_EQ(shown.st_nlink, 3u);
+    }
     facts.attributes |= nt::FILE_ATTRIBUTE_DIRECTORY; // where the other says nothing
     EXPECT_EQ(StatOf(facts, 9, {}).st_mode, static_cast<mode_t>(S_IFDIR | 0755));
 }

@@ -39,7 +39,7 @@ protected:
         asks = mayAsk;
         return names.Recall(At(at), kSpan, &asks) != nullptr;
     }
-    void Answer(int asked) { names.Answered(At(asked), Listing({u"a", u"other"})); }
+    void Answer(int asked) { names.Answered(At(asked), Listing({u"a", u"other"}), false); }
     static RecentNames::Clock::time_point At(int at)
     {
         return RecentNames::Clock::time_point(seconds(1000 + at));
@@ -110,11 +110,11 @@ TEST_F(RecentNamesTest, DontOutliveAChange)
     names.Forget(At(6));
     EXPECT_TRUE(told->forgotten); // for who still has it
     EXPECT_FALSE(Serves(6));
-    names.Answered(At(7), {}); // the folder can't be listed
+    names.Answered(At(7), {}, false); // the folder can't be listed
     EXPECT_FALSE(Serves(7));
     std::vector<uint8_t> torn = Listing({u"a", u"other"});
     torn.resize(torn.size() - 1);
-    names.Answered(At(8), torn);
+    names.Answered(At(8), torn, false);
     EXPECT_FALSE(Serves(8));
 }
 

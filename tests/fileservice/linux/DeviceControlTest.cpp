@@ -21,5 +21,26 @@ TEST(DeviceControl, CarriesItsDataBehindAZeroLength)
     EXPECT_GE(ranges.At<uint64_t>(8), 5000u);
 }
 
+TEST(DeviceControl, TellsWhatTheHostOffersAsDocumented)
+{
+    Share share;
+    File file = share.Create(u"\\");
+    Bytes request = WireExample("Host query");
+    StoreLittle(request.data() + 8, file.Id());
+    const Completion answer = share.Ask(request);
+    EXPECT_EQ(answer.bytes, WireExample("Host query completion"));
+    // The same of an entry that goes alone: without the byte of padding.
+    share.Put("a", "");
+    const FODR_LISTED_FILE listed = [&] {
+        const Completion entry = file.List(FileBothDirectoryInformation, true, u"\\a");
+        FODR_LISTED_FILE bytes;
+        memcpy(&bytes, entry.Data().substr(69).data(), sizeof(bytes));
+        return bytes;
+    }();
+    const Completion id = share.Create(u"\\a").Query(FileInternalInformation);
+    EXPECT_EQ(listed.FileId, id.At<uint64_t>(0));
+    EXPECT_EQ(listed.Links, 1u);
+}
+
 } // namespace
 } // namespace fodr::test

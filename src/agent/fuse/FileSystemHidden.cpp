@@ -1,0 +1,269 @@
+// Removing and renaming towards hosts where a name stays as long as its file is open, as NT always did: what is
+// open is given a name that nobody is shown.
+#include "agent/fuse/FileSystem.h"
+#include "agent/fuse/RemoteCalls.h"
+#include "platform/Nt.h"
+
+#include <cstdio>
+
+namespace fodr::agent {
+namespace {
+
+bool IsRefusal(nt::NTSTATUS status)
+{
+    return status == nt::STATUS_ACCESS_DENIED || status == nt::STATUS_SHARING_VIOLATION;
+}
+
+} // namespace
+
+std::string FileSystem::HiddenName()
+{
+    char name[64];
+    snprintf(name, sizeof(name), "%s%08x-%x", kHiddenPrefix.data(), hiddenSeed, ++hiddenCounter);
+    return name;
+}
+
+// POSIX removes a file that may not be written; NT wants the attribute cleared first.
+Task<nt::NTSTATUS> FileSystem::ClearReadOnly(const Place &place)
+{
+    const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_WRITE_ATTRIBUTES | nt::SYNCHRONIZE,
+                                          .createDisposition = nt::FILE_OPEN,
+                                          .createOptions = nt::FILE_OPEN_REPARSE_POINT};
+    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    if (opened.Failed())
+        co_return opened.status;
+    const uint32_t fileId = opened.fileId;
+    const std::array<uint8_t, 36> record = BasicRecord({.attributes = nt::FILE_ATTRIBUTE_NORMAL});
+    const IoResult result = co_await SetFile(*place.share, fileId, nt::FileBasicInformation, record);
+    const nt::NTSTATUS status = result.status;
+    co_await CloseFile(*place.share, fileId);
+    co_return status;
+}
+
+// Marks what is open and closes it: with that the name is gone, unless others have it open.
+Task<nt::NTSTATUS> FileSystem::DeleteOpened(const Place &place, uint32_t fileId)
+{
+    const IoResult marked = co_await DeleteFile(*place.share, fileId);
+    const nt::NTSTATUS status = marked.status;
+    const IoResult closed = co_await CloseFile(*place.share, fileId);
+    co_return nt::IsError(status) ? status : closed.status;
+}
+
+// Not by the close: a folder that isn't empty would stay there without a word.
+Task<nt::NTSTATUS> FileSystem::DeleteDirectory(Place place)
+{
+    const RemoteShare::CreateCall open = OpenToDelete(true);
+    for (bool first = true;; first = false) {
+        const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+        nt::NTSTATUS status = opened.status;
+        if (!opened.Failed())
+            status = co_await DeleteOpened(place, opened.fileId);
+        if (status != nt::STATUS_CANNOT_DELETE || !first)
+            co_return status;
+        const nt::NTSTATUS cleared = co_await ClearReadOnly(place);
+        if (nt::IsError(cleared))
+            co_return status;
+    }
+}
+
+// Opens what is to be deleted with that handle's close.
+Task<IoResult> FileSystem::OpenForDeletion(const Place &place)
+{
+    RemoteShare::CreateCall open = OpenToDelete(false);
+    open.createOptions |= nt::FILE_DELETE_ON_CLOSE;
+    IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    if (opened.status == nt::STATUS_CANNOT_DELETE) {
+        const nt::NTSTATUS cleared = co_await ClearReadOnly(place);
+        if (!nt::IsError(cleared))
+            opened = co_await CreateFile(*place.share, open, place.path);
+    }
+    co_return opened;
+}
+
+// It is gone when this returns: a later call of the owner's own doesn't find it any more.
+Task<nt::NTSTATUS> FileSystem::DeleteFileAt(const Place &place)
+{
+    const IoResult opened = co_await OpenForDeletion(place);
+    if (opened.Failed())
+        co_return opened.status;
+    const IoResult closed = co_await CloseFile(*place.share, opened.fileId);
+    co_return closed.status;
+}
+
+// NT keeps the name of a deleted file until its last handle is closed; POSIX doesn't. So an open file gets a
+// name that nobody is shown, and a handle whose close deletes it: by this side, with the last close of the
+// file, or by the other, should the mount go away before.
+Task<nt::NTSTATUS> FileSystem::DeleteOpenFile(NodePtr parent, std::string name, NodePtr node, Place place)
+{
+    const GateHold alone = co_await PassGate(parent, NameGate::Entry::Alone);
+    const std::u16string shown = place.path;
+    const RemoteShare::CreateCall open = OpenToDelete(false);
+    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    if (opened.Failed())
+        co_return opened.status;
+    const uint32_t fileId = opened.fileId;
+    const std::string hidden = HiddenName();
+    nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    if (table.PlaceIn(parent, hidden, &place)) {
+        const IoResult renamed = co_await RenameFile(*place.share, fileId, place.path, false);
+        status = renamed.status;
+    }
+    if (!nt::IsError(status)) {
+        const IoResult deleting = co_await OpenForDeletion(place);
+        status = deleting.status;
+        if (!nt::IsError(status)) {
+            table.Rename(parent, name, parent, hidden);
+            node->opens.SetDeletion(deleting.fileId);
+            CloseDeletion(node, place.share);
+        } else {
+            co_await RenameFile(*place.share, fileId, shown, false);
+        }
+    }
+    CloseLater(node, place.share, fileId);
+    co_return status;
+}
+
+// With the last of the file's own handles, which may have been closed by now.
+void FileSystem::CloseDeletion(const NodePtr &node, const std::shared_ptr<RemoteShare> &share)
+{
+    const uint32_t deletion = node->opens.TakeDeletion();
+    if (deletion != 0)
+        CloseLater(node, share, deletion);
+}
+
+// Of a file that may be open.
+Task<nt::NTSTATUS> FileSystem::RemoveFile(NodePtr parent, std::string name, Place place)
+{
+    const NodePtr node = table.Child(parent, name);
+    if (node)
+        co_await AwaitCall(
+            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+    if (node && node->opens.IsOpen()) {
+        const nt::NTSTATUS status = co_await DeleteOpenFile(parent, name, node, place);
+        co_return status;
+    }
+    const nt::NTSTATUS status = co_await DeleteFileAt(place);
+    if (!nt::IsError(status))
+        table.Remove(parent, name);
+    co_return status;
+}
+
+// The target is open through this mount: it gets out of the way, under a name of its own as a deleted file
+// does, and back if the rename fails. Nobody looks at the folder's names meanwhile.
+Task<nt::NTSTATUS> FileSystem::RenameOverOpenFile(Moving moving, NodePtr targetNode)
+{
+    const GateHold alone = co_await PassGate(moving.newParent, NameGate::Entry::Alone);
+    RemoteShare &share = *moving.target.share;
+    const RemoteShare::CreateCall open = OpenToDelete(false);
+    const IoResult opened = co_await CreateFile(share, open, moving.target.path);
+    if (opened.Failed())
+        co_return opened.status;
+    const uint32_t fileId = opened.fileId;
+    const std::string hidden = HiddenName();
+    Place aside;
+    nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    if (table.PlaceIn(moving.newParent, hidden, &aside)) {
+        const IoResult renamed = co_await RenameFile(share, fileId, aside.path, false);
+        status = renamed.status;
+    }
+    if (!nt::IsError(status)) {
+        const IoResult renamed = co_await RenameFile(share, moving.fileId, moving.target.path, false);
+        status = renamed.status;
+        if (nt::IsError(status))
+            co_await RenameFile(share, fileId, moving.target.path, false);
+    }
+    if (!nt::IsError(status)) {
+        table.Rename(moving.newParent, moving.newName, moving.newParent, hidden);
+        table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);
+        const IoResult deleting = co_await OpenForDeletion(aside);
+        if (!deleting.Failed()) {
+            targetNode->opens.SetDeletion(deleting.fileId);
+            CloseDeletion(targetNode, aside.share);
+        } else {
+            co_await DeleteFile(share, fileId); // at once, then
+        }
+    }
+    CloseLater(targetNode, moving.target.share, fileId);
+    co_return status;
+}
+
+// A rename was refused although it may replace: POSIX replaces what NT won't.
+Task<nt::NTSTATUS> FileSystem::RenameOver(Moving moving, nt::NTSTATUS refusal)
+{
+    const NodePtr node = table.Child(moving.newParent, moving.newName);
+    const Found found = co_await Find(moving.newParent, moving.newName);
+    if (nt::IsError(found.status))
+        co_return refusal;
+    if (found.facts.IsDirectory()) {
+        if (node)
+            co_await AwaitCall(
+                [&](InlineFunction<void()> done) { directories.DropBelow(node, std::move(done)); });
+        const nt::NTSTATUS deleted = co_await DeleteDirectory(moving.target);
+        if (nt::IsError(deleted))
+            co_return deleted;
+        const IoResult renamed =
+            co_await RenameFile(*moving.target.share, moving.fileId, moving.target.path, false);
+        co_return renamed.status;
+    }
+    if (found.facts.IsReadOnly()) {
+        const nt::NTSTATUS cleared = co_await ClearReadOnly(moving.target);
+        if (nt::IsError(cleared))
+            co_return refusal;
+        const IoResult renamed =
+            co_await RenameFile(*moving.target.share, moving.fileId, moving.target.path, true);
+        if (!renamed.Failed())
+            co_return renamed.status;
+    }
+    if (!node || !node->opens.IsOpen())
+        co_return refusal;
+    const nt::NTSTATUS status = co_await RenameOverOpenFile(moving, node);
+    co_return status;
+}
+
+// What is still being closed in a folder keeps NT from moving it. False: there was nothing to wait for.
+Task<bool> FileSystem::AwaitClosesBelow(NodePtr folder)
+{
+    bool waited = false;
+    for (const auto &[name, id] : table.ChildrenOf(folder)) {
+        const NodePtr child = table.Find(id);
+        if (child && child->opens.IsClosing()) {
+            waited = true;
+            co_await AwaitCall(
+                [&](InlineFunction<void()> done) { child->opens.WhenNoneClosing(std::move(done)); });
+        }
+        if (child && child->directory && co_await AwaitClosesBelow(child))
+            waited = true;
+    }
+    co_return waited;
+}
+
+Task<nt::NTSTATUS> FileSystem::Move(Moving moving, bool replace)
+{
+    const NodePtr node = table.Child(moving.parent, moving.name);
+    co_await ClearTheWay(node);
+    co_await ClearTheWay(table.Child(moving.newParent, moving.newName));
+    // What is said to be a file or a folder is looked at by the device filter.
+    RemoteShare::CreateCall open = OpenToDelete(node && node->directory);
+    if (!node)
+        open.createOptions = nt::FILE_OPEN_REPARSE_POINT;
+    const IoResult opened = co_await CreateFile(*moving.source.share, open, moving.source.path);
+    if (opened.Failed())
+        co_return opened.status;
+    moving.fileId = opened.fileId;
+    IoResult renamed = co_await RenameFile(*moving.source.share, moving.fileId, moving.target.path, replace);
+    if (node && node->directory && IsRefusal(renamed.status) && co_await AwaitClosesBelow(node))
+        renamed = co_await RenameFile(*moving.source.share, moving.fileId, moving.target.path, replace);
+    nt::NTSTATUS status = renamed.status;
+    if (replace && (IsRefusal(status) || status == nt::STATUS_OBJECT_NAME_COLLISION))
+        status = co_await RenameOver(moving, status);
+    if (!nt::IsError(status) && table.Child(moving.parent, moving.name) == node)
+        table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);
+    // The next rename of this file waits for the close.
+    if (node)
+        CloseLater(node, moving.source.share, moving.fileId);
+    else
+        co_await CloseFile(*moving.source.share, moving.fileId);
+    co_return status;
+}
+
+} // namespace fodr::agent

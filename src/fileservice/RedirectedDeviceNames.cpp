@@ -1,0 +1,115 @@
+// How RedirectedDevice keeps sets that give a file another name within the share.
+#include "fileservice/PacketText.h"
+#include "fileservice/RedirectedDevice.h"
+#include "platform/NtRecords.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <string_view>
+
+namespace fodr {
+
+using namespace nt;
+
+namespace {
+
+constexpr size_t kNameOffset = offsetof(FILE_RENAME_INFORMATION_EX, FileName);
+
+// By them a file gets a further name, or one by a path that could lead anywhere (MS-FSCC 2.4): links, moved
+// clusters, short names, and the forms of links and renames that look at no access rights.
+bool NamesAnotherPlace(uint32_t infoClass)
+{
+    constexpr uint32_t kOthers[] = {11, 31, 40, 56, 57, 66, 72, 73};
+    return std::find(std::begin(kOthers), std::end(kOthers), infoClass) != std::end(kOthers);
+}
+
+bool IsOneComponent(std::u16string_view name)
+{
+    constexpr std::u16string_view kImproper(u"\\/:\0", 4);
+    return name != u"." && name != u".." && name.find_first_of(kImproper) == std::u16string_view::npos;
+}
+
+// A record that says one component below a directory of the share. Its length is cut to what it says, and
+// what nobody has defined is taken out of it.
+NTSTATUS ReadRename(uint8_t *buffer, uint32_t *length, uint32_t *directoryId)
+{
+    if (*length < kNameOffset)
+        return STATUS_INFO_LENGTH_MISMATCH;
+    FILE_RENAME_INFORMATION_EX record{};
+    memcpy(&record, buffer, kNameOffset);
+    if (record.FileNameLength == 0 || record.FileNameLength % sizeof(char16_t) != 0 ||
+        record.FileNameLength > *length - kNameOffset || record.RootDirectory == 0 ||
+        record.RootDirectory > UINT32_MAX)
+        return STATUS_INVALID_PARAMETER;
+    std::u16string name(record.FileNameLength / sizeof(char16_t), u'\0');
+    memcpy(name.data(), buffer + kNameOffset, record.FileNameLength);
+    if (!IsOneComponent(name))
+        return STATUS_OBJECT_NAME_INVALID;
+    constexpr uint32_t kFlags =
+        FILE_RENAME_REPLACE_IF_EXISTS | FILE_RENAME_POSIX_SEMANTICS | FILE_RENAME_IGNORE_READONLY_ATTRIBUTE;
+    const uint64_t flags = record.Flags & kFlags; // and the padding behind them
+    memcpy(buffer, &flags, sizeof(flags));
+    *directoryId = static_cast<uint32_t>(record.RootDirectory);
+    // Systems want the whole record, also for a name of one unit. The rest of the buffer is zero.
+    *length = std::max<uint32_t>(kNameOffset + record.FileNameLength, sizeof(FILE_RENAME_INFORMATION_EX));
+    return STATUS_SUCCESS;
+}
+
+} // namespace
+
+bool RedirectedDevice::IsRootPath(const std::u16string &absolutePath) const
+{
+    return absolutePath.find_first_not_of(u"\\/", widePath.size()) == std::u16string::npos;
+}
+
+bool RedirectedDevice::IsRoot(uint32_t fileId)
+{
+    OVMutexLock held(filesLock);
+    const auto found = files.find(fileId);
+    return found != files.end() && found->second->isRoot;
+}
+
+NTSTATUS RedirectedDevice::SetInformation(uint32_t fileId, IO_STATUS_BLOCK *ioStatus, uint8_t *buffer,
+                                          uint32_t length, uint32_t infoClass)
+{
+    const bool renames = infoClass == FileRenameInformationEx;
+    if (NamesAnotherPlace(infoClass))
+        return STATUS_INVALID_INFO_CLASS;
+    if ((renames || infoClass == FileDispositionInformationEx) && IsRoot(fileId))
+        return STATUS_ACCESS_DENIED;
+    if (renames)
+        return RenameWithinShare(fileId, ioStatus, buffer, length);
+    return fileSystem->RedirectedSetInformationFile(fileId, ioStatus, buffer, length, infoClass);
+}
+
+// The directory stays open until the rename is done: its number can't become another file's meanwhile.
+NTSTATUS RedirectedDevice::RenameWithinShare(uint32_t fileId, IO_STATUS_BLOCK *ioStatus, uint8_t *buffer,
+                                             uint32_t length)
+{
+    uint32_t directoryId = 0;
+    NTSTATUS status = ReadRename(buffer, &length, &directoryId);
+    if (status != STATUS_SUCCESS)
+        return status;
+    const RCPtr<RdpFileHandle> directory = BeginIo(directoryId);
+    if (!directory)
+        return STATUS_INVALID_HANDLE;
+    status = IsDirectory(directoryId) ? fileSystem->RedirectedSetInformationFile(
+                                            fileId, ioStatus, buffer, length, FileRenameInformationEx)
+                                      : STATUS_NOT_A_DIRECTORY;
+    directory->EndIo();
+    return status;
+}
+
+bool RedirectedDevice::IsDirectory(uint32_t fileId)
+{
+    IO_STATUS_BLOCK ioStatus{};
+    uint8_t *block = nullptr;
+    const NTSTATUS status =
+        fileSystem->RedirectedQueryInformationFile(fileId, &ioStatus, &block, FileStandardInformation);
+    const MallocBuffer facts(block, block ? static_cast<size_t>(ioStatus.Information) : 0);
+    constexpr size_t kDirectory = offsetof(FILE_STANDARD_INFORMATION, Directory);
+    return status == STATUS_SUCCESS && facts.Size() > kDirectory && facts.Data()[kDirectory] != 0;
+}
+
+} // namespace fodr

@@ -1,0 +1,103 @@
+// Deletions and renames that act at once, as packets: what may reach the file system, and what it does then.
+#include "fileservice/Share.h"
+
+namespace fodr::test {
+namespace {
+
+using namespace nt;
+using namespace std::literals;
+
+constexpr CreateArguments kDoomed{.access = DELETE_ACCESS | FILE_READ_ATTRIBUTES};
+constexpr CreateArguments kFolder{.access = FILE_READ_ATTRIBUTES, .options = FILE_DIRECTORY_FILE};
+
+std::string Utf16(std::u16string_view text)
+{
+    std::string bytes = WireText(text);
+    bytes.resize(bytes.size() - sizeof(char16_t));
+    return bytes;
+}
+
+TEST(Names, ExamplesOfThePageDeleteAndRename)
+{
+    Share share;
+    std::filesystem::create_directory(share.folder / "d");
+    share.Put("b", "file");
+    share.Put("d/b", "replaced");
+    File reader = share.Create(u"\\d\\b", {.access = GENERIC_READ});
+    File file = share.Create(u"\\b", kDoomed);
+    File folder = share.Create(u"\\d", kFolder);
+    Bytes rename = WireExample("Set information: rename into a directory");
+    StoreLittle(rename.data() + 8, file.Id());
+    StoreLittle(rename.data() + 64, folder.Id());
+    Bytes remove = WireExample("Set information: deletion at once");
+    StoreLittle(remove.data() + 8, file.Id());
+    const NTSTATUS renamed = share.Ask(rename).Status();
+    if (renamed == STATUS_INVALID_INFO_CLASS)
+        GTEST_SKIP() << "not known to this system";
+    EXPECT_EQ(renamed, STATUS_SUCCESS);
+    EXPECT_EQ(share.Contents("d/b"), "file");
+    EXPECT_EQ(reader.Read(0, 8).Data(), "replaced");
+    EXPECT_EQ(share.Ask(remove).Status(), STATUS_SUCCESS);
+    EXPECT_FALSE(share.Exists("d/b"));
+    EXPECT_EQ(share.Open(u"\\d\\b", {.disposition = FILE_CREATE}), STATUS_SUCCESS);
+}
+
+TEST(Names, ARenameThatLiesReachesNothing)
+{
+    Share other([](RedirectedDeviceSettings &settings) { settings.deviceId = kDeviceId; });
+    Share share;
+    std::filesystem::create_directories(share.folder / "d/inner");
+    share.Put("d/a.txt", "contents");
+    File file = share.Create(u"\\d\\a.txt", kDoomed);
+    File root = share.Create(u"\\", {.access = DELETE_ACCESS | FILE_READ_ATTRIBUTES});
+    const uint32_t folder = share.Create(u"\\d", kFolder).Id();
+    const uint32_t foreign = other.Create(u"\\", kFolder).Id();
+    File closed = share.Create(u"\\d", kFolder);
+    closed.Close();
+    const auto record = [&](uint64_t directory, uint32_t nameLength, std::u16string_view name) {
+        return Little(3) + Little(directory) + Little(nameLength, 4) + Utf16(name);
+    };
+    const std::string good = record(folder, 2, u"b");
+    const struct {
+        std::string what, buffer;
+        NTSTATUS status;
+    } cases[] = {
+        {"nothing", "", STATUS_INFO_LENGTH_MISMATCH},
+        {"short", good.substr(0, 19), STATUS_INFO_LENGTH_MISMATCH},
+        {"no name", good.substr(0, 20), STATUS_INVALID_PARAMETER},
+        {"half a unit", good.substr(0, 21), STATUS_INVALID_PARAMETER},
+        {"empty name", record(folder, 0, u"b"), STATUS_INVALID_PARAMETER},
+        {"odd length", record(folder, 3, u"bb"), STATUS_INVALID_PARAMETER},
+        {"longer than it is", record(folder, 4, u"b"), STATUS_INVALID_PARAMETER},
+        {"far longer", record(folder, 0xFFFFFFFE, u"b"), STATUS_INVALID_PARAMETER},
+        {"no directory", record(0, 2, u"b"), STATUS_INVALID_PARAMETER},
+        {"wide directory", record(folder | 1ull << 32, 2, u"b"), STATUS_INVALID_PARAMETER},
+        {"no handle", record(0x7FFFFFF0, 2, u"b"), STATUS_INVALID_HANDLE},
+        {"closed handle", record(closed.Id(), 2, u"b"), STATUS_INVALID_HANDLE},
+        {"another share's", record(foreign, 2, u"b"), STATUS_INVALID_HANDLE},
+        {"a file", record(file.Id(), 2, u"b"), STATUS_NOT_A_DIRECTORY},
+        {"up", record(folder, 4, u".."), STATUS_OBJECT_NAME_INVALID},
+        {"self", record(folder, 2, u"."), STATUS_OBJECT_NAME_INVALID},
+        {"path", record(folder, 14, u"inner\\b"), STATUS_OBJECT_NAME_INVALID},
+        {"slash", record(folder, 8, u"../b"), STATUS_OBJECT_NAME_INVALID},
+        {"absolute", record(folder, 14, u"\\??\\C:b"), STATUS_OBJECT_NAME_INVALID},
+        {"stream", record(folder, 6, u"b:s"), STATUS_OBJECT_NAME_INVALID},
+        {"zero", record(folder, 6, u"b\0c"sv), STATUS_OBJECT_NAME_INVALID},
+    };
+    for (const auto &test : cases)
+        EXPECT_EQ(file.Set(FileRenameInformationEx, test.buffer).Status(), test.status) << test.what;
+    EXPECT_EQ(root.Set(FileRenameInformationEx, good).Status(), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(root.Set(FileDispositionInformationEx, Little(3, 4)).Status(), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(file.Set(FileDispositionInformationEx, "\3\0\0"s).Status(), STATUS_INFO_LENGTH_MISMATCH);
+    for (const uint32_t linking : {11u, 31u, 40u, 56u, 57u, 66u, 72u, 73u})
+        EXPECT_EQ(file.Set(linking, good).Status(), STATUS_INVALID_INFO_CLASS) << linking;
+    EXPECT_EQ(share.Contents("d/a.txt"), "contents");
+    EXPECT_TRUE(std::filesystem::is_empty(share.folder / "d/inner"));
+    EXPECT_TRUE(std::filesystem::is_empty(other.folder));
+    // Behind the name anything may follow.
+    const NTSTATUS renamed = file.Set(FileRenameInformationEx, good + "rest").Status();
+    EXPECT_TRUE(renamed == STATUS_SUCCESS || renamed == STATUS_INVALID_INFO_CLASS) << renamed;
+}
+
+} // namespace
+} // namespace fodr::test
