@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <string>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <vector>
 
@@ -70,7 +71,7 @@ FILE_INTERNAL_INFORMATION Internal(const FileQuery &query)
 std::u16string NameOf(const FileQuery &query)
 {
     const OpenFile &file = query.open.File();
-    const std::string current = file.IsDirectory() ? CurrentPath(file.fd.Get()) : std::string();
+    const std::string current = file.IsDirectory() ? PathByKernel(file.fd.Get()) : std::string();
     std::u16string name = NtPathFromPosix(current.empty() ? file.object->PathOf(file) : current);
     if (query.open.stream)
         name += u':' + query.open.stream->Name();
@@ -104,6 +105,9 @@ NTSTATUS QueryAccess(FileQuery &query)
 
 NTSTATUS QueryName(FileQuery &query)
 {
+    struct stat stat;
+    if (query.open.IsDirectory() && fstat(query.open.fd.Get(), &stat) == 0 && stat.st_nlink == 0)
+        return STATUS_FILE_DELETED;
     const std::u16string name = NameOf(query);
     const FILE_NAME_INFORMATION record{.FileNameLength = static_cast<uint32_t>(name.size() * 2),
                                        .FileName = {}};
