@@ -12,11 +12,26 @@ namespace fodr::agent {
 
 class RemoteShare {
 public:
+    // Whose numbers files have: this side's, which outlive a connection, or those of the present connection's
+    // wire.
+    enum class FileNumbers { Lasting, OfConnection };
     // The client outlives the share.
-    RemoteShare(RdpdrClient &rdpdrClient, const RemoteDevice &remoteDevice)
-        : client(rdpdrClient), device(remoteDevice)
+    RemoteShare(RdpdrClient &rdpdrClient, const RemoteDevice &remoteDevice,
+                FileNumbers fileNumbers = FileNumbers::Lasting)
+        : client(rdpdrClient), device(remoteDevice), numbers(fileNumbers)
     {}
     const RemoteDevice &Device() const { return device; }
+
+    // Whether the share outlives a connection. Then requests wait for the next one within their time, and
+    // those that were under way are repeated where that does no harm: reads, queries, writes, sizes and
+    // times, opens of what is there. Others fail with STATUS_CONNECTION_DISCONNECTED. A file is opened again
+    // with the first request on it if it was given a way to that, and is refused with STATUS_FILE_INVALID
+    // otherwise, or when it is another file by now.
+    bool OutlivesConnections() const { return client.KeepsRequests(); }
+    void Remember(uint32_t fileId, std::shared_ptr<IReopen> reopen)
+    {
+        client.Remember(fileId, std::move(reopen));
+    }
 
     struct CreateCall {
         uint32_t desiredAccess = 0;
@@ -69,6 +84,7 @@ private:
 
     RdpdrClient &client;
     const RemoteDevice device;
+    const FileNumbers numbers;
 };
 
 } // namespace fodr::agent

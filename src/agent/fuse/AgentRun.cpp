@@ -86,9 +86,9 @@ void AgentRun::OnReady()
 void AgentRun::OnDeviceAdded(const RemoteDevice &device)
 {
     if (files.AddShare(std::make_shared<RemoteShare>(*client, device)))
-        client->Channel().SendNotice(transport::NoticeKind::ShareReady, device.name);
+        client->Channel()->SendNotice(transport::NoticeKind::ShareReady, device.name);
     else
-        client->Channel().SendNotice(transport::NoticeKind::Warning,
+        client->Channel()->SendNotice(transport::NoticeKind::Warning,
                                      device.name + ": isn't shown, the mount is taken by another share");
     WakeUp();
 }
@@ -156,8 +156,8 @@ AgentRun::Event AgentRun::WaitFor(bool forShare, int timeoutMS)
 int AgentRun::Fail(AgentExit result, const std::string &sentence)
 {
     Say(sentence);
-    client->Channel().SendNotice(transport::NoticeKind::Error, sentence);
-    client->Channel().Close("the agent has ended");
+    client->Channel()->SendNotice(transport::NoticeKind::Error, sentence);
+    client->Channel()->Close("the agent has ended");
     return result;
 }
 
@@ -211,7 +211,7 @@ bool AgentRun::MountNow()
         }
         WakeUp();
     });
-    client->Channel().SendNotice(transport::NoticeKind::Mounted, options.mountPoint);
+    client->Channel()->SendNotice(transport::NoticeKind::Mounted, options.mountPoint);
     return true;
 }
 
@@ -220,7 +220,7 @@ int AgentRun::EndedBeforeMount(Event event)
     switch (event) {
     case Event::Signal:
     case Event::Goodbye:
-        client->Channel().Close("the agent was asked to end");
+        client->Channel()->Close("the agent was asked to end");
         return AGENT_ENDED;
     case Event::TimedOut:
         return Fail(AGENT_REFUSED, "no share was announced in " + std::to_string(options.shareWaitMS / 1000) +
@@ -262,15 +262,15 @@ int AgentRun::TakeDown(Event event)
     }
     if (event != Event::Unmounted && Unmount(options.mountPoint, &remark) != UnmountOutcome::Unmounted) {
         Say(remark);
-        client->Channel().SendNotice(transport::NoticeKind::Warning, remark);
+        client->Channel()->SendNotice(transport::NoticeKind::Warning, remark);
         if (result == AGENT_ENDED)
             result = AGENT_BUSY;
         WaitForWrites();
     }
     session->Stop();
     files.Clear();
-    client->Channel().SendNotice(transport::NoticeKind::Unmounted, options.mountPoint);
-    client->Channel().Close("the agent has unmounted");
+    client->Channel()->SendNotice(transport::NoticeKind::Unmounted, options.mountPoint);
+    client->Channel()->Close("the agent has unmounted");
     return result;
 }
 
