@@ -333,16 +333,17 @@ void RdpdrClient::OnDeviceRemove(ByteSpan packet)
         Channel()->Refuse("the plug-in's device removal leaves its packet");
 }
 
-void RdpdrClient::DropMissingShares()
+void RdpdrClient::DropMissingShares(std::string_view name)
 {
     std::vector<uint32_t> missing;
     {
         const transport::MutexLock held(lock);
-        for (const KnownShare &share : shares) {
-            if (!share.bound)
-                missing.push_back(share.device.id);
-        }
-        std::erase_if(shares, [](const KnownShare &share) { return !share.bound; });
+        std::erase_if(shares, [&](const KnownShare &share) {
+            if (share.bound || !(name.empty() || share.device.name == name))
+                return false;
+            missing.push_back(share.device.id);
+            return true;
+        });
     }
     for (const uint32_t id : missing) {
         requests.RemoveShare(id);

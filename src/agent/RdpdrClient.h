@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -66,8 +67,8 @@ public:
     // Goes on over another connection, after OnLost. Waits for the former one's threads. Not on a reader
     // thread.
     void Reconnect(std::unique_ptr<platform::ByteStream> stream);
-    // Removes the shares that the present connection hasn't announced.
-    void DropMissingShares();
+    // Removes the shares that the present connection hasn't announced: all, or those of the name.
+    void DropMissingShares(std::string_view name = {});
 
     // Sends one request and its payload, both borrowed for the call; the CompletionId is filled in here.
     // The handler gets its outcome, which may be before this returns.

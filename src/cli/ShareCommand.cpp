@@ -155,6 +155,7 @@ int CheckOptions(const ShareWords &words, ShareOptions *options)
     options->verbose = words.verbose;
     options->trace = words.trace;
     options->sideChannel = words.sideChannel;
+    options->ioTimeoutSeconds = words.ioTimeoutSeconds;
     options->agentWords = words.agentWords;
     options->command = words.command;
     options->sshWords = SplitWords(words.sshCommand);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -58,6 +59,7 @@ struct ShareOptions {
     bool trace = false;
     std::string token;                   // both ends know it; empty: none was agreed
     std::string sideChannel;             // as the agent's option: none, tcp, plugin
+    std::optional<unsigned> ioTimeoutSeconds; // the agent's; none: its default
     std::vector<std::string> agentWords; // put on the agent's command line as they are
     std::vector<std::string> sshWords;   // the program and its first arguments
     std::string remoteProgram;           // fodr on the other machine

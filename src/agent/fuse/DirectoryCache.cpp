@@ -1,5 +1,6 @@
 #include "agent/fuse/DirectoryCache.h"
 
+#include "agent/AgentStatus.h"
 #include "platform/Nt.h"
 
 #include <algorithm>
@@ -114,7 +115,9 @@ void DirectoryCache::Watch(const NodePtr &node, const DirectoryHandlePtr &handle
     handle->Share().NotifyChange(
         handle->FileId(), kWatched, false,
         [this, node, weak = std::weak_ptr<DirectoryHandle>(handle)](const IoResult &result) {
-            if (!result.Failed() && result.status != nt::STATUS_NOTIFY_CLEANUP)
+            if (result.status == STATUS_CONNECTION_DISCONNECTED)
+                Drop(node); // the handle doesn't outlive its connection
+            else if (!result.Failed() && result.status != nt::STATUS_NOTIFY_CLEANUP)
                 OnChange(node, weak);
         });
 }

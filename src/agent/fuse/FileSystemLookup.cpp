@@ -116,7 +116,8 @@ Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string nam
     found.status = result.status;
     if (!result.Failed() && !PickEntry(result.data, wanted, &found.facts))
         found.status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
-    if (found.status == nt::STATUS_INVALID_HANDLE || found.status == nt::STATUS_CANCELLED) {
+    if (found.status == nt::STATUS_INVALID_HANDLE || found.status == nt::STATUS_CANCELLED ||
+        found.status == STATUS_FILE_INVALID) {
         directories.Drop(parent);
         co_return found;
     }

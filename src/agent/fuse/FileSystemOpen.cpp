@@ -1,5 +1,6 @@
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/Fuse.h"
+#include "agent/fuse/NodeReopen.h"
 #include "agent/fuse/RemoteCalls.h"
 #include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
@@ -46,6 +47,7 @@ uint64_t FileSystem::KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteS
     if (file->readable)
         file->readAhead = std::make_shared<ReadAhead>(share, fileId, writes, readWindow);
     node->opens.Add(file);
+    RememberNode(*share, fileId, table, node);
     return openFiles.Keep(std::move(file));
 }
 
