@@ -46,9 +46,9 @@ enum AgentExit : int {
     AGENT_BUSY = 6,         // ended, but files were still open: the mount was detached lazily
 };
 
-// Runs until the stream ends (and lingering is over), a signal comes, the file system is unmounted or the host says goodbye; then
-// unmounts. One AgentExit. What the user should know goes to the host as notices and to standard error as
-// lines that begin "fodr: ".
+// Runs until the stream ends (and lingering is over), a signal comes, the file system is unmounted or the
+// host says goodbye; then unmounts. One AgentExit. What the user should know goes to the host as notices and
+// to standard error as lines that begin "fodr: ".
 int RunAgent(std::unique_ptr<platform::ByteStream> stream, const AgentOptions &options);
 
 // Gives the connection that `open` makes to the agent that serves the mount point already, if it lingers, and

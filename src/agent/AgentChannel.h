@@ -41,7 +41,8 @@ public:
     ~AgentChannel();
 
     void Start();
-    // Closes, and waits for the receiver's calls. Not on a reader thread. What is sent from now on goes nowhere.
+    // Closes, and waits for the receiver's calls. Not on a reader thread. What is sent from now on goes
+    // nowhere.
     void Stop();
 
     // Sends one packet made of two parts, borrowed for the call. False when the connection has ended or the

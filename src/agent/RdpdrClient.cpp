@@ -22,8 +22,7 @@ RdpdrClient::RdpdrClient(std::unique_ptr<platform::ByteStream> stream, const Cli
     : options(clientOptions), observer(clientObserver),
       requests([this](uint32_t deviceId, uint32_t fileId) { CloseOrphan(deviceId, fileId); },
                clientOptions.outlivesConnections),
-      clientId(std::random_device{}()),
-      channel(NewChannel(std::move(stream)))
+      clientId(std::random_device{}()), channel(NewChannel(std::move(stream)))
 {
     const transport::MutexLock held(lock);
     requests.Connect(channel);
@@ -155,9 +154,8 @@ void RdpdrClient::Remember(uint32_t fileId, std::shared_ptr<IReopen> reopen)
 
 void RdpdrClient::Reopen(uint32_t fileId)
 {
-    ReopenFile(*this, requests, fileId, [this](RequestTable::Released released) {
-        SendReleased(std::move(released));
-    });
+    ReopenFile(*this, requests, fileId,
+               [this](RequestTable::Released released) { SendReleased(std::move(released)); });
 }
 
 template <wire::Record Packet> void RdpdrClient::SendRecord(const Packet &packet)
@@ -236,7 +234,7 @@ void RdpdrClient::OnCorePacket(uint16_t packetId, ByteSpan packet)
     case PAKID_CORE_DEVICE_IOCOMPLETION:
         if (packet.size() < kCompletionBody)
             return Channel()->Refuse("the plug-in sent a completion of " + std::to_string(packet.size()) +
-                                  " bytes");
+                                     " bytes");
         return requests.Complete(packet);
     case PAKID_CORE_CLIENTID_CONFIRM:
         return OnClientIdConfirm(packet);
@@ -357,7 +355,8 @@ void RdpdrClient::CloseOrphan(uint32_t deviceId, uint32_t fileId)
     request.DeviceId = deviceId;
     request.FileId = fileId;
     request.MajorFunction = IRP_MJ_CLOSE;
-    Submit(request, {}, {.deviceId = deviceId, .answer = AnswerKind::Status, .ofConnection = true}, [](const IoResult &) {});
+    Submit(request, {}, {.deviceId = deviceId, .answer = AnswerKind::Status, .ofConnection = true},
+           [](const IoResult &) {});
 }
 
 void RdpdrClient::OnGoodbyeAsked(const std::string &reason)

@@ -71,8 +71,8 @@ void RemoteShare::Create(const CreateCall &call, std::u16string_view path, IoHan
                                 .CreateOptions = call.createOptions,
                                 .PathLength = Size32(wirePath.Bytes())};
     // One that deletes at its close may have done so.
-    const bool repeats = call.createDisposition == nt::FILE_OPEN &&
-                         (call.createOptions & nt::FILE_DELETE_ON_CLOSE) == 0;
+    const bool repeats =
+        call.createDisposition == nt::FILE_OPEN && (call.createOptions & nt::FILE_DELETE_ON_CLOSE) == 0;
     Send(IRP_MJ_CREATE, 0, 0, body, wirePath.Bytes(),
          {.answer = AnswerKind::Create, .afterLoss = RepeatsIf(repeats)}, std::move(handler));
 }
@@ -86,14 +86,14 @@ void RemoteShare::Close(uint32_t fileId, IoHandler handler)
 void RemoteShare::Read(uint32_t fileId, uint64_t offset, uint32_t length, IoHandler handler)
 {
     const DR_READ_REQ body = {.Length = length, .Offset = offset};
-    Send(IRP_MJ_READ, 0, fileId, body, {}, 
+    Send(IRP_MJ_READ, 0, fileId, body, {},
          {.answer = AnswerKind::Data, .limit = length, .afterLoss = AfterLoss::Repeats}, std::move(handler));
 }
 
 void RemoteShare::Write(uint32_t fileId, uint64_t offset, ByteSpan bytes, IoHandler handler)
 {
     const DR_WRITE_REQ body = {.Length = Size32(bytes), .Offset = offset};
-    Send(IRP_MJ_WRITE, 0, fileId, body, bytes, 
+    Send(IRP_MJ_WRITE, 0, fileId, body, bytes,
          {.answer = AnswerKind::Length, .limit = Size32(bytes), .afterLoss = AfterLoss::Repeats},
          std::move(handler));
 }
@@ -110,7 +110,8 @@ void RemoteShare::QueryVolume(uint32_t fileId, uint32_t informationClass, IoHand
 {
     const DR_DRIVE_QUERY_VOLUME_INFORMATION_REQ body = {.FsInformationClass = informationClass};
     Send(IRP_MJ_QUERY_VOLUME_INFORMATION, 0, fileId, body, {},
-         {.answer = AnswerKind::Data, .limit = kAnyLength, .afterLoss = AfterLoss::Repeats}, std::move(handler));
+         {.answer = AnswerKind::Data, .limit = kAnyLength, .afterLoss = AfterLoss::Repeats},
+         std::move(handler));
 }
 
 void RemoteShare::SetInformation(uint32_t fileId, uint32_t informationClass, ByteSpan record,
@@ -160,7 +161,8 @@ void RemoteShare::QueryDirectory(uint32_t fileId, uint32_t informationClass, boo
         .FsInformationClass = informationClass, .InitialQuery = restart, .PathLength = Size32(bytes)};
     // A listing that goes on has its place in the handle.
     Send(IRP_MJ_DIRECTORY_CONTROL, IRP_MN_QUERY_DIRECTORY, fileId, body, bytes,
-         {.answer = AnswerKind::Data, .limit = kAnyLength, .afterLoss = RepeatsIf(restart)}, std::move(handler));
+         {.answer = AnswerKind::Data, .limit = kAnyLength, .afterLoss = RepeatsIf(restart)},
+         std::move(handler));
 }
 
 void RemoteShare::NotifyChange(uint32_t fileId, uint32_t completionFilter, bool watchTree, IoHandler handler)
@@ -191,8 +193,10 @@ void RemoteShare::DeviceControl(uint32_t fileId, uint32_t code, ByteSpan input, 
     const DR_CONTROL_REQ body = {
         .OutputBufferLength = outputLength, .InputBufferLength = Size32(input), .IoControlCode = code};
     Send(IRP_MJ_DEVICE_CONTROL, 0, fileId, body, input,
-         {.answer = AnswerKind::Control, .limit = outputLength,
-          .afterLoss = RepeatsIf(code == nt::FSCTL_GET_REPARSE_POINT)}, std::move(handler));
+         {.answer = AnswerKind::Control,
+          .limit = outputLength,
+          .afterLoss = RepeatsIf(code == nt::FSCTL_GET_REPARSE_POINT)},
+         std::move(handler));
 }
 
 } // namespace fodr::agent

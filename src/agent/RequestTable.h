@@ -103,8 +103,8 @@ public:
     };
     // False: nobody needs the file any more.
     [[nodiscard]] bool DescribeReopening(uint32_t fileId, Reopening *reopening);
-    // The file is open as `wireId`, or can't be opened for the reason of the status. `*taken` says whether the
-    // wire's handle is in use; else it has to be closed.
+    // The file is open as `wireId`, or can't be opened for the reason of the status. `*taken` says whether
+    // the wire's handle is in use; else it has to be closed.
     [[nodiscard]] Released EndReopening(const Reopening &reopening, nt::NTSTATUS status, uint32_t wireId,
                                         bool *taken);
 

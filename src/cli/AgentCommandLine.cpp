@@ -98,7 +98,8 @@ void AddAgentOptions(CLI::App *app, AgentCommandWords *words)
     app->add_flag("--drive-letters", words->driveLetters, "Take whole drives only, under their letters");
     app->add_flag("--allow-other", words->allowOther, "Let other users in");
     app->add_option("--cache-ms", words->cacheMS, "How long names and attributes are believed");
-    app->add_option("--io-timeout", words->ioTimeoutSeconds, "Seconds after which a request fails; 0: never. Default: 10");
+    app->add_option("--io-timeout", words->ioTimeoutSeconds,
+                    "Seconds after which a request fails; 0: never. Default: 10");
     app->add_option("--linger", words->lingerSeconds,
                     "Seconds that the mount stays without a connection, for the host to come back")
         ->type_name("SECONDS");

@@ -57,13 +57,13 @@ struct ShareOptions {
     bool reconnect = false;
     bool verbose = false;
     bool trace = false;
-    std::string token;                   // both ends know it; empty: none was agreed
-    std::string sideChannel;             // as the agent's option: none, tcp, plugin
+    std::string token;                        // both ends know it; empty: none was agreed
+    std::string sideChannel;                  // as the agent's option: none, tcp, plugin
     std::optional<unsigned> ioTimeoutSeconds; // the agent's; none: its default
-    std::vector<std::string> agentWords; // put on the agent's command line as they are
-    std::vector<std::string> sshWords;   // the program and its first arguments
-    std::string remoteProgram;           // fodr on the other machine
-    std::vector<std::string> command;    // to be run while the shares are there; empty: none
+    std::vector<std::string> agentWords;      // put on the agent's command line as they are
+    std::vector<std::string> sshWords;        // the program and its first arguments
+    std::string remoteProgram;                // fodr on the other machine
+    std::vector<std::string> command;         // to be run while the shares are there; empty: none
     std::string pluginPath;
     std::string ownProgram; // this one
 };

@@ -209,9 +209,10 @@ TEST(RequestTable, TimeEndsWhatIsTimed)
     const auto add = [&](size_t which, bool timed) {
         DR_DEVICE_IOREQUEST request;
         RequestTable::Passage passage;
-        EXPECT_EQ(table.Add({.timed = timed}, &request, {},
-                            [&outcomes, which](const IoResult &result) { outcomes[which] = result.status; },
-                            &passage),
+        EXPECT_EQ(table.Add(
+                      {.timed = timed}, &request, {},
+                      [&outcomes, which](const IoResult &result) { outcomes[which] = result.status; },
+                      &passage),
                   nt::STATUS_PENDING);
     };
     add(0, true);

@@ -6,14 +6,14 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <sys/eventfd.h>
 #include <iterator>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 
@@ -21,7 +21,7 @@ namespace fodr::agent {
 namespace {
 
 constexpr int kForever = -1;
-constexpr int kShareReturnMS = 30000; // for the other shares of a host that is back
+constexpr int kShareReturnMS = 30000;                 // for the other shares of a host that is back
 constexpr auto kWritesTime = std::chrono::seconds(5); // for what is on its way when the agent ends
 
 void Say(const std::string &sentence)

@@ -88,9 +88,8 @@ AgentRun::Event AgentRun::GoOn(std::unique_ptr<platform::ByteStream> stream)
         ready = shown = lost = false;
     }
     client->Reconnect(std::move(stream));
-    const Event came = WaitFor(Until::Share, options.shareWaitMS == 0
-                                                 ? -1
-                                                 : static_cast<int>(options.shareWaitMS));
+    const Event came =
+        WaitFor(Until::Share, options.shareWaitMS == 0 ? -1 : static_cast<int>(options.shareWaitMS));
     if (came == Event::ShareCame)
         client->Channel()->SendNotice(transport::NoticeKind::Mounted, options.mountPoint);
     if (came != Event::TimedOut)
@@ -107,8 +106,8 @@ void AgentRun::TakeSuccessor()
     std::optional<Successor> arrived = handOver->Accept();
     if (!arrived || !arrived->stream)
         return;
-    const std::string mounted = options.mountPoint + ": is mounted already by the agent with process id " +
-                                std::to_string(getpid());
+    const std::string mounted =
+        options.mountPoint + ": is mounted already by the agent with process id " + std::to_string(getpid());
     if (arrived->settings != MountSettings(options))
         return arrived->front.SayRefused(mounted + ", with other options or another token; unmount it first");
     if (successor)
