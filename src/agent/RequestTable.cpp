@@ -7,6 +7,8 @@ namespace {
 
 constexpr size_t kSmallPayload = 4096; // a slot keeps room for as much
 
+constexpr uint32_t kTurns = 6;
+
 } // namespace
 
 nt::NTSTATUS RequestTable::Add(const Expected &expected, DR_DEVICE_IOREQUEST *request, ByteSpan payload,
@@ -117,6 +119,7 @@ void RequestTable::Complete(ByteSpan packet)
             created = {.shareId = expected.deviceId,
                        .connection = slot->connection,
                        .how = slot->request.Body<DR_CREATE_REQ>()};
+        lastAnswer = tick;
         if (slot->payload.size() > kSmallPayload)
             largePayload.swap(slot->payload);
         Free(index);
@@ -177,13 +180,19 @@ void RequestTable::FailAll(nt::NTSTATUS status)
 
 void RequestTable::Tick(uint32_t maxTicks)
 {
-    uint32_t now;
+    uint32_t now, silence;
     {
         const transport::MutexLock guard(lock);
         now = ++tick;
+        silence = now - lastAnswer;
     }
-    GiveUp([&](const Slot &slot) { return slot.expected.timed && now - slot.sinceTick > maxTicks; },
-           STATUS_IO_TIMEOUT);
+    GiveUp(
+        [&](const Slot &slot) {
+            const uint32_t waited = now - slot.sinceTick;
+            return slot.expected.timed && waited > maxTicks &&
+                   (silence > maxTicks || waited / kTurns > maxTicks || !slot.sent);
+        },
+        STATUS_IO_TIMEOUT);
 }
 
 size_t RequestTable::InFlight() const

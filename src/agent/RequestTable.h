@@ -62,7 +62,8 @@ public:
     // a completion comes.
     void FailDevice(uint32_t deviceId, nt::NTSTATUS status);
     void FailAll(nt::NTSTATUS status);
-    // Counts a step of time, and ends what has waited for more than `maxTicks` of them.
+    // Counts a step of time, and ends what has waited for more than `maxTicks` of them without any answer, or
+    // six times as long: over a slow line each has its turn.
     void Tick(uint32_t maxTicks);
 
     size_t InFlight() const;
@@ -157,6 +158,7 @@ private:
     std::vector<uint32_t> freeSlots GUARDED_BY(lock);
     uint32_t slotCount GUARDED_BY(lock) = 0;
     uint32_t tick GUARDED_BY(lock) = 0;
+    uint32_t lastAnswer GUARDED_BY(lock) = 0; // its tick
     size_t waiting GUARDED_BY(lock) = 0;
     size_t timed GUARDED_BY(lock) = 0;     // of them
     size_t held GUARDED_BY(lock) = 0;      // of them, those that aren't sent

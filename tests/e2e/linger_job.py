@@ -200,5 +200,35 @@ class Linger(network_job.SshCase):
         self.assertEqual((done.returncode, done.stdout), (0, "hellomore\n"), done.stderr)
 
 
+class TcpLinger(network_job.TcpCase):
+    def test_the_agent_meets_the_host_again(self):
+        for agent_listens in (True, False):
+            port = network_job.free_port()
+            place = f"127.0.0.1:{port}"
+            options = ["--linger", "100", "--io-timeout", str(IO_TIMEOUT)]
+            if agent_listens:
+                agent = self.agent(self.mount, "--listen", place, *options)
+                wait_for(lambda: network_job.listens(port), "the agent")
+            share = self.share(*(["--tcp", place] if agent_listens else ["--listen", port]),
+                               ready=None if agent_listens else lambda: network_job.listens(port))
+            share.__enter__()
+            if not agent_listens:
+                agent = self.agent(self.mount, "--connect", place, *options)
+            wait_for(lambda: "is mounted at" in share.log(), "the mount")
+            self.assert_usable()
+            kept = os.open(self.mount / "greeting", os.O_RDONLY)
+            share.process.kill()
+            share.process.wait()
+            share.output.close()
+            self.assertTrue(mounted(self.mount))
+            again = self.share(*(["--tcp", place] if agent_listens else ["--listen", port]),
+                               ready=lambda: "is mounted at" in again.log())
+            with again:
+                self.assertEqual(os.pread(kept, 10, 0), b"hello")
+                os.close(kept)
+                self.assert_usable()
+            self.assertEqual(agent.wait(60), 0)
+
+
 if __name__ == "__main__":
     unittest.main(verbosity=2)

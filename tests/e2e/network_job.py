@@ -135,7 +135,7 @@ class Ssh(SshCase):
             self.assertNotIn("Traceback", done.stderr)
 
 
-class Tcp(NetworkCase):
+class TcpCase(NetworkCase):
     def agent(self, *words):
         process = subprocess.Popen([FODR, "agent", *map(str, words)], env=self.scratch.environment,
                                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
@@ -146,6 +146,8 @@ class Tcp(NetworkCase):
         self.addCleanup(stop)
         return process
 
+
+class Tcp(TcpCase):
     def test_an_agent_that_listens_and_one_that_connects(self):
         port = free_port()
         token = self.scratch.root / "token"
