@@ -4,7 +4,9 @@
 #include "agent/ClientOptions.h"
 #include "platform/ByteStream.h"
 
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace fodr::agent {
@@ -23,6 +25,15 @@ struct AgentOptions {
     bool denyWriters = false;     // see FileSystem::Options
     bool handleSignals = true;    // SIGINT, SIGTERM and SIGHUP end the agent; they stay blocked afterwards
     unsigned shareWaitMS = 30000; // Single: how long to wait for the first share; 0: forever
+    // How long the mount stays without a connection, for the host to come back; 0: the two end together.
+    unsigned lingerSeconds = 0;
+    // The mount is served by a process of its own, which doesn't end with the one that was started, nor with
+    // that one's terminal or standard streams. For lingering.
+    bool ownProcess = false;
+    // For lingering: waits for another connection, over and over, null when there was none. Called on a
+    // thread of its own; `stopNextStream` ends a call. Without, only HandOver brings one.
+    std::function<std::unique_ptr<platform::ByteStream>()> nextStream;
+    std::function<void()> stopNextStream;
     ClientOptions client;
 };
 
@@ -35,9 +46,15 @@ enum AgentExit : int {
     AGENT_BUSY = 6,         // ended, but files were still open: the mount was detached lazily
 };
 
-// Runs until the stream ends, a signal comes, the file system is unmounted or the host says goodbye; then
-// unmounts. One AgentExit. What the user should know goes to the host as notices and to standard error as
-// lines that begin "fodr: ".
+// Runs until the stream ends (and lingering is over), a signal comes, the file system is unmounted or the
+// host says goodbye; then unmounts. One AgentExit. What the user should know goes to the host as notices and
+// to standard error as lines that begin "fodr: ".
 int RunAgent(std::unique_ptr<platform::ByteStream> stream, const AgentOptions &options);
+
+// Gives the connection that `open` makes to the agent that serves the mount point already, if it lingers, and
+// waits until that is done with it. One AgentExit; nothing when there is no such agent. Only the path of the
+// mount point is looked at, not what is there. For a process without other threads.
+std::optional<int> HandOver(const AgentOptions &options,
+                            const std::function<std::unique_ptr<platform::ByteStream>()> &open);
 
 } // namespace fodr::agent

@@ -23,16 +23,16 @@ AgentChannel::AgentChannel(std::unique_ptr<platform::ByteStream> stream, const C
 
 AgentChannel::~AgentChannel()
 {
-    connection.Close("closed on this side");
-    {
-        // The reader's last call; from then on nothing starts the listener.
-        const transport::MutexLock held(stateLock);
-        while (running)
-            ended.wait(stateLock);
-    }
+    Stop();
+}
+
+void AgentChannel::Stop()
+{
+    connection.Stop();
+    // From the reader's last call on nothing starts the listener.
     sideListener.Stop();
     if (side)
-        side->Close("closed on this side");
+        side->Stop();
 }
 
 void AgentChannel::Start()
@@ -40,10 +40,6 @@ void AgentChannel::Start()
     transport::Hello hello;
     hello.role = transport::Role::Agent;
     hello.token = options.token;
-    {
-        const transport::MutexLock held(stateLock);
-        running = true;
-    }
     // Nothing may come before it, and the reader answers the host's.
     connection.Send(hello);
     connection.Start();
@@ -211,9 +207,6 @@ void AgentChannel::OnClosed(const std::string &reason)
                            : goodbyeSeen ? ChannelEnd::Goodbye
                                          : ChannelEnd::Lost;
     receiver->OnChannelEnded(end, reason);
-    const transport::MutexLock held(stateLock);
-    running = false;
-    ended.notify_all();
 }
 
 } // namespace fodr::agent

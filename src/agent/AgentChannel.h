@@ -8,7 +8,6 @@
 #include "transport/FrameConnection.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
 #include <string>
 
@@ -42,6 +41,9 @@ public:
     ~AgentChannel();
 
     void Start();
+    // Closes, and waits for the receiver's calls. Not on a reader thread. What is sent from now on goes
+    // nowhere.
+    void Stop();
 
     // Sends one packet made of two parts, borrowed for the call. False when the connection has ended or the
     // packet is too large for it. May wait while the host doesn't read, except on a reader thread.
@@ -96,8 +98,6 @@ private:
     bool dataConnected GUARDED_BY(stateLock) = false;
     bool sidePending GUARDED_BY(stateLock) = false;
     bool readyTold GUARDED_BY(stateLock) = false;
-    bool running GUARDED_BY(stateLock) = false; // from Start until the reader's last call is over
-    std::condition_variable_any ended;
 };
 
 } // namespace fodr::agent

@@ -45,7 +45,9 @@ struct ClientOptions {
     PolicyOptions policy;
     SideChannel sideChannel = SideChannel::None;
     std::string sideChannelAddress; // to listen on; empty: all
-    unsigned ioTimeoutSeconds = 60; // without a completion for so long a request fails; 0: never
+    unsigned ioTimeoutSeconds = 10; // without a completion for so long a request fails; 0: never
+    // Requests and shares outlive a connection: what can wait does so for the next one, within its time.
+    bool outlivesConnections = false;
 };
 
 } // namespace fodr::agent

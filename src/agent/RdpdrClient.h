@@ -9,9 +9,11 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <map>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <vector>
 
 namespace fodr::agent {
 
@@ -38,6 +40,10 @@ public:
     virtual void OnDeviceRemoved(uint32_t deviceId) = 0;
     // The host wants the agent to finish; requests are still served.
     virtual void OnGoodbye(const std::string &reason) = 0;
+    // A share of an earlier connection is there again, with its number.
+    virtual void OnDeviceBack(const RemoteDevice &) {}
+    // The connection is lost, and Reconnect may give another. What can wait does.
+    virtual void OnLost(ChannelEnd /*end*/, const std::string & /*reason*/) {}
     // The last call. All requests have failed.
     virtual void OnEnded(ChannelEnd end, const std::string &reason) = 0;
 
@@ -55,13 +61,27 @@ public:
 
     void Start();
 
+    // With options.outlivesConnections, from now on a loss isn't the end: OnLost is told, not OnEnded. The
+    // host's goodbye still ends, and so does what this side refuses of its first connection.
+    void OutliveConnections() { outlives = true; }
+    // Goes on over another connection, after OnLost. Waits for the former one's threads. Not on a reader
+    // thread.
+    void Reconnect(std::unique_ptr<platform::ByteStream> stream);
+    // Removes the shares that the present connection hasn't announced: all, or those of the name.
+    void DropMissingShares(std::string_view name = {});
+
     // Sends one request and its payload, both borrowed for the call; the CompletionId is filled in here.
     // The handler gets its outcome, which may be before this returns.
     void Submit(DR_DEVICE_IOREQUEST request, ByteSpan payload, const RequestTable::Expected &expected,
                 IoHandler handler);
+    // How a file is to be opened again; without, its handle ends with the connection.
+    void Remember(uint32_t fileId, std::shared_ptr<IReopen> reopen);
+    uint32_t WireIdOf(uint32_t fileId) { return requests.WireIdOf(fileId); }
+    bool KeepsRequests() const { return options.outlivesConnections; }
 
     bool ListsSeveral() const { return options.multiEntryDirectoryQuery; }
-    AgentChannel &Channel() { return channel; }
+    // The present or the last connection's.
+    std::shared_ptr<AgentChannel> Channel() const;
     const RequestTable &Requests() const { return requests; }
     // One step of the time that requests are given; the client's own clock makes one a second while any wait.
     void Tick() { requests.Tick(options.ioTimeoutSeconds); }
@@ -72,12 +92,22 @@ private:
     void OnGoodbyeAsked(const std::string &reason) override;
     void OnChannelEnded(ChannelEnd end, const std::string &reason) override;
 
+    std::shared_ptr<AgentChannel> NewChannel(std::unique_ptr<platform::ByteStream> stream);
     void OnCorePacket(uint16_t packetId, ByteSpan packet);
     void OnClientIdConfirm(ByteSpan packet);
     void OnVersionExchange(ByteSpan packet);
     void OnDeviceAnnounce(ByteSpan packet);
     void OnDeviceRemove(ByteSpan packet);
     void AddDevice(RemoteDevice device);
+    struct KnownShare {
+        RemoteDevice device; // with this side's number
+        uint32_t wireId = 0;
+        bool bound = false; // announced by this connection
+    };
+    KnownShare *FindShare(const RemoteDevice &announced, bool *back) REQUIRES(lock);
+    uint32_t FreeShareId(uint32_t wished) const REQUIRES(lock);
+    void SendReleased(RequestTable::Released released);
+    void Reopen(uint32_t fileId);
     void SendRest();
     void CloseOrphan(uint32_t deviceId, uint32_t fileId);
     void ClockMain();
@@ -86,16 +116,20 @@ private:
     const ClientOptions options;
     IClientObserver *const observer;
     RequestTable requests;
-    uint32_t clientId;
+    std::atomic<uint32_t> clientId;
+    std::atomic<bool> outlives{false};
+    std::atomic<bool> firstConnection{true};
 
-    transport::Mutex lock;
+    mutable transport::Mutex lock;
     bool confirmed GUARDED_BY(lock) = false;
-    std::map<uint32_t, RemoteDevice> devices GUARDED_BY(lock);
+    std::vector<KnownShare> shares GUARDED_BY(lock);
     bool stopping GUARDED_BY(lock) = false;
     std::condition_variable_any clockWakeup;
     std::atomic<bool> clockSleeps{false}; // until a request wants it
     std::thread clock;
-    AgentChannel channel; // last: its threads end before the rest goes
+    std::shared_ptr<AgentChannel> channel GUARDED_BY(lock);
+    // Closed ones. Who sends may hold one for a moment; this is always the last to let go.
+    std::vector<std::shared_ptr<AgentChannel>> formerChannels;
 };
 
 } // namespace fodr::agent

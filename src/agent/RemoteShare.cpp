@@ -1,5 +1,6 @@
 #include "agent/RemoteShare.h"
 
+#include "platform/Nt.h"
 #include "platform/NtRecords.h"
 
 #include <limits>
@@ -32,6 +33,11 @@ private:
     size_t size;
 };
 
+AfterLoss RepeatsIf(bool repeats)
+{
+    return repeats ? AfterLoss::Repeats : AfterLoss::Fails;
+}
+
 uint32_t Size32(ByteSpan bytes)
 {
     return static_cast<uint32_t>(bytes.size());
@@ -50,6 +56,7 @@ void RemoteShare::Send(uint32_t major, uint32_t minor, uint32_t fileId, const Bo
     request.MinorFunction = minor;
     request.SetBody(body);
     expected.deviceId = device.id;
+    expected.ofConnection = numbers == FileNumbers::OfConnection;
     client.Submit(request, payload, expected, std::move(handler));
 }
 
@@ -63,31 +70,41 @@ void RemoteShare::Create(const CreateCall &call, std::u16string_view path, IoHan
                                 .CreateDisposition = call.createDisposition,
                                 .CreateOptions = call.createOptions,
                                 .PathLength = Size32(wirePath.Bytes())};
-    Send(IRP_MJ_CREATE, 0, 0, body, wirePath.Bytes(), {.answer = AnswerKind::Create}, std::move(handler));
+    // One that deletes at its close may have done so.
+    const bool repeats =
+        call.createDisposition == nt::FILE_OPEN && (call.createOptions & nt::FILE_DELETE_ON_CLOSE) == 0;
+    Send(IRP_MJ_CREATE, 0, 0, body, wirePath.Bytes(),
+         {.answer = AnswerKind::Create, .afterLoss = RepeatsIf(repeats)}, std::move(handler));
 }
 
 void RemoteShare::Close(uint32_t fileId, IoHandler handler)
 {
-    Send(IRP_MJ_CLOSE, 0, fileId, DR_READ_REQ{}, {}, {.answer = AnswerKind::Status}, std::move(handler));
+    Send(IRP_MJ_CLOSE, 0, fileId, DR_READ_REQ{}, {},
+         {.answer = AnswerKind::Status, .afterLoss = AfterLoss::IsOver}, std::move(handler));
 }
 
 void RemoteShare::Read(uint32_t fileId, uint64_t offset, uint32_t length, IoHandler handler)
 {
     const DR_READ_REQ body = {.Length = length, .Offset = offset};
-    Send(IRP_MJ_READ, 0, fileId, body, {}, {.answer = AnswerKind::Data, .limit = length}, std::move(handler));
+    Send(IRP_MJ_READ, 0, fileId, body, {},
+         {.answer = AnswerKind::Data, .limit = length, .afterLoss = AfterLoss::Repeats}, std::move(handler));
 }
 
 void RemoteShare::Write(uint32_t fileId, uint64_t offset, ByteSpan bytes, IoHandler handler)
 {
     const DR_WRITE_REQ body = {.Length = Size32(bytes), .Offset = offset};
-    Send(IRP_MJ_WRITE, 0, fileId, body, bytes, {.answer = AnswerKind::Length, .limit = Size32(bytes)},
+    Send(IRP_MJ_WRITE, 0, fileId, body, bytes,
+         {.answer = AnswerKind::Length,
+          .limit = Size32(bytes),
+          .afterLoss = RepeatsIf(offset != kEndOfFile)}, // an append may have been done
          std::move(handler));
 }
 
 void RemoteShare::QueryInformation(uint32_t fileId, uint32_t informationClass, IoHandler handler)
 {
     const DR_DRIVE_QUERY_INFORMATION_REQ body = {.FsInformationClass = informationClass};
-    Send(IRP_MJ_QUERY_INFORMATION, 0, fileId, body, {}, {.answer = AnswerKind::Data, .limit = kAnyLength},
+    Send(IRP_MJ_QUERY_INFORMATION, 0, fileId, body, {},
+         {.answer = AnswerKind::Data, .limit = kAnyLength, .afterLoss = AfterLoss::Repeats},
          std::move(handler));
 }
 
@@ -95,7 +112,8 @@ void RemoteShare::QueryVolume(uint32_t fileId, uint32_t informationClass, IoHand
 {
     const DR_DRIVE_QUERY_VOLUME_INFORMATION_REQ body = {.FsInformationClass = informationClass};
     Send(IRP_MJ_QUERY_VOLUME_INFORMATION, 0, fileId, body, {},
-         {.answer = AnswerKind::Data, .limit = kAnyLength}, std::move(handler));
+         {.answer = AnswerKind::Data, .limit = kAnyLength, .afterLoss = AfterLoss::Repeats},
+         std::move(handler));
 }
 
 void RemoteShare::SetInformation(uint32_t fileId, uint32_t informationClass, ByteSpan record,
@@ -103,7 +121,11 @@ void RemoteShare::SetInformation(uint32_t fileId, uint32_t informationClass, Byt
 {
     const DR_DRIVE_SET_INFORMATION_REQ body = {.FsInformationClass = informationClass,
                                                .Length = Size32(record)};
-    Send(IRP_MJ_SET_INFORMATION, 0, fileId, body, record, {.answer = AnswerKind::Status}, std::move(handler));
+    const bool repeats = informationClass == nt::FileBasicInformation ||
+                         informationClass == nt::FileEndOfFileInformation ||
+                         informationClass == nt::FileAllocationInformation;
+    Send(IRP_MJ_SET_INFORMATION, 0, fileId, body, record,
+         {.answer = AnswerKind::Status, .afterLoss = RepeatsIf(repeats)}, std::move(handler));
 }
 
 void RemoteShare::SetVolume(uint32_t fileId, uint32_t informationClass, ByteSpan record, IoHandler handler)
@@ -148,7 +170,8 @@ void RemoteShare::RenameInto(uint32_t fileId, uint32_t directoryId, std::u16stri
     const uint32_t flags = nt::FILE_RENAME_POSIX_SEMANTICS | nt::FILE_RENAME_IGNORE_READONLY_ATTRIBUTE |
                            (replace ? nt::FILE_RENAME_REPLACE_IF_EXISTS : 0);
     StoreLittle<uint32_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, Flags)], flags);
-    StoreLittle<uint64_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, RootDirectory)], directoryId);
+    const uint32_t wireId = numbers == FileNumbers::Lasting ? client.WireIdOf(directoryId) : directoryId;
+    StoreLittle<uint64_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, RootDirectory)], wireId);
     StoreLittle<uint32_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, FileNameLength)],
                           static_cast<uint32_t>(2 * name.size()));
     for (size_t i = 0; i < name.size(); ++i)
@@ -163,8 +186,10 @@ void RemoteShare::QueryDirectory(uint32_t fileId, uint32_t informationClass, boo
     const ByteSpan bytes = path.empty() ? ByteSpan{} : wirePath.Bytes();
     const DR_DRIVE_QUERY_DIRECTORY_REQ body = {
         .FsInformationClass = informationClass, .InitialQuery = restart, .PathLength = Size32(bytes)};
+    // A listing that goes on has its place in the handle.
     Send(IRP_MJ_DIRECTORY_CONTROL, IRP_MN_QUERY_DIRECTORY, fileId, body, bytes,
-         {.answer = AnswerKind::Data, .limit = kAnyLength}, std::move(handler));
+         {.answer = AnswerKind::Data, .limit = kAnyLength, .afterLoss = RepeatsIf(restart)},
+         std::move(handler));
 }
 
 void RemoteShare::NotifyChange(uint32_t fileId, uint32_t completionFilter, bool watchTree, IoHandler handler)
@@ -195,7 +220,10 @@ void RemoteShare::DeviceControl(uint32_t fileId, uint32_t code, ByteSpan input, 
     const DR_CONTROL_REQ body = {
         .OutputBufferLength = outputLength, .InputBufferLength = Size32(input), .IoControlCode = code};
     Send(IRP_MJ_DEVICE_CONTROL, 0, fileId, body, input,
-         {.answer = AnswerKind::Control, .limit = outputLength}, std::move(handler));
+         {.answer = AnswerKind::Control,
+          .limit = outputLength,
+          .afterLoss = RepeatsIf(code == nt::FSCTL_GET_REPARSE_POINT)},
+         std::move(handler));
 }
 
 } // namespace fodr::agent

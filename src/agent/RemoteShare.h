@@ -13,9 +13,13 @@ namespace fodr::agent {
 
 class RemoteShare : public std::enable_shared_from_this<RemoteShare> {
 public:
+    // Whose numbers files have: this side's, which outlive a connection, or those of the present connection's
+    // wire.
+    enum class FileNumbers { Lasting, OfConnection };
     // The client outlives the share.
-    RemoteShare(RdpdrClient &rdpdrClient, const RemoteDevice &remoteDevice)
-        : client(rdpdrClient), device(remoteDevice)
+    RemoteShare(RdpdrClient &rdpdrClient, const RemoteDevice &remoteDevice,
+                FileNumbers fileNumbers = FileNumbers::Lasting)
+        : client(rdpdrClient), device(remoteDevice), numbers(fileNumbers)
     {}
     const RemoteDevice &Device() const { return device; }
 
@@ -25,6 +29,17 @@ public:
     // Whether one answer lists several entries.
     bool ListsSeveral() const { return client.ListsSeveral(); }
     bool HasIds() const { return Has(nt::FODR_HOST_FILE_IDS); }
+
+    // Whether the share outlives a connection. Then requests wait for the next one within their time, and
+    // those that were under way are repeated where that does no harm: reads, queries, writes, sizes and
+    // times, opens of what is there. Others fail with STATUS_CONNECTION_DISCONNECTED. A file is opened again
+    // with the first request on it if it was given a way to that, and is refused with STATUS_FILE_INVALID
+    // otherwise, or when it is another file by now.
+    bool OutlivesConnections() const { return client.KeepsRequests(); }
+    void Remember(uint32_t fileId, std::shared_ptr<IReopen> reopen)
+    {
+        client.Remember(fileId, std::move(reopen));
+    }
 
     struct CreateCall {
         uint32_t desiredAccess = 0;
@@ -40,7 +55,8 @@ public:
 
     // Outcome: data, at most `length` bytes. At the end of the file STATUS_END_OF_FILE.
     void Read(uint32_t fileId, uint64_t offset, uint32_t length, IoHandler handler);
-    // Outcome: length, which may be less than given.
+    // At `kEndOfFile` the other side finds the end. Outcome: length, which may be less than given.
+    static constexpr uint64_t kEndOfFile = UINT64_MAX;
     void Write(uint32_t fileId, uint64_t offset, ByteSpan bytes, IoHandler handler);
 
     // Outcome: data, the record as it is on the wire: FileBasicInformation is 36 bytes,
@@ -85,6 +101,7 @@ private:
     RdpdrClient &client;
     const RemoteDevice device;
     std::atomic<uint32_t> features{0};
+    const FileNumbers numbers;
 };
 
 } // namespace fodr::agent

@@ -59,7 +59,7 @@ public:
     void DataChanged() { ++generation; }
 
 private:
-    static constexpr uint64_t kToEnd = UINT64_MAX; // the offset of an append, on the wire as well
+    static constexpr uint64_t kToEnd = RemoteShare::kEndOfFile; // the offset of an append
     static constexpr size_t kMostAppended = 1 << 20; // bytes of appends that go together
 
     struct Active {

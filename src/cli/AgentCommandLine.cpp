@@ -98,7 +98,11 @@ void AddAgentOptions(CLI::App *app, AgentCommandWords *words)
     app->add_flag("--drive-letters", words->driveLetters, "Take whole drives only, under their letters");
     app->add_flag("--allow-other", words->allowOther, "Let other users in");
     app->add_option("--cache-ms", words->cacheMS, "How long names and attributes are believed");
-    app->add_option("--io-timeout", words->ioTimeoutSeconds, "Seconds after which a request fails; 0: never");
+    app->add_option("--io-timeout", words->ioTimeoutSeconds,
+                    "Seconds after which a request fails; 0: never. Default: 10");
+    app->add_option("--linger", words->lingerSeconds,
+                    "Seconds that the mount stays without a connection, for the host to come back")
+        ->type_name("SECONDS");
     app->add_option("--share-wait-ms", words->shareWaitMS,
                     "How long to wait for the first share; 0: forever");
     app->add_option("--side-channel", words->sideChannel)->check(CLI::IsMember({"none", "tcp", "plugin"}));
@@ -125,6 +129,8 @@ bool AgentOptionsFrom(const AgentCommandWords &words, agent::AgentOptions *fille
     client.preRead = !words.noPreRead;
     client.multiEntryDirectoryQuery = !words.singleEntries;
     client.version = static_cast<uint16_t>(words.protocol.value_or(client.version));
+    options.lingerSeconds = words.lingerSeconds.value_or(0);
+    options.ownProcess = words.stdio;
     options.denyWriters = words.denyWriters;
     client.driveLetterMapping = words.driveLetters;
     client.sideChannelAddress = words.sideAddress;

@@ -6,6 +6,7 @@ namespace fodr::cli {
 namespace {
 
 constexpr int kConnectTimeoutMS = 10000;
+constexpr unsigned kLingerSeconds = 24 * 60 * 60; // that the mount over there waits for us
 constexpr char kLoopback[] = "127.0.0.1";
 
 } // namespace
@@ -36,6 +37,10 @@ std::vector<std::string> AgentStarter::AgentWords(const std::string &program,
         words.insert(words.end(), {"--side-channel", options->sideChannel});
     if (options->target.kind == AgentTarget::Kind::Local)
         words.insert(words.end(), {"--side-address", kLoopback});
+    else if (options->reconnect)
+        words.insert(words.end(), {"--linger", std::to_string(kLingerSeconds)});
+    if (options->ioTimeoutSeconds)
+        words.insert(words.end(), {"--io-timeout", std::to_string(*options->ioTimeoutSeconds)});
     words.insert(words.end(), options->agentWords.begin(), options->agentWords.end());
     words.insert(words.end(), {"--", mountPoint});
     return words;

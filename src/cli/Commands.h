@@ -24,6 +24,7 @@ struct ShareWords {
     std::string sideChannel;
     std::string sshCommand;
     std::string remoteProgram;
+    std::optional<unsigned> ioTimeoutSeconds;
     std::vector<std::string> agentWords;
     std::vector<std::string> command;
 };
@@ -44,7 +45,7 @@ struct AgentCommandWords {
     bool denyWriters = false;
     std::optional<unsigned> protocol, permission;
     bool allowOther = false;
-    std::optional<unsigned> cacheMS, ioTimeoutSeconds, shareWaitMS;
+    std::optional<unsigned> cacheMS, ioTimeoutSeconds, shareWaitMS, lingerSeconds;
     std::string sideChannel = "none";
     std::string sideAddress;
     std::string excludeRule, includeRule;

@@ -158,6 +158,7 @@ int CheckOptions(const ShareWords &words, ShareOptions *options)
         words.nameCase == "insensitive" ? host::NameCase::Insensitive : host::NameCase::Sensitive;
     options->plugin.linksOutside = words.linksOutside;
     options->sideChannel = words.sideChannel;
+    options->ioTimeoutSeconds = words.ioTimeoutSeconds;
     options->agentWords = words.agentWords;
     options->command = words.command;
     options->sshWords = SplitWords(words.sshCommand);

@@ -4,6 +4,7 @@
 #include "host/PrivateSettings.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -58,12 +59,13 @@ struct ShareOptions {
     bool reconnect = false;
     bool verbose = false;
     host::PluginWishes plugin;
-    std::string token;                   // both ends know it; empty: none was agreed
-    std::string sideChannel;             // as the agent's option: none, tcp, plugin
-    std::vector<std::string> agentWords; // put on the agent's command line as they are
-    std::vector<std::string> sshWords;   // the program and its first arguments
-    std::string remoteProgram;           // fodr on the other machine
-    std::vector<std::string> command;    // to be run while the shares are there; empty: none
+    std::string token;                        // both ends know it; empty: none was agreed
+    std::string sideChannel;                  // as the agent's option: none, tcp, plugin
+    std::optional<unsigned> ioTimeoutSeconds; // the agent's; none: its default
+    std::vector<std::string> agentWords;      // put on the agent's command line as they are
+    std::vector<std::string> sshWords;        // the program and its first arguments
+    std::string remoteProgram;                // fodr on the other machine
+    std::vector<std::string> command;         // to be run while the shares are there; empty: none
     std::string pluginPath;
     std::string ownProgram; // this one
 };

@@ -33,6 +33,11 @@ FrameConnection::FrameConnection(std::unique_ptr<platform::ByteStream> byteStrea
 
 FrameConnection::~FrameConnection()
 {
+    Stop();
+}
+
+void FrameConnection::Stop()
+{
     Close("closed on this side");
     if (reader.joinable())
         reader.join();

@@ -41,6 +41,8 @@ public:
     FrameConnection &operator=(const FrameConnection &) = delete;
 
     void Start();
+    // What the destructor does, for a connection that others may still try to send over.
+    void Stop();
 
     // Off until it is set. May be set at any time; takes effect with the next wait.
     void SetKeepAlive(const KeepAlive &times);

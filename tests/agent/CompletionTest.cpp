@@ -207,10 +207,13 @@ TEST(RequestTable, TimeEndsWhatIsTimed)
     RequestTable table({});
     std::vector<nt::NTSTATUS> outcomes(3, nt::STATUS_PENDING);
     const auto add = [&](size_t which, bool timed) {
-        uint32_t id = 0;
-        EXPECT_TRUE(table.Add(
-            {.timed = timed}, [&outcomes, which](const IoResult &result) { outcomes[which] = result.status; },
-            &id));
+        DR_DEVICE_IOREQUEST request;
+        RequestTable::Passage passage;
+        EXPECT_EQ(table.Add(
+                      {.timed = timed}, &request, {},
+                      [&outcomes, which](const IoResult &result) { outcomes[which] = result.status; },
+                      &passage),
+                  nt::STATUS_PENDING);
     };
     add(0, true);
     add(1, false);

@@ -140,6 +140,32 @@ protected:
         plugin->Announce(kDevice, "docs");
         share = std::make_shared<RemoteShare>(*client, devices.Take());
     }
+    // A client that outlives its connections, with its share.
+    void StartOutliving(unsigned ioTimeoutSeconds = 1000000)
+    {
+        ClientOptions options;
+        options.ioTimeoutSeconds = ioTimeoutSeconds;
+        options.outlivesConnections = true;
+        Start(options);
+        client->OutliveConnections();
+        plugin->BringUp();
+        plugin->Announce(kDevice, "docs");
+        share = std::make_shared<RemoteShare>(*client, devices.Take());
+    }
+    void Lose()
+    {
+        plugin->Close();
+        losses.Take();
+    }
+    // The host is back, and its share under another number.
+    void ComeBack(uint32_t deviceId, const std::string &name = "docs")
+    {
+        auto [mine, theirs] = platform::MakeStreamPair();
+        plugin = std::make_unique<ScriptedPlugin>(std::move(theirs));
+        client->Reconnect(std::move(mine));
+        plugin->BringUp();
+        plugin->Announce(deviceId, name);
+    }
     // Not in the destructor: the client's last calls come to an observer that is still whole.
     void TearDown() override
     {
@@ -149,11 +175,15 @@ protected:
 
     void OnDeviceAdded(const RemoteDevice &device) override { devices.Put(device); }
     void OnDeviceRemoved(uint32_t deviceId) override { removed.Put(deviceId); }
+    void OnDeviceBack(const RemoteDevice &device) override { back.Put(device); }
     void OnGoodbye(const std::string &) override {}
+    void OnLost(ChannelEnd end, const std::string &) override { losses.Put(end); }
     void OnEnded(ChannelEnd end, const std::string &reason) override { ends.Put({end, reason}); }
 
     Mailbox<RemoteDevice> devices;
+    Mailbox<RemoteDevice> back;
     Mailbox<uint32_t> removed;
+    Mailbox<ChannelEnd> losses;
     Mailbox<std::pair<ChannelEnd, std::string>> ends;
     std::unique_ptr<ScriptedPlugin> plugin;
     std::unique_ptr<RdpdrClient> client;

@@ -46,7 +46,7 @@ class NetworkCase(unittest.TestCase):
         self.assertEqual((self.mount / "greeting").read_text(), "hello")
 
 
-class Ssh(NetworkCase):
+class SshCase(NetworkCase):
     """sshd with a key of the test's own, for the user who runs it."""
 
     def setUp(self):
@@ -90,6 +90,14 @@ class Ssh(NetworkCase):
         wait_for(found, "ssh")
         return pids[0]
 
+    def usable(self):
+        try:
+            return (self.mount / "greeting").read_text() == "hello"
+        except OSError:
+            return False
+
+
+class Ssh(SshCase):
     def test_the_folder_appears_on_the_other_machine_and_leaves_with_the_command(self):
         with self.share(*self.to()):
             self.assert_usable()
@@ -114,12 +122,6 @@ class Ssh(NetworkCase):
                 wait_for(lambda: share.log().count("is mounted at") >= 1 and self.usable(), "the share again")
                 self.assert_usable()
 
-    def usable(self):
-        try:
-            return (self.mount / "greeting").read_text() == "hello"
-        except OSError:
-            return False
-
     def test_what_is_wrong_is_said_in_one_sentence(self):
         stopped = free_port()
         cases = [
@@ -133,7 +135,7 @@ class Ssh(NetworkCase):
             self.assertNotIn("Traceback", done.stderr)
 
 
-class Tcp(NetworkCase):
+class TcpCase(NetworkCase):
     def agent(self, *words):
         process = subprocess.Popen([FODR, "agent", *map(str, words)], env=self.scratch.environment,
                                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
@@ -144,6 +146,8 @@ class Tcp(NetworkCase):
         self.addCleanup(stop)
         return process
 
+
+class Tcp(TcpCase):
     def test_an_agent_that_listens_and_one_that_connects(self):
         port = free_port()
         token = self.scratch.root / "token"

@@ -6,18 +6,22 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 
 namespace fodr::agent {
 namespace {
 
 constexpr int kForever = -1;
+constexpr int kShareReturnMS = 30000;                 // for the other shares of a host that is back
 constexpr auto kWritesTime = std::chrono::seconds(5); // for what is on its way when the agent ends
 
 void Say(const std::string &sentence)
@@ -34,26 +38,31 @@ FileSystem::Options FileSystemOptions(const AgentOptions &options)
 }
 
 // Blocks the signals that end the agent and gives a descriptor to wait for them; -1 without.
-int CatchSignals(bool wanted)
+int CatchSignals(const AgentOptions &options)
 {
     sigset_t pipe;
     sigemptyset(&pipe);
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-    if (!wanted)
+    if (!options.handleSignals)
         return -1;
     sigset_t ending;
     sigemptyset(&ending);
     for (int number : {SIGINT, SIGTERM, SIGHUP})
         sigaddset(&ending, number);
+    if (options.ownProcess) {
+        // A terminal that goes takes the connection along at most.
+        sigdelset(&ending, SIGHUP);
+        signal(SIGHUP, SIG_IGN);
+    }
     pthread_sigmask(SIG_BLOCK, &ending, nullptr);
     return signalfd(-1, &ending, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
 } // namespace
 
-AgentRun::AgentRun(const AgentOptions &agentOptions)
-    : options(agentOptions), files(FileSystemOptions(agentOptions))
+AgentRun::AgentRun(const AgentOptions &agentOptions, FrontLine frontLine)
+    : options(agentOptions), files(FileSystemOptions(agentOptions)), front(std::move(frontLine))
 {
     wakeEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 }
@@ -86,15 +95,39 @@ void AgentRun::OnReady()
 void AgentRun::OnDeviceAdded(const RemoteDevice &device)
 {
     const auto share = std::make_shared<RemoteShare>(*client, device);
-    FileSystem::AskFeatures(share, [this, share] {
-        const std::string &name = share->Device().name;
-        if (files.AddShare(share))
-            client->Channel().SendNotice(transport::NoticeKind::ShareReady, name);
-        else
-            client->Channel().SendNotice(transport::NoticeKind::Warning,
-                                         name + ": isn't shown, the mount is taken by another share");
-        WakeUp();
-    });
+    FileSystem::AskFeatures(share, [this, share] { ShowShare(share); });
+}
+
+void AgentRun::ShowShare(const std::shared_ptr<RemoteShare> &share)
+{
+    const RemoteDevice &device = share->Device();
+    bool added = files.AddShare(share);
+    if (!added) {
+        // Its place may be that of a share which hasn't come back.
+        const bool single = options.layout == MountLayout::Single;
+        client->DropMissingShares(single ? std::string_view{} : device.name);
+        added = files.AddShare(share);
+    }
+    if (added)
+        return NoteShown(device);
+    client->Channel()->SendNotice(transport::NoticeKind::Warning,
+                                  device.name + ": isn't shown, the mount is taken by another share");
+    WakeUp();
+}
+
+void AgentRun::OnDeviceBack(const RemoteDevice &device)
+{
+    NoteShown(device);
+}
+
+void AgentRun::NoteShown(const RemoteDevice &device)
+{
+    client->Channel()->SendNotice(transport::NoticeKind::ShareReady, device.name);
+    {
+        const transport::MutexLock held(lock);
+        shown = true;
+    }
+    WakeUp();
 }
 
 void AgentRun::OnDeviceRemoved(uint32_t deviceId)
@@ -107,6 +140,17 @@ void AgentRun::OnGoodbye(const std::string &)
     {
         const transport::MutexLock held(lock);
         goodbye = true;
+    }
+    WakeUp();
+}
+
+void AgentRun::OnLost(ChannelEnd end, const std::string &reason)
+{
+    {
+        const transport::MutexLock held(lock);
+        lost = true;
+        channelEnd = end;
+        endReason = reason;
     }
     WakeUp();
 }
@@ -124,50 +168,67 @@ void AgentRun::OnEnded(ChannelEnd end, const std::string &reason)
 
 // ---- The run ----
 
-AgentRun::Event AgentRun::WaitFor(bool forShare, int timeoutMS)
+AgentRun::Event AgentRun::WhatHappened(Until until)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMS);
+    const transport::MutexLock held(lock);
+    if (ended)
+        return Event::Ended;
+    if (unmounted)
+        return Event::Unmounted;
+    if (goodbye)
+        return Event::Goodbye;
+    if (until == Until::Successor)
+        return successor || nextStream ? Event::Successor : Event::None;
+    if (lost)
+        return Event::Lost;
+    const bool folders = options.layout == MountLayout::Folders;
+    if (until == Until::Share && (folders ? ready : shown && files.HasShare()))
+        return Event::ShareCame;
+    return Event::None;
+}
+
+AgentRun::Event AgentRun::WaitFor(Until until, int timeoutMS)
+{
+    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMS);
     for (;;) {
-        {
-            const transport::MutexLock held(lock);
-            if (ended)
-                return Event::Ended;
-            if (unmounted)
-                return Event::Unmounted;
-            if (goodbye)
-                return Event::Goodbye;
-            const bool folders = options.layout == MountLayout::Folders;
-            if (forShare && (folders ? ready : files.HasShare()))
-                return Event::ShareCame;
-        }
-        int wait = timeoutMS;
+        if (const Event event = WhatHappened(until); event != Event::None)
+            return event;
+        int wait = SuccessorWaitMS();
         if (timeoutMS != kForever) {
-            const auto left = end - std::chrono::steady_clock::now();
-            wait = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(left).count());
-            if (wait <= 0)
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+            if (left.count() <= 0)
                 return Event::TimedOut;
+            const int rest = static_cast<int>(std::min<int64_t>(left.count() + 1, INT_MAX));
+            wait = wait == kForever ? rest : std::min(wait, rest);
         }
-        pollfd waits[] = {{wakeEvent, POLLIN, 0}, {signals, POLLIN, 0}};
-        poll(waits, 2, wait);
+        pollfd waits[] = {{wakeEvent, POLLIN, 0},
+                          {signals, POLLIN, 0},
+                          {handOver ? handOver->Descriptor() : -1, POLLIN, 0},
+                          {front.Descriptor(), POLLIN, 0}};
+        poll(waits, std::size(waits), wait);
         uint64_t count;
         if (waits[0].revents && read(wakeEvent, &count, sizeof(count)) < 0 && errno != EAGAIN)
             return Event::Ended;
-        if (waits[1].revents)
+        if (waits[1].revents || (waits[3].revents && front.TakeEndWish()))
             return Event::Signal;
+        if (waits[2].revents)
+            TakeSuccessor();
+        RefuseOverdue();
     }
 }
 
 int AgentRun::Fail(AgentExit result, const std::string &sentence)
 {
     Say(sentence);
-    client->Channel().SendNotice(transport::NoticeKind::Error, sentence);
-    client->Channel().Close("the agent has ended");
+    client->Channel()->SendNotice(transport::NoticeKind::Error, sentence);
+    client->Channel()->Close("the agent has ended");
     return result;
 }
 
 int AgentRun::Run(std::unique_ptr<platform::ByteStream> stream)
 {
-    signals = CatchSignals(options.handleSignals);
+    signals = CatchSignals(options);
+    options.client.outlivesConnections = PrepareToLinger();
     int result;
     {
         RdpdrClient connected(std::move(stream), options.client, this);
@@ -175,7 +236,10 @@ int AgentRun::Run(std::unique_ptr<platform::ByteStream> stream)
         client->Start();
         result = RunConnected();
     } // what still waits is answered here
+    EndNextStream();
     session.reset();
+    handOver.reset();
+    front.SayLastExit(result);
     return result;
 }
 
@@ -189,12 +253,34 @@ int AgentRun::RunConnected()
         free(resolved);
     }
     const int patience = options.shareWaitMS == 0 ? kForever : static_cast<int>(options.shareWaitMS);
-    const Event came = WaitFor(true, patience);
+    const Event came = WaitFor(Until::Share, patience);
     if (came != Event::ShareCame)
         return EndedBeforeMount(came);
     if (!MountNow())
         return AGENT_MOUNT_FAILED;
-    return TakeDown(WaitFor(false, kForever));
+    if (options.client.outlivesConnections)
+        client->OutliveConnections();
+    return TakeDown(Serve());
+}
+
+// Until something ends it all.
+AgentRun::Event AgentRun::Serve()
+{
+    int shareTimeMS = kForever;
+    for (;;) {
+        Event event = WaitFor(Until::Loss, shareTimeMS);
+        shareTimeMS = kForever;
+        if (event == Event::TimedOut) {
+            client->DropMissingShares();
+            continue;
+        }
+        if (event != Event::Lost)
+            return event;
+        event = Linger();
+        if (event != Event::ShareCame)
+            return event;
+        shareTimeMS = kShareReturnMS;
+    }
 }
 
 bool AgentRun::MountNow()
@@ -215,7 +301,7 @@ bool AgentRun::MountNow()
         }
         WakeUp();
     });
-    client->Channel().SendNotice(transport::NoticeKind::Mounted, options.mountPoint);
+    client->Channel()->SendNotice(transport::NoticeKind::Mounted, options.mountPoint);
     return true;
 }
 
@@ -224,7 +310,7 @@ int AgentRun::EndedBeforeMount(Event event)
     switch (event) {
     case Event::Signal:
     case Event::Goodbye:
-        client->Channel().Close("the agent was asked to end");
+        client->Channel()->Close("the agent was asked to end");
         return AGENT_ENDED;
     case Event::TimedOut:
         return Fail(AGENT_REFUSED, "no share was announced in " + std::to_string(options.shareWaitMS / 1000) +
@@ -246,7 +332,7 @@ void AgentRun::WaitForWrites()
     while (files.HasWritesInFlight() && std::chrono::steady_clock::now() < end) {
         {
             const transport::MutexLock held(lock);
-            if (ended)
+            if (ended || lost)
                 return;
         }
         pollfd wait = {wakeEvent, POLLIN, 0};
@@ -258,7 +344,7 @@ int AgentRun::TakeDown(Event event)
 {
     int result = AGENT_ENDED;
     std::string remark;
-    if (event == Event::Ended) {
+    if (event == Event::Ended || event == Event::Lost) {
         const transport::MutexLock held(lock);
         Say("the connection ended: " + endReason);
         if (channelEnd != ChannelEnd::Goodbye)
@@ -266,21 +352,39 @@ int AgentRun::TakeDown(Event event)
     }
     if (event != Event::Unmounted && Unmount(options.mountPoint, &remark) != UnmountOutcome::Unmounted) {
         Say(remark);
-        client->Channel().SendNotice(transport::NoticeKind::Warning, remark);
+        client->Channel()->SendNotice(transport::NoticeKind::Warning, remark);
         if (result == AGENT_ENDED)
             result = AGENT_BUSY;
         WaitForWrites();
     }
     session->Stop();
     files.Clear();
-    client->Channel().SendNotice(transport::NoticeKind::Unmounted, options.mountPoint);
-    client->Channel().Close("the agent has unmounted");
+    client->Channel()->SendNotice(transport::NoticeKind::Unmounted, options.mountPoint);
+    client->Channel()->Close("the agent has unmounted");
     return result;
 }
 
 int RunAgent(std::unique_ptr<platform::ByteStream> stream, const AgentOptions &options)
 {
-    AgentRun run(options);
+    int ends[2];
+    if (options.lingerSeconds != 0 && options.ownProcess &&
+        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0) {
+        platform::Fd ours(ends[0]), theirs(ends[1]);
+        const pid_t child = fork();
+        if (child > 0) {
+            // The mount and its folder are the child's: nothing is cleaned up here.
+            theirs.Reset(-1);
+            stream.reset();
+            _exit(FrontLine::AwaitExit(std::move(ours)));
+        }
+        ours.Reset(-1);
+        if (child == 0) {
+            setsid();
+            AgentRun run(options, FrontLine(std::move(theirs)));
+            return run.Run(std::move(stream));
+        }
+    }
+    AgentRun run(options, FrontLine());
     return run.Run(std::move(stream));
 }
 

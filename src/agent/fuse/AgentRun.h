@@ -4,16 +4,20 @@
 #include "agent/Agent.h"
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/FuseSession.h"
+#include "agent/fuse/HandOver.h"
 
-#include <condition_variable>
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
 
 namespace fodr::agent {
 
 class AgentRun final : private IClientObserver {
 public:
-    explicit AgentRun(const AgentOptions &agentOptions);
+    // `frontLine` leads to the process that was started, when this one isn't that.
+    AgentRun(const AgentOptions &agentOptions, FrontLine frontLine);
     ~AgentRun();
 
     // One AgentExit.
@@ -21,22 +25,43 @@ public:
 
 private:
     // Why the wait is over.
-    enum class Event { None, Signal, Unmounted, Goodbye, Ended, ShareCame, TimedOut };
+    enum class Event { None, Signal, Unmounted, Goodbye, Ended, Lost, ShareCame, Successor, TimedOut };
+    // What ends a wait, beside the ends that every wait has.
+    enum class Until { Loss, Share, Successor };
+    using Clock = std::chrono::steady_clock;
 
     void OnReady() override;
     void OnDeviceAdded(const RemoteDevice &device) override;
     void OnDeviceRemoved(uint32_t deviceId) override;
+    void OnDeviceBack(const RemoteDevice &device) override;
     void OnGoodbye(const std::string &reason) override;
+    void OnLost(ChannelEnd end, const std::string &reason) override;
     void OnEnded(ChannelEnd end, const std::string &reason) override;
 
     void WakeUp();
-    Event WaitFor(bool forShare, int timeoutMS);
+    Event WhatHappened(Until until);
+    Event WaitFor(Until until, int timeoutMS);
+    void ShowShare(const std::shared_ptr<RemoteShare> &share);
+    void NoteShown(const RemoteDevice &device);
     int RunConnected();
+    Event Serve();
     int Fail(AgentExit result, const std::string &sentence);
     bool MountNow();
     int EndedBeforeMount(Event event);
     int TakeDown(Event event);
     void WaitForWrites();
+
+    // AgentRunLinger.cpp
+    bool PrepareToLinger();
+    Event Linger();
+    Event GoOn(std::unique_ptr<platform::ByteStream> stream);
+    void LeaveConnection();
+    void TakeSuccessor();
+    void RefuseOverdue();
+    int SuccessorWaitMS() const;
+    std::unique_ptr<platform::ByteStream> TakeNextStream();
+    void BeginNextStream();
+    void EndNextStream();
 
     AgentOptions options;
     FileSystem files;
@@ -45,10 +70,20 @@ private:
     int wakeEvent = -1;
     int signals = -1;
 
+    FrontLine front;
+    std::unique_ptr<HandOverSocket> handOver;
+    std::optional<Successor> successor; // waits for the present connection's end
+    Clock::time_point successorLimit{};
+    std::thread nextThread; // while there is no connection
+
     transport::Mutex lock;
     bool ready GUARDED_BY(lock) = false;
     bool goodbye GUARDED_BY(lock) = false;
     bool unmounted GUARDED_BY(lock) = false;
+    bool shown GUARDED_BY(lock) = false; // a share of this connection is in the mount
+    bool lost GUARDED_BY(lock) = false;  // and nothing has come for the connection yet
+    std::unique_ptr<platform::ByteStream> nextStream GUARDED_BY(lock);
+    bool nextWanted GUARDED_BY(lock) = false;
     bool ended GUARDED_BY(lock) = false;
     ChannelEnd channelEnd GUARDED_BY(lock) = ChannelEnd::Lost;
     std::string endReason GUARDED_BY(lock);

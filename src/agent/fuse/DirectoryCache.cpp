@@ -1,5 +1,6 @@
 #include "agent/fuse/DirectoryCache.h"
 
+#include "agent/AgentStatus.h"
 #include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
 

@@ -183,7 +183,7 @@ private:
 
     // FileSystemOpen.cpp
     uint64_t KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
-                      uint32_t access);
+                      uint32_t access, bool isNew = false);
     uint32_t AccessOf(int flags, const RemoteShare &share) const;
     Task<IoResult> OpenAt(const Place &place, const RemoteShare::CreateCall &open); // which outlive the wait
     Task<IoResult> OpenNode(NodePtr node, Place place, RemoteShare::CreateCall open);

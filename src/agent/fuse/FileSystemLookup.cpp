@@ -135,7 +135,8 @@ Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string nam
     const bool isFolder = co_await AwaitChecked(directory);
     if (!isFolder)
         co_return NotFound(nt::STATUS_OBJECT_PATH_NOT_FOUND);
-    if (found.status == nt::STATUS_INVALID_HANDLE || found.status == nt::STATUS_CANCELLED) {
+    if (found.status == nt::STATUS_INVALID_HANDLE || found.status == nt::STATUS_CANCELLED ||
+        found.status == STATUS_FILE_INVALID) {
         directories.Drop(parent);
         *decided = false;
     }

@@ -1,5 +1,6 @@
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/Fuse.h"
+#include "agent/fuse/NodeReopen.h"
 #include "agent/fuse/RemoteCalls.h"
 #include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
@@ -45,7 +46,7 @@ uint32_t FileSystem::AccessOf(int flags, const RemoteShare &share) const
 
 // The number by which the kernel names the open file.
 uint64_t FileSystem::KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
-                              uint32_t access)
+                              uint32_t access, bool isNew)
 {
     auto file = std::make_shared<OpenFile>();
     file->node = node;
@@ -59,6 +60,7 @@ uint64_t FileSystem::KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteS
     if (file->readable)
         file->readAhead = std::make_shared<ReadAhead>(share, fileId, writes, readWindow);
     node->opens.Add(file);
+    RememberNode(*share, fileId, table, node, isNew);
     return openFiles.Keep(std::move(file));
 }
 
@@ -365,7 +367,7 @@ Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string n
         writes->DataChanged();
     node->NoteFacts(facts);
     node->NoteOwnChange();
-    const uint64_t handle = KeepOpen(node, place.share, fileId, access);
+    const uint64_t handle = KeepOpen(node, place.share, fileId, access, isNew);
     // Its times are this machine's guess: they hold until somebody asks.
     if (!call->Created(AnswerFor(parent, node, facts, false, asked), handle, CachingOf(flags))) {
         table.Forget(node->id, 1);

@@ -13,4 +13,10 @@ int RunAgent(std::unique_ptr<platform::ByteStream> stream, const AgentOptions &)
     return AGENT_MOUNT_FAILED;
 }
 
+std::optional<int> HandOver(const AgentOptions &,
+                            const std::function<std::unique_ptr<platform::ByteStream>()> &)
+{
+    return std::nullopt;
+}
+
 } // namespace fodr::agent

@@ -136,6 +136,9 @@ public:
             dup3(wakeFd.Get(), writeFd.Get(), O_CLOEXEC);
     }
 
+    int ReadEnd() const { return readFd.Get(); }
+    int WriteEnd() const { return writeFd.Valid() ? writeFd.Get() : readFd.Get(); }
+
     bool PeerIsThisUser() const override
     {
         ucred peer{};
@@ -145,8 +148,6 @@ public:
     }
 
 private:
-    int WriteEnd() const { return writeFd.Valid() ? writeFd.Get() : readFd.Get(); }
-
     ptrdiff_t ReadSocket(std::span<std::byte> buffer, int timeoutMS)
     {
         if (timeoutMS != receiveTimeoutMS) {
@@ -281,6 +282,16 @@ std::unique_ptr<ByteStream> MakeFdStream(Fd readEnd, Fd writeEnd)
     if (!wake.Valid() || !readEnd.Valid())
         return nullptr;
     return std::make_unique<FdStream>(std::move(readEnd), std::move(writeEnd), std::move(wake));
+}
+
+bool DescriptorsOf(const ByteStream &stream, int *readFd, int *writeFd)
+{
+    const auto *ours = dynamic_cast<const FdStream *>(&stream);
+    if (ours != nullptr) {
+        *readFd = ours->ReadEnd();
+        *writeFd = ours->WriteEnd();
+    }
+    return ours != nullptr;
 }
 
 std::unique_ptr<ByteStream> OpenStandardStream(std::string *error)

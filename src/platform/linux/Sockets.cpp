@@ -233,31 +233,43 @@ std::unique_ptr<StreamListener> ListenTcp(const std::string &address, uint16_t p
     return FailWithErrno(error);
 }
 
-std::unique_ptr<ByteStream> ConnectLocal(const std::string &path, std::string *error)
+Fd ConnectLocalSocket(const std::string &path, std::string *error)
 {
     LocalAddress address;
     Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!fd.Valid() || !address.Set(path) || connect(fd.Get(), address.Get(), sizeof(address.name)) != 0)
-        return FailWithErrno(error);
-    return MakeSocketStream(std::move(fd));
+    if (!fd.Valid() || !address.Set(path) || connect(fd.Get(), address.Get(), sizeof(address.name)) != 0) {
+        FailWithErrno(error);
+        return Fd();
+    }
+    return fd;
+}
+
+std::unique_ptr<ByteStream> ConnectLocal(const std::string &path, std::string *error)
+{
+    Fd fd = ConnectLocalSocket(path, error);
+    return fd.Valid() ? MakeSocketStream(std::move(fd)) : nullptr;
+}
+
+Fd ListenLocalSocket(const std::string &path, std::string *error)
+{
+    LocalAddress address;
+    Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    int result = fd.Valid() && address.Set(path) ? 0 : -1;
+    if (result == 0)
+        result = bind(fd.Get(), address.Get(), sizeof(address.name));
+    if (result != 0 && errno == EADDRINUSE && RemoveLeftOver(path))
+        result = bind(fd.Get(), address.Get(), sizeof(address.name));
+    // Nobody can connect before listen.
+    if (result == 0 && chmod(path.c_str(), S_IRUSR | S_IWUSR) == 0 && listen(fd.Get(), SOMAXCONN) == 0)
+        return fd;
+    FailWithErrno(error);
+    return Fd();
 }
 
 std::unique_ptr<StreamListener> ListenLocal(const std::string &path, std::string *error)
 {
-    LocalAddress address;
-    Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!fd.Valid() || !address.Set(path))
-        return FailWithErrno(error);
-    int result = bind(fd.Get(), address.Get(), sizeof(address.name));
-    if (result != 0 && errno == EADDRINUSE) {
-        if (!RemoveLeftOver(path))
-            return FailWithErrno(error);
-        result = bind(fd.Get(), address.Get(), sizeof(address.name));
-    }
-    // Nobody can connect before listen.
-    if (result != 0 || chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0 || listen(fd.Get(), SOMAXCONN) != 0)
-        return FailWithErrno(error);
-    return MakeListener(std::move(fd), path, error);
+    Fd fd = ListenLocalSocket(path, error);
+    return fd.Valid() ? MakeListener(std::move(fd), path, error) : nullptr;
 }
 
 } // namespace fodr::platform
