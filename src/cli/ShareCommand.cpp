@@ -58,8 +58,17 @@ fs::path Locate(const fs::path &given, std::error_code *error)
     return *error ? fs::path() : path;
 }
 
+// Of a path whose folder is canonical.
+bool LeadsOut(const fs::path &path)
+{
+    std::error_code error;
+    const fs::path folder = path.parent_path(), target = fs::canonical(path, error);
+    return error ||
+           std::mismatch(folder.begin(), folder.end(), target.begin(), target.end()).first != folder.end();
+}
+
 // A share for each folder that files are sent of, in the order in which they are first named.
-int AddFile(const std::string &given, std::vector<SharedFolder> *folders)
+int AddFile(const std::string &given, bool linksOutside, std::vector<SharedFolder> *folders)
 {
     std::error_code error;
     const fs::path path = Locate(given, &error);
@@ -72,6 +81,11 @@ int AddFile(const std::string &given, std::vector<SharedFolder> *folders)
                                                          : (fs::directory_iterator(path, error), !error);
     if (!readable)
         return Refuse(EXIT_FOLDER, "\"" + given + "\" can't be sent: it can't be read");
+    // The other side could see it, but not open it.
+    if (!linksOutside && LeadsOut(path))
+        return Refuse(EXIT_FOLDER, "\"" + given +
+                                       "\" can't be sent: it is a link that leads out of its folder, which " +
+                                       "only --links-outside allows");
     const std::string folder = path.parent_path().string();
     const std::string file = path.filename().string();
     for (SharedFolder &present : *folders) {
@@ -140,7 +154,7 @@ int CheckOptions(const ShareWords &words, ShareOptions *options)
         return Refuse(EXIT_USAGE,
                       "--name is for one folder, and " + std::to_string(words.folders.size()) + " are named");
     for (const std::string &folder : words.folders) {
-        const int code = words.sends ? AddFile(folder, &options->folders)
+        const int code = words.sends ? AddFile(folder, words.linksOutside, &options->folders)
                                      : AddFolder(folder, words.name, &options->folders);
         if (code != EXIT_DONE)
             return code;

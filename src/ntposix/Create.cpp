@@ -227,10 +227,11 @@ int FileCreator::TryOpen(int flags)
     const int quiet = flags & O_PATH ? 0 : O_NONBLOCK | O_NOCTTY;
     if (const int error = OpenPlace(*place, flags | quiet | NoFollow(), &opened->fd); error != 0)
         return error;
-    FileFacts facts;
-    if (const int error = StatDescriptor(opened->fd.Get(), &facts); error != 0)
-        return error;
-    if (facts.key != place->facts.key || facts.kind != place->facts.kind)
+    struct stat facts;
+    if (fstat(opened->fd.Get(), &facts) != 0)
+        return errno;
+    const FileKey key{facts.st_dev, facts.st_ino};
+    if (key != place->facts.key || (facts.st_mode & S_IFMT) != (place->facts.mode & S_IFMT))
         return ENOENT;
     opened->dataFd = (flags & O_PATH) == 0;
     return 0;

@@ -41,6 +41,8 @@ protected:
         EXPECT_EQ(Value("RedirectAll"), "....");
         EXPECT_EQ(Value("SharedFolders"), "-");
         EXPECT_EQ(Value("AllowedFolders"), allowed);
+        EXPECT_EQ(Value("caseSensitivity"), "\2...");
+        EXPECT_EQ(Value("linksOutside"), "....");
     }
 
     SettingsFixture user;
@@ -59,7 +61,7 @@ TEST_F(Settings, ShareWhatIsNamedAndNothingElse)
         {"no store", "", "-"},
         {"everything",
          kKey + "RedirectAll=dword:1\nSharedFolders=multi_sz:/etc;\nAllowedFolders=multi_sz:/;\n"
-                "logLevel=sz:DEBUG\n",
+                "caseSensitivity=dword:0\nlinksOutside=dword:1\nlogLevel=sz:DEBUG\n",
          "DEBUG."},
         {"not a store", "[[[\nnonsense", "-"},
     };
@@ -79,6 +81,15 @@ TEST_F(Settings, ShareWhatIsNamedAndNothingElse)
         settings.reset();
         EXPECT_FALSE(fs::exists(folder));
     }
+}
+
+TEST_F(Settings, TakeTheRulesOfTheRun)
+{
+    auto settings = host::PrivateSettings::Create(
+        folder, &error, {.nameCase = host::NameCase::Insensitive, .linksOutside = true});
+    ASSERT_TRUE(settings && settings->Allow({"/named"}, &error)) << error;
+    EXPECT_EQ(Value("caseSensitivity"), "\1...");
+    EXPECT_EQ(Value("linksOutside"), "\1...");
 }
 
 TEST_F(Settings, FollowTheUserExceptForWhatIsShared)

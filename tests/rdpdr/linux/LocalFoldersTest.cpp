@@ -53,6 +53,40 @@ TEST_F(LocalFolders, FilesOfTwoFoldersThatDifferInCaseStayApart)
     EXPECT_EQ(OpenedOf(manager, both, 65536), Strings{});
 }
 
+TEST_F(LocalFolders, NamesAndLinksGoByTheSettingsAtTheTimeOfTheShare)
+{
+    const std::string folder = Files("rules", {"Name"});
+    std::filesystem::create_symlink("../other", folder + "/link");
+    Files("other", {});
+    const struct {
+        uint32_t caseSensitivity, linksOutside;
+        nt::NTSTATUS open, openIf, link;
+    } rows[] = {
+        {0, 0, nt::STATUS_SUCCESS, nt::STATUS_SUCCESS, nt::STATUS_ACCESS_DENIED},
+        {1, 1, nt::STATUS_SUCCESS, nt::STATUS_OBJECT_NAME_COLLISION, nt::STATUS_SUCCESS},
+        {2, 0, nt::STATUS_OBJECT_NAME_NOT_FOUND, nt::STATUS_SUCCESS, nt::STATUS_ACCESS_DENIED},
+        {3, 2, nt::STATUS_SUCCESS, nt::STATUS_SUCCESS, nt::STATUS_SUCCESS},
+    };
+    for (const auto &row : rows) {
+        settings.SetNumber("caseSensitivity", row.caseSensitivity);
+        settings.SetNumber("linksOutside", row.linksOutside);
+        auto fresh = Fresh({VersionExchange(1)});
+        fresh->AddSharedFolder(folder, "c", false, 0, "");
+        settings.SetNumber("caseSensitivity", 0);
+        settings.SetNumber("linksOutside", 0);
+        const auto status = [&](const char16_t *path, uint32_t disposition) {
+            channel.TakePackets();
+            FeedTo(*fresh, Open(65535, path, disposition, 0));
+            return static_cast<nt::NTSTATUS>(StatusOf(channel.TakePackets().at(0)));
+        };
+        EXPECT_EQ(status(u"\\NAME", nt::FILE_OPEN), row.open) << row.caseSensitivity;
+        EXPECT_EQ(status(u"\\NAME", nt::FILE_OPEN_IF), row.openIf) << row.caseSensitivity;
+        EXPECT_EQ(status(u"\\link", nt::FILE_OPEN), row.link) << row.linksOutside;
+        EXPECT_EQ(std::filesystem::remove(folder + "/NAME"), row.caseSensitivity == 2);
+        fresh->Shutdown();
+    }
+}
+
 TEST_F(LocalFolders, TheMarkOfANamedFilesOriginIsReachedAndNotItsNeighbours)
 {
     LogOn(6);
