@@ -7,6 +7,7 @@
 #include "agent/RequestTable.h"
 #include "rdpdr/wire/IoRecords.h"
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <memory>
@@ -111,7 +112,12 @@ private:
     void SendRest();
     void CloseOrphan(uint32_t deviceId, uint32_t fileId);
     void ClockMain();
-    template <wire::Record Packet> void SendRecord(const Packet &packet);
+    template <wire::Record Packet> void SendRecord(const Packet &packet)
+    {
+        std::array<uint8_t, kWireEnd<Packet>> bytes;
+        StorePacket(packet, bytes.data());
+        Channel()->SendPacket(bytes);
+    }
 
     const ClientOptions options;
     IClientObserver *const observer;

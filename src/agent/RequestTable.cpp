@@ -20,7 +20,7 @@ nt::NTSTATUS RequestTable::Add(const Expected &expected, DR_DEVICE_IOREQUEST *re
     const transport::MutexLock guard(lock);
     if (ended || (freeSlots.empty() && slotCount >> kIndexBits != 0))
         return STATUS_CONNECTION_DISCONNECTED;
-    const DR_DEVICE_IOREQUEST original = *request;
+    const uint32_t fileId = request->FileId; // this side's
     bool sent = true;
     if (keeps) {
         const Found found = FindWay(expected, request, &passage->fileToReopen, &passage->letGo);
@@ -55,8 +55,8 @@ nt::NTSTATUS RequestTable::Add(const Expected &expected, DR_DEVICE_IOREQUEST *re
     timed += expected.timed;
     request->CompletionId = slot->generation << kIndexBits | index;
     if (keeps) {
-        slot->request = original;
-        slot->request.CompletionId = request->CompletionId;
+        slot->request = *request;
+        slot->request.FileId = fileId;
         if (largePayload.empty())
             slot->payload.assign(payload.begin(), payload.end());
         else

@@ -105,6 +105,27 @@ class Linger(network_job.SshCase):
             self.assertEqual(lines[:-1], appender.done)
         self.assertEqual(os.listdir(self.mount), [])
 
+    def test_large_files_cross_losses(self):
+        data = os.urandom(1 << 20)
+        count = 150
+        with self.start() as share:
+            def write():
+                with open(self.mount / "large", "wb", buffering=0) as file:
+                    for _ in range(count):
+                        file.write(data)
+
+            def read():
+                with open(self.mount / "large", "rb", buffering=0) as file:
+                    return all(file.read(len(data)) == data for _ in range(count))
+            for work in (write, read):
+                outcome = []
+                thread = threading.Thread(target=lambda: outcome.append(work()))
+                thread.start()
+                wait_for(self.lose(share), "the connection")
+                thread.join()
+                self.assertIn(outcome, ([None], [True]))
+        self.assertEqual((self.local / "large").read_bytes(), data * count)
+
     def test_another_file_is_not_written_to(self):
         (self.local / "log").write_text("old")
         with self.start() as share:
