@@ -35,8 +35,11 @@ public:
     const OpenFile &File() const { return base ? *base : *this; }
     // Of the share that the file was opened through: the device of its root, and whether its names differ by
     // case. No device where it was opened through none.
-    std::optional<dev_t> RootDevice() const { return std::nullopt; }
-    bool IsCaseSensitive() const { return false; }
+    std::optional<dev_t> RootDevice() const
+    {
+        return root ? std::optional<dev_t>(root->Key().device) : std::nullopt;
+    }
+    bool IsCaseSensitive() const { return root && root->Rules().names == nt::CaseRule::Exact; }
     // Facts of the file with the size of what is open. 0 or an errno.
     [[nodiscard]] int Stat(FileFacts *facts) const;
 

@@ -275,6 +275,8 @@ TEST_P(Roots, HaveARuleForCase)
             // The own name is no other's.
             EXPECT_EQ(In("s", "x\\Name", how).status, test.disposition == FILE_CREATE ? kMeets : kThere);
         }
+        EXPECT_EQ(Told<FILE_CASE_SENSITIVE_INFORMATION>(In("s", "x"), FileCaseSensitiveInformation).Flags,
+                  rule == CaseRule::Exact ? FILE_CS_FLAG_CASE_SENSITIVE_DIR : 0);
         EXPECT_EQ(In("s", "X\\y\\f").status,
                   rule == CaseRule::Exact ? STATUS_OBJECT_PATH_NOT_FOUND : STATUS_SUCCESS);
     }
