@@ -181,6 +181,7 @@ void DirectoryCache::Check(const NodePtr &node, const DirectoryHandlePtr &handle
 void DirectoryCache::Watch(const NodePtr &node, const DirectoryHandlePtr &handle,
                            Node::Clock::time_point from)
 {
+    node->forgottenWhileBusy = false;
     node->SetWatchedFrom(from);
     handle->Share().NotifyChange(
         handle->FileId(), kWatched, false,

@@ -153,6 +153,20 @@ void FileSystem::OnDirectoryLeft(const NodePtr &directory)
         ForgetInKernel(directory);
 }
 
+NodePtr FileSystem::Reach(const NodePtr &parent, const std::string &name, const FileFacts &facts,
+                          uint64_t fileId)
+{
+    std::vector<Node::Name> lost;
+    const NodePtr node = table.Reach(parent, name, KindOf(facts), fileId, facts.links, &lost);
+    for (const Node::Name &former : lost)
+        notifier.NameChanged(former.parent->id, former.text);
+    if (!lost.empty())
+        node->NoteRenamed(std::chrono::milliseconds(500));
+    else
+        node->NoteLookedUp();
+    return node;
+}
+
 void FileSystem::LoseName(const NodePtr &parent, const std::string &name, const NodePtr &node)
 {
     table.RemoveIf(parent, name, node);
@@ -266,7 +280,7 @@ Task<bool> FileSystem::LocateConfirmed(FuseCall::Ptr call, NodePtr parent, std::
     const Standing standing = co_await Confirm(parent);
     if (standing == Standing::Here)
         co_return LocateForChange(call, parent, name, place);
-    call->Fail(standing == Standing::Gone ? ENOENT : ESTALE);
+    call->Fail(ESTALE);
     co_return false;
 }
 

@@ -160,6 +160,8 @@ private:
     enum class Believing { WhatWasSeen, Nothing };
     Task<Standing> Confirm(NodePtr folder, Believing believing = Believing::WhatWasSeen);
     Task<bool> FindMoved(NodePtr folder);
+    // The node of what was found, with one more lookup.
+    NodePtr Reach(const NodePtr &parent, const std::string &name, const FileFacts &facts, uint64_t fileId);
     // The name doesn't lead to the node any more, which the kernel may not know.
     void LoseName(const NodePtr &parent, const std::string &name, const NodePtr &node);
     bool IsConfirmed(const NodePtr &parent, const NodePtr &node) const;
@@ -182,8 +184,9 @@ private:
                                     FileFacts *facts, bool *known);
 
     // FileSystemOpen.cpp
-    uint64_t KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
-                      uint32_t access, bool isNew = false);
+    OpenFilePtr NewOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
+                        uint32_t access);
+    uint64_t Keep(const OpenFilePtr &file, bool isNew = false);
     uint32_t AccessOf(int flags, const RemoteShare &share) const;
     Task<IoResult> OpenAt(const Place &place, const RemoteShare::CreateCall &open); // which outlive the wait
     Task<IoResult> OpenNode(NodePtr node, Place place, RemoteShare::CreateCall open);
@@ -200,7 +203,6 @@ private:
                        const std::shared_ptr<RemoteShare> &share, uint32_t fileId, uint32_t access,
                        const FileFacts &facts);
     bool FollowsLinks(const NodePtr &node, const Place &place) const;
-    void GiveUp(uint64_t handle);
     void PrimeReading(const OpenFilePtr &file);
     void CloseLater(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId);
 

@@ -114,6 +114,10 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
         call->Fail(EROFS);
         co_return;
     }
+    if (!handle && node->MustBeLookedUp()) {
+        call->Fail(ESTALE);
+        co_return;
+    }
     if (node->kind == NodeKind::Link) { // what it leads to isn't meant
         call->Fail(EOPNOTSUPP);
         co_return;

@@ -139,8 +139,7 @@ void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBu
         answer.attributes = StatOf(entry->facts, kUnknownInode, options.owner);
         const auto asked = open.listing->BegunAt();
         if (buffer->IsPlus() && !ChangedBySelf(open.node, entry->name, asked) && IsKnown(*open.listing, *entry)) {
-            const NodePtr node =
-                table.Reach(open.node, entry->name, KindOf(entry->facts), entry->facts.id);
+            const NodePtr node = Reach(open.node, entry->name, entry->facts, entry->facts.id);
             node->NoteFacts(entry->facts);
             node->NoteSeen(asked);
             answer = AnswerFor(open.node, node, entry->facts, true, asked);

@@ -314,14 +314,14 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
         if (known)
             table.RemoveIf(parent, name, known);
         const bool asWas = standing == Standing::Here && found.status != nt::STATUS_OBJECT_PATH_NOT_FOUND;
-        call->Fail(asWas || standing == Standing::Gone ? ENOENT : ESTALE);
+        call->Fail(asWas ? ENOENT : ESTALE);
         co_return;
     }
     if (known && found.facts.id != 0 && table.FileIdOf(known) == 0)
         co_await Identify(known);
     // Names that differ in case are different nodes, also where they lead to one file: a rename from one case
     // to another would be nothing to the kernel otherwise.
-    const NodePtr node = table.Reach(parent, name, KindOf(found.facts), found.NodeId());
+    const NodePtr node = Reach(parent, name, found.facts, found.NodeId());
     node->NoteFacts(found.facts);
     node->NoteSeen(found.asked);
     if (ahead)

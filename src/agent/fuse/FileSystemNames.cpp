@@ -114,10 +114,8 @@ Task<nt::NTSTATUS> FileSystem::RemoveFolder(NodePtr parent, std::string name, Pl
     const NodePtr node = table.Child(parent, name);
     if (place.share->Has(nt::FODR_HOST_POSIX_NAMES)) {
         const nt::NTSTATUS status = co_await RemoveAtOnce(place, node, true);
-        if (node && !nt::IsError(status)) {
-            node->EndListings();
+        if (node && !nt::IsError(status))
             directories.DropBelow(node, [] {});
-        }
         co_return status;
     }
     co_await ClearTheWay(node);

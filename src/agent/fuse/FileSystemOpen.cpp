@@ -44,9 +44,8 @@ uint32_t FileSystem::AccessOf(int flags, const RemoteShare &share) const
     return access;
 }
 
-// The number by which the kernel names the open file.
-uint64_t FileSystem::KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
-                              uint32_t access, bool isNew)
+OpenFilePtr FileSystem::NewOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share,
+                                uint32_t fileId, uint32_t access)
 {
     auto file = std::make_shared<OpenFile>();
     file->node = node;
@@ -59,9 +58,16 @@ uint64_t FileSystem::KeepOpen(const NodePtr &node, const std::shared_ptr<RemoteS
     const std::shared_ptr<WriteBehind> writes = node->Writes(writeWindow);
     if (file->readable)
         file->readAhead = std::make_shared<ReadAhead>(share, fileId, writes, readWindow);
-    node->opens.Add(file);
-    RememberNode(*share, fileId, table, node, isNew);
-    return openFiles.Keep(std::move(file));
+    return file;
+}
+
+// The number by which the kernel names the open file, which counts as one of the node's from now on.
+uint64_t FileSystem::Keep(const OpenFilePtr &file, bool isNew)
+{
+    file->node->opens.Add(file);
+    if (!file->lender)
+        RememberNode(*file->share, file->fileId, table, file->node, isNew);
+    return openFiles.Keep(file);
 }
 
 // A small file that is opened for reading is read: its bytes come while the kernel asks for its facts.
@@ -163,11 +169,10 @@ void FileSystem::OpenedAnother(const NodePtr &parent, const std::string &name,
 // One more open by a handle that is there.
 uint64_t FileSystem::Lend(const OpenFilePtr &lender)
 {
-    const uint64_t handle = KeepOpen(lender->node, lender->share, lender->fileId, lender->access);
-    const OpenFilePtr &file = openFiles.Of(handle);
+    const OpenFilePtr file = NewOpen(lender->node, lender->share, lender->fileId, lender->access);
     file->lender = lender;
     file->givenAway = true;
-    return handle;
+    return Keep(file);
 }
 
 // The open counts only once it is known what was opened.
@@ -176,7 +181,7 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
     Opening opening;
     const uint64_t known = table.FileIdOf(node);
     if (std::optional<OpenedAhead::Found> ahead = openedAhead.Take(place.share, known, access)) {
-        opening.handle = KeepOpen(node, place.share, ahead->handle, access);
+        opening.handle = Keep(NewOpen(node, place.share, ahead->handle, access));
         opening.facts = ahead->facts;
         co_return opening;
     }
@@ -194,19 +199,19 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
         const uint32_t fileId = opened.fileId;
         if (!opened.Failed()) {
             // A small file that is opened for reading is read: its bytes come while it is asked what was opened.
-            opening.handle = KeepOpen(node, place.share, fileId, access);
+            const OpenFilePtr file = NewOpen(node, place.share, fileId, access);
             if (!truncates)
-                PrimeReading(openFiles.Of(opening.handle));
+                PrimeReading(file);
             opening.status = co_await QueryFacts(*place.share, fileId, &opening.facts);
-            if (nt::IsError(opening.status)) {
-                Release(nullptr, opening.handle);
+            if (nt::IsError(opening.status))
                 co_return opening;
-            }
             if (known == 0)
                 table.SetFileId(node, opening.facts.id);
-            if (known == 0 || known == opening.facts.id)
+            if (known == 0 || known == opening.facts.id) {
+                opening.handle = Keep(file);
                 co_return opening;
-            GiveUp(opening.handle);
+            }
+            file->givenAway = true;
         } else if (!SaysAbsent(opening.status) && opening.status != nt::STATUS_FILE_IS_A_DIRECTORY) {
             co_return opening;
         }
@@ -252,6 +257,10 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         call->Fail(ESTALE);
         co_return;
     }
+    if (node->MustBeLookedUp()) {
+        call->Fail(ESTALE);
+        co_return;
+    }
     const bool truncates = (flags & O_TRUNC) != 0;
     if ((WantsWrite(flags) || truncates) && place.share->Device().IsReadOnly()) {
         call->Fail(EROFS);
@@ -270,7 +279,7 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
                                            : co_await OpenNode(node, place, open);
         opening.status = opened.status;
         if (!opened.Failed())
-            opening.handle = KeepOpen(node, place.share, opened.fileId, access);
+            opening.handle = Keep(NewOpen(node, place.share, opened.fileId, access));
     }
     if (nt::IsError(opening.status)) {
         // The kernel looks the name up again, and knows then.
@@ -309,14 +318,6 @@ bool FileSystem::FollowsLinks(const NodePtr &node, const Place &place) const
     std::string name;
     return !place.share->HasIds() || (place.share->Device().IsTagged() && table.ParentAndNameOf(node, &parent, &name) &&
                                       table.ShareRootOf(parent) == parent);
-}
-
-// The file was never open to the kernel; its handle goes elsewhere.
-void FileSystem::GiveUp(uint64_t handle)
-{
-    const OpenFilePtr file = openFiles.Drop(handle);
-    file->givenAway = true;
-    file->node->opens.Remove(file);
 }
 
 Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode, int flags)
@@ -367,7 +368,7 @@ Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string n
         writes->DataChanged();
     node->NoteFacts(facts);
     node->NoteOwnChange();
-    const uint64_t handle = KeepOpen(node, place.share, fileId, access, isNew);
+    const uint64_t handle = Keep(NewOpen(node, place.share, fileId, access), isNew);
     // Its times are this machine's guess: they hold until somebody asks.
     if (!call->Created(AnswerFor(parent, node, facts, false, asked), handle, CachingOf(flags))) {
         table.Forget(node->id, 1);

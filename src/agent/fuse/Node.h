@@ -126,6 +126,15 @@ struct Node {
     // The kernel was led here by a file that an open had come upon (OpenedAhead).
     void NoteAhead() { aheadAt = Clock::now().time_since_epoch().count(); }
     Clock::time_point AheadAt() const { return Clock::time_point(Clock::duration(aheadAt.load())); }
+    // The file was found under another name than it had. Who opens it meanwhile may have come by the old one: the
+    // kernel has to look again, and then comes by a name that it was just told of.
+    void NoteRenamed(Clock::duration span)
+    {
+        cameAgain = false;
+        renamedUntil = (Clock::now() + span).time_since_epoch().count();
+    }
+    void NoteLookedUp() { cameAgain = IsRenamed(); }
+    bool MustBeLookedUp() { return IsRenamed() && !cameAgain.exchange(false); }
     // Of a directory: when an answer about its entries was last given that only a notice would correct in time.
     void NoteLongAnswer() { longAnswerAt = Clock::now().time_since_epoch().count(); }
     Clock::time_point LongAnswerAt() const { return Clock::time_point(Clock::duration(longAnswerAt.load())); }
@@ -167,6 +176,12 @@ struct Node {
     NameGate gate; // of the names in a folder
 
 private:
+    bool IsRenamed() const
+    {
+        const Clock::rep until = renamedUntil;
+        return until != 0 && Clock::now().time_since_epoch().count() < until;
+    }
+
     mutable transport::Mutex factsLock;
     bool factsKnown GUARDED_BY(factsLock) = false;
     FileFacts facts GUARDED_BY(factsLock);
@@ -175,7 +190,8 @@ private:
     std::string target GUARDED_BY(factsLock);
     std::vector<std::weak_ptr<DirectoryListing>> listings GUARDED_BY(factsLock);
     std::atomic<Clock::rep> ownChange{0};
-    std::atomic<Clock::rep> seenAt{0}, aheadAt{0}, longAnswerAt{0};
+    std::atomic<Clock::rep> seenAt{0}, aheadAt{0}, longAnswerAt{0}, renamedUntil{0};
+    std::atomic<bool> cameAgain{false};
     std::atomic<Clock::rep> noticedAt{0};
     std::atomic<Clock::rep> watchedFrom{0};
 };

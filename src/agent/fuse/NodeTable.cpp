@@ -129,7 +129,8 @@ void NodeTable::RemoveAllNames(Node *node)
     }
 }
 
-NodePtr NodeTable::Reach(const NodePtr &parent, const std::string &name, NodeKind kind, uint64_t fileId)
+NodePtr NodeTable::Reach(const NodePtr &parent, const std::string &name, NodeKind kind, uint64_t fileId,
+                         uint32_t links, std::vector<Node::Name> *lost)
 {
     const MutexLock held(lock);
     NodePtr node;
@@ -152,6 +153,10 @@ NodePtr NodeTable::Reach(const NodePtr &parent, const std::string &name, NodeKin
         auto known = byFileId.find({share.get(), fileId});
         if (known != byFileId.end() && known->second->kind == kind) {
             node = nodes.at(known->second->id);
+            if (lost && (node->directory || node->names.size() >= links)) {
+                *lost = node->names;
+                RemoveAllNames(node.get());
+            }
             if (!AddName(node.get(), parent, name))
                 node = nullptr;
         }

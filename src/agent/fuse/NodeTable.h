@@ -25,7 +25,10 @@ public:
     NodePtr Child(const NodePtr &parent, const std::string &name) const;
     // The node of the file that the name leads to, made if need be, with one more lookup. `fileId` is 0 where
     // the file is known by its name alone. What the name led to before, if it was another file, loses the name.
-    NodePtr Reach(const NodePtr &parent, const std::string &name, NodeKind kind, uint64_t fileId);
+    // When the node has more names than the file has `links`, the earlier ones lead elsewhere: `*lost` gets
+    // them.
+    NodePtr Reach(const NodePtr &parent, const std::string &name, NodeKind kind, uint64_t fileId,
+                  uint32_t links = 0, std::vector<Node::Name> *lost = nullptr);
     // The same for a file that was made this moment, whose id isn't known yet.
     NodePtr ReachNew(const NodePtr &parent, const std::string &name, NodeKind kind);
     void Forget(uint64_t id, uint64_t lookups);
