@@ -107,8 +107,8 @@ Detached FileSystem::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t s
     }
 }
 
-// A listing without ids, of a host that has them, is of a share that names its files one by one. So is an entry of
-// which nothing but its name could be had.
+// A listing without ids, of a host that has them, is of a share that names its files one by one. So is an
+// entry of which nothing but its name could be had.
 bool FileSystem::IsKnown(const DirectoryListing &listing, const DirectoryListing::Entry &entry)
 {
     return !listing.HasIds() || entry.facts.id != 0;
@@ -138,7 +138,8 @@ void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBu
         EntryAnswer answer;
         answer.attributes = StatOf(entry->facts, kUnknownInode, options.owner);
         const auto asked = open.listing->BegunAt();
-        if (buffer->IsPlus() && !ChangedBySelf(open.node, entry->name, asked) && IsKnown(*open.listing, *entry)) {
+        if (buffer->IsPlus() && !ChangedBySelf(open.node, entry->name, asked) &&
+            IsKnown(*open.listing, *entry)) {
             const NodePtr node = Reach(open.node, entry->name, entry->facts, entry->facts.id);
             node->NoteFacts(entry->facts);
             node->NoteSeen(asked);

@@ -51,7 +51,6 @@ Detached FileSystem::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::s
     ReplyEntry(call, parent, node, facts, false, Node::Clock::now());
 }
 
-
 // The name is gone when this returns, whoever has the file open.
 Task<nt::NTSTATUS> FileSystem::RemoveAtOnce(Place place, NodePtr node, bool directory)
 {
@@ -160,9 +159,8 @@ Task<Nothing> FileSystem::ClearTheWay(NodePtr node)
     co_return Nothing{};
 }
 
-
-// As rename(2) does it, in one step of the other side's. The new folder is named by its handle, so that the file
-// can't land in another one.
+// As rename(2) does it, in one step of the other side's. The new folder is named by its handle, so that the
+// file can't land in another one.
 Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
 {
     RemoteShare &share = *moving.source.share;

@@ -1,6 +1,6 @@
 // A file or folder that the kernel knows. A node is a file of the other side, never a path: its names lead to
-// it, and a name that leads to another file leads to another node. Node numbers are never used again, so their
-// generation is always 0.
+// it, and a name that leads to another file leads to another node. Node numbers are never used again, so
+// their generation is always 0.
 #pragma once
 
 #include "agent/FileFacts.h"
@@ -39,8 +39,8 @@ struct OpenFile {
     bool readable = false;
     bool writable = false;
     bool changesBasics = false; // times and attributes can be set by it
-    bool givenAway = false; // the handle isn't this open's any more
-    bool released = false; // the kernel has closed it: counted by BeginClose already
+    bool givenAway = false;     // the handle isn't this open's any more
+    bool released = false;      // the kernel has closed it: counted by BeginClose already
     std::shared_ptr<WriteErrors> errors = std::make_shared<WriteErrors>();
     std::shared_ptr<ReadAhead> readAhead; // when readable
 
@@ -97,13 +97,13 @@ struct Node {
         NodePtr parent;
         std::string text;
     };
-    std::vector<Name> names; // the one that was seen last comes last; a directory has one at most
+    std::vector<Name> names;          // the one that was seen last comes last; a directory has one at most
     std::weak_ptr<Node> formerParent; // of the last name that it lost
     std::string formerName;
     std::u16string movedTo; // of a folder without a name: its path in the share, as its handle told; or empty
-    uint64_t fileId = 0;          // FileFacts::id; 0 when it isn't known
+    uint64_t fileId = 0;    // FileFacts::id; 0 when it isn't known
     std::shared_ptr<RemoteShare> shareOfId; // where the table finds it by its fileId
-    uint64_t lookups = 0;         // the kernel's count
+    uint64_t lookups = 0;                   // the kernel's count
     std::unordered_map<std::string, Node *> children;
     std::shared_ptr<RemoteShare> shareRoot; // of the node that stands for a share
 
@@ -126,8 +126,8 @@ struct Node {
     // The kernel was led here by a file that an open had come upon (OpenedAhead).
     void NoteAhead() { aheadAt = Clock::now().time_since_epoch().count(); }
     Clock::time_point AheadAt() const { return Clock::time_point(Clock::duration(aheadAt.load())); }
-    // The file was found under another name than it had. Who opens it meanwhile may have come by the old one: the
-    // kernel has to look again, and then comes by a name that it was just told of.
+    // The file was found under another name than it had. Who opens it meanwhile may have come by the old one:
+    // the kernel has to look again, and then comes by a name that it was just told of.
     void NoteRenamed(Clock::duration span)
     {
         cameAgain = false;
@@ -135,7 +135,8 @@ struct Node {
     }
     void NoteLookedUp() { cameAgain = IsRenamed(); }
     bool MustBeLookedUp() { return IsRenamed() && !cameAgain.exchange(false); }
-    // Of a directory: when an answer about its entries was last given that only a notice would correct in time.
+    // Of a directory: when an answer about its entries was last given that only a notice would correct in
+    // time.
     void NoteLongAnswer() { longAnswerAt = Clock::now().time_since_epoch().count(); }
     Clock::time_point LongAnswerAt() const { return Clock::time_point(Clock::duration(longAnswerAt.load())); }
     // Of a directory: when the other side last told of a change in it.
