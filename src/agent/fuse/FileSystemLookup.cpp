@@ -118,6 +118,8 @@ Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string nam
     }
     if (!directory) {
         *decided = found.status != nt::STATUS_ACCESS_DENIED && found.status != nt::STATUS_SHARING_VIOLATION;
+        if (SaysAbsent(found.status)) // the folder is
+            found.status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
         co_return found;
     }
     const std::u16string wanted = NtNameFromPosix(name);
@@ -243,7 +245,7 @@ Task<bool> FileSystem::FindMoved(NodePtr folder)
         rootPath.clear();
     if (path.size() <= rootPath.size() || !path.starts_with(rootPath) || path[rootPath.size()] != u'\\')
         co_return false; // it has left the share
-    table.SetMovedTo(folder, path.substr(rootPath.size()));
+    table.SetMovedTo(folder, share.shared_from_this(), path.substr(rootPath.size()));
     co_return true;
 }
 
@@ -511,6 +513,9 @@ Detached FileSystem::Access(FuseCall::Ptr call, uint64_t nodeId, int mask)
         call->Fail(ESTALE);
         co_return;
     }
+    // Who makes it the working directory stays in it, wherever the other side moves it: a handle tells.
+    if (node->directory && (mask & X_OK))
+        co_await AwaitDirectory(node);
     Place place;
     if ((mask & W_OK) && table.PlaceOf(node, &place)) {
         if (place.share->Device().IsReadOnly()) {

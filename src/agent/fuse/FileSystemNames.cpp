@@ -201,10 +201,11 @@ Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
         // What was moved was another file than the kernel knew of: it has to look at the new name.
         if (node && known != 0 && movedId != 0 && known != movedId) {
             table.Remove(moving.newParent, moving.newName);
-            notifier.NameChanged(moving.newParent->id, moving.newName);
         } else if (node) {
             node->NoteSeen(Node::Clock::now());
         }
+        // The kernel goes on believing the name for as long as it was told in the old folder.
+        notifier.NameChanged(moving.newParent->id, moving.newName);
         if (target)
             notifier.AttributesChanged(target->id); // it has a link less
     }

@@ -101,6 +101,7 @@ struct Node {
     std::weak_ptr<Node> formerParent; // of the last name that it lost
     std::string formerName;
     std::u16string movedTo; // of a folder without a name: its path in the share, as its handle told; or empty
+    std::shared_ptr<RemoteShare> movedShare;
     uint64_t fileId = 0;          // FileFacts::id; 0 when it isn't known
     std::shared_ptr<RemoteShare> shareOfId; // where the table finds it by its fileId
     uint64_t lookups = 0;         // the kernel's count
