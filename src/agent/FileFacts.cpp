@@ -20,7 +20,8 @@ constexpr size_t kEntryWithIdSize = offsetof(nt::FILE_BOTH_DIR_INFORMATION, File
 constexpr size_t kIds = offsetof(nt::FILE_BOTH_DIR_INFORMATION, ShortName);
 static_assert(kBasicSize == 36 && kStandardSize == 22 && kNetworkOpenSize == 52 && kEntrySize == 68);
 static_assert(kEntryWithIdSize == 94 && kIds == 70);
-static_assert(offsetof(nt::FILE_BOTH_DIR_INFORMATION, EaSize) == offsetof(nt::FILE_FULL_DIR_INFORMATION, EaSize));
+static_assert(offsetof(nt::FILE_BOTH_DIR_INFORMATION, EaSize) ==
+              offsetof(nt::FILE_FULL_DIR_INFORMATION, EaSize));
 
 // Of a record that begins with the layout of `Record`; at least `count` bytes are there.
 template <class Record> Record Load(ByteSpan bytes, size_t count)

@@ -25,7 +25,7 @@ struct FileFacts {
 
     bool IsDirectory() const;
     bool IsReadOnly() const;
-    bool IsSymbolicLink() const; // one that wasn't followed
+    bool IsSymbolicLink() const;               // one that wasn't followed
     void TakeIdentity(const FileFacts &other); // all that a handle's times and sizes leave out
     // Whether the file's content may be another: by its size and its times.
     bool SameContent(const FileFacts &other) const;
@@ -48,8 +48,8 @@ struct VolumeFacts {
 [[nodiscard]] bool ReadFullSizeInformation(ByteSpan record, VolumeFacts *facts);
 
 // Goes through the entries of a FileFullDirectoryInformation answer or, of a host that tells ids, of a
-// FileBothDirectoryInformation answer, which has them in the place of the short name. Entries may stand at any
-// address.
+// FileBothDirectoryInformation answer, which has them in the place of the short name. Entries may stand at
+// any address.
 class DirectoryReader {
 public:
     DirectoryReader(ByteSpan answer, bool hasIds) : rest(answer), ids(hasIds) {}

@@ -114,8 +114,7 @@ void WriteBehind::Send(const Target &target, uint64_t offset, ByteSpan bytes)
                         });
 }
 
-void WriteBehind::OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t begin,
-                           const IoResult &result)
+void WriteBehind::OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t begin, const IoResult &result)
 {
     Active done;
     std::vector<Queued> sendable;

@@ -45,8 +45,8 @@ public:
     // on: there is room for more, and if the bytes had to wait, they have been written.
     using Waiter = InlineFunction<void()>;
     void Write(const Target &target, uint64_t offset, ByteSpan bytes, Waiter accepted);
-    // The same at the end of the file, wherever that is by then: the other side finds it. One such request is on
-    // its way at a time, and nothing else of the file meanwhile; those that wait for it go together.
+    // The same at the end of the file, wherever that is by then: the other side finds it. One such request is
+    // on its way at a time, and nothing else of the file meanwhile; those that wait for it go together.
     void Append(const Target &target, ByteSpan bytes, Waiter accepted);
 
     // Calls the function when every write begun before has been acknowledged or has failed: all, or those
@@ -60,7 +60,7 @@ public:
 
 private:
     static constexpr uint64_t kToEnd = RemoteShare::kEndOfFile; // the offset of an append
-    static constexpr size_t kMostAppended = 1 << 20; // bytes of appends that go together
+    static constexpr size_t kMostAppended = 1 << 20;            // bytes of appends that go together
 
     struct Active {
         uint64_t end = 0;

@@ -170,7 +170,7 @@ int DirectoryScan::FactsOf(const char *name, unsigned char type, FileFacts *fact
 {
     const int error = StatAt(directory, name, Links::kDontFollow, facts);
     if (error != 0)
-        *facts = FactsOfType(DTTOIF(type));
+        *facts = FactsOfType(static_cast<mode_t>(DTTOIF(type)));
     ResolveId(rootDevice, facts);
     facts->attributes = CompleteAttributes(facts->attributes | HiddenByName(name));
     return error;

@@ -67,7 +67,8 @@ FILE_INTERNAL_INFORMATION Internal(const FileQuery &query)
     return {.IndexNumber = static_cast<int64_t>(query.facts.id)};
 }
 
-// From the root directory: the volume is the whole tree. A directory is told where it is now, whoever moved it.
+// From the root directory: the volume is the whole tree. A directory is told where it is now, whoever moved
+// it.
 std::u16string NameOf(const FileQuery &query)
 {
     const OpenFile &file = query.open.File();

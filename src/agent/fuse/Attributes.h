@@ -14,8 +14,8 @@ struct Owner {
     gid_t gid = 0;
 };
 
-// Folders are 0755, files 0755 or, read-only, 0555. The inode number is the other side's, where its host tells
-// ids; else `inode`.
+// Folders are 0755, files 0755 or, read-only, 0555. The inode number is the other side's, where its host
+// tells ids; else `inode`.
 struct stat StatOf(const FileFacts &facts, uint64_t inode, const Owner &owner);
 // Of a file with that id. The high bits are no part of it, but for files of another file system than their
 // share's.

@@ -1,7 +1,7 @@
 // Open folders, kept for a while: a name is looked up with one request on its folder's handle, and the same
-// handle tells when something in the folder changes. A handle belongs to the folder, not to its path. The number
-// of them is bounded, and with it the number of requests that wait at the other side. Any thread; handlers run
-// outside the lock.
+// handle tells when something in the folder changes. A handle belongs to the folder, not to its path. The
+// number of them is bounded, and with it the number of requests that wait at the other side. Any thread;
+// handlers run outside the lock.
 #pragma once
 
 #include "agent/fuse/NodeTable.h"
@@ -48,9 +48,9 @@ class DirectoryCache {
 public:
     static constexpr size_t kCapacity = 64;
 
-    // `onChange` is told of a folder in which something has changed, on any thread. While it gives false, it is
-    // told again after a while, which `later` waits for, and only then further changes are asked for; those in
-    // between the other side remembers.
+    // `onChange` is told of a folder in which something has changed, on any thread. While it gives false, it
+    // is told again after a while, which `later` waits for, and only then further changes are asked for;
+    // those in between the other side remembers.
     using ChangeHook = std::function<bool(const NodePtr &directory)>;
     // `onLeave` is told of a folder that isn't watched any more though nothing has changed in it.
     using LeaveHook = std::function<void(const NodePtr &directory)>;

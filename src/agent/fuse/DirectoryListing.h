@@ -23,8 +23,8 @@ public:
     };
     using Clock = std::chrono::steady_clock;
 
-    // Takes the folder's handle over, which was opened for this. `folderId` is the folder's own id, 0 where it
-    // isn't known: a listing of another folder fails with STATUS_OBJECT_PATH_NOT_FOUND.
+    // Takes the folder's handle over, which was opened for this. `folderId` is the folder's own id, 0 where
+    // it isn't known: a listing of another folder fails with STATUS_OBJECT_PATH_NOT_FOUND.
     DirectoryListing(NodePtr directory, std::shared_ptr<RemoteShare> remoteShare, uint32_t remoteFile,
                      bool rootOfShare, uint64_t folderId)
         : node(std::move(directory)), share(std::move(remoteShare)), fileId(remoteFile), ofRoot(rootOfShare),
@@ -51,8 +51,8 @@ public:
     void EndUnread();
     Clock::time_point BegunAt() const;
     bool HasIds() const { return share->HasIds(); }
-    // Whether the handle is open, and what it is. It stays so as long as the listing lives, where an open folder
-    // can be removed; else it is closed at the end.
+    // Whether the handle is open, and what it is. It stays so as long as the listing lives, where an open
+    // folder can be removed; else it is closed at the end.
     bool IsOpen() const;
     RemoteShare &Share() const { return *share; }
     uint32_t FileId() const { return fileId; }

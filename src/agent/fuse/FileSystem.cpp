@@ -13,8 +13,8 @@
 namespace fodr::agent {
 namespace {
 
-// A folder that this mount itself changes is busy: its notices don't tell who made a change, and taking each up
-// would cost more than the change. So the kernel believes little of such a folder, and notices wait.
+// A folder that this mount itself changes is busy: its notices don't tell who made a change, and taking each
+// up would cost more than the change. So the kernel believes little of such a folder, and notices wait.
 constexpr auto kBusySpan = std::chrono::seconds(1); // since the last change
 constexpr auto kLookAgain = std::chrono::milliseconds(250);
 // For how long the kernel believes what no notice would correct, in seconds.
@@ -130,8 +130,8 @@ void FileSystem::Clear()
 
 // ---- What the kernel is told ----
 
-// While the folder is busy it isn't watched, so that the kernel believes what it learns of it for a short time
-// only. What it learnt before that, it is told to forget once.
+// While the folder is busy it isn't watched, so that the kernel believes what it learns of it for a short
+// time only. What it learnt before that, it is told to forget once.
 bool FileSystem::OnDirectoryChanged(const NodePtr &directory)
 {
     const auto lately = Node::Clock::now() - kBusySpan;
@@ -261,6 +261,15 @@ bool FileSystem::LocateForChange(const FuseCall::Ptr &call, const NodePtr &paren
         return false;
     }
     return true;
+}
+
+Task<bool> FileSystem::FindPlaceAgain(NodePtr parent, std::string name, Place *place)
+{
+    const std::u16string tried = place->path;
+    if (!place->share->HasIds())
+        co_return false;
+    const Standing standing = co_await Confirm(parent, Believing::Nothing);
+    co_return standing == Standing::Here && table.PlaceIn(parent, name, place) && place->path != tried;
 }
 
 // A name is made in a folder: that the folder isn't there may be news to the kernel.

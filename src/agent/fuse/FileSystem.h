@@ -92,7 +92,7 @@ private:
     struct Found {
         nt::NTSTATUS status = nt::STATUS_SUCCESS;
         FileFacts facts;
-        bool exact = true; // else the name differs in case, and stands for a node of its own
+        bool exact = true;               // else the name differs in case, and stands for a node of its own
         Node::Clock::time_point asked{}; // when the other side was
         RecentNames::ToldPtr told;       // where it was found without asking; else null
 
@@ -133,6 +133,8 @@ private:
     bool ChangedBySelf(const NodePtr &parent, const std::string &name, Node::Clock::time_point asked) const;
     bool LocateForChange(const FuseCall::Ptr &call, const NodePtr &parent, const std::string &name,
                          Place *place) const;
+    // The place was absent: true when the folder turns out to be elsewhere, with the place there.
+    Task<bool> FindPlaceAgain(NodePtr parent, std::string name, Place *place);
     static void FailCreate(const FuseCall::Ptr &call, nt::NTSTATUS status);
     Task<bool> LocateConfirmed(FuseCall::Ptr call, NodePtr parent, std::string name, Place *place);
 
@@ -191,7 +193,7 @@ private:
     Task<IoResult> OpenAt(const Place &place, const RemoteShare::CreateCall &open); // which outlive the wait
     Task<IoResult> OpenNode(NodePtr node, Place place, RemoteShare::CreateCall open);
     Task<IoResult> OpenToRead(NodePtr node, Place place, RemoteShare::CreateCall open, FileFacts *facts);
-    struct Opening { // an open of a file that is known by its id
+    struct Opening {                              // an open of a file that is known by its id
         nt::NTSTATUS status = nt::STATUS_SUCCESS; // STATUS_FILE_DELETED: the kernel has to look again
         uint64_t handle = 0;
         FileFacts facts;

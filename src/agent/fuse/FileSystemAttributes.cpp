@@ -136,7 +136,7 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
     const auto asked = Node::Clock::now();
     Borrowed borrowed;
     Found found;
-    bool known = false; // the facts after the change
+    bool known = false;                      // the facts after the change
     std::shared_ptr<FactsUnderway> identity; // of what was opened for the change
     if (change.setSize || changesBasics) {
         borrowed = co_await BorrowHandle(node, file, change.setSize);
@@ -179,7 +179,8 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
     if (known) {
         GiveBack(node, borrowed);
         FileFacts last;
-        if (found.facts.id == 0 && (identity || node->LastFacts(&last))) // what came with the change lacks these
+        if (found.facts.id == 0 &&
+            (identity || node->LastFacts(&last))) // what came with the change lacks these
             found.facts.TakeIdentity(identity ? identity->facts : last);
         node->NoteFacts(found.facts);
     } else if (borrowed.share && !borrowed.file) {

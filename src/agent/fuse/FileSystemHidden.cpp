@@ -1,5 +1,5 @@
-// Removing and renaming towards hosts where a name stays as long as its file is open, as NT always did: what is
-// open is given a name that nobody is shown.
+// Removing and renaming towards hosts where a name stays as long as its file is open, as NT always did: what
+// is open is given a name that nobody is shown.
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"

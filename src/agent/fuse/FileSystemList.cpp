@@ -12,6 +12,8 @@ namespace {
 
 constexpr ino_t kUnknownInode = 0xFFFFFFFF; // as the library itself says it; 0 would mean a deleted entry
 
+constexpr auto kTurnedAway = std::chrono::milliseconds(50);
+
 // Another folder may have the name by now: the kernel finds it when it looks again.
 void FailListing(const FuseCall::Ptr &call, nt::NTSTATUS status)
 {
@@ -37,6 +39,10 @@ Detached FileSystem::OpenDirectory(FuseCall::Ptr call, uint64_t nodeId)
             FailListing(call, status);
             co_return;
         }
+        if (table.IsMoved(open->node) && open->node->TurnAway(kTurnedAway)) {
+            call->Fail(ESTALE);
+            co_return;
+        }
     }
     const uint64_t handle = openListings.Keep(std::move(open));
     if (!call->Opened(handle))
@@ -46,7 +52,8 @@ Detached FileSystem::OpenDirectory(FuseCall::Ptr call, uint64_t nodeId)
 Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
 {
     Place place;
-    if (!table.PlaceOf(open->node, &place))
+    if (!table.PlaceOf(open->node, &place) &&
+        (co_await Confirm(open->node, Believing::Nothing) != Standing::Here || !table.PlaceOf(open->node, &place)))
         co_return open->node == table.Root() ? nt::STATUS_DEVICE_REMOVED : nt::STATUS_OBJECT_PATH_NOT_FOUND;
     const RemoteShare::CreateCall create = {.desiredAccess = nt::FILE_LIST_DIRECTORY |
                                                              nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
@@ -107,8 +114,8 @@ Detached FileSystem::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t s
     }
 }
 
-// A listing without ids, of a host that has them, is of a share that names its files one by one. So is an entry of
-// which nothing but its name could be had.
+// A listing without ids, of a host that has them, is of a share that names its files one by one. So is an
+// entry of which nothing but its name could be had.
 bool FileSystem::IsKnown(const DirectoryListing &listing, const DirectoryListing::Entry &entry)
 {
     return !listing.HasIds() || entry.facts.id != 0;
@@ -138,7 +145,8 @@ void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBu
         EntryAnswer answer;
         answer.attributes = StatOf(entry->facts, kUnknownInode, options.owner);
         const auto asked = open.listing->BegunAt();
-        if (buffer->IsPlus() && !ChangedBySelf(open.node, entry->name, asked) && IsKnown(*open.listing, *entry)) {
+        if (buffer->IsPlus() && !ChangedBySelf(open.node, entry->name, asked) &&
+            IsKnown(*open.listing, *entry)) {
             const NodePtr node = Reach(open.node, entry->name, entry->facts, entry->facts.id);
             node->NoteFacts(entry->facts);
             node->NoteSeen(asked);

@@ -185,7 +185,7 @@ Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder, Believing believi
     std::vector<NodePtr> way = table.ParentsOf(folder);
     way.push_back(folder);
     if (!way[0]->shareRoot && !co_await FindMoved(way[0]))
-        co_return way[0] != folder && co_await FindMoved(folder) ? Standing::Here : Standing::Replaced;
+        co_return way[0] != folder &&co_await FindMoved(folder) ? Standing::Here : Standing::Replaced;
     for (size_t i = 1; i < way.size(); ++i) {
         const NodePtr &parent = way[i - 1], &node = way[i];
         if (believing == Believing::WhatWasSeen && IsConfirmed(parent, node))
@@ -215,7 +215,8 @@ Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder, Believing believi
     co_return Standing::Here;
 }
 
-// By the folder's own handle, if there is one: the other side tells the path of what is open, and of the share.
+// By the folder's own handle, if there is one: the other side tells the path of what is open, and of the
+// share.
 Task<bool> FileSystem::FindMoved(NodePtr folder)
 {
     const DirectoryHandlePtr kept = directories.Present(folder);
@@ -225,8 +226,8 @@ Task<bool> FileSystem::FindMoved(NodePtr folder)
     RemoteShare &share = kept ? kept->Share() : listing->Share();
     std::u16string path, rootPath;
     {
-        const IoResult told = co_await QueryFile(share, kept ? kept->FileId() : listing->FileId(),
-                                                 nt::FileNameInformation);
+        const IoResult told =
+            co_await QueryFile(share, kept ? kept->FileId() : listing->FileId(), nt::FileNameInformation);
         if (told.Failed() || !ReadNameInformation(told.data, &path))
             co_return false;
     }

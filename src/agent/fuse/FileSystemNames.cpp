@@ -2,6 +2,7 @@
 // FileSystemHidden.cpp.
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/StatusErrno.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
@@ -36,7 +37,9 @@ Detached FileSystem::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::s
                                             .createOptions = nt::FILE_DIRECTORY_FILE,
                                             .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
     parent->NoteOwnChange();
-    const IoResult made = co_await CreateFile(*place.share, create, place.path);
+    IoResult made = co_await CreateFile(*place.share, create, place.path);
+    if (SaysAbsent(made.status) && co_await FindPlaceAgain(parent, name, &place))
+        made = co_await CreateFile(*place.share, create, place.path);
     if (made.Failed()) {
         FailCreate(call, made.status);
         co_return;
@@ -50,7 +53,6 @@ Detached FileSystem::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::s
     facts.attributes = nt::FILE_ATTRIBUTE_DIRECTORY;
     ReplyEntry(call, parent, node, facts, false, Node::Clock::now());
 }
-
 
 // The name is gone when this returns, whoever has the file open.
 Task<nt::NTSTATUS> FileSystem::RemoveAtOnce(Place place, NodePtr node, bool directory)
@@ -80,6 +82,8 @@ Detached FileSystem::Unlink(FuseCall::Ptr call, uint64_t parentId, std::string n
     if (place.share->Has(nt::FODR_HOST_POSIX_NAMES)) {
         const NodePtr node = table.Child(parent, name);
         status = co_await RemoveAtOnce(place, node, false);
+        if (SaysAbsent(status) && co_await FindPlaceAgain(parent, name, &place))
+            status = co_await RemoveAtOnce(place, node, false);
         if (!nt::IsError(status)) {
             table.Remove(parent, name);
             if (node)
@@ -137,6 +141,8 @@ Detached FileSystem::RemoveDirectory(FuseCall::Ptr call, uint64_t parentId, std:
         co_return;
     parent->NoteOwnChange();
     nt::NTSTATUS status = co_await RemoveFolder(parent, name, place);
+    if (SaysAbsent(status) && co_await FindPlaceAgain(parent, name, &place))
+        status = co_await RemoveFolder(parent, name, place);
     const NodePtr node = table.Child(parent, name);
     if (status == nt::STATUS_DIRECTORY_NOT_EMPTY && node && co_await ClearLeftovers(node))
         status = co_await RemoveFolder(parent, name, place);
@@ -160,9 +166,8 @@ Task<Nothing> FileSystem::ClearTheWay(NodePtr node)
     co_return Nothing{};
 }
 
-
-// As rename(2) does it, in one step of the other side's. The new folder is named by its handle, so that the file
-// can't land in another one.
+// As rename(2) does it, in one step of the other side's. The new folder is named by its handle, so that the
+// file can't land in another one.
 Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
 {
     RemoteShare &share = *moving.source.share;
@@ -242,6 +247,8 @@ Detached FileSystem::Rename(FuseCall::Ptr call, uint64_t parentId, std::string n
     nt::NTSTATUS status;
     if (moving.source.share->Has(nt::FODR_HOST_POSIX_NAMES))
         status = co_await MoveAtOnce(moving, replace);
+        if (SaysAbsent(status) && co_await FindPlaceAgain(moving.parent, name, &moving.source))
+            status = co_await MoveAtOnce(moving, replace);
     else
         status = co_await Move(moving, replace);
     moving.parent->NoteOwnChange();

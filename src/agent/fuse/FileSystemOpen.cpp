@@ -110,8 +110,8 @@ Task<IoResult> FileSystem::OpenNode(NodePtr node, Place place, RemoteShare::Crea
         parent = node;
     const GateHold passed = co_await PassGate(parent, NameGate::Entry::Shared);
     IoResult opened = co_await OpenAt(place, open);
-    for (int i = 0; i < kMostWaits && opened.status == nt::STATUS_SHARING_VIOLATION && node->opens.IsClosing();
-         ++i) {
+    for (int i = 0;
+         i < kMostWaits && opened.status == nt::STATUS_SHARING_VIOLATION && node->opens.IsClosing(); ++i) {
         co_await AwaitCall(
             [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
         opened = co_await OpenAt(place, open);
@@ -157,12 +157,8 @@ void FileSystem::OpenedAnother(const NodePtr &parent, const std::string &name,
                                const FileFacts &facts)
 {
     directories.ForgetNames(parent);
-    openedAhead.Keep({.parent = parent,
-                      .name = name,
-                      .share = share,
-                      .handle = fileId,
-                      .access = access,
-                      .facts = facts});
+    openedAhead.Keep(
+        {.parent = parent, .name = name, .share = share, .handle = fileId, .access = access, .facts = facts});
     notifier.CallAt(Node::Clock::now() + 2 * OpenedAhead::kSpan, [this] { openedAhead.Purge(false); });
 }
 
@@ -179,6 +175,8 @@ uint64_t FileSystem::Lend(const OpenFilePtr &lender)
 Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int flags, uint32_t access)
 {
     Opening opening;
+    if (table.FileIdOf(node) == 0 && node->opens.IsOpen())
+        co_await Identify(node);
     const uint64_t known = table.FileIdOf(node);
     if (std::optional<OpenedAhead::Found> ahead = openedAhead.Take(place.share, known, access)) {
         opening.handle = Keep(NewOpen(node, place.share, ahead->handle, access));
@@ -198,7 +196,8 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
         opening.status = opened.status;
         const uint32_t fileId = opened.fileId;
         if (!opened.Failed()) {
-            // A small file that is opened for reading is read: its bytes come while it is asked what was opened.
+            // A small file that is opened for reading is read: its bytes come while it is asked what was
+            // opened.
             const OpenFilePtr file = NewOpen(node, place.share, fileId, access);
             if (!truncates)
                 PrimeReading(file);
@@ -218,10 +217,12 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
         // Another file, or none, has the name. Or its folder was moved, and the file with it.
         NodePtr parent;
         std::string name;
-        const bool named = table.ParentAndNameOf(node, &parent, &name) || table.FormerPlaceOf(node, &parent, &name);
+        const bool named =
+            table.ParentAndNameOf(node, &parent, &name) || table.FormerPlaceOf(node, &parent, &name);
         const Standing standing = named ? co_await Confirm(parent, Believing::Nothing) : Standing::Gone;
         Place now;
-        const bool moved = standing == Standing::Here && table.PlaceIn(parent, name, &now) && now.path != place.path;
+        const bool moved =
+            standing == Standing::Here && table.PlaceIn(parent, name, &now) && now.path != place.path;
         const bool lookedAgain = Node::Clock::now() - node->AheadAt() < OpenedAhead::kSpan;
         const OpenFilePtr lender = lookedAgain ? node->opens.AnyWith(access) : nullptr;
         if (!opened.Failed() && standing == Standing::Here && !moved && !lender)
@@ -316,8 +317,9 @@ bool FileSystem::FollowsLinks(const NodePtr &node, const Place &place) const
 {
     NodePtr parent;
     std::string name;
-    return !place.share->HasIds() || (place.share->Device().IsTagged() && table.ParentAndNameOf(node, &parent, &name) &&
-                                      table.ShareRootOf(parent) == parent);
+    return !place.share->HasIds() ||
+           (place.share->Device().IsTagged() && table.ParentAndNameOf(node, &parent, &name) &&
+            table.ShareRootOf(parent) == parent);
 }
 
 Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode, int flags)
@@ -338,7 +340,9 @@ Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string n
     if ((mode & S_IWUSR) == 0)
         create.fileAttributes = nt::FILE_ATTRIBUTE_READONLY;
     parent->NoteOwnChange();
-    const IoResult opened = co_await OpenAt(place, create);
+    IoResult opened = co_await OpenAt(place, create);
+    if (SaysAbsent(opened.status) && co_await FindPlaceAgain(parent, name, &place))
+        opened = co_await OpenAt(place, create);
     if (opened.Failed()) {
         FailCreate(call, opened.status);
         co_return;

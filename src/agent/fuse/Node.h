@@ -1,6 +1,6 @@
 // A file or folder that the kernel knows. A node is a file of the other side, never a path: its names lead to
-// it, and a name that leads to another file leads to another node. Node numbers are never used again, so their
-// generation is always 0.
+// it, and a name that leads to another file leads to another node. Node numbers are never used again, so
+// their generation is always 0.
 #pragma once
 
 #include "agent/FileFacts.h"
@@ -39,8 +39,8 @@ struct OpenFile {
     bool readable = false;
     bool writable = false;
     bool changesBasics = false; // times and attributes can be set by it
-    bool givenAway = false; // the handle isn't this open's any more
-    bool released = false; // the kernel has closed it: counted by BeginClose already
+    bool givenAway = false;     // the handle isn't this open's any more
+    bool released = false;      // the kernel has closed it: counted by BeginClose already
     std::shared_ptr<WriteErrors> errors = std::make_shared<WriteErrors>();
     std::shared_ptr<ReadAhead> readAhead; // when readable
 
@@ -97,14 +97,14 @@ struct Node {
         NodePtr parent;
         std::string text;
     };
-    std::vector<Name> names; // the one that was seen last comes last; a directory has one at most
+    std::vector<Name> names;          // the one that was seen last comes last; a directory has one at most
     std::weak_ptr<Node> formerParent; // of the last name that it lost
     std::string formerName;
     std::u16string movedTo; // of a folder without a name: its path in the share, as its handle told; or empty
     std::shared_ptr<RemoteShare> movedShare;
     uint64_t fileId = 0;          // FileFacts::id; 0 when it isn't known
     std::shared_ptr<RemoteShare> shareOfId; // where the table finds it by its fileId
-    uint64_t lookups = 0;         // the kernel's count
+    uint64_t lookups = 0;                   // the kernel's count
     std::unordered_map<std::string, Node *> children;
     std::shared_ptr<RemoteShare> shareRoot; // of the node that stands for a share
 
@@ -127,8 +127,8 @@ struct Node {
     // The kernel was led here by a file that an open had come upon (OpenedAhead).
     void NoteAhead() { aheadAt = Clock::now().time_since_epoch().count(); }
     Clock::time_point AheadAt() const { return Clock::time_point(Clock::duration(aheadAt.load())); }
-    // The file was found under another name than it had. Who opens it meanwhile may have come by the old one: the
-    // kernel has to look again, and then comes by a name that it was just told of.
+    // The file was found under another name than it had. Who opens it meanwhile may have come by the old one:
+    // the kernel has to look again, and then comes by a name that it was just told of.
     void NoteRenamed(Clock::duration span)
     {
         cameAgain = false;
@@ -136,7 +136,15 @@ struct Node {
     }
     void NoteLookedUp() { cameAgain = IsRenamed(); }
     bool MustBeLookedUp() { return IsRenamed() && !cameAgain.exchange(false); }
-    // Of a directory: when an answer about its entries was last given that only a notice would correct in time.
+    // Of a directory that was moved: who opens it by its old name has to look again, which ends with that. Who
+    // comes back at once has it open, or stands in it. True: this is the first try.
+    bool TurnAway(Clock::duration span)
+    {
+        const Clock::rep now = Clock::now().time_since_epoch().count();
+        return now - turnedAwayAt.exchange(now) > span.count();
+    }
+    // Of a directory: when an answer about its entries was last given that only a notice would correct in
+    // time.
     void NoteLongAnswer() { longAnswerAt = Clock::now().time_since_epoch().count(); }
     Clock::time_point LongAnswerAt() const { return Clock::time_point(Clock::duration(longAnswerAt.load())); }
     // Of a directory: when the other side last told of a change in it.
@@ -191,7 +199,8 @@ private:
     std::string target GUARDED_BY(factsLock);
     std::vector<std::weak_ptr<DirectoryListing>> listings GUARDED_BY(factsLock);
     std::atomic<Clock::rep> ownChange{0};
-    std::atomic<Clock::rep> seenAt{0}, aheadAt{0}, longAnswerAt{0}, renamedUntil{0};
+    std::atomic<Clock::rep> seenAt{0}, aheadAt{0}, longAnswerAt{0}, renamedUntil{0},
+        turnedAwayAt{0};
     std::atomic<bool> cameAgain{false};
     std::atomic<Clock::rep> noticedAt{0};
     std::atomic<Clock::rep> watchedFrom{0};

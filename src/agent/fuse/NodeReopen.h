@@ -5,8 +5,8 @@
 
 namespace fodr::agent {
 
-// For a handle that was just opened. The table outlives it. Of a new file the id is asked for; nobody waits for
-// that.
+// For a handle that was just opened. The table outlives it. Of a new file the id is asked for; nobody waits
+// for that.
 void RememberNode(RemoteShare &share, uint32_t fileId, NodeTable &table, const NodePtr &node, bool isNew);
 
 } // namespace fodr::agent

@@ -38,8 +38,8 @@ std::shared_ptr<RemoteShare> NodeTable::ShareOf(const Node *node) const
     return node->shareRoot ? node->shareRoot : node->movedShare;
 }
 
-// A file that was made by this mount is known by its name alone until its id is told. While nobody has it open
-// it doesn't matter which file it is taken for.
+// A file that was made by this mount is known by its name alone until its id is told. While nobody has it
+// open it doesn't matter which file it is taken for.
 bool NodeTable::Fits(Node *node, NodeKind kind, uint64_t fileId)
 {
     if (node->kind != kind)

@@ -1,6 +1,6 @@
-// The files and folders that the kernel knows, by number, by the other side's id and by place. A node keeps its
-// number while it is renamed, and while its parents are. Any thread; one lock, held for a few instructions and
-// taken before those of a node.
+// The files and folders that the kernel knows, by number, by the other side's id and by place. A node keeps
+// its number while it is renamed, and while its parents are. Any thread; one lock, held for a few
+// instructions and taken before those of a node.
 #pragma once
 
 #include "agent/fuse/Node.h"
@@ -24,9 +24,9 @@ public:
     // The child that is known under the name, without counting a lookup. Null when there is none.
     NodePtr Child(const NodePtr &parent, const std::string &name) const;
     // The node of the file that the name leads to, made if need be, with one more lookup. `fileId` is 0 where
-    // the file is known by its name alone. What the name led to before, if it was another file, loses the name.
-    // When the node has more names than the file has `links`, the earlier ones lead elsewhere: `*lost` gets
-    // them.
+    // the file is known by its name alone. What the name led to before, if it was another file, loses the
+    // name. When the node has more names than the file has `links`, the earlier ones lead elsewhere: `*lost`
+    // gets them.
     NodePtr Reach(const NodePtr &parent, const std::string &name, NodeKind kind, uint64_t fileId,
                   uint32_t links = 0, std::vector<Node::Name> *lost = nullptr);
     // The same for a file that was made this moment, whose id isn't known yet.
@@ -66,7 +66,7 @@ public:
     NodePtr RootOf(const std::shared_ptr<RemoteShare> &share) const;
     // The root of the share that the node is in; null when it is in none.
     NodePtr ShareRootOf(const NodePtr &node) const;
-    bool HasName(const NodePtr &node) const; // the root has
+    bool HasName(const NodePtr &node) const;                          // the root has
     bool IsBelow(const NodePtr &node, const NodePtr &ancestor) const; // or the same
     std::vector<std::pair<std::string, uint64_t>> ChildrenOf(const NodePtr &node) const;
 

@@ -44,9 +44,8 @@ void OpenedAhead::Purge(bool all)
     {
         const MutexLock held(lock);
         const auto now = Clock::now();
-        const auto first = std::partition(kept.begin(), kept.end(), [&](const Found &found) {
-            return !all && now < found.until;
-        });
+        const auto first = std::partition(kept.begin(), kept.end(),
+                                          [&](const Found &found) { return !all && now < found.until; });
         std::move(first, kept.end(), std::back_inserter(over));
         kept.erase(first, kept.end());
     }
