@@ -40,6 +40,7 @@ public:
     {
         client.Remember(fileId, std::move(reopen));
     }
+    std::shared_ptr<IReopen> WayTo(uint32_t fileId) { return client.WayTo(fileId); } // null: there is none
 
     struct CreateCall {
         uint32_t desiredAccess = 0;

@@ -269,7 +269,7 @@ Task<bool> FileSystem::FindPlaceAgain(NodePtr parent, std::string name, Place *p
     if (!place->share->HasIds())
         co_return false;
     const Standing standing = co_await Confirm(parent, Believing::Nothing);
-    co_return standing == Standing::Here && table.PlaceIn(parent, name, place) && place->path != tried;
+    co_return standing == Standing::Here &&table.PlaceIn(parent, name, place) && place->path != tried;
 }
 
 // A name is made in a folder: that the folder isn't there may be news to the kernel.

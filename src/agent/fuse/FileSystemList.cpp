@@ -53,7 +53,8 @@ Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
 {
     Place place;
     if (!table.PlaceOf(open->node, &place) &&
-        (co_await Confirm(open->node, Believing::Nothing) != Standing::Here || !table.PlaceOf(open->node, &place)))
+        (co_await Confirm(open->node, Believing::Nothing) != Standing::Here ||
+         !table.PlaceOf(open->node, &place)))
         co_return open->node == table.Root() ? nt::STATUS_DEVICE_REMOVED : nt::STATUS_OBJECT_PATH_NOT_FOUND;
     const RemoteShare::CreateCall create = {.desiredAccess = nt::FILE_LIST_DIRECTORY |
                                                              nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,

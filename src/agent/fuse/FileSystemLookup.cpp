@@ -356,7 +356,10 @@ Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node, Freshness freshness)
     if (file) {
         if (node->TakeFactsOfOpen(CacheSpan(), &found.facts))
             co_return found;
+        const uint64_t asked = writes ? writes->Generation() : 0;
         found.status = co_await QueryFacts(*file->share, file->fileId, &found.facts);
+        if (!nt::IsError(found.status) && writes)
+            writes->NoteFacts(found.facts, asked);
         if (!nt::IsError(found.status) && table.FileIdOf(node) == 0)
             table.SetFileId(node, found.facts.id);
     } else {

@@ -144,9 +144,10 @@ Task<nt::NTSTATUS> FileSystem::Truncate(NodePtr node, std::shared_ptr<RemoteShar
     const std::shared_ptr<WriteBehind> writes = node->Writes(writeWindow);
     co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
     node->NoteOwnChange();
+    writes->SizeChanges();
     const std::array<uint8_t, 8> nothing{};
     const IoResult result = co_await SetFile(*share, fileId, nt::FileEndOfFileInformation, nothing);
-    writes->DataChanged();
+    writes->SizeChanged(result, 0);
     node->NoteOwnChange();
     co_return result.status;
 }
@@ -201,12 +202,15 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
             const OpenFilePtr file = NewOpen(node, place.share, fileId, access);
             if (!truncates)
                 PrimeReading(file);
+            const std::shared_ptr<WriteBehind> writes = node->Writes(writeWindow);
+            const uint64_t asked = writes->Generation();
             opening.status = co_await QueryFacts(*place.share, fileId, &opening.facts);
             if (nt::IsError(opening.status))
                 co_return opening;
             if (known == 0)
                 table.SetFileId(node, opening.facts.id);
             if (known == 0 || known == opening.facts.id) {
+                writes->NoteFacts(opening.facts, asked);
                 opening.handle = Keep(file);
                 co_return opening;
             }
@@ -279,8 +283,12 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         const IoResult opened = readsAlone ? co_await OpenToRead(node, place, open, &opening.facts)
                                            : co_await OpenNode(node, place, open);
         opening.status = opened.status;
-        if (!opened.Failed())
+        if (!opened.Failed()) {
             opening.handle = Keep(NewOpen(node, place.share, opened.fileId, access));
+            FileFacts last;
+            if (node->LastFacts(&last))
+                node->Writes(writeWindow)->NoteFacts(last, 0);
+        }
     }
     if (nt::IsError(opening.status)) {
         // The kernel looks the name up again, and knows then.
@@ -368,8 +376,9 @@ Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string n
     }
     const NodePtr node = hasIds && isNew ? table.ReachNew(parent, name, NodeKind::File)
                                          : table.Reach(parent, name, NodeKind::File, facts.id);
-    if (const std::shared_ptr<WriteBehind> writes = node->WritesIfAny())
-        writes->DataChanged();
+    const std::shared_ptr<WriteBehind> writes = node->Writes(writeWindow);
+    writes->DataChanged();
+    writes->NoteFacts(facts, isNew ? writes->Generation() : 0);
     node->NoteFacts(facts);
     node->NoteOwnChange();
     const uint64_t handle = Keep(NewOpen(node, place.share, fileId, access), isNew);
