@@ -116,8 +116,6 @@ void WriteBehind::Send(const Target &target, uint64_t offset, ByteSpan bytes)
                         });
 }
 
-<<<<<<< HEAD
-=======
 void WriteBehind::SendAppend(const AppendingPtr &append)
 {
     {
@@ -186,7 +184,6 @@ void WriteBehind::SizeChanged(const IoResult &outcome, uint64_t size)
         knownEnd.NoteSize(size, true);
 }
 
->>>>>>> a
 void WriteBehind::OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t begin, const IoResult &result)
 {
     Active done;

@@ -47,13 +47,9 @@ public:
     using Waiter = InlineFunction<void()>;
     void Write(const Target &target, uint64_t offset, ByteSpan bytes, Waiter accepted);
     // The same at the end of the file, wherever that is by then: the other side finds it. One such request is
-<<<<<<< HEAD
-    // on its way at a time, and nothing else of the file meanwhile; those that wait for it go together.
-=======
     // on its way at a time, and nothing else of the file meanwhile; those that wait for it go together. When
     // a connection is lost, and outlived, it is looked whether the bytes are there, and they are sent again
     // if they aren't. Where that can't be told the append fails.
->>>>>>> a
     void Append(const Target &target, ByteSpan bytes, Waiter accepted);
 
     // What is gone by then: facts that the other side told, and the Generation before they were asked for.
