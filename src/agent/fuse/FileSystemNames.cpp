@@ -245,12 +245,13 @@ Detached FileSystem::Rename(FuseCall::Ptr call, uint64_t parentId, std::string n
     moving.newParent->NoteOwnChange();
     const bool replace = (flags & kNoReplace) == 0;
     nt::NTSTATUS status;
-    if (moving.source.share->Has(nt::FODR_HOST_POSIX_NAMES))
+    if (moving.source.share->Has(nt::FODR_HOST_POSIX_NAMES)) {
         status = co_await MoveAtOnce(moving, replace);
-    if (SaysAbsent(status) && co_await FindPlaceAgain(moving.parent, name, &moving.source))
-        status = co_await MoveAtOnce(moving, replace);
-    else
+        if (SaysAbsent(status) && co_await FindPlaceAgain(moving.parent, name, &moving.source))
+            status = co_await MoveAtOnce(moving, replace);
+    } else {
         status = co_await Move(moving, replace);
+    }
     moving.parent->NoteOwnChange();
     moving.newParent->NoteOwnChange();
     FailCreate(call, status);
