@@ -1,7 +1,7 @@
 // Open folders, kept for a while: a name is looked up with one request on its folder's handle, and the same
-// handle tells when something in the folder changes. A handle belongs to the folder, not to its path. The number
-// of them is bounded, and with it the number of requests that wait at the other side. Any thread; handlers run
-// outside the lock.
+// handle tells when something in the folder changes. A handle belongs to the folder, not to its path. The
+// number of them is bounded, and with it the number of requests that wait at the other side. Any thread;
+// handlers run outside the lock.
 #pragma once
 
 #include "agent/fuse/NodeTable.h"
@@ -26,9 +26,11 @@ public:
     RemoteShare &Share() const { return *share; }
     uint32_t FileId() const { return fileId; }
     RecentNames &Names() { return names; }
-    // Calls the function once it is known whether the handle is of the folder that was meant.
-    void WhenChecked(InlineFunction<void(bool isFolder)> function);
-    void NoteChecked(bool isFolder);
+    // Calls the function once it is known whether the handle is of the folder that was meant: STATUS_SUCCESS,
+    // or STATUS_OBJECT_PATH_NOT_FOUND for another, or why it can't be told (SaysStaleHandle,
+    // STATUS_IO_TIMEOUT).
+    void WhenChecked(InlineFunction<void(nt::NTSTATUS)> function);
+    void NoteChecked(nt::NTSTATUS outcome);
     // Something that is let go when the close has been answered. Set by who takes the handle out of use.
     void KeepUntilClosed(std::shared_ptr<void> thing) { kept = std::move(thing); }
 
@@ -39,8 +41,8 @@ private:
     const uint32_t fileId;
     RecentNames names;
     transport::Mutex lock;
-    std::optional<bool> checked GUARDED_BY(lock);
-    std::vector<InlineFunction<void(bool)>> waiting GUARDED_BY(lock);
+    std::optional<nt::NTSTATUS> checked GUARDED_BY(lock);
+    std::vector<InlineFunction<void(nt::NTSTATUS)>> waiting GUARDED_BY(lock);
 };
 using DirectoryHandlePtr = std::shared_ptr<DirectoryHandle>;
 
@@ -48,9 +50,9 @@ class DirectoryCache {
 public:
     static constexpr size_t kCapacity = 64;
 
-    // `onChange` is told of a folder in which something has changed, on any thread. While it gives false, it is
-    // told again after a while, which `later` waits for, and only then further changes are asked for; those in
-    // between the other side remembers.
+    // `onChange` is told of a folder in which something has changed, on any thread. While it gives false, it
+    // is told again after a while, which `later` waits for, and only then further changes are asked for;
+    // those in between the other side remembers.
     using ChangeHook = std::function<bool(const NodePtr &directory)>;
     // `onLeave` is told of a folder that isn't watched any more though nothing has changed in it.
     using LeaveHook = std::function<void(const NodePtr &directory)>;

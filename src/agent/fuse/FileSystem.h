@@ -92,7 +92,7 @@ private:
     struct Found {
         nt::NTSTATUS status = nt::STATUS_SUCCESS;
         FileFacts facts;
-        bool exact = true; // else the name differs in case, and stands for a node of its own
+        bool exact = true;               // else the name differs in case, and stands for a node of its own
         Node::Clock::time_point asked{}; // when the other side was
         RecentNames::ToldPtr told;       // where it was found without asking; else null
 
@@ -146,8 +146,9 @@ private:
     }
     static auto AwaitChecked(const DirectoryHandlePtr &directory)
     {
-        return AwaitValues<bool>(
-            [&directory](InlineFunction<void(bool)> done) { directory->WhenChecked(std::move(done)); });
+        return AwaitValues<nt::NTSTATUS>([&directory](InlineFunction<void(nt::NTSTATUS)> done) {
+            directory->WhenChecked(std::move(done));
+        });
     }
     static void AskForNames(const DirectoryHandlePtr &directory);
     bool Recall(const NodePtr &parent, const std::string &name, const std::u16string &ntName,
@@ -191,7 +192,7 @@ private:
     Task<IoResult> OpenAt(const Place &place, const RemoteShare::CreateCall &open); // which outlive the wait
     Task<IoResult> OpenNode(NodePtr node, Place place, RemoteShare::CreateCall open);
     Task<IoResult> OpenToRead(NodePtr node, Place place, RemoteShare::CreateCall open, FileFacts *facts);
-    struct Opening { // an open of a file that is known by its id
+    struct Opening {                              // an open of a file that is known by its id
         nt::NTSTATUS status = nt::STATUS_SUCCESS; // STATUS_FILE_DELETED: the kernel has to look again
         uint64_t handle = 0;
         FileFacts facts;
@@ -217,6 +218,7 @@ private:
     Task<nt::NTSTATUS> RemoveAtOnce(Place place, NodePtr node, bool directory);
     Task<nt::NTSTATUS> RemoveFolder(NodePtr parent, std::string name, Place place);
     Task<nt::NTSTATUS> MoveAtOnce(Moving moving, bool replace);
+    Task<nt::NTSTATUS> TryMoveAtOnce(Moving moving, bool replace);
     Task<Nothing> ClearTheWay(NodePtr node);
     Task<bool> ClearLeftovers(NodePtr folder);
 

@@ -2,6 +2,7 @@
 // FileSystemHidden.cpp.
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/StatusErrno.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
@@ -50,7 +51,6 @@ Detached FileSystem::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::s
     facts.attributes = nt::FILE_ATTRIBUTE_DIRECTORY;
     ReplyEntry(call, parent, node, facts, false, Node::Clock::now());
 }
-
 
 // The name is gone when this returns, whoever has the file open.
 Task<nt::NTSTATUS> FileSystem::RemoveAtOnce(Place place, NodePtr node, bool directory)
@@ -160,10 +160,19 @@ Task<Nothing> FileSystem::ClearTheWay(NodePtr node)
     co_return Nothing{};
 }
 
-
-// As rename(2) does it, in one step of the other side's. The new folder is named by its handle, so that the file
-// can't land in another one.
+// As rename(2) does it, in one step of the other side's. The new folder is named by its handle, so that the
+// file can't land in another one.
 Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
+{
+    nt::NTSTATUS status = co_await TryMoveAtOnce(moving, replace);
+    if (SaysStaleHandle(status)) {
+        directories.Drop(moving.newParent);
+        status = co_await TryMoveAtOnce(moving, replace);
+    }
+    co_return status;
+}
+
+Task<nt::NTSTATUS> FileSystem::TryMoveAtOnce(Moving moving, bool replace)
 {
     RemoteShare &share = *moving.source.share;
     const auto [acquired, folder] = co_await AwaitDirectory(moving.newParent);
@@ -177,10 +186,9 @@ Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;
-    const bool isFolder = co_await AwaitChecked(folder);
-    nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    nt::NTSTATUS status = co_await AwaitChecked(folder);
     uint64_t movedId = 0;
-    if (isFolder) {
+    if (!nt::IsError(status)) {
         const std::u16string newName = NtNameFromPosix(moving.newName);
         const std::shared_ptr<FactsUnderway> identity = FactsUnderway::Ask(share, fileId);
         const IoResult renamed = co_await RenameFileInto(share, fileId, folder->FileId(), newName, replace);
