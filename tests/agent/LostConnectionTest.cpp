@@ -170,6 +170,9 @@ TEST_F(LostConnection, OnlyWhatDoesNoHarmIsRepeated)
     // Not asked before, so it isn't asked twice.
     auto later = StartCall(*share, &RemoteShare::Create, make, u"\\later");
     EXPECT_EQ(BlockingCall(*share, &RemoteShare::Read, plain, 0u, 1u).status, STATUS_FILE_INVALID);
+    // The number of the directory it goes to would be another's by then.
+    EXPECT_EQ(BlockingCall(*share, &RemoteShare::RenameInto, kept, plain, u"name", true).status,
+              STATUS_FILE_INVALID);
     for (auto &row : rows) {
         if (row.outcome != nt::STATUS_PENDING) {
             EXPECT_EQ(row.call.get().status, row.outcome) << &row - rows;

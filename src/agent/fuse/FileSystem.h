@@ -148,8 +148,9 @@ private:
     }
     static auto AwaitChecked(const DirectoryHandlePtr &directory)
     {
-        return AwaitValues<bool>(
-            [&directory](InlineFunction<void(bool)> done) { directory->WhenChecked(std::move(done)); });
+        return AwaitValues<nt::NTSTATUS>([&directory](InlineFunction<void(nt::NTSTATUS)> done) {
+            directory->WhenChecked(std::move(done));
+        });
     }
     static void AskForNames(const DirectoryHandlePtr &directory);
     bool Recall(const NodePtr &parent, const std::string &name, const std::u16string &ntName,
@@ -219,6 +220,7 @@ private:
     Task<nt::NTSTATUS> RemoveAtOnce(Place place, NodePtr node, bool directory);
     Task<nt::NTSTATUS> RemoveFolder(NodePtr parent, std::string name, Place place);
     Task<nt::NTSTATUS> MoveAtOnce(Moving moving, bool replace);
+    Task<nt::NTSTATUS> TryMoveAtOnce(Moving moving, bool replace);
     Task<Nothing> ClearTheWay(NodePtr node);
     Task<bool> ClearLeftovers(NodePtr folder);
 

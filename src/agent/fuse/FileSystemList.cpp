@@ -96,15 +96,24 @@ Detached FileSystem::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t s
             co_return;
         }
     }
-    const std::shared_ptr<DirectoryListing> listing = open->listing;
-    if (listing) {
-        const uint64_t first = offset < 2 ? 0 : offset - 2;
+    const uint64_t first = offset < 2 ? 0 : offset - 2;
+    std::shared_ptr<DirectoryListing> listing = open->listing;
+    for (bool again = false; listing; again = true) {
         co_await AwaitCall([&](InlineFunction<void()> done) { listing->WhenKnown(first, std::move(done)); });
-        const nt::NTSTATUS status = listing->Status();
-        if (!listing->At(first) && nt::IsError(status)) {
+        nt::NTSTATUS status = listing->Status();
+        // What a lost connection has ended begins anew while nothing of it has been given away.
+        const bool lost = SaysStaleHandle(status) || status == STATUS_CONNECTION_DISCONNECTED;
+        if (lost && first == 0 && !again) {
+            status = co_await BeginListing(open);
+            listing = open->listing;
+            if (!nt::IsError(status))
+                continue;
+        }
+        if (nt::IsError(status) && (lost || !listing->At(first))) {
             FailListing(call, status);
             co_return;
         }
+        break;
     }
     std::vector<uint64_t> reached; // nodes with a lookup more
     ListingBuffer buffer(size, plus);

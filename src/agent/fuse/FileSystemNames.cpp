@@ -170,6 +170,16 @@ Task<Nothing> FileSystem::ClearTheWay(NodePtr node)
 // file can't land in another one.
 Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
 {
+    nt::NTSTATUS status = co_await TryMoveAtOnce(moving, replace);
+    if (SaysStaleHandle(status)) {
+        directories.Drop(moving.newParent);
+        status = co_await TryMoveAtOnce(moving, replace);
+    }
+    co_return status;
+}
+
+Task<nt::NTSTATUS> FileSystem::TryMoveAtOnce(Moving moving, bool replace)
+{
     RemoteShare &share = *moving.source.share;
     const auto [acquired, folder] = co_await AwaitDirectory(moving.newParent);
     if (!folder)
@@ -182,10 +192,9 @@ Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;
-    const bool isFolder = co_await AwaitChecked(folder);
-    nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    nt::NTSTATUS status = co_await AwaitChecked(folder);
     uint64_t movedId = 0;
-    if (isFolder) {
+    if (!nt::IsError(status)) {
         const std::u16string newName = NtNameFromPosix(moving.newName);
         const std::shared_ptr<FactsUnderway> identity = FactsUnderway::Ask(share, fileId);
         const IoResult renamed = co_await RenameFileInto(share, fileId, folder->FileId(), newName, replace);
