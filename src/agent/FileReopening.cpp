@@ -1,6 +1,5 @@
 #include "agent/FileReopening.h"
 
-#include "agent/Coroutine.h"
 #include "agent/RemoteShare.h"
 #include "platform/Nt.h"
 #include "platform/NtRecords.h"
@@ -10,8 +9,6 @@
 
 namespace fodr::agent {
 namespace {
-
-constexpr uint32_t kFileStatLxInformation = 70; // begins with the file's id, as does FileInternalInformation
 
 auto Query(RemoteShare &share, uint32_t fileId, uint32_t informationClass)
 {
@@ -24,30 +21,6 @@ auto Query(RemoteShare &share, uint32_t fileId, uint32_t informationClass)
 bool SaysLater(nt::NTSTATUS status)
 {
     return status == STATUS_IO_TIMEOUT || status == STATUS_CONNECTION_DISCONNECTED;
-}
-
-// STATUS_SUCCESS for the same file, STATUS_FILE_INVALID for another, or why it can't be told.
-Task<nt::NTSTATUS> CheckIdentity(RemoteShare &share, uint32_t fileId, IReopen &reopen)
-{
-    const uint64_t expected = reopen.ExpectedId();
-    constexpr std::array kClasses = {kFileStatLxInformation, nt::FileInternalInformation};
-    for (size_t i = 0; expected != 0 && i < kClasses.size(); ++i) {
-        const IoResult result = co_await Query(share, fileId, kClasses[i]);
-        if (SaysLater(result.status))
-            co_return result.status;
-        uint64_t id = 0;
-        if (!result.Failed() && result.data.size() >= sizeof(id))
-            id = LoadLittle<uint64_t>(result.data.data());
-        if (id != 0)
-            co_return id == expected ? nt::STATUS_SUCCESS : STATUS_FILE_INVALID;
-    }
-    const IoResult result = co_await Query(share, fileId, nt::FileNetworkOpenInformation);
-    if (SaysLater(result.status))
-        co_return result.status;
-    FileFacts facts;
-    const bool same =
-        !result.Failed() && ReadNetworkOpenInformation(result.data, &facts) && reopen.MayBe(facts);
-    co_return same ? nt::STATUS_SUCCESS : STATUS_FILE_INVALID;
 }
 
 bool SaysGone(nt::NTSTATUS status)
@@ -88,6 +61,30 @@ Detached Run(RdpdrClient &client, RequestTable &requests, RequestTable::Reopenin
 }
 
 } // namespace
+
+Task<nt::NTSTATUS> CheckIdentity(RemoteShare &share, uint32_t fileId, IReopen &reopen)
+{
+    const uint64_t expected = reopen.ExpectedId();
+    // Both begin with the file's id.
+    constexpr std::array kClasses = {nt::FileStatLxInformation, nt::FileInternalInformation};
+    for (size_t i = 0; expected != 0 && i < kClasses.size(); ++i) {
+        const IoResult result = co_await Query(share, fileId, kClasses[i]);
+        if (SaysLater(result.status))
+            co_return result.status;
+        uint64_t id = 0;
+        if (!result.Failed() && result.data.size() >= sizeof(id))
+            id = LoadLittle<uint64_t>(result.data.data());
+        if (id != 0)
+            co_return id == expected ? nt::STATUS_SUCCESS : STATUS_FILE_INVALID;
+    }
+    const IoResult result = co_await Query(share, fileId, nt::FileNetworkOpenInformation);
+    if (SaysLater(result.status))
+        co_return result.status;
+    FileFacts facts;
+    const bool same =
+        !result.Failed() && ReadNetworkOpenInformation(result.data, &facts) && reopen.MayBe(facts);
+    co_return same ? nt::STATUS_SUCCESS : STATUS_FILE_INVALID;
+}
 
 void ReopenFile(RdpdrClient &client, RequestTable &requests, uint32_t fileId,
                 InlineFunction<void(RequestTable::Released)> release)

@@ -77,6 +77,7 @@ public:
                 IoHandler handler);
     // How a file is to be opened again; without, its handle ends with the connection.
     void Remember(uint32_t fileId, std::shared_ptr<IReopen> reopen);
+    std::shared_ptr<IReopen> WayTo(uint32_t fileId) { return requests.WayTo(fileId); }
     uint32_t WireIdOf(uint32_t fileId) { return requests.WireIdOf(fileId); }
     bool KeepsRequests() const { return options.outlivesConnections; }
 

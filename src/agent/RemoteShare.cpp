@@ -165,12 +165,14 @@ void RemoteShare::DeleteAtOnce(uint32_t fileId, IoHandler handler)
 void RemoteShare::RenameInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, bool replace,
                              IoHandler handler)
 {
+    const uint32_t wireId = numbers == FileNumbers::Lasting ? client.WireIdOf(directoryId) : directoryId;
+    if (wireId == 0)
+        return handler(IoResult{.status = STATUS_FILE_INVALID});
     constexpr size_t kName = offsetof(nt::FILE_RENAME_INFORMATION_EX, FileName);
     std::vector<uint8_t> record(std::max(kName + 2 * name.size(), sizeof(nt::FILE_RENAME_INFORMATION_EX)));
     const uint32_t flags = nt::FILE_RENAME_POSIX_SEMANTICS | nt::FILE_RENAME_IGNORE_READONLY_ATTRIBUTE |
                            (replace ? nt::FILE_RENAME_REPLACE_IF_EXISTS : 0);
     StoreLittle<uint32_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, Flags)], flags);
-    const uint32_t wireId = numbers == FileNumbers::Lasting ? client.WireIdOf(directoryId) : directoryId;
     StoreLittle<uint64_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, RootDirectory)], wireId);
     StoreLittle<uint32_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, FileNameLength)],
                           static_cast<uint32_t>(2 * name.size()));

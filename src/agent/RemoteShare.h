@@ -40,6 +40,7 @@ public:
     {
         client.Remember(fileId, std::move(reopen));
     }
+    std::shared_ptr<IReopen> WayTo(uint32_t fileId) { return client.WayTo(fileId); } // null: there is none
 
     struct CreateCall {
         uint32_t desiredAccess = 0;
@@ -74,7 +75,7 @@ public:
     // have the file open keep it.
     void DeleteAtOnce(uint32_t fileId, IoHandler handler);
     // Gives the file a name in the open directory `directoryId`, as rename(2) does. Replaces what has the
-    // name if that is wanted.
+    // name if that is wanted. STATUS_FILE_INVALID: that directory's handle is of an earlier connection.
     void RenameInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, bool replace,
                     IoHandler handler);
 

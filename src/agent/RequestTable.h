@@ -97,6 +97,8 @@ public:
     // The number on the present wire of a file that another request names in its payload; 0: there is none.
     uint32_t WireIdOf(uint32_t fileId);
     void Remember(uint32_t fileId, std::shared_ptr<IReopen> reopen);
+    // What it was given by Remember; null: nothing.
+    std::shared_ptr<IReopen> WayTo(uint32_t fileId);
     struct Reopening {
         uint32_t fileId = 0;
         uint32_t shareId = 0;

@@ -192,6 +192,13 @@ void RequestTable::Remember(uint32_t fileId, std::shared_ptr<IReopen> reopen)
         file->reopen = std::move(reopen);
 }
 
+std::shared_ptr<IReopen> RequestTable::WayTo(uint32_t fileId)
+{
+    const transport::MutexLock guard(lock);
+    const RemoteHandle *file = files.Find(fileId);
+    return file ? file->reopen : nullptr;
+}
+
 bool RequestTable::DescribeReopening(uint32_t fileId, Reopening *reopening)
 {
     const transport::MutexLock guard(lock);

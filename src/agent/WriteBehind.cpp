@@ -107,11 +107,81 @@ void WriteBehind::Append(const Target &target, ByteSpan bytes, Waiter accepted)
 
 void WriteBehind::Send(const Target &target, uint64_t offset, ByteSpan bytes)
 {
+    if (offset == kToEnd && target.share->OutlivesConnections())
+        return SendAppend(std::make_shared<Appending>(Appending{target, {bytes.begin(), bytes.end()}}));
     const uint64_t begin = offset == kToEnd ? 0 : offset;
     target.share->Write(target.fileId, offset, bytes,
                         [self = shared_from_this(), errors = target.errors, begin](const IoResult &result) {
                             self->OnAnswer(errors, begin, result);
                         });
+}
+
+void WriteBehind::SendAppend(const AppendingPtr &append)
+{
+    {
+        const transport::MutexLock held(lock);
+        append->floor = knownEnd.Before(append->bytes);
+    }
+    append->target.share->Write(
+        append->target.fileId, kToEnd, append->bytes,
+        [self = shared_from_this(), append](const IoResult &result) { self->OnAppended(append, result); });
+}
+
+void WriteBehind::OnAppended(const AppendingPtr &append, const IoResult &result)
+{
+    const bool lost = result.status == STATUS_CONNECTION_DISCONNECTED;
+    AppendFloor floor = append->floor;
+    {
+        const transport::MutexLock held(lock);
+        floor.known = floor.known && !knownEnd.WasCutSince(floor);
+        if (!lost)
+            knownEnd.NoteAppended(append->floor, result.Failed() ? 0 : result.length);
+    }
+    if (!lost)
+        return OnAnswer(append->target.errors, 0, result);
+    LookForAppend(
+        append->target.share, append->target.fileId, floor, append->bytes,
+        [self = shared_from_this(), append](const AppendFound &found) { self->OnLookedFor(append, found); });
+}
+
+// Nothing else of the file was on its way meanwhile, and isn't yet.
+void WriteBehind::OnLookedFor(const AppendingPtr &append, const AppendFound &found)
+{
+    {
+        const transport::MutexLock held(lock);
+        if (found.fate == AppendFate::Unknown || knownEnd.WasCutSince(append->floor))
+            knownEnd.NoteAppended(append->floor, 0);
+        else
+            knownEnd.NoteSize(found.size, true);
+    }
+    if (found.fate == AppendFate::NotDone)
+        return SendAppend(append);
+    IoResult outcome = {.length = static_cast<uint32_t>(append->bytes.size())};
+    if (found.fate == AppendFate::Unknown)
+        outcome.status = STATUS_CONNECTION_DISCONNECTED;
+    OnAnswer(append->target.errors, 0, outcome);
+}
+
+void WriteBehind::NoteFacts(const FileFacts &facts, uint64_t asked)
+{
+    const transport::MutexLock held(lock);
+    knownEnd.NoteSize(static_cast<uint64_t>(std::max<int64_t>(facts.endOfFile, 0)),
+                      asked == generation && active.empty() && queued.empty());
+}
+
+void WriteBehind::SizeChanges()
+{
+    const transport::MutexLock held(lock);
+    ++generation;
+    knownEnd.Cut();
+}
+
+void WriteBehind::SizeChanged(const IoResult &outcome, uint64_t size)
+{
+    const transport::MutexLock held(lock);
+    ++generation;
+    if (!outcome.Failed() && active.empty() && queued.empty())
+        knownEnd.NoteSize(size, true);
 }
 
 void WriteBehind::OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t begin, const IoResult &result)
@@ -129,6 +199,8 @@ void WriteBehind::OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t 
             status = nt::STATUS_DISK_FULL;
         if (nt::IsError(status))
             errors->Note(status);
+        if (done.end != kToEnd && !result.Failed())
+            knownEnd.NoteWritten(begin + result.length);
         active.erase(found);
         ++generation;
         sendable = TakeSendable();

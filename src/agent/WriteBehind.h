@@ -5,6 +5,7 @@
 // the lock, mostly on a reader thread.
 #pragma once
 
+#include "agent/AppendAfterLoss.h"
 #include "agent/RemoteShare.h"
 #include "agent/TransferWindow.h"
 
@@ -46,8 +47,16 @@ public:
     using Waiter = InlineFunction<void()>;
     void Write(const Target &target, uint64_t offset, ByteSpan bytes, Waiter accepted);
     // The same at the end of the file, wherever that is by then: the other side finds it. One such request is
-    // on its way at a time, and nothing else of the file meanwhile; those that wait for it go together.
+    // on its way at a time, and nothing else of the file meanwhile; those that wait for it go together. When
+    // a connection is lost, and outlived, it is looked whether the bytes are there, and they are sent again
+    // if they aren't. Where that can't be told the append fails.
     void Append(const Target &target, ByteSpan bytes, Waiter accepted);
+
+    // What is gone by then: facts that the other side told, and the Generation before they were asked for.
+    void NoteFacts(const FileFacts &facts, uint64_t asked);
+    // Around every change of the size by this side.
+    void SizeChanges();
+    void SizeChanged(const IoResult &outcome, uint64_t size);
 
     // Calls the function when every write begun before has been acknowledged or has failed: all, or those
     // that overlap [offset, offset + length).
@@ -68,6 +77,13 @@ private:
         uint64_t sequence = 0;
         TransferWindow::Transfer transfer;
     };
+    // An append that may have to be looked for.
+    struct Appending {
+        Target target;
+        std::vector<uint8_t> bytes;
+        AppendFloor floor{};
+    };
+    using AppendingPtr = std::shared_ptr<Appending>;
     struct Queued {
         Target target;
         uint64_t offset = 0;
@@ -87,6 +103,9 @@ private:
     };
 
     void Send(const Target &target, uint64_t offset, ByteSpan bytes);
+    void SendAppend(const AppendingPtr &append);
+    void OnAppended(const AppendingPtr &append, const IoResult &result);
+    void OnLookedFor(const AppendingPtr &append, const AppendFound &found);
     void OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t begin, const IoResult &result);
     bool OverlapsActive(uint64_t begin, uint64_t end) const REQUIRES(lock);
     bool OverlapsQueued(uint64_t begin, uint64_t end) const REQUIRES(lock);
@@ -101,6 +120,7 @@ private:
     std::map<uint64_t, Active> active GUARDED_BY(lock); // by where it begins; none overlaps another
     std::deque<Queued> queued GUARDED_BY(lock);         // in the order of their sequence
     std::vector<Pending> pending GUARDED_BY(lock);
+    KnownEnd knownEnd GUARDED_BY(lock);
 };
 
 } // namespace fodr::agent

@@ -170,6 +170,9 @@ TEST_F(LostConnection, OnlyWhatDoesNoHarmIsRepeated)
     // Not asked before, so it isn't asked twice.
     auto later = StartCall(*share, &RemoteShare::Create, make, u"\\later");
     EXPECT_EQ(BlockingCall(*share, &RemoteShare::Read, plain, 0u, 1u).status, STATUS_FILE_INVALID);
+    // The number of the directory it goes to would be another's by then.
+    EXPECT_EQ(BlockingCall(*share, &RemoteShare::RenameInto, kept, plain, u"name", true).status,
+              STATUS_FILE_INVALID);
     for (auto &row : rows) {
         if (row.outcome != nt::STATUS_PENDING) {
             EXPECT_EQ(row.call.get().status, row.outcome) << &row - rows;
@@ -250,6 +253,118 @@ TEST_F(LostConnection, WritesKeepTheirOrder)
         EXPECT_EQ(request.Payload(), Bytes(10, text));
         plugin->CompleteNumber(request, 10);
     }
+    Mailbox<int> finished;
+    writes->WhenDone([&finished] { finished.Put(1); });
+    finished.Take();
+    EXPECT_EQ(target.errors->TakeForFlush(), nt::STATUS_SUCCESS);
+}
+
+// What a look at the file finds decides whether an append that was under way is sent again.
+TEST_F(LostConnection, AnAppendIsDoneOnce)
+{
+    enum class End { Done, SentAgain, Fails };
+    const std::string line = "line\n";
+    struct {
+        const char *what;
+        int64_t floor; // -1: not known
+        std::string appendedBefore;
+        size_t size;        // by then
+        std::string behind; // what is read, if the size alone doesn't tell
+        End end;
+    } rows[] = {
+        {"not there", 10, "", 10, "", End::SentAgain},
+        {"there", 10, "", 15, line, End::Done},
+        {"between lines of others", 10, "", 24, "others\nline\nmo", End::Done},
+        {"only lines of others", 10, "", 20, "others\nlin", End::SentAgain},
+        {"too short to be it", 10, "", 13, "", End::SentAgain},
+        {"truncated, and not there", 10, "", 7, "others\n", End::SentAgain},
+        {"truncated, and the same is there", 10, "", 7, "oline\nx", End::Fails},
+        {"no size was known", -1, "", 7, "oline\nx", End::Fails},
+        {"behind what was appended before", 10, "first\n", 21, line, End::Done},
+        {"the same was appended before", 10, line, 20, line, End::Done},
+        {"the same was appended before, and others did", 10, line, 21, "\nline\n", End::Fails},
+        {"more than is read", 10, "", 10 + kMostSearched + 1, "", End::Fails},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        StartOutliving();
+        const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+        TransferWindow window;
+        const auto writes = std::make_shared<WriteBehind>(window);
+        const WriteBehind::Target target = {share, fileId, std::make_shared<WriteErrors>()};
+        FileFacts facts;
+        facts.endOfFile = row.floor;
+        if (row.floor >= 0)
+            writes->NoteFacts(facts, writes->Generation());
+        const auto append = [&](const std::string &text) {
+            writes->Append(target, Bytes(text.begin(), text.end()), [] {});
+        };
+        Mailbox<int> finished;
+        if (!row.appendedBefore.empty()) {
+            append(row.appendedBefore);
+            plugin->CompleteNumber(plugin->TakeRequest(), static_cast<uint32_t>(row.appendedBefore.size()));
+            writes->WhenDone([&finished] { finished.Put(1); });
+            finished.Take();
+        }
+        append(line);
+        plugin->TakeRequest();
+        append("next\n");
+        writes->WhenDone([&finished] { finished.Put(2); });
+        Lose();
+        ComeBack(kNewDevice);
+        plugin->CompleteData(ReopenUpToIdentity(), NumberOf(kIdentity));
+        Bytes record(56);
+        StoreLittle<uint64_t>(&record[40], row.size);
+        plugin->CompleteData(TakeOf(IRP_MJ_QUERY_INFORMATION, kNewDevice, kFileAgain), record);
+        if (!row.behind.empty()) {
+            constexpr uint32_t kLooking = 0x66;
+            const Request create = TakeOf(IRP_MJ_CREATE, kNewDevice, 0);
+            EXPECT_NE(create.Head().Body<DR_CREATE_REQ>().DesiredAccess & nt::FILE_READ_DATA, 0u);
+            plugin->CompleteNumber(create, kLooking);
+            plugin->CompleteData(TakeOf(IRP_MJ_QUERY_INFORMATION, kNewDevice, kLooking), NumberOf(kIdentity));
+            const Request read = TakeOf(IRP_MJ_READ, kNewDevice, kLooking);
+            EXPECT_EQ(read.Offset() + row.behind.size(), row.size);
+            EXPECT_EQ(read.Length(), row.behind.size());
+            plugin->CompleteData(read, Bytes(row.behind.begin(), row.behind.end()));
+            TakeOf(IRP_MJ_CLOSE, kNewDevice, kLooking);
+        }
+        if (row.end == End::SentAgain) {
+            const Request again = TakeOf(IRP_MJ_WRITE, kNewDevice, kFileAgain);
+            EXPECT_EQ(again.Payload(), Bytes(line.begin(), line.end()));
+            plugin->CompleteNumber(again, static_cast<uint32_t>(line.size()));
+        }
+        const Request next = TakeOf(IRP_MJ_WRITE, kNewDevice, kFileAgain); // not before
+        EXPECT_EQ(next.Payload()[0], 'n');
+        plugin->CompleteNumber(next, 5);
+        EXPECT_EQ(finished.Take(), 2);
+        EXPECT_EQ(target.errors->TakeForFlush(),
+                  row.end == End::Fails ? STATUS_CONNECTION_DISCONNECTED : nt::STATUS_SUCCESS);
+        TearDown();
+    }
+}
+
+TEST_F(LostConnection, AnAppendIsLookedForAgainAfterASecondLoss)
+{
+    StartOutliving();
+    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    TransferWindow window;
+    const auto writes = std::make_shared<WriteBehind>(window);
+    const WriteBehind::Target target = {share, fileId, std::make_shared<WriteErrors>()};
+    writes->NoteFacts({}, writes->Generation());
+    Bytes record(56);
+    const auto look = [&](uint8_t size) {
+        Lose();
+        ComeBack(kNewDevice);
+        plugin->CompleteData(ReopenUpToIdentity(), NumberOf(kIdentity));
+        record[40] = size;
+        plugin->CompleteData(TakeOf(IRP_MJ_QUERY_INFORMATION, kNewDevice, kFileAgain), record);
+    };
+    writes->Append(target, Bytes(10, 'a'), [] {});
+    plugin->TakeRequest();
+    look(0);
+    TakeOf(IRP_MJ_WRITE, kNewDevice, kFileAgain);
+    look(5); // somebody else's
+    plugin->CompleteNumber(TakeOf(IRP_MJ_WRITE, kNewDevice, kFileAgain), 10);
     Mailbox<int> finished;
     writes->WhenDone([&finished] { finished.Put(1); });
     finished.Take();

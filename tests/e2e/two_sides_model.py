@@ -100,6 +100,8 @@ def replace(place, path, data):
 
 def hold(place, path, name, create=0):
     fd = place.fds[name] = os.open(place.at(path), HELD[name[0]] | create, 0o644)
+    if name[0] == "p":
+        os.access(place.at(path), os.X_OK)  # as chdir does
     return os.pread(fd, 64, 0) if name[0] in "ru" else "held"
 
 
@@ -186,7 +188,7 @@ class Model:
         self.used = collections.deque(maxlen=6)
         # When the owner last changed a name; one of a folder or link; one of a link; a file, by its number in `plain`; any.
         self.names, self.ways, self.links, self.files, self.changed = {}, {}, {}, {}, 0.0
-        self.log = collections.deque(maxlen=30)
+        self.log = collections.deque(maxlen=int(os.environ.get("FODR_TEST_LOG", 30)))
         self.counts = counts
 
     # What to call it with
@@ -327,8 +329,7 @@ class Model:
         kind, (way, ends, _) = CALLS[name][1], keys
         if kind != "change" and name != "hold":
             return
-        final = self.ways if kind == "change" or arguments[1][0] == "p" else self.links
-        since = max(latest(self.ways, way), latest(final, ends))
+        since = max(latest(self.ways, way), latest(self.names, ends))
         if arguments[0] in self.plain.fds or since + BOUND < time.monotonic():
             return
 

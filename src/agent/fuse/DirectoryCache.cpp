@@ -2,6 +2,7 @@
 
 #include "agent/AgentStatus.h"
 #include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
 
 #include <algorithm>
@@ -36,30 +37,30 @@ DirectoryHandle::~DirectoryHandle()
     });
 }
 
-void DirectoryHandle::WhenChecked(InlineFunction<void(bool)> function)
+void DirectoryHandle::WhenChecked(InlineFunction<void(nt::NTSTATUS)> function)
 {
-    bool isFolder;
+    nt::NTSTATUS outcome;
     {
         const MutexLock held(lock);
         if (!checked) {
             waiting.push_back(std::move(function));
             return;
         }
-        isFolder = *checked;
+        outcome = *checked;
     }
-    function(isFolder);
+    function(outcome);
 }
 
-void DirectoryHandle::NoteChecked(bool isFolder)
+void DirectoryHandle::NoteChecked(nt::NTSTATUS outcome)
 {
-    std::vector<InlineFunction<void(bool)>> ready;
+    std::vector<InlineFunction<void(nt::NTSTATUS)>> ready;
     {
         const MutexLock held(lock);
-        checked = isFolder;
+        checked = outcome;
         ready.swap(waiting);
     }
-    for (InlineFunction<void(bool)> &function : ready)
-        function(isFolder);
+    for (InlineFunction<void(nt::NTSTATUS)> &function : ready)
+        function(outcome);
 }
 
 DirectoryCache::Slots::iterator DirectoryCache::FindSlot(const NodePtr &node)
@@ -160,20 +161,23 @@ void DirectoryCache::OnOpened(const NodePtr &node, uint64_t serial, const std::s
 void DirectoryCache::Check(const NodePtr &node, const DirectoryHandlePtr &handle)
 {
     if (!handle->Share().HasIds())
-        return handle->NoteChecked(true);
+        return handle->NoteChecked(nt::STATUS_SUCCESS);
     handle->Share().QueryInformation(
         handle->FileId(), FactsClassOf(handle->Share()), [this, node, handle](const IoResult &result) {
             FileFacts facts;
-            bool isFolder = !nt::IsError(TakeFacts(handle->Share(), result, &facts));
-            if (isFolder) {
+            nt::NTSTATUS status = TakeFacts(handle->Share(), result, &facts);
+            if (!nt::IsError(status)) {
                 const uint64_t known = table.FileIdOf(node);
-                isFolder = known == 0 || known == facts.id || table.ShareRootOf(node) == node;
-                if (isFolder && known != facts.id)
+                if (known != 0 && known != facts.id && table.ShareRootOf(node) != node)
+                    status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+                else if (known != facts.id)
                     table.SetFileId(node, facts.id);
+            } else if (!SaysStaleHandle(status) && status != STATUS_IO_TIMEOUT) {
+                status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
             }
-            if (!isFolder)
+            if (nt::IsError(status))
                 DropHandle(node, handle);
-            handle->NoteChecked(isFolder);
+            handle->NoteChecked(status);
         });
 }
 

@@ -26,9 +26,11 @@ public:
     RemoteShare &Share() const { return *share; }
     uint32_t FileId() const { return fileId; }
     RecentNames &Names() { return names; }
-    // Calls the function once it is known whether the handle is of the folder that was meant.
-    void WhenChecked(InlineFunction<void(bool isFolder)> function);
-    void NoteChecked(bool isFolder);
+    // Calls the function once it is known whether the handle is of the folder that was meant: STATUS_SUCCESS,
+    // or STATUS_OBJECT_PATH_NOT_FOUND for another, or why it can't be told (SaysStaleHandle,
+    // STATUS_IO_TIMEOUT).
+    void WhenChecked(InlineFunction<void(nt::NTSTATUS)> function);
+    void NoteChecked(nt::NTSTATUS outcome);
     // Something that is let go when the close has been answered. Set by who takes the handle out of use.
     void KeepUntilClosed(std::shared_ptr<void> thing) { kept = std::move(thing); }
 
@@ -39,8 +41,8 @@ private:
     const uint32_t fileId;
     RecentNames names;
     transport::Mutex lock;
-    std::optional<bool> checked GUARDED_BY(lock);
-    std::vector<InlineFunction<void(bool)>> waiting GUARDED_BY(lock);
+    std::optional<nt::NTSTATUS> checked GUARDED_BY(lock);
+    std::vector<InlineFunction<void(nt::NTSTATUS)>> waiting GUARDED_BY(lock);
 };
 using DirectoryHandlePtr = std::shared_ptr<DirectoryHandle>;
 

@@ -133,6 +133,8 @@ private:
     bool ChangedBySelf(const NodePtr &parent, const std::string &name, Node::Clock::time_point asked) const;
     bool LocateForChange(const FuseCall::Ptr &call, const NodePtr &parent, const std::string &name,
                          Place *place) const;
+    // The place was absent: true when the folder turns out to be elsewhere, with the place there.
+    Task<bool> FindPlaceAgain(NodePtr parent, std::string name, Place *place);
     static void FailCreate(const FuseCall::Ptr &call, nt::NTSTATUS status);
     Task<bool> LocateConfirmed(FuseCall::Ptr call, NodePtr parent, std::string name, Place *place);
 
@@ -146,8 +148,9 @@ private:
     }
     static auto AwaitChecked(const DirectoryHandlePtr &directory)
     {
-        return AwaitValues<bool>(
-            [&directory](InlineFunction<void(bool)> done) { directory->WhenChecked(std::move(done)); });
+        return AwaitValues<nt::NTSTATUS>([&directory](InlineFunction<void(nt::NTSTATUS)> done) {
+            directory->WhenChecked(std::move(done));
+        });
     }
     static void AskForNames(const DirectoryHandlePtr &directory);
     bool Recall(const NodePtr &parent, const std::string &name, const std::u16string &ntName,
@@ -217,6 +220,7 @@ private:
     Task<nt::NTSTATUS> RemoveAtOnce(Place place, NodePtr node, bool directory);
     Task<nt::NTSTATUS> RemoveFolder(NodePtr parent, std::string name, Place place);
     Task<nt::NTSTATUS> MoveAtOnce(Moving moving, bool replace);
+    Task<nt::NTSTATUS> TryMoveAtOnce(Moving moving, bool replace);
     Task<Nothing> ClearTheWay(NodePtr node);
     Task<bool> ClearLeftovers(NodePtr folder);
 

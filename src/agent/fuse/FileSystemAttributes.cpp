@@ -146,11 +146,13 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
             identity = FactsUnderway::Ask(*borrowed.share, borrowed.fileId);
         if (!nt::IsError(status) && change.setSize) {
             const std::array<uint8_t, 8> record = SizeRecord(change.size);
+            if (writes)
+                writes->SizeChanges();
             const IoResult result =
                 co_await SetFile(*borrowed.share, borrowed.fileId, nt::FileEndOfFileInformation, record);
             status = result.status;
             if (writes)
-                writes->DataChanged();
+                writes->SizeChanged(result, change.size);
         }
         if (!nt::IsError(status) && changesBasics)
             status = co_await ChangeBasics(borrowed, change, node->directory, &found.facts, &known);

@@ -12,6 +12,8 @@ namespace {
 
 constexpr ino_t kUnknownInode = 0xFFFFFFFF; // as the library itself says it; 0 would mean a deleted entry
 
+constexpr auto kTurnedAway = std::chrono::milliseconds(50);
+
 // Another folder may have the name by now: the kernel finds it when it looks again.
 void FailListing(const FuseCall::Ptr &call, nt::NTSTATUS status)
 {
@@ -37,6 +39,10 @@ Detached FileSystem::OpenDirectory(FuseCall::Ptr call, uint64_t nodeId)
             FailListing(call, status);
             co_return;
         }
+        if (table.IsMoved(open->node) && open->node->TurnAway(kTurnedAway)) {
+            call->Fail(ESTALE);
+            co_return;
+        }
     }
     const uint64_t handle = openListings.Keep(std::move(open));
     if (!call->Opened(handle))
@@ -46,7 +52,9 @@ Detached FileSystem::OpenDirectory(FuseCall::Ptr call, uint64_t nodeId)
 Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
 {
     Place place;
-    if (!table.PlaceOf(open->node, &place))
+    if (!table.PlaceOf(open->node, &place) &&
+        (co_await Confirm(open->node, Believing::Nothing) != Standing::Here ||
+         !table.PlaceOf(open->node, &place)))
         co_return open->node == table.Root() ? nt::STATUS_DEVICE_REMOVED : nt::STATUS_OBJECT_PATH_NOT_FOUND;
     const RemoteShare::CreateCall create = {.desiredAccess = nt::FILE_LIST_DIRECTORY |
                                                              nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
@@ -88,15 +96,24 @@ Detached FileSystem::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t s
             co_return;
         }
     }
-    const std::shared_ptr<DirectoryListing> listing = open->listing;
-    if (listing) {
-        const uint64_t first = offset < 2 ? 0 : offset - 2;
+    const uint64_t first = offset < 2 ? 0 : offset - 2;
+    std::shared_ptr<DirectoryListing> listing = open->listing;
+    for (bool again = false; listing; again = true) {
         co_await AwaitCall([&](InlineFunction<void()> done) { listing->WhenKnown(first, std::move(done)); });
-        const nt::NTSTATUS status = listing->Status();
-        if (!listing->At(first) && nt::IsError(status)) {
+        nt::NTSTATUS status = listing->Status();
+        // What a lost connection has ended begins anew while nothing of it has been given away.
+        const bool lost = SaysStaleHandle(status) || status == STATUS_CONNECTION_DISCONNECTED;
+        if (lost && first == 0 && !again) {
+            status = co_await BeginListing(open);
+            listing = open->listing;
+            if (!nt::IsError(status))
+                continue;
+        }
+        if (nt::IsError(status) && (lost || !listing->At(first))) {
             FailListing(call, status);
             co_return;
         }
+        break;
     }
     std::vector<uint64_t> reached; // nodes with a lookup more
     ListingBuffer buffer(size, plus);

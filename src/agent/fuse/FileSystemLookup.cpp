@@ -45,6 +45,8 @@ Task<FileSystem::Found> FileSystem::Find(NodePtr parent, std::string name, Fresh
         co_return NotFound(nt::STATUS_OBJECT_NAME_NOT_FOUND);
     bool decided = false;
     Found found = co_await FindByHandle(parent, name, freshness, &decided);
+    if (!decided && SaysStaleHandle(found.status))
+        found = co_await FindByHandle(parent, name, freshness, &decided);
     if (decided)
         co_return found;
     Place place;
@@ -118,6 +120,8 @@ Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string nam
     }
     if (!directory) {
         *decided = found.status != nt::STATUS_ACCESS_DENIED && found.status != nt::STATUS_SHARING_VIOLATION;
+        if (SaysAbsent(found.status)) // the folder is
+            found.status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
         co_return found;
     }
     const std::u16string wanted = NtNameFromPosix(name);
@@ -132,11 +136,12 @@ Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string nam
     if (!result.Failed() && !PickEntry(result.data, hasIds, wanted, &found.facts, &found.exact))
         found.status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
     *decided = true;
-    const bool isFolder = co_await AwaitChecked(directory);
-    if (!isFolder)
-        co_return NotFound(nt::STATUS_OBJECT_PATH_NOT_FOUND);
-    if (found.status == nt::STATUS_INVALID_HANDLE || found.status == nt::STATUS_CANCELLED ||
-        found.status == STATUS_FILE_INVALID) {
+    const nt::NTSTATUS checked = co_await AwaitChecked(directory);
+    if (SaysStaleHandle(checked))
+        found.status = checked;
+    else if (nt::IsError(checked))
+        co_return NotFound(checked);
+    if (SaysStaleHandle(found.status) || found.status == nt::STATUS_CANCELLED) {
         directories.Drop(parent);
         *decided = false;
     }
@@ -244,7 +249,7 @@ Task<bool> FileSystem::FindMoved(NodePtr folder)
         rootPath.clear();
     if (path.size() <= rootPath.size() || !path.starts_with(rootPath) || path[rootPath.size()] != u'\\')
         co_return false; // it has left the share
-    table.SetMovedTo(folder, path.substr(rootPath.size()));
+    table.SetMovedTo(folder, share.shared_from_this(), path.substr(rootPath.size()));
     co_return true;
 }
 
@@ -354,7 +359,10 @@ Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node, Freshness freshness)
     if (file) {
         if (node->TakeFactsOfOpen(CacheSpan(), &found.facts))
             co_return found;
+        const uint64_t asked = writes ? writes->Generation() : 0;
         found.status = co_await QueryFacts(*file->share, file->fileId, &found.facts);
+        if (!nt::IsError(found.status) && writes)
+            writes->NoteFacts(found.facts, asked);
         if (!nt::IsError(found.status) && table.FileIdOf(node) == 0)
             table.SetFileId(node, found.facts.id);
     } else {
@@ -400,24 +408,29 @@ Task<FileSystem::Found> FileSystem::FactsOfDirectory(NodePtr node)
 {
     Found found;
     found.asked = Node::Clock::now();
-    DirectoryHandlePtr directory = directories.Present(node);
-    if (const auto listing = directory ? nullptr : node->AnyListing()) {
-        found.status = co_await QueryFacts(listing->Share(), listing->FileId(), &found.facts);
-        co_return found;
+    for (bool first = true; first || SaysStaleHandle(found.status); first = false) {
+        DirectoryHandlePtr directory = directories.Present(node);
+        const auto listing = directory || !first ? nullptr : node->AnyListing();
+        if (listing) {
+            found.status = co_await QueryFacts(listing->Share(), listing->FileId(), &found.facts);
+            continue;
+        }
+        if (!directory) {
+            const auto [acquired, opened] = co_await AwaitDirectory(node);
+            found.status = acquired;
+            directory = opened;
+        }
+        if (!directory) {
+            if (node == table.Root())
+                found.status = nt::STATUS_DEVICE_REMOVED;
+            co_return found;
+        }
+        found.status = co_await QueryFacts(directory->Share(), directory->FileId(), &found.facts);
+        if (SaysStaleHandle(found.status))
+            directories.Drop(node);
+        if (!first)
+            break;
     }
-    if (!directory) {
-        const auto [acquired, opened] = co_await AwaitDirectory(node);
-        found.status = acquired;
-        directory = opened;
-    }
-    if (!directory) {
-        if (node == table.Root())
-            found.status = nt::STATUS_DEVICE_REMOVED;
-        co_return found;
-    }
-    found.status = co_await QueryFacts(directory->Share(), directory->FileId(), &found.facts);
-    if (found.status == nt::STATUS_INVALID_HANDLE)
-        directories.Drop(node);
     co_return found;
 }
 
@@ -512,6 +525,9 @@ Detached FileSystem::Access(FuseCall::Ptr call, uint64_t nodeId, int mask)
         call->Fail(ESTALE);
         co_return;
     }
+    // Who makes it the working directory stays in it, wherever the other side moves it: a handle tells.
+    if (node->directory && (mask & X_OK))
+        co_await AwaitDirectory(node);
     Place place;
     if ((mask & W_OK) && table.PlaceOf(node, &place)) {
         if (place.share->Device().IsReadOnly()) {
@@ -544,18 +560,27 @@ Detached FileSystem::StatFs(FuseCall::Ptr call, uint64_t nodeId)
         call->Volume({});
         co_return;
     }
-    const auto [acquired, directory] = co_await AwaitDirectory(shareRoot);
-    if (!directory) {
-        call->FailStatus(acquired);
-        co_return;
+    nt::NTSTATUS status = STATUS_FILE_INVALID;
+    for (int tries = 0; tries < 2 && SaysStaleHandle(status); ++tries) {
+        const auto [acquired, directory] = co_await AwaitDirectory(shareRoot);
+        if (!directory) {
+            status = acquired;
+            break;
+        }
+        const IoResult result =
+            co_await QueryVolumeOf(directory->Share(), directory->FileId(), nt::FileFsFullSizeInformation);
+        status = result.status;
+        VolumeFacts facts;
+        if (!result.Failed() && !ReadFullSizeInformation(result.data, &facts))
+            status = STATUS_INVALID_NETWORK_RESPONSE;
+        if (!nt::IsError(status)) {
+            call->Volume(facts);
+            co_return;
+        }
+        if (SaysStaleHandle(status))
+            directories.Drop(shareRoot);
     }
-    const IoResult result =
-        co_await QueryVolumeOf(directory->Share(), directory->FileId(), nt::FileFsFullSizeInformation);
-    VolumeFacts facts;
-    if (result.Failed())
-        call->FailStatus(result.status);
-    else if (ReadFullSizeInformation(result.data, &facts))
-        call->Volume(facts);
+    call->FailStatus(status);
 }
 
 } // namespace fodr::agent

@@ -2,6 +2,7 @@
 // FileSystemHidden.cpp.
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/StatusErrno.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
@@ -36,7 +37,9 @@ Detached FileSystem::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::s
                                             .createOptions = nt::FILE_DIRECTORY_FILE,
                                             .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
     parent->NoteOwnChange();
-    const IoResult made = co_await CreateFile(*place.share, create, place.path);
+    IoResult made = co_await CreateFile(*place.share, create, place.path);
+    if (SaysAbsent(made.status) && co_await FindPlaceAgain(parent, name, &place))
+        made = co_await CreateFile(*place.share, create, place.path);
     if (made.Failed()) {
         FailCreate(call, made.status);
         co_return;
@@ -79,6 +82,8 @@ Detached FileSystem::Unlink(FuseCall::Ptr call, uint64_t parentId, std::string n
     if (place.share->Has(nt::FODR_HOST_POSIX_NAMES)) {
         const NodePtr node = table.Child(parent, name);
         status = co_await RemoveAtOnce(place, node, false);
+        if (SaysAbsent(status) && co_await FindPlaceAgain(parent, name, &place))
+            status = co_await RemoveAtOnce(place, node, false);
         if (!nt::IsError(status)) {
             table.Remove(parent, name);
             if (node)
@@ -136,6 +141,8 @@ Detached FileSystem::RemoveDirectory(FuseCall::Ptr call, uint64_t parentId, std:
         co_return;
     parent->NoteOwnChange();
     nt::NTSTATUS status = co_await RemoveFolder(parent, name, place);
+    if (SaysAbsent(status) && co_await FindPlaceAgain(parent, name, &place))
+        status = co_await RemoveFolder(parent, name, place);
     const NodePtr node = table.Child(parent, name);
     if (status == nt::STATUS_DIRECTORY_NOT_EMPTY && node && co_await ClearLeftovers(node))
         status = co_await RemoveFolder(parent, name, place);
@@ -163,6 +170,16 @@ Task<Nothing> FileSystem::ClearTheWay(NodePtr node)
 // file can't land in another one.
 Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
 {
+    nt::NTSTATUS status = co_await TryMoveAtOnce(moving, replace);
+    if (SaysStaleHandle(status)) {
+        directories.Drop(moving.newParent);
+        status = co_await TryMoveAtOnce(moving, replace);
+    }
+    co_return status;
+}
+
+Task<nt::NTSTATUS> FileSystem::TryMoveAtOnce(Moving moving, bool replace)
+{
     RemoteShare &share = *moving.source.share;
     const auto [acquired, folder] = co_await AwaitDirectory(moving.newParent);
     if (!folder)
@@ -175,10 +192,9 @@ Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;
-    const bool isFolder = co_await AwaitChecked(folder);
-    nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    nt::NTSTATUS status = co_await AwaitChecked(folder);
     uint64_t movedId = 0;
-    if (isFolder) {
+    if (!nt::IsError(status)) {
         const std::u16string newName = NtNameFromPosix(moving.newName);
         const std::shared_ptr<FactsUnderway> identity = FactsUnderway::Ask(share, fileId);
         const IoResult renamed = co_await RenameFileInto(share, fileId, folder->FileId(), newName, replace);
@@ -199,10 +215,11 @@ Task<nt::NTSTATUS> FileSystem::MoveAtOnce(Moving moving, bool replace)
         // What was moved was another file than the kernel knew of: it has to look at the new name.
         if (node && known != 0 && movedId != 0 && known != movedId) {
             table.Remove(moving.newParent, moving.newName);
-            notifier.NameChanged(moving.newParent->id, moving.newName);
         } else if (node) {
             node->NoteSeen(Node::Clock::now());
         }
+        // The kernel goes on believing the name for as long as it was told in the old folder.
+        notifier.NameChanged(moving.newParent->id, moving.newName);
         if (target)
             notifier.AttributesChanged(target->id); // it has a link less
     }
@@ -237,10 +254,13 @@ Detached FileSystem::Rename(FuseCall::Ptr call, uint64_t parentId, std::string n
     moving.newParent->NoteOwnChange();
     const bool replace = (flags & kNoReplace) == 0;
     nt::NTSTATUS status;
-    if (moving.source.share->Has(nt::FODR_HOST_POSIX_NAMES))
+    if (moving.source.share->Has(nt::FODR_HOST_POSIX_NAMES)) {
         status = co_await MoveAtOnce(moving, replace);
-    else
+        if (SaysAbsent(status) && co_await FindPlaceAgain(moving.parent, name, &moving.source))
+            status = co_await MoveAtOnce(moving, replace);
+    } else {
         status = co_await Move(moving, replace);
+    }
     moving.parent->NoteOwnChange();
     moving.newParent->NoteOwnChange();
     FailCreate(call, status);

@@ -144,9 +144,10 @@ Task<nt::NTSTATUS> FileSystem::Truncate(NodePtr node, std::shared_ptr<RemoteShar
     const std::shared_ptr<WriteBehind> writes = node->Writes(writeWindow);
     co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
     node->NoteOwnChange();
+    writes->SizeChanges();
     const std::array<uint8_t, 8> nothing{};
     const IoResult result = co_await SetFile(*share, fileId, nt::FileEndOfFileInformation, nothing);
-    writes->DataChanged();
+    writes->SizeChanged(result, 0);
     node->NoteOwnChange();
     co_return result.status;
 }
@@ -175,6 +176,8 @@ uint64_t FileSystem::Lend(const OpenFilePtr &lender)
 Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int flags, uint32_t access)
 {
     Opening opening;
+    if (table.FileIdOf(node) == 0 && node->opens.IsOpen())
+        co_await Identify(node);
     const uint64_t known = table.FileIdOf(node);
     if (std::optional<OpenedAhead::Found> ahead = openedAhead.Take(place.share, known, access)) {
         opening.handle = Keep(NewOpen(node, place.share, ahead->handle, access));
@@ -199,12 +202,15 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
             const OpenFilePtr file = NewOpen(node, place.share, fileId, access);
             if (!truncates)
                 PrimeReading(file);
+            const std::shared_ptr<WriteBehind> writes = node->Writes(writeWindow);
+            const uint64_t asked = writes->Generation();
             opening.status = co_await QueryFacts(*place.share, fileId, &opening.facts);
             if (nt::IsError(opening.status))
                 co_return opening;
             if (known == 0)
                 table.SetFileId(node, opening.facts.id);
             if (known == 0 || known == opening.facts.id) {
+                writes->NoteFacts(opening.facts, asked);
                 opening.handle = Keep(file);
                 co_return opening;
             }
@@ -277,8 +283,12 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         const IoResult opened = readsAlone ? co_await OpenToRead(node, place, open, &opening.facts)
                                            : co_await OpenNode(node, place, open);
         opening.status = opened.status;
-        if (!opened.Failed())
+        if (!opened.Failed()) {
             opening.handle = Keep(NewOpen(node, place.share, opened.fileId, access));
+            FileFacts last;
+            if (node->LastFacts(&last))
+                node->Writes(writeWindow)->NoteFacts(last, 0);
+        }
     }
     if (nt::IsError(opening.status)) {
         // The kernel looks the name up again, and knows then.
@@ -338,7 +348,9 @@ Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string n
     if ((mode & S_IWUSR) == 0)
         create.fileAttributes = nt::FILE_ATTRIBUTE_READONLY;
     parent->NoteOwnChange();
-    const IoResult opened = co_await OpenAt(place, create);
+    IoResult opened = co_await OpenAt(place, create);
+    if (SaysAbsent(opened.status) && co_await FindPlaceAgain(parent, name, &place))
+        opened = co_await OpenAt(place, create);
     if (opened.Failed()) {
         FailCreate(call, opened.status);
         co_return;
@@ -364,8 +376,9 @@ Detached FileSystem::Create(FuseCall::Ptr call, uint64_t parentId, std::string n
     }
     const NodePtr node = hasIds && isNew ? table.ReachNew(parent, name, NodeKind::File)
                                          : table.Reach(parent, name, NodeKind::File, facts.id);
-    if (const std::shared_ptr<WriteBehind> writes = node->WritesIfAny())
-        writes->DataChanged();
+    const std::shared_ptr<WriteBehind> writes = node->Writes(writeWindow);
+    writes->DataChanged();
+    writes->NoteFacts(facts, isNew ? writes->Generation() : 0);
     node->NoteFacts(facts);
     node->NoteOwnChange();
     const uint64_t handle = Keep(NewOpen(node, place.share, fileId, access), isNew);

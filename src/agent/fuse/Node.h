@@ -101,7 +101,8 @@ struct Node {
     std::weak_ptr<Node> formerParent; // of the last name that it lost
     std::string formerName;
     std::u16string movedTo; // of a folder without a name: its path in the share, as its handle told; or empty
-    uint64_t fileId = 0;    // FileFacts::id; 0 when it isn't known
+    std::shared_ptr<RemoteShare> movedShare;
+    uint64_t fileId = 0;                    // FileFacts::id; 0 when it isn't known
     std::shared_ptr<RemoteShare> shareOfId; // where the table finds it by its fileId
     uint64_t lookups = 0;                   // the kernel's count
     std::unordered_map<std::string, Node *> children;
@@ -135,6 +136,13 @@ struct Node {
     }
     void NoteLookedUp() { cameAgain = IsRenamed(); }
     bool MustBeLookedUp() { return IsRenamed() && !cameAgain.exchange(false); }
+    // Of a directory that was moved: who opens it by its old name has to look again, which ends with that.
+    // Who comes back at once has it open, or stands in it. True: this is the first try.
+    bool TurnAway(Clock::duration span)
+    {
+        const Clock::rep now = Clock::now().time_since_epoch().count();
+        return now - turnedAwayAt.exchange(now) > span.count();
+    }
     // Of a directory: when an answer about its entries was last given that only a notice would correct in
     // time.
     void NoteLongAnswer() { longAnswerAt = Clock::now().time_since_epoch().count(); }
@@ -191,7 +199,7 @@ private:
     std::string target GUARDED_BY(factsLock);
     std::vector<std::weak_ptr<DirectoryListing>> listings GUARDED_BY(factsLock);
     std::atomic<Clock::rep> ownChange{0};
-    std::atomic<Clock::rep> seenAt{0}, aheadAt{0}, longAnswerAt{0}, renamedUntil{0};
+    std::atomic<Clock::rep> seenAt{0}, aheadAt{0}, longAnswerAt{0}, renamedUntil{0}, turnedAwayAt{0};
     std::atomic<bool> cameAgain{false};
     std::atomic<Clock::rep> noticedAt{0};
     std::atomic<Clock::rep> watchedFrom{0};

@@ -35,7 +35,7 @@ std::shared_ptr<RemoteShare> NodeTable::ShareOf(const Node *node) const
 {
     while (!node->shareRoot && !node->names.empty())
         node = node->names.back().parent.get();
-    return node->shareRoot ? node->shareRoot : node->shareOfId;
+    return node->shareRoot ? node->shareRoot : node->movedShare;
 }
 
 // A file that was made by this mount is known by its name alone until its id is told. While nobody has it
@@ -122,6 +122,7 @@ void NodeTable::RemoveAllNames(Node *node)
 {
     NoteFormer(node);
     node->movedTo.clear();
+    node->movedShare = nullptr;
     for (const Node::Name &name : std::exchange(node->names, {})) {
         auto found = name.parent->children.find(name.text);
         if (found != name.parent->children.end() && found->second == node)
@@ -267,8 +268,8 @@ bool NodeTable::LocatePath(const Node *node, Place *place) const
         place->share = node->shareRoot;
         return true;
     }
-    if (node->names.empty() && !node->movedTo.empty() && node->shareOfId) {
-        place->share = node->shareOfId;
+    if (node->names.empty() && !node->movedTo.empty()) {
+        place->share = node->movedShare;
         place->path = node->movedTo;
         return true;
     }
@@ -319,11 +320,13 @@ bool NodeTable::FormerPlaceOf(const NodePtr &node, NodePtr *parent, std::string 
     return *parent && node->names.empty();
 }
 
-void NodeTable::SetMovedTo(const NodePtr &folder, const std::u16string &path)
+void NodeTable::SetMovedTo(const NodePtr &folder, const std::shared_ptr<RemoteShare> &share,
+                           const std::u16string &path)
 {
     const MutexLock held(lock);
     RemoveAllNames(folder.get());
     folder->movedTo = path;
+    folder->movedShare = share;
 }
 
 bool NodeTable::IsMoved(const NodePtr &folder) const

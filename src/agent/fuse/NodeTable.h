@@ -57,7 +57,8 @@ public:
     // Where a node without a name was last.
     [[nodiscard]] bool FormerPlaceOf(const NodePtr &node, NodePtr *parent, std::string *name) const;
     // A folder that the other side has moved somewhere that isn't known by name: `path` is in its share.
-    void SetMovedTo(const NodePtr &folder, const std::u16string &path);
+    void SetMovedTo(const NodePtr &folder, const std::shared_ptr<RemoteShare> &share,
+                    const std::u16string &path);
     bool IsMoved(const NodePtr &folder) const;
     // The folders on the way to a node, the share's root or a moved folder first, without the node.
     std::vector<NodePtr> ParentsOf(const NodePtr &node) const;

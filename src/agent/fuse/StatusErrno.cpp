@@ -100,4 +100,9 @@ bool SaysAbsent(nt::NTSTATUS status)
            status == nt::STATUS_OBJECT_NAME_INVALID;
 }
 
+bool SaysStaleHandle(nt::NTSTATUS status)
+{
+    return status == nt::STATUS_INVALID_HANDLE || status == STATUS_FILE_INVALID;
+}
+
 } // namespace fodr::agent

@@ -10,5 +10,7 @@ int ErrnoOfStatus(nt::NTSTATUS status);
 
 // Whether it says that nothing has the name.
 bool SaysAbsent(nt::NTSTATUS status);
+// The handle is of no use any more, as after a lost connection; nothing was done with it. Another one may be.
+bool SaysStaleHandle(nt::NTSTATUS status);
 
 } // namespace fodr::agent
