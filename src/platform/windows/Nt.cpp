@@ -106,6 +106,8 @@ NTSTATUS NtQueryDirectoryFile(HANDLE file, HANDLE event, void *apcRoutine, void 
                               IO_STATUS_BLOCK *ioStatus, void *buffer, uint32_t length, uint32_t infoClass,
                               bool returnSingleEntry, UNICODE_STRING *fileName, bool restartScan)
 {
+    if (platform::IsUnknownListing(infoClass))
+        return STATUS_INVALID_INFO_CLASS;
     const HANDLE scan = platform::HandleForScan(file, restartScan && fileName && fileName->Length != 0);
     const auto query = [&](HANDLE signalled) {
         return ::NtQueryDirectoryFile(scan, signalled, Native(apcRoutine), apcContext, Native(ioStatus),

@@ -70,4 +70,10 @@ void ForgetScan(HANDLE folder)
     scans.handles.erase(folder);
 }
 
+bool IsUnknownListing(uint32_t infoClass)
+{
+    // Object ids, quotas and reparse points (MS-FSCC 2.4).
+    return (infoClass == 29 || infoClass == 32 || infoClass == 33) && IsWine();
+}
+
 } // namespace fodr::platform

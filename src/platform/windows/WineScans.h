@@ -5,6 +5,8 @@
 
 #include "platform/windows/Win32.h"
 
+#include <cstdint>
+
 namespace fodr::platform {
 
 bool IsWine();
@@ -14,5 +16,8 @@ bool IsWine();
 HANDLE HandleForScan(HANDLE folder, bool startsAnewWithPattern);
 // Before the folder's handle is closed.
 void ForgetScan(HANDLE folder);
+// Classes of listings that Wine doesn't know, but says so only to a buffer of one certain length. Whoever
+// asks with longer and longer buffers would do so without an end.
+bool IsUnknownListing(uint32_t infoClass);
 
 } // namespace fodr::platform
