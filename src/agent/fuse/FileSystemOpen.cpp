@@ -167,12 +167,12 @@ void FileSystem::OpenedAnother(const NodePtr &parent, const std::string &name,
 }
 
 // One more open by a handle that is there.
-uint64_t FileSystem::Lend(const OpenFilePtr &lender)
+OpenFilePtr FileSystem::Lend(const OpenFilePtr &lender)
 {
-    const OpenFilePtr file = NewOpen(lender->node, lender->share, lender->fileId, lender->access);
+    OpenFilePtr file = NewOpen(lender->node, lender->share, lender->fileId, lender->access);
     file->lender = lender;
     file->givenAway = true;
-    return Keep(file);
+    return file;
 }
 
 // The open counts only once it is known what was opened.
@@ -181,7 +181,7 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
     Opening opening;
     const uint64_t known = table.FileIdOf(node);
     if (std::optional<OpenedAhead::Found> ahead = openedAhead.Take(place.share, known, access)) {
-        opening.handle = Keep(NewOpen(node, place.share, ahead->handle, access));
+        opening.file = NewOpen(node, place.share, ahead->handle, access);
         opening.facts = ahead->facts;
         co_return opening;
     }
@@ -208,7 +208,7 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
             if (known == 0)
                 table.SetFileId(node, opening.facts.id);
             if (known == 0 || known == opening.facts.id) {
-                opening.handle = Keep(file);
+                opening.file = file;
                 co_return opening;
             }
             file->givenAway = true;
@@ -233,10 +233,8 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
             continue;
         }
         if (lender) {
-            opening.handle = Lend(lender);
+            opening.file = Lend(lender);
             opening.status = co_await QueryFacts(*place.share, lender->fileId, &opening.facts);
-            if (nt::IsError(opening.status))
-                Release(nullptr, opening.handle);
             co_return opening;
         }
         if (named)
@@ -279,7 +277,7 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
                                            : co_await OpenNode(node, place, open);
         opening.status = opened.status;
         if (!opened.Failed())
-            opening.handle = Keep(NewOpen(node, place.share, opened.fileId, access));
+            opening.file = NewOpen(node, place.share, opened.fileId, access);
     }
     if (nt::IsError(opening.status)) {
         // The kernel looks the name up again, and knows then.
@@ -291,24 +289,24 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
             call->FailStatus(opening.status);
         co_return;
     }
-    const OpenFilePtr file = openFiles.Of(opening.handle);
+    const OpenFilePtr file = std::move(opening.file);
     if (truncates) {
         const nt::NTSTATUS status = co_await Truncate(node, file->share, file->fileId);
         if (nt::IsError(status)) {
-            Release(nullptr, opening.handle);
             call->FailStatus(status);
             co_return;
         }
     } else if (place.share->HasIds()) {
         node->NoteFactsOfOpen(opening.facts);
     }
+    const uint64_t handle = Keep(file);
     // Whoever opens a file sees it as it is by now, also its size. The node is in use, so this doesn't wait.
-    if (file->readable && session)
-        fuse_lowlevel_notify_inval_inode(session, node->id, -1, 0);
+    if (fuse_session *const told = file->readable ? session.load() : nullptr)
+        fuse_lowlevel_notify_inval_inode(told, node->id, -1, 0);
     if (file->readable && !place.share->HasIds())
         PrimeReading(file);
-    if (!call->Opened(opening.handle, CachingOf(flags)))
-        Release(nullptr, opening.handle);
+    if (!call->Opened(handle, CachingOf(flags)))
+        Release(nullptr, handle);
 }
 
 // Files that a share names one by one may be links: what they lead to is meant.
