@@ -109,11 +109,14 @@ Task<IoResult> FileSystem::OpenNode(NodePtr node, Place place, RemoteShare::Crea
     if (!table.ParentAndNameOf(node, &parent, &name))
         parent = node;
     const GateHold passed = co_await PassGate(parent, NameGate::Entry::Shared);
+    uint64_t ended = node->opens.ClosesEnded();
     IoResult opened = co_await OpenAt(place, open);
-    for (int i = 0; i < kMostWaits && opened.status == nt::STATUS_SHARING_VIOLATION && node->opens.IsClosing();
-         ++i) {
+    for (int i = 0; i < kMostWaits && opened.status == nt::STATUS_SHARING_VIOLATION; ++i) {
+        if (!node->opens.IsClosing() && node->opens.ClosesEnded() == ended)
+            break;
         co_await AwaitCall(
             [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+        ended = node->opens.ClosesEnded();
         opened = co_await OpenAt(place, open);
     }
     co_return opened;

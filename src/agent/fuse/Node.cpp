@@ -50,6 +50,7 @@ void OpenState::EndClose()
     std::vector<Waiter> ready;
     {
         const transport::MutexLock held(lock);
+        ++closesEnded;
         if (--closing == 0)
             ready.swap(waiters);
     }
@@ -95,6 +96,12 @@ bool OpenState::IsClosing() const
 {
     const transport::MutexLock held(lock);
     return closing != 0;
+}
+
+uint64_t OpenState::ClosesEnded() const
+{
+    const transport::MutexLock held(lock);
+    return closesEnded;
 }
 
 void OpenState::WhenNoneClosing(Waiter waiter)

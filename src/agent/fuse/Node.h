@@ -61,6 +61,8 @@ public:
     OpenFilePtr AnyThatChangesBasics() const;
     bool IsOpen() const;
     bool IsClosing() const;
+    // How many closes have ended. A refusal by one of them may be told after its end.
+    uint64_t ClosesEnded() const;
 
     using Waiter = InlineFunction<void()>;
     // Calls the function when no close is under way.
@@ -77,6 +79,7 @@ private:
     std::vector<OpenFilePtr> files GUARDED_BY(lock);
     std::vector<Waiter> waiters GUARDED_BY(lock);
     size_t closing GUARDED_BY(lock) = 0;
+    uint64_t closesEnded GUARDED_BY(lock) = 0;
     uint32_t deletion GUARDED_BY(lock) = 0;
 };
 
