@@ -202,8 +202,9 @@ Detached FileSystem::LookAgain(NodePtr node)
 
 double FileSystem::SecondsLeft(const NodePtr &parent, Node::Clock::time_point asked) const
 {
+    parent->NoteLongAnswer();
     const std::chrono::duration<double> age = Node::Clock::now() - asked;
-    const bool watched = parent->IsWatched() && parent->NoticedAt() < asked;
+    const bool watched = parent->IsWatchedSince(asked) && parent->NoticedAt() < asked;
     const double span = watched ? options.cacheSeconds : std::min(options.cacheSeconds, kUnwatchedSeconds);
     return std::max(0.0, span - age.count());
 }
@@ -211,7 +212,6 @@ double FileSystem::SecondsLeft(const NodePtr &parent, Node::Clock::time_point as
 EntryAnswer FileSystem::AnswerFor(const NodePtr &parent, const NodePtr &node, const FileFacts &facts,
                                   bool lasting, Node::Clock::time_point asked) const
 {
-    parent->NoteLongAnswer();
     const double left = SecondsLeft(parent, asked);
     return {.node = node->id,
             .attributes = StatOf(facts, node->id, options.owner),

@@ -196,11 +196,11 @@ private:
     Task<IoResult> OpenToRead(NodePtr node, Place place, RemoteShare::CreateCall open, FileFacts *facts);
     struct Opening {                              // an open of a file that is known by its id
         nt::NTSTATUS status = nt::STATUS_SUCCESS; // STATUS_FILE_DELETED: the kernel has to look again
-        uint64_t handle = 0;
+        OpenFilePtr file;
         FileFacts facts;
     };
     Task<Opening> OpenFileOf(NodePtr node, Place place, int flags, uint32_t access);
-    uint64_t Lend(const OpenFilePtr &lender);
+    OpenFilePtr Lend(const OpenFilePtr &lender);
     Task<nt::NTSTATUS> Truncate(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId);
     void OpenedAnother(const NodePtr &parent, const std::string &name,
                        const std::shared_ptr<RemoteShare> &share, uint32_t fileId, uint32_t access,

@@ -31,7 +31,7 @@ Task<FileSystem::Borrowed> FileSystem::BorrowHandle(NodePtr node, OpenFilePtr fi
 {
     Borrowed borrowed;
     if (!file || !(file->writable || (!forData && file->changesBasics)))
-        file = node->opens.Any(true);
+        file = forData ? node->opens.Any(true) : node->opens.AnyThatChangesBasics();
     if (file) {
         borrowed.file = file;
         borrowed.share = file->share;
@@ -51,7 +51,7 @@ Task<FileSystem::Borrowed> FileSystem::BorrowHandle(NodePtr node, OpenFilePtr fi
         .desiredAccess = kAttributeAccess | (forData ? nt::FILE_WRITE_DATA : 0),
         .createDisposition = nt::FILE_OPEN,
         .createOptions = (node->directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE) |
-                         (place.share->HasIds() ? nt::FILE_OPEN_REPARSE_POINT : 0)};
+                         (FollowsLinks(node, place) ? 0 : nt::FILE_OPEN_REPARSE_POINT)};
     IoResult opened = co_await CreateFile(*place.share, open, place.path);
     if (opened.status == nt::STATUS_SHARING_VIOLATION && node->opens.IsClosing()) {
         // By a handle of our own.

@@ -95,7 +95,7 @@ bool FileSystem::Recall(const NodePtr &parent, const std::string &name, const st
     if (!told || ChangedBySelf(parent, name, told->asked))
         return false;
     const auto entry = told->names.find(ntName);
-    if (entry == told->names.end())
+    if (entry == told->names.end() || (entry->second.id == 0 && directory->Share().HasIds()))
         return false;
     directory->Names().NoteUse();
     found->facts = entry->second;
@@ -177,7 +177,7 @@ bool FileSystem::IsConfirmed(const NodePtr &parent, const NodePtr &node) const
     const auto seen = node->SeenAt();
     if (seen <= parent->NoticedAt())
         return false;
-    return parent->IsWatched() || Node::Clock::now() - seen < kUnwatched;
+    return parent->IsWatchedSince(seen) || Node::Clock::now() - seen < kUnwatched;
 }
 
 Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder, Believing believing)
@@ -187,8 +187,9 @@ Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder, Believing believi
         co_return Standing::Here;
     std::vector<NodePtr> way = table.ParentsOf(folder);
     way.push_back(folder);
-    if (!way[0]->shareRoot && !co_await FindMoved(way[0]))
-        co_return way[0] != folder &&co_await FindMoved(folder) ? Standing::Here : Standing::Replaced;
+    const bool fromRoot = table.ShareRootOf(way[0]) == way[0];
+    if (!fromRoot && !co_await FindMoved(way[0]))
+        co_return way[0] != folder && co_await FindMoved(folder) ? Standing::Here : Standing::Replaced;
     for (size_t i = 1; i < way.size(); ++i) {
         const NodePtr &parent = way[i - 1], &node = way[i];
         if (believing == Believing::WhatWasSeen && IsConfirmed(parent, node))
@@ -227,13 +228,19 @@ Task<bool> FileSystem::FindMoved(NodePtr folder)
     if (!kept && !listing)
         co_return false;
     RemoteShare &share = kept ? kept->Share() : listing->Share();
+    const uint32_t fileId = kept ? kept->FileId() : listing->FileId();
     std::u16string path, rootPath;
+    bool hasPath;
+    // The handle may be of another folder, which had the name when it was opened.
+    const std::shared_ptr<FactsUnderway> identity = FactsUnderway::Ask(share, fileId);
     {
-        const IoResult told =
-            co_await QueryFile(share, kept ? kept->FileId() : listing->FileId(), nt::FileNameInformation);
-        if (told.Failed() || !ReadNameInformation(told.data, &path))
-            co_return false;
+        const IoResult told = co_await QueryFile(share, fileId, nt::FileNameInformation);
+        hasPath = !told.Failed() && ReadNameInformation(told.data, &path);
     }
+    co_await identity->Arrival();
+    const uint64_t known = table.FileIdOf(folder);
+    if (!hasPath || nt::IsError(identity->status) || (known != 0 && identity->facts.id != known))
+        co_return false;
     const NodePtr root = table.RootOf(share.shared_from_this());
     if (!root)
         co_return false;
@@ -327,7 +334,8 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
         co_await Identify(known);
     // Names that differ in case are different nodes, also where they lead to one file: a rename from one case
     // to another would be nothing to the kernel otherwise.
-    const NodePtr node = Reach(parent, name, found.facts, found.NodeId());
+    const bool opened = known && !found.exact && table.FileIdOf(known) == found.facts.id; // which told its id
+    const NodePtr node = Reach(parent, name, found.facts, opened ? found.facts.id : found.NodeId());
     node->NoteFacts(found.facts);
     node->NoteSeen(found.asked);
     if (ahead)
@@ -357,7 +365,8 @@ Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node, Freshness freshness)
         co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
     const OpenFilePtr file = node->opens.Any(false);
     if (file) {
-        if (node->TakeFactsOfOpen(CacheSpan(), &found.facts))
+        const auto span = std::min<Node::Clock::duration>(CacheSpan(), kUnwatched);
+        if (node->TakeFactsOfOpen(span, &found.facts, &found.asked))
             co_return found;
         const uint64_t asked = writes ? writes->Generation() : 0;
         found.status = co_await QueryFacts(*file->share, file->fileId, &found.facts);
@@ -385,7 +394,7 @@ Task<FileSystem::Found> FileSystem::FactsByName(NodePtr node, Freshness freshnes
             co_return found;
         const uint64_t known = table.FileIdOf(node);
         const bool same = !nt::IsError(found.status) && KindOf(found.facts) == node->kind &&
-                          (known == 0 || !found.exact || found.facts.id == known);
+                          (known == 0 || found.facts.id == known);
         if (same) {
             if (known == 0 && found.exact && found.facts.id != 0)
                 table.SetFileId(node, found.facts.id);
@@ -408,29 +417,33 @@ Task<FileSystem::Found> FileSystem::FactsOfDirectory(NodePtr node)
 {
     Found found;
     found.asked = Node::Clock::now();
-    for (bool first = true; first || SaysStaleHandle(found.status); first = false) {
-        DirectoryHandlePtr directory = directories.Present(node);
-        const auto listing = directory || !first ? nullptr : node->AnyListing();
-        if (listing) {
-            found.status = co_await QueryFacts(listing->Share(), listing->FileId(), &found.facts);
-            continue;
-        }
-        if (!directory) {
+    for (bool first = true;; first = false) {
+        const DirectoryHandlePtr kept = directories.Present(node);
+        const std::shared_ptr<DirectoryListing> listing = kept || !first ? nullptr : node->AnyListing();
+        DirectoryHandlePtr directory = kept;
+        if (!directory && !listing) {
             const auto [acquired, opened] = co_await AwaitDirectory(node);
             found.status = acquired;
             directory = opened;
         }
-        if (!directory) {
+        if (!directory && !listing) {
             if (node == table.Root())
                 found.status = nt::STATUS_DEVICE_REMOVED;
             co_return found;
         }
-        found.status = co_await QueryFacts(directory->Share(), directory->FileId(), &found.facts);
-        if (SaysStaleHandle(found.status))
+        RemoteShare &share = directory ? directory->Share() : listing->Share();
+        found.status =
+            co_await QueryFacts(share, directory ? directory->FileId() : listing->FileId(), &found.facts);
+        if (directory && SaysStaleHandle(found.status))
             directories.Drop(node);
-        if (!first)
+        if (!first || !SaysStaleHandle(found.status))
             break;
     }
+    // The handle may be of another folder, which had the name when it was opened.
+    const uint64_t known = table.FileIdOf(node);
+    if (!nt::IsError(found.status) && known != 0 && found.facts.id != known &&
+        table.ShareRootOf(node) != node)
+        co_return NotFound(nt::STATUS_FILE_DELETED);
     co_return found;
 }
 
@@ -507,7 +520,7 @@ Detached FileSystem::ReadLink(FuseCall::Ptr call, uint64_t nodeId)
     CloseLater(node, place.share, fileId);
     if (nt::IsError(status)) {
         call->FailStatus(status);
-    } else if (facts.id != table.FileIdOf(node)) {
+    } else if (const uint64_t known = table.FileIdOf(node); known != 0 && facts.id != known) {
         call->Fail(ESTALE);
     } else if (!whole) {
         call->Fail(EIO);

@@ -109,11 +109,14 @@ Task<IoResult> FileSystem::OpenNode(NodePtr node, Place place, RemoteShare::Crea
     if (!table.ParentAndNameOf(node, &parent, &name))
         parent = node;
     const GateHold passed = co_await PassGate(parent, NameGate::Entry::Shared);
+    uint64_t ended = node->opens.ClosesEnded();
     IoResult opened = co_await OpenAt(place, open);
-    for (int i = 0;
-         i < kMostWaits && opened.status == nt::STATUS_SHARING_VIOLATION && node->opens.IsClosing(); ++i) {
+    for (int i = 0; i < kMostWaits && opened.status == nt::STATUS_SHARING_VIOLATION; ++i) {
+        if (!node->opens.IsClosing() && node->opens.ClosesEnded() == ended)
+            break;
         co_await AwaitCall(
             [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+        ended = node->opens.ClosesEnded();
         opened = co_await OpenAt(place, open);
     }
     co_return opened;
@@ -164,12 +167,12 @@ void FileSystem::OpenedAnother(const NodePtr &parent, const std::string &name,
 }
 
 // One more open by a handle that is there.
-uint64_t FileSystem::Lend(const OpenFilePtr &lender)
+OpenFilePtr FileSystem::Lend(const OpenFilePtr &lender)
 {
-    const OpenFilePtr file = NewOpen(lender->node, lender->share, lender->fileId, lender->access);
+    OpenFilePtr file = NewOpen(lender->node, lender->share, lender->fileId, lender->access);
     file->lender = lender;
     file->givenAway = true;
-    return Keep(file);
+    return file;
 }
 
 // The open counts only once it is known what was opened.
@@ -180,7 +183,7 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
         co_await Identify(node);
     const uint64_t known = table.FileIdOf(node);
     if (std::optional<OpenedAhead::Found> ahead = openedAhead.Take(place.share, known, access)) {
-        opening.handle = Keep(NewOpen(node, place.share, ahead->handle, access));
+        opening.file = NewOpen(node, place.share, ahead->handle, access);
         opening.facts = ahead->facts;
         co_return opening;
     }
@@ -211,7 +214,7 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
                 table.SetFileId(node, opening.facts.id);
             if (known == 0 || known == opening.facts.id) {
                 writes->NoteFacts(opening.facts, asked);
-                opening.handle = Keep(file);
+                opening.file = file;
                 co_return opening;
             }
             file->givenAway = true;
@@ -238,10 +241,8 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
             continue;
         }
         if (lender) {
-            opening.handle = Lend(lender);
+            opening.file = Lend(lender);
             opening.status = co_await QueryFacts(*place.share, lender->fileId, &opening.facts);
-            if (nt::IsError(opening.status))
-                Release(nullptr, opening.handle);
             co_return opening;
         }
         if (named)
@@ -284,7 +285,7 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
                                            : co_await OpenNode(node, place, open);
         opening.status = opened.status;
         if (!opened.Failed()) {
-            opening.handle = Keep(NewOpen(node, place.share, opened.fileId, access));
+            opening.file = NewOpen(node, place.share, opened.fileId, access);
             FileFacts last;
             if (node->LastFacts(&last))
                 node->Writes(writeWindow)->NoteFacts(last, 0);
@@ -300,24 +301,24 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
             call->FailStatus(opening.status);
         co_return;
     }
-    const OpenFilePtr file = openFiles.Of(opening.handle);
+    const OpenFilePtr file = std::move(opening.file);
     if (truncates) {
         const nt::NTSTATUS status = co_await Truncate(node, file->share, file->fileId);
         if (nt::IsError(status)) {
-            Release(nullptr, opening.handle);
             call->FailStatus(status);
             co_return;
         }
     } else if (place.share->HasIds()) {
         node->NoteFactsOfOpen(opening.facts);
     }
+    const uint64_t handle = Keep(file);
     // Whoever opens a file sees it as it is by now, also its size. The node is in use, so this doesn't wait.
-    if (file->readable && session)
-        fuse_lowlevel_notify_inval_inode(session, node->id, -1, 0);
+    if (fuse_session *const told = file->readable ? session.load() : nullptr)
+        fuse_lowlevel_notify_inval_inode(told, node->id, -1, 0);
     if (file->readable && !place.share->HasIds())
         PrimeReading(file);
-    if (!call->Opened(opening.handle, CachingOf(flags)))
-        Release(nullptr, opening.handle);
+    if (!call->Opened(handle, CachingOf(flags)))
+        Release(nullptr, handle);
 }
 
 // Files that a share names one by one may be links: what they lead to is meant.

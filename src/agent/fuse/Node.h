@@ -58,8 +58,11 @@ public:
     // Any open of the file; one that may write if that is wanted. Null when there is none.
     OpenFilePtr Any(bool writable) const;
     OpenFilePtr AnyWith(uint32_t access) const; // that was opened with just these rights
+    OpenFilePtr AnyThatChangesBasics() const;
     bool IsOpen() const;
     bool IsClosing() const;
+    // How many closes have ended. A refusal by one of them may be told after its end.
+    uint64_t ClosesEnded() const;
 
     using Waiter = InlineFunction<void()>;
     // Calls the function when no close is under way.
@@ -76,6 +79,7 @@ private:
     std::vector<OpenFilePtr> files GUARDED_BY(lock);
     std::vector<Waiter> waiters GUARDED_BY(lock);
     size_t closing GUARDED_BY(lock) = 0;
+    uint64_t closesEnded GUARDED_BY(lock) = 0;
     uint32_t deletion GUARDED_BY(lock) = 0;
 };
 
@@ -116,7 +120,7 @@ struct Node {
     // Facts that came with an open of the file: they answer one question, unless they are older than `span`
     // by then or something has changed since.
     void NoteFactsOfOpen(const FileFacts &seen);
-    bool TakeFactsOfOpen(Clock::duration span, FileFacts *seen);
+    bool TakeFactsOfOpen(Clock::duration span, FileFacts *seen, Clock::time_point *opened);
     void DropFactsOfOpen();
     // The last change that this mount made: of a file's data or facts, of a folder's names.
     void NoteOwnChange() { ownChange = Clock::now().time_since_epoch().count(); }
@@ -157,6 +161,12 @@ struct Node {
     {
         const Clock::rep from = watchedFrom;
         return from != 0 && Clock::now().time_since_epoch().count() >= from;
+    }
+    // What was asked for then has been watched over since.
+    bool IsWatchedSince(Clock::time_point asked) const
+    {
+        const Clock::rep from = watchedFrom;
+        return from != 0 && asked.time_since_epoch().count() >= from;
     }
     // Of a directory that this mount is changing: the kernel has been told to forget what it held before.
     std::atomic<bool> forgottenWhileBusy{false};
