@@ -277,6 +277,12 @@ TEST_P(Roots, HaveARuleForCase)
         }
         EXPECT_EQ(Told<FILE_CASE_SENSITIVE_INFORMATION>(In("s", "x"), FileCaseSensitiveInformation).Flags,
                   rule == CaseRule::Exact ? FILE_CS_FLAG_CASE_SENSITIVE_DIR : 0);
+        FODR_HOST_INFORMATION host{};
+        IO_STATUS_BLOCK io{};
+        EXPECT_EQ(NtDeviceIoControlFile(In("s", "x"), nullptr, nullptr, nullptr, &io, FSCTL_FODR_QUERY_HOST,
+                                        nullptr, 0, &host, sizeof(host)),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(host.Features, rule == CaseRule::Exact ? 15u : 7u);
         EXPECT_EQ(In("s", "X\\y\\f").status,
                   rule == CaseRule::Exact ? STATUS_OBJECT_PATH_NOT_FOUND : STATUS_SUCCESS);
     }
