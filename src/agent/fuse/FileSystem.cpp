@@ -301,9 +301,9 @@ void FileSystem::FailCreate(const FuseCall::Ptr &call, nt::NTSTATUS status)
 // The same once the folder is known to be where its path leads: a name isn't changed in another folder.
 Task<bool> FileSystem::LocateConfirmed(FuseCall::Ptr call, NodePtr parent, std::string name, Place *place)
 {
-    if (!LocateForChange(call, parent, name, place))
-        co_return false;
-    const Standing standing = co_await Confirm(parent);
+    Standing standing = Standing::Here;
+    if (parent && parent != table.Root())
+        standing = co_await Confirm(parent);
     if (standing == Standing::Here)
         co_return LocateForChange(call, parent, name, place);
     call->Fail(ESTALE);

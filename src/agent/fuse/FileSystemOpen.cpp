@@ -166,7 +166,7 @@ void FileSystem::OpenedAnother(const NodePtr &parent, const std::string &name,
                       .handle = std::make_shared<OpenedAhead::Handle>(share, fileId),
                       .access = access,
                       .facts = facts});
-    notifier.CallAt(Node::Clock::now() + 2 * OpenedAhead::kSpan, [this] { openedAhead.Purge(false); });
+    notifier.CallAt(Node::Clock::now() + 5 * OpenedAhead::kSpan, [this] { openedAhead.Purge(false); });
 }
 
 // One more open by a handle that is there.
@@ -185,11 +185,13 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
     if (table.FileIdOf(node) == 0 && node->opens.IsOpen())
         co_await Identify(node);
     const uint64_t known = table.FileIdOf(node);
-    if (const std::optional<OpenedAhead::Found> ahead = openedAhead.Find(place.share, known, access)) {
+    const bool lookedAgain = Node::Clock::now() - node->AheadAt() < OpenedAhead::kSpan;
+    if (const std::optional<OpenedAhead::Found> ahead =
+            lookedAgain ? openedAhead.Find(place.share, known, access) : std::nullopt) {
         opening.file = NewOpen(node, place.share, ahead->handle->fileId, access);
         opening.file->lender = ahead->handle;
         opening.file->givenAway = true;
-        opening.facts = ahead->facts;
+        opening.status = co_await QueryFacts(*place.share, opening.file->fileId, &opening.facts);
         co_return opening;
     }
     const RemoteShare::CreateCall open = {.desiredAccess = access,
@@ -235,7 +237,6 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
         Place now;
         const bool moved =
             standing == Standing::Here && table.PlaceIn(parent, name, &now) && now.path != place.path;
-        const bool lookedAgain = Node::Clock::now() - node->AheadAt() < OpenedAhead::kSpan;
         const OpenFilePtr lender = lookedAgain ? node->opens.AnyWith(access) : nullptr;
         if (!opened.Failed() && standing == Standing::Here && !moved && !lender)
             OpenedAnother(parent, name, place.share, fileId, access, opening.facts);
@@ -263,6 +264,9 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
     Place place;
     NodePtr parent;
     std::string name;
+    // Its folder may have been moved.
+    if (node && !table.PlaceOf(node, &place) && table.ParentAndNameOf(node, &parent, &name))
+        co_await Confirm(parent);
     if (!node || !(table.PlaceOf(node, &place) ||
                    (table.FormerPlaceOf(node, &parent, &name) && table.PlaceIn(parent, name, &place)))) {
         call->Fail(ESTALE);

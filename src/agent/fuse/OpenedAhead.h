@@ -12,7 +12,7 @@ namespace fodr::agent {
 class OpenedAhead {
 public:
     using Clock = Node::Clock;
-    static constexpr auto kSpan = std::chrono::milliseconds(100);
+    static constexpr auto kSpan = std::chrono::milliseconds(20); // between the two tries of the kernel
 
     // Closes the file when the last who uses it has gone.
     struct Handle {
