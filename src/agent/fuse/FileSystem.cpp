@@ -216,7 +216,24 @@ EntryAnswer FileSystem::AnswerFor(const NodePtr &parent, const NodePtr &node, co
     return {.node = node->id,
             .attributes = StatOf(facts, node->id, options.owner),
             .nameSeconds = left,
-            .attributeSeconds = lasting ? left : 0};
+            .attributeSeconds = lasting ? AttributeSeconds(parent, node, facts, asked) : 0};
+}
+
+// A folder's own changes are told to those who watch it, and those of a file under another name to its
+// folder.
+double FileSystem::AttributeSeconds(const NodePtr &parent, const NodePtr &node, const FileFacts &facts,
+                                    Node::Clock::time_point asked) const
+{
+    if (node->opens.Any(true))
+        return 0;
+    double left = SecondsLeft(parent, asked);
+    if (node->directory)
+        left = std::min(left, SecondsLeft(node, asked));
+    if (facts.links > 1) {
+        const std::chrono::duration<double> age = Node::Clock::now() - asked;
+        left = std::min(left, std::max(0.0, kUnwatchedSeconds - age.count()));
+    }
+    return left;
 }
 
 // Whether this mount has changed what was told of the folder's entry since it was asked for.

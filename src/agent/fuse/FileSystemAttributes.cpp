@@ -114,7 +114,7 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
         call->Fail(EROFS);
         co_return;
     }
-    if (!handle && node->MustBeLookedUp()) {
+    if (!handle && !node->opens.IsOpen() && node->MustBeLookedUp()) {
         call->Fail(ESTALE);
         co_return;
     }
@@ -144,6 +144,13 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
         node->NoteOwnChange();
         if (!nt::IsError(status) && !borrowed.file && borrowed.share->HasIds())
             identity = FactsUnderway::Ask(*borrowed.share, borrowed.fileId);
+        if (identity && change.setSize) { // what is cut off can't be put back
+            co_await identity->Arrival();
+            const uint64_t id = table.FileIdOf(node);
+            status = identity->status;
+            if (!nt::IsError(status) && id != 0 && id != identity->facts.id)
+                status = nt::STATUS_FILE_DELETED;
+        }
         if (!nt::IsError(status) && change.setSize) {
             const std::array<uint8_t, 8> record = SizeRecord(change.size);
             if (writes)

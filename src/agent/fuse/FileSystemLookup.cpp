@@ -189,7 +189,7 @@ Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder, Believing believi
     way.push_back(folder);
     const bool fromRoot = table.ShareRootOf(way[0]) == way[0];
     if (!fromRoot && !co_await FindMoved(way[0]))
-        co_return way[0] != folder && co_await FindMoved(folder) ? Standing::Here : Standing::Replaced;
+        co_return way[0] != folder &&co_await FindMoved(folder) ? Standing::Here : Standing::Replaced;
     for (size_t i = 1; i < way.size(); ++i) {
         const NodePtr &parent = way[i - 1], &node = way[i];
         if (believing == Believing::WhatWasSeen && IsConfirmed(parent, node))
@@ -313,7 +313,7 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
     } else {
         found = co_await FindPassing(parent, name, Freshness::Cached);
     }
-    while (nt::IsError(found.status)) {
+    if (nt::IsError(found.status)) {
         if (!SaysAbsent(found.status)) {
             call->FailStatus(found.status);
             co_return;
@@ -322,13 +322,13 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
         const Standing standing = co_await Confirm(parent);
         if (standing == Standing::Here && found.status == nt::STATUS_OBJECT_PATH_NOT_FOUND)
             found = co_await FindPassing(parent, name, Freshness::Asked);
-        if (!nt::IsError(found.status))
-            break;
-        if (known)
-            table.RemoveIf(parent, name, known);
-        const bool asWas = standing == Standing::Here && found.status != nt::STATUS_OBJECT_PATH_NOT_FOUND;
-        call->Fail(asWas ? ENOENT : ESTALE);
-        co_return;
+        if (nt::IsError(found.status)) {
+            if (known)
+                table.RemoveIf(parent, name, known);
+            const bool asWas = standing == Standing::Here && found.status != nt::STATUS_OBJECT_PATH_NOT_FOUND;
+            call->Fail(asWas ? ENOENT : ESTALE);
+            co_return;
+        }
     }
     if (known && found.facts.id != 0 && table.FileIdOf(known) == 0)
         co_await Identify(known);
@@ -340,6 +340,8 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
     node->NoteSeen(found.asked);
     if (ahead)
         node->NoteAhead();
+    if (!found.exact)
+        node->NoteOtherCase();
     // Hosts without ids may tell late, in a folder, what becomes of a file while it is open.
     if (found.facts.id == 0 && node->opens.IsOpen()) {
         const Found present = co_await FactsOf(node);
@@ -351,6 +353,8 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
     // Who is told of a change meanwhile may not have found the node yet.
     const bool outdated = found.told && found.told->forgotten;
     ReplyEntry(call, parent, node, found.facts, !outdated && !node->opens.Any(true), found.asked);
+    if (parent->NoticedAt() >= found.asked) // the notice may have come before the kernel knew the name
+        notifier.NameChanged(parent->id, name);
 }
 
 // ---- Facts of nodes ----
@@ -477,7 +481,7 @@ Detached FileSystem::GetAttributes(FuseCall::Ptr call, uint64_t nodeId)
     std::string name;
     if (!table.ParentAndNameOf(node, &parent, &name))
         parent = node;
-    call->Attributes(attributes, node->opens.Any(true) ? 0 : SecondsLeft(parent, found.asked));
+    call->Attributes(attributes, AttributeSeconds(parent, node, found.facts, found.asked));
 }
 
 Detached FileSystem::ReadLink(FuseCall::Ptr call, uint64_t nodeId)

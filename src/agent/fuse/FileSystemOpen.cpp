@@ -161,8 +161,11 @@ void FileSystem::OpenedAnother(const NodePtr &parent, const std::string &name,
                                const FileFacts &facts)
 {
     directories.ForgetNames(parent);
-    openedAhead.Keep(
-        {.parent = parent, .name = name, .share = share, .handle = fileId, .access = access, .facts = facts});
+    openedAhead.Keep({.parent = parent,
+                      .name = name,
+                      .handle = std::make_shared<OpenedAhead::Handle>(share, fileId),
+                      .access = access,
+                      .facts = facts});
     notifier.CallAt(Node::Clock::now() + 2 * OpenedAhead::kSpan, [this] { openedAhead.Purge(false); });
 }
 
@@ -182,8 +185,10 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
     if (table.FileIdOf(node) == 0 && node->opens.IsOpen())
         co_await Identify(node);
     const uint64_t known = table.FileIdOf(node);
-    if (std::optional<OpenedAhead::Found> ahead = openedAhead.Take(place.share, known, access)) {
-        opening.file = NewOpen(node, place.share, ahead->handle, access);
+    if (const std::optional<OpenedAhead::Found> ahead = openedAhead.Find(place.share, known, access)) {
+        opening.file = NewOpen(node, place.share, ahead->handle->fileId, access);
+        opening.file->lender = ahead->handle;
+        opening.file->givenAway = true;
         opening.facts = ahead->facts;
         co_return opening;
     }
@@ -263,11 +268,16 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         call->Fail(ESTALE);
         co_return;
     }
+    const bool truncates = (flags & O_TRUNC) != 0;
+    // It may have been meant to make a file: the kernel says so only where it knew of none.
+    if (truncates && place.share->HasIds() && node->IsInOtherCase()) {
+        call->Fail(EEXIST);
+        co_return;
+    }
     if (node->MustBeLookedUp()) {
         call->Fail(ESTALE);
         co_return;
     }
-    const bool truncates = (flags & O_TRUNC) != 0;
     if ((WantsWrite(flags) || truncates) && place.share->Device().IsReadOnly()) {
         call->Fail(EROFS);
         co_return;

@@ -34,8 +34,8 @@ struct OpenFile {
     NodePtr node;
     std::shared_ptr<RemoteShare> share;
     uint32_t fileId = 0;
-    uint32_t access = 0; // the rights that it was opened with
-    OpenFilePtr lender;  // whose handle this is, if it is another open's
+    uint32_t access = 0;          // the rights that it was opened with
+    std::shared_ptr<void> lender; // whose handle this is, if it isn't this open's
     bool readable = false;
     bool writable = false;
     bool changesBasics = false; // times and attributes can be set by it
@@ -135,11 +135,22 @@ struct Node {
     // the kernel has to look again, and then comes by a name that it was just told of.
     void NoteRenamed(Clock::duration span)
     {
-        cameAgain = false;
+        lookedUpAt = 0;
         renamedUntil = (Clock::now() + span).time_since_epoch().count();
     }
-    void NoteLookedUp() { cameAgain = IsRenamed(); }
-    bool MustBeLookedUp() { return IsRenamed() && !cameAgain.exchange(false); }
+    void NoteLookedUp()
+    {
+        if (IsRenamed())
+            lookedUpAt = Clock::now().time_since_epoch().count();
+    }
+    bool MustBeLookedUp() const
+    {
+        constexpr Clock::duration kComesAgain = std::chrono::milliseconds(20);
+        return IsRenamed() && Clock::now().time_since_epoch().count() - lookedUpAt > kComesAgain.count();
+    }
+    // It was reached by a name that differs from its own in case.
+    void NoteOtherCase() { inOtherCase = true; }
+    bool IsInOtherCase() const { return inOtherCase; }
     // Of a directory that was moved: who opens it by its old name has to look again, which ends with that.
     // Who comes back at once has it open, or stands in it. True: this is the first try.
     bool TurnAway(Clock::duration span)
@@ -210,7 +221,8 @@ private:
     std::vector<std::weak_ptr<DirectoryListing>> listings GUARDED_BY(factsLock);
     std::atomic<Clock::rep> ownChange{0};
     std::atomic<Clock::rep> seenAt{0}, aheadAt{0}, longAnswerAt{0}, renamedUntil{0}, turnedAwayAt{0};
-    std::atomic<bool> cameAgain{false};
+    std::atomic<Clock::rep> lookedUpAt{0};
+    std::atomic<bool> inOtherCase{false};
     std::atomic<Clock::rep> noticedAt{0};
     std::atomic<Clock::rep> watchedFrom{0};
 };

@@ -14,23 +14,34 @@ public:
     using Clock = Node::Clock;
     static constexpr auto kSpan = std::chrono::milliseconds(100);
 
+    // Closes the file when the last who uses it has gone.
+    struct Handle {
+        Handle(std::shared_ptr<RemoteShare> remoteShare, uint32_t remoteFile)
+            : share(std::move(remoteShare)), fileId(remoteFile)
+        {}
+        ~Handle();
+        Handle(const Handle &) = delete;
+        Handle &operator=(const Handle &) = delete;
+
+        const std::shared_ptr<RemoteShare> share;
+        const uint32_t fileId;
+    };
     struct Found {
         NodePtr parent;
         std::string name;
-        std::shared_ptr<RemoteShare> share;
-        uint32_t handle = 0;
+        std::shared_ptr<Handle> handle;
         uint32_t access = 0; // the rights that it was opened with
         FileFacts facts;
         Clock::time_point until{};
     };
 
-    // Takes the handle over.
     void Keep(Found found);
-    // What the name led to a moment ago.
+    // What the name was found to lead to a moment ago.
     std::optional<FileFacts> Look(const NodePtr &parent, const std::string &name) const;
-    // The handle of the file, if one with these rights is there: it is the caller's then.
-    std::optional<Found> Take(const std::shared_ptr<RemoteShare> &share, uint64_t fileId, uint32_t access);
-    // Closes what nobody came for; all of it, when `all` is set.
+    // The file, if it is here with these rights. It stays: several may come for it.
+    std::optional<Found> Find(const std::shared_ptr<RemoteShare> &share, uint64_t fileId,
+                              uint32_t access) const;
+    // Lets go what is over; all of it, when `all` is set.
     void Purge(bool all);
 
 private:
