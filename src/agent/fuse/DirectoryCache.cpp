@@ -185,7 +185,6 @@ void DirectoryCache::Check(const NodePtr &node, const DirectoryHandlePtr &handle
 void DirectoryCache::Watch(const NodePtr &node, const DirectoryHandlePtr &handle,
                            Node::Clock::time_point from)
 {
-    node->forgottenWhileBusy = false;
     {
         // Of a handle that isn't kept any more nobody would tell when it goes.
         const MutexLock held(lock);
@@ -228,7 +227,10 @@ void DirectoryCache::OnChange(const NodePtr &node, const std::weak_ptr<Directory
     if (changeHook(node))
         Watch(node, alive, Node::Clock::now());
     else
-        laterHook([this, node, handle] { OnChange(node, handle); });
+        laterHook([this, node, handle] {
+            if (const DirectoryHandlePtr still = handle.lock())
+                Watch(node, still, Node::Clock::now());
+        });
 }
 
 DirectoryHandlePtr DirectoryCache::Present(const NodePtr &directory)

@@ -16,7 +16,7 @@ namespace {
 // A folder that this mount itself changes is busy: its notices don't tell who made a change, and taking each
 // up would cost more than the change. So the kernel believes little of such a folder, and notices wait.
 constexpr auto kBusySpan = std::chrono::seconds(1); // since the last change
-constexpr auto kLookAgain = std::chrono::milliseconds(250);
+constexpr auto kLookAgain = std::chrono::milliseconds(20);
 // For how long the kernel believes what no notice would correct, in seconds.
 constexpr double kUnwatchedSeconds = 0.4;
 
@@ -135,13 +135,17 @@ void FileSystem::Clear()
 bool FileSystem::OnDirectoryChanged(const NodePtr &directory)
 {
     const auto lately = Node::Clock::now() - kBusySpan;
+    const bool wasBusy = directory->IsBusy();
     bool busy = directory->ChangedSince(lately);
-    const auto children = table.ChildrenOf(directory);
-    for (auto child = children.begin(); !busy && child != children.end(); ++child) {
-        const NodePtr node = table.Find(child->second);
-        busy = node && node->ChangedSince(lately);
+    if (!busy) {
+        for (const auto &[name, id] : table.ChildrenOf(directory)) {
+            const NodePtr node = table.Find(id);
+            busy = busy || (node && node->ChangedSince(lately));
+        }
     }
-    if (!directory->forgottenWhileBusy.exchange(busy) || !busy)
+    if (busy)
+        directory->SetBusyUntil(Node::Clock::now() + kBusySpan);
+    if (!busy || !wasBusy)
         ForgetInKernel(directory);
     return !busy;
 }
@@ -204,7 +208,7 @@ double FileSystem::SecondsLeft(const NodePtr &parent, Node::Clock::time_point as
 {
     parent->NoteLongAnswer();
     const std::chrono::duration<double> age = Node::Clock::now() - asked;
-    const bool watched = parent->IsWatchedSince(asked) && parent->NoticedAt() < asked;
+    const bool watched = parent->IsWatchedSince(asked) && parent->NoticedAt() < asked && !parent->IsBusy();
     const double span = watched ? options.cacheSeconds : std::min(options.cacheSeconds, kUnwatchedSeconds);
     return std::max(0.0, span - age.count());
 }

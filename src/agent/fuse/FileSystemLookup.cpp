@@ -13,8 +13,10 @@
 namespace fodr::agent {
 namespace {
 
-constexpr auto kUnwatched = std::chrono::milliseconds(400); // what was seen holds for so long without a watch
-constexpr uint32_t kLongestReparseData = 16 << 10;          // MS-FSCC 2.1.2
+constexpr auto kFactsOfOpen = std::chrono::milliseconds(400); // hold for so long
+// For how long a folder is believed to be where it was seen, if no notice would tell.
+constexpr auto kUnwatched = std::chrono::milliseconds(20);
+constexpr uint32_t kLongestReparseData = 16 << 10; // MS-FSCC 2.1.2
 
 // The entry of the name in the answer to a search for it: the exact one, or the first, which differs in case.
 bool PickEntry(ByteSpan answer, bool hasIds, const std::u16string &wanted, FileFacts *facts, bool *exact)
@@ -369,7 +371,7 @@ Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node, Freshness freshness)
         co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
     const OpenFilePtr file = node->opens.Any(false);
     if (file) {
-        const auto span = std::min<Node::Clock::duration>(CacheSpan(), kUnwatched);
+        const auto span = std::min<Node::Clock::duration>(CacheSpan(), kFactsOfOpen);
         if (node->TakeFactsOfOpen(span, &found.facts, &found.asked))
             co_return found;
         const uint64_t asked = writes ? writes->Generation() : 0;

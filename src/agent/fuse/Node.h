@@ -179,8 +179,13 @@ struct Node {
         const Clock::rep from = watchedFrom;
         return from != 0 && asked.time_since_epoch().count() >= from;
     }
-    // Of a directory that this mount is changing: the kernel has been told to forget what it held before.
-    std::atomic<bool> forgottenWhileBusy{false};
+    // Of a directory that this mount is changing: its notices tell little then.
+    void SetBusyUntil(Clock::time_point time) { busyUntil = time.time_since_epoch().count(); }
+    bool IsBusy() const
+    {
+        const Clock::rep until = busyUntil;
+        return until != 0 && Clock::now().time_since_epoch().count() < until;
+    }
     // What is known of `gone` goes with it: whoever was told of its folder before its change can't use that.
     void TakeChangeOf(const Node &gone)
     {
@@ -224,7 +229,7 @@ private:
     std::atomic<Clock::rep> lookedUpAt{0};
     std::atomic<bool> inOtherCase{false};
     std::atomic<Clock::rep> noticedAt{0};
-    std::atomic<Clock::rep> watchedFrom{0};
+    std::atomic<Clock::rep> watchedFrom{0}, busyUntil{0};
 };
 
 } // namespace fodr::agent
