@@ -187,7 +187,7 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
     const uint64_t known = table.FileIdOf(node);
     const bool lookedAgain = Node::Clock::now() - node->AheadAt() < OpenedAhead::kSpan;
     if (const std::optional<OpenedAhead::Found> ahead =
-            lookedAgain ? openedAhead.Find(place.share, known, access) : std::nullopt) {
+            lookedAgain ? openedAhead.Take(place.share, known, access) : std::nullopt) {
         opening.file = NewOpen(node, place.share, ahead->handle->fileId, access);
         opening.file->lender = ahead->handle;
         opening.file->givenAway = true;

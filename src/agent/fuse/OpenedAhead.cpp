@@ -16,24 +16,29 @@ void OpenedAhead::Keep(Found found)
     kept.push_back(std::move(found));
 }
 
-std::optional<FileFacts> OpenedAhead::Look(const NodePtr &parent, const std::string &name) const
+std::optional<FileFacts> OpenedAhead::Look(const NodePtr &parent, const std::string &name)
 {
     const MutexLock held(lock);
     const auto now = Clock::now();
     for (auto found = kept.rbegin(); found != kept.rend(); ++found) {
-        if (found->parent == parent && found->name == name && now < found->until)
+        if (found->parent == parent && found->name == name && now < found->until && !found->shown) {
+            found->shown = true;
             return found->facts;
+        }
     }
     return std::nullopt;
 }
 
-std::optional<OpenedAhead::Found> OpenedAhead::Find(const std::shared_ptr<RemoteShare> &share,
-                                                    uint64_t fileId, uint32_t access) const
+std::optional<OpenedAhead::Found> OpenedAhead::Take(const std::shared_ptr<RemoteShare> &share,
+                                                    uint64_t fileId, uint32_t access)
 {
     const MutexLock held(lock);
-    for (const Found &found : kept) {
-        if (found.handle->share == share && found.facts.id == fileId && found.access == access)
-            return found;
+    for (auto found = kept.begin(); found != kept.end(); ++found) {
+        if (found->handle->share != share || found->facts.id != fileId || found->access != access)
+            continue;
+        Found taken = std::move(*found);
+        kept.erase(found);
+        return taken;
     }
     return std::nullopt;
 }

@@ -33,14 +33,14 @@ public:
         uint32_t access = 0; // the rights that it was opened with
         FileFacts facts;
         Clock::time_point until{};
+        bool shown = false; // to a look-up: the open that follows is to come for it
     };
 
     void Keep(Found found);
-    // What the name was found to lead to a moment ago.
-    std::optional<FileFacts> Look(const NodePtr &parent, const std::string &name) const;
-    // The file, if it is here with these rights. It stays: several may come for it.
-    std::optional<Found> Find(const std::shared_ptr<RemoteShare> &share, uint64_t fileId,
-                              uint32_t access) const;
+    // What the name was found to lead to a moment ago. Each is shown once.
+    std::optional<FileFacts> Look(const NodePtr &parent, const std::string &name);
+    // The file, if it is here with these rights, for the caller alone.
+    std::optional<Found> Take(const std::shared_ptr<RemoteShare> &share, uint64_t fileId, uint32_t access);
     // Lets go what is over; all of it, when `all` is set.
     void Purge(bool all);
 
