@@ -3,17 +3,14 @@
 #pragma once
 
 #include "agent/fuse/Node.h"
+#include "lib/misc/HiddenNames.h"
 
 #include <chrono>
 #include <deque>
 #include <memory>
 #include <string>
-#include <string_view>
 
 namespace fodr::agent {
-
-// Names under which files wait for their last close, and which nobody is shown.
-inline constexpr std::string_view kHiddenPrefix = ".fodr-deleted-";
 
 class DirectoryListing : public std::enable_shared_from_this<DirectoryListing> {
 public:
