@@ -1,5 +1,6 @@
 #include "ntposix/NameSteps.h"
 
+#include "lib/misc/HiddenNames.h"
 #include "ntposix/Fd.h"
 
 #include <fcntl.h>
@@ -15,9 +16,6 @@
 namespace fodr::ntposix {
 
 namespace {
-
-// The mount doesn't show such names, and clears what a crash has left of them.
-constexpr const char *kHiddenPrefix = ".fodr-deleted-";
 
 // No two are the same, of no two processes.
 std::string UniqueNumber()
@@ -132,7 +130,7 @@ int RemoveName(Spot name, const FileFacts &file)
         return Unlink(name, AT_REMOVEDIR);
     if (IsCostlyToMove(name.directory, file))
         return LookAndUnlink(name, file);
-    const std::string hidden = kHiddenPrefix + UniqueNumber();
+    const std::string hidden = std::string(kHiddenPrefix) + UniqueNumber();
     const Spot aside{name.directory, hidden};
     if (const int error = MoveOver(name, aside); error != 0)
         return error == ENOENT ? error : LookAndUnlink(name, file);
@@ -170,7 +168,7 @@ int ChangeSpelling(Spot from, Spot to)
     if (present.links == 1)
         return MoveOver(from, to);
     // Or they are two links of the file.
-    const std::string hidden = kHiddenPrefix + UniqueNumber();
+    const std::string hidden = std::string(kHiddenPrefix) + UniqueNumber();
     const Spot aside{from.directory, hidden};
     if (const int failed = MoveOver(from, aside); failed != 0)
         return failed;

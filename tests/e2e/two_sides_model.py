@@ -294,7 +294,7 @@ class Model:
         """By which entry of MAY_BE_BEHIND, and since when."""
         kind, (way, ends, files) = CALLS[name][1], keys
 
-        on_way = max(latest(self.ways, way), latest(self.links, ends))
+        on_way = max(latest(self.ways, way), latest(self.names, way), latest(self.links, ends))
         many = name in ("long_listing", "rmtree")  # these go by every name in a folder
         if failed(real) and real not in WAY_ERRORS:
             return "", 0
@@ -329,7 +329,7 @@ class Model:
         kind, (way, ends, _) = CALLS[name][1], keys
         if kind != "change" and name != "hold":
             return
-        since = max(latest(self.ways, way), latest(self.names, ends))
+        since = max(latest(self.ways, way), latest(self.names, way | ends))
         if arguments[0] in self.plain.fds or since + BOUND < time.monotonic():
             return
 

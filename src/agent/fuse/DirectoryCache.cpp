@@ -185,8 +185,14 @@ void DirectoryCache::Check(const NodePtr &node, const DirectoryHandlePtr &handle
 void DirectoryCache::Watch(const NodePtr &node, const DirectoryHandlePtr &handle,
                            Node::Clock::time_point from)
 {
-    node->forgottenWhileBusy = false;
-    node->SetWatchedFrom(from);
+    {
+        // Of a handle that isn't kept any more nobody would tell when it goes.
+        const MutexLock held(lock);
+        auto slot = FindSlot(node);
+        if (slot == slots.end() || slot->handle != handle)
+            return;
+        node->SetWatchedFrom(from);
+    }
     handle->Share().NotifyChange(
         handle->FileId(), kWatched, false,
         [this, node, weak = std::weak_ptr<DirectoryHandle>(handle)](const IoResult &result) {
@@ -221,7 +227,10 @@ void DirectoryCache::OnChange(const NodePtr &node, const std::weak_ptr<Directory
     if (changeHook(node))
         Watch(node, alive, Node::Clock::now());
     else
-        laterHook([this, node, handle] { OnChange(node, handle); });
+        laterHook([this, node, handle] {
+            if (const DirectoryHandlePtr still = handle.lock())
+                Watch(node, still, Node::Clock::now());
+        });
 }
 
 DirectoryHandlePtr DirectoryCache::Present(const NodePtr &directory)
@@ -233,13 +242,13 @@ DirectoryHandlePtr DirectoryCache::Present(const NodePtr &directory)
 
 void DirectoryCache::DropHandle(const NodePtr &node, const DirectoryHandlePtr &handle)
 {
-    node->SetUnwatched();
     DirectoryHandlePtr dropped;
     {
         const MutexLock held(lock);
         auto slot = FindSlot(node);
         if (slot == slots.end() || slot->handle != handle)
             return;
+        node->SetUnwatched();
         dropped = std::move(slot->handle);
         slots.erase(slot);
     }

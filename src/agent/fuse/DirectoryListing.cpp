@@ -14,7 +14,7 @@ DirectoryListing::~DirectoryListing()
 {
     // The last reference: nobody else looks.
     lock.lock();
-    const bool open = !closed, counted = begun;
+    const bool open = !closed, counted = begun && !StaysOpen();
     lock.unlock();
     if (open && !counted)
         node->opens.BeginClose();
@@ -25,7 +25,7 @@ DirectoryListing::~DirectoryListing()
 const DirectoryListing::Entry *DirectoryListing::At(size_t index) const
 {
     const MutexLock held(lock);
-    return index < entries.size() ? &entries[index] : nullptr;
+    return KnowsAbout(index) && index < entries.size() ? &entries[index] : nullptr;
 }
 
 std::vector<std::string> DirectoryListing::Hidden() const
@@ -82,7 +82,8 @@ void DirectoryListing::WhenKnown(size_t index, Waiter waiter)
         if (!begun) {
             begun = true;
             begunAt = Clock::now();
-            node->opens.BeginClose();
+            if (!StaysOpen())
+                node->opens.BeginClose();
             queries = PlanQueries();
         }
         known = KnowsAbout(index);
@@ -136,11 +137,14 @@ void DirectoryListing::TakeEntries(ByteSpan answer)
     std::u16string ntName;
     for (DirectoryReader::Entry record; reader.Next(&record);) {
         record.CopyName(&ntName);
-        if (ntName == u"." && wantedId != 0 && record.facts.id != wantedId) {
-            // Another folder has the name by now.
-            ended = true;
-            status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
-            return;
+        if (ntName == u"." && !isFolder) {
+            isFolder = record.facts.id == wantedId;
+            if (!isFolder) { // another folder has the name by now
+                entries.clear();
+                ended = true;
+                status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
+                return;
+            }
         }
         Entry entry;
         entry.facts = record.facts;
@@ -179,7 +183,7 @@ void DirectoryListing::OnAnswer(const IoResult &result)
             TakeEntries(result.data);
         }
         queries = PlanQueries();
-        close = IsOver() && !closed && !share->Has(nt::FODR_HOST_POSIX_NAMES);
+        close = IsOver() && !closed && !StaysOpen();
         closed = closed || close;
         for (size_t i = 0; i < waiting.size();) {
             if (!KnowsAbout(waiting[i].index)) {

@@ -3,17 +3,14 @@
 #pragma once
 
 #include "agent/fuse/Node.h"
+#include "lib/misc/HiddenNames.h"
 
 #include <chrono>
 #include <deque>
 #include <memory>
 #include <string>
-#include <string_view>
 
 namespace fodr::agent {
-
-// Names under which files wait for their last close, and which nobody is shown.
-inline constexpr std::string_view kHiddenPrefix = ".fodr-deleted-";
 
 class DirectoryListing : public std::enable_shared_from_this<DirectoryListing> {
 public:
@@ -28,7 +25,7 @@ public:
     DirectoryListing(NodePtr directory, std::shared_ptr<RemoteShare> remoteShare, uint32_t remoteFile,
                      bool rootOfShare, uint64_t folderId)
         : node(std::move(directory)), share(std::move(remoteShare)), fileId(remoteFile), ofRoot(rootOfShare),
-          wantedId(folderId)
+          wantedId(folderId), isFolder(folderId == 0)
     {}
     ~DirectoryListing();
 
@@ -60,7 +57,13 @@ public:
 private:
     static constexpr size_t kMostQueries = 8;
 
-    bool KnowsAbout(size_t index) const REQUIRES(lock) { return index < entries.size() || IsOver(); }
+    bool KnowsAbout(size_t index) const REQUIRES(lock)
+    {
+        return (isFolder && index < entries.size()) || IsOver();
+    }
+    // Where an open folder can be removed, its handle stays open for as long as the kernel has the folder
+    // open.
+    bool StaysOpen() const { return share->Has(nt::FODR_HOST_POSIX_NAMES); }
     bool IsOver() const REQUIRES(lock) { return ended && inFlight == 0; }
     size_t PlanQueries() REQUIRES(lock);
     void SendQueries(size_t count);
@@ -82,6 +85,7 @@ private:
         Waiter waiter;
     };
     std::vector<Pending> waiting GUARDED_BY(lock);
+    bool isFolder GUARDED_BY(lock); // its own entry has shown that it is the one that was meant
     bool begun GUARDED_BY(lock) = false;
     Clock::time_point begunAt GUARDED_BY(lock){};
     bool ended GUARDED_BY(lock) = false;

@@ -16,7 +16,7 @@ namespace {
 // A folder that this mount itself changes is busy: its notices don't tell who made a change, and taking each
 // up would cost more than the change. So the kernel believes little of such a folder, and notices wait.
 constexpr auto kBusySpan = std::chrono::seconds(1); // since the last change
-constexpr auto kLookAgain = std::chrono::milliseconds(250);
+constexpr auto kLookAgain = std::chrono::milliseconds(20);
 // For how long the kernel believes what no notice would correct, in seconds.
 constexpr double kUnwatchedSeconds = 0.4;
 
@@ -135,13 +135,17 @@ void FileSystem::Clear()
 bool FileSystem::OnDirectoryChanged(const NodePtr &directory)
 {
     const auto lately = Node::Clock::now() - kBusySpan;
+    const bool wasBusy = directory->IsBusy();
     bool busy = directory->ChangedSince(lately);
-    const auto children = table.ChildrenOf(directory);
-    for (auto child = children.begin(); !busy && child != children.end(); ++child) {
-        const NodePtr node = table.Find(child->second);
-        busy = node && node->ChangedSince(lately);
+    if (!busy) {
+        for (const auto &[name, id] : table.ChildrenOf(directory)) {
+            const NodePtr node = table.Find(id);
+            busy = busy || (node && node->ChangedSince(lately));
+        }
     }
-    if (!directory->forgottenWhileBusy.exchange(busy) || !busy)
+    if (busy)
+        directory->SetBusyUntil(Node::Clock::now() + kBusySpan);
+    if (!busy || !wasBusy)
         ForgetInKernel(directory);
     return !busy;
 }
@@ -202,8 +206,9 @@ Detached FileSystem::LookAgain(NodePtr node)
 
 double FileSystem::SecondsLeft(const NodePtr &parent, Node::Clock::time_point asked) const
 {
+    parent->NoteLongAnswer();
     const std::chrono::duration<double> age = Node::Clock::now() - asked;
-    const bool watched = parent->IsWatched() && parent->NoticedAt() < asked;
+    const bool watched = parent->IsWatchedSince(asked) && parent->NoticedAt() < asked && !parent->IsBusy();
     const double span = watched ? options.cacheSeconds : std::min(options.cacheSeconds, kUnwatchedSeconds);
     return std::max(0.0, span - age.count());
 }
@@ -211,12 +216,28 @@ double FileSystem::SecondsLeft(const NodePtr &parent, Node::Clock::time_point as
 EntryAnswer FileSystem::AnswerFor(const NodePtr &parent, const NodePtr &node, const FileFacts &facts,
                                   bool lasting, Node::Clock::time_point asked) const
 {
-    parent->NoteLongAnswer();
     const double left = SecondsLeft(parent, asked);
     return {.node = node->id,
             .attributes = StatOf(facts, node->id, options.owner),
             .nameSeconds = left,
-            .attributeSeconds = lasting ? left : 0};
+            .attributeSeconds = lasting ? AttributeSeconds(parent, node, facts, asked) : 0};
+}
+
+// A folder's own changes are told to those who watch it, and those of a file under another name to its
+// folder.
+double FileSystem::AttributeSeconds(const NodePtr &parent, const NodePtr &node, const FileFacts &facts,
+                                    Node::Clock::time_point asked) const
+{
+    if (node->opens.Any(true))
+        return 0;
+    double left = SecondsLeft(parent, asked);
+    if (node->directory)
+        left = std::min(left, SecondsLeft(node, asked));
+    if (facts.links > 1) {
+        const std::chrono::duration<double> age = Node::Clock::now() - asked;
+        left = std::min(left, std::max(0.0, kUnwatchedSeconds - age.count()));
+    }
+    return left;
 }
 
 // Whether this mount has changed what was told of the folder's entry since it was asked for.
@@ -284,9 +305,9 @@ void FileSystem::FailCreate(const FuseCall::Ptr &call, nt::NTSTATUS status)
 // The same once the folder is known to be where its path leads: a name isn't changed in another folder.
 Task<bool> FileSystem::LocateConfirmed(FuseCall::Ptr call, NodePtr parent, std::string name, Place *place)
 {
-    if (!LocateForChange(call, parent, name, place))
-        co_return false;
-    const Standing standing = co_await Confirm(parent);
+    Standing standing = Standing::Here;
+    if (parent && parent != table.Root())
+        standing = co_await Confirm(parent);
     if (standing == Standing::Here)
         co_return LocateForChange(call, parent, name, place);
     call->Fail(ESTALE);

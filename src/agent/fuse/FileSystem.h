@@ -127,6 +127,9 @@ private:
     // `asked` is when the facts were asked for; `lasting`: they are believed for a while.
     EntryAnswer AnswerFor(const NodePtr &parent, const NodePtr &node, const FileFacts &facts, bool lasting,
                           Node::Clock::time_point asked) const;
+    // How long the kernel may believe the node's attributes.
+    double AttributeSeconds(const NodePtr &parent, const NodePtr &node, const FileFacts &facts,
+                            Node::Clock::time_point asked) const;
     double SecondsLeft(const NodePtr &parent, Node::Clock::time_point asked) const;
     bool ReplyEntry(const FuseCall::Ptr &call, const NodePtr &parent, const NodePtr &node,
                     const FileFacts &facts, bool lasting, Node::Clock::time_point asked);
@@ -196,11 +199,11 @@ private:
     Task<IoResult> OpenToRead(NodePtr node, Place place, RemoteShare::CreateCall open, FileFacts *facts);
     struct Opening {                              // an open of a file that is known by its id
         nt::NTSTATUS status = nt::STATUS_SUCCESS; // STATUS_FILE_DELETED: the kernel has to look again
-        uint64_t handle = 0;
+        OpenFilePtr file;
         FileFacts facts;
     };
     Task<Opening> OpenFileOf(NodePtr node, Place place, int flags, uint32_t access);
-    uint64_t Lend(const OpenFilePtr &lender);
+    OpenFilePtr Lend(const OpenFilePtr &lender);
     Task<nt::NTSTATUS> Truncate(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId);
     void OpenedAnother(const NodePtr &parent, const std::string &name,
                        const std::shared_ptr<RemoteShare> &share, uint32_t fileId, uint32_t access,
@@ -242,6 +245,8 @@ private:
     // FileSystemList.cpp
     Task<nt::NTSTATUS> BeginListing(OpenListingPtr open);
     static bool IsKnown(const DirectoryListing &listing, const DirectoryListing::Entry &entry);
+    bool IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry,
+                       Node::Clock::time_point asked) const;
     void FillListing(const OpenListing &open, uint64_t offset, ListingBuffer *buffer,
                      std::vector<uint64_t> *reached);
 

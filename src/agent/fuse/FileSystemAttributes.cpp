@@ -31,7 +31,7 @@ Task<FileSystem::Borrowed> FileSystem::BorrowHandle(NodePtr node, OpenFilePtr fi
 {
     Borrowed borrowed;
     if (!file || !(file->writable || (!forData && file->changesBasics)))
-        file = node->opens.Any(true);
+        file = forData ? node->opens.Any(true) : node->opens.AnyThatChangesBasics();
     if (file) {
         borrowed.file = file;
         borrowed.share = file->share;
@@ -51,7 +51,7 @@ Task<FileSystem::Borrowed> FileSystem::BorrowHandle(NodePtr node, OpenFilePtr fi
         .desiredAccess = kAttributeAccess | (forData ? nt::FILE_WRITE_DATA : 0),
         .createDisposition = nt::FILE_OPEN,
         .createOptions = (node->directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE) |
-                         (place.share->HasIds() ? nt::FILE_OPEN_REPARSE_POINT : 0)};
+                         (FollowsLinks(node, place) ? 0 : nt::FILE_OPEN_REPARSE_POINT)};
     IoResult opened = co_await CreateFile(*place.share, open, place.path);
     if (opened.status == nt::STATUS_SHARING_VIOLATION && node->opens.IsClosing()) {
         // By a handle of our own.
@@ -114,7 +114,7 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
         call->Fail(EROFS);
         co_return;
     }
-    if (!handle && node->MustBeLookedUp()) {
+    if (!handle && !node->opens.IsOpen() && node->MustBeLookedUp()) {
         call->Fail(ESTALE);
         co_return;
     }
@@ -144,6 +144,13 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
         node->NoteOwnChange();
         if (!nt::IsError(status) && !borrowed.file && borrowed.share->HasIds())
             identity = FactsUnderway::Ask(*borrowed.share, borrowed.fileId);
+        if (identity && change.setSize) { // what is cut off can't be put back
+            co_await identity->Arrival();
+            const uint64_t id = table.FileIdOf(node);
+            status = identity->status;
+            if (!nt::IsError(status) && id != 0 && id != identity->facts.id)
+                status = nt::STATUS_FILE_DELETED;
+        }
         if (!nt::IsError(status) && change.setSize) {
             const std::array<uint8_t, 8> record = SizeRecord(change.size);
             if (writes)

@@ -131,6 +131,16 @@ bool FileSystem::IsKnown(const DirectoryListing &listing, const DirectoryListing
     return !listing.HasIds() || entry.facts.id != 0;
 }
 
+// What was learnt of the name since the listing was asked for counts.
+bool FileSystem::IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry,
+                               Node::Clock::time_point asked) const
+{
+    if (ChangedBySelf(folder, entry.name, asked))
+        return true;
+    const NodePtr known = table.Child(folder, entry.name);
+    return known && known->SeenAt() > asked;
+}
+
 void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBuffer *buffer,
                              std::vector<uint64_t> *reached)
 {
@@ -155,8 +165,7 @@ void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBu
         EntryAnswer answer;
         answer.attributes = StatOf(entry->facts, kUnknownInode, options.owner);
         const auto asked = open.listing->BegunAt();
-        if (buffer->IsPlus() && !ChangedBySelf(open.node, entry->name, asked) &&
-            IsKnown(*open.listing, *entry)) {
+        if (buffer->IsPlus() && !IsKnownBetter(open.node, *entry, asked) && IsKnown(*open.listing, *entry)) {
             const NodePtr node = Reach(open.node, entry->name, entry->facts, entry->facts.id);
             node->NoteFacts(entry->facts);
             node->NoteSeen(asked);

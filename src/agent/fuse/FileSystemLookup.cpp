@@ -13,8 +13,10 @@
 namespace fodr::agent {
 namespace {
 
-constexpr auto kUnwatched = std::chrono::milliseconds(400); // what was seen holds for so long without a watch
-constexpr uint32_t kLongestReparseData = 16 << 10;          // MS-FSCC 2.1.2
+constexpr auto kFactsOfOpen = std::chrono::milliseconds(400); // hold for so long
+// For how long a folder is believed to be where it was seen, if no notice would tell.
+constexpr auto kUnwatched = std::chrono::milliseconds(20);
+constexpr uint32_t kLongestReparseData = 16 << 10; // MS-FSCC 2.1.2
 
 // The entry of the name in the answer to a search for it: the exact one, or the first, which differs in case.
 bool PickEntry(ByteSpan answer, bool hasIds, const std::u16string &wanted, FileFacts *facts, bool *exact)
@@ -95,7 +97,7 @@ bool FileSystem::Recall(const NodePtr &parent, const std::string &name, const st
     if (!told || ChangedBySelf(parent, name, told->asked))
         return false;
     const auto entry = told->names.find(ntName);
-    if (entry == told->names.end())
+    if (entry == told->names.end() || (entry->second.id == 0 && directory->Share().HasIds()))
         return false;
     directory->Names().NoteUse();
     found->facts = entry->second;
@@ -177,7 +179,7 @@ bool FileSystem::IsConfirmed(const NodePtr &parent, const NodePtr &node) const
     const auto seen = node->SeenAt();
     if (seen <= parent->NoticedAt())
         return false;
-    return parent->IsWatched() || Node::Clock::now() - seen < kUnwatched;
+    return parent->IsWatchedSince(seen) || Node::Clock::now() - seen < kUnwatched;
 }
 
 Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder, Believing believing)
@@ -187,7 +189,8 @@ Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder, Believing believi
         co_return Standing::Here;
     std::vector<NodePtr> way = table.ParentsOf(folder);
     way.push_back(folder);
-    if (!way[0]->shareRoot && !co_await FindMoved(way[0]))
+    const bool fromRoot = table.ShareRootOf(way[0]) == way[0];
+    if (!fromRoot && !co_await FindMoved(way[0]))
         co_return way[0] != folder &&co_await FindMoved(folder) ? Standing::Here : Standing::Replaced;
     for (size_t i = 1; i < way.size(); ++i) {
         const NodePtr &parent = way[i - 1], &node = way[i];
@@ -227,13 +230,19 @@ Task<bool> FileSystem::FindMoved(NodePtr folder)
     if (!kept && !listing)
         co_return false;
     RemoteShare &share = kept ? kept->Share() : listing->Share();
+    const uint32_t fileId = kept ? kept->FileId() : listing->FileId();
     std::u16string path, rootPath;
+    bool hasPath;
+    // The handle may be of another folder, which had the name when it was opened.
+    const std::shared_ptr<FactsUnderway> identity = FactsUnderway::Ask(share, fileId);
     {
-        const IoResult told =
-            co_await QueryFile(share, kept ? kept->FileId() : listing->FileId(), nt::FileNameInformation);
-        if (told.Failed() || !ReadNameInformation(told.data, &path))
-            co_return false;
+        const IoResult told = co_await QueryFile(share, fileId, nt::FileNameInformation);
+        hasPath = !told.Failed() && ReadNameInformation(told.data, &path);
     }
+    co_await identity->Arrival();
+    const uint64_t known = table.FileIdOf(folder);
+    if (!hasPath || nt::IsError(identity->status) || (known != 0 && identity->facts.id != known))
+        co_return false;
     const NodePtr root = table.RootOf(share.shared_from_this());
     if (!root)
         co_return false;
@@ -306,7 +315,7 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
     } else {
         found = co_await FindPassing(parent, name, Freshness::Cached);
     }
-    while (nt::IsError(found.status)) {
+    if (nt::IsError(found.status)) {
         if (!SaysAbsent(found.status)) {
             call->FailStatus(found.status);
             co_return;
@@ -315,23 +324,26 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
         const Standing standing = co_await Confirm(parent);
         if (standing == Standing::Here && found.status == nt::STATUS_OBJECT_PATH_NOT_FOUND)
             found = co_await FindPassing(parent, name, Freshness::Asked);
-        if (!nt::IsError(found.status))
-            break;
-        if (known)
-            table.RemoveIf(parent, name, known);
-        const bool asWas = standing == Standing::Here && found.status != nt::STATUS_OBJECT_PATH_NOT_FOUND;
-        call->Fail(asWas ? ENOENT : ESTALE);
-        co_return;
+        if (nt::IsError(found.status)) {
+            if (known)
+                table.RemoveIf(parent, name, known);
+            const bool asWas = standing == Standing::Here && found.status != nt::STATUS_OBJECT_PATH_NOT_FOUND;
+            call->Fail(asWas ? ENOENT : ESTALE);
+            co_return;
+        }
     }
     if (known && found.facts.id != 0 && table.FileIdOf(known) == 0)
         co_await Identify(known);
     // Names that differ in case are different nodes, also where they lead to one file: a rename from one case
     // to another would be nothing to the kernel otherwise.
-    const NodePtr node = Reach(parent, name, found.facts, found.NodeId());
+    const bool opened = known && !found.exact && table.FileIdOf(known) == found.facts.id; // which told its id
+    const NodePtr node = Reach(parent, name, found.facts, opened ? found.facts.id : found.NodeId());
     node->NoteFacts(found.facts);
     node->NoteSeen(found.asked);
     if (ahead)
         node->NoteAhead();
+    if (!found.exact)
+        node->NoteOtherCase();
     // Hosts without ids may tell late, in a folder, what becomes of a file while it is open.
     if (found.facts.id == 0 && node->opens.IsOpen()) {
         const Found present = co_await FactsOf(node);
@@ -343,6 +355,8 @@ Detached FileSystem::Lookup(FuseCall::Ptr call, uint64_t parentId, std::string n
     // Who is told of a change meanwhile may not have found the node yet.
     const bool outdated = found.told && found.told->forgotten;
     ReplyEntry(call, parent, node, found.facts, !outdated && !node->opens.Any(true), found.asked);
+    if (parent->NoticedAt() >= found.asked) // the notice may have come before the kernel knew the name
+        notifier.NameChanged(parent->id, name);
 }
 
 // ---- Facts of nodes ----
@@ -357,7 +371,8 @@ Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node, Freshness freshness)
         co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
     const OpenFilePtr file = node->opens.Any(false);
     if (file) {
-        if (node->TakeFactsOfOpen(CacheSpan(), &found.facts))
+        const auto span = std::min<Node::Clock::duration>(CacheSpan(), kFactsOfOpen);
+        if (node->TakeFactsOfOpen(span, &found.facts, &found.asked))
             co_return found;
         const uint64_t asked = writes ? writes->Generation() : 0;
         found.status = co_await QueryFacts(*file->share, file->fileId, &found.facts);
@@ -385,7 +400,7 @@ Task<FileSystem::Found> FileSystem::FactsByName(NodePtr node, Freshness freshnes
             co_return found;
         const uint64_t known = table.FileIdOf(node);
         const bool same = !nt::IsError(found.status) && KindOf(found.facts) == node->kind &&
-                          (known == 0 || !found.exact || found.facts.id == known);
+                          (known == 0 || found.facts.id == known);
         if (same) {
             if (known == 0 && found.exact && found.facts.id != 0)
                 table.SetFileId(node, found.facts.id);
@@ -408,29 +423,33 @@ Task<FileSystem::Found> FileSystem::FactsOfDirectory(NodePtr node)
 {
     Found found;
     found.asked = Node::Clock::now();
-    for (bool first = true; first || SaysStaleHandle(found.status); first = false) {
-        DirectoryHandlePtr directory = directories.Present(node);
-        const auto listing = directory || !first ? nullptr : node->AnyListing();
-        if (listing) {
-            found.status = co_await QueryFacts(listing->Share(), listing->FileId(), &found.facts);
-            continue;
-        }
-        if (!directory) {
+    for (bool first = true;; first = false) {
+        const DirectoryHandlePtr kept = directories.Present(node);
+        const std::shared_ptr<DirectoryListing> listing = kept || !first ? nullptr : node->AnyListing();
+        DirectoryHandlePtr directory = kept;
+        if (!directory && !listing) {
             const auto [acquired, opened] = co_await AwaitDirectory(node);
             found.status = acquired;
             directory = opened;
         }
-        if (!directory) {
+        if (!directory && !listing) {
             if (node == table.Root())
                 found.status = nt::STATUS_DEVICE_REMOVED;
             co_return found;
         }
-        found.status = co_await QueryFacts(directory->Share(), directory->FileId(), &found.facts);
-        if (SaysStaleHandle(found.status))
+        RemoteShare &share = directory ? directory->Share() : listing->Share();
+        found.status =
+            co_await QueryFacts(share, directory ? directory->FileId() : listing->FileId(), &found.facts);
+        if (directory && SaysStaleHandle(found.status))
             directories.Drop(node);
-        if (!first)
+        if (!first || !SaysStaleHandle(found.status))
             break;
     }
+    // The handle may be of another folder, which had the name when it was opened.
+    const uint64_t known = table.FileIdOf(node);
+    if (!nt::IsError(found.status) && known != 0 && found.facts.id != known &&
+        table.ShareRootOf(node) != node)
+        co_return NotFound(nt::STATUS_FILE_DELETED);
     co_return found;
 }
 
@@ -464,7 +483,7 @@ Detached FileSystem::GetAttributes(FuseCall::Ptr call, uint64_t nodeId)
     std::string name;
     if (!table.ParentAndNameOf(node, &parent, &name))
         parent = node;
-    call->Attributes(attributes, node->opens.Any(true) ? 0 : SecondsLeft(parent, found.asked));
+    call->Attributes(attributes, AttributeSeconds(parent, node, found.facts, found.asked));
 }
 
 Detached FileSystem::ReadLink(FuseCall::Ptr call, uint64_t nodeId)
@@ -507,7 +526,7 @@ Detached FileSystem::ReadLink(FuseCall::Ptr call, uint64_t nodeId)
     CloseLater(node, place.share, fileId);
     if (nt::IsError(status)) {
         call->FailStatus(status);
-    } else if (facts.id != table.FileIdOf(node)) {
+    } else if (const uint64_t known = table.FileIdOf(node); known != 0 && facts.id != known) {
         call->Fail(ESTALE);
     } else if (!whole) {
         call->Fail(EIO);

@@ -48,7 +48,21 @@ Detached FileSystem::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::s
     const NodePtr node = place.share->HasIds() ? table.ReachNew(parent, name, NodeKind::Directory)
                                                : table.Reach(parent, name, NodeKind::Directory, 0);
     node->NoteSeen(Node::Clock::now());
-    CloseLater(node, place.share, made.fileId);
+    // Whoever stands in it is to go where the other side moves it, so its id is asked for. Nobody waits for
+    // that.
+    const uint32_t fileId = made.fileId;
+    if (place.share->HasIds()) {
+        place.share->QueryInformation(fileId, FactsClassOf(*place.share),
+                                      [this, node, fileId, share = place.share](const IoResult &result) {
+                                          FileFacts told;
+                                          if (!nt::IsError(TakeFacts(*share, result, &told)) &&
+                                              table.FileIdOf(node) == 0)
+                                              table.SetFileId(node, told.id);
+                                          CloseLater(node, share, fileId);
+                                      });
+    } else {
+        CloseLater(node, place.share, fileId);
+    }
     FileFacts facts;
     facts.attributes = nt::FILE_ATTRIBUTE_DIRECTORY;
     ReplyEntry(call, parent, node, facts, false, Node::Clock::now());

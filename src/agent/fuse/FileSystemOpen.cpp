@@ -109,11 +109,14 @@ Task<IoResult> FileSystem::OpenNode(NodePtr node, Place place, RemoteShare::Crea
     if (!table.ParentAndNameOf(node, &parent, &name))
         parent = node;
     const GateHold passed = co_await PassGate(parent, NameGate::Entry::Shared);
+    uint64_t ended = node->opens.ClosesEnded();
     IoResult opened = co_await OpenAt(place, open);
-    for (int i = 0;
-         i < kMostWaits && opened.status == nt::STATUS_SHARING_VIOLATION && node->opens.IsClosing(); ++i) {
+    for (int i = 0; i < kMostWaits && opened.status == nt::STATUS_SHARING_VIOLATION; ++i) {
+        if (!node->opens.IsClosing() && node->opens.ClosesEnded() == ended)
+            break;
         co_await AwaitCall(
             [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+        ended = node->opens.ClosesEnded();
         opened = co_await OpenAt(place, open);
     }
     co_return opened;
@@ -158,18 +161,21 @@ void FileSystem::OpenedAnother(const NodePtr &parent, const std::string &name,
                                const FileFacts &facts)
 {
     directories.ForgetNames(parent);
-    openedAhead.Keep(
-        {.parent = parent, .name = name, .share = share, .handle = fileId, .access = access, .facts = facts});
-    notifier.CallAt(Node::Clock::now() + 2 * OpenedAhead::kSpan, [this] { openedAhead.Purge(false); });
+    openedAhead.Keep({.parent = parent,
+                      .name = name,
+                      .handle = std::make_shared<OpenedAhead::Handle>(share, fileId),
+                      .access = access,
+                      .facts = facts});
+    notifier.CallAt(Node::Clock::now() + 5 * OpenedAhead::kSpan, [this] { openedAhead.Purge(false); });
 }
 
 // One more open by a handle that is there.
-uint64_t FileSystem::Lend(const OpenFilePtr &lender)
+OpenFilePtr FileSystem::Lend(const OpenFilePtr &lender)
 {
-    const OpenFilePtr file = NewOpen(lender->node, lender->share, lender->fileId, lender->access);
+    OpenFilePtr file = NewOpen(lender->node, lender->share, lender->fileId, lender->access);
     file->lender = lender;
     file->givenAway = true;
-    return Keep(file);
+    return file;
 }
 
 // The open counts only once it is known what was opened.
@@ -179,9 +185,13 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
     if (table.FileIdOf(node) == 0 && node->opens.IsOpen())
         co_await Identify(node);
     const uint64_t known = table.FileIdOf(node);
-    if (std::optional<OpenedAhead::Found> ahead = openedAhead.Take(place.share, known, access)) {
-        opening.handle = Keep(NewOpen(node, place.share, ahead->handle, access));
-        opening.facts = ahead->facts;
+    const bool lookedAgain = Node::Clock::now() - node->AheadAt() < OpenedAhead::kSpan;
+    if (const std::optional<OpenedAhead::Found> ahead =
+            lookedAgain ? openedAhead.Take(place.share, known, access) : std::nullopt) {
+        opening.file = NewOpen(node, place.share, ahead->handle->fileId, access);
+        opening.file->lender = ahead->handle;
+        opening.file->givenAway = true;
+        opening.status = co_await QueryFacts(*place.share, opening.file->fileId, &opening.facts);
         co_return opening;
     }
     const RemoteShare::CreateCall open = {.desiredAccess = access,
@@ -211,7 +221,7 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
                 table.SetFileId(node, opening.facts.id);
             if (known == 0 || known == opening.facts.id) {
                 writes->NoteFacts(opening.facts, asked);
-                opening.handle = Keep(file);
+                opening.file = file;
                 co_return opening;
             }
             file->givenAway = true;
@@ -227,7 +237,6 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
         Place now;
         const bool moved =
             standing == Standing::Here && table.PlaceIn(parent, name, &now) && now.path != place.path;
-        const bool lookedAgain = Node::Clock::now() - node->AheadAt() < OpenedAhead::kSpan;
         const OpenFilePtr lender = lookedAgain ? node->opens.AnyWith(access) : nullptr;
         if (!opened.Failed() && standing == Standing::Here && !moved && !lender)
             OpenedAnother(parent, name, place.share, fileId, access, opening.facts);
@@ -238,10 +247,8 @@ Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int 
             continue;
         }
         if (lender) {
-            opening.handle = Lend(lender);
+            opening.file = Lend(lender);
             opening.status = co_await QueryFacts(*place.share, lender->fileId, &opening.facts);
-            if (nt::IsError(opening.status))
-                Release(nullptr, opening.handle);
             co_return opening;
         }
         if (named)
@@ -257,16 +264,24 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
     Place place;
     NodePtr parent;
     std::string name;
+    // Its folder may have been moved.
+    if (node && !table.PlaceOf(node, &place) && table.ParentAndNameOf(node, &parent, &name))
+        co_await Confirm(parent);
     if (!node || !(table.PlaceOf(node, &place) ||
                    (table.FormerPlaceOf(node, &parent, &name) && table.PlaceIn(parent, name, &place)))) {
         call->Fail(ESTALE);
+        co_return;
+    }
+    const bool truncates = (flags & O_TRUNC) != 0;
+    // It may have been meant to make a file: the kernel says so only where it knew of none.
+    if (truncates && place.share->HasIds() && node->IsInOtherCase()) {
+        call->Fail(EEXIST);
         co_return;
     }
     if (node->MustBeLookedUp()) {
         call->Fail(ESTALE);
         co_return;
     }
-    const bool truncates = (flags & O_TRUNC) != 0;
     if ((WantsWrite(flags) || truncates) && place.share->Device().IsReadOnly()) {
         call->Fail(EROFS);
         co_return;
@@ -284,7 +299,7 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
                                            : co_await OpenNode(node, place, open);
         opening.status = opened.status;
         if (!opened.Failed()) {
-            opening.handle = Keep(NewOpen(node, place.share, opened.fileId, access));
+            opening.file = NewOpen(node, place.share, opened.fileId, access);
             FileFacts last;
             if (node->LastFacts(&last))
                 node->Writes(writeWindow)->NoteFacts(last, 0);
@@ -300,24 +315,24 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
             call->FailStatus(opening.status);
         co_return;
     }
-    const OpenFilePtr file = openFiles.Of(opening.handle);
+    const OpenFilePtr file = std::move(opening.file);
     if (truncates) {
         const nt::NTSTATUS status = co_await Truncate(node, file->share, file->fileId);
         if (nt::IsError(status)) {
-            Release(nullptr, opening.handle);
             call->FailStatus(status);
             co_return;
         }
     } else if (place.share->HasIds()) {
         node->NoteFactsOfOpen(opening.facts);
     }
+    const uint64_t handle = Keep(file);
     // Whoever opens a file sees it as it is by now, also its size. The node is in use, so this doesn't wait.
-    if (file->readable && session)
-        fuse_lowlevel_notify_inval_inode(session, node->id, -1, 0);
+    if (fuse_session *const told = file->readable ? session.load() : nullptr)
+        fuse_lowlevel_notify_inval_inode(told, node->id, -1, 0);
     if (file->readable && !place.share->HasIds())
         PrimeReading(file);
-    if (!call->Opened(opening.handle, CachingOf(flags)))
-        Release(nullptr, opening.handle);
+    if (!call->Opened(handle, CachingOf(flags)))
+        Release(nullptr, handle);
 }
 
 // Files that a share names one by one may be links: what they lead to is meant.

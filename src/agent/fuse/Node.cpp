@@ -18,6 +18,8 @@ NodeKind KindOf(const FileFacts &facts)
 
 OpenFile::~OpenFile()
 {
+    if (givenAway && released)
+        node->opens.EndClose(); // nothing is sent
     if (givenAway)
         return;
     if (!released)
@@ -48,6 +50,7 @@ void OpenState::EndClose()
     std::vector<Waiter> ready;
     {
         const transport::MutexLock held(lock);
+        ++closesEnded;
         if (--closing == 0)
             ready.swap(waiters);
     }
@@ -75,6 +78,14 @@ OpenFilePtr OpenState::AnyWith(uint32_t access) const
     return nullptr;
 }
 
+OpenFilePtr OpenState::AnyThatChangesBasics() const
+{
+    const transport::MutexLock held(lock);
+    const auto found =
+        std::find_if(files.begin(), files.end(), [](const OpenFilePtr &file) { return file->changesBasics; });
+    return found == files.end() ? nullptr : *found;
+}
+
 bool OpenState::IsOpen() const
 {
     const transport::MutexLock held(lock);
@@ -85,6 +96,12 @@ bool OpenState::IsClosing() const
 {
     const transport::MutexLock held(lock);
     return closing != 0;
+}
+
+uint64_t OpenState::ClosesEnded() const
+{
+    const transport::MutexLock held(lock);
+    return closesEnded;
 }
 
 void OpenState::WhenNoneClosing(Waiter waiter)
@@ -142,12 +159,15 @@ void Node::NoteFactsOfOpen(const FileFacts &seen)
     openedAt = Clock::now();
 }
 
-bool Node::TakeFactsOfOpen(Clock::duration span, FileFacts *seen)
+bool Node::TakeFactsOfOpen(Clock::duration span, FileFacts *seen, Clock::time_point *opened)
 {
     const transport::MutexLock held(factsLock);
     const Clock::time_point at = std::exchange(openedAt, Clock::time_point());
+    if (at == Clock::time_point() || Clock::now() - at >= span || ChangedSince(at))
+        return false;
     *seen = facts;
-    return at != Clock::time_point() && Clock::now() - at < span && !ChangedSince(at);
+    *opened = at;
+    return true;
 }
 
 void Node::DropFactsOfOpen()

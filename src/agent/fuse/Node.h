@@ -34,8 +34,8 @@ struct OpenFile {
     NodePtr node;
     std::shared_ptr<RemoteShare> share;
     uint32_t fileId = 0;
-    uint32_t access = 0; // the rights that it was opened with
-    OpenFilePtr lender;  // whose handle this is, if it is another open's
+    uint32_t access = 0;          // the rights that it was opened with
+    std::shared_ptr<void> lender; // whose handle this is, if it isn't this open's
     bool readable = false;
     bool writable = false;
     bool changesBasics = false; // times and attributes can be set by it
@@ -58,8 +58,11 @@ public:
     // Any open of the file; one that may write if that is wanted. Null when there is none.
     OpenFilePtr Any(bool writable) const;
     OpenFilePtr AnyWith(uint32_t access) const; // that was opened with just these rights
+    OpenFilePtr AnyThatChangesBasics() const;
     bool IsOpen() const;
     bool IsClosing() const;
+    // How many closes have ended. A refusal by one of them may be told after its end.
+    uint64_t ClosesEnded() const;
 
     using Waiter = InlineFunction<void()>;
     // Calls the function when no close is under way.
@@ -76,6 +79,7 @@ private:
     std::vector<OpenFilePtr> files GUARDED_BY(lock);
     std::vector<Waiter> waiters GUARDED_BY(lock);
     size_t closing GUARDED_BY(lock) = 0;
+    uint64_t closesEnded GUARDED_BY(lock) = 0;
     uint32_t deletion GUARDED_BY(lock) = 0;
 };
 
@@ -116,7 +120,7 @@ struct Node {
     // Facts that came with an open of the file: they answer one question, unless they are older than `span`
     // by then or something has changed since.
     void NoteFactsOfOpen(const FileFacts &seen);
-    bool TakeFactsOfOpen(Clock::duration span, FileFacts *seen);
+    bool TakeFactsOfOpen(Clock::duration span, FileFacts *seen, Clock::time_point *opened);
     void DropFactsOfOpen();
     // The last change that this mount made: of a file's data or facts, of a folder's names.
     void NoteOwnChange() { ownChange = Clock::now().time_since_epoch().count(); }
@@ -131,11 +135,22 @@ struct Node {
     // the kernel has to look again, and then comes by a name that it was just told of.
     void NoteRenamed(Clock::duration span)
     {
-        cameAgain = false;
+        lookedUpAt = 0;
         renamedUntil = (Clock::now() + span).time_since_epoch().count();
     }
-    void NoteLookedUp() { cameAgain = IsRenamed(); }
-    bool MustBeLookedUp() { return IsRenamed() && !cameAgain.exchange(false); }
+    void NoteLookedUp()
+    {
+        if (IsRenamed())
+            lookedUpAt = Clock::now().time_since_epoch().count();
+    }
+    bool MustBeLookedUp() const
+    {
+        constexpr Clock::duration kComesAgain = std::chrono::milliseconds(20);
+        return IsRenamed() && Clock::now().time_since_epoch().count() - lookedUpAt > kComesAgain.count();
+    }
+    // It was reached by a name that differs from its own in case.
+    void NoteOtherCase() { inOtherCase = true; }
+    bool IsInOtherCase() const { return inOtherCase; }
     // Of a directory that was moved: who opens it by its old name has to look again, which ends with that.
     // Who comes back at once has it open, or stands in it. True: this is the first try.
     bool TurnAway(Clock::duration span)
@@ -158,8 +173,19 @@ struct Node {
         const Clock::rep from = watchedFrom;
         return from != 0 && Clock::now().time_since_epoch().count() >= from;
     }
-    // Of a directory that this mount is changing: the kernel has been told to forget what it held before.
-    std::atomic<bool> forgottenWhileBusy{false};
+    // What was asked for then has been watched over since.
+    bool IsWatchedSince(Clock::time_point asked) const
+    {
+        const Clock::rep from = watchedFrom;
+        return from != 0 && asked.time_since_epoch().count() >= from;
+    }
+    // Of a directory that this mount is changing: its notices tell little then.
+    void SetBusyUntil(Clock::time_point time) { busyUntil = time.time_since_epoch().count(); }
+    bool IsBusy() const
+    {
+        const Clock::rep until = busyUntil;
+        return until != 0 && Clock::now().time_since_epoch().count() < until;
+    }
     // What is known of `gone` goes with it: whoever was told of its folder before its change can't use that.
     void TakeChangeOf(const Node &gone)
     {
@@ -200,9 +226,10 @@ private:
     std::vector<std::weak_ptr<DirectoryListing>> listings GUARDED_BY(factsLock);
     std::atomic<Clock::rep> ownChange{0};
     std::atomic<Clock::rep> seenAt{0}, aheadAt{0}, longAnswerAt{0}, renamedUntil{0}, turnedAwayAt{0};
-    std::atomic<bool> cameAgain{false};
+    std::atomic<Clock::rep> lookedUpAt{0};
+    std::atomic<bool> inOtherCase{false};
     std::atomic<Clock::rep> noticedAt{0};
-    std::atomic<Clock::rep> watchedFrom{0};
+    std::atomic<Clock::rep> watchedFrom{0}, busyUntil{0};
 };
 
 } // namespace fodr::agent

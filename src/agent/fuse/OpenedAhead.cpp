@@ -1,10 +1,13 @@
 #include "agent/fuse/OpenedAhead.h"
 
-#include <algorithm>
-
 namespace fodr::agent {
 
 using transport::MutexLock;
+
+OpenedAhead::Handle::~Handle()
+{
+    share->Close(fileId, [](const IoResult &) {});
+}
 
 void OpenedAhead::Keep(Found found)
 {
@@ -13,13 +16,15 @@ void OpenedAhead::Keep(Found found)
     kept.push_back(std::move(found));
 }
 
-std::optional<FileFacts> OpenedAhead::Look(const NodePtr &parent, const std::string &name) const
+std::optional<FileFacts> OpenedAhead::Look(const NodePtr &parent, const std::string &name)
 {
     const MutexLock held(lock);
     const auto now = Clock::now();
-    for (const Found &found : kept) {
-        if (found.parent == parent && found.name == name && now < found.until)
-            return found.facts;
+    for (auto found = kept.rbegin(); found != kept.rend(); ++found) {
+        if (found->parent == parent && found->name == name && now < found->until && !found->shown) {
+            found->shown = true;
+            return found->facts;
+        }
     }
     return std::nullopt;
 }
@@ -29,7 +34,7 @@ std::optional<OpenedAhead::Found> OpenedAhead::Take(const std::shared_ptr<Remote
 {
     const MutexLock held(lock);
     for (auto found = kept.begin(); found != kept.end(); ++found) {
-        if (found->share != share || found->facts.id != fileId || found->access != access)
+        if (found->handle->share != share || found->facts.id != fileId || found->access != access)
             continue;
         Found taken = std::move(*found);
         kept.erase(found);
@@ -40,17 +45,17 @@ std::optional<OpenedAhead::Found> OpenedAhead::Take(const std::shared_ptr<Remote
 
 void OpenedAhead::Purge(bool all)
 {
-    std::vector<Found> over;
-    {
-        const MutexLock held(lock);
-        const auto now = Clock::now();
-        const auto first = std::partition(kept.begin(), kept.end(),
-                                          [&](const Found &found) { return !all && now < found.until; });
-        std::move(first, kept.end(), std::back_inserter(over));
-        kept.erase(first, kept.end());
+    std::vector<Found> over; // let go outside the lock
+    const MutexLock held(lock);
+    const auto now = Clock::now();
+    for (auto found = kept.begin(); found != kept.end();) {
+        if (!all && now < found->until) {
+            ++found;
+            continue;
+        }
+        over.push_back(std::move(*found));
+        found = kept.erase(found);
     }
-    for (const Found &found : over)
-        found.share->Close(found.handle, [](const IoResult &) {});
 }
 
 } // namespace fodr::agent

@@ -12,25 +12,36 @@ namespace fodr::agent {
 class OpenedAhead {
 public:
     using Clock = Node::Clock;
-    static constexpr auto kSpan = std::chrono::milliseconds(100);
+    static constexpr auto kSpan = std::chrono::milliseconds(20); // between the two tries of the kernel
 
+    // Closes the file when the last who uses it has gone.
+    struct Handle {
+        Handle(std::shared_ptr<RemoteShare> remoteShare, uint32_t remoteFile)
+            : share(std::move(remoteShare)), fileId(remoteFile)
+        {}
+        ~Handle();
+        Handle(const Handle &) = delete;
+        Handle &operator=(const Handle &) = delete;
+
+        const std::shared_ptr<RemoteShare> share;
+        const uint32_t fileId;
+    };
     struct Found {
         NodePtr parent;
         std::string name;
-        std::shared_ptr<RemoteShare> share;
-        uint32_t handle = 0;
+        std::shared_ptr<Handle> handle;
         uint32_t access = 0; // the rights that it was opened with
         FileFacts facts;
         Clock::time_point until{};
+        bool shown = false; // to a look-up: the open that follows is to come for it
     };
 
-    // Takes the handle over.
     void Keep(Found found);
-    // What the name led to a moment ago.
-    std::optional<FileFacts> Look(const NodePtr &parent, const std::string &name) const;
-    // The handle of the file, if one with these rights is there: it is the caller's then.
+    // What the name was found to lead to a moment ago. Each is shown once.
+    std::optional<FileFacts> Look(const NodePtr &parent, const std::string &name);
+    // The file, if it is here with these rights, for the caller alone.
     std::optional<Found> Take(const std::shared_ptr<RemoteShare> &share, uint64_t fileId, uint32_t access);
-    // Closes what nobody came for; all of it, when `all` is set.
+    // Lets go what is over; all of it, when `all` is set.
     void Purge(bool all);
 
 private:
