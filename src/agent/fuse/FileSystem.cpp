@@ -233,7 +233,7 @@ double FileSystem::AttributeSeconds(const NodePtr &parent, const NodePtr &node, 
     double left = SecondsLeft(parent, asked);
     if (node->directory)
         left = std::min(left, SecondsLeft(node, asked));
-    if (facts.links > 1) {
+    if (facts.links > 1 || node->opens.IsOpen()) {
         const std::chrono::duration<double> age = Node::Clock::now() - asked;
         left = std::min(left, std::max(0.0, kUnwatchedSeconds - age.count()));
     }

@@ -13,7 +13,7 @@
 namespace fodr::agent {
 namespace {
 
-constexpr auto kFactsOfOpen = std::chrono::milliseconds(400); // hold for so long
+constexpr auto kBelieved = std::chrono::milliseconds(400); // what was told, if no notice would correct it
 // For how long a folder is believed to be where it was seen, if no notice would tell.
 constexpr auto kUnwatched = std::chrono::milliseconds(20);
 constexpr uint32_t kLongestReparseData = 16 << 10; // MS-FSCC 2.1.2
@@ -86,12 +86,12 @@ void FileSystem::AskForNames(const DirectoryHandlePtr &directory)
 bool FileSystem::Recall(const NodePtr &parent, const std::string &name, const std::u16string &ntName,
                         const DirectoryHandlePtr &directory, Found *found)
 {
-    if (!parent->IsWatched())
-        return false;
     const auto now = Node::Clock::now();
+    const bool watched = parent->IsWatched() && !parent->IsBusy();
+    const auto span = watched ? CacheSpan() : std::min<Node::Clock::duration>(CacheSpan(), kBelieved);
     // Names that come and go all the time aren't worth it.
-    bool ask = !parent->ChangedSince(now - CacheSpan());
-    RecentNames::ToldPtr told = directory->Names().Recall(now, CacheSpan(), &ask);
+    bool ask = !parent->ChangedSince(now - span);
+    RecentNames::ToldPtr told = directory->Names().Recall(now, span, &ask);
     if (ask)
         AskForNames(directory);
     if (!told || ChangedBySelf(parent, name, told->asked))
@@ -371,7 +371,7 @@ Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node, Freshness freshness)
         co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
     const OpenFilePtr file = node->opens.Any(false);
     if (file) {
-        const auto span = std::min<Node::Clock::duration>(CacheSpan(), kFactsOfOpen);
+        const auto span = std::min<Node::Clock::duration>(CacheSpan(), kBelieved);
         if (node->TakeFactsOfOpen(span, &found.facts, &found.asked))
             co_return found;
         const uint64_t asked = writes ? writes->Generation() : 0;
