@@ -36,7 +36,8 @@ class IClientObserver {
 public:
     // The handshake is over: shares may come.
     virtual void OnReady() {}
-    virtual void OnDeviceAdded(const RemoteDevice &device) = 0;
+    // True: it can be used now. Else Accept says so, until when whoever added it waits.
+    virtual bool OnDeviceAdded(const RemoteDevice &device) = 0;
     // Its requests have failed with STATUS_DEVICE_REMOVED.
     virtual void OnDeviceRemoved(uint32_t deviceId) = 0;
     // The host wants the agent to finish; requests are still served.
@@ -70,6 +71,8 @@ public:
     void Reconnect(std::unique_ptr<platform::ByteStream> stream);
     // Removes the shares that the present connection hasn't announced: all, or those of the name.
     void DropMissingShares(std::string_view name = {});
+    // Tells the host that the share can be used, after OnDeviceAdded. Once a connection.
+    void Accept(uint32_t deviceId);
 
     // Sends one request and its payload, both borrowed for the call; the CompletionId is filled in here.
     // The handler gets its outcome, which may be before this returns.
@@ -104,7 +107,8 @@ private:
     struct KnownShare {
         RemoteDevice device; // with this side's number
         uint32_t wireId = 0;
-        bool bound = false; // announced by this connection
+        bool bound = false;    // announced by this connection
+        bool accepted = false; // on this connection
     };
     KnownShare *FindShare(const RemoteDevice &announced, bool *back) REQUIRES(lock);
     uint32_t FreeShareId(uint32_t wished) const REQUIRES(lock);

@@ -61,12 +61,30 @@ void RdpdrClient::AddDevice(RemoteDevice device)
         requests.RemoveShare(device.id);
     RequestTable::Released released = requests.Bind(device.id, wireId);
     LOG_INFO("New device announced: %s, ID = %u.\n", device.name.c_str(), wireId);
+    bool usable = true;
     if (back)
         observer->OnDeviceBack(device);
     else
-        observer->OnDeviceAdded(device);
-    SendRecord(DR_CORE_DEVICE_ANNOUNCE_RSP{.DeviceId = wireId});
+        usable = observer->OnDeviceAdded(device);
+    if (usable)
+        Accept(device.id);
     SendReleased(std::move(released));
+}
+
+void RdpdrClient::Accept(uint32_t deviceId)
+{
+    uint32_t wireId = 0;
+    {
+        const transport::MutexLock held(lock);
+        const auto known = std::find_if(shares.begin(), shares.end(), [deviceId](const KnownShare &share) {
+            return share.bound && !share.accepted && share.device.id == deviceId;
+        });
+        if (known == shares.end())
+            return; // of an earlier connection, or removed
+        known->accepted = true;
+        wireId = known->wireId;
+    }
+    SendRecord(DR_CORE_DEVICE_ANNOUNCE_RSP{.DeviceId = wireId});
 }
 
 void RdpdrClient::OnDeviceRemove(ByteSpan packet)

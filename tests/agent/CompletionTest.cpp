@@ -248,5 +248,24 @@ TEST_F(Shares, AreTakenFromTheirAnnouncement)
     EXPECT_EQ(plugin->Take(), WireExample("Device reply"));
 }
 
+TEST_F(Shares, AreAnsweredOnceTheyCanBeUsed)
+{
+    acceptsShares = false;
+    Start({});
+    plugin->BringUp();
+    plugin->Send(MappedAnnounce());
+    share = std::make_shared<RemoteShare>(*client, devices.Take());
+    const auto ask = [&] {
+        auto opened = StartCall(*share, &RemoteShare::Create, RemoteShare::CreateCall{}, u"\\");
+        plugin->CompleteNumber(plugin->TakeRequest(), 1); // and no reply before it
+        EXPECT_FALSE(opened.get().Failed());
+    };
+    ask();
+    client->Accept(kDevice);
+    EXPECT_EQ(plugin->Take(), WireExample("Device reply"));
+    client->Accept(kDevice);
+    ask();
+}
+
 } // namespace
 } // namespace fodr::agent

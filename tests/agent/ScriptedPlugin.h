@@ -173,13 +173,18 @@ protected:
         plugin.reset();
     }
 
-    void OnDeviceAdded(const RemoteDevice &device) override { devices.Put(device); }
+    bool OnDeviceAdded(const RemoteDevice &device) override
+    {
+        devices.Put(device);
+        return acceptsShares;
+    }
     void OnDeviceRemoved(uint32_t deviceId) override { removed.Put(deviceId); }
     void OnDeviceBack(const RemoteDevice &device) override { back.Put(device); }
     void OnGoodbye(const std::string &) override {}
     void OnLost(ChannelEnd end, const std::string &) override { losses.Put(end); }
     void OnEnded(ChannelEnd end, const std::string &reason) override { ends.Put({end, reason}); }
 
+    bool acceptsShares = true; // at once
     Mailbox<RemoteDevice> devices;
     Mailbox<RemoteDevice> back;
     Mailbox<uint32_t> removed;

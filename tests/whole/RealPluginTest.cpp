@@ -56,7 +56,11 @@ public:
         return shares.size();
     }
 
-    void OnDeviceAdded(const RemoteDevice &device) override { added.Put(device); }
+    bool OnDeviceAdded(const RemoteDevice &device) override
+    {
+        added.Put(device);
+        return true;
+    }
     void OnDeviceRemoved(uint32_t deviceId) override { removed.Put(deviceId); }
     void OnGoodbye(const std::string &) override {}
     void OnEnded(agent::ChannelEnd, const std::string &) override {}

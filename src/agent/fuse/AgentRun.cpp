@@ -92,10 +92,15 @@ void AgentRun::OnReady()
     WakeUp();
 }
 
-void AgentRun::OnDeviceAdded(const RemoteDevice &device)
+// The host learns that the share can be used once it is shown: who added it may look at once.
+bool AgentRun::OnDeviceAdded(const RemoteDevice &device)
 {
     const auto share = std::make_shared<RemoteShare>(*client, device);
-    FileSystem::AskFeatures(share, [this, share] { ShowShare(share); });
+    FileSystem::AskFeatures(share, [this, share] {
+        ShowShare(share);
+        client->Accept(share->Device().id);
+    });
+    return false;
 }
 
 void AgentRun::ShowShare(const std::shared_ptr<RemoteShare> &share)

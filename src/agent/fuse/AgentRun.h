@@ -31,7 +31,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     void OnReady() override;
-    void OnDeviceAdded(const RemoteDevice &device) override;
+    bool OnDeviceAdded(const RemoteDevice &device) override;
     void OnDeviceRemoved(uint32_t deviceId) override;
     void OnDeviceBack(const RemoteDevice &device) override;
     void OnGoodbye(const std::string &reason) override;

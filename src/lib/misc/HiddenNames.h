@@ -1,5 +1,5 @@
-// Names that a mount shows to nobody: files that were removed while they were open, on hosts where a name stays as
-// long as its file is open, and files on their way to being deleted.
+// Names that a mount shows to nobody: files that were removed while they were open, on hosts where a name
+// stays as long as its file is open, and files on their way to being deleted.
 #pragma once
 
 #include <string_view>
