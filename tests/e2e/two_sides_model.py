@@ -303,7 +303,7 @@ class Model:
         if kind == "held":
             return ("held", latest(self.files, files)) if not failed(real) else ("", 0)
         if on_way + BOUND > time.monotonic() and (failed(real) or kind == "read"):
-            return "way", on_way
+            return "way", max(on_way, latest(self.names, ends)) if failed(real) else on_way
         # Who makes a file is never told that it isn't there.
         creates = name in ("replace", "make", "in_write") or name == "write" and arguments[1] & os.O_CREAT
         if failed(real) and real in NAME_ERRORS and not (creates and real == "ENOENT"):
