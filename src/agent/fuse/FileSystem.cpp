@@ -284,15 +284,6 @@ bool FileSystem::LocateForChange(const FuseCall::Ptr &call, const NodePtr &paren
     return true;
 }
 
-Task<bool> FileSystem::FindPlaceAgain(NodePtr parent, std::string name, Place *place)
-{
-    const std::u16string tried = place->path;
-    if (!place->share->HasIds())
-        co_return false;
-    const Standing standing = co_await Confirm(parent, Believing::Nothing);
-    co_return standing == Standing::Here &&table.PlaceIn(parent, name, place) && place->path != tried;
-}
-
 // A name is made in a folder: that the folder isn't there may be news to the kernel.
 void FileSystem::FailCreate(const FuseCall::Ptr &call, nt::NTSTATUS status)
 {

@@ -170,6 +170,7 @@ private:
     NodePtr Reach(const NodePtr &parent, const std::string &name, const FileFacts &facts, uint64_t fileId);
     // The name doesn't lead to the node any more, which the kernel may not know.
     void LoseName(const NodePtr &parent, const std::string &name, const NodePtr &node);
+    // FileSystemPlaces.cpp
     bool IsConfirmed(const NodePtr &parent, const NodePtr &node) const;
     Task<Nothing> Identify(NodePtr node);
     Task<Found> FactsOf(NodePtr node, Freshness freshness = Freshness::Asked);
