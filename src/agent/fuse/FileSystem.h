@@ -121,6 +121,10 @@ private:
             std::chrono::duration<double>(options.cacheSeconds));
     }
     bool OnDirectoryChanged(const NodePtr &directory);
+    // The node of what was found, with one more lookup.
+    NodePtr Reach(const NodePtr &parent, const std::string &name, const FileFacts &facts, uint64_t fileId);
+    // The name doesn't lead to the node any more, which the kernel may not know.
+    void LoseName(const NodePtr &parent, const std::string &name, const NodePtr &node);
     void OnDirectoryLeft(const NodePtr &directory);
     void ForgetInKernel(const NodePtr &directory);
     Detached LookAgain(NodePtr node);
@@ -136,8 +140,6 @@ private:
     bool ChangedBySelf(const NodePtr &parent, const std::string &name, Node::Clock::time_point asked) const;
     bool LocateForChange(const FuseCall::Ptr &call, const NodePtr &parent, const std::string &name,
                          Place *place) const;
-    // The place was absent: true when the folder turns out to be elsewhere, with the place there.
-    Task<bool> FindPlaceAgain(NodePtr parent, std::string name, Place *place);
     static void FailCreate(const FuseCall::Ptr &call, nt::NTSTATUS status);
     Task<bool> LocateConfirmed(FuseCall::Ptr call, NodePtr parent, std::string name, Place *place);
 
@@ -160,19 +162,20 @@ private:
                 const DirectoryHandlePtr &directory, Found *found);
     Task<Found> FindByHandle(NodePtr parent, std::string name, Freshness freshness, bool *decided);
     Task<Found> FindByPath(Place place, bool follow);
+
+    // FileSystemPlaces.cpp
+    bool IsConfirmed(const NodePtr &parent, const NodePtr &node) const;
+    Task<Nothing> Identify(NodePtr node);
     // Whether the folder is still where this side believes it to be. If it was moved, and it or what it is in
     // is open, it is found there. `Believing::Nothing` asks for every folder on the way.
     enum class Standing { Here, Gone, Replaced };
     enum class Believing { WhatWasSeen, Nothing };
     Task<Standing> Confirm(NodePtr folder, Believing believing = Believing::WhatWasSeen);
     Task<bool> FindMoved(NodePtr folder);
-    // The node of what was found, with one more lookup.
-    NodePtr Reach(const NodePtr &parent, const std::string &name, const FileFacts &facts, uint64_t fileId);
-    // The name doesn't lead to the node any more, which the kernel may not know.
-    void LoseName(const NodePtr &parent, const std::string &name, const NodePtr &node);
-    // FileSystemPlaces.cpp
-    bool IsConfirmed(const NodePtr &parent, const NodePtr &node) const;
-    Task<Nothing> Identify(NodePtr node);
+    // The place was absent: true when the folder turns out to be elsewhere, with the place there.
+    Task<bool> FindPlaceAgain(NodePtr parent, std::string name, Place *place);
+
+    // FileSystemFacts.cpp
     Task<Found> FactsOf(NodePtr node, Freshness freshness = Freshness::Asked);
     Task<Found> FactsByName(NodePtr node, Freshness freshness);
     Task<Found> FactsOfDirectory(NodePtr node);
