@@ -12,7 +12,6 @@ namespace fodr::agent {
 namespace {
 
 constexpr auto kBelieved = std::chrono::milliseconds(400); // what was told, if no notice would correct it
-constexpr uint32_t kLongestReparseData = 16 << 10;         // MS-FSCC 2.1.2
 
 // The entry of the name in the answer to a search for it: the exact one, or the first, which differs in case.
 bool PickEntry(ByteSpan answer, bool hasIds, const std::u16string &wanted, FileFacts *facts, bool *exact)
