@@ -205,31 +205,18 @@ void DirectoryCache::Watch(const NodePtr &node, const DirectoryHandlePtr &handle
                 node->SetUnwatched();
                 return;
             }
+            node->NoteNotice();
+            alive->Names().Forget(RecentNames::Clock::now());
             if (result.Failed()) { // the folder is gone, or the handle
-                alive->Names().Forget(RecentNames::Clock::now());
-                node->NoteNotice();
                 DropHandle(node, alive);
-                changeHook(node);
+                changeHook(node, {});
                 return;
             }
-            OnChange(node, weak);
-        });
-}
-
-void DirectoryCache::OnChange(const NodePtr &node, const std::weak_ptr<DirectoryHandle> &handle)
-{
-    const DirectoryHandlePtr alive = handle.lock();
-    if (!alive)
-        return;
-    node->SetUnwatched();
-    node->NoteNotice();
-    alive->Names().Forget(RecentNames::Clock::now());
-    if (changeHook(node))
-        Watch(node, alive, Node::Clock::now());
-    else
-        laterHook([this, node, handle] {
-            if (const DirectoryHandlePtr still = handle.lock())
-                Watch(node, still, Node::Clock::now());
+            node->SetUnwatched();
+            changeHook(node, [this, node, weak] {
+                if (const DirectoryHandlePtr still = weak.lock())
+                    Watch(node, still, Node::Clock::now());
+            });
         });
 }
 

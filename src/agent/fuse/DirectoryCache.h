@@ -50,16 +50,14 @@ class DirectoryCache {
 public:
     static constexpr size_t kCapacity = 64;
 
-    // `onChange` is told of a folder in which something has changed, on any thread. While it gives false, it
-    // is told again after a while, which `later` waits for, and only then further changes are asked for;
-    // those in between the other side remembers.
-    using ChangeHook = std::function<bool(const NodePtr &directory)>;
+    // `onChange` is told of a folder in which something has changed, on any thread. Further changes are asked
+    // for once it calls `next`; those in between the other side remembers. It may drop `next`, which is empty
+    // when the folder can't be watched any more.
+    using ChangeHook = std::function<void(const NodePtr &directory, InlineFunction<void()> next)>;
     // `onLeave` is told of a folder that isn't watched any more though nothing has changed in it.
     using LeaveHook = std::function<void(const NodePtr &directory)>;
-    using LaterHook = std::function<void(InlineFunction<void()> function)>;
-    DirectoryCache(NodeTable &nodeTable, ChangeHook onChange, LeaveHook onLeave, LaterHook later)
-        : table(nodeTable), changeHook(std::move(onChange)), leaveHook(std::move(onLeave)),
-          laterHook(std::move(later))
+    DirectoryCache(NodeTable &nodeTable, ChangeHook onChange, LeaveHook onLeave)
+        : table(nodeTable), changeHook(std::move(onChange)), leaveHook(std::move(onLeave))
     {}
 
     // Gives the folder's handle, opened if need be; null with the status of a failure. It may not have been
@@ -96,12 +94,10 @@ private:
     void Check(const NodePtr &node, const DirectoryHandlePtr &handle);
     void Watch(const NodePtr &node, const DirectoryHandlePtr &handle, Node::Clock::time_point from);
     void DropHandle(const NodePtr &node, const DirectoryHandlePtr &handle);
-    void OnChange(const NodePtr &node, const std::weak_ptr<DirectoryHandle> &handle);
 
     NodeTable &table;
     const ChangeHook changeHook;
     const LeaveHook leaveHook;
-    const LaterHook laterHook;
     transport::Mutex lock;
     Slots slots GUARDED_BY(lock);
     uint64_t lastSerial GUARDED_BY(lock) = 0;

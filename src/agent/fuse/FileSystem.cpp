@@ -25,11 +25,8 @@ constexpr double kUnwatchedSeconds = 0.4;
 FileSystem::FileSystem(const Options &fileSystemOptions)
     : options(fileSystemOptions),
       directories(
-          table, [this](const NodePtr &directory) { return OnDirectoryChanged(directory); },
-          [this](const NodePtr &directory) { OnDirectoryLeft(directory); },
-          [this](InlineFunction<void()> function) {
-              notifier.CallAt(Node::Clock::now() + kLookAgain, std::move(function));
-          }),
+          table, [this](auto &directory, auto next) { OnDirectoryChanged(directory, std::move(next)); },
+          [this](auto &directory) { OnDirectoryLeft(directory); }),
       hiddenSeed(std::random_device{}())
 {}
 
@@ -130,31 +127,32 @@ void FileSystem::Clear()
 
 // ---- What the kernel is told ----
 
-// While the folder is busy it isn't watched, so that the kernel believes what it learns of it for a short
-// time only. What it learnt before that, it is told to forget once.
-bool FileSystem::OnDirectoryChanged(const NodePtr &directory)
+// Of a busy folder the kernel believes what it learns for a short time only. What it learnt before, it is
+// told to forget once.
+void FileSystem::OnDirectoryChanged(const NodePtr &directory, InlineFunction<void()> next)
 {
-    const auto lately = Node::Clock::now() - kBusySpan;
+    const auto now = Node::Clock::now();
+    const auto lately = now - kBusySpan;
     const bool wasBusy = directory->IsBusy();
-    bool busy = directory->ChangedSince(lately);
-    if (!busy) {
-        for (const auto &[name, id] : table.ChildrenOf(directory)) {
-            const NodePtr node = table.Find(id);
-            busy = busy || (node && node->ChangedSince(lately));
-        }
-    }
+    const Children children = table.ChildrenOf(directory);
+    const bool busy = directory->ChangedSince(lately) ||
+                      std::any_of(children.begin(), children.end(),
+                                  [&](const auto &child) { return child.second->ChangedSince(lately); });
     if (busy)
-        directory->SetBusyUntil(Node::Clock::now() + kBusySpan);
+        directory->SetBusyUntil(now + kBusySpan);
     if (!busy || !wasBusy)
-        ForgetInKernel(directory);
-    return !busy;
+        ForgetInKernel(directory, children);
+    // Not before the kernel has been told of this change: an owner who changes one file after the other would
+    // bring notices faster than they are told.
+    if (next)
+        notifier.CallAt(busy ? now + kLookAgain : now, std::move(next));
 }
 
 // What the kernel still believes of its names isn't corrected by a notice any more.
 void FileSystem::OnDirectoryLeft(const NodePtr &directory)
 {
     if (Node::Clock::now() - directory->LongAnswerAt() < CacheSpan())
-        ForgetInKernel(directory);
+        ForgetInKernel(directory, table.ChildrenOf(directory));
 }
 
 NodePtr FileSystem::Reach(const NodePtr &parent, const std::string &name, const FileFacts &facts,
@@ -177,15 +175,12 @@ void FileSystem::LoseName(const NodePtr &parent, const std::string &name, const 
     notifier.NameChanged(parent->id, name);
 }
 
-void FileSystem::ForgetInKernel(const NodePtr &directory)
+void FileSystem::ForgetInKernel(const NodePtr &directory, const Children &children)
 {
     notifier.AttributesChanged(directory->id);
-    for (const auto &[name, id] : table.ChildrenOf(directory)) {
+    for (const auto &[name, child] : children) {
         notifier.NameChanged(directory->id, name);
-        notifier.AttributesChanged(id);
-        const NodePtr child = table.Find(id);
-        if (!child)
-            continue;
+        notifier.AttributesChanged(child->id);
         child->DropFactsOfOpen();
         if (!child->directory && child->opens.IsOpen())
             LookAgain(child);

@@ -120,13 +120,14 @@ private:
         return std::chrono::duration_cast<Node::Clock::duration>(
             std::chrono::duration<double>(options.cacheSeconds));
     }
-    bool OnDirectoryChanged(const NodePtr &directory);
+    void OnDirectoryChanged(const NodePtr &directory, InlineFunction<void()> next);
     // The node of what was found, with one more lookup.
     NodePtr Reach(const NodePtr &parent, const std::string &name, const FileFacts &facts, uint64_t fileId);
     // The name doesn't lead to the node any more, which the kernel may not know.
     void LoseName(const NodePtr &parent, const std::string &name, const NodePtr &node);
     void OnDirectoryLeft(const NodePtr &directory);
-    void ForgetInKernel(const NodePtr &directory);
+    using Children = std::vector<std::pair<std::string, NodePtr>>;
+    void ForgetInKernel(const NodePtr &directory, const Children &children);
     Detached LookAgain(NodePtr node);
     // `asked` is when the facts were asked for; `lasting`: they are believed for a while.
     EntryAnswer AnswerFor(const NodePtr &parent, const NodePtr &node, const FileFacts &facts, bool lasting,

@@ -224,14 +224,13 @@ Task<nt::NTSTATUS> FileSystem::RenameOver(Moving moving, nt::NTSTATUS refusal)
 Task<bool> FileSystem::AwaitClosesBelow(NodePtr folder)
 {
     bool waited = false;
-    for (const auto &[name, id] : table.ChildrenOf(folder)) {
-        const NodePtr child = table.Find(id);
-        if (child && child->opens.IsClosing()) {
+    for (const auto &[name, child] : table.ChildrenOf(folder)) {
+        if (child->opens.IsClosing()) {
             waited = true;
             co_await AwaitCall(
                 [&](InlineFunction<void()> done) { child->opens.WhenNoneClosing(std::move(done)); });
         }
-        if (child && child->directory && co_await AwaitClosesBelow(child))
+        if (child->directory && co_await AwaitClosesBelow(child))
             waited = true;
     }
     co_return waited;

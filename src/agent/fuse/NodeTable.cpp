@@ -385,12 +385,13 @@ bool NodeTable::IsBelow(const NodePtr &node, const NodePtr &ancestor) const
     }
 }
 
-std::vector<std::pair<std::string, uint64_t>> NodeTable::ChildrenOf(const NodePtr &node) const
+std::vector<std::pair<std::string, NodePtr>> NodeTable::ChildrenOf(const NodePtr &node) const
 {
     const MutexLock held(lock);
-    std::vector<std::pair<std::string, uint64_t>> children;
+    std::vector<std::pair<std::string, NodePtr>> children;
+    children.reserve(node->children.size());
     for (const auto &[name, child] : node->children)
-        children.emplace_back(name, child->id);
+        children.emplace_back(name, nodes.at(child->id));
     return children;
 }
 

@@ -68,7 +68,7 @@ public:
     NodePtr ShareRootOf(const NodePtr &node) const;
     bool HasName(const NodePtr &node) const;                          // the root has
     bool IsBelow(const NodePtr &node, const NodePtr &ancestor) const; // or the same
-    std::vector<std::pair<std::string, uint64_t>> ChildrenOf(const NodePtr &node) const;
+    std::vector<std::pair<std::string, NodePtr>> ChildrenOf(const NodePtr &node) const;
 
     // Where shares are: the root itself, or a folder in it.
     void SetRootShare(std::shared_ptr<RemoteShare> share);
