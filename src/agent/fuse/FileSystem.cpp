@@ -17,8 +17,15 @@ namespace {
 // up would cost more than the change. So the kernel believes little of such a folder, and notices wait.
 constexpr auto kBusySpan = std::chrono::seconds(1); // since the last change
 constexpr auto kLookAgain = std::chrono::milliseconds(20);
-// For how long the kernel believes what no notice would correct, in seconds.
-constexpr double kUnwatchedSeconds = 0.4;
+
+// For how long who opens a file by a name that it has lost has to look again: until the kernel has been told.
+constexpr auto kNameLost = std::chrono::milliseconds(500);
+
+double SecondsLeft(Node::Clock::time_point asked, Node::Clock::duration span)
+{
+    const std::chrono::duration<double> left = asked + span - Node::Clock::now();
+    return std::max(0.0, left.count());
+}
 
 } // namespace
 
@@ -163,7 +170,7 @@ NodePtr FileSystem::Reach(const NodePtr &parent, const std::string &name, const 
     for (const Node::Name &former : lost)
         notifier.NameChanged(former.parent->id, former.text);
     if (!lost.empty())
-        node->NoteRenamed(std::chrono::milliseconds(500));
+        node->NoteRenamed(kNameLost);
     else
         node->NoteLookedUp();
     return node;
@@ -199,40 +206,35 @@ Detached FileSystem::LookAgain(NodePtr node)
         notifier.DataChanged(node->id);
 }
 
-double FileSystem::SecondsLeft(const NodePtr &parent, Node::Clock::time_point asked) const
+double FileSystem::NameSeconds(const NodePtr &folder, Node::Clock::time_point asked) const
 {
-    parent->NoteLongAnswer();
-    const std::chrono::duration<double> age = Node::Clock::now() - asked;
-    const bool watched = parent->IsWatchedSince(asked) && parent->NoticedAt() < asked && !parent->IsBusy();
-    const double span = watched ? options.cacheSeconds : std::min(options.cacheSeconds, kUnwatchedSeconds);
-    return std::max(0.0, span - age.count());
+    folder->NoteLongAnswer();
+    const bool watched = folder->IsWatchedSince(asked) && folder->NoticedAt() < asked && !folder->IsBusy();
+    return SecondsLeft(asked, watched ? CacheSpan() : UnwatchedSpan());
+}
+
+// A folder's own changes are told to those who watch it. Those of a file under another name, or of one that
+// was moved while it is open, are told in another folder.
+double FileSystem::AttributeSeconds(const NodePtr &node, const FileFacts &facts,
+                                    Node::Clock::time_point asked, double folderSeconds) const
+{
+    if (node->opens.Any(true))
+        return 0;
+    if (node->directory)
+        return std::min(folderSeconds, NameSeconds(node, asked));
+    if (facts.links > 1 || node->opens.IsOpen())
+        return std::min(folderSeconds, SecondsLeft(asked, UnwatchedSpan()));
+    return folderSeconds;
 }
 
 EntryAnswer FileSystem::AnswerFor(const NodePtr &parent, const NodePtr &node, const FileFacts &facts,
                                   bool lasting, Node::Clock::time_point asked) const
 {
-    const double left = SecondsLeft(parent, asked);
+    const double seconds = NameSeconds(parent, asked);
     return {.node = node->id,
             .attributes = StatOf(facts, node->id, options.owner),
-            .nameSeconds = left,
-            .attributeSeconds = lasting ? AttributeSeconds(parent, node, facts, asked) : 0};
-}
-
-// A folder's own changes are told to those who watch it, and those of a file under another name to its
-// folder.
-double FileSystem::AttributeSeconds(const NodePtr &parent, const NodePtr &node, const FileFacts &facts,
-                                    Node::Clock::time_point asked) const
-{
-    if (node->opens.Any(true))
-        return 0;
-    double left = SecondsLeft(parent, asked);
-    if (node->directory)
-        left = std::min(left, SecondsLeft(node, asked));
-    if (facts.links > 1 || node->opens.IsOpen()) {
-        const std::chrono::duration<double> age = Node::Clock::now() - asked;
-        left = std::min(left, std::max(0.0, kUnwatchedSeconds - age.count()));
-    }
-    return left;
+            .nameSeconds = seconds,
+            .attributeSeconds = lasting ? AttributeSeconds(node, facts, asked, seconds) : 0};
 }
 
 // Whether this mount has changed what was told of the folder's entry since it was asked for.

@@ -13,7 +13,7 @@
 #include "agent/fuse/NodeTable.h"
 #include "agent/fuse/OpenedAhead.h"
 
-#include <set>
+#include <algorithm>
 #include <string>
 
 struct fuse_session;
@@ -115,10 +115,15 @@ private:
 
     // FileSystem.cpp
     std::string FolderName(const RemoteDevice &device) const;
+    // For how long what was told is believed: where a notice would correct it, and where none would.
     Node::Clock::duration CacheSpan() const
     {
         return std::chrono::duration_cast<Node::Clock::duration>(
             std::chrono::duration<double>(options.cacheSeconds));
+    }
+    Node::Clock::duration UnwatchedSpan() const
+    {
+        return std::min<Node::Clock::duration>(CacheSpan(), std::chrono::milliseconds(400));
     }
     void OnDirectoryChanged(const NodePtr &directory, InlineFunction<void()> next);
     // The node of what was found, with one more lookup.
@@ -132,10 +137,11 @@ private:
     // `asked` is when the facts were asked for; `lasting`: they are believed for a while.
     EntryAnswer AnswerFor(const NodePtr &parent, const NodePtr &node, const FileFacts &facts, bool lasting,
                           Node::Clock::time_point asked) const;
-    // How long the kernel may believe the node's attributes.
-    double AttributeSeconds(const NodePtr &parent, const NodePtr &node, const FileFacts &facts,
-                            Node::Clock::time_point asked) const;
-    double SecondsLeft(const NodePtr &parent, Node::Clock::time_point asked) const;
+    // For how long the kernel may believe what was asked for then: of the names in the folder, and of the
+    // node's attributes when its folder's are believed for that long.
+    double NameSeconds(const NodePtr &folder, Node::Clock::time_point asked) const;
+    double AttributeSeconds(const NodePtr &node, const FileFacts &facts, Node::Clock::time_point asked,
+                            double folderSeconds) const;
     bool ReplyEntry(const FuseCall::Ptr &call, const NodePtr &parent, const NodePtr &node,
                     const FileFacts &facts, bool lasting, Node::Clock::time_point asked);
     bool ChangedBySelf(const NodePtr &parent, const std::string &name, Node::Clock::time_point asked) const;

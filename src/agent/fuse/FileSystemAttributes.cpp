@@ -210,7 +210,7 @@ Detached FileSystem::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, Attribut
         call->FailStatus(found.status);
     else
         call->Attributes(StatOf(found.facts, node->id, options.owner),
-                         node->opens.Any(true) ? 0 : SecondsLeft(parent, asked));
+                         AttributeSeconds(node, found.facts, asked, NameSeconds(parent, asked)));
 }
 
 // Files grow by this and never shrink; holes aren't made, and nothing is reserved.

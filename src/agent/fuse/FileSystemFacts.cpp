@@ -12,8 +12,7 @@
 namespace fodr::agent {
 namespace {
 
-constexpr auto kBelieved = std::chrono::milliseconds(400); // facts that came with an open
-constexpr uint32_t kLongestReparseData = 16 << 10;         // MS-FSCC 2.1.2
+constexpr uint32_t kLongestReparseData = 16 << 10; // MS-FSCC 2.1.2
 
 } // namespace
 
@@ -27,8 +26,7 @@ Task<FileSystem::Found> FileSystem::FactsOf(NodePtr node, Freshness freshness)
         co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
     const OpenFilePtr file = node->opens.Any(false);
     if (file) {
-        const auto span = std::min<Node::Clock::duration>(CacheSpan(), kBelieved);
-        if (node->TakeFactsOfOpen(span, &found.facts, &found.asked))
+        if (node->TakeFactsOfOpen(UnwatchedSpan(), &found.facts, &found.asked))
             co_return found;
         const uint64_t asked = writes ? writes->Generation() : 0;
         found.status = co_await QueryFacts(*file->share, file->fileId, &found.facts);
@@ -139,7 +137,8 @@ Detached FileSystem::GetAttributes(FuseCall::Ptr call, uint64_t nodeId)
     std::string name;
     if (!table.ParentAndNameOf(node, &parent, &name))
         parent = node;
-    call->Attributes(attributes, AttributeSeconds(parent, node, found.facts, found.asked));
+    call->Attributes(attributes,
+                     AttributeSeconds(node, found.facts, found.asked, NameSeconds(parent, found.asked)));
 }
 
 Detached FileSystem::ReadLink(FuseCall::Ptr call, uint64_t nodeId)

@@ -224,7 +224,8 @@ Task<nt::NTSTATUS> FileSystem::RenameOver(Moving moving, nt::NTSTATUS refusal)
 Task<bool> FileSystem::AwaitClosesBelow(NodePtr folder)
 {
     bool waited = false;
-    for (const auto &[name, child] : table.ChildrenOf(folder)) {
+    for (const auto &entry : table.ChildrenOf(folder)) {
+        const NodePtr &child = entry.second;
         if (child->opens.IsClosing()) {
             waited = true;
             co_await AwaitCall(

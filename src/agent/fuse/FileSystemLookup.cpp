@@ -11,8 +11,6 @@
 namespace fodr::agent {
 namespace {
 
-constexpr auto kBelieved = std::chrono::milliseconds(400); // what was told, if no notice would correct it
-
 // The entry of the name in the answer to a search for it: the exact one, or the first, which differs in case.
 bool PickEntry(ByteSpan answer, bool hasIds, const std::u16string &wanted, FileFacts *facts, bool *exact)
 {
@@ -83,7 +81,7 @@ bool FileSystem::Recall(const NodePtr &parent, const std::string &name, const st
 {
     const auto now = Node::Clock::now();
     const bool watched = parent->IsWatched() && !parent->IsBusy();
-    const auto span = watched ? CacheSpan() : std::min<Node::Clock::duration>(CacheSpan(), kBelieved);
+    const auto span = watched ? CacheSpan() : UnwatchedSpan();
     // Names that come and go all the time aren't worth it.
     bool ask = !parent->ChangedSince(now - span);
     RecentNames::ToldPtr told = directory->Names().Recall(now, span, &ask);

@@ -29,8 +29,10 @@ Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder, Believing believi
     std::vector<NodePtr> way = table.ParentsOf(folder);
     way.push_back(folder);
     const bool fromRoot = table.ShareRootOf(way[0]) == way[0];
-    if (!fromRoot && !co_await FindMoved(way[0]))
-        co_return way[0] != folder &&co_await FindMoved(folder) ? Standing::Here : Standing::Replaced;
+    if (!fromRoot && !co_await FindMoved(way[0])) {
+        const bool found = way[0] != folder && co_await FindMoved(folder);
+        co_return found ? Standing::Here : Standing::Replaced;
+    }
     for (size_t i = 1; i < way.size(); ++i) {
         const NodePtr &parent = way[i - 1], &node = way[i];
         if (believing == Believing::WhatWasSeen && IsConfirmed(parent, node))
@@ -119,8 +121,9 @@ Task<bool> FileSystem::FindPlaceAgain(NodePtr parent, std::string name, Place *p
     const std::u16string tried = place->path;
     if (!place->share->HasIds())
         co_return false;
-    const Standing standing = co_await Confirm(parent, Believing::Nothing);
-    co_return standing == Standing::Here &&table.PlaceIn(parent, name, place) && place->path != tried;
+    if (co_await Confirm(parent, Believing::Nothing) != Standing::Here || !table.PlaceIn(parent, name, place))
+        co_return false;
+    co_return place->path != tried;
 }
 
 } // namespace fodr::agent
