@@ -9,19 +9,8 @@
 #include <dirent.h>
 
 #include <cerrno>
-#include <sys/stat.h>
 
 namespace fodr::ntposix {
-
-namespace {
-
-bool IsDeleted(int directory)
-{
-    struct stat stat;
-    return fstat(directory, &stat) == 0 && stat.st_nlink == 0;
-}
-
-} // namespace
 
 nt::NTSTATUS DirectoryScan::Continue(const Query &query)
 {
@@ -48,7 +37,7 @@ nt::NTSTATUS DirectoryScan::Continue(const Query &query)
     if (nt::IsError(failure))
         return failure;
     // That a name isn't in a folder that was deleted says nothing about the folder's successor.
-    if (pattern.IsExact() && IsDeleted(directory))
+    if (pattern.IsExact() && IsRemoved(directory))
         return nt::STATUS_DELETE_PENDING;
     return first ? nt::STATUS_NO_SUCH_FILE : nt::STATUS_NO_MORE_FILES;
 }
