@@ -308,8 +308,9 @@ void ChangeMonitor::Run()
     }
 }
 
-// The kernel queues an event within the call that makes the change, so nothing is on its way that a
-// completion could show. Events that another thread has read are reported when it has given up `reading`.
+// The kernel queues an event before the call that makes the change returns, and before a listing can show it.
+// (A look-up or a read may show a change whose call still runs.) Events that another thread has read are
+// reported once it gives up `reading`.
 void ChangeMonitor::Drain()
 {
     int ready = 0;
