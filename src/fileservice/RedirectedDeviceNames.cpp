@@ -1,4 +1,4 @@
-// How RedirectedDevice keeps sets that give a file another name within the share.
+// How RedirectedDevice sees to it that a file gets no name outside the share.
 #include "fileservice/PacketText.h"
 #include "fileservice/RedirectedDevice.h"
 #include "platform/NtRecords.h"
@@ -16,8 +16,8 @@ namespace {
 
 constexpr size_t kNameOffset = offsetof(FILE_RENAME_INFORMATION_EX, FileName);
 
-// By them a file gets a further name, or one by a path that could lead anywhere (MS-FSCC 2.4): links, moved
-// clusters, short names, and the forms of links and renames that look at no access rights.
+// Classes that make a link, move clusters, set a short name, or link or rename without a look at access
+// rights (MS-FSCC 2.4). They give a file a further name, or one by a path that could lead anywhere.
 bool NamesAnotherPlace(uint32_t infoClass)
 {
     constexpr uint32_t kOthers[] = {11, 31, 40, 56, 57, 66, 72, 73};
@@ -51,7 +51,7 @@ NTSTATUS ReadRename(uint8_t *buffer, uint32_t *length, uint32_t *directoryId)
     const uint64_t flags = record.Flags & kFlags; // and the padding behind them
     memcpy(buffer, &flags, sizeof(flags));
     *directoryId = static_cast<uint32_t>(record.RootDirectory);
-    // Systems want the whole record, also for a name of one unit. The rest of the buffer is zero.
+    // Systems want the whole record, also for a name of one unit.
     *length = std::max<uint32_t>(kNameOffset + record.FileNameLength, sizeof(FILE_RENAME_INFORMATION_EX));
     return STATUS_SUCCESS;
 }

@@ -2,6 +2,7 @@
 
 #include "ntposix/ChangeFilter.h"
 #include "ntposix/DirectoryReader.h"
+#include "ntposix/FileFacts.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -22,9 +23,9 @@ namespace fodr::ntposix {
 namespace {
 
 constexpr uint32_t kAppears = IN_CREATE | IN_MOVED_TO;
+constexpr uint32_t kDisappears = IN_DELETE | IN_MOVED_FROM;
 // How often directories are looked at of whose removal the kernel doesn't tell.
 constexpr int kLookAgainMS = 500;
-constexpr uint32_t kDisappears = IN_DELETE | IN_MOVED_FROM;
 
 Mutex runningLock;
 std::weak_ptr<ChangeMonitor> running GUARDED_BY(runningLock);
@@ -37,12 +38,6 @@ std::string Join(const std::string &folder, const char *name)
 std::string PathOf(const ChangeWatch &watch, const std::string &below)
 {
     return Join("/proc/self/fd/" + std::to_string(watch.Directory()), below.c_str());
-}
-
-bool IsRemoved(const ChangeWatch &watch)
-{
-    struct stat facts;
-    return fstat(watch.Directory(), &facts) == 0 && facts.st_nlink == 0;
 }
 
 bool IsFolder(int directory, const DirectoryReader::Entry &entry)
@@ -150,7 +145,7 @@ nt::NTSTATUS ChangeMonitor::Add(const std::shared_ptr<ChangeWatch> &watch, Block
         if (error != 0)
             return StatusOfWatchErrno(error);
         AddAbove(entries[watch.get()]);
-        if (IsRemoved(*watch)) // before there was a watch to tell it
+        if (IsRemoved(watch->Directory())) // before there was a watch to tell it
             watch->Fail(nt::STATUS_DELETE_PENDING);
         if (blind.load() != 0)
             Wake();
@@ -249,7 +244,7 @@ void ChangeMonitor::AddAbove(Entry &entry)
             --blind;
         }
     }
-    if (IsRemoved(*entry.watch)) // before the folder above was watched
+    if (IsRemoved(entry.watch->Directory())) // before the folder above was watched
         entry.watch->Fail(nt::STATUS_DELETE_PENDING);
 }
 
@@ -265,7 +260,7 @@ void ChangeMonitor::DropAbove(Entry &entry)
 void ChangeMonitor::FailRemoved()
 {
     for (auto &[watch, entry] : entries) {
-        if (entry.above < 0 && IsRemoved(*watch))
+        if (entry.above < 0 && IsRemoved(watch->Directory()))
             entry.watch->Fail(nt::STATUS_DELETE_PENDING);
     }
 }
@@ -313,8 +308,9 @@ void ChangeMonitor::Run()
     }
 }
 
-// The kernel queues an event within the call that makes the change, so nothing is on its way that a
-// completion could show. Events that another thread has read are reported when it has given up `reading`.
+// The kernel queues an event before the call that makes the change returns, and before a listing can show it.
+// (A look-up or a read may show a change whose call still runs.) Events that another thread has read are
+// reported once it gives up `reading`.
 void ChangeMonitor::Drain()
 {
     int ready = 0;
@@ -392,7 +388,8 @@ void ChangeMonitor::Overflow(std::vector<NewFolder> *rescan)
 void ChangeMonitor::HandleIn(const Member &member, const inotify_event &event, std::vector<NewFolder> *added)
 {
     if (!member.path) {
-        if (event.mask & IN_ISDIR && event.mask & (IN_DELETE | IN_MOVED_TO) && IsRemoved(*member.watch))
+        if (event.mask & IN_ISDIR && event.mask & (IN_DELETE | IN_MOVED_TO) &&
+            IsRemoved(member.watch->Directory()))
             member.watch->Fail(nt::STATUS_DELETE_PENDING);
         return;
     }

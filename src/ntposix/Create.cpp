@@ -350,9 +350,7 @@ NTSTATUS FileCreator::Admit(uint32_t extraAccess)
     opened->object = FileObjectTable::Instance().Acquire(place->facts.key);
     const NTSTATUS status = opened->object->Admit(*opened, extraAccess, place->facts.links);
     // Another's close may have deleted the file after it was opened here and before it was admitted.
-    struct stat stat;
-    if (status != STATUS_SUCCESS || DeletionCount() == deletionsBefore ||
-        fstat(opened->fd.Get(), &stat) != 0 || stat.st_nlink != 0)
+    if (status != STATUS_SUCCESS || DeletionCount() == deletionsBefore || !IsRemoved(opened->fd.Get()))
         return status;
     raced = true;
     Cleanup(*opened);

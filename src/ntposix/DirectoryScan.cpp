@@ -9,19 +9,8 @@
 #include <dirent.h>
 
 #include <cerrno>
-#include <sys/stat.h>
 
 namespace fodr::ntposix {
-
-namespace {
-
-bool IsDeleted(int directory)
-{
-    struct stat stat;
-    return fstat(directory, &stat) == 0 && stat.st_nlink == 0;
-}
-
-} // namespace
 
 nt::NTSTATUS DirectoryScan::Continue(const Query &query)
 {
@@ -48,7 +37,7 @@ nt::NTSTATUS DirectoryScan::Continue(const Query &query)
     if (nt::IsError(failure))
         return failure;
     // That a name isn't in a folder that was deleted says nothing about the folder's successor.
-    if (pattern.IsExact() && IsDeleted(directory))
+    if (pattern.IsExact() && IsRemoved(directory))
         return nt::STATUS_DELETE_PENDING;
     return first ? nt::STATUS_NO_SUCH_FILE : nt::STATUS_NO_MORE_FILES;
 }
@@ -119,9 +108,9 @@ DirectoryScan::Step DirectoryScan::AppendNamed(const Query &query)
         const auto present = lease.Find(wanted);
         if (!present)
             return Step::Skipped;
-        wanted = *present;
+        return Append(query, present->c_str(), DT_UNKNOWN);
     }
-    return Append(query, wanted.c_str(), DT_UNKNOWN);
+    return Append(query, wanted.c_str(), DT_UNKNOWN, &facts);
 }
 
 DirectoryScan::Step DirectoryScan::AppendOther(const Query &query)
@@ -140,7 +129,8 @@ DirectoryScan::Step DirectoryScan::AppendOther(const Query &query)
     return step;
 }
 
-DirectoryScan::Step DirectoryScan::Append(const Query &query, const char *name, unsigned char type)
+DirectoryScan::Step DirectoryScan::Append(const Query &query, const char *name, unsigned char type,
+                                          const FileFacts *known)
 {
     ntName.clear();
     AppendNtName(name, ntName);
@@ -149,9 +139,11 @@ DirectoryScan::Step DirectoryScan::Append(const Query &query, const char *name, 
     // Asking the file system about an entry that has no room would be for nothing.
     if (!query.records->HasRoom(ntName.size()))
         return Step::Full;
-    FileFacts facts;
-    if (query.needsFacts && FactsOf(name, type, &facts) == ENOENT)
+    FileFacts facts = known ? *known : FileFacts();
+    if (query.needsFacts && !known && Look(name, type, &facts) == ENOENT)
         return Step::Skipped;
+    ResolveId(rootDevice, &facts);
+    facts.attributes = CompleteAttributes(facts.attributes | HiddenByName(name));
     return query.records->Append(ntName, facts) ? Step::Added : Step::Truncated;
 }
 
@@ -166,13 +158,11 @@ DirectoryScan::Step DirectoryScan::Fail(int error)
 // A link is listed as a link. Of an entry that can't be looked at (in a directory that may be read but not
 // searched, on a damaged disk) the name and the kind are told, and that there are no facts: its id is 0. 0 or
 // an errno; ENOENT for an entry that is gone.
-int DirectoryScan::FactsOf(const char *name, unsigned char type, FileFacts *facts) const
+int DirectoryScan::Look(const char *name, unsigned char type, FileFacts *facts) const
 {
     const int error = StatAt(directory, name, Links::kDontFollow, facts);
     if (error != 0)
         *facts = FactsOfType(static_cast<mode_t>(DTTOIF(type)));
-    ResolveId(rootDevice, facts);
-    facts->attributes = CompleteAttributes(facts->attributes | HiddenByName(name));
     return error;
 }
 

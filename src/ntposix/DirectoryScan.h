@@ -44,9 +44,10 @@ private:
     Step Next(const Query &query);
     Step AppendNamed(const Query &query);
     Step AppendOther(const Query &query);
-    Step Append(const Query &query, const char *name, unsigned char type);
+    // `known`: what is known of the entry already; null: nothing but its type.
+    Step Append(const Query &query, const char *name, unsigned char type, const FileFacts *known = nullptr);
     Step Fail(int error);
-    int FactsOf(const char *name, unsigned char type, FileFacts *facts) const;
+    int Look(const char *name, unsigned char type, FileFacts *facts) const;
 
     const int directory;
     const std::optional<dev_t> rootDevice;

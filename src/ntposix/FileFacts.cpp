@@ -126,6 +126,12 @@ int StatAt(int directory, const char *name, Links links, FileFacts *facts)
     return Stat(directory, name, links == Links::kDontFollow ? AT_SYMLINK_NOFOLLOW : 0, facts);
 }
 
+bool IsRemoved(int fd)
+{
+    struct stat stat;
+    return fstat(fd, &stat) == 0 && stat.st_nlink == 0;
+}
+
 FileFacts FactsOfType(mode_t type)
 {
     FileFacts facts;

@@ -50,6 +50,9 @@ struct FileFacts {
 enum class Links : uint8_t { kFollow, kDontFollow };
 [[nodiscard]] int StatAt(int directory, const char *name, Links links, FileFacts *facts);
 
+// Whether no name leads to the file any more. False as well when that can't be told. `fd` may be O_PATH.
+[[nodiscard]] bool IsRemoved(int fd);
+
 // Of a file of which nothing is known but its type (S_IFDIR ...; 0: not even that). The id is 0.
 [[nodiscard]] FileFacts FactsOfType(mode_t type);
 

@@ -31,15 +31,19 @@ bool IsRoot(const std::string &path)
     return path == "/";
 }
 
+bool StaysInShare(const OpenFile &open)
+{
+    return open.root && !open.root->IsWholeTree() && !open.root->Rules().linksOutside;
+}
+
 // What the kernel says may be no path at all.
 bool IsInShare(const OpenFile &open, const std::string &path)
 {
     if (path.empty() || path[0] != '/')
         return false;
-    const HeldRoot *root = open.root.get();
-    if (!root || root->IsWholeTree() || root->Rules().linksOutside)
+    if (!StaysInShare(open))
         return true;
-    const std::string above = PathByKernel(root->Folder());
+    const std::string above = PathByKernel(open.root->Folder());
     return !above.empty() && path.starts_with(above + "/");
 }
 
@@ -67,6 +71,14 @@ NTSTATUS FindLink(const OpenFile &open, Link *link)
         return STATUS_SUCCESS;
     }
     return found ? STATUS_SUCCESS : STATUS_FILE_DELETED;
+}
+
+bool IsMovedOut(const OpenFile &open)
+{
+    if (!StaysInShare(open) || IsRootOfShare(open))
+        return false;
+    const std::string path = PathByKernel(open.fd.Get());
+    return path.starts_with('/') && !IsInShare(open, path);
 }
 
 bool IsRootOfShare(const OpenFile &open)

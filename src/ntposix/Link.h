@@ -21,6 +21,10 @@ struct Link {
 // What others have moved out of its share has no name there any more.
 [[nodiscard]] nt::NTSTATUS FindLink(const OpenFile &open, Link *link);
 
+// Whether others have moved it out of its share, as far as the kernel tells. Not where links may lead
+// outside.
+[[nodiscard]] bool IsMovedOut(const OpenFile &open);
+
 // Where the kernel says the file of a descriptor is; empty if it can't say.
 [[nodiscard]] std::string PathByKernel(int fd);
 

@@ -67,12 +67,18 @@ FILE_INTERNAL_INFORMATION Internal(const FileQuery &query)
     return {.IndexNumber = static_cast<int64_t>(query.facts.id)};
 }
 
+bool IsRemovedDirectory(const OpenFile &open)
+{
+    return open.IsDirectory() && IsRemoved(open.fd.Get());
+}
+
 // From the root directory: the volume is the whole tree. A directory is told where it is now, whoever moved
-// it.
-std::u16string NameOf(const FileQuery &query)
+// it; one that is removed, where it was opened.
+std::u16string NameOf(const FileQuery &query, bool removed)
 {
     const OpenFile &file = query.open.File();
-    const std::string current = file.IsDirectory() ? PathByKernel(file.fd.Get()) : std::string();
+    const bool moves = file.IsDirectory() && !removed;
+    const std::string current = moves ? PathByKernel(file.fd.Get()) : std::string();
     std::u16string name = NtPathFromPosix(current.empty() ? file.object->PathOf(file) : current);
     if (query.open.stream)
         name += u':' + query.open.stream->Name();
@@ -106,10 +112,9 @@ NTSTATUS QueryAccess(FileQuery &query)
 
 NTSTATUS QueryName(FileQuery &query)
 {
-    struct stat stat;
-    if (query.open.IsDirectory() && fstat(query.open.fd.Get(), &stat) == 0 && stat.st_nlink == 0)
+    if (IsRemovedDirectory(query.open))
         return STATUS_FILE_DELETED;
-    const std::u16string name = NameOf(query);
+    const std::u16string name = NameOf(query, false);
     const FILE_NAME_INFORMATION record{.FileNameLength = static_cast<uint32_t>(name.size() * 2),
                                        .FileName = {}};
     return query.out.PutWithText(record, offsetof(FILE_NAME_INFORMATION, FileName), name);
@@ -132,7 +137,7 @@ NTSTATUS QueryAlignment(FileQuery &query)
 
 NTSTATUS QueryAll(FileQuery &query)
 {
-    const std::u16string name = NameOf(query);
+    const std::u16string name = NameOf(query, IsRemovedDirectory(query.open));
     const FILE_ALL_INFORMATION record{
         .BasicInformation = Basic(query),
         .StandardInformation = Standard(query),

@@ -217,6 +217,8 @@ NTSTATUS RenameInto(OpenFile &open, OpenFile &directory, std::u16string_view lea
         return STATUS_OBJECT_NAME_INVALID;
     if (IsRootOfShare(open))
         return STATUS_ACCESS_DENIED;
+    if (IsMovedOut(directory))
+        return STATUS_OBJECT_PATH_NOT_FOUND;
     Link link;
     const NTSTATUS status = FindSource(open, &link);
     const Target to{directory.fd.Get(), name, JoinPath(directory.object->PathOf(directory), name)};

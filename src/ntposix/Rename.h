@@ -24,7 +24,8 @@ struct RenameRule {
 // rename is what gets the new name.
 [[nodiscard]] nt::NTSTATUS RenameFile(OpenFile &open, std::u16string_view target, bool replace);
 
-// The same for one component in an open directory. With `posix` and `replace` it differs in what may go:
+// The same for one component in an open directory, which is STATUS_OBJECT_PATH_NOT_FOUND once others have
+// removed it or moved it out of the share. With `posix` and `replace` it differs in what may go:
 //   another link of the file                     success, and nothing happens
 //   a file, whoever has it open                  it is replaced; who has it open goes on
 //   an empty directory, by a directory           it is replaced; else STATUS_DIRECTORY_NOT_EMPTY

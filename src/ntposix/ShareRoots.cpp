@@ -81,10 +81,13 @@ NTSTATUS RegisteredRoot::Hold(std::string_view path, Look look, std::shared_ptr<
     if (status == STATUS_SUCCESS)
         *root = std::make_shared<const HeldRoot>(std::move(folder), facts.key, std::string(path),
                                                  std::move(realPath), found);
+    const bool stays = *root && IsOnRootFileSystem(facts.key);
     std::shared_ptr<const HeldRoot> released; // outside the lock
     const MutexLock guard(lock);
+    if (!AreSame(rules, found)) // others have come meanwhile: it goes for this one look-up
+        return status;
     inUse = *root;
-    released = std::exchange(held, *root && IsOnRootFileSystem(facts.key) ? *root : nullptr);
+    released = std::exchange(held, stays ? *root : nullptr);
     return status;
 }
 
@@ -115,7 +118,7 @@ bool RegisteredRoot::RemoveRules(const ShareRules &removed)
 void RegisteredRoot::Combine()
 {
     const ShareRules before = rules;
-    rules = {.linksOutside = true};
+    rules = {.linksOutside = !allRules.empty()};
     for (const ShareRules &one : allRules) {
         rules.exactRoot |= one.exactRoot;
         rules.names = std::max(rules.names, one.names);

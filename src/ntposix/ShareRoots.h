@@ -54,7 +54,7 @@ public:
         Anew, // unless the name still leads to what is held
     };
     // The folder, found now if it isn't held. `path` is what the root's name stands for at present. An absent
-    // folder is STATUS_OBJECT_NAME_NOT_FOUND or, if one before it is, STATUS_OBJECT_PATH_NOT_FOUND.
+    // folder is STATUS_OBJECT_PATH_NOT_FOUND.
     [[nodiscard]] nt::NTSTATUS Hold(std::string_view path, Look look, std::shared_ptr<const HeldRoot> *root)
         EXCLUDES(lock);
     bool HasExactName() EXCLUDES(lock);

@@ -1,4 +1,5 @@
 #include "WireExamples.h"
+#include "lib/unicode/NameMapping.h"
 #include "ntposix/NtWords.h"
 
 #include <span>
@@ -30,6 +31,20 @@ void ExpectLeastLengths(Asking call, HANDLE file, NTSTATUS status, std::span<con
         EXPECT_EQ(Ask(call, file, infoClass, length), (Outcome{status, filled ? length : 0}));
         EXPECT_EQ(Ask(call, file, infoClass, length - 1), (Outcome{STATUS_INFO_LENGTH_MISMATCH, 0}));
     }
+}
+
+// A record with a name behind it.
+template <typename Record> struct Named {
+    Record record;
+    char16_t rest[500];
+};
+
+std::string TextOf(const FILE_NAME_INFORMATION &name)
+{
+    std::u16string text(name.FileNameLength / 2, u'\0');
+    memcpy(text.data(), reinterpret_cast<const char *>(&name) + offsetof(FILE_NAME_INFORMATION, FileName),
+           name.FileNameLength);
+    return Utf8(text);
 }
 
 using Information = NtFixture;
@@ -113,18 +128,30 @@ TEST_F(Information, FactsAreThoseOfTheFile)
     EXPECT_EQ(BasicOf(folder).FileAttributes, FILE_ATTRIBUTE_DIRECTORY);
     EXPECT_EQ(Ask(NtQueryInformationFile, folder, FileStreamInformation, 32), (Outcome{STATUS_SUCCESS, 0}));
 
-    struct AllAndName {
-        FILE_ALL_INFORMATION all;
-        char16_t rest[500];
-    };
-    const auto record = Told<AllAndName>(Open("VISIBLE"), FileAllInformation);
-    EXPECT_EQ(record.all.StandardInformation.EndOfFile, 7);
-    EXPECT_EQ(record.all.AccessInformation.AccessFlags, 0x120089u); // what GENERIC_READ means
-    EXPECT_EQ(record.all.ModeInformation.Mode, FILE_SYNCHRONOUS_IO_NONALERT);
+    const auto [all, rest] = Told<Named<FILE_ALL_INFORMATION>>(Open("VISIBLE"), FileAllInformation);
+    EXPECT_EQ(all.StandardInformation.EndOfFile, 7);
+    EXPECT_EQ(all.AccessInformation.AccessFlags, 0x120089u); // what GENERIC_READ means
+    EXPECT_EQ(all.ModeInformation.Mode, FILE_SYNCHRONOUS_IO_NONALERT);
     // The name as it is on disk, not as it was asked for.
-    const std::u16string_view name(record.all.NameInformation.FileName,
-                                   record.all.NameInformation.FileNameLength / 2);
-    EXPECT_TRUE(name.starts_with(u"\\") && name.ends_with(u"\\visible")) << Utf8(name);
+    EXPECT_EQ(TextOf(all.NameInformation), Utf8(NtPathFromPosix(Path("visible"))));
+}
+
+TEST_F(Information, ADirectoryIsToldWhereItIsNow)
+{
+    MakeFolder("a/folder");
+    const NtFile folder = Folder("a\\folder");
+    const auto expect = [&](NTSTATUS status, const char *path) {
+        const std::string name = Utf8(NtPathFromPosix(Path(path)));
+        Named<FILE_NAME_INFORMATION> alone;
+        EXPECT_EQ(Query(folder, FileNameInformation, &alone), status);
+        EXPECT_TRUE(status != STATUS_SUCCESS || TextOf(alone.record) == name);
+        const auto all = Told<Named<FILE_ALL_INFORMATION>>(folder, FileAllInformation);
+        EXPECT_EQ(TextOf(all.record.NameInformation), name);
+    };
+    OthersMove("a", "b");
+    expect(STATUS_SUCCESS, "b/folder");
+    std::filesystem::remove_all(root / "b");
+    expect(STATUS_FILE_DELETED, "a/folder"); // as it was opened
 }
 
 // Every name of a file and every class that has its id tell the same one; a replacement has another.

@@ -252,7 +252,7 @@ TEST_F(PosixNames, OfAShareStayInIt)
         {CaseRule::Exact, STATUS_SUCCESS, STATUS_SUCCESS},
     };
     for (const auto &test : cases) {
-        MakeFolder("share");
+        MakeFolder("share/inner");
         for (const char *name : {"share/file", "share/Other", "share/moved"})
             MakeFile(name, name);
         const ShareRoot share(NtPath("share"), ShareRules{.names = test.rule});
@@ -264,6 +264,13 @@ TEST_F(PosixNames, OfAShareStayInIt)
         EXPECT_EQ(DeleteNow(moved), STATUS_FILE_DELETED);
         EXPECT_EQ(RenameInto(moved, folder, u"back"), STATUS_FILE_DELETED);
         EXPECT_TRUE(Exists("outside"));
+        const NtFile inner = Folder("share\\inner");
+        EXPECT_EQ(RenameInto(Doomed("share\\file"), inner, u"file"), STATUS_SUCCESS);
+        OthersMove("share/inner", "taken out");
+        MakeFile("share/file");
+        EXPECT_EQ(RenameInto(Doomed("share\\file"), inner, u"x"), STATUS_OBJECT_PATH_NOT_FOUND);
+        EXPECT_FALSE(Exists("taken out/x"));
+        std::filesystem::remove_all(root / "taken out");
 
         EXPECT_EQ(RenameInto(Doomed("share\\file"), folder, u"OTHER"), test.byHandle);
         MakeFile("share/file");

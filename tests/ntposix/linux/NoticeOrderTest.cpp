@@ -10,32 +10,6 @@
 namespace fodr::nt {
 namespace {
 
-// The highest number that a file of the folder has as its name.
-int Highest(HANDLE folder)
-{
-    std::vector<uint8_t> buffer(65536);
-    int highest = 0;
-    for (bool restart = true;; restart = false) {
-        IO_STATUS_BLOCK io{};
-        if (NtQueryDirectoryFile(folder, nullptr, nullptr, nullptr, &io, buffer.data(), 65536,
-                                 FileNamesInformation, false, nullptr, restart) != STATUS_SUCCESS)
-            return highest;
-        uint32_t next = 1;
-        for (const uint8_t *at = buffer.data(); next != 0; at += next) {
-            FILE_NAMES_INFORMATION record;
-            memcpy(&record, at, sizeof(record));
-            next = record.NextEntryOffset;
-            int number = 0;
-            for (uint32_t i = 0; i < record.FileNameLength / 2; ++i) {
-                char16_t digit;
-                memcpy(&digit, at + offsetof(FILE_NAMES_INFORMATION, FileName) + i * 2, 2);
-                number = number * 10 + (digit - u'0');
-            }
-            highest = std::max(highest, number);
-        }
-    }
-}
-
 class NoticesFirst : public NtFixture {
 protected:
     // Notices that were sent, one for each change: the owner waits until somebody waits for it.
@@ -54,7 +28,15 @@ protected:
     {
         while (delivered < number - 1 || NoticeOrder::State::Of(order).waiting == 0)
             std::this_thread::yield();
-        MakeFile("watched/" + std::to_string(number));
+        MakeFile(std::to_string(number));
+    }
+    // The highest number that is listed: a listing shows what is complete, and a look-up may show more.
+    int Highest() const
+    {
+        int highest = 0;
+        for (const std::string &name : Listing())
+            highest = std::max(highest, std::stoi(name));
+        return highest;
     }
 
     NoticeOrder order;
@@ -64,8 +46,7 @@ protected:
 TEST_F(NoticesFirst, WhateverAListingShowsHasBeenToldBefore)
 {
     constexpr int kChanges = 300;
-    MakeFolder("watched");
-    NtFile folder = Folder("watched");
+    NtFile folder = Folder("");
     std::thread watcher([&] { Watch(folder); });
     std::atomic<int> shown{0}, overtakings{0};
     AtOnce(4, [&](int which) {
@@ -74,9 +55,8 @@ TEST_F(NoticesFirst, WhateverAListingShowsHasBeenToldBefore)
                 ChangeOnce(i);
             return;
         }
-        const NtFile own = Folder("watched");
         for (int last = 0, now = 0; now < kChanges; last = now) {
-            now = Highest(own);
+            now = Highest();
             order.Settle();
             if (sent < now)
                 ++overtakings;
