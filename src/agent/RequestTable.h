@@ -7,8 +7,8 @@
 // Any thread. The lock is held for a few instructions; handlers and the orphan hook run outside it.
 #pragma once
 
-#include "agent/HandleTable.h"
 #include "agent/IoResult.h"
+#include "agent/LastingHandles.h"
 #include "transport/Mutex.h"
 
 #include <memory>
@@ -174,7 +174,7 @@ private:
     uint32_t connection GUARDED_BY(lock) = 1;
     uint64_t lastOrder GUARDED_BY(lock) = 0;
     std::vector<Share> shares GUARDED_BY(lock);
-    HandleTable files GUARDED_BY(lock);
+    LastingHandles files GUARDED_BY(lock);
 };
 
 } // namespace fodr::agent
