@@ -101,6 +101,7 @@ public:
     {
         CompleteNumber(request, static_cast<uint32_t>(data.size()), data);
     }
+    void SayGoodbye() { connection.Send(transport::Goodbye{.reason = "that's it"}); }
     void Close() { connection.Close("closed by the test"); }
 
     Mailbox<std::string> heard; // all other frames
