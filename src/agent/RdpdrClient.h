@@ -81,7 +81,7 @@ public:
     // How a file is to be opened again; without, its handle ends with the connection.
     void Remember(uint32_t fileId, std::shared_ptr<IReopen> reopen);
     std::shared_ptr<IReopen> WayTo(uint32_t fileId) { return requests.WayTo(fileId); }
-    uint32_t WireIdOf(uint32_t fileId) { return requests.WireIdOf(fileId); }
+    uint32_t WireIdOf(uint32_t fileId, uint32_t *onlyOn) { return requests.WireIdOf(fileId, onlyOn); }
     bool KeepsRequests() const { return options.outlivesConnections; }
 
     bool ListsSeveral() const { return options.multiEntryDirectoryQuery; }

@@ -191,6 +191,29 @@ TEST_F(LostConnection, OnlyWhatDoesNoHarmIsRepeated)
     EXPECT_EQ(later.get().status, nt::STATUS_ACCESS_DENIED);
 }
 
+// The directory's number is in what waits, and another directory has it on the next connection.
+TEST_F(LostConnection, ARenameIntoADirectoryIsOfItsConnection)
+{
+    StartOutliving();
+    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    Lose();
+    ComeBack(kNewDevice);
+    const uint32_t directory = OpenFile(std::make_shared<KnownFile>());
+    auto rename = StartCall(*share, &RemoteShare::RenameInto, fileId, directory, u"name", true);
+    ReopenUpToIdentity(); // the file is opened again meanwhile
+    Lose();
+    EXPECT_EQ(rename.get().status, STATUS_CONNECTION_DISCONNECTED);
+    // Over one connection it is done.
+    ComeBack(kNewDevice);
+    const uint32_t now = OpenFile(std::make_shared<KnownFile>());
+    rename = StartCall(*share, &RemoteShare::RenameInto, fileId, now, u"name", true);
+    plugin->CompleteData(ReopenUpToIdentity(), NumberOf(kIdentity));
+    const Request sent = TakeOf(IRP_MJ_SET_INFORMATION, kNewDevice, kFileAgain);
+    EXPECT_EQ(LoadLittle<uint32_t>(&sent.Payload()[8]), kFile);
+    plugin->Complete(sent, nt::STATUS_SUCCESS);
+    EXPECT_EQ(rename.get().status, nt::STATUS_SUCCESS);
+}
+
 TEST_F(LostConnection, WaitingEndsWithItsTime)
 {
     constexpr unsigned kTime = 10000; // beside which the client's own clock counts for nothing
