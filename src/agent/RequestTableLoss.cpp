@@ -85,6 +85,8 @@ void RequestTable::Connect(std::shared_ptr<AgentChannel> newChannel)
 {
     const transport::MutexLock guard(lock);
     channel = std::move(newChannel);
+    for (Share &share : shares)
+        share.bound = false; // also one that was announced while the last connection went
 }
 
 void RequestTable::Disconnect()
@@ -218,14 +220,17 @@ RequestTable::Released RequestTable::EndReopening(const Reopening &reopening, nt
 {
     *taken = false;
     const transport::MutexLock guard(lock);
-    RemoteHandle *file = files.Find(reopening.fileId);
-    if (!file || reopening.connection != connection)
+    if (reopening.connection != connection)
         return {};
-    file->reopening = false;
     const auto isMeant = [&](const Slot &slot) {
         return slot.request.FileId == reopening.fileId && slot.request.MajorFunction != IRP_MJ_CREATE &&
                !slot.expected.ofConnection;
     };
+    RemoteHandle *file = files.Find(reopening.fileId);
+    if (!file)
+        return Release(isMeant); // closed meanwhile: what still waits ends
+    if (!std::exchange(file->reopening, false))
+        return {}; // two were under way
     if (nt::IsError(status)) {
         // Only another file, or none, is for good.
         file->gone = file->gone || status == STATUS_FILE_INVALID;

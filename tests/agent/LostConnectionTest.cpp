@@ -96,6 +96,20 @@ TEST_F(LostConnection, AFileIsOpenedAgainOnceForAllThatWaits)
     EXPECT_EQ(next.get().status, nt::STATUS_SUCCESS);
 }
 
+TEST_F(LostConnection, AFileThatIsClosedMeanwhileIsNotWaitedFor)
+{
+    StartOutliving();
+    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    Lose();
+    auto read = StartCall(*share, &RemoteShare::Read, fileId, 0u, 5u);
+    ComeBack(kNewDevice);
+    const Request query = ReopenUpToIdentity();
+    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Close, fileId).status, nt::STATUS_SUCCESS);
+    plugin->CompleteData(query, NumberOf(kIdentity));
+    EXPECT_EQ(read.get().status, STATUS_FILE_INVALID);
+    TakeOf(IRP_MJ_CLOSE, kNewDevice, kFileAgain);
+}
+
 TEST_F(LostConnection, AnotherFileIsRefused)
 {
     enum class Case { OtherId, Gone, NoPlace, TooSmall, LargeEnough };
