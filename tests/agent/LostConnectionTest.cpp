@@ -424,6 +424,28 @@ TEST_F(LostConnection, ASecondLossBeginsAnew)
     EXPECT_EQ(read.get().data, Bytes{7});
 }
 
+TEST_F(LostConnection, AShareIsBackOnceItCanBeUsed)
+{
+    acceptsShares = false;
+    StartOutlivingWithoutShare();
+    plugin->SendAnnounce(kDevice, "docs");
+    share = std::make_shared<RemoteShare>(*client, devices.Take());
+    auto asked = StartCall(*share, &RemoteShare::Create, kOpen, u"\\");
+    plugin->TakeRequest();
+    Lose();
+    Reconnect();
+    plugin->SendAnnounce(kNewDevice, "docs");
+    plugin->Complete(TakeOf(IRP_MJ_CREATE, kNewDevice, 0),
+                     nt::STATUS_ACCESS_DENIED); // and no reply before it
+    EXPECT_EQ(asked.get().status, nt::STATUS_ACCESS_DENIED);
+    EXPECT_TRUE(back.IsEmpty());
+    client->Accept(share->Device().id);
+    EXPECT_EQ(plugin->Take(), PacketOf(DR_CORE_DEVICE_ANNOUNCE_RSP{.DeviceId = kNewDevice}));
+    Lose();
+    ComeBack(kDevice);
+    EXPECT_EQ(back.Take().id, share->Device().id);
+}
+
 TEST_F(LostConnection, AShareThatStaysAwayIsRemoved)
 {
     StartOutliving();

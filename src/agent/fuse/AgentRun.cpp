@@ -96,10 +96,7 @@ void AgentRun::OnReady()
 bool AgentRun::OnDeviceAdded(const RemoteDevice &device)
 {
     const auto share = std::make_shared<RemoteShare>(*client, device);
-    FileSystem::AskFeatures(share, [this, share] {
-        ShowShare(share);
-        client->Accept(share->Device().id);
-    });
+    FileSystem::AskFeatures(share, [this, share] { ShowShare(share); });
     return false;
 }
 
@@ -113,6 +110,8 @@ void AgentRun::ShowShare(const std::shared_ptr<RemoteShare> &share)
         client->DropMissingShares(single ? std::string_view{} : device.name);
         added = files.AddShare(share);
     }
+    // Before this connection is told: should it be lost by now, OnDeviceBack tells the next one.
+    client->Accept(device.id);
     if (added)
         return NoteShown(device);
     client->Channel()->SendNotice(transport::NoticeKind::Warning,
