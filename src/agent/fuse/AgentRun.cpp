@@ -37,6 +37,13 @@ FileSystem::Options FileSystemOptions(const AgentOptions &options)
             .owner = {getuid(), getgid()}};
 }
 
+AgentExit ExitAfter(ChannelEnd end)
+{
+    if (end == ChannelEnd::Goodbye)
+        return AGENT_ENDED;
+    return end == ChannelEnd::Refused ? AGENT_REFUSED : AGENT_LOST;
+}
+
 // Blocks the signals that end the agent and gives a descriptor to wait for them; -1 without.
 int CatchSignals(const AgentOptions &options)
 {
@@ -221,6 +228,12 @@ AgentRun::Event AgentRun::WaitFor(Until until, int timeoutMS)
     }
 }
 
+std::pair<ChannelEnd, std::string> AgentRun::HowItEnded()
+{
+    const transport::MutexLock held(lock);
+    return {channelEnd, endReason};
+}
+
 int AgentRun::Fail(AgentExit result, const std::string &sentence)
 {
     Say(sentence);
@@ -322,11 +335,9 @@ int AgentRun::EndedBeforeMount(Event event)
     default:
         break;
     }
-    const transport::MutexLock held(lock);
-    Say("the connection ended before anything was mounted: " + endReason);
-    if (channelEnd == ChannelEnd::Goodbye)
-        return AGENT_ENDED;
-    return channelEnd == ChannelEnd::Refused ? AGENT_REFUSED : AGENT_LOST;
+    const auto [end, reason] = HowItEnded();
+    Say("the connection ended before anything was mounted: " + reason);
+    return ExitAfter(end);
 }
 
 // Detached users lose what isn't on its way yet; what is, is waited for a little.
@@ -349,10 +360,9 @@ int AgentRun::TakeDown(Event event)
     int result = AGENT_ENDED;
     std::string remark;
     if (event == Event::Ended || event == Event::Lost) {
-        const transport::MutexLock held(lock);
-        Say("the connection ended: " + endReason);
-        if (channelEnd != ChannelEnd::Goodbye)
-            result = channelEnd == ChannelEnd::Refused ? AGENT_REFUSED : AGENT_LOST;
+        const auto [end, reason] = HowItEnded();
+        Say("the connection ended: " + reason);
+        result = ExitAfter(end);
     }
     if (event != Event::Unmounted && Unmount(options.mountPoint, &remark) != UnmountOutcome::Unmounted) {
         Say(remark);
