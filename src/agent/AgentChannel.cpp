@@ -89,6 +89,14 @@ void AgentChannel::OnHello(const transport::Hello &hello)
     AnnounceObjects();
 }
 
+// Nothing counts of a host that hasn't shown the token.
+bool AgentChannel::IsGreeted()
+{
+    if (!helloSeen)
+        Refuse("the host didn't say hello first");
+    return helloSeen;
+}
+
 uint32_t AgentChannel::DataObjectOptions() const
 {
     switch (options.sideChannel) {
@@ -114,6 +122,8 @@ void AgentChannel::AnnounceObjects()
 
 void AgentChannel::OnObjectState(const transport::ObjectState &state)
 {
+    if (!IsGreeted())
+        return;
     const bool connected = state.state == OBJECT_CONNECTED || state.state == OBJECT_SIDE_CHANNEL_CONNECTED;
     bool sideFailed = false;
     {
@@ -145,6 +155,8 @@ void AgentChannel::UpdateReadiness()
 
 void AgentChannel::OnMessage(const transport::Message &message)
 {
+    if (!IsGreeted())
+        return;
     if (message.object == kDataObject && message.parameterCount == 1 && message.parameters[0].isBlock) {
         const platform::ByteView block = message.parameters[0].block;
         receiver->OnPacket({reinterpret_cast<const uint8_t *>(block.data()), block.size()});
@@ -155,6 +167,8 @@ void AgentChannel::OnMessage(const transport::Message &message)
 
 void AgentChannel::OnSideRequest(const transport::SideRequest &request)
 {
+    if (!IsGreeted())
+        return;
     std::string error;
     transport::SideOffer offer;
     if (request.object != kDataObject || request.type != SIDE_CHANNEL_TCP)
@@ -193,6 +207,8 @@ void AgentChannel::SideEnd::OnClosed(const std::string &reason)
 
 void AgentChannel::OnGoodbye(const transport::Goodbye &goodbye)
 {
+    if (!IsGreeted())
+        return;
     goodbyeSeen = true;
     receiver->OnGoodbyeAsked(std::string(goodbye.reason));
 }

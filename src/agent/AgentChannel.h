@@ -64,6 +64,7 @@ private:
     void OnSideRequest(const transport::SideRequest &request) override;
     void OnGoodbye(const transport::Goodbye &goodbye) override;
     void OnClosed(const std::string &reason) override;
+    bool IsGreeted(); // else the connection ends
     void AnnounceObjects();
     uint32_t DataObjectOptions() const;
     void UpdateReadiness();

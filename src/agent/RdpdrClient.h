@@ -42,7 +42,8 @@ public:
     virtual void OnDeviceRemoved(uint32_t deviceId) = 0;
     // The host wants the agent to finish; requests are still served.
     virtual void OnGoodbye(const std::string &reason) = 0;
-    // A share of an earlier connection is there again, with its number.
+    // A share of an earlier connection is there again, with its number. Not told of one that hasn't been
+    // accepted yet.
     virtual void OnDeviceBack(const RemoteDevice &) {}
     // The connection is lost, and Reconnect may give another. What can wait does.
     virtual void OnLost(ChannelEnd /*end*/, const std::string & /*reason*/) {}
@@ -71,7 +72,7 @@ public:
     void Reconnect(std::unique_ptr<platform::ByteStream> stream);
     // Removes the shares that the present connection hasn't announced: all, or those of the name.
     void DropMissingShares(std::string_view name = {});
-    // Tells the host that the share can be used, after OnDeviceAdded. Once a connection.
+    // The share can be used, after OnDeviceAdded. The host is told, once a connection.
     void Accept(uint32_t deviceId);
 
     // Sends one request and its payload, both borrowed for the call; the CompletionId is filled in here.
@@ -81,7 +82,7 @@ public:
     // How a file is to be opened again; without, its handle ends with the connection.
     void Remember(uint32_t fileId, std::shared_ptr<IReopen> reopen);
     std::shared_ptr<IReopen> WayTo(uint32_t fileId) { return requests.WayTo(fileId); }
-    uint32_t WireIdOf(uint32_t fileId) { return requests.WireIdOf(fileId); }
+    uint32_t WireIdOf(uint32_t fileId, uint32_t *onlyOn) { return requests.WireIdOf(fileId, onlyOn); }
     bool KeepsRequests() const { return options.outlivesConnections; }
 
     bool ListsSeveral() const { return options.multiEntryDirectoryQuery; }
@@ -109,6 +110,7 @@ private:
         uint32_t wireId = 0;
         bool bound = false;    // announced by this connection
         bool accepted = false; // on this connection
+        bool usable = false;   // accepted on any
     };
     KnownShare *FindShare(const RemoteDevice &announced, bool *back) REQUIRES(lock);
     uint32_t FreeShareId(uint32_t wished) const REQUIRES(lock);

@@ -47,25 +47,25 @@ uint32_t RdpdrClient::FreeShareId(uint32_t wished) const
 void RdpdrClient::AddDevice(RemoteDevice device)
 {
     const uint32_t wireId = device.id;
-    bool back = false;
+    bool back = false, usable = false;
     {
         const transport::MutexLock held(lock);
         KnownShare *known = FindShare(device, &back);
         device.id = known ? known->device.id : FreeShareId(wireId);
         if (!known)
             known = &shares.emplace_back();
-        *known = {.device = device, .wireId = wireId, .bound = true};
+        usable = back && known->usable;
+        *known = {.device = device, .wireId = wireId, .bound = true, .usable = usable};
     }
     // A share that came back under its number had lost its files.
     if (!back)
         requests.RemoveShare(device.id);
     RequestTable::Released released = requests.Bind(device.id, wireId);
     LOG_INFO("New device announced: %s, ID = %u.\n", device.name.c_str(), wireId);
-    bool usable = true;
-    if (back)
-        observer->OnDeviceBack(device);
-    else
+    if (!back)
         usable = observer->OnDeviceAdded(device);
+    else if (usable)
+        observer->OnDeviceBack(device);
     if (usable)
         Accept(device.id);
     SendReleased(std::move(released));
@@ -77,10 +77,13 @@ void RdpdrClient::Accept(uint32_t deviceId)
     {
         const transport::MutexLock held(lock);
         const auto known = std::find_if(shares.begin(), shares.end(), [deviceId](const KnownShare &share) {
-            return share.bound && !share.accepted && share.device.id == deviceId;
+            return share.device.id == deviceId;
         });
         if (known == shares.end())
-            return; // of an earlier connection, or removed
+            return; // removed
+        known->usable = true;
+        if (!known->bound || known->accepted)
+            return;
         known->accepted = true;
         wireId = known->wireId;
     }

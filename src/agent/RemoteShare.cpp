@@ -165,7 +165,9 @@ void RemoteShare::DeleteAtOnce(uint32_t fileId, IoHandler handler)
 void RemoteShare::RenameInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, bool replace,
                              IoHandler handler)
 {
-    const uint32_t wireId = numbers == FileNumbers::Lasting ? client.WireIdOf(directoryId) : directoryId;
+    RequestTable::Expected expected = {.answer = AnswerKind::Status};
+    const uint32_t wireId =
+        numbers == FileNumbers::Lasting ? client.WireIdOf(directoryId, &expected.onlyOn) : directoryId;
     if (wireId == 0)
         return handler(IoResult{.status = STATUS_FILE_INVALID});
     constexpr size_t kName = offsetof(nt::FILE_RENAME_INFORMATION_EX, FileName);
@@ -178,7 +180,9 @@ void RemoteShare::RenameInto(uint32_t fileId, uint32_t directoryId, std::u16stri
                           static_cast<uint32_t>(2 * name.size()));
     for (size_t i = 0; i < name.size(); ++i)
         StoreLittle(&record[kName + 2 * i], static_cast<uint16_t>(name[i]));
-    SetInformation(fileId, nt::FileRenameInformationEx, record, std::move(handler));
+    const DR_DRIVE_SET_INFORMATION_REQ body = {.FsInformationClass = nt::FileRenameInformationEx,
+                                               .Length = Size32(record)};
+    Send(IRP_MJ_SET_INFORMATION, 0, fileId, body, record, expected, std::move(handler));
 }
 
 void RemoteShare::QueryDirectory(uint32_t fileId, uint32_t informationClass, bool restart,

@@ -7,8 +7,8 @@
 // Any thread. The lock is held for a few instructions; handlers and the orphan hook run outside it.
 #pragma once
 
-#include "agent/HandleTable.h"
 #include "agent/IoResult.h"
+#include "agent/LastingHandles.h"
 #include "transport/Mutex.h"
 
 #include <memory>
@@ -34,6 +34,7 @@ public:
         bool timed = true; // false: may wait forever, as a change notification does
         AfterLoss afterLoss = AfterLoss::Fails;
         bool ofConnection = false; // its FileId is the wire's, and of no use behind this connection
+        uint32_t onlyOn = 0;       // the connection whose numbers its payload has; 0: any
     };
     // Told of a file whose create was answered after the request had been given up: it has to be closed. The
     // file's id is the wire's.
@@ -95,7 +96,8 @@ public:
     // ---- Files that are opened again ----
 
     // The number on the present wire of a file that another request names in its payload; 0: there is none.
-    uint32_t WireIdOf(uint32_t fileId);
+    // Expected::onlyOn of that request is filled in.
+    uint32_t WireIdOf(uint32_t fileId, uint32_t *onlyOn);
     void Remember(uint32_t fileId, std::shared_ptr<IReopen> reopen);
     // What it was given by Remember; null: nothing.
     std::shared_ptr<IReopen> WayTo(uint32_t fileId);
@@ -174,7 +176,7 @@ private:
     uint32_t connection GUARDED_BY(lock) = 1;
     uint64_t lastOrder GUARDED_BY(lock) = 0;
     std::vector<Share> shares GUARDED_BY(lock);
-    HandleTable files GUARDED_BY(lock);
+    LastingHandles files GUARDED_BY(lock);
 };
 
 } // namespace fodr::agent

@@ -32,6 +32,8 @@ RequestTable::Found RequestTable::FindWay(const Expected &expected, DR_DEVICE_IO
     const bool closes = request->MajorFunction == IRP_MJ_CLOSE;
     const Share *share = FindShare(expected.deviceId);
     const bool reachable = channel && share && share->bound;
+    if (expected.onlyOn != 0 && expected.onlyOn != connection)
+        return {Way::Ends, STATUS_FILE_INVALID};
     if (expected.ofConnection) {
         if (!reachable)
             return {Way::Ends, STATUS_CONNECTION_DISCONNECTED};
@@ -68,7 +70,8 @@ RequestTable::Found RequestTable::FateAtLoss(const Slot &slot)
 {
     if (slot.expected.afterLoss == AfterLoss::IsOver)
         return {Way::Ends, nt::STATUS_SUCCESS};
-    if (slot.expected.ofConnection || (slot.sent && slot.expected.afterLoss == AfterLoss::Fails))
+    if (slot.expected.ofConnection || slot.expected.onlyOn != 0 ||
+        (slot.sent && slot.expected.afterLoss == AfterLoss::Fails))
         return {Way::Ends, STATUS_CONNECTION_DISCONNECTED};
     if (slot.request.MajorFunction == IRP_MJ_CREATE)
         return {Way::Waits};
@@ -82,6 +85,8 @@ void RequestTable::Connect(std::shared_ptr<AgentChannel> newChannel)
 {
     const transport::MutexLock guard(lock);
     channel = std::move(newChannel);
+    for (Share &share : shares)
+        share.bound = false; // also one that was announced while the last connection went
 }
 
 void RequestTable::Disconnect()
@@ -176,11 +181,12 @@ void RequestTable::RemoveShare(uint32_t shareId)
     FailDevice(shareId, nt::STATUS_DEVICE_REMOVED);
 }
 
-uint32_t RequestTable::WireIdOf(uint32_t fileId)
+uint32_t RequestTable::WireIdOf(uint32_t fileId, uint32_t *onlyOn)
 {
     if (!keeps)
         return fileId;
     const transport::MutexLock guard(lock);
+    *onlyOn = connection;
     const RemoteHandle *file = files.Find(fileId);
     return file && !file->gone && file->connection == connection ? file->wireId : 0;
 }
@@ -214,14 +220,17 @@ RequestTable::Released RequestTable::EndReopening(const Reopening &reopening, nt
 {
     *taken = false;
     const transport::MutexLock guard(lock);
-    RemoteHandle *file = files.Find(reopening.fileId);
-    if (!file || reopening.connection != connection)
+    if (reopening.connection != connection)
         return {};
-    file->reopening = false;
     const auto isMeant = [&](const Slot &slot) {
         return slot.request.FileId == reopening.fileId && slot.request.MajorFunction != IRP_MJ_CREATE &&
                !slot.expected.ofConnection;
     };
+    RemoteHandle *file = files.Find(reopening.fileId);
+    if (!file)
+        return Release(isMeant); // closed meanwhile: what still waits ends
+    if (!std::exchange(file->reopening, false))
+        return {}; // two were under way
     if (nt::IsError(status)) {
         // Only another file, or none, is for good.
         file->gone = file->gone || status == STATUS_FILE_INVALID;

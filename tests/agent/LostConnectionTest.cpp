@@ -96,6 +96,20 @@ TEST_F(LostConnection, AFileIsOpenedAgainOnceForAllThatWaits)
     EXPECT_EQ(next.get().status, nt::STATUS_SUCCESS);
 }
 
+TEST_F(LostConnection, AFileThatIsClosedMeanwhileIsNotWaitedFor)
+{
+    StartOutliving();
+    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    Lose();
+    auto read = StartCall(*share, &RemoteShare::Read, fileId, 0u, 5u);
+    ComeBack(kNewDevice);
+    const Request query = ReopenUpToIdentity();
+    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Close, fileId).status, nt::STATUS_SUCCESS);
+    plugin->CompleteData(query, NumberOf(kIdentity));
+    EXPECT_EQ(read.get().status, STATUS_FILE_INVALID);
+    TakeOf(IRP_MJ_CLOSE, kNewDevice, kFileAgain);
+}
+
 TEST_F(LostConnection, AnotherFileIsRefused)
 {
     enum class Case { OtherId, Gone, NoPlace, TooSmall, LargeEnough };
@@ -189,6 +203,29 @@ TEST_F(LostConnection, OnlyWhatDoesNoHarmIsRepeated)
     EXPECT_EQ(rows[7].call.get().status, nt::STATUS_ACCESS_DENIED);
     EXPECT_EQ(rows[8].call.get().status, nt::STATUS_ACCESS_DENIED); // for this once
     EXPECT_EQ(later.get().status, nt::STATUS_ACCESS_DENIED);
+}
+
+// The directory's number is in what waits, and another directory has it on the next connection.
+TEST_F(LostConnection, ARenameIntoADirectoryIsOfItsConnection)
+{
+    StartOutliving();
+    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    Lose();
+    ComeBack(kNewDevice);
+    const uint32_t directory = OpenFile(std::make_shared<KnownFile>());
+    auto rename = StartCall(*share, &RemoteShare::RenameInto, fileId, directory, u"name", true);
+    ReopenUpToIdentity(); // the file is opened again meanwhile
+    Lose();
+    EXPECT_EQ(rename.get().status, STATUS_CONNECTION_DISCONNECTED);
+    // Over one connection it is done.
+    ComeBack(kNewDevice);
+    const uint32_t now = OpenFile(std::make_shared<KnownFile>());
+    rename = StartCall(*share, &RemoteShare::RenameInto, fileId, now, u"name", true);
+    plugin->CompleteData(ReopenUpToIdentity(), NumberOf(kIdentity));
+    const Request sent = TakeOf(IRP_MJ_SET_INFORMATION, kNewDevice, kFileAgain);
+    EXPECT_EQ(LoadLittle<uint32_t>(&sent.Payload()[8]), kFile);
+    plugin->Complete(sent, nt::STATUS_SUCCESS);
+    EXPECT_EQ(rename.get().status, nt::STATUS_SUCCESS);
 }
 
 TEST_F(LostConnection, WaitingEndsWithItsTime)
@@ -385,6 +422,28 @@ TEST_F(LostConnection, ASecondLossBeginsAnew)
     plugin->CompleteData(ReopenUpToIdentity(), NumberOf(kIdentity));
     plugin->CompleteData(TakeOf(IRP_MJ_READ, kNewDevice, kFileAgain), {7});
     EXPECT_EQ(read.get().data, Bytes{7});
+}
+
+TEST_F(LostConnection, AShareIsBackOnceItCanBeUsed)
+{
+    acceptsShares = false;
+    StartOutlivingWithoutShare();
+    plugin->SendAnnounce(kDevice, "docs");
+    share = std::make_shared<RemoteShare>(*client, devices.Take());
+    auto asked = StartCall(*share, &RemoteShare::Create, kOpen, u"\\");
+    plugin->TakeRequest();
+    Lose();
+    Reconnect();
+    plugin->SendAnnounce(kNewDevice, "docs");
+    plugin->Complete(TakeOf(IRP_MJ_CREATE, kNewDevice, 0),
+                     nt::STATUS_ACCESS_DENIED); // and no reply before it
+    EXPECT_EQ(asked.get().status, nt::STATUS_ACCESS_DENIED);
+    EXPECT_TRUE(back.IsEmpty());
+    client->Accept(share->Device().id);
+    EXPECT_EQ(plugin->Take(), PacketOf(DR_CORE_DEVICE_ANNOUNCE_RSP{.DeviceId = kNewDevice}));
+    Lose();
+    ComeBack(kDevice);
+    EXPECT_EQ(back.Take().id, share->Device().id);
 }
 
 TEST_F(LostConnection, AShareThatStaysAwayIsRemoved)

@@ -5,6 +5,7 @@
 #include "platform/Nt.h"
 #include "platform/NtRecords.h"
 
+#include <functional>
 #include <sstream>
 
 namespace fodr::agent {
@@ -100,6 +101,27 @@ TEST_F(Handshake, RefusesWithOneReason)
         while (!heard.starts_with("goodbye"))
             heard = plugin->heard.Take();
         EXPECT_EQ(heard, "goodbye " + row.reason);
+        client.reset();
+        plugin.reset();
+    }
+}
+
+// Who hasn't shown the token isn't listened to.
+TEST_F(Handshake, BeginsWithHello)
+{
+    const std::function<void()> firsts[] = {
+        [&] { plugin->ConnectObjects(); },
+        [&] { plugin->Send(PacketOf(DR_CORE_DEVICELIST_ANNOUNCE_REQ{})); },
+        [&] { plugin->SayGoodbye(); },
+    };
+    for (const auto &first : firsts) {
+        ClientOptions options;
+        options.expectedToken = "right";
+        Start(options);
+        first();
+        const auto [end, reason] = ends.Take();
+        EXPECT_EQ(end, ChannelEnd::Refused);
+        EXPECT_EQ(reason, "the host didn't say hello first");
         client.reset();
         plugin.reset();
     }

@@ -65,7 +65,7 @@ public:
         for (int i = 0; i < 4; ++i) // capability, version, policy, logged on
             Take();
     }
-    void Announce(uint32_t deviceId, const std::string &name)
+    void SendAnnounce(uint32_t deviceId, const std::string &name)
     {
         Bytes packet = PacketOf(DR_CORE_DEVICELIST_ANNOUNCE_REQ{});
         const DEVICE_ANNOUNCE device = {.DeviceId = deviceId,
@@ -74,6 +74,10 @@ public:
         StoreRecord(device, &packet[kWireEnd<DR_CORE_DEVICELIST_ANNOUNCE_REQ>]);
         packet.insert(packet.end(), name.c_str(), name.c_str() + name.size() + 1);
         Send(packet);
+    }
+    void Announce(uint32_t deviceId, const std::string &name)
+    {
+        SendAnnounce(deviceId, name);
         Take(); // the reply
     }
 
@@ -101,6 +105,7 @@ public:
     {
         CompleteNumber(request, static_cast<uint32_t>(data.size()), data);
     }
+    void SayGoodbye() { connection.Send(transport::Goodbye{.reason = "that's it"}); }
     void Close() { connection.Close("closed by the test"); }
 
     Mailbox<std::string> heard; // all other frames
@@ -140,8 +145,8 @@ protected:
         plugin->Announce(kDevice, "docs");
         share = std::make_shared<RemoteShare>(*client, devices.Take());
     }
-    // A client that outlives its connections, with its share.
-    void StartOutliving(unsigned ioTimeoutSeconds = 1000000)
+    // A client that outlives its connections.
+    void StartOutlivingWithoutShare(unsigned ioTimeoutSeconds = 1000000)
     {
         ClientOptions options;
         options.ioTimeoutSeconds = ioTimeoutSeconds;
@@ -149,6 +154,10 @@ protected:
         Start(options);
         client->OutliveConnections();
         plugin->BringUp();
+    }
+    void StartOutliving(unsigned ioTimeoutSeconds = 1000000)
+    {
+        StartOutlivingWithoutShare(ioTimeoutSeconds);
         plugin->Announce(kDevice, "docs");
         share = std::make_shared<RemoteShare>(*client, devices.Take());
     }
@@ -157,13 +166,17 @@ protected:
         plugin->Close();
         losses.Take();
     }
-    // The host is back, and its share under another number.
-    void ComeBack(uint32_t deviceId, const std::string &name = "docs")
+    void Reconnect()
     {
         auto [mine, theirs] = platform::MakeStreamPair();
         plugin = std::make_unique<ScriptedPlugin>(std::move(theirs));
         client->Reconnect(std::move(mine));
         plugin->BringUp();
+    }
+    // The host is back, and its share under another number.
+    void ComeBack(uint32_t deviceId, const std::string &name = "docs")
+    {
+        Reconnect();
         plugin->Announce(deviceId, name);
     }
     // Not in the destructor: the client's last calls come to an observer that is still whole.

@@ -37,6 +37,13 @@ FileSystem::Options FileSystemOptions(const AgentOptions &options)
             .owner = {getuid(), getgid()}};
 }
 
+AgentExit ExitAfter(ChannelEnd end)
+{
+    if (end == ChannelEnd::Goodbye)
+        return AGENT_ENDED;
+    return end == ChannelEnd::Refused ? AGENT_REFUSED : AGENT_LOST;
+}
+
 // Blocks the signals that end the agent and gives a descriptor to wait for them; -1 without.
 int CatchSignals(const AgentOptions &options)
 {
@@ -96,10 +103,7 @@ void AgentRun::OnReady()
 bool AgentRun::OnDeviceAdded(const RemoteDevice &device)
 {
     const auto share = std::make_shared<RemoteShare>(*client, device);
-    FileSystem::AskFeatures(share, [this, share] {
-        ShowShare(share);
-        client->Accept(share->Device().id);
-    });
+    FileSystem::AskFeatures(share, [this, share] { ShowShare(share); });
     return false;
 }
 
@@ -113,6 +117,8 @@ void AgentRun::ShowShare(const std::shared_ptr<RemoteShare> &share)
         client->DropMissingShares(single ? std::string_view{} : device.name);
         added = files.AddShare(share);
     }
+    // Before this connection is told: should it be lost by now, OnDeviceBack tells the next one.
+    client->Accept(device.id);
     if (added)
         return NoteShown(device);
     client->Channel()->SendNotice(transport::NoticeKind::Warning,
@@ -222,6 +228,12 @@ AgentRun::Event AgentRun::WaitFor(Until until, int timeoutMS)
     }
 }
 
+std::pair<ChannelEnd, std::string> AgentRun::HowItEnded()
+{
+    const transport::MutexLock held(lock);
+    return {channelEnd, endReason};
+}
+
 int AgentRun::Fail(AgentExit result, const std::string &sentence)
 {
     Say(sentence);
@@ -323,11 +335,9 @@ int AgentRun::EndedBeforeMount(Event event)
     default:
         break;
     }
-    const transport::MutexLock held(lock);
-    Say("the connection ended before anything was mounted: " + endReason);
-    if (channelEnd == ChannelEnd::Goodbye)
-        return AGENT_ENDED;
-    return channelEnd == ChannelEnd::Refused ? AGENT_REFUSED : AGENT_LOST;
+    const auto [end, reason] = HowItEnded();
+    Say("the connection ended before anything was mounted: " + reason);
+    return ExitAfter(end);
 }
 
 // Detached users lose what isn't on its way yet; what is, is waited for a little.
@@ -350,10 +360,9 @@ int AgentRun::TakeDown(Event event)
     int result = AGENT_ENDED;
     std::string remark;
     if (event == Event::Ended || event == Event::Lost) {
-        const transport::MutexLock held(lock);
-        Say("the connection ended: " + endReason);
-        if (channelEnd != ChannelEnd::Goodbye)
-            result = channelEnd == ChannelEnd::Refused ? AGENT_REFUSED : AGENT_LOST;
+        const auto [end, reason] = HowItEnded();
+        Say("the connection ended: " + reason);
+        result = ExitAfter(end);
     }
     if (event != Event::Unmounted && Unmount(options.mountPoint, &remark) != UnmountOutcome::Unmounted) {
         Say(remark);

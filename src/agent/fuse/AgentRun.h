@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace fodr::agent {
 
@@ -43,6 +44,7 @@ private:
     Event WaitFor(Until until, int timeoutMS);
     void ShowShare(const std::shared_ptr<RemoteShare> &share);
     void NoteShown(const RemoteDevice &device);
+    std::pair<ChannelEnd, std::string> HowItEnded();
     int RunConnected();
     Event Serve();
     int Fail(AgentExit result, const std::string &sentence);

@@ -40,12 +40,8 @@ bool AgentRun::PrepareToLinger()
 // Who waits for the connection hears of its end.
 void AgentRun::LeaveConnection()
 {
-    ChannelEnd end;
-    {
-        const transport::MutexLock held(lock);
-        end = channelEnd;
-        fprintf(stderr, "fodr: the connection ended: %s; the mount stays\n", endReason.c_str());
-    }
+    const auto [end, reason] = HowItEnded();
+    fprintf(stderr, "fodr: the connection ended: %s; the mount stays\n", reason.c_str());
     client->Channel()->Stop(); // closes its streams
     if (options.ownProcess)
         LetGoOfStandardStreams();

@@ -83,43 +83,49 @@ void SendText(const Fd &socket, const std::string &text)
         send(socket.Get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
-using ControlBytes = std::array<char, CMSG_SPACE(kStreams * sizeof(int))>;
+// A message with room for the streams, of bytes that are the caller's.
+struct StreamsMessage {
+    StreamsMessage(char *data, size_t size) : bytes{data, size}
+    {
+        header.msg_iov = &bytes;
+        header.msg_iovlen = 1;
+        header.msg_control = control.data();
+        header.msg_controllen = control.size();
+    }
+    StreamsMessage(const StreamsMessage &) = delete;
+    StreamsMessage &operator=(const StreamsMessage &) = delete;
+
+    iovec bytes;
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(kStreams * sizeof(int))> control{};
+    msghdr header{};
+};
 
 bool SendStreams(const Fd &socket, const std::array<int, kStreams> &streams, std::string settings)
 {
-    iovec bytes = {settings.data(), settings.size()};
-    alignas(cmsghdr) ControlBytes control{};
-    msghdr message{};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr *head = CMSG_FIRSTHDR(&message);
+    StreamsMessage message(settings.data(), settings.size());
+    cmsghdr *head = CMSG_FIRSTHDR(&message.header);
     head->cmsg_level = SOL_SOCKET;
     head->cmsg_type = SCM_RIGHTS;
     head->cmsg_len = CMSG_LEN(sizeof(streams));
     std::memcpy(CMSG_DATA(head), streams.data(), sizeof(streams));
-    return sendmsg(socket.Get(), &message, MSG_NOSIGNAL) == static_cast<ssize_t>(settings.size());
+    return sendmsg(socket.Get(), &message.header, MSG_NOSIGNAL) == static_cast<ssize_t>(settings.size());
 }
 
 // False when they aren't just those that were expected; all that came are closed then.
 bool ReceiveStreams(const Fd &socket, std::array<Fd, kStreams> *streams, std::string *settings)
 {
     settings->resize(kMostSettings);
-    iovec bytes = {settings->data(), settings->size()};
-    alignas(cmsghdr) ControlBytes control{};
-    msghdr message{};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
+    StreamsMessage message(settings->data(), settings->size());
     setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof(kPatience));
-    const ssize_t got = recvmsg(socket.Get(), &message, MSG_CMSG_CLOEXEC);
+    ssize_t got;
+    do
+        got = recvmsg(socket.Get(), &message.header, MSG_CMSG_CLOEXEC);
+    while (got < 0 && errno == EINTR);
     if (got <= 0)
         return false;
     settings->resize(static_cast<size_t>(got));
     size_t count = 0;
-    for (cmsghdr *head = CMSG_FIRSTHDR(&message); head; head = CMSG_NXTHDR(&message, head)) {
+    for (cmsghdr *head = CMSG_FIRSTHDR(&message.header); head; head = CMSG_NXTHDR(&message.header, head)) {
         if (head->cmsg_level != SOL_SOCKET || head->cmsg_type != SCM_RIGHTS)
             continue;
         for (size_t at = 0; head->cmsg_len >= CMSG_LEN((at + 1) * sizeof(int)); ++at) {
@@ -131,7 +137,7 @@ bool ReceiveStreams(const Fd &socket, std::array<Fd, kStreams> *streams, std::st
             ++count;
         }
     }
-    return count == kStreams && (message.msg_flags & (MSG_CTRUNC | MSG_TRUNC)) == 0;
+    return count == kStreams && (message.header.msg_flags & (MSG_CTRUNC | MSG_TRUNC)) == 0;
 }
 
 } // namespace

@@ -20,7 +20,7 @@ struct RemoteHandle {
     bool gone = false; // the file, or its share
 };
 
-class HandleTable {
+class LastingHandles {
 public:
     // Never 0. 0 when there is no room.
     uint32_t Add(RemoteHandle handle);

@@ -1,10 +1,10 @@
-#include "agent/HandleTable.h"
+#include "agent/LastingHandles.h"
 
 #include <utility>
 
 namespace fodr::agent {
 
-uint32_t HandleTable::Add(RemoteHandle handle)
+uint32_t LastingHandles::Add(RemoteHandle handle)
 {
     uint32_t index;
     if (!freeSlots.empty()) {
@@ -22,7 +22,7 @@ uint32_t HandleTable::Add(RemoteHandle handle)
     return slot.generation << kIndexBits | index;
 }
 
-RemoteHandle *HandleTable::Find(uint32_t id)
+RemoteHandle *LastingHandles::Find(uint32_t id)
 {
     const uint32_t index = id & ((1u << kIndexBits) - 1);
     if (index >= slots.size())
@@ -31,7 +31,7 @@ RemoteHandle *HandleTable::Find(uint32_t id)
     return slot.used && slot.generation == id >> kIndexBits ? &slot.handle : nullptr;
 }
 
-RemoteHandle HandleTable::Remove(uint32_t id)
+RemoteHandle LastingHandles::Remove(uint32_t id)
 {
     if (!Find(id))
         return {};
