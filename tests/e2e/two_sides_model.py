@@ -17,7 +17,9 @@ import traceback
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from share import Scratch, Share, forget_names  # noqa: E402
 
-BOUND = 0.5 * float(os.environ.get("FODR_TEST_PATIENCE", 1))  # seconds after an owner's change
+PATIENCE = float(os.environ.get("FODR_TEST_PATIENCE", 1))
+BOUND = 0.5 * PATIENCE  # seconds after an owner's change
+LOST_NAME = 0.5 * PATIENCE  # and so much more if no notice comes: the file is open by a name that it has lost
 
 # Where the mount may show what was before the owner's change. Everything else is at once.
 MAY_BE_BEHIND = {
@@ -188,6 +190,7 @@ class Model:
         self.used = collections.deque(maxlen=6)
         # When the owner last changed a name; one of a folder or link; one of a link; a file, by its number in `plain`; any.
         self.names, self.ways, self.links, self.files, self.changed = {}, {}, {}, {}, 0.0
+        self.linked = set()  # numbers of files that have had a second name
         self.log = collections.deque(maxlen=int(os.environ.get("FODR_TEST_LOG", 30)))
         self.counts = counts
 
@@ -252,6 +255,9 @@ class Model:
             fd = self.plain.fds[arguments[0]]
             files.add(os.fstat(fd).st_ino)
             base = os.readlink(f"/proc/self/fd/{fd}")
+            if base.endswith(" (deleted)"):  # perhaps with a folder that it was in
+                base = base.removesuffix(" (deleted)")
+                ends |= {base[:at] for at, letter in enumerate(base) if letter == "/"}
             paths = [f"{base}/{file}" for file in arguments[1:] if isinstance(file, str)]
         else:
             paths = [self.plain.at(path) for path in self.targets(name, arguments)]
@@ -270,12 +276,27 @@ class Model:
                         way.add(form)
         return way, ends, files
 
+    def on_plain(self, name, arguments):
+        """Does the call there. What is known of names below a folder goes with it."""
+        plain, old = self.plain, None
+        if name == "rename":
+            old, new = (f"{os.path.realpath(os.path.dirname(path))}/{os.path.basename(path)}"
+                        for path in map(plain.at, arguments))
+        elif name == "in_rename":
+            base = os.readlink(f"/proc/self/fd/{plain.fds[arguments[0]]}")
+            old, new = f"{base}/{arguments[1]}", f"{base}/{arguments[2]}"
+        result = plain.attempt(CALLS[name][3], *arguments)
+        if old and not failed(result):
+            for table in (self.names, self.ways, self.links):
+                table.update({new + key[len(old):]: since for key, since in table.items() if key.startswith(old + "/")})
+        return result
+
     def owner_calls(self, name, arguments):
         kind, call = CALLS[name][1], CALLS[name][3]
         if kind in ("change", "owner"):
             _, ends, files = self.keys(name, arguments)
             ways, links = set(filter(os.path.isdir, ends)), set(filter(os.path.islink, ends))
-        plain, real = self.plain.attempt(call, *arguments), self.shared.attempt(call, *arguments)
+        plain, real = self.on_plain(name, arguments), self.shared.attempt(call, *arguments)
         if kind in ("change", "owner"):
             _, more, others = self.keys(name, arguments)
             ends |= more
@@ -284,6 +305,9 @@ class Model:
             ways.update(links, filter(os.path.isdir, ends))
             for table, found in ((self.names, ends), (self.ways, ways), (self.links, links), (self.files, files | others)):
                 table.update(dict.fromkeys(found, self.changed))
+            self.files.update(dict.fromkeys((files | others) & self.linked, self.changed + LOST_NAME))
+            if name == "link":
+                self.linked |= others
         if real != plain:
             raise Difference(f"the shared folder says {said(real)}, the plain folder {said(plain)}")
         return plain
@@ -348,8 +372,12 @@ class Model:
         fd = self.plain.fds.get(arguments[0])
         removed = fd is not None and arguments[0][0] in "dp" and os.fstat(fd).st_nlink == 0
         asked = time.monotonic()
-        plain, real = self.plain.attempt(call, *arguments), self.mount.attempt(call, *arguments)
-        if real != plain and removed and real in REMOVED_FOLDER.get(str(plain), ()):
+        plain, real = self.on_plain(name, arguments), self.mount.attempt(call, *arguments)
+
+        def removed_folder():
+            return removed and real in REMOVED_FOLDER.get(str(plain), ())
+
+        if real != plain and removed_folder():
             self.counts["removed folder"][0] += 1
         elif real != plain:
             def again():
@@ -357,7 +385,7 @@ class Model:
                 if name in ("hold", "make") and not failed(real):
                     release(self.mount, arguments[1])
                 real = self.mount.attempt(call, *arguments)
-                return real == plain
+                return real == plain or removed_folder()
 
             why, since = self.may_be_behind(name, arguments, keys, real)
             what = f"the mount says {said(real)}, the plain folder {said(plain)}"

@@ -255,6 +255,7 @@ private:
 
     // FileSystemList.cpp
     Task<nt::NTSTATUS> BeginListing(OpenListingPtr open);
+    Task<bool> ListsAnother(const OpenListing &open);
     static bool IsKnown(const DirectoryListing &listing, const DirectoryListing::Entry &entry);
     bool IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry,
                        Node::Clock::time_point asked) const;

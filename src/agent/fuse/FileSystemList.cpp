@@ -39,7 +39,8 @@ Detached FileSystem::OpenDirectory(FuseCall::Ptr call, uint64_t nodeId)
             FailListing(call, status);
             co_return;
         }
-        if (table.IsMoved(open->node) && open->node->TurnAway(kTurnedAway)) {
+        const bool another = co_await ListsAnother(*open);
+        if (another || (table.IsMoved(open->node) && open->node->TurnAway(kTurnedAway))) {
             call->Fail(ESTALE);
             co_return;
         }
@@ -47,6 +48,22 @@ Detached FileSystem::OpenDirectory(FuseCall::Ptr call, uint64_t nodeId)
     const uint64_t handle = openListings.Keep(std::move(open));
     if (!call->Opened(handle))
         openListings.Drop(handle);
+}
+
+// Where no notice would have told, the folder may have lost its name to the one that was opened.
+Task<bool> FileSystem::ListsAnother(const OpenListing &open)
+{
+    const uint64_t known = table.FileIdOf(open.node);
+    NodePtr parent;
+    std::string name;
+    if (known == 0 || !table.ParentAndNameOf(open.node, &parent, &name) || IsConfirmed(parent, open.node))
+        co_return false;
+    FileFacts facts;
+    const nt::NTSTATUS status = co_await QueryFacts(open.listing->Share(), open.listing->FileId(), &facts);
+    if (nt::IsError(status) || facts.id == known)
+        co_return false;
+    LoseName(parent, name, open.node);
+    co_return true;
 }
 
 Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
@@ -63,11 +80,11 @@ Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
     // A removal of the folder waits until it is known whether there is a handle.
     open->node->opens.BeginClose();
     IoResult opened = co_await CreateFile(*place.share, create, place.path);
-    if (SaysAbsent(opened.status)) {
+    if (SaysNoSuchFolder(opened.status)) {
         const Standing standing = co_await Confirm(open->node, Believing::Nothing);
         if (standing == Standing::Here && table.PlaceOf(open->node, &place))
             opened = co_await CreateFile(*place.share, create, place.path);
-        if (SaysAbsent(opened.status))
+        if (SaysNoSuchFolder(opened.status))
             opened.status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
     }
     if (opened.Failed()) {

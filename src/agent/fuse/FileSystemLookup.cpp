@@ -115,7 +115,7 @@ Task<FileSystem::Found> FileSystem::FindByHandle(NodePtr parent, std::string nam
     }
     if (!directory) {
         *decided = found.status != nt::STATUS_ACCESS_DENIED && found.status != nt::STATUS_SHARING_VIOLATION;
-        if (SaysAbsent(found.status)) // the folder is
+        if (SaysNoSuchFolder(found.status))
             found.status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
         co_return found;
     }

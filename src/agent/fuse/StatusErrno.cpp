@@ -100,6 +100,11 @@ bool SaysAbsent(nt::NTSTATUS status)
            status == nt::STATUS_OBJECT_NAME_INVALID;
 }
 
+bool SaysNoSuchFolder(nt::NTSTATUS status)
+{
+    return SaysAbsent(status) || status == nt::STATUS_NOT_A_DIRECTORY;
+}
+
 bool SaysStaleHandle(nt::NTSTATUS status)
 {
     return status == nt::STATUS_INVALID_HANDLE || status == STATUS_FILE_INVALID;

@@ -10,6 +10,8 @@ int ErrnoOfStatus(nt::NTSTATUS status);
 
 // Whether it says that nothing has the name.
 bool SaysAbsent(nt::NTSTATUS status);
+// Of what a folder was asked for: it is absent, or its name is that of a file by now.
+bool SaysNoSuchFolder(nt::NTSTATUS status);
 // The handle is of no use any more, as after a lost connection; nothing was done with it. Another one may be.
 bool SaysStaleHandle(nt::NTSTATUS status);
 
