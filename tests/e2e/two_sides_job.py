@@ -265,6 +265,19 @@ class Identity(TwoSides):
             self.assertEqual((self.mount / "e").read_bytes(), b"through one name")
             soon(lambda: os.stat(self.mount / "e").st_nlink == 1, "the number of names")
 
+    def test_a_name_that_leads_to_another_file_is_not_opened_by_the_other_name(self):
+        (self.local / "a").write_bytes(b"of two names")
+        os.link(self.local / "a", self.local / "b")
+        with self.share():
+            for count in range(20):
+                self.assertEqual([os.stat(self.mount / name).st_nlink for name in ("ab", "ba")[count % 2]], [2, 2])
+                replace(self.local / "a", b"new %d" % count)
+                self.assertEqual((self.mount / "a").read_bytes(), b"new %d" % count)
+                os.unlink(self.local / "b")
+                os.link(self.local / "a", self.local / "b")
+                self.assertEqual((self.mount / "b").read_bytes(), b"new %d" % count)
+                soon(lambda: os.stat(self.mount / "a").st_nlink == 2, "the number of names")
+
     def test_names_that_differ_in_case_are_two(self):
         (self.other / "xt_MARK.h").write_bytes(b"target")
         (self.other / "xt_mark.h").write_bytes(b"match")

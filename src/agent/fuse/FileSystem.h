@@ -213,6 +213,7 @@ private:
         OpenFilePtr file;
         FileFacts facts;
     };
+    Task<bool> LosesName(NodePtr node);
     Task<Opening> OpenFileOf(NodePtr node, Place place, int flags, uint32_t access);
     OpenFilePtr Lend(const OpenFilePtr &lender);
     Task<nt::NTSTATUS> Truncate(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId);

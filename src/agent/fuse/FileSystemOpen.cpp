@@ -178,6 +178,21 @@ OpenFilePtr FileSystem::Lend(const OpenFilePtr &lender)
     return file;
 }
 
+// The kernel says which file it opens, not by which name. A name that leads to another file by now is lost.
+Task<bool> FileSystem::LosesName(NodePtr node)
+{
+    bool loses = false;
+    for (const Node::Name &name : table.OtherNamesOf(node)) {
+        const Found found = co_await FindPassing(name.parent, name.text, Freshness::Asked);
+        const bool another = !nt::IsError(found.status) && found.facts.id != table.FileIdOf(node);
+        if (another || SaysAbsent(found.status)) {
+            LoseName(name.parent, name.text, node);
+            loses = true;
+        }
+    }
+    co_return loses;
+}
+
 // The open counts only once it is known what was opened.
 Task<FileSystem::Opening> FileSystem::OpenFileOf(NodePtr node, Place place, int flags, uint32_t access)
 {
@@ -289,6 +304,10 @@ Detached FileSystem::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
     const uint32_t access = AccessOf(flags, *place.share) | (truncates ? nt::FILE_WRITE_DATA : 0);
     Opening opening;
     if (place.share->HasIds()) {
+        if (co_await LosesName(node)) {
+            call->Fail(ESTALE);
+            co_return;
+        }
         opening = co_await OpenFileOf(node, place, flags, access);
     } else {
         const RemoteShare::CreateCall open = {.desiredAccess = access,

@@ -312,6 +312,14 @@ bool NodeTable::ParentAndNameOf(const NodePtr &node, NodePtr *parent, std::strin
     return true;
 }
 
+std::vector<Node::Name> NodeTable::OtherNamesOf(const NodePtr &node) const
+{
+    const MutexLock held(lock);
+    if (node->names.size() < 2)
+        return {};
+    return {node->names.begin(), node->names.end() - 1};
+}
+
 bool NodeTable::FormerPlaceOf(const NodePtr &node, NodePtr *parent, std::string *name) const
 {
     const MutexLock held(lock);

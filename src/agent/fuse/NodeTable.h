@@ -54,6 +54,8 @@ public:
     [[nodiscard]] bool PlaceIn(const NodePtr &parent, std::string_view name, Place *place) const;
     // The folder that a node was last seen in, and its name there. False when it has no name.
     [[nodiscard]] bool ParentAndNameOf(const NodePtr &node, NodePtr *parent, std::string *name) const;
+    // Its names but the one that was seen last.
+    std::vector<Node::Name> OtherNamesOf(const NodePtr &node) const;
     // Where a node without a name was last.
     [[nodiscard]] bool FormerPlaceOf(const NodePtr &node, NodePtr *parent, std::string *name) const;
     // A folder that the other side has moved somewhere that isn't known by name: `path` is in its share.
