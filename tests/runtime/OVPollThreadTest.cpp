@@ -2,8 +2,8 @@
 
 #include "runtime/CapturedLog.h"
 #include "runtime/FreeElsewhere.h"
+#include "runtime/PollItems.h"
 
-#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <thread>
@@ -11,20 +11,11 @@
 namespace fodr {
 namespace {
 
+using Item = test::FunctionItem;
 using test::IsFreeElsewhere;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::MatchesRegex;
-
-class Item : public OVPollItem {
-public:
-    using Body = std::function<bool(bool)>;
-    Item(const std::string &itemName, Body itemBody) : OVPollItem(itemName), body(std::move(itemBody)) {}
-    bool Run(bool timedOut) override { return body(timedOut); }
-
-private:
-    const Body body;
-};
 
 class PollThread : public testing::Test {
 protected:
@@ -33,18 +24,6 @@ protected:
         RCPtr<Item> item(new Item(name, std::move(body)));
         EXPECT_TRUE(poll->AddItem(item, event, timeoutMS));
         return item;
-    }
-    // What was ready to run before this call has run: the earlier in line is first.
-    void Settle()
-    {
-        poll->WaitForItemToComplete(nullptr); // it has its place in the line then
-        OVEvent ready(true, true), ran(true, false);
-        RCPtr<Item> last = Add("last", &ready, -1, [&](bool) {
-            ran.Set();
-            return false;
-        });
-        ran.Wait();
-        last->Remove(true);
     }
     // Runs items "a", "b", ... with these events and timeouts; who ran, in the order, and why ('e' or 't').
     std::string OrderOfRuns(size_t runs, const std::vector<std::pair<OVEvent *, int32_t>> &items)
@@ -99,14 +78,14 @@ TEST_F(PollThread, DisablingIsCountedAndAPausedItemWaits)
     item->Disable(true);
     fired.Set();
     EXPECT_FALSE(item->Enable());
-    Settle();
+    test::Settle(poll);
     EXPECT_EQ(runs, 0);
     EXPECT_TRUE(item->Enable()); // what fired meanwhile isn't lost
     ran.Wait();
 
     item->Pause();
     fired.Set();
-    Settle();
+    test::Settle(poll);
     EXPECT_EQ(runs, 1);
     EXPECT_EQ(fired.Wait(0), OVEvent::kTimeout); // its event was taken all the same
     item->Resume();

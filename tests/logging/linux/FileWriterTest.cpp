@@ -108,6 +108,19 @@ TEST_F(LogFiles, TakeTheirSettings)
     EXPECT_FALSE(writer->SetValue("maxDaysKept", ""));
     EXPECT_EQ("4294967295", writer->Get("maxDaysKept"));
 
+    const std::pair<int32_t, const char *> limits[] = {
+        {LOG_LEVEL_ALWAYS, "15"}, {LOG_LEVEL_INFO, "15"},    {LOG_LEVEL_DEBUG, "50"},
+        {LOG_LEVEL_TRACE, "75"},  {LOG_LEVEL_VERBOSE, "99"}, {LOG_LEVEL_NEVER, "15"},
+    };
+    RCPtr<Logger> logger = new Logger("limits", "limits");
+    RCPtr<DirectFileWriter> ofLogger = new DirectFileWriter(folder);
+    ASSERT_TRUE(logger->AddWriter(ofLogger));
+    for (const auto &[level, limit] : limits) {
+        logger->SetLevel(level);
+        EXPECT_EQ(limit, ofLogger->Get("maxFileSizeMB"));
+    }
+    logger->Stop();
+
     writer->SetValue("folderPath", folder);
     ASSERT_TRUE(writer->Init());
     EXPECT_FALSE(writer->SetValue("folderPath", "/elsewhere"));
@@ -115,28 +128,15 @@ TEST_F(LogFiles, TakeTheirSettings)
     EXPECT_EQ(folder, writer->Get("folderPath"));
 }
 
-TEST_F(LogFiles, MayGrowWithTheLevelUnlessToldOtherwise)
-{
-    const std::pair<int32_t, const char *> limits[] = {
-        {LOG_LEVEL_ALWAYS, "15"}, {LOG_LEVEL_INFO, "15"},    {LOG_LEVEL_DEBUG, "50"},
-        {LOG_LEVEL_TRACE, "75"},  {LOG_LEVEL_VERBOSE, "99"}, {LOG_LEVEL_NEVER, "15"},
-    };
-    RCPtr<Logger> logger = new Logger("limits", "limits");
-    ASSERT_TRUE(logger->AddWriter(writer));
-    for (const auto &[level, limit] : limits) {
-        logger->SetLevel(level);
-        EXPECT_EQ(limit, writer->Get("maxFileSizeMB"));
-    }
-    logger->Stop();
-}
-
 TEST_F(LogFiles, RollAtTheVeryLimitAndKeepTheFirst)
 {
+    writer->SetValue("maxDaysKept", "1");
     writer->SetValue("maxFileSizeMB", "1");
     ASSERT_TRUE(writer->Init());
     writer->Put(kMegabyte.substr(1));
     EXPECT_EQ((std::set<int>{1}), Numbers());
-    writer->Put(""); // a newline
+    EXPECT_TRUE(writer->DeletionItem()->GetPollThread()); // which looks for old ones from the first file on
+    writer->Put("");                                      // a newline
     EXPECT_EQ((std::set<int>{1, 2}), Numbers());
     EXPECT_EQ("", writer->Content());
     for (int number = 3; number <= 7; ++number)
@@ -149,6 +149,9 @@ TEST_F(LogFiles, RollAtTheVeryLimitAndKeepTheFirst)
     writer->SetValue("maxFileSizeMB", "0");
     writer->Put(kMegabyte + kMegabyte);
     EXPECT_EQ((std::set<int>{1, 4, 5, 7, 8}), Numbers());
+    EXPECT_TRUE(writer->DeletionItem()->GetPollThread());
+    writer->Close();
+    EXPECT_FALSE(writer->DeletionItem()->GetPollThread());
 }
 
 TEST_F(LogFiles, OfAFormerSessionAreAppendedToUnderABanner)
@@ -166,16 +169,7 @@ TEST_F(LogFiles, OfAFormerSessionAreAppendedToUnderABanner)
               writer->Content());
 }
 
-TEST_F(LogFiles, ThatCantBeOpenedLeaveTheWriterClosed)
-{
-    std::ofstream(folder + "/a file");
-    for (const char *name : {"/missing", "/a file"}) {
-        writer->SetValue("folderPath", folder + name);
-        EXPECT_FALSE(writer->Init() || writer->IsOpen() || writer->Write("lost")) << name;
-    }
-}
-
-TEST_F(LogFiles, AreNotTriedAgainOnceTheFolderIsGone)
+TEST_F(LogFiles, ThatCantBeOpenedAreNotTriedAgain)
 {
     writer->SetValue("maxFileSizeMB", "1");
     ASSERT_TRUE(writer->Init());
@@ -190,6 +184,12 @@ TEST_F(LogFiles, AreNotTriedAgainOnceTheFolderIsGone)
     writer->Close();
     ASSERT_TRUE(writer->Init()); // now it is
     EXPECT_TRUE(writer->Write("kept"));
+    writer->Close();
+    std::ofstream(folder + "/a file");
+    for (const char *name : {"/missing", "/a file"}) {
+        writer->SetValue("folderPath", folder + name);
+        EXPECT_FALSE(writer->Init() || writer->IsOpen() || writer->Write("lost")) << name;
+    }
 }
 
 // ---- Old files ----
@@ -244,18 +244,6 @@ TEST_F(LogFiles, AreDeletedTwentyAtATime)
     writer->SetValue("maxDaysKept", "21350399"); // no file is that old, and 64 bits of its time overflow
     writer->DeletionItem()->Run(true);
     EXPECT_EQ(1, left());
-}
-
-TEST_F(LogFiles, AreDeletedByThePollThreadFromTheFirstFileToTheClosing)
-{
-    writer->SetValue("maxDaysKept", "1");
-    writer->SetValue("maxFileSizeMB", "1");
-    ASSERT_TRUE(writer->Init());
-    EXPECT_TRUE(writer->DeletionItem()->GetPollThread());
-    writer->Put(kMegabyte);
-    EXPECT_TRUE(writer->DeletionItem()->GetPollThread());
-    writer->Close();
-    EXPECT_FALSE(writer->DeletionItem()->GetPollThread());
 }
 
 } // namespace

@@ -2,9 +2,7 @@
 #include "logging/NumberedLines.h"
 #include "logging/linux/LoggerFixture.h"
 #include "runtime/OVEvent.h"
-
-#include <cstdlib>
-#include <memory>
+#include "runtime/PollItems.h"
 
 namespace fodr {
 namespace {
@@ -140,38 +138,24 @@ TEST_F(SettingsWhileRunning, LoseNoLineUnderLoad)
     test::NumberedLines::ExpectIn(sink->TakeText());
 }
 
-class RunOnce : public OVPollItem {
-public:
-    explicit RunOnce(OVEvent &told) : OVPollItem("once"), ran(told) {}
-    bool Run(bool) override
-    {
-        ran.Set();
-        return false;
-    }
-
-private:
-    OVEvent &ran;
-};
-
-// Another process makes the key, of which there was nothing, and each change arrives on the poll thread.
-TEST_F(SettingsWhileRunning, AreFollowedAcrossProcesses)
+// There was nothing of the key. Each change arrives on the poll thread.
+TEST_F(SettingsWhileRunning, AreFollowed)
 {
     ASSERT_TRUE(logger->AddRegistryReader(kKey, platform::RegistryRoot::LocalMachine));
     Start();
     OVEvent watched(true, false), changed(false, false);
-    LoggerManager::Instance().GetPollThread()->AddItem(new RunOnce(watched), nullptr, 0);
+    const RCPtr<OVPollItem> last(new test::FunctionItem("last", [&](bool) {
+        watched.Set();
+        return false;
+    }));
+    LoggerManager::Instance().GetPollThread()->AddItem(last, nullptr, 0);
     watched.Wait(); // the reader, which is earlier in line, has had its first run
     sink->OnWrite([&](const LogMessage &message) {
         if (std::string_view(message.TextToWrite()).find(": logLevel changed to ") != std::string_view::npos)
             changed.Set();
     });
-    const std::string path = settings.Folder() + "/HKEY_LOCAL_MACHINE.ini";
     for (const int32_t level : {LOG_LEVEL_VERBOSE, LOG_LEVEL_WARN}) {
-        const std::string lines =
-            std::string("'[") + kKey + "]' enableBuffering=no logLevel=" + LogLevelName(level);
-        const std::string command =
-            "printf '%s\\n' " + lines + " > " + path + ".new && mv " + path + ".new " + path;
-        ASSERT_EQ(0, std::system(command.c_str()));
+        Store(std::string("enableBuffering=no\nlogLevel=") + LogLevelName(level));
         EXPECT_EQ(OVEvent::kSignalled, changed.Wait(60000));
         EXPECT_EQ(level, gLogLevel);
     }

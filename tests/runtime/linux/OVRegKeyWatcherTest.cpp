@@ -2,6 +2,7 @@
 
 #include "SettingsFixture.h"
 #include "runtime/CapturedLog.h"
+#include "runtime/PollItems.h"
 
 #include <cstdlib>
 #include <gmock/gmock.h>
@@ -37,17 +38,6 @@ public:
     std::atomic<int> notices{0};
     OVEvent armed{false, false};
     bool goOn = true;
-};
-
-class Last : public OVPollItem {
-public:
-    Last() : OVPollItem("last") {}
-    bool Run(bool) override
-    {
-        ran.Set();
-        return false;
-    }
-    OVEvent ran{true, false};
 };
 
 class KeyWatcher : public testing::Test {
@@ -157,7 +147,7 @@ TEST_F(KeyWatcher, OnlyWhatConcernsTheKeyWakesTheThread)
         settings.Store(before);
         RCPtr<OVPollThread> poll(new OVPollThread("watch"));
         RCPtr<Watcher> watcher(new Watcher(row.watched, row.subtree));
-        OVEvent everything(false, false), ready(true, true);
+        OVEvent everything(false, false);
         platform::RegistryKey root = nullptr;
         ASSERT_EQ(platform::RegistryOpen(platform::RegistryRoot::LocalMachine, "a", 0, &root), 0u);
         constexpr uint32_t kAll = platform::kRegNotifyChangeName | platform::kRegNotifyChangeLastSet;
@@ -171,10 +161,7 @@ TEST_F(KeyWatcher, OnlyWhatConcernsTheKeyWakesTheThread)
         settings.Store(row.after);
         everything.Wait();
         platform::RegistryClose(root); // after which everybody has been told
-        poll->WaitForItemToComplete(nullptr);
-        const RCPtr<Last> last(new Last); // whoever was told is before it in the line
-        poll->AddItem(last, &ready, -1);
-        last->ran.Wait();
+        test::Settle(poll);            // whoever was told is before it in the line
         poll->StopScheduler();
         EXPECT_EQ(watcher->notices, row.told ? 1 : 0) << row.watched << row.after;
         watcher->Stop();
