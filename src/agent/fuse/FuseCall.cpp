@@ -68,6 +68,16 @@ bool FuseCall::FailStatus(nt::NTSTATUS status)
     return Fail(ErrnoOfStatus(status));
 }
 
+bool FuseCall::FailOfFile(nt::NTSTATUS status)
+{
+    return SaysAbsent(status) ? Fail(ESTALE) : FailStatus(status);
+}
+
+bool FuseCall::FailInFolder(nt::NTSTATUS status)
+{
+    return status == nt::STATUS_OBJECT_PATH_NOT_FOUND ? Fail(ESTALE) : FailStatus(status);
+}
+
 bool FuseCall::Done()
 {
     return Fail(0);

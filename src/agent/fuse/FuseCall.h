@@ -42,7 +42,11 @@ public:
     // Each is false when the kernel didn't take the answer: the request had been answered, or its caller is
     // gone. What the answer handed out has to be taken back then.
     bool Fail(int error);
-    bool FailStatus(nt::NTSTATUS status);
+    bool FailStatus(nt::NTSTATUS status); // Done for a success
+    // The same; but where the status says that the file is absent, or the folder that it was to be in,
+    // another may have the name by now: the kernel is to look it up again.
+    bool FailOfFile(nt::NTSTATUS status);
+    bool FailInFolder(nt::NTSTATUS status);
     bool Done();
     bool Entry(const EntryAnswer &entry);
     bool Attributes(const struct stat &attributes, double seconds);

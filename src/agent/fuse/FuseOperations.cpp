@@ -40,7 +40,7 @@ void Init(void *, fuse_conn_info *connection)
 
 void Lookup(fuse_req_t request, fuse_ino_t parent, const char *name)
 {
-    Of(request).Lookup(CallOf(request), parent, name);
+    Of(request).names.Lookup(CallOf(request), parent, name);
 }
 
 void Forget(fuse_req_t request, fuse_ino_t node, uint64_t lookups)
@@ -58,7 +58,7 @@ void ForgetMulti(fuse_req_t request, size_t count, fuse_forget_data *forgets)
 
 void GetAttr(fuse_req_t request, fuse_ino_t node, fuse_file_info *)
 {
-    Of(request).GetAttributes(CallOf(request), node);
+    Of(request).attributes.GetAttributes(CallOf(request), node);
 }
 
 void SetAttr(fuse_req_t request, fuse_ino_t node, struct stat *attributes, int toSet, fuse_file_info *info)
@@ -77,85 +77,86 @@ void SetAttr(fuse_req_t request, fuse_ino_t node, struct stat *attributes, int t
     change.accessTime = toSet & FUSE_SET_ATTR_ATIME_NOW ? now : attributes->st_atim;
     change.setWriteTime = (toSet & (FUSE_SET_ATTR_MTIME | FUSE_SET_ATTR_MTIME_NOW)) != 0;
     change.writeTime = toSet & FUSE_SET_ATTR_MTIME_NOW ? now : attributes->st_mtim;
-    Of(request).SetAttributes(CallOf(request), node, change, info ? info->fh : 0);
+    Of(request).attributes.SetAttributes(CallOf(request), node, change, info ? info->fh : 0);
 }
 
 void ReadLink(fuse_req_t request, fuse_ino_t node)
 {
-    Of(request).ReadLink(CallOf(request), node);
+    Of(request).attributes.ReadLink(CallOf(request), node);
 }
 
 void Access(fuse_req_t request, fuse_ino_t node, int mask)
 {
-    Of(request).Access(CallOf(request), node, mask);
+    Of(request).attributes.Access(CallOf(request), node, mask);
 }
 
 void StatFs(fuse_req_t request, fuse_ino_t node)
 {
-    Of(request).StatFs(CallOf(request), node);
+    Of(request).attributes.StatFs(CallOf(request), node);
 }
 
 void Open(fuse_req_t request, fuse_ino_t node, fuse_file_info *info)
 {
-    Of(request).Open(CallOf(request), node, info->flags);
+    Of(request).files.Open(CallOf(request), node, info->flags);
 }
 
 void Create(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t mode, fuse_file_info *info)
 {
-    Of(request).Create(CallOf(request), parent, name, mode, info->flags);
+    Of(request).files.Create(CallOf(request), parent, name, mode, info->flags);
 }
 
 void Read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info *info)
 {
-    Of(request).Read(CallOf(request), info->fh, static_cast<uint64_t>(offset), static_cast<uint32_t>(size));
+    Of(request).files.Read(CallOf(request), info->fh, static_cast<uint64_t>(offset),
+                           static_cast<uint32_t>(size));
 }
 
 void Write(fuse_req_t request, fuse_ino_t, const char *bytes, size_t size, off_t offset, fuse_file_info *info)
 {
-    Of(request).Write(CallOf(request), info->fh, static_cast<uint64_t>(offset),
-                      {reinterpret_cast<const uint8_t *>(bytes), size}, info->flags);
+    Of(request).files.Write(CallOf(request), info->fh, static_cast<uint64_t>(offset),
+                            {reinterpret_cast<const uint8_t *>(bytes), size}, info->flags);
 }
 
 void Flush(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
 {
-    Of(request).Flush(CallOf(request), info->fh);
+    Of(request).files.Flush(CallOf(request), info->fh);
 }
 
 void FSync(fuse_req_t request, fuse_ino_t, int, fuse_file_info *info)
 {
-    Of(request).Flush(CallOf(request), info->fh);
+    Of(request).files.Flush(CallOf(request), info->fh);
 }
 
 void Release(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
 {
-    Of(request).Release(CallOf(request), info->fh);
+    Of(request).files.Release(CallOf(request), info->fh);
 }
 
 void FAllocate(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t length, fuse_file_info *info)
 {
-    Of(request).Allocate(CallOf(request), info->fh, mode, static_cast<uint64_t>(offset),
-                         static_cast<uint64_t>(length));
+    Of(request).files.Allocate(CallOf(request), info->fh, mode, static_cast<uint64_t>(offset),
+                               static_cast<uint64_t>(length));
 }
 
 void MkDir(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t)
 {
-    Of(request).MakeDirectory(CallOf(request), parent, name);
+    Of(request).names.MakeDirectory(CallOf(request), parent, name);
 }
 
 void RmDir(fuse_req_t request, fuse_ino_t parent, const char *name)
 {
-    Of(request).RemoveDirectory(CallOf(request), parent, name);
+    Of(request).names.RemoveDirectory(CallOf(request), parent, name);
 }
 
 void Unlink(fuse_req_t request, fuse_ino_t parent, const char *name)
 {
-    Of(request).Unlink(CallOf(request), parent, name);
+    Of(request).names.Unlink(CallOf(request), parent, name);
 }
 
 void Rename(fuse_req_t request, fuse_ino_t parent, const char *name, fuse_ino_t newParent,
             const char *newName, unsigned flags)
 {
-    Of(request).Rename(CallOf(request), parent, name, newParent, newName, flags);
+    Of(request).names.Rename(CallOf(request), parent, name, newParent, newName, flags);
 }
 
 // What a share can't hold.
@@ -174,22 +175,24 @@ void Link(fuse_req_t request, fuse_ino_t, fuse_ino_t, const char *)
 
 void OpenDir(fuse_req_t request, fuse_ino_t node, fuse_file_info *)
 {
-    Of(request).OpenDirectory(CallOf(request), node);
+    Of(request).directories.OpenDirectory(CallOf(request), node);
 }
 
 void ReadDir(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info *info)
 {
-    Of(request).ReadDirectory(CallOf(request), info->fh, size, static_cast<uint64_t>(offset), false);
+    Of(request).directories.ReadDirectory(CallOf(request), info->fh, size, static_cast<uint64_t>(offset),
+                                          false);
 }
 
 void ReadDirPlus(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info *info)
 {
-    Of(request).ReadDirectory(CallOf(request), info->fh, size, static_cast<uint64_t>(offset), true);
+    Of(request).directories.ReadDirectory(CallOf(request), info->fh, size, static_cast<uint64_t>(offset),
+                                          true);
 }
 
 void ReleaseDir(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
 {
-    Of(request).ReleaseDirectory(CallOf(request), info->fh);
+    Of(request).directories.ReleaseDirectory(CallOf(request), info->fh);
 }
 
 // Names are with the other side as soon as they are answered for.

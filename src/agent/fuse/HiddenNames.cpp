@@ -1,10 +1,10 @@
-// Removing and renaming towards hosts where a name stays as long as its file is open, as NT always did: what
-// is open is given a name that nobody is shown.
-#include "agent/fuse/FileSystem.h"
+#include "agent/fuse/HiddenNames.h"
+
 #include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
 
 #include <cstdio>
+#include <random>
 
 namespace fodr::agent {
 namespace {
@@ -16,15 +16,39 @@ bool IsRefusal(nt::NTSTATUS status)
 
 } // namespace
 
-std::string FileSystem::HiddenName()
+RemoteShare::CreateCall OpenToDelete(bool directory)
+{
+    return {.desiredAccess = nt::DELETE_ACCESS | nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
+            .createDisposition = nt::FILE_OPEN,
+            .createOptions = nt::FILE_OPEN_REPARSE_POINT |
+                             (directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE)};
+}
+
+HiddenNames::HiddenNames(MountState &mountState, NameFinder &nameFinder)
+    : mount(mountState), finder(nameFinder), seed(std::random_device{}())
+{}
+
+// Waits until nothing of this side is in the way of a rename or a removal.
+Task<Nothing> HiddenNames::ClearTheWay(NodePtr node)
+{
+    if (node && node->directory)
+        co_await AwaitCall(
+            [&](InlineFunction<void()> done) { mount.directories.DropBelow(node, std::move(done)); });
+    if (node)
+        co_await AwaitCall(
+            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+    co_return Nothing{};
+}
+
+std::string HiddenNames::HiddenName()
 {
     char name[64];
-    snprintf(name, sizeof(name), "%s%08x-%x", kHiddenPrefix.data(), hiddenSeed, ++hiddenCounter);
+    snprintf(name, sizeof(name), "%s%08x-%x", kHiddenPrefix.data(), seed, ++counter);
     return name;
 }
 
 // POSIX removes a file that may not be written; NT wants the attribute cleared first.
-Task<nt::NTSTATUS> FileSystem::ClearReadOnly(const Place &place)
+Task<nt::NTSTATUS> HiddenNames::ClearReadOnly(const Place &place)
 {
     const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_WRITE_ATTRIBUTES | nt::SYNCHRONIZE,
                                           .createDisposition = nt::FILE_OPEN,
@@ -41,7 +65,7 @@ Task<nt::NTSTATUS> FileSystem::ClearReadOnly(const Place &place)
 }
 
 // Marks what is open and closes it: with that the name is gone, unless others have it open.
-Task<nt::NTSTATUS> FileSystem::DeleteOpened(const Place &place, uint32_t fileId)
+Task<nt::NTSTATUS> HiddenNames::DeleteOpened(const Place &place, uint32_t fileId)
 {
     const IoResult marked = co_await DeleteFile(*place.share, fileId);
     const nt::NTSTATUS status = marked.status;
@@ -50,7 +74,7 @@ Task<nt::NTSTATUS> FileSystem::DeleteOpened(const Place &place, uint32_t fileId)
 }
 
 // Not by the close: a folder that isn't empty would stay there without a word.
-Task<nt::NTSTATUS> FileSystem::DeleteDirectory(Place place)
+Task<nt::NTSTATUS> HiddenNames::DeleteDirectory(Place place)
 {
     const RemoteShare::CreateCall open = OpenToDelete(true);
     for (bool first = true;; first = false) {
@@ -67,7 +91,7 @@ Task<nt::NTSTATUS> FileSystem::DeleteDirectory(Place place)
 }
 
 // Opens what is to be deleted with that handle's close.
-Task<IoResult> FileSystem::OpenForDeletion(const Place &place)
+Task<IoResult> HiddenNames::OpenForDeletion(const Place &place)
 {
     RemoteShare::CreateCall open = OpenToDelete(false);
     open.createOptions |= nt::FILE_DELETE_ON_CLOSE;
@@ -81,7 +105,7 @@ Task<IoResult> FileSystem::OpenForDeletion(const Place &place)
 }
 
 // It is gone when this returns: a later call of the owner's own doesn't find it any more.
-Task<nt::NTSTATUS> FileSystem::DeleteFileAt(const Place &place)
+Task<nt::NTSTATUS> HiddenNames::DeleteFileAt(const Place &place)
 {
     const IoResult opened = co_await OpenForDeletion(place);
     if (opened.Failed())
@@ -93,7 +117,7 @@ Task<nt::NTSTATUS> FileSystem::DeleteFileAt(const Place &place)
 // NT keeps the name of a deleted file until its last handle is closed; POSIX doesn't. So an open file gets a
 // name that nobody is shown, and a handle whose close deletes it: by this side, with the last close of the
 // file, or by the other, should the mount go away before.
-Task<nt::NTSTATUS> FileSystem::DeleteOpenFile(NodePtr parent, std::string name, NodePtr node, Place place)
+Task<nt::NTSTATUS> HiddenNames::DeleteOpenFile(NodePtr parent, std::string name, NodePtr node, Place place)
 {
     const GateHold alone = co_await PassGate(parent, NameGate::Entry::Alone);
     const std::u16string shown = place.path;
@@ -104,7 +128,7 @@ Task<nt::NTSTATUS> FileSystem::DeleteOpenFile(NodePtr parent, std::string name, 
     const uint32_t fileId = opened.fileId;
     const std::string hidden = HiddenName();
     nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
-    if (table.PlaceIn(parent, hidden, &place)) {
+    if (mount.table.PlaceIn(parent, hidden, &place)) {
         const IoResult renamed = co_await RenameFile(*place.share, fileId, place.path, false);
         status = renamed.status;
     }
@@ -112,29 +136,29 @@ Task<nt::NTSTATUS> FileSystem::DeleteOpenFile(NodePtr parent, std::string name, 
         const IoResult deleting = co_await OpenForDeletion(place);
         status = deleting.status;
         if (!nt::IsError(status)) {
-            table.Rename(parent, name, parent, hidden);
+            mount.table.Rename(parent, name, parent, hidden);
             node->opens.SetDeletion(deleting.fileId);
             CloseDeletion(node, place.share);
         } else {
             co_await RenameFile(*place.share, fileId, shown, false);
         }
     }
-    CloseLater(node, place.share, fileId);
+    mount.CloseLater(node, place.share, fileId);
     co_return status;
 }
 
 // With the last of the file's own handles, which may have been closed by now.
-void FileSystem::CloseDeletion(const NodePtr &node, const std::shared_ptr<RemoteShare> &share)
+void HiddenNames::CloseDeletion(const NodePtr &node, const std::shared_ptr<RemoteShare> &share)
 {
     const uint32_t deletion = node->opens.TakeDeletion();
     if (deletion != 0)
-        CloseLater(node, share, deletion);
+        mount.CloseLater(node, share, deletion);
 }
 
 // Of a file that may be open.
-Task<nt::NTSTATUS> FileSystem::RemoveFile(NodePtr parent, std::string name, Place place)
+Task<nt::NTSTATUS> HiddenNames::RemoveFile(NodePtr parent, std::string name, Place place)
 {
-    const NodePtr node = table.Child(parent, name);
+    const NodePtr node = mount.table.Child(parent, name);
     if (node)
         co_await AwaitCall(
             [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
@@ -144,13 +168,26 @@ Task<nt::NTSTATUS> FileSystem::RemoveFile(NodePtr parent, std::string name, Plac
     }
     const nt::NTSTATUS status = co_await DeleteFileAt(place);
     if (!nt::IsError(status))
-        table.Remove(parent, name);
+        mount.table.Remove(parent, name);
+    co_return status;
+}
+
+Task<nt::NTSTATUS> HiddenNames::RemoveFolder(NodePtr node, Place place)
+{
+    co_await ClearTheWay(node);
+    const nt::NTSTATUS status = co_await DeleteDirectory(place);
+    // A handle that is left would keep its name, and the parent from being removed next.
+    if (node && !nt::IsError(status)) {
+        co_await ClearTheWay(node);
+        node->EndListings();
+        co_await ClearTheWay(node);
+    }
     co_return status;
 }
 
 // The target is open through this mount: it gets out of the way, under a name of its own as a deleted file
 // does, and back if the rename fails. Nobody looks at the folder's names meanwhile.
-Task<nt::NTSTATUS> FileSystem::RenameOverOpenFile(Moving moving, NodePtr targetNode)
+Task<nt::NTSTATUS> HiddenNames::RenameOverOpenFile(Moving moving, NodePtr targetNode)
 {
     const GateHold alone = co_await PassGate(moving.newParent, NameGate::Entry::Alone);
     RemoteShare &share = *moving.target.share;
@@ -162,7 +199,7 @@ Task<nt::NTSTATUS> FileSystem::RenameOverOpenFile(Moving moving, NodePtr targetN
     const std::string hidden = HiddenName();
     Place aside;
     nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
-    if (table.PlaceIn(moving.newParent, hidden, &aside)) {
+    if (mount.table.PlaceIn(moving.newParent, hidden, &aside)) {
         const IoResult renamed = co_await RenameFile(share, fileId, aside.path, false);
         status = renamed.status;
     }
@@ -173,8 +210,8 @@ Task<nt::NTSTATUS> FileSystem::RenameOverOpenFile(Moving moving, NodePtr targetN
             co_await RenameFile(share, fileId, moving.target.path, false);
     }
     if (!nt::IsError(status)) {
-        table.Rename(moving.newParent, moving.newName, moving.newParent, hidden);
-        table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);
+        mount.table.Rename(moving.newParent, moving.newName, moving.newParent, hidden);
+        mount.table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);
         const IoResult deleting = co_await OpenForDeletion(aside);
         if (!deleting.Failed()) {
             targetNode->opens.SetDeletion(deleting.fileId);
@@ -183,21 +220,21 @@ Task<nt::NTSTATUS> FileSystem::RenameOverOpenFile(Moving moving, NodePtr targetN
             co_await DeleteFile(share, fileId); // at once, then
         }
     }
-    CloseLater(targetNode, moving.target.share, fileId);
+    mount.CloseLater(targetNode, moving.target.share, fileId);
     co_return status;
 }
 
 // A rename was refused although it may replace: POSIX replaces what NT won't.
-Task<nt::NTSTATUS> FileSystem::RenameOver(Moving moving, nt::NTSTATUS refusal)
+Task<nt::NTSTATUS> HiddenNames::RenameOver(Moving moving, nt::NTSTATUS refusal)
 {
-    const NodePtr node = table.Child(moving.newParent, moving.newName);
-    const Found found = co_await Find(moving.newParent, moving.newName);
+    const NodePtr node = mount.table.Child(moving.newParent, moving.newName);
+    const Found found = co_await finder.Find(moving.newParent, moving.newName);
     if (nt::IsError(found.status))
         co_return refusal;
     if (found.facts.IsDirectory()) {
         if (node)
             co_await AwaitCall(
-                [&](InlineFunction<void()> done) { directories.DropBelow(node, std::move(done)); });
+                [&](InlineFunction<void()> done) { mount.directories.DropBelow(node, std::move(done)); });
         const nt::NTSTATUS deleted = co_await DeleteDirectory(moving.target);
         if (nt::IsError(deleted))
             co_return deleted;
@@ -221,10 +258,10 @@ Task<nt::NTSTATUS> FileSystem::RenameOver(Moving moving, nt::NTSTATUS refusal)
 }
 
 // What is still being closed in a folder keeps NT from moving it. False: there was nothing to wait for.
-Task<bool> FileSystem::AwaitClosesBelow(NodePtr folder)
+Task<bool> HiddenNames::AwaitClosesBelow(NodePtr folder)
 {
     bool waited = false;
-    for (const auto &entry : table.ChildrenOf(folder)) {
+    for (const auto &entry : mount.table.ChildrenOf(folder)) {
         const NodePtr &child = entry.second;
         if (child->opens.IsClosing()) {
             waited = true;
@@ -237,11 +274,11 @@ Task<bool> FileSystem::AwaitClosesBelow(NodePtr folder)
     co_return waited;
 }
 
-Task<nt::NTSTATUS> FileSystem::Move(Moving moving, bool replace)
+Task<nt::NTSTATUS> HiddenNames::Move(Moving moving, bool replace)
 {
-    const NodePtr node = table.Child(moving.parent, moving.name);
+    const NodePtr node = mount.table.Child(moving.parent, moving.name);
     co_await ClearTheWay(node);
-    co_await ClearTheWay(table.Child(moving.newParent, moving.newName));
+    co_await ClearTheWay(mount.table.Child(moving.newParent, moving.newName));
     // What is said to be a file or a folder is looked at by the device filter.
     RemoteShare::CreateCall open = OpenToDelete(node && node->directory);
     if (!node)
@@ -256,11 +293,11 @@ Task<nt::NTSTATUS> FileSystem::Move(Moving moving, bool replace)
     nt::NTSTATUS status = renamed.status;
     if (replace && (IsRefusal(status) || status == nt::STATUS_OBJECT_NAME_COLLISION))
         status = co_await RenameOver(moving, status);
-    if (!nt::IsError(status) && table.Child(moving.parent, moving.name) == node)
-        table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);
+    if (!nt::IsError(status) && mount.table.Child(moving.parent, moving.name) == node)
+        mount.table.Rename(moving.parent, moving.name, moving.newParent, moving.newName);
     // The next rename of this file waits for the close.
     if (node)
-        CloseLater(node, moving.source.share, moving.fileId);
+        mount.CloseLater(node, moving.source.share, moving.fileId);
     else
         co_await CloseFile(*moving.source.share, moving.fileId);
     co_return status;

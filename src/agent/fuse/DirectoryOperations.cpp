@@ -1,4 +1,5 @@
-#include "agent/fuse/FileSystem.h"
+#include "agent/fuse/DirectoryOperations.h"
+
 #include "agent/fuse/ListingBuffer.h"
 #include "agent/fuse/RemoteCalls.h"
 #include "agent/fuse/StatusErrno.h"
@@ -14,65 +15,58 @@ constexpr ino_t kUnknownInode = 0xFFFFFFFF; // as the library itself says it; 0 
 
 constexpr auto kTurnedAway = std::chrono::milliseconds(50);
 
-// Another folder may have the name by now: the kernel finds it when it looks again.
-void FailListing(const FuseCall::Ptr &call, nt::NTSTATUS status)
-{
-    if (status == nt::STATUS_OBJECT_PATH_NOT_FOUND)
-        call->Fail(ESTALE);
-    else
-        call->FailStatus(status);
-}
-
 } // namespace
 
-Detached FileSystem::OpenDirectory(FuseCall::Ptr call, uint64_t nodeId)
+Detached DirectoryOperations::OpenDirectory(FuseCall::Ptr call, uint64_t nodeId)
 {
     auto open = std::make_shared<OpenListing>();
-    open->node = table.Find(nodeId);
+    open->node = mount.table.Find(nodeId);
     if (!open->node) {
         call->Fail(ESTALE);
         co_return;
     }
-    if (!(options.folders && open->node == table.Root())) {
+    if (!(mount.options.folders && open->node == mount.table.Root())) {
         const nt::NTSTATUS status = co_await BeginListing(open);
         if (nt::IsError(status)) {
-            FailListing(call, status);
+            call->FailInFolder(status);
             co_return;
         }
         const bool another = co_await ListsAnother(*open);
-        if (another || (table.IsMoved(open->node) && open->node->TurnAway(kTurnedAway))) {
+        if (another || (mount.table.IsMoved(open->node) && open->node->TurnAway(kTurnedAway))) {
             call->Fail(ESTALE);
             co_return;
         }
     }
-    const uint64_t handle = openListings.Keep(std::move(open));
+    const uint64_t handle = mount.openListings.Keep(std::move(open));
     if (!call->Opened(handle))
-        openListings.Drop(handle);
+        mount.openListings.Drop(handle);
 }
 
 // Where no notice would have told, the folder may have lost its name to the one that was opened.
-Task<bool> FileSystem::ListsAnother(const OpenListing &open)
+Task<bool> DirectoryOperations::ListsAnother(const OpenListing &open)
 {
-    const uint64_t known = table.FileIdOf(open.node);
+    const uint64_t known = mount.table.FileIdOf(open.node);
     NodePtr parent;
     std::string name;
-    if (known == 0 || !table.ParentAndNameOf(open.node, &parent, &name) || IsConfirmed(parent, open.node))
+    if (known == 0 || !mount.table.ParentAndNameOf(open.node, &parent, &name) ||
+        places.IsConfirmed(parent, open.node))
         co_return false;
     FileFacts facts;
     const nt::NTSTATUS status = co_await QueryFacts(open.listing->Share(), open.listing->FileId(), &facts);
     if (nt::IsError(status) || facts.id == known)
         co_return false;
-    LoseName(parent, name, open.node);
+    mount.LoseName(parent, name, open.node);
     co_return true;
 }
 
-Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
+Task<nt::NTSTATUS> DirectoryOperations::BeginListing(OpenListingPtr open)
 {
     Place place;
-    if (!table.PlaceOf(open->node, &place) &&
-        (co_await Confirm(open->node, Believing::Nothing) != Standing::Here ||
-         !table.PlaceOf(open->node, &place)))
-        co_return open->node == table.Root() ? nt::STATUS_DEVICE_REMOVED : nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    if (!mount.table.PlaceOf(open->node, &place) &&
+        (co_await places.Confirm(open->node, Believing::Nothing) != Standing::Here ||
+         !mount.table.PlaceOf(open->node, &place)))
+        co_return open->node == mount.table.Root() ? nt::STATUS_DEVICE_REMOVED
+                                                   : nt::STATUS_OBJECT_PATH_NOT_FOUND;
     const RemoteShare::CreateCall create = {.desiredAccess = nt::FILE_LIST_DIRECTORY |
                                                              nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
                                             .createDisposition = nt::FILE_OPEN,
@@ -81,8 +75,8 @@ Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
     open->node->opens.BeginClose();
     IoResult opened = co_await CreateFile(*place.share, create, place.path);
     if (SaysNoSuchFolder(opened.status)) {
-        const Standing standing = co_await Confirm(open->node, Believing::Nothing);
-        if (standing == Standing::Here && table.PlaceOf(open->node, &place))
+        const Standing standing = co_await places.Confirm(open->node, Believing::Nothing);
+        if (standing == Standing::Here && mount.table.PlaceOf(open->node, &place))
             opened = co_await CreateFile(*place.share, create, place.path);
         if (SaysNoSuchFolder(opened.status))
             opened.status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
@@ -94,22 +88,22 @@ Task<nt::NTSTATUS> FileSystem::BeginListing(OpenListingPtr open)
     }
     const bool rootOfShare = place.path.size() == 1;
     open->listing = std::make_shared<DirectoryListing>(open->node, place.share, opened.fileId, rootOfShare,
-                                                       rootOfShare ? 0 : table.FileIdOf(open->node));
+                                                       rootOfShare ? 0 : mount.table.FileIdOf(open->node));
     open->node->NoteListing(open->listing);
     open->node->opens.EndClose();
     co_return nt::STATUS_SUCCESS;
 }
 
 // Positions: 1 and 2 are behind "." and "..", 3 + i behind entry i.
-Detached FileSystem::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t size, uint64_t offset,
-                                   bool plus)
+Detached DirectoryOperations::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t size, uint64_t offset,
+                                            bool plus)
 {
-    const OpenListingPtr open = openListings.Of(handle);
+    const OpenListingPtr open = mount.openListings.Of(handle);
     if (open->listing && offset == 0 && open->listing->IsBegun()) {
         // From the start again: the folder as it is now.
         const nt::NTSTATUS status = co_await BeginListing(open);
         if (nt::IsError(status)) {
-            FailListing(call, status);
+            call->FailInFolder(status);
             co_return;
         }
     }
@@ -127,7 +121,7 @@ Detached FileSystem::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t s
                 continue;
         }
         if (nt::IsError(status) && (lost || !listing->At(first))) {
-            FailListing(call, status);
+            call->FailInFolder(status);
             co_return;
         }
         break;
@@ -137,29 +131,29 @@ Detached FileSystem::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t s
     FillListing(*open, offset, &buffer, &reached);
     if (!call->Bytes(buffer.Filled())) {
         for (uint64_t node : reached)
-            table.Forget(node, 1);
+            mount.table.Forget(node, 1);
     }
 }
 
 // A listing without ids, of a host that has them, is of a share that names its files one by one. So is an
 // entry of which nothing but its name could be had.
-bool FileSystem::IsKnown(const DirectoryListing &listing, const DirectoryListing::Entry &entry)
+bool DirectoryOperations::IsKnown(const DirectoryListing &listing, const DirectoryListing::Entry &entry)
 {
     return !listing.HasIds() || entry.facts.id != 0;
 }
 
 // What was learnt of the name since the listing was asked for counts.
-bool FileSystem::IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry,
-                               Node::Clock::time_point asked) const
+bool DirectoryOperations::IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry,
+                                        Node::Clock::time_point asked) const
 {
-    if (ChangedBySelf(folder, entry.name, asked))
+    if (mount.ChangedBySelf(folder, entry.name, asked))
         return true;
-    const NodePtr known = table.Child(folder, entry.name);
+    const NodePtr known = mount.table.Child(folder, entry.name);
     return known && known->SeenAt() > asked;
 }
 
-void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBuffer *buffer,
-                             std::vector<uint64_t> *reached)
+void DirectoryOperations::FillListing(const OpenListing &open, uint64_t offset, ListingBuffer *buffer,
+                                      std::vector<uint64_t> *reached)
 {
     static const std::string kSelfAndParent[] = {".", ".."};
     EntryAnswer folder;
@@ -170,7 +164,7 @@ void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBu
             return;
     }
     if (!open.listing) {
-        const std::vector<std::string> folders = table.ShareFolders();
+        const std::vector<std::string> folders = mount.table.ShareFolders();
         for (; offset - 2 < folders.size(); ++offset) {
             if (!buffer->Add(folders[offset - 2], folder, offset + 1))
                 return;
@@ -180,28 +174,28 @@ void FileSystem::FillListing(const OpenListing &open, uint64_t offset, ListingBu
     while (const DirectoryListing::Entry *entry = open.listing->At(offset - 2)) {
         ++offset;
         EntryAnswer answer;
-        answer.attributes = StatOf(entry->facts, kUnknownInode, options.owner);
+        answer.attributes = StatOf(entry->facts, kUnknownInode, mount.options.owner);
         const auto asked = open.listing->BegunAt();
         if (buffer->IsPlus() && !IsKnownBetter(open.node, *entry, asked) && IsKnown(*open.listing, *entry)) {
-            const NodePtr node = Reach(open.node, entry->name, entry->facts, entry->facts.id);
+            const NodePtr node = mount.Reach(open.node, entry->name, entry->facts, entry->facts.id);
             node->NoteFacts(entry->facts);
             node->NoteSeen(asked);
-            answer = AnswerFor(open.node, node, entry->facts, true, asked);
+            answer = mount.AnswerFor(open.node, node, entry->facts, true, asked);
             reached->push_back(node->id);
         }
         if (buffer->Add(entry->name, answer, offset))
             continue;
         if (answer.node != 0) {
             reached->pop_back();
-            table.Forget(answer.node, 1);
+            mount.table.Forget(answer.node, 1);
         }
         return;
     }
 }
 
-void FileSystem::ReleaseDirectory(FuseCall::Ptr call, uint64_t handle)
+void DirectoryOperations::ReleaseDirectory(FuseCall::Ptr call, uint64_t handle)
 {
-    openListings.Drop(handle);
+    mount.openListings.Drop(handle);
     call->Done();
 }
 

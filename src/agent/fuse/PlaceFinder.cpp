@@ -1,8 +1,11 @@
-// Whether folders are still where the mount believes them to be, and where the other side has moved them.
-#include "agent/fuse/FileSystem.h"
+#include "agent/fuse/PlaceFinder.h"
+
 #include "agent/fuse/RemoteCalls.h"
 #include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
+
+#include <cerrno>
+#include <climits>
 
 namespace fodr::agent {
 namespace {
@@ -13,7 +16,7 @@ constexpr auto kUnwatched = std::chrono::milliseconds(20);
 } // namespace
 
 // What was seen holds until the folder tells of a change, if it does tell.
-bool FileSystem::IsConfirmed(const NodePtr &parent, const NodePtr &node) const
+bool PlaceFinder::IsConfirmed(const NodePtr &parent, const NodePtr &node) const
 {
     const auto seen = node->SeenAt();
     if (seen <= parent->NoticedAt())
@@ -21,14 +24,14 @@ bool FileSystem::IsConfirmed(const NodePtr &parent, const NodePtr &node) const
     return parent->IsWatchedSince(seen) || Node::Clock::now() - seen < kUnwatched;
 }
 
-Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder, Believing believing)
+Task<Standing> PlaceFinder::Confirm(NodePtr folder, Believing believing)
 {
     Place place;
-    if (table.PlaceOf(folder, &place) && !place.share->HasIds())
+    if (mount.table.PlaceOf(folder, &place) && !place.share->HasIds())
         co_return Standing::Here;
-    std::vector<NodePtr> way = table.ParentsOf(folder);
+    std::vector<NodePtr> way = mount.table.ParentsOf(folder);
     way.push_back(folder);
-    const bool fromRoot = table.ShareRootOf(way[0]) == way[0];
+    const bool fromRoot = mount.table.ShareRootOf(way[0]) == way[0];
     if (!fromRoot && !co_await FindMoved(way[0])) {
         const bool found = way[0] != folder && co_await FindMoved(folder);
         co_return found ? Standing::Here : Standing::Replaced;
@@ -39,20 +42,20 @@ Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder, Believing believi
             continue;
         NodePtr seenIn;
         std::string name;
-        if (!table.ParentAndNameOf(node, &seenIn, &name) || seenIn != parent)
+        if (!mount.table.ParentAndNameOf(node, &seenIn, &name) || seenIn != parent)
             co_return Standing::Replaced;
-        const Found found = co_await FindPassing(parent, name, Freshness::Asked);
-        const uint64_t known = table.FileIdOf(node);
+        const Found found = co_await finder.FindPassing(parent, name, Freshness::Asked);
+        const uint64_t known = mount.table.FileIdOf(node);
         const bool absent = SaysAbsent(found.status);
         if (nt::IsError(found.status) && !absent)
             co_return Standing::Here; // the call itself will tell
         if (!absent && (known == 0 || found.facts.id == known) && found.facts.IsDirectory()) {
             if (known == 0)
-                table.SetFileId(node, found.facts.id);
+                mount.table.SetFileId(node, found.facts.id);
             node->NoteSeen(found.asked);
             continue;
         }
-        LoseName(parent, name, node);
+        mount.LoseName(parent, name, node);
         if (co_await FindMoved(node))
             continue;
         if (node != folder && co_await FindMoved(folder))
@@ -64,9 +67,9 @@ Task<FileSystem::Standing> FileSystem::Confirm(NodePtr folder, Believing believi
 
 // By the folder's own handle, if there is one: the other side tells the path of what is open, and of the
 // share.
-Task<bool> FileSystem::FindMoved(NodePtr folder)
+Task<bool> PlaceFinder::FindMoved(NodePtr folder)
 {
-    const DirectoryHandlePtr kept = directories.Present(folder);
+    const DirectoryHandlePtr kept = mount.directories.Present(folder);
     const std::shared_ptr<DirectoryListing> listing = kept ? nullptr : folder->AnyListing();
     if (!kept && !listing)
         co_return false;
@@ -81,13 +84,13 @@ Task<bool> FileSystem::FindMoved(NodePtr folder)
         hasPath = !told.Failed() && ReadNameInformation(told.data, &path);
     }
     co_await identity->Arrival();
-    const uint64_t known = table.FileIdOf(folder);
+    const uint64_t known = mount.table.FileIdOf(folder);
     if (!hasPath || nt::IsError(identity->status) || (known != 0 && identity->facts.id != known))
         co_return false;
-    const NodePtr root = table.RootOf(share.shared_from_this());
+    const NodePtr root = mount.table.RootOf(share.shared_from_this());
     if (!root)
         co_return false;
-    const auto [acquired, rootHandle] = co_await AwaitDirectory(root);
+    const auto [acquired, rootHandle] = co_await mount.AwaitDirectory(root);
     if (!rootHandle)
         co_return false;
     {
@@ -99,31 +102,68 @@ Task<bool> FileSystem::FindMoved(NodePtr folder)
         rootPath.clear();
     if (path.size() <= rootPath.size() || !path.starts_with(rootPath) || path[rootPath.size()] != u'\\')
         co_return false; // it has left the share
-    table.SetMovedTo(folder, share.shared_from_this(), path.substr(rootPath.size()));
+    mount.table.SetMovedTo(folder, share.shared_from_this(), path.substr(rootPath.size()));
     co_return true;
 }
 
 // A file that this mount has made is known by its name until a handle tells its id.
-Task<Nothing> FileSystem::Identify(NodePtr node)
+Task<Nothing> PlaceFinder::Identify(NodePtr node)
 {
     const OpenFilePtr file = node->opens.Any(false);
     if (file && file->share->HasIds()) {
         FileFacts facts;
         const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);
         if (!nt::IsError(status))
-            table.SetFileId(node, facts.id);
+            mount.table.SetFileId(node, facts.id);
     }
     co_return Nothing{};
 }
 
-Task<bool> FileSystem::FindPlaceAgain(NodePtr parent, std::string name, Place *place)
+Task<bool> PlaceFinder::FindPlaceAgain(NodePtr parent, std::string name, Place *place)
 {
     const std::u16string tried = place->path;
     if (!place->share->HasIds())
         co_return false;
-    if (co_await Confirm(parent, Believing::Nothing) != Standing::Here || !table.PlaceIn(parent, name, place))
+    if (co_await Confirm(parent, Believing::Nothing) != Standing::Here ||
+        !mount.table.PlaceIn(parent, name, place))
         co_return false;
     co_return place->path != tried;
+}
+
+// Where a name is to be made or removed. False when it can't be, with the call answered.
+bool PlaceFinder::LocateForChange(const FuseCall::Ptr &call, const NodePtr &parent, const std::string &name,
+                                  Place *place) const
+{
+    if (!parent || !mount.table.PlaceIn(parent, name, place)) {
+        // The root of several shares isn't anybody's folder.
+        call->Fail(parent && parent == mount.table.Root() ? EPERM : ESTALE);
+        return false;
+    }
+    if (place->share->Device().IsReadOnly()) {
+        call->Fail(EROFS);
+        return false;
+    }
+    if (name.starts_with(kHiddenPrefix)) {
+        call->Fail(EPERM);
+        return false;
+    }
+    if (name.size() > NAME_MAX) {
+        call->Fail(ENAMETOOLONG);
+        return false;
+    }
+    return true;
+}
+
+// The same once the folder is known to be where its path leads: a name isn't changed in another folder.
+Task<bool> PlaceFinder::LocateConfirmed(FuseCall::Ptr call, NodePtr parent, std::string name, Place *place)
+{
+    Standing standing = Standing::Here;
+    if (parent && parent != mount.table.Root())
+        standing = co_await Confirm(parent);
+    if (standing == Standing::Here)
+        co_return LocateForChange(call, parent, name, place);
+    call->Fail(ESTALE);
+    co_return false;
 }
 
 } // namespace fodr::agent

@@ -1,0 +1,279 @@
+#include "agent/fuse/FileOperations.h"
+
+#include "agent/fuse/Fuse.h"
+#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/StatusErrno.h"
+#include "platform/Nt.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+namespace fodr::agent {
+namespace {
+
+bool WantsWrite(int flags)
+{
+    return (flags & O_ACCMODE) != O_RDONLY;
+}
+
+FuseCall::Caching CachingOf(int flags)
+{
+    // The kernel doesn't know where the bytes go.
+    return flags & O_APPEND ? FuseCall::Caching::Direct : FuseCall::Caching::Allowed;
+}
+
+std::array<uint8_t, 8> SizeRecord(uint64_t size)
+{
+    std::array<uint8_t, 8> record;
+    StoreLittle(record.data(), size);
+    return record;
+}
+
+} // namespace
+
+// Where the file is, if it can be opened like that. False: it can't, and the call is answered.
+Task<bool> FileOperations::LocateToOpen(FuseCall::Ptr call, NodePtr node, int flags, Place *place)
+{
+    NodePtr parent;
+    std::string name;
+    // Its folder may have been moved.
+    if (node && !mount.table.PlaceOf(node, place) && mount.table.ParentAndNameOf(node, &parent, &name))
+        co_await places.Confirm(parent);
+    const bool found =
+        node && (mount.table.PlaceOf(node, place) || (mount.table.FormerPlaceOf(node, &parent, &name) &&
+                                                      mount.table.PlaceIn(parent, name, place)));
+    int refusal = 0;
+    if (!found)
+        refusal = ESTALE;
+    else if ((flags & O_TRUNC) && place->share->HasIds() && node->IsInOtherCase())
+        refusal =
+            EEXIST; // it may have been meant to make a file: the kernel says so only where it knew of none
+    else if (node->MustBeLookedUp())
+        refusal = ESTALE;
+    else if ((WantsWrite(flags) || (flags & O_TRUNC)) && place->share->Device().IsReadOnly())
+        refusal = EROFS;
+    else if (place->share->HasIds() && co_await opener.LosesName(node))
+        refusal = ESTALE;
+    if (refusal != 0)
+        call->Fail(refusal);
+    co_return refusal == 0;
+}
+
+Detached FileOperations::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
+{
+    const NodePtr node = mount.table.Find(nodeId);
+    Place place;
+    if (!co_await LocateToOpen(call, node, flags, &place))
+        co_return;
+    const bool truncates = (flags & O_TRUNC) != 0;
+    const uint32_t access = opener.AccessOf(flags, *place.share) | (truncates ? nt::FILE_WRITE_DATA : 0);
+    Opening opening;
+    if (place.share->HasIds())
+        opening = co_await opener.OpenFileOf(node, place, flags, access);
+    else
+        opening = co_await opener.OpenByName(node, place, flags, access);
+    if (nt::IsError(opening.status)) {
+        // The kernel looks the name up again, and knows then.
+        NodePtr parent;
+        std::string name;
+        if (mount.table.ParentAndNameOf(node, &parent, &name))
+            mount.directories.ForgetNames(parent);
+        call->FailOfFile(opening.status);
+        co_return;
+    }
+    const OpenFilePtr file = std::move(opening.file);
+    if (truncates) {
+        const nt::NTSTATUS status = co_await Truncate(node, file->share, file->fileId);
+        if (nt::IsError(status)) {
+            call->FailStatus(status);
+            co_return;
+        }
+    } else if (place.share->HasIds()) {
+        node->NoteFactsOfOpen(opening.facts);
+    }
+    const uint64_t handle = opener.Keep(file);
+    // Whoever opens a file sees it as it is by now, also its size. The node is in use, so this doesn't wait.
+    if (fuse_session *const told = file->readable ? mount.session.load() : nullptr)
+        fuse_lowlevel_notify_inval_inode(told, node->id, -1, 0);
+    if (file->readable && !place.share->HasIds())
+        opener.PrimeReading(file);
+    if (!call->Opened(handle, CachingOf(flags)))
+        Release(nullptr, handle);
+}
+
+// Not by overwriting: that would take attributes and streams along.
+Task<nt::NTSTATUS> FileOperations::Truncate(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId)
+{
+    const std::shared_ptr<WriteBehind> writes = node->Writes(mount.writeWindow);
+    co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    node->NoteOwnChange();
+    writes->SizeChanges();
+    const std::array<uint8_t, 8> nothing{};
+    const IoResult result = co_await SetFile(*share, fileId, nt::FileEndOfFileInformation, nothing);
+    writes->SizeChanged(result, 0);
+    node->NoteOwnChange();
+    co_return result.status;
+}
+
+Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode,
+                                int flags)
+{
+    const NodePtr parent = mount.table.Find(parentId);
+    Place place;
+    if (!co_await places.LocateConfirmed(call, parent, name, &place))
+        co_return;
+    const uint32_t access = opener.AccessOf(flags, *place.share);
+    RemoteShare::CreateCall create = {.desiredAccess = access,
+                                      .createDisposition = nt::FILE_OPEN_IF,
+                                      .createOptions = nt::FILE_NON_DIRECTORY_FILE,
+                                      .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
+    if (flags & O_EXCL)
+        create.createDisposition = nt::FILE_CREATE;
+    else if (flags & O_TRUNC)
+        create.createDisposition = nt::FILE_OVERWRITE_IF;
+    if ((mode & S_IWUSR) == 0)
+        create.fileAttributes = nt::FILE_ATTRIBUTE_READONLY;
+    parent->NoteOwnChange();
+    IoResult opened = co_await opener.OpenAt(place, create);
+    if (SaysAbsent(opened.status) && co_await places.FindPlaceAgain(parent, name, &place))
+        opened = co_await opener.OpenAt(place, create);
+    if (opened.Failed()) {
+        call->FailInFolder(opened.status);
+        co_return;
+    }
+    parent->NoteOwnChange();
+    const uint32_t fileId = opened.fileId;
+    const bool isNew = opened.information == nt::FILE_CREATED;
+    FileFacts facts;
+    facts.attributes = create.fileAttributes;
+    const auto asked = Node::Clock::now();
+    const bool hasIds = place.share->HasIds();
+    if (!isNew) {
+        const nt::NTSTATUS status = co_await QueryFacts(*place.share, fileId, &facts);
+        if (nt::IsError(status) && hasIds) {
+            place.share->Close(fileId, [](const IoResult &) {});
+            call->FailStatus(status);
+            co_return;
+        }
+    } else {
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        facts.creationTime = facts.lastAccessTime = facts.lastWriteTime = facts.changeTime = NtTimeOf(now);
+    }
+    const NodePtr node = hasIds && isNew ? mount.table.ReachNew(parent, name, NodeKind::File)
+                                         : mount.table.Reach(parent, name, NodeKind::File, facts.id);
+    const std::shared_ptr<WriteBehind> writes = node->Writes(mount.writeWindow);
+    writes->DataChanged();
+    writes->NoteFacts(facts, isNew ? writes->Generation() : 0);
+    node->NoteFacts(facts);
+    node->NoteOwnChange();
+    const uint64_t handle = opener.Keep(opener.NewOpen(node, place.share, fileId, access), isNew);
+    // Its times are this machine's guess: they hold until somebody asks.
+    if (!call->Created(mount.AnswerFor(parent, node, facts, false, asked), handle, CachingOf(flags))) {
+        mount.table.Forget(node->id, 1);
+        Release(nullptr, handle);
+    }
+}
+
+void FileOperations::Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, uint32_t length)
+{
+    const OpenFilePtr &file = mount.openFiles.Of(handle);
+    if (!file->readable) {
+        call->Fail(EBADF);
+        return;
+    }
+    // What is being written there is read as it will be.
+    file->node->Writes(mount.writeWindow)->WhenRangeDone(offset, length, [call, file, offset, length] {
+        file->readAhead->Read(offset, length, [call](nt::NTSTATUS status, std::span<const ByteSpan> parts) {
+            if (nt::IsError(status))
+                call->FailStatus(status);
+            else
+                call->Parts(parts);
+        });
+    });
+}
+
+void FileOperations::Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes, int flags)
+{
+    const OpenFilePtr &file = mount.openFiles.Of(handle);
+    if (!file->writable) {
+        call->Fail(EBADF);
+        return;
+    }
+    const nt::NTSTATUS earlier = file->errors->TakeForWrite();
+    if (nt::IsError(earlier)) {
+        call->FailStatus(earlier);
+        return;
+    }
+    file->node->NoteOwnChange();
+    const std::shared_ptr<WriteBehind> writes = file->node->Writes(mount.writeWindow);
+    auto accepted = [call, size = bytes.size()] { call->Written(size); };
+    if (flags & O_APPEND)
+        writes->Append(file->Target(), bytes, std::move(accepted));
+    else
+        writes->Write(file->Target(), offset, bytes, std::move(accepted));
+}
+
+// Of flush and fsync alike: nothing counts as written that the other side hasn't acknowledged.
+void FileOperations::Flush(FuseCall::Ptr call, uint64_t handle)
+{
+    const OpenFilePtr &file = mount.openFiles.Of(handle);
+    file->node->Writes(mount.writeWindow)->WhenDone([call, errors = file->errors] {
+        call->FailStatus(errors->TakeForFlush());
+    });
+}
+
+// The call may be null: the kernel never got the handle.
+void FileOperations::Release(FuseCall::Ptr call, uint64_t handle)
+{
+    const OpenFilePtr file = mount.openFiles.Drop(handle);
+    // Counted from now on, so that a rename that follows waits for it.
+    file->node->opens.BeginClose();
+    file->released = true;
+    file->node->opens.Remove(file);
+    // Holds the file until its writes are over.
+    file->node->Writes(mount.writeWindow)->WhenDone([file] {
+        if (file->writable)
+            file->node->NoteOwnChange();
+    });
+    hidden.CloseDeletion(file->node, file->share);
+    if (call)
+        call->Done();
+}
+
+// Files grow by this and never shrink; holes aren't made, and nothing is reserved.
+Detached FileOperations::Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uint64_t offset,
+                                  uint64_t length)
+{
+    const OpenFilePtr file = mount.openFiles.Of(handle);
+    if (mode != 0) {
+        call->Fail(EOPNOTSUPP);
+        co_return;
+    }
+    if (!file->writable) {
+        call->Fail(EBADF);
+        co_return;
+    }
+    const std::shared_ptr<WriteBehind> writes = file->node->Writes(mount.writeWindow);
+    co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    FileFacts facts;
+    const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);
+    if (nt::IsError(status)) {
+        call->FailStatus(status);
+        co_return;
+    }
+    if (facts.endOfFile >= 0 && static_cast<uint64_t>(facts.endOfFile) >= offset + length) {
+        call->Done();
+        co_return;
+    }
+    file->node->NoteOwnChange();
+    const std::array<uint8_t, 8> record = SizeRecord(offset + length);
+    const IoResult result =
+        co_await SetFile(*file->share, file->fileId, nt::FileEndOfFileInformation, record);
+    writes->DataChanged();
+    file->node->NoteOwnChange();
+    call->FailStatus(result.status);
+}
+
+} // namespace fodr::agent

@@ -1,0 +1,34 @@
+// Opening, reading and writing files. `handle` is what Opened or Created gave.
+#pragma once
+
+#include "agent/fuse/FileOpener.h"
+#include "agent/fuse/HiddenNames.h"
+
+namespace fodr::agent {
+
+class FileOperations {
+public:
+    FileOperations(MountState &mountState, PlaceFinder &placeFinder, FileOpener &fileOpener,
+                   HiddenNames &hiddenNames)
+        : mount(mountState), places(placeFinder), opener(fileOpener), hidden(hiddenNames)
+    {}
+
+    Detached Open(FuseCall::Ptr call, uint64_t nodeId, int flags);
+    Detached Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode, int flags);
+    void Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, uint32_t length);
+    void Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes, int flags);
+    void Flush(FuseCall::Ptr call, uint64_t handle);
+    void Release(FuseCall::Ptr call, uint64_t handle);
+    Detached Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uint64_t offset, uint64_t length);
+
+private:
+    Task<nt::NTSTATUS> Truncate(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId);
+    Task<bool> LocateToOpen(FuseCall::Ptr call, NodePtr node, int flags, Place *place);
+
+    MountState &mount;
+    PlaceFinder &places;
+    FileOpener &opener;
+    HiddenNames &hidden;
+};
+
+} // namespace fodr::agent

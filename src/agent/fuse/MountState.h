@@ -1,0 +1,126 @@
+// What the operations of one mount share: what it knows of files and names, what is open, and for how long
+// the kernel may believe what it is told.
+#pragma once
+
+#include "agent/Coroutine.h"
+#include "agent/TransferWindow.h"
+#include "agent/fuse/Attributes.h"
+#include "agent/fuse/DirectoryCache.h"
+#include "agent/fuse/DirectoryListing.h"
+#include "agent/fuse/FuseCall.h"
+#include "agent/fuse/KeptHandles.h"
+#include "agent/fuse/KernelNotifier.h"
+#include "agent/fuse/NodeTable.h"
+#include "agent/fuse/OpenedAhead.h"
+
+#include <algorithm>
+#include <string>
+
+struct fuse_session;
+
+namespace fodr::agent {
+
+using Place = NodeTable::Place;
+
+// A name that was found, or why it wasn't.
+struct Found {
+    nt::NTSTATUS status = nt::STATUS_SUCCESS;
+    FileFacts facts;
+    bool exact = true;               // else the name differs in case, and stands for a node of its own
+    Node::Clock::time_point asked{}; // when the other side was
+    RecentNames::ToldPtr told;       // where it was found without asking; else null
+
+    static Found Failure(nt::NTSTATUS why)
+    {
+        Found found;
+        found.status = why;
+        return found;
+    }
+    uint64_t NodeId() const { return exact ? facts.id : 0; }
+};
+
+// Whether the other side is asked, or what it told within the cache time will do.
+enum class Freshness { Asked, Cached };
+
+// An open directory of the kernel's.
+struct OpenListing {
+    NodePtr node;
+    std::shared_ptr<DirectoryListing> listing; // of shares: null
+};
+using OpenListingPtr = std::shared_ptr<OpenListing>;
+
+// Any thread.
+class MountState {
+public:
+    struct Options {
+        bool folders = false; // shares are folders of the root
+        double cacheSeconds = 1;
+        // While a file is open for reading only, nobody opens it for writing, as far as that can be had. For
+        // that the other side tells a file's facts with its opening.
+        bool denyWriters = false;
+        Owner owner;
+    };
+    explicit MountState(const Options &mountOptions);
+
+    const Options options;
+    NodeTable table;
+    TransferWindow readWindow, writeWindow;
+    KeptHandles<OpenFile> openFiles;
+    KeptHandles<OpenListing> openListings;
+    DirectoryCache directories;
+    OpenedAhead openedAhead;
+    KernelNotifier notifier;
+    std::atomic<fuse_session *> session{nullptr}; // null before the session and after it
+
+    // For how long what was told is believed: where a notice would correct it, and where none would.
+    Node::Clock::duration CacheSpan() const
+    {
+        return std::chrono::duration_cast<Node::Clock::duration>(
+            std::chrono::duration<double>(options.cacheSeconds));
+    }
+    Node::Clock::duration UnwatchedSpan() const
+    {
+        return std::min<Node::Clock::duration>(CacheSpan(), std::chrono::milliseconds(400));
+    }
+
+    // The node of what was found, with one more lookup.
+    NodePtr Reach(const NodePtr &parent, const std::string &name, const FileFacts &facts, uint64_t fileId);
+    // The name doesn't lead to the node any more, which the kernel may not know.
+    void LoseName(const NodePtr &parent, const std::string &name, const NodePtr &node);
+    bool ChangedBySelf(const NodePtr &parent, const std::string &name, Node::Clock::time_point asked) const;
+    bool FollowsLinks(const NodePtr &node, const Place &place) const;
+
+    // For how long the kernel may believe what was asked for then: of the names in the folder, and of the
+    // node's attributes when its folder's are believed for that long.
+    double NameSeconds(const NodePtr &folder, Node::Clock::time_point asked) const;
+    double AttributeSeconds(const NodePtr &node, const FileFacts &facts, Node::Clock::time_point asked,
+                            double folderSeconds) const;
+    // `asked` is when the facts were asked for; `lasting`: they are believed for a while.
+    EntryAnswer AnswerFor(const NodePtr &parent, const NodePtr &node, const FileFacts &facts, bool lasting,
+                          Node::Clock::time_point asked) const;
+    bool ReplyEntry(const FuseCall::Ptr &call, const NodePtr &parent, const NodePtr &node,
+                    const FileFacts &facts, bool lasting, Node::Clock::time_point asked);
+    void ReplyAttributes(const FuseCall::Ptr &call, const NodePtr &node, const Found &found) const;
+
+    auto AwaitDirectory(const NodePtr &node)
+    {
+        return AwaitValues<nt::NTSTATUS, DirectoryHandlePtr>(
+            [this, &node](DirectoryCache::Handler done) { directories.Acquire(node, std::move(done)); });
+    }
+    void CloseLater(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId);
+
+private:
+    using Children = std::vector<std::pair<std::string, NodePtr>>;
+    void OnDirectoryChanged(const NodePtr &directory, InlineFunction<void()> next);
+    void OnDirectoryLeft(const NodePtr &directory);
+    void ForgetInKernel(const NodePtr &directory, const Children &children);
+    Detached LookAgain(NodePtr node);
+};
+
+inline auto AwaitChecked(const DirectoryHandlePtr &directory)
+{
+    return AwaitValues<nt::NTSTATUS>(
+        [&directory](InlineFunction<void(nt::NTSTATUS)> done) { directory->WhenChecked(std::move(done)); });
+}
+
+} // namespace fodr::agent

@@ -1,0 +1,26 @@
+// Where a name leads: asked of the host, or remembered.
+#pragma once
+
+#include "agent/fuse/MountState.h"
+
+namespace fodr::agent {
+
+class NameFinder {
+public:
+    explicit NameFinder(MountState &mountState) : mount(mountState) {}
+
+    Task<Found> Find(NodePtr parent, std::string name, Freshness freshness = Freshness::Asked);
+    // The same, but not while this mount takes a name away for a moment.
+    Task<Found> FindPassing(NodePtr parent, std::string name, Freshness freshness);
+
+private:
+    static void AskForNames(const DirectoryHandlePtr &directory);
+    bool Recall(const NodePtr &parent, const std::string &name, const std::u16string &ntName,
+                const DirectoryHandlePtr &directory, Found *found);
+    Task<Found> FindByHandle(NodePtr parent, std::string name, Freshness freshness, bool *decided);
+    static Task<Found> FindByPath(Place place, bool follow);
+
+    MountState &mount;
+};
+
+} // namespace fodr::agent

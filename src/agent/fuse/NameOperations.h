@@ -1,0 +1,44 @@
+// Looking names up; making, removing and renaming them.
+#pragma once
+
+#include "agent/fuse/DirectoryOperations.h"
+#include "agent/fuse/FactsFinder.h"
+#include "agent/fuse/HiddenNames.h"
+
+namespace fodr::agent {
+
+class NameOperations {
+public:
+    NameOperations(MountState &mountState, NameFinder &nameFinder, PlaceFinder &placeFinder,
+                   FactsFinder &findsFacts, HiddenNames &hiddenNames,
+                   DirectoryOperations &directoryOperations)
+        : mount(mountState), finder(nameFinder), places(placeFinder), factsFinder(findsFacts),
+          hidden(hiddenNames), listings(directoryOperations)
+    {}
+
+    Detached Lookup(FuseCall::Ptr call, uint64_t parentId, std::string name);
+    Detached MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::string name);
+    Detached RemoveDirectory(FuseCall::Ptr call, uint64_t parentId, std::string name);
+    Detached Unlink(FuseCall::Ptr call, uint64_t parentId, std::string name);
+    Detached Rename(FuseCall::Ptr call, uint64_t parentId, std::string name, uint64_t newParentId,
+                    std::string newName, unsigned flags);
+
+private:
+    Task<Nothing> LookupShare(FuseCall::Ptr call, std::string name);
+    Task<bool> FindAgain(FuseCall::Ptr call, NodePtr parent, std::string name, NodePtr known, Found *found);
+    Task<nt::NTSTATUS> RemoveAtOnce(Place place, NodePtr node, bool directory);
+    Task<nt::NTSTATUS> RemoveFolder(NodePtr parent, std::string name, Place place);
+    Task<nt::NTSTATUS> MoveAtOnce(Moving moving, bool replace);
+    Task<nt::NTSTATUS> TryMoveAtOnce(Moving moving, bool replace);
+    void NoteMoved(const Moving &moving, const NodePtr &node, uint64_t movedId);
+    Task<bool> ClearLeftovers(NodePtr folder);
+
+    MountState &mount;
+    NameFinder &finder;
+    PlaceFinder &places;
+    FactsFinder &factsFinder;
+    HiddenNames &hidden;
+    DirectoryOperations &listings;
+};
+
+} // namespace fodr::agent
