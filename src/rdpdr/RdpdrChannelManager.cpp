@@ -57,10 +57,9 @@ void RdpdrChannelManager::Shutdown()
             LOG_ERROR("Failed to stop drive watcher\n");
         driveWatcher.reset();
     }
+    // Packets that are still queued find no share from here on, and add none.
     CloseAllDevices();
     dataHandler.reset();
-    // A packet that was still queued may have added shares.
-    CloseAllDevices();
     // No task is left that could see these go.
     channel = nullptr;
     packetTrace = nullptr;
@@ -71,13 +70,14 @@ void RdpdrChannelManager::Shutdown()
 
 void RdpdrChannelManager::CloseAllDevices()
 {
-    std::map<uint32_t, Device> closing;
+    std::map<uint32_t, Device> taken;
     {
         OVMutexLock held(deviceTableLock);
-        closing.swap(devices);
+        closing = true;
+        taken.swap(devices);
     }
-    for (auto &[id, device] : closing)
-        device->CloseAllFiles();
+    for (auto &[id, device] : taken)
+        device->Retire();
 }
 
 int RdpdrChannelManager::GetClientVersion()
@@ -156,15 +156,16 @@ void RdpdrChannelManager::HandleDeviceIoRequest(RdpdrStream *stream)
     {
         OVMutexLock held(deviceTableLock);
         device = FindDevice(request.DeviceId);
-        if (!device) {
-            RdpdrStreamPtr completion = BuildIoCompletion(request.DeviceId, request.CompletionId,
-                                                          nt::STATUS_DEVICE_REMOVED, 0, nullptr);
-            if (completion)
-                Write(completion.get());
-            return;
-        }
     }
-    device->OnIoRequest(stream);
+    if (device) {
+        device->OnIoRequest(stream);
+        return;
+    }
+    // Out of the lock: a peer that reads slowly must not keep the requests of others waiting.
+    RdpdrStreamPtr completion =
+        BuildIoCompletion(request.DeviceId, request.CompletionId, nt::STATUS_DEVICE_REMOVED, 0, nullptr);
+    if (completion)
+        Write(completion.get());
 }
 
 void RdpdrChannelManager::HandleDeviceReply(RdpdrStream *stream)
@@ -203,7 +204,7 @@ void RdpdrChannelManager::HandleDeviceReply(RdpdrStream *stream)
     }
     // Out of the lock: this waits for the requests in flight.
     if (resultCode != 0)
-        device->CloseAllFiles();
+        device->Retire();
 
     const std::string message = ReplyStatus(resultCode);
     LOG_DEBUG("Notify ODPObserver with cookie [%s] for message [%s].\n", device->GetName().c_str(),

@@ -158,6 +158,7 @@ private:
     std::atomic<bool> preReadEnabled{false};
     std::map<uint32_t, Device> devices GUARDED_BY(deviceTableLock);
     uint32_t nextDeviceId GUARDED_BY(deviceTableLock) = 0xFFFF;
+    bool closing GUARDED_BY(deviceTableLock) = false; // set before the first close; no share is added then
     uint64_t driveEvents GUARDED_BY(deviceTableLock) = 0; // how many drives have come or gone
     OVMutex deviceTableLock;                              // not held across device work
     OVMutex watcherLock;                                  // makes the watcher run just while there are shares

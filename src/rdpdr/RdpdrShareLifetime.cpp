@@ -165,14 +165,17 @@ bool RdpdrChannelManager::RemoveSharedFolder(const std::string &path, const std:
     }
     StopDriveWatcherIfUnused();
     for (const auto &[id, device] : removed) {
-        if (!device->IsAvailable()) {
+        const bool announced = device->IsAvailable();
+        if (!announced) {
             LOG_INFO("No need to send drive removed message: friendly name = %s, ID = %d.\n", NameOf(device),
                      static_cast<int>(id));
-            continue;
+        } else {
+            LOG_INFO("Sending device removed message: friendly name = %s, ID = %d.\n", NameOf(device),
+                     static_cast<int>(id));
         }
-        LOG_INFO("Sending device removed message: friendly name = %s, ID = %d.\n", NameOf(device),
-                 static_cast<int>(id));
-        device->CloseAllFiles();
+        device->Retire();
+        if (!announced)
+            continue;
         SendDeviceRemove(id);
     }
     return !removed.empty();

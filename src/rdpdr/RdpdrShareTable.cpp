@@ -211,6 +211,10 @@ std::optional<RdpdrChannelManager::ShareOutcome> RdpdrChannelManager::InsertShar
         return {};
     ShareOutcome outcome;
     outcome.exists = look.exists;
+    if (closing) {
+        outcome.statuses.push_back(kStatusInternalError);
+        return outcome;
+    }
     if (look.present) {
         LOG_INFO("%s|%s already added\n", request.path.c_str(), request.shareName.c_str());
         look.present->UpdateAllowAccessFileList(request.offer.files);
