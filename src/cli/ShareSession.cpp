@@ -12,7 +12,9 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kGreetingLimit = 30s;
-constexpr auto kReadyLimit = 60s; // from the agent's greeting to the last share
+constexpr auto kReadyLimit = 60s;               // from the agent's greeting to the last share
+constexpr unsigned kDefaultIoTimeout = 10;      // seconds; the agent's default as well
+constexpr unsigned kLongestIoTimeout = 1000000; // so that milliseconds fit a number
 constexpr char kLoopback[] = "127.0.0.1";
 constexpr transport::KeepAlive kOverNetwork{10000, 30000};
 constexpr transport::KeepAlive kOnThisMachine{0, 0}; // a lost end is noticed at once
@@ -27,6 +29,8 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
         channel.token = options.token;
     if (target.kind == AgentTarget::Kind::Listen)
         channel.expectedToken = options.token;
+    channel.writeTimeoutMS = static_cast<int>(
+        1000 * std::min(options.ioTimeoutSeconds.value_or(kDefaultIoTimeout), kLongestIoTimeout));
     channel.keepAlive = local ? kOnThisMachine : kOverNetwork;
     // Where an agent that came to us is, only its connection knows.
     if (target.kind != AgentTarget::Kind::Listen)

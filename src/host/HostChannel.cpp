@@ -84,6 +84,8 @@ void HostChannel::Attach(std::unique_ptr<platform::ByteStream> stream)
         link = std::make_shared<ChannelLink>(ChannelLink::Kind::Main, ++lastLink,
                                              static_cast<ILinkOwner *>(this), std::move(stream),
                                              options.expectedToken, options.keepAlive);
+        if (options.writeTimeoutMS > 0)
+            link->Connection().SetWriteTimeout(options.writeTimeoutMS);
         mainLink = link;
     }
     connectionState = CONNECTION_PENDING;

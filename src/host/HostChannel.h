@@ -38,6 +38,7 @@ struct ChannelOptions {
     std::string token;         // shown to the agent
     std::string expectedToken; // to be shown by the agent; empty: any
     transport::KeepAlive keepAlive{0, 0};
+    int writeTimeoutMS = 0;      // an agent that takes nothing for so long is lost; 0: never
     std::string sideChannelHost; // where an offered TCP port is; empty: TCP side channels are refused
     int sideChannelTimeoutMS = 10000;
     int32_t sessionType = SESSION_PCOIP;

@@ -277,6 +277,8 @@ void HostChannel::HandleSideStream(uint32_t number, std::unique_ptr<platform::By
         link = std::make_shared<ChannelLink>(ChannelLink::Kind::Side, ++lastLink,
                                              static_cast<ILinkOwner *>(this), std::move(stream), "",
                                              options.keepAlive);
+        if (options.writeTimeoutMS > 0)
+            link->Connection().SetWriteTimeout(options.writeTimeoutMS);
         sideLink = link;
     }
     object->MoveTo(link);
