@@ -9,6 +9,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -19,7 +20,22 @@ namespace {
 struct ReceivedPacket {
     RdpdrChannelManager *manager;
     RdpdrStream *stream;
+    PacketBudget *budget;
+    size_t cost;
 };
+
+// The packet without what nobody reads of it, if there is memory for that.
+void Shorten(RdpdrStream **stream)
+{
+    if (static_cast<size_t>((*stream)->Size()) <= kWaitingPacket)
+        return;
+    RdpdrStream *shorter = RdpdrStream::Create(kWaitingPacket);
+    if (!shorter)
+        return;
+    memcpy(shorter->Base(), (*stream)->Base(), kWaitingPacket);
+    RdpdrStream::Free(stream);
+    *stream = shorter;
+}
 
 std::string ReplyStatus(uint32_t resultCode)
 {
@@ -91,10 +107,13 @@ bool RdpdrChannelManager::OnDataReceived(RdpdrStream *stream)
         LOG_ERROR("Thread pool is not initialzed.\n");
         return false;
     }
-    auto *packet = new (std::nothrow) ReceivedPacket{this, stream};
+    const size_t cost = PacketBudget::CostOf(*stream);
+    auto *packet = new (std::nothrow) ReceivedPacket{this, stream, &packetBudget, cost};
     if (!packet)
         return false;
+    packetBudget.Take(cost);
     if (!dataHandler->SubmitTask(ProcessDataTask, packet)) {
+        packetBudget.GiveBack(cost);
         delete packet;
         return false;
     }
@@ -104,8 +123,14 @@ bool RdpdrChannelManager::OnDataReceived(RdpdrStream *stream)
 void RdpdrChannelManager::ProcessDataTask(void *record)
 {
     auto *packet = static_cast<ReceivedPacket *>(record);
+    if (MayWaitForEver(*packet->stream)) {
+        Shorten(&packet->stream);
+        packet->budget->GiveBack(std::exchange(packet->cost, 0));
+    }
     packet->manager->ProcessData(packet->stream);
     RdpdrStream::Free(&packet->stream);
+    if (packet->cost != 0)
+        packet->budget->GiveBack(packet->cost);
     delete packet;
 }
 

@@ -16,6 +16,7 @@
 #include "lib/misc/ThreadSafety.h"
 #include "rdpdr/ClientPolicy.h"
 #include "rdpdr/IThreadPoolDataHandler.h"
+#include "rdpdr/PacketBudget.h"
 #include "rdpdr/ShareNames.h"
 #include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/OVMutex.h"
@@ -50,7 +51,8 @@ public:
     // called again.
     virtual void Shutdown() EXCLUDES(stateLock, watcherLock, deviceTableLock);
 
-    // Queues one whole packet and returns at once. True takes the stream over.
+    // Queues one whole packet. Waits while as much is queued as may be (PacketBudget). True takes the stream
+    // over.
     virtual bool OnDataReceived(RdpdrStream *stream);
     // Handles one packet on the calling thread; the stream stays with the caller. False only for a component
     // that isn't ours. A device request that waits for something holds the thread.
@@ -163,6 +165,7 @@ private:
     OVMutex deviceTableLock;                              // not held across device work
     OVMutex watcherLock;                                  // makes the watcher run just while there are shares
     std::unique_ptr<IDriveWatcher> driveWatcher GUARDED_BY(watcherLock);
+    PacketBudget packetBudget; // of the packets in dataHandler
     std::unique_ptr<IThreadPoolDataHandler> dataHandler;
     std::atomic<ClientPolicy *> policy{nullptr};             // owned; made once, under stateLock
     RdpdrStreamPtr storedPolicyStream GUARDED_BY(stateLock); // came before the version
