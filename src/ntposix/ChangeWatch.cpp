@@ -1,5 +1,6 @@
 #include "ntposix/ChangeWatch.h"
 
+#include "ntposix/DescriptorLimit.h"
 #include "ntposix/NoticeOrder.h"
 
 #include <fcntl.h>
@@ -9,7 +10,7 @@ namespace fodr::ntposix {
 std::shared_ptr<ChangeWatch> ChangeWatch::Create(int directory, FileKey key, uint32_t filter, bool tree)
 {
     Fd own(tree ? fcntl(directory, F_DUPFD_CLOEXEC, 0) : -1);
-    if (tree && !own)
+    if (tree && (!own || !MayKeepDescriptor(own.Get())))
         return nullptr;
     return std::shared_ptr<ChangeWatch>(new ChangeWatch(directory, std::move(own), key, filter, tree));
 }

@@ -84,6 +84,12 @@ TEST_F(Handles, GoBeyondTheSoftLimitAndEndAtTheHardOne)
         EXPECT_EQ(files.back().status, STATUS_TOO_MANY_OPENED_FILES);
         EXPECT_EQ(Open("FILE").status, STATUS_TOO_MANY_OPENED_FILES);
         EXPECT_EQ(Open("new", {.disposition = FILE_CREATE}).status, STATUS_TOO_MANY_OPENED_FILES);
+        EXPECT_FALSE(Exists("new"));
+        // A quarter remains for the rest of the process.
+        std::vector<std::ifstream> others;
+        while (others.size() < 25)
+            EXPECT_TRUE(others.emplace_back(root / "file").is_open()) << others.size();
+        others.clear();
         files.clear();
         EXPECT_EQ(Open("FILE").status, STATUS_SUCCESS);
         std::filesystem::remove_all(root); // no destructor runs
