@@ -15,6 +15,7 @@ constexpr auto kGreetingLimit = 30s;
 constexpr auto kReadyLimit = 60s;               // from the agent's greeting to the last share
 constexpr unsigned kDefaultIoTimeout = 10;      // seconds; the agent's default as well
 constexpr unsigned kLongestIoTimeout = 1000000; // so that milliseconds fit a number
+constexpr int kMostStrangersNamed = 10;
 constexpr char kLoopback[] = "127.0.0.1";
 constexpr transport::KeepAlive kOverNetwork{10000, 30000};
 constexpr transport::KeepAlive kOnThisMachine{0, 0}; // a lost end is noticed at once
@@ -43,7 +44,9 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
 ShareSession::ShareSession(const ShareOptions &shareOptions,
                            std::unique_ptr<host::PrivateSettings> privateSettings, std::string runtimeFolder)
     : options(shareOptions), folder(std::move(runtimeFolder)), settings(std::move(privateSettings)),
-      starter(&options, [this](const std::string &line) { HandleAgentLine(line); })
+      starter(
+          &options, [this](const std::string &line) { HandleAgentLine(line); },
+          [this](const std::string &reason) { HandleStranger(reason); })
 {}
 
 ShareSession::~ShareSession() = default;
@@ -376,6 +379,16 @@ void ShareSession::HandleAgentLine(const std::string &line)
     lastAgentLine = line;
     if (options.verbose)
         Complain(line);
+}
+
+// On the thread that looked at the stranger.
+void ShareSession::HandleStranger(const std::string &reason)
+{
+    const int count = ++strangers;
+    if (count <= kMostStrangersNamed)
+        Complain(reason);
+    if (count == kMostStrangersNamed)
+        Complain("what else connects and is sent away isn't told any more");
 }
 
 void ShareSession::HandleTimer()

@@ -49,8 +49,8 @@ public:
     // reach the peer. The stream stays open until it is destroyed.
     virtual void Shutdown() = 0;
 
-    // Whether the process at the other end of a local socket belongs to the user of this one. False for
-    // streams that can't tell.
+    // Whether the process at the other end of a local socket, or of a TCP connection within this machine,
+    // belongs to the user of this one. False for streams that can't tell.
     [[nodiscard]] virtual bool PeerIsThisUser() const { return false; }
 
 protected:

@@ -1,5 +1,7 @@
 #include "platform/linux/FdStream.h"
 
+#include "platform/linux/LoopbackPeer.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -156,6 +158,8 @@ public:
     {
         ucred peer{};
         socklen_t size = sizeof(peer);
+        if (readIsSocket && LoopbackPeerIsThisUser(readFd.Get()))
+            return true;
         return readIsSocket && getsockopt(readFd.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
                size == sizeof(peer) && peer.pid != 0 && peer.uid == geteuid();
     }
