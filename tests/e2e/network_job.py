@@ -192,8 +192,8 @@ class Tcp(TcpCase):
     def test_without_a_token_other_users_of_the_machine_stay_out(self):
         port = free_port()
         with self.share("--listen", port, ready=lambda: listens(port)) as share:
-            knock = f"import socket; s = socket.create_connection(('127.0.0.1', {port})); print(s.recv(9))"
-            subprocess.run([sys.executable, "-c", knock], user=65534, check=True, stdout=subprocess.DEVNULL)
+            knock = f"exec 3<>/dev/tcp/127.0.0.1/{port}; head -c 9 <&3"
+            subprocess.run(["/bin/bash", "-c", knock], user=65534, cwd="/", check=True, stdout=subprocess.DEVNULL)
             wait_for(lambda: "another user of this machine has connected" in share.log(), "the refusal")
             agent = self.agent(self.mount, "--connect", f"127.0.0.1:{port}")
             wait_for(lambda: "is mounted at" in share.log(), "the mount")
