@@ -39,6 +39,10 @@ class IRdpdrChannel;
 
 class RdpdrChannelManager : public IDeviceStateSubscriber {
 public:
+    // Entries of the table, and how many there may be for an agent's policy to add one.
+    static constexpr size_t kMostShares = 1024;
+    static constexpr size_t kMostForPolicy = 512;
+
     RdpdrChannelManager();
     ~RdpdrChannelManager() override;
     RdpdrChannelManager(const RdpdrChannelManager &) = delete;
@@ -134,7 +138,7 @@ private:
     // Removing, and the watcher.
     void StartDriveWatcher(bool firstShare) EXCLUDES(watcherLock, deviceTableLock);
     void StopDriveWatcherIfUnused() EXCLUDES(watcherLock, deviceTableLock);
-    bool HasShares() EXCLUDES(deviceTableLock);
+    size_t ShareCount() EXCLUDES(deviceTableLock);
     std::vector<Device> SharesToRemove(const std::string &ntPath, const std::string &shareName)
         EXCLUDES(deviceTableLock);
     static bool MatchesRemoval(const IRedirectedDevice &device, const std::string &ntPath,
