@@ -58,7 +58,14 @@ void HostChannel::RunAndWait(EventQueue::Event event)
 // An event that matters only while the connection it came from is the channel's.
 void HostChannel::PostForLink(uint64_t link, EventQueue::Event event)
 {
+    if (++waitingEvents > kMostWaitingEvents) {
+        if (const auto flooded = Main(); flooded && flooded->Id() == link)
+            flooded->Connection().Close("the agent sends more than can be handled");
+        --waitingEvents;
+        return;
+    }
     events.Post([this, link, run = std::move(event)] {
+        --waitingEvents;
         if (IsMain(link))
             run();
     });

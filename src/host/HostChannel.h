@@ -49,6 +49,10 @@ struct ChannelOptions {
 
 class HostChannel final : private ILinkOwner {
 public:
+    // Frames about the channel that an agent has sent and that aren't handled yet. Packets aren't counted:
+    // they go straight to the plug-in.
+    static constexpr size_t kMostWaitingEvents = 4096;
+
     // Host and listener outlive the channel; the listener may be null.
     HostChannel(PluginHost *pluginHost, const ChannelOptions &channelOptions, IChannelListener *told);
     // Ends the connection and destroys the instance.
@@ -156,6 +160,7 @@ private:
     bool stopping = false;
 
     EventQueue events;
+    std::atomic<size_t> waitingEvents{0}; // of links
     std::thread eventThread;
 };
 

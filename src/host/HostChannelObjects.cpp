@@ -106,7 +106,10 @@ void HostChannel::OnLinkClosed(uint64_t link, const std::string &reason)
     }
     if (mainOfSide)
         mainOfSide->Connection().Close("the side channel ended: " + reason);
-    PostForLink(link, [this, reason] { HandleLost(reason); });
+    events.Post([this, link, reason] { // whatever else waits
+        if (IsMain(link))
+            HandleLost(reason);
+    });
 }
 
 // ---- Objects ----
