@@ -16,14 +16,16 @@ bool AgentStarter::Prepare(std::string *error)
     if (options->target.kind != AgentTarget::Kind::Listen)
         return true;
     const std::string address = options->target.host.empty() ? kLoopback : options->target.host;
-    listener = platform::ListenTcp(address, options->target.port, error);
-    return listener != nullptr;
+    auto listener = platform::ListenTcp(address, options->target.port, error);
+    if (listener)
+        door = std::make_unique<host::AgentDoor>(std::move(listener), options->token, onTurnedAway);
+    return door != nullptr;
 }
 
 void AgentStarter::Cancel()
 {
-    if (listener)
-        listener->Shutdown();
+    if (door)
+        door->Shutdown();
 }
 
 std::vector<std::string> AgentStarter::AgentWords(const std::string &program,
@@ -66,7 +68,7 @@ AgentConnection AgentStarter::Connect(const std::string &mountPoint)
                                                  kConnectTimeoutMS, &connection.error);
         break;
     case AgentTarget::Kind::Listen:
-        connection.stream = listener->Accept();
+        connection.stream = door->Await();
         connection.error = connection.stream ? "" : "nobody connected";
         break;
     }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "cli/ShareOptions.h"
+#include "host/AgentDoor.h"
 #include "platform/ByteStream.h"
 #include "platform/ChildProcess.h"
 
@@ -23,9 +24,9 @@ public:
     using LineHandler = std::function<void(const std::string &line)>;
 
     // `shareOptions` outlive it. `onLine` hears what a process that was started says on standard error, on a
-    // thread of its own.
-    AgentStarter(const ShareOptions *shareOptions, LineHandler onLine)
-        : options(shareOptions), onErrorLine(std::move(onLine))
+    // thread of its own; `onStranger` why somebody who connected was sent away.
+    AgentStarter(const ShareOptions *shareOptions, LineHandler onLine, LineHandler onStranger)
+        : options(shareOptions), onErrorLine(std::move(onLine)), onTurnedAway(std::move(onStranger))
     {}
 
     // Listens, for a target of that kind. False, with a few words in `*error`, when that isn't possible.
@@ -35,7 +36,7 @@ public:
     // Ends a Connect that waits for an agent. From any thread.
     void Cancel();
     // Listening: the port.
-    uint16_t Port() const { return listener ? listener->Port() : uint16_t{0}; }
+    uint16_t Port() const { return door ? door->Port() : uint16_t{0}; }
 
 private:
     std::vector<std::string> AgentWords(const std::string &program, const std::string &mountPoint) const;
@@ -44,7 +45,8 @@ private:
 
     const ShareOptions *const options;
     const LineHandler onErrorLine;
-    std::unique_ptr<platform::StreamListener> listener;
+    const LineHandler onTurnedAway;
+    std::unique_ptr<host::AgentDoor> door;
 };
 
 } // namespace fodr::cli

@@ -12,7 +12,10 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kGreetingLimit = 30s;
-constexpr auto kReadyLimit = 60s; // from the agent's greeting to the last share
+constexpr auto kReadyLimit = 60s;               // from the agent's greeting to the last share
+constexpr unsigned kDefaultIoTimeout = 10;      // seconds; the agent's default as well
+constexpr unsigned kLongestIoTimeout = 1000000; // so that milliseconds fit a number
+constexpr int kMostStrangersNamed = 10;
 constexpr char kLoopback[] = "127.0.0.1";
 constexpr transport::KeepAlive kOverNetwork{10000, 30000};
 constexpr transport::KeepAlive kOnThisMachine{0, 0}; // a lost end is noticed at once
@@ -27,6 +30,8 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
         channel.token = options.token;
     if (target.kind == AgentTarget::Kind::Listen)
         channel.expectedToken = options.token;
+    channel.writeTimeoutMS = static_cast<int>(
+        1000 * std::min(options.ioTimeoutSeconds.value_or(kDefaultIoTimeout), kLongestIoTimeout));
     channel.keepAlive = local ? kOnThisMachine : kOverNetwork;
     // Where an agent that came to us is, only its connection knows.
     if (target.kind != AgentTarget::Kind::Listen)
@@ -39,7 +44,9 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
 ShareSession::ShareSession(const ShareOptions &shareOptions,
                            std::unique_ptr<host::PrivateSettings> privateSettings, std::string runtimeFolder)
     : options(shareOptions), folder(std::move(runtimeFolder)), settings(std::move(privateSettings)),
-      starter(&options, [this](const std::string &line) { HandleAgentLine(line); })
+      starter(
+          &options, [this](const std::string &line) { HandleAgentLine(line); },
+          [this](const std::string &reason) { HandleStranger(reason); })
 {}
 
 ShareSession::~ShareSession() = default;
@@ -372,6 +379,16 @@ void ShareSession::HandleAgentLine(const std::string &line)
     lastAgentLine = line;
     if (options.verbose)
         Complain(line);
+}
+
+// On the thread that looked at the stranger.
+void ShareSession::HandleStranger(const std::string &reason)
+{
+    const int count = ++strangers;
+    if (count <= kMostStrangersNamed)
+        Complain(reason);
+    if (count == kMostStrangersNamed)
+        Complain("what else connects and is sent away isn't told any more");
 }
 
 void ShareSession::HandleTimer()

@@ -79,6 +79,7 @@ private:
     void HandleShareChanged(const host::FolderShare &share);
     void HandleCommandEnd(platform::ChildProcess::Exit exit);
     void HandleAgentLine(const std::string &line);
+    void HandleStranger(const std::string &reason);
     void HandleTimer();
 
     // ---- End (ShareSessionEnd.cpp) ----
@@ -152,6 +153,7 @@ private:
     std::optional<Clock::time_point> timer;
     std::vector<PendingReply> pendingReplies;
 
+    std::atomic<int> strangers{0}; // that connected and were sent away
     std::mutex linesLock;
     std::string lastAgentLine; // under linesLock
     std::atomic<unsigned> terminations{0};

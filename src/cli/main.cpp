@@ -65,9 +65,10 @@ void AddWhereAndHow(CLI::App *app, ShareWords *words)
         ->envname("FODR_SSH")
         ->default_val("ssh");
     app->add_option("--remote-fodr", words->remoteProgram, "fodr on the other machine")->default_val("fodr");
-    app->add_option(
-           "--io-timeout", words->ioTimeoutSeconds,
-           "Seconds after which a call in the mount fails when we don't answer; 0: never. Default: 10")
+    app->add_option("--io-timeout", words->ioTimeoutSeconds,
+                    "Seconds after which a call in the mount fails when we don't answer, and an agent is "
+                    "given up that "
+                    "takes no answers; 0: never. Default: 10")
         ->type_name("SECONDS");
     app->add_option("--agent-option", words->agentWords, "Handed to the agent as it is")
         ->allow_extra_args(false);

@@ -49,6 +49,8 @@ DriveWatcherImpl::~DriveWatcherImpl()
         platform::JoinThread(thread);
     else
         platform::DetachThread(thread);
+    // A thread that goes on can't reach a subscriber that is gone.
+    window->Detach();
 }
 
 bool DriveWatcherImpl::Start(IDeviceStateSubscriber *subscriber)
@@ -104,7 +106,7 @@ bool DriveWatcherImpl::CreateWindowAndMessageLoopThread(IDeviceStateSubscriber *
         return false;
     }
     *threadOut = nullptr;
-    window->subscriber = subscriber;
+    window->Attach(subscriber);
     auto *start = new ThreadStart{window};
     platform::ThreadRecord *created = platform::StartThread(ThreadStart::Run, start);
     if (!created) {
@@ -114,6 +116,7 @@ bool DriveWatcherImpl::CreateWindowAndMessageLoopThread(IDeviceStateSubscriber *
     }
     if (!AwaitWindow(created)) {
         platform::DetachThread(created);
+        window->Detach();
         return false;
     }
     *threadOut = created;

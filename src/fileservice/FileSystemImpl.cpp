@@ -119,7 +119,11 @@ NTSTATUS FileSystemImpl::RedirectedNotifyChangeDirectoryFile(uint32_t fileId, IO
 {
     // What changed is thrown away: only that something did leaves this system.
     alignas(8) uint8_t changes[32] = {};
-    platform::TaskPool::BlockingSection blocking;
+    const platform::TaskPool::BlockingSection blocking;
+    if (!blocking.IsGranted()) {
+        Clear(ioStatus);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     return CallAndWait(ioStatus, [&](HANDLE event) {
         return NtNotifyChangeDirectoryFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, changes,
                                            sizeof(changes), completionFilter, watchTree);
@@ -132,14 +136,22 @@ NTSTATUS FileSystemImpl::RedirectedLockFile(uint32_t fileId, IO_STATUS_BLOCK *io
 {
     LARGE_INTEGER from = offset;
     LARGE_INTEGER count = length;
-    auto lock = [&](HANDLE event) {
-        return NtLockFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, &from, &count, 0,
-                          failImmediately, exclusive);
+    auto lock = [&](bool waits) {
+        return CallAndWait(ioStatus, [&](HANDLE event) {
+            return NtLockFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, &from, &count, 0, !waits,
+                              exclusive);
+        });
     };
-    if (failImmediately)
-        return CallAndWait(ioStatus, lock);
-    platform::TaskPool::BlockingSection blocking;
-    return CallAndWait(ioStatus, lock);
+    // Most ranges are free: such a lock needs no leave to wait.
+    const NTSTATUS status = lock(false);
+    if (failImmediately || status != STATUS_LOCK_NOT_GRANTED)
+        return status;
+    const platform::TaskPool::BlockingSection blocking;
+    if (!blocking.IsGranted()) {
+        Clear(ioStatus);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    return lock(true);
 }
 
 NTSTATUS FileSystemImpl::RedirectedUnlockFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus,

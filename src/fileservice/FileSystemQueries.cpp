@@ -2,6 +2,7 @@
 #include "fileservice/FileSystemImpl.h"
 #include "fileservice/NtCalls.h"
 #include "fileservice/PacketText.h"
+#include "fileservice/RequestLimits.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 
@@ -17,10 +18,6 @@ using namespace nt;
 namespace {
 
 constexpr uint32_t kFirstQuerySize = 1024;
-constexpr uint32_t kMultiEntrySize = 65536;
-// From here on the C heap maps fresh pages for a block, which are zero already and cost nothing until
-// touched.
-constexpr uint32_t kMappedSize = 32u << 20;
 
 // Bytes at the end of the native record that the wire record lacks (MS-FSCC 2.4.7 and 2.4.41).
 uint32_t NativeTail(uint32_t fileInfoClass)
@@ -130,7 +127,7 @@ NTSTATUS FileSystemImpl::RedirectedQueryDirectoryFile(uint32_t fileId, IO_STATUS
     }
     MallocBuffer buffer;
     NTSTATUS status = QueryGrowing(
-        buffer, multiEntry ? kMultiEntrySize : kFirstQuerySize, ioStatus, [&](uint8_t *data, uint32_t size) {
+        buffer, multiEntry ? kListingAnswer : kFirstQuerySize, ioStatus, [&](uint8_t *data, uint32_t size) {
             return FinishCall(NtQueryDirectoryFile(HandleOf(fileId), event.Handle(), nullptr, nullptr,
                                                    ioStatus, data, size, fileInfoClass, !many, fileName,
                                                    restartScan),
@@ -161,9 +158,8 @@ NTSTATUS FileSystemImpl::RedirectedReadFile(uint32_t fileId, IO_STATUS_BLOCK *io
 {
     *outBuffer = nullptr;
     Clear(ioStatus);
-    // An agent may ask for 4 GiB of a small file: what isn't read isn't touched.
-    bool zeroed = length >= kMappedSize;
-    MallocBuffer buffer = zeroed ? MallocBuffer::AllocateZeroed(length) : MallocBuffer::Allocate(length);
+    length = std::min(length, kLongestRead);
+    MallocBuffer buffer = MallocBuffer::Allocate(length);
     if (!buffer)
         return STATUS_NO_MEMORY;
     LARGE_INTEGER position = offset;
@@ -174,8 +170,7 @@ NTSTATUS FileSystemImpl::RedirectedReadFile(uint32_t fileId, IO_STATUS_BLOCK *io
     if (IsError(status))
         ioStatus->Information = 0;
     ioStatus->Information = std::min<uint64_t>(ioStatus->Information, length);
-    if (!zeroed)
-        memset(buffer.Data() + ioStatus->Information, 0, length - ioStatus->Information);
+    memset(buffer.Data() + ioStatus->Information, 0, length - ioStatus->Information);
     *outBuffer = buffer.Release();
     return status;
 }

@@ -142,9 +142,10 @@ NTSTATUS RedirectedDevice::CloseFileHandle(uint32_t fileId, const RCPtr<RdpFileH
     if (!IsError(status))
         status = fileSystem->RedirectedCloseFile(fileId);
     if (IsError(status) && status != STATUS_INVALID_HANDLE) {
-        // The agent may close it again.
+        // The agent may close it again, while there is an agent to do so.
         OVMutexLock held(filesLock);
-        files[fileId] = handle;
+        if (!retired)
+            files[fileId] = handle;
     }
     return status;
 }
@@ -171,6 +172,15 @@ void RedirectedDevice::CloseAllFiles()
     }
     for (const auto &[fileId, handle] : taken)
         CloseFileHandle(fileId, handle);
+}
+
+void RedirectedDevice::Retire()
+{
+    {
+        OVMutexLock held(filesLock);
+        retired = true;
+    }
+    CloseAllFiles();
 }
 
 // ---- replies ---------------------------------------------------------------------------------------------

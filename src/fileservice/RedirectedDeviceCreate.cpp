@@ -42,9 +42,12 @@ bool RedirectedDevice::HandleCreate(const Request &request, RdpdrStream &packet)
         return SendCompletion(request.CompletionId, STATUS_ACCESS_DENIED);
     }
     CreateOutcome outcome = CreateFileAt(create, absolutePath, shownPath);
-    if (!IsError(outcome.status) && !KeepOpenFile(outcome.fileId, IsRootPath(absolutePath))) {
-        fileSystem->RedirectedCloseFile(outcome.fileId);
-        return SendCompletion(request.CompletionId, STATUS_NO_MEMORY);
+    if (!IsError(outcome.status)) {
+        const NTSTATUS kept = KeepOpenFile(outcome.fileId, IsRootPath(absolutePath));
+        if (IsError(kept)) {
+            fileSystem->RedirectedCloseFile(outcome.fileId);
+            return SendCompletion(request.CompletionId, kept);
+        }
     }
     return CompleteCreate(request, outcome);
 }
@@ -69,15 +72,17 @@ RedirectedDevice::CreateOutcome RedirectedDevice::CreateFileAt(const DR_CREATE_R
     return outcome;
 }
 
-bool RedirectedDevice::KeepOpenFile(uint32_t fileId, bool isRoot)
+NTSTATUS RedirectedDevice::KeepOpenFile(uint32_t fileId, bool isRoot)
 {
     try {
         RCPtr<RdpFileHandle> handle(new RdpFileHandle(isRoot));
         OVMutexLock held(filesLock);
+        if (retired || !IsAvailable())
+            return STATUS_DEVICE_REMOVED;
         files[fileId] = handle;
-        return true;
+        return STATUS_SUCCESS;
     } catch (const std::bad_alloc &) {
-        return false;
+        return STATUS_NO_MEMORY;
     }
 }
 

@@ -1,6 +1,7 @@
 // How RedirectedDevice reads, writes, queries, sets and controls.
 #include "fileservice/IPreReader.h"
 #include "fileservice/RedirectedDevice.h"
+#include "fileservice/RequestLimits.h"
 #include "rdpdr/wire/CompletionBuilder.h"
 #include "runtime/LogCall.h"
 
@@ -133,15 +134,16 @@ bool RedirectedDevice::HandleDeviceControl(const Request &request, RdpdrStream &
     if (IsCut(packet, control.InputBufferLength))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);
     MallocBuffer input = MallocBuffer::Allocate(control.InputBufferLength);
-    MallocBuffer output = MallocBuffer::AllocateZeroed(control.OutputBufferLength);
+    const uint32_t outputLength = std::min(control.OutputBufferLength, kLongestControlOutput);
+    MallocBuffer output = MallocBuffer::AllocateZeroed(outputLength);
     if (!input || !output)
         return SendCompletion(request.CompletionId, STATUS_NO_MEMORY);
     packet.Read(input.Data(), control.InputBufferLength);
     IO_STATUS_BLOCK ioStatus{};
     NTSTATUS status = fileSystem->RedirectedDeviceIoControlFile(
         request.FileId, &ioStatus, control.IoControlCode, input.Data(), control.InputBufferLength,
-        output.Data(), control.OutputBufferLength);
-    size_t length = std::min<uint64_t>(ioStatus.Information, control.OutputBufferLength);
+        output.Data(), outputLength);
+    size_t length = std::min<uint64_t>(ioStatus.Information, outputLength);
     uint8_t *deviceIdField = nullptr;
     RdpdrStreamPtr completion =
         BuildIoCompletion(GetDeviceId(), request.CompletionId, status, length, &deviceIdField);

@@ -60,8 +60,11 @@ void ClientPolicy::ParseFolderEntries(PolicyCursor entries)
             LOG_ERROR("Invalid folder length!");
             return;
         }
-        auto folder = FodrSharedFolder::Create(entries.Here(), pathLength, permission);
+        const uint8_t *path = entries.Here();
         entries.Skip(pathLength);
+        if (folders.size() >= kMostFolders || pathLength > kLongestPath)
+            continue;
+        auto folder = FodrSharedFolder::Create(path, pathLength, permission);
         if (!folder)
             continue;
         LOG_TRACE("Add: %s:%lu:%d", folder->Path(), static_cast<unsigned long>(pathLength),

@@ -9,6 +9,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -19,7 +20,22 @@ namespace {
 struct ReceivedPacket {
     RdpdrChannelManager *manager;
     RdpdrStream *stream;
+    PacketBudget *budget;
+    size_t cost;
 };
+
+// The packet without what nobody reads of it, if there is memory for that.
+void Shorten(RdpdrStream **stream)
+{
+    if (static_cast<size_t>((*stream)->Size()) <= kWaitingPacket)
+        return;
+    RdpdrStream *shorter = RdpdrStream::Create(kWaitingPacket);
+    if (!shorter)
+        return;
+    memcpy(shorter->Base(), (*stream)->Base(), kWaitingPacket);
+    RdpdrStream::Free(stream);
+    *stream = shorter;
+}
 
 std::string ReplyStatus(uint32_t resultCode)
 {
@@ -57,10 +73,9 @@ void RdpdrChannelManager::Shutdown()
             LOG_ERROR("Failed to stop drive watcher\n");
         driveWatcher.reset();
     }
+    // Packets that are still queued find no share from here on, and add none.
     CloseAllDevices();
     dataHandler.reset();
-    // A packet that was still queued may have added shares.
-    CloseAllDevices();
     // No task is left that could see these go.
     channel = nullptr;
     packetTrace = nullptr;
@@ -71,13 +86,14 @@ void RdpdrChannelManager::Shutdown()
 
 void RdpdrChannelManager::CloseAllDevices()
 {
-    std::map<uint32_t, Device> closing;
+    std::map<uint32_t, Device> taken;
     {
         OVMutexLock held(deviceTableLock);
-        closing.swap(devices);
+        closing = true;
+        taken.swap(devices);
     }
-    for (auto &[id, device] : closing)
-        device->CloseAllFiles();
+    for (auto &[id, device] : taken)
+        device->Retire();
 }
 
 int RdpdrChannelManager::GetClientVersion()
@@ -91,10 +107,13 @@ bool RdpdrChannelManager::OnDataReceived(RdpdrStream *stream)
         LOG_ERROR("Thread pool is not initialzed.\n");
         return false;
     }
-    auto *packet = new (std::nothrow) ReceivedPacket{this, stream};
+    const size_t cost = PacketBudget::CostOf(*stream);
+    auto *packet = new (std::nothrow) ReceivedPacket{this, stream, &packetBudget, cost};
     if (!packet)
         return false;
+    packetBudget.Take(cost);
     if (!dataHandler->SubmitTask(ProcessDataTask, packet)) {
+        packetBudget.GiveBack(cost);
         delete packet;
         return false;
     }
@@ -104,8 +123,14 @@ bool RdpdrChannelManager::OnDataReceived(RdpdrStream *stream)
 void RdpdrChannelManager::ProcessDataTask(void *record)
 {
     auto *packet = static_cast<ReceivedPacket *>(record);
+    if (MayWaitForEver(*packet->stream)) {
+        Shorten(&packet->stream);
+        packet->budget->GiveBack(std::exchange(packet->cost, 0));
+    }
     packet->manager->ProcessData(packet->stream);
     RdpdrStream::Free(&packet->stream);
+    if (packet->cost != 0)
+        packet->budget->GiveBack(packet->cost);
     delete packet;
 }
 
@@ -156,15 +181,16 @@ void RdpdrChannelManager::HandleDeviceIoRequest(RdpdrStream *stream)
     {
         OVMutexLock held(deviceTableLock);
         device = FindDevice(request.DeviceId);
-        if (!device) {
-            RdpdrStreamPtr completion = BuildIoCompletion(request.DeviceId, request.CompletionId,
-                                                          nt::STATUS_DEVICE_REMOVED, 0, nullptr);
-            if (completion)
-                Write(completion.get());
-            return;
-        }
     }
-    device->OnIoRequest(stream);
+    if (device) {
+        device->OnIoRequest(stream);
+        return;
+    }
+    // Out of the lock: a peer that reads slowly must not keep the requests of others waiting.
+    RdpdrStreamPtr completion =
+        BuildIoCompletion(request.DeviceId, request.CompletionId, nt::STATUS_DEVICE_REMOVED, 0, nullptr);
+    if (completion)
+        Write(completion.get());
 }
 
 void RdpdrChannelManager::HandleDeviceReply(RdpdrStream *stream)
@@ -203,7 +229,7 @@ void RdpdrChannelManager::HandleDeviceReply(RdpdrStream *stream)
     }
     // Out of the lock: this waits for the requests in flight.
     if (resultCode != 0)
-        device->CloseAllFiles();
+        device->Retire();
 
     const std::string message = ReplyStatus(resultCode);
     LOG_DEBUG("Notify ODPObserver with cookie [%s] for message [%s].\n", device->GetName().c_str(),

@@ -34,7 +34,7 @@ void RdpdrChannelManager::StartDriveWatcher(bool firstShare)
         return;
     }
     // A share that is gone again by now doesn't need it any more.
-    if (firstShare && HasShares() && !driveWatcher->Start(this))
+    if (firstShare && ShareCount() != 0 && !driveWatcher->Start(this))
         LOG_ERROR("Failed to start drive watcher\n");
 }
 
@@ -43,14 +43,14 @@ void RdpdrChannelManager::StopDriveWatcherIfUnused()
     OVMutexLock held(watcherLock);
     if (!driveWatcher)
         LOG_ERROR("Driver watcher not initialized\n");
-    else if (!HasShares() && !driveWatcher->Stop())
+    else if (ShareCount() == 0 && !driveWatcher->Stop())
         LOG_ERROR("Failed to stop drive watcher\n");
 }
 
-bool RdpdrChannelManager::HasShares()
+size_t RdpdrChannelManager::ShareCount()
 {
     OVMutexLock held(deviceTableLock);
-    return !devices.empty();
+    return devices.size();
 }
 
 void RdpdrChannelManager::AnnounceShare(const IRedirectedDevice &device, bool exists,
@@ -165,14 +165,17 @@ bool RdpdrChannelManager::RemoveSharedFolder(const std::string &path, const std:
     }
     StopDriveWatcherIfUnused();
     for (const auto &[id, device] : removed) {
-        if (!device->IsAvailable()) {
+        const bool announced = device->IsAvailable();
+        if (!announced) {
             LOG_INFO("No need to send drive removed message: friendly name = %s, ID = %d.\n", NameOf(device),
                      static_cast<int>(id));
-            continue;
+        } else {
+            LOG_INFO("Sending device removed message: friendly name = %s, ID = %d.\n", NameOf(device),
+                     static_cast<int>(id));
         }
-        LOG_INFO("Sending device removed message: friendly name = %s, ID = %d.\n", NameOf(device),
-                 static_cast<int>(id));
-        device->CloseAllFiles();
+        device->Retire();
+        if (!announced)
+            continue;
         SendDeviceRemove(id);
     }
     return !removed.empty();

@@ -68,6 +68,10 @@ void RdpdrChannelManager::AddPolicyFolders()
     // A picture of the list, since an add takes deviceTableLock, which comes before the policy's lock. The
     // list itself stays as it is meanwhile: it changes under stateLock alone.
     for (const ClientPolicy::Folder &folder : policy.load()->Folders()) {
+        if (ShareCount() >= kMostForPolicy) {
+            LOG_WARN("Too many shares for the folders of the policy.\n");
+            return;
+        }
         if (!folder.isAll) {
             AddSharedFolder(folder.path, "", true, folder.permission, "");
             continue;

@@ -4,6 +4,7 @@
 #include "fileservice/FileSystemImpl.h"
 #include "fileservice/RedirectedDeviceAccessControl.h"
 #include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/Nt.h"
 #include "rdpdr/LocalFolderLimit.h"
@@ -16,6 +17,7 @@
 
 #include <algorithm>
 #include <new>
+#include <unordered_set>
 #include <utility>
 
 namespace fodr {
@@ -211,6 +213,10 @@ std::optional<RdpdrChannelManager::ShareOutcome> RdpdrChannelManager::InsertShar
         return {};
     ShareOutcome outcome;
     outcome.exists = look.exists;
+    if (closing) {
+        outcome.statuses.push_back(kStatusInternalError);
+        return outcome;
+    }
     if (look.present) {
         LOG_INFO("%s|%s already added\n", request.path.c_str(), request.shareName.c_str());
         look.present->UpdateAllowAccessFileList(request.offer.files);
@@ -227,7 +233,8 @@ std::optional<RdpdrChannelManager::ShareOutcome> RdpdrChannelManager::InsertShar
     std::unique_ptr<IFileSystem> fileSystem =
         allowList ? AllowListFileSystem::Create(request.ntPath, allowList, rules)
                   : FileSystemImpl::Create(request.ntPath, rules);
-    if (!fileSystem || nextDeviceId > kDeviceNumberMask) { // numbers that fit the wire can run out
+    // Numbers that fit the wire can run out.
+    if (!fileSystem || nextDeviceId > kDeviceNumberMask || devices.size() >= kMostShares) {
         outcome.statuses.push_back(kStatusInternalError);
         return outcome;
     }
@@ -279,16 +286,18 @@ std::string RdpdrChannelManager::NameShare(const ShareRequest &request, std::vec
 
 std::string RdpdrChannelManager::GenerateFriendlyName(const std::string &path, const std::string &shareName)
 {
-    auto isTaken = [this](const std::string &name) REQUIRES(deviceTableLock) {
-        for (const auto &[id, device] : devices) {
-            if (UnicodeCompare(name.c_str(), device->GetFriendlyName().c_str(), true) == 0)
-                return true;
-        }
-        return false;
+    // Names that aren't text are never equal to any.
+    const auto folded = [](const std::string &name) {
+        std::u16string wide;
+        return Utf8ToUtf16(name, wide) ? FoldText(wide) : std::u16string();
     };
+    std::unordered_set<std::u16string> taken;
+    for (const auto &[id, device] : devices)
+        taken.insert(folded(device->GetFriendlyName()));
+    taken.erase(std::u16string());
     const std::string name = PlainFriendlyName(path, shareName);
     std::string candidate = name;
-    for (int n = 1; isTaken(candidate); ++n)
+    for (int n = 1; taken.contains(folded(candidate)); ++n)
         candidate = name + "(" + std::to_string(n) + ")";
     LOG_INFO("The friendly name generated for [%s] folder is [%s].\n", path.c_str(), candidate.c_str());
     return candidate;

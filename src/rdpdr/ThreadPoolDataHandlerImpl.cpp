@@ -32,9 +32,10 @@ bool ThreadPoolDataHandlerImpl::SubmitTask(void (*callback)(void *), void *conte
     if (!task)
         return false;
     LOG_DEBUG("Submitting task %p.\n", static_cast<void *>(task));
-    // A pool that refuses loses the task, record and all: the result tells of the record alone.
-    [[maybe_unused]] bool queued = pool->Submit(StaticTaskWorker, task);
-    return true;
+    if (pool->Submit(StaticTaskWorker, task))
+        return true;
+    delete task;
+    return false;
 }
 
 void ThreadPoolDataHandlerImpl::StaticTaskWorker(void *record)

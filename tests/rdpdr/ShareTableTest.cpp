@@ -323,6 +323,32 @@ TEST_F(LocalShares, TheRootOfAllIsAShareLikeAnyOther)
     EXPECT_TRUE(manager.RemoveSharedFolder("/", "", "c"));
 }
 
+// A policy as large as a frame, of folders that are all named alike, and again with others.
+TEST_F(LocalShares, AnAgentsPolicyFillsNoMoreThanItsPartOfTheTable)
+{
+    const auto block = [&](const std::string &where, size_t count) {
+        Policy policy;
+        for (size_t n = 0; n < count; ++n)
+            policy.folders.push_back(
+                {5, Folder(where + std::to_string(n) + platform::LocalSeparator() + "same")});
+        Bytes bytes = policy.Block(6);
+        // Entries without a path up to 16 MiB.
+        const size_t empty = (16 << 20) / 8;
+        const uint32_t length = LoadLittle<uint32_t>(bytes.data() + 8) + static_cast<uint32_t>(8 * empty);
+        StoreLittle(bytes.data() + 8, length);
+        bytes.insert(bytes.end() - 4, 8 * empty, 0);
+        return bytes;
+    };
+    LogOn(6);
+    Feed(PolicyPacket(block("a", RdpdrChannelManager::kMostForPolicy - 1)));
+    Feed(PolicyPacket(block("b", 10)));
+    EXPECT_EQ(TakeShares().size(), RdpdrChannelManager::kMostForPolicy);
+    // The user's own have room.
+    for (size_t n = RdpdrChannelManager::kMostForPolicy; n < RdpdrChannelManager::kMostShares; ++n)
+        ASSERT_EQ(Add(Folder("own" + std::to_string(n))), Strings{}) << n;
+    EXPECT_EQ(Add(Folder("one-more")), Strings{"Internal system error"});
+}
+
 TEST_F(ShareTable, ThePolicyMarksSharesReadOnly)
 {
     for (uint8_t permission : {uint8_t{5}, uint8_t{1}}) {

@@ -71,9 +71,11 @@ void TaskPool::Impl::Become(Worker &worker, State state)
 {
     searching -= worker.state == State::Searching;
     running -= worker.state == State::Running;
+    blocked -= worker.state == State::Blocked;
     worker.state = state;
     searching += state == State::Searching;
     running += state == State::Running;
+    blocked += state == State::Blocked;
     worker.stretch += state == State::Running;
 }
 
@@ -99,7 +101,7 @@ TaskPool::Impl::Orders TaskPool::Impl::CallWorker()
         Become(*worker, State::Searching);
         return {worker, nullptr};
     }
-    Worker *worker = threads < limit ? UnusedRecord() : nullptr;
+    Worker *worker = HasRoom() ? UnusedRecord() : nullptr;
     if (!worker)
         return {};
     ++threads;
@@ -143,17 +145,24 @@ bool TaskPool::Impl::CarryOut(Orders orders)
     return false;
 }
 
-void TaskPool::Impl::EnterBlocking()
+bool TaskPool::Impl::EnterBlocking()
 {
     Worker *self = ownWorker;
-    if (!self || self->blockingDepth++ > 0)
-        return;
+    if (!self || self->blockingDepth > 0) {
+        if (self)
+            ++self->blockingDepth;
+        return true;
+    }
+    if (!TakeWaitingPlace())
+        return false;
+    self->blockingDepth = 1;
     Impl &pool = *self->pool;
     Lock lock(pool.mutex);
     pool.Become(*self, State::Blocked);
     const Orders orders = pool.CallHelp();
     lock.unlock();
     pool.CarryOut(orders);
+    return true;
 }
 
 void TaskPool::Impl::LeaveBlocking()
@@ -161,6 +170,7 @@ void TaskPool::Impl::LeaveBlocking()
     Worker *self = ownWorker;
     if (!self || --self->blockingDepth > 0)
         return;
+    LeaveWaitingPlace();
     Lock lock(self->pool->mutex);
     self->pool->Become(*self, State::Running);
 }
@@ -181,14 +191,12 @@ size_t TaskPool::ThreadCount() const
     return impl->ThreadCount();
 }
 
-TaskPool::BlockingSection::BlockingSection()
-{
-    Impl::EnterBlocking();
-}
+TaskPool::BlockingSection::BlockingSection() : granted(Impl::EnterBlocking()) {}
 
 TaskPool::BlockingSection::~BlockingSection()
 {
-    Impl::LeaveBlocking();
+    if (granted)
+        Impl::LeaveBlocking();
 }
 
 } // namespace fodr::platform
