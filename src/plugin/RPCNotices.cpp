@@ -18,6 +18,13 @@ RPCPluginInstance *InstanceOf(void *userData)
     return static_cast<RPCPluginInstance *>(userData);
 }
 
+// A late notice may tell of an object that is gone by now.
+int32_t StateOf(const RPCManager &manager, const HostHandle &object)
+{
+    void *handle = object.Get();
+    return handle ? manager.objectApi.GetObjectState(handle) : OBJECT_DISCONNECTED;
+}
+
 } // namespace
 
 void RPCManager::OnConnectionStateChanged(void *userData, int32_t current, int32_t reported)
@@ -75,8 +82,8 @@ void RPCManager::OnPeerChannelObjectCreated(void *userData, const char *name)
 {
     RPCPluginInstance *instance = InstanceOf(userData);
     RPCManager *manager = instance->manager;
-    LOG_INFO("Peer channel object \"%s\" created\n", name);
-    if (manager->isServer)
+    LOG_INFO("Peer channel object \"%s\" created\n", name ? name : "");
+    if (manager->isServer || !name)
         return;
     if (std::strcmp(name, manager->controlObjName) == 0)
         instance->ChannelControlObjCreate(manager->controlObjName);
@@ -103,7 +110,7 @@ void RPCManager::OnChannelControlObjectStateChanged(void *userData)
 {
     RPCPluginInstance *instance = InstanceOf(userData);
     RPCManager *manager = instance->manager;
-    int32_t state = manager->objectApi.GetObjectState(instance->controlObj);
+    int32_t state = StateOf(*manager, instance->controlObj);
     LOG_INFO("Channel object \"%s\" is now %s\n", instance->controlObjName, ObjectStateName(state).c_str());
     switch (state) {
     case OBJECT_DISCONNECTED:
@@ -124,7 +131,7 @@ void RPCManager::OnChannelDataObjectStateChanged(void *userData)
 {
     RPCPluginInstance *instance = InstanceOf(userData);
     RPCManager *manager = instance->manager;
-    int32_t state = manager->objectApi.GetObjectState(instance->dataObj);
+    int32_t state = StateOf(*manager, instance->dataObj);
     LOG_INFO("Channel object \"%s\" is now %s\n", instance->dataObjName, ObjectStateName(state).c_str());
     switch (state) {
     case OBJECT_DISCONNECTED:

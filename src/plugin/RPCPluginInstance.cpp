@@ -129,11 +129,11 @@ void RPCPluginInstance::OnChannelDisconnected()
         connectFailedEvent.Set();
         OnConnectFailed();
     }
-    if (dataObj) {
+    if (dataObj.Get()) {
         dataObjConnected = false;
         ChannelObjDestroy(dataObjName, &dataObj);
     }
-    if (controlObj) {
+    if (controlObj.Get()) {
         controlObjConnected = false;
         ChannelObjDestroy(controlObjName, &controlObj);
     }
@@ -185,28 +185,27 @@ uint32_t RPCPluginInstance::ObjectFlags(bool tcpSide, bool vchanSide)
 }
 
 bool RPCPluginInstance::ChannelObjCreate(const char *name, const ObjectSink *sink, bool tcpSide,
-                                         bool vchanSide, std::atomic<void *> *handle)
+                                         bool vchanSide, HostHandle *handle)
 {
     if (RefuseInStreamMode("ChannelObjCreate") || !handle)
         return false;
-    if (*handle) {
+    if (handle->Get()) {
         LOG_ERROR("Channel object \"%s\" already created\n", name);
         return false;
     }
     tcpSideChannel = tcpSide;
     vchanSideChannel = vchanSide;
     uint32_t flags = ObjectFlags(tcpSide, vchanSide);
-    void *created = nullptr;
-    if (!manager->objectApi.CreateObject(name, sink, this, flags, &created)) {
+    if (!manager->objectApi.CreateObject(name, sink, this, flags, handle->Slot())) {
+        handle->Clear();
         LOG_ERROR("Failed to create channel object \"%s\"\n", name);
         return false;
     }
-    *handle = created;
     LOG_INFO("Channel object \"%s\" created with flags 0x%x\n", name, flags);
     return true;
 }
 
-bool RPCPluginInstance::ChannelObjDestroy(const char *name, std::atomic<void *> *handle)
+bool RPCPluginInstance::ChannelObjDestroy(const char *name, HostHandle *handle)
 {
     if (RefuseInStreamMode("ChannelObjDestroy"))
         return false;
@@ -215,17 +214,16 @@ bool RPCPluginInstance::ChannelObjDestroy(const char *name, std::atomic<void *> 
         return false;
     }
     bool done = true;
-    // Cleared first: a sender on another thread must not pick a handle that is on its way out.
-    if (void *object = handle->exchange(nullptr)) {
+    if (void *object = handle->TakeForDestruction()) {
         done = manager->objectApi.DestroyObject(object);
+        handle->Clear();
         if (done)
             LOG_INFO("Channel object \"%s\" destroyed\n", name);
         else
             LOG_ERROR("Failed to destroy channel object \"%s\"\n", name);
     }
-    if (ready) {
+    if (ready.exchange(false)) {
         readyEvent.Reset();
-        ready = false;
         OnNotReady();
     }
     return done;
@@ -233,10 +231,9 @@ bool RPCPluginInstance::ChannelObjDestroy(const char *name, std::atomic<void *> 
 
 void RPCPluginInstance::BecomeReadyIfBothConnected()
 {
-    if (!controlObjConnected || !dataObjConnected || ready)
+    if (!controlObjConnected || !dataObjConnected || ready.exchange(true))
         return;
     readyEvent.Set();
-    ready = true;
     OnReady();
 }
 

@@ -99,7 +99,7 @@ void RPCManager::OnDataObjectConnected(RPCPluginInstance *instance)
     bool boltAllowed = false;
     if (objectApi.GetObjectOptions) {
         uint32_t given = 0;
-        if (objectApi.GetObjectOptions(instance->dataObj, &given)) {
+        if (objectApi.GetObjectOptions(instance->dataObj.Get(), &given)) {
             LOG_DEBUG("DataObj options = 0x%08x\n", given);
             if ((given & ODP_OPTION_BOLT) && channelApi.GetSessionType() == SESSION_FLARE)
                 boltAllowed = boltSupported;
@@ -164,7 +164,7 @@ void RPCManager::ChooseBySettings(RPCPluginInstance *instance, uint32_t options,
 
 void RPCManager::RequestSideChannel(RPCPluginInstance *instance, int32_t type)
 {
-    objectApi.RequestSideChannel(instance->dataObj, type, tokenName);
+    objectApi.RequestSideChannel(instance->dataObj.Get(), type, tokenName);
 }
 
 } // namespace fodr

@@ -103,10 +103,9 @@ bool RdpdrChannelManager::OnDataReceived(RdpdrStream *stream)
 
 void RdpdrChannelManager::ProcessDataTask(void *record)
 {
-    auto *packet = static_cast<ReceivedPacket *>(record);
-    packet->manager->ProcessData(packet->stream);
-    RdpdrStream::Free(&packet->stream);
-    delete packet;
+    const std::unique_ptr<ReceivedPacket> packet(static_cast<ReceivedPacket *>(record));
+    const RdpdrStreamPtr stream(packet->stream);
+    packet->manager->ProcessData(stream.get());
 }
 
 bool RdpdrChannelManager::ProcessData(RdpdrStream *stream)
