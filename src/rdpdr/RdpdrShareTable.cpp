@@ -120,6 +120,10 @@ bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::st
     }
     FolderOffer offer = NeedsAccessControl(shareName) ? LocalFolderLimit().OfferOfFiles(path, allowList)
                                                       : FolderOffer{LocalFolderLimit().Allows(path), {}};
+    if (!offer.whole && offer.files.empty()) {
+        Notify(cookie.c_str(), kStatusNoFolder);
+        return false;
+    }
     const ShareRequest request{path, cookie,        driveLetterShare, permission,       shareName,
                                type, policyApplies, ToNtPath(path),   std::move(offer), ReadShareRules()};
     std::optional<ShareOutcome> outcome;
@@ -184,8 +188,6 @@ RdpdrChannelManager::FolderLook RdpdrChannelManager::LookAtFolder(const ShareReq
         look.present = *found;
         return look;
     }
-    if (!request.offer.whole && request.offer.files.empty())
-        return look;
     const uint32_t matching = NeedsAccessControl(request.shareName) ? 0 : nt::OBJ_CASE_INSENSITIVE;
     look.exact = FolderExists(request.ntPath, 0);
     look.exists = look.exact || (matching != 0 && FolderExists(request.ntPath, matching));
