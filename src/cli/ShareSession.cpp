@@ -34,6 +34,12 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
     return channel;
 }
 
+bool IsAtOrBelow(const std::string &path, const std::string &folder)
+{
+    const std::string inside = folder.ends_with('/') ? folder : folder + "/";
+    return path == folder || path.starts_with(inside);
+}
+
 } // namespace
 
 ShareSession::ShareSession(const ShareOptions &shareOptions,
@@ -73,10 +79,10 @@ bool ShareSession::Prepare()
         }
         for (const SharedFolder &shared : options.folders) {
             for (const std::string &path : shared.Paths()) {
-                if (path != mountPoint->Path() && !(path + "/").starts_with(mountPoint->Path() + "/"))
+                problem = MountConflict(path);
+                if (problem.empty())
                     continue;
-                Fail(EXIT_MOUNT_POINT, "the mount point \"" + mountPoint->Path() + "\" would hide \"" + path +
-                                           "\" itself: choose a folder elsewhere");
+                Fail(EXIT_MOUNT_POINT, problem);
                 return false;
             }
         }
@@ -86,6 +92,21 @@ bool ShareSession::Prepare()
         return false;
     }
     return StartPlugin() && StartControl();
+}
+
+// A mount that shows itself has no end; one that hides what it shows has no beginning.
+std::string ShareSession::MountConflict(const std::string &path) const
+{
+    const std::string mount = mountPoint ? mountPoint->Path() : "";
+    if (mount.empty())
+        return {};
+    if (IsAtOrBelow(path, mount))
+        return "the mount point \"" + mount + "\" would hide \"" + path +
+               "\" itself: choose a folder elsewhere";
+    if (IsAtOrBelow(mount, path))
+        return "the mount point \"" + mount + "\" lies in \"" + path +
+               "\", which would show itself: choose a folder elsewhere";
+    return {};
 }
 
 bool ShareSession::StartPlugin()
@@ -119,6 +140,7 @@ bool ShareSession::StartPlugin()
     FollowSettings();
     host::ChannelOptions channelOptions = ChannelOptionsFor(options);
     channelOptions.onBlock = [this](const transport::Parameter &packet) {
+        lastPacket = Clock::now();
         traffic.Count(packet.block.data(), packet.block.size(), packet.block.size() + packet.tail.size());
     };
     channel = std::make_unique<host::HostChannel>(host.get(), channelOptions,
@@ -383,9 +405,7 @@ void ShareSession::HandleTimer()
         sideError = "the other side didn't mount the shares in time";
         channel->Close(sideError);
     } else if (phase == Phase::Ending) {
-        Complain("the agent doesn't finish; what it hasn't written yet is lost");
-        exitCode = exitCode == EXIT_DONE ? EXIT_LOST : exitCode;
-        channel->Close("the agent doesn't finish");
+        GiveUpSilentAgent();
     }
 }
 

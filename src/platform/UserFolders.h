@@ -28,6 +28,10 @@ void SetEnvironment(const char *name, const std::string &value);
 // Where the settings store of this user is read from.
 std::string SettingsFolder();
 
+// Makes a settings folder of this user's own where the machine's is the only one and can't be written, with a
+// copy of what the machine's holds, so that nothing changes by it. The folder, or empty when none was made.
+std::string MakeSettingsFolder();
+
 // A terminal that obeys escape sequences.
 bool ErrorOutputIsTerminal();
 

@@ -99,6 +99,11 @@ std::string SettingsFolder()
     return "HKEY_LOCAL_MACHINE";
 }
 
+std::string MakeSettingsFolder()
+{
+    return {}; // the registry needs none
+}
+
 bool ErrorOutputIsTerminal()
 {
     return ObeysEscapes(GetStdHandle(STD_ERROR_HANDLE));
