@@ -315,6 +315,8 @@ void ShareSession::OnSideChannelFailed(const std::string &reason)
 {
     queue.Post([this, reason] {
         sideError = "the side channel could not be opened: " + reason;
+        if (options.target.kind != AgentTarget::Kind::Local)
+            sideError += "; an agent offers it to its own machine alone, unless --side-address says where";
         channel->Close(sideError); // by its rules the plug-in has given up the channel
     });
 }
@@ -332,7 +334,7 @@ void ShareSession::HandleNotice(transport::NoticeKind kind, const std::string &t
         CheckReady();
         break;
     case transport::NoticeKind::Warning:
-        Complain(text);
+        warnings.Warn(text);
         break;
     case transport::NoticeKind::Error:
         agentError = text;
@@ -393,7 +395,7 @@ void ShareSession::HandleAgentLine(const std::string &line)
     const std::lock_guard<std::mutex> held(linesLock);
     lastAgentLine = line;
     if (options.verbose)
-        Complain(line);
+        warnings.Warn(line);
 }
 
 void ShareSession::HandleTimer()

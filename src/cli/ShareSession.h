@@ -6,8 +6,10 @@
 
 #include "agent/PacketTraffic.h"
 #include "cli/AgentStarter.h"
+#include "cli/Console.h"
 #include "cli/MountPoint.h"
 #include "cli/ShareOptions.h"
+#include "cli/WarningCounter.h"
 #include "host/ControlServer.h"
 #include "host/EventQueue.h"
 #include "host/FolderShares.h"
@@ -125,6 +127,7 @@ private:
 
     const ShareOptions options;
     const std::string folder;
+    WarningCounter warnings{Complain}; // of the agent
     host::EventQueue queue;
     const std::unique_ptr<host::PrivateSettings> settings; // posts to the queue
     std::unique_ptr<host::PluginHost> host;

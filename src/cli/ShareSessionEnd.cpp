@@ -221,6 +221,7 @@ void ShareSession::CleanUp()
     if (mountPoint && !mountPoint->Clear())
         Complain("the mount at \"" + mountPoint->Path() + "\" can't be taken away: unmount it");
     mountPoint.reset();
+    warnings.ShowCounts();
     ShowProgress("");
 }
 
