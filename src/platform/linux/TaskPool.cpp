@@ -42,7 +42,8 @@ bool TaskPool::Impl::Submit(void (*callback)(void *), void *context)
 {
     Lock lock(mutex);
     // Threads that are only being made may not come to be: whoever relies on them waits for the outcome.
-    startSettled.wait(lock, [this] { return starting == 0 || threads > starting; });
+    const auto isSettled = [this] { return starting == 0 || threads > starting; };
+    startSettled.wait(lock, isSettled);
     const uint64_t number = ++submitted;
     try {
         queue.push_back({callback, context, number});
@@ -55,6 +56,7 @@ bool TaskPool::Impl::Submit(void (*callback)(void *), void *context)
     if (CarryOut(orders))
         return true;
     lock.lock();
+    startSettled.wait(lock, isSettled);
     if (threads != 0)
         return true; // the others get round to it
     const auto mine = std::find_if(queue.begin(), queue.end(),

@@ -65,6 +65,11 @@ std::string TemporaryFolder()
     return folder.ends_with('/') ? folder : folder + '/';
 }
 
+bool TemporaryFolderIsPerSession()
+{
+    return false;
+}
+
 std::string ServiceLogFolder()
 {
     return "/var/log/orvane/";

@@ -66,6 +66,11 @@ std::string TemporaryFolder()
     return length == 0 || length > 1024 ? std::string() : Narrow(std::wstring_view(path, length));
 }
 
+bool TemporaryFolderIsPerSession()
+{
+    return true;
+}
+
 std::string ServiceLogFolder()
 {
     return Narrow(KnownFolder(FOLDERID_ProgramData)) + "\\Orvane\\ODM\\logs\\";
