@@ -17,7 +17,7 @@ constexpr auto kSilenceLimit = 3s; // within that time without a packet
 constexpr int kDeafExitMS = 500;   // for the process of an agent that was given up
 constexpr auto kFirstRetry = 500ms;
 constexpr auto kLongestRetry = 30s;
-constexpr int kAgentExitLimitMS = 5000; // between the end of its stream and its own
+constexpr int kAgentExitLimitMS = 4000; // between the end of its stream and its own
 constexpr int kSshFailed = 255;
 constexpr int kNoSuchCommand = 127;
 
