@@ -4,6 +4,7 @@
 #include "plugin/RPCManager.h"
 #include "rdpdr/PacketTrace.h"
 #include "rdpdr/wire/RdpdrStream.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 #include "runtime/NoThrow.h"
 
@@ -46,7 +47,8 @@ FodrClientPlugin::FodrClientPlugin(RPCManager *owner, FodrLogger *clientLogger)
     LOG_TRACE("FodrClientPlugin instance created\n");
     channelManager.Initialize(this, logger);
     if (owner->QueryHostInterface(ODP_OBSERVER, &observerApi))
-        observerId = observerApi.Subscribe(kCommandMessage, &channelManager, NoThrow<OnSharedFolderCommand>::Call);
+        observerId =
+            observerApi.Subscribe(kCommandMessage, &channelManager, NoThrow<OnSharedFolderCommand>::Call);
     else
         LOG_ERROR("query ODPService observer interface error.\n");
     bandwidthCounter.reset(new (std::nothrow) BandwidthCounter);
@@ -73,6 +75,7 @@ FodrClientPlugin::~FodrClientPlugin()
 
 void FodrClientPlugin::OnInvoke(void *context)
 {
+    FODR_TRACE_FUNCTION();
     OwnedVariant parameter(variantApi);
     if (dataChannelOptions == 0) {
         uint32_t options = 0;
@@ -119,6 +122,7 @@ void FodrClientPlugin::ReceiveBlock(const Variant &value)
 
 bool FodrClientPlugin::WriteChannel(RdpdrStream *packet)
 {
+    FODR_TRACE_FUNCTION();
     void *message = nullptr;
     uint32_t options = dataChannelOptions & kMessageOptions;
     if (options != 0) {
@@ -146,6 +150,7 @@ bool FodrClientPlugin::WriteChannel(RdpdrStream *packet)
 
 bool FodrClientPlugin::NotifyODPObserver(const char *cookie, const char *message)
 {
+    FODR_TRACE_FUNCTION();
     LOG_DEBUG("sending msg [%s] with cookie [%s].\n", message, cookie ? cookie : "");
     if (!observerApi.Send) {
         LOG_ERROR("Broadcast message error.\n");

@@ -2,6 +2,7 @@
 
 #include "platform/Threads.h"
 #include "plugin/RPCPluginInstance.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 #include "runtime/NoThrow.h"
 
@@ -29,6 +30,7 @@ RPCManager::~RPCManager() = default;
 
 bool RPCManager::QueryHostInterface(uint16_t interfaceNumber, void *table) const
 {
+    FODR_TRACE_FUNCTION();
     if (!hostRecord.QueryInterface)
         return false;
     const OdpGuid identifier = ODP_GUID_INITIALIZER(interfaceNumber);
@@ -46,6 +48,7 @@ bool RPCManager::QueryNewest(std::initializer_list<uint16_t> interfaceNumbers, v
 
 bool RPCManager::Init(bool asServer, const PluginHostRecord *record)
 {
+    FODR_TRACE_FUNCTION();
     // The record stays only when everything needed was found; what a failed attempt filled stays filled.
     hostRecord = *record;
     if (QueryAll(asServer)) {
@@ -114,6 +117,7 @@ bool RPCManager::ODPPluginInit(const PluginHostRecord *record)
 
 void RPCManager::ClientInit(const PluginHostRecord *record)
 {
+    FODR_TRACE_FUNCTION();
     if (initialized) {
         LOG_ERROR("Already initialized\n");
         return;
@@ -136,6 +140,7 @@ void RPCManager::ClientInit(const PluginHostRecord *record)
 
 bool RPCManager::ODPPluginExit()
 {
+    FODR_TRACE_FUNCTION();
     LOG_INFO("Plugin with token %s is exiting.\n", tokenName);
     ClientExit();
     OnPluginExit();
@@ -144,6 +149,7 @@ bool RPCManager::ODPPluginExit()
 
 void RPCManager::ClientExit()
 {
+    FODR_TRACE_FUNCTION();
     if (!initialized) {
         LOG_ERROR("Not initialized\n");
         return;
@@ -155,6 +161,7 @@ void RPCManager::ClientExit()
 
 bool RPCManager::ODPPluginCreateInstance(void *channel, void **instance)
 {
+    FODR_TRACE_FUNCTION();
     if (!initialized) {
         LOG_WARN("Plugin is not initialized yet.\n");
         return false;
@@ -167,6 +174,7 @@ bool RPCManager::ODPPluginCreateInstance(void *channel, void **instance)
 
 bool RPCManager::ODPPluginDestroyInstance(RPCPluginInstance *instance)
 {
+    FODR_TRACE_FUNCTION();
     instance->ChannelDisconnect();
     instance->UnregisterChannelSink();
     DestroyPluginInstance(instance);

@@ -1,6 +1,7 @@
 // RPCManager: the notices of connection, channel and objects.
 #include "plugin/RPCManager.h"
 #include "plugin/RPCPluginInstance.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <atomic>
@@ -29,6 +30,7 @@ int32_t StateOf(const RPCManager &manager, const HostHandle &object)
 
 void RPCManager::OnConnectionStateChanged(void *userData, int32_t current, int32_t reported)
 {
+    FODR_TRACE_FUNCTION();
     RPCPluginInstance *instance = InstanceOf(userData);
     LOG_INFO("Connection is now %s\n", ConnectionStateName(reported).c_str());
     if (current != reported)
@@ -51,6 +53,7 @@ void RPCManager::OnConnectionStateChanged(void *userData, int32_t current, int32
 // Unlike the connection notice this one acts on the state it reports, not on the current one.
 void RPCManager::OnChannelStateChanged(void *userData, int32_t current, int32_t reported)
 {
+    FODR_TRACE_FUNCTION();
     RPCPluginInstance *instance = InstanceOf(userData);
     RPCManager *manager = instance->manager;
     LOG_INFO("Channel is now %s\n", ConnectionStateName(reported).c_str());
@@ -80,6 +83,7 @@ void RPCManager::OnChannelStateChanged(void *userData, int32_t current, int32_t 
 
 void RPCManager::OnPeerChannelObjectCreated(void *userData, const char *name)
 {
+    FODR_TRACE_FUNCTION();
     RPCPluginInstance *instance = InstanceOf(userData);
     RPCManager *manager = instance->manager;
     LOG_INFO("Peer channel object \"%s\" created\n", name ? name : "");
@@ -108,6 +112,7 @@ void RPCManager::OnMsgAbort(void *userData, uint32_t requestId, uint8_t userCanc
 
 void RPCManager::OnChannelControlObjectStateChanged(void *userData)
 {
+    FODR_TRACE_FUNCTION();
     RPCPluginInstance *instance = InstanceOf(userData);
     RPCManager *manager = instance->manager;
     int32_t state = StateOf(*manager, instance->controlObj);
@@ -129,6 +134,7 @@ void RPCManager::OnChannelControlObjectStateChanged(void *userData)
 
 void RPCManager::OnChannelDataObjectStateChanged(void *userData)
 {
+    FODR_TRACE_FUNCTION();
     RPCPluginInstance *instance = InstanceOf(userData);
     RPCManager *manager = instance->manager;
     int32_t state = StateOf(*manager, instance->dataObj);

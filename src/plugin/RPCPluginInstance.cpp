@@ -1,6 +1,7 @@
 #include "plugin/RPCPluginInstance.h"
 
 #include "plugin/RPCManager.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <cstdio>
@@ -43,6 +44,7 @@ bool RPCPluginInstance::RefuseInStreamMode(const char *operation) const
 
 bool RPCPluginInstance::RegisterChannelSink(void *hostChannel)
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("RegisterChannelSink"))
         return false;
     if (sinkId != kNoSink) {
@@ -64,6 +66,7 @@ bool RPCPluginInstance::RegisterChannelSink(void *hostChannel)
 
 bool RPCPluginInstance::UnregisterChannelSink()
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("UnregisterChannelSink"))
         return false;
     if (sinkId == kNoSink) {
@@ -86,6 +89,7 @@ bool RPCPluginInstance::UnregisterChannelSink()
 
 bool RPCPluginInstance::ChannelConnect()
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("ChannelConnect"))
         return false;
     if (!manager->channelApi.Connect()) {
@@ -99,6 +103,7 @@ bool RPCPluginInstance::ChannelConnect()
 
 bool RPCPluginInstance::ChannelDisconnect()
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("ChannelDisconnect"))
         return false;
     bool done = true;
@@ -122,6 +127,7 @@ void RPCPluginInstance::OnChannelConnected()
 
 void RPCPluginInstance::OnChannelDisconnected()
 {
+    FODR_TRACE_FUNCTION();
     bool attemptFailed = channelConnecting && !channelConnected;
     channelConnecting = false;
     channelConnected = false;
@@ -141,6 +147,7 @@ void RPCPluginInstance::OnChannelDisconnected()
 
 void RPCPluginInstance::ChannelControlObjCreate(const char *name)
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("ChannelControlObjCreate") || !name || !*name)
         return;
     std::snprintf(controlObjName, sizeof(controlObjName), "%s", name);
@@ -150,6 +157,7 @@ void RPCPluginInstance::ChannelControlObjCreate(const char *name)
 
 void RPCPluginInstance::ChannelDataObjCreate(const char *name)
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("ChannelDataObjCreate") || !name || !*name)
         return;
     std::snprintf(dataObjName, sizeof(dataObjName), "%s", name);
@@ -187,6 +195,7 @@ uint32_t RPCPluginInstance::ObjectFlags(bool tcpSide, bool vchanSide)
 bool RPCPluginInstance::ChannelObjCreate(const char *name, const ObjectSink *sink, bool tcpSide,
                                          bool vchanSide, HostHandle *handle)
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("ChannelObjCreate") || !handle)
         return false;
     if (handle->Get()) {
@@ -207,6 +216,7 @@ bool RPCPluginInstance::ChannelObjCreate(const char *name, const ObjectSink *sin
 
 bool RPCPluginInstance::ChannelObjDestroy(const char *name, HostHandle *handle)
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("ChannelObjDestroy"))
         return false;
     if (!handle) {
