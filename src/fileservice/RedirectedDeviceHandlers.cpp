@@ -2,6 +2,7 @@
 #include "fileservice/IPreReader.h"
 #include "fileservice/RedirectedDevice.h"
 #include "rdpdr/wire/CompletionBuilder.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>
@@ -34,6 +35,7 @@ bool IsCut(const RdpdrStream &packet, uint32_t length)
 
 bool RedirectedDevice::HandleRead(const Request &request)
 {
+    FODR_TRACE_FUNCTION();
     auto read = request.Body<DR_READ_REQ>();
     IO_STATUS_BLOCK ioStatus{};
     uint8_t *block = nullptr;
@@ -44,6 +46,7 @@ bool RedirectedDevice::HandleRead(const Request &request)
 
 bool RedirectedDevice::HandleWrite(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto write = request.Body<DR_WRITE_REQ>();
     if (IsCut(packet, write.Length))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);
@@ -55,6 +58,7 @@ bool RedirectedDevice::HandleWrite(const Request &request, RdpdrStream &packet)
 
 bool RedirectedDevice::HandleQueryInformation(const Request &request)
 {
+    FODR_TRACE_FUNCTION();
     auto query = request.Body<DR_DRIVE_QUERY_INFORMATION_REQ>();
     IO_STATUS_BLOCK ioStatus{};
     uint8_t *block = nullptr;
@@ -67,6 +71,7 @@ bool RedirectedDevice::HandleQueryInformation(const Request &request)
 
 bool RedirectedDevice::HandleQueryVolumeInformation(const Request &request)
 {
+    FODR_TRACE_FUNCTION();
     auto query = request.Body<DR_DRIVE_QUERY_VOLUME_INFORMATION_REQ>();
     IO_STATUS_BLOCK ioStatus{};
     uint8_t *block = nullptr;
@@ -79,6 +84,7 @@ bool RedirectedDevice::HandleQueryVolumeInformation(const Request &request)
 
 bool RedirectedDevice::HandleSetInformation(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto set = request.Body<DR_DRIVE_SET_INFORMATION_REQ>();
     if (IsCut(packet, set.Length))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);
@@ -108,6 +114,7 @@ bool RedirectedDevice::HandleSetInformation(const Request &request, RdpdrStream 
 
 bool RedirectedDevice::HandleSetVolumeInformation(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto set = request.Body<DR_DRIVE_SET_VOLUME_INFORMATION_REQ>();
     if (IsCut(packet, set.Length))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);
@@ -129,6 +136,7 @@ bool RedirectedDevice::HandleSetVolumeInformation(const Request &request, RdpdrS
 
 bool RedirectedDevice::HandleDeviceControl(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto control = request.Body<DR_CONTROL_REQ>();
     if (IsCut(packet, control.InputBufferLength))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);

@@ -5,6 +5,7 @@
 #include "rdpdr/wire/CompletionBuilder.h"
 #include "rdpdr/wire/IRdpdrChannel.h"
 #include "rdpdr/wire/RdpdrRecords.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <cinttypes>
@@ -51,6 +52,7 @@ bool RdpdrChannelManager::Initialize(IRdpdrChannel *packetChannel, FodrLogger *t
 
 void RdpdrChannelManager::Shutdown()
 {
+    FODR_TRACE_FUNCTION();
     {
         OVMutexLock held(watcherLock);
         if (driveWatcher && !driveWatcher->Stop())
@@ -71,6 +73,7 @@ void RdpdrChannelManager::Shutdown()
 
 void RdpdrChannelManager::CloseAllDevices()
 {
+    FODR_TRACE_FUNCTION();
     std::map<uint32_t, Device> closing;
     {
         OVMutexLock held(deviceTableLock);
@@ -87,6 +90,7 @@ int RdpdrChannelManager::GetClientVersion()
 
 bool RdpdrChannelManager::OnDataReceived(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     if (!dataHandler) {
         LOG_ERROR("Thread pool is not initialzed.\n");
         return false;
@@ -110,6 +114,7 @@ void RdpdrChannelManager::ProcessDataTask(void *record)
 
 bool RdpdrChannelManager::ProcessData(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     stream->SetPosition(0);
     auto header = ReadRecord<RDPDR_HEADER>(*stream);
     if (header.Component == RDPDR_CTYP_PRIVATE) {
@@ -146,6 +151,7 @@ bool RdpdrChannelManager::ProcessData(RdpdrStream *stream)
 
 void RdpdrChannelManager::HandleDeviceIoRequest(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     if (!stream->SetPosition(kHeaderEnd))
         return;
     auto request = ReadRecord<DR_DEVICE_IOREQUEST>(*stream);
@@ -168,6 +174,7 @@ void RdpdrChannelManager::HandleDeviceIoRequest(RdpdrStream *stream)
 
 void RdpdrChannelManager::HandleDeviceReply(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     if (!stream->SetPosition(kHeaderEnd)) {
         LOG_WARN("Set the stream position error.\n");
         return;

@@ -12,6 +12,7 @@
 #include "rdpdr/ShareFolders.h"
 #include "rdpdr/ShareRuleSettings.h"
 #include "rdpdr/wire/RdpdrRecords.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>
@@ -100,6 +101,7 @@ bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::st
                                           const std::string &shareName,
                                           const std::vector<std::string> &allowList)
 {
+    FODR_TRACE_FUNCTION();
     LOG_TRACE("Raw sharePath = %s, shareName = %s,", path.c_str(), shareName.c_str());
     if (path.empty()) {
         LOG_ERROR("Empty folder path to be shared.\n");
@@ -141,6 +143,7 @@ bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::st
 
 bool RdpdrChannelManager::ShouldApplyCDRPolicy(SharedType type)
 {
+    FODR_TRACE_FUNCTION();
     LOG_TRACE("Shared Type: %d.\n", static_cast<int>(type));
     if (type != SharedType::None && serverVersion >= FODR_VERSION_TYPE_TAGS) {
         LOG_TRACE("CDR policy is bypassed.\n");
@@ -151,6 +154,7 @@ bool RdpdrChannelManager::ShouldApplyCDRPolicy(SharedType type)
 
 bool RdpdrChannelManager::IsAllowedByCDRPolicy(const std::string &path, uint32_t permission, SharedType type)
 {
+    FODR_TRACE_FUNCTION();
     if (serverVersion == FODR_VERSION_NO_POLICY) {
         LOG_INFO("Server is FODR V1.\n");
         return true;
@@ -176,6 +180,7 @@ bool RdpdrChannelManager::IsAllowedByCDRPolicy(const std::string &path, uint32_t
 
 RdpdrChannelManager::FolderLook RdpdrChannelManager::LookAtFolder(const ShareRequest &request)
 {
+    FODR_TRACE_FUNCTION();
     FolderLook look;
     {
         OVMutexLock held(deviceTableLock);
@@ -208,6 +213,7 @@ RdpdrChannelManager::FolderLook RdpdrChannelManager::LookAtFolder(const ShareReq
 std::optional<RdpdrChannelManager::ShareOutcome> RdpdrChannelManager::InsertShare(const ShareRequest &request,
                                                                                   const FolderLook &look)
 {
+    FODR_TRACE_FUNCTION();
     OVMutexLock held(deviceTableLock);
     if (look.driveEvents != driveEvents || look.compared != SharesOfPath(request.ntPath, request.type))
         return {};
@@ -269,6 +275,7 @@ std::vector<RdpdrChannelManager::Device> RdpdrChannelManager::SharesOfPath(const
 
 std::string RdpdrChannelManager::NameShare(const ShareRequest &request, std::vector<std::string> *statuses)
 {
+    FODR_TRACE_FUNCTION();
     if (request.type != SharedType::None)
         return request.shareName;
     std::string friendlyName = GenerateFriendlyName(request.path, request.shareName);
@@ -281,6 +288,7 @@ std::string RdpdrChannelManager::NameShare(const ShareRequest &request, std::vec
 
 std::string RdpdrChannelManager::GenerateFriendlyName(const std::string &path, const std::string &shareName)
 {
+    FODR_TRACE_FUNCTION();
     auto isTaken = [this](const std::string &name) REQUIRES(deviceTableLock) {
         for (const auto &[id, device] : devices) {
             if (UnicodeCompare(name.c_str(), device->GetFriendlyName().c_str(), true) == 0)
@@ -301,6 +309,7 @@ RdpdrChannelManager::Device RdpdrChannelManager::CreateDevice(const ShareRequest
                                                               std::unique_ptr<IFileSystem> fileSystem,
                                                               std::shared_ptr<AllowAccessList> allowList)
 {
+    FODR_TRACE_FUNCTION();
     RedirectedDeviceSettings settings;
     settings.channel = channel;
     settings.packetTrace = packetTrace;
