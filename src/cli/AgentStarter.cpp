@@ -37,9 +37,7 @@ std::vector<std::string> AgentStarter::AgentWords(const std::string &program,
         words.push_back("--read-only");
     if (!options->sideChannel.empty())
         words.insert(words.end(), {"--side-channel", options->sideChannel});
-    if (options->target.kind == AgentTarget::Kind::Local)
-        words.insert(words.end(), {"--side-address", kLoopback});
-    else if (options->reconnect)
+    if (options->target.kind != AgentTarget::Kind::Local && options->reconnect)
         words.insert(words.end(), {"--linger", std::to_string(kLingerSeconds)});
     if (options->ioTimeoutSeconds)
         words.insert(words.end(), {"--io-timeout", std::to_string(*options->ioTimeoutSeconds)});

@@ -75,6 +75,17 @@ std::string SharesAsJson(const std::vector<Words> &rows)
     return list + "]";
 }
 
+// A fact of a status, which comes as text like all words.
+std::string FactAsJson(const Words &fact)
+{
+    constexpr std::string_view kNumbers[] = {"pid", "seconds", "reconnects"};
+    const std::string &value = fact.back();
+    const bool isNumber =
+        std::find(std::begin(kNumbers), std::end(kNumbers), fact.front()) != std::end(kNumbers) &&
+        !value.empty() && value.find_first_not_of("0123456789") == std::string::npos;
+    return Json(fact.front()) + ": " + (isNumber ? value : Json(value));
+}
+
 // Share rows have five words, facts two.
 constexpr size_t kShareWords = 5;
 constexpr size_t kFactWords = 2;
@@ -192,7 +203,7 @@ int RunStatus(uint32_t processId, bool json)
     std::string object = "{";
     for (auto fact = reply.rows.begin(); fact != shares; ++fact) {
         if (json)
-            object += Json(fact->front()) + ": " + Json(fact->back()) + ", ";
+            object += FactAsJson(*fact) + ", ";
         else
             Say(fact->front() + ": " + Plain(fact->back()));
     }

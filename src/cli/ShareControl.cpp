@@ -89,6 +89,10 @@ void ShareSession::ControlAdd(const Words &request, std::function<void(const Con
         answer(Refusal(EXIT_FOLDER, "\"" + path + "\" is not a folder"));
         return;
     }
+    if (const std::string conflict = MountConflict(path); !conflict.empty()) {
+        answer(Refusal(EXIT_MOUNT_POINT, conflict));
+        return;
+    }
     std::vector<std::string> allowed = shares->OfferedForms();
     allowed.push_back(host::FolderShares::AskedForm(path));
     if (!AllowFolders(allowed)) {

@@ -39,6 +39,12 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
     return channel;
 }
 
+bool IsAtOrBelow(const std::string &path, const std::string &folder)
+{
+    const std::string inside = folder.ends_with('/') ? folder : folder + "/";
+    return path == folder || path.starts_with(inside);
+}
+
 } // namespace
 
 ShareSession::ShareSession(const ShareOptions &shareOptions,
@@ -80,10 +86,10 @@ bool ShareSession::Prepare()
         }
         for (const SharedFolder &shared : options.folders) {
             for (const std::string &path : shared.Paths()) {
-                if (path != mountPoint->Path() && !(path + "/").starts_with(mountPoint->Path() + "/"))
+                problem = MountConflict(path);
+                if (problem.empty())
                     continue;
-                Fail(EXIT_MOUNT_POINT, "the mount point \"" + mountPoint->Path() + "\" would hide \"" + path +
-                                           "\" itself: choose a folder elsewhere");
+                Fail(EXIT_MOUNT_POINT, problem);
                 return false;
             }
         }
@@ -93,6 +99,21 @@ bool ShareSession::Prepare()
         return false;
     }
     return StartPlugin() && StartControl();
+}
+
+// A mount that shows itself has no end; one that hides what it shows has no beginning.
+std::string ShareSession::MountConflict(const std::string &path) const
+{
+    const std::string mount = mountPoint ? mountPoint->Path() : "";
+    if (mount.empty())
+        return {};
+    if (IsAtOrBelow(path, mount))
+        return "the mount point \"" + mount + "\" would hide \"" + path +
+               "\" itself: choose a folder elsewhere";
+    if (IsAtOrBelow(mount, path))
+        return "the mount point \"" + mount + "\" lies in \"" + path +
+               "\", which would show itself: choose a folder elsewhere";
+    return {};
 }
 
 bool ShareSession::StartPlugin()
@@ -126,6 +147,7 @@ bool ShareSession::StartPlugin()
     FollowSettings();
     host::ChannelOptions channelOptions = ChannelOptionsFor(options);
     channelOptions.onBlock = [this](const transport::Parameter &packet) {
+        lastPacket = Clock::now();
         traffic.Count(packet.block.data(), packet.block.size(), packet.block.size() + packet.tail.size());
     };
     channel = std::make_unique<host::HostChannel>(host.get(), channelOptions,
@@ -300,6 +322,8 @@ void ShareSession::OnSideChannelFailed(const std::string &reason)
 {
     queue.Post([this, reason] {
         sideError = "the side channel could not be opened: " + reason;
+        if (options.target.kind != AgentTarget::Kind::Local)
+            sideError += "; an agent offers it to its own machine alone, unless --side-address says where";
         channel->Close(sideError); // by its rules the plug-in has given up the channel
     });
 }
@@ -317,7 +341,7 @@ void ShareSession::HandleNotice(transport::NoticeKind kind, const std::string &t
         CheckReady();
         break;
     case transport::NoticeKind::Warning:
-        Complain(text);
+        warnings.Warn(text);
         break;
     case transport::NoticeKind::Error:
         agentError = text;
@@ -378,7 +402,7 @@ void ShareSession::HandleAgentLine(const std::string &line)
     const std::lock_guard<std::mutex> held(linesLock);
     lastAgentLine = line;
     if (options.verbose)
-        Complain(line);
+        warnings.Warn(line);
 }
 
 // On the thread that looked at the stranger.
@@ -400,9 +424,7 @@ void ShareSession::HandleTimer()
         sideError = "the other side didn't mount the shares in time";
         channel->Close(sideError);
     } else if (phase == Phase::Ending) {
-        Complain("the agent doesn't finish; what it hasn't written yet is lost");
-        exitCode = exitCode == EXIT_DONE ? EXIT_LOST : exitCode;
-        channel->Close("the agent doesn't finish");
+        GiveUpSilentAgent();
     }
 }
 

@@ -6,8 +6,10 @@
 
 #include "agent/PacketTraffic.h"
 #include "cli/AgentStarter.h"
+#include "cli/Console.h"
 #include "cli/MountPoint.h"
 #include "cli/ShareOptions.h"
+#include "cli/WarningCounter.h"
 #include "host/ControlServer.h"
 #include "host/EventQueue.h"
 #include "host/FolderShares.h"
@@ -96,6 +98,7 @@ private:
     void BeginEnd(int code);
     void CleanUp();
     void EndCommand();
+    void GiveUpSilentAgent();
 
     // ---- Control (ShareControl.cpp) ----
     host::ControlReply HandleControl(const host::Words &request);
@@ -118,11 +121,14 @@ private:
     // What there is to see of a share: its folder, or the files of it that are sent.
     std::vector<ShownPath> Shown(const host::FolderShare &share) const;
     void SayReady() const;
+    // Why a path can't be shown at our mount point; empty when it can.
+    std::string MountConflict(const std::string &path) const;
     bool AllowFolders(const std::vector<std::string> &folders);
     void FollowSettings();
 
     const ShareOptions options;
     const std::string folder;
+    WarningCounter warnings{Complain}; // of the agent
     host::EventQueue queue;
     const std::unique_ptr<host::PrivateSettings> settings; // posts to the queue
     std::unique_ptr<host::PluginHost> host;
@@ -138,8 +144,12 @@ private:
     std::thread commandWaiter;
     uint32_t noticeSubscription = 0;
 
+    const Clock::time_point started = Clock::now();
     Phase phase = Phase::Connecting;
     bool finished = false;
+    bool agentIsDeaf = false;                           // it has been silent at the end for too long
+    std::atomic<Clock::time_point> lastPacket{started}; // either way, by the channel's threads
+    Clock::time_point endLimit;                         // for an agent that has something to say
     int exitCode = 0;
     bool attached = false; // the channel has a connection, or hasn't told of its end yet
     bool everReady = false;
@@ -149,7 +159,6 @@ private:
     std::string sideError;    // why a side channel failed
     std::chrono::milliseconds retryAfter{0};
     unsigned reconnects = 0;
-    const Clock::time_point started = Clock::now();
     std::optional<Clock::time_point> timer;
     std::vector<PendingReply> pendingReplies;
 

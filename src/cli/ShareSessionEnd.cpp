@@ -12,10 +12,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kEndLimit = 30s; // for the agent to write what is left and unmount
+constexpr auto kEndLimit = 30s;    // for the agent to write what is left and unmount
+constexpr auto kSilenceLimit = 3s; // within that time without a packet
+constexpr int kDeafExitMS = 500;   // for the process of an agent that was given up
 constexpr auto kFirstRetry = 500ms;
 constexpr auto kLongestRetry = 30s;
-constexpr int kAgentExitLimitMS = 5000; // between the end of its stream and its own
+constexpr int kAgentExitLimitMS = 4000; // between the end of its stream and its own
 constexpr int kSshFailed = 255;
 constexpr int kNoSuchCommand = 127;
 
@@ -44,7 +46,7 @@ void ShareSession::HandleLost(const std::string &reason)
 {
     attached = false;
     StopTimer();
-    if (options.verbose)
+    if (options.verbose && phase != Phase::Ending) // at our own end that is no news
         Complain("the connection ended: " + reason);
     const Cause cause = FindCause(reason);
     if (phase == Phase::Ending) {
@@ -69,7 +71,7 @@ ShareSession::Cause ShareSession::FindCause(const std::string &reason)
 {
     std::optional<platform::ChildProcess::Exit> exit;
     if (agent) {
-        exit = agent->Wait(kAgentExitLimitMS);
+        exit = agent->Wait(agentIsDeaf ? kDeafExitMS : kAgentExitLimitMS);
         agent.reset(); // and with it its last words have come
     }
     std::string lastWords;
@@ -176,7 +178,23 @@ void ShareSession::BeginEnd(int code)
     }
     ShowProgress("unmounting " + MountedAt());
     channel->SayGoodbye("the user ends it");
-    SetTimer(kEndLimit);
+    endLimit = Clock::now() + kEndLimit;
+    lastPacket = Clock::now();
+    SetTimer(kSilenceLimit);
+}
+
+void ShareSession::GiveUpSilentAgent()
+{
+    const auto now = Clock::now();
+    const auto quietUntil = lastPacket.load() + kSilenceLimit;
+    if (now < quietUntil && now < endLimit) {
+        timer = std::min(quietUntil, endLimit);
+        return;
+    }
+    Complain("the agent doesn't finish; what it hasn't written yet is lost");
+    exitCode = exitCode == EXIT_DONE ? EXIT_LOST : exitCode;
+    agentIsDeaf = true;
+    channel->Close("the agent doesn't finish");
 }
 
 void ShareSession::CleanUp()
@@ -189,7 +207,7 @@ void ShareSession::CleanUp()
     if (channel)
         channel->Close("the host ends"); // frees whatever of the plug-in waits to send
     if (agent)
-        agent->Wait(kAgentExitLimitMS);
+        agent->Wait(agentIsDeaf ? kDeafExitMS : kAgentExitLimitMS);
     agent.reset();
     if (host)
         host->Bus().Unsubscribe(noticeSubscription);
@@ -203,6 +221,7 @@ void ShareSession::CleanUp()
     if (mountPoint && !mountPoint->Clear())
         Complain("the mount at \"" + mountPoint->Path() + "\" can't be taken away: unmount it");
     mountPoint.reset();
+    warnings.ShowCounts();
     ShowProgress("");
 }
 

@@ -1,6 +1,7 @@
 #include "drives/DriveWatcherImpl.h"
 
 #include "platform/SystemError.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {
@@ -55,6 +56,7 @@ DriveWatcherImpl::~DriveWatcherImpl()
 
 bool DriveWatcherImpl::Start(IDeviceStateSubscriber *subscriber)
 {
+    FODR_TRACE_FUNCTION();
     OVMutexLock guard(lock);
     if (started) {
         LOG_WARN("Duplicate start request: already started\n");
@@ -69,6 +71,7 @@ bool DriveWatcherImpl::Start(IDeviceStateSubscriber *subscriber)
 
 bool DriveWatcherImpl::Stop()
 {
+    FODR_TRACE_FUNCTION();
     OVMutexLock guard(lock);
     if (!started)
         return true;
@@ -97,6 +100,7 @@ bool DriveWatcherImpl::Stop()
 bool DriveWatcherImpl::CreateWindowAndMessageLoopThread(IDeviceStateSubscriber *subscriber,
                                                         platform::ThreadRecord **threadOut)
 {
+    FODR_TRACE_FUNCTION();
     if (!subscriber || !threadOut) {
         LOG_ERROR("Invalid subscriber\n");
         return false;
@@ -125,6 +129,7 @@ bool DriveWatcherImpl::CreateWindowAndMessageLoopThread(IDeviceStateSubscriber *
 
 bool DriveWatcherImpl::AwaitWindow(platform::ThreadRecord *created)
 {
+    FODR_TRACE_FUNCTION();
     OVEvent end = EndOf(created);
     switch (OVEvent::WaitForMultiple({&window->windowCreatedEvent, &end}, false, kWaitMS, false, false)) {
     case 0:

@@ -9,6 +9,7 @@
 #include "logging/FodrLogger.h"
 #include "rdpdr/wire/CompletionBuilder.h"
 #include "rdpdr/wire/CreateFlagsText.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <new>
@@ -20,6 +21,7 @@ using namespace nt;
 
 bool RedirectedDevice::HandleCreate(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto create = request.Body<DR_CREATE_REQ>();
     std::u16string absolutePath;
     if (!ReadPacketText(packet, create.PathLength, widePath, absolutePath))
@@ -56,6 +58,7 @@ RedirectedDevice::CreateOutcome RedirectedDevice::CreateFileAt(const DR_CREATE_R
                                                                const std::u16string &absolutePath,
                                                                const std::string &shownPath)
 {
+    FODR_TRACE_FUNCTION();
     CreateOutcome outcome;
     outcome.status = fileSystem->RedirectedCreateFile(
         &outcome.fileId, create.DesiredAccess, absolutePath.c_str(), create.AllocationSize,
@@ -74,6 +77,7 @@ RedirectedDevice::CreateOutcome RedirectedDevice::CreateFileAt(const DR_CREATE_R
 
 NTSTATUS RedirectedDevice::KeepOpenFile(uint32_t fileId, bool isRoot)
 {
+    FODR_TRACE_FUNCTION();
     try {
         RCPtr<RdpFileHandle> handle(new RdpFileHandle(isRoot));
         OVMutexLock held(filesLock);
@@ -88,6 +92,7 @@ NTSTATUS RedirectedDevice::KeepOpenFile(uint32_t fileId, bool isRoot)
 
 bool RedirectedDevice::CompleteCreate(const Request &request, const CreateOutcome &outcome)
 {
+    FODR_TRACE_FUNCTION();
     uint8_t *deviceIdField = nullptr;
     int32_t pattern = PreReadPattern(request);
     RdpdrStreamPtr completion =
@@ -110,6 +115,7 @@ bool RedirectedDevice::CheckCreateDriveAccess(const std::string &)
 bool RedirectedDevice::IsFileOpenAllowedByDeviceFilter(const std::string &absolutePath,
                                                        uint32_t createOptions)
 {
+    FODR_TRACE_FUNCTION();
     constexpr std::string_view kNtPrefix = "\\??\\";
     // An open that says neither file nor directory isn't filtered; that is meant.
     if (!filterPolicy || !filterPolicy->HasDeviceFilter() ||

@@ -3,6 +3,7 @@
 #include "fileservice/RedirectedDevice.h"
 #include "fileservice/RequestLimits.h"
 #include "rdpdr/wire/CompletionBuilder.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>
@@ -35,6 +36,7 @@ bool IsCut(const RdpdrStream &packet, uint32_t length)
 
 bool RedirectedDevice::HandleRead(const Request &request)
 {
+    FODR_TRACE_FUNCTION();
     auto read = request.Body<DR_READ_REQ>();
     IO_STATUS_BLOCK ioStatus{};
     uint8_t *block = nullptr;
@@ -45,6 +47,7 @@ bool RedirectedDevice::HandleRead(const Request &request)
 
 bool RedirectedDevice::HandleWrite(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto write = request.Body<DR_WRITE_REQ>();
     if (IsCut(packet, write.Length))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);
@@ -56,6 +59,7 @@ bool RedirectedDevice::HandleWrite(const Request &request, RdpdrStream &packet)
 
 bool RedirectedDevice::HandleQueryInformation(const Request &request)
 {
+    FODR_TRACE_FUNCTION();
     auto query = request.Body<DR_DRIVE_QUERY_INFORMATION_REQ>();
     IO_STATUS_BLOCK ioStatus{};
     uint8_t *block = nullptr;
@@ -68,6 +72,7 @@ bool RedirectedDevice::HandleQueryInformation(const Request &request)
 
 bool RedirectedDevice::HandleQueryVolumeInformation(const Request &request)
 {
+    FODR_TRACE_FUNCTION();
     auto query = request.Body<DR_DRIVE_QUERY_VOLUME_INFORMATION_REQ>();
     IO_STATUS_BLOCK ioStatus{};
     uint8_t *block = nullptr;
@@ -80,6 +85,7 @@ bool RedirectedDevice::HandleQueryVolumeInformation(const Request &request)
 
 bool RedirectedDevice::HandleSetInformation(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto set = request.Body<DR_DRIVE_SET_INFORMATION_REQ>();
     if (IsCut(packet, set.Length))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);
@@ -109,6 +115,7 @@ bool RedirectedDevice::HandleSetInformation(const Request &request, RdpdrStream 
 
 bool RedirectedDevice::HandleSetVolumeInformation(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto set = request.Body<DR_DRIVE_SET_VOLUME_INFORMATION_REQ>();
     if (IsCut(packet, set.Length))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);
@@ -130,6 +137,7 @@ bool RedirectedDevice::HandleSetVolumeInformation(const Request &request, RdpdrS
 
 bool RedirectedDevice::HandleDeviceControl(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto control = request.Body<DR_CONTROL_REQ>();
     if (IsCut(packet, control.InputBufferLength))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);

@@ -5,6 +5,7 @@
 #include "rdpdr/wire/CompletionBuilder.h"
 #include "rdpdr/wire/IRdpdrChannel.h"
 #include "rdpdr/wire/RdpdrRecords.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <cinttypes>
@@ -67,6 +68,7 @@ bool RdpdrChannelManager::Initialize(IRdpdrChannel *packetChannel, FodrLogger *t
 
 void RdpdrChannelManager::Shutdown()
 {
+    FODR_TRACE_FUNCTION();
     {
         OVMutexLock held(watcherLock);
         if (driveWatcher && !driveWatcher->Stop())
@@ -86,6 +88,7 @@ void RdpdrChannelManager::Shutdown()
 
 void RdpdrChannelManager::CloseAllDevices()
 {
+    FODR_TRACE_FUNCTION();
     std::map<uint32_t, Device> taken;
     {
         OVMutexLock held(deviceTableLock);
@@ -103,6 +106,7 @@ int RdpdrChannelManager::GetClientVersion()
 
 bool RdpdrChannelManager::OnDataReceived(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     if (!dataHandler) {
         LOG_ERROR("Thread pool is not initialzed.\n");
         return false;
@@ -122,20 +126,22 @@ bool RdpdrChannelManager::OnDataReceived(RdpdrStream *stream)
 
 void RdpdrChannelManager::ProcessDataTask(void *record)
 {
-    auto *packet = static_cast<ReceivedPacket *>(record);
+    const std::unique_ptr<ReceivedPacket> packet(static_cast<ReceivedPacket *>(record));
     if (MayWaitForEver(*packet->stream)) {
         Shorten(&packet->stream);
         packet->budget->GiveBack(std::exchange(packet->cost, 0));
     }
-    packet->manager->ProcessData(packet->stream);
-    RdpdrStream::Free(&packet->stream);
+    {
+        const RdpdrStreamPtr stream(packet->stream);
+        packet->manager->ProcessData(stream.get());
+    }
     if (packet->cost != 0)
         packet->budget->GiveBack(packet->cost);
-    delete packet;
 }
 
 bool RdpdrChannelManager::ProcessData(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     stream->SetPosition(0);
     auto header = ReadRecord<RDPDR_HEADER>(*stream);
     if (header.Component == RDPDR_CTYP_PRIVATE) {
@@ -172,6 +178,7 @@ bool RdpdrChannelManager::ProcessData(RdpdrStream *stream)
 
 void RdpdrChannelManager::HandleDeviceIoRequest(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     if (!stream->SetPosition(kHeaderEnd))
         return;
     auto request = ReadRecord<DR_DEVICE_IOREQUEST>(*stream);
@@ -195,6 +202,7 @@ void RdpdrChannelManager::HandleDeviceIoRequest(RdpdrStream *stream)
 
 void RdpdrChannelManager::HandleDeviceReply(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     if (!stream->SetPosition(kHeaderEnd)) {
         LOG_WARN("Set the stream position error.\n");
         return;

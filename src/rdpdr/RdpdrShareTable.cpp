@@ -13,6 +13,7 @@
 #include "rdpdr/ShareFolders.h"
 #include "rdpdr/ShareRuleSettings.h"
 #include "rdpdr/wire/RdpdrRecords.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>
@@ -102,6 +103,7 @@ bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::st
                                           const std::string &shareName,
                                           const std::vector<std::string> &allowList)
 {
+    FODR_TRACE_FUNCTION();
     LOG_TRACE("Raw sharePath = %s, shareName = %s,", path.c_str(), shareName.c_str());
     if (path.empty()) {
         LOG_ERROR("Empty folder path to be shared.\n");
@@ -122,6 +124,10 @@ bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::st
     }
     FolderOffer offer = NeedsAccessControl(shareName) ? LocalFolderLimit().OfferOfFiles(path, allowList)
                                                       : FolderOffer{LocalFolderLimit().Allows(path), {}};
+    if (!offer.whole && offer.files.empty()) {
+        Notify(cookie.c_str(), kStatusNoFolder);
+        return false;
+    }
     const ShareRequest request{path, cookie,        driveLetterShare, permission,       shareName,
                                type, policyApplies, ToNtPath(path),   std::move(offer), ReadShareRules()};
     std::optional<ShareOutcome> outcome;
@@ -139,6 +145,7 @@ bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::st
 
 bool RdpdrChannelManager::ShouldApplyCDRPolicy(SharedType type)
 {
+    FODR_TRACE_FUNCTION();
     LOG_TRACE("Shared Type: %d.\n", static_cast<int>(type));
     if (type != SharedType::None && serverVersion >= FODR_VERSION_TYPE_TAGS) {
         LOG_TRACE("CDR policy is bypassed.\n");
@@ -149,6 +156,7 @@ bool RdpdrChannelManager::ShouldApplyCDRPolicy(SharedType type)
 
 bool RdpdrChannelManager::IsAllowedByCDRPolicy(const std::string &path, uint32_t permission, SharedType type)
 {
+    FODR_TRACE_FUNCTION();
     if (serverVersion == FODR_VERSION_NO_POLICY) {
         LOG_INFO("Server is FODR V1.\n");
         return true;
@@ -174,6 +182,7 @@ bool RdpdrChannelManager::IsAllowedByCDRPolicy(const std::string &path, uint32_t
 
 RdpdrChannelManager::FolderLook RdpdrChannelManager::LookAtFolder(const ShareRequest &request)
 {
+    FODR_TRACE_FUNCTION();
     FolderLook look;
     {
         OVMutexLock held(deviceTableLock);
@@ -186,8 +195,6 @@ RdpdrChannelManager::FolderLook RdpdrChannelManager::LookAtFolder(const ShareReq
         look.present = *found;
         return look;
     }
-    if (!request.offer.whole && request.offer.files.empty())
-        return look;
     const uint32_t matching = NeedsAccessControl(request.shareName) ? 0 : nt::OBJ_CASE_INSENSITIVE;
     look.exact = FolderExists(request.ntPath, 0);
     look.exists = look.exact || (matching != 0 && FolderExists(request.ntPath, matching));
@@ -208,6 +215,7 @@ RdpdrChannelManager::FolderLook RdpdrChannelManager::LookAtFolder(const ShareReq
 std::optional<RdpdrChannelManager::ShareOutcome> RdpdrChannelManager::InsertShare(const ShareRequest &request,
                                                                                   const FolderLook &look)
 {
+    FODR_TRACE_FUNCTION();
     OVMutexLock held(deviceTableLock);
     if (look.driveEvents != driveEvents || look.compared != SharesOfPath(request.ntPath, request.type))
         return {};
@@ -274,6 +282,7 @@ std::vector<RdpdrChannelManager::Device> RdpdrChannelManager::SharesOfPath(const
 
 std::string RdpdrChannelManager::NameShare(const ShareRequest &request, std::vector<std::string> *statuses)
 {
+    FODR_TRACE_FUNCTION();
     if (request.type != SharedType::None)
         return request.shareName;
     std::string friendlyName = GenerateFriendlyName(request.path, request.shareName);
@@ -286,6 +295,7 @@ std::string RdpdrChannelManager::NameShare(const ShareRequest &request, std::vec
 
 std::string RdpdrChannelManager::GenerateFriendlyName(const std::string &path, const std::string &shareName)
 {
+    FODR_TRACE_FUNCTION();
     // Names that aren't text are never equal to any.
     const auto folded = [](const std::string &name) {
         std::u16string wide;
@@ -308,6 +318,7 @@ RdpdrChannelManager::Device RdpdrChannelManager::CreateDevice(const ShareRequest
                                                               std::unique_ptr<IFileSystem> fileSystem,
                                                               std::shared_ptr<AllowAccessList> allowList)
 {
+    FODR_TRACE_FUNCTION();
     RedirectedDeviceSettings settings;
     settings.channel = channel;
     settings.packetTrace = packetTrace;

@@ -1,6 +1,7 @@
 #include "rdpdr/ThreadPoolDataHandlerImpl.h"
 
 #include "runtime/LogCall.h"
+#include "runtime/NoThrow.h"
 
 #include <new>
 
@@ -40,10 +41,10 @@ bool ThreadPoolDataHandlerImpl::SubmitTask(void (*callback)(void *), void *conte
 
 void ThreadPoolDataHandlerImpl::StaticTaskWorker(void *record)
 {
-    auto *task = static_cast<Task *>(record);
+    const std::unique_ptr<Task> task(static_cast<Task *>(record));
     LOG_DEBUG("Executing task %p.\n", record);
-    task->callback(task->context);
-    delete task;
+    CallWithoutThrowing("ThreadPoolDataHandlerImpl::StaticTaskWorker()",
+                        [&] { task->callback(task->context); });
 }
 
 } // namespace fodr

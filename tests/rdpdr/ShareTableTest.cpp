@@ -245,10 +245,16 @@ TEST_F(LocalShares, AFolderThatTheMachineDoesNotAllowIsAsGoodAsMissing)
         settings.SetList("AllowedFolders", c.entries);
         auto fresh = Fresh({VersionExchange(1)});
         CapturedLog log(LOG_LEVEL_WARN);
-        EXPECT_TRUE(fresh->AddSharedFolder(c.path, "c", false, 0, ""));
+        channel.TakeNotices();
+        EXPECT_EQ(fresh->AddSharedFolder(c.path, "c", false, 0, ""), c.announced); // whatever the cookie
+        EXPECT_EQ(channel.TakeNotices(),
+                  c.announced ? Strings{}
+                              : Strings{"c|FOLDER_REDIRECTION_CMD_STATUS,Folder not exist or invalid "
+                                        "parameter or configuration"});
         std::string warning = "W Folder " + c.path + " is outside of the folders that this machine allows.\n";
         EXPECT_EQ(Logged(warning), c.announced ? 0u : 1u);
-        fresh->OnDeviceAvailable(c.path[0]); // nor does the arrival of its drive change that
+        settings.SetList("AllowedFolders", {"/"}); // what was refused left no entry that could come to life
+        fresh->OnDeviceAvailable(c.path[0]);
         EXPECT_EQ(TakeShares().size(), c.announced ? 1u : 0u);
     }
     LogOn(6, {.sharedByAgent = true, .folders = {{0, a}}}); // whoever asks

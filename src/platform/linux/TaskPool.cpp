@@ -18,6 +18,13 @@ TaskPool::Impl::~Impl()
     for (Worker *worker : idle)
         worker->wake.notify_one();
     lastThreadGone.wait(lock, [this] { return threads == 0; });
+    watchEnded = true;
+    watchWake.notify_one();
+    lock.unlock();
+    if (hasWatcher)
+        pthread_join(watcher, nullptr);
+    lock.lock();
+    lastThreadGone.wait(lock, [this] { return threads == 0; }); // the watch may have started the last one
     // Only what was left for want of a thread.
     while (!queue.empty()) {
         const Task task = queue.front();
@@ -26,18 +33,17 @@ TaskPool::Impl::~Impl()
         task.callback(task.context);
         lock.lock();
     }
-    watchEnded = true;
-    watchWake.notify_one();
     lock.unlock();
     if (hasLeaver)
         pthread_join(leaver, nullptr);
-    if (hasWatcher)
-        pthread_join(watcher, nullptr);
 }
 
 bool TaskPool::Impl::Submit(void (*callback)(void *), void *context)
 {
     Lock lock(mutex);
+    // Threads that are only being made may not come to be: whoever relies on them waits for the outcome.
+    const auto isSettled = [this] { return starting == 0 || threads > starting; };
+    startSettled.wait(lock, isSettled);
     const uint64_t number = ++submitted;
     try {
         queue.push_back({callback, context, number});
@@ -50,6 +56,7 @@ bool TaskPool::Impl::Submit(void (*callback)(void *), void *context)
     if (CarryOut(orders))
         return true;
     lock.lock();
+    startSettled.wait(lock, isSettled);
     if (threads != 0)
         return true; // the others get round to it
     const auto mine = std::find_if(queue.begin(), queue.end(),
@@ -105,6 +112,7 @@ TaskPool::Impl::Orders TaskPool::Impl::CallWorker()
     if (!worker)
         return {};
     ++threads;
+    ++starting;
     Become(*worker, State::Searching);
     return {nullptr, worker};
 }
@@ -133,9 +141,12 @@ bool TaskPool::Impl::CarryOut(Orders orders)
     if (!orders.start)
         return true;
     pthread_t thread;
-    if (StartSmallThread(&thread, WorkerEntry, orders.start))
-        return true;
+    const bool started = StartSmallThread(&thread, WorkerEntry, orders.start);
     Lock lock(mutex);
+    --starting;
+    startSettled.notify_all();
+    if (started)
+        return true;
     Become(*orders.start, State::Gone);
     --threads;
     if (threads == 0)

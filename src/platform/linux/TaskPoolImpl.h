@@ -95,6 +95,8 @@ private:
     std::deque<Worker> workers;
     std::vector<Worker *> idle; // the one that rested last is called first
     size_t threads = 0;
+    size_t starting = 0; // of them those that are being made
+    std::condition_variable startSettled;
     size_t searching = 0; // threads on their way to the queue
     size_t running = 0;
     size_t blocked = 0;
