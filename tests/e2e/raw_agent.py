@@ -222,7 +222,7 @@ class RawAgent:
                 self.changed.notify_all()
         elif kind == 0x4441:
             device = struct.unpack_from("<I", packet, 12)[0] & 0xFFFFFF
-            name = packet[28:].split(b"\0")[0].decode()
+            name = packet[28:].split(b"\0")[0].decode().removeprefix("(OVFCP)")  # of named files
             with self.changed:
                 self.devices[name] = device
                 self.changed.notify_all()
