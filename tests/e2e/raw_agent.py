@@ -250,14 +250,15 @@ class RawAgent:
 
     def wait_devices(self, count, limit=60):
         with self.changed:
-            if not self.changed.wait_for(lambda: len(self.devices) >= count or self.closed, limit):
+            self.changed.wait_for(lambda: len(self.devices) >= count or self.closed, limit)
+            if len(self.devices) < count:
                 raise AssertionError(f"only these shares came: {self.devices}")
 
     def close(self):
         """Without a word."""
         try:
             self.stream.shutdown(socket.SHUT_RDWR)
-        except OSError:
+        except (AttributeError, OSError):  # nobody came, or is gone
             pass
         self.thread.join(10)
 
