@@ -6,6 +6,7 @@ import json
 import os
 import pathlib
 import shutil
+import socket
 import struct
 import subprocess
 import sys
@@ -14,7 +15,7 @@ import unittest
 
 sys.path.insert(0, os.path.dirname(__file__))
 import raw_agent as raw  # noqa: E402
-from attack_rows import ANY, FILES, HIDDEN, LINKS, LISTED, NO, OK, OUTSIDE, ROWS, SILENCE, WRITE_PROTECTED  # noqa: E402
+from attack_rows import ANSWERED, ANY, FILES, HIDDEN, LINKS, LISTED, NO, ODD, OK, OUTSIDE, ROWS, SILENCE, WRITE_PROTECTED  # noqa: E402
 from raw_agent import ANY_ACCESS, CLOSE, create, listing, read, request, write  # noqa: E402
 from share import FODR, Scratch, Share, run, wait_for  # noqa: E402
 
@@ -27,7 +28,15 @@ def build(base):
         path.write_bytes(content)
     for name, target in LINKS.items():
         (base / "docs/sub" / name).symlink_to(target)
+    make_odd_ones(base)
+
+
+def make_odd_ones(base):
+    """What can't be copied, or leads to where it is built."""
     (base / "docs/sub/absolute").symlink_to(base / "outside")
+    os.mkfifo(base / "docs/sub/fifo")
+    with socket.socket(socket.AF_UNIX) as end:
+        end.bind(str(base / "docs/sub/socket"))
 
 
 def picture(base, may_change):
@@ -47,6 +56,8 @@ def picture(base, may_change):
             found[name] = (facts.st_mode, facts.st_uid, () if may_change(name + "/inside.txt") else times)
             for entry in path.iterdir():
                 add(entry)
+        elif not path.is_file():
+            found[name] = (facts.st_mode, facts.st_uid, times)
         else:
             attributes = [(key, os.getxattr(path, key)) for key in os.listxattr(path)]
             found[name] = (facts.st_mode, facts.st_uid, facts.st_nlink, times, attributes, path.read_bytes())
@@ -180,6 +191,8 @@ def problems_of(session, given):
     expected = given.expected
     if expected == NO:
         fits = status is not None and status >= 0x80000000
+    elif expected == ANSWERED:
+        fits = status is not None
     else:
         fits = expected == ANY or (status in expected if isinstance(expected, set) else status == expected)
     if not fits:
@@ -332,7 +345,7 @@ class Strangers(unittest.TestCase):
 def intact(base):
     """Whether the offered files are as they were built."""
     names = {str(path.relative_to(base)) for path in base.rglob("*")}
-    wanted = set(FILES) | {f"docs/sub/{link}" for link in (*LINKS, "absolute")}
+    wanted = set(FILES) | {f"docs/sub/{odd}" for odd in (*LINKS, *ODD)}
     folders = {str(parent) for name in wanted for parent in pathlib.PurePath(name).parents} - {"."} | {"empty"}
     return names == wanted | folders and all(
         (base / name).read_bytes() == content and (base / name).stat().st_mode & 0o200 for name, content in FILES.items())
@@ -342,12 +355,13 @@ def repair(session):
     """The offered files anew; the folders that are offered stay the same ones."""
     fresh = session.scratch.root / "fresh"
     build(fresh)
+    for odd in ODD:
+        (fresh / "docs/sub" / odd).unlink()
     for name in ("docs", "second", "empty"):
         for entry in (session.base / name).iterdir():
             shutil.rmtree(entry) if entry.is_dir() and not entry.is_symlink() else entry.unlink()
         shutil.copytree(fresh / name, session.base / name, symlinks=True, dirs_exist_ok=True)
-    (session.base / "docs/sub/absolute").unlink()
-    (session.base / "docs/sub/absolute").symlink_to(session.base / "outside")
+    make_odd_ones(session.base)
     session.before = picture(session.base, session.kind.may_change)
 
 

@@ -18,7 +18,8 @@ ABSENT = {0xC000000F, 0xC0000034, 0xC000003A}  # no such file, name or path
 NO_NAME = ABSENT | {BAD_NAME, 0xC000003B, 0xC0000106}
 OUT = NO_NAME | {DENIED, 0x8000002D, 0xC0000280, 0xC0000103}  # also links that lead elsewhere, a file as a folder
 NO = "refused"    # any status that is an error
-ANY = "anything"  # only what is left behind counts
+ANSWERED = "any status"
+ANY = "anything"  # or none: only what is left behind counts
 
 # ---- The tree. Every kind of share has one of its own; `docs`, `second` and `empty` are offered.
 
@@ -34,6 +35,7 @@ LINKS = {
     "out": "../../outside", "file": "../../outside/linked.txt", "dangling": "../../outside/made.txt", "up": "../..",
     "chain": "out", "loop": "loop", "next": "../../docs-next", "second": "../../second", "dev": "/dev/zero", "proc": "/proc",
 }
+ODD = ("absolute", "fifo", "socket")  # made by hand
 LISTED = ("inside.txt", "honest.txt", "sub")
 
 # ---- The rows: kinds of shares, what is tried, what is expected, on what it is opened, requests. The last answer counts,
@@ -90,6 +92,13 @@ for link in ("out", "file", "absolute", "dangling"):
                  change(4, struct.pack("<QQQQI", *[1 << 56] * 4, 1)), change(15, b"\0" * 16), listing("\\*"), notify(),
                  control(0x980C8, struct.pack("<QQ", 0, 99)), query(22), lock(3, (1, 1))):
         row("pl", f"class {what.major} on the link {link}", ANY, opened, what)
+
+# An open that waits for another program would hold its thread for ever.
+for name in ("fifo", "socket"):
+    for access in (0x80, READ_ONLY_ACCESS, 0x120116, ANY_ACCESS):
+        for disposition in range(6):
+            row("plrq", f"the {name} with disposition {disposition} and access {access:#x}", ANSWERED, None,
+                create(f"\\sub\\{name}", disposition, access=access))
 
 ROOT_NAMES = ("\\", b"", "/", "\\\\", "\\.", "\\sub\\..", "\\sub\\up\\docs", "\\sub\\")
 for name in ROOT_NAMES:
