@@ -5,6 +5,7 @@
 // be encoded; bit 2: goes without taking the reply), a length in 2 bytes and what it sends. The same bytes
 // are read as a server's reply as well.
 #include "host/ControlServer.h"
+#include "transport/ByteOrder.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -63,7 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::vector<std::unique_ptr<platform::ByteStream>> visitors;
     while (size >= 3) {
         const uint8_t options = data[0];
-        const size_t length = std::min<size_t>(data[1] | data[2] << 8, size - 3);
+        const size_t length = std::min<size_t>(
+            transport::LoadLittle<uint16_t>(reinterpret_cast<const std::byte *>(data + 1)), size - 3);
         const std::string text(data + 3, data + 3 + length);
         data += 3 + length;
         size -= 3 + length;

@@ -53,7 +53,7 @@ inline void MakeFolder()
         std::filesystem::remove_all(folder, ignored);
         std::filesystem::remove_all(folder + ".settings", ignored);
     });
-    signal(SIGXFSZ, SIG_IGN);
+    signal(SIGXFSZ, [](int) {}); // one that is ignored libFuzzer takes for a finding
     rlimit limit{1 << 20, 1 << 20};
     setrlimit(RLIMIT_FSIZE, &limit);
     SetLogHandler(FormatLogLine);

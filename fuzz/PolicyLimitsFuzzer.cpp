@@ -53,7 +53,7 @@ std::vector<uint8_t> PolicyOf(const uint8_t *data, size_t size)
 {
     std::vector<uint8_t> entries;
     while (size >= 7 && entries.size() < kLargest) {
-        const uint32_t count = 1 + (data[0] | data[1] << 8 | (data[2] & 0x3F) << 16);
+        const uint32_t count = 1 + (LoadLittle<uint32_t>(data) & 0x3FFFFF);
         const uint8_t permission = data[3];
         const auto wrong = static_cast<uint32_t>(static_cast<int8_t>(data[4]));
         const size_t length = std::min<size_t>(data[6], size - 7);
