@@ -221,6 +221,18 @@ class Flood(unittest.TestCase):
             self.agent.call(self.device, self.open("\\sub"), listing("\\*"))
         self.assert_alive()
 
+    def test_no_room_for_another_thread(self):
+        self.begin()
+        limit = ["prlimit", "--pid", str(self.share.process.pid)]
+        facts = pathlib.Path(f"/proc/{self.share.process.pid}/status").read_text()
+        size = next(int(line.split()[1]) * 1024 for line in facts.splitlines() if line.startswith("VmSize"))
+        subprocess.run([*limit, f"--as={size + MIB}:"], check=True)
+        for _ in range(5):
+            status = run("status", "--json", env=self.scratch.environment, timeout=20)
+            self.assertEqual(status.returncode, 0, status.stderr + self.share.log())
+        subprocess.run([*limit, f"--as={12 << 30}:"], check=True)
+        self.assert_alive()
+
     # ---- bytes
 
     def sparse(self, size):
