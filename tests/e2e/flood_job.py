@@ -49,7 +49,7 @@ class Watch:
         self.thread.join()
 
 
-class Flood(unittest.TestCase):
+class Case(unittest.TestCase):
     def setUp(self):
         self.scratch = Scratch()
         self.addCleanup(self.scratch.remove)
@@ -117,6 +117,8 @@ class Flood(unittest.TestCase):
         time.sleep(0.2)
         return used() - before < 5  # hundredths of a second
 
+
+class Flood(Case):
     # ---- packets
 
     def test_tiny_packets(self):
@@ -289,7 +291,7 @@ class Flood(unittest.TestCase):
                 self.assertEqual(self.share.process.wait(15), 4, self.share.log())
 
 
-class Listening(Flood):
+class Listening(Case):
     """Strangers at the port of `fodr share --listen`."""
 
     def test_strangers_come_first(self):
