@@ -185,7 +185,7 @@ class Flood(Case):
         held = self.open("\\honest.txt", access=raw.ANY_ACCESS)
         self.agent.call(self.device, held, lock(3, (1, 1 << 40)))
         waiting = lock(3, (1, 1 << 40), flags=0)
-        self.pile_up(self.open("\\honest.txt", access=raw.ANY_ACCESS), waiting._replace(payload=waiting.payload.ljust(8 * MIB, b"\0")), 200)
+        self.pile_up(self.open("\\honest.txt", access=raw.ANY_ACCESS), waiting._replace(payload=waiting.payload.ljust(4 * MIB, b"\0")), 200)
 
     def test_shared_locks_of_one_handle(self):
         self.begin()
