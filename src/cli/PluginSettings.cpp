@@ -116,6 +116,7 @@ const std::vector<KnownSetting> &KnownSettings()
         {"logToStderr", kRegSz, "false", ""},
         {"logToStdout", kRegSz, "false", ""},
         {"logToSyslog", kRegSz, "false", ""},
+        {"readOnlyShares", kRegDword, "0, the agent's permission decides", "live for new shares"},
         {"tcpEnabled", kRegSz, "false", ""},
         {"useLocalTime", kRegSz, "true", "live"},
         {"vchanSideChannelEnabled", kRegSz, "false", ""},

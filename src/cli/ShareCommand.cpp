@@ -170,6 +170,7 @@ int CheckOptions(const ShareWords &words, ShareOptions *options)
     options->plugin.log = words.trace ? host::PluginLog::Trace : host::PluginLog::AsSet;
     options->plugin.nameCase =
         words.nameCase == "insensitive" ? host::NameCase::Insensitive : host::NameCase::Sensitive;
+    options->plugin.readOnly = words.readOnly;
     options->plugin.linksOutside = words.linksOutside;
     options->sideChannel = words.sideChannel;
     options->ioTimeoutSeconds = words.ioTimeoutSeconds;
