@@ -92,8 +92,8 @@ bool AllowListFileSystem::IsForeignMark(const std::string &absolutePath) const
     return !allowed->Covers(file) || !allowed->IsWithinLimit(file);
 }
 
-// A mark that isn't there isn't made: the system would make its file, too. Why it can't be opened would tell of
-// the file.
+// A mark that isn't there isn't made: the system would make its file, too. Why it can't be opened would tell
+// of the file.
 NTSTATUS AllowListFileSystem::OpenForeignMark(uint32_t *fileId, uint32_t desiredAccess, const char16_t *path,
                                               uint32_t shareAccess, uint32_t createDisposition,
                                               uint32_t createOptions, uint32_t *information)

@@ -1,8 +1,8 @@
 // The file calls of a share with an allow-list. What the list doesn't name isn't there: the root directory
 // has the listed files alone, no file can be renamed onto another name, and names are matched in their very
 // case, so that a listed name that is gone isn't taken for a neighbour's. The root itself can be looked at
-// but not changed. The mark of origin of a file that isn't listed ("name:Zone.Identifier") can be read where it
-// is there; its handle tells and changes nothing of the file.
+// but not changed. The mark of origin of a file that isn't listed ("name:Zone.Identifier") can be read where
+// it is there; its handle tells and changes nothing of the file.
 //
 // Whether a path may be opened is decided before, by the device.
 #pragma once
