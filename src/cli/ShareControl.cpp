@@ -2,6 +2,7 @@
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "cli/ShareSession.h"
+#include "lib/unicode/ShownText.h"
 #include "platform/Process.h"
 
 #include <algorithm>
@@ -171,7 +172,7 @@ void ShareSession::SayReady() const
         }
     }
     const bool sent = !options.folders.front().files.empty();
-    Say(ready.front().path + (sent ? " is at " : " is mounted at ") + ready.front().place +
+    Say(Escaped(ready.front().path) + (sent ? " is at " : " is mounted at ") + Escaped(ready.front().place) +
         (ready.size() > 1 ? ", and " + std::to_string(ready.size() - 1) + " more beside it" : "") +
         ". Press Ctrl-C to end.");
 }

@@ -3,6 +3,7 @@
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "host/RunningHosts.h"
+#include "lib/unicode/ShownText.h"
 
 #include <algorithm>
 
@@ -12,7 +13,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kGreetingLimit = 30s;
-constexpr auto kReadyLimit = 60s; // from the agent's greeting to the last share
+constexpr auto kReadyLimit = 60s;      // from the agent's greeting to the last share
+constexpr size_t kLongestPlace = 4096; // that an agent may name
 constexpr char kLoopback[] = "127.0.0.1";
 constexpr transport::KeepAlive kOverNetwork{10000, 30000};
 constexpr transport::KeepAlive kOnThisMachine{0, 0}; // a lost end is noticed at once
@@ -243,6 +245,12 @@ std::string ShareSession::MountedAt() const
 void ShareSession::StartCommand()
 {
     std::string problem;
+    // Scripts take the path as it is, so what the agent says must be one.
+    if (!mountPoint && !IsPlainAbsolutePath(mounted)) {
+        Fail(EXIT_REFUSED, "the agent says that it has mounted at \"" + Escaped(mounted) +
+                               "\", which is no plain path for FODR_MOUNT");
+        return;
+    }
     platform::ChildOptions child;
     child.arguments = options.command;
     child.environment = {{"FODR_MOUNT", mounted}};
@@ -306,7 +314,8 @@ void ShareSession::HandleNotice(transport::NoticeKind kind, const std::string &t
 {
     switch (kind) {
     case transport::NoticeKind::Mounted:
-        mounted = text;
+        // Where that is on this machine we know ourselves.
+        mounted = mountPoint ? mountPoint->Path() : text.substr(0, kLongestPlace);
         CheckReady();
         break;
     case transport::NoticeKind::Warning:

@@ -3,6 +3,7 @@
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "cli/ShareSession.h"
+#include "lib/unicode/ShownText.h"
 
 #include <algorithm>
 #include <array>
@@ -56,7 +57,7 @@ void ShareSession::HandleLost(const std::string &reason)
         return;
     }
     if (cause.byAgent && command == nullptr) {
-        Say(cause.sentence + ".");
+        Say(Escaped(cause.sentence) + ".");
         BeginEnd(EXIT_DONE);
     } else {
         Fail(cause.code, cause.sentence);
