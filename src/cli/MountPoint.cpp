@@ -105,9 +105,9 @@ MountPoint::~MountPoint()
         fs::remove(path, ignored); // nothing happens to a folder that isn't empty
 }
 
-bool MountPoint::Clear()
+bool MountPoint::Clear(const std::function<bool(const std::string &path)> &detach)
 {
-    return platform::InspectMount(path) == MountState::None || platform::DetachMount(path);
+    return platform::InspectMount(path) == MountState::None || detach(path);
 }
 
 } // namespace fodr::cli

@@ -80,6 +80,11 @@ void ShareSession::ControlAdd(const Words &request, std::function<void(const Con
             Refusal(EXIT_REFUSED, "this run sends the files that it was given: use fodr share for folders"));
         return;
     }
+    if (options.fixed) {
+        answer(Refusal(EXIT_REFUSED, "nothing can be added to this run, which is a fixed one: start it with "
+                                     "--no-fixed"));
+        return;
+    }
     if (!options.folderLayout) {
         answer(Refusal(EXIT_REFUSED,
                        "this share shows its one folder as the mount itself: start it with --layout "
@@ -197,7 +202,9 @@ ControlReply ShareSession::ControlStatus() const
                                            {"agent", options.target.Name()},
                                            {"mount", mounted.empty() ? "" : MountedAt()},
                                            {"seconds", std::to_string(seconds)},
-                                           {"reconnects", std::to_string(reconnects)}});
+                                           {"reconnects", std::to_string(reconnects)},
+                                           {"fixed", options.fixed ? "yes" : "no"},
+                                           {"confined", confinement.State()}});
     return reply;
 }
 

@@ -39,9 +39,11 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
 } // namespace
 
 ShareSession::ShareSession(const ShareOptions &shareOptions,
-                           std::unique_ptr<host::PrivateSettings> privateSettings, std::string runtimeFolder)
-    : options(shareOptions), folder(std::move(runtimeFolder)), settings(std::move(privateSettings)),
-      starter(&options, [this](const std::string &line) { HandleAgentLine(line); })
+                           std::unique_ptr<host::PrivateSettings> privateSettings, std::string runtimeFolder,
+                           std::unique_ptr<MountPoint> place, const RunConfinement &runConfinement)
+    : options(shareOptions), confinement(runConfinement), folder(std::move(runtimeFolder)),
+      settings(std::move(privateSettings)), mountPoint(std::move(place)),
+      starter(&options, &confinement, [this](const std::string &line) { HandleAgentLine(line); })
 {}
 
 ShareSession::~ShareSession() = default;
@@ -64,25 +66,6 @@ int ShareSession::Run()
 bool ShareSession::Prepare()
 {
     std::string problem;
-    if (options.target.kind == AgentTarget::Kind::Local) {
-        const std::string name = options.folders.size() == 1 ? options.folders.front().name : "shares";
-        mountPoint = options.target.mountPoint.empty()
-                         ? MountPoint::PrepareDefault(name, &problem)
-                         : MountPoint::Prepare(options.target.mountPoint, &problem);
-        if (!mountPoint) {
-            Fail(EXIT_MOUNT_POINT, problem);
-            return false;
-        }
-        for (const SharedFolder &shared : options.folders) {
-            for (const std::string &path : shared.Paths()) {
-                if (path != mountPoint->Path() && !(path + "/").starts_with(mountPoint->Path() + "/"))
-                    continue;
-                Fail(EXIT_MOUNT_POINT, "the mount point \"" + mountPoint->Path() + "\" would hide \"" + path +
-                                           "\" itself: choose a folder elsewhere");
-                return false;
-            }
-        }
-    }
     if (!starter.Prepare(&problem)) {
         Fail(EXIT_OTHER, "can't listen for the agent: " + problem);
         return false;
@@ -254,7 +237,7 @@ void ShareSession::StartCommand()
     platform::ChildOptions child;
     child.arguments = options.command;
     child.environment = {{"FODR_MOUNT", mounted}};
-    command = platform::ChildProcess::Start(child, &problem);
+    command = confinement.Start(child, &problem);
     if (!command) {
         Fail(EXIT_CANNOT_START, options.command.front() + " can't be started: " + problem);
         return;

@@ -7,6 +7,7 @@
 #include "agent/PacketTraffic.h"
 #include "cli/AgentStarter.h"
 #include "cli/MountPoint.h"
+#include "cli/RunConfinement.h"
 #include "cli/ShareOptions.h"
 #include "host/ControlServer.h"
 #include "host/EventQueue.h"
@@ -29,9 +30,11 @@ namespace fodr::cli {
 
 class ShareSession final : private host::IChannelListener {
 public:
-    // The settings are in force already.
+    // The settings and the confinement are in force already; the latter outlives the session. `place` is for
+    // an agent on this machine.
     ShareSession(const ShareOptions &shareOptions, std::unique_ptr<host::PrivateSettings> privateSettings,
-                 std::string runtimeFolder);
+                 std::string runtimeFolder, std::unique_ptr<MountPoint> place,
+                 const RunConfinement &runConfinement);
     ~ShareSession();
     ShareSession(const ShareSession &) = delete;
     ShareSession &operator=(const ShareSession &) = delete;
@@ -95,6 +98,7 @@ private:
     void BeginEnd(int code);
     void CleanUp();
     void EndCommand();
+    bool ClearMount();
 
     // ---- Control (ShareControl.cpp) ----
     host::ControlReply HandleControl(const host::Words &request);
@@ -121,6 +125,7 @@ private:
     void FollowSettings();
 
     const ShareOptions options;
+    const RunConfinement &confinement;
     const std::string folder;
     host::EventQueue queue;
     const std::unique_ptr<host::PrivateSettings> settings; // posts to the queue

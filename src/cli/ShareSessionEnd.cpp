@@ -139,8 +139,7 @@ void ShareSession::TryAgain(const std::string &sentence)
     if (channel)
         channel->DestroyInstance();
     shares->StartOver();
-    if (mountPoint)
-        mountPoint->Clear();
+    ClearMount();
     retryAfter = retryAfter == 0ms ? std::chrono::milliseconds(kFirstRetry)
                                    : std::min<std::chrono::milliseconds>(2 * retryAfter, kLongestRetry);
     SetTimer(retryAfter);
@@ -180,6 +179,12 @@ void ShareSession::BeginEnd(int code)
     SetTimer(kEndLimit);
 }
 
+bool ShareSession::ClearMount()
+{
+    return !mountPoint ||
+           mountPoint->Clear([this](const std::string &path) { return confinement.DetachMount(path); });
+}
+
 void ShareSession::CleanUp()
 {
     over = true;
@@ -201,7 +206,7 @@ void ShareSession::CleanUp()
             command->Kill();
         commandWaiter.join();
     }
-    if (mountPoint && !mountPoint->Clear())
+    if (!ClearMount())
         Complain("the mount at \"" + mountPoint->Path() + "\" can't be taken away: unmount it");
     mountPoint.reset();
     ShowProgress("");
