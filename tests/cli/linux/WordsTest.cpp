@@ -110,7 +110,7 @@ TEST_F(MountPoints, AreEmptyFoldersAndGoAgainWhenTheyWereMade)
         const auto point = MountPoint::Prepare((root / name).string(), &problem);
         ASSERT_TRUE(point) << problem;
         EXPECT_TRUE(fs::is_directory(point->Path()));
-        EXPECT_TRUE(point->Clear());
+        EXPECT_TRUE(point->Clear(platform::DetachMount));
     }
     EXPECT_FALSE(fs::exists(root / "made"));
     EXPECT_TRUE(fs::exists(root / "kept"));
