@@ -1,5 +1,6 @@
 #include "cli/MountPoint.h"
 
+#include "platform/Files.h"
 #include "platform/Mounts.h"
 #include "platform/UserFolders.h"
 
@@ -100,9 +101,9 @@ std::unique_ptr<MountPoint> MountPoint::PrepareDefault(const std::string &name, 
 
 MountPoint::~MountPoint()
 {
-    std::error_code ignored;
+    // Not as a file first, as the library does it: a confined run may remove folders alone.
     if (made && platform::InspectMount(path) == MountState::None)
-        fs::remove(path, ignored); // nothing happens to a folder that isn't empty
+        platform::RemoveFolder(path);
 }
 
 bool MountPoint::Clear(const std::function<bool(const std::string &path)> &detach)

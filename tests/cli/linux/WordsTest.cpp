@@ -3,6 +3,7 @@
 #include "RealMount.h"
 #include "cli/MountPoint.h"
 #include "platform/ChildProcess.h"
+#include "platform/Mounts.h"
 #include "platform/UserFolders.h"
 
 #include <filesystem>
