@@ -47,6 +47,12 @@ struct EndReport {
     int32_t code;
 };
 
+// A descriptor that is readable once the process has ended.
+int OpenProcess(pid_t pid)
+{
+    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+}
+
 // ---- One packet with descriptors ----
 
 // Room for the descriptors of a packet.
@@ -161,7 +167,7 @@ private:
         send(descriptors[0].Get(), &report, sizeof(report), MSG_NOSIGNAL);
         if (error != 0)
             return;
-        Fd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+        Fd process(OpenProcess(pid));
         children.push_back({pid, options.interrupts == ChildOptions::Interrupts::Own, std::move(process),
                             std::move(descriptors[0])});
     }
@@ -332,7 +338,8 @@ std::unique_ptr<ChildLauncher> ChildLauncher::Create(const std::vector<ChildOpti
                                                      std::string *error)
 {
     int pair[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
+    const Fd self(OpenProcess(getpid())); // without such descriptors no end would be noticed
+    if (!self.Valid() || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
         return FailWithErrno(error);
     Fd ours(pair[0]), theirs(pair[1]);
     const pid_t pid = fork();
