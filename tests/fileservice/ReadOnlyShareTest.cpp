@@ -1,6 +1,5 @@
 // A share that its owner has made read-only: what an agent asks for changes nothing, whatever it says of
 // itself.
-#include "Wine.h"
 #include "fileservice/Share.h"
 
 namespace fodr::test {
@@ -48,9 +47,7 @@ TEST_F(ReadOnlyShare, OpensForReadingAlone)
          STATUS_SUCCESS},
         {u"\\none", {.access = GENERIC_READ}, STATUS_OBJECT_NAME_NOT_FOUND},
         {u"\\none", {.access = GENERIC_READ, .disposition = FILE_OPEN_IF}, kProtected},
-        {u"\\a:s",
-         {.access = GENERIC_READ, .disposition = FILE_OPEN_IF},
-         RunsOnWine() ? STATUS_OBJECT_NAME_INVALID : kProtected}, // it has no streams
+        {u"\\a:s", {.access = GENERIC_READ, .disposition = FILE_OPEN_IF}, kProtected},
         {u"\\none\\x", {.access = GENERIC_READ, .disposition = FILE_OPEN_IF}, STATUS_OBJECT_PATH_NOT_FOUND},
         {u"\\a", {.access = GENERIC_READ, .options = FILE_DELETE_ON_CLOSE}, kProtected},
         {u"\\F",
