@@ -120,6 +120,7 @@ const std::vector<KnownSetting> &KnownSettings()
         {"logToStderr", kRegSz, "false", "", kFlag},
         {"logToStdout", kRegSz, "false", "", kFlag},
         {"logToSyslog", kRegSz, "false", "", kFlag},
+        {"readOnlyShares", kRegDword, "0, the agent's permission decides", "live for new shares", "0 1"},
         {"tcpEnabled", kRegSz, "false", "", "true false"},
         {"useLocalTime", kRegSz, "true", "live", kFlag},
         {"vchanSideChannelEnabled", kRegSz, "false", "", "true false"},

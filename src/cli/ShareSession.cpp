@@ -3,6 +3,7 @@
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "host/RunningHosts.h"
+#include "lib/unicode/ShownText.h"
 
 #include <algorithm>
 
@@ -16,6 +17,7 @@ constexpr auto kReadyLimit = 60s;               // from the agent's greeting to 
 constexpr unsigned kDefaultIoTimeout = 10;      // seconds; the agent's default as well
 constexpr unsigned kLongestIoTimeout = 1000000; // so that milliseconds fit a number
 constexpr int kMostStrangersNamed = 10;
+constexpr size_t kLongestPlace = 4096; // that an agent may name
 constexpr char kLoopback[] = "127.0.0.1";
 constexpr transport::KeepAlive kOverNetwork{10000, 30000};
 constexpr transport::KeepAlive kOnThisMachine{0, 0}; // a lost end is noticed at once
@@ -39,19 +41,15 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
     return channel;
 }
 
-bool IsAtOrBelow(const std::string &path, const std::string &folder)
-{
-    const std::string inside = folder.ends_with('/') ? folder : folder + "/";
-    return path == folder || path.starts_with(inside);
-}
-
 } // namespace
 
 ShareSession::ShareSession(const ShareOptions &shareOptions,
-                           std::unique_ptr<host::PrivateSettings> privateSettings, std::string runtimeFolder)
-    : options(shareOptions), folder(std::move(runtimeFolder)), settings(std::move(privateSettings)),
+                           std::unique_ptr<host::PrivateSettings> privateSettings, std::string runtimeFolder,
+                           std::unique_ptr<MountPoint> place, const RunConfinement &runConfinement)
+    : options(shareOptions), confinement(runConfinement), folder(std::move(runtimeFolder)),
+      settings(std::move(privateSettings)), mountPoint(std::move(place)),
       starter(
-          &options, [this](const std::string &line) { HandleAgentLine(line); },
+          &options, &confinement, [this](const std::string &line) { HandleAgentLine(line); },
           [this](const std::string &reason) { HandleStranger(reason); })
 {}
 
@@ -75,45 +73,11 @@ int ShareSession::Run()
 bool ShareSession::Prepare()
 {
     std::string problem;
-    if (options.target.kind == AgentTarget::Kind::Local) {
-        const std::string name = options.folders.size() == 1 ? options.folders.front().name : "shares";
-        mountPoint = options.target.mountPoint.empty()
-                         ? MountPoint::PrepareDefault(name, &problem)
-                         : MountPoint::Prepare(options.target.mountPoint, &problem);
-        if (!mountPoint) {
-            Fail(EXIT_MOUNT_POINT, problem);
-            return false;
-        }
-        for (const SharedFolder &shared : options.folders) {
-            for (const std::string &path : shared.Paths()) {
-                problem = MountConflict(path);
-                if (problem.empty())
-                    continue;
-                Fail(EXIT_MOUNT_POINT, problem);
-                return false;
-            }
-        }
-    }
     if (!starter.Prepare(&problem)) {
         Fail(EXIT_OTHER, "can't listen for the agent: " + problem);
         return false;
     }
     return StartPlugin() && StartControl();
-}
-
-// A mount that shows itself has no end; one that hides what it shows has no beginning.
-std::string ShareSession::MountConflict(const std::string &path) const
-{
-    const std::string mount = mountPoint ? mountPoint->Path() : "";
-    if (mount.empty())
-        return {};
-    if (IsAtOrBelow(path, mount))
-        return "the mount point \"" + mount + "\" would hide \"" + path +
-               "\" itself: choose a folder elsewhere";
-    if (IsAtOrBelow(mount, path))
-        return "the mount point \"" + mount + "\" lies in \"" + path +
-               "\", which would show itself: choose a folder elsewhere";
-    return {};
 }
 
 bool ShareSession::StartPlugin()
@@ -272,10 +236,16 @@ std::string ShareSession::MountedAt() const
 void ShareSession::StartCommand()
 {
     std::string problem;
+    // Scripts take the path as it is, so what the agent says must be one.
+    if (!mountPoint && !IsPlainAbsolutePath(mounted)) {
+        Fail(EXIT_REFUSED, "the agent says that it has mounted at \"" + Escaped(mounted) +
+                               "\", which is no plain path for FODR_MOUNT");
+        return;
+    }
     platform::ChildOptions child;
     child.arguments = options.command;
     child.environment = {{"FODR_MOUNT", mounted}};
-    command = platform::ChildProcess::Start(child, &problem);
+    command = confinement.Start(child, &problem);
     if (!command) {
         Fail(EXIT_CANNOT_START, options.command.front() + " can't be started: " + problem);
         return;
@@ -337,7 +307,8 @@ void ShareSession::HandleNotice(transport::NoticeKind kind, const std::string &t
 {
     switch (kind) {
     case transport::NoticeKind::Mounted:
-        mounted = text;
+        // Where that is on this machine we know ourselves.
+        mounted = mountPoint ? mountPoint->Path() : text.substr(0, kLongestPlace);
         CheckReady();
         break;
     case transport::NoticeKind::Warning:

@@ -8,6 +8,7 @@
 #include "cli/AgentStarter.h"
 #include "cli/Console.h"
 #include "cli/MountPoint.h"
+#include "cli/RunConfinement.h"
 #include "cli/ShareOptions.h"
 #include "cli/WarningCounter.h"
 #include "host/ControlServer.h"
@@ -31,9 +32,11 @@ namespace fodr::cli {
 
 class ShareSession final : private host::IChannelListener {
 public:
-    // The settings are in force already.
+    // The settings and the confinement are in force already; the latter outlives the session. `place` is for
+    // an agent on this machine.
     ShareSession(const ShareOptions &shareOptions, std::unique_ptr<host::PrivateSettings> privateSettings,
-                 std::string runtimeFolder);
+                 std::string runtimeFolder, std::unique_ptr<MountPoint> place,
+                 const RunConfinement &runConfinement);
     ~ShareSession();
     ShareSession(const ShareSession &) = delete;
     ShareSession &operator=(const ShareSession &) = delete;
@@ -99,6 +102,7 @@ private:
     void CleanUp();
     void EndCommand();
     void GiveUpSilentAgent();
+    bool ClearMount();
 
     // ---- Control (ShareControl.cpp) ----
     host::ControlReply HandleControl(const host::Words &request);
@@ -122,11 +126,11 @@ private:
     std::vector<ShownPath> Shown(const host::FolderShare &share) const;
     void SayReady() const;
     // Why a path can't be shown at our mount point; empty when it can.
-    std::string MountConflict(const std::string &path) const;
     bool AllowFolders(const std::vector<std::string> &folders);
     void FollowSettings();
 
     const ShareOptions options;
+    const RunConfinement &confinement;
     const std::string folder;
     WarningCounter warnings{Complain}; // of the agent
     host::EventQueue queue;

@@ -3,6 +3,7 @@
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "cli/ShareSession.h"
+#include "lib/unicode/ShownText.h"
 
 #include <algorithm>
 #include <array>
@@ -58,7 +59,7 @@ void ShareSession::HandleLost(const std::string &reason)
         return;
     }
     if (cause.byAgent && command == nullptr) {
-        Say(cause.sentence + ".");
+        Say(Escaped(cause.sentence) + ".");
         BeginEnd(EXIT_DONE);
     } else {
         Fail(cause.code, cause.sentence);
@@ -140,8 +141,7 @@ void ShareSession::TryAgain(const std::string &sentence)
     if (channel)
         channel->DestroyInstance();
     shares->StartOver();
-    if (mountPoint)
-        mountPoint->Clear();
+    ClearMount();
     retryAfter = retryAfter == 0ms ? std::chrono::milliseconds(kFirstRetry)
                                    : std::min<std::chrono::milliseconds>(2 * retryAfter, kLongestRetry);
     SetTimer(retryAfter);
@@ -197,6 +197,12 @@ void ShareSession::GiveUpSilentAgent()
     channel->Close("the agent doesn't finish");
 }
 
+bool ShareSession::ClearMount()
+{
+    return !mountPoint ||
+           mountPoint->Clear([this](const std::string &path) { return confinement.DetachMount(path); });
+}
+
 void ShareSession::CleanUp()
 {
     over = true;
@@ -218,7 +224,7 @@ void ShareSession::CleanUp()
             command->Kill();
         commandWaiter.join();
     }
-    if (mountPoint && !mountPoint->Clear())
+    if (!ClearMount())
         Complain("the mount at \"" + mountPoint->Path() + "\" can't be taken away: unmount it");
     mountPoint.reset();
     warnings.ShowCounts();

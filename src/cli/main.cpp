@@ -58,6 +58,14 @@ void AddWhereAndHow(CLI::App *app, ShareWords *words)
     app->add_flag_callback(
            "--no-reconnect", [words] { words->reconnect = false; }, "End then (default, except over ssh)")
         ->excludes(reconnect);
+    auto *fixed = app->add_flag_callback(
+        "--fixed", [words] { words->fixed = true; },
+        "Nothing can be added later: fodr gives up the right to write elsewhere (default with a command, and "
+        "of "
+        "fodr send)");
+    app->add_flag_callback(
+           "--no-fixed", [words] { words->fixed = false; }, "Folders can be added later")
+        ->excludes(fixed);
     app->add_option("--token-file", words->tokenFile, "File with the token that both ends know");
     app->add_option("--side-channel", words->sideChannel, "Carry the data on a TCP connection of its own")
         ->check(CLI::IsMember({"none", "tcp", "plugin"}));

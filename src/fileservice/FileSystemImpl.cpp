@@ -1,6 +1,7 @@
 #include "fileservice/FileSystemImpl.h"
 
 #include "fileservice/NtCalls.h"
+#include "fileservice/ReadOnlyShare.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/TaskPool.h"
 #include "runtime/LogCall.h"
@@ -37,6 +38,7 @@ std::unique_ptr<IFileSystem> FileSystemImpl::Create(const std::string &root, con
 
 void FileSystemImpl::KeepRoot(const std::string &root, const ShareRules &rules)
 {
+    readOnlyShare = rules.readOnly;
     std::u16string wide;
     if (Utf8ToUtf16(root, wide))
         shareRoot.emplace(wide, rules);
@@ -62,6 +64,13 @@ NTSTATUS FileSystemImpl::RedirectedCreateFile(uint32_t *fileId, uint32_t desired
     }
     if (std::u16string_view(path).size() > kLongestNtText)
         return STATUS_NAME_TOO_LONG;
+    const bool mayMake = createDisposition == FILE_OPEN_IF;
+    if (readOnlyShare) {
+        if (IsChangingCreate(desiredAccess, createDisposition, createOptions))
+            return STATUS_MEDIA_WRITE_PROTECTED;
+        createDisposition = FILE_OPEN;
+        desiredAccess &= ~FILE_WRITE_ATTRIBUTES;
+    }
 
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, path);
@@ -75,6 +84,8 @@ NTSTATUS FileSystemImpl::RedirectedCreateFile(uint32_t *fileId, uint32_t desired
                                    fileAttributes, shareAccess, createDisposition,
                                    AdjustedOptions(desiredAccess, createOptions), nullptr, 0);
     *fileId = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(handle));
+    if (readOnlyShare && mayMake && status == STATUS_OBJECT_NAME_NOT_FOUND)
+        return STATUS_MEDIA_WRITE_PROTECTED;
     *information = static_cast<uint32_t>(ioStatus.Information);
     return status;
 }
@@ -96,6 +107,8 @@ NTSTATUS FileSystemImpl::RedirectedCancelAllIo(uint32_t fileId)
 NTSTATUS FileSystemImpl::RedirectedWriteFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus, const void *buffer,
                                              uint32_t length, const LARGE_INTEGER &offset)
 {
+    if (readOnlyShare)
+        return RefuseChange(ioStatus);
     LARGE_INTEGER position = offset;
     return CallAndWait(ioStatus, [&](HANDLE event) {
         return NtWriteFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, buffer, length, &position,
@@ -108,6 +121,8 @@ NTSTATUS FileSystemImpl::RedirectedDeviceIoControlFile(uint32_t fileId, IO_STATU
                                                        uint32_t inputLength, void *output,
                                                        uint32_t outputLength)
 {
+    if (readOnlyShare && IsChangingControl(controlCode))
+        return RefuseChange(ioStatus);
     return CallAndWait(ioStatus, [&](HANDLE event) {
         return NtDeviceIoControlFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, controlCode, input,
                                      inputLength, output, outputLength);

@@ -2,6 +2,7 @@
 #include "fileservice/FileSystemImpl.h"
 #include "fileservice/NtCalls.h"
 #include "fileservice/PacketText.h"
+#include "fileservice/ReadOnlyShare.h"
 #include "fileservice/RequestLimits.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/RdpdrRecords.h"
@@ -32,15 +33,19 @@ uint32_t NativeTail(uint32_t fileInfoClass)
     }
 }
 
-// The last unit of the name is its terminator.
-bool IsRenamedBelowRoot(const uint8_t *wireRecord, uint32_t length)
+// Whether the record gives the file a name below the share's root. The last unit of a name is its terminator.
+NTSTATUS CheckRename(const uint8_t *wireRecord, uint32_t length)
 {
     constexpr uint32_t kName = kWireSize<RDP_FILE_RENAME_INFORMATION>;
-    if (length < kName + 2 * sizeof(char16_t) ||
-        LoadRecord<RDP_FILE_RENAME_INFORMATION>(wireRecord).FileNameLength < 2 * sizeof(char16_t))
-        return true; // the root, or no rename at all
-    const auto first = static_cast<char16_t>(LoadLittle<uint16_t>(wireRecord + kName));
-    return BeginsBelowRoot({&first, 1});
+    if (length < kName)
+        return STATUS_INVALID_PARAMETER;
+    const uint32_t nameLength = LoadRecord<RDP_FILE_RENAME_INFORMATION>(wireRecord).FileNameLength;
+    if (nameLength < sizeof(char16_t) || nameLength % sizeof(char16_t) != 0 || nameLength > length - kName)
+        return STATUS_INVALID_PARAMETER;
+    std::u16string name(nameLength / sizeof(char16_t) - 1, u'\0');
+    memcpy(name.data(), wireRecord + kName, name.size() * sizeof(char16_t));
+    const bool below = BeginsBelowRoot(name) && HasNoDotComponents(name) && !NamesRoot(name);
+    return below ? STATUS_SUCCESS : STATUS_OBJECT_NAME_INVALID;
 }
 
 } // namespace
@@ -65,6 +70,8 @@ NTSTATUS FileSystemImpl::RedirectedSetVolumeInformationFile(uint32_t fileId, IO_
                                                             const void *buffer, uint32_t length,
                                                             uint32_t fsInfoClass)
 {
+    if (readOnlyShare)
+        return RefuseChange(ioStatus);
     Clear(ioStatus);
     return NtSetVolumeInformationFile(HandleOf(fileId), ioStatus, buffer, length, fsInfoClass);
 }
@@ -92,9 +99,13 @@ NTSTATUS FileSystemImpl::RedirectedSetInformationFile(uint32_t fileId, IO_STATUS
                                                       uint32_t fileInfoClass)
 {
     static_assert(kSetBufferReadable == sizeof(FILE_BASIC_INFORMATION));
+    if (readOnlyShare && IsChangingClass(fileInfoClass))
+        return RefuseChange(ioStatus);
     Clear(ioStatus);
-    if (fileInfoClass == FileRenameInformation && !IsRenamedBelowRoot(buffer, length))
-        return STATUS_OBJECT_NAME_INVALID;
+    if (fileInfoClass == FileRenameInformation) {
+        if (const NTSTATUS refused = CheckRename(buffer, length); refused != STATUS_SUCCESS)
+            return refused;
+    }
     uint8_t *native = nullptr;
     uint32_t nativeLength = length;
     NTSTATUS status = packer.UnpackSetInformation(fileInfoClass, buffer, length, &native, &nativeLength);

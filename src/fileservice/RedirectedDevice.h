@@ -136,10 +136,9 @@ private:
     bool CompleteCreate(const Request &request, const CreateOutcome &outcome);
     bool IsFileOpenAllowedByDeviceFilter(const std::string &absolutePath, uint32_t createOptions);
 
-    // Names. Refused: what would give a file a name outside the share, and classes 64 and 65 of the root.
+    // Names. Refused: what would give a file a name outside the share, or take the root its name.
     // What a record of class 65 says is checked before the file system sees it. `buffer` has at least
     // kSetBufferReadable bytes.
-    bool IsRootPath(const std::u16string &absolutePath) const;
     bool IsRoot(uint32_t fileId) EXCLUDES(filesLock);
     nt::NTSTATUS SetInformation(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus, uint8_t *buffer,
                                 uint32_t length, uint32_t infoClass);

@@ -28,7 +28,8 @@ bool RedirectedDevice::HandleCreate(const Request &request, RdpdrStream &packet)
         return false;
     if (create.PathLength == 0)
         absolutePath += u'\\';
-    if (!BeginsBelowRoot(std::u16string_view(absolutePath).substr(widePath.size())))
+    const std::u16string_view relativePath = std::u16string_view(absolutePath).substr(widePath.size());
+    if (!BeginsBelowRoot(relativePath))
         return SendCompletion(request.CompletionId, STATUS_OBJECT_NAME_INVALID);
     // A share's root may come from the agent's policy and the rest comes from this packet. Neither may be
     // able to end the process with a byte that isn't text.
@@ -43,9 +44,14 @@ bool RedirectedDevice::HandleCreate(const Request &request, RdpdrStream &packet)
         LOG_INFO("File/Subfolder [%s] cannot be accessed.", shownPath.c_str());
         return SendCompletion(request.CompletionId, STATUS_ACCESS_DENIED);
     }
+    if (!HasNoDotComponents(relativePath))
+        return SendCompletion(request.CompletionId, STATUS_OBJECT_NAME_INVALID);
+    const bool isRoot = NamesRoot(relativePath);
+    if (isRoot && create.CreateOptions & FILE_DELETE_ON_CLOSE)
+        return SendCompletion(request.CompletionId, STATUS_ACCESS_DENIED);
     CreateOutcome outcome = CreateFileAt(create, absolutePath, shownPath);
     if (!IsError(outcome.status)) {
-        const NTSTATUS kept = KeepOpenFile(outcome.fileId, IsRootPath(absolutePath));
+        const NTSTATUS kept = KeepOpenFile(outcome.fileId, isRoot);
         if (IsError(kept)) {
             fileSystem->RedirectedCloseFile(outcome.fileId);
             return SendCompletion(request.CompletionId, kept);
