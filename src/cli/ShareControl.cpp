@@ -95,7 +95,8 @@ void ShareSession::ControlAdd(const Words &request, std::function<void(const Con
         answer(Refusal(EXIT_FOLDER, "\"" + path + "\" is not a folder"));
         return;
     }
-    if (const std::string conflict = mountPoint ? mountPoint->ConflictWith(path) : std::string(); !conflict.empty()) {
+    if (const std::string conflict = mountPoint ? mountPoint->ConflictWith(path) : std::string();
+        !conflict.empty()) {
         answer(Refusal(EXIT_MOUNT_POINT, conflict));
         return;
     }

@@ -5,8 +5,9 @@
 
 namespace fodr {
 
-// The host writes the handle from inside CreateObject, before it reports any state of the object, which it may
-// do from there or from another thread. So the slot that the host writes to is the one that all others read.
+// The host writes the handle from inside CreateObject, before it reports any state of the object, which it
+// may do from there or from another thread. So the slot that the host writes to is the one that all others
+// read.
 //
 // While DestroyObject runs the handle is still there for the host's last notices, but not for senders.
 class HostHandle {
