@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 namespace fodr::host {
@@ -113,7 +114,11 @@ std::unique_ptr<ByteStream> AgentDoor::Await()
         }
         Newcomer &newcomer = newcomers.emplace_back();
         newcomer.stream = std::move(stream);
-        newcomer.thread = std::thread([this, &newcomer] { LookAt(&newcomer); });
+        try {
+            newcomer.thread = std::thread([this, &newcomer] { LookAt(&newcomer); });
+        } catch (const std::system_error &) {
+            newcomers.pop_back(); // short of threads: he may come again
+        }
     }
     Clear(true);
     return found;
