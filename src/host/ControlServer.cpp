@@ -6,7 +6,6 @@ namespace fodr::host {
 namespace {
 
 constexpr int kRequestTimeoutMS = 10000;
-constexpr size_t kMaxVisitors = 32;
 
 } // namespace
 

@@ -14,6 +14,8 @@ namespace fodr::host {
 
 class ControlServer {
 public:
+    static constexpr size_t kMaxVisitors = 32; // one more is sent away
+
     // Called on a thread of the connection's own, if there can be one; several may run at once.
     using Handler = std::function<ControlReply(const Words &request)>;
 

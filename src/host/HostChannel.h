@@ -52,6 +52,7 @@ public:
     // Frames about the channel that an agent has sent and that aren't handled yet. Packets aren't counted:
     // they go straight to the plug-in.
     static constexpr size_t kMostWaitingEvents = 4096;
+    static constexpr size_t kMaxPeers = 64; // objects of one agent
 
     // Host and listener outlive the channel; the listener may be null.
     HostChannel(PluginHost *pluginHost, const ChannelOptions &channelOptions, IChannelListener *told);

@@ -5,11 +5,6 @@
 #include <algorithm>
 
 namespace fodr::host {
-namespace {
-
-constexpr size_t kMaxPeers = 64; // objects of one agent
-
-} // namespace
 
 // What a thread that opens a side connection shares with the channel. It may outlive the channel: looking up
 // a name can take long, and nobody waits for it.

@@ -330,6 +330,8 @@ class Listening(Case):
         self.assertIn('"running"', status.stdout, status.stderr)
         process.send_signal(2)
         self.assertEqual(process.wait(20), 0)
+        said = process.stderr.read()
+        self.assertEqual((said.count("has connected"), said.count("isn't told any more")), (10, 1), said)
 
     @staticmethod
     def answers_at(port):

@@ -273,6 +273,20 @@ TEST_F(Channel, AnAgentThatFloodsTheChannelIsCutOff)
     EXPECT_GE(notices, HostChannel::kMostWaitingEvents);
 }
 
+TEST_F(Channel, OfAnAgentsObjectsOnlySoManyAreSeen)
+{
+    BringUp();
+    for (uint32_t id = 100; id < 200; ++id)
+        agent->Main().Send(transport::ObjectAnnounce{id, 0, 0, "more" + std::to_string(id)});
+    agent->Main().Send(transport::Notice{transport::NoticeKind::Warning, "that was all"});
+    size_t seen = 2; // those of BringUp
+    std::string line = events.Next();
+    for (; line.starts_with("peer more"); line = events.Next())
+        ++seen;
+    EXPECT_EQ(seen, HostChannel::kMaxPeers);
+    EXPECT_TRUE(line.ends_with("that was all")) << line;
+}
+
 TEST_F(Channel, GoodbyeLetsTheAgentFinish)
 {
     BringUp();

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <limits>
+#include <map>
 #include <random>
 
 namespace fodr::test {
@@ -44,6 +45,17 @@ TEST(ClientPolicy, EachVersionReadsTheBlockInItsOwnForm)
         EXPECT_EQ(policy.HasDeviceFilter(), version >= 5);
         EXPECT_EQ(policy.IsAllowedByDeviceFilter(kDenied), version < 5);
     }
+}
+
+TEST(ClientPolicy, PermissionsOfTheOldestSharesAreForgotten)
+{
+    ClientPolicy policy;
+    Parse(policy, Policy{}.Block(5), 5);
+    for (uint32_t id = 1; id <= FodrPolicy::kMostPermissions + 2; ++id)
+        policy.SetDevicePermission(id, 7);
+    for (const auto &[id, permission] : std::map<uint32_t, uint32_t>{
+             {1, 0}, {2, 0}, {3, 7}, {static_cast<uint32_t>(FodrPolicy::kMostPermissions) + 2, 7}})
+        EXPECT_EQ(policy.GetDevicePermission(id), permission) << id;
 }
 
 TEST(ClientPolicy, PermissionsLeaveMarks)

@@ -11,6 +11,8 @@
 #include <future>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <thread>
+#include <vector>
 
 namespace fodr::test {
 namespace {
@@ -73,6 +75,21 @@ TEST_F(Control, TheHostAnswersWhatItIsAsked)
     EXPECT_TRUE(rude->Write({&nonsense, 1}));
     EXPECT_EQ(host::ReceiveReply(rude.get(), 60000), std::nullopt);
     EXPECT_EQ(Ask(0, {"list"}).code, 7);
+}
+
+TEST_F(Control, SoManyVisitorsAreLetIn)
+{
+    const auto answer = [](const Words &) { return ControlReply{7, "", {}}; };
+    const auto server = host::ControlServer::Start(socket, answer, &error);
+    ASSERT_TRUE(server) << error;
+    std::vector<std::unique_ptr<platform::ByteStream>> silent;
+    for (size_t i = 0; i < host::ControlServer::kMaxVisitors; ++i)
+        silent.push_back(host::ConnectToHost(0));
+    std::byte unused;
+    EXPECT_EQ(host::ConnectToHost(0)->Read({&unused, 1}), 0);
+    silent.clear();
+    while (Ask(0, {"list"}).code != 7)
+        std::this_thread::yield(); // until it has noticed that they went
 }
 
 TEST_F(Control, AnEndingHostAnswersWhatIsUnderWay)
