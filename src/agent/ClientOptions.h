@@ -44,7 +44,7 @@ struct ClientOptions {
     bool driveLetterMapping = false; // refuses plain folders
     PolicyOptions policy;
     SideChannel sideChannel = SideChannel::None;
-    std::string sideChannelAddress; // to listen on; empty: all
+    std::string sideChannelAddress = "127.0.0.1"; // to listen on; empty: all
     unsigned ioTimeoutSeconds = 10; // without a completion for so long a request fails; 0: never
     // Requests and shares outlive a connection: what can wait does so for the next one, within its time.
     bool outlivesConnections = false;

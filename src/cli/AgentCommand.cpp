@@ -53,7 +53,7 @@ public:
                 error = "anybody could serve the mount: agree on a token with --token-file or FODR_TOKEN";
             else if ((listener = platform::ListenTcp(place->host.empty() ? "127.0.0.1" : place->host,
                                                      place->port, &error)))
-                stream = listener->Accept();
+                stream = Admitted(platform::ByteStream::kNoTimeout);
         }
         if (!stream)
             Complain("no connection to a host: " + error);
@@ -67,7 +67,7 @@ public:
     std::unique_ptr<platform::ByteStream> Next()
     {
         if (listener)
-            return listener->Accept(kAcceptMS);
+            return Admitted(kAcceptMS);
         {
             std::unique_lock<std::mutex> held(lock);
             wakeup.wait_for(held, pause, [this] { return stopped; });
@@ -89,6 +89,18 @@ public:
     bool CanComeAgain() const { return !words.stdio; }
 
 private:
+    // Without a token anybody on this machine could serve the mount: other users are sent away.
+    std::unique_ptr<platform::ByteStream> Admitted(int timeoutMS)
+    {
+        for (;;) {
+            auto stream = listener->Accept(timeoutMS);
+            if (!stream || !token.empty() || stream->PeerIsThisUser())
+                return stream;
+            Complain("another user of this machine has connected: agree on a token with --token-file or "
+                     "FODR_TOKEN");
+        }
+    }
+
     const AgentCommandWords &words;
     const std::string token;
     std::optional<HostAndPort> place; // of TCP

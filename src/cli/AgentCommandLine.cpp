@@ -108,7 +108,7 @@ void AddAgentOptions(CLI::App *app, AgentCommandWords *words)
     app->add_option("--share-wait-ms", words->shareWaitMS,
                     "How long to wait for the first share; 0: forever");
     app->add_option("--side-channel", words->sideChannel)->check(CLI::IsMember({"none", "tcp", "plugin"}));
-    app->add_option("--side-address", words->sideAddress, "Address to listen on for it (default: all)");
+    app->add_option("--side-address", words->sideAddress, "Address to listen on for it (default: 127.0.0.1)");
     app->add_option("--exclude", words->excludeRule, "Take nothing that is on these USB devices")
         ->type_name(kRules);
     app->add_option("--include", words->includeRule, "Of what is on USB devices, take only that on these")
@@ -136,7 +136,8 @@ bool AgentOptionsFrom(const AgentCommandWords &words, agent::AgentOptions *fille
     options.denyWriters = words.denyWriters;
     options.realOwners = words.owners == "real";
     client.driveLetterMapping = words.driveLetters;
-    client.sideChannelAddress = words.sideAddress;
+    if (!words.sideAddress.empty())
+        client.sideChannelAddress = words.sideAddress;
     client.ioTimeoutSeconds = words.ioTimeoutSeconds.value_or(client.ioTimeoutSeconds);
     client.sideChannel = SideChannelOf(words.sideChannel);
     agent::PolicyOptions &policy = client.policy;

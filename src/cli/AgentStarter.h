@@ -1,13 +1,15 @@
 // Gets a stream to an agent: starts one here or over ssh, connects to one, or waits for one.
 #pragma once
 
+#include "cli/RunConfinement.h"
 #include "cli/ShareOptions.h"
+#include "host/AgentDoor.h"
 #include "platform/ByteStream.h"
 #include "platform/ChildProcess.h"
 
 #include <functional>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <string>
 
 namespace fodr::cli {
@@ -22,11 +24,17 @@ class AgentStarter {
 public:
     using LineHandler = std::function<void(const std::string &line)>;
 
-    // `shareOptions` outlive it. `onLine` hears what a process that was started says on standard error, on a
-    // thread of its own.
-    AgentStarter(const ShareOptions *shareOptions, LineHandler onLine)
-        : options(shareOptions), onErrorLine(std::move(onLine))
+    // `shareOptions` and `runConfinement` outlive it. `onLine` hears what a process that was started says on
+    // standard error, on a thread of its own; `onStranger` why somebody who connected was sent away.
+    AgentStarter(const ShareOptions *shareOptions, const RunConfinement *runConfinement, LineHandler onLine,
+                 LineHandler onStranger)
+        : options(shareOptions), confinement(runConfinement), onErrorLine(std::move(onLine)),
+          onTurnedAway(std::move(onStranger))
     {}
+
+    // The process that Connect starts, as far as its command line goes; none where it starts none.
+    static std::optional<platform::ChildOptions> AgentProcess(const ShareOptions &options,
+                                                              const std::string &mountPoint);
 
     // Listens, for a target of that kind. False, with a few words in `*error`, when that isn't possible.
     bool Prepare(std::string *error);
@@ -35,16 +43,16 @@ public:
     // Ends a Connect that waits for an agent. From any thread.
     void Cancel();
     // Listening: the port.
-    uint16_t Port() const { return listener ? listener->Port() : uint16_t{0}; }
+    uint16_t Port() const { return door ? door->Port() : uint16_t{0}; }
 
 private:
-    std::vector<std::string> AgentWords(const std::string &program, const std::string &mountPoint) const;
-    AgentConnection StartProcess(const std::vector<std::string> &words,
-                                 platform::ChildOptions::Interrupts interrupts);
+    AgentConnection StartProcess(platform::ChildOptions child);
 
     const ShareOptions *const options;
+    const RunConfinement *const confinement;
     const LineHandler onErrorLine;
-    std::unique_ptr<platform::StreamListener> listener;
+    const LineHandler onTurnedAway;
+    std::unique_ptr<host::AgentDoor> door;
 };
 
 } // namespace fodr::cli

@@ -20,6 +20,7 @@ struct ShareWords {
     bool trace = false;
     std::string nameCase; // sensitive, insensitive
     bool linksOutside = false;
+    std::optional<bool> fixed; // nothing can be added while it runs
     std::string tokenFile;
     std::string sideChannel;
     std::string sshCommand;

@@ -184,10 +184,12 @@ int RunConfigSet(const std::string &name, const std::vector<std::string> &values
     }
     std::string expected;
     const auto value = ParseSetting(named.value_or(known != nullptr ? known->type : 0), values, &expected);
-    if (!value) {
+    if (!value || (known != nullptr && !IsWordOf(*known, *value, &expected))) {
         Complain(name + " wants " + expected);
         return EXIT_USAGE;
     }
+    if (const std::string made = platform::MakeSettingsFolder(); !made.empty())
+        Complain("your settings are in " + made + " from now on");
     const SettingsKey key(host::kPluginSettingsKey, SettingsKey::Access::Write);
     uint32_t result = key.Result();
     if (result == platform::kErrorSuccess)

@@ -1,5 +1,6 @@
 #include "cli/Console.h"
 
+#include "lib/unicode/ShownText.h"
 #include "platform/UserFolders.h"
 
 #include <cstdio>
@@ -57,11 +58,7 @@ std::string Plain(const std::string &text)
     std::string plain = text.starts_with(kPrefix) ? text.substr(sizeof(kPrefix) - 1) : text;
     while (!plain.empty() && (plain.back() == '\n' || plain.back() == '\r' || plain.back() == '.'))
         plain.pop_back();
-    for (char &c : plain) {
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
-            c = '?';
-    }
-    return plain;
+    return Escaped(plain);
 }
 
 } // namespace fodr::cli

@@ -4,6 +4,7 @@
 #include "cli/ExitCode.h"
 #include "host/ControlProtocol.h"
 #include "host/RunningHosts.h"
+#include "lib/unicode/ShownText.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -41,29 +42,12 @@ ControlReply Ask(uint32_t processId, const Words &request)
     return *reply;
 }
 
-std::string Json(const std::string &text)
-{
-    std::string quoted = "\"";
-    for (const char c : text) {
-        char escape[8];
-        if (c == '"' || c == '\\') {
-            quoted += {'\\', c};
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            std::snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned>(c));
-            quoted += escape;
-        } else {
-            quoted += c;
-        }
-    }
-    return quoted + "\"";
-}
-
 std::string ShareAsJson(const Words &row)
 {
     constexpr const char *kNames[] = {"path", "name", "state", "problem", "place"};
     std::string object = "{";
     for (size_t i = 0; i < std::size(kNames) && i < row.size(); ++i)
-        object += (i == 0 ? "" : ", ") + Json(kNames[i]) + ": " + Json(row[i]);
+        object += (i == 0 ? "" : ", ") + QuotedJson(kNames[i]) + ": " + QuotedJson(row[i]);
     return object + "}";
 }
 
@@ -75,6 +59,17 @@ std::string SharesAsJson(const std::vector<Words> &rows)
     return list + "]";
 }
 
+// A fact of a status, which comes as text like all words.
+std::string FactAsJson(const Words &fact)
+{
+    constexpr std::string_view kNumbers[] = {"pid", "seconds", "reconnects"};
+    const std::string &value = fact.back();
+    const bool isNumber =
+        std::find(std::begin(kNumbers), std::end(kNumbers), fact.front()) != std::end(kNumbers) &&
+        !value.empty() && value.find_first_not_of("0123456789") == std::string::npos;
+    return QuotedJson(fact.front()) + ": " + (isNumber ? value : QuotedJson(value));
+}
+
 // Share rows have five words, facts two.
 constexpr size_t kShareWords = 5;
 constexpr size_t kFactWords = 2;
@@ -84,10 +79,10 @@ void SayShares(const std::vector<Words> &rows)
     for (const Words &row : rows) {
         if (row.size() != kShareWords)
             continue;
-        std::string line = Plain(row[0]);
+        std::string line = Escaped(row[0]);
         if (!row[4].empty())
-            line += " at " + Plain(row[4]);
-        line += ", " + row[2] + (row[3].empty() ? "" : ": " + Plain(row[3]));
+            line += " at " + Escaped(row[4]);
+        line += ", " + row[2] + (row[3].empty() ? "" : ": " + Escaped(row[3]));
         Say(line);
     }
 }
@@ -103,7 +98,7 @@ std::vector<TrafficRow> TrafficRows(const std::vector<Words> &rows)
     std::vector<TrafficRow> traffic;
     for (const Words &row : rows) {
         if (row.size() == 3)
-            traffic.push_back({Plain(row[0]), std::strtoull(row[1].c_str(), nullptr, 10),
+            traffic.push_back({Escaped(row[0]), std::strtoull(row[1].c_str(), nullptr, 10),
                                std::strtoull(row[2].c_str(), nullptr, 10)});
     }
     return traffic;
@@ -113,7 +108,7 @@ std::string TrafficAsJson(const std::vector<TrafficRow> &rows)
 {
     std::string list = "[";
     for (const TrafficRow &row : rows)
-        list += (list.size() == 1 ? "" : ", ") + ("{\"kind\": " + Json(row.kind)) +
+        list += (list.size() == 1 ? "" : ", ") + ("{\"kind\": " + QuotedJson(row.kind)) +
                 ", \"packets\": " + std::to_string(row.packets) +
                 ", \"bytes\": " + std::to_string(row.bytes) + "}";
     return list + "]";
@@ -157,7 +152,7 @@ int RunAdd(uint32_t processId, const std::string &folder, const std::string &nam
     const ControlReply reply = Ask(processId, {"add", path.string(), shown});
     for (const Words &row : reply.rows) {
         if (row.size() == 3)
-            Say(Plain(row[0]) + " is at " + Plain(row[2]) + ".");
+            Say(Escaped(row[0]) + " is at " + Escaped(row[2]) + ".");
     }
     return reply.code;
 }
@@ -192,9 +187,9 @@ int RunStatus(uint32_t processId, bool json)
     std::string object = "{";
     for (auto fact = reply.rows.begin(); fact != shares; ++fact) {
         if (json)
-            object += Json(fact->front()) + ": " + Json(fact->back()) + ", ";
+            object += FactAsJson(*fact) + ", ";
         else
-            Say(fact->front() + ": " + Plain(fact->back()));
+            Say(fact->front() + ": " + Escaped(fact->back()));
     }
     if (json)
         Say(object + "\"shares\": " + SharesAsJson(rows) + "}");

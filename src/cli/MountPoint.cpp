@@ -1,5 +1,6 @@
 #include "cli/MountPoint.h"
 
+#include "platform/Files.h"
 #include "platform/Mounts.h"
 #include "platform/UserFolders.h"
 
@@ -31,6 +32,12 @@ std::string AbsolutePath(const std::string &path)
     const fs::path last = error ? whole : folder / whole.filename();
     const fs::path resolved = fs::canonical(last, error);
     return (error ? last : resolved).string();
+}
+
+bool IsAtOrBelow(const std::string &path, const std::string &folder)
+{
+    const std::string inside = folder.ends_with('/') ? folder : folder + "/";
+    return path == folder || path.starts_with(inside);
 }
 
 } // namespace
@@ -100,14 +107,26 @@ std::unique_ptr<MountPoint> MountPoint::PrepareDefault(const std::string &name, 
 
 MountPoint::~MountPoint()
 {
-    std::error_code ignored;
+    // Not as a file first, as the library does it: a confined run may remove folders alone.
     if (made && platform::InspectMount(path) == MountState::None)
-        fs::remove(path, ignored); // nothing happens to a folder that isn't empty
+        platform::RemoveFolder(path);
 }
 
-bool MountPoint::Clear()
+bool MountPoint::Clear(const std::function<bool(const std::string &path)> &detach)
 {
-    return platform::InspectMount(path) == MountState::None || platform::DetachMount(path);
+    return platform::InspectMount(path) == MountState::None || detach(path);
+}
+
+// A mount that shows itself has no end; one that hides what it shows has no beginning.
+std::string MountPoint::ConflictWith(const std::string &sharedPath) const
+{
+    if (IsAtOrBelow(sharedPath, path))
+        return "the mount point \"" + path + "\" would hide \"" + sharedPath +
+               "\" itself: choose a folder elsewhere";
+    if (IsAtOrBelow(path, sharedPath))
+        return "the mount point \"" + path + "\" lies in \"" + sharedPath +
+               "\", which would show itself: choose a folder elsewhere";
+    return {};
 }
 
 } // namespace fodr::cli

@@ -3,6 +3,7 @@
 
 #include "cli/ExitCode.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -21,8 +22,11 @@ public:
     MountPoint &operator=(const MountPoint &) = delete;
 
     const std::string &Path() const { return path; } // absolute
-    // Takes away whatever is still mounted there. False when it stays.
-    bool Clear();
+    // What keeps a shared folder from being mounted here, as a sentence; empty if nothing does.
+    std::string ConflictWith(const std::string &sharedPath) const;
+    bool IsMadeHere() const { return made; }
+    // Takes away whatever is still mounted there, by `detach`. False when it stays.
+    bool Clear(const std::function<bool(const std::string &path)> &detach);
 
 private:
     MountPoint(const std::string &folder, bool madeHere) : path(folder), made(madeHere) {}

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <sstream>
 
 namespace fodr::cli {
 namespace {
@@ -24,6 +25,8 @@ constexpr struct {
     {"qword", kRegQword, "a number from 0 to 18446744073709551615"},
     {"binary", kRegBinary, "bytes in hexadecimal"},
 };
+
+constexpr char kFlag[] = "true false yes no 1 0";
 
 bool IsText(uint32_t type)
 {
@@ -94,31 +97,33 @@ bool ParseBytes(uint32_t type, const std::vector<std::string> &texts, std::strin
 const std::vector<KnownSetting> &KnownSettings()
 {
     static const std::vector<KnownSetting> settings = {
-        {"AllowedFolders", kRegMultiSz, "no limit", "live"},
-        {"RedirectAll", kRegDword, "0, but 1 without any settings", ""},
-        {"SharedFolders", kRegMultiSz, "none", ""},
+        {"AllowedFolders", kRegMultiSz, "no limit", "live", ""},
+        {"RedirectAll", kRegDword, "0, but 1 without any settings", "", "0 1"},
+        {"SharedFolders", kRegMultiSz, "none", "", ""},
         {"caseSensitivity", kRegDword, "0, a create opens what is there in another case",
-         "live for new shares"},
-        {"dll", kRegSz, "set by fodr register", ""},
-        {"enableBuffering", kRegSz, "true", "live"},
-        {"linksOutside", kRegDword, "0, links lead nowhere but into their share", "live for new shares"},
-        {"logDirectory", kRegSz, "chosen by the account", ""},
-        {"logDiskThresholdHighMB", kRegDword, "500", "live"},
-        {"logDiskThresholdLowMB", kRegDword, "200", "live"},
-        {"logEnabled", kRegSz, "true", "live"},
-        {"logLevel", kRegSz, "INFO", "live"},
-        {"logMaxDaysKept", kRegDword, "7", "live from the next deletion on"},
-        {"logMaxFileSizeMB", kRegDword, "by level: 15, 50, 75, 99", "live"},
-        {"logMaxRollingFiles", kRegDword, "4", "live"},
-        {"logRemoteAddress", kRegSz, "this machine", ""},
-        {"logRemotePort", kRegDword, "514", ""},
-        {"logToDebugView", kRegSz, "false", ""},
-        {"logToStderr", kRegSz, "false", ""},
-        {"logToStdout", kRegSz, "false", ""},
-        {"logToSyslog", kRegSz, "false", ""},
-        {"tcpEnabled", kRegSz, "false", ""},
-        {"useLocalTime", kRegSz, "true", "live"},
-        {"vchanSideChannelEnabled", kRegSz, "false", ""},
+         "live for new shares", "0 1 2"},
+        {"dll", kRegSz, "set by fodr register", "", ""},
+        {"enableBuffering", kRegSz, "true", "live", kFlag},
+        {"linksOutside", kRegDword, "0, links lead nowhere but into their share", "live for new shares",
+         "0 1"},
+        {"logDirectory", kRegSz, "chosen by the account", "", ""},
+        {"logDiskThresholdHighMB", kRegDword, "500", "live", ""},
+        {"logDiskThresholdLowMB", kRegDword, "200", "live", ""},
+        {"logEnabled", kRegSz, "true", "live", kFlag},
+        {"logLevel", kRegSz, "INFO", "live", "ALWAYS ERROR WARN INFO DEBUG TRACE VERBOSE"},
+        {"logMaxDaysKept", kRegDword, "7", "live from the next deletion on", ""},
+        {"logMaxFileSizeMB", kRegDword, "by level: 15, 50, 75, 99", "live", ""},
+        {"logMaxRollingFiles", kRegDword, "4", "live", ""},
+        {"logRemoteAddress", kRegSz, "this machine", "", ""},
+        {"logRemotePort", kRegDword, "514", "", ""},
+        {"logToDebugView", kRegSz, "false", "", kFlag},
+        {"logToStderr", kRegSz, "false", "", kFlag},
+        {"logToStdout", kRegSz, "false", "", kFlag},
+        {"logToSyslog", kRegSz, "false", "", kFlag},
+        {"readOnlyShares", kRegDword, "0, the agent's permission decides", "live for new shares", "0 1"},
+        {"tcpEnabled", kRegSz, "false", "", "true false"},
+        {"useLocalTime", kRegSz, "true", "live", kFlag},
+        {"vchanSideChannelEnabled", kRegSz, "false", "", "true false"},
     };
     return settings;
 }
@@ -130,6 +135,21 @@ const KnownSetting *FindKnownSetting(const std::string &name)
             return &setting;
     }
     return nullptr;
+}
+
+bool IsWordOf(const KnownSetting &setting, const SettingValue &value, std::string *expected)
+{
+    if (!*setting.words || value.type != setting.type)
+        return true;
+    const std::string text = PrintSetting(value).front();
+    std::istringstream words(setting.words);
+    *expected = "one of";
+    for (std::string word; words >> word;) {
+        if (AsciiEqualsNoCase(text, word))
+            return true;
+        *expected += (expected->size() > 6 ? ", " : " ") + word;
+    }
+    return false;
 }
 
 void ComplainAboutStore()

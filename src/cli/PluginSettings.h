@@ -16,6 +16,7 @@ struct KnownSetting {
     uint32_t type;        // kReg...
     const char *standard; // what holds while it isn't set
     const char *live;     // when a running plug-in follows a change; empty if it doesn't
+    const char *words;    // that it may have, with blanks between; empty if any value will do
 };
 const std::vector<KnownSetting> &KnownSettings();
 // Without regard to case; null for any other name.
@@ -32,6 +33,10 @@ void ComplainAboutStore();
 // "dword" and so on; empty, or none, for what has no name here.
 const char *SettingTypeName(uint32_t type);
 std::optional<uint32_t> SettingType(const std::string &name);
+
+// Whether a value is one of the setting's words, without regard to case; otherwise what was expected. One of
+// another type than the setting's own was meant so.
+bool IsWordOf(const KnownSetting &setting, const SettingValue &value, std::string *expected);
 
 // From what was typed: one text, or for a list any number. None, with what was expected in `*expected`, when
 // they don't fit the type.

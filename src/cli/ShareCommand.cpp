@@ -2,8 +2,10 @@
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
+#include "cli/MountPoint.h"
 #include "cli/PluginPath.h"
 #include "cli/PluginSettings.h"
+#include "cli/RunConfinement.h"
 #include "cli/ShareSession.h"
 #include "cli/Words.h"
 #include "host/RunningHosts.h"
@@ -167,9 +169,11 @@ int CheckOptions(const ShareWords &words, ShareOptions *options)
     options->readOnly = words.readOnly;
     options->reconnect = words.reconnect.value_or(options->target.kind == AgentTarget::Kind::Ssh);
     options->verbose = words.verbose;
+    options->fixed = words.fixed.value_or(words.sends || !words.command.empty());
     options->plugin.log = words.trace ? host::PluginLog::Trace : host::PluginLog::AsSet;
     options->plugin.nameCase =
         words.nameCase == "insensitive" ? host::NameCase::Insensitive : host::NameCase::Sensitive;
+    options->plugin.readOnly = words.readOnly;
     options->plugin.linksOutside = words.linksOutside;
     options->sideChannel = words.sideChannel;
     options->ioTimeoutSeconds = words.ioTimeoutSeconds;
@@ -187,6 +191,28 @@ int CheckOptions(const ShareWords &words, ShareOptions *options)
     options->ownProgram = OwnProgram();
     options->pluginPath = FindPlugin(&problem);
     return options->pluginPath.empty() ? Refuse(EXIT_NO_PLUGIN, problem) : EXIT_DONE;
+}
+
+// Where an agent on this machine mounts. 0, or the exit code after a complaint.
+int PrepareMount(const ShareOptions &options, std::unique_ptr<MountPoint> *mountPoint)
+{
+    std::string problem;
+    if (options.target.kind != AgentTarget::Kind::Local)
+        return EXIT_DONE;
+    const std::string name = options.folders.size() == 1 ? options.folders.front().name : "shares";
+    *mountPoint = options.target.mountPoint.empty()
+                      ? MountPoint::PrepareDefault(name, &problem)
+                      : MountPoint::Prepare(options.target.mountPoint, &problem);
+    if (!*mountPoint)
+        return Refuse(EXIT_MOUNT_POINT, problem);
+    for (const SharedFolder &shared : options.folders) {
+        for (const std::string &path : shared.Paths()) {
+            problem = (*mountPoint)->ConflictWith(path);
+            if (!problem.empty())
+                return Refuse(EXIT_MOUNT_POINT, problem);
+        }
+    }
+    return EXIT_DONE;
 }
 
 // Takes signals from the start on, and passes them to the session while there is one.
@@ -239,16 +265,21 @@ int RunShare(const ShareWords &words)
     if (const int code = CheckOptions(words, &options))
         return code;
     ComplainAboutStore();
-    static SignalRelay relay; // its thread runs to the end of the process
+    std::unique_ptr<MountPoint> mountPoint;
+    if (const int code = PrepareMount(options, &mountPoint))
+        return code;
     const std::string folder = host::MakeHostFolder(&problem);
     if (folder.empty())
         return Refuse(EXIT_OTHER, "the folder " + platform::RuntimeFolder() + " can't be used: " + problem);
+    // From here on this process can do no more than it needs. Before it there are no other threads.
+    const RunConfinement confinement = RunConfinement::Of(options, mountPoint.get());
+    static SignalRelay relay; // its thread runs to the end of the process
     int code = EXIT_OTHER;
     if (options.plugin.linksOutside)
         Complain("links of the shared folders may lead anywhere on this machine");
     if (auto settings = host::PrivateSettings::Create((fs::path(folder) / "settings").string(), &problem,
                                                       options.plugin)) {
-        ShareSession session(options, std::move(settings), folder);
+        ShareSession session(options, std::move(settings), folder, std::move(mountPoint), confinement);
         relay.Attach(&session);
         code = session.Run();
         relay.Attach(nullptr);

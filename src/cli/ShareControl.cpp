@@ -2,6 +2,7 @@
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "cli/ShareSession.h"
+#include "lib/unicode/ShownText.h"
 #include "platform/Process.h"
 
 #include <algorithm>
@@ -79,6 +80,11 @@ void ShareSession::ControlAdd(const Words &request, std::function<void(const Con
             Refusal(EXIT_REFUSED, "this run sends the files that it was given: use fodr share for folders"));
         return;
     }
+    if (options.fixed) {
+        answer(Refusal(EXIT_REFUSED, "nothing can be added to this run, which is a fixed one: start it with "
+                                     "--no-fixed"));
+        return;
+    }
     if (!options.folderLayout) {
         answer(Refusal(EXIT_REFUSED,
                        "this share shows its one folder as the mount itself: start it with --layout "
@@ -87,6 +93,11 @@ void ShareSession::ControlAdd(const Words &request, std::function<void(const Con
     }
     if (!std::filesystem::is_directory(path, error)) {
         answer(Refusal(EXIT_FOLDER, "\"" + path + "\" is not a folder"));
+        return;
+    }
+    if (const std::string conflict = mountPoint ? mountPoint->ConflictWith(path) : std::string();
+        !conflict.empty()) {
+        answer(Refusal(EXIT_MOUNT_POINT, conflict));
         return;
     }
     std::vector<std::string> allowed = shares->OfferedForms();
@@ -171,7 +182,7 @@ void ShareSession::SayReady() const
         }
     }
     const bool sent = !options.folders.front().files.empty();
-    Say(ready.front().path + (sent ? " is at " : " is mounted at ") + ready.front().place +
+    Say(Escaped(ready.front().path) + (sent ? " is at " : " is mounted at ") + Escaped(ready.front().place) +
         (ready.size() > 1 ? ", and " + std::to_string(ready.size() - 1) + " more beside it" : "") +
         ". Press Ctrl-C to end.");
 }
@@ -196,7 +207,9 @@ ControlReply ShareSession::ControlStatus() const
                                            {"agent", options.target.Name()},
                                            {"mount", mounted.empty() ? "" : MountedAt()},
                                            {"seconds", std::to_string(seconds)},
-                                           {"reconnects", std::to_string(reconnects)}});
+                                           {"reconnects", std::to_string(reconnects)},
+                                           {"fixed", options.fixed ? "yes" : "no"},
+                                           {"confined", confinement.State()}});
     return reply;
 }
 

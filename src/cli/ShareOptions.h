@@ -58,6 +58,7 @@ struct ShareOptions {
     bool readOnly = false;
     bool reconnect = false;
     bool verbose = false;
+    bool fixed = false; // nothing can be added while it runs
     host::PluginWishes plugin;
     std::string token;                        // both ends know it; empty: none was agreed
     std::string sideChannel;                  // as the agent's option: none, tcp, plugin

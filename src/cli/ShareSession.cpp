@@ -3,6 +3,7 @@
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "host/RunningHosts.h"
+#include "lib/unicode/ShownText.h"
 
 #include <algorithm>
 
@@ -12,7 +13,11 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kGreetingLimit = 30s;
-constexpr auto kReadyLimit = 60s; // from the agent's greeting to the last share
+constexpr auto kReadyLimit = 60s;               // from the agent's greeting to the last share
+constexpr unsigned kDefaultIoTimeout = 10;      // seconds; the agent's default as well
+constexpr unsigned kLongestIoTimeout = 1000000; // so that milliseconds fit a number
+constexpr int kMostStrangersNamed = 10;
+constexpr size_t kLongestPlace = 4096; // that an agent may name
 constexpr char kLoopback[] = "127.0.0.1";
 constexpr transport::KeepAlive kOverNetwork{10000, 30000};
 constexpr transport::KeepAlive kOnThisMachine{0, 0}; // a lost end is noticed at once
@@ -27,6 +32,8 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
         channel.token = options.token;
     if (target.kind == AgentTarget::Kind::Listen)
         channel.expectedToken = options.token;
+    channel.writeTimeoutMS = static_cast<int>(
+        1000 * std::min(options.ioTimeoutSeconds.value_or(kDefaultIoTimeout), kLongestIoTimeout));
     channel.keepAlive = local ? kOnThisMachine : kOverNetwork;
     // Where an agent that came to us is, only its connection knows.
     if (target.kind != AgentTarget::Kind::Listen)
@@ -37,9 +44,13 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
 } // namespace
 
 ShareSession::ShareSession(const ShareOptions &shareOptions,
-                           std::unique_ptr<host::PrivateSettings> privateSettings, std::string runtimeFolder)
-    : options(shareOptions), folder(std::move(runtimeFolder)), settings(std::move(privateSettings)),
-      starter(&options, [this](const std::string &line) { HandleAgentLine(line); })
+                           std::unique_ptr<host::PrivateSettings> privateSettings, std::string runtimeFolder,
+                           std::unique_ptr<MountPoint> place, const RunConfinement &runConfinement)
+    : options(shareOptions), confinement(runConfinement), folder(std::move(runtimeFolder)),
+      settings(std::move(privateSettings)), mountPoint(std::move(place)),
+      starter(
+          &options, &confinement, [this](const std::string &line) { HandleAgentLine(line); },
+          [this](const std::string &reason) { HandleStranger(reason); })
 {}
 
 ShareSession::~ShareSession() = default;
@@ -62,25 +73,6 @@ int ShareSession::Run()
 bool ShareSession::Prepare()
 {
     std::string problem;
-    if (options.target.kind == AgentTarget::Kind::Local) {
-        const std::string name = options.folders.size() == 1 ? options.folders.front().name : "shares";
-        mountPoint = options.target.mountPoint.empty()
-                         ? MountPoint::PrepareDefault(name, &problem)
-                         : MountPoint::Prepare(options.target.mountPoint, &problem);
-        if (!mountPoint) {
-            Fail(EXIT_MOUNT_POINT, problem);
-            return false;
-        }
-        for (const SharedFolder &shared : options.folders) {
-            for (const std::string &path : shared.Paths()) {
-                if (path != mountPoint->Path() && !(path + "/").starts_with(mountPoint->Path() + "/"))
-                    continue;
-                Fail(EXIT_MOUNT_POINT, "the mount point \"" + mountPoint->Path() + "\" would hide \"" + path +
-                                           "\" itself: choose a folder elsewhere");
-                return false;
-            }
-        }
-    }
     if (!starter.Prepare(&problem)) {
         Fail(EXIT_OTHER, "can't listen for the agent: " + problem);
         return false;
@@ -119,6 +111,7 @@ bool ShareSession::StartPlugin()
     FollowSettings();
     host::ChannelOptions channelOptions = ChannelOptionsFor(options);
     channelOptions.onBlock = [this](const transport::Parameter &packet) {
+        lastPacket = Clock::now();
         traffic.Count(packet.block.data(), packet.block.size(), packet.block.size() + packet.tail.size());
     };
     channel = std::make_unique<host::HostChannel>(host.get(), channelOptions,
@@ -243,10 +236,16 @@ std::string ShareSession::MountedAt() const
 void ShareSession::StartCommand()
 {
     std::string problem;
+    // Scripts take the path as it is, so what the agent says must be one.
+    if (!mountPoint && !IsPlainAbsolutePath(mounted)) {
+        Fail(EXIT_REFUSED, "the agent says that it has mounted at \"" + Escaped(mounted) +
+                               "\", which is no plain path for FODR_MOUNT");
+        return;
+    }
     platform::ChildOptions child;
     child.arguments = options.command;
     child.environment = {{"FODR_MOUNT", mounted}};
-    command = platform::ChildProcess::Start(child, &problem);
+    command = confinement.Start(child, &problem);
     if (!command) {
         Fail(EXIT_CANNOT_START, options.command.front() + " can't be started: " + problem);
         return;
@@ -293,6 +292,8 @@ void ShareSession::OnSideChannelFailed(const std::string &reason)
 {
     queue.Post([this, reason] {
         sideError = "the side channel could not be opened: " + reason;
+        if (options.target.kind != AgentTarget::Kind::Local)
+            sideError += "; an agent offers it to its own machine alone, unless --side-address says where";
         channel->Close(sideError); // by its rules the plug-in has given up the channel
     });
 }
@@ -306,11 +307,12 @@ void ShareSession::HandleNotice(transport::NoticeKind kind, const std::string &t
 {
     switch (kind) {
     case transport::NoticeKind::Mounted:
-        mounted = text;
+        // Where that is on this machine we know ourselves.
+        mounted = mountPoint ? mountPoint->Path() : text.substr(0, kLongestPlace);
         CheckReady();
         break;
     case transport::NoticeKind::Warning:
-        Complain(text);
+        warnings.Warn(text);
         break;
     case transport::NoticeKind::Error:
         agentError = text;
@@ -371,7 +373,17 @@ void ShareSession::HandleAgentLine(const std::string &line)
     const std::lock_guard<std::mutex> held(linesLock);
     lastAgentLine = line;
     if (options.verbose)
-        Complain(line);
+        warnings.Warn(line);
+}
+
+// On the thread that looked at the stranger.
+void ShareSession::HandleStranger(const std::string &reason)
+{
+    const int count = ++strangers;
+    if (count <= kMostStrangersNamed)
+        Complain(reason);
+    if (count == kMostStrangersNamed)
+        Complain("what else connects and is sent away isn't told any more");
 }
 
 void ShareSession::HandleTimer()
@@ -383,9 +395,7 @@ void ShareSession::HandleTimer()
         sideError = "the other side didn't mount the shares in time";
         channel->Close(sideError);
     } else if (phase == Phase::Ending) {
-        Complain("the agent doesn't finish; what it hasn't written yet is lost");
-        exitCode = exitCode == EXIT_DONE ? EXIT_LOST : exitCode;
-        channel->Close("the agent doesn't finish");
+        GiveUpSilentAgent();
     }
 }
 

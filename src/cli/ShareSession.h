@@ -6,8 +6,11 @@
 
 #include "agent/PacketTraffic.h"
 #include "cli/AgentStarter.h"
+#include "cli/Console.h"
 #include "cli/MountPoint.h"
+#include "cli/RunConfinement.h"
 #include "cli/ShareOptions.h"
+#include "cli/WarningCounter.h"
 #include "host/ControlServer.h"
 #include "host/EventQueue.h"
 #include "host/FolderShares.h"
@@ -29,9 +32,11 @@ namespace fodr::cli {
 
 class ShareSession final : private host::IChannelListener {
 public:
-    // The settings are in force already.
+    // The settings and the confinement are in force already; the latter outlives the session. `place` is for
+    // an agent on this machine.
     ShareSession(const ShareOptions &shareOptions, std::unique_ptr<host::PrivateSettings> privateSettings,
-                 std::string runtimeFolder);
+                 std::string runtimeFolder, std::unique_ptr<MountPoint> place,
+                 const RunConfinement &runConfinement);
     ~ShareSession();
     ShareSession(const ShareSession &) = delete;
     ShareSession &operator=(const ShareSession &) = delete;
@@ -79,6 +84,7 @@ private:
     void HandleShareChanged(const host::FolderShare &share);
     void HandleCommandEnd(platform::ChildProcess::Exit exit);
     void HandleAgentLine(const std::string &line);
+    void HandleStranger(const std::string &reason);
     void HandleTimer();
 
     // ---- End (ShareSessionEnd.cpp) ----
@@ -95,6 +101,8 @@ private:
     void BeginEnd(int code);
     void CleanUp();
     void EndCommand();
+    void GiveUpSilentAgent();
+    bool ClearMount();
 
     // ---- Control (ShareControl.cpp) ----
     host::ControlReply HandleControl(const host::Words &request);
@@ -117,11 +125,14 @@ private:
     // What there is to see of a share: its folder, or the files of it that are sent.
     std::vector<ShownPath> Shown(const host::FolderShare &share) const;
     void SayReady() const;
+    // Why a path can't be shown at our mount point; empty when it can.
     bool AllowFolders(const std::vector<std::string> &folders);
     void FollowSettings();
 
     const ShareOptions options;
+    const RunConfinement &confinement;
     const std::string folder;
+    WarningCounter warnings{Complain}; // of the agent
     host::EventQueue queue;
     const std::unique_ptr<host::PrivateSettings> settings; // posts to the queue
     std::unique_ptr<host::PluginHost> host;
@@ -137,8 +148,12 @@ private:
     std::thread commandWaiter;
     uint32_t noticeSubscription = 0;
 
+    const Clock::time_point started = Clock::now();
     Phase phase = Phase::Connecting;
     bool finished = false;
+    bool agentIsDeaf = false;                           // it has been silent at the end for too long
+    std::atomic<Clock::time_point> lastPacket{started}; // either way, by the channel's threads
+    Clock::time_point endLimit;                         // for an agent that has something to say
     int exitCode = 0;
     bool attached = false; // the channel has a connection, or hasn't told of its end yet
     bool everReady = false;
@@ -148,10 +163,10 @@ private:
     std::string sideError;    // why a side channel failed
     std::chrono::milliseconds retryAfter{0};
     unsigned reconnects = 0;
-    const Clock::time_point started = Clock::now();
     std::optional<Clock::time_point> timer;
     std::vector<PendingReply> pendingReplies;
 
+    std::atomic<int> strangers{0}; // that connected and were sent away
     std::mutex linesLock;
     std::string lastAgentLine; // under linesLock
     std::atomic<unsigned> terminations{0};

@@ -3,6 +3,7 @@
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "cli/ShareSession.h"
+#include "lib/unicode/ShownText.h"
 
 #include <algorithm>
 #include <array>
@@ -12,10 +13,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kEndLimit = 30s; // for the agent to write what is left and unmount
+constexpr auto kEndLimit = 30s;    // for the agent to write what is left and unmount
+constexpr auto kSilenceLimit = 3s; // within that time without a packet
+constexpr int kDeafExitMS = 500;   // for the process of an agent that was given up
 constexpr auto kFirstRetry = 500ms;
 constexpr auto kLongestRetry = 30s;
-constexpr int kAgentExitLimitMS = 5000; // between the end of its stream and its own
+constexpr int kAgentExitLimitMS = 4000; // between the end of its stream and its own
 constexpr int kSshFailed = 255;
 constexpr int kNoSuchCommand = 127;
 
@@ -44,7 +47,7 @@ void ShareSession::HandleLost(const std::string &reason)
 {
     attached = false;
     StopTimer();
-    if (options.verbose)
+    if (options.verbose && phase != Phase::Ending) // at our own end that is no news
         Complain("the connection ended: " + reason);
     const Cause cause = FindCause(reason);
     if (phase == Phase::Ending) {
@@ -56,7 +59,7 @@ void ShareSession::HandleLost(const std::string &reason)
         return;
     }
     if (cause.byAgent && command == nullptr) {
-        Say(cause.sentence + ".");
+        Say(Escaped(cause.sentence) + ".");
         BeginEnd(EXIT_DONE);
     } else {
         Fail(cause.code, cause.sentence);
@@ -69,7 +72,7 @@ ShareSession::Cause ShareSession::FindCause(const std::string &reason)
 {
     std::optional<platform::ChildProcess::Exit> exit;
     if (agent) {
-        exit = agent->Wait(kAgentExitLimitMS);
+        exit = agent->Wait(agentIsDeaf ? kDeafExitMS : kAgentExitLimitMS);
         agent.reset(); // and with it its last words have come
     }
     std::string lastWords;
@@ -138,8 +141,7 @@ void ShareSession::TryAgain(const std::string &sentence)
     if (channel)
         channel->DestroyInstance();
     shares->StartOver();
-    if (mountPoint)
-        mountPoint->Clear();
+    ClearMount();
     retryAfter = retryAfter == 0ms ? std::chrono::milliseconds(kFirstRetry)
                                    : std::min<std::chrono::milliseconds>(2 * retryAfter, kLongestRetry);
     SetTimer(retryAfter);
@@ -176,7 +178,29 @@ void ShareSession::BeginEnd(int code)
     }
     ShowProgress("unmounting " + MountedAt());
     channel->SayGoodbye("the user ends it");
-    SetTimer(kEndLimit);
+    endLimit = Clock::now() + kEndLimit;
+    lastPacket = Clock::now();
+    SetTimer(kSilenceLimit);
+}
+
+void ShareSession::GiveUpSilentAgent()
+{
+    const auto now = Clock::now();
+    const auto quietUntil = lastPacket.load() + kSilenceLimit;
+    if (now < quietUntil && now < endLimit) {
+        timer = std::min(quietUntil, endLimit);
+        return;
+    }
+    Complain("the agent doesn't finish; what it hasn't written yet is lost");
+    exitCode = exitCode == EXIT_DONE ? EXIT_LOST : exitCode;
+    agentIsDeaf = true;
+    channel->Close("the agent doesn't finish");
+}
+
+bool ShareSession::ClearMount()
+{
+    return !mountPoint ||
+           mountPoint->Clear([this](const std::string &path) { return confinement.DetachMount(path); });
 }
 
 void ShareSession::CleanUp()
@@ -189,7 +213,7 @@ void ShareSession::CleanUp()
     if (channel)
         channel->Close("the host ends"); // frees whatever of the plug-in waits to send
     if (agent)
-        agent->Wait(kAgentExitLimitMS);
+        agent->Wait(agentIsDeaf ? kDeafExitMS : kAgentExitLimitMS);
     agent.reset();
     if (host)
         host->Bus().Unsubscribe(noticeSubscription);
@@ -200,9 +224,10 @@ void ShareSession::CleanUp()
             command->Kill();
         commandWaiter.join();
     }
-    if (mountPoint && !mountPoint->Clear())
+    if (!ClearMount())
         Complain("the mount at \"" + mountPoint->Path() + "\" can't be taken away: unmount it");
     mountPoint.reset();
+    warnings.ShowCounts();
     ShowProgress("");
 }
 

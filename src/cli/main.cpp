@@ -58,6 +58,14 @@ void AddWhereAndHow(CLI::App *app, ShareWords *words)
     app->add_flag_callback(
            "--no-reconnect", [words] { words->reconnect = false; }, "End then (default, except over ssh)")
         ->excludes(reconnect);
+    auto *fixed = app->add_flag_callback(
+        "--fixed", [words] { words->fixed = true; },
+        "Nothing can be added later: fodr gives up the right to write elsewhere (default with a command, and "
+        "of "
+        "fodr send)");
+    app->add_flag_callback(
+           "--no-fixed", [words] { words->fixed = false; }, "Folders can be added later")
+        ->excludes(fixed);
     app->add_option("--token-file", words->tokenFile, "File with the token that both ends know");
     app->add_option("--side-channel", words->sideChannel, "Carry the data on a TCP connection of its own")
         ->check(CLI::IsMember({"none", "tcp", "plugin"}));
@@ -65,9 +73,10 @@ void AddWhereAndHow(CLI::App *app, ShareWords *words)
         ->envname("FODR_SSH")
         ->default_val("ssh");
     app->add_option("--remote-fodr", words->remoteProgram, "fodr on the other machine")->default_val("fodr");
-    app->add_option(
-           "--io-timeout", words->ioTimeoutSeconds,
-           "Seconds after which a call in the mount fails when we don't answer; 0: never. Default: 10")
+    app->add_option("--io-timeout", words->ioTimeoutSeconds,
+                    "Seconds after which a call in the mount fails when we don't answer, and an agent is "
+                    "given up that "
+                    "takes no answers; 0: never. Default: 10")
         ->type_name("SECONDS");
     app->add_option("--agent-option", words->agentWords, "Handed to the agent as it is")
         ->allow_extra_args(false);

@@ -1,6 +1,7 @@
 #include "drives/DriveWatcherImpl.h"
 
 #include "platform/SystemError.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {
@@ -49,10 +50,13 @@ DriveWatcherImpl::~DriveWatcherImpl()
         platform::JoinThread(thread);
     else
         platform::DetachThread(thread);
+    // A thread that goes on can't reach a subscriber that is gone.
+    window->Detach();
 }
 
 bool DriveWatcherImpl::Start(IDeviceStateSubscriber *subscriber)
 {
+    FODR_TRACE_FUNCTION();
     OVMutexLock guard(lock);
     if (started) {
         LOG_WARN("Duplicate start request: already started\n");
@@ -67,6 +71,7 @@ bool DriveWatcherImpl::Start(IDeviceStateSubscriber *subscriber)
 
 bool DriveWatcherImpl::Stop()
 {
+    FODR_TRACE_FUNCTION();
     OVMutexLock guard(lock);
     if (!started)
         return true;
@@ -95,6 +100,7 @@ bool DriveWatcherImpl::Stop()
 bool DriveWatcherImpl::CreateWindowAndMessageLoopThread(IDeviceStateSubscriber *subscriber,
                                                         platform::ThreadRecord **threadOut)
 {
+    FODR_TRACE_FUNCTION();
     if (!subscriber || !threadOut) {
         LOG_ERROR("Invalid subscriber\n");
         return false;
@@ -104,7 +110,7 @@ bool DriveWatcherImpl::CreateWindowAndMessageLoopThread(IDeviceStateSubscriber *
         return false;
     }
     *threadOut = nullptr;
-    window->subscriber = subscriber;
+    window->Attach(subscriber);
     auto *start = new ThreadStart{window};
     platform::ThreadRecord *created = platform::StartThread(ThreadStart::Run, start);
     if (!created) {
@@ -114,6 +120,7 @@ bool DriveWatcherImpl::CreateWindowAndMessageLoopThread(IDeviceStateSubscriber *
     }
     if (!AwaitWindow(created)) {
         platform::DetachThread(created);
+        window->Detach();
         return false;
     }
     *threadOut = created;
@@ -122,6 +129,7 @@ bool DriveWatcherImpl::CreateWindowAndMessageLoopThread(IDeviceStateSubscriber *
 
 bool DriveWatcherImpl::AwaitWindow(platform::ThreadRecord *created)
 {
+    FODR_TRACE_FUNCTION();
     OVEvent end = EndOf(created);
     switch (OVEvent::WaitForMultiple({&window->windowCreatedEvent, &end}, false, kWaitMS, false, false)) {
     case 0:

@@ -12,6 +12,7 @@ namespace fodr {
 namespace {
 
 constexpr std::string_view kProperty = "<vidpid>";
+constexpr char kEveryDevice[] = "********";
 
 // "*" in a rule stands for one character of any kind.
 bool Matches(const std::string &rule, const std::string &property)
@@ -54,6 +55,12 @@ void FodrDeviceFilterPolicy::ParseVidPidPolicy(const std::string &text, std::vec
         if (!ParseDeviceRule(rule, ids)) {
             LOG_DEBUG("Invalid vid/pid filter policy format %s.\n", rule.c_str());
             continue;
+        }
+        if (list.size() >= kMostRules) {
+            LOG_ERROR("Too many vid/pid filter rules.\n");
+            if (&list == &excludeList)
+                list.assign(1, kEveryDevice);
+            return;
         }
         LOG_TRACE("Formatted vidpid string is %s.\n", ids.c_str());
         list.push_back(ids);

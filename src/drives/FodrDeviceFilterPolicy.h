@@ -12,6 +12,10 @@ namespace fodr {
 
 class FodrDeviceFilterPolicy {
 public:
+    // Rules of a list: every open looks at all of them. A longer list of devices to be kept out keeps out
+    // every device, of one of devices to be let in the first ones count.
+    static constexpr size_t kMostRules = 1024;
+
     static constexpr int32_t kExclude = 0;
     static constexpr int32_t kInclude = 1;
 

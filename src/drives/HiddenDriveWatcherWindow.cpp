@@ -44,6 +44,7 @@ void HiddenDriveWatcherWindow::OnVolumesArrived(uint32_t unitMask)
 {
     ForEachLetter(unitMask, [this](char letter) {
         LOG_DEBUG("Drive available: %c\n", letter);
+        OVMutexLock held(subscriberLock);
         if (subscriber && !subscriber->OnDeviceAvailable(letter))
             LOG_ERROR("Subscriber failed to process drive addition\n");
     });
@@ -53,6 +54,7 @@ void HiddenDriveWatcherWindow::OnVolumesRemoved(uint32_t unitMask)
 {
     ForEachLetter(unitMask, [this](char letter) {
         LOG_DEBUG("Drive unavailable: %c\n", letter);
+        OVMutexLock held(subscriberLock);
         if (subscriber && !subscriber->OnDeviceUnavailable(letter))
             LOG_ERROR("Subscriber failed to process drive removal\n");
     });
@@ -60,7 +62,18 @@ void HiddenDriveWatcherWindow::OnVolumesRemoved(uint32_t unitMask)
 
 void HiddenDriveWatcherWindow::OnClose()
 {
-    subscriber = nullptr;
+    Detach();
+}
+
+void HiddenDriveWatcherWindow::Attach(IDeviceStateSubscriber *newSubscriber)
+{
+    OVMutexLock held(subscriberLock);
+    subscriber = newSubscriber;
+}
+
+void HiddenDriveWatcherWindow::Detach()
+{
+    Attach(nullptr);
 }
 
 } // namespace fodr

@@ -3,6 +3,7 @@
 
 #include "platform/VolumeEvents.h"
 #include "runtime/OVEvent.h"
+#include "runtime/OVMutex.h"
 #include "runtime/RCObject.h"
 
 #include <cstdint>
@@ -23,15 +24,21 @@ public:
     bool IsWindow() const { return events.IsOpen(); }
     // Lets MessageLoopThread end. No call reaches the subscriber after OnClose.
     void Close() { events.RequestEnd(); }
+    // Before the thread is started.
+    void Attach(IDeviceStateSubscriber *newSubscriber) EXCLUDES(subscriberLock);
+    // Waits for a call that is under way; the subscriber hears nothing from then on, whether the thread ends
+    // or not. Not from a call.
+    void Detach() EXCLUDES(subscriberLock);
 
     void OnVolumesArrived(uint32_t unitMask) override;
     void OnVolumesRemoved(uint32_t unitMask) override;
     void OnClose() override;
 
-    OVEvent windowCreatedEvent;                   // auto-reset
-    IDeviceStateSubscriber *subscriber = nullptr; // not owned; the thread's own while that runs
+    OVEvent windowCreatedEvent; // auto-reset
 
 private:
+    OVMutex subscriberLock;                                                  // held for each call of it
+    IDeviceStateSubscriber *subscriber GUARDED_BY(subscriberLock) = nullptr; // not owned
     platform::VolumeEvents events;
 };
 

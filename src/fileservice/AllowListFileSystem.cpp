@@ -65,7 +65,11 @@ NTSTATUS AllowListFileSystem::RedirectedCreateFile(uint32_t *fileId, uint32_t de
                                                    uint32_t *information, bool readOnly)
 {
     std::string text;
-    bool isRoot = Utf16ToUtf8(path, text) && allowed->IsRoot(text);
+    const bool isText = Utf16ToUtf8(path, text);
+    if (isText && IsForeignMark(text))
+        return OpenForeignMark(fileId, desiredAccess, path, shareAccess, createDisposition, createOptions,
+                               information);
+    const bool isRoot = isText && allowed->IsRoot(text);
     if (isRoot && createOptions & FILE_DELETE_ON_CLOSE) {
         *fileId = *information = 0;
         return STATUS_ACCESS_DENIED;
@@ -74,32 +78,81 @@ NTSTATUS AllowListFileSystem::RedirectedCreateFile(uint32_t *fileId, uint32_t de
                                                            fileAttributes, shareAccess, createDisposition,
                                                            createOptions, information, readOnly);
     if (isRoot && !IsError(status)) {
-        OVMutexLock held(rootsLock);
-        roots[*fileId] = RootState::Unread;
+        OVMutexLock held(handlesLock);
+        handles[*fileId] = Kind::RootUnread;
     }
+    return status;
+}
+
+bool AllowListFileSystem::IsForeignMark(const std::string &absolutePath) const
+{
+    if (!IsZoneMark(absolutePath))
+        return false;
+    const std::string file = absolutePath.substr(0, absolutePath.rfind(':'));
+    return !allowed->Covers(file) || !allowed->IsWithinLimit(file);
+}
+
+// A mark that isn't there isn't made: the system would make its file, too. Why it can't be opened would tell
+// of the file.
+NTSTATUS AllowListFileSystem::OpenForeignMark(uint32_t *fileId, uint32_t desiredAccess, const char16_t *path,
+                                              uint32_t shareAccess, uint32_t createDisposition,
+                                              uint32_t createOptions, uint32_t *information)
+{
+    constexpr uint32_t kReading = FILE_READ_DATA | FILE_READ_EA | FILE_READ_ATTRIBUTES | READ_CONTROL |
+                                  SYNCHRONIZE | GENERIC_READ | MAXIMUM_ALLOWED;
+    *fileId = *information = 0;
+    const bool opens = createDisposition == FILE_OPEN || createDisposition == FILE_OPEN_IF;
+    if (!opens || (desiredAccess & ~kReading) != 0 || (createOptions & FILE_DELETE_ON_CLOSE) != 0)
+        return STATUS_ACCESS_DENIED;
+    NTSTATUS status =
+        FileSystemImpl::RedirectedCreateFile(fileId, FILE_READ_DATA | SYNCHRONIZE, path, 0, 0, shareAccess,
+                                             FILE_OPEN, createOptions, information, false);
+    if (IsError(status)) {
+        *information = 0;
+        return STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    OVMutexLock held(handlesLock);
+    handles[*fileId] = Kind::ForeignMark;
     return status;
 }
 
 NTSTATUS AllowListFileSystem::RedirectedCloseFile(uint32_t fileId)
 {
-    RootState state = StateOf(fileId);
-    if (state != RootState::NotOpen) { // before the number can be another file's
-        OVMutexLock held(rootsLock);
-        roots.erase(fileId);
+    const Kind kind = KindOf(fileId);
+    if (kind != Kind::Listed) { // before the number can be another file's
+        OVMutexLock held(handlesLock);
+        handles.erase(fileId);
     }
     NTSTATUS status = FileSystemImpl::RedirectedCloseFile(fileId);
-    if (state != RootState::NotOpen && IsError(status) && status != STATUS_INVALID_HANDLE) {
-        OVMutexLock held(rootsLock);
-        roots[fileId] = state;
+    if (kind != Kind::Listed && IsError(status) && status != STATUS_INVALID_HANDLE) {
+        OVMutexLock held(handlesLock);
+        handles[fileId] = kind;
     }
     return status;
 }
 
-AllowListFileSystem::RootState AllowListFileSystem::StateOf(uint32_t fileId)
+AllowListFileSystem::Kind AllowListFileSystem::KindOf(uint32_t fileId)
 {
-    OVMutexLock held(rootsLock);
-    auto found = roots.find(fileId);
-    return found == roots.end() ? RootState::NotOpen : found->second;
+    OVMutexLock held(handlesLock);
+    auto found = handles.find(fileId);
+    return found == handles.end() ? Kind::Listed : found->second;
+}
+
+// Of a mark its size is told. Times, attributes, names and links are its file's.
+NTSTATUS AllowListFileSystem::RedirectedQueryInformationFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus,
+                                                             uint8_t **outBuffer, uint32_t fileInfoClass)
+{
+    const bool isMark = KindOf(fileId) == Kind::ForeignMark;
+    if (isMark && fileInfoClass != FileStandardInformation) {
+        *outBuffer = nullptr;
+        return Refuse(ioStatus, STATUS_ACCESS_DENIED);
+    }
+    NTSTATUS status =
+        FileSystemImpl::RedirectedQueryInformationFile(fileId, ioStatus, outBuffer, fileInfoClass);
+    constexpr size_t kLinks = offsetof(FILE_STANDARD_INFORMATION, NumberOfLinks);
+    if (isMark && *outBuffer && ioStatus->Information >= kLinks + sizeof(uint32_t))
+        StoreLittle(*outBuffer + kLinks, uint32_t{1});
+    return status;
 }
 
 NTSTATUS AllowListFileSystem::RedirectedSetInformationFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus,
@@ -107,7 +160,7 @@ NTSTATUS AllowListFileSystem::RedirectedSetInformationFile(uint32_t fileId, IO_S
                                                            uint32_t fileInfoClass)
 {
     bool isRename = fileInfoClass == FileRenameInformation;
-    if (StateOf(fileId) != RootState::NotOpen || (isRename && !MayBeRenamedTo(buffer, length)))
+    if (KindOf(fileId) != Kind::Listed || (isRename && !MayBeRenamedTo(buffer, length)))
         return Refuse(ioStatus, STATUS_ACCESS_DENIED);
     // The list tells paths, which a directory by its handle doesn't have.
     if (fileInfoClass == FileRenameInformationEx)
@@ -123,7 +176,9 @@ bool AllowListFileSystem::MayBeRenamedTo(const uint8_t *wireRecord, uint32_t len
         return true;
     size_t nameLength = LoadRecord<RDP_FILE_RENAME_INFORMATION>(wireRecord).FileNameLength;
     std::string name;
-    if (nameLength > length - kName || nameLength < sizeof(char16_t))
+    if (nameLength < sizeof(char16_t))
+        return false; // would cut the root's own name
+    if (nameLength > length - kName)
         return true;
     // Without its last unit, which is its terminator.
     if (!TextOfBytes(wireRecord + kName, nameLength - sizeof(char16_t), &name) ||
@@ -137,19 +192,19 @@ NTSTATUS AllowListFileSystem::RedirectedQueryDirectoryFile(uint32_t fileId, IO_S
                                                            bool restartScan, const char16_t *pattern,
                                                            bool multiEntry)
 {
-    RootState state = StateOf(fileId);
-    if (state == RootState::NotOpen)
+    const Kind kind = KindOf(fileId);
+    if (!IsRoot(kind))
         return FileSystemImpl::RedirectedQueryDirectoryFile(fileId, ioStatus, outBuffer, fileInfoClass,
                                                             restartScan, pattern, multiEntry);
     *outBuffer = nullptr;
     const bool continues = !restartScan && (!pattern || !*pattern);
-    if (continues && state == RootState::Unread)
+    if (continues && kind == Kind::RootUnread)
         return Refuse(ioStatus, STATUS_NO_MORE_FILES); // of a listing that came from elsewhere
     if (!FindDirectoryEntryShape(fileInfoClass))
         return Refuse(ioStatus, STATUS_INVALID_INFO_CLASS);
     {
-        OVMutexLock held(rootsLock);
-        roots[fileId] = RootState::Read;
+        OVMutexLock held(handlesLock);
+        handles[fileId] = Kind::RootRead;
     }
     const bool chained = multiEntry && (fileInfoClass == FileFullDirectoryInformation ||
                                         fileInfoClass == FileBothDirectoryInformation);
@@ -204,8 +259,8 @@ NTSTATUS AllowListFileSystem::RedirectedDeviceIoControlFile(uint32_t fileId, IO_
                                                             uint32_t inputLength, void *output,
                                                             uint32_t outputLength)
 {
-    // Some controls list a directory, others change it; this one tells of the host alone.
-    if (controlCode != FSCTL_FODR_QUERY_HOST && StateOf(fileId) != RootState::NotOpen)
+    // Some controls list a directory, others change it or tell of a mark's file; this one tells of the host.
+    if (controlCode != FSCTL_FODR_QUERY_HOST && KindOf(fileId) != Kind::Listed)
         return Refuse(ioStatus, STATUS_INVALID_DEVICE_REQUEST);
     return FileSystemImpl::RedirectedDeviceIoControlFile(fileId, ioStatus, controlCode, input, inputLength,
                                                          output, outputLength);

@@ -1,6 +1,7 @@
 #include "fileservice/FileSystemImpl.h"
 
 #include "fileservice/NtCalls.h"
+#include "fileservice/ReadOnlyShare.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/TaskPool.h"
 #include "runtime/LogCall.h"
@@ -37,6 +38,7 @@ std::unique_ptr<IFileSystem> FileSystemImpl::Create(const std::string &root, con
 
 void FileSystemImpl::KeepRoot(const std::string &root, const ShareRules &rules)
 {
+    readOnlyShare = rules.readOnly;
     std::u16string wide;
     if (Utf8ToUtf16(root, wide))
         shareRoot.emplace(wide, rules);
@@ -62,6 +64,13 @@ NTSTATUS FileSystemImpl::RedirectedCreateFile(uint32_t *fileId, uint32_t desired
     }
     if (std::u16string_view(path).size() > kLongestNtText)
         return STATUS_NAME_TOO_LONG;
+    const bool mayMake = createDisposition == FILE_OPEN_IF;
+    if (readOnlyShare) {
+        if (IsChangingCreate(desiredAccess, createDisposition, createOptions))
+            return STATUS_MEDIA_WRITE_PROTECTED;
+        createDisposition = FILE_OPEN;
+        desiredAccess &= ~FILE_WRITE_ATTRIBUTES;
+    }
 
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, path);
@@ -75,6 +84,8 @@ NTSTATUS FileSystemImpl::RedirectedCreateFile(uint32_t *fileId, uint32_t desired
                                    fileAttributes, shareAccess, createDisposition,
                                    AdjustedOptions(desiredAccess, createOptions), nullptr, 0);
     *fileId = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(handle));
+    if (readOnlyShare && mayMake && status == STATUS_OBJECT_NAME_NOT_FOUND)
+        return STATUS_MEDIA_WRITE_PROTECTED;
     *information = static_cast<uint32_t>(ioStatus.Information);
     return status;
 }
@@ -96,6 +107,8 @@ NTSTATUS FileSystemImpl::RedirectedCancelAllIo(uint32_t fileId)
 NTSTATUS FileSystemImpl::RedirectedWriteFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus, const void *buffer,
                                              uint32_t length, const LARGE_INTEGER &offset)
 {
+    if (readOnlyShare)
+        return RefuseChange(ioStatus);
     LARGE_INTEGER position = offset;
     return CallAndWait(ioStatus, [&](HANDLE event) {
         return NtWriteFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, buffer, length, &position,
@@ -108,6 +121,8 @@ NTSTATUS FileSystemImpl::RedirectedDeviceIoControlFile(uint32_t fileId, IO_STATU
                                                        uint32_t inputLength, void *output,
                                                        uint32_t outputLength)
 {
+    if (readOnlyShare && IsChangingControl(controlCode))
+        return RefuseChange(ioStatus);
     return CallAndWait(ioStatus, [&](HANDLE event) {
         return NtDeviceIoControlFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, controlCode, input,
                                      inputLength, output, outputLength);
@@ -119,7 +134,11 @@ NTSTATUS FileSystemImpl::RedirectedNotifyChangeDirectoryFile(uint32_t fileId, IO
 {
     // What changed is thrown away: only that something did leaves this system.
     alignas(8) uint8_t changes[32] = {};
-    platform::TaskPool::BlockingSection blocking;
+    const platform::TaskPool::BlockingSection blocking;
+    if (!blocking.IsGranted()) {
+        Clear(ioStatus);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     return CallAndWait(ioStatus, [&](HANDLE event) {
         return NtNotifyChangeDirectoryFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, changes,
                                            sizeof(changes), completionFilter, watchTree);
@@ -132,14 +151,22 @@ NTSTATUS FileSystemImpl::RedirectedLockFile(uint32_t fileId, IO_STATUS_BLOCK *io
 {
     LARGE_INTEGER from = offset;
     LARGE_INTEGER count = length;
-    auto lock = [&](HANDLE event) {
-        return NtLockFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, &from, &count, 0,
-                          failImmediately, exclusive);
+    auto lock = [&](bool waits) {
+        return CallAndWait(ioStatus, [&](HANDLE event) {
+            return NtLockFile(HandleOf(fileId), event, nullptr, nullptr, ioStatus, &from, &count, 0, !waits,
+                              exclusive);
+        });
     };
-    if (failImmediately)
-        return CallAndWait(ioStatus, lock);
-    platform::TaskPool::BlockingSection blocking;
-    return CallAndWait(ioStatus, lock);
+    // Most ranges are free: such a lock needs no leave to wait.
+    const NTSTATUS status = lock(false);
+    if (failImmediately || status != STATUS_LOCK_NOT_GRANTED)
+        return status;
+    const platform::TaskPool::BlockingSection blocking;
+    if (!blocking.IsGranted()) {
+        Clear(ioStatus);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    return lock(true);
 }
 
 NTSTATUS FileSystemImpl::RedirectedUnlockFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus,

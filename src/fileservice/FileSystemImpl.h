@@ -14,7 +14,7 @@ namespace fodr {
 class FileSystemImpl : public IFileSystem {
 public:
     // `root` is the share's path in NT form; while the object lives it is a share's root with these rules.
-    // Null when there is no memory.
+    // Of a read-only one every change ends in STATUS_MEDIA_WRITE_PROTECTED. Null when there is no memory.
     [[nodiscard]] static std::unique_ptr<IFileSystem> Create(const std::string &root,
                                                              const nt::ShareRules &rules = {});
 
@@ -66,6 +66,7 @@ private:
     RdpdrPacker packer;
     const NameMatching nameMatching;
     std::optional<nt::ShareRoot> shareRoot;
+    bool readOnlyShare = false; // fixed by KeepRoot
 };
 
 } // namespace fodr

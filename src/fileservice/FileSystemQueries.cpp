@@ -2,6 +2,8 @@
 #include "fileservice/FileSystemImpl.h"
 #include "fileservice/NtCalls.h"
 #include "fileservice/PacketText.h"
+#include "fileservice/ReadOnlyShare.h"
+#include "fileservice/RequestLimits.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 
@@ -17,10 +19,6 @@ using namespace nt;
 namespace {
 
 constexpr uint32_t kFirstQuerySize = 1024;
-constexpr uint32_t kMultiEntrySize = 65536;
-// From here on the C heap maps fresh pages for a block, which are zero already and cost nothing until
-// touched.
-constexpr uint32_t kMappedSize = 32u << 20;
 
 // Bytes at the end of the native record that the wire record lacks (MS-FSCC 2.4.7 and 2.4.41).
 uint32_t NativeTail(uint32_t fileInfoClass)
@@ -35,15 +33,19 @@ uint32_t NativeTail(uint32_t fileInfoClass)
     }
 }
 
-// The last unit of the name is its terminator.
-bool IsRenamedBelowRoot(const uint8_t *wireRecord, uint32_t length)
+// Whether the record gives the file a name below the share's root. The last unit of a name is its terminator.
+NTSTATUS CheckRename(const uint8_t *wireRecord, uint32_t length)
 {
     constexpr uint32_t kName = kWireSize<RDP_FILE_RENAME_INFORMATION>;
-    if (length < kName + 2 * sizeof(char16_t) ||
-        LoadRecord<RDP_FILE_RENAME_INFORMATION>(wireRecord).FileNameLength < 2 * sizeof(char16_t))
-        return true; // the root, or no rename at all
-    const auto first = static_cast<char16_t>(LoadLittle<uint16_t>(wireRecord + kName));
-    return BeginsBelowRoot({&first, 1});
+    if (length < kName)
+        return STATUS_INVALID_PARAMETER;
+    const uint32_t nameLength = LoadRecord<RDP_FILE_RENAME_INFORMATION>(wireRecord).FileNameLength;
+    if (nameLength < sizeof(char16_t) || nameLength % sizeof(char16_t) != 0 || nameLength > length - kName)
+        return STATUS_INVALID_PARAMETER;
+    std::u16string name(nameLength / sizeof(char16_t) - 1, u'\0');
+    memcpy(name.data(), wireRecord + kName, name.size() * sizeof(char16_t));
+    const bool below = BeginsBelowRoot(name) && HasNoDotComponents(name) && !NamesRoot(name);
+    return below ? STATUS_SUCCESS : STATUS_OBJECT_NAME_INVALID;
 }
 
 } // namespace
@@ -68,6 +70,8 @@ NTSTATUS FileSystemImpl::RedirectedSetVolumeInformationFile(uint32_t fileId, IO_
                                                             const void *buffer, uint32_t length,
                                                             uint32_t fsInfoClass)
 {
+    if (readOnlyShare)
+        return RefuseChange(ioStatus);
     Clear(ioStatus);
     return NtSetVolumeInformationFile(HandleOf(fileId), ioStatus, buffer, length, fsInfoClass);
 }
@@ -95,9 +99,13 @@ NTSTATUS FileSystemImpl::RedirectedSetInformationFile(uint32_t fileId, IO_STATUS
                                                       uint32_t fileInfoClass)
 {
     static_assert(kSetBufferReadable == sizeof(FILE_BASIC_INFORMATION));
+    if (readOnlyShare && IsChangingClass(fileInfoClass))
+        return RefuseChange(ioStatus);
     Clear(ioStatus);
-    if (fileInfoClass == FileRenameInformation && !IsRenamedBelowRoot(buffer, length))
-        return STATUS_OBJECT_NAME_INVALID;
+    if (fileInfoClass == FileRenameInformation) {
+        if (const NTSTATUS refused = CheckRename(buffer, length); refused != STATUS_SUCCESS)
+            return refused;
+    }
     uint8_t *native = nullptr;
     uint32_t nativeLength = length;
     NTSTATUS status = packer.UnpackSetInformation(fileInfoClass, buffer, length, &native, &nativeLength);
@@ -130,7 +138,7 @@ NTSTATUS FileSystemImpl::RedirectedQueryDirectoryFile(uint32_t fileId, IO_STATUS
     }
     MallocBuffer buffer;
     NTSTATUS status = QueryGrowing(
-        buffer, multiEntry ? kMultiEntrySize : kFirstQuerySize, ioStatus, [&](uint8_t *data, uint32_t size) {
+        buffer, multiEntry ? kListingAnswer : kFirstQuerySize, ioStatus, [&](uint8_t *data, uint32_t size) {
             return FinishCall(NtQueryDirectoryFile(HandleOf(fileId), event.Handle(), nullptr, nullptr,
                                                    ioStatus, data, size, fileInfoClass, !many, fileName,
                                                    restartScan),
@@ -161,9 +169,8 @@ NTSTATUS FileSystemImpl::RedirectedReadFile(uint32_t fileId, IO_STATUS_BLOCK *io
 {
     *outBuffer = nullptr;
     Clear(ioStatus);
-    // An agent may ask for 4 GiB of a small file: what isn't read isn't touched.
-    bool zeroed = length >= kMappedSize;
-    MallocBuffer buffer = zeroed ? MallocBuffer::AllocateZeroed(length) : MallocBuffer::Allocate(length);
+    length = std::min(length, kLongestRead);
+    MallocBuffer buffer = MallocBuffer::Allocate(length);
     if (!buffer)
         return STATUS_NO_MEMORY;
     LARGE_INTEGER position = offset;
@@ -174,8 +181,7 @@ NTSTATUS FileSystemImpl::RedirectedReadFile(uint32_t fileId, IO_STATUS_BLOCK *io
     if (IsError(status))
         ioStatus->Information = 0;
     ioStatus->Information = std::min<uint64_t>(ioStatus->Information, length);
-    if (!zeroed)
-        memset(buffer.Data() + ioStatus->Information, 0, length - ioStatus->Information);
+    memset(buffer.Data() + ioStatus->Information, 0, length - ioStatus->Information);
     *outBuffer = buffer.Release();
     return status;
 }

@@ -44,7 +44,8 @@ public:
     virtual nt::NTSTATUS RedirectedCloseFile(uint32_t fileId) = 0;
     // Wakes every blocked call on the handle with a cancelled status. Success also when there is none.
     virtual nt::NTSTATUS RedirectedCancelAllIo(uint32_t fileId) = 0;
-    // The buffer is of `length` bytes, zero behind what was read, and handed out also when the read fails.
+    // At most kLongestRead bytes (RequestLimits.h). The buffer is of `length` or so many bytes, zero behind
+    // what was read, and handed out also when the read fails.
     virtual nt::NTSTATUS RedirectedReadFile(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus,
                                             uint8_t **outBuffer, uint32_t length,
                                             const nt::LARGE_INTEGER &offset) = 0;

@@ -33,6 +33,8 @@ public:
     // Makes the device unavailable and closes all of its files, ending what is blocked on them, without
     // completions for the closes.
     virtual void CloseAllFiles() = 0;
+    // The same for good: no file is opened from now on, also by a create that is under way.
+    virtual void Retire() = 0;
     // More file names for a share that shows only named files; nothing for other shares.
     virtual void UpdateAllowAccessFileList(const std::vector<std::string> &names) = 0;
 };

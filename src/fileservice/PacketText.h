@@ -19,5 +19,10 @@ class RdpdrStream;
 // Paths from packets are appended to a share's root as they are: one that doesn't begin with a separator
 // would name a neighbour of the root ("docs" and "2\x"). An empty one is the root.
 [[nodiscard]] bool BeginsBelowRoot(std::u16string_view relativePath);
+// Whether no component is "." or "..", which some file systems follow.
+[[nodiscard]] bool HasNoDotComponents(std::u16string_view relativePath);
+// Whether the path names the root itself: separators alone, or those and the root's own index, by which NTFS
+// opens a folder as well ("\\::$INDEX_ALLOCATION").
+[[nodiscard]] bool NamesRoot(std::u16string_view relativePath);
 
 } // namespace fodr

@@ -4,6 +4,7 @@
 #include "lib/unicode/CodeSet.h"
 #include "rdpdr/wire/CompletionBuilder.h"
 #include "rdpdr/wire/IRdpdrChannel.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <utility>
@@ -45,6 +46,7 @@ RedirectedDevice::~RedirectedDevice()
 
 bool RedirectedDevice::OnIoRequest(RdpdrStream *packet)
 {
+    FODR_TRACE_FUNCTION();
     if (!packet)
         return false;
     ReadRecord<RDPDR_HEADER>(*packet);
@@ -69,6 +71,7 @@ bool RedirectedDevice::OnIoRequest(RdpdrStream *packet)
 
 bool RedirectedDevice::Dispatch(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     switch (request.MajorFunction) {
     case IRP_MJ_CREATE:
         return HandleCreate(request, packet);
@@ -103,6 +106,7 @@ bool RedirectedDevice::Dispatch(const Request &request, RdpdrStream &packet)
 
 bool RedirectedDevice::HandleNotImplemented(const Request &request)
 {
+    FODR_TRACE_FUNCTION();
     LOG_WARN("IO request not implemented: major function = %lu, minor function = %lu\n",
              static_cast<unsigned long>(request.MajorFunction),
              static_cast<unsigned long>(request.MinorFunction));
@@ -113,6 +117,7 @@ bool RedirectedDevice::HandleNotImplemented(const Request &request)
 
 RCPtr<RdpFileHandle> RedirectedDevice::BeginIo(uint32_t fileId)
 {
+    FODR_TRACE_FUNCTION();
     OVMutexLock held(filesLock);
     auto found = files.find(fileId);
     if (found == files.end())
@@ -123,6 +128,7 @@ RCPtr<RdpFileHandle> RedirectedDevice::BeginIo(uint32_t fileId)
 
 bool RedirectedDevice::HandleClose(const Request &request)
 {
+    FODR_TRACE_FUNCTION();
     RCPtr<RdpFileHandle> handle;
     {
         OVMutexLock held(filesLock);
@@ -138,19 +144,22 @@ bool RedirectedDevice::HandleClose(const Request &request)
 
 NTSTATUS RedirectedDevice::CloseFileHandle(uint32_t fileId, const RCPtr<RdpFileHandle> &handle)
 {
+    FODR_TRACE_FUNCTION();
     NTSTATUS status = EndRequests(fileId, *handle);
     if (!IsError(status))
         status = fileSystem->RedirectedCloseFile(fileId);
     if (IsError(status) && status != STATUS_INVALID_HANDLE) {
-        // The agent may close it again.
+        // The agent may close it again, while there is an agent to do so.
         OVMutexLock held(filesLock);
-        files[fileId] = handle;
+        if (!retired)
+            files[fileId] = handle;
     }
     return status;
 }
 
 NTSTATUS RedirectedDevice::EndRequests(uint32_t fileId, RdpFileHandle &handle)
 {
+    FODR_TRACE_FUNCTION();
     if (!handle.IsBusy())
         return STATUS_SUCCESS;
     NTSTATUS status = fileSystem->RedirectedCancelAllIo(fileId);
@@ -163,6 +172,7 @@ NTSTATUS RedirectedDevice::EndRequests(uint32_t fileId, RdpFileHandle &handle)
 
 void RedirectedDevice::CloseAllFiles()
 {
+    FODR_TRACE_FUNCTION();
     SetAvailable(false);
     std::map<uint32_t, RCPtr<RdpFileHandle>> taken;
     {
@@ -171,6 +181,15 @@ void RedirectedDevice::CloseAllFiles()
     }
     for (const auto &[fileId, handle] : taken)
         CloseFileHandle(fileId, handle);
+}
+
+void RedirectedDevice::Retire()
+{
+    {
+        OVMutexLock held(filesLock);
+        retired = true;
+    }
+    CloseAllFiles();
 }
 
 // ---- replies ---------------------------------------------------------------------------------------------
@@ -182,6 +201,7 @@ bool RedirectedDevice::SendCompletion(uint32_t completionId, NTSTATUS status)
 
 bool RedirectedDevice::SendLength(uint32_t completionId, NTSTATUS status, uint32_t length)
 {
+    FODR_TRACE_FUNCTION();
     uint8_t *deviceIdField = nullptr;
     RdpdrStreamPtr completion = BuildIoCompletion(GetDeviceId(), completionId, status, 0, &deviceIdField);
     if (completion)

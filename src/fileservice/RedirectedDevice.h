@@ -68,6 +68,7 @@ public:
     uint32_t GetDeviceId() const override { return deviceId.load(std::memory_order_relaxed); }
     void SetDeviceId(uint32_t id) override { deviceId.store(id, std::memory_order_relaxed); }
     void CloseAllFiles() override EXCLUDES(filesLock);
+    void Retire() override EXCLUDES(filesLock);
     void UpdateAllowAccessFileList(const std::vector<std::string> &) override {}
 
     // Whether the file or folder may be opened at all; the path is absolute, in NT form.
@@ -93,6 +94,7 @@ protected:
     bool driveLetterShare;
     OVMutex filesLock; // before RdpFileHandle's own
     std::map<uint32_t, RCPtr<RdpFileHandle>> files GUARDED_BY(filesLock);
+    bool retired GUARDED_BY(filesLock) = false;
     bool multiEntryDirectoryQuery;
     bool readOnly;
     bool preReadEnabled;
@@ -129,14 +131,14 @@ private:
     };
     CreateOutcome CreateFileAt(const DR_CREATE_REQ &create, const std::u16string &absolutePath,
                                const std::string &shownPath);
-    bool KeepOpenFile(uint32_t fileId, bool isRoot) EXCLUDES(filesLock);
+    // STATUS_DEVICE_REMOVED when the files were closed meanwhile: nobody would close this one.
+    nt::NTSTATUS KeepOpenFile(uint32_t fileId, bool isRoot) EXCLUDES(filesLock);
     bool CompleteCreate(const Request &request, const CreateOutcome &outcome);
     bool IsFileOpenAllowedByDeviceFilter(const std::string &absolutePath, uint32_t createOptions);
 
-    // Names. Refused: what would give a file a name outside the share, and classes 64 and 65 of the root.
+    // Names. Refused: what would give a file a name outside the share, or take the root its name.
     // What a record of class 65 says is checked before the file system sees it. `buffer` has at least
     // kSetBufferReadable bytes.
-    bool IsRootPath(const std::u16string &absolutePath) const;
     bool IsRoot(uint32_t fileId) EXCLUDES(filesLock);
     nt::NTSTATUS SetInformation(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus, uint8_t *buffer,
                                 uint32_t length, uint32_t infoClass);

@@ -3,6 +3,7 @@
 #include "lib/unicode/CodeSet.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/WireLayout.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>
@@ -51,6 +52,7 @@ RedirectedDeviceAccessControl::~RedirectedDeviceAccessControl() = default;
 
 bool RedirectedDeviceAccessControl::CheckCreateDriveAccess(const std::string &absolutePath)
 {
+    FODR_TRACE_FUNCTION();
     LOG_DEBUG("Absolute path = [%s].\n", absolutePath.c_str());
     if (allowAccessList->IsRoot(absolutePath))
         return true;
@@ -60,6 +62,7 @@ bool RedirectedDeviceAccessControl::CheckCreateDriveAccess(const std::string &ab
 
 bool RedirectedDeviceAccessControl::IsBypassedFileType(const std::string &absolutePath) const
 {
+    FODR_TRACE_FUNCTION();
     if (!IsZoneMark(absolutePath))
         return false;
     LOG_DEBUG("Bypass check for file = [%s].\n", absolutePath.c_str());
@@ -74,6 +77,7 @@ bool RedirectedDeviceAccessControl::IsAllowedAccess(const std::string &absoluteP
 
 void RedirectedDeviceAccessControl::UpdateAllowAccessFileList(const std::vector<std::string> &names)
 {
+    FODR_TRACE_FUNCTION();
     AllowAccessList::Entries added = allowAccessList->Append(names);
     for (const std::string &entry : added)
         LOG_TRACE("File is added in access list: (%s)\n", entry.c_str());
@@ -91,6 +95,7 @@ NTSTATUS RedirectedDeviceAccessControl::QueryDirectory(const DR_DEVICE_IOREQUEST
                                                        const char16_t *fullPath, const char16_t *pattern,
                                                        IO_STATUS_BLOCK *ioStatus, uint8_t **outBuffer)
 {
+    FODR_TRACE_FUNCTION();
     if (fullPath) {
         std::string text;
         // A path from a packet can't end the process, even if it is no text.
@@ -117,6 +122,7 @@ NTSTATUS RedirectedDeviceAccessControl::GetAllowAccessListInfoFromCache(const DR
                                                                         IO_STATUS_BLOCK *ioStatus,
                                                                         uint8_t **outBuffer)
 {
+    FODR_TRACE_FUNCTION();
     uint32_t infoClass = request.Body<DR_DRIVE_QUERY_DIRECTORY_REQ>().FsInformationClass;
     ioStatus->Information = 0;
     {
@@ -143,6 +149,7 @@ void RedirectedDeviceAccessControl::RetrieveAllowAccessListInfo(const DR_DEVICE_
                                                                 IO_STATUS_BLOCK *ioStatus,
                                                                 uint8_t **outBuffer)
 {
+    FODR_TRACE_FUNCTION();
     uint32_t infoClass = request.Body<DR_DRIVE_QUERY_DIRECTORY_REQ>().FsInformationClass;
     auto entries = allowAccessList->Current();
     if (entries->empty()) {
@@ -180,6 +187,7 @@ bool RedirectedDeviceAccessControl::RetrieveFileInfo(const DR_DEVICE_IOREQUEST &
                                                      const std::string &fileName, IO_STATUS_BLOCK *ioStatus,
                                                      MallocBuffer *info)
 {
+    FODR_TRACE_FUNCTION();
     auto query = request.Body<DR_DRIVE_QUERY_DIRECTORY_REQ>();
     std::u16string pattern;
     uint8_t *block = nullptr;
@@ -206,6 +214,7 @@ NTSTATUS RedirectedDeviceAccessControl::CombineAccessFileInformation(uint32_t in
                                                                      std::deque<MallocBuffer> &entries,
                                                                      MallocBuffer *out) const
 {
+    FODR_TRACE_FUNCTION();
     size_t total = 0;
     for (const MallocBuffer &entry : entries)
         total += entry.Size();
@@ -236,6 +245,7 @@ NTSTATUS RedirectedDeviceAccessControl::CombineAccessFileInformation(uint32_t in
 
 void RedirectedDeviceAccessControl::CacheAllowAccessListInfo(uint32_t infoClass, const MallocBuffer &listing)
 {
+    FODR_TRACE_FUNCTION();
     if (allowAccessInfoCache.contains(infoClass)) {
         LOG_DEBUG("Cached file info already exists. InfoClass:%d.\n", static_cast<int>(infoClass));
         return;

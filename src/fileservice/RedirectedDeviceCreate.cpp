@@ -9,6 +9,7 @@
 #include "logging/FodrLogger.h"
 #include "rdpdr/wire/CompletionBuilder.h"
 #include "rdpdr/wire/CreateFlagsText.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <new>
@@ -20,13 +21,15 @@ using namespace nt;
 
 bool RedirectedDevice::HandleCreate(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto create = request.Body<DR_CREATE_REQ>();
     std::u16string absolutePath;
     if (!ReadPacketText(packet, create.PathLength, widePath, absolutePath))
         return false;
     if (create.PathLength == 0)
         absolutePath += u'\\';
-    if (!BeginsBelowRoot(std::u16string_view(absolutePath).substr(widePath.size())))
+    const std::u16string_view relativePath = std::u16string_view(absolutePath).substr(widePath.size());
+    if (!BeginsBelowRoot(relativePath))
         return SendCompletion(request.CompletionId, STATUS_OBJECT_NAME_INVALID);
     // A share's root may come from the agent's policy and the rest comes from this packet. Neither may be
     // able to end the process with a byte that isn't text.
@@ -41,10 +44,18 @@ bool RedirectedDevice::HandleCreate(const Request &request, RdpdrStream &packet)
         LOG_INFO("File/Subfolder [%s] cannot be accessed.", shownPath.c_str());
         return SendCompletion(request.CompletionId, STATUS_ACCESS_DENIED);
     }
+    if (!HasNoDotComponents(relativePath))
+        return SendCompletion(request.CompletionId, STATUS_OBJECT_NAME_INVALID);
+    const bool isRoot = NamesRoot(relativePath);
+    if (isRoot && create.CreateOptions & FILE_DELETE_ON_CLOSE)
+        return SendCompletion(request.CompletionId, STATUS_ACCESS_DENIED);
     CreateOutcome outcome = CreateFileAt(create, absolutePath, shownPath);
-    if (!IsError(outcome.status) && !KeepOpenFile(outcome.fileId, IsRootPath(absolutePath))) {
-        fileSystem->RedirectedCloseFile(outcome.fileId);
-        return SendCompletion(request.CompletionId, STATUS_NO_MEMORY);
+    if (!IsError(outcome.status)) {
+        const NTSTATUS kept = KeepOpenFile(outcome.fileId, isRoot);
+        if (IsError(kept)) {
+            fileSystem->RedirectedCloseFile(outcome.fileId);
+            return SendCompletion(request.CompletionId, kept);
+        }
     }
     return CompleteCreate(request, outcome);
 }
@@ -53,6 +64,7 @@ RedirectedDevice::CreateOutcome RedirectedDevice::CreateFileAt(const DR_CREATE_R
                                                                const std::u16string &absolutePath,
                                                                const std::string &shownPath)
 {
+    FODR_TRACE_FUNCTION();
     CreateOutcome outcome;
     outcome.status = fileSystem->RedirectedCreateFile(
         &outcome.fileId, create.DesiredAccess, absolutePath.c_str(), create.AllocationSize,
@@ -69,20 +81,24 @@ RedirectedDevice::CreateOutcome RedirectedDevice::CreateFileAt(const DR_CREATE_R
     return outcome;
 }
 
-bool RedirectedDevice::KeepOpenFile(uint32_t fileId, bool isRoot)
+NTSTATUS RedirectedDevice::KeepOpenFile(uint32_t fileId, bool isRoot)
 {
+    FODR_TRACE_FUNCTION();
     try {
         RCPtr<RdpFileHandle> handle(new RdpFileHandle(isRoot));
         OVMutexLock held(filesLock);
+        if (retired || !IsAvailable())
+            return STATUS_DEVICE_REMOVED;
         files[fileId] = handle;
-        return true;
+        return STATUS_SUCCESS;
     } catch (const std::bad_alloc &) {
-        return false;
+        return STATUS_NO_MEMORY;
     }
 }
 
 bool RedirectedDevice::CompleteCreate(const Request &request, const CreateOutcome &outcome)
 {
+    FODR_TRACE_FUNCTION();
     uint8_t *deviceIdField = nullptr;
     int32_t pattern = PreReadPattern(request);
     RdpdrStreamPtr completion =
@@ -105,6 +121,7 @@ bool RedirectedDevice::CheckCreateDriveAccess(const std::string &)
 bool RedirectedDevice::IsFileOpenAllowedByDeviceFilter(const std::string &absolutePath,
                                                        uint32_t createOptions)
 {
+    FODR_TRACE_FUNCTION();
     constexpr std::string_view kNtPrefix = "\\??\\";
     // An open that says neither file nor directory isn't filtered; that is meant.
     if (!filterPolicy || !filterPolicy->HasDeviceFilter() ||

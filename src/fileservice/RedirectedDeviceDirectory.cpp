@@ -1,6 +1,7 @@
 // How RedirectedDevice lists and watches directories and locks ranges.
 #include "fileservice/PacketText.h"
 #include "fileservice/RedirectedDevice.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {
@@ -18,6 +19,7 @@ const char *YesNo(bool value)
 
 bool RedirectedDevice::HandleDirectoryControl(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto query = request.Body<DR_DRIVE_QUERY_DIRECTORY_REQ>();
     std::u16string fullPath;
     const char16_t *pattern = nullptr;
@@ -43,6 +45,7 @@ NTSTATUS RedirectedDevice::QueryDirectory(const DR_DEVICE_IOREQUEST &request, co
                                           const char16_t *pattern, IO_STATUS_BLOCK *ioStatus,
                                           uint8_t **outBuffer)
 {
+    FODR_TRACE_FUNCTION();
     auto query = request.Body<DR_DRIVE_QUERY_DIRECTORY_REQ>();
     return fileSystem->RedirectedQueryDirectoryFile(request.FileId, ioStatus, outBuffer,
                                                     query.FsInformationClass, query.InitialQuery != 0,
@@ -51,6 +54,7 @@ NTSTATUS RedirectedDevice::QueryDirectory(const DR_DEVICE_IOREQUEST &request, co
 
 bool RedirectedDevice::HandleNotifyChangeDirectory(const Request &request)
 {
+    FODR_TRACE_FUNCTION();
     auto notify = request.Body<DR_DRIVE_NOTIFY_CHANGE_DIRECTORY_REQ>();
     IO_STATUS_BLOCK ioStatus{};
     NoticeOrder::Delivery delivery(notices);
@@ -69,6 +73,7 @@ bool RedirectedDevice::HandleLockControl(const Request &request, RdpdrStream &pa
 
 NTSTATUS RedirectedDevice::ApplyLocks(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto lock = request.Body<DR_DRIVE_LOCK_REQ>();
     if (lock.NumLocks > 1 && lock.Operation != RDP_LOWIO_OP_UNLOCK_MULTIPLE) {
         LOG_WARN(
@@ -93,6 +98,7 @@ NTSTATUS RedirectedDevice::ApplyLocks(const Request &request, RdpdrStream &packe
 NTSTATUS RedirectedDevice::ApplyLock(uint32_t fileId, const DR_DRIVE_LOCK_REQ &lock,
                                      const RDP_LOCK_INFO &range)
 {
+    FODR_TRACE_FUNCTION();
     LARGE_INTEGER offset{static_cast<int64_t>(range.Offset)};
     LARGE_INTEGER length{static_cast<int64_t>(range.Length)};
     bool failImmediately = (lock.F & kLockFailImmediately) != 0;

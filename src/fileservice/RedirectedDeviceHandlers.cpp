@@ -1,7 +1,9 @@
 // How RedirectedDevice reads, writes, queries, sets and controls.
 #include "fileservice/IPreReader.h"
 #include "fileservice/RedirectedDevice.h"
+#include "fileservice/RequestLimits.h"
 #include "rdpdr/wire/CompletionBuilder.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>
@@ -34,6 +36,7 @@ bool IsCut(const RdpdrStream &packet, uint32_t length)
 
 bool RedirectedDevice::HandleRead(const Request &request)
 {
+    FODR_TRACE_FUNCTION();
     auto read = request.Body<DR_READ_REQ>();
     IO_STATUS_BLOCK ioStatus{};
     uint8_t *block = nullptr;
@@ -44,6 +47,7 @@ bool RedirectedDevice::HandleRead(const Request &request)
 
 bool RedirectedDevice::HandleWrite(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto write = request.Body<DR_WRITE_REQ>();
     if (IsCut(packet, write.Length))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);
@@ -55,6 +59,7 @@ bool RedirectedDevice::HandleWrite(const Request &request, RdpdrStream &packet)
 
 bool RedirectedDevice::HandleQueryInformation(const Request &request)
 {
+    FODR_TRACE_FUNCTION();
     auto query = request.Body<DR_DRIVE_QUERY_INFORMATION_REQ>();
     IO_STATUS_BLOCK ioStatus{};
     uint8_t *block = nullptr;
@@ -67,6 +72,7 @@ bool RedirectedDevice::HandleQueryInformation(const Request &request)
 
 bool RedirectedDevice::HandleQueryVolumeInformation(const Request &request)
 {
+    FODR_TRACE_FUNCTION();
     auto query = request.Body<DR_DRIVE_QUERY_VOLUME_INFORMATION_REQ>();
     IO_STATUS_BLOCK ioStatus{};
     uint8_t *block = nullptr;
@@ -79,6 +85,7 @@ bool RedirectedDevice::HandleQueryVolumeInformation(const Request &request)
 
 bool RedirectedDevice::HandleSetInformation(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto set = request.Body<DR_DRIVE_SET_INFORMATION_REQ>();
     if (IsCut(packet, set.Length))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);
@@ -108,6 +115,7 @@ bool RedirectedDevice::HandleSetInformation(const Request &request, RdpdrStream 
 
 bool RedirectedDevice::HandleSetVolumeInformation(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto set = request.Body<DR_DRIVE_SET_VOLUME_INFORMATION_REQ>();
     if (IsCut(packet, set.Length))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);
@@ -129,19 +137,21 @@ bool RedirectedDevice::HandleSetVolumeInformation(const Request &request, RdpdrS
 
 bool RedirectedDevice::HandleDeviceControl(const Request &request, RdpdrStream &packet)
 {
+    FODR_TRACE_FUNCTION();
     auto control = request.Body<DR_CONTROL_REQ>();
     if (IsCut(packet, control.InputBufferLength))
         return SendCompletion(request.CompletionId, STATUS_INVALID_PARAMETER);
     MallocBuffer input = MallocBuffer::Allocate(control.InputBufferLength);
-    MallocBuffer output = MallocBuffer::AllocateZeroed(control.OutputBufferLength);
+    const uint32_t outputLength = std::min(control.OutputBufferLength, kLongestControlOutput);
+    MallocBuffer output = MallocBuffer::AllocateZeroed(outputLength);
     if (!input || !output)
         return SendCompletion(request.CompletionId, STATUS_NO_MEMORY);
     packet.Read(input.Data(), control.InputBufferLength);
     IO_STATUS_BLOCK ioStatus{};
     NTSTATUS status = fileSystem->RedirectedDeviceIoControlFile(
         request.FileId, &ioStatus, control.IoControlCode, input.Data(), control.InputBufferLength,
-        output.Data(), control.OutputBufferLength);
-    size_t length = std::min<uint64_t>(ioStatus.Information, control.OutputBufferLength);
+        output.Data(), outputLength);
+    size_t length = std::min<uint64_t>(ioStatus.Information, outputLength);
     uint8_t *deviceIdField = nullptr;
     RdpdrStreamPtr completion =
         BuildIoCompletion(GetDeviceId(), request.CompletionId, status, length, &deviceIdField);

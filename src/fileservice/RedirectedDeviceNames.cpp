@@ -17,11 +17,19 @@ namespace {
 constexpr size_t kNameOffset = offsetof(FILE_RENAME_INFORMATION_EX, FileName);
 
 // Classes that make a link, move clusters, set a short name, or link or rename without a look at access
-// rights (MS-FSCC 2.4). They give a file a further name, or one by a path that could lead anywhere.
+// rights (MS-FSCC 2.4): they give a file a further name, or one by a path that could lead anywhere. And
+// classes whose record holds a handle of another object: a completion port, the file that a move is tracked
+// to, a memory partition. A number from the wire must not become one.
 bool NamesAnotherPlace(uint32_t infoClass)
 {
-    constexpr uint32_t kOthers[] = {11, 31, 40, 56, 57, 66, 72, 73};
+    constexpr uint32_t kOthers[] = {11, 30, 31, 36, 40, 56, 57, 61, 66, 69, 72, 73};
     return std::find(std::begin(kOthers), std::end(kOthers), infoClass) != std::end(kOthers);
+}
+
+bool TakesName(uint32_t infoClass)
+{
+    return infoClass == FileRenameInformation || infoClass == FileRenameInformationEx ||
+           infoClass == FileDispositionInformation || infoClass == FileDispositionInformationEx;
 }
 
 bool IsOneComponent(std::u16string_view name)
@@ -58,11 +66,6 @@ NTSTATUS ReadRename(uint8_t *buffer, uint32_t *length, uint32_t *directoryId)
 
 } // namespace
 
-bool RedirectedDevice::IsRootPath(const std::u16string &absolutePath) const
-{
-    return absolutePath.find_first_not_of(u"\\/", widePath.size()) == std::u16string::npos;
-}
-
 bool RedirectedDevice::IsRoot(uint32_t fileId)
 {
     OVMutexLock held(filesLock);
@@ -73,12 +76,11 @@ bool RedirectedDevice::IsRoot(uint32_t fileId)
 NTSTATUS RedirectedDevice::SetInformation(uint32_t fileId, IO_STATUS_BLOCK *ioStatus, uint8_t *buffer,
                                           uint32_t length, uint32_t infoClass)
 {
-    const bool renames = infoClass == FileRenameInformationEx;
     if (NamesAnotherPlace(infoClass))
         return STATUS_INVALID_INFO_CLASS;
-    if ((renames || infoClass == FileDispositionInformationEx) && IsRoot(fileId))
+    if (TakesName(infoClass) && IsRoot(fileId))
         return STATUS_ACCESS_DENIED;
-    if (renames)
+    if (infoClass == FileRenameInformationEx)
         return RenameWithinShare(fileId, ioStatus, buffer, length);
     return fileSystem->RedirectedSetInformationFile(fileId, ioStatus, buffer, length, infoClass);
 }

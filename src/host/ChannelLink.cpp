@@ -1,18 +1,8 @@
 #include "host/ChannelLink.h"
 
+#include "host/AgentDoor.h"
+
 namespace fodr::host {
-namespace {
-
-// Takes as long for any text of one length, so that the time says nothing about where it differs.
-bool SameToken(std::string_view a, std::string_view b)
-{
-    unsigned difference = a.size() != b.size();
-    for (size_t i = 0; i < a.size() && i < b.size(); ++i)
-        difference |= static_cast<unsigned char>(a[i] ^ b[i]);
-    return difference == 0;
-}
-
-} // namespace
 
 // Whether a frame may come now; the connection ends when not.
 bool ChannelLink::Expect(bool onMainOnly)

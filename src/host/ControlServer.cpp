@@ -1,5 +1,7 @@
 #include "host/ControlServer.h"
 
+#include <system_error>
+
 namespace fodr::host {
 namespace {
 
@@ -24,18 +26,28 @@ ControlServer::ControlServer(std::unique_ptr<platform::StreamListener> listening
 ControlServer::~ControlServer()
 {
     listener->Shutdown();
+    EndWaiting();
     acceptThread.join();
+    EndWaiting(); // who came last
     std::list<Visitor> last;
     {
         const transport::MutexLock held(lock);
         last.swap(visitors);
-        for (const Visitor &visitor : last) {
-            if (!visitor.answering)
-                visitor.stream->Shutdown();
-        }
     }
-    for (Visitor &visitor : last)
-        visitor.thread.join();
+    for (Visitor &visitor : last) {
+        if (visitor.thread.joinable())
+            visitor.thread.join();
+    }
+}
+
+// Visitors whose request hasn't come yet.
+void ControlServer::EndWaiting()
+{
+    const transport::MutexLock held(lock);
+    for (const Visitor &visitor : visitors) {
+        if (!visitor.answering)
+            visitor.stream->Shutdown();
+    }
 }
 
 void ControlServer::AcceptMain()
@@ -43,18 +55,30 @@ void ControlServer::AcceptMain()
     while (auto stream = listener->Accept()) {
         if (!stream->PeerIsThisUser())
             continue;
-        const transport::MutexLock held(lock);
-        for (auto visitor = visitors.begin(); visitor != visitors.end();) {
-            if (visitor->served)
-                visitor->thread.join();
-            visitor = visitor->served ? visitors.erase(visitor) : std::next(visitor);
-        }
-        if (visitors.size() >= kMaxVisitors)
-            continue;
-        Visitor &visitor = visitors.emplace_back();
-        visitor.stream = std::move(stream);
-        visitor.thread = std::thread([this, &visitor] { Serve(&visitor); });
+        Visitor *const visitor = LetIn(std::move(stream));
+        // A host that is short of threads still answers, one visitor after the other.
+        if (visitor && !visitor->thread.joinable())
+            Serve(visitor);
     }
+}
+
+ControlServer::Visitor *ControlServer::LetIn(std::unique_ptr<platform::ByteStream> stream)
+{
+    const transport::MutexLock held(lock);
+    for (auto visitor = visitors.begin(); visitor != visitors.end();) {
+        if (visitor->served && visitor->thread.joinable())
+            visitor->thread.join();
+        visitor = visitor->served ? visitors.erase(visitor) : std::next(visitor);
+    }
+    if (visitors.size() >= kMaxVisitors)
+        return nullptr;
+    Visitor &visitor = visitors.emplace_back();
+    visitor.stream = std::move(stream);
+    try {
+        visitor.thread = std::thread([this, &visitor] { Serve(&visitor); });
+    } catch (const std::system_error &) {
+    }
+    return &visitor;
 }
 
 void ControlServer::Serve(Visitor *visitor)

@@ -14,7 +14,7 @@ namespace fodr::host {
 
 class ControlServer {
 public:
-    // Called on a thread of the connection's own; several may run at once.
+    // Called on a thread of the connection's own, if there can be one; several may run at once.
     using Handler = std::function<ControlReply(const Words &request)>;
 
     // Listens on the socket `path`. Null, with a few words in `*error`, when that isn't possible.
@@ -26,15 +26,17 @@ public:
 
 private:
     ControlServer(std::unique_ptr<platform::StreamListener> listening, Handler handling);
-    void AcceptMain();
-
     struct Visitor {
         std::unique_ptr<platform::ByteStream> stream;
         std::thread thread;
         bool answering = false;
         bool served = false;
     };
-    void Serve(Visitor *visitor);
+    void AcceptMain();
+    // The visitor, with a thread that serves it if one could be made; null when there are too many.
+    Visitor *LetIn(std::unique_ptr<platform::ByteStream> stream) EXCLUDES(lock);
+    void Serve(Visitor *visitor) EXCLUDES(lock);
+    void EndWaiting() EXCLUDES(lock);
 
     const std::unique_ptr<platform::StreamListener> listener;
     const Handler handler;

@@ -58,7 +58,14 @@ void HostChannel::RunAndWait(EventQueue::Event event)
 // An event that matters only while the connection it came from is the channel's.
 void HostChannel::PostForLink(uint64_t link, EventQueue::Event event)
 {
+    if (++waitingEvents > kMostWaitingEvents) {
+        if (const auto flooded = Main(); flooded && flooded->Id() == link)
+            flooded->Connection().Close("the agent sends more than can be handled");
+        --waitingEvents;
+        return;
+    }
     events.Post([this, link, run = std::move(event)] {
+        --waitingEvents;
         if (IsMain(link))
             run();
     });
@@ -84,6 +91,8 @@ void HostChannel::Attach(std::unique_ptr<platform::ByteStream> stream)
         link = std::make_shared<ChannelLink>(ChannelLink::Kind::Main, ++lastLink,
                                              static_cast<ILinkOwner *>(this), std::move(stream),
                                              options.expectedToken, options.keepAlive);
+        if (options.writeTimeoutMS > 0)
+            link->Connection().SetWriteTimeout(options.writeTimeoutMS);
         mainLink = link;
     }
     connectionState = CONNECTION_PENDING;

@@ -38,6 +38,7 @@ struct ChannelOptions {
     std::string token;         // shown to the agent
     std::string expectedToken; // to be shown by the agent; empty: any
     transport::KeepAlive keepAlive{0, 0};
+    int writeTimeoutMS = 0;      // an agent that takes nothing for so long is lost; 0: never
     std::string sideChannelHost; // where an offered TCP port is; empty: TCP side channels are refused
     int sideChannelTimeoutMS = 10000;
     int32_t sessionType = SESSION_PCOIP;
@@ -48,6 +49,10 @@ struct ChannelOptions {
 
 class HostChannel final : private ILinkOwner {
 public:
+    // Frames about the channel that an agent has sent and that aren't handled yet. Packets aren't counted:
+    // they go straight to the plug-in.
+    static constexpr size_t kMostWaitingEvents = 4096;
+
     // Host and listener outlive the channel; the listener may be null.
     HostChannel(PluginHost *pluginHost, const ChannelOptions &channelOptions, IChannelListener *told);
     // Ends the connection and destroys the instance.
@@ -155,6 +160,7 @@ private:
     bool stopping = false;
 
     EventQueue events;
+    std::atomic<size_t> waitingEvents{0}; // of links
     std::thread eventThread;
 };
 

@@ -106,7 +106,10 @@ void HostChannel::OnLinkClosed(uint64_t link, const std::string &reason)
     }
     if (mainOfSide)
         mainOfSide->Connection().Close("the side channel ended: " + reason);
-    PostForLink(link, [this, reason] { HandleLost(reason); });
+    events.Post([this, link, reason] { // whatever else waits
+        if (IsMain(link))
+            HandleLost(reason);
+    });
 }
 
 // ---- Objects ----
@@ -277,6 +280,8 @@ void HostChannel::HandleSideStream(uint32_t number, std::unique_ptr<platform::By
         link = std::make_shared<ChannelLink>(ChannelLink::Kind::Side, ++lastLink,
                                              static_cast<ILinkOwner *>(this), std::move(stream), "",
                                              options.keepAlive);
+        if (options.writeTimeoutMS > 0)
+            link->Connection().SetWriteTimeout(options.writeTimeoutMS);
         sideLink = link;
     }
     object->MoveTo(link);

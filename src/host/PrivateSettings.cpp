@@ -19,7 +19,8 @@ std::vector<platform::PrivateStore::FixedValue> Fixed(const std::vector<std::str
         {"RedirectAll", platform::kRegDword, number(0)},
         {"SharedFolders", platform::kRegNone, ""},
         {"caseSensitivity", platform::kRegDword, number(static_cast<uint32_t>(wishes.nameCase))},
-        {"linksOutside", platform::kRegDword, number(wishes.linksOutside)}};
+        {"linksOutside", platform::kRegDword, number(wishes.linksOutside)},
+        {"readOnlyShares", platform::kRegDword, number(wishes.readOnly)}};
     if (wishes.log == PluginLog::Trace) {
         values.push_back({"logLevel", platform::kRegSz, std::string("TRACE") + '\0'});
         values.push_back({"logToStderr", platform::kRegSz, std::string("true") + '\0'});

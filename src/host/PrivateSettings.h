@@ -31,6 +31,7 @@ struct PluginWishes {
     PluginLog log = PluginLog::AsSet;
     NameCase nameCase = NameCase::Sensitive;
     bool linksOutside = false; // links may lead out of the shared folders
+    bool readOnly = false;     // nothing of them can be changed, whatever the agent says
 };
 
 // The key of the plug-in's settings, below HKEY_LOCAL_MACHINE.

@@ -5,11 +5,11 @@
 #include "logging/LogFolder.h"
 #include "logging/Logger.h"
 #include "logging/LoggerManager.h"
-#include "logging/SettingNumber.h"
 #include "platform/Files.h"
 #include "platform/Process.h"
 #include "platform/Volumes.h"
 #include "runtime/OVFile.h"
+#include "runtime/SettingNumber.h"
 #include "runtime/StringUtils.h"
 #include "runtime/TimeFormat.h"
 

@@ -41,7 +41,8 @@ bool UserFolder(std::string &folder)
         return false;
     if (StringUtils::EndsWith(found.c_str(), "Windows\\Temp\\", false))
         return ServiceFolder(folder);
-    CutSessionFolder(found);
+    if (platform::TemporaryFolderIsPerSession())
+        CutSessionFolder(found);
     std::string user = platform::EnvironmentUserName();
     if (user.empty() || user.size() >= kLongestName)
         user = "default";

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace fodr {
@@ -79,6 +80,8 @@ private:
     std::atomic<bool> started{false}; // likewise
     bool createWriters = true;        // only while true may settings make a missing writer
     bool traceEnabledCheck = false;   // never set: the branch it opens is idle
+    // What a settings reader said of it before the start.
+    std::optional<bool> bufferingAtStart GUARDED_BY(LoggerMutex());
 };
 
 } // namespace fodr

@@ -102,13 +102,18 @@ void LoggerManager::LevelChanged(const Logger &logger)
 RCPtr<OVPollThread> LoggerManager::GetPollThread()
 {
     OVMutexLock lock(LoggerMutex());
-    if (!pollThread->IsRunning())
+    // A file that rolls while the loggers are being stopped must not bring the thread back.
+    if (!shuttingDown && !pollThread->IsRunning())
         pollThread->StartScheduler();
     return pollThread;
 }
 
 void LoggerManager::Shutdown()
 {
+    {
+        OVMutexLock lock(LoggerMutex());
+        shuttingDown = true;
+    }
     pollThread->StopScheduler();
     pollThread->RemoveAllItems(true);
     std::map<std::string, RCPtr<Logger>> stopped;
@@ -120,6 +125,8 @@ void LoggerManager::Shutdown()
     }
     for (const auto &[name, logger] : stopped)
         logger->Stop();
+    OVMutexLock lock(LoggerMutex());
+    shuttingDown = false;
 }
 
 void LogWriteTo(RCPtr<Logger> logger, const char *functionName, int32_t level, const char *format, ...)

@@ -26,7 +26,7 @@ public:
     void SetDefaultLogger(const RCPtr<Logger> &logger);
     // The logger's level is another now, or counts from now on.
     void LevelChanged(const Logger &logger) REQUIRES(LoggerMutex());
-    // Running. Its lock is LoggerMutex.
+    // Running, unless Shutdown is under way. Its lock is LoggerMutex.
     RCPtr<OVPollThread> GetPollThread();
     // Stops the thread, then every logger in the order of their names.
     void Shutdown();
@@ -38,6 +38,7 @@ private:
 
     RCPtr<Logger> defaultLogger GUARDED_BY(LoggerMutex());
     std::map<std::string, RCPtr<Logger>> loggers GUARDED_BY(LoggerMutex());
+    bool shuttingDown GUARDED_BY(LoggerMutex()) = false;
     RCPtr<OVPollThread> pollThread;
 };
 

@@ -64,6 +64,8 @@ void LoggerSettings::Apply()
     ApplySwitch(LOG_WRITER_DEBUG, "logToDebugView", "DEBUG");
     ApplySwitch(LOG_WRITER_STDOUT, "logToStdout", "STDOUT");
     ApplySwitch(LOG_WRITER_STDERR, "logToStderr", "STDERR");
+    if (!logger.started)
+        ApplyBuffering(); // of the writers that were made just now
 }
 
 void LoggerSettings::Say(const char *format, ...)
@@ -115,12 +117,12 @@ void LoggerSettings::ApplyLocalTime()
     Say("%s changed to %s", "useLocalTime", FlagText(flag));
 }
 
-// The writers that the settings make come after this: until the next change they write directly.
+// Unlike the other flag it holds by default from the start on.
 void LoggerSettings::ApplyBuffering()
 {
-    bool flag = true;
-    if (!FlagCounts("enableBuffering", flag))
-        return;
+    bool flag = logger.started || logger.bufferingAtStart.value_or(true);
+    if (reader->GetBool("enableBuffering", &flag, true) && !logger.started)
+        logger.bufferingAtStart = flag;
     for (const auto &[type, writer] : logger.writers) {
         if (writer->IsBuffering() == flag)
             continue;

@@ -3,9 +3,9 @@
 #include "lib/unicode/AsciiCase.h"
 #include "lib/unicode/CodeSet.h"
 #include "logging/Logger.h"
-#include "logging/SettingNumber.h"
 #include "platform/Process.h"
 #include "runtime/OVSocket.h"
+#include "runtime/SettingNumber.h"
 #include "runtime/StringUtils.h"
 #include "runtime/TimeFormat.h"
 

@@ -1,6 +1,7 @@
 #include "ntposix/ChangeMonitor.h"
 
 #include "ntposix/ChangeFilter.h"
+#include "ntposix/DescriptorLimit.h"
 #include "ntposix/DirectoryReader.h"
 #include "ntposix/FileFacts.h"
 
@@ -35,9 +36,9 @@ std::string Join(const std::string &folder, const char *name)
     return folder.empty() ? name : folder + "/" + name;
 }
 
-std::string PathOf(const ChangeWatch &watch, const std::string &below)
+std::string PathOf(int directory, const std::string &below)
 {
-    return Join("/proc/self/fd/" + std::to_string(watch.Directory()), below.c_str());
+    return Join("/proc/self/fd/" + std::to_string(directory), below.c_str());
 }
 
 bool IsFolder(int directory, const DirectoryReader::Entry &entry)
@@ -50,10 +51,9 @@ bool IsFolder(int directory, const DirectoryReader::Entry &entry)
 
 // Whether the folder below a watch holds anything; its folders are appended to `pending`. A folder that is
 // gone or closed to us has nothing to see; `error` is what else keeps it from being read.
-bool ReadFolder(const ChangeWatch &watch, const std::string &path, std::vector<std::string> *pending,
-                int *error)
+bool ReadFolder(int directory, const std::string &path, std::vector<std::string> *pending, int *error)
 {
-    const Fd folder(openat(watch.Directory(), path.empty() ? "." : path.c_str(),
+    const Fd folder(openat(directory, path.empty() ? "." : path.c_str(),
                            O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     *error = 0;
     if (!folder)
@@ -137,20 +137,54 @@ void ChangeMonitor::Wake() const
 
 nt::NTSTATUS ChangeMonitor::Add(const std::shared_ptr<ChangeWatch> &watch, BlockedCall &call)
 {
+    EntryPointer entry;
     {
         const MutexLock guard(lock);
-        entries[watch.get()].watch = watch;
+        if (watch->tree && JoinTree(watch))
+            return nt::STATUS_SUCCESS;
+        Fd own(watch->tree ? fcntl(watch->directory, F_DUPFD_CLOEXEC, 0) : -1);
+        if (watch->tree && (!own || !MayKeepDescriptor(own.Get())))
+            return nt::STATUS_INSUFFICIENT_RESOURCES;
+        entry = std::make_shared<Entry>(*watch, std::move(own));
+        entry->watches.push_back(watch);
+        entries[watch.get()] = entry;
         ++blind; // until AddAbove
-        const int error = AddFolder(watch.get(), "");
+        const int error = AddFolder(*entry, "");
         if (error != 0)
             return StatusOfWatchErrno(error);
-        AddAbove(entries[watch.get()]);
-        if (IsRemoved(watch->Directory())) // before there was a watch to tell it
+        AddAbove(*entry);
+        if (IsRemoved(entry->directory)) // before there was a watch to tell it
             watch->Fail(nt::STATUS_DELETE_PENDING);
         if (blind.load() != 0)
             Wake();
     }
-    return watch->tree ? StatusOfWatchErrno(AddFolders(watch, "", &call)) : nt::STATUS_SUCCESS;
+    if (!watch->tree)
+        return nt::STATUS_SUCCESS;
+    const nt::NTSTATUS status = StatusOfWatchErrno(AddFolders(entry, "", &call));
+    const MutexLock guard(lock);
+    if (status == nt::STATUS_SUCCESS && !entry->incomplete)
+        trees.emplace(entry->KeyOfTree(), entry); // unless another was faster
+    return status;
+}
+
+bool ChangeMonitor::JoinTree(const std::shared_ptr<ChangeWatch> &watch)
+{
+    const auto found = trees.find({watch->key.device, watch->key.inode, watch->filter});
+    if (found == trees.end())
+        return false;
+    found->second->watches.push_back(watch);
+    entries[watch.get()] = found->second;
+    if (IsRemoved(found->second->directory))
+        watch->Fail(nt::STATUS_DELETE_PENDING);
+    return true;
+}
+
+void ChangeMonitor::CloseTree(Entry &entry)
+{
+    entry.incomplete = true;
+    const auto found = trees.find(entry.KeyOfTree());
+    if (found != trees.end() && found->second.get() == &entry)
+        trees.erase(found);
 }
 
 void ChangeMonitor::Remove(ChangeWatch *watch)
@@ -159,24 +193,41 @@ void ChangeMonitor::Remove(ChangeWatch *watch)
     const auto found = entries.find(watch);
     if (found == entries.end())
         return;
-    DropFolders(found->second, "");
-    DropAbove(found->second);
-    --blind;
+    const EntryPointer entry = found->second;
     entries.erase(found);
+    std::erase_if(entry->watches, [watch](const auto &each) { return each.get() == watch; });
+    if (!entry->watches.empty())
+        return;
+    CloseTree(*entry);
+    DropFolders(*entry, "");
+    DropAbove(*entry);
+    --blind;
+}
+
+void ChangeMonitor::Report(const Entry &entry, uint32_t changes)
+{
+    for (const auto &watch : entry.watches)
+        watch->Report(changes);
+}
+
+void ChangeMonitor::Fail(const Entry &entry, nt::NTSTATUS status)
+{
+    for (const auto &watch : entry.watches)
+        watch->Fail(status);
 }
 
 void ChangeMonitor::FailDirectory(FileKey key, nt::NTSTATUS status)
 {
     const MutexLock guard(lock);
     for (auto &[watch, entry] : entries) {
-        if (watch->key == key)
-            entry.watch->Fail(status);
+        if (entry->key == key)
+            Fail(*entry, status);
     }
 }
 
 // Watches the folder and, in a tree, all folders below it. 0 or the errno of what keeps changes from being
 // seen.
-int ChangeMonitor::AddFolders(const std::shared_ptr<ChangeWatch> &watch, std::string path, BlockedCall *call)
+int ChangeMonitor::AddFolders(const EntryPointer &entry, std::string path, BlockedCall *call)
 {
     std::vector<std::string> pending{std::move(path)};
     while (!pending.empty()) {
@@ -186,10 +237,10 @@ int ChangeMonitor::AddFolders(const std::shared_ptr<ChangeWatch> &watch, std::st
         pending.pop_back();
         {
             const MutexLock guard(lock);
-            if (!entries.contains(watch.get()))
+            if (entry->watches.empty())
                 return 0;
             // What vanished or is closed to us is no reason to miss the rest.
-            const int error = AddFolder(watch.get(), folder);
+            const int error = AddFolder(*entry, folder);
             if (error == ENOSPC || error == ENOMEM)
                 return error;
             if (error != 0)
@@ -197,27 +248,30 @@ int ChangeMonitor::AddFolders(const std::shared_ptr<ChangeWatch> &watch, std::st
         }
         // What came into a folder before it was watched is a change of which no event tells.
         int error;
-        if (ReadFolder(*watch, folder, &pending, &error) && !call)
-            watch->Report(kEveryChange);
+        if (ReadFolder(entry->directory, folder, &pending, &error) && !call) {
+            const MutexLock guard(lock);
+            Report(*entry, kEveryChange);
+        }
         if (error != 0)
             return error;
     }
     return 0;
 }
 
-int ChangeMonitor::AddFolder(ChangeWatch *watch, const std::string &path)
+int ChangeMonitor::AddFolder(Entry &entry, const std::string &path)
 {
-    uint32_t mask = EventsOfFilter(watch->filter) | IN_ONLYDIR | IN_MASK_ADD;
-    if (watch->tree)
+    uint32_t mask = EventsOfFilter(entry.filter) | IN_ONLYDIR | IN_MASK_ADD;
+    if (entry.tree)
         mask |= kAppears | kDisappears;
     if (!path.empty())
         mask |= IN_DONT_FOLLOW;
     else
         mask |= IN_MOVE_SELF;
-    const int descriptor = inotify_add_watch(inotify.Get(), PathOf(*watch, path).c_str(), mask);
+    if (folderCount >= kMostFolders)
+        return ENOSPC;
+    const int descriptor = inotify_add_watch(inotify.Get(), PathOf(entry.directory, path).c_str(), mask);
     if (descriptor < 0)
         return errno;
-    Entry &entry = entries[watch];
     const auto found = entry.folders.find(path);
     if (found != entry.folders.end()) {
         if (found->second == descriptor)
@@ -225,7 +279,8 @@ int ChangeMonitor::AddFolder(ChangeWatch *watch, const std::string &path)
         DropFolders(entry, path);
     }
     const auto added = entry.folders.emplace(path, descriptor).first;
-    members[descriptor].push_back({watch, &added->first});
+    members[descriptor].insert({&entry, &added->first});
+    ++folderCount;
     return 0;
 }
 
@@ -233,26 +288,26 @@ int ChangeMonitor::AddFolder(ChangeWatch *watch, const std::string &path)
 // above does. Which one that is changes when the directory is moved.
 void ChangeMonitor::AddAbove(Entry &entry)
 {
-    const std::string path = PathOf(*entry.watch, "..");
+    const std::string path = PathOf(entry.directory, "..");
     const int above =
         inotify_add_watch(inotify.Get(), path.c_str(), IN_DELETE | IN_MOVED_TO | IN_ONLYDIR | IN_MASK_ADD);
     if (above != entry.above) {
         DropAbove(entry);
         entry.above = above;
         if (above >= 0) {
-            members[above].push_back({entry.watch.get(), nullptr});
+            members[above].insert({&entry, nullptr});
             --blind;
         }
     }
-    if (IsRemoved(entry.watch->Directory())) // before the folder above was watched
-        entry.watch->Fail(nt::STATUS_DELETE_PENDING);
+    if (IsRemoved(entry.directory)) // before the folder above was watched
+        Fail(entry, nt::STATUS_DELETE_PENDING);
 }
 
 void ChangeMonitor::DropAbove(Entry &entry)
 {
     if (entry.above < 0)
         return;
-    Leave(std::exchange(entry.above, -1), {entry.watch.get(), nullptr});
+    Leave(std::exchange(entry.above, -1), {&entry, nullptr});
     ++blind;
 }
 
@@ -260,8 +315,8 @@ void ChangeMonitor::DropAbove(Entry &entry)
 void ChangeMonitor::FailRemoved()
 {
     for (auto &[watch, entry] : entries) {
-        if (entry.above < 0 && IsRemoved(watch->Directory()))
-            entry.watch->Fail(nt::STATUS_DELETE_PENDING);
+        if (entry->above < 0 && IsRemoved(entry->directory))
+            Fail(*entry, nt::STATUS_DELETE_PENDING);
     }
 }
 
@@ -278,7 +333,8 @@ void ChangeMonitor::DropFolders(Entry &entry, const std::string &path)
 
 ChangeMonitor::Folders::iterator ChangeMonitor::DropFolder(Entry &entry, Folders::iterator folder)
 {
-    Leave(folder->second, {entry.watch.get(), &folder->first});
+    Leave(folder->second, {&entry, &folder->first});
+    --folderCount;
     return entry.folders.erase(folder);
 }
 
@@ -287,7 +343,7 @@ void ChangeMonitor::Leave(int descriptor, const Member &member)
     const auto found = members.find(descriptor);
     if (found == members.end())
         return;
-    std::erase(found->second, member);
+    found->second.erase(member);
     if (found->second.empty()) {
         members.erase(found);
         inotify_rm_watch(inotify.Get(), descriptor);
@@ -355,7 +411,7 @@ void ChangeMonitor::Handle(const inotify_event &event)
             Overflow(&added);
         const auto found = members.find(event.wd);
         // Handling drops folders, and with them perhaps members that are still to come.
-        const std::vector<Member> concerned = found != members.end() ? found->second : std::vector<Member>();
+        const std::set<Member> concerned = found != members.end() ? found->second : std::set<Member>();
         for (const Member &member : concerned) {
             if (IsMember(event.wd, member))
                 HandleIn(member, event, &added);
@@ -364,48 +420,52 @@ void ChangeMonitor::Handle(const inotify_event &event)
             Forget(event.wd);
     }
     for (NewFolder &folder : added) {
-        if (AddFolders(folder.watch, std::move(folder.path), nullptr) != 0)
-            folder.watch->Fail(nt::STATUS_INSUFFICIENT_RESOURCES);
+        if (AddFolders(folder.entry, std::move(folder.path), nullptr) == 0)
+            continue;
+        const MutexLock guard(lock);
+        CloseTree(*folder.entry);
+        Fail(*folder.entry, nt::STATUS_INSUFFICIENT_RESOURCES);
     }
 }
 
 bool ChangeMonitor::IsMember(int descriptor, const Member &member) const
 {
     const auto found = members.find(descriptor);
-    return found != members.end() && std::ranges::find(found->second, member) != found->second.end();
+    return found != members.end() && found->second.contains(member);
 }
 
 // Events were lost: anything may have changed, and any folder appeared.
 void ChangeMonitor::Overflow(std::vector<NewFolder> *rescan)
 {
     for (auto &[watch, entry] : entries) {
-        entry.watch->Report(kEveryChange);
-        if (watch->tree)
-            rescan->push_back({entry.watch, ""});
+        if (watch != entry->watches.front().get())
+            continue; // once an entry
+        Report(*entry, kEveryChange);
+        if (entry->tree)
+            rescan->push_back({entry, ""});
     }
 }
 
 void ChangeMonitor::HandleIn(const Member &member, const inotify_event &event, std::vector<NewFolder> *added)
 {
+    Entry &entry = *member.entry;
     if (!member.path) {
-        if (event.mask & IN_ISDIR && event.mask & (IN_DELETE | IN_MOVED_TO) &&
-            IsRemoved(member.watch->Directory()))
-            member.watch->Fail(nt::STATUS_DELETE_PENDING);
+        if (event.mask & IN_ISDIR && event.mask & (IN_DELETE | IN_MOVED_TO) && IsRemoved(entry.directory))
+            Fail(entry, nt::STATUS_DELETE_PENDING);
         return;
     }
     if (event.mask & IN_MOVE_SELF && member.path->empty())
-        AddAbove(entries[member.watch]);
+        AddAbove(entry);
     if (event.len == 0) // about the folder itself, which is no change in it
         return;
-    member.watch->Report(ChangesOfEvent(event.mask));
-    if (!member.watch->tree || !(event.mask & IN_ISDIR))
+    Report(entry, ChangesOfEvent(event.mask));
+    if (!entry.tree || !(event.mask & IN_ISDIR))
         return;
-    Entry &entry = entries[member.watch];
     const std::string path = Join(*member.path, event.name);
     if (event.mask & kDisappears)
         DropFolders(entry, path);
     if (event.mask & kAppears)
-        added->push_back({entry.watch, path});
+        added->push_back({entries[entry.watches.front().get()], path});
 }
 
 // The kernel ended a watch by itself: its folder is gone.
@@ -415,15 +475,17 @@ void ChangeMonitor::Forget(int descriptor)
     if (found == members.end())
         return;
     for (const Member &member : found->second) {
-        Entry &entry = entries[member.watch];
+        Entry &entry = *member.entry;
         if (!member.path) {
             entry.above = -1;
             ++blind;
             continue;
         }
-        if (member.path->empty()) // with its file system
-            entry.watch->Fail(nt::STATUS_DELETE_PENDING);
-        entry.folders.erase(*member.path);
+        if (member.path->empty()) { // with its file system
+            CloseTree(entry);
+            Fail(entry, nt::STATUS_DELETE_PENDING);
+        }
+        folderCount -= entry.folders.erase(*member.path);
     }
     members.erase(found);
 }

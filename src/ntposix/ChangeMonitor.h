@@ -2,7 +2,8 @@
 // while somebody watches.
 //
 // Any thread. Watches of the same directory share one kernel watch. A tree is one kernel watch a folder;
-// symbolic links in it aren't followed, as NT's watches don't cross reparse points.
+// symbolic links in it aren't followed, as NT's watches don't cross reparse points. Handles that watch the
+// same tree for the same changes share what is kept of its folders.
 #pragma once
 
 #include "ntposix/ChangeWatch.h"
@@ -10,12 +11,17 @@
 #include "ntposix/Mutex.h"
 
 #include <atomic>
+#include <compare>
 #include <cstddef>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <sys/types.h>
 #include <thread>
+#include <tuple>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 struct inotify_event;
@@ -24,6 +30,9 @@ namespace fodr::ntposix {
 
 class ChangeMonitor {
 public:
+    // Folders of all watches together; one more is ENOSPC, as when the kernel has no watch left.
+    static constexpr size_t kMostFolders = 65'536;
+
     // The one that runs, or a new one. Null when the system gives no inotify or thread.
     static std::shared_ptr<ChangeMonitor> Get();
     // The one that runs, or null.
@@ -42,21 +51,38 @@ public:
     void FailDirectory(FileKey key, nt::NTSTATUS status) EXCLUDES(lock);
 
 private:
-    // A folder in which a watch takes part. The watch's own directory is the path "".
-    struct Member {
-        ChangeWatch *watch;
-        const std::string *path; // key in Entry::folders; null: the folder above, which tells of the removal
-        bool operator==(const Member &) const = default;
-    };
     using Folders = std::map<std::string, int>; // path to kernel watch
+    // Device, inode, filter.
+    using TreeKey = std::tuple<dev_t, ino_t, uint32_t>;
+    // A directory that one handle watches, or a tree that several watch alike. What isn't const is by lock.
     struct Entry {
-        std::shared_ptr<ChangeWatch> watch;
+        // Of a tree the descriptor is its own: folders that appear are read without the lock.
+        Entry(const ChangeWatch &first, Fd treeDirectory)
+            : key(first.key), filter(first.filter), tree(first.tree), own(std::move(treeDirectory)),
+              directory(tree ? own.Get() : first.directory)
+        {}
+        TreeKey KeyOfTree() const { return {key.device, key.inode, filter}; }
+
+        const FileKey key;
+        const uint32_t filter;
+        const bool tree;
+        const Fd own;
+        const int directory;
+        std::vector<std::shared_ptr<ChangeWatch>> watches;
         Folders folders;
-        int above = -1; // kernel watch of the folder above; none where that can't be read
+        bool incomplete = false; // something of the tree isn't seen
+        int above = -1;          // kernel watch of the folder above; none where that can't be read
+    };
+    using EntryPointer = std::shared_ptr<Entry>;
+    // A folder in which an entry takes part. The entry's own directory is the path "".
+    struct Member {
+        Entry *entry;
+        const std::string *path; // key in Entry::folders; null: the folder above, which tells of the removal
+        auto operator<=>(const Member &) const = default;
     };
     // A folder that appeared in a tree, to be watched without the lock.
     struct NewFolder {
-        std::shared_ptr<ChangeWatch> watch;
+        EntryPointer entry;
         std::string path;
     };
 
@@ -70,13 +96,18 @@ private:
         REQUIRES(lock);
     void Forget(int descriptor) REQUIRES(lock);
 
-    int AddFolder(ChangeWatch *watch, const std::string &path) REQUIRES(lock);
+    // True when there is one that knows all of the tree.
+    bool JoinTree(const std::shared_ptr<ChangeWatch> &watch) REQUIRES(lock);
+    // Something of it isn't seen: no handle joins it any more.
+    void CloseTree(Entry &entry) REQUIRES(lock);
+    static void Report(const Entry &entry, uint32_t changes);
+    static void Fail(const Entry &entry, nt::NTSTATUS status);
+    int AddFolder(Entry &entry, const std::string &path) REQUIRES(lock);
     void AddAbove(Entry &entry) REQUIRES(lock);
     void DropAbove(Entry &entry) REQUIRES(lock);
     void FailRemoved() REQUIRES(lock);
     void Wake() const;
-    int AddFolders(const std::shared_ptr<ChangeWatch> &watch, std::string path, BlockedCall *call)
-        EXCLUDES(lock);
+    int AddFolders(const EntryPointer &entry, std::string path, BlockedCall *call) EXCLUDES(lock);
     void DropFolders(Entry &entry, const std::string &path) REQUIRES(lock);
     Folders::iterator DropFolder(Entry &entry, Folders::iterator folder) REQUIRES(lock);
     void Leave(int descriptor, const Member &member) REQUIRES(lock);
@@ -89,8 +120,10 @@ private:
     std::atomic<bool> handling{false}; // as long as events may have been read that aren't reported
     Mutex lock;                        // after `reading`, before that of a ChangeWatch
     std::atomic<size_t> blind{0};      // entries whose folder above isn't watched; written under lock
-    std::unordered_map<const ChangeWatch *, Entry> entries GUARDED_BY(lock);
-    std::unordered_map<int, std::vector<Member>> members GUARDED_BY(lock); // by kernel watch
+    std::unordered_map<const ChangeWatch *, EntryPointer> entries GUARDED_BY(lock);
+    std::map<TreeKey, EntryPointer> trees GUARDED_BY(lock); // those that know all of their tree
+    size_t folderCount GUARDED_BY(lock) = 0;
+    std::unordered_map<int, std::set<Member>> members GUARDED_BY(lock); // by kernel watch
     std::thread reader;
 };
 

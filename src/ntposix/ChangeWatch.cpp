@@ -2,23 +2,7 @@
 
 #include "ntposix/NoticeOrder.h"
 
-#include <fcntl.h>
-
 namespace fodr::ntposix {
-
-std::shared_ptr<ChangeWatch> ChangeWatch::Create(int directory, FileKey key, uint32_t filter, bool tree)
-{
-    Fd own(tree ? fcntl(directory, F_DUPFD_CLOEXEC, 0) : -1);
-    if (tree && !own)
-        return nullptr;
-    return std::shared_ptr<ChangeWatch>(new ChangeWatch(directory, std::move(own), key, filter, tree));
-}
-
-ChangeWatch::ChangeWatch(int directory, Fd ownDirectory, FileKey directoryKey, uint32_t completionFilter,
-                         bool watchTree)
-    : key(directoryKey), filter(completionFilter), tree(watchTree), borrowed(directory),
-      own(std::move(ownDirectory))
-{}
 
 // False when it had ended before.
 bool ChangeWatch::End(const Waiter &waiter, nt::NTSTATUS status)

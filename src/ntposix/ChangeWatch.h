@@ -3,7 +3,6 @@
 #pragma once
 
 #include "ntposix/BlockedCall.h"
-#include "ntposix/Fd.h"
 #include "ntposix/FileObject.h"
 #include "ntposix/Mutex.h"
 #include "platform/Nt.h"
@@ -17,16 +16,15 @@ namespace fodr::ntposix {
 
 class ChangeWatch {
 public:
-    // `directory` stays open until the watch is out of its ChangeMonitor. Null when there is no descriptor
-    // left.
-    static std::shared_ptr<ChangeWatch> Create(int directory, FileKey key, uint32_t filter, bool tree);
+    // `watchedDirectory` stays open until the watch is out of its ChangeMonitor.
+    ChangeWatch(int watchedDirectory, FileKey directoryKey, uint32_t completionFilter, bool watchTree)
+        : directory(watchedDirectory), key(directoryKey), filter(completionFilter), tree(watchTree)
+    {}
 
+    const int directory;
     const FileKey key;
     const uint32_t filter; // FILE_NOTIFY_CHANGE_*
     const bool tree;
-
-    // Of a tree it is a descriptor of its own, since folders that appear are read without a lock.
-    int Directory() const { return tree ? own.Get() : borrowed; }
 
     // Something changed. If it is asked for, one waiting call ends, or the next one that comes.
     void Report(uint32_t changes) EXCLUDES(lock);
@@ -41,13 +39,8 @@ private:
         nt::NoticeOrder::Delivery *delivery; // of the answer; may be null
     };
 
-    ChangeWatch(int directory, Fd ownDirectory, FileKey directoryKey, uint32_t completionFilter,
-                bool watchTree);
-
     static bool End(const Waiter &waiter, nt::NTSTATUS status);
 
-    const int borrowed;
-    const Fd own;
     Mutex lock; // before that of a BlockedCall
     std::deque<Waiter> waiting GUARDED_BY(lock);
     bool changed GUARDED_BY(lock) = false;

@@ -1,6 +1,11 @@
 #include "ntposix/DescriptorLimit.h"
 
+#include "ntposix/Fd.h"
+
+#include <fcntl.h>
+
 #include <algorithm>
+#include <atomic>
 #include <sys/resource.h>
 
 namespace fodr::ntposix {
@@ -9,6 +14,21 @@ namespace {
 
 // As many handles as there can be, and some more for everyone else in the process.
 constexpr rlim_t kEnough = 300'000;
+constexpr int kNear = 64;
+
+std::atomic<int> ceiling{0}; // the first number of the reserve; 0: not known yet
+std::atomic<int> lastKept{0};
+
+int ReadCeiling()
+{
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return ceiling.load();
+    const int most = static_cast<int>(std::min(limit.rlim_cur, kEnough));
+    const int first = std::max(most - std::min(kDescriptorReserve, most / 4), 1);
+    ceiling.store(first);
+    return first;
+}
 
 } // namespace
 
@@ -22,6 +42,23 @@ bool RaiseDescriptorLimit()
         return false;
     limit.rlim_cur = raised;
     return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
+bool MayKeepDescriptor(int fd)
+{
+    lastKept.store(fd, std::memory_order_relaxed);
+    if (fd < ceiling.load(std::memory_order_relaxed) || fd < ReadCeiling())
+        return true;
+    return RaiseDescriptorLimit() && fd < ReadCeiling();
+}
+
+bool HasDescriptorRoom()
+{
+    const int first = ceiling.load(std::memory_order_relaxed);
+    if (first == 0 || lastKept.load(std::memory_order_relaxed) < first - kNear)
+        return true;
+    const Fd probe(open("/", O_PATH | O_CLOEXEC));
+    return probe && MayKeepDescriptor(probe.Get());
 }
 
 } // namespace fodr::ntposix

@@ -3,8 +3,10 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 namespace fodr::ntposix {
 
@@ -12,12 +14,31 @@ namespace {
 
 constexpr size_t kBufferSize = 64 * 1024;
 
+std::atomic<int> underWay{0};
+
 bool IsSelfOrParent(const char *name)
 {
     return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0));
 }
 
 } // namespace
+
+bool DirectoryReader::MakeBuffer()
+{
+    if (underWay.fetch_add(1) >= kMostUnderWay) {
+        --underWay;
+        return false;
+    }
+    buffer.reset(new (std::nothrow) char[kBufferSize]);
+    underWay -= !buffer;
+    return buffer != nullptr;
+}
+
+void DirectoryReader::FreeBuffer()
+{
+    underWay -= buffer != nullptr;
+    buffer.reset();
+}
 
 int DirectoryReader::Rewind()
 {
@@ -35,14 +56,16 @@ const DirectoryReader::Entry *DirectoryReader::Next(int *error)
     }
     for (;;) {
         if (position == filled) {
-            if (!buffer)
-                buffer.reset(new char[kBufferSize]);
+            if (!buffer && !MakeBuffer()) {
+                *error = ENOMEM;
+                return nullptr;
+            }
             const ssize_t got = getdents64(fd, buffer.get(), kBufferSize);
             if (got <= 0) {
                 // A directory that was removed meanwhile has no entries.
                 *error = got < 0 && errno != ENOENT ? errno : 0;
                 filled = position = 0;
-                buffer.reset();
+                FreeBuffer();
                 return nullptr;
             }
             filled = static_cast<size_t>(got);

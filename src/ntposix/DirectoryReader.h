@@ -11,6 +11,10 @@ namespace fodr::ntposix {
 
 class DirectoryReader {
 public:
+    // Listings that are under way at once, in all handles: each keeps what it has read ahead. One more is
+    // refused with ENOMEM.
+    static constexpr int kMostUnderWay = 1024;
+
     struct Entry {
         const char *name; // until the next call
         size_t nameLength;
@@ -20,6 +24,9 @@ public:
 
     // The descriptor is borrowed; its read position moves.
     explicit DirectoryReader(int directory) : fd(directory) {}
+    ~DirectoryReader() { FreeBuffer(); }
+    DirectoryReader(const DirectoryReader &) = delete;
+    DirectoryReader &operator=(const DirectoryReader &) = delete;
 
     // Goes back to the first entry. 0 or an errno.
     [[nodiscard]] int Rewind();
@@ -29,6 +36,9 @@ public:
     void PutBack() { again = true; }
 
 private:
+    bool MakeBuffer();
+    void FreeBuffer();
+
     int fd;
     std::unique_ptr<char[]> buffer; // from the first Next on, until the end was seen
     size_t filled = 0;

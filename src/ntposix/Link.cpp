@@ -55,7 +55,7 @@ NTSTATUS FindLink(const OpenFile &open, Link *link)
         return STATUS_FILE_DELETED;
     const FileKey key = open.object->key;
     const std::string stored = open.object->PathOf(open);
-    if (IsRoot(stored))
+    if (IsRoot(stored) || IsRootOfShare(open))
         return STATUS_CANNOT_DELETE;
     const bool found = LeadsTo(stored, key, link);
     if (found && link->facts.links == 1)

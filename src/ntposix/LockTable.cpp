@@ -76,6 +76,8 @@ nt::NTSTATUS LockTable::Lock(const RangeLock &wanted, bool failImmediately, Bloc
     bool granted;
     {
         const MutexLock guard(lock);
+        if (held.size() >= kMostOfFile || heldInAll.load() >= kMostInAll)
+            return nt::STATUS_INSUFFICIENT_RESOURCES;
         granted = TryLock(wanted) == Outcome::Granted;
     }
     if (granted) {
@@ -161,9 +163,15 @@ void LockTable::ReleaseAll(const void *handle)
         fd = other.fd;
         return true;
     });
-    heldCount.store(held.size());
+    NoteCount();
     (void)SetProcessLock(fd, ProcessLockType::None, 0, UINT64_MAX);
     ServeWaiters();
+}
+
+void LockTable::NoteCount()
+{
+    const size_t before = heldCount.exchange(held.size());
+    heldInAll += held.size() - before; // wraps around where it gets less
 }
 
 LockTable::Outcome LockTable::TryLock(const RangeLock &wanted)
@@ -173,7 +181,7 @@ LockTable::Outcome LockTable::TryLock(const RangeLock &wanted)
             return Outcome::HeldHere;
     }
     held.push_back(wanted);
-    heldCount.store(held.size());
+    NoteCount();
     if (SyncProcessLocks(wanted))
         return Outcome::Granted;
     Remove(held.size() - 1);
@@ -184,7 +192,7 @@ void LockTable::Remove(size_t index)
 {
     const RangeLock removed = held[index];
     held.erase(held.begin() + static_cast<std::ptrdiff_t>(index));
-    heldCount.store(held.size());
+    NoteCount();
     (void)SyncProcessLocks(removed);
 }
 

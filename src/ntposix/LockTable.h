@@ -24,6 +24,11 @@ struct RangeLock {
 
 class LockTable {
 public:
+    // Every transfer looks at all locks of its file, and every lock at those it overlaps. One more is
+    // answered STATUS_INSUFFICIENT_RESOURCES. Those that wait are limited elsewhere (TaskPool::kMostWaiting).
+    static constexpr size_t kMostOfFile = 1024;
+    static constexpr size_t kMostInAll = 65536;
+
     // Whether a lock forbids the transfer, which is then STATUS_FILE_LOCK_CONFLICT. The end of file must be
     // resolved before. A length of 0 never conflicts.
     bool ForbidsRead(const void *handle, uint32_t key, uint64_t offset, uint64_t length);
@@ -51,6 +56,7 @@ private:
     Outcome TryLock(const RangeLock &wanted) REQUIRES(lock);
     Outcome Serve(Waiter &waiter) REQUIRES(lock);
     void ServeWaiters() REQUIRES(lock);
+    void NoteCount() REQUIRES(lock);
     void Remove(size_t index) REQUIRES(lock);
     bool SyncProcessLocks(const RangeLock &changed) REQUIRES(lock);
 
@@ -58,6 +64,7 @@ private:
     std::vector<RangeLock> held GUARDED_BY(lock);
     std::vector<Waiter *> waiters GUARDED_BY(lock); // in order of arrival
     std::atomic<size_t> heldCount{0};
+    static inline std::atomic<size_t> heldInAll{0};
 };
 
 } // namespace fodr::ntposix

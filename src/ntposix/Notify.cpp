@@ -25,9 +25,9 @@ nt::NTSTATUS WatchOf(OpenFile &file, uint32_t filter, bool tree, BlockedCall &ca
     const MutexLock guard(services.changesLock);
     if (!services.changes) {
         auto monitor = ChangeMonitor::Get();
-        auto created = ChangeWatch::Create(file.fd.Get(), file.object->key, filter, tree);
-        if (!monitor || !created)
+        if (!monitor)
             return nt::STATUS_INSUFFICIENT_RESOURCES;
+        auto created = std::make_shared<ChangeWatch>(file.fd.Get(), file.object->key, filter, tree);
         auto added = std::make_unique<ChangeSubscription>(std::move(monitor), std::move(created));
         const nt::NTSTATUS status = added->monitor->Add(added->watch, call);
         if (nt::IsError(status))

@@ -2,6 +2,7 @@
 #include "ntposix/Access.h"
 #include "ntposix/Create.h"
 #include "ntposix/Deletion.h"
+#include "ntposix/DescriptorLimit.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/Lookup.h"
 #include "ntposix/NamedStream.h"
@@ -49,12 +50,14 @@ NTSTATUS OpenHandle(const OBJECT_ATTRIBUTES &object, const CreateRequest &reques
     NtName name;
     if (const NTSTATUS status = NtName::Parse(TextOf(*object.ObjectName), &name); status != STATUS_SUCCESS)
         return status;
+    if (!HasDescriptorRoom())
+        return STATUS_TOO_MANY_OPENED_FILES;
     std::unique_ptr<OpenFile> file;
     const NTSTATUS status = name.Stream().empty() ? Create<FileCreator>(name, request, &file, information)
                                                   : Create<StreamCreator>(name, request, &file, information);
     if (status != STATUS_SUCCESS)
         return status;
-    *handle = HandleTable::Instance().Add(file);
+    *handle = MayKeepDescriptor(file->fd.Get()) ? HandleTable::Instance().Add(file) : nullptr;
     if (*handle)
         return STATUS_SUCCESS;
     Cleanup(*file);

@@ -195,7 +195,7 @@ NTSTATUS RenameFile(OpenFile &open, std::u16string_view target, bool replace)
     if (!name.Stream().empty() || (name.HasTrailingSeparator() && !open.IsDirectory()))
         return STATUS_OBJECT_NAME_INVALID;
     const PathParts parts = SplitPath(name.Path());
-    if (parts.leaf.empty())
+    if (parts.leaf.empty() || (name.Root() && name.Below().empty()))
         return STATUS_ACCESS_DENIED;
     Link link;
     status = FindSource(open, &link);

@@ -39,12 +39,18 @@ public:
     // full, has ended or failed, or can't tell; Write shows which. Of the same writer's turn as Write.
     [[nodiscard]] virtual size_t TryWrite([[maybe_unused]] std::span<const ByteView> blocks) { return 0; }
 
+    // From now on a Write fails when the peer takes nothing of it for so long; standard streams can't tell.
+    // Before the first Write.
+    virtual void SetWriteTimeout([[maybe_unused]] int timeoutMS) {}
+    // Whether that is why a Write failed.
+    [[nodiscard]] virtual bool WriteTimedOut() const { return false; }
+
     // Ends both directions: reads and writes that wait, and later ones, return. Bytes written before still
     // reach the peer. The stream stays open until it is destroyed.
     virtual void Shutdown() = 0;
 
-    // Whether the process at the other end of a local socket belongs to the user of this one. False for
-    // streams that can't tell.
+    // Whether the process at the other end of a local socket, or of a TCP connection within this machine,
+    // belongs to the user of this one. False for streams that can't tell.
     [[nodiscard]] virtual bool PeerIsThisUser() const { return false; }
 
 protected:

@@ -29,6 +29,8 @@ uint32_t RemoveFile(const std::string &path);
 // Makes the last folder of the path, for this user alone. kErrorAlreadyExists when the user has it already,
 // kErrorAccessDenied when what is there is another user's, as anybody may put it into a common folder.
 uint32_t CreateFolder(const std::string &path);
+// Only one that is empty.
+uint32_t RemoveFolder(const std::string &path);
 
 // A stream of the C library in one of its modes; other readers and writers of the file stay possible, and no
 // child process inherits it. Null on failure, with the reason as the thread's last error.

@@ -233,6 +233,7 @@ struct ShareRules {
     bool exactRoot = false;
     CaseRule names = CaseRule::AnyCase;
     bool linksOutside = false; // links of the share may lead anywhere, else only to what lies in the share
+    bool readOnly = false;     // nothing of it can be changed through it; kept by the caller, above this seam
 };
 
 // The root of a share, while this lives: every name that begins with its very text, followed by a separator

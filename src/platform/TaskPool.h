@@ -1,14 +1,15 @@
 // A private pool of threads for independent tasks. No order among tasks: each may start as soon as it is
 // there.
 //
-// No task waits behind a blocked one, on Windows up to the system's limit of threads for a pool. A task that
-// is about to block says so with a BlockingSection, and another thread takes its place at once; a task that
-// blocks without a word is noticed after some milliseconds. A burst of short tasks is served by few threads.
-// Threads that have nothing to do end after a while, and a pool at rest wakes nobody.
+// No task waits behind a blocked one, up to the limits below. A task that is about to block says so with a
+// BlockingSection, and another thread takes its place at once; a task that blocks without a word is noticed
+// after some milliseconds. A burst of short tasks is served by few threads. Threads that have nothing to do
+// end after a while, and a pool at rest wakes nobody.
 //
 // Submit and BlockingSection are safe from any thread, also from tasks of the pool.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -24,7 +25,13 @@ public:
         std::chrono::milliseconds stall{2};    // tasks that hold their threads longer count as blocked
     };
 
-    // At most `maxThreads` threads run tasks, blocked ones included; 0 sets no limit.
+    // Threads that run tasks in a pool without a maximum of its own, beside those in a BlockingSection. What
+    // the system's pool has on Windows.
+    static constexpr uint32_t kMostRunning = 500;
+    // Tasks in a BlockingSection at once, in all pools together.
+    static constexpr uint32_t kMostWaiting = 1000;
+
+    // At most `maxThreads` threads run tasks, blocked ones included; 0 stands for the limits above.
     explicit TaskPool(uint32_t maxThreads);
     TaskPool(uint32_t maxThreads, Patience patience);
     // Runs everything that was submitted to its end. Not to be called from a task of the pool.
@@ -47,10 +54,28 @@ public:
         ~BlockingSection();
         BlockingSection(const BlockingSection &) = delete;
         BlockingSection &operator=(const BlockingSection &) = delete;
+
+        // False when as many tasks wait as may: the operation must not be begun.
+        [[nodiscard]] bool IsGranted() const { return granted; }
+
+    private:
+        bool granted;
     };
 
 private:
     class Impl;
+
+    // For the twins: a place among those that wait.
+    static bool TakeWaitingPlace()
+    {
+        if (waitingTasks.fetch_add(1) < kMostWaiting)
+            return true;
+        --waitingTasks;
+        return false;
+    }
+    static void LeaveWaitingPlace() { --waitingTasks; }
+    static inline std::atomic<uint32_t> waitingTasks{0};
+
     std::unique_ptr<Impl> impl;
 };
 

@@ -17,6 +17,9 @@ bool CreatePrivateFolder(const std::string &path, std::string *error);
 // Where anybody may put files for a while, with a separator at its end. Empty when it can't be told.
 std::string TemporaryFolder();
 
+// Whether each session of a user has one below a common one, whose name is a number.
+bool TemporaryFolderIsPerSession();
+
 // Where services of this product log, with a separator at its end: "/var/log/orvane/", or "Orvane\ODM\logs\"
 // below the data folder of all programs. Not created, and may be missing.
 std::string ServiceLogFolder();
@@ -27,6 +30,10 @@ void SetEnvironment(const char *name, const std::string &value);
 
 // Where the settings store of this user is read from.
 std::string SettingsFolder();
+
+// Makes a settings folder of this user's own where the machine's is the only one and can't be written, with a
+// copy of what the machine's holds, so that nothing changes by it. The folder, or empty when none was made.
+std::string MakeSettingsFolder();
 
 // A terminal that obeys escape sequences.
 bool ErrorOutputIsTerminal();

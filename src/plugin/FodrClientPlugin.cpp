@@ -4,7 +4,9 @@
 #include "plugin/RPCManager.h"
 #include "rdpdr/PacketTrace.h"
 #include "rdpdr/wire/RdpdrStream.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
+#include "runtime/NoThrow.h"
 
 #include <new>
 #include <string>
@@ -19,6 +21,23 @@ constexpr const char *kNoticeMessage = "FOLDER_REDIRECTION_NOTIFICATION";
 // Options of the data object that a message has to be made with.
 constexpr uint32_t kMessageOptions = 0x400800;
 
+// A variant that is cleared at the end of its scope.
+class OwnedVariant {
+public:
+    explicit OwnedVariant(const ODPRPC_VariantInterface *variantApi) : api(variantApi)
+    {
+        api->VariantInit(&value);
+    }
+    ~OwnedVariant() { api->VariantClear(&value); }
+    OwnedVariant(const OwnedVariant &) = delete;
+    OwnedVariant &operator=(const OwnedVariant &) = delete;
+
+    Variant value;
+
+private:
+    const ODPRPC_VariantInterface *const api;
+};
+
 } // namespace
 
 FodrClientPlugin::FodrClientPlugin(RPCManager *owner, FodrLogger *clientLogger)
@@ -28,7 +47,8 @@ FodrClientPlugin::FodrClientPlugin(RPCManager *owner, FodrLogger *clientLogger)
     LOG_TRACE("FodrClientPlugin instance created\n");
     channelManager.Initialize(this, logger);
     if (owner->QueryHostInterface(ODP_OBSERVER, &observerApi))
-        observerId = observerApi.Subscribe(kCommandMessage, &channelManager, OnSharedFolderCommand);
+        observerId =
+            observerApi.Subscribe(kCommandMessage, &channelManager, NoThrow<OnSharedFolderCommand>::Call);
     else
         LOG_ERROR("query ODPService observer interface error.\n");
     bandwidthCounter.reset(new (std::nothrow) BandwidthCounter);
@@ -55,8 +75,8 @@ FodrClientPlugin::~FodrClientPlugin()
 
 void FodrClientPlugin::OnInvoke(void *context)
 {
-    Variant value;
-    variantApi->VariantInit(&value);
+    FODR_TRACE_FUNCTION();
+    OwnedVariant parameter(variantApi);
     if (dataChannelOptions == 0) {
         uint32_t options = 0;
         if (GetChannelOptions(kDataChannel, &options)) {
@@ -67,20 +87,21 @@ void FodrClientPlugin::OnInvoke(void *context)
         }
     }
     if (contextApi->GetParamCount(context) == 1) {
-        contextApi->GetParam(context, 0, &value);
-        if (value.type == ODP_VT_BLOB)
-            ReceiveBlock(value);
+        contextApi->GetParam(context, 0, &parameter.value);
+        if (parameter.value.type == ODP_VT_BLOB)
+            ReceiveBlock(parameter.value);
     }
-    variantApi->VariantClear(&value);
 }
 
 void FodrClientPlugin::WatchPacket(const char *functionName, const void *data, size_t size, CountBytes count)
 {
     if (!IsLogEnabled(LOG_LEVEL_TRACE) || !logger || logger->Level() < LOG_LEVEL_TRACE)
         return;
-    std::string text;
-    DecodePacket(&text, data, size);
-    LogWrite(functionName, LOG_LEVEL_TRACE, "%s\n", text.c_str());
+    CallWithoutThrowing(functionName, [&] { // a packet goes its way also when there is no memory to show it
+        std::string text;
+        DecodePacket(&text, data, size);
+        LogWrite(functionName, LOG_LEVEL_TRACE, "%s\n", text.c_str());
+    });
     if (bandwidthCounter)
         (bandwidthCounter.get()->*count)(data, size);
 }
@@ -89,18 +110,19 @@ void FodrClientPlugin::ReceiveBlock(const Variant &value)
 {
     WatchPacket("FodrClientPlugin::OnInvoke()", value.blobData, value.value.blobLength,
                 &BandwidthCounter::ReceivedBytes);
-    RdpdrStream *packet = RdpdrStream::Create(value.value.blobLength);
+    RdpdrStreamPtr packet(RdpdrStream::Create(value.value.blobLength));
     if (!packet)
         return;
     packet->Write(value.blobData, value.value.blobLength);
     if (value.value.blobLength > 0)
         packet->SetPosition(0);
-    if (!channelManager.OnDataReceived(packet))
-        RdpdrStream::Free(&packet);
+    if (channelManager.OnDataReceived(packet.get()))
+        static_cast<void>(packet.release());
 }
 
 bool FodrClientPlugin::WriteChannel(RdpdrStream *packet)
 {
+    FODR_TRACE_FUNCTION();
     void *message = nullptr;
     uint32_t options = dataChannelOptions & kMessageOptions;
     if (options != 0) {
@@ -115,21 +137,20 @@ bool FodrClientPlugin::WriteChannel(RdpdrStream *packet)
     contextApi->SetCommand(message, 0);
     Blob blob{static_cast<uint32_t>(packet->Size()), 0, packet->Base()};
     WatchPacket("FodrClientPlugin::WriteChannel()", blob.data, blob.length, &BandwidthCounter::SentBytes);
-    Variant value;
-    variantApi->VariantInit(&value);
-    variantApi->VariantFromBlob(&value, &blob);
-    contextApi->AppendParam(message, &value);
+    OwnedVariant parameter(variantApi);
+    variantApi->VariantFromBlob(&parameter.value, &blob);
+    contextApi->AppendParam(message, &parameter.value);
     bool sent = InvokeMessage(message, false, kDataChannel);
     if (!sent) {
         LOG_ERROR("InvokeMessage() failed\n");
         DestroyMessage(message);
     }
-    variantApi->VariantClear(&value);
     return sent;
 }
 
 bool FodrClientPlugin::NotifyODPObserver(const char *cookie, const char *message)
 {
+    FODR_TRACE_FUNCTION();
     LOG_DEBUG("sending msg [%s] with cookie [%s].\n", message, cookie ? cookie : "");
     if (!observerApi.Send) {
         LOG_ERROR("Broadcast message error.\n");

@@ -65,6 +65,10 @@ bool OnSharedFolderCommand(void *context, const char *sender, const char *cookie
         LOG_ERROR("Invalid pointer to RdpdrChannelManager.\n");
         return false;
     }
+    if (!data) {
+        LOG_ERROR("Invalid pointer to cmd data.\n");
+        return false;
+    }
     std::string command = data;
     std::string cookieText = cookie ? cookie : "";
     LOG_INFO("Get cmd [%s] from [%s] with cookie [%s].\n", data, sender ? sender : "", cookieText.c_str());

@@ -2,7 +2,9 @@
 
 #include "platform/Threads.h"
 #include "plugin/RPCPluginInstance.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
+#include "runtime/NoThrow.h"
 
 #include <cstdio>
 
@@ -15,23 +17,24 @@ RPCManager::RPCManager(const char *token, const char *controlName, const char *d
     std::snprintf(controlObjName, sizeof(controlObjName), "%s", controlName);
     std::snprintf(dataObjName, sizeof(dataObjName), "%s", dataName);
     std::snprintf(dataObjTcpName, sizeof(dataObjTcpName), "%s", dataTcpName);
-    serverSink = {1, OdpOnServerConnected, OdpOnServerDisconnected, OdpOnServerInstanceCreated,
-                  OdpOnServerInstanceDestroyed};
-    channelSink = {1, OnConnectionStateChanged, OnChannelStateChanged, OnPeerChannelObjectCreated};
-    controlObjectSink = {1, OnInvoke, OnChannelControlObjectStateChanged};
-    dataObjectSink = {1, OnInvoke, OnChannelDataObjectStateChanged};
-    messageSink = {1, OnMsgDone, OnMsgAbort};
+    serverSink = {1, NoThrow<OdpOnServerConnected>::Call, NoThrow<OdpOnServerDisconnected>::Call,
+                  NoThrow<OdpOnServerInstanceCreated>::Call, NoThrow<OdpOnServerInstanceDestroyed>::Call};
+    channelSink = {1, NoThrow<OnConnectionStateChanged>::Call, NoThrow<OnChannelStateChanged>::Call,
+                   NoThrow<OnPeerChannelObjectCreated>::Call};
+    controlObjectSink = {1, NoThrow<OnInvoke>::Call, NoThrow<OnChannelControlObjectStateChanged>::Call};
+    dataObjectSink = {1, NoThrow<OnInvoke>::Call, NoThrow<OnChannelDataObjectStateChanged>::Call};
+    messageSink = {1, NoThrow<OnMsgDone>::Call, NoThrow<OnMsgAbort>::Call};
 }
 
 RPCManager::~RPCManager() = default;
 
 bool RPCManager::QueryHostInterface(uint16_t interfaceNumber, void *table) const
 {
-    const PluginHostRecord &record = queryRecord.QueryInterface ? queryRecord : hostRecord;
-    if (!record.QueryInterface)
+    FODR_TRACE_FUNCTION();
+    if (!hostRecord.QueryInterface)
         return false;
     const OdpGuid identifier = ODP_GUID_INITIALIZER(interfaceNumber);
-    return record.QueryInterface(&identifier, table);
+    return hostRecord.QueryInterface(&identifier, table);
 }
 
 bool RPCManager::QueryNewest(std::initializer_list<uint16_t> interfaceNumbers, void *table) const
@@ -45,14 +48,20 @@ bool RPCManager::QueryNewest(std::initializer_list<uint16_t> interfaceNumbers, v
 
 bool RPCManager::Init(bool asServer, const PluginHostRecord *record)
 {
-    // The record counts as the plug-in's only when everything needed was found; what a failed attempt filled
-    // stays filled.
-    struct QueryScope {
-        PluginHostRecord &record;
-        ~QueryScope() { record = {}; }
-    } scope{queryRecord};
-    queryRecord = *record;
+    FODR_TRACE_FUNCTION();
+    // The record stays only when everything needed was found; what a failed attempt filled stays filled.
+    hostRecord = *record;
+    if (QueryAll(asServer)) {
+        initThreadId = platform::CurrentThreadId();
+        isServer = asServer;
+        return true;
+    }
+    hostRecord = {};
+    return false;
+}
 
+bool RPCManager::QueryAll(bool asServer)
+{
     bool found = QueryNewest({ODP_SERVICE_CHANNEL_V3, ODP_SERVICE_CHANNEL_V2}, &channelApi);
     if (!found) {
         if (asServer)
@@ -96,9 +105,6 @@ bool RPCManager::Init(bool asServer, const PluginHostRecord *record)
             return false;
         }
     }
-    initThreadId = platform::CurrentThreadId();
-    isServer = asServer;
-    hostRecord = *record;
     return true;
 }
 
@@ -111,6 +117,7 @@ bool RPCManager::ODPPluginInit(const PluginHostRecord *record)
 
 void RPCManager::ClientInit(const PluginHostRecord *record)
 {
+    FODR_TRACE_FUNCTION();
     if (initialized) {
         LOG_ERROR("Already initialized\n");
         return;
@@ -133,6 +140,7 @@ void RPCManager::ClientInit(const PluginHostRecord *record)
 
 bool RPCManager::ODPPluginExit()
 {
+    FODR_TRACE_FUNCTION();
     LOG_INFO("Plugin with token %s is exiting.\n", tokenName);
     ClientExit();
     OnPluginExit();
@@ -141,6 +149,7 @@ bool RPCManager::ODPPluginExit()
 
 void RPCManager::ClientExit()
 {
+    FODR_TRACE_FUNCTION();
     if (!initialized) {
         LOG_ERROR("Not initialized\n");
         return;
@@ -152,6 +161,7 @@ void RPCManager::ClientExit()
 
 bool RPCManager::ODPPluginCreateInstance(void *channel, void **instance)
 {
+    FODR_TRACE_FUNCTION();
     if (!initialized) {
         LOG_WARN("Plugin is not initialized yet.\n");
         return false;
@@ -164,6 +174,7 @@ bool RPCManager::ODPPluginCreateInstance(void *channel, void **instance)
 
 bool RPCManager::ODPPluginDestroyInstance(RPCPluginInstance *instance)
 {
+    FODR_TRACE_FUNCTION();
     instance->ChannelDisconnect();
     instance->UnregisterChannelSink();
     DestroyPluginInstance(instance);

@@ -92,6 +92,7 @@ public:
 
 private:
     bool Init(bool asServer, const PluginHostRecord *record);
+    bool QueryAll(bool asServer);
     bool QueryNewest(std::initializer_list<uint16_t> interfaceNumbers, void *table) const;
     void ClientInit(const PluginHostRecord *record);
     void ClientExit();
@@ -110,8 +111,7 @@ private:
     char controlObjName[64] = {};
     char dataObjName[64] = {};
     char dataObjTcpName[64] = {};
-    PluginHostRecord queryRecord{}; // in use while Init runs, before the record is accepted
-    PluginHostRecord hostRecord{};
+    PluginHostRecord hostRecord{}; // empty after a failed Init
     OVMutex instanceLock;
     std::map<void *, RCPtr<RPCPluginInstance>> instances GUARDED_BY(instanceLock);
     bool tcpEnabled = false;

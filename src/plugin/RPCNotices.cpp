@@ -1,6 +1,7 @@
 // RPCManager: the notices of connection, channel and objects.
 #include "plugin/RPCManager.h"
 #include "plugin/RPCPluginInstance.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <atomic>
@@ -18,10 +19,18 @@ RPCPluginInstance *InstanceOf(void *userData)
     return static_cast<RPCPluginInstance *>(userData);
 }
 
+// A late notice may tell of an object that is gone by now.
+int32_t StateOf(const RPCManager &manager, const HostHandle &object)
+{
+    void *handle = object.Get();
+    return handle ? manager.objectApi.GetObjectState(handle) : OBJECT_DISCONNECTED;
+}
+
 } // namespace
 
 void RPCManager::OnConnectionStateChanged(void *userData, int32_t current, int32_t reported)
 {
+    FODR_TRACE_FUNCTION();
     RPCPluginInstance *instance = InstanceOf(userData);
     LOG_INFO("Connection is now %s\n", ConnectionStateName(reported).c_str());
     if (current != reported)
@@ -44,6 +53,7 @@ void RPCManager::OnConnectionStateChanged(void *userData, int32_t current, int32
 // Unlike the connection notice this one acts on the state it reports, not on the current one.
 void RPCManager::OnChannelStateChanged(void *userData, int32_t current, int32_t reported)
 {
+    FODR_TRACE_FUNCTION();
     RPCPluginInstance *instance = InstanceOf(userData);
     RPCManager *manager = instance->manager;
     LOG_INFO("Channel is now %s\n", ConnectionStateName(reported).c_str());
@@ -73,10 +83,11 @@ void RPCManager::OnChannelStateChanged(void *userData, int32_t current, int32_t 
 
 void RPCManager::OnPeerChannelObjectCreated(void *userData, const char *name)
 {
+    FODR_TRACE_FUNCTION();
     RPCPluginInstance *instance = InstanceOf(userData);
     RPCManager *manager = instance->manager;
-    LOG_INFO("Peer channel object \"%s\" created\n", name);
-    if (manager->isServer)
+    LOG_INFO("Peer channel object \"%s\" created\n", name ? name : "");
+    if (manager->isServer || !name)
         return;
     if (std::strcmp(name, manager->controlObjName) == 0)
         instance->ChannelControlObjCreate(manager->controlObjName);
@@ -101,9 +112,10 @@ void RPCManager::OnMsgAbort(void *userData, uint32_t requestId, uint8_t userCanc
 
 void RPCManager::OnChannelControlObjectStateChanged(void *userData)
 {
+    FODR_TRACE_FUNCTION();
     RPCPluginInstance *instance = InstanceOf(userData);
     RPCManager *manager = instance->manager;
-    int32_t state = manager->objectApi.GetObjectState(instance->controlObj);
+    int32_t state = StateOf(*manager, instance->controlObj);
     LOG_INFO("Channel object \"%s\" is now %s\n", instance->controlObjName, ObjectStateName(state).c_str());
     switch (state) {
     case OBJECT_DISCONNECTED:
@@ -122,9 +134,10 @@ void RPCManager::OnChannelControlObjectStateChanged(void *userData)
 
 void RPCManager::OnChannelDataObjectStateChanged(void *userData)
 {
+    FODR_TRACE_FUNCTION();
     RPCPluginInstance *instance = InstanceOf(userData);
     RPCManager *manager = instance->manager;
-    int32_t state = manager->objectApi.GetObjectState(instance->dataObj);
+    int32_t state = StateOf(*manager, instance->dataObj);
     LOG_INFO("Channel object \"%s\" is now %s\n", instance->dataObjName, ObjectStateName(state).c_str());
     switch (state) {
     case OBJECT_DISCONNECTED:

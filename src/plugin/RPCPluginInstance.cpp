@@ -1,6 +1,7 @@
 #include "plugin/RPCPluginInstance.h"
 
 #include "plugin/RPCManager.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <cstdio>
@@ -43,6 +44,7 @@ bool RPCPluginInstance::RefuseInStreamMode(const char *operation) const
 
 bool RPCPluginInstance::RegisterChannelSink(void *hostChannel)
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("RegisterChannelSink"))
         return false;
     if (sinkId != kNoSink) {
@@ -64,6 +66,7 @@ bool RPCPluginInstance::RegisterChannelSink(void *hostChannel)
 
 bool RPCPluginInstance::UnregisterChannelSink()
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("UnregisterChannelSink"))
         return false;
     if (sinkId == kNoSink) {
@@ -86,6 +89,7 @@ bool RPCPluginInstance::UnregisterChannelSink()
 
 bool RPCPluginInstance::ChannelConnect()
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("ChannelConnect"))
         return false;
     if (!manager->channelApi.Connect()) {
@@ -99,6 +103,7 @@ bool RPCPluginInstance::ChannelConnect()
 
 bool RPCPluginInstance::ChannelDisconnect()
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("ChannelDisconnect"))
         return false;
     bool done = true;
@@ -122,6 +127,7 @@ void RPCPluginInstance::OnChannelConnected()
 
 void RPCPluginInstance::OnChannelDisconnected()
 {
+    FODR_TRACE_FUNCTION();
     bool attemptFailed = channelConnecting && !channelConnected;
     channelConnecting = false;
     channelConnected = false;
@@ -129,11 +135,11 @@ void RPCPluginInstance::OnChannelDisconnected()
         connectFailedEvent.Set();
         OnConnectFailed();
     }
-    if (dataObj) {
+    if (dataObj.Get()) {
         dataObjConnected = false;
         ChannelObjDestroy(dataObjName, &dataObj);
     }
-    if (controlObj) {
+    if (controlObj.Get()) {
         controlObjConnected = false;
         ChannelObjDestroy(controlObjName, &controlObj);
     }
@@ -141,6 +147,7 @@ void RPCPluginInstance::OnChannelDisconnected()
 
 void RPCPluginInstance::ChannelControlObjCreate(const char *name)
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("ChannelControlObjCreate") || !name || !*name)
         return;
     std::snprintf(controlObjName, sizeof(controlObjName), "%s", name);
@@ -150,6 +157,7 @@ void RPCPluginInstance::ChannelControlObjCreate(const char *name)
 
 void RPCPluginInstance::ChannelDataObjCreate(const char *name)
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("ChannelDataObjCreate") || !name || !*name)
         return;
     std::snprintf(dataObjName, sizeof(dataObjName), "%s", name);
@@ -185,29 +193,30 @@ uint32_t RPCPluginInstance::ObjectFlags(bool tcpSide, bool vchanSide)
 }
 
 bool RPCPluginInstance::ChannelObjCreate(const char *name, const ObjectSink *sink, bool tcpSide,
-                                         bool vchanSide, std::atomic<void *> *handle)
+                                         bool vchanSide, HostHandle *handle)
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("ChannelObjCreate") || !handle)
         return false;
-    if (*handle) {
+    if (handle->Get()) {
         LOG_ERROR("Channel object \"%s\" already created\n", name);
         return false;
     }
     tcpSideChannel = tcpSide;
     vchanSideChannel = vchanSide;
     uint32_t flags = ObjectFlags(tcpSide, vchanSide);
-    void *created = nullptr;
-    if (!manager->objectApi.CreateObject(name, sink, this, flags, &created)) {
+    if (!manager->objectApi.CreateObject(name, sink, this, flags, handle->Slot())) {
+        handle->Clear();
         LOG_ERROR("Failed to create channel object \"%s\"\n", name);
         return false;
     }
-    *handle = created;
     LOG_INFO("Channel object \"%s\" created with flags 0x%x\n", name, flags);
     return true;
 }
 
-bool RPCPluginInstance::ChannelObjDestroy(const char *name, std::atomic<void *> *handle)
+bool RPCPluginInstance::ChannelObjDestroy(const char *name, HostHandle *handle)
 {
+    FODR_TRACE_FUNCTION();
     if (RefuseInStreamMode("ChannelObjDestroy"))
         return false;
     if (!handle) {
@@ -215,17 +224,16 @@ bool RPCPluginInstance::ChannelObjDestroy(const char *name, std::atomic<void *> 
         return false;
     }
     bool done = true;
-    // Cleared first: a sender on another thread must not pick a handle that is on its way out.
-    if (void *object = handle->exchange(nullptr)) {
+    if (void *object = handle->TakeForDestruction()) {
         done = manager->objectApi.DestroyObject(object);
+        handle->Clear();
         if (done)
             LOG_INFO("Channel object \"%s\" destroyed\n", name);
         else
             LOG_ERROR("Failed to destroy channel object \"%s\"\n", name);
     }
-    if (ready) {
+    if (ready.exchange(false)) {
         readyEvent.Reset();
-        ready = false;
         OnNotReady();
     }
     return done;
@@ -233,10 +241,9 @@ bool RPCPluginInstance::ChannelObjDestroy(const char *name, std::atomic<void *> 
 
 void RPCPluginInstance::BecomeReadyIfBothConnected()
 {
-    if (!controlObjConnected || !dataObjConnected || ready)
+    if (!controlObjConnected || !dataObjConnected || ready.exchange(true))
         return;
     readyEvent.Set();
-    ready = true;
     OnReady();
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "odpservice/odpservice.h"
+#include "plugin/HostHandle.h"
 #include "runtime/OVEvent.h"
 #include "runtime/OVMutex.h"
 #include "runtime/OVTimer.h"
@@ -73,31 +74,31 @@ private:
 
     bool RefuseInStreamMode(const char *operation) const;
     bool ChannelObjCreate(const char *name, const ObjectSink *sink, bool tcpSide, bool vchanSide,
-                          std::atomic<void *> *handle);
-    bool ChannelObjDestroy(const char *name, std::atomic<void *> *handle);
+                          HostHandle *handle);
+    bool ChannelObjDestroy(const char *name, HostHandle *handle);
     uint32_t ObjectFlags(bool tcpSide, bool vchanSide);
     void BecomeReadyIfBothConnected();
     void UpdatePending(int32_t delta) REQUIRES(pendingLock);
     void *ObjectOf(int32_t channelNumber) const
     {
-        return channelNumber == kDataChannel ? dataObj : controlObj;
+        return (channelNumber == kDataChannel ? dataObj : controlObj).ForSending();
     }
 
     void *channel = nullptr;
     uint32_t sinkId = kNoSink;
     bool discardConnection = false;
     char controlObjName[64] = {};
-    std::atomic<void *> controlObj{nullptr};
+    HostHandle controlObj;
     char dataObjName[64] = {};
-    std::atomic<void *> dataObj{nullptr};
+    HostHandle dataObj;
     bool channelConnecting = false;
     bool channelConnected = false;
     bool tcpSideChannel = false;
     bool vchanSideChannel = false;
-    bool sideChannelPending = false;
+    std::atomic<bool> sideChannelPending{false};
     std::atomic<bool> ready{false};
-    bool controlObjConnected = false;
-    bool dataObjConnected = false;
+    std::atomic<bool> controlObjConnected{false};
+    std::atomic<bool> dataObjConnected{false};
     bool streamData = false;
     OVMutex pendingLock;
     OVEvent noPendingEvent{true, true};

@@ -1,6 +1,7 @@
 // RPCManager: the server half, which a client carries and never enters.
 #include "plugin/RPCManager.h"
 #include "plugin/RPCPluginInstance.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {
@@ -42,6 +43,7 @@ void RPCManager::OnServerDisconnected(void *serverId)
 
 RCPtr<RPCManager> RPCManager::GetRPCManagerByServerId(void *serverId)
 {
+    FODR_TRACE_FUNCTION();
     ServerManagers &managers = GetServerManagers();
     OVMutexLock lock(managers.lock);
     auto found = managers.byServerId.find(serverId);
@@ -53,6 +55,7 @@ RCPtr<RPCManager> RPCManager::GetRPCManagerByServerId(void *serverId)
 
 void RPCManager::OdpOnServerConnected(void *manager, int32_t sessionType, void *serverId)
 {
+    FODR_TRACE_FUNCTION();
     if (!manager)
         return;
     auto *self = static_cast<RPCManager *>(manager);
@@ -66,6 +69,7 @@ void RPCManager::OdpOnServerConnected(void *manager, int32_t sessionType, void *
 
 void RPCManager::OdpOnServerDisconnected(void *manager, void *serverId)
 {
+    FODR_TRACE_FUNCTION();
     RCPtr<RPCManager> found;
     {
         ServerManagers &managers = GetServerManagers();
@@ -82,6 +86,7 @@ void RPCManager::OdpOnServerDisconnected(void *manager, void *serverId)
 
 bool RPCManager::StoreServerInstance(void *serverId, RPCPluginInstance *instance)
 {
+    FODR_TRACE_FUNCTION();
     void *channel = serverApi.GetServerChannel ? serverApi.GetServerChannel(serverId) : nullptr;
     OVMutexLock lock(instanceLock);
     instances[serverId] = instance;
@@ -91,6 +96,7 @@ bool RPCManager::StoreServerInstance(void *serverId, RPCPluginInstance *instance
 
 RCPtr<RPCPluginInstance> RPCManager::TakeServerInstance(void *serverId)
 {
+    FODR_TRACE_FUNCTION();
     OVMutexLock lock(instanceLock);
     auto entry = instances.find(serverId);
     if (entry == instances.end())
@@ -102,6 +108,7 @@ RCPtr<RPCPluginInstance> RPCManager::TakeServerInstance(void *serverId)
 
 bool RPCManager::OdpOnServerInstanceCreated(void * /*unused*/, void *serverId, void **instance)
 {
+    FODR_TRACE_FUNCTION();
     RCPtr<RPCManager> manager = GetRPCManagerByServerId(serverId);
     if (!manager)
         return false;
@@ -114,6 +121,7 @@ bool RPCManager::OdpOnServerInstanceCreated(void * /*unused*/, void *serverId, v
 
 void RPCManager::OdpOnServerInstanceDestroyed(void * /*unused*/, void * /*instance*/, void *serverId)
 {
+    FODR_TRACE_FUNCTION();
     RCPtr<RPCManager> manager = GetRPCManagerByServerId(serverId);
     if (!manager)
         return;

@@ -2,6 +2,7 @@
 #include "lib/unicode/AsciiCase.h"
 #include "plugin/RPCManager.h"
 #include "plugin/RPCPluginInstance.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 #include "runtime/OVRegKey.h"
 
@@ -27,6 +28,7 @@ std::string RPCManager::SettingPath(const char *valueName) const
 // Only as many letters as the word has are compared: "trueish" switches the side channel on.
 bool RPCManager::ConfigureTcpSideChan()
 {
+    FODR_TRACE_FUNCTION();
     std::string path = SettingPath("tcpEnabled");
     std::string value = ReadRegistryString(path);
     LOG_INFO("Checking tcp side at \"%s\"\n", path.c_str());
@@ -47,6 +49,7 @@ bool RPCManager::ConfigureTcpSideChan()
 // Unlike the TCP value this one is compared whole.
 bool RPCManager::ConfigureVirtualSideChan()
 {
+    FODR_TRACE_FUNCTION();
     std::string path = SettingPath("vchanSideChannelEnabled");
     std::string value = ReadRegistryString(path);
     LOG_INFO("Checking Virtual side channel at \"%s\"\n", path.c_str());
@@ -64,6 +67,7 @@ bool RPCManager::ConfigureVirtualSideChan()
 
 void RPCManager::ConfigureSidechannelType(int32_t sessionType)
 {
+    FODR_TRACE_FUNCTION();
     if (!isServer)
         return;
     std::string value = ReadRegistryString(SettingPath("sideChannelType"));
@@ -95,11 +99,12 @@ void RPCManager::ConfigureSidechannelType(int32_t sessionType)
 
 void RPCManager::OnDataObjectConnected(RPCPluginInstance *instance)
 {
+    FODR_TRACE_FUNCTION();
     uint32_t options = 0;
     bool boltAllowed = false;
     if (objectApi.GetObjectOptions) {
         uint32_t given = 0;
-        if (objectApi.GetObjectOptions(instance->dataObj, &given)) {
+        if (objectApi.GetObjectOptions(instance->dataObj.Get(), &given)) {
             LOG_DEBUG("DataObj options = 0x%08x\n", given);
             if ((given & ODP_OPTION_BOLT) && channelApi.GetSessionType() == SESSION_FLARE)
                 boltAllowed = boltSupported;
@@ -121,6 +126,7 @@ void RPCManager::OnDataObjectConnected(RPCPluginInstance *instance)
 // flag set: a side channel that failed isn't replaced by the main channel.
 void RPCManager::ChooseByAgent(RPCPluginInstance *instance, uint32_t options, bool boltAllowed)
 {
+    FODR_TRACE_FUNCTION();
     if (instance->sideChannelPending) {
         LOG_ERROR("Side channel request failed.\n");
         return;
@@ -139,6 +145,7 @@ void RPCManager::ChooseByAgent(RPCPluginInstance *instance, uint32_t options, bo
 
 void RPCManager::ChooseBySettings(RPCPluginInstance *instance, uint32_t options, bool boltAllowed)
 {
+    FODR_TRACE_FUNCTION();
     LOG_DEBUG("Determine sc[0x%08x] type by itself.\n", options);
     if (instance->tcpSideChannel) {
         if (instance->sideChannelPending) {
@@ -164,7 +171,7 @@ void RPCManager::ChooseBySettings(RPCPluginInstance *instance, uint32_t options,
 
 void RPCManager::RequestSideChannel(RPCPluginInstance *instance, int32_t type)
 {
-    objectApi.RequestSideChannel(instance->dataObj, type, tokenName);
+    objectApi.RequestSideChannel(instance->dataObj.Get(), type, tokenName);
 }
 
 } // namespace fodr

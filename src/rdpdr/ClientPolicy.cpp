@@ -1,6 +1,7 @@
 #include "rdpdr/ClientPolicy.h"
 
 #include "rdpdr/wire/RdpdrConstants.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>
@@ -16,6 +17,7 @@ constexpr size_t kEntryHeaderLength = 8;
 
 bool ClientPolicy::ParsePolicy(const uint8_t *data, size_t available, uint32_t length, int32_t version)
 {
+    FODR_TRACE_FUNCTION();
     LOG_TRACE("Fodr version is V%d. Parse the POLICY.", version);
     if (length < kHeaderLength) {
         LOG_ERROR("Policy data is too small!");
@@ -31,6 +33,7 @@ bool ClientPolicy::ParsePolicy(const uint8_t *data, size_t available, uint32_t l
 
 void ClientPolicy::ParseFolderPolicy(int32_t version, uint32_t folderLength, PolicyCursor &cursor)
 {
+    FODR_TRACE_FUNCTION();
     if (version == FODR_VERSION_UNKNOWN) {
         LOG_WARN("Server version unknown. Skip.\n");
         return;
@@ -49,6 +52,7 @@ void ClientPolicy::ParseFolderPolicy(int32_t version, uint32_t folderLength, Pol
 
 void ClientPolicy::ParseFolderEntries(PolicyCursor entries)
 {
+    FODR_TRACE_FUNCTION();
     while (entries.Left() >= kEntryHeaderLength) {
         uint32_t permission = entries.ReadByte();
         entries.Skip(3); // reserved
@@ -60,8 +64,11 @@ void ClientPolicy::ParseFolderEntries(PolicyCursor entries)
             LOG_ERROR("Invalid folder length!");
             return;
         }
-        auto folder = FodrSharedFolder::Create(entries.Here(), pathLength, permission);
+        const uint8_t *path = entries.Here();
         entries.Skip(pathLength);
+        if (folders.size() >= kMostFolders || pathLength > kLongestPath)
+            continue;
+        auto folder = FodrSharedFolder::Create(path, pathLength, permission);
         if (!folder)
             continue;
         LOG_TRACE("Add: %s:%lu:%d", folder->Path(), static_cast<unsigned long>(pathLength),
@@ -72,6 +79,7 @@ void ClientPolicy::ParseFolderEntries(PolicyCursor entries)
 
 void ClientPolicy::ParseFilterPolicy(int32_t version, PolicyCursor &cursor)
 {
+    FODR_TRACE_FUNCTION();
     if (version < FODR_VERSION_FOLDER_BLOCK_LENGTH)
         return;
     if (cursor.Left() < sizeof(uint32_t)) {
@@ -103,6 +111,7 @@ void ClientPolicy::ParseFilterPolicy(int32_t version, PolicyCursor &cursor)
 
 void ClientPolicy::ParseSingleFilterPolicy(PolicyCursor &cursor, std::string &out)
 {
+    FODR_TRACE_FUNCTION();
     out.clear();
     if (cursor.Left() < sizeof(uint32_t)) {
         LOG_ERROR("Left filter data is too small!");
@@ -119,6 +128,7 @@ void ClientPolicy::ParseSingleFilterPolicy(PolicyCursor &cursor, std::string &ou
 
 bool ClientPolicy::IsAllowedByDeviceFilter(const std::string &deviceInfo)
 {
+    FODR_TRACE_FUNCTION();
     if (deviceInfo.empty())
         return true;
     bool allowed;
@@ -141,6 +151,7 @@ bool ClientPolicy::IsFolderInPolicy(const std::string &path)
 
 std::vector<ClientPolicy::Folder> ClientPolicy::Folders()
 {
+    FODR_TRACE_FUNCTION();
     OVMutexLock held(lock);
     std::vector<Folder> list;
     list.reserve(folders.size());

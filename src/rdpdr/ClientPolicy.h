@@ -18,6 +18,10 @@ namespace fodr {
 
 class ClientPolicy : public FodrPolicy {
 public:
+    // Entries of a block that are kept, and bytes of the path of each; the marks of all of them count.
+    static constexpr size_t kMostFolders = 512;
+    static constexpr uint32_t kLongestPath = 65536;
+
     // Takes a block that says to be of `length` bytes and has `available`; what isn't there counts as zeros
     // in the header and isn't there elsewhere. `version` is the agent's: with 0 only the header counts. A
     // broken list is logged and ends itself alone; false only for less than a header.

@@ -103,6 +103,8 @@ bool FodrPolicy::SetDevicePermission(uint32_t deviceId, uint32_t permission)
         return false;
     OVMutexLock held(lock);
     devicePermissions[deviceId] = permission;
+    if (devicePermissions.size() > kMostPermissions)
+        devicePermissions.erase(devicePermissions.begin()); // of the oldest share
     return true;
 }
 

@@ -39,6 +39,9 @@ struct FodrSharedFolder {
 
 class FodrPolicy : public IDeviceFilter {
 public:
+    // Kept of shares that there are or were.
+    static constexpr size_t kMostPermissions = 65536;
+
     static constexpr size_t kHeaderLength = 8;
 
     // Takes the header of a block; false for less than a header.

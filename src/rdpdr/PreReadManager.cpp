@@ -4,6 +4,7 @@
 #include "lib/misc/MallocBuffer.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/CompletionBuilder.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {
@@ -78,6 +79,7 @@ const PreReadManager &PreReadManager::GetInstance()
 
 int32_t PreReadManager::GetPattern(const DR_DEVICE_IOREQUEST &request) const
 {
+    FODR_TRACE_FUNCTION();
     if (request.MajorFunction == IRP_MJ_CREATE)
         return PatternOfCreate(request.Body<DR_CREATE_REQ>());
     if (request.MajorFunction == IRP_MJ_SET_INFORMATION &&
@@ -89,6 +91,7 @@ int32_t PreReadManager::GetPattern(const DR_DEVICE_IOREQUEST &request) const
 std::vector<PreReadManager::Entry> PreReadManager::GeneratePreReadData(int32_t pattern, uint32_t fileId,
                                                                        IFileSystem *fileSystem) const
 {
+    FODR_TRACE_FUNCTION();
     std::vector<Entry> entries;
     const auto found = patterns.find(pattern);
     if (found == patterns.end()) {
@@ -124,6 +127,7 @@ RdpdrStreamPtr PreReadManager::BuildPreReadIoCompletion(int32_t pattern, uint32_
                                                         IFileSystem *fileSystem, uint32_t completionId,
                                                         int32_t ioStatus, uint8_t **payload) const
 {
+    FODR_TRACE_FUNCTION();
     std::vector<Entry> entries = GeneratePreReadData(pattern, fileId, fileSystem);
     size_t blockSize = entries.empty() ? 0 : kWireSize<FODR_PRE_READ_BLOCK>;
     for (const Entry &entry : entries)

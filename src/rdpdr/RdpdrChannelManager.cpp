@@ -5,10 +5,12 @@
 #include "rdpdr/wire/CompletionBuilder.h"
 #include "rdpdr/wire/IRdpdrChannel.h"
 #include "rdpdr/wire/RdpdrRecords.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -19,7 +21,22 @@ namespace {
 struct ReceivedPacket {
     RdpdrChannelManager *manager;
     RdpdrStream *stream;
+    PacketBudget *budget;
+    size_t cost;
 };
+
+// The packet without what nobody reads of it, if there is memory for that.
+void Shorten(RdpdrStream **stream)
+{
+    if (static_cast<size_t>((*stream)->Size()) <= kWaitingPacket)
+        return;
+    RdpdrStream *shorter = RdpdrStream::Create(kWaitingPacket);
+    if (!shorter)
+        return;
+    memcpy(shorter->Base(), (*stream)->Base(), kWaitingPacket);
+    RdpdrStream::Free(stream);
+    *stream = shorter;
+}
 
 std::string ReplyStatus(uint32_t resultCode)
 {
@@ -51,16 +68,16 @@ bool RdpdrChannelManager::Initialize(IRdpdrChannel *packetChannel, FodrLogger *t
 
 void RdpdrChannelManager::Shutdown()
 {
+    FODR_TRACE_FUNCTION();
     {
         OVMutexLock held(watcherLock);
         if (driveWatcher && !driveWatcher->Stop())
             LOG_ERROR("Failed to stop drive watcher\n");
         driveWatcher.reset();
     }
+    // Packets that are still queued find no share from here on, and add none.
     CloseAllDevices();
     dataHandler.reset();
-    // A packet that was still queued may have added shares.
-    CloseAllDevices();
     // No task is left that could see these go.
     channel = nullptr;
     packetTrace = nullptr;
@@ -71,13 +88,15 @@ void RdpdrChannelManager::Shutdown()
 
 void RdpdrChannelManager::CloseAllDevices()
 {
-    std::map<uint32_t, Device> closing;
+    FODR_TRACE_FUNCTION();
+    std::map<uint32_t, Device> taken;
     {
         OVMutexLock held(deviceTableLock);
-        closing.swap(devices);
+        closing = true;
+        taken.swap(devices);
     }
-    for (auto &[id, device] : closing)
-        device->CloseAllFiles();
+    for (auto &[id, device] : taken)
+        device->Retire();
 }
 
 int RdpdrChannelManager::GetClientVersion()
@@ -87,14 +106,18 @@ int RdpdrChannelManager::GetClientVersion()
 
 bool RdpdrChannelManager::OnDataReceived(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     if (!dataHandler) {
         LOG_ERROR("Thread pool is not initialzed.\n");
         return false;
     }
-    auto *packet = new (std::nothrow) ReceivedPacket{this, stream};
+    const size_t cost = PacketBudget::CostOf(*stream);
+    auto *packet = new (std::nothrow) ReceivedPacket{this, stream, &packetBudget, cost};
     if (!packet)
         return false;
+    packetBudget.Take(cost);
     if (!dataHandler->SubmitTask(ProcessDataTask, packet)) {
+        packetBudget.GiveBack(cost);
         delete packet;
         return false;
     }
@@ -103,14 +126,22 @@ bool RdpdrChannelManager::OnDataReceived(RdpdrStream *stream)
 
 void RdpdrChannelManager::ProcessDataTask(void *record)
 {
-    auto *packet = static_cast<ReceivedPacket *>(record);
-    packet->manager->ProcessData(packet->stream);
-    RdpdrStream::Free(&packet->stream);
-    delete packet;
+    const std::unique_ptr<ReceivedPacket> packet(static_cast<ReceivedPacket *>(record));
+    if (MayWaitForEver(*packet->stream)) {
+        Shorten(&packet->stream);
+        packet->budget->GiveBack(std::exchange(packet->cost, 0));
+    }
+    {
+        const RdpdrStreamPtr stream(packet->stream);
+        packet->manager->ProcessData(stream.get());
+    }
+    if (packet->cost != 0)
+        packet->budget->GiveBack(packet->cost);
 }
 
 bool RdpdrChannelManager::ProcessData(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     stream->SetPosition(0);
     auto header = ReadRecord<RDPDR_HEADER>(*stream);
     if (header.Component == RDPDR_CTYP_PRIVATE) {
@@ -147,6 +178,7 @@ bool RdpdrChannelManager::ProcessData(RdpdrStream *stream)
 
 void RdpdrChannelManager::HandleDeviceIoRequest(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     if (!stream->SetPosition(kHeaderEnd))
         return;
     auto request = ReadRecord<DR_DEVICE_IOREQUEST>(*stream);
@@ -156,19 +188,21 @@ void RdpdrChannelManager::HandleDeviceIoRequest(RdpdrStream *stream)
     {
         OVMutexLock held(deviceTableLock);
         device = FindDevice(request.DeviceId);
-        if (!device) {
-            RdpdrStreamPtr completion = BuildIoCompletion(request.DeviceId, request.CompletionId,
-                                                          nt::STATUS_DEVICE_REMOVED, 0, nullptr);
-            if (completion)
-                Write(completion.get());
-            return;
-        }
     }
-    device->OnIoRequest(stream);
+    if (device) {
+        device->OnIoRequest(stream);
+        return;
+    }
+    // Out of the lock: a peer that reads slowly must not keep the requests of others waiting.
+    RdpdrStreamPtr completion =
+        BuildIoCompletion(request.DeviceId, request.CompletionId, nt::STATUS_DEVICE_REMOVED, 0, nullptr);
+    if (completion)
+        Write(completion.get());
 }
 
 void RdpdrChannelManager::HandleDeviceReply(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     if (!stream->SetPosition(kHeaderEnd)) {
         LOG_WARN("Set the stream position error.\n");
         return;
@@ -203,7 +237,7 @@ void RdpdrChannelManager::HandleDeviceReply(RdpdrStream *stream)
     }
     // Out of the lock: this waits for the requests in flight.
     if (resultCode != 0)
-        device->CloseAllFiles();
+        device->Retire();
 
     const std::string message = ReplyStatus(resultCode);
     LOG_DEBUG("Notify ODPObserver with cookie [%s] for message [%s].\n", device->GetName().c_str(),

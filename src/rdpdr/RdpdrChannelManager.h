@@ -16,6 +16,7 @@
 #include "lib/misc/ThreadSafety.h"
 #include "rdpdr/ClientPolicy.h"
 #include "rdpdr/IThreadPoolDataHandler.h"
+#include "rdpdr/PacketBudget.h"
 #include "rdpdr/ShareNames.h"
 #include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/OVMutex.h"
@@ -38,6 +39,10 @@ class IRdpdrChannel;
 
 class RdpdrChannelManager : public IDeviceStateSubscriber {
 public:
+    // Entries of the table, and how many there may be for an agent's policy to add one.
+    static constexpr size_t kMostShares = 1024;
+    static constexpr size_t kMostForPolicy = 512;
+
     RdpdrChannelManager();
     ~RdpdrChannelManager() override;
     RdpdrChannelManager(const RdpdrChannelManager &) = delete;
@@ -50,7 +55,8 @@ public:
     // called again.
     virtual void Shutdown() EXCLUDES(stateLock, watcherLock, deviceTableLock);
 
-    // Queues one whole packet and returns at once. True takes the stream over.
+    // Queues one whole packet. Waits while as much is queued as may be (PacketBudget). True takes the stream
+    // over.
     virtual bool OnDataReceived(RdpdrStream *stream);
     // Handles one packet on the calling thread; the stream stays with the caller. False only for a component
     // that isn't ours. A device request that waits for something holds the thread.
@@ -132,7 +138,7 @@ private:
     // Removing, and the watcher.
     void StartDriveWatcher(bool firstShare) EXCLUDES(watcherLock, deviceTableLock);
     void StopDriveWatcherIfUnused() EXCLUDES(watcherLock, deviceTableLock);
-    bool HasShares() EXCLUDES(deviceTableLock);
+    size_t ShareCount() EXCLUDES(deviceTableLock);
     std::vector<Device> SharesToRemove(const std::string &ntPath, const std::string &shareName)
         EXCLUDES(deviceTableLock);
     static bool MatchesRemoval(const IRedirectedDevice &device, const std::string &ntPath,
@@ -158,10 +164,12 @@ private:
     std::atomic<bool> preReadEnabled{false};
     std::map<uint32_t, Device> devices GUARDED_BY(deviceTableLock);
     uint32_t nextDeviceId GUARDED_BY(deviceTableLock) = 0xFFFF;
+    bool closing GUARDED_BY(deviceTableLock) = false; // set before the first close; no share is added then
     uint64_t driveEvents GUARDED_BY(deviceTableLock) = 0; // how many drives have come or gone
     OVMutex deviceTableLock;                              // not held across device work
     OVMutex watcherLock;                                  // makes the watcher run just while there are shares
     std::unique_ptr<IDriveWatcher> driveWatcher GUARDED_BY(watcherLock);
+    PacketBudget packetBudget; // of the packets in dataHandler
     std::unique_ptr<IThreadPoolDataHandler> dataHandler;
     std::atomic<ClientPolicy *> policy{nullptr};             // owned; made once, under stateLock
     RdpdrStreamPtr storedPolicyStream GUARDED_BY(stateLock); // came before the version

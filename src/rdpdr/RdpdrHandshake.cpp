@@ -3,6 +3,7 @@
 #include "platform/SystemError.h"
 #include "rdpdr/RdpdrChannelManager.h"
 #include "rdpdr/wire/RdpdrRecords.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>
@@ -39,6 +40,7 @@ const char *AbledPrefix(bool abled)
 
 void RdpdrChannelManager::HandleServerAnnounce(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     stream->SetPosition(kHeaderEnd);
     auto announce = ReadRecord<DR_CORE_SERVER_ANNOUNCE_REQ>(*stream);
     auto bytes = PacketBytes(DR_CORE_CLIENT_ANNOUNCE_RSP{.ClientId = announce.ClientId});
@@ -50,6 +52,7 @@ void RdpdrChannelManager::HandleServerAnnounce(RdpdrStream *stream)
 
 void RdpdrChannelManager::SendFodrClientVersion()
 {
+    FODR_TRACE_FUNCTION();
     uint16_t capabilities = ClientCapabilities();
     LOG_INFO("Sending FODR client version = %d, capability = 0x%x\n", clientVersion, capabilities);
     auto bytes = PacketBytes(FODR_VERSION_EXCHANGE{static_cast<uint16_t>(clientVersion), capabilities});
@@ -59,6 +62,7 @@ void RdpdrChannelManager::SendFodrClientVersion()
 
 void RdpdrChannelManager::HandleServerCapability()
 {
+    FODR_TRACE_FUNCTION();
     auto bytes = PacketBytes(DR_CORE_CAPABILITY_RSP{});
     RdpdrStream capability(bytes.data(), bytes.size());
     Write(&capability);
@@ -68,6 +72,7 @@ void RdpdrChannelManager::HandleServerCapability()
 
 bool RdpdrChannelManager::SendClientName()
 {
+    FODR_TRACE_FUNCTION();
     std::u16string name = platform::ComputerName();
     if (name.empty()) {
         LOG_ERROR("Unable to get computer name, error %d.\n", static_cast<int>(platform::LastSystemError()));
@@ -90,6 +95,7 @@ bool RdpdrChannelManager::SendClientName()
 
 void RdpdrChannelManager::ProcessPrivatePacket(uint16_t packetId, RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     if (packetId == PAKID_PRIVATE_VERSION_EXCHANGE) {
         HandleVersionExchange(stream);
     } else if (packetId == PAKID_PRIVATE_POLICY) {
@@ -108,6 +114,7 @@ void RdpdrChannelManager::HandleUserLoggedOn()
 
 void RdpdrChannelManager::HandleVersionExchange(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     stream->SetPosition(kHeaderEnd);
     auto exchange = ReadRecord<FODR_VERSION_EXCHANGE>(*stream);
     int32_t version = exchange.Version;
@@ -132,6 +139,7 @@ void RdpdrChannelManager::HandleVersionExchange(RdpdrStream *stream)
 
 void RdpdrChannelManager::HandlePolicyStream()
 {
+    FODR_TRACE_FUNCTION();
     LOG_WARN("Policy exists, parse policy stream.\n");
     // Taken out first: an agent whose version is 0 makes this store the packet anew.
     RdpdrStreamPtr stored = std::move(storedPolicyStream);
@@ -140,6 +148,7 @@ void RdpdrChannelManager::HandlePolicyStream()
 
 void RdpdrChannelManager::SetPolicyStream(const RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     if (!stream) {
         LOG_ERROR("Stream is NULL.\n");
         return;
@@ -151,6 +160,7 @@ void RdpdrChannelManager::SetPolicyStream(const RdpdrStream *stream)
 
 bool RdpdrChannelManager::HandleFodrPolicy(RdpdrStream *stream)
 {
+    FODR_TRACE_FUNCTION();
     if (serverVersion == FODR_VERSION_UNKNOWN) {
         LOG_WARN("Server version unknown, save policy stream.\n");
         SetPolicyStream(stream);
@@ -176,6 +186,7 @@ bool RdpdrChannelManager::HandleFodrPolicy(RdpdrStream *stream)
 
 void RdpdrChannelManager::OnUserReady()
 {
+    FODR_TRACE_FUNCTION();
     ClientPolicy *agentPolicy = policy;
     if (agentPolicy && agentPolicy->HasReadOnlyMark()) {
         LOG_INFO("CDR is marked as read-only\n");
@@ -193,6 +204,7 @@ void RdpdrChannelManager::OnUserReady()
 
 std::string RdpdrChannelManager::CapabilityStatus()
 {
+    FODR_TRACE_FUNCTION();
     ClientPolicy *agentPolicy = policy;
     std::string status = "RDPDR_CAPABILITY_STATUS";
     bool enabled = agentPolicy && agentPolicy->IsEnabled();

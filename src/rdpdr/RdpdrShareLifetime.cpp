@@ -5,6 +5,7 @@
 #include "rdpdr/RdpdrChannelManager.h"
 #include "rdpdr/ShareFolders.h"
 #include "rdpdr/wire/RdpdrRecords.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>
@@ -28,34 +29,37 @@ const char *NameOf(const RCPtr<IRedirectedDevice> &device)
 
 void RdpdrChannelManager::StartDriveWatcher(bool firstShare)
 {
+    FODR_TRACE_FUNCTION();
     OVMutexLock held(watcherLock);
     if (!driveWatcher) {
         LOG_ERROR("Driver watcher not initialized\n");
         return;
     }
     // A share that is gone again by now doesn't need it any more.
-    if (firstShare && HasShares() && !driveWatcher->Start(this))
+    if (firstShare && ShareCount() != 0 && !driveWatcher->Start(this))
         LOG_ERROR("Failed to start drive watcher\n");
 }
 
 void RdpdrChannelManager::StopDriveWatcherIfUnused()
 {
+    FODR_TRACE_FUNCTION();
     OVMutexLock held(watcherLock);
     if (!driveWatcher)
         LOG_ERROR("Driver watcher not initialized\n");
-    else if (!HasShares() && !driveWatcher->Stop())
+    else if (ShareCount() == 0 && !driveWatcher->Stop())
         LOG_ERROR("Failed to stop drive watcher\n");
 }
 
-bool RdpdrChannelManager::HasShares()
+size_t RdpdrChannelManager::ShareCount()
 {
     OVMutexLock held(deviceTableLock);
-    return !devices.empty();
+    return devices.size();
 }
 
 void RdpdrChannelManager::AnnounceShare(const IRedirectedDevice &device, bool exists,
                                         const std::string &cookie)
 {
+    FODR_TRACE_FUNCTION();
     int deviceId = static_cast<int>(device.GetDeviceId());
     const char *friendlyName = device.GetFriendlyName().c_str();
     if (!exists) {
@@ -73,6 +77,7 @@ void RdpdrChannelManager::AnnounceShare(const IRedirectedDevice &device, bool ex
 int RdpdrChannelManager::SendSimpleDevice(uint32_t deviceId, uint32_t deviceType,
                                           const std::string &friendlyName)
 {
+    FODR_TRACE_FUNCTION();
     DEVICE_ANNOUNCE announce;
     announce.DeviceType = deviceType;
     announce.DeviceId = deviceId;
@@ -108,6 +113,7 @@ int RdpdrChannelManager::SendSimpleDevice(uint32_t deviceId, uint32_t deviceType
 
 uint32_t RdpdrChannelManager::GetDeviceListAnnounceExtLength(uint32_t deviceId)
 {
+    FODR_TRACE_FUNCTION();
     size_t length = 0;
     Device device = FindDevice(deviceId);
     if (device && !driveLetterMappingDisabled)
@@ -118,6 +124,7 @@ uint32_t RdpdrChannelManager::GetDeviceListAnnounceExtLength(uint32_t deviceId)
 
 void RdpdrChannelManager::AppendDeviceListExt(RdpdrStream *stream, uint32_t deviceId)
 {
+    FODR_TRACE_FUNCTION();
     Device device = FindDevice(deviceId);
     if (!device || driveLetterMappingDisabled)
         return;
@@ -132,6 +139,7 @@ void RdpdrChannelManager::AppendDeviceListExt(RdpdrStream *stream, uint32_t devi
 
 void RdpdrChannelManager::SendDeviceRemove(uint32_t deviceId)
 {
+    FODR_TRACE_FUNCTION();
     std::array<uint8_t, kWireEnd<DR_DEVICELIST_REMOVE>> bytes;
     StorePacket(DR_DEVICELIST_REMOVE{.DeviceId = deviceId}, bytes.data());
     RdpdrStream packet(bytes.data(), bytes.size());
@@ -141,6 +149,7 @@ void RdpdrChannelManager::SendDeviceRemove(uint32_t deviceId)
 bool RdpdrChannelManager::RemoveSharedFolder(const std::string &path, const std::string &shareName,
                                              const std::string &)
 {
+    FODR_TRACE_FUNCTION();
     if (path.empty()) {
         LOG_ERROR("Empty folder name to be shared.\n");
         return false;
@@ -165,14 +174,17 @@ bool RdpdrChannelManager::RemoveSharedFolder(const std::string &path, const std:
     }
     StopDriveWatcherIfUnused();
     for (const auto &[id, device] : removed) {
-        if (!device->IsAvailable()) {
+        const bool announced = device->IsAvailable();
+        if (!announced) {
             LOG_INFO("No need to send drive removed message: friendly name = %s, ID = %d.\n", NameOf(device),
                      static_cast<int>(id));
-            continue;
+        } else {
+            LOG_INFO("Sending device removed message: friendly name = %s, ID = %d.\n", NameOf(device),
+                     static_cast<int>(id));
         }
-        LOG_INFO("Sending device removed message: friendly name = %s, ID = %d.\n", NameOf(device),
-                 static_cast<int>(id));
-        device->CloseAllFiles();
+        device->Retire();
+        if (!announced)
+            continue;
         SendDeviceRemove(id);
     }
     return !removed.empty();
@@ -181,6 +193,7 @@ bool RdpdrChannelManager::RemoveSharedFolder(const std::string &path, const std:
 std::vector<RdpdrChannelManager::Device> RdpdrChannelManager::SharesToRemove(const std::string &ntPath,
                                                                              const std::string &shareName)
 {
+    FODR_TRACE_FUNCTION();
     std::vector<Device> found;
     {
         OVMutexLock held(deviceTableLock);
@@ -202,6 +215,7 @@ std::vector<RdpdrChannelManager::Device> RdpdrChannelManager::SharesToRemove(con
 bool RdpdrChannelManager::MatchesRemoval(const IRedirectedDevice &device, const std::string &ntPath,
                                          const std::string &shareName)
 {
+    FODR_TRACE_FUNCTION();
     if (device.IsDriveLetterShare())
         return false;
     SharedType deviceType = GetSharedType(device.GetFriendlyName());
@@ -217,6 +231,7 @@ bool RdpdrChannelManager::MatchesRemoval(const IRedirectedDevice &device, const 
 
 std::vector<RdpdrChannelManager::Device> RdpdrChannelManager::DevicesOfDrive(char driveLetter)
 {
+    FODR_TRACE_FUNCTION();
     std::vector<Device> found;
     std::wint_t letter = std::towupper(static_cast<unsigned char>(driveLetter));
     OVMutexLock held(deviceTableLock);
@@ -230,6 +245,7 @@ std::vector<RdpdrChannelManager::Device> RdpdrChannelManager::DevicesOfDrive(cha
 
 bool RdpdrChannelManager::OnDeviceAvailable(char driveLetter)
 {
+    FODR_TRACE_FUNCTION();
     LOG_DEBUG("Device with driver letter %c is available now.\n", driveLetter);
     ClientPolicy *agentPolicy = policy;
     if (agentPolicy && agentPolicy->HasDeviceFilter()) {
@@ -266,6 +282,7 @@ bool RdpdrChannelManager::OnDeviceAvailable(char driveLetter)
 
 bool RdpdrChannelManager::OnDeviceUnavailable(char driveLetter)
 {
+    FODR_TRACE_FUNCTION();
     LOG_DEBUG("Device with driver letter %c is unavailable now.\n", driveLetter);
     for (const Device &device : DevicesOfDrive(driveLetter)) {
         int id = static_cast<int>(device->GetDeviceId());

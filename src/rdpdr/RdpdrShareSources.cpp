@@ -2,6 +2,7 @@
 #include "platform/Volumes.h"
 #include "rdpdr/RdpdrChannelManager.h"
 #include "rdpdr/RedirectionSettings.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {
@@ -22,6 +23,7 @@ bool DriveExists(char letter)
 
 void RdpdrChannelManager::RedirectAllDrives()
 {
+    FODR_TRACE_FUNCTION();
     {
         // A machine without the key shares every drive; one that has it must say so.
         RedirectionSettings settings;
@@ -37,6 +39,7 @@ void RdpdrChannelManager::RedirectAllDrives()
 
 void RdpdrChannelManager::RedirectDevicesFromRegKey()
 {
+    FODR_TRACE_FUNCTION();
     RedirectionSettings settings;
     if (!settings.IsOpen()) {
         LOG_WARN("Failed to open reg key.\n");
@@ -65,9 +68,14 @@ void RdpdrChannelManager::RedirectDevicesFromRegKey()
 
 void RdpdrChannelManager::AddPolicyFolders()
 {
+    FODR_TRACE_FUNCTION();
     // A picture of the list, since an add takes deviceTableLock, which comes before the policy's lock. The
     // list itself stays as it is meanwhile: it changes under stateLock alone.
     for (const ClientPolicy::Folder &folder : policy.load()->Folders()) {
+        if (ShareCount() >= kMostForPolicy) {
+            LOG_WARN("Too many shares for the folders of the policy.\n");
+            return;
+        }
         if (!folder.isAll) {
             AddSharedFolder(folder.path, "", true, folder.permission, "");
             continue;

@@ -4,6 +4,7 @@
 #include "fileservice/FileSystemImpl.h"
 #include "fileservice/RedirectedDeviceAccessControl.h"
 #include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/Nt.h"
 #include "rdpdr/LocalFolderLimit.h"
@@ -12,10 +13,12 @@
 #include "rdpdr/ShareFolders.h"
 #include "rdpdr/ShareRuleSettings.h"
 #include "rdpdr/wire/RdpdrRecords.h"
+#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>
 #include <new>
+#include <unordered_set>
 #include <utility>
 
 namespace fodr {
@@ -100,6 +103,7 @@ bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::st
                                           const std::string &shareName,
                                           const std::vector<std::string> &allowList)
 {
+    FODR_TRACE_FUNCTION();
     LOG_TRACE("Raw sharePath = %s, shareName = %s,", path.c_str(), shareName.c_str());
     if (path.empty()) {
         LOG_ERROR("Empty folder path to be shared.\n");
@@ -120,6 +124,10 @@ bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::st
     }
     FolderOffer offer = NeedsAccessControl(shareName) ? LocalFolderLimit().OfferOfFiles(path, allowList)
                                                       : FolderOffer{LocalFolderLimit().Allows(path), {}};
+    if (!offer.whole && offer.files.empty()) {
+        Notify(cookie.c_str(), kStatusNoFolder);
+        return false;
+    }
     const ShareRequest request{path, cookie,        driveLetterShare, permission,       shareName,
                                type, policyApplies, ToNtPath(path),   std::move(offer), ReadShareRules()};
     std::optional<ShareOutcome> outcome;
@@ -137,6 +145,7 @@ bool RdpdrChannelManager::AddSharedFolder(const std::string &path, const std::st
 
 bool RdpdrChannelManager::ShouldApplyCDRPolicy(SharedType type)
 {
+    FODR_TRACE_FUNCTION();
     LOG_TRACE("Shared Type: %d.\n", static_cast<int>(type));
     if (type != SharedType::None && serverVersion >= FODR_VERSION_TYPE_TAGS) {
         LOG_TRACE("CDR policy is bypassed.\n");
@@ -147,6 +156,7 @@ bool RdpdrChannelManager::ShouldApplyCDRPolicy(SharedType type)
 
 bool RdpdrChannelManager::IsAllowedByCDRPolicy(const std::string &path, uint32_t permission, SharedType type)
 {
+    FODR_TRACE_FUNCTION();
     if (serverVersion == FODR_VERSION_NO_POLICY) {
         LOG_INFO("Server is FODR V1.\n");
         return true;
@@ -172,6 +182,7 @@ bool RdpdrChannelManager::IsAllowedByCDRPolicy(const std::string &path, uint32_t
 
 RdpdrChannelManager::FolderLook RdpdrChannelManager::LookAtFolder(const ShareRequest &request)
 {
+    FODR_TRACE_FUNCTION();
     FolderLook look;
     {
         OVMutexLock held(deviceTableLock);
@@ -184,8 +195,6 @@ RdpdrChannelManager::FolderLook RdpdrChannelManager::LookAtFolder(const ShareReq
         look.present = *found;
         return look;
     }
-    if (!request.offer.whole && request.offer.files.empty())
-        return look;
     const uint32_t matching = NeedsAccessControl(request.shareName) ? 0 : nt::OBJ_CASE_INSENSITIVE;
     look.exact = FolderExists(request.ntPath, 0);
     look.exists = look.exact || (matching != 0 && FolderExists(request.ntPath, matching));
@@ -206,11 +215,16 @@ RdpdrChannelManager::FolderLook RdpdrChannelManager::LookAtFolder(const ShareReq
 std::optional<RdpdrChannelManager::ShareOutcome> RdpdrChannelManager::InsertShare(const ShareRequest &request,
                                                                                   const FolderLook &look)
 {
+    FODR_TRACE_FUNCTION();
     OVMutexLock held(deviceTableLock);
     if (look.driveEvents != driveEvents || look.compared != SharesOfPath(request.ntPath, request.type))
         return {};
     ShareOutcome outcome;
     outcome.exists = look.exists;
+    if (closing) {
+        outcome.statuses.push_back(kStatusInternalError);
+        return outcome;
+    }
     if (look.present) {
         LOG_INFO("%s|%s already added\n", request.path.c_str(), request.shareName.c_str());
         look.present->UpdateAllowAccessFileList(request.offer.files);
@@ -227,7 +241,8 @@ std::optional<RdpdrChannelManager::ShareOutcome> RdpdrChannelManager::InsertShar
     std::unique_ptr<IFileSystem> fileSystem =
         allowList ? AllowListFileSystem::Create(request.ntPath, allowList, rules)
                   : FileSystemImpl::Create(request.ntPath, rules);
-    if (!fileSystem || nextDeviceId > kDeviceNumberMask) { // numbers that fit the wire can run out
+    // Numbers that fit the wire can run out.
+    if (!fileSystem || nextDeviceId > kDeviceNumberMask || devices.size() >= kMostShares) {
         outcome.statuses.push_back(kStatusInternalError);
         return outcome;
     }
@@ -267,6 +282,7 @@ std::vector<RdpdrChannelManager::Device> RdpdrChannelManager::SharesOfPath(const
 
 std::string RdpdrChannelManager::NameShare(const ShareRequest &request, std::vector<std::string> *statuses)
 {
+    FODR_TRACE_FUNCTION();
     if (request.type != SharedType::None)
         return request.shareName;
     std::string friendlyName = GenerateFriendlyName(request.path, request.shareName);
@@ -279,16 +295,19 @@ std::string RdpdrChannelManager::NameShare(const ShareRequest &request, std::vec
 
 std::string RdpdrChannelManager::GenerateFriendlyName(const std::string &path, const std::string &shareName)
 {
-    auto isTaken = [this](const std::string &name) REQUIRES(deviceTableLock) {
-        for (const auto &[id, device] : devices) {
-            if (UnicodeCompare(name.c_str(), device->GetFriendlyName().c_str(), true) == 0)
-                return true;
-        }
-        return false;
+    FODR_TRACE_FUNCTION();
+    // Names that aren't text are never equal to any.
+    const auto folded = [](const std::string &name) {
+        std::u16string wide;
+        return Utf8ToUtf16(name, wide) ? FoldText(wide) : std::u16string();
     };
+    std::unordered_set<std::u16string> taken;
+    for (const auto &[id, device] : devices)
+        taken.insert(folded(device->GetFriendlyName()));
+    taken.erase(std::u16string());
     const std::string name = PlainFriendlyName(path, shareName);
     std::string candidate = name;
-    for (int n = 1; isTaken(candidate); ++n)
+    for (int n = 1; taken.contains(folded(candidate)); ++n)
         candidate = name + "(" + std::to_string(n) + ")";
     LOG_INFO("The friendly name generated for [%s] folder is [%s].\n", path.c_str(), candidate.c_str());
     return candidate;
@@ -299,6 +318,7 @@ RdpdrChannelManager::Device RdpdrChannelManager::CreateDevice(const ShareRequest
                                                               std::unique_ptr<IFileSystem> fileSystem,
                                                               std::shared_ptr<AllowAccessList> allowList)
 {
+    FODR_TRACE_FUNCTION();
     RedirectedDeviceSettings settings;
     settings.channel = channel;
     settings.packetTrace = packetTrace;

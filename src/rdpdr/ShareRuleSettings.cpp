@@ -17,6 +17,7 @@ nt::ShareRules ReadShareRules()
         if (number == 2)
             rules.names = nt::CaseRule::Exact;
     }
+    rules.readOnly = settings.ReadNumber("readOnlyShares", &number) && number != 0;
     rules.linksOutside = settings.ReadNumber("linksOutside", &number) && number != 0;
     return rules;
 }

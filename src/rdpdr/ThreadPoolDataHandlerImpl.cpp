@@ -1,6 +1,7 @@
 #include "rdpdr/ThreadPoolDataHandlerImpl.h"
 
 #include "runtime/LogCall.h"
+#include "runtime/NoThrow.h"
 
 #include <new>
 
@@ -32,17 +33,18 @@ bool ThreadPoolDataHandlerImpl::SubmitTask(void (*callback)(void *), void *conte
     if (!task)
         return false;
     LOG_DEBUG("Submitting task %p.\n", static_cast<void *>(task));
-    // A pool that refuses loses the task, record and all: the result tells of the record alone.
-    [[maybe_unused]] bool queued = pool->Submit(StaticTaskWorker, task);
-    return true;
+    if (pool->Submit(StaticTaskWorker, task))
+        return true;
+    delete task;
+    return false;
 }
 
 void ThreadPoolDataHandlerImpl::StaticTaskWorker(void *record)
 {
-    auto *task = static_cast<Task *>(record);
+    const std::unique_ptr<Task> task(static_cast<Task *>(record));
     LOG_DEBUG("Executing task %p.\n", record);
-    task->callback(task->context);
-    delete task;
+    CallWithoutThrowing("ThreadPoolDataHandlerImpl::StaticTaskWorker()",
+                        [&] { task->callback(task->context); });
 }
 
 } // namespace fodr

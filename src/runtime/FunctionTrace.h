@@ -5,22 +5,25 @@
 
 namespace fodr {
 
+// While the level is off it costs one read and a compare.
 class FunctionTrace {
 public:
     // The name outlives the object.
-    explicit FunctionTrace(const char *name) : functionName(name) { Line("Enter"); }
-    ~FunctionTrace() { Line("Exit"); }
+    explicit FunctionTrace(const char *name) : functionName(IsLogEnabled(LOG_LEVEL_TRACE) ? name : nullptr)
+    {
+        if (functionName)
+            LogWrite(functionName, LOG_LEVEL_TRACE, "Enter");
+    }
+    ~FunctionTrace()
+    {
+        if (functionName)
+            LogWrite(functionName, LOG_LEVEL_TRACE, "Exit");
+    }
     FunctionTrace(const FunctionTrace &) = delete;
     FunctionTrace &operator=(const FunctionTrace &) = delete;
 
 private:
-    void Line(const char *text) const
-    {
-        if (IsLogEnabled(LOG_LEVEL_TRACE))
-            LogWrite(functionName, LOG_LEVEL_TRACE, "%s", text);
-    }
-
-    const char *functionName;
+    const char *const functionName; // null while the level is off
 };
 
 } // namespace fodr

@@ -25,6 +25,20 @@ constinit std::atomic<const LogReceiver *> currentReceiver{nullptr};
 // had, would come back to it.
 thread_local bool insideLog = false;
 
+// Runs `deliver` unless this thread is in the log path already. A line that can't be made is lost, for a log
+// call never fails.
+template <typename Deliver> void InLogPath(const Deliver &deliver) noexcept
+{
+    if (insideLog)
+        return;
+    insideLog = true;
+    try {
+        deliver();
+    } catch (...) {
+    }
+    insideLog = false;
+}
+
 bool IsLevel(int32_t level)
 {
     return level >= 0 && level < static_cast<int32_t>(std::size(kLevelNames));
@@ -62,14 +76,12 @@ void LogWrite(const char *functionName, int32_t level, const char *format, ...)
 
 void LogWriteV(const char *functionName, int32_t level, const char *format, va_list arguments)
 {
-    if (insideLog)
-        return;
-    insideLog = true;
-    if (const LogHandler handler = currentHandler.load(std::memory_order_acquire))
-        handler(functionName, level, format, arguments);
-    else if (const LogReceiver *receiver = currentReceiver.load(std::memory_order_acquire))
-        receiver->text(functionName, level, format, arguments);
-    insideLog = false;
+    InLogPath([&] {
+        if (const LogHandler handler = currentHandler.load(std::memory_order_acquire))
+            handler(functionName, level, format, arguments);
+        else if (const LogReceiver *receiver = currentReceiver.load(std::memory_order_acquire))
+            receiver->text(functionName, level, format, arguments);
+    });
 }
 
 void LogWriteHex(const char *functionName, int32_t level, const void *data, size_t length)
@@ -80,12 +92,8 @@ void LogWriteHex(const char *functionName, int32_t level, const void *data, size
         LogWrite(functionName, level, "%s", text);
         return;
     }
-    const LogReceiver *receiver = currentReceiver.load(std::memory_order_acquire);
-    if (!receiver || insideLog)
-        return;
-    insideLog = true;
-    receiver->hex(functionName, level, data, length);
-    insideLog = false;
+    if (const LogReceiver *receiver = currentReceiver.load(std::memory_order_acquire))
+        InLogPath([&] { receiver->hex(functionName, level, data, length); });
 }
 
 namespace {
@@ -102,12 +110,8 @@ void LogWriteErrorV(uint32_t errorCode, const char *functionName, int32_t level,
                  platform::SystemErrorText(errorCode).c_str());
         return;
     }
-    const LogReceiver *receiver = currentReceiver.load(std::memory_order_acquire);
-    if (!receiver || insideLog)
-        return;
-    insideLog = true;
-    receiver->error(errorCode, functionName, level, format, arguments);
-    insideLog = false;
+    if (const LogReceiver *receiver = currentReceiver.load(std::memory_order_acquire))
+        InLogPath([&] { receiver->error(errorCode, functionName, level, format, arguments); });
 }
 
 } // namespace

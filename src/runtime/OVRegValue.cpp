@@ -5,6 +5,7 @@
 #include "platform/SystemError.h"
 #include "runtime/HexDump.h"
 #include "runtime/LogCall.h"
+#include "runtime/SettingNumber.h"
 #include "runtime/StringUtils.h"
 
 #include <algorithm>
@@ -233,7 +234,11 @@ bool OVRegValue::ToBool(bool defaultValue)
 
 uint32_t OVRegValue::ToDword(uint32_t defaultValue)
 {
-    return static_cast<uint32_t>(ToQword(defaultValue));
+    OVMutexLock guard(mutex);
+    uint64_t number = 0;
+    if (!NumberOfData(number))
+        return defaultValue;
+    return IsTextType(type) ? SaturatedNumber(number) : static_cast<uint32_t>(number);
 }
 
 uint64_t OVRegValue::ToQword(uint64_t defaultValue)

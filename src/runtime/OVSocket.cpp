@@ -19,9 +19,26 @@ OVSocket::~OVSocket()
     if (!platform::CloseInetSocket(socketHandle))
         LOG_ERROR("Close socket error.\n");
     socketHandle = platform::kNoSocket;
-    OVMutexLock guard(SocketMutex());
-    if (--socketUsers == 0 && !platform::StopSocketLibrary())
+    if (!LeaveLibrary())
         LOG_ERROR("WSACleaup Failed.\n");
+}
+
+// These two log nothing: a log call may wait for a thread that waits for SocketMutex.
+bool OVSocket::EnterLibrary()
+{
+    OVMutexLock guard(SocketMutex());
+    if (socketUsers == 0) {
+        if (!platform::StartSocketLibrary())
+            return false;
+        socketUsers = 1; // and no more for the sockets that follow
+    }
+    return true;
+}
+
+bool OVSocket::LeaveLibrary()
+{
+    OVMutexLock guard(SocketMutex());
+    return --socketUsers != 0 || platform::StopSocketLibrary();
 }
 
 bool OVSocket::Init(int32_t type, int32_t protocol)
@@ -30,13 +47,9 @@ bool OVSocket::Init(int32_t type, int32_t protocol)
         LOG_DEBUG("OVSocket is already initialized.\n");
         return true;
     }
-    OVMutexLock guard(SocketMutex());
-    if (socketUsers == 0) {
-        if (!platform::StartSocketLibrary()) {
-            LOG_ERROR("Unable to load WinSock DLL.\n");
-            return false;
-        }
-        socketUsers = 1; // and no more for the sockets that follow
+    if (!EnterLibrary()) {
+        LOG_ERROR("Unable to load WinSock DLL.\n");
+        return false;
     }
     socketHandle = platform::OpenInetSocket(type, protocol);
     if (socketHandle < 0) {

@@ -29,6 +29,8 @@ public:
 
 private:
     static OVMutex &SocketMutex();
+    static bool EnterLibrary();
+    static bool LeaveLibrary();
     static int32_t socketUsers GUARDED_BY(SocketMutex()); // live starts of the socket library
 
     int32_t socketHandle = -1;

@@ -3,6 +3,7 @@
 #include "runtime/LogCall.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace fodr {
 
@@ -33,12 +34,14 @@ bool OVThreadData::Start(OVThread::Callback threadCallback, void *threadArgument
 bool OVThreadData::WaitForStop(uint32_t timeoutMS)
 {
     OVMutexLock guard(lock);
-    if (!osThread)
-        return true;
-    if (IsCurrentThread())
-        return false;
     const unsigned int id = threadId;
     OVEvent ended = threadHandle;
+    if (!osThread) {
+        OVMutexUnlock unlocked(lock);
+        return ended.Wait(timeoutMS) != OVEvent::kTimeout; // another caller may be joining it
+    }
+    if (IsCurrentThread())
+        return false;
     int32_t result;
     {
         OVMutexUnlock unlocked(lock);
@@ -46,17 +49,22 @@ bool OVThreadData::WaitForStop(uint32_t timeoutMS)
     }
     if (result < 0)
         return false;
-    if (!osThread || threadHandle.Handle() != ended.Handle())
-        return true; // another caller waited as well and was first, and may have started it again
+    if (!osThread || threadHandle.Handle() != ended.Handle()) {
+        OVMutexUnlock unlocked(lock);
+        ended.Wait(kInfinite); // another caller was first, joins it and may have started it again
+        return true;
+    }
     if (result == 1) {
         LOG_DEBUG("Thread %s(0x%04X) exited unexpectedly", name.c_str(), id);
         threadId = 0;
         stopEvent.Set();
         exitedEvent.Set();
     }
-    if (!platform::JoinThread(osThread))
+    // Without the lock: the thread's last line may wait for a log call that asks whether it still runs.
+    platform::ThreadRecord *const leaving = std::exchange(osThread, nullptr);
+    OVMutexUnlock unlocked(lock);
+    if (!platform::JoinThread(leaving))
         LOG_WARN("Thread %s(0x%04X) is not joinable", name.c_str(), id);
-    osThread = nullptr;
     return true;
 }
 

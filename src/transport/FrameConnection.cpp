@@ -57,6 +57,11 @@ void FrameConnection::SetKeepAlive(const KeepAlive &times)
     deadAfterMS = times.deadAfterMS;
 }
 
+void FrameConnection::SetWriteTimeout(int timeoutMS)
+{
+    stream->SetWriteTimeout(timeoutMS);
+}
+
 // ---- Sending ----
 
 bool FrameConnection::Send(const Message &frame)
@@ -215,7 +220,8 @@ bool FrameConnection::WriteInTurn(std::span<const platform::ByteView> blocks)
     turnChanged.notify_all();
     if (!good) {
         sendLock.unlock();
-        Close("the connection broke while writing");
+        Close(stream->WriteTimedOut() ? "the peer doesn't take what is sent"
+                                      : "the connection broke while writing");
         sendLock.lock();
     }
     return good;

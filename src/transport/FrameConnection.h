@@ -47,6 +47,9 @@ public:
     // Off until it is set. May be set at any time; takes effect with the next wait.
     void SetKeepAlive(const KeepAlive &times);
 
+    // A peer that takes nothing of a frame for so long loses the connection. Before Start.
+    void SetWriteTimeout(int timeoutMS);
+
     // Each sends one frame; false when the connection has ended, or when the frame would break a limit of
     // Frames.h, in which case nothing is sent. True means written or queued, not received. Payloads are
     // borrowed for the call.

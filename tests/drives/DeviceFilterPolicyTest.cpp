@@ -69,6 +69,22 @@ TEST(DeviceFilterPolicy, AllowsWhatIsUncertainAndDeniesWhatIsListed)
     }
 }
 
+TEST(DeviceFilterPolicy, TooManyRulesNeverLetADeviceThroughThatFewerKeepOut)
+{
+    const std::string device = "<vidpid>07815567<";
+    std::string rules;
+    for (size_t n = 0; n < FodrDeviceFilterPolicy::kMostRules; ++n)
+        rules += "vid-0000_pid-0000;";
+    for (const bool above : {false, true}) {
+        FodrDeviceFilterPolicy policy;
+        const std::string list = rules + (above ? "vid-0781_pid-5567" : "");
+        policy.ParsePolicy(list, FodrDeviceFilterPolicy::kExclude);
+        policy.ParsePolicy(list, FodrDeviceFilterPolicy::kInclude);
+        EXPECT_EQ(policy.AllowToShareByPolicy(device, FodrDeviceFilterPolicy::kExclude), !above);
+        EXPECT_FALSE(policy.AllowToShareByPolicy(device, FodrDeviceFilterPolicy::kInclude));
+    }
+}
+
 TEST(DeviceFilterPolicy, SaysWhatItDoes)
 {
     FodrDeviceFilterPolicy policy;

@@ -8,6 +8,7 @@ import signal
 import subprocess
 import sys
 import threading
+import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(__file__))
@@ -241,6 +242,8 @@ class Command(MountCase):
                    env=self.scratch.environment)
         self.assertEqual((self.local / "f").read_text(), "there\n")
         self.assertFalse(mounted(self.mount))
+        talkative = run("share", self.local, "--mount", self.mount, "-v", "--", "true", env=self.scratch.environment)
+        self.assertEqual((talkative.returncode, talkative.stderr), (0, ""))
 
     def test_packets_are_shown_and_counted(self):
         (self.local / "f").write_text("seen")
@@ -267,6 +270,9 @@ class Command(MountCase):
         with self.share("--layout", "folders"):
             fodr = lambda *words: run(*words, env=self.scratch.environment)  # noqa: E731
             self.assertEqual(os.listdir(self.mount), ["local"])
+            facts = json.loads(fodr("status", "--json").stdout)
+            self.assertEqual([type(facts[name]) for name in ("pid", "seconds", "reconnects")], [int] * 3)
+            self.assertEqual(fodr("add", self.scratch.root).returncode, 3)  # the mount is in it
             for name in ("one", "two"):
                 done = fodr("add", self.other / name)
                 self.assertEqual(done.returncode, 0, done.stderr)
@@ -311,6 +317,7 @@ class Command(MountCase):
             (["share", self.other / "file", "--mount", self.mount], {}),
             (["share", self.local, "--mount", taken], {}),
             (["share", self.local, "--mount", self.other / "file"], {}),
+            (["share", self.local, "--mount", self.local / "in"], {}),
             (["share", self.local, "--mount", self.mount], {"FODR_PLUGIN": "/nowhere/libfodrClient.so"}),
             (["share", self.local, "--mount", self.mount, "--agent-option=--exclude", "--agent-option=0781"], {}),
             (["share", self.local, "--mount", self.mount, "--read-only", "--agent-option=--permission",
@@ -462,7 +469,18 @@ class Loss(MountCase):
         share.output.close()
         wait_for(lambda: not mounted(self.mount), "the mount to go")
 
-
+    def test_an_agent_that_hears_nothing_is_given_up_in_five_seconds(self):
+        share = self.share()
+        share.__enter__()
+        (self.mount / "f").write_text("written")
+        os.kill(share.agent_pid(), signal.SIGSTOP)
+        began = time.monotonic()
+        share.process.send_signal(signal.SIGINT)
+        self.assertEqual(share.process.wait(60), 4)
+        self.assertLess(time.monotonic() - began, 5)
+        self.assertFalse(mounted(self.mount))
+        self.assertIn("the agent doesn't finish", share.log())
+        share.output.close()
 
 
 if __name__ == "__main__":

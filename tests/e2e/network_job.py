@@ -176,8 +176,29 @@ class Tcp(TcpCase):
         agent = self.agent(self.mount, "--connect", f"127.0.0.1:{port}")
         self.assertNotEqual(agent.wait(60), 0)
         self.assertFalse(mounted(self.mount))
-        self.assertNotEqual(share.process.wait(60), 0)
-        share.output.close()
+        wait_for(lambda: "the agent doesn't know the agreed token" in share.log(), "the refusal")
+        # Neither that one nor other strangers keep the right one out.
+        silent = socket.create_connection(("127.0.0.1", port))
+        with socket.create_connection(("127.0.0.1", port)) as web:
+            web.sendall(b"GET / HTTP/1.1\r\n\r\n")
+        agent = self.agent(self.mount, "--connect", f"127.0.0.1:{port}", "--token-file", token)
+        wait_for(lambda: "is mounted at" in share.log(), "the mount")
+        self.assert_usable()
+        silent.close()
+        share.__exit__(None, None, None)
+        self.assertEqual(agent.wait(60), 0)
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root can be two users")
+    def test_without_a_token_other_users_of_the_machine_stay_out(self):
+        port = free_port()
+        with self.share("--listen", port, ready=lambda: listens(port)) as share:
+            knock = f"exec 3<>/dev/tcp/127.0.0.1/{port}; head -c 9 <&3"
+            subprocess.run(["/bin/bash", "-c", knock], user=65534, cwd="/", check=True, stdout=subprocess.DEVNULL)
+            wait_for(lambda: "another user of this machine has connected" in share.log(), "the refusal")
+            agent = self.agent(self.mount, "--connect", f"127.0.0.1:{port}")
+            wait_for(lambda: "is mounted at" in share.log(), "the mount")
+            self.assert_usable()
+        self.assertEqual(agent.wait(60), 0)
 
 
 if __name__ == "__main__":

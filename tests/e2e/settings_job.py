@@ -1,6 +1,7 @@
 """The settings from the command line, and a running share that follows them."""
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 import sys
@@ -34,6 +35,9 @@ class Command(SettingsCase):
                 (["set", "logMaxDaysKept", "0x10"], (0, "", 0)),
                 (["set", "logMaxDaysKept", "4294967296"], (2, "", 1)),
                 (["set", "logMaxDaysKept", "-1"], (2, "", 1)),
+                (["set", "logLevel", "LOUD"], (2, "", 1)),
+                (["set", "logEnabled", "maybe"], (2, "", 1)),
+                (["set", "caseSensitivity", "3"], (2, "", 1)),
                 (["set", "SharedFolders", "/a;b", "/ü \\"], (0, "", 0)),
                 (["set", "other", "x"], (2, "", 1)),
                 (["set", "other", "0FFe", "--type", "binary"], (0, "", 0)),
@@ -45,6 +49,30 @@ class Command(SettingsCase):
                 (["get", "other"], (1, "", 0))]:
             self.assertEqual(self.config(*words), result, words)
         self.assertIn("logMaxDaysKept=dword:16\n", self.file.read_text())
+
+    @unittest.skipIf(os.geteuid() != 0 or os.path.exists("/etc/fodr"), "another user can't be made here, or has settings")
+    def test_a_user_without_a_settings_folder_gets_one(self):
+        self.scratch.root.chmod(0o755)
+        os.chown(self.scratch.other, 65534, 65534)
+        environment = {"PATH": os.environ["PATH"], "HOME": str(self.scratch.other)}
+        for value in ("DEBUG", "WARN"):
+            done = subprocess.run([FODR, "config", "set", "logLevel", value], env=environment, user=65534, group=65534,
+                                  extra_groups=[], capture_output=True, text=True)
+            self.assertEqual((done.returncode, done.stderr.count("\n")), (0, value == "DEBUG"), done.stderr)
+        self.assertIn("logLevel=sz:WARN\n",
+                      (self.scratch.other / ".config/fodr/HKEY_LOCAL_MACHINE.ini").read_text())
+
+    def test_registering_says_when_nothing_was_registered(self):
+        plugin = os.path.join(os.path.dirname(FODR), "..", "lib", "libfodrClient.so")
+        folder = self.scratch.root / ("p" * 200) / ("q" * 100)
+        for place, code in ((self.scratch.root / "fodrClient.so", 0), (folder / "fodrClient.so", 1)):
+            place.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy(plugin, place)
+            done = subprocess.run([FODR, "register"], env={**self.scratch.environment, "FODR_PLUGIN": str(place)},
+                                  capture_output=True, text=True)
+            self.assertEqual((done.returncode, "nothing was registered" in done.stderr), (code, code == 1), done.stderr)
+            self.assertEqual(self.config("get", "dll")[0], code)
+            subprocess.run([FODR, "unregister"], env=self.scratch.environment, check=True)
 
     def test_a_store_that_cannot_be_read_or_written_is_left_alone(self):
         self.file.parent.mkdir()

@@ -313,6 +313,10 @@ TEST_P(AccessControlNeighbours, NothingIsRenamedOntoThemOrMadeBesideThem)
         for (const std::u16string &target : {u"\\??\\/tmp/fodr-out"s, u"/tmp/fodr-out"s, u"\\gone.txt:s"s,
                                              u"\\"s, u"\\Fellow\0\\x"s, u"\\F\\new\0x"s})
             EXPECT_EQ(file.Rename(target).Status(), STATUS_ACCESS_DENIED) << WireText(target);
+        for (const size_t noName : {0u, 1u}) // would cut the root's own name
+            EXPECT_EQ(
+                file.Set(FileRenameInformation, "\1\0"s + Little(noName, 4) + WireText(u"\\x")).Status(),
+                STATUS_ACCESS_DENIED);
         for (uint32_t infoClass : {11u, 72u}) // hard links
             EXPECT_EQ(file.Set(infoClass, std::string(64, 'x')).Status(), STATUS_INVALID_INFO_CLASS);
         file.Close();
@@ -334,6 +338,62 @@ TEST_P(AccessControlNeighbours, TheRootItselfIsNotChanged)
     EXPECT_EQ(root.Set(FileBasicInformation, std::string(40, '\0')).Status(), STATUS_ACCESS_DENIED);
     EXPECT_EQ(root.Control(FSCTL_GET_COMPRESSION, "", 2).Status(), STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(root.Close().Status(), STATUS_SUCCESS);
+}
+
+// The mark of a file that isn't listed can be read. Nothing of its file is made, told or changed.
+TEST(AccessControl, AForeignMarkIsReadAndNothingElse)
+{
+    ListedShare share({"a.txt"});
+    for (const char *name : {"a.txt", "b.txt", "bare.txt"})
+        share.Put(name, name);
+    constexpr CreateArguments kReads{.access = GENERIC_READ, .disposition = FILE_OPEN_IF};
+    for (const char16_t *own : {u"\\a.txt:Zone.Identifier", u"\\a.txt:ZONE.identifier"}) {
+        File mark = share.Create(own, {.disposition = FILE_OPEN_IF});
+        if (mark.created.Status() == STATUS_OBJECT_NAME_INVALID)
+            GTEST_SKIP() << "no streams here";
+        EXPECT_EQ(mark.Write(0, "origin").Status(), STATUS_SUCCESS);
+        EXPECT_EQ(mark.Query(FileBasicInformation).Status(), STATUS_SUCCESS);
+        mark.Close();
+    }
+    {
+        Share owner([&](RedirectedDeviceSettings &settings) { settings.path = share.settings.path; });
+        File made = owner.Create(u"\\b.txt:Zone.Identifier", {.disposition = FILE_CREATE});
+        EXPECT_EQ(made.Write(0, "origin").Status(), STATUS_SUCCESS);
+        made.Close();
+    }
+    const auto before = std::filesystem::last_write_time(share.folder / "b.txt");
+    const std::u16string marked = u"\\b.txt:Zone.Identifier";
+    for (const std::u16string &path : {marked, u"\\bare.txt:Zone.Identifier"s, u"\\new:Zone.Identifier"s,
+                                       u"\\none\\new:Zone.Identifier"s, u"\\:Zone.Identifier"s}) {
+        const NTSTATUS found = path == marked ? STATUS_SUCCESS : STATUS_OBJECT_NAME_NOT_FOUND;
+        EXPECT_EQ(share.Open(path, kReads), found) << WireText(path);
+        EXPECT_EQ(share.Open(path, {.access = MAXIMUM_ALLOWED}), found) << WireText(path);
+        for (uint32_t right : {FILE_WRITE_DATA, FILE_APPEND_DATA, FILE_WRITE_ATTRIBUTES, FILE_WRITE_EA,
+                               DELETE_ACCESS, WRITE_DAC, GENERIC_WRITE, GENERIC_ALL})
+            EXPECT_EQ(share.Open(path, {.access = GENERIC_READ | right}), STATUS_ACCESS_DENIED);
+        for (uint32_t disposition : {FILE_SUPERSEDE, FILE_CREATE, FILE_OVERWRITE, FILE_OVERWRITE_IF})
+            EXPECT_EQ(share.Open(path, {.access = GENERIC_READ, .disposition = disposition}),
+                      STATUS_ACCESS_DENIED);
+        EXPECT_EQ(share.Open(path, {.access = GENERIC_READ, .options = FILE_DELETE_ON_CLOSE}),
+                  STATUS_ACCESS_DENIED);
+    }
+    File mark = share.Create(marked, {.access = MAXIMUM_ALLOWED});
+    EXPECT_EQ(mark.Read(0, 6).Data(), "origin");
+    const Completion size = mark.Query(FileStandardInformation);
+    EXPECT_EQ(size.At<int64_t>(8), 6);
+    EXPECT_EQ(size.At<uint32_t>(16), 1u);
+    EXPECT_TRUE(IsError(mark.Write(0, "x").Status()));
+    for (uint32_t infoClass = 1; infoClass < 80; ++infoClass) {
+        if (infoClass != FileStandardInformation) {
+            EXPECT_EQ(mark.Query(infoClass).Status(), STATUS_ACCESS_DENIED) << infoClass;
+        }
+        EXPECT_TRUE(IsError(mark.Set(infoClass, std::string(40, '\1')).Status())) << infoClass;
+    }
+    EXPECT_EQ(mark.Control(FSCTL_GET_COMPRESSION, "", 2).Status(), STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(mark.Close().Status(), STATUS_SUCCESS);
+    EXPECT_EQ(share.Contents("b.txt"), "b.txt");
+    EXPECT_EQ(std::filesystem::last_write_time(share.folder / "b.txt"), before);
+    EXPECT_FALSE(share.Exists("new"));
 }
 
 } // namespace

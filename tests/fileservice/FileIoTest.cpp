@@ -1,6 +1,7 @@
 // What requests on open files do and answer.
 #include "Wine.h"
 #include "fileservice/NtCalls.h"
+#include "fileservice/RequestLimits.h"
 #include "fileservice/Share.h"
 
 #include <cstring>
@@ -118,7 +119,7 @@ TEST(FileSystem, HandsOutAReadBufferThatIsZeroBehindWhatWasRead)
 {
     Share share;
     File file = share.Made("a", "abc");
-    for (uint32_t length : {64u, 40u << 20}) {
+    for (uint32_t length : {64u, kLongestRead}) {
         IO_STATUS_BLOCK ioStatus{};
         uint8_t *block = nullptr;
         for (auto [offset, count] : {std::pair<int64_t, uint64_t>{1, 2}, {3, 0}}) {
@@ -132,6 +133,23 @@ TEST(FileSystem, HandsOutAReadBufferThatIsZeroBehindWhatWasRead)
             EXPECT_EQ(block[length - 1], 0);
         }
     }
+}
+
+// What a packet asks for is not what it gets: the memory of a request has a limit, and the agent an answer.
+TEST(Limits, LongReadsAndControlOutputsAreServedInPieces)
+{
+    Share share;
+    std::string contents(kLongestRead + 5, 'x');
+    contents.back() = 'e';
+    File file = share.Made("a", contents);
+    for (uint32_t length : {kLongestRead, kLongestRead + 1, 17u << 20, kHuge})
+        EXPECT_EQ(file.Read(0, length).Data().size(), kLongestRead) << length;
+    EXPECT_EQ(file.Read(kLongestRead, kHuge).Data(), "xxxxe");
+    EXPECT_EQ(file.Read(kLongestRead + 5, kHuge).Status(), STATUS_END_OF_FILE);
+    constexpr uint32_t kQueryRanges = 0x000940CF; // FSCTL_QUERY_ALLOCATED_RANGES
+    const Completion ranges = file.Control(kQueryRanges, Little(0) + Little(contents.size()), kHuge);
+    EXPECT_EQ(ranges.Status(), STATUS_SUCCESS);
+    EXPECT_EQ(ranges.Data().substr(0, 8), Little(0));
 }
 
 TEST(QueryVolumeInformation, MovesTheLabelDownByOneByte)

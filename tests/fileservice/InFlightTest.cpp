@@ -122,6 +122,20 @@ TEST(CloseAllFiles, ClosesEverythingWithoutCompletions)
     EXPECT_EQ(share.Create(u"\\a").created.Status(), STATUS_SUCCESS);
 }
 
+// A create that was under way when the share went finds nobody to close its file.
+TEST(Retire, ClosesAsWellAndLetsNoFileBeOpenedLater)
+{
+    Share share;
+    share.Put("a", "");
+    File root = share.Create(u"\\");
+    std::future<Completion> answer = Watch(share, root);
+    share.device->Retire();
+    EXPECT_EQ(answer.get().Status(), STATUS_CANCELLED);
+    share.device->SetAvailable(true); // as a create has seen it before
+    for (int n = 0; n < 2; ++n)       // the first is closed again: it would keep the second out
+        EXPECT_EQ(share.Open(u"\\a", {.share = 0}), STATUS_DEVICE_REMOVED);
+}
+
 // Requests on one file move their own bytes. Where they meet a close they are answered too, as on a closed
 // file, and the close waits for those in flight.
 TEST(ConcurrentRequests, AreAllAnsweredAlsoWhenTheyMeetAClose)

@@ -90,7 +90,7 @@ TEST(Names, ARenameThatLiesReachesNothing)
     EXPECT_EQ(root.Set(FileDispositionInformationEx, Little(3, 4)).Status(), STATUS_ACCESS_DENIED);
     EXPECT_EQ(file.Set(FileDispositionInformationEx, "\3\0\0"s).Status(),
               RunsOnWine() ? STATUS_NOT_IMPLEMENTED : STATUS_INFO_LENGTH_MISMATCH);
-    for (const uint32_t linking : {11u, 31u, 40u, 56u, 57u, 66u, 72u, 73u})
+    for (const uint32_t linking : {11u, 30u, 31u, 36u, 40u, 56u, 57u, 61u, 66u, 69u, 72u, 73u})
         EXPECT_EQ(file.Set(linking, good).Status(), STATUS_INVALID_INFO_CLASS) << linking;
     EXPECT_EQ(share.Contents("d/a.txt"), "contents");
     EXPECT_TRUE(std::filesystem::is_empty(share.folder / "d/inner"));
@@ -98,6 +98,63 @@ TEST(Names, ARenameThatLiesReachesNothing)
     // Behind the name anything may follow.
     EXPECT_EQ(file.Set(FileRenameInformationEx, good + "rest").Status(),
               RunsOnWine() ? STATUS_NOT_IMPLEMENTED : STATUS_SUCCESS);
+}
+
+// "/tmp/x/docs" without its last letter is "/tmp/x/doc", and the root's own name is no place for a file
+// either.
+TEST(Names, ARenameWithoutANameStaysInTheShare)
+{
+    Share share;
+    const std::string cut = share.folder.string().substr(0, share.folder.string().size() - 1);
+    File file = share.Made("mine", "contents");
+    const auto record = [](uint32_t nameLength, const std::string &name) {
+        return std::string("\1\0", 2) + Little(nameLength, 4) + name;
+    };
+    const std::string name = WireText(u"\\new");
+    const struct {
+        uint32_t stated;
+        std::string name;
+        NTSTATUS status;
+    } cases[] = {
+        {0, "", STATUS_INVALID_PARAMETER},
+        {0, name, STATUS_INVALID_PARAMETER},
+        {1, name, STATUS_INVALID_PARAMETER},
+        {3, name, STATUS_INVALID_PARAMETER},
+        {11, name + "x", STATUS_INVALID_PARAMETER},
+        {100, name, STATUS_INVALID_PARAMETER},
+        {0xFFFFFFFE, name, STATUS_INVALID_PARAMETER},
+        {2, "", STATUS_INVALID_PARAMETER}, // isn't there
+        {2, name, STATUS_OBJECT_NAME_INVALID},
+        {4, name, STATUS_OBJECT_NAME_INVALID},
+        {6, WireText(u"\\/"), STATUS_OBJECT_NAME_INVALID},
+        {8, WireText(u"\\.."), STATUS_OBJECT_NAME_INVALID},
+        {14, WireText(u"\\x/../y"), STATUS_OBJECT_NAME_INVALID},
+        {42, WireText(u"\\::$Index_ALLOCATION"), STATUS_OBJECT_NAME_INVALID},
+    };
+    for (const auto &test : cases)
+        EXPECT_EQ(file.Set(FileRenameInformation, record(test.stated, test.name)).Status(), test.status)
+            << test.stated;
+    EXPECT_EQ(file.Set(FileRenameInformation, "\1").Status(), STATUS_INVALID_PARAMETER);
+    EXPECT_TRUE(share.Exists("mine"));
+    EXPECT_FALSE(std::filesystem::exists(cut));
+}
+
+TEST(Names, TheRootOfAShareStays)
+{
+    Share share;
+    for (const std::u16string &path : {u""s, u"\\"s, u"/"s, u"\\/"s, u"\\::$INDEX_ALLOCATION"s}) {
+        EXPECT_TRUE(IsError(share.Open(path, {.access = DELETE_ACCESS, .options = FILE_DELETE_ON_CLOSE})));
+        File root = share.Create(path, kDoomed);
+        if (IsError(root.created.Status())) // the last is one where there is NTFS
+            continue;
+        for (const uint32_t infoClass : {FileDispositionInformation, FileDispositionInformationEx})
+            EXPECT_EQ(root.Set(infoClass, Little(3, 4)).Status(), STATUS_ACCESS_DENIED) << infoClass;
+        EXPECT_EQ(root.Rename(u"\\sub").Status(), STATUS_ACCESS_DENIED);
+        EXPECT_EQ(root.RenameInto(root.Id(), u"sub").Status(), STATUS_ACCESS_DENIED);
+        EXPECT_EQ(root.Close().Status(), STATUS_SUCCESS);
+        EXPECT_TRUE(std::filesystem::exists(share.folder));
+    }
+    EXPECT_EQ(share.Open(u"\\..", kFolder), STATUS_OBJECT_NAME_INVALID);
 }
 
 } // namespace

@@ -52,7 +52,7 @@ Names NamesOf(const Completion &listing, const ListingShape &shape)
     return names;
 }
 
-Share::Share(const std::function<void(RedirectedDeviceSettings &)> &change)
+Share::Share(const std::function<void(RedirectedDeviceSettings &)> &change, const ShareRules &rules)
 {
     static std::atomic<unsigned> made{0};
     folder = std::filesystem::temp_directory_path() /
@@ -64,7 +64,7 @@ Share::Share(const std::function<void(RedirectedDeviceSettings &)> &change)
     settings.sharePath = folder.string();
     if (change)
         change(settings);
-    auto ownFileSystem = std::make_unique<WatchedFileSystem>(settings.path);
+    auto ownFileSystem = std::make_unique<WatchedFileSystem>(settings.path, rules);
     fileSystem = ownFileSystem.get();
     device = RCPtr<RedirectedDevice>(new RedirectedDevice(std::move(ownFileSystem), settings));
 }

@@ -90,7 +90,11 @@ private:
 // The real file system, telling when a call that may block begins, and failing where it is told to.
 class WatchedFileSystem : public FileSystemImpl {
 public:
-    explicit WatchedFileSystem(const std::string &root) : FileSystemImpl(root) {}
+    WatchedFileSystem(const std::string &root, const nt::ShareRules &rules) : FileSystemImpl(root)
+    {
+        if (rules.readOnly)
+            KeepRoot(root, rules);
+    }
 
     nt::NTSTATUS RedirectedCloseFile(uint32_t fileId) override
     {
@@ -153,7 +157,8 @@ class File;
 class Share {
 public:
     // `change` alters what the device is made with.
-    explicit Share(const std::function<void(RedirectedDeviceSettings &)> &change = {});
+    explicit Share(const std::function<void(RedirectedDeviceSettings &)> &change = {},
+                   const nt::ShareRules &rules = {});
     ~Share();
 
     File Create(std::u16string_view path, CreateArguments arguments = {});

@@ -2,6 +2,7 @@
 
 #include "host/TestAgent.h"
 
+#include <future>
 #include <gtest/gtest.h>
 
 namespace fodr::test {
@@ -36,6 +37,8 @@ protected:
 
     void OnNotice(transport::NoticeKind kind, const std::string &text) override
     {
+        if (text == "hold")
+            released.get_future().wait();
         events.Add("notice " + std::to_string(static_cast<int>(kind)) + " " + text);
     }
     void OnAgentGoodbye(const std::string &reason) override { events.Add("goodbye " + reason); }
@@ -90,6 +93,7 @@ protected:
     }
 
     Lines events;
+    std::promise<void> released;
     host::ChannelOptions options;
     std::unique_ptr<PluginHost> host;
     std::unique_ptr<HostChannel> channel;
@@ -246,6 +250,27 @@ TEST_F(Channel, AnAgentThatStopsReadingDoesNotHoldTheEndUp)
     channel->Close("enough waited");
     sender.join();
     ExpectLost("enough waited");
+}
+
+// Whoever is told of them may be slow; what waits for it must not grow without end.
+TEST_F(Channel, AnAgentThatFloodsTheChannelIsCutOff)
+{
+    BringUp();
+    const auto send = [this](const char *text) {
+        return agent->Main().Send(transport::Notice{transport::NoticeKind::Warning, text});
+    };
+    ASSERT_TRUE(send("hold"));
+    while (send("more")) {
+    }
+    released.set_value();
+    size_t notices = 0;
+    std::string line = events.Next();
+    for (; !line.starts_with("lost"); line = events.Next())
+        notices += line.starts_with("notice");
+    EXPECT_EQ(line, "lost: the agent sends more than can be handled");
+    // One that is being handled doesn't wait any more.
+    EXPECT_LE(notices, HostChannel::kMostWaitingEvents + 1);
+    EXPECT_GE(notices, HostChannel::kMostWaitingEvents);
 }
 
 TEST_F(Channel, GoodbyeLetsTheAgentFinish)

@@ -1,4 +1,5 @@
 #include "WireExamples.h"
+#include "ntposix/DirectoryReader.h"
 #include "ntposix/ListingBuffer.h"
 #include "ntposix/NtWords.h"
 
@@ -297,6 +298,25 @@ TEST_F(DirectoryQuery, OddEntriesAreListedToo)
     EXPECT_TRUE(S_ISFIFO(modes.records.at(fifo).second.Mode));
     EXPECT_EQ(NamesOf({u"COLON\uF03A*"}), NameList{Utf8(u"colon\uF03Astar\uF02A")});
     EXPECT_EQ(NamesOf({u"bad\uF7FFutf8"}), NameList{Utf8(u"bad\uF7FFutf8")});
+}
+
+TEST_F(DirectoryQuery, ListingsThatAreLeftInTheirMiddleHaveALimit)
+{
+    MakeFile("f");
+    MakeFile("g");
+    std::vector<NtFile> folders;
+    const auto listThree = [&] { // ".", ".." and one more: now the directory is being read
+        folders.push_back(Folder(""));
+        NTSTATUS status = STATUS_SUCCESS;
+        for (int i = 0; i < 3 && status == STATUS_SUCCESS; ++i)
+            status = List(folders.back(), {.length = 80, .single = true}).status;
+        return status;
+    };
+    for (int n = 0; n < ntposix::DirectoryReader::kMostUnderWay; ++n)
+        ASSERT_EQ(listThree(), STATUS_SUCCESS) << n;
+    EXPECT_EQ(listThree(), STATUS_INSUFFICIENT_RESOURCES);
+    folders.erase(folders.begin());
+    EXPECT_EQ(listThree(), STATUS_SUCCESS);
 }
 
 TEST_F(DirectoryQuery, WhatVanishesWhileListingDropsOut)

@@ -1,4 +1,5 @@
 #include "ntposix/Fd.h"
+#include "ntposix/LockTable.h"
 #include "ntposix/NtWords.h"
 
 #include <fcntl.h>
@@ -220,6 +221,30 @@ TEST_F(Locks, ExcludeEachOtherUnderLoad)
             EXPECT_EQ(Unlock(file, 0, 10), STATUS_SUCCESS);
         }
     });
+}
+
+TEST_F(Locks, OfAFileAndOfAllFilesHaveALimit)
+{
+    using ntposix::LockTable;
+    for (uint64_t n = 0; n < LockTable::kMostOfFile; ++n)
+        ASSERT_EQ(Lock(n % 2 ? first : second, n, 1, false, WhenHeld::Fail), STATUS_SUCCESS) << n;
+    EXPECT_EQ(Lock(first, 5000, 1, false, WhenHeld::Fail), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(Unlock(second, 0, 1), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(first, 5000, 1, false, WhenHeld::Fail), STATUS_SUCCESS);
+
+    std::vector<NtFile> files;
+    for (size_t held = LockTable::kMostOfFile; held < LockTable::kMostInAll;) {
+        const std::string name = "f" + std::to_string(held);
+        MakeFile(name);
+        files.push_back(Open(name, {.access = kReadWrite}));
+        for (uint64_t n = 0; n < LockTable::kMostOfFile; ++n, ++held)
+            ASSERT_EQ(Lock(files.back(), 2 * n, 1, true), STATUS_SUCCESS);
+    }
+    MakeFile("one-more");
+    const NtFile more = Open("one-more", {.access = kReadWrite});
+    EXPECT_EQ(Lock(more, 0, 1, true), STATUS_INSUFFICIENT_RESOURCES);
+    files.clear();
+    EXPECT_EQ(Lock(more, 0, 1, true), STATUS_SUCCESS);
 }
 
 } // namespace

@@ -1,8 +1,13 @@
 #include "FailingCalls.h"
+#include "ntposix/ChangeMonitor.h"
+#include "ntposix/Fd.h"
 #include "ntposix/NtWords.h"
+
+#include <fcntl.h>
 
 #include <functional>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 
 namespace fodr::nt {
@@ -237,6 +242,58 @@ TEST_F(ChangeNotify, TreesFollowTheirFolders)
     drain();
     MakeFile("gone/deep/b");
     EXPECT_FALSE(IsPending(tree, kFiles, true));
+}
+
+// What is kept of a tree outlives the handle that was the first to watch it.
+TEST_F(ChangeNotify, HandlesThatWatchOneTreeShareItsFolders)
+{
+    constexpr uint32_t kFiles = FILE_NOTIFY_CHANGE_FILE_NAME;
+    MakeFolder("watched/sub/deep");
+    std::vector<NtFile> trees;
+    for (int n = 0; n < 3; ++n) {
+        trees.push_back(Folder("watched"));
+        auto call = NotifyAsync(trees.back(), kFiles, true);
+        for (int i = 0; !HasEnded(call); ++i)
+            MakeFile("watched/" + std::to_string(n) + "-" + std::to_string(i));
+        ASSERT_EQ(call.get(), STATUS_NOTIFY_ENUM_DIR);
+    }
+    trees.erase(trees.begin());
+    MakeFolder("watched/sub/new");
+    Settle();
+    MakeFile("watched/sub/new/file");
+    for (const NtFile &tree : trees)
+        EXPECT_EQ(Notify(tree, kFiles, true), STATUS_NOTIFY_ENUM_DIR);
+}
+
+TEST_F(ChangeNotify, FoldersOfAllTreesHaveALimit)
+{
+    constexpr uint32_t kFolders = 400; // and the watched one
+    for (uint32_t n = 0; n < kFolders; ++n)
+        MakeFolder("watched/" + std::to_string(n));
+    const ntposix::Fd directory(open(Path("watched").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat facts;
+    ASSERT_EQ(fstat(directory.Get(), &facts), 0);
+    const auto monitor = ntposix::ChangeMonitor::Get();
+    ntposix::BlockedCalls calls;
+    ntposix::BlockedCall call(calls, STATUS_NOTIFY_CLEANUP);
+    std::vector<std::shared_ptr<ntposix::ChangeWatch>> watches;
+    const auto add = [&](uint32_t filter) {
+        watches.push_back(std::make_shared<ntposix::ChangeWatch>(
+            directory.Get(), ntposix::FileKey{facts.st_dev, facts.st_ino}, filter, true));
+        return monitor->Add(watches.back(), call);
+    };
+    // Each filter needs folders of its own; the handles that share one don't.
+    constexpr uint32_t kFit = ntposix::ChangeMonitor::kMostFolders / (kFolders + 1);
+    for (uint32_t filter = 1; filter <= kFit; ++filter)
+        ASSERT_EQ(add(filter), STATUS_SUCCESS) << filter;
+    EXPECT_EQ(add(kFit + 1), STATUS_INSUFFICIENT_RESOURCES);
+    for (int n = 0; n < 10; ++n)
+        EXPECT_EQ(add(1), STATUS_SUCCESS);
+    for (const auto &watch : watches)
+        monitor->Remove(watch.get());
+    watches.clear();
+    EXPECT_EQ(add(kFit + 1), STATUS_SUCCESS);
+    monitor->Remove(watches.back().get());
 }
 
 TEST_F(ChangeNotify, AThousandCallsWaitAtOnce)

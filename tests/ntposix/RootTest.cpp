@@ -149,6 +149,30 @@ TEST_P(Roots, ARuleLetsLinksLeadAnywhere)
     });
 }
 
+// By whatever name it was opened, and also where its name is free for another.
+TEST_P(Roots, TheRootItselfIsNeitherTakenAwayNorTaken)
+{
+    const auto share = ShareOf("e");
+    MakeFolder("e");
+    LinkTo(".", "s/self");
+    const auto outer = ShareOf("s");
+    for (const auto &[folder, name] : {std::pair("e", ""), std::pair("s", "self")}) {
+        const NtFile top = In(folder, name, {.access = DELETE_ACCESS});
+        ASSERT_EQ(top.status, STATUS_SUCCESS) << name;
+        EXPECT_EQ(Delete(top), STATUS_CANNOT_DELETE) << name;
+        EXPECT_EQ(DeleteNow(top), STATUS_CANNOT_DELETE) << name;
+        EXPECT_EQ(Rename(top, NtPathIn("s", "x\\new")), STATUS_ACCESS_DENIED) << name;
+        EXPECT_EQ(In(folder, name, {.access = DELETE_ACCESS, .options = FILE_DELETE_ON_CLOSE}).status,
+                  STATUS_CANNOT_DELETE);
+    }
+    EXPECT_TRUE(Exists("e") && Exists("s/f"));
+    const NtFile file = In("s", "f", {.access = DELETE_ACCESS});
+    std::filesystem::rename(Path("s"), Path("away"));
+    for (const char *target : {"", "\\"})
+        EXPECT_TRUE(IsError(Rename(file, NtPathIn("s", target))));
+    EXPECT_FALSE(Exists("s"));
+}
+
 // While another thread exchanges a folder for a link that leads out.
 TEST_P(Roots, ALinkThatComesInBetweenLeadsNowhereEither)
 {

@@ -61,5 +61,54 @@ TEST(TaskPool, TheMaximumHoldsForBlockedTasksToo)
     EXPECT_EQ(ran, 200);
 }
 
+// Silent blockers have no more threads than are allowed to run. Tasks that said that they wait have places of
+// their own, and one that gets none is told so instead of waiting.
+TEST(TaskPool, ThreadsAreLimitedAndWaitersHaveTheirOwn)
+{
+    constexpr int kRunning = TaskPool::kMostRunning;
+    constexpr int kWaiting = TaskPool::kMostWaiting;
+    std::atomic<int> refused = 0;
+    std::atomic<int> ran = 0;
+    Door waiters, runners;
+    {
+        TaskPool pool(0, {.idle = std::chrono::hours(1), .stall = std::chrono::milliseconds(1)});
+        for (int n = 0; n < kWaiting; ++n) {
+            Launch(pool, [&] {
+                const TaskPool::BlockingSection blocking;
+                EXPECT_TRUE(blocking.IsGranted());
+                waiters.WaitHere();
+            });
+        }
+        waiters.AwaitArrivals(kWaiting);
+        for (int n = 0; n < 2 * kRunning; ++n) {
+            Launch(pool, [&] {
+                const TaskPool::BlockingSection tooMany;
+                refused += !tooMany.IsGranted();
+                runners.WaitHere();
+                ++ran;
+            });
+        }
+        runners.AwaitArrivals(kRunning);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // in which more threads would be started
+        EXPECT_LE(pool.ThreadCount(), static_cast<size_t>(kRunning + kWaiting));
+        EXPECT_EQ(ran, 0);
+        runners.Open();
+        while (ran < 2 * kRunning)
+            std::this_thread::yield();
+        EXPECT_EQ(refused, 2 * kRunning);
+        waiters.Open();
+    }
+    // The places are free again.
+    TaskPool pool(0);
+    Door done;
+    Launch(pool, [&] {
+        const TaskPool::BlockingSection again;
+        EXPECT_TRUE(again.IsGranted());
+        done.WaitHere();
+    });
+    done.AwaitArrivals(1);
+    done.Open();
+}
+
 } // namespace
 } // namespace fodr::platform

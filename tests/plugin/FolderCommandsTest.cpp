@@ -102,6 +102,7 @@ TEST_F(FolderCommandRun, AddsFilesByNameAndMoreOfThemLater)
     EXPECT_TRUE(Command("REMOVE," + folder + "|(OVFCP)x"));
     EXPECT_TRUE(Command("REMOVE,5," + folder + "|plain")); // its files aren't looked at
     EXPECT_FALSE(OnSharedFolderCommand(nullptr, "desktop", "1", "ADD,/tmp|x"));
+    EXPECT_FALSE(OnSharedFolderCommand(&manager, nullptr, nullptr, nullptr));
 }
 
 } // namespace

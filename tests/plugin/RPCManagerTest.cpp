@@ -5,6 +5,7 @@
 #include "plugin/RecordingHost.h"
 
 #include <gtest/gtest.h>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,6 +18,7 @@ using Strings = std::vector<std::string>;
 
 struct TracedInstance : RPCPluginInstance {
     using RPCPluginInstance::RPCPluginInstance;
+    void OnInvoke(void *) override { throw std::bad_alloc(); }
     void OnReady() override { events += "ready "; }
     void OnNotReady() override { events += "gone "; }
     void OnConnectFailed() override { events += "failed "; }
@@ -121,6 +123,54 @@ TEST_F(RPCManagerTest, AnInstanceIsReadyWhenBothObjectsAreConnectedInEitherOrder
         session.Finish();
         EXPECT_TRUE(host.objects.empty());
     }
+}
+
+TEST_F(RPCManagerTest, AHostMayReportAnObjectsStateFromInsideItsCalls)
+{
+    for (const bool elsewhere : {false, true}) {
+        Session session;
+        RecordingHost &host = session.host;
+        host.reportsAtOnce = true;
+        host.reportsFromElsewhere = elsewhere;
+        session.Start();
+        host.Connection(CONNECTION_CONNECTED);
+        host.Channel(CONNECTION_CONNECTED);
+        host.PeerObject("fodrControlObj");
+        host.PeerObject("fodrDataObj");
+        EXPECT_EQ(session.instance->events, "ready ");
+        EXPECT_TRUE(session.CanSend());
+        const RecordingHost::Object object = host.objects.at("fodrDataObj");
+        host.calls.clear();
+        host.Connection(CONNECTION_DISCONNECTED);
+        EXPECT_EQ(host.calls,
+                  (Strings{"Disconnect", "DestroyObject fodrDataObj", "DestroyObject fodrControlObj"}));
+        EXPECT_EQ(session.instance->events, "ready gone ");
+        object.sink.OnObjectStateChanged(object.userData); // too late for an object that is gone
+        EXPECT_FALSE(session.CanSend());
+    }
+}
+
+TEST_F(RPCManagerTest, NothingIsThrownToTheHost)
+{
+    Session session;
+    session.Start();
+    session.host.BringUp();
+    EXPECT_NO_THROW(session.host.Deliver({"a"}));
+    EXPECT_NO_THROW(session.host.PeerObject(nullptr));
+}
+
+TEST_F(RPCManagerTest, ARecordWithoutQueryInterfaceIsNotReplacedByTheOneBefore)
+{
+    Session session;
+    session.Start();
+    session.Finish();
+    session.manager.ODPPluginExit();
+    session.host.asked.clear();
+    const PluginHostRecord none{};
+    EXPECT_TRUE(session.manager.ODPPluginInit(&none));
+    EXPECT_FALSE(session.manager.IsInitialized());
+    EXPECT_FALSE(session.manager.QueryHostInterface(ODP_OBSERVER, nullptr));
+    EXPECT_TRUE(session.host.asked.empty());
 }
 
 TEST_F(RPCManagerTest, AReconnectMakesNewObjectsOnTheSameInstance)

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
+#include <thread>
 
 namespace fodr::test {
 
@@ -67,10 +68,12 @@ void FillObject(ODPRPC_ChannelObjectInterface *table)
         call << "CreateObject " << name << " 0x" << std::hex << flags;
         host->objects[name] = {name, *sink, userData};
         *handle = &host->objects[name];
+        host->ReportAtOnce(name, OBJECT_CONNECTED);
         return host->Note(call.str());
     };
     table->DestroyObject = [](void *handle) {
         const std::string name = As<Object>(handle).name;
+        host->ReportAtOnce(name, OBJECT_DISCONNECTED);
         host->objects.erase(name);
         return host->Note("DestroyObject " + name);
     };
@@ -225,6 +228,14 @@ void RecordingHost::ObjectState(const std::string &name, int32_t state)
     objectStates[name] = state;
     const Object object = objects.at(name); // the notice may destroy it
     object.sink.OnObjectStateChanged(object.userData);
+}
+
+void RecordingHost::ReportAtOnce(const std::string &name, int32_t state)
+{
+    if (reportsFromElsewhere)
+        std::thread([&] { ObjectState(name, state); }).join();
+    else if (reportsAtOnce)
+        ObjectState(name, state);
 }
 
 void RecordingHost::Deliver(const std::vector<std::string> &blocks)

@@ -32,6 +32,8 @@ public:
     uint32_t objectOptions = 0;
     bool invokeSucceeds = true;
     std::map<std::string, int32_t> objectStates; // by object name
+    bool reportsAtOnce = false; // CONNECTED from inside CreateObject, DISCONNECTED from inside DestroyObject
+    bool reportsFromElsewhere = false; // and that on another thread
 
     std::vector<std::string> calls; // "Connect", "CreateObject fodrDataObj 0xd" ...
 
@@ -46,6 +48,8 @@ public:
 
     // Connection, channel, objects: to readiness, without a side channel.
     void BringUp();
+
+    void ReportAtOnce(const std::string &name, int32_t state);
 
     bool Called(const std::string &call) const;
     bool Note(const std::string &call) // true, as most entries answer

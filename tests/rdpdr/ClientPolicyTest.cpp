@@ -161,6 +161,21 @@ TEST(ClientPolicy, AFolderIsInThePolicyWithAllThatLiesBelowIt)
     }
 }
 
+TEST(ClientPolicy, KeepsSoManyFoldersAndTheMarksOfAll)
+{
+    Policy block;
+    for (size_t n = 0; n <= ClientPolicy::kMostFolders; ++n)
+        block.folders.push_back({5, "/" + std::to_string(n)});
+    block.folders[1].second = "/" + std::string(ClientPolicy::kLongestPath, 'x'); // too long by one
+    ClientPolicy policy;
+    Parse(policy, block.Block(6), 6);
+    EXPECT_EQ(Paths(policy).size(), ClientPolicy::kMostFolders);
+    block.folders.push_back({1, "/more"});
+    Parse(policy, block.Block(6), 6);
+    EXPECT_EQ(Paths(policy).size(), ClientPolicy::kMostFolders);
+    EXPECT_TRUE(policy.HasReadOnlyMark());
+}
+
 TEST(ClientPolicy, NothingOutsideOfABlockIsReadHoweverItIsCutOrMangled)
 {
     const Bytes good = Policy{.folders = {{1, "/srv/a"}, {0, "*all"}, {0, "C"}},

@@ -199,6 +199,7 @@ TEST_F(Handshake, PacketsOnThePoolLeadToTheSameShares)
     manager.Shutdown();
     RdpdrStreamPtr late(RdpdrStream::Create(4));
     EXPECT_FALSE(manager.OnDataReceived(late.get()));
+    EXPECT_FALSE(manager.AddSharedFolder(Folder("late"), "c", false, 0, ""));
     EXPECT_TRUE(channel.TakePackets().empty());
 }
 

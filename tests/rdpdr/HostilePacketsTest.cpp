@@ -1,7 +1,10 @@
 #include "ManagerFixture.h"
+#include "fileservice/RequestLimits.h"
+#include "platform/TaskPool.h"
 #include "rdpdr/ThreadPoolDataHandlerImpl.h"
 
 #include <atomic>
+#include <chrono>
 #include <random>
 #include <set>
 #include <thread>
@@ -99,6 +102,109 @@ TEST_F(HostilePackets, SharesComeAndGoWhilePacketsAreServed)
         numbers.insert(share.substr(0, share.find(' ')));
     for (const std::string &share : shares)
         EXPECT_TRUE(share[0] != '-' || numbers.contains(share.substr(1))) << share;
+}
+
+Bytes WatchOf(uint32_t fileId, uint32_t completionId, size_t padding = 0)
+{
+    DR_DEVICE_IOREQUEST request{
+        65535, fileId, completionId, IRP_MJ_DIRECTORY_CONTROL, IRP_MN_NOTIFY_CHANGE_DIRECTORY, {}};
+    request.SetBody(DR_DRIVE_NOTIFY_CHANGE_DIRECTORY_REQ{.WatchTree = 0, .CompletionFilter = 1});
+    return PacketOf(request, Bytes(padding, 1));
+}
+
+// What is behind such a request doesn't keep the others out either: all together would be far above what may
+// be held.
+TEST_F(HostilePackets, WithAsManyNotificationsAsMayWaitOthersAreRefusedAndReadsAnswered)
+{
+    constexpr uint32_t kMost = platform::TaskPool::kMostWaiting;
+    LogOn(6);
+    Add(Folder("a"));
+    const uint32_t fileId = LoadLittle<uint32_t>(Answers(OpenRoot(65535)).at(0).data() + 16);
+    for (uint32_t n = 0; n < kMost + 5; ++n)
+        Receive({WatchOf(fileId, 1000 + n, 100000)});
+    for (const Bytes &answer : channel.TakePackets(5))
+        EXPECT_EQ(StatusOf(answer), static_cast<uint32_t>(nt::STATUS_INSUFFICIENT_RESOURCES));
+    Receive({OpenRoot(65535)});
+    EXPECT_EQ(StatusOf(channel.TakePackets(1).at(0)), 0u);
+    // The close ends them all.
+    Receive({PacketOf(DR_DEVICE_IOREQUEST{65535, fileId, 2, IRP_MJ_CLOSE, 0, {}})});
+    EXPECT_EQ(channel.TakePackets(kMost + 1).size(), kMost + 1);
+    Receive({OpenRoot(65535)});
+    const uint32_t again = LoadLittle<uint32_t>(channel.TakePackets(1).at(0).data() + 16);
+    Receive({WatchOf(again, 3)});
+    manager.Shutdown();
+}
+
+// Lets no answer out while it is shut.
+class DeafChannel : public IRdpdrChannel {
+public:
+    bool NotifyODPObserver(const char *, const char *) override { return true; }
+    bool WriteChannel(RdpdrStream *) override
+    {
+        isOpen.wait(false);
+        return true;
+    }
+    void Open()
+    {
+        isOpen = true;
+        isOpen.notify_all();
+    }
+
+private:
+    std::atomic<bool> isOpen{false};
+};
+
+TEST(PacketBudget, AConnectionIsReadOnlyAsFarAsItsRequestsAreServed)
+{
+    constexpr size_t kSize = 8u << 20; // of a packet; as many fit as there is room for with what they cost
+    constexpr size_t kFit = PacketBudget::kMostBytes / (kSize + PacketBudget::kCostOfAny);
+    DeafChannel channel;
+    RdpdrChannelManager manager;
+    manager.Initialize(&channel, nullptr);
+    std::atomic<size_t> taken{0};
+    std::thread connection([&] {
+        for (; taken < kFit + 3; ++taken) {
+            RdpdrStream *stream = RdpdrStream::Create(kSize);
+            const Bytes announce = ServerAnnounce(1);
+            stream->Write(announce.data(), announce.size());
+            EXPECT_TRUE(manager.OnDataReceived(stream));
+        }
+    });
+    while (taken < kFit)
+        std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(taken, kFit);
+    channel.Open();
+    connection.join();
+    manager.Shutdown();
+}
+
+TEST(PacketBudget, APacketCostsItselfAndItsAnswerAndOneAboveAllHasRoomAlone)
+{
+    const auto costOf = [](uint32_t major, uint32_t minor, const auto &body, size_t padding) {
+        DR_DEVICE_IOREQUEST request{65535, 1, 1, major, minor, {}};
+        request.SetBody(body);
+        Bytes packet = PacketOf(request, Bytes(padding, 0xFF));
+        RdpdrStream stream(packet.data(), static_cast<int32_t>(packet.size()));
+        return PacketBudget::CostOf(stream) - packet.size() - PacketBudget::kCostOfAny;
+    };
+    EXPECT_EQ(costOf(IRP_MJ_READ, 0, DR_READ_REQ{100, 0}, 0), 200u);
+    EXPECT_EQ(costOf(IRP_MJ_READ, 0, DR_READ_REQ{0xFFFFFFFF, 0}, 7), 2 * kLongestRead);
+    EXPECT_EQ(costOf(IRP_MJ_WRITE, 0, DR_WRITE_REQ{0xFFFFFFFF, 0}, 100), 0u);
+    EXPECT_EQ(costOf(IRP_MJ_DEVICE_CONTROL, 0, DR_CONTROL_REQ{0xFFFFFFFF, 0, 0}, 0),
+              2 * kLongestControlOutput);
+    EXPECT_EQ(costOf(IRP_MJ_DIRECTORY_CONTROL, IRP_MN_QUERY_DIRECTORY, DR_READ_REQ{}, 0), 2 * kListingAnswer);
+
+    PacketBudget budget;
+    budget.Take(PacketBudget::kMostBytes + 1);
+    std::atomic<bool> second{false};
+    std::thread other([&] {
+        budget.Take(PacketBudget::kMostBytes + 1);
+        second = true;
+    });
+    EXPECT_FALSE(second);
+    budget.GiveBack(PacketBudget::kMostBytes + 1);
+    other.join();
 }
 
 TEST(ThreadPoolDataHandler, RunsEverythingBeforeItIsGone)

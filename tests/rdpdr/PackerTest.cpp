@@ -98,7 +98,7 @@ TEST(RdpdrPacker, RenamesToANameBelowTheRoot)
     const Native refused{STATUS_INVALID_PARAMETER, false, {}};
     for (size_t size = 0; size < wire.size(); ++size)
         EXPECT_EQ(Unpack(FileRenameInformation, Cut(wire, size), size), refused) << size;
-    for (uint32_t lying : {7u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
+    for (uint32_t lying : {0u, 1u, 7u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
         StoreLittle(wire.data() + 2, lying);
         EXPECT_EQ(Unpack(FileRenameInformation, wire, wire.size()), refused) << lying;
     }

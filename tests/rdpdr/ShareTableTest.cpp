@@ -245,10 +245,16 @@ TEST_F(LocalShares, AFolderThatTheMachineDoesNotAllowIsAsGoodAsMissing)
         settings.SetList("AllowedFolders", c.entries);
         auto fresh = Fresh({VersionExchange(1)});
         CapturedLog log(LOG_LEVEL_WARN);
-        EXPECT_TRUE(fresh->AddSharedFolder(c.path, "c", false, 0, ""));
+        channel.TakeNotices();
+        EXPECT_EQ(fresh->AddSharedFolder(c.path, "c", false, 0, ""), c.announced); // whatever the cookie
+        EXPECT_EQ(channel.TakeNotices(),
+                  c.announced ? Strings{}
+                              : Strings{"c|FOLDER_REDIRECTION_CMD_STATUS,Folder not exist or invalid "
+                                        "parameter or configuration"});
         std::string warning = "W Folder " + c.path + " is outside of the folders that this machine allows.\n";
         EXPECT_EQ(Logged(warning), c.announced ? 0u : 1u);
-        fresh->OnDeviceAvailable(c.path[0]); // nor does the arrival of its drive change that
+        settings.SetList("AllowedFolders", {"/"}); // what was refused left no entry that could come to life
+        fresh->OnDeviceAvailable(c.path[0]);
         EXPECT_EQ(TakeShares().size(), c.announced ? 1u : 0u);
     }
     LogOn(6, {.sharedByAgent = true, .folders = {{0, a}}}); // whoever asks
@@ -321,6 +327,32 @@ TEST_F(LocalShares, TheRootOfAllIsAShareLikeAnyOther)
     const Strings file{root.substr(1) + "\\file"};
     EXPECT_EQ(OpenedOf(manager, file), file);
     EXPECT_TRUE(manager.RemoveSharedFolder("/", "", "c"));
+}
+
+// A policy as large as a frame, of folders that are all named alike, and again with others.
+TEST_F(LocalShares, AnAgentsPolicyFillsNoMoreThanItsPartOfTheTable)
+{
+    const auto block = [&](const std::string &where, size_t count) {
+        Policy policy;
+        for (size_t n = 0; n < count; ++n)
+            policy.folders.push_back(
+                {5, Folder(where + std::to_string(n) + platform::LocalSeparator() + "same")});
+        Bytes bytes = policy.Block(6);
+        // Entries without a path up to 16 MiB.
+        const size_t empty = (16 << 20) / 8;
+        const uint32_t length = LoadLittle<uint32_t>(bytes.data() + 8) + static_cast<uint32_t>(8 * empty);
+        StoreLittle(bytes.data() + 8, length);
+        bytes.insert(bytes.end() - 4, 8 * empty, 0);
+        return bytes;
+    };
+    LogOn(6);
+    Feed(PolicyPacket(block("a", RdpdrChannelManager::kMostForPolicy - 1)));
+    Feed(PolicyPacket(block("b", 10)));
+    EXPECT_EQ(TakeShares().size(), RdpdrChannelManager::kMostForPolicy);
+    // The user's own have room.
+    for (size_t n = RdpdrChannelManager::kMostForPolicy; n < RdpdrChannelManager::kMostShares; ++n)
+        ASSERT_EQ(Add(Folder("own" + std::to_string(n))), Strings{}) << n;
+    EXPECT_EQ(Add(Folder("one-more")), Strings{"Internal system error"});
 }
 
 TEST_F(ShareTable, ThePolicyMarksSharesReadOnly)

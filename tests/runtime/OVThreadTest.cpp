@@ -100,6 +100,30 @@ TEST_F(OVThreadTest, EndsByItsCallback)
                                      "I OVThreadData::Run(): Thread worker exited by callback"));
 }
 
+// The log asks it whether it runs, under the very lock that its last line waits for.
+TEST_F(OVThreadTest, AnswersWhileItWritesItsLastLine)
+{
+    static OVEvent lastLine(true, false), mayEnd(true, false);
+    SetLogHandler([](const char *, int32_t, const char *format, va_list) {
+        if (std::string_view(format) != "Thread %s %s")
+            return;
+        lastLine.Set();
+        mayEnd.Wait();
+    });
+    ASSERT_TRUE(Start([](OVThread *) { return false; }));
+    EXPECT_EQ(OVEvent::kSignalled, lastLine.Wait());
+    std::thread waiters[2];
+    for (std::thread &waiter : waiters)
+        waiter = std::thread([&] { EXPECT_TRUE(thread->WaitForStop()); });
+    for (int i = 0; i < 5000; ++i) {
+        EXPECT_EQ(OVEvent::kTimeout, thread->ThreadEvent().Wait(0));
+        std::this_thread::yield();
+    }
+    mayEnd.Set();
+    for (std::thread &waiter : waiters)
+        waiter.join();
+}
+
 TEST_F(OVThreadTest, OutlivesItsOwnerUntilTheCallReturns)
 {
     for (const bool endedByItself : {false, true}) {

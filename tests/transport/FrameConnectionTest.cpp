@@ -149,6 +149,16 @@ TEST_P(Connected, ClosingFreesSendersThatWait)
     EXPECT_EQ(failed, 4);
 }
 
+TEST_P(Connected, APeerThatTakesNothingIsGivenUp)
+{
+    a->connection.SetWriteTimeout(20);
+    a->connection.Start();
+    const Bytes payload(8 << 20);
+    while (a->connection.SendPost(1, 1, payload)) {
+    }
+    EXPECT_EQ(a->heard.Take(), "closed: the peer doesn't take what is sent");
+}
+
 TEST_P(Connected, ASilentPeerIsGivenUpAndALivingOneIsNot)
 {
     // b answers pings; its own end asks for nothing.

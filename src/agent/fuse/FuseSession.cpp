@@ -1,5 +1,6 @@
 #include "agent/fuse/FuseSession.h"
 
+#include "agent/fuse/ErrorLines.h"
 #include "agent/fuse/Fuse.h"
 #include "agent/fuse/FuseOperations.h"
 
@@ -105,10 +106,13 @@ std::unique_ptr<FuseSession> FuseSession::Mount(FileSystem &fileSystem, const Op
         return nullptr;
     }
     std::unique_ptr<FuseSession> mounted(new FuseSession(fileSystem, session, stopEvent));
+    ErrorLines said; // the library, and the program that it starts, give their reasons there alone
     if (fuse_session_mount(session, options.mountPoint.c_str()) != 0) {
-        *error = options.mountPoint + ": mounting was refused; the lines above say why";
+        const std::string reason = said.Take();
+        *error = options.mountPoint + ": mounting was refused" + (reason.empty() ? "" : ": " + reason);
         return nullptr;
     }
+    said.Take();
     const int device = fuse_session_fd(session);
     const fuse_custom_io throughUs = {
         .writev = WriteAnswer, .read = ReadRequest, .splice_receive = nullptr, .splice_send = nullptr};

@@ -1,5 +1,7 @@
 #include "platform/linux/FdStream.h"
 
+#include "platform/linux/LoopbackPeer.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -11,13 +13,16 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/uio.h>
+#include <utility>
 
 namespace fodr::platform {
 namespace {
@@ -25,6 +30,7 @@ namespace {
 constexpr size_t kMaxBlocks = 64;           // of one system call
 constexpr int kLocalSocketBuffer = 4 << 20; // asked for; the kernel's limit may be lower
 constexpr int kPipeBuffer = 1 << 20;
+constexpr int kSlices = 4; // of the time that a write may take
 
 bool IsSocket(int fd)
 {
@@ -119,6 +125,15 @@ public:
         return written > 0 ? static_cast<size_t>(written) : 0;
     }
 
+    void SetWriteTimeout(int timeoutMS) override
+    {
+        writeSliceMS = std::max(timeoutMS / kSlices, 1);
+        const timeval time{writeSliceMS / 1000, (writeSliceMS % 1000) * 1000};
+        writeWaits = writeIsSocket && (fcntl(WriteEnd(), F_GETFL) & O_NONBLOCK) == 0 &&
+                     setsockopt(WriteEnd(), SOL_SOCKET, SO_SNDTIMEO, &time, sizeof(time)) == 0;
+    }
+    bool WriteTimedOut() const override { return writeTimedOut; }
+
     void Shutdown() override
     {
         shutDown = true;
@@ -143,6 +158,8 @@ public:
     {
         ucred peer{};
         socklen_t size = sizeof(peer);
+        if (readIsSocket && LoopbackPeerIsThisUser(readFd.Get()))
+            return true;
         return readIsSocket && getsockopt(readFd.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
                size == sizeof(peer) && peer.pid != 0 && peer.uid == geteuid();
     }
@@ -216,18 +233,37 @@ private:
         return sendmsg(WriteEnd(), &message, MSG_NOSIGNAL | flags);
     }
 
+    // What the kernel still holds for the peer.
+    int Untaken() const
+    {
+        int bytes = 0;
+        ioctl(WriteEnd(), writeIsSocket ? SIOCOUTQ : FIONREAD, &bytes);
+        return bytes;
+    }
+
     bool WriteVectors(std::span<iovec> vectors)
     {
+        // The kernel wants more of new data only when much of the old is gone, which takes long over a slow
+        // line. So what counts is that the old gets less.
+        int untaken = 0;
+        int stalls = 0;
         while (!vectors.empty() && !shutDown) {
             const ssize_t written = WriteOnce(vectors, 0);
             if (written < 0 && errno == EINTR)
                 continue;
             if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-                WaitFor(WriteEnd(), POLLOUT, kNoTimeout);
+                if (!writeWaits && WaitFor(WriteEnd(), POLLOUT, writeSliceMS))
+                    continue;
+                const int before = std::exchange(untaken, Untaken());
+                stalls = untaken < before ? 0 : stalls + 1;
+                writeTimedOut = stalls >= kSlices;
+                if (writeTimedOut)
+                    return false;
                 continue;
             }
             if (written < 0)
                 return false;
+            stalls = 0;
             vectors = Advance(vectors, static_cast<size_t>(written));
         }
         return vectors.empty();
@@ -252,6 +288,9 @@ private:
     bool readIsSocket = false;
     bool writeIsSocket = false;
     int receiveTimeoutMS = kNoTimeout; // the reader's
+    int writeSliceMS = kNoTimeout;
+    bool writeWaits = false; // for a slice, in the system call
+    std::atomic<bool> writeTimedOut{false};
     std::atomic<bool> shutDown{false};
 };
 

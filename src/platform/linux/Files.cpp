@@ -94,6 +94,11 @@ uint32_t CreateFolder(const std::string &path)
     return S_ISDIR(facts.st_mode) && facts.st_uid == geteuid() ? kErrorAlreadyExists : kErrorAccessDenied;
 }
 
+uint32_t RemoveFolder(const std::string &path)
+{
+    return rmdir(path.c_str()) == 0 ? kErrorSuccess : SystemErrorFromErrno(errno);
+}
+
 std::FILE *OpenSharedFile(const std::string &path, const char *mode)
 {
     return std::fopen(path.c_str(), (std::string(mode) + "e").c_str());

@@ -58,7 +58,7 @@ struct OpenFiles {
 
 OpenFiles &Files()
 {
-    static OpenFiles files;
+    static OpenFiles &files = *new OpenFiles; // a plug-in that lives in a static still reads and writes then
     return files;
 }
 

@@ -120,6 +120,8 @@ bool RemoveLeftOver(const std::string &path)
     return errno == ECONNREFUSED && unlink(path.c_str()) == 0;
 }
 
+constexpr int kTryAgainMS = 100;
+
 class FdListener final : public StreamListener {
 public:
     FdListener(Fd listening, Fd wake, std::string path)
@@ -153,7 +155,11 @@ public:
             Fd peer(accept4(fd.Get(), nullptr, nullptr, SOCK_CLOEXEC));
             if (peer.Valid())
                 return MakeSocketStream(std::move(peer));
-            if (errno == EMFILE || errno == ENFILE || errno == EBADF || errno == EINVAL)
+            if (errno == EBADF || errno == EINVAL)
+                return nullptr;
+            // The peer waits until there is a descriptor for it.
+            const bool full = errno == EMFILE || errno == ENFILE;
+            if (full && (poll(&wanted[1], 1, kTryAgainMS) > 0 || timeoutMS >= 0))
                 return nullptr;
         }
     }

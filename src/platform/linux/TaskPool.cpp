@@ -18,6 +18,13 @@ TaskPool::Impl::~Impl()
     for (Worker *worker : idle)
         worker->wake.notify_one();
     lastThreadGone.wait(lock, [this] { return threads == 0; });
+    watchEnded = true;
+    watchWake.notify_one();
+    lock.unlock();
+    if (hasWatcher)
+        pthread_join(watcher, nullptr);
+    lock.lock();
+    lastThreadGone.wait(lock, [this] { return threads == 0; }); // the watch may have started the last one
     // Only what was left for want of a thread.
     while (!queue.empty()) {
         const Task task = queue.front();
@@ -26,18 +33,17 @@ TaskPool::Impl::~Impl()
         task.callback(task.context);
         lock.lock();
     }
-    watchEnded = true;
-    watchWake.notify_one();
     lock.unlock();
     if (hasLeaver)
         pthread_join(leaver, nullptr);
-    if (hasWatcher)
-        pthread_join(watcher, nullptr);
 }
 
 bool TaskPool::Impl::Submit(void (*callback)(void *), void *context)
 {
     Lock lock(mutex);
+    // Threads that are only being made may not come to be: whoever relies on them waits for the outcome.
+    const auto isSettled = [this] { return starting == 0 || threads > starting; };
+    startSettled.wait(lock, isSettled);
     const uint64_t number = ++submitted;
     try {
         queue.push_back({callback, context, number});
@@ -50,6 +56,7 @@ bool TaskPool::Impl::Submit(void (*callback)(void *), void *context)
     if (CarryOut(orders))
         return true;
     lock.lock();
+    startSettled.wait(lock, isSettled);
     if (threads != 0)
         return true; // the others get round to it
     const auto mine = std::find_if(queue.begin(), queue.end(),
@@ -71,9 +78,11 @@ void TaskPool::Impl::Become(Worker &worker, State state)
 {
     searching -= worker.state == State::Searching;
     running -= worker.state == State::Running;
+    blocked -= worker.state == State::Blocked;
     worker.state = state;
     searching += state == State::Searching;
     running += state == State::Running;
+    blocked += state == State::Blocked;
     worker.stretch += state == State::Running;
 }
 
@@ -99,10 +108,11 @@ TaskPool::Impl::Orders TaskPool::Impl::CallWorker()
         Become(*worker, State::Searching);
         return {worker, nullptr};
     }
-    Worker *worker = threads < limit ? UnusedRecord() : nullptr;
+    Worker *worker = HasRoom() ? UnusedRecord() : nullptr;
     if (!worker)
         return {};
     ++threads;
+    ++starting;
     Become(*worker, State::Searching);
     return {nullptr, worker};
 }
@@ -131,9 +141,12 @@ bool TaskPool::Impl::CarryOut(Orders orders)
     if (!orders.start)
         return true;
     pthread_t thread;
-    if (StartSmallThread(&thread, WorkerEntry, orders.start))
-        return true;
+    const bool started = StartSmallThread(&thread, WorkerEntry, orders.start);
     Lock lock(mutex);
+    --starting;
+    startSettled.notify_all();
+    if (started)
+        return true;
     Become(*orders.start, State::Gone);
     --threads;
     if (threads == 0)
@@ -143,17 +156,24 @@ bool TaskPool::Impl::CarryOut(Orders orders)
     return false;
 }
 
-void TaskPool::Impl::EnterBlocking()
+bool TaskPool::Impl::EnterBlocking()
 {
     Worker *self = ownWorker;
-    if (!self || self->blockingDepth++ > 0)
-        return;
+    if (!self || self->blockingDepth > 0) {
+        if (self)
+            ++self->blockingDepth;
+        return true;
+    }
+    if (!TakeWaitingPlace())
+        return false;
+    self->blockingDepth = 1;
     Impl &pool = *self->pool;
     Lock lock(pool.mutex);
     pool.Become(*self, State::Blocked);
     const Orders orders = pool.CallHelp();
     lock.unlock();
     pool.CarryOut(orders);
+    return true;
 }
 
 void TaskPool::Impl::LeaveBlocking()
@@ -161,6 +181,7 @@ void TaskPool::Impl::LeaveBlocking()
     Worker *self = ownWorker;
     if (!self || --self->blockingDepth > 0)
         return;
+    LeaveWaitingPlace();
     Lock lock(self->pool->mutex);
     self->pool->Become(*self, State::Running);
 }
@@ -181,14 +202,12 @@ size_t TaskPool::ThreadCount() const
     return impl->ThreadCount();
 }
 
-TaskPool::BlockingSection::BlockingSection()
-{
-    Impl::EnterBlocking();
-}
+TaskPool::BlockingSection::BlockingSection() : granted(Impl::EnterBlocking()) {}
 
 TaskPool::BlockingSection::~BlockingSection()
 {
-    Impl::LeaveBlocking();
+    if (granted)
+        Impl::LeaveBlocking();
 }
 
 } // namespace fodr::platform

@@ -23,13 +23,14 @@ namespace fodr::platform {
 class TaskPool::Impl {
 public:
     Impl(uint32_t threadLimit, Patience given)
-        : limit(threadLimit == 0 ? SIZE_MAX : threadLimit), patience(given)
+        : limit(threadLimit == 0 ? kMostRunning : threadLimit), waitersCount(threadLimit != 0),
+          patience(given)
     {}
     ~Impl();
 
     bool Submit(void (*callback)(void *), void *context);
     size_t ThreadCount();
-    static void EnterBlocking();
+    static bool EnterBlocking();
     static void LeaveBlocking();
 
 private:
@@ -63,6 +64,7 @@ private:
     static thread_local Worker *ownWorker;
 
     void Become(Worker &worker, State state);
+    bool HasRoom() const { return threads - (waitersCount ? 0 : blocked) < limit; }
     Orders CallHelp();
     Orders CallWorker();
     bool CarryOut(Orders orders);
@@ -81,6 +83,7 @@ private:
 
     const size_t target = std::max<size_t>(4, 2 * std::thread::hardware_concurrency());
     const size_t limit;
+    const bool waitersCount; // against the limit
     const Patience patience;
     const bool mayLookAround = std::thread::hardware_concurrency() > 1;
 
@@ -92,8 +95,11 @@ private:
     std::deque<Worker> workers;
     std::vector<Worker *> idle; // the one that rested last is called first
     size_t threads = 0;
+    size_t starting = 0; // of them those that are being made
+    std::condition_variable startSettled;
     size_t searching = 0; // threads on their way to the queue
     size_t running = 0;
+    size_t blocked = 0;
     bool stopping = false;
     std::condition_variable lastThreadGone;
     // A leaving thread joins the one that left before it, the destructor joins the last.

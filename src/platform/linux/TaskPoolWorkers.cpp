@@ -94,7 +94,7 @@ bool TaskPool::Impl::Rest(Lock &lock, Worker &self)
 // The watch runs while work waits although all threads that should be running are.
 void TaskPool::Impl::StartWatching()
 {
-    if (watching || (idle.empty() && threads >= limit))
+    if (watching || (idle.empty() && !HasRoom()))
         return;
     if (!hasWatcher)
         hasWatcher = StartSmallThread(&watcher, WatchEntry, this);
@@ -121,7 +121,7 @@ void TaskPool::Impl::Watch()
         const uint64_t completedBefore = completed;
         if (watchWake.wait_for(lock, patience.stall, [this] { return watchEnded; }))
             return;
-        if (!queue.empty() && (!idle.empty() || threads < limit)) {
+        if (!queue.empty() && (!idle.empty() || HasRoom())) {
             RelieveStalled(lock, completedBefore);
         } else {
             watching = false;

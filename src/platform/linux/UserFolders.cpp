@@ -12,6 +12,22 @@
 
 namespace fodr::platform {
 
+namespace {
+
+constexpr char kMachineSettings[] = "/etc/fodr";
+
+// Of this user, whether it is there or not; empty for one without a home.
+std::string OwnSettingsFolder()
+{
+    const std::string configuration = GetEnvironment("XDG_CONFIG_HOME");
+    if (!configuration.empty())
+        return configuration + "/fodr";
+    const std::string home = GetEnvironment("HOME");
+    return home.empty() ? "" : home + "/.config/fodr";
+}
+
+} // namespace
+
 std::string RuntimeFolder()
 {
     const std::string runtime = GetEnvironment("XDG_RUNTIME_DIR");
@@ -49,6 +65,11 @@ std::string TemporaryFolder()
     return folder.ends_with('/') ? folder : folder + '/';
 }
 
+bool TemporaryFolderIsPerSession()
+{
+    return false;
+}
+
 std::string ServiceLogFolder()
 {
     return "/var/log/orvane/";
@@ -70,14 +91,37 @@ std::string SettingsFolder()
     const std::string chosen = GetEnvironment("FODR_SETTINGS_DIR");
     if (!chosen.empty())
         return chosen;
-    std::string configuration = GetEnvironment("XDG_CONFIG_HOME");
-    const std::string home = GetEnvironment("HOME");
-    if (configuration.empty() && !home.empty())
-        configuration = home + "/.config";
+    const std::string own = OwnSettingsFolder();
     std::error_code ignored;
-    if (!configuration.empty() && std::filesystem::is_directory(configuration + "/fodr", ignored))
-        return configuration + "/fodr";
-    return "/etc/fodr";
+    return !own.empty() && std::filesystem::is_directory(own, ignored) ? own : kMachineSettings;
+}
+
+std::string MakeSettingsFolder()
+{
+    const std::string own = OwnSettingsFolder();
+    if (own.empty() || SettingsFolder() != kMachineSettings || geteuid() == 0 ||
+        access(kMachineSettings, W_OK) == 0)
+        return {};
+    // Whole or not at all: without a limit that the machine sets, more could be shared than before.
+    namespace fs = std::filesystem;
+    std::error_code error, ignored;
+    std::string filling = own + ".XXXXXX";
+    fs::create_directories(fs::path(own).parent_path(), ignored);
+    if (!mkdtemp(filling.data()))
+        return {};
+    fs::directory_iterator file(kMachineSettings, error);
+    if (error == std::errc::no_such_file_or_directory)
+        error.clear();
+    for (; !error && file != fs::directory_iterator(); file.increment(error)) {
+        if (file->path().extension() == ".ini" &&
+            !fs::copy_file(file->path(), filling / file->path().filename(), error))
+            break;
+    }
+    if (!error)
+        fs::rename(filling, own, error);
+    if (error)
+        fs::remove_all(filling, ignored);
+    return error ? "" : own;
 }
 
 bool ErrorOutputIsTerminal()

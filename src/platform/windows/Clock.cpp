@@ -47,6 +47,9 @@ LocalZone CurrentLocalZone()
 {
     TIME_ZONE_INFORMATION zone{};
     const DWORD season = GetTimeZoneInformation(&zone);
+    // Where there is no daylight time the log shows no zone at all.
+    if (season != TIME_ZONE_ID_STANDARD && season != TIME_ZONE_ID_DAYLIGHT)
+        return {"", static_cast<int32_t>(zone.Bias)};
     const bool summer = season == TIME_ZONE_ID_DAYLIGHT;
     return {Narrow(summer ? zone.DaylightName : zone.StandardName),
             static_cast<int32_t>(zone.Bias + (summer ? zone.DaylightBias : zone.StandardBias))};

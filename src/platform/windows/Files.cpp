@@ -66,6 +66,12 @@ uint32_t CreateFolder(const std::string &path)
     return error == kErrorAlreadyExists && !ThisUserOwns(wide) ? kErrorAccessDenied : error;
 }
 
+uint32_t RemoveFolder(const std::string &path)
+{
+    std::wstring wide;
+    return Widen(path, wide) ? Outcome(RemoveDirectoryW(wide.c_str())) : kErrorInvalidName;
+}
+
 std::FILE *OpenSharedFile(const std::string &path, const char *mode)
 {
     std::wstring wide;

@@ -101,14 +101,17 @@ ptrdiff_t HandleStream::Read(std::span<std::byte> buffer, int timeoutMS)
 
 bool HandleStream::WriteBlock(ByteView block)
 {
-    constexpr size_t kMost = 1 << 24; // of one call
+    // Of one call. With a limit of time a piece that a slow line moves in it.
+    const size_t most = writeTimeoutMS < 0 ? 1 << 24 : 1 << 16;
     while (!block.empty()) {
         OVERLAPPED overlapped{};
         overlapped.hEvent = writeDone.Get();
         DWORD moved = 0;
-        const ByteView part = block.first(std::min(block.size(), kMost));
+        const ByteView part = block.first(std::min(block.size(), most));
         const DWORD started = WriteEnd().StartWrite(part, &overlapped);
-        if (Await(WriteEnd(), &overlapped, started, kNoTimeout, &moved) != ERROR_SUCCESS)
+        const DWORD result = Await(WriteEnd(), &overlapped, started, writeTimeoutMS, &moved);
+        writeTimedOut = result == WAIT_TIMEOUT;
+        if (result != ERROR_SUCCESS)
             return false;
         block = block.subspan(moved);
     }

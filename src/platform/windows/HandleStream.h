@@ -4,6 +4,7 @@
 #include "platform/ByteStream.h"
 #include "platform/windows/OwnedHandle.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 
@@ -34,6 +35,8 @@ public:
 
     ptrdiff_t Read(std::span<std::byte> buffer, int timeoutMS) override;
     bool Write(std::span<const ByteView> blocks) override;
+    void SetWriteTimeout(int timeoutMS) override { writeTimeoutMS = timeoutMS; }
+    bool WriteTimedOut() const override { return writeTimedOut; }
     void Shutdown() override;
     bool PeerIsThisUser() const override;
 
@@ -49,6 +52,9 @@ private:
     const OwnedHandle stop; // manual-reset
     const OwnedHandle readDone;
     const OwnedHandle writeDone;
+
+    int writeTimeoutMS = kNoTimeout;
+    std::atomic<bool> writeTimedOut{false};
 
     std::mutex lock;
     int users = 0; // under lock: calls that use the ends

@@ -1,9 +1,13 @@
 // TCP for ByteStream.h.
 #include "platform/SystemError.h"
 #include "platform/windows/HandleStream.h"
+#include "platform/windows/UserIdentity.h"
+
+#include <iphlpapi.h>
 
 #include <algorithm>
 #include <chrono>
+#include <vector>
 
 namespace fodr::platform {
 
@@ -39,6 +43,46 @@ bool StartSockets()
 DWORD LastSocketError()
 {
     return static_cast<DWORD>(WSAGetLastError());
+}
+
+// The process at the other end of a connection within this machine; 0 when there is none. IPv4 alone: what we
+// listen on without a token is 127.0.0.1.
+DWORD ProcessOfLoopbackPeer(SOCKET socket)
+{
+    sockaddr_in own{}, peer{};
+    int ownSize = sizeof(own), peerSize = sizeof(peer);
+    if (getsockname(socket, reinterpret_cast<sockaddr *>(&own), &ownSize) != 0 ||
+        getpeername(socket, reinterpret_cast<sockaddr *>(&peer), &peerSize) != 0 ||
+        own.sin_family != AF_INET || peer.sin_family != AF_INET)
+        return 0;
+    const auto isLoopback = [](const sockaddr_in &name) { return ntohl(name.sin_addr.s_addr) >> 24 == 127; };
+    if (!isLoopback(own) || !isLoopback(peer))
+        return 0;
+    std::vector<std::byte> space;
+    DWORD size = 64 * 1024, result;
+    do {
+        space.resize(size);
+        result = GetExtendedTcpTable(space.data(), &size, FALSE, AF_INET, TCP_TABLE_OWNER_PID_CONNECTIONS, 0);
+    } while (result == ERROR_INSUFFICIENT_BUFFER);
+    if (result != NO_ERROR)
+        return 0;
+    const auto *table = reinterpret_cast<const MIB_TCPTABLE_OWNER_PID *>(space.data());
+    for (DWORD i = 0; i < table->dwNumEntries; ++i) {
+        const MIB_TCPROW_OWNER_PID &row = table->table[i];
+        if (row.dwLocalAddr == peer.sin_addr.s_addr && row.dwRemoteAddr == own.sin_addr.s_addr &&
+            static_cast<u_short>(row.dwLocalPort) == peer.sin_port &&
+            static_cast<u_short>(row.dwRemotePort) == own.sin_port)
+            return row.dwOwningPid;
+    }
+    return 0;
+}
+
+bool LoopbackPeerIsThisUser(SOCKET socket)
+{
+    const DWORD id = ProcessOfLoopbackPeer(socket);
+    const OwnedHandle process(id != 0 ? OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, id) : nullptr);
+    const std::wstring user = process ? UserOfProcess(process.Get()) : std::wstring();
+    return !user.empty() && user == UserOfProcess(GetCurrentProcess());
 }
 
 class SocketEnd final : public StreamEnd {
@@ -80,6 +124,8 @@ public:
         shutdown(socket.Get(), SD_SEND);
         return false;
     }
+
+    bool PeerIsThisUser() const override { return LoopbackPeerIsThisUser(socket.Get()); }
 
 private:
     static DWORD Outcome(bool succeeded) { return succeeded ? ERROR_SUCCESS : LastSocketError(); }

@@ -19,9 +19,11 @@ uint32_t SystemErrorFromErrno(int errnoValue)
 std::string SystemErrorText(uint32_t code)
 {
     wchar_t *text = nullptr;
+    // The width mask makes one line of a message of several; the language is the user's.
     const DWORD length = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
-                                            FORMAT_MESSAGE_IGNORE_INSERTS,
-                                        nullptr, code, 0, reinterpret_cast<wchar_t *>(&text), 0, nullptr);
+                                            FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK,
+                                        nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
+                                        reinterpret_cast<wchar_t *>(&text), 0, nullptr);
     std::string sentence = Narrow(std::wstring_view(text ? text : L"", length));
     LocalFree(text);
     const size_t end = sentence.find_last_not_of("\r\n .");

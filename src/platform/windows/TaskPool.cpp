@@ -13,6 +13,8 @@ namespace {
 
 // Of the task that runs on this thread; null outside of one, and once it has said that it will wait.
 thread_local PTP_CALLBACK_INSTANCE currentInstance = nullptr;
+thread_local bool inTask = false;
+thread_local uint32_t blockingDepth = 0;
 
 // Lives as long as the last task that tells it of its end.
 class TaskCount {
@@ -58,7 +60,9 @@ void CALLBACK RunTask(PTP_CALLBACK_INSTANCE instance, void *argument, PTP_WORK)
     const QuietThread quiet;
     task->count->Started();
     currentInstance = instance;
+    inTask = true;
     task->callback(task->context);
+    inTask = false;
     currentInstance = nullptr;
     task->count->Ended();
 }
@@ -72,8 +76,8 @@ public:
     {
         InitializeThreadpoolEnvironment(&environment);
         if (pool) {
-            if (maxThreads > 0) // else the system's default
-                SetThreadpoolThreadMaximum(pool, maxThreads);
+            // The system counts those that wait as well, and they must not keep the others out.
+            SetThreadpoolThreadMaximum(pool, maxThreads > 0 ? maxThreads : kMostRunning + kMostWaiting);
             SetThreadpoolCallbackPool(&environment, pool);
         }
         if (group)
@@ -138,13 +142,20 @@ size_t TaskPool::ThreadCount() const
     return impl->Running();
 }
 
-TaskPool::BlockingSection::BlockingSection()
+TaskPool::BlockingSection::BlockingSection() : granted(!inTask || blockingDepth > 0 || TakeWaitingPlace())
 {
+    if (!inTask || !granted)
+        return;
+    ++blockingDepth;
     if (currentInstance)
         CallbackMayRunLong(currentInstance);
     currentInstance = nullptr;
 }
 
-TaskPool::BlockingSection::~BlockingSection() = default;
+TaskPool::BlockingSection::~BlockingSection()
+{
+    if (inTask && granted && --blockingDepth == 0)
+        LeaveWaitingPlace();
+}
 
 } // namespace fodr::platform

@@ -66,6 +66,11 @@ std::string TemporaryFolder()
     return length == 0 || length > 1024 ? std::string() : Narrow(std::wstring_view(path, length));
 }
 
+bool TemporaryFolderIsPerSession()
+{
+    return true;
+}
+
 std::string ServiceLogFolder()
 {
     return Narrow(KnownFolder(FOLDERID_ProgramData)) + "\\Orvane\\ODM\\logs\\";
@@ -97,6 +102,11 @@ void SetEnvironment(const char *name, const std::string &value)
 std::string SettingsFolder()
 {
     return "HKEY_LOCAL_MACHINE";
+}
+
+std::string MakeSettingsFolder()
+{
+    return {}; // the registry needs none
 }
 
 bool ErrorOutputIsTerminal()

@@ -1,20 +1,23 @@
-// The eight exports. Apart from the trace of entry and exit they only forward.
+// The eight exports. Apart from the trace of entry and exit they only forward; nothing is thrown to the host.
 #include "odpservice/odpservice.h"
 #include "platform/Export.h"
 #include "plugin/FodrClient.h"
 #include "plugin/Registration.h"
 #include "runtime/FunctionTrace.h"
+#include "runtime/NoThrow.h"
 
 #include <cstdio>
 
 namespace {
 
 constexpr uint32_t kProcessAttach = 1;
+constexpr int32_t kHresultOutOfMemory = static_cast<int32_t>(0x8007000E);
 
 void *moduleHandle = nullptr;
 
 } // namespace
 
+using fodr::CallWithoutThrowing;
 using fodr::FodrClient;
 
 FODR_EXPORT int32_t DllMain(void *module, uint32_t reason, void * /*reserved*/)
@@ -26,12 +29,15 @@ FODR_EXPORT int32_t DllMain(void *module, uint32_t reason, void * /*reserved*/)
 
 FODR_EXPORT int32_t DllRegisterServer()
 {
-    return fodr::RegisterPlugin();
+    int32_t result = kHresultOutOfMemory;
+    CallWithoutThrowing("DllRegisterServer()", [&] { result = fodr::RegisterPlugin(); });
+    return result;
 }
 
 FODR_EXPORT int32_t DllUnregisterServer()
 {
-    return fodr::UnregisterPlugin();
+    CallWithoutThrowing("DllUnregisterServer()", [] { fodr::UnregisterPlugin(); });
+    return 0;
 }
 
 FODR_EXPORT bool ODPService_PluginGetTokenName(char *buffer, int32_t size)
@@ -45,24 +51,32 @@ FODR_EXPORT bool ODPService_PluginGetTokenName(char *buffer, int32_t size)
 FODR_EXPORT bool ODPService_PluginInit(const PluginHostRecord *record)
 {
     FODR_TRACE_FUNCTION();
-    PluginHostRecord copy = *record;
-    return FodrClient::Instance().ODPPluginInit(&copy);
+    const PluginHostRecord copy = record ? *record : PluginHostRecord{};
+    CallWithoutThrowing("ODPService_PluginInit()", [&] { FodrClient::Instance().ODPPluginInit(&copy); });
+    return true;
 }
 
 FODR_EXPORT bool ODPService_PluginExit()
 {
     FODR_TRACE_FUNCTION();
-    return FodrClient::Instance().ODPPluginExit();
+    CallWithoutThrowing("ODPService_PluginExit()", [] { FodrClient::Instance().ODPPluginExit(); });
+    return true;
 }
 
 FODR_EXPORT bool ODPService_PluginCreateInstance(void *channel, void **instance)
 {
     FODR_TRACE_FUNCTION();
-    return FodrClient::Instance().ODPPluginCreateInstance(channel, instance);
+    bool created = false;
+    CallWithoutThrowing("ODPService_PluginCreateInstance()",
+                        [&] { created = FodrClient::Instance().ODPPluginCreateInstance(channel, instance); });
+    return created;
 }
 
 FODR_EXPORT bool ODPService_PluginDestroyInstance(void *instance)
 {
     FODR_TRACE_FUNCTION();
-    return FodrClient::Instance().ODPPluginDestroyInstance(static_cast<fodr::RPCPluginInstance *>(instance));
+    CallWithoutThrowing("ODPService_PluginDestroyInstance()", [&] {
+        FodrClient::Instance().ODPPluginDestroyInstance(static_cast<fodr::RPCPluginInstance *>(instance));
+    });
+    return true;
 }

@@ -102,8 +102,9 @@ NTSTATUS RdpdrPacker::UnpackRename(const uint8_t *data, uint32_t length, uint8_t
     auto rename = LoadRecord<Wire>(data);
     size_t rootBytes = path.GetUtf16Length() * sizeof(char16_t);
     size_t nameBytes = rootBytes + rename.FileNameLength;
-    // The wire name ends in a zero unit, which doesn't count in the native length.
-    if (rename.FileNameLength > length - kWireSize<Wire> || nameBytes < sizeof(char16_t))
+    // The wire name ends in a zero unit, which doesn't count in the native length. Without that unit the
+    // root's own name would lose its last letter, and the file would leave the share.
+    if (rename.FileNameLength > length - kWireSize<Wire> || rename.FileNameLength < sizeof(char16_t))
         return STATUS_INVALID_PARAMETER;
     size_t nativeSize = nameBytes + sizeof(FILE_RENAME_INFORMATION);
     if (nativeSize > std::numeric_limits<uint32_t>::max())

@@ -3,6 +3,7 @@
 #include "RealMount.h"
 #include "cli/MountPoint.h"
 #include "platform/ChildProcess.h"
+#include "platform/Mounts.h"
 #include "platform/UserFolders.h"
 
 #include <filesystem>
@@ -110,7 +111,7 @@ TEST_F(MountPoints, AreEmptyFoldersAndGoAgainWhenTheyWereMade)
         const auto point = MountPoint::Prepare((root / name).string(), &problem);
         ASSERT_TRUE(point) << problem;
         EXPECT_TRUE(fs::is_directory(point->Path()));
-        EXPECT_TRUE(point->Clear());
+        EXPECT_TRUE(point->Clear(platform::DetachMount));
     }
     EXPECT_FALSE(fs::exists(root / "made"));
     EXPECT_TRUE(fs::exists(root / "kept"));

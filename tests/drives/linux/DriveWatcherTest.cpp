@@ -3,9 +3,12 @@
 #include "drives/RecordingSubscriber.h"
 #include "runtime/CapturedLog.h"
 
+#include <atomic>
+#include <future>
 #include <gmock/gmock.h>
 #include <string>
 #include <sys/resource.h>
+#include <thread>
 #include <vector>
 
 namespace fodr {
@@ -118,7 +121,7 @@ TEST(DriveWatcher, OnlyTheLowest26BitsAreLetters)
     RecordingSubscriber subscriber;
     RCPtr<HiddenDriveWatcherWindow> window(new HiddenDriveWatcherWindow);
     window->OnVolumesArrived(1); // nobody to tell
-    window->subscriber = &subscriber;
+    window->Attach(&subscriber);
     for (const uint32_t none : {0U, 0xFC000000U})
         window->OnVolumesArrived(none);
     window->OnVolumesArrived(0xFE000001);
@@ -127,6 +130,37 @@ TEST(DriveWatcher, OnlyTheLowest26BitsAreLetters)
     window->OnClose();
     window->OnVolumesRemoved(1);
     EXPECT_TRUE(subscriber.HeardNothingMore());
+}
+
+TEST(DriveWatcher, ASubscriberThatIsDetachedIsNeitherInACallNorCalledAgain)
+{
+    struct SlowSubscriber : RecordingSubscriber {
+        bool OnDeviceAvailable(char driveLetter) override
+        {
+            entered.set_value();
+            leave.get_future().wait();
+            left = true;
+            return RecordingSubscriber::OnDeviceAvailable(driveLetter);
+        }
+        std::promise<void> entered, leave;
+        std::atomic<bool> left{false};
+    } subscriber;
+    RCPtr<HiddenDriveWatcherWindow> window(new HiddenDriveWatcherWindow);
+    window->Attach(&subscriber);
+    std::thread events([window] {
+        window->OnVolumesArrived(1);
+        window->OnVolumesRemoved(1);
+    });
+    subscriber.entered.get_future().wait();
+    std::thread opener([&subscriber] { subscriber.leave.set_value(); });
+    window->Detach();
+    EXPECT_TRUE(subscriber.left);
+    opener.join();
+    events.join();
+    subscriber.Next(1);
+    window->OnVolumesArrived(2);
+    while (!subscriber.HeardNothingMore()) // the removal may have come before Detach had the lock
+        EXPECT_EQ(subscriber.Next(1), "-A");
 }
 
 } // namespace

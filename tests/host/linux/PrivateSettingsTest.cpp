@@ -43,6 +43,7 @@ protected:
         EXPECT_EQ(Value("AllowedFolders"), allowed);
         EXPECT_EQ(Value("caseSensitivity"), "\2...");
         EXPECT_EQ(Value("linksOutside"), "....");
+        EXPECT_EQ(Value("readOnlyShares"), "....");
     }
 
     SettingsFixture user;
@@ -86,10 +87,11 @@ TEST_F(Settings, ShareWhatIsNamedAndNothingElse)
 TEST_F(Settings, TakeTheRulesOfTheRun)
 {
     auto settings = host::PrivateSettings::Create(
-        folder, &error, {.nameCase = host::NameCase::Insensitive, .linksOutside = true});
+        folder, &error, {.nameCase = host::NameCase::Insensitive, .linksOutside = true, .readOnly = true});
     ASSERT_TRUE(settings && settings->Allow({"/named"}, &error)) << error;
     EXPECT_EQ(Value("caseSensitivity"), "\1...");
     EXPECT_EQ(Value("linksOutside"), "\1...");
+    EXPECT_EQ(Value("readOnlyShares"), "\1...");
 }
 
 TEST_F(Settings, FollowTheUserExceptForWhatIsShared)

@@ -39,6 +39,18 @@ TEST_F(LoggerLines, PassUpToTheLevelAndOnlyWhileTheLoggerRuns)
     EXPECT_EQ(LOG_LEVEL_INFO, gLogLevel);
 }
 
+TEST_F(LoggerLines, NothingRevivesThePollThreadWhileTheLogIsShutDown)
+{
+    Start();
+    bool revived = true;
+    sink->closeMessage = "the end\n";
+    sink->OnWrite(
+        [&](const LogMessage &) { revived = LoggerManager::Instance().GetPollThread()->IsRunning(); });
+    LoggerManager::Instance().Shutdown();
+    EXPECT_FALSE(revived);
+    EXPECT_TRUE(LoggerManager::Instance().GetPollThread()->IsRunning()); // for the next logger
+}
+
 TEST_F(LoggerLines, AreCutWithoutAMark)
 {
     Start();

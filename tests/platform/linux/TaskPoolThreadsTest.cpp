@@ -124,20 +124,35 @@ TEST(TaskPool, AtRestOneThreadRemainsAndNothingWakesIt)
     }
 }
 
-// Ends the process with 0 when the task was refused and not run.
+// Ends the process with 0 when every task was refused and none run, whoever else was just submitting one.
 [[noreturn]] void SubmitWithoutThreads()
 {
-    const rlimit none{0, 0};
-    setrlimit(RLIMIT_NPROC, &none);
-    if (setuid(65534) != 0)
-        _exit(2);
-    bool ran = false;
-    bool submitted = true;
+    constexpr int kSubmitters = 4;
+    std::atomic<int> ready{0}, accepted{0}, ran{0};
+    std::atomic<bool> go{false};
     {
         TaskPool pool(0);
-        submitted = pool.Submit([](void *context) { *static_cast<bool *>(context) = true; }, &ran);
+        std::vector<std::thread> submitters;
+        for (int i = 0; i < kSubmitters; ++i) {
+            submitters.emplace_back([&] {
+                for (++ready; !go;)
+                    std::this_thread::yield();
+                for (int n = 0; n < 2000; ++n)
+                    accepted +=
+                        pool.Submit([](void *count) { ++*static_cast<std::atomic<int> *>(count); }, &ran);
+            });
+        }
+        while (ready < kSubmitters)
+            std::this_thread::yield();
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_NPROC, &none);
+        if (setuid(65534) != 0)
+            _exit(2);
+        go = true;
+        for (std::thread &submitter : submitters)
+            submitter.join();
     }
-    _exit(submitted || ran ? 1 : 0);
+    _exit(accepted + ran == 0 ? 0 : 1);
 }
 
 TEST(TaskPoolDeathTest, SubmitSaysWhenNoThreadCanBeHad)

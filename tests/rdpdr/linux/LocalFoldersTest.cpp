@@ -87,6 +87,27 @@ TEST_F(LocalFolders, NamesAndLinksGoByTheSettingsAtTheTimeOfTheShare)
     }
 }
 
+TEST_F(LocalFolders, AShareIsReadOnlyByTheSettingAtItsTime)
+{
+    LogOn(6);
+    const std::string folder = Files("protected", {"one"});
+    for (const bool named : {false, true}) {
+        settings.SetNumber("readOnlyShares", 1);
+        auto fresh = Fresh({VersionExchange(1)});
+        fresh->AddSharedFolder(folder, "c", false, 0, named ? "(OVFCP)protected" : "", {"one"});
+        settings.SetNumber("readOnlyShares", 0);
+        for (const uint32_t disposition : {nt::FILE_SUPERSEDE, nt::FILE_OVERWRITE}) {
+            channel.TakePackets();
+            FeedTo(*fresh, Open(65535, u"\\one", disposition, 0));
+            EXPECT_EQ(static_cast<nt::NTSTATUS>(StatusOf(channel.TakePackets().at(0))),
+                      nt::STATUS_MEDIA_WRITE_PROTECTED);
+        }
+        FeedTo(*fresh, Open(65535, u"\\one", nt::FILE_OPEN, 0));
+        EXPECT_EQ(StatusOf(channel.TakePackets().at(0)), 0u);
+        fresh->Shutdown();
+    }
+}
+
 TEST_F(LocalFolders, TheMarkOfANamedFilesOriginIsReachedAndNotItsNeighbours)
 {
     LogOn(6);

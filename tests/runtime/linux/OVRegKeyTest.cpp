@@ -5,6 +5,7 @@
 #include "runtime/OVRegValue.h"
 
 #include <gtest/gtest.h>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -81,7 +82,8 @@ TEST_F(RegKey, ValuesConvertByTheirType)
         const char *stored;
         int asBool; // -1: the default
         uint64_t asNumber;
-        const char *text; // null: the default
+        const char *text;                     // null: the default
+        std::optional<uint32_t> asDword = {}; // none: the low part
     } rows[] = {
         {"value=TRUE", 1, 77, "TRUE"},
         {"value=yes", 1, 77, "yes"},
@@ -94,6 +96,7 @@ TEST_F(RegKey, ValuesConvertByTheirType)
         {"value=\xC3\xA4", -1, 77, "\xC3\xA4"},
         {"value=multi_sz:1;x;", 1, 1, "1"},
         {"value=expand_sz:7 apples", -1, 7, "7 apples"},
+        {"value=4294967306", -1, 4294967306, "4294967306", 0xFFFFFFFF}, // too large for 32 bits
         {"value=dword:4294967295", 1, 0xFFFFFFFF, "4294967295"},
         {"value=dword:0", 0, 0, "0"},
         {"value=qword:18446744073709551615", 1, 0xFFFFFFFFFFFFFFFF, "-1"},
@@ -113,7 +116,8 @@ TEST_F(RegKey, ValuesConvertByTheirType)
             for (const bool fallback : {false, true})
                 EXPECT_EQ(value.ToBool(fallback), row.asBool < 0 ? fallback : row.asBool == 1) << row.stored;
             EXPECT_EQ(value.ToQword(77), row.asNumber) << row.stored;
-            EXPECT_EQ(value.ToDword(77), static_cast<uint32_t>(row.asNumber)) << row.stored;
+            EXPECT_EQ(value.ToDword(77), row.asDword.value_or(static_cast<uint32_t>(row.asNumber)))
+                << row.stored;
             std::string text;
             EXPECT_EQ(value.ToString(text, "default"), row.text != nullptr) << row.stored;
             EXPECT_EQ(text, row.text ? row.text : "default") << row.stored;

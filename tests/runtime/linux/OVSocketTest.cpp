@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <thread>
 
 namespace fodr {
 namespace {
@@ -72,6 +73,19 @@ TEST(Socket, SaysWhatFailed)
                                                   "E OVSocket::SendAll(): SendAll() failed.\n",
                                                   "E OVSocket::Connect(): Failed to resolve name.\n",
                                                   "E OVSocket::~OVSocket(): Close socket error.\n"));
+}
+
+TEST(Socket, ALogThatMakesASocketItselfHoldsNobodyUp)
+{
+    const CapturedLog restored(LOG_LEVEL_ERROR);
+    SetLogHandler([](const char *, int32_t, const char *, va_list) {
+        std::thread([] {
+            OVSocket other;
+            EXPECT_TRUE(InitUdp(other));
+        }).join();
+    });
+    OVSocket none;
+    EXPECT_FALSE(none.Init(platform::kSocketStream, platform::kProtocolUdp));
 }
 
 } // namespace

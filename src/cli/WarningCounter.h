@@ -1,0 +1,40 @@
+// Warnings that come again and again are counted, not shown each time.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace fodr::cli {
+
+// Shows each text once, and later how often it came since. Any thread.
+class WarningCounter {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    static constexpr size_t kMaxTexts = 50;              // different ones; all beyond are counted together
+    static constexpr std::chrono::seconds kInterval{10}; // between two lines about one text
+
+    explicit WarningCounter(std::function<void(const std::string &line)> showLine) : show(std::move(showLine))
+    {}
+
+    void Warn(const std::string &text, Clock::time_point now = Clock::now());
+    // Shows what was counted and not shown yet.
+    void ShowCounts();
+
+private:
+    struct Count {
+        uint64_t more = 0; // since the last line about it
+        Clock::time_point shown;
+    };
+    void ShowCount(const std::string &text, Count *count);
+
+    const std::function<void(const std::string &line)> show;
+    std::mutex lock;
+    std::map<std::string, Count> counts; // under lock; the empty text stands for those beyond the limit
+};
+
+} // namespace fodr::cli

@@ -1,0 +1,21 @@
+// Text of others on its way to a terminal, into JSON or into an environment. Any thread.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace fodr {
+
+// What a terminal shows as it is stays. Everything that could steer it or mislead the eye is written out:
+// control characters and bytes that aren't UTF-8 as \x1b, marks of direction and line ends as \u202e.
+[[nodiscard]] std::string Escaped(std::string_view text);
+
+// A JSON string with its quotes. Always valid UTF-8: bytes that are none become U+FFFD.
+[[nodiscard]] std::string QuotedJson(std::string_view text);
+
+// An absolute POSIX path of at most 4096 bytes that Escaped leaves as it is, without an empty component, "."
+// or
+// "..".
+[[nodiscard]] bool IsPlainAbsolutePath(std::string_view text);
+
+} // namespace fodr

@@ -1,0 +1,50 @@
+// How much of an agent's requests this side holds at once: the packets that wait and are served, with the
+// answers that they ask for. Who brings a packet beyond it waits, so that the connection isn't read meanwhile
+// and the agent has to wait as well. Any thread.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace fodr {
+
+class RdpdrStream;
+
+class PacketBudget {
+public:
+    static constexpr size_t kMostBytes = 64u << 20;
+    static constexpr size_t kCostOfAny = 512; // records and bookkeeping of the smallest packet
+
+    // What a packet takes until it is answered.
+    static size_t CostOf(RdpdrStream &packet);
+
+    // Waits for room. A packet that is larger than the budget has it alone.
+    void Take(size_t cost)
+    {
+        size_t held = taken.load();
+        for (;;) {
+            if (held != 0 && (held >= kMostBytes || cost > kMostBytes - held)) {
+                taken.wait(held);
+                held = taken.load();
+            } else if (taken.compare_exchange_weak(held, held + cost)) {
+                return;
+            }
+        }
+    }
+    void GiveBack(size_t cost)
+    {
+        taken.fetch_sub(cost);
+        taken.notify_all();
+    }
+
+private:
+    std::atomic<size_t> taken{0};
+};
+
+// Whether the packet may wait for something that never comes: it is held without end then, so it is to be
+// small (kWaitingPacket bytes are all that is read of it) and outside of the budget.
+bool MayWaitForEver(RdpdrStream &packet);
+inline constexpr size_t kWaitingPacket = 128;
+
+} // namespace fodr
