@@ -75,7 +75,7 @@ class Confinement(unittest.TestCase):
                 if ends:
                     self.assertEqual(share.process.wait(60), 4)
                 else:
-                    wait_for(lambda: self.status()["reconnects"] == "1", "another agent")
+                    wait_for(lambda: self.status()["reconnects"] == 1, "another agent")
                     self.assertEqual((self.mount / "f").read_text(), "x")
             self.assertFalse(mounted(self.mount))
 
@@ -141,7 +141,7 @@ class ConfinedSsh(SshCase):
             self.assert_usable()
             ssh = next(pid for pid in descendants(share.process.pid) if command_line(pid)[:1] == [b"ssh"])
             os.kill(ssh, signal.SIGKILL)
-            wait_for(lambda: '"reconnects": "1"' in run("status", "--json", env=self.scratch.environment).stdout, "ssh")
+            wait_for(lambda: '"reconnects": 1' in run("status", "--json", env=self.scratch.environment).stdout, "ssh")
             self.assert_usable()
 
 

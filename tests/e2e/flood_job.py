@@ -78,7 +78,7 @@ class Case(unittest.TestCase):
         else:
             self.share.process.kill()
             self.share.process.wait()
-            self.share.output.close()
+        self.share.output.close()
         self.agent.close()
         self.assertLess(self.watch.threads, THREADS, "threads")
         self.assertLess(self.watch.resident, RESIDENT, "bytes of memory")
