@@ -19,12 +19,17 @@ int SetMode(int fd, mode_t mode)
     return chmod(DescriptorPath(fd).c_str(), mode) == 0 ? 0 : errno;
 }
 
+mode_t WithoutSetId(mode_t mode, bool directory)
+{
+    return mode & ~static_cast<mode_t>(directory ? S_ISUID : S_ISUID | S_ISGID);
+}
+
 int WidenMode(int fd, mode_t mode)
 {
     struct stat stat;
     if (fstat(fd, &stat) != 0)
         return errno;
-    const mode_t wanted = (stat.st_mode & 07000) | (mode & 07777);
+    const mode_t wanted = (stat.st_mode & 07000) | WithoutSetId(mode & 07777, S_ISDIR(stat.st_mode));
     return wanted == (stat.st_mode & 07777) ? 0 : SetMode(fd, wanted);
 }
 
@@ -34,6 +39,12 @@ int ChangeMode(int fd, const nt::FODR_MODE_CHANGE &change)
     constexpr uint32_t kOwners = nt::FODR_SET_OWNER | nt::FODR_SET_GROUP;
     if ((change.Fields & ~(kOwners | nt::FODR_SET_MODE)) != 0 || (change.Mode & ~nt::FODR_MODE_BITS) != 0)
         return EINVAL;
+    struct stat present;
+    if (fstat(fd, &present) != 0)
+        return errno;
+    const mode_t setId = change.Mode & ~WithoutSetId(change.Mode, S_ISDIR(present.st_mode));
+    if ((change.Fields & nt::FODR_SET_MODE) != 0 && (setId & ~present.st_mode) != 0)
+        return EPERM;
     const auto chosen = [&](uint32_t field, uint32_t id) { return change.Fields & field ? id : UINT32_MAX; };
     if ((change.Fields & kOwners) != 0 &&
         fchownat(fd, "", chosen(nt::FODR_SET_OWNER, change.Owner), chosen(nt::FODR_SET_GROUP, change.Group),

@@ -9,9 +9,12 @@
 namespace fodr::ntposix {
 
 int SetMode(int fd, mode_t mode);
+// Of what was made by others than this machine's users: a program of theirs isn't to run with the rights of
+// whoever owns it here. On directories the group bit gives no rights.
+mode_t WithoutSetId(mode_t mode, bool directory);
 // Of what was just made with this mode: gives it what the umask took. A bit that its directory gave it stays.
 int WidenMode(int fd, mode_t mode);
-// Fields that are not FODR_SET_*: EINVAL.
+// EINVAL for fields that are not FODR_SET_*. EPERM for a set-id bit that the file doesn't have.
 int ChangeMode(int fd, const nt::FODR_MODE_CHANGE &change);
 
 } // namespace fodr::ntposix
