@@ -43,7 +43,8 @@ int ChangeMode(int fd, const nt::FODR_MODE_CHANGE &change)
     if (fstat(fd, &present) != 0)
         return errno;
     const mode_t setId = change.Mode & ~WithoutSetId(change.Mode, S_ISDIR(present.st_mode));
-    if ((change.Fields & nt::FODR_SET_MODE) != 0 && (setId & ~present.st_mode) != 0)
+    const mode_t kept = change.Fields & kOwners ? 0 : present.st_mode;
+    if ((change.Fields & nt::FODR_SET_MODE) != 0 && (setId & ~kept) != 0)
         return EPERM;
     const auto chosen = [&](uint32_t field, uint32_t id) { return change.Fields & field ? id : UINT32_MAX; };
     if ((change.Fields & kOwners) != 0 &&

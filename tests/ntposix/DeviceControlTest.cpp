@@ -73,6 +73,10 @@ TEST_F(DeviceControl, AnswersWhatItKnowsAndRefusesTheRest)
         {FSCTL_FODR_SET_MODE, Bytes(FODR_MODE_CHANGE{8, 0, 0, 0}), 0, kReadWrite, STATUS_INVALID_PARAMETER},
         {FSCTL_FODR_SET_MODE, Bytes(FODR_MODE_CHANGE{1, 010000, 0, 0}), 0, kReadWrite,
          STATUS_INVALID_PARAMETER},
+        {FSCTL_FODR_SET_MODE, Bytes(FODR_MODE_CHANGE{1, 04700, 0, 0}), 0, kReadWrite,
+         STATUS_PRIVILEGE_NOT_HELD},
+        {FSCTL_FODR_SET_MODE, Bytes(FODR_MODE_CHANGE{1, 02700, 0, 0}), 0, kReadWrite,
+         STATUS_PRIVILEGE_NOT_HELD},
         {0, {}, 0, kReadWrite, STATUS_INVALID_DEVICE_REQUEST},
     };
     for (const auto &c : cases)
