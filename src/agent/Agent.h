@@ -21,6 +21,7 @@ struct AgentOptions {
     MountLayout layout = MountLayout::Single;
     bool readOnly = false;        // the mount refuses changes by itself
     bool allowOther = false;      // users other than the mounting one may come in
+    bool realOwners = false;      // files show the owners that they have on the host
     unsigned cacheMS = 1000;      // how long names and attributes are believed without asking
     bool denyWriters = false;     // see FileSystem::Options
     bool handleSignals = true;    // SIGINT, SIGTERM and SIGHUP end the agent; they stay blocked afterwards

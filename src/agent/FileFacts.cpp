@@ -62,6 +62,8 @@ void FileFacts::TakeIdentity(const FileFacts &other)
     id = other.id;
     mode = other.mode;
     links = other.links;
+    owner = other.owner;
+    group = other.group;
     reparseTag = other.reparseTag;
 }
 
@@ -102,7 +104,9 @@ bool ReadStatInformation(ByteSpan record, FileFacts *facts)
               .reparseTag = info.ReparseTag,
               .id = static_cast<uint64_t>(info.FileId),
               .mode = whole.LxMode,
-              .links = info.NumberOfLinks};
+              .links = info.NumberOfLinks,
+              .owner = whole.LxUid,
+              .group = whole.LxGid};
     return true;
 }
 
@@ -194,6 +198,8 @@ bool DirectoryReader::Next(Entry *entry)
         entry->facts.id = listed.FileId;
         entry->facts.mode = listed.Mode;
         entry->facts.links = listed.Links;
+        entry->facts.owner = listed.Owner;
+        entry->facts.group = listed.Group;
     }
     entry->name = rest.subspan(head, record.FileNameLength);
     rest = record.NextEntryOffset == 0 ? ByteSpan{} : rest.subspan(record.NextEntryOffset);

@@ -22,6 +22,8 @@ struct FileFacts {
     uint64_t id = 0; // the file's own, the same under all its names
     uint32_t mode = 0;
     uint32_t links = 0;
+    uint32_t owner = 0;
+    uint32_t group = 0;
 
     bool IsDirectory() const;
     bool IsReadOnly() const;

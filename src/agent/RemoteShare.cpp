@@ -228,7 +228,7 @@ void RemoteShare::DeviceControl(uint32_t fileId, uint32_t code, ByteSpan input, 
     Send(IRP_MJ_DEVICE_CONTROL, 0, fileId, body, input,
          {.answer = AnswerKind::Control,
           .limit = outputLength,
-          .afterLoss = RepeatsIf(code == nt::FSCTL_GET_REPARSE_POINT)},
+          .afterLoss = RepeatsIf(code == nt::FSCTL_GET_REPARSE_POINT || code == nt::FSCTL_FODR_SET_MODE)},
          std::move(handler));
 }
 

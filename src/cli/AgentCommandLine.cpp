@@ -97,6 +97,8 @@ void AddAgentOptions(CLI::App *app, AgentCommandWords *words)
                   "While a file is open for reading here, nobody opens it for writing; saves a question");
     app->add_flag("--drive-letters", words->driveLetters, "Take whole drives only, under their letters");
     app->add_flag("--allow-other", words->allowOther, "Let other users in");
+    app->add_option("--owners", words->owners, "Of files: mine, or real: those that they have on the host")
+        ->check(CLI::IsMember({"mine", "real"}));
     app->add_option("--cache-ms", words->cacheMS, "How long names and attributes are believed");
     app->add_option("--io-timeout", words->ioTimeoutSeconds,
                     "Seconds after which a request fails; 0: never. Default: 10");
@@ -132,6 +134,7 @@ bool AgentOptionsFrom(const AgentCommandWords &words, agent::AgentOptions *fille
     options.lingerSeconds = words.lingerSeconds.value_or(0);
     options.ownProcess = words.stdio;
     options.denyWriters = words.denyWriters;
+    options.realOwners = words.owners == "real";
     client.driveLetterMapping = words.driveLetters;
     if (!words.sideAddress.empty())
         client.sideChannelAddress = words.sideAddress;

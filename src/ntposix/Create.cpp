@@ -5,6 +5,7 @@
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/FileObjectTable.h"
 #include "ntposix/FileSize.h"
+#include "ntposix/Mode.h"
 #include "ntposix/NameSteps.h"
 #include "ntposix/NamedStream.h"
 
@@ -299,7 +300,8 @@ NTSTATUS FileCreator::CreateFile()
     const bool reads = (opened->access & FILE_READ_DATA) != 0;
     const bool writes = (opened->access & kWriteRights) != 0;
     const bool appends = (opened->access & kWriteRights) == FILE_APPEND_DATA;
-    const mode_t mode = request.attributes & FILE_ATTRIBUTE_READONLY ? 0444 : 0666;
+    const mode_t mode =
+        request.mode.value_or(request.attributes & FILE_ATTRIBUTE_READONLY ? 0444 : 0666) & 0777;
     const int flags = (reads && writes ? O_RDWR : writes ? O_WRONLY : O_RDONLY) | (appends ? O_APPEND : 0);
     const std::string leaf(LeafOf(place->path));
     opened->fd.Reset(
@@ -308,8 +310,8 @@ NTSTATUS FileCreator::CreateFile()
         return CreationStatus(errno);
     opened->kind = FileKind::kFile;
     opened->dataFd = true;
-    int error = 0;
-    if (request.allocation > 0 && writes)
+    int error = request.mode ? WidenMode(opened->fd.Get(), *request.mode) : 0;
+    if (error == 0 && request.allocation > 0 && writes)
         error = AllocateSpace(opened->fd.Get(), request.allocation);
     if (error == 0)
         error = StatDescriptor(opened->fd.Get(), &place->facts);
@@ -325,12 +327,16 @@ NTSTATUS FileCreator::CreateFile()
 NTSTATUS FileCreator::CreateDirectory()
 {
     const std::string leaf(LeafOf(place->path));
-    if (mkdirat(place->parent.Get(), leaf.c_str(), 0777) != 0)
+    if (mkdirat(place->parent.Get(), leaf.c_str(), request.mode.value_or(0777) & 0777) != 0)
         return CreationStatus(errno);
     const bool lists = (opened->access & FILE_LIST_DIRECTORY) != 0;
     opened->fd.Reset(openat(place->parent.Get(), leaf.c_str(),
                             (lists ? O_RDONLY : O_PATH) | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    const int error = opened->fd ? StatDescriptor(opened->fd.Get(), &place->facts) : errno;
+    int error = opened->fd ? 0 : errno;
+    if (error == 0 && request.mode)
+        error = WidenMode(opened->fd.Get(), *request.mode);
+    if (error == 0)
+        error = StatDescriptor(opened->fd.Get(), &place->facts);
     if (error != 0)
         return StatusOfErrno(error);
     opened->kind = FileKind::kDirectory;

@@ -7,6 +7,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <sys/types.h>
 
 namespace fodr::ntposix {
 
@@ -17,7 +19,8 @@ struct CreateRequest {
     uint32_t options = 0;
     uint32_t attributes = 0;
     int64_t allocation = 0;
-    bool exactName = false; // no other case of the name is as good
+    std::optional<mode_t> mode{}; // of what is made; else the umask decides
+    bool exactName = false;     // no other case of the name is as good
 };
 
 class Creator {

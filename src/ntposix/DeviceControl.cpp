@@ -1,7 +1,8 @@
 // NtDeviceIoControlFile: the controls of MS-FSCC 2.3 that mean something for POSIX files.
-#include "lib/unicode/NameMapping.h"
+#include "ntposix/Control.h"
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/HandleTable.h"
+#include "ntposix/Mode.h"
 #include "ntposix/NtCall.h"
 #include "ntposix/OpenFile.h"
 #include "platform/NtRecords.h"
@@ -21,61 +22,6 @@ namespace fodr::ntposix {
 namespace {
 
 using namespace nt;
-
-struct Control {
-    OpenFile &file;
-    std::span<const uint8_t> input;
-    std::span<uint8_t> output;
-    uint64_t written = 0;
-
-    // False when the input is too short for the record.
-    template <typename Record> [[nodiscard]] bool Read(Record *record) const
-    {
-        if (input.size() < sizeof(Record))
-            return false;
-        memcpy(record, input.data(), sizeof(Record));
-        return true;
-    }
-    // Appends to the output, as far as there is room for it: false when there isn't.
-    [[nodiscard]] bool Write(const void *data, size_t size)
-    {
-        const size_t fitting = std::min<size_t>(size, output.size() - written);
-        memcpy(output.data() + written, data, fitting);
-        written += fitting;
-        return fitting == size;
-    }
-};
-
-NTSTATUS GetReparsePoint(Control &control)
-{
-    if (control.file.kind != FileKind::kLink)
-        return STATUS_NOT_A_REPARSE_POINT;
-    if (control.output.size() < sizeof(SYMBOLIC_LINK_REPARSE_DATA))
-        return STATUS_BUFFER_TOO_SMALL;
-    char target[PATH_MAX];
-    const ssize_t length = readlinkat(control.file.fd.Get(), "", target, sizeof(target));
-    if (length < 0)
-        return StatusOfErrno(errno);
-    const bool absolute = length > 0 && target[0] == '/';
-    const std::u16string print = NtPathFromPosix({target, static_cast<size_t>(length)});
-    const std::u16string substitute = absolute ? u"\\??\\" + print : print;
-    const auto bytesOf = [](const std::u16string &text) {
-        return static_cast<uint16_t>(text.size() * sizeof(char16_t));
-    };
-    SYMBOLIC_LINK_REPARSE_DATA head{};
-    head.ReparseTag = IO_REPARSE_TAG_SYMLINK;
-    head.SubstituteNameLength = bytesOf(substitute);
-    head.PrintNameOffset = head.SubstituteNameLength;
-    head.PrintNameLength = bytesOf(print);
-    head.Flags = absolute ? 0 : 1;
-    constexpr size_t kBeforeLength = offsetof(SYMBOLIC_LINK_REPARSE_DATA, SubstituteNameOffset);
-    head.ReparseDataLength = static_cast<uint16_t>(sizeof(head) - kBeforeLength + head.SubstituteNameLength +
-                                                   head.PrintNameLength);
-    const bool whole = control.Write(&head, sizeof(head)) &&
-                       control.Write(substitute.data(), head.SubstituteNameLength) &&
-                       control.Write(print.data(), head.PrintNameLength);
-    return whole ? STATUS_SUCCESS : STATUS_BUFFER_OVERFLOW;
-}
 
 // Every POSIX file can have holes, so there is nothing to switch on or off.
 NTSTATUS SetSparse(Control &control)
@@ -168,8 +114,8 @@ NTSTATUS SetCompression(Control &control)
 // What agents may count on here. The bits that hold for one share only are those of the handle's.
 uint32_t FeaturesOf(const OpenFile &file)
 {
-    return FODR_HOST_FILE_IDS | FODR_HOST_POSIX_NAMES | FODR_HOST_NOTICES_FIRST |
-           (file.IsCaseSensitive() ? FODR_HOST_CASE_SENSITIVE : 0);
+    return FODR_HOST_FILE_IDS | FODR_HOST_POSIX_NAMES | FODR_HOST_NOTICES_FIRST | FODR_HOST_MODES |
+           FODR_HOST_LX_FILES | (file.IsCaseSensitive() ? FODR_HOST_CASE_SENSITIVE : 0);
 }
 
 NTSTATUS QueryHost(Control &control)
@@ -182,16 +128,34 @@ NTSTATUS QueryHost(Control &control)
     return STATUS_SUCCESS;
 }
 
+NTSTATUS SetModeOf(Control &control)
+{
+    FODR_MODE_CHANGE change;
+    if (!control.Read(&change))
+        return STATUS_INVALID_PARAMETER;
+    if ((control.file.access & FILE_WRITE_ATTRIBUTES) == 0)
+        return STATUS_ACCESS_DENIED;
+    const int error = ChangeMode(control.file.fd.Get(), change);
+    if (error == 0)
+        return STATUS_SUCCESS;
+    return error == EPERM ? STATUS_PRIVILEGE_NOT_HELD : StatusOfErrno(error);
+}
+
 struct ControlRow {
     uint32_t code;
     NTSTATUS (*serve)(Control &control);
 };
 
 constexpr ControlRow kControls[] = {
-    {FSCTL_GET_REPARSE_POINT, GetReparsePoint}, {FSCTL_SET_SPARSE, SetSparse},
-    {FSCTL_SET_ZERO_DATA, SetZeroData},         {FSCTL_QUERY_ALLOCATED_RANGES, QueryAllocatedRanges},
-    {FSCTL_GET_COMPRESSION, GetCompression},    {FSCTL_SET_COMPRESSION, SetCompression},
+    {FSCTL_GET_REPARSE_POINT, GetReparsePoint},
+    {FSCTL_SET_REPARSE_POINT, SetReparsePoint},
+    {FSCTL_SET_SPARSE, SetSparse},
+    {FSCTL_SET_ZERO_DATA, SetZeroData},
+    {FSCTL_QUERY_ALLOCATED_RANGES, QueryAllocatedRanges},
+    {FSCTL_GET_COMPRESSION, GetCompression},
+    {FSCTL_SET_COMPRESSION, SetCompression},
     {FSCTL_FODR_QUERY_HOST, QueryHost},
+    {FSCTL_FODR_SET_MODE, SetModeOf},
 };
 
 NTSTATUS Serve(uint32_t code, Control &control)

@@ -124,13 +124,42 @@ int MoveFileBySteps(Spot from, Spot to, const FileFacts &file)
 
 } // namespace
 
+std::string NewHiddenName()
+{
+    return std::string(kHiddenPrefix) + UniqueNumber();
+}
+
+// Where names can't be exchanged, a save between the look and the step is lost.
+int TakeName(Spot from, Spot name, const FileFacts &file)
+{
+    const auto exchange = [&] {
+        return renameat2(from.directory, from.leaf.c_str(), name.directory, name.leaf.c_str(),
+                         RENAME_EXCHANGE);
+    };
+    FileFacts present;
+    if (exchange() != 0) {
+        if (errno != EINVAL && errno != ENOSYS)
+            return errno;
+        const int error = Look(name, &present);
+        if (error != 0)
+            return error;
+        return present.key == file.key ? MoveOver(from, name) : ESTALE;
+    }
+    int error = Look(from, &present);
+    if (error == 0)
+        error = present.key == file.key ? Unlink(from) : ESTALE;
+    if (error != 0)
+        (void)exchange();
+    return error;
+}
+
 int RemoveName(Spot name, const FileFacts &file)
 {
     if (file.kind == FileKind::kDirectory)
         return Unlink(name, AT_REMOVEDIR);
     if (IsCostlyToMove(name.directory, file))
         return LookAndUnlink(name, file);
-    const std::string hidden = std::string(kHiddenPrefix) + UniqueNumber();
+    const std::string hidden = NewHiddenName();
     const Spot aside{name.directory, hidden};
     if (const int error = MoveOver(name, aside); error != 0)
         return error == ENOENT ? error : LookAndUnlink(name, file);
@@ -168,7 +197,7 @@ int ChangeSpelling(Spot from, Spot to)
     if (present.links == 1)
         return MoveOver(from, to);
     // Or they are two links of the file.
-    const std::string hidden = std::string(kHiddenPrefix) + UniqueNumber();
+    const std::string hidden = NewHiddenName();
     const Spot aside{from.directory, hidden};
     if (const int failed = MoveOver(from, aside); failed != 0)
         return failed;

@@ -23,6 +23,13 @@ struct Spot {
 // an instant. If another file has its name by then, it is kept beside it as "NAME.fodr-kept-NUMBER".
 [[nodiscard]] int RemoveName(Spot name, const FileFacts &file);
 
+// What is at `from` takes the file's name, and the file is removed; ESTALE when the name is another's by now,
+// which stays. Both are in one directory, and the file has no other name.
+[[nodiscard]] int TakeName(Spot from, Spot name, const FileFacts &file);
+
+// A name that nobody is shown, and nobody has.
+[[nodiscard]] std::string NewHiddenName();
+
 // EEXIST when something has the new name: nothing is ever replaced. What has the old name when the step is
 // made is what moves. Where the file system can't rename under that condition, a file has both names for an
 // instant or, where it has no links either, `to` is held by an empty file meanwhile; what others put in that

@@ -8,6 +8,7 @@
 #include "ntposix/NamedStream.h"
 #include "ntposix/NtCall.h"
 #include "ntposix/StreamCreate.h"
+#include "platform/NtRecords.h"
 
 #include <fcntl.h>
 
@@ -77,6 +78,10 @@ NTSTATUS NtCreateFile(HANDLE *fileHandle, uint32_t desiredAccess, OBJECT_ATTRIBU
                           .options = createOptions,
                           .attributes = fileAttributes,
                           .allocation = allocationSize ? allocationSize->QuadPart : 0};
+    if (static_cast<uint64_t>(request.allocation) & FODR_CREATE_WITH_MODE) {
+        request.mode = static_cast<mode_t>(request.allocation & FODR_MODE_BITS);
+        request.allocation = 0;
+    }
     uint32_t information = 0;
     const NTSTATUS status = WithoutThrowing([&]() -> NTSTATUS {
         if (const NTSTATUS improper = CheckCreateParameters(request); improper != STATUS_SUCCESS)

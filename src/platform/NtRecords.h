@@ -486,6 +486,7 @@ inline constexpr uint32_t FILE_ACTION_RENAMED_NEW_NAME = 5;
 inline constexpr uint32_t FSCTL_GET_COMPRESSION = 0x9003C;
 inline constexpr uint32_t FSCTL_SET_COMPRESSION = 0x9C040;
 inline constexpr uint32_t FSCTL_GET_REPARSE_POINT = 0x900A8;
+inline constexpr uint32_t FSCTL_SET_REPARSE_POINT = 0x900A4;
 inline constexpr uint32_t FSCTL_SET_SPARSE = 0x900C4;
 inline constexpr uint32_t FSCTL_SET_ZERO_DATA = 0x980C8;
 inline constexpr uint32_t FSCTL_QUERY_ALLOCATED_RANGES = 0x940CF;
@@ -504,10 +505,46 @@ inline constexpr uint32_t FODR_HOST_FILE_IDS = 0x1;       // FODR_LISTED_FILE; c
 inline constexpr uint32_t FODR_HOST_POSIX_NAMES = 0x2;    // classes 64 and 65 act at once if asked to
 inline constexpr uint32_t FODR_HOST_NOTICES_FIRST = 0x4;  // no completion overtakes the notice of a change
 inline constexpr uint32_t FODR_HOST_CASE_SENSITIVE = 0x8; // this share is
+inline constexpr uint32_t FODR_HOST_MODES = 0x10;         // FODR_CREATE_WITH_MODE, FSCTL_FODR_SET_MODE
+inline constexpr uint32_t FODR_HOST_LX_FILES = 0x20;      // sets IO_REPARSE_TAG_LX_*; links by class 11
+
+// An allocation size with this bit is none: its low 12 bits are the mode that a new file or directory gets,
+// whatever the host's umask.
+inline constexpr uint64_t FODR_CREATE_WITH_MODE = 1ull << 63;
+inline constexpr uint32_t FODR_MODE_BITS = 07777;
+
+// Sets mode, owner and group of what is open with FILE_WRITE_ATTRIBUTES.
+inline constexpr uint32_t FSCTL_FODR_SET_MODE = 0x923C4;
+
+struct FODR_MODE_CHANGE {
+    uint32_t Fields; // FODR_SET_*: which of the others count
+    uint32_t Mode;   // FODR_MODE_BITS
+    uint32_t Owner;
+    uint32_t Group;
+};
+static_assert(sizeof(FODR_MODE_CHANGE) == 16);
+
+inline constexpr uint32_t FODR_SET_MODE = 0x1;
+inline constexpr uint32_t FODR_SET_OWNER = 0x2;
+inline constexpr uint32_t FODR_SET_GROUP = 0x4;
 
 inline constexpr uint16_t COMPRESSION_FORMAT_NONE = 0;
 inline constexpr uint16_t COMPRESSION_FORMAT_DEFAULT = 1;
+// MS-FSCC 2.1.2.1. Those that begin with LX are POSIX files: a link has a version (2) and its target as
+// UTF-8, the others nothing.
 inline constexpr uint32_t IO_REPARSE_TAG_SYMLINK = 0xA000000C;
+inline constexpr uint32_t IO_REPARSE_TAG_LX_SYMLINK = 0xA000001D;
+inline constexpr uint32_t IO_REPARSE_TAG_AF_UNIX = 0x80000023;
+inline constexpr uint32_t IO_REPARSE_TAG_LX_FIFO = 0x80000024;
+
+struct REPARSE_DATA_HEAD {
+    uint32_t ReparseTag;
+    uint16_t ReparseDataLength; // what follows
+    uint16_t Reserved;
+};
+static_assert(sizeof(REPARSE_DATA_HEAD) == 8);
+
+inline constexpr uint32_t LX_SYMLINK_VERSION = 2;
 
 struct FILE_ALLOCATED_RANGE_BUFFER {
     int64_t FileOffset;

@@ -1,5 +1,8 @@
 #include "lib/unicode/NameMapping.h"
 #include "ntposix/NtWords.h"
+#include "platform/ReparseRecords.h"
+
+#include <climits>
 
 namespace fodr::nt {
 namespace {
@@ -63,7 +66,17 @@ TEST_F(DeviceControl, AnswersWhatItKnowsAndRefusesTheRest)
         {FSCTL_SET_COMPRESSION, {1, 0}, 0, kReadWrite, STATUS_INVALID_DEVICE_REQUEST},
         {FSCTL_SET_COMPRESSION, {0}, 0, kReadWrite, STATUS_INVALID_PARAMETER},
         {FSCTL_FODR_QUERY_HOST, {}, 7, kReadWrite, STATUS_BUFFER_TOO_SMALL},
-        {0x900A4 /* set reparse point */, {}, 0, kReadWrite, STATUS_INVALID_DEVICE_REQUEST},
+        {FSCTL_SET_REPARSE_POINT, {}, 0, kReadWrite, STATUS_INVALID_PARAMETER},
+        {FSCTL_SET_REPARSE_POINT, LxRecord(IO_REPARSE_TAG_LX_FIFO), 0, kReadWrite, STATUS_INVALID_PARAMETER},
+        {FSCTL_FODR_SET_MODE, Bytes(FODR_MODE_CHANGE{}, 15), 0, kReadWrite, STATUS_INVALID_PARAMETER},
+        {FSCTL_FODR_SET_MODE, Bytes(FODR_MODE_CHANGE{}), 0, GENERIC_READ, STATUS_ACCESS_DENIED},
+        {FSCTL_FODR_SET_MODE, Bytes(FODR_MODE_CHANGE{8, 0, 0, 0}), 0, kReadWrite, STATUS_INVALID_PARAMETER},
+        {FSCTL_FODR_SET_MODE, Bytes(FODR_MODE_CHANGE{1, 010000, 0, 0}), 0, kReadWrite,
+         STATUS_INVALID_PARAMETER},
+        {FSCTL_FODR_SET_MODE, Bytes(FODR_MODE_CHANGE{1, 04700, 0, 0}), 0, kReadWrite,
+         STATUS_PRIVILEGE_NOT_HELD},
+        {FSCTL_FODR_SET_MODE, Bytes(FODR_MODE_CHANGE{1, 02700, 0, 0}), 0, kReadWrite,
+         STATUS_PRIVILEGE_NOT_HELD},
         {0, {}, 0, kReadWrite, STATUS_INVALID_DEVICE_REQUEST},
     };
     for (const auto &c : cases)
@@ -108,6 +121,48 @@ TEST_F(DeviceControl, ZeroDataPunchesAHoleAndNeverLengthens)
     EXPECT_EQ(one.data, Bytes(left[0]));
     EXPECT_EQ(ranges(kMegabyte, kMegabyte, 64).data.size(), 0u);
     EXPECT_EQ(ranges(kMegabyte / 2, 1, 64).data, Bytes(FILE_ALLOCATED_RANGE_BUFFER{kMegabyte / 2, 1}));
+}
+
+TEST_F(DeviceControl, OnlyAnEmptyFileOfOneNameBecomesALink)
+{
+    const auto link = [](const std::string &target) { return LxRecord(IO_REPARSE_TAG_LX_SYMLINK, target); };
+    std::vector<uint8_t> longer = link("x"), older = link("x");
+    longer[4] = 6;
+    older[8] = 1;
+    const struct {
+        std::vector<uint8_t> record;
+        NTSTATUS status;
+    } records[] = {
+        {link(""), STATUS_INVALID_PARAMETER},
+        {link(std::string("a\0b", 3)), STATUS_INVALID_PARAMETER},
+        {link(std::string(PATH_MAX, 'x')), STATUS_INVALID_PARAMETER},
+        {longer, STATUS_INVALID_PARAMETER},
+        {older, STATUS_INVALID_PARAMETER},
+        {LxRecord(IO_REPARSE_TAG_LX_FIFO, "x"), STATUS_INVALID_PARAMETER},
+        {LxRecord(0x80000025), STATUS_NOT_SUPPORTED}, // a device
+        {SymbolicLinkRecord("x"), STATUS_NOT_SUPPORTED},
+    };
+    const auto set = [&](const std::vector<uint8_t> &record, uint32_t access = GENERIC_WRITE) {
+        return Control(Open("f", {.access = access}), FSCTL_SET_REPARSE_POINT, record, 0).status;
+    };
+    MakeFile("f");
+    for (const auto &c : records)
+        EXPECT_EQ(set(c.record), c.status) << &c - records;
+    EXPECT_EQ(set(link("x"), GENERIC_READ), STATUS_ACCESS_DENIED);
+    std::filesystem::create_hard_link(root / "f", root / "g");
+    EXPECT_EQ(set(link("x")), STATUS_INVALID_PARAMETER);
+    std::filesystem::remove(root / "g");
+    // Another file has the name by now.
+    const NtFile replaced = Open("f", {.access = GENERIC_WRITE});
+    MakeFile("new", "saved");
+    OthersMove("new", "f");
+    EXPECT_EQ(Control(replaced, FSCTL_SET_REPARSE_POINT, link("x"), 0).status, STATUS_FILE_DELETED);
+    EXPECT_EQ(Content("f"), "saved");
+    std::filesystem::remove(root / "f");
+    MakeFile("f");
+    EXPECT_EQ(set(link("to/where")), STATUS_SUCCESS);
+    EXPECT_EQ(std::filesystem::read_symlink(root / "f"), "to/where");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root), {}), 1) << "nothing is left beside it";
 }
 
 TEST_F(DeviceControl, ALinkOpenedAsItselfTellsItsTarget)

@@ -34,7 +34,7 @@ FileSystem::Options FileSystemOptions(const AgentOptions &options)
     return {.folders = options.layout == MountLayout::Folders,
             .cacheSeconds = options.cacheMS / 1000.0,
             .denyWriters = options.denyWriters,
-            .owner = {getuid(), getgid()}};
+            .owner = {getuid(), getgid(), options.realOwners}};
 }
 
 AgentExit ExitAfter(ChannelEnd end)

@@ -20,6 +20,8 @@ constexpr uint32_t kSettableAttributes = nt::FILE_ATTRIBUTE_READONLY | nt::FILE_
                                          nt::FILE_ATTRIBUTE_SYSTEM | nt::FILE_ATTRIBUTE_ARCHIVE |
                                          nt::FILE_ATTRIBUTE_TEMPORARY;
 
+constexpr mode_t kModeWithoutOne = 0755; // of what has none of its own
+
 constexpr uint32_t kAttributeAccess = nt::FILE_READ_ATTRIBUTES | nt::FILE_WRITE_ATTRIBUTES | nt::SYNCHRONIZE;
 
 } // namespace
@@ -89,24 +91,47 @@ void AttributeOperations::GiveBack(const NodePtr &node, const Borrowed &borrowed
         mount.CloseLater(node, borrowed.share, borrowed.fileId);
 }
 
-// The read-only attribute stands for the owner's write bit; the other bits have no place to be kept.
+// On hosts that know modes.
+Task<nt::NTSTATUS> AttributeOperations::ChangeMode(const Borrowed &borrowed, const AttributeChange &change)
+{
+    const bool owners = mount.options.owner.real;
+    const nt::FODR_MODE_CHANGE record = {.Fields = (change.setMode ? nt::FODR_SET_MODE : 0) |
+                                                   (owners && change.setUser ? nt::FODR_SET_OWNER : 0) |
+                                                   (owners && change.setGroup ? nt::FODR_SET_GROUP : 0),
+                                         .Mode = change.mode & nt::FODR_MODE_BITS,
+                                         .Owner = change.owner.uid,
+                                         .Group = change.owner.gid};
+    if (record.Fields == 0)
+        co_return nt::STATUS_SUCCESS;
+    const ByteSpan bytes(reinterpret_cast<const uint8_t *>(&record), sizeof(record));
+    const IoResult result =
+        co_await ControlFile(*borrowed.share, borrowed.fileId, nt::FSCTL_FODR_SET_MODE, bytes);
+    co_return result.status;
+}
+
+// Towards hosts without modes the read-only attribute stands for the owner's write bit. The other bits have
+// no place to be kept: what would change them is refused.
 Task<nt::NTSTATUS> AttributeOperations::ChangeBasics(const Borrowed &borrowed, const AttributeChange &change,
-                                                     bool directory, FileFacts *facts, bool *known)
+                                                     bool directory, FileFacts *changed, bool *known)
 {
     BasicChange basics;
     if (change.setAccessTime)
         basics.lastAccessTime = NtTimeOf(change.accessTime);
     if (change.setWriteTime)
         basics.lastWriteTime = NtTimeOf(change.writeTime);
-    if (change.setMode && !directory) {
-        const nt::NTSTATUS status = co_await QueryFacts(*borrowed.share, borrowed.fileId, facts);
+    if (change.setMode && !borrowed.share->Has(nt::FODR_HOST_MODES)) {
+        constexpr mode_t kWritable = 0222;
+        const mode_t other = (change.mode ^ kModeWithoutOne) & 07777;
+        if ((other & ~kWritable) != 0 || (directory && other != 0))
+            co_return nt::STATUS_PRIVILEGE_NOT_HELD;
+        const nt::NTSTATUS status = co_await QueryFacts(*borrowed.share, borrowed.fileId, changed);
         if (nt::IsError(status))
             co_return status;
         *known = true; // until it is changed
         const bool readOnly = (change.mode & S_IWUSR) == 0;
-        uint32_t attributes = facts->attributes & kSettableAttributes & ~nt::FILE_ATTRIBUTE_READONLY;
+        uint32_t attributes = changed->attributes & kSettableAttributes & ~nt::FILE_ATTRIBUTE_READONLY;
         attributes |= readOnly ? nt::FILE_ATTRIBUTE_READONLY : 0;
-        if (facts->IsReadOnly() != readOnly)
+        if (!directory && changed->IsReadOnly() != readOnly)
             basics.attributes = attributes ? attributes : nt::FILE_ATTRIBUTE_NORMAL;
     }
     if (basics.lastAccessTime == 0 && basics.lastWriteTime == 0 && basics.attributes == 0)
@@ -114,7 +139,7 @@ Task<nt::NTSTATUS> AttributeOperations::ChangeBasics(const Borrowed &borrowed, c
     const std::array<uint8_t, 36> record = BasicRecord(basics);
     const IoResult result =
         co_await SetFile(*borrowed.share, borrowed.fileId, nt::FileBasicInformation, record);
-    *known = !result.Failed() && ReadPreReadFacts(result.preRead, facts);
+    *known = !result.Failed() && ReadPreReadFacts(result.preRead, changed);
     co_return result.status;
 }
 
@@ -125,12 +150,12 @@ int AttributeOperations::Refusal(const NodePtr &node, const AttributeChange &cha
         return EROFS;
     if (handle == 0 && !node->opens.IsOpen() && node->MustBeLookedUp())
         return ESTALE;
-    if (node->kind == NodeKind::Link) // what it leads to isn't meant
+    if (node->kind == NodeKind::Link && (change.setSize || change.setMode)) // a link has neither
         return EOPNOTSUPP;
-    // Everything here belongs to one owner and stays so.
+    // Everything belongs to one owner and stays so, unless the owners of the other side are shown.
     const Owner &owner = mount.options.owner;
-    const bool otherOwner = (change.setUser && change.owner.uid != owner.uid) ||
-                            (change.setGroup && change.owner.gid != owner.gid);
+    const bool otherOwner = !owner.real && ((change.setUser && change.owner.uid != owner.uid) ||
+                                            (change.setGroup && change.owner.gid != owner.gid));
     return otherOwner ? EPERM : 0;
 }
 
@@ -172,7 +197,9 @@ Task<nt::NTSTATUS> AttributeOperations::Change(NodePtr node, const AttributeChan
         status = co_await CheckIdentity(node, changed->identity);
     if (change.setSize && !nt::IsError(status))
         status = co_await SetSize(node, borrowed, change.size);
-    if (change.SetsBasics() && !nt::IsError(status))
+    if (change.SetsModeOrOwner() && borrowed.share->Has(nt::FODR_HOST_MODES) && !nt::IsError(status))
+        status = co_await ChangeMode(borrowed, change);
+    if ((change.SetsTimes() || change.setMode) && !nt::IsError(status))
         status = co_await ChangeBasics(borrowed, change, node->directory, &changed->facts, &changed->known);
     if (changed->identity) {
         const nt::NTSTATUS checked = co_await CheckIdentity(node, changed->identity);
@@ -219,7 +246,7 @@ Detached AttributeOperations::SetAttributes(FuseCall::Ptr call, uint64_t nodeId,
         co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
     const auto asked = Node::Clock::now();
     Changed changed;
-    if (change.setSize || change.SetsBasics()) {
+    if (change.setSize || change.SetsTimes() || change.SetsModeOrOwner()) {
         changed.borrowed = co_await BorrowHandle(node, file, change.setSize);
         node->NoteOwnChange();
         const nt::NTSTATUS status = co_await Change(node, change, &changed);
@@ -282,7 +309,7 @@ Detached AttributeOperations::ReadLink(FuseCall::Ptr call, uint64_t nodeId)
     }
 }
 
-// By the modes that are shown. Only whether something can be written is a question to the other side.
+// By the modes that are shown. Of a file they are asked for.
 Detached AttributeOperations::Access(FuseCall::Ptr call, uint64_t nodeId, int mask)
 {
     const NodePtr node = mount.table.Find(nodeId);
@@ -294,17 +321,18 @@ Detached AttributeOperations::Access(FuseCall::Ptr call, uint64_t nodeId, int ma
     if (node->directory && (mask & X_OK))
         co_await mount.AwaitDirectory(node);
     Place place;
-    if ((mask & W_OK) && mount.table.PlaceOf(node, &place)) {
-        if (place.share->Device().IsReadOnly()) {
-            call->Fail(EROFS);
-            co_return;
-        }
-        const Found found = node->kind != NodeKind::File ? Found{} : co_await factsFinder.FactsOf(node);
+    if ((mask & W_OK) && mount.table.PlaceOf(node, &place) && place.share->Device().IsReadOnly()) {
+        call->Fail(EROFS);
+        co_return;
+    }
+    if (node->kind == NodeKind::File && (mask & (W_OK | X_OK))) {
+        const Found found = co_await factsFinder.FactsOf(node);
         if (nt::IsError(found.status)) {
             call->FailOfFile(found.status);
             co_return;
         }
-        if (found.facts.IsReadOnly()) {
+        const bool runs = (StatOf(found.facts, node->id, mount.options.owner).st_mode & 0111) != 0;
+        if (((mask & W_OK) && found.facts.IsReadOnly()) || ((mask & X_OK) && !runs)) {
             call->Fail(EACCES);
             co_return;
         }

@@ -17,7 +17,8 @@ struct AttributeChange {
     bool setAccessTime = false, setWriteTime = false;
     timespec accessTime{}, writeTime{};
 
-    bool SetsBasics() const { return setMode || setAccessTime || setWriteTime; }
+    bool SetsTimes() const { return setAccessTime || setWriteTime; }
+    bool SetsModeOrOwner() const { return setMode || setUser || setGroup; }
 };
 
 class AttributeOperations {
@@ -53,6 +54,7 @@ private:
     Task<nt::NTSTATUS> CheckIdentity(NodePtr node, std::shared_ptr<FactsUnderway> identity);
     Task<nt::NTSTATUS> SetSize(NodePtr node, const Borrowed &borrowed, uint64_t size);
     Task<nt::NTSTATUS> Change(NodePtr node, const AttributeChange &change, Changed *changed);
+    Task<nt::NTSTATUS> ChangeMode(const Borrowed &borrowed, const AttributeChange &change);
     Task<nt::NTSTATUS> ChangeBasics(const Borrowed &borrowed, const AttributeChange &change, bool directory,
                                     FileFacts *changed, bool *known);
     Task<Found> FactsAfter(NodePtr node, const Changed &changed);

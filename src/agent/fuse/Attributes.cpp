@@ -48,16 +48,19 @@ struct stat StatOf(const FileFacts &facts, uint64_t inode, const Owner &owner)
     const bool directory = facts.IsDirectory();
     result.st_ino = facts.id != 0 ? InodeOf(facts.id) : inode;
     result.st_nlink = facts.id != 0 ? facts.links : 1;
-    result.st_uid = owner.uid;
-    result.st_gid = owner.gid;
-    // The attribute says nothing about what may be done in a folder (MS-FSCC 2.6).
-    const mode_t type = facts.mode & S_IFMT;
+    const bool real = owner.real && facts.id != 0;
+    result.st_uid = real ? facts.owner : owner.uid;
+    result.st_gid = real ? facts.group : owner.gid;
+    // What has no mode: the attribute says nothing about what may be done in a folder (MS-FSCC 2.6).
+    const bool hasMode = (facts.id != 0 && facts.mode != 0) || (facts.mode & 07777) != 0;
     if (facts.id != 0 && facts.IsSymbolicLink())
         result.st_mode = S_IFLNK | 0777;
+    else if (hasMode)
+        result.st_mode = (facts.mode & 07777) | (directory ? S_IFDIR : facts.mode & S_IFMT);
     else if (directory)
         result.st_mode = S_IFDIR | 0755;
-    else if (type != 0 && type != S_IFREG)
-        result.st_mode = type | 0644;
+    else if ((facts.mode & S_IFMT) != 0 && !S_ISREG(facts.mode))
+        result.st_mode = facts.mode | 0644;
     else
         result.st_mode = S_IFREG | (facts.IsReadOnly() ? 0555 : 0755);
     result.st_size = directory ? 0 : facts.endOfFile;

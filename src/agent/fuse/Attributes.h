@@ -8,14 +8,16 @@
 
 namespace fodr::agent {
 
-// Who owns everything in the mount.
+// Who owns everything in the mount; or, if `real`, what a file's own numbers stand for where its host tells
+// none.
 struct Owner {
     uid_t uid = 0;
     gid_t gid = 0;
+    bool real = false;
 };
 
-// Folders are 0755, files 0755 or, read-only, 0555. The inode number is the other side's, where its host
-// tells ids; else `inode`.
+// The inode number and the mode are the other side's, where its host tells ids; else `inode`, and 0755 or,
+// for read-only files, 0555.
 struct stat StatOf(const FileFacts &facts, uint64_t inode, const Owner &owner);
 // Of a file with that id. The high bits are no part of it, but for files of another file system than their
 // share's.

@@ -132,7 +132,9 @@ Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::stri
         create.createDisposition = nt::FILE_CREATE;
     else if (flags & O_TRUNC)
         create.createDisposition = nt::FILE_OVERWRITE_IF;
-    if ((mode & S_IWUSR) == 0)
+    if (place.share->Has(nt::FODR_HOST_MODES))
+        create.allocationSize = nt::FODR_CREATE_WITH_MODE | (mode & nt::FODR_MODE_BITS);
+    else if ((mode & S_IWUSR) == 0)
         create.fileAttributes = nt::FILE_ATTRIBUTE_READONLY;
     parent->NoteOwnChange();
     IoResult opened = co_await opener.OpenAt(place, create);
@@ -159,6 +161,8 @@ Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::stri
     } else {
         timespec now{};
         clock_gettime(CLOCK_REALTIME, &now);
+        if (place.share->Has(nt::FODR_HOST_MODES))
+            facts.mode = S_IFREG | (mode & nt::FODR_MODE_BITS);
         facts.creationTime = facts.lastAccessTime = facts.lastWriteTime = facts.changeTime = NtTimeOf(now);
     }
     const NodePtr node = hasIds && isNew ? mount.table.ReachNew(parent, name, NodeKind::File)

@@ -138,9 +138,9 @@ void FAllocate(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t len
                                static_cast<uint64_t>(length));
 }
 
-void MkDir(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t)
+void MkDir(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t mode)
 {
-    Of(request).names.MakeDirectory(CallOf(request), parent, name);
+    Of(request).names.MakeDirectory(CallOf(request), parent, name, mode);
 }
 
 void RmDir(fuse_req_t request, fuse_ino_t parent, const char *name)
@@ -159,14 +159,13 @@ void Rename(fuse_req_t request, fuse_ino_t parent, const char *name, fuse_ino_t 
     Of(request).names.Rename(CallOf(request), parent, name, newParent, newName, flags);
 }
 
-// What a share can't hold.
-void MkNod(fuse_req_t request, fuse_ino_t, const char *, mode_t, dev_t)
+void MkNod(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t mode, dev_t)
 {
-    fuse_reply_err(request, EPERM);
+    Of(request).names.MakeNode(CallOf(request), parent, name, mode);
 }
-void SymLink(fuse_req_t request, const char *, fuse_ino_t, const char *)
+void SymLink(fuse_req_t request, const char *target, fuse_ino_t parent, const char *name)
 {
-    fuse_reply_err(request, EPERM);
+    Of(request).names.MakeLink(CallOf(request), parent, name, target);
 }
 void Link(fuse_req_t request, fuse_ino_t, fuse_ino_t, const char *)
 {

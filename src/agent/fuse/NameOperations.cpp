@@ -4,6 +4,7 @@
 #include "agent/fuse/StatusErrno.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
+#include "platform/ReparseRecords.h"
 
 #include <cerrno>
 #include <climits>
@@ -12,6 +13,17 @@ namespace fodr::agent {
 namespace {
 
 constexpr unsigned kNoReplace = 1; // RENAME_NOREPLACE of linux/fs.h
+
+// What makes an empty file a link, a FIFO or a socket on that host; empty where it has no such files.
+std::vector<uint8_t> RecordOf(const RemoteShare &share, mode_t mode, const std::string &target)
+{
+    const bool posix = share.Has(nt::FODR_HOST_LX_FILES);
+    if (S_ISLNK(mode))
+        return posix ? nt::LxRecord(nt::IO_REPARSE_TAG_LX_SYMLINK, target) : nt::SymbolicLinkRecord(target);
+    if (posix && (S_ISFIFO(mode) || S_ISSOCK(mode)))
+        return nt::LxRecord(S_ISFIFO(mode) ? nt::IO_REPARSE_TAG_LX_FIFO : nt::IO_REPARSE_TAG_AF_UNIX);
+    return {};
+}
 
 } // namespace
 
@@ -106,16 +118,18 @@ Detached NameOperations::Lookup(FuseCall::Ptr call, uint64_t parentId, std::stri
         mount.notifier.NameChanged(parent->id, name);
 }
 
-Detached NameOperations::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::string name)
+Detached NameOperations::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode)
 {
     const NodePtr parent = mount.table.Find(parentId);
     Place place;
     if (!co_await places.LocateConfirmed(call, parent, name, &place))
         co_return;
-    const RemoteShare::CreateCall create = {.desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
-                                            .createDisposition = nt::FILE_CREATE,
-                                            .createOptions = nt::FILE_DIRECTORY_FILE,
-                                            .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
+    RemoteShare::CreateCall create = {.desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
+                                      .createDisposition = nt::FILE_CREATE,
+                                      .createOptions = nt::FILE_DIRECTORY_FILE,
+                                      .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
+    if (place.share->Has(nt::FODR_HOST_MODES))
+        create.allocationSize = nt::FODR_CREATE_WITH_MODE | (mode & nt::FODR_MODE_BITS);
     parent->NoteOwnChange();
     IoResult made = co_await CreateFile(*place.share, create, place.path);
     if (SaysAbsent(made.status) && co_await places.FindPlaceAgain(parent, name, &place))
@@ -145,7 +159,85 @@ Detached NameOperations::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, st
     }
     FileFacts facts;
     facts.attributes = nt::FILE_ATTRIBUTE_DIRECTORY;
+    if (place.share->Has(nt::FODR_HOST_MODES))
+        facts.mode = S_IFDIR | (mode & nt::FODR_MODE_BITS);
     mount.ReplyEntry(call, parent, node, facts, false, Node::Clock::now());
+}
+
+// Makes an empty file and, with a record, what that says of it.
+Task<nt::NTSTATUS> NameOperations::MakeFile(NodePtr parent, std::string name, Place *place, mode_t mode,
+                                            const std::vector<uint8_t> &reparseRecord)
+{
+    RemoteShare::CreateCall create = {
+        .desiredAccess = nt::FILE_WRITE_ATTRIBUTES | nt::DELETE_ACCESS | nt::SYNCHRONIZE,
+        .createDisposition = nt::FILE_CREATE,
+        .createOptions = nt::FILE_NON_DIRECTORY_FILE | nt::FILE_OPEN_REPARSE_POINT,
+        .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
+    if (place->share->Has(nt::FODR_HOST_MODES))
+        create.allocationSize = nt::FODR_CREATE_WITH_MODE | (mode & nt::FODR_MODE_BITS);
+    IoResult made = co_await CreateFile(*place->share, create, place->path);
+    if (SaysAbsent(made.status) && co_await places.FindPlaceAgain(parent, name, place))
+        made = co_await CreateFile(*place->share, create, place->path);
+    if (made.Failed())
+        co_return made.status;
+    const uint32_t fileId = made.fileId;
+    nt::NTSTATUS status = nt::STATUS_SUCCESS;
+    if (!reparseRecord.empty()) {
+        const IoResult set =
+            co_await ControlFile(*place->share, fileId, nt::FSCTL_SET_REPARSE_POINT, reparseRecord);
+        status = set.status;
+        if (nt::IsError(status) && place->share->Has(nt::FODR_HOST_POSIX_NAMES))
+            co_await DeleteFileAtOnce(*place->share, fileId);
+        else if (nt::IsError(status))
+            co_await DeleteFile(*place->share, fileId);
+    }
+    co_await CloseFile(*place->share, fileId);
+    co_return status;
+}
+
+Detached NameOperations::MakeLink(FuseCall::Ptr call, uint64_t parentId, std::string name, std::string target)
+{
+    co_await MakeSpecial(call, parentId, name, S_IFLNK | 0777, target);
+}
+
+Detached NameOperations::MakeNode(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode)
+{
+    co_await MakeSpecial(call, parentId, name, mode, {});
+}
+
+Task<Nothing> NameOperations::MakeSpecial(FuseCall::Ptr call, uint64_t parentId, std::string name,
+                                          mode_t mode, std::string target)
+{
+    const NodePtr parent = mount.table.Find(parentId);
+    Place place;
+    if (!co_await places.LocateConfirmed(call, parent, name, &place))
+        co_return Nothing{};
+    const bool isFile = S_ISREG(mode);
+    const std::vector<uint8_t> record =
+        isFile ? std::vector<uint8_t>() : RecordOf(*place.share, mode, target);
+    if (!isFile && record.empty()) {
+        call->Fail(EPERM);
+        co_return Nothing{};
+    }
+    parent->NoteOwnChange();
+    const nt::NTSTATUS status = co_await MakeFile(parent, name, &place, mode, record);
+    parent->NoteOwnChange();
+    if (nt::IsError(status)) {
+        // Who isn't allowed to make links there, or has no such files.
+        const bool unable = status == nt::STATUS_NOT_SUPPORTED || status == nt::STATUS_INVALID_DEVICE_REQUEST;
+        call->FailInFolder(unable ? nt::STATUS_PRIVILEGE_NOT_HELD : status);
+        co_return Nothing{};
+    }
+    const Found found = co_await finder.FindPassing(parent, name, Freshness::Asked);
+    if (nt::IsError(found.status)) {
+        call->FailOfFile(found.status);
+        co_return Nothing{};
+    }
+    const NodePtr node = mount.Reach(parent, name, found.facts, found.NodeId());
+    node->NoteFacts(found.facts);
+    node->NoteSeen(found.asked);
+    mount.ReplyEntry(call, parent, node, found.facts, true, found.asked);
+    co_return Nothing{};
 }
 
 // The name is gone when this returns, whoever has the file open.

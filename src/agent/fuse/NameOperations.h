@@ -17,13 +17,20 @@ public:
     {}
 
     Detached Lookup(FuseCall::Ptr call, uint64_t parentId, std::string name);
-    Detached MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::string name);
+    Detached MakeDirectory(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode);
+    Detached MakeLink(FuseCall::Ptr call, uint64_t parentId, std::string name, std::string target);
+    // A file, a FIFO or a socket.
+    Detached MakeNode(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode);
     Detached RemoveDirectory(FuseCall::Ptr call, uint64_t parentId, std::string name);
     Detached Unlink(FuseCall::Ptr call, uint64_t parentId, std::string name);
     Detached Rename(FuseCall::Ptr call, uint64_t parentId, std::string name, uint64_t newParentId,
                     std::string newName, unsigned flags);
 
 private:
+    Task<nt::NTSTATUS> MakeFile(NodePtr parent, std::string name, Place *place, mode_t mode,
+                                const std::vector<uint8_t> &reparseRecord);
+    Task<Nothing> MakeSpecial(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode,
+                              std::string target);
     Task<Nothing> LookupShare(FuseCall::Ptr call, std::string name);
     Task<bool> FindAgain(FuseCall::Ptr call, NodePtr parent, std::string name, NodePtr known, Found *found);
     Task<nt::NTSTATUS> RemoveAtOnce(Place place, NodePtr node, bool directory);

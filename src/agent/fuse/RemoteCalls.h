@@ -71,6 +71,12 @@ inline auto ControlFile(RemoteShare &share, uint32_t fileId, uint32_t code, uint
         share.DeviceControl(fileId, code, {}, outputLength, std::move(done));
     });
 }
+inline auto ControlFile(RemoteShare &share, uint32_t fileId, uint32_t code, ByteSpan input)
+{
+    return AwaitIo([&share, fileId, code, input](IoHandler done) {
+        share.DeviceControl(fileId, code, input, 0, std::move(done));
+    });
+}
 // What an open file is: of hosts that tell it, with its id.
 inline uint32_t FactsClassOf(const RemoteShare &share)
 {

@@ -60,10 +60,9 @@ constexpr long kVersionWithTruncate = 3;
 constexpr long kVersionWithScopes = 6;
 
 constexpr uint64_t kOfFiles = kWriteFile | kTruncate;
-constexpr uint64_t kOfFolders =
-    kOfFiles | kRemoveDirectory | kRemoveFile | kMakeDirectory | kMakeFile | kMakeSocket | kRefer;
-constexpr uint64_t kHandled =
-    kOfFolders | kExecute | kMakeCharacterDevice | kMakeFifo | kMakeBlockDevice | kMakeLink;
+constexpr uint64_t kOfFolders = kOfFiles | kRemoveDirectory | kRemoveFile | kMakeDirectory | kMakeFile |
+                                kMakeSocket | kMakeFifo | kMakeLink | kRefer;
+constexpr uint64_t kHandled = kOfFolders | kExecute | kMakeCharacterDevice | kMakeBlockDevice;
 
 std::string ErrnoText()
 {

@@ -42,5 +42,20 @@ TEST(DeviceControl, TellsWhatTheHostOffersAsDocumented)
     EXPECT_EQ(listed.Links, 1u);
 }
 
+TEST(DeviceControl, SetsAModeAndMakesALinkAsDocumented)
+{
+    Share share;
+    File file = share.Made("a", "");
+    const auto text = [](const char *name) {
+        const Bytes &bytes = WireExample(name);
+        return std::string(bytes.begin(), bytes.end());
+    };
+    EXPECT_EQ(file.Control(FSCTL_FODR_SET_MODE, text("Modes"), 0).Status(), STATUS_SUCCESS);
+    EXPECT_EQ(std::filesystem::status(share.folder / "a").permissions(), std::filesystem::perms(0755));
+    EXPECT_EQ(file.Control(FSCTL_SET_REPARSE_POINT, text("Links, FIFOs, sockets"), 0).Status(),
+              STATUS_SUCCESS);
+    EXPECT_EQ(std::filesystem::read_symlink(share.folder / "a"), "d/file");
+}
+
 } // namespace
 } // namespace fodr::test

@@ -20,6 +20,7 @@
 #include <string>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <thread>
 
@@ -98,8 +99,8 @@ TEST_F(Confining, FilesAreWrittenWhereThatWasAllowedAndReadEverywhere)
                 {"move out", [&] { return rename(At("in/f").c_str(), At("out/g").c_str()) == 0; }},
                 {"move in", [&] { return rename(At("out/f").c_str(), At("in/g").c_str()) == 0; }},
                 {"link", [&] { return link(At("in/f").c_str(), At("out/g").c_str()) == 0; }},
-                {"link in", [&] { return symlink("/", At("in/link").c_str()) == 0; }},
-                {"device", [&] { return mknod(At("in/fifo").c_str(), S_IFIFO | 0600, 0) == 0; }},
+                {"link out", [&] { return symlink("/", At("out/link").c_str()) == 0; }},
+                {"device", [&] { return mknod(At("in/null").c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0; }},
                 {"remove",
                  [&] { return unlink(At("out/f").c_str()) == 0 || unlink(At("tidy/f").c_str()) == 0; }},
                 {"remove folder", [&] { return rmdir(At("out/empty").c_str()) == 0; }},
