@@ -20,7 +20,7 @@ struct CreateRequest {
     uint32_t attributes = 0;
     int64_t allocation = 0;
     std::optional<mode_t> mode{}; // of what is made; else the umask decides
-    bool exactName = false;     // no other case of the name is as good
+    bool exactName = false;       // no other case of the name is as good
 };
 
 class Creator {

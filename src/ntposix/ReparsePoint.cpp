@@ -3,7 +3,7 @@
 #include "ntposix/Link.h"
 #include "ntposix/NameSteps.h"
 #include "platform/NtRecords.h"
-#include "platform/ReparseRecords.h"
+#include "platform/NtReparse.h"
 
 #include <fcntl.h>
 #include <limits.h>

@@ -1,6 +1,6 @@
 #include "lib/unicode/NameMapping.h"
 #include "ntposix/NtWords.h"
-#include "platform/ReparseRecords.h"
+#include "platform/NtReparse.h"
 
 #include <climits>
 

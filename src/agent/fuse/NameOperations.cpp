@@ -4,7 +4,7 @@
 #include "agent/fuse/StatusErrno.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
-#include "platform/ReparseRecords.h"
+#include "platform/NtReparse.h"
 
 #include <cerrno>
 #include <climits>
