@@ -15,6 +15,7 @@ namespace {
 // As many handles as there can be, and some more for everyone else in the process.
 constexpr rlim_t kEnough = 300'000;
 constexpr int kNear = 64;
+constexpr int kOfAnOpen = 8; // descriptors that an open has at most, with those of the way to the file
 
 std::atomic<int> ceiling{0}; // the first number of the reserve; 0: not known yet
 std::atomic<int> lastKept{0};
@@ -58,7 +59,7 @@ bool HasDescriptorRoom()
     if (first == 0 || lastKept.load(std::memory_order_relaxed) < first - kNear)
         return true;
     const Fd probe(open("/", O_PATH | O_CLOEXEC));
-    return probe && MayKeepDescriptor(probe.Get());
+    return probe && MayKeepDescriptor(probe.Get() + kOfAnOpen);
 }
 
 } // namespace fodr::ntposix

@@ -60,6 +60,8 @@ NTSTATUS OpenHandle(const OBJECT_ATTRIBUTES &object, const CreateRequest &reques
     *handle = MayKeepDescriptor(file->fd.Get()) ? HandleTable::Instance().Add(file) : nullptr;
     if (*handle)
         return STATUS_SUCCESS;
+    // The room that there was, others have taken meanwhile. A refused create leaves nothing behind.
+    file->deleteOnClose = *information == FILE_CREATED;
     Cleanup(*file);
     return STATUS_TOO_MANY_OPENED_FILES;
 }
