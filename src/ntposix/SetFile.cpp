@@ -106,25 +106,55 @@ NTSTATUS SetRename(const FileChange &change)
 }
 
 // The directory is a handle, and the name one component of it.
-NTSTATUS SetRenameEx(const FileChange &change)
+struct NewName {
+    OpenFileRef directory;
+    std::u16string leaf;
+};
+
+template <typename Record> NTSTATUS ReadNewName(const FileChange &change, Record *head, NewName *name)
 {
-    constexpr uint32_t kNameOffset = offsetof(FILE_RENAME_INFORMATION_EX, FileName);
-    FILE_RENAME_INFORMATION_EX record{};
+    constexpr uint32_t kNameOffset = offsetof(Record, FileName);
+    Record &record = *head;
+    record = {};
     memcpy(&record, change.data, kNameOffset);
     if (record.FileNameLength % 2 != 0 || record.FileNameLength == 0 ||
         record.FileNameLength > change.length - kNameOffset)
         return STATUS_INVALID_PARAMETER;
     if (change.open.stream || record.RootDirectory == 0)
         return STATUS_INVALID_PARAMETER;
-    const OpenFileRef directory =
+    name->directory =
         HandleTable::Instance().Find(reinterpret_cast<HANDLE>(static_cast<uintptr_t>(record.RootDirectory)));
-    if (!directory)
+    if (!name->directory)
         return STATUS_INVALID_HANDLE;
-    if (!directory->IsDirectory())
+    if (!name->directory->IsDirectory())
         return STATUS_NOT_A_DIRECTORY;
-    std::u16string name(record.FileNameLength / 2, u'\0');
-    memcpy(name.data(), change.data + kNameOffset, record.FileNameLength);
-    return RenameInto(change.open, *directory, name,
+    name->leaf.resize(record.FileNameLength / 2);
+    memcpy(name->leaf.data(), change.data + kNameOffset, record.FileNameLength);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS SetLink(const FileChange &change)
+{
+    FILE_LINK_INFORMATION record;
+    NewName name;
+    const NTSTATUS status = ReadNewName(change, &record, &name);
+    if (status != STATUS_SUCCESS)
+        return status;
+    if (record.ReplaceIfExists)
+        return STATUS_NOT_SUPPORTED;
+    return LinkInto(change.open, *name.directory, name.leaf);
+}
+
+NTSTATUS SetRenameEx(const FileChange &change)
+{
+    FILE_RENAME_INFORMATION_EX record;
+    NewName name;
+    const NTSTATUS status = ReadNewName(change, &record, &name);
+    if (status != STATUS_SUCCESS)
+        return status;
+    if (record.Flags & FODR_RENAME_EXCHANGE)
+        return ExchangeWith(change.open, *name.directory, name.leaf);
+    return RenameInto(change.open, *name.directory, name.leaf,
                       {.replace = (record.Flags & FILE_RENAME_REPLACE_IF_EXISTS) != 0,
                        .posix = (record.Flags & FILE_RENAME_POSIX_SEMANTICS) != 0,
                        .ignoreReadOnly = (record.Flags & FILE_RENAME_IGNORE_READONLY_ATTRIBUTE) != 0});
@@ -202,6 +232,8 @@ struct SetClass {
 constexpr SetClass kClasses[] = {
     {FileBasicInformation, sizeof(FILE_BASIC_INFORMATION), FILE_WRITE_ATTRIBUTES, &SetBasic},
     {FileRenameInformation, sizeof(FILE_RENAME_INFORMATION), DELETE_ACCESS, &SetRename},
+    {FileLinkInformation, offsetof(FILE_LINK_INFORMATION, FileName) + sizeof(char16_t), FILE_WRITE_ATTRIBUTES,
+     &SetLink},
     {FileDispositionInformation, sizeof(FILE_DISPOSITION_INFORMATION), DELETE_ACCESS, &SetDeletion},
     {FilePositionInformation, sizeof(FILE_POSITION_INFORMATION), 0, &SetPosition},
     {FileModeInformation, sizeof(FILE_MODE_INFORMATION), 0, &SetMode},
