@@ -5,7 +5,9 @@
 #include "agent/fuse/AttributeOperations.h"
 #include "agent/fuse/DirectoryOperations.h"
 #include "agent/fuse/FileOperations.h"
+#include "agent/fuse/LinkOperations.h"
 #include "agent/fuse/NameOperations.h"
+#include "agent/fuse/RangeOperations.h"
 
 namespace fodr::agent {
 
@@ -46,6 +48,8 @@ public:
     DirectoryOperations directories{mount, places};
     FileOperations files{mount, places, opener, hidden};
     AttributeOperations attributes{mount, places, facts};
+    RangeOperations ranges{mount};
+    LinkOperations links{mount, places};
     NameOperations names{mount, finder, places, facts, hidden, directories};
 };
 

@@ -121,6 +121,11 @@ bool FuseCall::Written(size_t count)
     return Take() && fuse_reply_write(request, count) == 0;
 }
 
+bool FuseCall::Position(uint64_t offset)
+{
+    return Take() && fuse_reply_lseek(request, static_cast<off_t>(offset)) == 0;
+}
+
 bool FuseCall::Bytes(ByteSpan bytes)
 {
     return Take() && fuse_reply_buf(request, reinterpret_cast<const char *>(bytes.data()), bytes.size()) == 0;

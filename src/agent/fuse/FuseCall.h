@@ -56,6 +56,7 @@ public:
     bool Created(const EntryAnswer &entry, uint64_t handle, Caching caching = Caching::Allowed);
     bool Link(const std::string &target);
     bool Written(size_t count);
+    bool Position(uint64_t offset);
     bool Bytes(ByteSpan bytes);
     bool Parts(std::span<const ByteSpan> parts);
     bool Volume(const VolumeFacts &facts);
