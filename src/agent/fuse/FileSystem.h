@@ -8,6 +8,7 @@
 #include "agent/fuse/LinkOperations.h"
 #include "agent/fuse/NameOperations.h"
 #include "agent/fuse/RangeOperations.h"
+#include "agent/fuse/XattrOperations.h"
 
 namespace fodr::agent {
 
@@ -50,6 +51,7 @@ public:
     AttributeOperations attributes{mount, places, facts};
     RangeOperations ranges{mount};
     LinkOperations links{mount, places};
+    XattrOperations xattrs{mount, places};
     NameOperations names{mount, finder, places, facts, hidden, directories};
 };
 

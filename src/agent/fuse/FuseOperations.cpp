@@ -186,6 +186,26 @@ void CopyFileRange(fuse_req_t request, fuse_ino_t, off_t from, fuse_file_info *s
     Of(request).ranges.Copy(CallOf(request), source->fh, from, target->fh, to, length);
 }
 
+void SetXattr(fuse_req_t request, fuse_ino_t node, const char *name, const char *value, size_t size,
+              int flags)
+{
+    Of(request).xattrs.Set(
+        CallOf(request), node, name,
+        {reinterpret_cast<const uint8_t *>(value), reinterpret_cast<const uint8_t *>(value) + size}, flags);
+}
+void GetXattr(fuse_req_t request, fuse_ino_t node, const char *name, size_t room)
+{
+    Of(request).xattrs.Get(CallOf(request), node, name, room);
+}
+void ListXattr(fuse_req_t request, fuse_ino_t node, size_t room)
+{
+    Of(request).xattrs.List(CallOf(request), node, room);
+}
+void RemoveXattr(fuse_req_t request, fuse_ino_t node, const char *name)
+{
+    Of(request).xattrs.Remove(CallOf(request), node, name);
+}
+
 void OpenDir(fuse_req_t request, fuse_ino_t node, fuse_file_info *)
 {
     Of(request).directories.OpenDirectory(CallOf(request), node);
@@ -245,6 +265,10 @@ const fuse_lowlevel_ops &FuseOperations()
         made.symlink = SymLink;
         made.link = Link;
         made.lseek = LSeek;
+        made.setxattr = SetXattr;
+        made.getxattr = GetXattr;
+        made.listxattr = ListXattr;
+        made.removexattr = RemoveXattr;
         made.copy_file_range = CopyFileRange;
         made.opendir = OpenDir;
         made.readdir = ReadDir;
