@@ -159,6 +159,7 @@ int FindStream(int file, std::u16string_view name, bool exact, std::string *attr
     std::string posixName;
     if (name.empty() || !PosixNameFromNt(name, posixName))
         return EINVAL;
+    exact = exact || posixName.starts_with(kOwnPrefix); // attributes always differ by case
     std::string found;
     const auto compare = [&](const std::u16string &present, const std::string &itsAttribute) {
         const bool same = present == name;

@@ -5,7 +5,7 @@
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <string_view>
 #include <sys/xattr.h>
@@ -152,19 +152,31 @@ Detached XattrOperations::List(FuseCall::Ptr call, uint64_t nodeId, size_t room)
     mount.CloseLater(node, place.share, fileId);
 }
 
+// What is there stays when the new value can't be stored.
 Task<nt::NTSTATUS> XattrOperations::Store(NodePtr node, Place place, std::string name,
                                           std::vector<uint8_t> value, uint32_t disposition)
 {
-    const IoResult opened = co_await OpenStream(
-        node, place, name, {.desiredAccess = nt::FILE_WRITE_DATA, .createDisposition = disposition});
+    const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_WRITE_DATA | nt::DELETE_ACCESS,
+                                          .createDisposition = disposition};
+    const IoResult opened = co_await OpenStream(node, place, name, open);
     if (opened.Failed())
         co_return opened.status;
+    const bool isNew = opened.information == nt::FILE_CREATED;
     nt::NTSTATUS status = nt::STATUS_SUCCESS;
     if (!value.empty()) {
         const IoResult written = co_await AwaitIo(
             [&](IoHandler done) { place.share->Write(opened.fileId, 0, value, std::move(done)); });
         status = written.status;
     }
+    if (!isNew && !nt::IsError(status)) {
+        std::array<uint8_t, 8> size;
+        StoreLittle<uint64_t>(size.data(), value.size());
+        const IoResult cut =
+            co_await SetFile(*place.share, opened.fileId, nt::FileEndOfFileInformation, size);
+        status = cut.status;
+    }
+    if (isNew && nt::IsError(status))
+        co_await DeleteFile(*place.share, opened.fileId);
     co_await CloseFile(*place.share, opened.fileId);
     co_return status;
 }
@@ -195,11 +207,11 @@ Detached XattrOperations::Set(FuseCall::Ptr call, uint64_t nodeId, std::string n
         }
         fileId = present.fileId;
     }
-    uint32_t disposition = nt::FILE_OVERWRITE_IF;
+    uint32_t disposition = nt::FILE_OPEN_IF;
     if (flags & XATTR_CREATE)
         disposition = nt::FILE_CREATE;
     else if (flags & XATTR_REPLACE)
-        disposition = nt::FILE_OVERWRITE;
+        disposition = nt::FILE_OPEN;
     node->NoteOwnChange();
     const nt::NTSTATUS status = co_await Store(node, place, name, std::move(value), disposition);
     node->NoteOwnChange();
