@@ -1,5 +1,6 @@
 // NtSetInformationFile: one function a class, and a table of what each asks for.
 #include "ntposix/Deletion.h"
+#include "ntposix/DosAttributes.h"
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/FileSize.h"
 #include "ntposix/HandleTable.h"
@@ -68,6 +69,16 @@ int SetReadOnly(const OpenFile &open, bool readOnly)
     return result == 0 ? 0 : errno;
 }
 
+// Others aren't attributes that can be kept.
+int SetHiddenAndSystem(const OpenFile &open, uint32_t attributes)
+{
+    if (open.kind != FileKind::kFile && !open.IsDirectory())
+        return 0;
+    FileFacts facts;
+    const int error = StatDescriptor(open.fd.Get(), &facts);
+    return error ? error : WriteDosAttributes(open.fd.Get(), facts, attributes);
+}
+
 // Creation and change time belong to the file system, which doesn't let them be set. The padding at the end
 // of the record isn't touched: who has it from a wire has it without.
 NTSTATUS SetBasic(const FileChange &change)
@@ -81,9 +92,12 @@ NTSTATUS SetBasic(const FileChange &change)
                                                     : (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     if (improper)
         return STATUS_INVALID_PARAMETER;
-    // The attribute first: a chmod changes no time that is set.
+    // The attributes first: they change no time that is set. Those that are kept, before the file may be
+    // read-only.
     const OpenFile &file = change.open.File();
-    int error = attributes ? SetReadOnly(file, attributes & FILE_ATTRIBUTE_READONLY) : 0;
+    int error = attributes ? SetHiddenAndSystem(file, attributes) : 0;
+    if (error == 0 && attributes)
+        error = SetReadOnly(file, attributes & FILE_ATTRIBUTE_READONLY);
     if (error == 0)
         error = SetTimes(file, basic);
     return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error);
