@@ -61,8 +61,8 @@ template <typename Call> int ReadWhole(std::string *value, Call call)
     return EIO;
 }
 
-// Whether the attribute holds a stream by the longer name. One that would have a name of the other kind
-// doesn't.
+// Whether the attribute holds a stream by the longer name, which ignores case where others do. One that would
+// have a name of the other kind doesn't.
 bool HoldsStream(std::string_view attribute)
 {
     return attribute.starts_with(kPrefix) && attribute.ends_with(kSuffix) &&
@@ -159,11 +159,11 @@ int FindStream(int file, std::u16string_view name, bool exact, std::string *attr
     std::string posixName;
     if (name.empty() || !PosixNameFromNt(name, posixName))
         return EINVAL;
-    exact = exact || posixName.starts_with(kOwnPrefix); // attributes always differ by case
     std::string found;
     const auto compare = [&](const std::u16string &present, const std::string &itsAttribute) {
         const bool same = present == name;
-        if (same || (!exact && found.empty() && EqualsFolded(present, name)))
+        const bool folds = !exact && HoldsStream(itsAttribute);
+        if (same || (folds && found.empty() && EqualsFolded(present, name)))
             found = itsAttribute;
         return same;
     };

@@ -307,7 +307,7 @@ TEST_P(Roots, HaveARuleForCase)
         EXPECT_EQ(NtDeviceIoControlFile(In("s", "x"), nullptr, nullptr, nullptr, &io, FSCTL_FODR_QUERY_HOST,
                                         nullptr, 0, &host, sizeof(host)),
                   STATUS_SUCCESS);
-        EXPECT_EQ(host.Features, rule == CaseRule::Exact ? 15u : 7u);
+        EXPECT_EQ(host.Features, rule == CaseRule::Exact ? 0x33Fu : 0x337u);
         EXPECT_EQ(In("s", "X\\y\\f").status,
                   rule == CaseRule::Exact ? STATUS_OBJECT_PATH_NOT_FOUND : STATUS_SUCCESS);
     }
