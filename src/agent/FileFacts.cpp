@@ -134,6 +134,28 @@ bool ReadNameInformation(ByteSpan record, std::u16string *path)
     return true;
 }
 
+// Each name is ":NAME:TYPE".
+bool ReadStreamNames(ByteSpan record, std::vector<std::u16string> *names)
+{
+    constexpr size_t kName = offsetof(nt::FILE_STREAM_INFORMATION, StreamName);
+    for (size_t next = 1; next != 0 && record.size() > 1; record = record.subspan(next)) {
+        if (record.size() < kName)
+            return false;
+        next = LoadLittle<uint32_t>(record.data());
+        const auto length =
+            LoadLittle<uint32_t>(&record[offsetof(nt::FILE_STREAM_INFORMATION, StreamNameLength)]);
+        if (length > record.size() - kName || next > record.size())
+            return false;
+        const std::u16string text = LoadText(record.subspan(kName, length));
+        const size_t end = text.rfind(u':');
+        if (text.empty() || text[0] != u':' || end == 0)
+            return false;
+        if (end > 1)
+            names->push_back(text.substr(1, end - 1));
+    }
+    return true;
+}
+
 // MS-FSCC 2.1.2.4. The printed name is the target; the other one has a prefix for absolute paths.
 bool ReadLinkTarget(ByteSpan record, std::string *target)
 {

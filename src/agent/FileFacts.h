@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace fodr::agent {
 
@@ -40,6 +41,9 @@ struct FileFacts {
 [[nodiscard]] bool ReadNameInformation(ByteSpan record, std::u16string *path);
 // What FSCTL_GET_REPARSE_POINT answers for a symbolic link: where it leads, as POSIX writes it.
 [[nodiscard]] bool ReadLinkTarget(ByteSpan record, std::string *target);
+
+// FileStreamInformation: the names of streams, without the unnamed one.
+[[nodiscard]] bool ReadStreamNames(ByteSpan record, std::vector<std::u16string> *names);
 
 struct VolumeFacts {
     uint64_t totalUnits = 0;

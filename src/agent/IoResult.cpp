@@ -30,8 +30,9 @@ IoResult ReadCompletion(ByteSpan packet, AnswerKind kind, uint32_t limit)
     const auto completion = LoadRecord<DR_DEVICE_IOCOMPLETION>(&packet[kHeaderEnd]);
     IoResult result;
     result.status = nt::NtStatus(completion.IoStatus);
-    // A failure says all with its status, whatever its body is.
-    if (result.Failed())
+    // A failure says all with its status, whatever its body is; but a control that had more to tell than
+    // there was room for told the beginning.
+    if (result.Failed() && !(kind == AnswerKind::Control && result.status == nt::STATUS_BUFFER_OVERFLOW))
         return result;
     switch (kind) {
     case AnswerKind::Create: {

@@ -162,27 +162,63 @@ void RemoteShare::DeleteAtOnce(uint32_t fileId, IoHandler handler)
     SetInformation(fileId, nt::FileDispositionInformationEx, flags, std::move(handler));
 }
 
+uint32_t RemoteShare::WireIdOf(uint32_t fileId, RequestTable::Expected *expected) const
+{
+    return numbers == FileNumbers::Lasting ? client.WireIdOf(fileId, &expected->onlyOn) : fileId;
+}
+
 void RemoteShare::RenameInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, bool replace,
                              IoHandler handler)
 {
+    const uint32_t flags = nt::FILE_RENAME_POSIX_SEMANTICS | nt::FILE_RENAME_IGNORE_READONLY_ATTRIBUTE |
+                           (replace ? nt::FILE_RENAME_REPLACE_IF_EXISTS : 0);
+    NameInto(fileId, directoryId, name, nt::FileRenameInformationEx, flags, std::move(handler));
+}
+
+void RemoteShare::ExchangeWith(uint32_t fileId, uint32_t directoryId, std::u16string_view name,
+                               IoHandler handler)
+{
+    NameInto(fileId, directoryId, name, nt::FileRenameInformationEx, nt::FODR_RENAME_EXCHANGE,
+             std::move(handler));
+}
+
+void RemoteShare::LinkInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, IoHandler handler)
+{
+    NameInto(fileId, directoryId, name, nt::FileLinkInformation, 0, std::move(handler));
+}
+
+// The records of all classes that name a directory have one form.
+void RemoteShare::NameInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name,
+                           uint32_t informationClass, uint32_t flags, IoHandler &&handler)
+{
     RequestTable::Expected expected = {.answer = AnswerKind::Status};
-    const uint32_t wireId =
-        numbers == FileNumbers::Lasting ? client.WireIdOf(directoryId, &expected.onlyOn) : directoryId;
+    const uint32_t wireId = WireIdOf(directoryId, &expected);
     if (wireId == 0)
         return handler(IoResult{.status = STATUS_FILE_INVALID});
     constexpr size_t kName = offsetof(nt::FILE_RENAME_INFORMATION_EX, FileName);
     std::vector<uint8_t> record(std::max(kName + 2 * name.size(), sizeof(nt::FILE_RENAME_INFORMATION_EX)));
-    const uint32_t flags = nt::FILE_RENAME_POSIX_SEMANTICS | nt::FILE_RENAME_IGNORE_READONLY_ATTRIBUTE |
-                           (replace ? nt::FILE_RENAME_REPLACE_IF_EXISTS : 0);
     StoreLittle<uint32_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, Flags)], flags);
     StoreLittle<uint64_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, RootDirectory)], wireId);
     StoreLittle<uint32_t>(&record[offsetof(nt::FILE_RENAME_INFORMATION_EX, FileNameLength)],
                           static_cast<uint32_t>(2 * name.size()));
     for (size_t i = 0; i < name.size(); ++i)
         StoreLittle(&record[kName + 2 * i], static_cast<uint16_t>(name[i]));
-    const DR_DRIVE_SET_INFORMATION_REQ body = {.FsInformationClass = nt::FileRenameInformationEx,
+    const DR_DRIVE_SET_INFORMATION_REQ body = {.FsInformationClass = informationClass,
                                                .Length = Size32(record)};
     Send(IRP_MJ_SET_INFORMATION, 0, fileId, body, record, expected, std::move(handler));
+}
+
+void RemoteShare::CopyRange(uint32_t fileId, uint32_t sourceId, nt::FODR_RANGE_COPY range, IoHandler handler)
+{
+    RequestTable::Expected expected = {.answer = AnswerKind::Control, .limit = sizeof(uint64_t)};
+    range.Source = WireIdOf(sourceId, &expected);
+    if (range.Source == 0)
+        return handler(IoResult{.status = STATUS_FILE_INVALID});
+    const ByteSpan input(reinterpret_cast<const uint8_t *>(&range), sizeof(range));
+    const DR_CONTROL_REQ body = {.OutputBufferLength = sizeof(uint64_t),
+                                 .InputBufferLength = Size32(input),
+                                 .IoControlCode = nt::FSCTL_FODR_COPY_RANGE};
+    Send(IRP_MJ_DEVICE_CONTROL, 0, fileId, body, input, expected, std::move(handler));
 }
 
 void RemoteShare::QueryDirectory(uint32_t fileId, uint32_t informationClass, bool restart,
@@ -225,11 +261,13 @@ void RemoteShare::DeviceControl(uint32_t fileId, uint32_t code, ByteSpan input, 
 {
     const DR_CONTROL_REQ body = {
         .OutputBufferLength = outputLength, .InputBufferLength = Size32(input), .IoControlCode = code};
-    Send(IRP_MJ_DEVICE_CONTROL, 0, fileId, body, input,
-         {.answer = AnswerKind::Control,
-          .limit = outputLength,
-          .afterLoss = RepeatsIf(code == nt::FSCTL_GET_REPARSE_POINT || code == nt::FSCTL_FODR_SET_MODE)},
-         std::move(handler));
+    Send(
+        IRP_MJ_DEVICE_CONTROL, 0, fileId, body, input,
+        {.answer = AnswerKind::Control,
+         .limit = outputLength,
+         .afterLoss = RepeatsIf(code == nt::FSCTL_GET_REPARSE_POINT || code == nt::FSCTL_FODR_SET_MODE ||
+                                code == nt::FSCTL_QUERY_ALLOCATED_RANGES || code == nt::FSCTL_FODR_ALLOCATE)},
+        std::move(handler));
 }
 
 } // namespace fodr::agent

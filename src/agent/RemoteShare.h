@@ -79,6 +79,12 @@ public:
     void RenameInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, bool replace,
                     IoHandler handler);
 
+    // The same for another name of the file, and for a file that changes places with what has the name.
+    void LinkInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, IoHandler handler);
+    void ExchangeWith(uint32_t fileId, uint32_t directoryId, std::u16string_view name, IoHandler handler);
+    // Copies out of the open file `sourceId`, within the host. Outcome: data, the count in eight bytes.
+    void CopyRange(uint32_t fileId, uint32_t sourceId, nt::FODR_RANGE_COPY range, IoHandler handler);
+
     // `path` ends in the pattern; empty: the listing goes on, or lists all. Outcome: data, entries of the
     // class; at the end STATUS_NO_MORE_FILES. Several queries may be under way, and each gets another part.
     void QueryDirectory(uint32_t fileId, uint32_t informationClass, bool restart, std::u16string_view path,
@@ -98,6 +104,9 @@ private:
     template <class Body>
     void Send(uint32_t major, uint32_t minor, uint32_t fileId, const Body &body, ByteSpan payload,
               RequestTable::Expected expected, IoHandler &&handler);
+    uint32_t WireIdOf(uint32_t fileId, RequestTable::Expected *expected) const; // 0: it has none now
+    void NameInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, uint32_t informationClass,
+                  uint32_t flags, IoHandler &&handler);
 
     RdpdrClient &client;
     const RemoteDevice device;

@@ -163,7 +163,7 @@ NTSTATUS AllowListFileSystem::RedirectedSetInformationFile(uint32_t fileId, IO_S
     if (KindOf(fileId) != Kind::Listed || (isRename && !MayBeRenamedTo(buffer, length)))
         return Refuse(ioStatus, STATUS_ACCESS_DENIED);
     // The list tells paths, which a directory by its handle doesn't have.
-    if (fileInfoClass == FileRenameInformationEx)
+    if (fileInfoClass == FileRenameInformationEx || fileInfoClass == FileLinkInformation)
         return Refuse(ioStatus, STATUS_INVALID_INFO_CLASS);
     return FileSystemImpl::RedirectedSetInformationFile(fileId, ioStatus, buffer, length, fileInfoClass);
 }
@@ -254,6 +254,13 @@ size_t AllowListFileSystem::KeepShown(MallocBuffer &entries, uint32_t infoClass,
     return kept;
 }
 
+// Nor is a mark's file told of by copying.
+bool AllowListFileSystem::CopiesListed(const void *input, uint32_t length)
+{
+    return length < sizeof(FODR_RANGE_COPY) ||
+           KindOf(LoadLittle<uint32_t>(static_cast<const uint8_t *>(input))) == Kind::Listed;
+}
+
 NTSTATUS AllowListFileSystem::RedirectedDeviceIoControlFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus,
                                                             uint32_t controlCode, const void *input,
                                                             uint32_t inputLength, void *output,
@@ -262,6 +269,8 @@ NTSTATUS AllowListFileSystem::RedirectedDeviceIoControlFile(uint32_t fileId, IO_
     // Some controls list a directory, others change it or tell of a mark's file; this one tells of the host.
     if (controlCode != FSCTL_FODR_QUERY_HOST && KindOf(fileId) != Kind::Listed)
         return Refuse(ioStatus, STATUS_INVALID_DEVICE_REQUEST);
+    if (controlCode == FSCTL_FODR_COPY_RANGE && !CopiesListed(input, inputLength))
+        return Refuse(ioStatus, STATUS_ACCESS_DENIED);
     return FileSystemImpl::RedirectedDeviceIoControlFile(fileId, ioStatus, controlCode, input, inputLength,
                                                          output, outputLength);
 }

@@ -53,6 +53,7 @@ private:
     nt::NTSTATUS OpenForeignMark(uint32_t *fileId, uint32_t desiredAccess, const char16_t *path,
                                  uint32_t shareAccess, uint32_t createDisposition, uint32_t createOptions,
                                  uint32_t *information);
+    bool CopiesListed(const void *input, uint32_t length);
     bool MayBeRenamedTo(const uint8_t *wireRecord, uint32_t length) const;
     // Closes the gaps that entries which aren't shown leave. The bytes that stay.
     size_t KeepShown(MallocBuffer &entries, uint32_t infoClass, bool chained) const;

@@ -137,13 +137,15 @@ private:
     bool IsFileOpenAllowedByDeviceFilter(const std::string &absolutePath, uint32_t createOptions);
 
     // Names. Refused: what would give a file a name outside the share, or take the root its name.
-    // What a record of class 65 says is checked before the file system sees it. `buffer` has at least
+    // What a record of class 65 or 11 says is checked before the file system sees it. `buffer` has at least
     // kSetBufferReadable bytes.
     bool IsRoot(uint32_t fileId) EXCLUDES(filesLock);
     nt::NTSTATUS SetInformation(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus, uint8_t *buffer,
                                 uint32_t length, uint32_t infoClass);
-    nt::NTSTATUS RenameWithinShare(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus, uint8_t *buffer,
-                                   uint32_t length);
+    nt::NTSTATUS NameWithinShare(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus, uint8_t *buffer,
+                                 uint32_t length, uint32_t infoClass);
+    nt::NTSTATUS Control(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus, uint32_t code, MallocBuffer &input,
+                         MallocBuffer &output);
     bool IsDirectory(uint32_t fileId);
 
     // Locks.

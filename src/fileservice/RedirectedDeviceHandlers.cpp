@@ -148,9 +148,7 @@ bool RedirectedDevice::HandleDeviceControl(const Request &request, RdpdrStream &
         return SendCompletion(request.CompletionId, STATUS_NO_MEMORY);
     packet.Read(input.Data(), control.InputBufferLength);
     IO_STATUS_BLOCK ioStatus{};
-    NTSTATUS status = fileSystem->RedirectedDeviceIoControlFile(
-        request.FileId, &ioStatus, control.IoControlCode, input.Data(), control.InputBufferLength,
-        output.Data(), outputLength);
+    NTSTATUS status = Control(request.FileId, &ioStatus, control.IoControlCode, input, output);
     size_t length = std::min<uint64_t>(ioStatus.Information, outputLength);
     uint8_t *deviceIdField = nullptr;
     RdpdrStreamPtr completion =

@@ -16,20 +16,29 @@ namespace {
 
 constexpr size_t kNameOffset = offsetof(FILE_RENAME_INFORMATION_EX, FileName);
 
-// Classes that make a link, move clusters, set a short name, or link or rename without a look at access
-// rights (MS-FSCC 2.4): they give a file a further name, or one by a path that could lead anywhere. And
+// Classes that move clusters, set a short name, or link or rename without a look at access rights (MS-FSCC
+// 2.4): they give a file a further name, or one by a path that could lead anywhere. And
 // classes whose record holds a handle of another object: a completion port, the file that a move is tracked
 // to, a memory partition. A number from the wire must not become one.
 bool NamesAnotherPlace(uint32_t infoClass)
 {
-    constexpr uint32_t kOthers[] = {11, 30, 31, 36, 40, 56, 57, 61, 66, 69, 72, 73};
+    constexpr uint32_t kOthers[] = {30, 31, 36, 40, 56, 57, 61, 66, 69, 72, 73};
     return std::find(std::begin(kOthers), std::end(kOthers), infoClass) != std::end(kOthers);
 }
 
 bool TakesName(uint32_t infoClass)
 {
     return infoClass == FileRenameInformation || infoClass == FileRenameInformationEx ||
-           infoClass == FileDispositionInformation || infoClass == FileDispositionInformationEx;
+           infoClass == FileLinkInformation || infoClass == FileDispositionInformation ||
+           infoClass == FileDispositionInformationEx;
+}
+
+// Controls whose input holds a handle of another object: MOVE_FILE, MARK_HANDLE, DUPLICATE_EXTENTS_TO_FILE
+// and its Ex.
+bool CarriesHandle(uint32_t code)
+{
+    constexpr uint32_t kCodes[] = {0x90074, 0x900FC, 0x98344, 0x983E8};
+    return std::find(std::begin(kCodes), std::end(kCodes), code) != std::end(kCodes);
 }
 
 bool IsOneComponent(std::u16string_view name)
@@ -40,8 +49,10 @@ bool IsOneComponent(std::u16string_view name)
 
 // A record that says one component below a directory of the share. Its length is cut to what it says, and
 // what nobody has defined is taken out of it.
-NTSTATUS ReadRename(uint8_t *buffer, uint32_t *length, uint32_t *directoryId)
+NTSTATUS ReadNewName(uint32_t infoClass, uint8_t *buffer, uint32_t *length, uint32_t *directoryId)
 {
+    static_assert(sizeof(FILE_LINK_INFORMATION) == sizeof(FILE_RENAME_INFORMATION_EX) &&
+                  offsetof(FILE_LINK_INFORMATION, FileName) == kNameOffset);
     if (*length < kNameOffset)
         return STATUS_INFO_LENGTH_MISMATCH;
     FILE_RENAME_INFORMATION_EX record{};
@@ -54,9 +65,12 @@ NTSTATUS ReadRename(uint8_t *buffer, uint32_t *length, uint32_t *directoryId)
     memcpy(name.data(), buffer + kNameOffset, record.FileNameLength);
     if (!IsOneComponent(name))
         return STATUS_OBJECT_NAME_INVALID;
-    constexpr uint32_t kFlags =
-        FILE_RENAME_REPLACE_IF_EXISTS | FILE_RENAME_POSIX_SEMANTICS | FILE_RENAME_IGNORE_READONLY_ATTRIBUTE;
-    const uint64_t flags = record.Flags & kFlags; // and the padding behind them
+    if (infoClass == FileLinkInformation && buffer[0] != 0) // a link replaces nothing
+        return STATUS_INVALID_PARAMETER;
+    constexpr uint32_t kFlags = FILE_RENAME_REPLACE_IF_EXISTS | FILE_RENAME_POSIX_SEMANTICS |
+                                FILE_RENAME_IGNORE_READONLY_ATTRIBUTE | FODR_RENAME_EXCHANGE;
+    const uint64_t flags =
+        infoClass == FileLinkInformation ? 0 : record.Flags & kFlags; // and the padding behind them
     memcpy(buffer, &flags, sizeof(flags));
     *directoryId = static_cast<uint32_t>(record.RootDirectory);
     // Systems want the whole record, also for a name of one unit.
@@ -80,26 +94,51 @@ NTSTATUS RedirectedDevice::SetInformation(uint32_t fileId, IO_STATUS_BLOCK *ioSt
         return STATUS_INVALID_INFO_CLASS;
     if (TakesName(infoClass) && IsRoot(fileId))
         return STATUS_ACCESS_DENIED;
-    if (infoClass == FileRenameInformationEx)
-        return RenameWithinShare(fileId, ioStatus, buffer, length);
+    if (infoClass == FileRenameInformationEx || infoClass == FileLinkInformation)
+        return NameWithinShare(fileId, ioStatus, buffer, length, infoClass);
     return fileSystem->RedirectedSetInformationFile(fileId, ioStatus, buffer, length, infoClass);
 }
 
-// The directory stays open until the rename is done: its number can't become another file's meanwhile.
-NTSTATUS RedirectedDevice::RenameWithinShare(uint32_t fileId, IO_STATUS_BLOCK *ioStatus, uint8_t *buffer,
-                                             uint32_t length)
+// The directory stays open until the name is made: its number can't become another file's meanwhile.
+NTSTATUS RedirectedDevice::NameWithinShare(uint32_t fileId, IO_STATUS_BLOCK *ioStatus, uint8_t *buffer,
+                                           uint32_t length, uint32_t infoClass)
 {
     uint32_t directoryId = 0;
-    NTSTATUS status = ReadRename(buffer, &length, &directoryId);
+    NTSTATUS status = ReadNewName(infoClass, buffer, &length, &directoryId);
     if (status != STATUS_SUCCESS)
         return status;
     const RCPtr<RdpFileHandle> directory = BeginIo(directoryId);
     if (!directory)
         return STATUS_INVALID_HANDLE;
-    status = IsDirectory(directoryId) ? fileSystem->RedirectedSetInformationFile(
-                                            fileId, ioStatus, buffer, length, FileRenameInformationEx)
-                                      : STATUS_NOT_A_DIRECTORY;
+    status = IsDirectory(directoryId)
+                 ? fileSystem->RedirectedSetInformationFile(fileId, ioStatus, buffer, length, infoClass)
+                 : STATUS_NOT_A_DIRECTORY;
     directory->EndIo();
+    return status;
+}
+
+// The source stays open until its bytes are copied, as the directory above does.
+NTSTATUS RedirectedDevice::Control(uint32_t fileId, IO_STATUS_BLOCK *ioStatus, uint32_t code,
+                                   MallocBuffer &input, MallocBuffer &output)
+{
+    if (CarriesHandle(code))
+        return STATUS_INVALID_DEVICE_REQUEST;
+    const auto control = [&] {
+        return fileSystem->RedirectedDeviceIoControlFile(fileId, ioStatus, code, input.Data(),
+                                                         static_cast<uint32_t>(input.Size()), output.Data(),
+                                                         static_cast<uint32_t>(output.Size()));
+    };
+    if (code != FSCTL_FODR_COPY_RANGE)
+        return control();
+    if (input.Size() < sizeof(FODR_RANGE_COPY))
+        return STATUS_INVALID_PARAMETER;
+    const auto sourceId = LoadLittle<uint64_t>(input.Data() + offsetof(FODR_RANGE_COPY, Source));
+    const RCPtr<RdpFileHandle> source =
+        sourceId <= UINT32_MAX ? BeginIo(static_cast<uint32_t>(sourceId)) : nullptr;
+    if (!source)
+        return STATUS_INVALID_HANDLE;
+    const NTSTATUS status = control();
+    source->EndIo();
     return status;
 }
 

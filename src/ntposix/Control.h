@@ -39,4 +39,8 @@ nt::NTSTATUS GetReparsePoint(Control &control);
 // removed.
 nt::NTSTATUS SetReparsePoint(Control &control);
 
+// Ranges of files: space that is reserved, bytes that are copied within the host.
+nt::NTSTATUS AllocateRange(Control &control);
+nt::NTSTATUS CopyRange(Control &control);
+
 } // namespace fodr::ntposix

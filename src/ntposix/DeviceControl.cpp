@@ -115,7 +115,8 @@ NTSTATUS SetCompression(Control &control)
 uint32_t FeaturesOf(const OpenFile &file)
 {
     return FODR_HOST_FILE_IDS | FODR_HOST_POSIX_NAMES | FODR_HOST_NOTICES_FIRST | FODR_HOST_MODES |
-           FODR_HOST_LX_FILES | (file.IsCaseSensitive() ? FODR_HOST_CASE_SENSITIVE : 0);
+           FODR_HOST_LX_FILES | FODR_HOST_EXCHANGE | FODR_HOST_RANGES |
+           (file.IsCaseSensitive() ? FODR_HOST_CASE_SENSITIVE : 0);
 }
 
 NTSTATUS QueryHost(Control &control)
@@ -156,6 +157,8 @@ constexpr ControlRow kControls[] = {
     {FSCTL_SET_COMPRESSION, SetCompression},
     {FSCTL_FODR_QUERY_HOST, QueryHost},
     {FSCTL_FODR_SET_MODE, SetModeOf},
+    {FSCTL_FODR_ALLOCATE, AllocateRange},
+    {FSCTL_FODR_COPY_RANGE, CopyRange},
 };
 
 NTSTATUS Serve(uint32_t code, Control &control)

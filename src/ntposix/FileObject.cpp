@@ -123,10 +123,20 @@ std::string FileObject::PathOf(const OpenFile &open)
     return open.path;
 }
 
-void FileObject::Renamed(const OpenFile &renamed, const std::string &newPath)
+void FileObject::NoteLinks()
 {
     const MutexLock guard(lock);
-    const std::string oldPath = renamed.path;
+    manyLinks = true;
+}
+
+void FileObject::Renamed(const OpenFile &renamed, const std::string &newPath)
+{
+    Renamed(PathOf(renamed), newPath);
+}
+
+void FileObject::Renamed(const std::string &oldPath, const std::string &newPath)
+{
+    const MutexLock guard(lock);
     for (OpenFile *open : opens) {
         if (open->path != oldPath || open->nameTaken)
             continue;

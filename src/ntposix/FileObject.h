@@ -68,6 +68,9 @@ public:
     [[nodiscard]] std::string PathOf(const OpenFile &open) EXCLUDES(lock);
     // The open and all others that had its name have the new one.
     void Renamed(const OpenFile &open, const std::string &newPath) EXCLUDES(lock);
+    void Renamed(const std::string &oldPath, const std::string &newPath) EXCLUDES(lock);
+    // It has more names by now than those that are open knew of.
+    void NoteLinks() EXCLUDES(lock);
 
 private:
     friend class FileObjectTable;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -18,23 +19,41 @@ int SetEndOfFile(int fd, int64_t size)
     return result == 0 ? 0 : errno;
 }
 
+namespace {
+
 // A file system takes what it has before it finds that it has too little, and would keep it: the disk would
 // be full for everybody. So the free space is looked at first, where it is known.
-int AllocateSpace(int fd, int64_t size)
+int CheckSpace(int fd, int64_t offset, int64_t length)
 {
+    const int64_t size = offset + length;
     struct stat stat;
     struct statvfs volume;
     if (fstat(fd, &stat) != 0 || fstatvfs(fd, &volume) != 0)
         return errno;
     const int64_t held = static_cast<int64_t>(stat.st_blocks) * 512;
-    const uint64_t wanted = size > held ? static_cast<uint64_t>(size - held) : 0;
+    const uint64_t wanted = size > held ? static_cast<uint64_t>(std::min(size - held, length)) : 0;
     if (wanted != 0 && volume.f_blocks != 0 && wanted / volume.f_frsize >= volume.f_bavail)
         return ENOSPC;
+    return 0;
+}
+
+} // namespace
+
+int AllocateFileRange(int fd, int mode, int64_t offset, int64_t length)
+{
+    if (const int error = CheckSpace(fd, offset, length))
+        return error;
     int result;
     do {
-        result = fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, size);
+        result = fallocate(fd, mode, offset, length);
     } while (result != 0 && errno == EINTR);
-    return result == 0 || errno == EOPNOTSUPP || errno == ENOSYS ? 0 : errno;
+    return result == 0 ? 0 : errno;
+}
+
+int AllocateSpace(int fd, int64_t size)
+{
+    const int error = AllocateFileRange(fd, FALLOC_FL_KEEP_SIZE, 0, size);
+    return error == EOPNOTSUPP || error == ENOSYS ? 0 : error;
 }
 
 int SetAllocation(int fd, int64_t size)

@@ -20,6 +20,7 @@ namespace {
 
 constexpr std::string_view kPrefix = "user.DosStream.";
 constexpr std::string_view kSuffix = ":$DATA";
+constexpr std::string_view kOwnPrefix = "user."; // of attributes that are streams of the same name
 
 struct Streams {
     Mutex lock;
@@ -60,13 +61,23 @@ template <typename Call> int ReadWhole(std::string *value, Call call)
     return EIO;
 }
 
+// Whether the attribute holds a stream by the longer name, which ignores case where others do. One that would
+// have a name of the other kind doesn't.
+bool HoldsStream(std::string_view attribute)
+{
+    return attribute.starts_with(kPrefix) && attribute.ends_with(kSuffix) &&
+           attribute.size() > kPrefix.size() + kSuffix.size() &&
+           !attribute.substr(kPrefix.size()).starts_with(kOwnPrefix);
+}
+
 bool NameOfAttribute(std::string_view attribute, std::u16string *name)
 {
-    if (!attribute.starts_with(kPrefix) || !attribute.ends_with(kSuffix) ||
-        attribute.size() <= kPrefix.size() + kSuffix.size())
+    if (HoldsStream(attribute)) {
+        attribute.remove_prefix(kPrefix.size());
+        attribute.remove_suffix(kSuffix.size());
+    } else if (!attribute.starts_with(kOwnPrefix) || attribute.size() == kOwnPrefix.size()) {
         return false;
-    attribute.remove_prefix(kPrefix.size());
-    attribute.remove_suffix(kSuffix.size());
+    }
     *name = NtNameFromPosix(attribute);
     return true;
 }
@@ -95,7 +106,7 @@ int ReadAttribute(const std::string &path, const std::string &attribute, std::st
     const int error = ReadWhole(bytes, [&](char *buffer, size_t size) {
         return getxattr(path.c_str(), attribute.c_str(), buffer, size);
     });
-    if (error == 0 && bytes->ends_with('\0'))
+    if (error == 0 && HoldsStream(attribute) && bytes->ends_with('\0'))
         bytes->pop_back();
     return error;
 }
@@ -151,11 +162,13 @@ int FindStream(int file, std::u16string_view name, bool exact, std::string *attr
     std::string found;
     const auto compare = [&](const std::u16string &present, const std::string &itsAttribute) {
         const bool same = present == name;
-        if (same || (!exact && found.empty() && EqualsFolded(present, name)))
+        const bool folds = !exact && HoldsStream(itsAttribute);
+        if (same || (folds && found.empty() && EqualsFolded(present, name)))
             found = itsAttribute;
         return same;
     };
-    *attribute = std::string(kPrefix) + posixName + std::string(kSuffix);
+    *attribute = posixName.starts_with(kOwnPrefix) ? posixName
+                                                   : std::string(kPrefix) + posixName + std::string(kSuffix);
     if (const int error = VisitStreams(DescriptorPath(file), compare); error != 0)
         return error;
     if (found.empty())
@@ -312,7 +325,8 @@ int NamedStream::Store(int file, int flags)
     std::string bytes;
     if (const int error = ReadBytes(content.Get(), &bytes); error != 0)
         return error;
-    bytes.push_back('\0');
+    if (HoldsStream(attribute))
+        bytes.push_back('\0');
     return ErrorOf(
         setxattr(DescriptorPath(file).c_str(), attribute.c_str(), bytes.data(), bytes.size(), flags));
 }

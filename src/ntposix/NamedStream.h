@@ -1,5 +1,7 @@
 // A named stream of a file or directory (MS-FSCC 2.1.5), kept as its extended attribute
-// "user.DosStream.NAME:$DATA" with one zero byte at the end, as other file servers keep it.
+// "user.DosStream.NAME:$DATA" with one zero byte at the end, as other file servers keep it. All other
+// attributes of users, "user.NAME", are streams of that whole name, without the zero: so both sides have
+// them.
 //
 // While it is open its bytes are in an anonymous file that all of its opens share, so that reading, sizes,
 // locks and share modes are a file's. A change is stored before the call that makes it returns; until then

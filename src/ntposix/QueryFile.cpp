@@ -1,5 +1,6 @@
 // NtQueryInformationFile: one function a class, and a table of what each asks for.
 #include "lib/unicode/NameMapping.h"
+#include "ntposix/DosAttributes.h"
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/InfoBuffer.h"
@@ -319,6 +320,11 @@ NTSTATUS Query(OpenFile &open, InfoBuffer buffer, uint32_t infoClass, uint64_t *
         if (const int error = open.Stat(&query.facts); error != 0)
             return StatusOfErrno(error);
     }
+    // Listings don't tell these: there each entry would cost a call.
+    const OpenFile &file = open.File();
+    if (found->right == FILE_READ_ATTRIBUTES && found->needsFacts &&
+        (file.kind == FileKind::kFile || file.IsDirectory()))
+        query.facts.attributes |= ReadDosAttributes(file.fd.Get());
     const NTSTATUS status = found->query(query);
     *written = query.out.Written();
     return status;

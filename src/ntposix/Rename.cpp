@@ -10,6 +10,10 @@
 #include "ntposix/Notify.h"
 #include "ntposix/ShareRoots.h"
 
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <optional>
 #include <utility>
@@ -184,6 +188,42 @@ NTSTATUS RenameTo(OpenFile &open, Link link, const Target &target, RenameRule ru
     return STATUS_OBJECT_PATH_NOT_FOUND; // the target's directory is gone
 }
 
+// The file's own name, and the one that it is to get.
+NTSTATUS FindBoth(OpenFile &open, OpenFile &directory, std::u16string_view leaf, Link *link,
+                  std::string *name)
+{
+    if (!PosixNameFromNt(leaf, *name) || name->empty() || *name == "." || *name == "..")
+        return STATUS_OBJECT_NAME_INVALID;
+    if (IsRootOfShare(open))
+        return STATUS_ACCESS_DENIED;
+    if (IsMovedOut(directory))
+        return STATUS_OBJECT_PATH_NOT_FOUND;
+    return FindSource(open, link);
+}
+
+// The name as it is there, which may differ in case where the open's needn't be exact. While the lease lives
+// nobody makes another case of it.
+int LookInCase(const OpenFile &open, int directory, std::optional<DirectoryLease> *lease, std::string *name)
+{
+    if (open.exactName)
+        return 0;
+    lease->emplace(directory);
+    if ((*lease)->Error() != 0)
+        return (*lease)->Error();
+    if (std::optional<std::string> present = (*lease)->Find(*name))
+        *name = std::move(*present);
+    return 0;
+}
+
+NTSTATUS StatusOfLink(int error, const OpenFile &open)
+{
+    if (error == ENOENT)
+        return IsRemoved(open.fd.Get()) ? STATUS_FILE_DELETED : STATUS_OBJECT_PATH_NOT_FOUND;
+    if (error == EPERM) // a file system without links, or a file that isn't to be linked
+        return STATUS_PRIVILEGE_NOT_HELD;
+    return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error);
+}
+
 } // namespace
 
 NTSTATUS RenameFile(OpenFile &open, std::u16string_view target, bool replace)
@@ -212,17 +252,55 @@ NTSTATUS RenameFile(OpenFile &open, std::u16string_view target, bool replace)
 
 NTSTATUS RenameInto(OpenFile &open, OpenFile &directory, std::u16string_view leaf, RenameRule rule)
 {
-    std::string name;
-    if (!PosixNameFromNt(leaf, name) || name.empty() || name == "." || name == "..")
-        return STATUS_OBJECT_NAME_INVALID;
-    if (IsRootOfShare(open))
-        return STATUS_ACCESS_DENIED;
-    if (IsMovedOut(directory))
-        return STATUS_OBJECT_PATH_NOT_FOUND;
     Link link;
-    const NTSTATUS status = FindSource(open, &link);
+    std::string name;
+    const NTSTATUS status = FindBoth(open, directory, leaf, &link, &name);
     const Target to{directory.fd.Get(), name, JoinPath(directory.object->PathOf(directory), name)};
     return status == STATUS_SUCCESS ? RenameTo(open, std::move(link), to, rule) : status;
+}
+
+// What is open gets the name, whatever has its own by then.
+NTSTATUS LinkInto(OpenFile &open, OpenFile &directory, std::u16string_view leaf)
+{
+    if (open.IsDirectory())
+        return STATUS_FILE_IS_A_DIRECTORY;
+    Link link;
+    std::string name;
+    const NTSTATUS status = FindBoth(open, directory, leaf, &link, &name);
+    if (status != STATUS_SUCCESS)
+        return status;
+    std::optional<DirectoryLease> lease;
+    if (const int error = LookInCase(open, directory.fd.Get(), &lease, &name); error != 0)
+        return StatusOfErrno(error);
+    open.object->NoteLinks();
+    const bool linked = linkat(AT_FDCWD, DescriptorPath(open.fd.Get()).c_str(), directory.fd.Get(),
+                               name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+    return StatusOfLink(linked ? 0 : errno, open);
+}
+
+NTSTATUS ExchangeWith(OpenFile &open, OpenFile &directory, std::u16string_view leaf)
+{
+    Link link;
+    std::string name;
+    const NTSTATUS status = FindBoth(open, directory, leaf, &link, &name);
+    if (status != STATUS_SUCCESS)
+        return status;
+    std::optional<DirectoryLease> lease;
+    if (const int error = LookInCase(open, directory.fd.Get(), &lease, &name); error != 0)
+        return StatusOfErrno(error);
+    FileFacts other;
+    if (const int error = StatAt(directory.fd.Get(), name.c_str(), Links::kDontFollow, &other); error != 0)
+        return StatusOfErrno(error);
+    if (other.key == open.object->key) // two of its own names
+        return STATUS_SUCCESS;
+    if (renameat2(link.directory.Get(), link.leaf.c_str(), directory.fd.Get(), name.c_str(),
+                  RENAME_EXCHANGE) != 0)
+        return StatusOfErrno(errno);
+    const std::string path = JoinPath(directory.object->PathOf(directory), name);
+    open.object->Renamed(open, path);
+    if (const FileObjectRef object{FileObjectTable::Instance().Find(other.key)})
+        object->Renamed(path, link.path);
+    return STATUS_SUCCESS;
 }
 
 } // namespace fodr::ntposix

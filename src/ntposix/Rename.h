@@ -1,4 +1,4 @@
-// FileRenameInformation and FileRenameInformationEx. Any thread.
+// FileRenameInformation, FileRenameInformationEx and FileLinkInformation. Any thread.
 #pragma once
 
 #include "ntposix/OpenFile.h"
@@ -33,5 +33,13 @@ struct RenameRule {
 //   another file in another case of the name     STATUS_OBJECT_NAME_COLLISION, unless the case is to be exact
 [[nodiscard]] nt::NTSTATUS RenameInto(OpenFile &open, OpenFile &directory, std::u16string_view leaf,
                                       RenameRule rule);
+
+// Another name of the file, in an open directory as above. STATUS_OBJECT_NAME_COLLISION when something has
+// the name. A link that was opened as itself gets the name itself.
+[[nodiscard]] nt::NTSTATUS LinkInto(OpenFile &open, OpenFile &directory, std::u16string_view leaf);
+
+// The file and what has the name in the open directory change places, in one step. What is open goes on
+// under the other name.
+[[nodiscard]] nt::NTSTATUS ExchangeWith(OpenFile &open, OpenFile &directory, std::u16string_view leaf);
 
 } // namespace fodr::ntposix

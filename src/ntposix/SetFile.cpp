@@ -1,5 +1,6 @@
 // NtSetInformationFile: one function a class, and a table of what each asks for.
 #include "ntposix/Deletion.h"
+#include "ntposix/DosAttributes.h"
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/FileSize.h"
 #include "ntposix/HandleTable.h"
@@ -68,6 +69,16 @@ int SetReadOnly(const OpenFile &open, bool readOnly)
     return result == 0 ? 0 : errno;
 }
 
+// Others aren't attributes that can be kept.
+int SetHiddenAndSystem(const OpenFile &open, uint32_t attributes)
+{
+    if (open.kind != FileKind::kFile && !open.IsDirectory())
+        return 0;
+    FileFacts facts;
+    const int error = StatDescriptor(open.fd.Get(), &facts);
+    return error ? error : WriteDosAttributes(open.fd.Get(), facts, attributes);
+}
+
 // Creation and change time belong to the file system, which doesn't let them be set. The padding at the end
 // of the record isn't touched: who has it from a wire has it without.
 NTSTATUS SetBasic(const FileChange &change)
@@ -81,9 +92,12 @@ NTSTATUS SetBasic(const FileChange &change)
                                                     : (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     if (improper)
         return STATUS_INVALID_PARAMETER;
-    // The attribute first: a chmod changes no time that is set.
+    // The attributes first: they change no time that is set. Those that are kept, before the file may be
+    // read-only.
     const OpenFile &file = change.open.File();
-    int error = attributes ? SetReadOnly(file, attributes & FILE_ATTRIBUTE_READONLY) : 0;
+    int error = attributes ? SetHiddenAndSystem(file, attributes) : 0;
+    if (error == 0 && attributes)
+        error = SetReadOnly(file, attributes & FILE_ATTRIBUTE_READONLY);
     if (error == 0)
         error = SetTimes(file, basic);
     return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error);
@@ -106,25 +120,55 @@ NTSTATUS SetRename(const FileChange &change)
 }
 
 // The directory is a handle, and the name one component of it.
-NTSTATUS SetRenameEx(const FileChange &change)
+struct NewName {
+    OpenFileRef directory;
+    std::u16string leaf;
+};
+
+template <typename Record> NTSTATUS ReadNewName(const FileChange &change, Record *head, NewName *name)
 {
-    constexpr uint32_t kNameOffset = offsetof(FILE_RENAME_INFORMATION_EX, FileName);
-    FILE_RENAME_INFORMATION_EX record{};
+    constexpr uint32_t kNameOffset = offsetof(Record, FileName);
+    Record &record = *head;
+    record = {};
     memcpy(&record, change.data, kNameOffset);
     if (record.FileNameLength % 2 != 0 || record.FileNameLength == 0 ||
         record.FileNameLength > change.length - kNameOffset)
         return STATUS_INVALID_PARAMETER;
     if (change.open.stream || record.RootDirectory == 0)
         return STATUS_INVALID_PARAMETER;
-    const OpenFileRef directory =
+    name->directory =
         HandleTable::Instance().Find(reinterpret_cast<HANDLE>(static_cast<uintptr_t>(record.RootDirectory)));
-    if (!directory)
+    if (!name->directory)
         return STATUS_INVALID_HANDLE;
-    if (!directory->IsDirectory())
+    if (!name->directory->IsDirectory())
         return STATUS_NOT_A_DIRECTORY;
-    std::u16string name(record.FileNameLength / 2, u'\0');
-    memcpy(name.data(), change.data + kNameOffset, record.FileNameLength);
-    return RenameInto(change.open, *directory, name,
+    name->leaf.resize(record.FileNameLength / 2);
+    memcpy(name->leaf.data(), change.data + kNameOffset, record.FileNameLength);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS SetLink(const FileChange &change)
+{
+    FILE_LINK_INFORMATION record;
+    NewName name;
+    const NTSTATUS status = ReadNewName(change, &record, &name);
+    if (status != STATUS_SUCCESS)
+        return status;
+    if (record.ReplaceIfExists)
+        return STATUS_NOT_SUPPORTED;
+    return LinkInto(change.open, *name.directory, name.leaf);
+}
+
+NTSTATUS SetRenameEx(const FileChange &change)
+{
+    FILE_RENAME_INFORMATION_EX record;
+    NewName name;
+    const NTSTATUS status = ReadNewName(change, &record, &name);
+    if (status != STATUS_SUCCESS)
+        return status;
+    if (record.Flags & FODR_RENAME_EXCHANGE)
+        return ExchangeWith(change.open, *name.directory, name.leaf);
+    return RenameInto(change.open, *name.directory, name.leaf,
                       {.replace = (record.Flags & FILE_RENAME_REPLACE_IF_EXISTS) != 0,
                        .posix = (record.Flags & FILE_RENAME_POSIX_SEMANTICS) != 0,
                        .ignoreReadOnly = (record.Flags & FILE_RENAME_IGNORE_READONLY_ATTRIBUTE) != 0});
@@ -202,6 +246,8 @@ struct SetClass {
 constexpr SetClass kClasses[] = {
     {FileBasicInformation, sizeof(FILE_BASIC_INFORMATION), FILE_WRITE_ATTRIBUTES, &SetBasic},
     {FileRenameInformation, sizeof(FILE_RENAME_INFORMATION), DELETE_ACCESS, &SetRename},
+    {FileLinkInformation, offsetof(FILE_LINK_INFORMATION, FileName) + sizeof(char16_t), FILE_WRITE_ATTRIBUTES,
+     &SetLink},
     {FileDispositionInformation, sizeof(FILE_DISPOSITION_INFORMATION), DELETE_ACCESS, &SetDeletion},
     {FilePositionInformation, sizeof(FILE_POSITION_INFORMATION), 0, &SetPosition},
     {FileModeInformation, sizeof(FILE_MODE_INFORMATION), 0, &SetMode},

@@ -21,6 +21,7 @@ inline constexpr uint32_t FileEaInformation = 7;
 inline constexpr uint32_t FileAccessInformation = 8;
 inline constexpr uint32_t FileNameInformation = 9;
 inline constexpr uint32_t FileRenameInformation = 10;
+inline constexpr uint32_t FileLinkInformation = 11;
 inline constexpr uint32_t FileNamesInformation = 12;
 inline constexpr uint32_t FileDispositionInformation = 13;
 inline constexpr uint32_t FilePositionInformation = 14;
@@ -229,6 +230,17 @@ static_assert(offsetof(FILE_RENAME_INFORMATION, RootDirectory) == 8);
 static_assert(offsetof(FILE_RENAME_INFORMATION, FileNameLength) == 16);
 static_assert(offsetof(FILE_RENAME_INFORMATION, FileName) == 20);
 
+struct FILE_LINK_INFORMATION {
+    uint8_t ReplaceIfExists;
+    uint64_t RootDirectory;
+    uint32_t FileNameLength;
+    char16_t FileName[1];
+};
+static_assert(sizeof(FILE_LINK_INFORMATION) == 24);
+static_assert(offsetof(FILE_LINK_INFORMATION, RootDirectory) == 8);
+static_assert(offsetof(FILE_LINK_INFORMATION, FileNameLength) == 16);
+static_assert(offsetof(FILE_LINK_INFORMATION, FileName) == 20);
+
 struct FILE_DISPOSITION_INFORMATION {
     uint8_t DeleteFile;
 };
@@ -260,6 +272,8 @@ static_assert(offsetof(FILE_RENAME_INFORMATION_EX, FileName) == 20);
 inline constexpr uint32_t FILE_RENAME_REPLACE_IF_EXISTS = 0x1;
 inline constexpr uint32_t FILE_RENAME_POSIX_SEMANTICS = 0x2; // as rename(2), whatever has the target open
 inline constexpr uint32_t FILE_RENAME_IGNORE_READONLY_ATTRIBUTE = 0x40;
+// A private one, of hosts with FODR_HOST_EXCHANGE: both names are there and change places in one step.
+inline constexpr uint32_t FODR_RENAME_EXCHANGE = 0x8000'0000;
 
 struct FILE_POSITION_INFORMATION {
     int64_t CurrentByteOffset;
@@ -508,6 +522,9 @@ inline constexpr uint32_t FODR_HOST_CASE_SENSITIVE = 0x8; // this share is
 inline constexpr uint32_t FODR_HOST_MODES = 0x10;         // FODR_CREATE_WITH_MODE, FSCTL_FODR_SET_MODE
 inline constexpr uint32_t FODR_HOST_LX_FILES = 0x20;      // sets IO_REPARSE_TAG_LX_*; links by class 11
 
+inline constexpr uint32_t FODR_HOST_EXCHANGE = 0x100; // FODR_RENAME_EXCHANGE
+inline constexpr uint32_t FODR_HOST_RANGES = 0x200;   // FSCTL_FODR_ALLOCATE, FSCTL_FODR_COPY_RANGE
+
 // An allocation size with this bit is none: its low 12 bits are the mode that a new file or directory gets,
 // whatever the host's umask.
 inline constexpr uint64_t FODR_CREATE_WITH_MODE = 1ull << 63;
@@ -527,6 +544,32 @@ static_assert(sizeof(FODR_MODE_CHANGE) == 16);
 inline constexpr uint32_t FODR_SET_MODE = 0x1;
 inline constexpr uint32_t FODR_SET_OWNER = 0x2;
 inline constexpr uint32_t FODR_SET_GROUP = 0x4;
+
+// As fallocate(2), of what is open with FILE_WRITE_DATA.
+inline constexpr uint32_t FSCTL_FODR_ALLOCATE = 0x9A3E0;
+
+struct FODR_ALLOCATION {
+    uint32_t Mode; // FODR_KEEP_SIZE, FODR_ZERO_RANGE
+    uint32_t Reserved;
+    int64_t Offset;
+    int64_t Length;
+};
+static_assert(sizeof(FODR_ALLOCATION) == 24);
+
+inline constexpr uint32_t FODR_KEEP_SIZE = 0x1;
+inline constexpr uint32_t FODR_ZERO_RANGE = 0x10;
+
+// As copy_file_range(2), into what is open with FILE_WRITE_DATA, from a file of the same share that is open
+// with FILE_READ_DATA. Answers how many bytes were copied, in eight bytes.
+inline constexpr uint32_t FSCTL_FODR_COPY_RANGE = 0x9A3E4;
+
+struct FODR_RANGE_COPY {
+    uint64_t Source; // a handle
+    int64_t SourceOffset;
+    int64_t TargetOffset;
+    int64_t Length;
+};
+static_assert(sizeof(FODR_RANGE_COPY) == 32);
 
 inline constexpr uint16_t COMPRESSION_FORMAT_NONE = 0;
 inline constexpr uint16_t COMPRESSION_FORMAT_DEFAULT = 1;

@@ -132,22 +132,34 @@ for info_class in (11, 65, 72, 31, 40, 56, 57, 66, 73):
     names = ["stolen", "", "..", ".", "a\\b", "a/b", "\\x", "..\\stolen", "x:y", "x\0y", "/tmp/stolen", "\\??\\C:\\stolen",
              b"x", b"xyz", "sub\\out\\stolen"]
     for name in names:
-        if (info_class, name) != (65, "stolen"):
+        if (info_class, name) != (65, "stolen"):  # class 11 with the flags of 65 would replace
             row("plrq", f"class {info_class} {name!r} below its own folder", NO, FILE,
                 lambda c, i=info_class, n=name: change(i, rename_at(c.folder, n)))
+        if info_class == 11 and name != "stolen":
+            row("plrq", f"links {name!r} below its own folder", NO, FILE, lambda c, n=name: change(11, rename_at(c.folder, n, 0)))
     if info_class in (11, 65, 72):
         for title, directory in (("another share's folder", lambda c: c.other_folder), ("the other root", lambda c: c.other_root),
                                  ("no folder", lambda c: 0), ("a file", lambda c: c.handle), ("an unknown one", lambda c: 99999999),
                                  ("a number of 64 bits", lambda c: c.folder | 1 << 32), ("all ones", lambda c: (1 << 64) - 1)):
             for name in ("stolen", "/tmp/stolen", "\\??\\C:\\stolen"):
                 row("plrq", f"class {info_class} {name!r} below {title}", NO, FILE,
-                    lambda c, i=info_class, d=directory, n=name: change(i, rename_at(d(c), n)))
+                    lambda c, i=info_class, d=directory, n=name: change(i, rename_at(d(c), n, 0 if i == 11 else 3)))
         for length in (0, 1, 3, 1000, 0x7FFFFFFF, 0xFFFFFFFF):
             row("plrq", f"class {info_class} with a name of {length:#x} bytes", NO, FILE,
                 lambda c, i=info_class, n=length: change(i, rename_at(c.folder, "stolen", length=n)))
         for cut in (0, 1, 8, 16, 19, 20):
             row("plrq", f"class {info_class} cut to {cut}", NO, FILE,
                 lambda c, i=info_class, n=cut: change(i, rename_at(c.folder, "stolen")[:n]))
+
+row("lrq", "makes a link of a shared file", NO, FILE, lambda c: change(11, rename_at(c.folder, "linked", 0)))
+row("pl", "makes a link of the root", NO, ROOT, lambda c: change(11, rename_at(c.handle, "stolen", 0)))
+for title, source in (("another share's file", lambda c: c.other_file), ("no file", lambda c: 0), ("an unknown one", lambda c: 99999999),
+                      ("a number of 64 bits", lambda c: c.handle | 1 << 32), ("all ones", lambda c: (1 << 64) - 1)):
+    for code in (0x9A3E4, 0x98344):
+        row("plrq", f"copies by {code:#x} out of {title}", NO, FILE,
+            lambda c, k=code, s=source: control(k, struct.pack("<QQQQ", s(c), 0, 0, 9), 8))
+for code in (0x90074, 0x900FC, 0x983E8):
+    row("plrq", f"control {code:#x} with a handle", NO, FILE, lambda c, k=code: control(k, struct.pack("<QQQQ", c.handle, 0, 0, 9)))
 
 # ---- Files of a folder that aren't offered.
 for name in ("\\hidden.txt", "\\HIDDEN.TXT", "\\sub\\..\\hidden.txt", "\\inside.txt\\..\\hidden.txt", "\\.\\hidden.txt", "/hidden.txt",

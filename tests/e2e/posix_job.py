@@ -224,8 +224,53 @@ class Data(PosixCase):
             self.assertEqual(os.fstat(fd).st_size, 100_000)
             os.posix_fallocate(fd, 0, 10)  # never shrinks
             self.assertEqual((self.local / "f").stat().st_size, 100_000)
-            self.assertEqual(os.lseek(fd, 10, os.SEEK_DATA), 10)
             os.close(fd)
+
+    def test_ranges_are_reserved_punched_found_and_copied(self):
+        libc = ctypes.CDLL(None, use_errno=True)
+        libc.fallocate.argtypes = (ctypes.c_int, ctypes.c_int, ctypes.c_long, ctypes.c_long)
+        kib = 1024
+
+        def allocate(fd, mode, offset, length):
+            return 0 if libc.fallocate(fd, mode, offset, length) == 0 else ctypes.get_errno()
+
+        def do(folder):
+            """What each call gives, in a folder of any kind."""
+            with open(folder / "f", "w+b", buffering=0) as file, open(folder / "g", "w+b", buffering=0) as copy:
+                fd, seen = file.fileno(), []
+
+                def note(what):
+                    seen.append((what, os.fstat(fd).st_size))
+
+                note(allocate(fd, 1, 0, 1024 * kib))
+                note(os.fstat(fd).st_blocks >= 2048)
+                file.write(b"x" * 512 * kib)
+                note(allocate(fd, 3, 64 * kib, 128 * kib))
+                note(allocate(fd, 16, 300 * kib, 5))
+                note(allocate(fd, 17, 512 * kib, 5))
+                note(allocate(fd, 16, 512 * kib, 5))
+                note(allocate(fd, 0, 0, 600 * kib))
+                note(allocate(fd, 3, 520 * kib, 80 * kib))
+                note(allocate(fd, 2, 0, 1))
+                for whence in (os.SEEK_DATA, os.SEEK_HOLE):
+                    for at in (0, 64 * kib, 192 * kib, 599 * kib):
+                        try:
+                            note(os.lseek(fd, at, whence))
+                        except OSError as error:
+                            note(error.errno)
+                note(hashlib.sha256(os.pread(fd, 1024 * kib, 0)).hexdigest())
+                note(os.copy_file_range(fd, copy.fileno(), 300 * kib, 5, 3))
+                note(os.copy_file_range(fd, copy.fileno(), 1024 * kib, 599 * kib, 0))
+                note(os.copy_file_range(fd, copy.fileno(), 10, 600 * kib, 0))
+                note(os.copy_file_range(copy.fileno(), fd, 7, 0, 590 * kib))
+                note(os.pread(copy.fileno(), 2000, 0))
+            return seen
+
+        with self.share():
+            mine, plain = do(self.mount), do(self.scratch.other)
+            self.assertEqual(mine, plain)
+            for name in "fg":
+                self.assertEqual((self.local / name).read_bytes(), (self.scratch.other / name).read_bytes())
 
 
 class Names(PosixCase):
@@ -269,7 +314,14 @@ class Names(PosixCase):
             self.assertEqual((empty / "in").read_text(), "in")
             os.rename(empty, b)
             self.assertFails(errno.EEXIST, renameat2, b, full, 1)
-            self.assertFails(errno.EINVAL, renameat2, b, full, 2)
+            self.assertFails(errno.ENOENT, renameat2, b, a, 2)
+            self.assertFails(errno.EINVAL, renameat2, b, b / "in", 2)
+            with open(full / "x") as held:
+                renameat2(b, full / "x", 2)  # a folder and a file in another
+                self.assertEqual((b.read_text(), os.listdir(full / "x"), held.read()), ("x", ["in"], "x"))
+                self.assertEqual((self.local / "b").read_text(), "x")
+                renameat2(full / "x", b, 2)
+            self.assertEqual(((b / "in").read_text(), (full / "x").read_text()), ("in", "x"))
             self.assertFails(errno.EISDIR, os.rename, full / "x", b)
             os.rename(full / "x", b / "in")
             self.assertEqual((b / "in").read_text(), "x")
@@ -292,6 +344,7 @@ class Names(PosixCase):
                 self.assertEqual((self.local / name).stat().st_mode & 0o200, 0)
                 self.assertFalse(os.access(self.mount / name, os.W_OK))
                 self.assertTrue(os.access(self.mount / name, os.R_OK))
+                self.assertFalse(os.access(self.mount / name, os.X_OK))
                 self.assertFails(errno.EACCES, open, self.mount / name, "a")
             (self.mount / "new").write_text("new")
             os.rename(self.mount / "new", self.mount / "kept")
@@ -304,10 +357,10 @@ class Names(PosixCase):
     def test_what_a_share_cannot_hold_is_refused(self):
         with self.share():
             (self.mount / "f").write_text("")
-            self.assertFails(errno.EPERM, os.link, self.mount / "f", self.mount / "l")
             self.assertFails(errno.EPERM, os.chown, self.mount / "f", 12345, 12345)
             os.chown(self.mount / "f", os.getuid(), os.getgid())
-            self.assertFails(errno.ENOTSUP, os.setxattr, self.mount / "f", "user.x", b"1")
+            for kind in ("security.x", "trusted.x", "system.x"):
+                self.assertFails(errno.ENOTSUP, os.setxattr, self.mount / "f", kind, b"1")
 
     def test_a_listing_has_every_name_once_from_any_position(self):
         names = {f"file {n:05d} " + "n" * (n % 90) for n in range(5000)}
@@ -360,6 +413,78 @@ class Names(PosixCase):
             wait_for(lambda: os.stat(self.mount / "f").st_size == 2, "the new size")
             (self.local / "f").rename(self.local / "g")
             wait_for(lambda: not (self.mount / "f").exists(), "the old name to go")
+
+
+    def test_hard_links_are_one_file_on_both_sides(self):
+        with self.share():
+            first, second = self.mount / "first", self.mount / "folder" / "second"
+            first.write_text("1")
+            (self.mount / "folder").mkdir()
+            os.symlink("nowhere", self.mount / "symlink")
+            os.mkfifo(self.mount / "pipe")
+            os.link(first, second)
+            for path in (first, second, self.local / "first", self.local / "folder" / "second"):
+                self.assertEqual((path.stat().st_nlink, path.stat().st_ino), (2, first.stat().st_ino), path)
+            with open(second, "a") as file:
+                file.write("2")
+            self.assertEqual(first.read_text(), "12")
+            for name in ("symlink", "pipe"):
+                os.link(self.mount / name, self.mount / "folder" / name, follow_symlinks=False)
+                self.assertEqual(os.lstat(self.local / name).st_nlink, 2)
+            self.assertFails(errno.EEXIST, os.link, first, second)
+            self.assertFails(errno.EPERM, os.link, self.mount / "folder", self.mount / "other")
+            self.assertFails(errno.ENOENT, os.link, self.mount / "none", self.mount / "other")
+            self.assertFails(errno.ENOENT, os.link, first, self.mount / "none" / "x")
+            self.assertFails(errno.EXDEV, os.link, first, self.scratch.other / "x")
+            second.unlink()
+            self.assertEqual(first.stat().st_nlink, 1)
+            os.link(self.local / "first", self.local / "owners")
+            wait_for(lambda: (self.mount / "owners").exists(), "the owner's link")
+            self.assertEqual((self.mount / "owners").stat().st_ino, first.stat().st_ino)
+            (self.mount / "owners").unlink()
+            # As programs make them.
+            git = ("git", "-c", "init.defaultBranch=m", "-c", "user.name=a", "-c", "user.email=a@b", "-c", "protocol.file.allow=always")
+            for command in (("cp", "-al", f"{self.mount}/first", f"{self.mount}/copy"), ("mkdir", f"{self.mount}/r"),
+                            (*git, "-C", f"{self.mount}/r", "init", "-q"),
+                            (*git, "-C", f"{self.mount}/r", "commit", "-q", "--allow-empty", "-m", "x"),
+                            (*git, "clone", "-q", "--local", f"{self.mount}/r", f"{self.mount}/clone")):
+                subprocess.run(command, check=True, capture_output=True)
+            self.assertEqual((self.local / "copy").stat().st_nlink, 2)
+            objects = [path for path in (self.local / "clone/.git/objects").rglob("*") if path.is_file()]
+            self.assertEqual({path.stat().st_nlink for path in objects}, {2})
+
+    def test_attributes_of_users_are_the_same_on_both_sides(self):
+        file, theirs = self.mount / "f", self.local / "f"
+        theirs.write_text("x")
+        zone = "user.DosStream.Zone.Identifier:$DATA"
+        for name, value in ((zone, b"[Z]\0"), ("user.owner", b"\0"), ("user.none", b"")):
+            os.setxattr(theirs, name, value)
+        with self.share():
+            def values(path):
+                return {name: os.getxattr(path, name) for name in os.listxattr(path)}
+
+            self.assertEqual(values(file), values(theirs))
+            for name, value, flags, error in (
+                    ("user.a", b"long value", 0, 0), ("user.a", b"1", os.XATTR_CREATE, errno.EEXIST),
+                    ("user.A", b"2\0", os.XATTR_CREATE, 0), ("user.b", b"1", os.XATTR_REPLACE, errno.ENODATA),
+                    ("user.a", b"3", os.XATTR_REPLACE, 0), ("user.owner", b"", 0, 0), (zone, b"other\0", 0, 0),
+                    ("user.a", bytes(60_000), 0, errno.ENOSPC), ("user.new", bytes(60_000), 0, errno.ENOSPC),
+                    ("user." + "n" * 250, b"x", 0, 0), ("user.\u00e4 \"?*\\", b"x", 0, 0)):
+                with self.subTest(name=name, flags=flags):
+                    if error:
+                        self.assertFails(error, os.setxattr, file, name, value, flags)
+                    else:
+                        os.setxattr(file, name, value, flags)
+                    self.assertEqual(values(file), values(theirs))
+            self.assertEqual([os.getxattr(theirs, name) for name in ("user.a", "user.A")], [b"3", b"2\0"])
+            os.removexattr(file, "user.a")
+            self.assertFails(errno.ENODATA, os.removexattr, file, "user.a")
+            self.assertFails(errno.ENODATA, os.getxattr, file, "user.a")
+            libc = ctypes.CDLL(None, use_errno=True)
+            self.assertEqual(libc.getxattr(os.fsencode(file), b"user.A", bytes(1), 1), -1)
+            self.assertEqual(ctypes.get_errno(), errno.ERANGE)
+            subprocess.run(["cp", "-a", str(file), str(self.mount / "copy")], check=True)
+            self.assertEqual(values(self.local / "copy"), values(theirs))
 
 
 class Trips(PosixCase):

@@ -84,13 +84,20 @@ TEST(Names, ARenameThatLiesReachesNothing)
         {"stream", record(folder, 6, u"b:s"), STATUS_OBJECT_NAME_INVALID},
         {"zero", record(folder, 6, u"b\0c"sv), STATUS_OBJECT_NAME_INVALID},
     };
-    for (const auto &test : cases)
+    for (const auto &test : cases) {
+        std::string link = test.buffer;
+        if (!link.empty())
+            link[0] = 0; // which would replace
         EXPECT_EQ(file.Set(FileRenameInformationEx, test.buffer).Status(), test.status) << test.what;
+        EXPECT_EQ(file.Set(FileLinkInformation, link).Status(), test.status) << test.what;
+    }
+    EXPECT_EQ(file.Set(FileLinkInformation, good).Status(), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(root.Set(FileLinkInformation, good).Status(), STATUS_ACCESS_DENIED);
     EXPECT_EQ(root.Set(FileRenameInformationEx, good).Status(), STATUS_ACCESS_DENIED);
     EXPECT_EQ(root.Set(FileDispositionInformationEx, Little(3, 4)).Status(), STATUS_ACCESS_DENIED);
     EXPECT_EQ(file.Set(FileDispositionInformationEx, "\3\0\0"s).Status(),
               RunsOnWine() ? STATUS_NOT_IMPLEMENTED : STATUS_INFO_LENGTH_MISMATCH);
-    for (const uint32_t linking : {11u, 30u, 31u, 36u, 40u, 56u, 57u, 61u, 66u, 69u, 72u, 73u})
+    for (const uint32_t linking : {30u, 31u, 36u, 40u, 56u, 57u, 61u, 66u, 69u, 72u, 73u})
         EXPECT_EQ(file.Set(linking, good).Status(), STATUS_INVALID_INFO_CLASS) << linking;
     EXPECT_EQ(share.Contents("d/a.txt"), "contents");
     EXPECT_TRUE(std::filesystem::is_empty(share.folder / "d/inner"));
@@ -98,6 +105,36 @@ TEST(Names, ARenameThatLiesReachesNothing)
     // Behind the name anything may follow.
     EXPECT_EQ(file.Set(FileRenameInformationEx, good + "rest").Status(),
               RunsOnWine() ? STATUS_NOT_IMPLEMENTED : STATUS_SUCCESS);
+}
+
+// A number in a record never becomes a handle of its own.
+TEST(Names, AControlReachesNoFileButTheShares)
+{
+    FODR_SKIP_ON_WINE("it copies no ranges");
+    Share other([](RedirectedDeviceSettings &settings) { settings.deviceId = kDeviceId; });
+    Share share;
+    other.Put("secret", "secret");
+    share.Put("source", "source");
+    File target = share.Made("target", "");
+    File source = share.Create(u"\\source", {.access = GENERIC_READ});
+    File closed = share.Create(u"\\source", {.access = GENERIC_READ});
+    closed.Close();
+    const uint64_t foreign = other.Create(u"\\secret", {.access = GENERIC_READ}).Id();
+    const auto copy = [&](uint64_t from) {
+        const std::string record = Little(from) + Little(0) + Little(0) + Little(6);
+        return target.Control(FSCTL_FODR_COPY_RANGE, record, 8).Status();
+    };
+    for (const uint64_t wrong :
+         std::vector<uint64_t>{foreign, closed.Id(), 0, source.Id() | 1ull << 32, UINT64_MAX})
+        EXPECT_EQ(copy(wrong), STATUS_INVALID_HANDLE) << wrong;
+    EXPECT_EQ(target.Control(FSCTL_FODR_COPY_RANGE, std::string(31, '\0'), 8).Status(),
+              STATUS_INVALID_PARAMETER);
+    for (const uint32_t code : {0x90074u, 0x900FCu, 0x98344u, 0x983E8u})
+        EXPECT_EQ(target.Control(code, Little(foreign) + std::string(40, '\0'), 8).Status(),
+                  STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(share.Contents("target"), "");
+    EXPECT_EQ(copy(source.Id()), STATUS_SUCCESS);
+    EXPECT_EQ(share.Contents("target"), "source");
 }
 
 // "/tmp/x/docs" without its last letter is "/tmp/x/doc", and the root's own name is no place for a file

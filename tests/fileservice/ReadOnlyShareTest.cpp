@@ -84,6 +84,7 @@ TEST_F(ReadOnlyShare, ReadsAndRefusesEveryChangeOfWhatIsOpen)
             EXPECT_EQ(file.Set(infoClass, std::string(40, '\1')).Status(), kProtected) << infoClass;
         EXPECT_EQ(file.Rename(u"\\b").Status(), kProtected);
         EXPECT_EQ(file.RenameInto(folder, u"b").Status(), kProtected);
+        EXPECT_EQ(file.LinkInto(folder, u"b").Status(), kProtected);
         for (const uint32_t infoClass :
              {FileFsLabelInformation, FileFsControlInformation, FileFsObjectIdInformation})
             EXPECT_EQ(file.Ask(IRP_MJ_SET_VOLUME_INFORMATION,
@@ -92,8 +93,9 @@ TEST_F(ReadOnlyShare, ReadsAndRefusesEveryChangeOfWhatIsOpen)
                       kProtected);
         // Set and delete reparse point, sparse, zero data, compression, object id, encryption, and what
         // nobody has heard of.
-        for (const uint32_t code : {0x900A4u, 0x900ACu, FSCTL_SET_SPARSE, FSCTL_SET_ZERO_DATA,
-                                    FSCTL_SET_COMPRESSION, 0x90098u, 0x900D7u, 0xFFFFFFFFu})
+        for (const uint32_t code :
+             {0x900A4u, 0x900ACu, FSCTL_SET_SPARSE, FSCTL_SET_ZERO_DATA, FSCTL_FODR_ALLOCATE,
+              FSCTL_SET_COMPRESSION, 0x90098u, 0x900D7u, 0xFFFFFFFFu})
             EXPECT_EQ(file.Control(code, std::string(16, '\0'), 16).Status(), kProtected) << code;
         EXPECT_NE(file.Control(FSCTL_GET_COMPRESSION, "", 2).Status(), kProtected);
         EXPECT_EQ(file.Close().Status(), STATUS_SUCCESS);

@@ -125,12 +125,12 @@ Completion File::Rename(std::u16string_view target, uint8_t rootDirectory)
     return Set(nt::FileRenameInformation, record + Little(name.size(), 4) + name);
 }
 
-Completion File::RenameInto(uint64_t directoryId, std::u16string_view leaf, uint32_t flags)
+Completion File::RenameInto(uint64_t directoryId, std::u16string_view leaf, uint32_t flags,
+                            uint32_t infoClass)
 {
     std::string name = WireText(leaf);
     name.resize(name.size() - sizeof(char16_t)); // without a terminator
-    return Set(nt::FileRenameInformationEx,
-               Little(flags) + Little(directoryId) + Little(name.size(), 4) + name);
+    return Set(infoClass, Little(flags) + Little(directoryId) + Little(name.size(), 4) + name);
 }
 
 Completion File::List(uint32_t infoClass, bool restart, std::u16string_view path)

@@ -240,7 +240,12 @@ public:
     }
     Completion Rename(std::u16string_view target, uint8_t rootDirectory = 0);
     // Into an open directory, as rename(2) does.
-    Completion RenameInto(uint64_t directoryId, std::u16string_view leaf, uint32_t flags = 3);
+    Completion RenameInto(uint64_t directoryId, std::u16string_view leaf, uint32_t flags = 3,
+                          uint32_t infoClass = nt::FileRenameInformationEx);
+    Completion LinkInto(uint64_t directoryId, std::u16string_view leaf) // the same form
+    {
+        return RenameInto(directoryId, leaf, 0, nt::FileLinkInformation);
+    }
     // No path is given where it is empty.
     Completion List(uint32_t infoClass, bool restart, std::u16string_view path = {});
     // The names of all answers, each of which must be as full as the shape says.

@@ -165,6 +165,52 @@ TEST_F(DeviceControl, OnlyAnEmptyFileOfOneNameBecomesALink)
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root), {}), 1) << "nothing is left beside it";
 }
 
+TEST_F(DeviceControl, ReservesSpaceAndCopiesRanges)
+{
+    MakeFile("source", std::string(3 * kMegabyte, 's'));
+    MakeFile("target", "old");
+    MakeFolder("folder");
+    const NtFile source = Open("source"), target = Open("target", {.access = kReadWrite});
+    const NtFile unread = Open("source", {.access = GENERIC_WRITE}), folder = Folder("folder");
+    const auto allocate = [&](uint32_t mode, int64_t offset, int64_t length) {
+        return Control(target, FSCTL_FODR_ALLOCATE, Bytes(FODR_ALLOCATION{mode, 0, offset, length}), 0)
+            .status;
+    };
+    EXPECT_EQ(allocate(0, 0, 100), STATUS_SUCCESS);
+    EXPECT_EQ(allocate(FODR_KEEP_SIZE, 0, kMegabyte), STATUS_SUCCESS);
+    const FILE_STANDARD_INFORMATION held = StandardOf(target);
+    EXPECT_EQ(held.EndOfFile, 100);
+    EXPECT_GE(held.AllocationSize, kMegabyte);
+    for (const auto &[mode, offset, length] : {std::tuple<uint32_t, int64_t, int64_t>{2, 0, 1},
+                                               {3, 0, 1},
+                                               {0, -1, 1},
+                                               {0, 0, 0},
+                                               {0, 1, INT64_MAX}})
+        EXPECT_EQ(allocate(mode, offset, length), STATUS_INVALID_PARAMETER) << mode << offset;
+    EXPECT_EQ(allocate(0, 0, INT64_MAX - 1), STATUS_DISK_FULL);
+    EXPECT_EQ(StandardOf(target).EndOfFile, 100);
+
+    const auto copy = [&](HANDLE from, HANDLE to, int64_t offset, int64_t at, int64_t length) {
+        const FODR_RANGE_COPY record{reinterpret_cast<uintptr_t>(from), offset, at, length};
+        return Control(to, FSCTL_FODR_COPY_RANGE, Bytes(record), 8);
+    };
+    const Reply copied = copy(source, target, kMegabyte, 2, 9 * kMegabyte);
+    ASSERT_EQ(copied.status, STATUS_SUCCESS);
+    EXPECT_EQ(copied.data, Bytes(uint64_t{2 * kMegabyte})); // what there is
+    EXPECT_EQ(Content("target"), "ol" + std::string(2 * kMegabyte, 's'));
+    EXPECT_EQ(copy(source, target, 9 * kMegabyte, 0, 1).data, Bytes(uint64_t{0}));
+    EXPECT_EQ(copy(unread, target, 0, 0, 1).status, STATUS_ACCESS_DENIED);
+    EXPECT_EQ(copy(source, source, 0, 0, 1).status, STATUS_ACCESS_DENIED); // isn't written to
+    EXPECT_EQ(copy(folder, target, 0, 0, 1).status, STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(copy(nullptr, target, 0, 0, 1).status, STATUS_INVALID_HANDLE);
+    EXPECT_EQ(copy(source, target, -1, 0, 1).status, STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(copy(source, target, 0, INT64_MAX, 2).status, STATUS_INVALID_PARAMETER);
+    const NtFile other = Open("target", {.access = kReadWrite});
+    ASSERT_EQ(Lock(other, 5, 1, true), STATUS_SUCCESS);
+    EXPECT_EQ(copy(source, target, 0, 5, 1).status, STATUS_FILE_LOCK_CONFLICT);
+    EXPECT_EQ(allocate(FODR_ZERO_RANGE, 5, 1), STATUS_FILE_LOCK_CONFLICT);
+}
+
 TEST_F(DeviceControl, ALinkOpenedAsItselfTellsItsTarget)
 {
     MakeSymlink("sub/f", "link");

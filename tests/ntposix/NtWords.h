@@ -122,7 +122,8 @@ inline NTSTATUS DeleteNow(HANDLE file)
 
 constexpr uint32_t kAsPosix = FILE_RENAME_REPLACE_IF_EXISTS | FILE_RENAME_POSIX_SEMANTICS;
 
-inline NTSTATUS RenameInto(HANDLE file, HANDLE folder, std::u16string_view leaf, uint32_t flags = kAsPosix)
+inline NTSTATUS RenameInto(HANDLE file, HANDLE folder, std::u16string_view leaf, uint32_t flags = kAsPosix,
+                           uint32_t infoClass = FileRenameInformationEx)
 {
     constexpr size_t kText = offsetof(FILE_RENAME_INFORMATION_EX, FileName);
     const FILE_RENAME_INFORMATION_EX record{flags,
@@ -133,8 +134,13 @@ inline NTSTATUS RenameInto(HANDLE file, HANDLE folder, std::u16string_view leaf,
     memcpy(buffer.data(), &record, kText);
     memcpy(buffer.data() + kText, leaf.data(), record.FileNameLength);
     IO_STATUS_BLOCK io{};
-    return NtSetInformationFile(file, &io, buffer.data(), static_cast<uint32_t>(buffer.size()),
-                                FileRenameInformationEx);
+    return NtSetInformationFile(file, &io, buffer.data(), static_cast<uint32_t>(buffer.size()), infoClass);
+}
+
+// The record has the same form.
+inline NTSTATUS LinkInto(HANDLE file, HANDLE folder, std::u16string_view leaf, uint32_t replace = 0)
+{
+    return RenameInto(file, folder, leaf, replace, FileLinkInformation);
 }
 
 enum class WhenHeld { Fail, Wait };

@@ -280,6 +280,74 @@ TEST_F(PosixNames, OfAShareStayInIt)
     }
 }
 
+constexpr OpenOptions kNamed{.access = FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES,
+                             .options = FILE_OPEN_REPARSE_POINT};
+
+TEST_F(PosixNames, AreGivenToFilesThatHaveOthers)
+{
+    MakeFile("file", "content");
+    MakeFile("taken");
+    MakeFolder("folder");
+    MakeSymlink("nowhere", "link");
+    ASSERT_EQ(mkfifo(Path("pipe").c_str(), 0600), 0);
+    NtFile holder = Open("file", {.access = kReadWrite});
+    const struct {
+        const char *file, *folder;
+        std::u16string_view leaf;
+        NTSTATUS status;
+    } cases[] = {
+        {"file", "folder", u"file", STATUS_SUCCESS},
+        {"file", "folder", u"FILE", STATUS_OBJECT_NAME_COLLISION}, // in another case
+        {"file", "", u"taken", STATUS_OBJECT_NAME_COLLISION},
+        {"file", "", u"file", STATUS_OBJECT_NAME_COLLISION},
+        {"link", "folder", u"link", STATUS_SUCCESS},
+        {"pipe", "folder", u"pipe", STATUS_SUCCESS},
+        {"folder", "", u"other", STATUS_FILE_IS_A_DIRECTORY},
+        {"file", "taken", u"x", STATUS_NOT_A_DIRECTORY},
+        {"file", "folder", u"..", STATUS_OBJECT_NAME_INVALID},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(LinkInto(Open(c.file, kNamed), Open(c.folder), c.leaf), c.status) << c.file << &c - cases;
+    EXPECT_EQ(LinkInto(Open("file"), Folder(""), u"x"), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(LinkInto(Open("file", kNamed), Folder(""), u"x", 1), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(StandardOf(holder).NumberOfLinks, 2u);
+    EXPECT_TRUE(std::filesystem::equivalent(root / "file", root / "folder/file"));
+    EXPECT_EQ(std::filesystem::read_symlink(root / "folder/link"), "nowhere");
+    struct stat pipe;
+    ASSERT_EQ(stat(Path("folder/pipe").c_str(), &pipe), 0);
+    EXPECT_EQ(pipe.st_nlink, 2u);
+    // Who has the first name open keeps it when the second goes.
+    EXPECT_EQ(Remove("folder\\file"), STATUS_SUCCESS);
+    EXPECT_EQ(LinkInto(Open("file", kNamed), Folder(""), u"again"), STATUS_SUCCESS);
+    NtFile last = Open("file", kNamed);
+    EXPECT_EQ(Remove("file"), STATUS_SUCCESS);
+    EXPECT_EQ(LinkInto(last, Folder(""), u"back"), STATUS_FILE_DELETED);
+    EXPECT_EQ(Listing(), (NameSet{"again", "folder", "link", "pipe", "taken"}));
+}
+
+TEST_F(PosixNames, ChangePlacesInOneStep)
+{
+    MakeFile("file", "file");
+    MakeFolder("folder/inner");
+    MakeLink("file", "same");
+    NtFile held = Open("folder\\inner", {.access = FILE_READ_ATTRIBUTES | DELETE_ACCESS});
+    NtFile file = Doomed("file");
+    const auto exchange = [&](const NtFile &one, const char *folder, std::u16string_view leaf) {
+        return RenameInto(one, Folder(folder), leaf, FODR_RENAME_EXCHANGE);
+    };
+    EXPECT_EQ(exchange(file, "folder", u"none"), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(exchange(file, "", u"same"), STATUS_SUCCESS);
+    EXPECT_EQ(exchange(Doomed("folder"), "folder", u"inner"), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(exchange(file, "folder", u"inner"), STATUS_SUCCESS);
+    EXPECT_EQ(Content("folder/inner"), "file");
+    EXPECT_TRUE(std::filesystem::is_directory(root / "file"));
+    // Both go on under their new names.
+    EXPECT_EQ(DeleteNow(held), STATUS_SUCCESS);
+    EXPECT_EQ(DeleteNow(file), STATUS_SUCCESS);
+    EXPECT_EQ(Listing(), (NameSet{"folder", "same"}));
+    EXPECT_TRUE(std::filesystem::is_empty(root / "folder"));
+}
+
 } // namespace
 
 } // namespace fodr::nt

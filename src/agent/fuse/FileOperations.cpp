@@ -23,13 +23,6 @@ FuseCall::Caching CachingOf(int flags)
     return flags & O_APPEND ? FuseCall::Caching::Direct : FuseCall::Caching::Allowed;
 }
 
-std::array<uint8_t, 8> SizeRecord(uint64_t size)
-{
-    std::array<uint8_t, 8> record;
-    StoreLittle(record.data(), size);
-    return record;
-}
-
 } // namespace
 
 // Where the file is, if it can be opened like that. False: it can't, and the call is answered.
@@ -244,40 +237,6 @@ void FileOperations::Release(FuseCall::Ptr call, uint64_t handle)
     hidden.CloseDeletion(file->node, file->share);
     if (call)
         call->Done();
-}
-
-// Files grow by this and never shrink; holes aren't made, and nothing is reserved.
-Detached FileOperations::Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uint64_t offset,
-                                  uint64_t length)
-{
-    const OpenFilePtr file = mount.openFiles.Of(handle);
-    if (mode != 0) {
-        call->Fail(EOPNOTSUPP);
-        co_return;
-    }
-    if (!file->writable) {
-        call->Fail(EBADF);
-        co_return;
-    }
-    const std::shared_ptr<WriteBehind> writes = file->node->Writes(mount.writeWindow);
-    co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
-    FileFacts facts;
-    const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);
-    if (nt::IsError(status)) {
-        call->FailStatus(status);
-        co_return;
-    }
-    if (facts.endOfFile >= 0 && static_cast<uint64_t>(facts.endOfFile) >= offset + length) {
-        call->Done();
-        co_return;
-    }
-    file->node->NoteOwnChange();
-    const std::array<uint8_t, 8> record = SizeRecord(offset + length);
-    const IoResult result =
-        co_await SetFile(*file->share, file->fileId, nt::FileEndOfFileInformation, record);
-    writes->DataChanged();
-    file->node->NoteOwnChange();
-    call->FailStatus(result.status);
 }
 
 } // namespace fodr::agent

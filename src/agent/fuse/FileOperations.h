@@ -19,7 +19,6 @@ public:
     void Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes, int flags);
     void Flush(FuseCall::Ptr call, uint64_t handle);
     void Release(FuseCall::Ptr call, uint64_t handle);
-    Detached Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uint64_t offset, uint64_t length);
 
 private:
     Task<nt::NTSTATUS> Truncate(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId);

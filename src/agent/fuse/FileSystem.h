@@ -5,7 +5,10 @@
 #include "agent/fuse/AttributeOperations.h"
 #include "agent/fuse/DirectoryOperations.h"
 #include "agent/fuse/FileOperations.h"
+#include "agent/fuse/LinkOperations.h"
 #include "agent/fuse/NameOperations.h"
+#include "agent/fuse/RangeOperations.h"
+#include "agent/fuse/XattrOperations.h"
 
 namespace fodr::agent {
 
@@ -46,6 +49,9 @@ public:
     DirectoryOperations directories{mount, places};
     FileOperations files{mount, places, opener, hidden};
     AttributeOperations attributes{mount, places, facts};
+    RangeOperations ranges{mount};
+    LinkOperations links{mount, places};
+    XattrOperations xattrs{mount, places};
     NameOperations names{mount, finder, places, facts, hidden, directories};
 };
 

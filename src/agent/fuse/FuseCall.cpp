@@ -121,6 +121,18 @@ bool FuseCall::Written(size_t count)
     return Take() && fuse_reply_write(request, count) == 0;
 }
 
+bool FuseCall::Position(uint64_t offset)
+{
+    return Take() && fuse_reply_lseek(request, static_cast<off_t>(offset)) == 0;
+}
+
+bool FuseCall::Xattr(ByteSpan value, size_t room)
+{
+    if (room == 0)
+        return Take() && fuse_reply_xattr(request, value.size()) == 0;
+    return value.size() > room ? Fail(ERANGE) : Bytes(value);
+}
+
 bool FuseCall::Bytes(ByteSpan bytes)
 {
     return Take() && fuse_reply_buf(request, reinterpret_cast<const char *>(bytes.data()), bytes.size()) == 0;

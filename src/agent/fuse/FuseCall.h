@@ -56,6 +56,10 @@ public:
     bool Created(const EntryAnswer &entry, uint64_t handle, Caching caching = Caching::Allowed);
     bool Link(const std::string &target);
     bool Written(size_t count);
+    bool Position(uint64_t offset);
+    // An extended attribute, or the list of them: the size alone for a caller with no room, ERANGE for one
+    // with too little.
+    bool Xattr(ByteSpan value, size_t room);
     bool Bytes(ByteSpan bytes);
     bool Parts(std::span<const ByteSpan> parts);
     bool Volume(const VolumeFacts &facts);

@@ -3,6 +3,8 @@
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/Fuse.h"
 
+#include <stdio.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
@@ -134,8 +136,8 @@ void Release(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
 
 void FAllocate(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t length, fuse_file_info *info)
 {
-    Of(request).files.Allocate(CallOf(request), info->fh, mode, static_cast<uint64_t>(offset),
-                               static_cast<uint64_t>(length));
+    Of(request).ranges.Allocate(CallOf(request), info->fh, mode, static_cast<uint64_t>(offset),
+                                static_cast<uint64_t>(length));
 }
 
 void MkDir(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t mode)
@@ -156,7 +158,10 @@ void Unlink(fuse_req_t request, fuse_ino_t parent, const char *name)
 void Rename(fuse_req_t request, fuse_ino_t parent, const char *name, fuse_ino_t newParent,
             const char *newName, unsigned flags)
 {
-    Of(request).names.Rename(CallOf(request), parent, name, newParent, newName, flags);
+    if (flags == RENAME_EXCHANGE)
+        Of(request).links.Exchange(CallOf(request), parent, name, newParent, newName);
+    else
+        Of(request).names.Rename(CallOf(request), parent, name, newParent, newName, flags);
 }
 
 void MkNod(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t mode, dev_t)
@@ -167,9 +172,38 @@ void SymLink(fuse_req_t request, const char *target, fuse_ino_t parent, const ch
 {
     Of(request).names.MakeLink(CallOf(request), parent, name, target);
 }
-void Link(fuse_req_t request, fuse_ino_t, fuse_ino_t, const char *)
+void Link(fuse_req_t request, fuse_ino_t node, fuse_ino_t newParent, const char *newName)
 {
-    fuse_reply_err(request, EPERM);
+    Of(request).links.Link(CallOf(request), node, newParent, newName);
+}
+void LSeek(fuse_req_t request, fuse_ino_t, off_t offset, int whence, fuse_file_info *info)
+{
+    Of(request).ranges.Seek(CallOf(request), info->fh, static_cast<uint64_t>(offset), whence);
+}
+void CopyFileRange(fuse_req_t request, fuse_ino_t, off_t from, fuse_file_info *source, fuse_ino_t, off_t to,
+                   fuse_file_info *target, size_t length, int)
+{
+    Of(request).ranges.Copy(CallOf(request), source->fh, from, target->fh, to, length);
+}
+
+void SetXattr(fuse_req_t request, fuse_ino_t node, const char *name, const char *value, size_t size,
+              int flags)
+{
+    Of(request).xattrs.Set(
+        CallOf(request), node, name,
+        {reinterpret_cast<const uint8_t *>(value), reinterpret_cast<const uint8_t *>(value) + size}, flags);
+}
+void GetXattr(fuse_req_t request, fuse_ino_t node, const char *name, size_t room)
+{
+    Of(request).xattrs.Get(CallOf(request), node, name, room);
+}
+void ListXattr(fuse_req_t request, fuse_ino_t node, size_t room)
+{
+    Of(request).xattrs.List(CallOf(request), node, room);
+}
+void RemoveXattr(fuse_req_t request, fuse_ino_t node, const char *name)
+{
+    Of(request).xattrs.Remove(CallOf(request), node, name);
 }
 
 void OpenDir(fuse_req_t request, fuse_ino_t node, fuse_file_info *)
@@ -230,6 +264,12 @@ const fuse_lowlevel_ops &FuseOperations()
         made.mknod = MkNod;
         made.symlink = SymLink;
         made.link = Link;
+        made.lseek = LSeek;
+        made.setxattr = SetXattr;
+        made.getxattr = GetXattr;
+        made.listxattr = ListXattr;
+        made.removexattr = RemoveXattr;
+        made.copy_file_range = CopyFileRange;
         made.opendir = OpenDir;
         made.readdir = ReadDir;
         made.readdirplus = ReadDirPlus;

@@ -46,6 +46,27 @@ inline auto RenameFileInto(RemoteShare &share, uint32_t fileId, uint32_t directo
         share.RenameInto(fileId, directoryId, name, replace, std::move(done));
     });
 }
+inline auto LinkFileInto(RemoteShare &share, uint32_t fileId, uint32_t directoryId,
+                         const std::u16string &name)
+{
+    return AwaitIo([&share, fileId, directoryId, &name](IoHandler done) {
+        share.LinkInto(fileId, directoryId, name, std::move(done));
+    });
+}
+inline auto ExchangeFileWith(RemoteShare &share, uint32_t fileId, uint32_t directoryId,
+                             const std::u16string &name)
+{
+    return AwaitIo([&share, fileId, directoryId, &name](IoHandler done) {
+        share.ExchangeWith(fileId, directoryId, name, std::move(done));
+    });
+}
+inline auto CopyFileRange(RemoteShare &share, uint32_t fileId, uint32_t sourceId,
+                          const nt::FODR_RANGE_COPY &range)
+{
+    return AwaitIo([&share, fileId, sourceId, range](IoHandler done) {
+        share.CopyRange(fileId, sourceId, range, std::move(done));
+    });
+}
 inline auto DeleteFileAtOnce(RemoteShare &share, uint32_t fileId)
 {
     return AwaitIo([&share, fileId](IoHandler done) { share.DeleteAtOnce(fileId, std::move(done)); });
@@ -75,6 +96,13 @@ inline auto ControlFile(RemoteShare &share, uint32_t fileId, uint32_t code, Byte
 {
     return AwaitIo([&share, fileId, code, input](IoHandler done) {
         share.DeviceControl(fileId, code, input, 0, std::move(done));
+    });
+}
+inline auto ControlFile(RemoteShare &share, uint32_t fileId, uint32_t code, ByteSpan input,
+                        uint32_t outputLength)
+{
+    return AwaitIo([&share, fileId, code, input, outputLength](IoHandler done) {
+        share.DeviceControl(fileId, code, input, outputLength, std::move(done));
     });
 }
 // What an open file is: of hosts that tell it, with its id.

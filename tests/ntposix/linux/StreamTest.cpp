@@ -129,6 +129,63 @@ TEST_F(Streams, WhatIsWrittenIsStoredAtOnceAndTheFileStays)
     EXPECT_TRUE(std::filesystem::exists(Path("file")));
 }
 
+TEST_F(Streams, OtherAttributesOfUsersAreStreamsOfTheirWholeName)
+{
+    ASSERT_EQ(setxattr(Path("file").c_str(), "user.made", "x\0", 2, 0), 0);
+    ASSERT_EQ(setxattr(Path("file").c_str(), "user.DosStream.user.odd:$DATA", "y", 1, 0), 0);
+    EXPECT_EQ(ReadAt(Open("file:user.made"), 0, 9).text, std::string("x\0", 2));
+    EXPECT_EQ(Open("file:USER.MADE").status, STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(Open("file:user.odd").status, STATUS_OBJECT_NAME_NOT_FOUND); // it isn't that attribute
+    const NtFile own = Open("file:user.Made", {.access = kReadWrite, .disposition = FILE_CREATE});
+    ASSERT_EQ(own.status, STATUS_SUCCESS);
+    EXPECT_EQ(Attribute("user.Made"), "");
+    EXPECT_EQ(WriteAt(own, 0, "own").status, STATUS_SUCCESS);
+    EXPECT_EQ(Attribute("user.Made"), "own");
+    const std::vector<std::string> listed = Listed(own);
+    for (const char *entry : {":user.made:$DATA 2", ":user.Made:$DATA 3"})
+        EXPECT_EQ(std::count(listed.begin(), listed.end(), entry), 1) << entry;
+}
+
+// In a record as other tools write it, which keeps what else it says.
+TEST_F(Streams, HiddenAndSystemAreKeptInAnAttribute)
+{
+    constexpr const char *kName = "user.DOSATTRIB";
+    const auto set = [&](uint32_t attributes) {
+        const NtFile file = Open("file", {.access = FILE_WRITE_ATTRIBUTES});
+        return Set(file, FileBasicInformation, FILE_BASIC_INFORMATION{0, 0, 0, 0, attributes});
+    };
+    const auto kept = [&] {
+        const NtFile file = Open("file", {.access = FILE_READ_ATTRIBUTES});
+        return BasicOf(file).FileAttributes & 7;
+    };
+    EXPECT_EQ(set(FILE_ATTRIBUTE_NORMAL), STATUS_SUCCESS);
+    EXPECT_EQ(Attribute(kName), "none");
+    EXPECT_EQ(set(FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_READONLY), STATUS_SUCCESS);
+    EXPECT_EQ(kept(), FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_READONLY);
+    EXPECT_EQ(Attribute(kName).substr(0, 16), std::string("\0\0\3\0\3\0\0\0\x11\0\0\0\x22\0\0\0", 16));
+    EXPECT_EQ(set(FILE_ATTRIBUTE_NORMAL), STATUS_SUCCESS);
+    EXPECT_EQ(kept(), 0u);
+    const struct {
+        std::string value;
+        uint32_t attributes;
+    } others[] = {
+        {"0x26", 6},
+        {std::string("\0\0\4\0\4\0\0\0\x51\0\0\0\x24\0\0\0sixteen bytes...", 32), 4},
+        {std::string("\0\0\3\0\3\0\0\0\x10\0\0\0\x26\0\0\0", 16), 0}, // which doesn't count
+        {std::string("\0\0\3\0\3\0\0\0\x11\0\0", 11), 0},
+        {"\1", 0},
+    };
+    for (const auto &other : others) {
+        ASSERT_EQ(setxattr(Path("file").c_str(), kName, other.value.data(), other.value.size(), 0), 0);
+        EXPECT_EQ(kept(), other.attributes) << other.value;
+    }
+    ASSERT_EQ(setxattr(Path("file").c_str(), kName, others[1].value.data(), 32, 0), 0);
+    EXPECT_EQ(set(FILE_ATTRIBUTE_HIDDEN), STATUS_SUCCESS);
+    std::string changed = others[1].value;
+    changed[12] = 0x22;
+    EXPECT_EQ(Attribute(kName), changed);
+}
+
 TEST_F(Streams, MoreThanAnAttributeHoldsIsRefusedAndChangesNothing)
 {
     const NtFile stream = Open("file:old", {.access = kReadWrite});
