@@ -3,6 +3,7 @@
 #pragma once
 
 #include "agent/fuse/AttributeOperations.h"
+#include "agent/fuse/ChangeWatcher.h"
 #include "agent/fuse/DirectoryOperations.h"
 #include "agent/fuse/FileOperations.h"
 #include "agent/fuse/NameOperations.h"
@@ -47,6 +48,7 @@ public:
     FileOperations files{mount, places, opener, hidden};
     AttributeOperations attributes{mount, places, facts};
     NameOperations names{mount, finder, places, facts, hidden, directories};
+    ChangeWatcher events{mount, directories};
 };
 
 } // namespace fodr::agent
