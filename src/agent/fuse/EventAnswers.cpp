@@ -149,21 +149,24 @@ void EventActor::GetAttr(fuse_req *request, uint64_t nodeId)
     fuse_reply_attr(request, &attributes, 0);
 }
 
+// What the kernel is told has to be the newest that is known. A file that programs of the mount write to has
+// sizes of theirs, and its events come from them.
 void EventActor::SetAttr(fuse_req *request, uint64_t nodeId)
 {
     const NodePtr node = mount.table.Find(nodeId);
-    FileFacts facts;
-    if (node) {
+    if (!node || node->opens.Any(true)) {
+        fuse_reply_err(request, node ? EBUSY : ESTALE);
+        return;
+    }
+    FileFacts facts = FactsOf(node);
+    {
         const MutexLock held(lock);
-        const bool ofScene =
-            scene.event && scene.event->kind != Kind::Many && KindOf(scene.event->facts) == node->kind;
-        facts = ofScene ? scene.event->facts : FactsOf(node);
+        if (scene.event && scene.event->kind != Kind::Many && KindOf(scene.event->facts) == node->kind &&
+            scene.event->facts.changeTime >= facts.changeTime)
+            facts = scene.event->facts;
     }
     const struct stat attributes = StatOf(facts, nodeId, mount.options.owner);
-    if (node)
-        fuse_reply_attr(request, &attributes, 0);
-    else
-        fuse_reply_err(request, ESTALE);
+    fuse_reply_attr(request, &attributes, 0);
 }
 
 void EventActor::Open(fuse_req *request)
