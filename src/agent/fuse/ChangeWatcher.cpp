@@ -119,9 +119,11 @@ void ChangeWatcher::Schedule(const NodePtr &node, Folder &folder)
         return;
     }
     folder.waiting = true;
+    const bool busy = node->IsBusy();
+    const Clock::duration first = busy ? Clock::duration(kPauseWhenBusy) : kComesWithIt;
     const Clock::duration pause =
-        std::max<Clock::duration>(node->IsBusy() ? kPauseWhenBusy : kPause, kShareOfTime * folder.took);
-    mount.notifier.CallAt(std::max<Clock::time_point>(Clock::now() + kComesWithIt, folder.ended + pause),
+        std::max<Clock::duration>(busy ? kPauseWhenBusy : kPause, kShareOfTime * folder.took);
+    mount.notifier.CallAt(std::max<Clock::time_point>(Clock::now() + first, folder.ended + pause),
                           [this, weak = std::weak_ptr<Node>(node)] {
                               if (const NodePtr alive = weak.lock())
                                   Look(alive);
