@@ -156,6 +156,26 @@ class Events(PosixCase):
             watcher.gather(lambda events: True)
             self.assertEqual(self.tree(), before)
 
+    def test_several_shares_and_deep_folders(self):
+        folders = [self.local / name for name in ("one", "two")]
+        for folder in folders:
+            (folder / "a/b/c").mkdir(parents=True)
+            (folder / "a/b/c/f").write_text("old")
+        with self.share(folders=folders):
+            mounts = [next(path for path in self.mount.iterdir() if folder.name in path.name) for folder in folders]
+            for folder, mount in zip(folders, mounts):
+                watcher = self.watch(mount / "a/b/c")
+
+                def replace():
+                    (folder / "new").write_text("new")
+                    os.rename(folder / "new", folder / "a/b/c/f")
+                self.expect(watcher, replace, ["c/MOVED_TO f"])
+                self.assertEqual((mount / "a/b/c/f").stat().st_ino, (folder / "a/b/c/f").stat().st_ino)
+                self.assertEqual((mount / "a/b/c/f").read_text(), "new")
+                self.expect(watcher, (folder / "a/b/c/f").unlink, ["c/DELETE f"])
+                self.assertEqual(sorted(os.listdir(mount)), ["a"])
+                self.assertFalse((mount / ".fodr-deleted-events").exists())
+
     def test_programs_that_look_and_stand_there_meanwhile_see_the_files(self):
         for name in ("held", "work"):
             (self.local / name).mkdir()
