@@ -24,6 +24,7 @@ struct AgentOptions {
     bool realOwners = false;      // files show the owners that they have on the host
     unsigned cacheMS = 1000;      // how long names and attributes are believed without asking
     bool denyWriters = false;     // see FileSystem::Options
+    bool events = true;           // programs in the mount get events of what the owner does
     bool handleSignals = true;    // SIGINT, SIGTERM and SIGHUP end the agent; they stay blocked afterwards
     unsigned shareWaitMS = 30000; // Single: how long to wait for the first share; 0: forever
     // How long the mount stays without a connection, for the host to come back; 0: the two end together.

@@ -99,6 +99,8 @@ void AddAgentOptions(CLI::App *app, AgentCommandWords *words)
     app->add_flag("--allow-other", words->allowOther, "Let other users in");
     app->add_option("--owners", words->owners, "Of files: mine, or real: those that they have on the host")
         ->check(CLI::IsMember({"mine", "real"}));
+    app->add_flag("--no-events", words->noEvents,
+                  "Programs here get no events (inotify) of what is changed on the host");
     app->add_option("--cache-ms", words->cacheMS, "How long names and attributes are believed");
     app->add_option("--io-timeout", words->ioTimeoutSeconds,
                     "Seconds after which a request fails; 0: never. Default: 10");
@@ -134,6 +136,7 @@ bool AgentOptionsFrom(const AgentCommandWords &words, agent::AgentOptions *fille
     options.lingerSeconds = words.lingerSeconds.value_or(0);
     options.ownProcess = words.stdio;
     options.denyWriters = words.denyWriters;
+    options.events = !words.noEvents;
     options.realOwners = words.owners == "real";
     client.driveLetterMapping = words.driveLetters;
     if (!words.sideAddress.empty())

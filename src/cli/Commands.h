@@ -44,6 +44,7 @@ struct AgentCommandWords {
     bool singleEntries = false;
     bool driveLetters = false;
     bool denyWriters = false;
+    bool noEvents = false;
     std::string owners = "mine";
     std::optional<unsigned> protocol, permission;
     bool allowOther = false;

@@ -34,6 +34,7 @@ FileSystem::Options FileSystemOptions(const AgentOptions &options)
     return {.folders = options.layout == MountLayout::Folders,
             .cacheSeconds = options.cacheMS / 1000.0,
             .denyWriters = options.denyWriters,
+            .events = options.events && !options.readOnly,
             .owner = {getuid(), getgid(), options.realOwners}};
 }
 
@@ -364,6 +365,7 @@ int AgentRun::TakeDown(Event event)
         Say("the connection ended: " + reason);
         result = ExitAfter(end);
     }
+    files.events.Actor().Stop(); // it would keep the mount busy
     if (event != Event::Unmounted && Unmount(options.mountPoint, &remark) != UnmountOutcome::Unmounted) {
         Say(remark);
         client->Channel()->SendNotice(transport::NoticeKind::Warning, remark);

@@ -148,6 +148,7 @@ void DirectoryCache::OnOpened(const NodePtr &node, uint64_t serial, const std::s
     if (kept) {
         Check(node, handle);
         Watch(node, handle, Node::Clock::now() + kUntilWatched);
+        watchHook(node);
     } else if (handle) {
         Check(node, handle);
     }

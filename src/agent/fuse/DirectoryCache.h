@@ -56,8 +56,13 @@ public:
     using ChangeHook = std::function<void(const NodePtr &directory, InlineFunction<void()> next)>;
     // `onLeave` is told of a folder that isn't watched any more though nothing has changed in it.
     using LeaveHook = std::function<void(const NodePtr &directory)>;
-    DirectoryCache(NodeTable &nodeTable, ChangeHook onChange, LeaveHook onLeave)
-        : table(nodeTable), changeHook(std::move(onChange)), leaveHook(std::move(onLeave))
+    // `onWatch` is told of one that is watched from now on.
+    using WatchHook = std::function<void(const NodePtr &directory)>;
+    DirectoryCache(
+        NodeTable &nodeTable, ChangeHook onChange, LeaveHook onLeave,
+        WatchHook onWatch = [](const NodePtr &) {})
+        : table(nodeTable), changeHook(std::move(onChange)), leaveHook(std::move(onLeave)),
+          watchHook(std::move(onWatch))
     {}
 
     // Gives the folder's handle, opened if need be; null with the status of a failure. It may not have been
@@ -98,6 +103,7 @@ private:
     NodeTable &table;
     const ChangeHook changeHook;
     const LeaveHook leaveHook;
+    const WatchHook watchHook;
     transport::Mutex lock;
     Slots slots GUARDED_BY(lock);
     uint64_t lastSerial GUARDED_BY(lock) = 0;

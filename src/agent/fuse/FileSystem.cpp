@@ -53,6 +53,7 @@ bool FileSystem::AddShare(std::shared_ptr<RemoteShare> share)
             return false;
         mount.table.SetRootShare(std::move(share));
         mount.notifier.AttributesChanged(NodeTable::kRootId);
+        events.OnUsed(NodeTable::kRootId);
         return true;
     }
     RemoveShare(deviceId); // it may have come back under its number
@@ -86,10 +87,12 @@ bool FileSystem::HasShare() const
 void FileSystem::SetSession(fuse_session *fuseSession)
 {
     mount.session = fuseSession;
-    if (fuseSession)
+    if (fuseSession) {
         mount.notifier.SetSession(fuseSession);
-    else
+    } else {
         mount.notifier.Stop();
+        events.Actor().Stop();
+    }
 }
 
 void FileSystem::Clear()

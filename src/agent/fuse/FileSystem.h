@@ -3,6 +3,7 @@
 #pragma once
 
 #include "agent/fuse/AttributeOperations.h"
+#include "agent/fuse/ChangeWatcher.h"
 #include "agent/fuse/DirectoryOperations.h"
 #include "agent/fuse/FileOperations.h"
 #include "agent/fuse/LinkOperations.h"
@@ -53,6 +54,7 @@ public:
     LinkOperations links{mount, places};
     XattrOperations xattrs{mount, places};
     NameOperations names{mount, finder, places, facts, hidden, directories};
+    ChangeWatcher events{mount, directories};
 };
 
 } // namespace fodr::agent

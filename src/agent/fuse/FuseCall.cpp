@@ -18,6 +18,8 @@ void OnFuseInterrupt(fuse_req_t, void *data)
     binding->second->OnInterrupt(binding->first->weak_from_this());
 }
 
+thread_local std::shared_ptr<void> keptWithNext;
+
 fuse_entry_param EntryParam(const EntryAnswer &entry)
 {
     fuse_entry_param param = {};
@@ -42,7 +44,14 @@ FuseCall::Ptr FuseCall::Create(fuse_req *request, InterruptWatch &interruptWatch
     return bound;
 }
 
-FuseCall::FuseCall(fuse_req *fuseRequest) : request(fuseRequest), callerId(fuse_req_ctx(fuseRequest)->pid) {}
+FuseCall::FuseCall(fuse_req *fuseRequest)
+    : request(fuseRequest), callerId(fuse_req_ctx(fuseRequest)->pid), kept(std::move(keptWithNext))
+{}
+
+void FuseCall::KeepWithNext(std::shared_ptr<void> thing)
+{
+    keptWithNext = std::move(thing);
+}
 
 FuseCall::~FuseCall()
 {

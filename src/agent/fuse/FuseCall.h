@@ -35,6 +35,8 @@ public:
     // `interruptWatch` outlives the call.
     static Ptr Create(fuse_req *request, InterruptWatch &interruptWatch);
     explicit FuseCall(fuse_req *fuseRequest);
+    // The next call that this thread makes lets it go at its end.
+    static void KeepWithNext(std::shared_ptr<void> thing);
     ~FuseCall(); // EIO when nothing was answered
     FuseCall(const FuseCall &) = delete;
     FuseCall &operator=(const FuseCall &) = delete;
@@ -77,6 +79,7 @@ private:
     const int callerId;
     const std::chrono::steady_clock::time_point begun = std::chrono::steady_clock::now();
     std::atomic<bool> answered{false};
+    const std::shared_ptr<void> kept;
 };
 
 // Ends interrupted requests that still wait: at once when their caller is dying, else when they have waited

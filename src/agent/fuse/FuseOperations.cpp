@@ -1,5 +1,6 @@
 #include "agent/fuse/FuseOperations.h"
 
+#include "agent/fuse/EventOperations.h"
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/Fuse.h"
 
@@ -275,6 +276,7 @@ const fuse_lowlevel_ops &FuseOperations()
         made.readdirplus = ReadDirPlus;
         made.releasedir = ReleaseDir;
         made.fsyncdir = FSyncDir;
+        RouteActedRequests(&made);
         return made;
     }();
     return operations;

@@ -122,6 +122,8 @@ std::unique_ptr<FuseSession> FuseSession::Mount(FileSystem &fileSystem, const Op
     }
     fcntl(device, F_SETFL, fcntl(device, F_GETFL) | O_NONBLOCK);
     fcntl(device, F_SETFD, FD_CLOEXEC);
+    if (!options.readOnly) // the kernel would refuse what is acted
+        fileSystem.events.Actor().SetMountPoint(options.mountPoint);
     return mounted;
 }
 

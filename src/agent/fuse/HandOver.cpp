@@ -212,8 +212,8 @@ std::string MountSettings(const AgentOptions &options)
     std::string text = PlaceOf(options.mountPoint);
     for (const unsigned number :
          {static_cast<unsigned>(options.layout), unsigned{options.readOnly}, unsigned{options.allowOther},
-          unsigned{options.denyWriters}, unsigned{options.realOwners}, unsigned{client.version},
-          unsigned{client.multiEntryDirectoryQuery}, unsigned{client.preRead},
+          unsigned{options.denyWriters}, unsigned{options.realOwners}, unsigned{options.events},
+          unsigned{client.version}, unsigned{client.multiEntryDirectoryQuery}, unsigned{client.preRead},
           unsigned{client.driveLetterMapping}, unsigned{client.policy.enabled},
           unsigned{client.policy.sharedByAgent}, unsigned{client.policy.defaultPermission},
           static_cast<unsigned>(client.sideChannel)})

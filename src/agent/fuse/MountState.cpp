@@ -28,7 +28,11 @@ MountState::MountState(const Options &mountOptions)
     : options(mountOptions),
       directories(
           table, [this](auto &directory, auto next) { OnDirectoryChanged(directory, std::move(next)); },
-          [this](auto &directory) { OnDirectoryLeft(directory); })
+          [this](auto &directory) { OnDirectoryLeft(directory); },
+          [this](auto &directory) {
+              if (observer)
+                  observer->OnWatched(directory);
+          })
 {}
 
 // Of a busy folder the kernel believes what it learns for a short time only. What it learnt before, it is
@@ -46,6 +50,8 @@ void MountState::OnDirectoryChanged(const NodePtr &directory, InlineFunction<voi
         directory->SetBusyUntil(now + kBusySpan);
     if (!busy || !wasBusy)
         ForgetInKernel(directory, children);
+    if (observer)
+        observer->OnChanged(directory, !next);
     // Not before the kernel has been told of this change: an owner who changes one file after the other would
     // bring notices faster than they are told.
     if (next)
@@ -64,6 +70,8 @@ NodePtr MountState::Reach(const NodePtr &parent, const std::string &name, const 
 {
     std::vector<Node::Name> lost;
     const NodePtr node = table.Reach(parent, name, KindOf(facts), fileId, facts.links, &lost);
+    if (observer && node->directory)
+        observer->OnUsed(node);
     for (const Node::Name &former : lost)
         notifier.NameChanged(former.parent->id, former.text);
     if (!lost.empty())

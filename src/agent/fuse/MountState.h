@@ -49,6 +49,16 @@ struct OpenListing {
 };
 using OpenListingPtr = std::shared_ptr<OpenListing>;
 
+// Who is told what happens to folders: something has changed in one that is watched (`last`: and no notice
+// comes any more), one is watched from now on, one is in use.
+class IFolderObserver {
+public:
+    virtual ~IFolderObserver() = default;
+    virtual void OnChanged(const NodePtr &folder, bool last) = 0;
+    virtual void OnWatched(const NodePtr &folder) = 0;
+    virtual void OnUsed(const NodePtr &folder) = 0;
+};
+
 // Any thread.
 class MountState {
 public:
@@ -58,11 +68,13 @@ public:
         // While a file is open for reading only, nobody opens it for writing, as far as that can be had. For
         // that the other side tells a file's facts with its opening.
         bool denyWriters = false;
+        bool events = true; // programs in the mount get events of what the owner does
         Owner owner;
     };
     explicit MountState(const Options &mountOptions);
 
     const Options options;
+    IFolderObserver *observer = nullptr; // set before anything happens; may stay null
     NodeTable table;
     TransferWindow readWindow, writeWindow;
     KeptHandles<OpenFile> openFiles;
