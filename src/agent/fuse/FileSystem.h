@@ -5,6 +5,7 @@
 #include "agent/fuse/AttributeOperations.h"
 #include "agent/fuse/DirectoryOperations.h"
 #include "agent/fuse/FileOperations.h"
+#include "agent/fuse/LockOperations.h"
 #include "agent/fuse/NameOperations.h"
 
 namespace fodr::agent {
@@ -46,6 +47,7 @@ public:
     DirectoryOperations directories{mount, places};
     FileOperations files{mount, places, opener, hidden};
     AttributeOperations attributes{mount, places, facts};
+    LockOperations locks{mount, places, opener};
     NameOperations names{mount, finder, places, facts, hidden, directories};
 };
 
