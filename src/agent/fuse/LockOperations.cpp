@@ -59,26 +59,6 @@ Task<Nothing> AwaitWrites(NodePtr node)
 
 } // namespace
 
-// A call of an owner, for as long as this lives.
-class LockOperations::Call {
-public:
-    Call(LockOwners &lockOwners, const OpenFilePtr &file, uint64_t id, bool make)
-        : owners(lockOwners), owner(lockOwners.Enter(file, id, make))
-    {}
-    ~Call()
-    {
-        if (owner)
-            owners.Leave(owner);
-    }
-    Call(const Call &) = delete;
-    Call &operator=(const Call &) = delete;
-    const LockOwnerPtr &Owner() const { return owner; } // null: there is none
-
-private:
-    LockOwners &owners;
-    const LockOwnerPtr owner;
-};
-
 // ---- handles
 // ------------------------------------------------------------------------------------------------
 
@@ -177,19 +157,27 @@ Task<Nothing> LockOperations::Drop(LockOwnerPtr owner)
     co_return Nothing{};
 }
 
+Task<Nothing> LockOperations::End(LockOwnerPtr owner)
+{
+    const GateHold alone = co_await PassGate(owner->node, NameGate::Entry::Alone);
+    co_await Drop(owner);
+    co_await LeaveSide(owner->node);
+    co_return Nothing{};
+}
+
 Detached LockOperations::Closed(uint64_t handle, uint64_t owner, InlineFunction<void()> next)
 {
     {
-        const Call entered(owners, mount.openFiles.Of(handle), owner, false);
+        const LockCall entered(owners, mount.openFiles.Of(handle)->node, owner, false);
         if (entered.Owner())
-            co_await Drop(entered.Owner());
+            co_await End(entered.Owner());
     }
     next();
 }
 
-Detached LockOperations::DropLater(LockOwnerPtr owner)
+Detached LockOperations::EndLater(LockOwnerPtr owner)
 {
-    co_await Drop(owner);
+    co_await End(owner);
     owners.Leave(owner);
 }
 
@@ -197,8 +185,8 @@ void LockOperations::Released(uint64_t handle)
 {
     const OpenFilePtr file = mount.openFiles.Of(handle);
     for (const LockOwnerPtr &owner : owners.OnlyThrough(file)) {
-        if (owners.Enter(file, owner->id, false) == owner)
-            DropLater(owner);
+        if (const LockOwnerPtr entered = owners.Enter(file->node, owner->id, false))
+            EndLater(entered);
     }
 }
 
@@ -207,7 +195,8 @@ bool LockOperations::AreLost(uint64_t handle) const
     const OpenFilePtr &file = mount.openFiles.Of(handle);
     const std::vector<LockOwnerPtr> all = owners.Of(file->node);
     return std::ranges::any_of(all, [&](const LockOwnerPtr &owner) {
-        return owners.CameThrough(owner, file) && !owner->HoldsNothing() && owner->IsLost();
+        const bool concerned = owner->id == LockOwners::kSide || owners.CameThrough(owner, file);
+        return concerned && !owner->HoldsNothing() && owner->IsLost();
     });
 }
 
@@ -230,92 +219,106 @@ Task<Nothing> LockOperations::SeeOthersChanges(NodePtr node)
     co_return Nothing{};
 }
 
+// Tries to take it; what was held of the range before is replaced.
 Task<nt::NTSTATUS> LockOperations::TryLock(LockOwnerPtr owner, OpenFilePtr file, LockWish wish)
 {
-    OpenFilePtr handle = owner->Handle();
-    if (handle && owner->IsLost() && !owner->HoldsNothing())
-        co_return STATUS_FILE_INVALID;
-    if (!handle || owner->IsLost()) {
-        nt::NTSTATUS status = nt::STATUS_SUCCESS;
-        handle = co_await OpenHandle(file, &status);
-        if (!handle)
+    std::optional<GateHold> aloneHere;
+    const bool shared = !wish.whole && IsSharedMemory(file->node);
+    nt::NTSTATUS status = nt::STATUS_SUCCESS;
+    if (shared) {
+        aloneHere.emplace(co_await PassGate(file->node, NameGate::Entry::Alone));
+        status = co_await TakeSide(file);
+        if (nt::IsError(status))
             co_return status;
-        owner->SetHandle(handle);
     }
-    const nt::NTSTATUS status = co_await SetHostLock(owner, handle, wish);
+    {
+        const OwnerHold alone = co_await EnterAlone(owner);
+        OpenFilePtr handle = owner->Handle();
+        if (handle && owner->IsLost() && !owner->HoldsNothing())
+            co_return STATUS_FILE_INVALID;
+        if (!handle || owner->IsLost()) {
+            handle = co_await OpenHandle(file, &status);
+            owner->SetHandle(handle);
+        }
+        if (handle)
+            status = co_await SetHostLock(owner, handle, wish);
+    }
+    if (shared && nt::IsError(status))
+        co_await LeaveSide(file->node);
     co_return status;
 }
 
-Task<nt::NTSTATUS> LockOperations::WaitForLock(FuseCall::Ptr call, LockOwnerPtr owner, LockWish wish)
+Task<nt::NTSTATUS> LockOperations::WaitForLock(FuseCall::Ptr call, LockOwnerPtr owner, OpenFilePtr file,
+                                               LockWish wish)
 {
     const OpenFilePtr handle = owner->Handle();
-    if (!handle)
-        co_return STATUS_FILE_INVALID;
-    const auto interrupted = std::make_shared<std::atomic<int>>(0);
-    const bool onHost = handle->share->Has(nt::FODR_HOST_ADVISORY_LOCKS);
-    call->SetInterrupt([interrupted, handle, onHost](FuseCall &waiting) {
-        if (++*interrupted > kMostEndings)
+    const auto endings = std::make_shared<std::atomic<int>>(0);
+    // With shared memory two locks are taken: no wait for one of them does.
+    const bool onHost = handle && handle->share->Has(nt::FODR_HOST_ADVISORY_LOCKS) &&
+                        (wish.whole || !IsSharedMemory(file->node));
+    call->SetInterrupt([endings, handle, onHost](FuseCall &waiting) {
+        if (++*endings > kMostEndings)
             waiting.Fail(EINTR);
         else if (onHost)
             EndHostWaits(handle);
     });
     auto retry = kFirstRetry;
     for (;;) {
-        nt::NTSTATUS status = nt::STATUS_LOCK_NOT_GRANTED;
+        nt::NTSTATUS status;
         if (onHost) {
             status = co_await AwaitHostLock(handle, wish);
+            if (!nt::IsError(status))
+                owner->Note(wish);
         } else {
             co_await AwaitCall([&](InlineFunction<void()> done) {
                 mount.notifier.CallAt(KernelNotifier::Clock::now() + retry, std::move(done));
             });
             retry = std::min(2 * retry, kLongestRetry);
-            const OwnerHold alone = co_await EnterAlone(owner);
-            if (owner->Handle() != handle)
-                co_return STATUS_FILE_INVALID;
-            if (*interrupted == 0)
-                status = co_await SetHostLock(owner, handle, wish);
+            status = *endings != 0 ? nt::STATUS_CANCELLED : co_await TryLock(owner, file, wish);
         }
-        const bool waits = status == nt::STATUS_LOCK_NOT_GRANTED || status == nt::STATUS_CANCELLED;
-        if (waits && *interrupted != 0)
-            co_return nt::STATUS_CANCELLED;
-        if (!waits) {
-            if (!nt::IsError(status) && onHost)
-                owner->Note(wish);
+        if (status != nt::STATUS_LOCK_NOT_GRANTED && status != nt::STATUS_CANCELLED)
             co_return status;
-        }
+        if (*endings != 0)
+            co_return nt::STATUS_CANCELLED;
     }
 }
 
 Task<nt::NTSTATUS> LockOperations::Unlock(LockOwnerPtr owner, LockWish wish)
 {
     co_await AwaitWrites(owner->node);
-    const OwnerHold alone = co_await EnterAlone(owner);
-    const OpenFilePtr handle = owner->Handle();
-    if (!handle)
-        co_return nt::STATUS_SUCCESS;
-    if (owner->IsLost()) { // what is given up can't be missed
-        owner->Note(wish);
-        co_return nt::STATUS_SUCCESS;
+    nt::NTSTATUS status = nt::STATUS_SUCCESS;
+    std::optional<GateHold> aloneHere;
+    const bool shared = !wish.whole && IsSharedMemory(owner->node);
+    if (shared)
+        aloneHere.emplace(co_await PassGate(owner->node, NameGate::Entry::Alone));
+    {
+        const OwnerHold alone = co_await EnterAlone(owner);
+        const OpenFilePtr handle = owner->Handle();
+        if (owner->IsLost()) // what is given up can't be missed
+            owner->Note(wish);
+        else if (handle)
+            status = co_await SetHostLock(owner, handle, wish);
     }
-    const nt::NTSTATUS status = co_await SetHostLock(owner, handle, wish);
+    if (shared)
+        co_await LeaveSide(owner->node);
     co_return status;
 }
 
-// The caller has gone without the lock that was granted.
+// Gives up what was granted, and takes again what was held before.
 Task<Nothing> LockOperations::Restore(LockOwnerPtr owner, LockWish wish, LockRanges before)
 {
-    const std::optional<bool> none;
-    wish.exclusive = none;
+    wish.exclusive.reset();
     co_await Unlock(owner, wish);
+    if (wish.whole)
+        co_return Nothing{};
     const OwnerHold alone = co_await EnterAlone(owner);
     const OpenFilePtr handle = owner->Handle();
     for (const LockedRange &range : before.Within(wish.begin, wish.end)) {
-        if (!handle || wish.whole)
-            break;
         wish.begin = range.begin;
         wish.end = range.end;
         wish.exclusive = range.exclusive;
-        co_await SetHostLock(owner, handle, wish);
+        if (handle)
+            co_await SetHostLock(owner, handle, wish);
     }
     co_return Nothing{};
 }
@@ -323,71 +326,72 @@ Task<Nothing> LockOperations::Restore(LockOwnerPtr owner, LockWish wish, LockRan
 Detached LockOperations::SetLock(FuseCall::Ptr call, uint64_t handle, LockWish wish, bool waits)
 {
     const OpenFilePtr file = mount.openFiles.Of(handle);
-    const Call entered(owners, file, wish.owner, true);
+    const LockCall entered(owners, file->node, wish.owner, true);
     const LockOwnerPtr owner = entered.Owner();
+    const bool shared = !wish.whole && IsSharedMemory(file->node);
+    if (shared)
+        wish = Shifted(wish);
     nt::NTSTATUS status;
     if (!wish.exclusive) {
         status = co_await Unlock(owner, wish);
         call->Fail(ErrnoOfLocking(status));
         co_return;
     }
-    LockRanges before;
-    bool covered;
-    {
-        const OwnerHold alone = co_await EnterAlone(owner);
-        before = owner->Bytes();
-        covered = owner->Covers(wish);
-        status = co_await TryLock(owner, file, wish);
-    }
+    owners.NoteThrough(owner, file);
+    const LockRanges before = owner->Bytes();
+    const bool covered = owner->Covers(wish);
+    status = co_await TryLock(owner, file, wish);
     if (status == nt::STATUS_LOCK_NOT_GRANTED && waits)
-        status = co_await WaitForLock(call, owner, wish);
-    if (!nt::IsError(status) && !covered)
+        status = co_await WaitForLock(call, owner, file, wish);
+    if (!nt::IsError(status) && !covered && !shared)
         co_await SeeOthersChanges(file->node);
     const bool told = call->Fail(ErrnoOfLocking(status));
-    if (!nt::IsError(status) && !told)
+    if (!nt::IsError(status) && !told) // the caller has gone
         co_await Restore(owner, wish, before);
 }
 
-// What is in the way within the mount is known here, with the process that has it.
+Task<LockFound> LockOperations::TryForAMoment(LockOwnerPtr owner, OpenFilePtr file, LockWish wish)
+{
+    const LockRanges before = owner->Bytes();
+    LockFound found;
+    found.status = co_await TryLock(owner, file, wish);
+    if (found.status == nt::STATUS_LOCK_NOT_GRANTED)
+        found = {.status = nt::STATUS_SUCCESS, .range = LockedRange{wish.begin, wish.end, true}};
+    else if (!nt::IsError(found.status))
+        co_await Restore(owner, wish, before);
+    co_return found;
+}
+
 Detached LockOperations::GetLock(FuseCall::Ptr call, uint64_t handle, LockWish wish)
 {
     const OpenFilePtr file = mount.openFiles.Of(handle);
-    const Call entered(owners, file, wish.owner, true);
+    const LockCall entered(owners, file->node, wish.owner, true);
     const LockOwnerPtr owner = entered.Owner();
-    for (const LockOwnerPtr &other : owners.Of(file->node)) {
-        const std::optional<LockedRange> found = other == owner ? std::nullopt : other->InTheWayOf(wish);
-        if (found) {
-            call->Lock(*found, other->Process());
-            co_return;
-        }
-    }
-    const OwnerHold alone = co_await EnterAlone(owner);
-    const OpenFilePtr own = owner->Handle();
+    const bool shared = IsSharedMemory(file->node);
+    if (shared)
+        wish = Shifted(wish);
+    // What is in the way within the mount is known here, with the process that has it.
     LockFound found;
-    if (file->share->Has(nt::FODR_HOST_ADVISORY_LOCKS)) {
-        found = co_await QueryHostLock(own && !owner->IsLost() ? own : file, wish);
-    } else { // tried, and given up again
-        const LockRanges before = owner->Bytes();
-        found.status = co_await TryLock(owner, file, wish);
-        if (found.status == nt::STATUS_LOCK_NOT_GRANTED) {
-            found = {.status = nt::STATUS_SUCCESS, .range = LockedRange{wish.begin, wish.end, true}};
-        } else if (!nt::IsError(found.status)) {
-            LockWish none = wish;
-            none.exclusive.reset();
-            co_await SetHostLock(owner, owner->Handle(), none);
-            for (const LockedRange &range : before.Within(wish.begin, wish.end)) {
-                LockWish again = wish;
-                again.begin = range.begin;
-                again.end = range.end;
-                again.exclusive = range.exclusive;
-                co_await SetHostLock(owner, owner->Handle(), again);
-            }
-        }
+    int process = 0;
+    for (const LockOwnerPtr &other : owners.Of(file->node)) {
+        if (other == owner || found.range)
+            continue;
+        found.range = other->InTheWayOf(wish);
+        process = found.range ? other->Process() : 0;
     }
+    const OpenFilePtr own = owner->Handle();
+    if (found.range)
+        found.status = nt::STATUS_SUCCESS;
+    else if (shared)
+        found = co_await QuerySide(own && !owner->IsLost() ? own : file, wish);
+    else if (file->share->Has(nt::FODR_HOST_ADVISORY_LOCKS))
+        found = co_await QueryHostLock(own && !owner->IsLost() ? own : file, wish);
+    else
+        found = co_await TryForAMoment(owner, file, wish);
     if (nt::IsError(found.status))
         call->Fail(ErrnoOfLocking(found.status));
     else
-        call->Lock(found.range, 0);
+        call->Lock(shared ? Unshifted(found.range) : found.range, process);
 }
 
 } // namespace fodr::agent

@@ -26,17 +26,26 @@ public:
     void Clear() { owners.Clear(); }
 
 private:
-    class Call;
     Task<OpenFilePtr> OpenHandle(OpenFilePtr file, nt::NTSTATUS *status);
     Task<OpenFilePtr> OpenByName(NodePtr node, Place place, uint32_t access, nt::NTSTATUS *status);
     OpenFilePtr ShareHandle(const OpenFilePtr &file) const;
     Task<nt::NTSTATUS> TryLock(LockOwnerPtr owner, OpenFilePtr file, LockWish wish);
-    Task<nt::NTSTATUS> WaitForLock(FuseCall::Ptr call, LockOwnerPtr owner, LockWish wish);
+    Task<nt::NTSTATUS> WaitForLock(FuseCall::Ptr call, LockOwnerPtr owner, OpenFilePtr file, LockWish wish);
     Task<nt::NTSTATUS> Unlock(LockOwnerPtr owner, LockWish wish);
+    Task<LockFound> TryForAMoment(LockOwnerPtr owner, OpenFilePtr file, LockWish wish);
     Task<Nothing> Restore(LockOwnerPtr owner, LockWish wish, LockRanges before);
     Task<Nothing> SeeOthersChanges(NodePtr node);
     Task<Nothing> Drop(LockOwnerPtr owner);
-    Detached DropLater(LockOwnerPtr owner);
+    Task<Nothing> End(LockOwnerPtr owner);
+    Detached EndLater(LockOwnerPtr owner);
+
+    // Shared memory (LockOperationsSide.cpp).
+    bool IsSharedMemory(const NodePtr &node) const;
+    static LockWish Shifted(const LockWish &wish);
+    static std::optional<LockedRange> Unshifted(std::optional<LockedRange> range);
+    Task<nt::NTSTATUS> TakeSide(OpenFilePtr file);
+    Task<Nothing> LeaveSide(NodePtr node);
+    Task<LockFound> QuerySide(OpenFilePtr file, LockWish wish);
 
     MountState &mount;
     PlaceFinder &places;

@@ -81,29 +81,31 @@ int LockOwner::Process() const
     return process;
 }
 
-LockOwnerPtr LockOwners::Enter(const OpenFilePtr &file, uint64_t owner, bool make)
+LockOwnerPtr LockOwners::Enter(const NodePtr &node, uint64_t owner, bool make)
 {
     if (count == 0 && !make)
         return nullptr;
     const MutexLock held(lock);
-    if (!make && !owners.contains(file->node.get()))
+    if (!make && !owners.contains(node.get()))
         return nullptr;
-    std::vector<LockOwnerPtr> &ofNode = owners[file->node.get()];
+    std::vector<LockOwnerPtr> &ofNode = owners[node.get()];
     auto found = std::ranges::find(ofNode, owner, &LockOwner::id);
     if (found == ofNode.end()) {
         if (!make)
             return nullptr;
-        ofNode.push_back(std::make_shared<LockOwner>(file->node, owner));
+        ofNode.push_back(std::make_shared<LockOwner>(node, owner));
         found = ofNode.end() - 1;
         ++count;
     }
-    LockOwner &entered = **found;
-    ++entered.calls;
-    if (make) {
-        entered.throughSeveral |= entered.through && entered.through != file.get();
-        entered.through = file.get();
-    }
+    ++(*found)->calls;
     return *found;
+}
+
+void LockOwners::NoteThrough(const LockOwnerPtr &owner, const OpenFilePtr &file)
+{
+    const MutexLock held(lock);
+    owner->throughSeveral |= owner->through && owner->through != file.get();
+    owner->through = file.get();
 }
 
 void LockOwners::Leave(const LockOwnerPtr &owner)

@@ -58,8 +58,12 @@ using LockOwnerPtr = std::shared_ptr<LockOwner>;
 
 class LockOwners {
 public:
-    // For a call through the open file; Leave ends it. Without `make` null when there is no such owner.
-    LockOwnerPtr Enter(const OpenFilePtr &file, uint64_t owner, bool make);
+    // The owner that stands for this whole mount (LockOperationsSide.cpp).
+    static constexpr uint64_t kSide = 0;
+
+    // For a call; Leave ends it. Without `make` null when there is no such owner.
+    LockOwnerPtr Enter(const NodePtr &node, uint64_t owner, bool make);
+    void NoteThrough(const LockOwnerPtr &owner, const OpenFilePtr &file);
     // An owner without a handle is forgotten with its last call.
     void Leave(const LockOwnerPtr &owner);
 
@@ -76,6 +80,26 @@ private:
     std::atomic<size_t> count{0}; // of most mounts 0
     mutable transport::Mutex lock;
     std::unordered_map<const Node *, std::vector<LockOwnerPtr>> owners GUARDED_BY(lock);
+};
+
+// A call of an owner, for as long as this lives.
+class LockCall {
+public:
+    LockCall(LockOwners &lockOwners, const NodePtr &node, uint64_t id, bool make)
+        : owners(lockOwners), owner(lockOwners.Enter(node, id, make))
+    {}
+    ~LockCall()
+    {
+        if (owner)
+            owners.Leave(owner);
+    }
+    LockCall(const LockCall &) = delete;
+    LockCall &operator=(const LockCall &) = delete;
+    const LockOwnerPtr &Owner() const { return owner; } // null: there is none
+
+private:
+    LockOwners &owners;
+    const LockOwnerPtr owner;
 };
 
 } // namespace fodr::agent
