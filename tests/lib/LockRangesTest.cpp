@@ -43,5 +43,14 @@ TEST(LockRanges, AreWhatWasSetLastOfEachByte)
     }
 }
 
+TEST(LockRanges, StayWhatTheyWereLockedAs)
+{
+    LockRanges ranges;
+    for (const uint64_t begin : {0u, 10u, 20u})
+        ranges.Set(begin, begin + 10, true, LockRanges::Neighbours::Stay);
+    ranges.Set(5, 12, std::nullopt, LockRanges::Neighbours::Stay);
+    EXPECT_EQ(ranges.All(), (std::vector<LockedRange>{{0, 5, true}, {12, 20, true}, {20, 30, true}}));
+}
+
 } // namespace
 } // namespace fodr

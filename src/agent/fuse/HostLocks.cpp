@@ -8,7 +8,7 @@
 namespace fodr::agent {
 namespace {
 
-// Of NT's locks, which are unlocked as they were locked.
+// One of NT's locks.
 struct Piece {
     RDP_LOCK_INFO place;
     bool exclusive;
@@ -61,33 +61,59 @@ std::vector<Piece> Without(std::vector<Piece> pieces, const std::vector<Piece> &
     return pieces;
 }
 
-// Gives up the pieces that go and takes those that come; when one is refused, all is as it was. Others may
-// come in between, and keep what was held: the owner has lost it then.
+// How many were locked, and why no more.
+struct Locked {
+    size_t count = 0;
+    nt::NTSTATUS status = nt::STATUS_SUCCESS;
+};
+
+Task<Locked> LockPieces(OpenFilePtr handle, std::vector<Piece> pieces)
+{
+    Locked locked;
+    for (const Piece &piece : pieces) {
+        const IoResult result = co_await Ask(handle, piece.exclusive, false, piece.place);
+        locked.status = result.status;
+        if (result.Failed())
+            break;
+        ++locked.count;
+    }
+    if (locked.status == nt::STATUS_FILE_LOCK_CONFLICT)
+        locked.status = nt::STATUS_LOCK_NOT_GRANTED;
+    co_return locked;
+}
+
+Task<bool> UnlockPieces(OpenFilePtr handle, std::vector<Piece> pieces, size_t count)
+{
+    bool all = true;
+    for (size_t i = 0; i < count; ++i) {
+        const IoResult unlocked = co_await Ask(handle, std::nullopt, false, pieces[i].place);
+        all = all && !unlocked.Failed();
+    }
+    co_return all;
+}
+
+// Gives up the pieces that go and takes those that come; when one is refused, all is as it was. A shared lock
+// is granted over one's own, so it comes first. For an exclusive one the others go first, and somebody may
+// come in between: the owner has lost what it held then.
 Task<nt::NTSTATUS> Exchange(OpenFilePtr handle, std::vector<Piece> going, std::vector<Piece> coming)
 {
-    for (const Piece &piece : going) {
-        const IoResult unlocked = co_await Ask(handle, std::nullopt, false, piece.place);
-        if (unlocked.Failed())
-            co_return STATUS_FILE_INVALID;
+    std::vector<Piece> shared = coming, exclusive = coming;
+    std::erase_if(shared, [](const Piece &piece) { return piece.exclusive; });
+    std::erase_if(exclusive, [](const Piece &piece) { return !piece.exclusive; });
+    const Locked first = co_await LockPieces(handle, shared);
+    if (nt::IsError(first.status)) {
+        co_await UnlockPieces(handle, shared, first.count);
+        co_return first.status;
     }
-    nt::NTSTATUS refusal = nt::STATUS_SUCCESS;
-    size_t taken = 0;
-    for (; taken < coming.size(); ++taken) {
-        const IoResult locked = co_await Ask(handle, coming[taken].exclusive, false, coming[taken].place);
-        refusal = locked.status;
-        if (locked.Failed())
-            break;
-    }
-    if (!nt::IsError(refusal))
-        co_return refusal;
-    for (size_t i = 0; i < taken; ++i)
-        co_await Ask(handle, std::nullopt, false, coming[i].place);
-    for (const Piece &piece : going) {
-        const IoResult locked = co_await Ask(handle, piece.exclusive, false, piece.place);
-        if (locked.Failed())
-            co_return STATUS_FILE_INVALID;
-    }
-    co_return refusal == nt::STATUS_FILE_LOCK_CONFLICT ? nt::STATUS_LOCK_NOT_GRANTED : refusal;
+    if (!co_await UnlockPieces(handle, going, going.size()))
+        co_return STATUS_FILE_INVALID;
+    const Locked second = co_await LockPieces(handle, exclusive);
+    if (!nt::IsError(second.status))
+        co_return second.status;
+    co_await UnlockPieces(handle, exclusive, second.count);
+    co_await UnlockPieces(handle, shared, shared.size());
+    const Locked back = co_await LockPieces(handle, going);
+    co_return nt::IsError(back.status) ? STATUS_FILE_INVALID : second.status;
 }
 
 } // namespace
@@ -111,7 +137,7 @@ Task<nt::NTSTATUS> SetHostLock(LockOwnerPtr owner, OpenFilePtr handle, LockWish 
         if (wish.whole)
             whole = wish.exclusive;
         else
-            bytes.Set(wish.begin, wish.end, wish.exclusive);
+            bytes.Set(wish.begin, wish.end, wish.exclusive, NeighboursOf(handle));
         const std::vector<Piece> after = PiecesOf(bytes, whole);
         status = co_await Exchange(handle, Without(before, after), Without(after, before));
     }

@@ -6,6 +6,12 @@ namespace fodr::agent {
 
 using transport::MutexLock;
 
+LockRanges::Neighbours NeighboursOf(const OpenFilePtr &handle)
+{
+    const bool joins = !handle || handle->share->Has(nt::FODR_HOST_ADVISORY_LOCKS);
+    return joins ? LockRanges::Neighbours::Join : LockRanges::Neighbours::Stay;
+}
+
 void LockOwner::SetHandle(OpenFilePtr file)
 {
     const MutexLock held(lock);
@@ -30,7 +36,7 @@ void LockOwner::Note(const LockWish &wish)
     if (wish.whole)
         whole = wish.exclusive;
     else
-        bytes.Set(wish.begin, wish.end, wish.exclusive);
+        bytes.Set(wish.begin, wish.end, wish.exclusive, NeighboursOf(handle));
     if (wish.exclusive)
         process = wish.process;
 }

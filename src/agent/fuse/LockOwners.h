@@ -20,6 +20,9 @@ struct LockWish {
     std::optional<bool> exclusive{}; // without: an unlock
 };
 
+// NT's locks are unlocked as they were locked.
+LockRanges::Neighbours NeighboursOf(const OpenFilePtr &handle);
+
 class LockOwner {
 public:
     LockOwner(NodePtr ownerNode, uint64_t ownerId) : node(std::move(ownerNode)), id(ownerId) {}

@@ -4,7 +4,7 @@
 
 namespace fodr {
 
-void LockRanges::Set(uint64_t begin, uint64_t end, std::optional<bool> exclusive)
+void LockRanges::Set(uint64_t begin, uint64_t end, std::optional<bool> exclusive, Neighbours neighbours)
 {
     if (begin >= end)
         return;
@@ -20,7 +20,8 @@ void LockRanges::Set(uint64_t begin, uint64_t end, std::optional<bool> exclusive
     std::ranges::sort(parts, {}, &LockedRange::begin);
     ranges.clear();
     for (const LockedRange &part : parts) {
-        if (!ranges.empty() && ranges.back().end == part.begin && ranges.back().exclusive == part.exclusive)
+        if (neighbours == Neighbours::Join && !ranges.empty() && ranges.back().end == part.begin &&
+            ranges.back().exclusive == part.exclusive)
             ranges.back().end = part.end;
         else
             ranges.push_back(part);

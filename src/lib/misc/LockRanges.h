@@ -19,8 +19,10 @@ struct LockedRange {
 class LockRanges {
 public:
     // Replaces what is held of the range; without a value nothing is held there afterwards. Neighbours of one
-    // kind become one.
-    void Set(uint64_t begin, uint64_t end, std::optional<bool> exclusive);
+    // kind become one, or stay what they were locked as.
+    enum class Neighbours { Join, Stay };
+    void Set(uint64_t begin, uint64_t end, std::optional<bool> exclusive,
+             Neighbours neighbours = Neighbours::Join);
     // What is held of the range, cut to it.
     std::vector<LockedRange> Within(uint64_t begin, uint64_t end) const;
     const std::vector<LockedRange> &All() const { return ranges; } // in order
