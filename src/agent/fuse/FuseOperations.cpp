@@ -132,14 +132,14 @@ void Write(fuse_req_t request, fuse_ino_t, const char *bytes, size_t size, off_t
 void Flush(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
 {
     FileSystem &files = Of(request);
-    files.locks.Closed(info->fh, info->lock_owner, [&files, call = CallOf(request), handle = info->fh] {
-        files.files.Flush(call, handle);
+    files.locks.Closed(info->fh, info->lock_owner, [&files, call = CallOf(request)](const OpenFilePtr &file) {
+        files.files.Flush(call, file);
     });
 }
 
 void FSync(fuse_req_t request, fuse_ino_t, int, fuse_file_info *info)
 {
-    Of(request).files.Flush(CallOf(request), info->fh);
+    Of(request).files.Sync(CallOf(request), info->fh);
 }
 
 void Release(fuse_req_t request, fuse_ino_t, fuse_file_info *info)

@@ -165,14 +165,15 @@ Task<Nothing> LockOperations::End(LockOwnerPtr owner)
     co_return Nothing{};
 }
 
-Detached LockOperations::Closed(uint64_t handle, uint64_t owner, InlineFunction<void()> next)
+Detached LockOperations::Closed(uint64_t handle, uint64_t owner, Next next)
 {
+    const OpenFilePtr file = mount.openFiles.Of(handle);
     {
-        const LockCall entered(owners, mount.openFiles.Of(handle)->node, owner, false);
+        const LockCall entered(owners, file->node, owner, false);
         if (entered.Owner())
             co_await End(entered.Owner());
     }
-    next();
+    next(file);
 }
 
 Detached LockOperations::EndLater(LockOwnerPtr owner)

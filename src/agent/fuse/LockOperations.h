@@ -16,8 +16,10 @@ public:
 
     Detached GetLock(FuseCall::Ptr call, uint64_t handle, LockWish wish);
     Detached SetLock(FuseCall::Ptr call, uint64_t handle, LockWish wish, bool waits);
-    // A process has closed a descriptor of the file: its locks go, and then `next` is called.
-    Detached Closed(uint64_t handle, uint64_t owner, InlineFunction<void()> next);
+    // A process has closed a descriptor of the file: its locks go, and then `next` is called. The kernel
+    // doesn't wait for that when the process is dying, so the handle may not hold any more by then.
+    using Next = InlineFunction<void(const OpenFilePtr &file)>;
+    Detached Closed(uint64_t handle, uint64_t owner, Next next);
     // Nobody has it open any more.
     void Released(uint64_t handle);
     // Whether locks that were taken through the open file went with a connection: what they kept whole may
