@@ -60,6 +60,12 @@ void RemoteShare::Send(uint32_t major, uint32_t minor, uint32_t fileId, const Bo
     client.Submit(request, payload, expected, std::move(handler));
 }
 
+bool RemoteShare::IsLost(uint32_t fileId)
+{
+    uint32_t present = 0;
+    return numbers == FileNumbers::Lasting && OutlivesConnections() && client.WireIdOf(fileId, &present) == 0;
+}
+
 void RemoteShare::Create(const CreateCall &call, std::u16string_view path, IoHandler handler)
 {
     const WirePath wirePath(path);

@@ -40,6 +40,8 @@ public:
     {
         client.Remember(fileId, std::move(reopen));
     }
+    // Whether the connection that an open file's handle belongs to has ended.
+    bool IsLost(uint32_t fileId);
     std::shared_ptr<IReopen> WayTo(uint32_t fileId) { return client.WayTo(fileId); } // null: there is none
 
     struct CreateCall {

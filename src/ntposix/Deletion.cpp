@@ -174,6 +174,7 @@ void Cleanup(OpenFile &open)
 {
     open.services.Close();
     open.object->locks.ReleaseAll(&open);
+    open.object->advisoryLocks.ReleaseAll(&open);
     if (open.object->Close(open)) {
         Delete(open);
         open.object->Leave(open);

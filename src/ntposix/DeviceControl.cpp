@@ -115,7 +115,7 @@ NTSTATUS SetCompression(Control &control)
 uint32_t FeaturesOf(const OpenFile &file)
 {
     return FODR_HOST_FILE_IDS | FODR_HOST_POSIX_NAMES | FODR_HOST_NOTICES_FIRST | FODR_HOST_MODES |
-           FODR_HOST_LX_FILES | FODR_HOST_EXCHANGE | FODR_HOST_RANGES |
+           FODR_HOST_LX_FILES | FODR_HOST_EXCHANGE | FODR_HOST_RANGES | FODR_HOST_ADVISORY_LOCKS |
            (file.IsCaseSensitive() ? FODR_HOST_CASE_SENSITIVE : 0);
 }
 
@@ -142,6 +142,19 @@ NTSTATUS SetModeOf(Control &control)
     return error == EPERM ? STATUS_PRIVILEGE_NOT_HELD : StatusOfErrno(error);
 }
 
+NTSTATUS QueryLock(Control &control)
+{
+    FODR_LOCK asked;
+    if (!control.Read(&asked) || control.file.kind != FileKind::kFile || !control.file.dataFd)
+        return STATUS_INVALID_PARAMETER;
+    if (control.output.size() < sizeof(asked))
+        return STATUS_BUFFER_TOO_SMALL;
+    const NTSTATUS status = AdvisoryLocks::Query(control.file.fd.Get(), &asked);
+    if (!IsError(status))
+        (void)control.Write(&asked, sizeof(asked));
+    return status;
+}
+
 struct ControlRow {
     uint32_t code;
     NTSTATUS (*serve)(Control &control);
@@ -159,6 +172,7 @@ constexpr ControlRow kControls[] = {
     {FSCTL_FODR_SET_MODE, SetModeOf},
     {FSCTL_FODR_ALLOCATE, AllocateRange},
     {FSCTL_FODR_COPY_RANGE, CopyRange},
+    {FSCTL_FODR_QUERY_LOCK, QueryLock},
 };
 
 NTSTATUS Serve(uint32_t code, Control &control)

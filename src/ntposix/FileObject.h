@@ -6,6 +6,7 @@
 // file call.
 #pragma once
 
+#include "ntposix/AdvisoryLocks.h"
 #include "ntposix/LockTable.h"
 #include "ntposix/Mutex.h"
 #include "platform/NtStatus.h"
@@ -33,6 +34,7 @@ public:
 
     const FileKey key;
     LockTable locks;
+    AdvisoryLocks advisoryLocks;
     Mutex makingStream; // held across the calls that look for a named stream and make it
 
     // Admits an open: STATUS_SHARING_VIOLATION, STATUS_DELETE_PENDING or success. `extraAccess` are rights

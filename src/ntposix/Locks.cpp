@@ -1,4 +1,5 @@
 // NtLockFile and NtUnlockFile.
+#include "ntposix/AdvisoryLocks.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/NtCall.h"
 #include "ntposix/OpenFile.h"
@@ -19,6 +20,20 @@ NTSTATUS CheckLockable(const OpenFileRef &open)
     return open->IsDirectory() ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
 }
 
+// Named streams have none.
+std::optional<AdvisoryRange> AdvisoryRangeIn(const OpenFile &open, const LARGE_INTEGER *offset,
+                                             const LARGE_INTEGER *length)
+{
+    if (open.stream || !open.dataFd)
+        return std::nullopt;
+    return AdvisoryRangeOf(static_cast<uint64_t>(offset->QuadPart), static_cast<uint64_t>(length->QuadPart));
+}
+
+AdvisoryLocks::Holder HolderOf(const OpenFile &open)
+{
+    return {.handle = &open, .fd = open.fd.Get()};
+}
+
 } // namespace
 
 NTSTATUS NtLockFile(HANDLE file, HANDLE, void *, void *, IO_STATUS_BLOCK *ioStatus, LARGE_INTEGER *byteOffset,
@@ -27,6 +42,13 @@ NTSTATUS NtLockFile(HANDLE file, HANDLE, void *, void *, IO_STATUS_BLOCK *ioStat
     const OpenFileRef open = HandleTable::Instance().Find(file);
     if (const NTSTATUS status = CheckLockable(open); IsError(status))
         return Complete(ioStatus, status, 0);
+    if (const auto advisory = AdvisoryRangeIn(*open, byteOffset, length)) {
+        const NTSTATUS status = WithoutThrowing([&] {
+            return open->object->advisoryLocks.Lock(HolderOf(*open), *advisory, exclusive, failImmediately,
+                                                    open->services.blockedCalls);
+        });
+        return Complete(ioStatus, status, 0);
+    }
     const RangeLock wanted{.handle = &*open,
                            .key = key,
                            .exclusive = exclusive,
@@ -45,6 +67,9 @@ NTSTATUS NtUnlockFile(HANDLE file, IO_STATUS_BLOCK *ioStatus, LARGE_INTEGER *byt
     if (const NTSTATUS status = CheckLockable(open); IsError(status))
         return Complete(ioStatus, status, 0);
     const NTSTATUS status = WithoutThrowing([&] {
+        if (const auto advisory = AdvisoryRangeIn(*open, byteOffset, length))
+            return open->object->advisoryLocks.Unlock(HolderOf(*open), *advisory,
+                                                      open->services.blockedCalls);
         return open->object->locks.Unlock(&*open, key, static_cast<uint64_t>(byteOffset->QuadPart),
                                           static_cast<uint64_t>(length->QuadPart));
     });

@@ -521,6 +521,8 @@ inline constexpr uint32_t FODR_HOST_NOTICES_FIRST = 0x4;  // no completion overt
 inline constexpr uint32_t FODR_HOST_CASE_SENSITIVE = 0x8; // this share is
 inline constexpr uint32_t FODR_HOST_MODES = 0x10;         // FODR_CREATE_WITH_MODE, FSCTL_FODR_SET_MODE
 inline constexpr uint32_t FODR_HOST_LX_FILES = 0x20;      // sets IO_REPARSE_TAG_LX_*; links by class 11
+// FODR_LOCKS_BASE acts as described there; FSCTL_FODR_QUERY_LOCK.
+inline constexpr uint32_t FODR_HOST_ADVISORY_LOCKS = 0x40;
 
 inline constexpr uint32_t FODR_HOST_EXCHANGE = 0x100; // FODR_RENAME_EXCHANGE
 inline constexpr uint32_t FODR_HOST_RANGES = 0x200;   // FSCTL_FODR_ALLOCATE, FSCTL_FODR_COPY_RANGE
@@ -570,6 +572,29 @@ struct FODR_RANGE_COPY {
     int64_t Length;
 };
 static_assert(sizeof(FODR_RANGE_COPY) == 32);
+
+// Advisory locks are NT locks where no data can be: byte n is locked at FODR_LOCKS_BASE + n, and a range that
+// ends with the last of these bytes has no end. With FODR_HOST_ADVISORY_LOCKS they act as fcntl and flock do:
+// what the handle holds of the range is replaced, and unlocked in parts.
+inline constexpr uint64_t FODR_LOCKS_BASE = 1ull << 62;
+inline constexpr uint64_t FODR_LOCKS_SPAN = 1ull << 61;
+inline constexpr uint64_t FODR_LOCK_WHOLE = FODR_LOCKS_BASE + FODR_LOCKS_SPAN; // one byte: the lock of flock
+// Its unlock ends what waits for an advisory lock on the handle, with STATUS_CANCELLED.
+inline constexpr uint64_t FODR_LOCK_WAITS = FODR_LOCK_WHOLE + 1;
+
+// Asks for the lock that is in the way of the one that the input describes. Offsets are real.
+inline constexpr uint32_t FSCTL_FODR_QUERY_LOCK = 0x923D0;
+
+struct FODR_LOCK {
+    uint64_t Offset;
+    uint64_t Length;
+    uint32_t Type; // FODR_LOCK_*; in the answer 0 if there is none
+    uint32_t Reserved;
+};
+static_assert(sizeof(FODR_LOCK) == 24);
+
+inline constexpr uint32_t FODR_LOCK_SHARED = 1;
+inline constexpr uint32_t FODR_LOCK_EXCLUSIVE = 2;
 
 inline constexpr uint16_t COMPRESSION_FORMAT_NONE = 0;
 inline constexpr uint16_t COMPRESSION_FORMAT_DEFAULT = 1;

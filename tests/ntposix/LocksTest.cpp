@@ -1,3 +1,4 @@
+#include "ntposix/AdvisoryLocks.h"
 #include "ntposix/Fd.h"
 #include "ntposix/LockTable.h"
 #include "ntposix/NtWords.h"
@@ -5,6 +6,7 @@
 #include <fcntl.h>
 
 #include <atomic>
+#include <sys/file.h>
 
 namespace fodr::nt {
 namespace {
@@ -245,6 +247,130 @@ TEST_F(Locks, OfAFileAndOfAllFilesHaveALimit)
     EXPECT_EQ(Lock(more, 0, 1, true), STATUS_INSUFFICIENT_RESOURCES);
     files.clear();
     EXPECT_EQ(Lock(more, 0, 1, true), STATUS_SUCCESS);
+}
+
+// ---- advisory ones
+
+class AdvisoryLocking : public Locks {
+protected:
+    static constexpr uint64_t kBase = FODR_LOCKS_BASE, kSpan = FODR_LOCKS_SPAN;
+
+    // By flock of another process.
+    bool WholeFree(bool exclusive) const
+    {
+        const ntposix::Fd fd(open(Path("f").c_str(), O_RDWR | O_CLOEXEC));
+        return flock(fd.Get(), (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0;
+    }
+    // What is in the way of an exclusive lock of the whole file.
+    std::vector<uint64_t> InTheWayOf(HANDLE file) const
+    {
+        FODR_LOCK asked{.Offset = 0, .Length = kSpan, .Type = FODR_LOCK_EXCLUSIVE, .Reserved = 0};
+        IO_STATUS_BLOCK io{};
+        EXPECT_EQ(NtDeviceIoControlFile(file, nullptr, nullptr, nullptr, &io, FSCTL_FODR_QUERY_LOCK, &asked,
+                                        sizeof(asked), &asked, sizeof(asked)),
+                  STATUS_SUCCESS);
+        return {asked.Offset, asked.Length, asked.Type};
+    }
+};
+
+// As fcntl: a range is replaced in parts, is no obstacle to transfers, and is seen by other processes.
+TEST_F(AdvisoryLocking, AreThoseOfTheKernelAtTheRealOffsets)
+{
+    ASSERT_EQ(Lock(first, kBase + 10, 10, true), STATUS_SUCCESS);
+    EXPECT_EQ(WriteAt(second, 10, "w").status, STATUS_SUCCESS);
+    EXPECT_TRUE(FreeForOthers(9) && FreeForOthers(20));
+    EXPECT_FALSE(FreeForOthers(10, F_RDLCK));
+    EXPECT_EQ(Lock(second, kBase + 19, 1, false), STATUS_LOCK_NOT_GRANTED);
+    EXPECT_EQ(InTheWayOf(second), (std::vector<uint64_t>{10, 10, FODR_LOCK_EXCLUSIVE}));
+    EXPECT_EQ(InTheWayOf(first)[2], 0u);
+
+    ASSERT_EQ(Lock(first, kBase + 12, 2, false), STATUS_SUCCESS); // a part of it becomes a shared one
+    EXPECT_TRUE(FreeForOthers(12, F_RDLCK));
+    EXPECT_FALSE(FreeForOthers(12) || FreeForOthers(14, F_RDLCK));
+    ASSERT_EQ(Unlock(first, kBase + 14, 3), STATUS_SUCCESS);
+    EXPECT_TRUE(FreeForOthers(14) && FreeForOthers(16));
+    EXPECT_FALSE(FreeForOthers(17));
+    EXPECT_EQ(Unlock(first, kBase + 50, 3), STATUS_SUCCESS); // nothing was held
+
+    // A range up to the last byte has no end, and NT's own locks at the same bytes are in its way.
+    ASSERT_EQ(Lock(second, kBase + 30, kSpan - 30, false), STATUS_SUCCESS);
+    EXPECT_FALSE(FreeForOthers(INT64_MAX - 1));
+    EXPECT_EQ(InTheWayOf(first), (std::vector<uint64_t>{30, kSpan - 30, FODR_LOCK_SHARED}));
+    EXPECT_TRUE(LockOfOthers(40, 1, F_RDLCK));
+    const NtFile third = Opened();
+    ASSERT_EQ(Lock(third, 0, 5, true), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(second, kBase, 1, false), STATUS_LOCK_NOT_GRANTED);
+    first.Close();
+    second.Close();
+    EXPECT_TRUE(FreeForOthers(10) && FreeForOthers(40));
+}
+
+TEST_F(AdvisoryLocking, OfTheWholeFileAreThoseOfFlock)
+{
+    ASSERT_EQ(Lock(first, FODR_LOCK_WHOLE, 1, true), STATUS_SUCCESS);
+    EXPECT_FALSE(WholeFree(false));
+    EXPECT_TRUE(FreeForOthers(0));
+    EXPECT_EQ(Lock(second, FODR_LOCK_WHOLE, 1, false), STATUS_LOCK_NOT_GRANTED);
+    ASSERT_EQ(Lock(first, FODR_LOCK_WHOLE, 1, false), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(second, FODR_LOCK_WHOLE, 1, false), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(first, FODR_LOCK_WHOLE, 1, true), STATUS_LOCK_NOT_GRANTED);
+    second.Close();
+    EXPECT_TRUE(WholeFree(true)); // the change that was refused has lost the lock
+    const NtFile reader = Open("f");
+    EXPECT_EQ(Lock(reader, FODR_LOCK_WHOLE, 1, true), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(reader, kBase, 1, true), STATUS_ACCESS_DENIED); // fcntl wants a descriptor that writes
+    EXPECT_EQ(Unlock(reader, FODR_LOCK_WHOLE, 1), STATUS_SUCCESS);
+    EXPECT_TRUE(WholeFree(true));
+}
+
+TEST_F(AdvisoryLocking, WaitForWhoeverHoldsThem)
+{
+    for (const bool whole : {false, true}) {
+        const uint64_t at = whole ? FODR_LOCK_WHOLE : kBase + 5;
+        ASSERT_EQ(Lock(first, at, 1, false), STATUS_SUCCESS);
+        auto waiting = Waiting(second, at, 1, true);
+        ASSERT_EQ(Unlock(first, at, 1), STATUS_SUCCESS);
+        EXPECT_EQ(waiting.get(), STATUS_SUCCESS);
+        // The end of a wait leaves what the handle holds.
+        ASSERT_EQ(Lock(first, kBase + 50, 1, true), STATUS_SUCCESS);
+        waiting = Waiting(first, at, 1, true);
+        while (waiting.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready)
+            EXPECT_EQ(Unlock(first, FODR_LOCK_WAITS, 1), STATUS_SUCCESS);
+        EXPECT_EQ(waiting.get(), STATUS_CANCELLED);
+        EXPECT_FALSE(FreeForOthers(50));
+        ASSERT_EQ(Unlock(second, at, 1), STATUS_SUCCESS);
+        EXPECT_EQ(Unlock(first, kBase + 50, 1), STATUS_SUCCESS);
+    }
+    ntposix::Fd others = LockOfOthers(0, 10, F_WRLCK);
+    auto waiting = Waiting(first, kBase, 100, false);
+    EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    others.Reset();
+    EXPECT_EQ(waiting.get(), STATUS_SUCCESS);
+    ExpectCloseEnds([this] { return Opened(); },
+                    [](HANDLE file) { return Lock(file, kBase, 5, true, WhenHeld::Wait); },
+                    STATUS_RANGE_NOT_LOCKED);
+}
+
+TEST_F(AdvisoryLocking, HaveTheirPlaceAndALimit)
+{
+    EXPECT_EQ(Lock(first, FODR_LOCK_WAITS, 1, true), STATUS_INVALID_PARAMETER);
+    // What isn't wholly in the place is an ordinary range, which two locks of a handle can't share.
+    for (const auto &[offset, length] :
+         {std::pair<uint64_t, uint64_t>{kBase - 1, 2}, {kBase + kSpan - 1, 5}, {kBase + 3, 0}}) {
+        EXPECT_EQ(Lock(first, offset, length, true), STATUS_SUCCESS);
+        EXPECT_EQ(Lock(first, offset, length, true), length ? STATUS_LOCK_NOT_GRANTED : STATUS_SUCCESS);
+        EXPECT_EQ(Unlock(first, offset, length), STATUS_SUCCESS);
+    }
+    constexpr uint64_t kMost = ntposix::AdvisoryLocks::kMostOfFile;
+    for (uint64_t n = 0; n < kMost; ++n)
+        ASSERT_EQ(Lock(n % 2 ? first : second, kBase + 3 * n, 2, true), STATUS_SUCCESS) << n;
+    EXPECT_EQ(Lock(first, kBase + 9000, 1, true), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(Lock(first, kBase + 3, 1, false), STATUS_INSUFFICIENT_RESOURCES); // would split one
+    EXPECT_EQ(Unlock(first, kBase + 3, 2), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(second, kBase + 9000, 3, true), STATUS_SUCCESS);
+    EXPECT_EQ(Unlock(second, kBase + 9001, 1), STATUS_INSUFFICIENT_RESOURCES);
+    second.Close();
+    EXPECT_EQ(Lock(first, kBase + 9000, 1, true), STATUS_SUCCESS);
 }
 
 } // namespace

@@ -213,9 +213,8 @@ void FileOperations::Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset,
 }
 
 // Of flush and fsync alike: nothing counts as written that the other side hasn't acknowledged.
-void FileOperations::Flush(FuseCall::Ptr call, uint64_t handle)
+void FileOperations::Flush(FuseCall::Ptr call, const OpenFilePtr &file)
 {
-    const OpenFilePtr &file = mount.openFiles.Of(handle);
     file->node->Writes(mount.writeWindow)->WhenDone([call, errors = file->errors] {
         call->FailStatus(errors->TakeForFlush());
     });

@@ -17,7 +17,8 @@ public:
     Detached Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode, int flags);
     void Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, uint32_t length);
     void Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes, int flags);
-    void Flush(FuseCall::Ptr call, uint64_t handle);
+    void Flush(FuseCall::Ptr call, const OpenFilePtr &file);
+    void Sync(FuseCall::Ptr call, uint64_t handle) { Flush(std::move(call), mount.openFiles.Of(handle)); }
     void Release(FuseCall::Ptr call, uint64_t handle);
 
 private:

@@ -100,6 +100,7 @@ void FileSystem::Clear()
     mount.directories.Clear();
     mount.openListings.DropAll();
     mount.openedAhead.Purge(true);
+    locks.Clear();
     for (const OpenFilePtr &file : mount.openFiles.DropAll())
         file->node->opens.Remove(file);
 }

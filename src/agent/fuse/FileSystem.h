@@ -7,6 +7,7 @@
 #include "agent/fuse/DirectoryOperations.h"
 #include "agent/fuse/FileOperations.h"
 #include "agent/fuse/LinkOperations.h"
+#include "agent/fuse/LockOperations.h"
 #include "agent/fuse/NameOperations.h"
 #include "agent/fuse/RangeOperations.h"
 #include "agent/fuse/XattrOperations.h"
@@ -53,6 +54,7 @@ public:
     RangeOperations ranges{mount};
     LinkOperations links{mount, places};
     XattrOperations xattrs{mount, places};
+    LockOperations locks{mount, places, opener};
     NameOperations names{mount, finder, places, facts, hidden, directories};
     ChangeWatcher events{mount, directories};
 };

@@ -2,6 +2,9 @@
 
 #include "agent/fuse/Fuse.h"
 #include "agent/fuse/StatusErrno.h"
+#include "platform/NtRecords.h"
+
+#include <fcntl.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -168,6 +171,33 @@ bool FuseCall::Volume(const VolumeFacts &facts)
     return Take() && fuse_reply_statfs(request, &volume) == 0;
 }
 
+bool FuseCall::Lock(const std::optional<LockedRange> &found, int process)
+{
+    struct flock range = {};
+    range.l_type = F_UNLCK;
+    if (found) {
+        range.l_type = found->exclusive ? F_WRLCK : F_RDLCK;
+        range.l_start = static_cast<off_t>(found->begin);
+        range.l_len = found->end >= nt::FODR_LOCKS_SPAN ? 0 : static_cast<off_t>(found->end - found->begin);
+        range.l_pid = process;
+    }
+    return Take() && fuse_reply_lock(request, &range) == 0;
+}
+
+void FuseCall::SetInterrupt(Interrupt function)
+{
+    interrupt = std::move(function);
+    tellsInterrupt = true;
+}
+
+bool FuseCall::TellInterrupt()
+{
+    if (!tellsInterrupt)
+        return false;
+    interrupt(*this);
+    return true;
+}
+
 // A fatal signal leaves SIGKILL pending for every thread of a process. The kernel tells of an interrupt
 // without telling which it is.
 bool FuseCall::CallerIsDying() const
@@ -231,6 +261,8 @@ void InterruptWatch::ThreadMain()
             const FuseCall::Ptr call = weak.lock();
             if (!call || call->IsAnswered())
                 return true;
+            if (call->TellInterrupt())
+                return false;
             const bool waitedLong = std::chrono::steady_clock::now() - call->Begun() > kLongWait;
             return (waitedLong || call->CallerIsDying()) && (call->Fail(EINTR), true);
         });

@@ -3,12 +3,15 @@
 
 #include "agent/FileFacts.h"
 #include "agent/InlineFunction.h"
+#include "lib/misc/LockRanges.h"
 #include "transport/Mutex.h"
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -65,6 +68,14 @@ public:
     bool Bytes(ByteSpan bytes);
     bool Parts(std::span<const ByteSpan> parts);
     bool Volume(const VolumeFacts &facts);
+    // The lock that is in the way, or that there is none.
+    bool Lock(const std::optional<LockedRange> &found, int process);
+
+    // For a call that may wait for ever: called, perhaps more than once, when the caller wants it to end.
+    // Without it the call is answered for it (InterruptWatch). Once.
+    using Interrupt = std::function<void(FuseCall &)>;
+    void SetInterrupt(Interrupt function);
+    bool TellInterrupt(); // false: there is no such function
 
     // Whether the calling thread is about to die and only waits for this.
     bool CallerIsDying() const;
@@ -80,6 +91,8 @@ private:
     const std::chrono::steady_clock::time_point begun = std::chrono::steady_clock::now();
     std::atomic<bool> answered{false};
     const std::shared_ptr<void> kept;
+    Interrupt interrupt;
+    std::atomic<bool> tellsInterrupt{false}; // from then on it stays as it is
 };
 
 // Ends interrupted requests that still wait: at once when their caller is dying, else when they have waited

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <sys/file.h>
 
 namespace fodr::agent {
 namespace {
@@ -32,7 +33,8 @@ void Init(void *, fuse_conn_info *connection)
         connection->want |= connection->capable & capability;
     };
     want(FUSE_CAP_ASYNC_READ | FUSE_CAP_ATOMIC_O_TRUNC | FUSE_CAP_PARALLEL_DIROPS | FUSE_CAP_READDIRPLUS |
-         FUSE_CAP_AUTO_INVAL_DATA | FUSE_CAP_ASYNC_DIO | FUSE_CAP_EXPIRE_ONLY);
+         FUSE_CAP_AUTO_INVAL_DATA | FUSE_CAP_ASYNC_DIO | FUSE_CAP_EXPIRE_ONLY | FUSE_CAP_POSIX_LOCKS |
+         FUSE_CAP_FLOCK_LOCKS);
     // Attributes come with every listing at no cost; guessing who wants them would cost a request a file.
     connection->want &= ~static_cast<unsigned>(FUSE_CAP_READDIRPLUS_AUTO);
     connection->max_readahead = kTransferSize;
@@ -108,31 +110,82 @@ void Create(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t mode
     Of(request).files.Create(CallOf(request), parent, name, mode, info->flags);
 }
 
+// What locks kept whole may have changed since they were lost.
+bool RefusedForLock(fuse_req_t request, const fuse_file_info *info)
+{
+    return Of(request).locks.AreLost(info->fh) && fuse_reply_err(request, EIO) <= 0;
+}
+
 void Read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info *info)
 {
+    if (RefusedForLock(request, info))
+        return;
     Of(request).files.Read(CallOf(request), info->fh, static_cast<uint64_t>(offset),
                            static_cast<uint32_t>(size));
 }
 
 void Write(fuse_req_t request, fuse_ino_t, const char *bytes, size_t size, off_t offset, fuse_file_info *info)
 {
+    if (RefusedForLock(request, info))
+        return;
     Of(request).files.Write(CallOf(request), info->fh, static_cast<uint64_t>(offset),
                             {reinterpret_cast<const uint8_t *>(bytes), size}, info->flags);
 }
 
 void Flush(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
 {
-    Of(request).files.Flush(CallOf(request), info->fh);
+    FileSystem &files = Of(request);
+    files.locks.Closed(info->fh, info->lock_owner, [&files, call = CallOf(request)](const OpenFilePtr &file) {
+        files.files.Flush(call, file);
+    });
 }
 
 void FSync(fuse_req_t request, fuse_ino_t, int, fuse_file_info *info)
 {
-    Of(request).files.Flush(CallOf(request), info->fh);
+    Of(request).files.Sync(CallOf(request), info->fh);
 }
 
 void Release(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
 {
+    Of(request).locks.Released(info->fh);
     Of(request).files.Release(CallOf(request), info->fh);
+}
+
+LockWish WishOf(const fuse_file_info *info, const struct flock &range)
+{
+    LockWish wish = {.owner = info->lock_owner, .process = range.l_pid};
+    wish.begin = static_cast<uint64_t>(range.l_start);
+    const uint64_t rest = nt::FODR_LOCKS_SPAN - std::min(wish.begin, nt::FODR_LOCKS_SPAN);
+    wish.end = wish.begin + (range.l_len == 0 ? rest : std::min(static_cast<uint64_t>(range.l_len), rest));
+    if (range.l_type != F_UNLCK)
+        wish.exclusive = range.l_type == F_WRLCK;
+    return wish;
+}
+
+void GetLk(fuse_req_t request, fuse_ino_t, fuse_file_info *info, struct flock *range)
+{
+    const LockWish wish = WishOf(info, *range);
+    if (wish.begin >= wish.end)
+        fuse_reply_err(request, EOVERFLOW);
+    else
+        Of(request).locks.GetLock(CallOf(request), info->fh, wish);
+}
+
+void SetLk(fuse_req_t request, fuse_ino_t, fuse_file_info *info, struct flock *range, int sleep)
+{
+    const LockWish wish = WishOf(info, *range);
+    if (wish.begin >= wish.end)
+        fuse_reply_err(request, EOVERFLOW);
+    else
+        Of(request).locks.SetLock(CallOf(request), info->fh, wish, sleep != 0);
+}
+
+void Flock(fuse_req_t request, fuse_ino_t, fuse_file_info *info, int operation)
+{
+    LockWish wish = {.owner = info->lock_owner, .whole = true};
+    if ((operation & LOCK_UN) == 0)
+        wish.exclusive = (operation & LOCK_EX) != 0;
+    Of(request).locks.SetLock(CallOf(request), info->fh, wish, (operation & LOCK_NB) == 0);
 }
 
 void FAllocate(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t length, fuse_file_info *info)
@@ -256,6 +309,9 @@ const fuse_lowlevel_ops &FuseOperations()
         made.write = Write;
         made.flush = Flush;
         made.fsync = FSync;
+        made.getlk = GetLk;
+        made.setlk = SetLk;
+        made.flock = Flock;
         made.release = Release;
         made.fallocate = FAllocate;
         made.mkdir = MkDir;

@@ -1,0 +1,108 @@
+// Who holds locks through this mount, and which. Each owner has a handle of its own on the host, since the
+// locks of one handle don't exclude one another. Any thread.
+#pragma once
+
+#include "agent/fuse/NameGate.h"
+#include "agent/fuse/Node.h"
+#include "lib/misc/LockRanges.h"
+
+#include <optional>
+
+namespace fodr::agent {
+
+// A lock as the kernel asks for it.
+struct LockWish {
+    uint64_t owner = 0; // a process for fcntl, an open file for flock and the locks of open files
+    int process = 0;
+    bool whole = false; // flock
+    uint64_t begin = 0;
+    uint64_t end = 0;
+    std::optional<bool> exclusive{}; // without: an unlock
+};
+
+// NT's locks are unlocked as they were locked.
+LockRanges::Neighbours NeighboursOf(const OpenFilePtr &handle);
+
+class LockOwner {
+public:
+    LockOwner(NodePtr ownerNode, uint64_t ownerId) : node(std::move(ownerNode)), id(ownerId) {}
+
+    const NodePtr node;
+    const uint64_t id;
+    NameGate gate; // its calls go one by one; those that wait for others' locks aren't in it
+
+    void SetHandle(OpenFilePtr file);
+    OpenFilePtr Handle() const; // null: it never locked anything, or has left
+    // Another connection took the handle, and what it held, along.
+    bool IsLost() const;
+
+    void Note(const LockWish &wish); // it was granted
+    LockRanges Bytes() const;
+    std::optional<bool> Whole() const; // its flock; whether it is an exclusive one
+    bool HoldsNothing() const;
+    bool Covers(const LockWish &wish) const; // holds something of the whole range
+    // What keeps another owner from what it wants.
+    std::optional<LockedRange> InTheWayOf(const LockWish &wish) const;
+    int Process() const;
+
+private:
+    mutable transport::Mutex lock;
+    OpenFilePtr handle GUARDED_BY(lock);
+    LockRanges bytes GUARDED_BY(lock);
+    std::optional<bool> whole GUARDED_BY(lock);
+    int process GUARDED_BY(lock) = 0;
+
+    friend class LockOwners; // by its lock:
+    size_t calls = 0;
+    const OpenFile *through = nullptr;
+    bool throughSeveral = false;
+};
+using LockOwnerPtr = std::shared_ptr<LockOwner>;
+
+class LockOwners {
+public:
+    // The owner that stands for this whole mount (LockOperationsSide.cpp).
+    static constexpr uint64_t kSide = 0;
+
+    // For a call; Leave ends it. Without `make` null when there is no such owner.
+    LockOwnerPtr Enter(const NodePtr &node, uint64_t owner, bool make);
+    void NoteThrough(const LockOwnerPtr &owner, const OpenFilePtr &file);
+    // An owner without a handle is forgotten with its last call.
+    void Leave(const LockOwnerPtr &owner);
+
+    LockOwnerPtr Find(const NodePtr &node, uint64_t owner) const;
+    std::vector<LockOwnerPtr> Of(const NodePtr &node) const;
+    // Those that came through this open alone: with its end they end. Processes have told by then that they
+    // closed it.
+    std::vector<LockOwnerPtr> OnlyThrough(const OpenFilePtr &file) const;
+    // Whether it has locked anything through this open.
+    bool CameThrough(const LockOwnerPtr &owner, const OpenFilePtr &file) const;
+    void Clear();
+
+private:
+    std::atomic<size_t> count{0}; // of most mounts 0
+    mutable transport::Mutex lock;
+    std::unordered_map<const Node *, std::vector<LockOwnerPtr>> owners GUARDED_BY(lock);
+};
+
+// A call of an owner, for as long as this lives.
+class LockCall {
+public:
+    LockCall(LockOwners &lockOwners, const NodePtr &node, uint64_t id, bool make)
+        : owners(lockOwners), owner(lockOwners.Enter(node, id, make))
+    {}
+    ~LockCall()
+    {
+        if (owner)
+            owners.Leave(owner);
+    }
+    LockCall(const LockCall &) = delete;
+    LockCall &operator=(const LockCall &) = delete;
+    const LockOwnerPtr &Owner() const { return owner; } // null: there is none
+
+private:
+    LockOwners &owners;
+    const LockOwnerPtr owner;
+};
+
+} // namespace fodr::agent

@@ -1,0 +1,36 @@
+// The byte ranges that one owner has locked, as fcntl keeps them: a byte has one lock at most, the last that
+// was set. No lock of its own.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace fodr {
+
+struct LockedRange {
+    uint64_t begin;
+    uint64_t end; // the first byte behind it
+    bool exclusive;
+    bool operator==(const LockedRange &) const = default;
+};
+
+class LockRanges {
+public:
+    // Replaces what is held of the range; without a value nothing is held there afterwards. Neighbours of one
+    // kind become one, or stay what they were locked as.
+    enum class Neighbours { Join, Stay };
+    void Set(uint64_t begin, uint64_t end, std::optional<bool> exclusive,
+             Neighbours neighbours = Neighbours::Join);
+    // What is held of the range, cut to it.
+    std::vector<LockedRange> Within(uint64_t begin, uint64_t end) const;
+    const std::vector<LockedRange> &All() const { return ranges; } // in order
+    size_t Count() const { return ranges.size(); }
+    bool IsEmpty() const { return ranges.empty(); }
+
+private:
+    std::vector<LockedRange> ranges;
+};
+
+} // namespace fodr
