@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -188,10 +189,10 @@ TEST_F(Confining, TheLauncherStartsWhatIsPlannedAndNothingElse)
                       if (!child || child->Wait(-1)->code != 0)
                           return 5;
                   }
-                  lines.clear();
-                  sleeper.onErrorLine = talker.onErrorLine;
+                  std::atomic<bool> up{false};
+                  sleeper.onErrorLine = [&up](const std::string &line) { up = line == "up"; };
                   child = launcher->Start(sleeper, &error);
-                  for (int i = 0; child && lines != "up" && i < 6000; ++i)
+                  for (int i = 0; child && !up && i < 6000; ++i)
                       usleep(10000);
                   child->Terminate();
                   if (child->Wait(-1)->code != 5)
