@@ -159,7 +159,8 @@ NTSTATUS FileSystemImpl::RedirectedLockFile(uint32_t fileId, IO_STATUS_BLOCK *io
     };
     // Most ranges are free: such a lock needs no leave to wait.
     const NTSTATUS status = lock(false);
-    if (failImmediately || status != STATUS_LOCK_NOT_GRANTED)
+    const bool taken = status == STATUS_LOCK_NOT_GRANTED || status == STATUS_FILE_LOCK_CONFLICT;
+    if (failImmediately || !taken)
         return status;
     const platform::TaskPool::BlockingSection blocking;
     if (!blocking.IsGranted()) {

@@ -19,6 +19,9 @@ TEST(DeviceControl, CarriesItsDataBehindAZeroLength)
     ASSERT_EQ(ranges.Size(), 20u + sizeof(FILE_ALLOCATED_RANGE_BUFFER));
     EXPECT_EQ(ranges.At<uint64_t>(0), 0u);
     EXPECT_GE(ranges.At<uint64_t>(8), 5000u);
+    // However much room is asked for.
+    EXPECT_EQ(
+        file.Control(FSCTL_QUERY_ALLOCATED_RANGES, Little(0) + Little(5000), UINT32_MAX).At<uint64_t>(0), 0u);
 }
 
 TEST(DeviceControl, TellsWhatTheHostOffersAsDocumented)

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -28,6 +29,13 @@ namespace fodr::platform {
 namespace {
 
 namespace fs = std::filesystem;
+
+// ThreadSanitizer starts one in a process that forks: its rights can't be given up then.
+#ifdef __SANITIZE_THREAD__
+constexpr bool kSanitizerHasAThread = true;
+#else
+constexpr bool kSanitizerHasAThread = false;
+#endif
 
 class Confining : public testing::Test {
 protected:
@@ -155,7 +163,7 @@ TEST_F(Confining, TheLauncherStartsWhatIsPlannedAndNothingElse)
     EXPECT_EQ(InFork([&] {
                   std::string error;
                   const auto launcher = ChildLauncher::Create({talker, writer, sleeper, absent}, &error);
-                  if (!launcher || !ConfineProcess({}).privileges)
+                  if (!launcher || (!kSanitizerHasAThread && !ConfineProcess({}).privileges))
                       return 1;
                   std::string lines;
                   talker.withStream = true;
@@ -181,10 +189,10 @@ TEST_F(Confining, TheLauncherStartsWhatIsPlannedAndNothingElse)
                       if (!child || child->Wait(-1)->code != 0)
                           return 5;
                   }
-                  lines.clear();
-                  sleeper.onErrorLine = talker.onErrorLine;
+                  std::atomic<bool> up{false};
+                  sleeper.onErrorLine = [&up](const std::string &line) { up = line == "up"; };
                   child = launcher->Start(sleeper, &error);
-                  for (int i = 0; child && lines != "up" && i < 6000; ++i)
+                  for (int i = 0; child && !up && i < 6000; ++i)
                       usleep(10000);
                   child->Terminate();
                   if (child->Wait(-1)->code != 5)
