@@ -54,8 +54,10 @@ Task<bool> NameOperations::FindAgain(FuseCall::Ptr call, NodePtr parent, std::st
         call->FailStatus(found->status);
         co_return false;
     }
-    const Standing standing = co_await places.Confirm(parent);
-    if (standing == Standing::Here && found->status == nt::STATUS_OBJECT_PATH_NOT_FOUND)
+    const bool noFolder = found->status == nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    const Standing standing =
+        co_await places.Confirm(parent, noFolder ? Believing::Nothing : Believing::WhatWasSeen);
+    if (standing == Standing::Here && noFolder)
         *found = co_await finder.FindPassing(parent, name, Freshness::Asked);
     if (!nt::IsError(found->status))
         co_return true;

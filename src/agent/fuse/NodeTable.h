@@ -102,6 +102,9 @@ private:
     bool AddName(Node *node, const NodePtr &parent, const std::string &name) REQUIRES(lock);
     void RemoveName(Node *node, Node *parent, const std::string &name) REQUIRES(lock);
     void RemoveAllNames(Node *node) REQUIRES(lock);
+    NodePtr ChildOf(const NodePtr &parent, const std::string &name) const REQUIRES(lock);
+    // The name doesn't lead to the node any more; who isn't used otherwise goes.
+    void TakeName(const NodePtr &node, const NodePtr &parent, const std::string &name) REQUIRES(lock);
     static void NoteFormer(Node *node);
     void DropIfUnused(const NodePtr &node) REQUIRES(lock);
     bool LocatePath(const Node *node, Place *place) const REQUIRES(lock);
