@@ -75,7 +75,7 @@ NodePtr MountState::Reach(const NodePtr &parent, const std::string &name, const 
 
 void MountState::LoseName(const NodePtr &parent, const std::string &name, const NodePtr &node)
 {
-    table.RemoveIf(parent, name, node);
+    table.Remove(parent, name, node);
     notifier.NameChanged(parent->id, name);
 }
 

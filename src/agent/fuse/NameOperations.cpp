@@ -62,7 +62,7 @@ Task<bool> NameOperations::FindAgain(FuseCall::Ptr call, NodePtr parent, std::st
     if (!nt::IsError(found->status))
         co_return true;
     if (known)
-        mount.table.RemoveIf(parent, name, known);
+        mount.table.Remove(parent, name, known);
     const bool asWas = standing == Standing::Here && found->status != nt::STATUS_OBJECT_PATH_NOT_FOUND;
     call->Fail(asWas ? ENOENT : ESTALE);
     co_return false;

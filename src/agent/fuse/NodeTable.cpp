@@ -226,12 +226,7 @@ void NodeTable::SetFileId(const NodePtr &node, uint64_t fileId)
     Index(node.get(), ShareOf(node.get()), fileId);
 }
 
-void NodeTable::Remove(const NodePtr &parent, const std::string &name)
-{
-    RemoveIf(parent, name, nullptr);
-}
-
-void NodeTable::RemoveIf(const NodePtr &parent, const std::string &name, const NodePtr &node)
+void NodeTable::Remove(const NodePtr &parent, const std::string &name, const NodePtr &node)
 {
     const MutexLock held(lock);
     const NodePtr present = ChildOf(parent, name);
@@ -259,6 +254,7 @@ bool NodeTable::LocatePath(const Node *node, Place *place) const
 {
     if (node->shareRoot) {
         place->share = node->shareRoot;
+        place->path.clear();
         return true;
     }
     if (node->names.empty() && !node->movedTo.empty()) {
@@ -276,7 +272,6 @@ bool NodeTable::LocatePath(const Node *node, Place *place) const
 bool NodeTable::PlaceOf(const NodePtr &node, Place *place) const
 {
     const MutexLock held(lock);
-    place->path.clear();
     if (!LocatePath(node.get(), place))
         return false;
     if (place->path.empty())
@@ -287,7 +282,6 @@ bool NodeTable::PlaceOf(const NodePtr &node, Place *place) const
 bool NodeTable::PlaceIn(const NodePtr &parent, std::string_view name, Place *place) const
 {
     const MutexLock held(lock);
-    place->path.clear();
     if (!LocatePath(parent.get(), place))
         return false;
     place->path += u'\\';

@@ -37,9 +37,8 @@ public:
     // A handle of the node told the id.
     void SetFileId(const NodePtr &node, uint64_t fileId);
 
-    // The name leads nowhere from now on, or not to this node.
-    void Remove(const NodePtr &parent, const std::string &name);
-    void RemoveIf(const NodePtr &parent, const std::string &name, const NodePtr &node);
+    // The name leads nowhere from now on. With a node: only if that is where it led.
+    void Remove(const NodePtr &parent, const std::string &name, const NodePtr &node = nullptr);
     // What stood at the new place has lost that name.
     void Rename(const NodePtr &parent, const std::string &name, const NodePtr &newParent,
                 const std::string &newName);
