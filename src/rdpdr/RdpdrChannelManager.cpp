@@ -99,6 +99,12 @@ void RdpdrChannelManager::CloseAllDevices()
         device->Retire();
 }
 
+bool RdpdrChannelManager::IsClosing()
+{
+    OVMutexLock held(deviceTableLock);
+    return closing;
+}
+
 int RdpdrChannelManager::GetClientVersion()
 {
     return clientVersion;
