@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <new>
 #include <random>
 #include <set>
 #include <thread>
@@ -135,14 +136,14 @@ TEST_F(HostilePackets, WithAsManyNotificationsAsMayWaitOthersAreRefusedAndReadsA
     manager.Shutdown();
 }
 
-// Lets no answer out while it is shut.
+// Lets no answer out while it is shut, and has no memory for one then.
 class DeafChannel : public IRdpdrChannel {
 public:
     bool NotifyODPObserver(const char *, const char *) override { return true; }
     bool WriteChannel(RdpdrStream *) override
     {
         isOpen.wait(false);
-        return true;
+        throw std::bad_alloc();
     }
     void Open()
     {
