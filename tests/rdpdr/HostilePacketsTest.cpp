@@ -1,3 +1,4 @@
+#include "Mailbox.h"
 #include "ManagerFixture.h"
 #include "fileservice/RequestLimits.h"
 #include "platform/TaskPool.h"
@@ -198,12 +199,16 @@ TEST(PacketBudget, APacketCostsItselfAndItsAnswerAndOneAboveAllHasRoomAlone)
 
     PacketBudget budget;
     budget.Take(PacketBudget::kMostBytes + 1);
-    std::atomic<bool> second{false};
+    std::atomic<bool> isFree{false};
+    Signal begun;
     std::thread other([&] {
+        begun.Set();
         budget.Take(PacketBudget::kMostBytes + 1);
-        second = true;
+        EXPECT_TRUE(isFree);
     });
-    EXPECT_FALSE(second);
+    begun.Wait();
+    std::this_thread::yield();
+    isFree = true;
     budget.GiveBack(PacketBudget::kMostBytes + 1);
     other.join();
 }
