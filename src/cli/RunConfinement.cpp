@@ -62,8 +62,10 @@ std::vector<platform::ChildOptions> Planned(const ShareOptions &options, const M
     if (auto agent =
             AgentStarter::AgentProcess(options, mountPoint ? mountPoint->Path() : options.target.mountPoint))
         planned.push_back(std::move(*agent));
-    if (!options.command.empty())
+    if (!options.command.empty()) {
         planned.emplace_back().arguments = options.command;
+        planned.back().environment = {{"FODR_MOUNT", ""}};
+    }
     if (mountPoint)
         planned.push_back(Detaching(mountPoint->Path()));
     return planned;

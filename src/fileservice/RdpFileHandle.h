@@ -20,6 +20,18 @@ public:
     void BeginIo();
     void EndIo();
 
+    // A request that BeginIo has counted, to its end.
+    class InFlight {
+    public:
+        explicit InFlight(RdpFileHandle &ofHandle) : handle(ofHandle) {}
+        ~InFlight() { handle.EndIo(); }
+        InFlight(const InFlight &) = delete;
+        InFlight &operator=(const InFlight &) = delete;
+
+    private:
+        RdpFileHandle &handle;
+    };
+
     // Read without the lock: a request that begins or ends at this very moment may be missed.
     bool IsBusy() const { return pendingIo.load(std::memory_order_acquire) != 0; }
     // True when no request is in flight, false when the time ran out first.

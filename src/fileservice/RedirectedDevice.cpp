@@ -64,9 +64,8 @@ bool RedirectedDevice::OnIoRequest(RdpdrStream *packet)
                   GetDeviceId(), request.MajorFunction, request.MinorFunction, request.FileId);
         return SendCompletion(request.CompletionId, STATUS_INVALID_HANDLE);
     }
-    bool written = Dispatch(request, *packet);
-    handle->EndIo();
-    return written;
+    const RdpFileHandle::InFlight inFlight(*handle); // also when memory runs out: a close waits for the end
+    return Dispatch(request, *packet);
 }
 
 bool RedirectedDevice::Dispatch(const Request &request, RdpdrStream &packet)

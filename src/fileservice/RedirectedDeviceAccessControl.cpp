@@ -199,6 +199,10 @@ bool RedirectedDeviceAccessControl::RetrieveFileInfo(const DR_DEVICE_IOREQUEST &
                                                           pattern.c_str(), multiEntryDirectoryQuery);
     *info = MallocBuffer(block, block ? static_cast<size_t>(ioStatus->Information) : 0);
     if (status == STATUS_SUCCESS) {
+        // A block of kListingAnswer bytes for each of thousands of files would be much memory.
+        MallocBuffer exact = multiEntryDirectoryQuery ? CopyOf(*info) : MallocBuffer();
+        if (exact)
+            *info = std::move(exact);
         LOG_TRACE("Retrieve file info: [%s], size: %d\n", fileName.c_str(), static_cast<int>(info->Size()));
         DumpTrace("RedirectedDeviceAccessControl::RetrieveAllowAccessListInfo()", *info);
         return true;

@@ -1,6 +1,7 @@
 #include "ntposix/Control.h"
 #include "ntposix/ErrnoStatus.h"
 #include "ntposix/Link.h"
+#include "ntposix/Mode.h"
 #include "ntposix/NameSteps.h"
 #include "platform/NtRecords.h"
 #include "platform/NtReparse.h"
@@ -64,7 +65,9 @@ int Make(Spot at, const SpecialFile &file, mode_t mode)
         return symlinkat(file.target.c_str(), at.directory, at.leaf.c_str()) == 0 ? 0 : errno;
     if (mknodat(at.directory, at.leaf.c_str(), file.type | mode, 0) != 0)
         return errno;
-    return fchmodat(at.directory, at.leaf.c_str(), mode, 0) == 0 ? 0 : errno;
+    // Others may have put a link there by now, which mustn't be followed.
+    const Fd made(openat(at.directory, at.leaf.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    return made ? WidenMode(made.Get(), mode) : errno;
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "ntposix/FileSize.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/Link.h"
+#include "ntposix/Mode.h"
 #include "ntposix/NamedStream.h"
 #include "ntposix/NtCall.h"
 #include "ntposix/Rename.h"
@@ -62,11 +63,7 @@ int SetReadOnly(const OpenFile &open, bool readOnly)
     const mode_t write = S_IWUSR;
     const mode_t present = stat.st_mode & 07777;
     const mode_t wanted = readOnly ? present & ~write : present | write;
-    if (wanted == present)
-        return 0;
-    const int result =
-        open.dataFd ? fchmod(open.fd.Get(), wanted) : chmod(DescriptorPath(open.fd.Get()).c_str(), wanted);
-    return result == 0 ? 0 : errno;
+    return wanted == present ? 0 : SetMode(open.fd.Get(), wanted);
 }
 
 // Others aren't attributes that can be kept.

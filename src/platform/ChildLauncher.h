@@ -12,8 +12,9 @@ namespace fodr::platform {
 
 class ChildLauncher {
 public:
-    // To be called before there are other threads. Of each of the `planned` only `arguments` and `interrupts`
-    // count. Null, with a few words in `*error`, when it can't be made.
+    // To be called before there are other threads. Of each of the `planned` only `arguments`, `interrupts`
+    // and the names in `environment` count: no others can be set later. Null, with a few words in `*error`,
+    // when it can't be made.
     static std::unique_ptr<ChildLauncher> Create(const std::vector<ChildOptions> &planned,
                                                  std::string *error);
     // It ends; what it has started goes on.

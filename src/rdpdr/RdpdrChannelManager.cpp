@@ -18,24 +18,41 @@ namespace fodr {
 
 namespace {
 
+// Gives back what it costs at its end at the latest, also when an exception ends the task.
 struct ReceivedPacket {
-    RdpdrChannelManager *manager;
-    RdpdrStream *stream;
-    PacketBudget *budget;
-    size_t cost;
+    ReceivedPacket(RdpdrChannelManager *receiver, PacketBudget *ofPackets, RdpdrStream *packet)
+        : manager(receiver), budget(ofPackets), stream(packet)
+    {}
+    ~ReceivedPacket()
+    {
+        stream.reset();
+        GiveBackCost();
+    }
+    ReceivedPacket(const ReceivedPacket &) = delete;
+    ReceivedPacket &operator=(const ReceivedPacket &) = delete;
+
+    void GiveBackCost()
+    {
+        if (cost != 0)
+            budget->GiveBack(std::exchange(cost, 0));
+    }
+
+    RdpdrChannelManager *const manager;
+    PacketBudget *const budget;
+    RdpdrStreamPtr stream;
+    size_t cost = 0;
 };
 
 // The packet without what nobody reads of it, if there is memory for that.
-void Shorten(RdpdrStream **stream)
+void Shorten(RdpdrStreamPtr &stream)
 {
-    if (static_cast<size_t>((*stream)->Size()) <= kWaitingPacket)
+    if (static_cast<size_t>(stream->Size()) <= kWaitingPacket)
         return;
-    RdpdrStream *shorter = RdpdrStream::Create(kWaitingPacket);
+    RdpdrStreamPtr shorter(RdpdrStream::Create(kWaitingPacket));
     if (!shorter)
         return;
-    memcpy(shorter->Base(), (*stream)->Base(), kWaitingPacket);
-    RdpdrStream::Free(stream);
-    *stream = shorter;
+    memcpy(shorter->Base(), stream->Base(), kWaitingPacket);
+    stream = std::move(shorter);
 }
 
 std::string ReplyStatus(uint32_t resultCode)
@@ -99,6 +116,12 @@ void RdpdrChannelManager::CloseAllDevices()
         device->Retire();
 }
 
+bool RdpdrChannelManager::IsClosing()
+{
+    OVMutexLock held(deviceTableLock);
+    return closing;
+}
+
 int RdpdrChannelManager::GetClientVersion()
 {
     return clientVersion;
@@ -111,32 +134,27 @@ bool RdpdrChannelManager::OnDataReceived(RdpdrStream *stream)
         LOG_ERROR("Thread pool is not initialzed.\n");
         return false;
     }
-    const size_t cost = PacketBudget::CostOf(*stream);
-    auto *packet = new (std::nothrow) ReceivedPacket{this, stream, &packetBudget, cost};
+    std::unique_ptr<ReceivedPacket> packet(new (std::nothrow) ReceivedPacket(this, &packetBudget, stream));
     if (!packet)
         return false;
-    packetBudget.Take(cost);
-    if (!dataHandler->SubmitTask(ProcessDataTask, packet)) {
-        packetBudget.GiveBack(cost);
-        delete packet;
-        return false;
+    packet->cost = PacketBudget::CostOf(*stream);
+    packetBudget.Take(packet->cost);
+    if (dataHandler->SubmitTask(ProcessDataTask, packet.get())) {
+        static_cast<void>(packet.release());
+        return true;
     }
-    return true;
+    static_cast<void>(packet->stream.release());
+    return false;
 }
 
 void RdpdrChannelManager::ProcessDataTask(void *record)
 {
     const std::unique_ptr<ReceivedPacket> packet(static_cast<ReceivedPacket *>(record));
     if (MayWaitForEver(*packet->stream)) {
-        Shorten(&packet->stream);
-        packet->budget->GiveBack(std::exchange(packet->cost, 0));
+        Shorten(packet->stream);
+        packet->GiveBackCost();
     }
-    {
-        const RdpdrStreamPtr stream(packet->stream);
-        packet->manager->ProcessData(stream.get());
-    }
-    if (packet->cost != 0)
-        packet->budget->GiveBack(packet->cost);
+    packet->manager->ProcessData(packet->stream.get());
 }
 
 bool RdpdrChannelManager::ProcessData(RdpdrStream *stream)

@@ -101,6 +101,7 @@ private:
     void HandleDeviceReply(RdpdrStream *stream) EXCLUDES(deviceTableLock);
     Device FindDevice(uint32_t deviceId) REQUIRES(deviceTableLock);
     void CloseAllDevices() EXCLUDES(deviceTableLock);
+    bool IsClosing() EXCLUDES(deviceTableLock);
 
     // Handshake.
     void HandleServerAnnounce(RdpdrStream *stream);

@@ -96,6 +96,8 @@ bool RdpdrChannelManager::SendClientName()
 void RdpdrChannelManager::ProcessPrivatePacket(uint16_t packetId, RdpdrStream *stream)
 {
     FODR_TRACE_FUNCTION();
+    if (IsClosing())
+        return; // the end waits for all that is queued
     if (packetId == PAKID_PRIVATE_VERSION_EXCHANGE) {
         HandleVersionExchange(stream);
     } else if (packetId == PAKID_PRIVATE_POLICY) {
@@ -107,6 +109,8 @@ void RdpdrChannelManager::ProcessPrivatePacket(uint16_t packetId, RdpdrStream *s
 
 void RdpdrChannelManager::HandleUserLoggedOn()
 {
+    if (IsClosing())
+        return;
     userLoggedOn = true;
     if (serverVersion == FODR_VERSION_NO_POLICY || (serverVersion != FODR_VERSION_UNKNOWN && policy.load()))
         OnUserReady();

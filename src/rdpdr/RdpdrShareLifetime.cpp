@@ -183,9 +183,8 @@ bool RdpdrChannelManager::RemoveSharedFolder(const std::string &path, const std:
                      static_cast<int>(id));
         }
         device->Retire();
-        if (!announced)
-            continue;
-        SendDeviceRemove(id);
+        if (announced)
+            SendDeviceRemove(id);
     }
     return !removed.empty();
 }

@@ -2,22 +2,19 @@
 files, and changes of what is read-only. After every row nothing outside has changed, nothing of it was told, and an honest
 request is still answered. ROW=WORDS runs the rows alone whose titles hold these words."""
 import collections
-import json
 import os
 import pathlib
 import shutil
 import socket
 import struct
-import subprocess
-import sys
 import unicodedata
 import unittest
 
-sys.path.insert(0, os.path.dirname(__file__))
-import raw_agent as raw  # noqa: E402
-from attack_rows import ANSWERED, ANY, FILES, HIDDEN, LINKS, LISTED, NO, ODD, OK, OUTSIDE, ROWS, SILENCE, WRITE_PROTECTED  # noqa: E402
-from raw_agent import ANY_ACCESS, CLOSE, create, listing, read, request, write  # noqa: E402
-from share import FODR, Scratch, Share, run, wait_for  # noqa: E402
+import raw_agent as raw
+from attack_rows import (ANSWERED, ANY, FILES, HIDDEN, LINKS, LISTED, NO, ODD, OK, OUTSIDE, ROWS, SILENCE,
+                         WRITE_PROTECTED)
+from raw_agent import ANY_ACCESS, CLOSE, create, listing, read, request, write
+from share import Share, ShareCase
 
 def build(base):
     shutil.rmtree(base, ignore_errors=True)
@@ -95,7 +92,7 @@ class Session:
         self.agent = raw.RawAgent(**agent)
         offered = [self.base / name for name in names]
         if self.kind.listed:
-            offered = [self.base / f"{name}/{file}" for name in names for file in LISTED if (self.base / name / file).exists()]
+            offered = [self.base / name / file for name in names for file in LISTED if (self.base / name / file).exists()]
         if self.kind.read_only:
             options = ("--read-only", *options)
         self.share = Share(scratch, *options, folders=offered, target=("--tcp", f"127.0.0.1:{self.agent.port}"),
@@ -209,11 +206,9 @@ def problems_of(session, given):
     return found, bool(changed)
 
 
-class Attacks(unittest.TestCase):
+class Attacks(ShareCase):
     def run_rows(self, letter):
-        scratch = Scratch()
-        self.addCleanup(scratch.remove)
-        session = Session(letter, scratch)
+        session = Session(letter, self.scratch)
         chosen = os.environ.get("ROW", "")
         count = 0
         for given in ROWS:
@@ -232,7 +227,7 @@ class Attacks(unittest.TestCase):
                     self.fail("; ".join(found))
             if found and (broken or "an honest" in found[-1]):
                 session.end()
-                session = Session(letter, scratch)
+                session = Session(letter, self.scratch)
         session.end()
         self.assertGreater(count, 100 if not chosen else 0)
 
@@ -249,12 +244,8 @@ class Attacks(unittest.TestCase):
         self.run_rows("q")
 
 
-class Strangers(unittest.TestCase):
+class Strangers(ShareCase):
     """What an agent says of itself, and asks for by other ways than requests."""
-
-    def setUp(self):
-        self.scratch = Scratch()
-        self.addCleanup(self.scratch.remove)
 
     def assert_whole(self, session):
         self.assertEqual(picture(session.base, session.kind.may_change), session.before)
@@ -262,10 +253,11 @@ class Strangers(unittest.TestCase):
 
     def test_no_policy_makes_other_folders_appear(self):
         base = self.scratch.root / "p"
-        wanted = [b"*all", b"/", b"", b"C", b"C:", b"C:\\", b"..", b"docs/..", b"/etc", b"\\??\\C:\\", b"/proc/self/root", b"\xff\xfe"]
+        wanted = [b"*all", b"/", b"", b"C", b"C:", b"C:\\", b"..", b"docs/..", b"/etc", b"\\??\\C:\\", b"/proc/self/root",
+                  b"\xff\xfe"]
         wanted += [str(base / name).encode() for name in (
-            "", "outside", "docs/..", "docs/../outside", "docs-next", "doc", "docs/sub/out", "docs/sub/up", "docs//../secret.txt",
-            "docs/sub/absolute", "docs/./../outside")]
+            "", "outside", "docs/..", "docs/../outside", "docs-next", "doc", "docs/sub/out", "docs/sub/up",
+            "docs//../secret.txt", "docs/sub/absolute", "docs/./../outside")]
         block = raw.policy([(5, path) for path in wanted], forced=1)
         with Session("p", self.scratch, block=raw.policy()) as session:
             for again in range(2):
@@ -295,11 +287,11 @@ class Strangers(unittest.TestCase):
 
     def test_a_handshake_out_of_order(self):
         packets = [struct.pack("<HHHHI", 0x4472, 0x496E, 1, 12, 8), struct.pack("<HHHH", 0x4472, 0x5350, 9, 0),
-                   struct.pack("<HH", 0x4472, 0x554C), raw.policy_packet(raw.policy()), b"", b"\0", b"\x72\x44", b"\xfe\xff\1",
-                   raw.policy_packet(b"", 0xFFFFFFFF), raw.policy_packet(raw.policy(), 0), struct.pack("<HHI", 0x4472, 0x6472, 0xFFFF),
-                   struct.pack("<HHII", 0x4472, 0x6472, 0x7FFFFFFF, 5), struct.pack("<HHI", 0x5052, 0x5043, 1),
-                   struct.pack("<HHIIBB", 0xFFFE, 0x4952, 0xFFFF, 0, 0, 0), *[struct.pack("<HHHH", 0xFFFE, 1, v, 0xFFFF) for v in
-                                                                             (0, 1, 7, 0xFFFF, 6)]]
+                   struct.pack("<HH", 0x4472, 0x554C), raw.policy_packet(raw.policy()), b"", b"\0", b"\x72\x44",
+                   b"\xfe\xff\1", raw.policy_packet(b"", 0xFFFFFFFF), raw.policy_packet(raw.policy(), 0),
+                   struct.pack("<HHI", 0x4472, 0x6472, 0xFFFF), struct.pack("<HHII", 0x4472, 0x6472, 0x7FFFFFFF, 5),
+                   struct.pack("<HHI", 0x5052, 0x5043, 1), struct.pack("<HHIIBB", 0xFFFE, 0x4952, 0xFFFF, 0, 0, 0),
+                   *[struct.pack("<HHHH", 0xFFFE, 1, version, 0xFFFF) for version in (0, 1, 7, 0xFFFF, 6)]]
         with Session("p", self.scratch) as session:
             for packet in packets:
                 session.agent.send(packet)
@@ -310,35 +302,27 @@ class Strangers(unittest.TestCase):
             self.assertNotIn("stolen", session.agent.devices)
 
     def test_where_it_is_mounted_is_data(self):
-        for text in (b"\x1b]0;taken\x07/there", b"/there\nfodr: all is well", b"\"},{\"pid\": 1", b"/\xc2\x9b31m", b"/\xe2\x80\xae",
-                     b"-rf", b"$(touch x)", b"/x" * 2000):
+        for text in (b"\x1b]0;taken\x07/there", b"/there\nfodr: all is well", b"\"},{\"pid\": 1", b"/\xc2\x9b31m",
+                     b"/\xe2\x80\xae", b"-rf", b"$(touch x)", b"/x" * 2000):
             with self.subTest(text=text[:30]):
                 plain = ""
                 try:
                     with Session("p", self.scratch, mounted=text) as session:
-                        done = run("status", "--json", env=self.scratch.environment)
-                        self.assertEqual(json.loads(done.stdout)["state"], "running", done.stderr)
-                        plain = run("status", env=self.scratch.environment).stdout + session.share.log()
+                        self.assertEqual(self.status()["state"], "running")
+                        plain = self.fodr("status").stdout + session.share.log()
                 except AssertionError as refused:  # which is as good
                     self.assertIn("fodr share ended with 5", plain := str(refused))
                 self.assertFalse([c for c in plain if c != "\n" and unicodedata.category(c) == "Cc"], plain)
                 self.assertNotIn("\nfodr: all is well", plain)
 
-    def test_what_isnt_text_is_no_mount(self):
-        for text in (b"/\xff\xfe", b"/\xc3", b"/\xed\xa0\x80"):
-            agent = raw.RawAgent(mounted=text)
-            command = [FODR, "share", self.scratch.local, "--tcp", f"127.0.0.1:{agent.port}", "--", "sh", "-c", "env; true"]
-            done = subprocess.run(command, capture_output=True, env=self.scratch.environment, timeout=60)
-            self.assertNotIn(text, done.stdout + done.stderr)
-            (done.stdout + done.stderr).decode()  # is text all the same
-            agent.close()
-
     def test_the_mount_of_a_command_is_no_line_of_the_agents(self):
-        for text in (b"\x1b[31m/there", b"/there\nPATH=/tmp", b"relative", b"-rf"):
+        not_text = (b"/\xff\xfe", b"/\xc3", b"/\xed\xa0\x80")
+        for text in (*not_text, b"\x1b[31m/there", b"/there\nPATH=/tmp", b"relative", b"-rf"):
             agent = raw.RawAgent(mounted=text)
-            command = [FODR, "share", self.scratch.local, "--tcp", f"127.0.0.1:{agent.port}", "--", "printenv", "FODR_MOUNT"]
-            done = subprocess.run(command, capture_output=True, env=self.scratch.environment, timeout=60)
-            self.assertNotIn(text, done.stdout, "taken unchecked")
+            done = self.fodr("share", self.local, "--tcp", f"127.0.0.1:{agent.port}", "--", "sh", "-c",
+                             "printenv FODR_MOUNT; true", text=False)
+            self.assertNotIn(text, done.stdout + (done.stderr if text in not_text else b""), "taken unchecked")
+            (done.stdout + done.stderr).decode()  # is text all the same
             agent.close()
 
 

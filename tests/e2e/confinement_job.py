@@ -4,13 +4,10 @@ import json
 import os
 import pathlib
 import signal
-import subprocess
-import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(__file__))
-from network_job import SshCase, children, free_port, listens  # noqa: E402
-from share import FODR, Scratch, Share, command_line, mounted, run, wait_for  # noqa: E402
+from network_job import SshCase
+from share import FODR, ShareCase, children, command_line, free_port, mounted, wait_for
 
 
 def descendants(pid):
@@ -19,18 +16,10 @@ def descendants(pid):
     return found + [below for child in found for below in descendants(child)]
 
 
-class Confinement(unittest.TestCase):
+class Confinement(ShareCase):
     def setUp(self):
-        self.scratch = Scratch()
-        self.addCleanup(self.scratch.remove)
-        self.local, self.mount, self.other = self.scratch.local, self.scratch.mount, self.scratch.other
+        super().setUp()
         (self.local / "f").write_text("x")
-
-    def fodr(self, *words, **options):
-        return run(*words, env=self.scratch.environment, **options)
-
-    def status(self):
-        return json.loads(self.fodr("status", "--json").stdout)
 
     def agent_of(self, share):
         return next(pid for pid in descendants(share.process.pid) if b"agent" in command_line(pid))
@@ -58,19 +47,19 @@ class Confinement(unittest.TestCase):
                 ("yes", "share", [self.local], ("--fixed", "--links-outside"))):
             target = () if "--mount" in options else None
             with self.subTest(options=options, verb=verb), \
-                    Share(self.scratch, *options, verb=verb, folders=folders, target=target) as share:
+                    self.share(*options, verb=verb, folders=folders, target=target) as share:
                 facts = self.status()
                 self.assertEqual(facts["fixed"], fixed)
                 free = "--links-outside" in options
                 self.assertEqual(facts["confined"] == "yes", fixed == "yes" and not free, facts["confined"])
                 for task in pathlib.Path(f"/proc/{share.process.pid}/task").iterdir():
                     self.assertIn(f"NoNewPrivs:\t{int(fixed == 'yes' and not free)}", (task / "status").read_text())
-                self.assertEqual("confined: " + facts["confined"] in self.fodr("status").stdout, True)
+                self.assertIn("confined: " + facts["confined"], self.fodr("status").stdout)
             self.assertFalse(made.exists())
 
     def test_the_mount_of_an_agent_that_dies_is_taken_away(self):
         for options, ends in ((("--fixed",), True), (("--fixed", "--reconnect"), False)):
-            with Share(self.scratch, *options) as share:
+            with self.share(*options) as share:
                 os.kill(self.agent_of(share), signal.SIGKILL)
                 if ends:
                     self.assertEqual(share.process.wait(60), 4)
@@ -92,11 +81,9 @@ class Confinement(unittest.TestCase):
             "attribute": lambda: os.setxattr(f, "user.a", b"b"), "link": lambda: os.link(f, self.mount / "h"),
         }
         for fixed in ("--fixed", "--no-fixed"):
-            port = free_port()
-            agent = subprocess.Popen([FODR, "agent", "--listen", f"127.0.0.1:{port}", "--permission", "4",
-                                      str(self.mount)], env=self.scratch.environment)
-            wait_for(lambda: listens(port), "the agent")
-            with Share(self.scratch, "--read-only", fixed, target=("--tcp", f"127.0.0.1:{port}")):
+            place = f"127.0.0.1:{free_port()}"
+            agent = self.agent("--listen", place, "--permission", "4", self.mount)
+            with self.share("--read-only", fixed, target=("--tcp", place)):
                 self.assertEqual((f.read_text(), sorted(os.listdir(self.mount))), ("x", ["d", "f"]))
                 for what, change in changes.items():
                     with self.subTest(what), self.assertRaises(OSError) as refused:
@@ -114,11 +101,9 @@ class Confinement(unittest.TestCase):
         strange = self.scratch.root / "m\n\x1b]0;x\a\u202e"
         strange.mkdir()
         for command in (False, True):
-            port = free_port()
-            agent = subprocess.Popen([FODR, "agent", "--listen", f"127.0.0.1:{port}", str(strange)],
-                                     env=self.scratch.environment)
-            wait_for(lambda: listens(port), "the agent")
-            target = ("--tcp", f"127.0.0.1:{port}")
+            place = f"127.0.0.1:{free_port()}"
+            agent = self.agent("--listen", place, strange)
+            target = ("--tcp", place)
             if command:
                 done = self.fodr("share", self.local, *target, "--", "touch", self.other / "ran")
                 self.assertEqual(done.returncode, 5, done.stderr)
@@ -127,7 +112,7 @@ class Confinement(unittest.TestCase):
                 self.assertNotIn("\x1b", done.stderr)
                 self.assertFalse((self.other / "ran").exists())
             else:
-                with Share(self.scratch, target=target) as share:
+                with self.share(target=target) as share:
                     said = self.fodr("status").stdout + self.fodr("list").stdout + share.log()
                     self.assertIn(r"/m\x0a\x1b]0;x\x07\u202e", said)
                     self.assertFalse({"\x1b", "\a", "\u202e"} & set(said))
@@ -141,7 +126,7 @@ class ConfinedSsh(SshCase):
             self.assert_usable()
             ssh = next(pid for pid in descendants(share.process.pid) if command_line(pid)[:1] == [b"ssh"])
             os.kill(ssh, signal.SIGKILL)
-            wait_for(lambda: '"reconnects": 1' in run("status", "--json", env=self.scratch.environment).stdout, "ssh")
+            wait_for(lambda: self.status()["reconnects"] == 1, "ssh")
             self.assert_usable()
 
 

@@ -5,8 +5,7 @@ import subprocess
 import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(__file__))
-from share import Scratch, run  # noqa: E402
+from share import ShareCase
 
 STICK = os.environ.get("FODR_TEST_USB_FOLDER")
 SIMULATOR = pathlib.Path(__file__).resolve().parent.parent / "linux" / "usb-stick"
@@ -19,20 +18,18 @@ def outside():
     return 0 if done.returncode == 77 else done.returncode
 
 
-class DeviceRules(unittest.TestCase):
+class DeviceRules(ShareCase):
     def setUp(self):
-        self.scratch = Scratch()
-        self.addCleanup(self.scratch.remove)
+        super().setUp()
         pathlib.Path(STICK, "f").write_text("of the stick")
-        (self.scratch.local / "own").write_text("own ")
-        (self.scratch.local / "link").symlink_to(STICK)
+        (self.local / "own").write_text("own ")
+        (self.local / "link").symlink_to(STICK)
 
     def read(self, folder, names, *rules, by="cat", more=()):
         """What `cat` or another says of the names in the mount of the folder, and the status of it all."""
-        paths = [self.scratch.mount / name for name in names]
-        done = run("share", folder, "--mount", self.scratch.mount, *more,
-                   *(f"--agent-option={word}" for word in rules), "--",
-                   by, *paths, env=self.scratch.environment)
+        paths = [self.mount / name for name in names]
+        done = self.fodr("share", folder, "--mount", self.mount, *more,
+                         *(f"--agent-option={word}" for word in rules), "--", by, *paths)
         return done.returncode, done.stdout, done.stderr
 
     def test_a_share_on_the_stick_is_refused_and_said_so(self):
@@ -46,9 +43,9 @@ class DeviceRules(unittest.TestCase):
     def test_a_link_to_the_stick_is_a_link(self):
         # Whoever sees it follows it, on the machine that it is seen on. What the host follows is tested without a mount.
         for rules in ([], ["--exclude", "vid-0781_pid-****"]):
-            code, out, errors = self.read(self.scratch.local, ["link"], *rules, by="readlink")
+            code, out, errors = self.read(self.local, ["link"], *rules, by="readlink")
             self.assertEqual((code, out.strip(), errors), (0, str(STICK), ""))
-        code, out, errors = self.read(self.scratch.local, ["own"], more=["--links-outside"])
+        code, out, errors = self.read(self.local, ["own"], more=["--links-outside"])
         self.assertEqual((code, out), (0, "own "), errors)
         self.assertEqual(errors, "fodr: links of the shared folders may lead anywhere on this machine\n")
 

@@ -1,5 +1,5 @@
-"""What a hostile agent may pile up: packets, calls that wait, open files, bytes, policies, connections. During each flood the
-host's threads and memory stay within bounds; after it `fodr status` and an honest request are answered.
+"""What a hostile agent may pile up: packets, calls that wait, open files, bytes, policies, connections. During each flood
+the host's threads and memory stay within bounds; after it `fodr status` and an honest request are answered.
 
 The host runs under limits of its own, and is killed when it makes more threads than any limit of it allows: what goes wrong
 here must not take the machine along."""
@@ -8,15 +8,13 @@ import pathlib
 import socket
 import struct
 import subprocess
-import sys
 import threading
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(__file__))
-import raw_agent as raw  # noqa: E402
-from raw_agent import CLOSE, LOCK, control, create, listing, lock, notify, read, request, write  # noqa: E402
-from share import FODR, Scratch, Share, run, wait_for  # noqa: E402
+import raw_agent as raw
+from raw_agent import CLOSE, control, create, listing, lock, notify, read, request, write
+from share import FODR, Share, ShareCase, free_port, listens, wait_for
 
 MIB = 1 << 20
 THREADS = 1500        # the pool's 500, the waiting calls' own, and what else there is
@@ -30,13 +28,14 @@ class Watch:
 
     def __init__(self, pid):
         self.pid, self.threads, self.resident, self.stopped = pid, 0, 0, threading.Event()
+        self.status = pathlib.Path(f"/proc/{pid}/status")
         self.thread = threading.Thread(target=self.look, daemon=True)
         self.thread.start()
 
     def look(self):
         while not self.stopped.wait(0.02):
             try:
-                facts = dict(line.split(":", 1) for line in pathlib.Path(f"/proc/{self.pid}/status").read_text().splitlines())
+                facts = dict(line.split(":", 1) for line in self.status.read_text().splitlines())
             except OSError:
                 return
             self.threads = max(self.threads, int(facts.get("Threads", 0)))
@@ -49,39 +48,31 @@ class Watch:
         self.thread.join()
 
 
-class Case(unittest.TestCase):
+class Case(ShareCase):
     def setUp(self):
-        self.scratch = Scratch()
-        self.addCleanup(self.scratch.remove)
-        (self.scratch.local / "honest.txt").write_bytes(b"honest")
-        (self.scratch.local / "sub").mkdir()
-        self.share = self.watch = None
+        super().setUp()
+        (self.local / "honest.txt").write_bytes(b"honest")
+        (self.local / "sub").mkdir()
 
     def begin(self, *options, ends_with=0, **agent):
         """A share whose agent is ours."""
         self.agent = raw.RawAgent(**agent)
         self.share = Share(self.scratch, *options, target=("--tcp", f"127.0.0.1:{self.agent.port}"))
-        self.run_limited(ends_with)
+        self.share.command = LIMITS + self.share.command
+        self.share.__enter__()
+        self.addCleanup(self.finish, self.share, self.agent, Watch(self.share.process.pid), ends_with)
         self.agent.wait_devices(1)
         self.device = next(iter(self.agent.devices.values()))
 
-    def run_limited(self, ends_with=0):
-        self.share.command = LIMITS + self.share.command
-        self.share.__enter__()
-        self.addCleanup(self.finish, ends_with)
-        self.watch = Watch(self.share.process.pid)
-
-    def finish(self, ends_with):
-        self.watch.stop()
+    def finish(self, share, agent, watch, ends_with):
+        watch.stop()
         if ends_with == 0:
-            self.share.__exit__(*([None] * 3 if self.share.process.poll() is None else [AssertionError] * 3))
+            share.__exit__(*([None] * 3 if share.process.poll() is None else [AssertionError] * 3))
         else:
-            self.share.process.kill()
-            self.share.process.wait()
-        self.share.output.close()
-        self.agent.close()
-        self.assertLess(self.watch.threads, THREADS, "threads")
-        self.assertLess(self.watch.resident, RESIDENT, "bytes of memory")
+            share.kill()
+        agent.close()
+        self.assertLess(watch.threads, THREADS, "threads")
+        self.assertLess(watch.resident, RESIDENT, "bytes of memory")
 
     def open(self, path, **fields):
         file = raw.file_of(self.agent.call(self.device, 0, create(path, **fields), 30))
@@ -102,7 +93,7 @@ class Case(unittest.TestCase):
         return [self.agent.answer(number, max(0.01, end - time.monotonic())) for number in numbers]
 
     def assert_alive(self, opened=None, limit=10):
-        status = run("status", "--json", env=self.scratch.environment, timeout=limit)
+        status = self.fodr("status", "--json", timeout=limit)
         self.assertEqual(status.returncode, 0, status.stderr + self.share.log())
         file = opened or self.open("\\honest.txt")
         got = self.agent.call(self.device, file, read(100), limit)
@@ -112,7 +103,8 @@ class Case(unittest.TestCase):
 
     def is_idle(self):
         def used():
-            return sum(map(int, pathlib.Path(f"/proc/{self.share.process.pid}/stat").read_text().rsplit(")")[1].split()[11:13]))
+            stat = pathlib.Path(f"/proc/{self.share.process.pid}/stat").read_text()
+            return sum(map(int, stat.rsplit(")")[1].split()[11:13]))
         before = used()
         time.sleep(0.2)
         return used() - before < 5  # hundredths of a second
@@ -139,7 +131,7 @@ class Flood(Case):
     def test_policies_of_16_mib(self):
         self.begin()
         for entry in (b"\0" * 8, struct.pack("<B3xI", 5, 5) + b"/none", struct.pack("<B3xI", 1, 4) + b"*all",
-                      struct.pack("<B3xI", 5, len(str(self.scratch.local))) + str(self.scratch.local).encode()):
+                      struct.pack("<B3xI", 5, len(str(self.local))) + str(self.local).encode()):
             entries = entry * ((16 * MIB - 64) // len(entry))
             block = struct.pack("<BBB5xI", 1, 0, 5, len(entries)) + entries + struct.pack("<I", 0)
             self.agent.send(raw.policy_packet(block))
@@ -174,18 +166,19 @@ class Flood(Case):
             self.agent.call(self.device, file, request(CLOSE))
         self.assertEqual(self.answers(numbers).count(None), 0, "never answered")
 
-    def test_locks_that_wait(self):
+    def pile_up_locks(self, payload_size, count):
+        waiting = lock(3, (1, 1 << 40), flags=0)
         self.begin()
         held = self.open("\\honest.txt", access=raw.ANY_ACCESS)
         self.agent.call(self.device, held, lock(3, (1, 1 << 40)))
-        self.pile_up(self.open("\\honest.txt", access=raw.ANY_ACCESS), lock(3, (1, 1 << 40), flags=0))
+        self.pile_up(self.open("\\honest.txt", access=raw.ANY_ACCESS),
+                     waiting._replace(payload=waiting.payload.ljust(payload_size, b"\0")), count)
+
+    def test_locks_that_wait(self):
+        self.pile_up_locks(0, 10000)
 
     def test_locks_that_wait_with_much_behind_them(self):
-        self.begin()
-        held = self.open("\\honest.txt", access=raw.ANY_ACCESS)
-        self.agent.call(self.device, held, lock(3, (1, 1 << 40)))
-        waiting = lock(3, (1, 1 << 40), flags=0)
-        self.pile_up(self.open("\\honest.txt", access=raw.ANY_ACCESS), waiting._replace(payload=waiting.payload.ljust(4 * MIB, b"\0")), 200)
+        self.pile_up_locks(4 * MIB, 200)
 
     def test_shared_locks_of_one_handle(self):
         self.begin()
@@ -217,7 +210,7 @@ class Flood(Case):
 
     def test_listings_that_are_never_ended(self):
         for number in range(3000):
-            (self.scratch.local / "sub" / f"{'x' * 200}{number}").touch()
+            (self.local / "sub" / f"{'x' * 200}{number}").touch()
         self.begin(capabilities=0)
         for _ in range(400):
             self.agent.call(self.device, self.open("\\sub"), listing("\\*"))
@@ -230,7 +223,7 @@ class Flood(Case):
         size = next(int(line.split()[1]) * 1024 for line in facts.splitlines() if line.startswith("VmSize"))
         subprocess.run([*limit, f"--as={size + MIB}:"], check=True)
         for _ in range(5):
-            status = run("status", "--json", env=self.scratch.environment, timeout=20)
+            status = self.fodr("status", "--json", timeout=20)
             self.assertEqual(status.returncode, 0, status.stderr + self.share.log())
         subprocess.run([*limit, f"--as={12 << 30}:"], check=True)
         self.assert_alive()
@@ -238,7 +231,7 @@ class Flood(Case):
     # ---- bytes
 
     def sparse(self, size):
-        with open(self.scratch.local / "big", "wb") as big:
+        with open(self.local / "big", "wb") as big:
             big.truncate(size)
         return self.open("\\big", access=raw.ANY_ACCESS)
 
@@ -295,11 +288,9 @@ class Listening(Case):
     """Strangers at the port of `fodr share --listen`."""
 
     def test_strangers_come_first(self):
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            port = probe.getsockname()[1]
+        port = free_port()
         environment = {**self.scratch.environment, "FODR_TOKEN": "agreed"}
-        process = subprocess.Popen([*LIMITS, FODR, "share", self.scratch.local, "--listen", f"127.0.0.1:{port}"], env=environment,
+        process = subprocess.Popen([*LIMITS, FODR, "share", self.local, "--listen", str(port)], env=environment,
                                    stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.addCleanup(lambda: (process.kill(), process.communicate()))
         strangers = []
@@ -309,7 +300,7 @@ class Listening(Case):
             stranger.sendall(data)
             strangers.append(stranger) if stays else stranger.close()
 
-        wait_for(lambda: self.answers_at(port) or process.poll() is not None, "the port")
+        wait_for(lambda: listens(port) or process.poll() is not None, "the port")
         hello = struct.pack("<II4sHHIIH", 23, 1, b"FODR", 1, 2, 0, 0, 5) + b"wrong"
         for data, stays in ((b"", False), (b"GET / HTTP/1.1\r\n\r\n", True), (hello, True), (hello[:9], True),
                             (struct.pack("<II", 0xFFFFFFFF, 1), True), (struct.pack("<II", 16 * MIB, 1) + b"x" * MIB, True),
@@ -326,18 +317,13 @@ class Listening(Case):
             for stranger in strangers:
                 stranger.close()
         self.assertIsNone(process.poll(), "the share ended")
-        status = run("status", "--json", env=environment)
+        status = self.fodr("status", "--json", env=environment)
         self.assertIn('"running"', status.stdout, status.stderr)
         process.send_signal(2)
         self.assertEqual(process.wait(20), 0)
         said = process.stderr.read()
         reasons = said.count("has connected") + said.count("doesn't know the agreed token")
         self.assertEqual((reasons, said.count("isn't told any more")), (10, 1), said)
-
-    @staticmethod
-    def answers_at(port):
-        with socket.socket() as probe:
-            return probe.connect_ex(("127.0.0.1", port)) == 0
 
 
 if __name__ == "__main__":

@@ -3,14 +3,12 @@ import errno
 import os
 import signal
 import subprocess
-import sys
 import threading
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(__file__))
-import network_job  # noqa: E402
-from share import command_line, mounted, run, wait_for  # noqa: E402
+import network_job
+from share import command_line, free_port, listens, mounted, wait_for
 
 IO_TIMEOUT = 4
 
@@ -134,10 +132,7 @@ class Linger(network_job.SshCase):
             (self.local / "new").write_text("somebody else's")
             os.rename(self.local / "new", self.local / "log")
             wait_for(back, "the connection")
-            with self.assertRaises(OSError) as raised:
-                os.write(file, b"XXX")
-                os.fsync(file)
-            self.assertEqual(raised.exception.errno, errno.ESTALE)
+            self.assertFails(errno.ESTALE, lambda: (os.write(file, b"XXX"), os.fsync(file)))
             os.close(file)
             self.assertEqual((self.mount / "log").read_text(), "somebody else's")
 
@@ -150,26 +145,19 @@ class Linger(network_job.SshCase):
                              lambda: os.listdir(self.mount),
                              lambda: (os.pwrite(file, b"H", 0), os.fsync(file))):
                     begin = time.monotonic()
-                    with self.assertRaises(OSError) as raised:
-                        call()
-                    self.assertEqual(raised.exception.errno, errno.EIO)
+                    self.assertFails(errno.EIO, call)
                     self.assertLess(time.monotonic() - begin, IO_TIMEOUT + 2)
             finally:
                 share.process.send_signal(signal.SIGCONT)
             os.close(file)
             wait_for(self.can_list, "the host again")
-            self.assert_usable_there()
+            self.assert_writable()
 
     def can_list(self):
         try:
             return "greeting" in os.listdir(self.mount)
         except OSError:
             return False
-
-    def assert_usable_there(self):
-        data = os.urandom(300_001)
-        (self.mount / "there").write_bytes(data)
-        self.assertEqual((self.local / "there").read_bytes(), data)
 
     def test_a_killed_agent_is_replaced(self):
         with self.start() as share:
@@ -185,18 +173,16 @@ class Linger(network_job.SshCase):
         first.__enter__()
         agent, = self.agents()
         # Whose host is connected isn't given away.
-        second = run("share", self.other, *self.to("--no-reconnect"), env=self.scratch.environment)
+        second = self.fodr("share", self.other, *self.to("--no-reconnect"))
         self.assertEqual(second.returncode, 3, second.stderr)
         self.assertIn("is mounted already", second.stderr)
-        first.process.kill()
-        first.process.wait()
-        first.output.close()
+        first.kill()
         self.assertTrue(mounted(self.mount))
         begin = time.monotonic()
         with self.assertRaises(OSError):
             os.stat(self.mount / "unheard")
         self.assertLess(time.monotonic() - begin, IO_TIMEOUT + 2)
-        other_options = run("share", self.local, *self.to("--read-only"), env=self.scratch.environment)
+        other_options = self.fodr("share", self.local, *self.to("--read-only"))
         self.assertEqual(other_options.returncode, 3, other_options.stderr)
         with self.start():
             self.assertEqual(self.agents(), [agent])
@@ -207,9 +193,7 @@ class Linger(network_job.SshCase):
         share = self.start()
         share.__enter__()
         agent, = self.agents()
-        share.process.kill()
-        share.process.wait()
-        share.output.close()
+        share.kill()
         subprocess.run(["fusermount3", "-u", str(self.mount)], check=True)
         wait_for(lambda: not os.path.exists(f"/proc/{agent}"), "the agent's end")
         with self.start():
@@ -217,30 +201,27 @@ class Linger(network_job.SshCase):
 
     def test_a_command_goes_on(self):
         script = f"kill -9 $(pgrep -x ssh -P $PPID); echo more >>'{self.mount}/greeting'; cat '{self.mount}/greeting'"
-        done = run("share", self.local, *self.to(), "--", "sh", "-c", script, env=self.scratch.environment)
+        done = self.fodr("share", self.local, *self.to(), "--", "sh", "-c", script)
         self.assertEqual((done.returncode, done.stdout), (0, "hellomore\n"), done.stderr)
 
 
-class TcpLinger(network_job.TcpCase):
+class TcpLinger(network_job.NetworkCase):
     def test_the_agent_meets_the_host_again(self):
         for agent_listens in (True, False):
-            port = network_job.free_port()
+            port = free_port()
             place = f"127.0.0.1:{port}"
             options = ["--linger", "100", "--io-timeout", str(IO_TIMEOUT)]
             if agent_listens:
                 agent = self.agent(self.mount, "--listen", place, *options)
-                wait_for(lambda: network_job.listens(port), "the agent")
             share = self.share(*(["--tcp", place] if agent_listens else ["--listen", port]),
-                               ready=None if agent_listens else lambda: network_job.listens(port))
+                               ready=None if agent_listens else lambda: listens(port))
             share.__enter__()
             if not agent_listens:
                 agent = self.agent(self.mount, "--connect", place, *options)
             wait_for(lambda: "is mounted at" in share.log(), "the mount")
             self.assert_usable()
             kept = os.open(self.mount / "greeting", os.O_RDONLY)
-            share.process.kill()
-            share.process.wait()
-            share.output.close()
+            share.kill()
             self.assertTrue(mounted(self.mount))
             again = self.share(*(["--tcp", place] if agent_listens else ["--listen", port]),
                                ready=lambda: "is mounted at" in again.log())

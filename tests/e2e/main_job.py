@@ -7,12 +7,10 @@ import pathlib
 import signal
 import subprocess
 import sys
-import threading
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(__file__))
-from share import FODR, Scratch, Share, mounted, run, wait_for  # noqa: E402
+from share import FODR, ShareCase, mounted, wait_for
 
 
 def digest(path):
@@ -20,23 +18,7 @@ def digest(path):
         return hashlib.file_digest(file, "sha256").hexdigest()
 
 
-class MountCase(unittest.TestCase):
-    def setUp(self):
-        self.scratch = Scratch()
-        self.addCleanup(self.scratch.remove)
-        self.local, self.mount, self.other = self.scratch.local, self.scratch.mount, self.scratch.other
-
-    def share(self, *arguments, **options):
-        return Share(self.scratch, *arguments, **options)
-
-    def shell(self, script, folder=None):
-        done = subprocess.run(["bash", "-euc", script], cwd=folder or self.mount, capture_output=True, text=True,
-                              timeout=300)
-        self.assertEqual(done.returncode, 0, f"{script}\n{done.stdout}{done.stderr}")
-        return done.stdout
-
-
-class Files(MountCase):
+class Files(ShareCase):
     def test_bytes_cross_unchanged_both_ways(self):
         sizes = [0, 1, 511, 4096, 4097, 131072, 1048575, 1048577, 33554433]
         for size in sizes:
@@ -109,39 +91,8 @@ class Files(MountCase):
             self.assertEqual((self.local / "old").read_text(), "123")
             os.truncate(self.mount / "old", 10)
             self.assertEqual((self.local / "old").read_bytes(), b"123" + bytes(7))
-            os.chmod(self.mount / "old", 0o444)
-            self.assertFalse((self.local / "old").stat().st_mode & 0o200)
-            os.chmod(self.mount / "old", 0o644)
-            self.assertTrue((self.local / "old").stat().st_mode & 0o200)
             there, here = os.statvfs(self.mount), os.statvfs(self.local)
             self.assertEqual(there.f_blocks * there.f_frsize, here.f_blocks * here.f_frsize)
-
-    def test_rename_and_delete_keep_what_they_should(self):
-        with self.share():
-            for name in "ab":
-                (self.mount / name).write_text(name)
-            os.rename(self.mount / "a", self.mount / "b")
-            self.assertEqual((self.local / "b").read_text(), "a")
-            self.assertEqual(os.listdir(self.local), ["b"])
-            with self.assertRaises(FileNotFoundError):
-                open(self.mount / "a")
-            os.mkdir(self.mount / "folder")
-            (self.mount / "folder" / "inside").write_text("x")
-            with self.assertRaises(OSError):
-                os.rmdir(self.mount / "folder")
-            os.rename(self.mount / "folder", self.mount / "renamed")
-            self.assertEqual((self.mount / "renamed" / "inside").read_text(), "x")
-            # Still readable and writable while open, gone from the folder at once.
-            with open(self.mount / "b", "r+") as held:
-                os.unlink(self.mount / "b")
-                self.assertFalse((self.mount / "b").exists())
-                (self.mount / "b").write_text("successor")
-                self.assertEqual(held.read(), "a")
-                held.write("more")
-                held.flush()
-            self.assertEqual((self.local / "b").read_text(), "successor")
-            self.shell("rm -r renamed")
-            wait_for(lambda: os.listdir(self.local) == ["b"], "the deleted file to go")
 
     def test_a_file_that_grows_while_it_is_read(self):
         (self.local / "log").write_text("")
@@ -174,23 +125,8 @@ class Files(MountCase):
             os.unlink(self.local / "new")
             wait_for(lambda: not (self.mount / "new").exists(), "the deletion")
 
-    def test_a_full_disk_is_told_to_the_writer(self):
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4m", "none", self.local], check=True)
-        try:
-            (self.other / "six").write_bytes(os.urandom(6 << 20))
-            with self.share():
-                done = subprocess.run(["cp", self.other / "six", self.mount / "six"], capture_output=True, text=True)
-                self.assertNotEqual(done.returncode, 0)
-                self.assertIn("No space left", done.stderr)
-                os.unlink(self.mount / "six")
-                wait_for(lambda: os.listdir(self.local) == [], "the file to go")  # with its last close
-                (self.mount / "small").write_text("fits")
-                self.assertEqual((self.local / "small").read_text(), "fits")
-        finally:
-            subprocess.run(["umount", "-l", self.local], check=True)
 
-
-class Work(MountCase):
+class Work(ShareCase):
     def test_twenty_thousand_files_list(self):
         for number in range(20000):
             (self.local / f"file{number:05}").write_bytes(b"x" * (number % 7))
@@ -198,58 +134,22 @@ class Work(MountCase):
             listing = {entry.name: entry.stat().st_size for entry in os.scandir(self.mount)}
             self.assertEqual(listing, {f"file{n:05}": n % 7 for n in range(20000)})
 
-    def test_git_and_a_compiler_work_inside(self):
-        self.shell("""git init -q src && cd src
-            printf 'int f(void);\\nint main(void) { return f(); }\\n' > main.c
-            printf 'int f(void) { return 42; }\\n' > f.c
-            printf 'app: main.o f.o\\n\\tcc -o $@ $^\\n%%.o: %%.c\\n\\tcc -c $<\\n' > Makefile
-            git add . && git -c user.name=n -c user.email=e commit -qm one""", self.other)
-        with self.share():
-            out = self.shell(f"""git clone -q '{self.other}/src' work && cd work
-                git config user.name n && git config user.email e
-                make -s && (./app || echo "answer $?")
-                echo '*.o' > .gitignore && echo app >> .gitignore && echo '// more' >> f.c
-                git add -A && git commit -qm two && git gc -q && git fsck && git status --porcelain""")
-            self.assertIn("answer 42", out)
-            self.assertNotIn("??", out)
-            self.shell("git log --oneline | wc -l | grep -qx 2 && git fsck", self.local / "work")
 
-    def test_many_writers_at_once(self):
-        def work(number):
-            data = os.urandom(300000)
-            for round_ in range(5):
-                path = self.mount / f"w{number}-{round_}"
-                path.write_bytes(data)
-                if path.read_bytes() != data:
-                    wrong.append(path)
-        wrong = []
-        with self.share():
-            threads = [threading.Thread(target=work, args=(n,)) for n in range(8)]
-            for thread in threads:
-                thread.start()
-            for thread in threads:
-                thread.join()
-        self.assertEqual(wrong, [])
-        self.assertEqual(len(os.listdir(self.local)), 40)
-
-
-class Command(MountCase):
+class Command(ShareCase):
     def test_the_status_of_the_command_is_ours(self):
         for script, status in (("exit 0", 0), ("exit 7", 7), ("kill -TERM $$", 128 + signal.SIGTERM)):
-            done = run("share", self.local, "--mount", self.mount, "--", "bash", "-c", script, env=self.scratch.environment)
+            done = self.fodr("share", self.local, "--mount", self.mount, "--", "bash", "-c", script)
             self.assertEqual(done.returncode, status, done.stderr)
-        done = run("share", self.local, "--mount", self.mount, "--", "bash", "-c", f"echo there > '{self.mount}/f'",
-                   env=self.scratch.environment)
+        done = self.fodr("share", self.local, "--mount", self.mount, "--", "bash", "-c", f"echo there > '{self.mount}/f'")
         self.assertEqual((self.local / "f").read_text(), "there\n")
         self.assertFalse(mounted(self.mount))
-        talkative = run("share", self.local, "--mount", self.mount, "-v", "--", "true", env=self.scratch.environment)
+        talkative = self.fodr("share", self.local, "--mount", self.mount, "-v", "--", "true")
         self.assertEqual((talkative.returncode, talkative.stderr), (0, ""))
 
     def test_packets_are_shown_and_counted(self):
         (self.local / "f").write_text("seen")
         script = f"cat '{self.mount}/f'; '{FODR}' status --traffic; '{FODR}' status --traffic --json | tail -n 1"
-        done = run("share", self.local, "--mount", self.mount, "--trace", "--", "bash", "-c", script,
-                   env=self.scratch.environment)
+        done = self.fodr("share", self.local, "--mount", self.mount, "--trace", "--", "bash", "-c", script)
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertTrue(done.stdout.startswith("seen"), done.stdout)
         counted = {row["kind"]: row for row in json.loads(done.stdout.splitlines()[-1])}
@@ -260,7 +160,7 @@ class Command(MountCase):
         self.assertIn(r"Path:\f)", done.stderr)
         self.assertIn("SERVER_ANNOUNCE(VersionMajor:1, VersionMinor:c, ClientId:", done.stderr)
         self.assertIn("(CORE_SERVER_ANNOUNCE); 12 bytes over 1 packets; Average = 12 bytes per packet", done.stderr)
-        quiet = run("share", self.local, "--mount", self.mount, "--", "true", env=self.scratch.environment)
+        quiet = self.fodr("share", self.local, "--mount", self.mount, "--", "true")
         self.assertEqual((quiet.returncode, quiet.stderr), (0, ""))
 
     def test_folders_come_and_go_while_it_runs(self):
@@ -268,21 +168,20 @@ class Command(MountCase):
             (self.other / name).mkdir()
             (self.other / name / "f").write_text(name)
         with self.share("--layout", "folders"):
-            fodr = lambda *words: run(*words, env=self.scratch.environment)  # noqa: E731
             self.assertEqual(os.listdir(self.mount), ["local"])
-            facts = json.loads(fodr("status", "--json").stdout)
+            facts = self.status()
             self.assertEqual([type(facts[name]) for name in ("pid", "seconds", "reconnects")], [int] * 3)
-            self.assertEqual(fodr("add", self.scratch.root).returncode, 3)  # the mount is in it
+            self.assertEqual(self.fodr("add", self.scratch.root).returncode, 3)  # the mount is in it
             for name in ("one", "two"):
-                done = fodr("add", self.other / name)
+                done = self.fodr("add", self.other / name)
                 self.assertEqual(done.returncode, 0, done.stderr)
                 wait_for(lambda: (self.mount / name / "f").exists(), name)
                 self.assertEqual((self.mount / name / "f").read_text(), name)
-            self.assertIn(str(self.other / "two"), fodr("list").stdout)
-            self.assertEqual(fodr("remove", self.other / "one").returncode, 0)
+            self.assertIn(str(self.other / "two"), self.fodr("list").stdout)
+            self.assertEqual(self.fodr("remove", self.other / "one").returncode, 0)
             wait_for(lambda: sorted(os.listdir(self.mount)) == ["local", "two"], "the folder's end")
-            self.assertNotEqual(fodr("remove", self.other / "one").returncode, 0)
-            self.assertNotEqual(fodr("add", self.other / "missing").returncode, 0)
+            self.assertNotEqual(self.fodr("remove", self.other / "one").returncode, 0)
+            self.assertNotEqual(self.fodr("add", self.other / "missing").returncode, 0)
 
     def test_only_what_was_named_is_shared(self):
         settings = self.scratch.root / "settings"
@@ -326,8 +225,8 @@ class Command(MountCase):
         ]
         codes = []
         for words, extra in cases:
-            done = run(*words, "--", "true", env={**self.scratch.environment, **extra}) if words[0] == "share" else \
-                run(*words, env=self.scratch.environment)
+            done = self.fodr(*words, "--", "true", env={**self.scratch.environment, **extra}) if words[0] == "share" else \
+                self.fodr(*words)
             codes.append(done.returncode)
             self.assertNotIn(done.returncode, (0, 139, 134), words)
             self.assertEqual(len(done.stderr.strip().splitlines()), 1, f"{words}: {done.stderr}")
@@ -339,7 +238,7 @@ class Command(MountCase):
         self.assertEqual(len(no_fuse.stderr.strip().splitlines()), 1, no_fuse.stderr)
 
 
-class Send(MountCase):
+class Send(ShareCase):
     """Files of a folder that holds others, too."""
 
     def setUp(self):
@@ -397,7 +296,7 @@ class Send(MountCase):
         with self.share(folders=files, verb="send"):
             self.assertEqual(self.tree(), ["local", "local(1)", "local(1)/q", "local/a.txt", "other", "other/p.jpg"])
             self.assertTrue(filecmp.cmp(self.mount / "other" / "p.jpg", self.other / "p.jpg", shallow=False))
-            listed = run("list", env=self.scratch.environment).stdout
+            listed = self.fodr("list").stdout
             self.assertIn(f"{self.other}/p.jpg at {self.mount}/other/p.jpg", listed)
             self.assertNotIn(f"{self.other} at", listed)
 
@@ -409,7 +308,7 @@ class Send(MountCase):
         with self.send("Docs/a", "docs/b"):
             shown = {path.read_text() for path in self.mount.rglob("*") if path.is_file()}
             self.assertEqual(shown, {"Docsa", "docsb"}, self.tree())
-            listed = run("list", env=self.scratch.environment).stdout
+            listed = self.fodr("list").stdout
             for line in listed.splitlines():
                 if " at " in line:
                     here, there = line.split(" at ")[0].strip(), line.split(" at ")[1].split(",")[0].strip()
@@ -417,23 +316,23 @@ class Send(MountCase):
         with self.share(folders=[self.local / "Docs", self.local / "docs"]):
             trees = [sorted(os.listdir(folder)) for folder in sorted(self.mount.iterdir())]
             self.assertEqual(trees, [["Docs", "a", "b"], ["a", "b", "docs"]])
-            done = run("remove", self.local / "docs", env=self.scratch.environment)
+            done = self.fodr("remove", self.local / "docs")
             self.assertEqual(done.returncode, 0, done.stderr)
             wait_for(lambda: os.listdir(self.mount) == ["Docs"], "the end of one share")
             self.assertEqual((self.mount / "Docs" / "b").read_text(), "Docsb")
 
     def test_a_command_runs_and_an_agent_that_asks_for_more_gets_nothing(self):
-        done = run("send", "a.txt", "--mount", self.mount, "--agent-option=--force", f"--agent-option={self.local}",
-                   "--", "bash", "-c", 'ls "$FODR_MOUNT"; exit 7', env=self.scratch.environment, cwd=self.local)
+        done = self.fodr("send", "a.txt", "--mount", self.mount, "--agent-option=--force", f"--agent-option={self.local}",
+                         "--", "bash", "-c", 'ls "$FODR_MOUNT"; exit 7', cwd=self.local)
         self.assertEqual((done.returncode, done.stdout), (7, "a.txt\n"), done.stderr)
         os.mkfifo(self.other / "fifo")
         for words in (["none"], ["a.txt", "./a.txt"], ["/"], [self.other / "fifo"], []):
-            done = run("send", *words, "--mount", self.mount, "--", "true", env=self.scratch.environment, cwd=self.local)
+            done = self.fodr("send", *words, "--mount", self.mount, "--", "true", cwd=self.local)
             self.assertIn(done.returncode, (2, 7), words)
             self.assertEqual(len(done.stderr.strip().splitlines()), 1, done.stderr)
 
 
-class Loss(MountCase):
+class Loss(ShareCase):
     def test_killing_either_side_leaves_no_mount_and_no_obstacle(self):
         for victim in ("agent", "host", "both"):
             (self.local / "f").write_text(victim)
@@ -452,7 +351,6 @@ class Loss(MountCase):
                 held.close()
             except OSError:
                 pass  # nobody is there to hear of it
-            share.output.close()
             self.assertEqual((self.local / "f").read_text(), victim)
             with self.share():
                 self.assertEqual((self.mount / "f").read_text(), victim)
@@ -466,7 +364,6 @@ class Loss(MountCase):
         os.kill(share.process.pid, signal.SIGKILL)
         reader.wait(60)  # ends because the read fails
         share.process.wait(60)
-        share.output.close()
         wait_for(lambda: not mounted(self.mount), "the mount to go")
 
     def test_an_agent_that_hears_nothing_is_given_up_in_five_seconds(self):
@@ -480,7 +377,6 @@ class Loss(MountCase):
         self.assertLess(time.monotonic() - began, 5)
         self.assertFalse(mounted(self.mount))
         self.assertIn("the agent doesn't finish", share.log())
-        share.output.close()
 
 
 if __name__ == "__main__":

@@ -4,45 +4,28 @@ import shutil
 import signal
 import socket
 import subprocess
-import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(__file__))
-from share import FODR, Scratch, Share, command_line, mounted, run, wait_for  # noqa: E402
+from share import FODR, ShareCase, children, command_line, free_port, listens, mounted, wait_for
 
 SSHD = shutil.which("sshd") or "/usr/sbin/sshd"
 
 
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-def children(pid):
-    found = subprocess.run(["pgrep", "-P", str(pid)], capture_output=True, text=True).stdout
-    return [int(child) for child in found.split()]
-
-
-def listens(port):
-    sockets = subprocess.run(["ss", "-Hltn"], capture_output=True, text=True).stdout
-    return f":{port} " in sockets
-
-
-class NetworkCase(unittest.TestCase):
+class NetworkCase(ShareCase):
     def setUp(self):
-        self.scratch = Scratch()
-        self.addCleanup(self.scratch.remove)
-        self.local, self.mount, self.other = self.scratch.local, self.scratch.mount, self.scratch.other
+        super().setUp()
         (self.local / "greeting").write_text("hello")
 
     def share(self, *arguments, **options):
-        return Share(self.scratch, *arguments, target=(), **options)
+        return super().share(*arguments, target=(), **options)
 
-    def assert_usable(self):
+    def assert_writable(self):
         data = os.urandom(3_000_001)
         (self.mount / "there").write_bytes(data)
         self.assertEqual((self.local / "there").read_bytes(), data)
+
+    def assert_usable(self):
+        self.assert_writable()
         self.assertEqual((self.mount / "greeting").read_text(), "hello")
 
 
@@ -65,13 +48,9 @@ class SshCase(NetworkCase):
             f"AuthorizedKeysFile {self.keys}/authorized\nPidFile {self.keys}/pid\nPermitRootLogin yes\n")
         self.sshd = subprocess.Popen([SSHD, "-D", "-f", str(self.keys / "sshd_config")], stderr=subprocess.DEVNULL)
         self.addCleanup(self.stop_sshd)
-        wait_for(self.answers, "sshd")
+        wait_for(lambda: listens(self.port), "sshd")
         self.ssh = (f"ssh -p {self.port} -i {self.keys}/user -o StrictHostKeyChecking=no -o LogLevel=ERROR "
                     f"-o UserKnownHostsFile={self.keys}/known -o BatchMode=yes")
-
-    def answers(self):
-        with socket.socket() as probe:
-            return probe.connect_ex(("127.0.0.1", self.port)) == 0
 
     def stop_sshd(self):
         self.sshd.terminate()
@@ -101,15 +80,14 @@ class Ssh(SshCase):
     def test_the_folder_appears_on_the_other_machine_and_leaves_with_the_command(self):
         with self.share(*self.to()):
             self.assert_usable()
-        done = run("share", self.local, *self.to(), "--", "sh", "-c", f"cat '{self.mount}/greeting'; exit 7",
-                   env=self.scratch.environment)
+        done = self.fodr("share", self.local, *self.to(), "--", "sh", "-c", f"cat '{self.mount}/greeting'; exit 7")
         self.assertEqual((done.returncode, done.stdout), (7, "hello"), done.stderr)
         wait_for(lambda: not mounted(self.mount), "the unmount on the other side")
 
     def test_single_files_are_sent(self):
         (self.local / "beside").write_text("not sent")
-        done = run("send", self.local / "greeting", *self.to(), "--", "sh", "-c",
-                   f"ls '{self.mount}'; cat '{self.mount}/greeting' '{self.mount}/beside'", env=self.scratch.environment)
+        done = self.fodr("send", self.local / "greeting", *self.to(), "--", "sh", "-c",
+                         f"ls '{self.mount}'; cat '{self.mount}/greeting' '{self.mount}/beside'")
         self.assertEqual((done.returncode, done.stdout), (1, "greeting\nhello"), done.stderr)
 
     def test_a_lost_connection_comes_back(self):
@@ -129,25 +107,13 @@ class Ssh(SshCase):
             (["--to", f"127.0.0.1:{self.mount}", "--ssh-command", f"ssh -p {stopped} -o BatchMode=yes"], 10, "ssh"),
         ]
         for words, code, text in cases:
-            done = run("share", self.local, *words, "--no-reconnect", env=self.scratch.environment)
+            done = self.fodr("share", self.local, *words, "--no-reconnect")
             self.assertEqual(done.returncode, code, f"{words}\n{done.stderr}")
             self.assertIn(text, done.stderr)
             self.assertNotIn("Traceback", done.stderr)
 
 
-class TcpCase(NetworkCase):
-    def agent(self, *words):
-        process = subprocess.Popen([FODR, "agent", *map(str, words)], env=self.scratch.environment,
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-
-        def stop():
-            process.kill()
-            process.communicate()
-        self.addCleanup(stop)
-        return process
-
-
-class Tcp(TcpCase):
+class Tcp(NetworkCase):
     def test_an_agent_that_listens_and_one_that_connects(self):
         port = free_port()
         token = self.scratch.root / "token"
@@ -155,7 +121,6 @@ class Tcp(TcpCase):
         token.chmod(0o600)
         for side_channel in ([], ["--side-channel", "tcp"]):
             agent = self.agent(self.mount, "--listen", f"127.0.0.1:{port}", "--token-file", token, *side_channel)
-            wait_for(lambda: listens(port), "the agent")
             with self.share("--tcp", f"127.0.0.1:{port}", "--token-file", token, *side_channel):
                 self.assert_usable()
             self.assertEqual(agent.wait(60), 0)

@@ -1,10 +1,8 @@
 """An agent that keeps to no rules: it speaks docs/transport.md and docs/wire.md itself, byte by byte."""
 import collections
-import os
 import socket
 import struct
 import threading
-import time
 
 HELLO, OBJECT, STATE, MESSAGE, PING, PONG, NOTICE, GOODBYE = 1, 2, 3, 4, 12, 13, 14, 15
 MOUNTED, WARNING, ERROR, UNMOUNTED = 1, 3, 4, 5

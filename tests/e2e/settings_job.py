@@ -4,23 +4,20 @@ import pathlib
 import shutil
 import signal
 import subprocess
-import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(__file__))
-from share import FODR, Scratch, Share, wait_for  # noqa: E402
+from share import FODR, ShareCase, wait_for
 
 KEY = r"[SOFTWARE\Orvane, Inc.\Orvane ODPService\Plugins\fodr]"
 
 
-class SettingsCase(unittest.TestCase):
+class SettingsCase(ShareCase):
     def setUp(self):
-        self.scratch = Scratch()
-        self.addCleanup(self.scratch.remove)
+        super().setUp()
         self.file = self.scratch.root / "settings" / "HKEY_LOCAL_MACHINE.ini"
 
     def config(self, *words):
-        done = subprocess.run([FODR, "config", *words], capture_output=True, text=True, env=self.scratch.environment)
+        done = self.fodr("config", *words)
         return done.returncode, done.stdout, done.stderr.count("\n")
 
 
@@ -53,14 +50,14 @@ class Command(SettingsCase):
     @unittest.skipIf(os.geteuid() != 0 or os.path.exists("/etc/fodr"), "another user can't be made here, or has settings")
     def test_a_user_without_a_settings_folder_gets_one(self):
         self.scratch.root.chmod(0o755)
-        os.chown(self.scratch.other, 65534, 65534)
-        environment = {"PATH": os.environ["PATH"], "HOME": str(self.scratch.other)}
+        os.chown(self.other, 65534, 65534)
+        environment = {"PATH": os.environ["PATH"], "HOME": str(self.other)}
         for value in ("DEBUG", "WARN"):
             done = subprocess.run([FODR, "config", "set", "logLevel", value], env=environment, user=65534, group=65534,
                                   extra_groups=[], capture_output=True, text=True)
             self.assertEqual((done.returncode, done.stderr.count("\n")), (0, value == "DEBUG"), done.stderr)
         self.assertIn("logLevel=sz:WARN\n",
-                      (self.scratch.other / ".config/fodr/HKEY_LOCAL_MACHINE.ini").read_text())
+                      (self.other / ".config/fodr/HKEY_LOCAL_MACHINE.ini").read_text())
 
     def test_registering_says_when_nothing_was_registered(self):
         plugin = os.path.join(os.path.dirname(FODR), "..", "lib", "libfodrClient.so")
@@ -98,7 +95,6 @@ class Command(SettingsCase):
         self.assertEqual(watch.wait(60), 0)
         out.close()
 
-
     def test_a_value_that_cannot_be_read_is_not_said_to_be_missing(self):
         self.file.parent.mkdir()
         self.file.write_text(f"{KEY}\nAllowedFolders=multi_sz:/a\\x;\nlogLevel=INFO\n")
@@ -113,11 +109,11 @@ class Live(SettingsCase):
         self.file.parent.mkdir()
         said = "HKEY_LOCAL_MACHINE.ini is malformed and counts as empty"
         self.file.write_text("[[[\n")
-        with Share(self.scratch) as share:
+        with self.share() as share:
             self.assertEqual(share.log().count(said), 1)
             self.file.write_text(f"{KEY}\nlogLevel=INFO\n")
         self.file.unlink()
-        with Share(self.scratch) as share:
+        with self.share() as share:
             self.assertNotIn(said, share.log())
             self.file.write_text("[[[\n")
             wait_for(lambda: said in share.log(), "the complaint")
@@ -130,11 +126,11 @@ class Live(SettingsCase):
 
         def logged():
             return "".join(log.read_text() for log in logs.glob("orvane-LumenFodr-Client-*.log"))
-        with Share(self.scratch):
+        with self.share():
             wait_for(lambda: "Log level is set to INFO" in logged(), "the start")
             self.config("set", "logLevel", "TRACE")
             wait_for(lambda: "logLevel changed to TRACE" in logged(), "the change")
-            os.listdir(self.scratch.mount)
+            os.listdir(self.mount)
             wait_for(lambda: "DEVICE_IOREQUEST(" in logged(), "a packet")
             self.config("unset", "logLevel")
             wait_for(lambda: "logLevel changed to INFO" in logged(), "the end of it")

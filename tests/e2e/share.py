@@ -1,12 +1,16 @@
 """A running `fodr share` for a test: started on real folders, ended in every way a user might end it."""
 import ctypes
+import errno
+import json
 import os
 import pathlib
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import time
+import unittest
 
 FODR = os.environ["FODR_BIN"]
 # A thread-local of a loaded library that happens to begin 16 bytes behind a page makes g++ 12's leak check at exit read
@@ -46,10 +50,25 @@ def command_line(pid):
         return []
 
 
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def listens(port):
+    sockets = subprocess.run(["ss", "-Hltn"], capture_output=True, text=True).stdout
+    return f":{port} " in sockets
+
+
+def children(pid):
+    found = subprocess.run(["pgrep", "-P", str(pid)], capture_output=True, text=True).stdout
+    return [int(child) for child in found.split()]
+
+
 def run(*arguments, **options):
     """One `fodr` call to its end."""
-    options.setdefault("timeout", 120)
-    return subprocess.run([FODR, *map(str, arguments)], capture_output=True, text=True, **options)
+    return subprocess.run([FODR, *map(str, arguments)], **{"capture_output": True, "text": True, "timeout": 120, **options})
 
 
 class Scratch:
@@ -86,16 +105,15 @@ class Share:
         self.command = [FODR, verb, *map(str, (*folders, *target, *arguments))]
         self.ready = ready
         self.process = None
-        self.output = open(scratch.root / "share.log", "w+b")
+        self.output = scratch.root / "share.log"
 
     def log(self):
-        self.output.flush()
-        return pathlib.Path(self.output.name).read_text(errors="replace")
+        return self.output.read_text(errors="replace")
 
     def __enter__(self):
-        self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=self.output,
-                                        stderr=subprocess.STDOUT, env=self.scratch.environment,
-                                        start_new_session=True)
+        with open(self.output, "wb") as output:
+            self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
+                                            env=self.scratch.environment, start_new_session=True)
         ready = self.ready or (lambda: "Press Ctrl-C" in self.log())
         wait_for(lambda: ready() or self.process.poll() is not None, "the share")
         if self.process.poll() is not None:
@@ -117,11 +135,57 @@ class Share:
         finally:
             if kind is not None:
                 print(self.log())
-            self.output.close()
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait(60)
 
     def agent_pid(self):
-        out = subprocess.run(["pgrep", "-P", str(self.process.pid)], capture_output=True, text=True).stdout.split()
-        for pid in map(int, out):
+        for pid in children(self.process.pid):
             if b"agent" in command_line(pid):
                 return pid
         raise AssertionError("no agent runs")
+
+
+class ShareCase(unittest.TestCase):
+    """A test with folders of its own."""
+
+    def setUp(self):
+        self.scratch = Scratch()
+        self.addCleanup(self.scratch.remove)
+        self.local, self.mount, self.other = self.scratch.local, self.scratch.mount, self.scratch.other
+
+    def share(self, *arguments, **options):
+        return Share(self.scratch, *arguments, **options)
+
+    def fodr(self, *words, **options):
+        """One `fodr` call to its end."""
+        return run(*words, **{"env": self.scratch.environment, **options})
+
+    def status(self):
+        return json.loads(self.fodr("status", "--json").stdout)
+
+    def agent(self, *words):
+        """An agent that the test starts itself; it waits for its port when it has one."""
+        process = subprocess.Popen([FODR, "agent", *map(str, words)], env=self.scratch.environment,
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+
+        def stop():
+            process.kill()
+            process.communicate()
+        self.addCleanup(stop)
+        if "--listen" in words:
+            port = words[words.index("--listen") + 1].rpartition(":")[2]
+            wait_for(lambda: listens(port), "the agent")
+        return process
+
+    def shell(self, script, folder=None, code=0):
+        done = subprocess.run(["timeout", "-s", "KILL", "300", "bash", "-euc", script], cwd=folder or self.mount,
+                              capture_output=True, text=True, errors="replace")
+        self.assertEqual(done.returncode, code, f"{script}\n{done.stdout[-2000:]}{done.stderr[-2000:]}")
+        return done.stdout + done.stderr
+
+    def assertFails(self, error, action, *arguments):
+        with self.assertRaises(OSError) as caught:
+            action(*arguments)
+        self.assertEqual(errno.errorcode[caught.exception.errno], errno.errorcode[error])

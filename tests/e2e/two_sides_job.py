@@ -11,9 +11,8 @@ import sys
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(__file__))
-from posix_job import PosixCase  # noqa: E402
-from share import forget_names, mounted, wait_for  # noqa: E402
+from posix_job import PosixCase
+from share import forget_names, mounted, wait_for
 
 # What the owner changed, look-ups show after this time at the latest; opens and listings at once.
 BOUND = 0.5 * float(os.environ.get("FODR_TEST_PATIENCE", 1))
@@ -43,16 +42,6 @@ def replace(path, content):
 
 
 class TwoSides(PosixCase):
-    def setUp(self):
-        super().setUp()
-        self.other = self.scratch.other
-
-    def shell(self, script, folder, code=0):
-        done = subprocess.run(["timeout", "-s", "KILL", "20", "bash", "-euc", script], cwd=folder, capture_output=True,
-                              text=True, errors="replace")
-        self.assertEqual(done.returncode, code, f"{script}\n{done.stdout[-2000:]}{done.stderr[-2000:]}")
-        return done.stdout + done.stderr
-
     def open(self, path, flags=os.O_RDONLY, **options):
         """A descriptor that is closed after the test, before the mount goes."""
         fd = os.open(path, flags, 0o644, **options)
@@ -439,22 +428,23 @@ class Gone(TwoSides):
                     if round_ % 3 == 0:
                         os.close(fd)
 
-    def test_a_killed_host_leaves_nothing_of_it(self):
-        share = PosixCase.share(self)
-        share.__enter__()
-        os.mkdir(self.mount / "d")
-        fd = os.open(self.mount / "d" / "f", os.O_CREAT | os.O_WRONLY)
-        os.write(fd, b"x")
-        os.unlink(self.mount / "d" / "f")
-        share.process.kill()
-        share.process.wait(60)
-        with contextlib.suppress(OSError):
-            os.close(fd)
-        self.assertEqual(os.listdir(self.local / "d"), [])
-        wait_for(lambda: not mounted(self.mount), "the unmount")
-        share.output.close()
-        with self.share():
-            self.shell("rm -r d", self.mount)
+    def test_a_killed_host_or_agent_leaves_nothing_of_it(self):
+        for victim in ("host", "agent"):
+            share = PosixCase.share(self)
+            share.__enter__()
+            os.mkdir(self.mount / "d")
+            fd = os.open(self.mount / "d" / "f", os.O_CREAT | os.O_WRONLY)
+            os.write(fd, b"x")
+            os.unlink(self.mount / "d" / "f")
+            self.assertEqual(os.listdir(self.local / "d"), [])
+            os.kill(share.process.pid if victim == "host" else share.agent_pid(), signal.SIGKILL)
+            share.process.wait(60)
+            with contextlib.suppress(OSError):
+                os.close(fd)
+            self.assertEqual(os.listdir(self.local / "d"), [])
+            wait_for(lambda: not mounted(self.mount), "the unmount")
+            with self.share():
+                self.shell("rm -r d", self.mount)
 
     def test_a_reader_that_closed_keeps_no_writer_out(self):
         (self.local / "f").write_bytes(b"0")

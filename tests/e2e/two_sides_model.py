@@ -14,8 +14,7 @@ import sys
 import time
 import traceback
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from share import Scratch, Share, forget_names  # noqa: E402
+from share import Scratch, Share, forget_names
 
 PATIENCE = float(os.environ.get("FODR_TEST_PATIENCE", 1))
 BOUND = 0.5 * PATIENCE  # seconds after an owner's change

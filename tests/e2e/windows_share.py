@@ -7,7 +7,6 @@ import os
 import pathlib
 import random
 import shutil
-import socket
 import subprocess
 import tempfile
 import unittest
@@ -24,18 +23,12 @@ def windows(*arguments, **options):
                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **options)
 
 
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
 class WindowsShare(unittest.TestCase):
     def setUp(self):
         self.local = pathlib.Path(tempfile.mkdtemp(prefix="fodr-e2e-", dir=PREFIX / "drive_c"))
         self.folder = "C:\\" + self.local.name
         self.mount = pathlib.Path(tempfile.mkdtemp(prefix="fodr-e2e-mount-"))
-        self.port = free_port()
+        self.port = share.free_port()
         self.running = []
 
     def tearDown(self):

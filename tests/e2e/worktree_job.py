@@ -3,11 +3,9 @@ import os
 import pathlib
 import shutil
 import stat
-import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(__file__))
-from two_sides_job import TwoSides, soon  # noqa: E402
+from two_sides_job import TwoSides, soon
 
 GIT = "git -c user.name=a -c user.email=a@b -c core.fileMode=true -c core.symlinks=true -c init.defaultBranch=main"
 
@@ -116,7 +114,7 @@ class Checkout(TwoSides):
             if number % 7 == 0:
                 path.with_name(f"l{number}").symlink_to(path.name)
 
-    def status(self):
+    def git_status(self):
         return [self.shell(f"{GIT} status --porcelain", side) for side in (self.mount, self.local)]
 
     def test_a_repository_is_clean_on_both_sides(self):
@@ -124,15 +122,19 @@ class Checkout(TwoSides):
         self.shell(f"{GIT} init -q; {GIT} config core.fileMode true; {GIT} config core.symlinks true; {GIT} add .; "
                    f"{GIT} commit -qm one", self.local)
         with self.share():
-            self.assertEqual(self.status(), ["", ""])
-            self.shell(f"chmod 644 d0/e0/f0; ln -sf elsewhere d0/e0/l0; echo more >d1/e1/f1; {GIT} commit -qam two", self.mount)
-            self.assertEqual(self.status(), ["", ""])
+            self.assertEqual(self.git_status(), ["", ""])
+            self.shell(f"chmod 644 d0/e0/f0; ln -sf elsewhere d0/e0/l0; echo more >d1/e1/f1; {GIT} commit -qam two",
+                       self.mount)
+            self.assertEqual(self.git_status(), ["", ""])
             self.shell(f"{GIT} checkout -q HEAD~1", self.local)
-            soon(lambda: self.status() == ["", ""], "what the owner has checked out")
-            self.shell(f"{GIT} checkout -q main; {GIT} stash list; {GIT} gc -q", self.mount)
-            self.assertEqual(self.status(), ["", ""])
+            soon(lambda: self.git_status() == ["", ""], "what the owner has checked out")
+            self.shell(f"{GIT} checkout -q main; {GIT} stash list; {GIT} gc -q; {GIT} fsck", self.mount)
+            self.assertEqual(self.git_status(), ["", ""])
             self.assertEqual(look(self.local / "d0/e0/f0")[0], "-rw-r--r--")
             self.assertEqual(look(self.local / "d0/e0/l0")[1], "elsewhere")
+            there = self.other / "there"
+            self.shell(f"{GIT} clone -q . '{there}'; {GIT} clone -q '{there}' back; {GIT} -C back fsck", self.mount)
+            self.shell(f"{GIT} fsck; {GIT} -C back fsck; [ $({GIT} -C back log --oneline | wc -l) = 2 ]", self.local)
 
     def tree(self, root):
         found = {}
@@ -160,8 +162,9 @@ class Checkout(TwoSides):
                 self.assertEqual(self.tree(self.other / name), wanted, name)
 
     def test_projects_are_built_in_the_mount(self):
-        (self.local / "CMakeLists.txt").write_text("cmake_minimum_required(VERSION 3.20)\nproject(p C)\n"
-                                                   "add_library(l SHARED l.c)\nadd_executable(e e.c)\ntarget_link_libraries(e l)\n")
+        (self.local / "CMakeLists.txt").write_text(
+            "cmake_minimum_required(VERSION 3.20)\nproject(p C)\n"
+            "add_library(l SHARED l.c)\nadd_executable(e e.c)\ntarget_link_libraries(e l)\n")
         (self.local / "l.c").write_text("int f(void) { return 7; }\n")
         (self.local / "e.c").write_text("int f(void);\nint main(void) { return f(); }\n")
         with self.share():
@@ -170,8 +173,8 @@ class Checkout(TwoSides):
             self.shell("b/e", self.mount, code=7)
             self.shell("b/e", self.local, code=7)
             # As package managers do: many small files, links to programs, and a move of the whole.
-            self.shell("python3 -m venv --without-pip v && v/bin/python3 -c 'import sys; assert sys.prefix.endswith(\"/v\")'",
-                       self.mount)
+            self.shell("python3 -m venv --without-pip v; "
+                       "v/bin/python3 -c 'import sys; assert sys.prefix.endswith(\"/v\")'", self.mount)
             self.shell("mkdir -p m/.bin m/p; printf '#!/bin/sh\\necho tool\\n' >m/p/cli; chmod +x m/p/cli; "
                        "ln -s ../p/cli m/.bin/tool; mv m n; n/.bin/tool | grep -q tool; rm -r n", self.mount)
 

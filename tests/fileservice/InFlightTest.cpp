@@ -81,6 +81,18 @@ TEST(Close, EndsABlockedNotificationAndBothAreAnswered)
     }
 }
 
+TEST(Close, DoesNotWaitForARequestThatEndedInAnException)
+{
+    Share share;
+    File root = share.Create(u"\\");
+    share.fileSystem->lacksMemory = true;
+    EXPECT_THROW(
+        share.Serve(share.Request(root.Id(), IRP_MJ_DIRECTORY_CONTROL, IRP_MN_NOTIFY_CHANGE_DIRECTORY,
+                                  DR_DRIVE_NOTIFY_CHANGE_DIRECTORY_REQ{0, FILE_NOTIFY_CHANGE_FILE_NAME})),
+        std::bad_alloc);
+    EXPECT_EQ(root.Close().Status(), STATUS_SUCCESS);
+}
+
 TEST(Close, MayBeTriedAgainAfterAFailure)
 {
     Share share;

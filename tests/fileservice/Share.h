@@ -24,6 +24,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -112,6 +113,8 @@ public:
     nt::NTSTATUS RedirectedNotifyChangeDirectoryFile(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus,
                                                      uint32_t filter, bool watchTree) override
     {
+        if (lacksMemory)
+            throw std::bad_alloc();
         blocking.Set();
         if (holdUntilCancelled)
             cancelled.Wait();
@@ -128,6 +131,7 @@ public:
     }
 
     std::optional<nt::NTSTATUS> closeFailure, cancelFailure; // what the next call gives
+    bool lacksMemory = false;                                // for a notification
     bool holdUntilCancelled = false; // holds a notification before it is made, until a cancel has gone by
     Signal blocking, cancelled;
 };

@@ -159,8 +159,17 @@ TEST_F(DeviceControl, OnlyAnEmptyFileOfOneNameBecomesALink)
     EXPECT_EQ(Control(replaced, FSCTL_SET_REPARSE_POINT, link("x"), 0).status, STATUS_FILE_DELETED);
     EXPECT_EQ(Content("f"), "saved");
     std::filesystem::remove(root / "f");
-    MakeFile("f");
-    EXPECT_EQ(set(link("to/where")), STATUS_SUCCESS);
+    // As the mount does it: the file goes with its handle, the link stays.
+    for (const bool refused : {true, false}) {
+        {
+            const NtFile made = Open("f", {.access = GENERIC_WRITE | DELETE_ACCESS,
+                                           .disposition = FILE_CREATE,
+                                           .options = FILE_DELETE_ON_CLOSE});
+            EXPECT_EQ(Control(made, FSCTL_SET_REPARSE_POINT, link(refused ? "" : "to/where"), 0).status,
+                      refused ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS);
+        }
+        EXPECT_EQ(std::filesystem::is_symlink(root / "f"), !refused);
+    }
     EXPECT_EQ(std::filesystem::read_symlink(root / "f"), "to/where");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root), {}), 1) << "nothing is left beside it";
 }

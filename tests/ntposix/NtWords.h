@@ -1,15 +1,17 @@
 // What tests do with an open file, in short words.
 #pragma once
 
+#include "AtOnce.h"
 #include "ntposix/NtFixture.h"
 
-#include <barrier>
 #include <cstring>
 #include <future>
 #include <thread>
 #include <vector>
 
 namespace fodr::nt {
+
+using test::AtOnce;
 
 struct Outcome {
     NTSTATUS status = STATUS_UNSUCCESSFUL;
@@ -172,19 +174,6 @@ inline NTSTATUS Notify(HANDLE folder, uint32_t filter, bool tree = false)
     EXPECT_EQ(io.Status, status);
     EXPECT_EQ(io.Information, 0u);
     return status;
-}
-
-// Calls `body(0)` to `body(count - 1)` on threads that begin together, and waits for their ends.
-template <typename Body> void AtOnce(int count, Body body)
-{
-    std::barrier begin(count);
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < count; ++i) {
-        threads.emplace_back([&, i] {
-            begin.arrive_and_wait();
-            body(i);
-        });
-    }
 }
 
 // Waits for a call of another thread on the handle, and cancels it.

@@ -1,11 +1,11 @@
 #include "platform/TaskPool.h"
 
+#include "AtOnce.h"
 #include "platform/PoolTasks.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
 #include <thread>
-#include <vector>
 
 namespace fodr::platform {
 namespace {
@@ -15,15 +15,10 @@ TEST(TaskPool, RunsEverythingToItsEndBeforeItIsGone)
     std::atomic<int> ran = 0;
     {
         TaskPool pool(0);
-        std::vector<std::thread> submitters;
-        for (int n = 0; n < 4; ++n) {
-            submitters.emplace_back([&] {
-                for (int i = 0; i < 500; ++i)
-                    Launch(pool, [&] { Launch(pool, [&] { ++ran; }); });
-            });
-        }
-        for (std::thread &thread : submitters)
-            thread.join();
+        test::AtOnce(4, [&](int) {
+            for (int i = 0; i < 500; ++i)
+                Launch(pool, [&] { Launch(pool, [&] { ++ran; }); });
+        });
     }
     EXPECT_EQ(ran, 2000);
 }

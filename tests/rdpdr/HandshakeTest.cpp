@@ -189,6 +189,21 @@ TEST_F(Handshake, ARequestForAnUnknownDeviceIsAnsweredHere)
     EXPECT_EQ(StatusOf(Answers(OpenRoot(0x0500FFFF)).at(0)), 0xC00002B6u);
 }
 
+// Each of these looks at all folders of the policy.
+TEST_F(Handshake, AtTheEndQueuedHandshakePacketsAreDropped)
+{
+    Policy policy;
+    for (size_t n = 0; n < ClientPolicy::kMostFolders; ++n)
+        policy.folders.push_back({0, root + platform::LocalSeparator() + "missing" + std::to_string(n)});
+    constexpr size_t kPackets = 1000;
+    Feed(VersionExchange(6));
+    Feed(PolicyPacket(policy.Block(6)));
+    Receive(std::vector<Bytes>(kPackets, UserLoggedOn()));
+    manager.Shutdown();
+    // Of the packets that were served before the end there is a notice for each folder.
+    EXPECT_LT(channel.TakeNotices().size(), kPackets / 2 * policy.folders.size());
+}
+
 TEST_F(Handshake, PacketsOnThePoolLeadToTheSameShares)
 {
     Receive({VersionExchange(5), PolicyPacket(Policy{.folders = {{0, Folder("docs")}}}.Block(5)),

@@ -1,3 +1,4 @@
+#include "Mailbox.h"
 #include "ManagerFixture.h"
 #include "fileservice/RequestLimits.h"
 #include "platform/TaskPool.h"
@@ -5,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <new>
 #include <random>
 #include <set>
 #include <thread>
@@ -135,14 +137,14 @@ TEST_F(HostilePackets, WithAsManyNotificationsAsMayWaitOthersAreRefusedAndReadsA
     manager.Shutdown();
 }
 
-// Lets no answer out while it is shut.
+// Lets no answer out while it is shut, and has no memory for one then.
 class DeafChannel : public IRdpdrChannel {
 public:
     bool NotifyODPObserver(const char *, const char *) override { return true; }
     bool WriteChannel(RdpdrStream *) override
     {
         isOpen.wait(false);
-        return true;
+        throw std::bad_alloc();
     }
     void Open()
     {
@@ -197,12 +199,16 @@ TEST(PacketBudget, APacketCostsItselfAndItsAnswerAndOneAboveAllHasRoomAlone)
 
     PacketBudget budget;
     budget.Take(PacketBudget::kMostBytes + 1);
-    std::atomic<bool> second{false};
+    std::atomic<bool> isFree{false};
+    Signal begun;
     std::thread other([&] {
+        begun.Set();
         budget.Take(PacketBudget::kMostBytes + 1);
-        second = true;
+        EXPECT_TRUE(isFree);
     });
-    EXPECT_FALSE(second);
+    begun.Wait();
+    std::this_thread::yield();
+    isFree = true;
     budget.GiveBack(PacketBudget::kMostBytes + 1);
     other.join();
 }

@@ -1,3 +1,4 @@
+#include "AtOnce.h"
 #include "runtime/Holder.h"
 #include "runtime/RCPtr.h"
 #include "runtime/UserDataMap.h"
@@ -90,14 +91,10 @@ TEST_F(References, ADyingObjectIsNeitherRevivedNorEndedTwice)
 TEST_F(References, OnePointerMayBeOverwrittenBySeveralThreads)
 {
     RCPtr<Counted> shared;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&shared, t] {
-            for (int i = 0; i < 3000; ++i)
-                shared = RCPtr<Counted>(new Counted(t));
-        });
-    for (std::thread &thread : threads)
-        thread.join();
+    test::AtOnce(4, [&](int t) {
+        for (int i = 0; i < 3000; ++i)
+            shared = RCPtr<Counted>(new Counted(t));
+    });
     EXPECT_EQ(1, Counted::alive);
 }
 
@@ -141,14 +138,10 @@ TEST_F(References, KeysOfSeveralThreadsDiffer)
     constexpr size_t kThreads = 4, kKeys = 200;
     UserDataMap<size_t> map;
     std::vector<uint64_t> keys(kThreads * kKeys);
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t] {
-            for (size_t i = t * kKeys; i < (t + 1) * kKeys; ++i)
-                keys[i] = map.Insert(i);
-        });
-    for (std::thread &thread : threads)
-        thread.join();
+    test::AtOnce(kThreads, [&](int t) {
+        for (size_t i = 0, at = static_cast<size_t>(t) * kKeys; i < kKeys; ++i, ++at)
+            keys[at] = map.Insert(at);
+    });
     for (size_t i = 0; i < keys.size(); ++i)
         EXPECT_EQ(i, map.Find(keys[i]));
 }

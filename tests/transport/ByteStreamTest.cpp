@@ -130,6 +130,10 @@ TEST_P(EveryStream, KnowsItsUserOnLocalSocketsAndWithinThisMachine)
         EXPECT_EQ(a->PeerIsThisUser(), local);
     }
     EXPECT_EQ(b->PeerIsThisUser(), local);
+    if (GetParam() == StreamKind::Tcp) {
+        a.reset();
+        EXPECT_FALSE(b->PeerIsThisUser()) << "nobody's any more, so not to be taken for root's";
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, EveryStream, kAllStreamKinds);

@@ -1,5 +1,6 @@
 #include "transport/FrameConnection.h"
 
+#include "AtOnce.h"
 #include "Mailbox.h"
 #include "transport/FrameCodec.h"
 #include "transport/FrameRecorder.h"
@@ -73,18 +74,12 @@ TEST_P(Connected, ThreadsOfBothEndsFloodEachOtherAndEveryFrameArrivesInItsOrder)
         };
     }
     Start();
-    std::vector<std::thread> senders;
-    for (uint32_t sender = 0; sender < 2 * kThreads; ++sender) {
-        senders.emplace_back([&, sender] {
-            for (uint32_t round = 0; round < kRounds; ++round) {
-                const size_t size = sizes[round % std::size(sizes)];
-                EXPECT_TRUE(ends[sender % 2]->connection.SendPost(sender, round,
-                                                                  platform::ByteView(payload).first(size)));
-            }
-        });
-    }
-    for (std::thread &sender : senders)
-        sender.join();
+    AtOnce(2 * kThreads, [&](int sender) {
+        for (uint32_t round = 0; round < kRounds; ++round) {
+            const auto block = platform::ByteView(payload).first(sizes[round % std::size(sizes)]);
+            EXPECT_TRUE(ends[sender % 2]->connection.SendPost(static_cast<uint32_t>(sender), round, block));
+        }
+    });
     for (Count &count : counts) {
         count.all.Wait();
         EXPECT_TRUE(count.inOrder);

@@ -352,7 +352,9 @@ void AgentRun::WaitForWrites()
                 return;
         }
         pollfd wait = {wakeEvent, POLLIN, 0};
-        poll(&wait, 1, 20);
+        uint64_t count;
+        if (poll(&wait, 1, 20) > 0 && read(wakeEvent, &count, sizeof(count)) < 0 && errno != EAGAIN)
+            return;
     }
 }
 

@@ -1,6 +1,6 @@
 #include "agent/fuse/DirectoryOperations.h"
 
-#include "agent/fuse/ListingBuffer.h"
+#include "agent/fuse/ReaddirBuffer.h"
 #include "agent/fuse/RemoteCalls.h"
 #include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
@@ -127,7 +127,7 @@ Detached DirectoryOperations::ReadDirectory(FuseCall::Ptr call, uint64_t handle,
         break;
     }
     std::vector<uint64_t> reached; // nodes with a lookup more
-    ListingBuffer buffer(size, plus);
+    ReaddirBuffer buffer(size, plus);
     FillListing(*open, offset, &buffer, &reached);
     if (!call->Bytes(buffer.Filled())) {
         for (uint64_t node : reached)
@@ -152,7 +152,7 @@ bool DirectoryOperations::IsKnownBetter(const NodePtr &folder, const DirectoryLi
     return known && known->SeenAt() > asked;
 }
 
-void DirectoryOperations::FillListing(const OpenListing &open, uint64_t offset, ListingBuffer *buffer,
+void DirectoryOperations::FillListing(const OpenListing &open, uint64_t offset, ReaddirBuffer *buffer,
                                       std::vector<uint64_t> *reached)
 {
     static const std::string kSelfAndParent[] = {".", ".."};

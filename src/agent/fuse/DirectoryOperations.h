@@ -5,7 +5,7 @@
 
 namespace fodr::agent {
 
-class ListingBuffer;
+class ReaddirBuffer;
 
 class DirectoryOperations {
 public:
@@ -25,7 +25,7 @@ private:
     static bool IsKnown(const DirectoryListing &listing, const DirectoryListing::Entry &entry);
     bool IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry,
                        Node::Clock::time_point asked) const;
-    void FillListing(const OpenListing &open, uint64_t offset, ListingBuffer *buffer,
+    void FillListing(const OpenListing &open, uint64_t offset, ReaddirBuffer *buffer,
                      std::vector<uint64_t> *reached);
 
     MountState &mount;

@@ -224,7 +224,7 @@ void EventActor::Remove(fuse_req *request, uint64_t parentId, const char *name)
             subject = scene.subject;
     }
     if (subject)
-        mount.table.RemoveIf(parent, name, subject);
+        mount.table.Remove(parent, name, subject);
     fuse_reply_err(request, !ours ? EIO : subject ? 0 : ESTALE);
 }
 

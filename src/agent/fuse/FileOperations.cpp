@@ -23,6 +23,23 @@ FuseCall::Caching CachingOf(int flags)
     return flags & O_APPEND ? FuseCall::Caching::Direct : FuseCall::Caching::Allowed;
 }
 
+RemoteShare::CreateCall CreateCallOf(const RemoteShare &share, uint32_t access, mode_t mode, int flags)
+{
+    RemoteShare::CreateCall create = {.desiredAccess = access,
+                                      .createDisposition = nt::FILE_OPEN_IF,
+                                      .createOptions = nt::FILE_NON_DIRECTORY_FILE,
+                                      .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
+    if (flags & O_EXCL)
+        create.createDisposition = nt::FILE_CREATE;
+    else if (flags & O_TRUNC)
+        create.createDisposition = nt::FILE_OVERWRITE_IF;
+    if (share.Has(nt::FODR_HOST_MODES))
+        create.allocationSize = nt::FODR_CREATE_WITH_MODE | (mode & nt::FODR_MODE_BITS);
+    else if ((mode & S_IWUSR) == 0)
+        create.fileAttributes = nt::FILE_ATTRIBUTE_READONLY;
+    return create;
+}
+
 } // namespace
 
 // Where the file is, if it can be opened like that. False: it can't, and the call is answered.
@@ -117,18 +134,7 @@ Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::stri
     if (!co_await places.LocateConfirmed(call, parent, name, &place))
         co_return;
     const uint32_t access = opener.AccessOf(flags, *place.share);
-    RemoteShare::CreateCall create = {.desiredAccess = access,
-                                      .createDisposition = nt::FILE_OPEN_IF,
-                                      .createOptions = nt::FILE_NON_DIRECTORY_FILE,
-                                      .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
-    if (flags & O_EXCL)
-        create.createDisposition = nt::FILE_CREATE;
-    else if (flags & O_TRUNC)
-        create.createDisposition = nt::FILE_OVERWRITE_IF;
-    if (place.share->Has(nt::FODR_HOST_MODES))
-        create.allocationSize = nt::FODR_CREATE_WITH_MODE | (mode & nt::FODR_MODE_BITS);
-    else if ((mode & S_IWUSR) == 0)
-        create.fileAttributes = nt::FILE_ATTRIBUTE_READONLY;
+    const RemoteShare::CreateCall create = CreateCallOf(*place.share, access, mode, flags);
     parent->NoteOwnChange();
     IoResult opened = co_await opener.OpenAt(place, create);
     if (SaysAbsent(opened.status) && co_await places.FindPlaceAgain(parent, name, &place))

@@ -2,15 +2,15 @@
 #pragma once
 
 #include "agent/fuse/FileOpener.h"
-#include "agent/fuse/HiddenNames.h"
+#include "agent/fuse/StickyNames.h"
 
 namespace fodr::agent {
 
 class FileOperations {
 public:
     FileOperations(MountState &mountState, PlaceFinder &placeFinder, FileOpener &fileOpener,
-                   HiddenNames &hiddenNames)
-        : mount(mountState), places(placeFinder), opener(fileOpener), hidden(hiddenNames)
+                   StickyNames &stickyNames)
+        : mount(mountState), places(placeFinder), opener(fileOpener), hidden(stickyNames)
     {}
 
     Detached Open(FuseCall::Ptr call, uint64_t nodeId, int flags);
@@ -28,7 +28,7 @@ private:
     MountState &mount;
     PlaceFinder &places;
     FileOpener &opener;
-    HiddenNames &hidden;
+    StickyNames &hidden;
 };
 
 } // namespace fodr::agent

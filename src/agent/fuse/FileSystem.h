@@ -44,7 +44,7 @@ private:
     PlaceFinder places{mount, finder};
     FactsFinder facts{mount, finder};
     FileOpener opener{mount, finder, places};
-    HiddenNames hidden{mount, finder};
+    StickyNames hidden{mount, finder};
 
 public:
     // Operations by their names in fuse_lowlevel_ops. Texts and bytes are borrowed for the call.

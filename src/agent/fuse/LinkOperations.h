@@ -1,7 +1,7 @@
 // Further names of files, and names that change places.
 #pragma once
 
-#include "agent/fuse/HiddenNames.h"
+#include "agent/fuse/StickyNames.h"
 #include "agent/fuse/PlaceFinder.h"
 
 namespace fodr::agent {

@@ -83,7 +83,7 @@ NodePtr MountState::Reach(const NodePtr &parent, const std::string &name, const 
 
 void MountState::LoseName(const NodePtr &parent, const std::string &name, const NodePtr &node)
 {
-    table.RemoveIf(parent, name, node);
+    table.Remove(parent, name, node);
     notifier.NameChanged(parent->id, name);
 }
 
@@ -181,8 +181,12 @@ bool MountState::ReplyEntry(const FuseCall::Ptr &call, const NodePtr &parent, co
 
 void MountState::CloseLater(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId)
 {
-    node->opens.BeginClose();
-    share->Close(fileId, [node](const IoResult &) { node->opens.EndClose(); });
+    if (node)
+        node->opens.BeginClose();
+    share->Close(fileId, [node](const IoResult &) {
+        if (node)
+            node->opens.EndClose();
+    });
 }
 
 // Files that a share names one by one may be links: what they lead to is meant.

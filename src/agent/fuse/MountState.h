@@ -119,6 +119,7 @@ public:
         return AwaitValues<nt::NTSTATUS, DirectoryHandlePtr>(
             [this, &node](DirectoryCache::Handler done) { directories.Acquire(node, std::move(done)); });
     }
+    // Counts as one of the node's handles until it is closed; the node may be null.
     void CloseLater(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId);
 
 private:

@@ -54,13 +54,15 @@ Task<bool> NameOperations::FindAgain(FuseCall::Ptr call, NodePtr parent, std::st
         call->FailStatus(found->status);
         co_return false;
     }
-    const Standing standing = co_await places.Confirm(parent);
-    if (standing == Standing::Here && found->status == nt::STATUS_OBJECT_PATH_NOT_FOUND)
+    const bool noFolder = found->status == nt::STATUS_OBJECT_PATH_NOT_FOUND;
+    const Standing standing =
+        co_await places.Confirm(parent, noFolder ? Believing::Nothing : Believing::WhatWasSeen);
+    if (standing == Standing::Here && noFolder)
         *found = co_await finder.FindPassing(parent, name, Freshness::Asked);
     if (!nt::IsError(found->status))
         co_return true;
     if (known)
-        mount.table.RemoveIf(parent, name, known);
+        mount.table.Remove(parent, name, known);
     const bool asWas = standing == Standing::Here && found->status != nt::STATUS_OBJECT_PATH_NOT_FOUND;
     call->Fail(asWas ? ENOENT : ESTALE);
     co_return false;
@@ -164,14 +166,17 @@ Detached NameOperations::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, st
     mount.ReplyEntry(call, parent, node, facts, false, Node::Clock::now());
 }
 
-// Makes an empty file and, with a record, what that says of it.
+// Makes an empty file and, with a record, what that says of it. Where the link takes the file's place, the
+// file goes with its handle: when the other side refuses, or the connection is lost, nothing is left.
 Task<nt::NTSTATUS> NameOperations::MakeFile(NodePtr parent, std::string name, Place *place, mode_t mode,
                                             const std::vector<uint8_t> &reparseRecord)
 {
+    const bool takesPlace = !reparseRecord.empty() && place->share->Has(nt::FODR_HOST_LX_FILES);
     RemoteShare::CreateCall create = {
         .desiredAccess = nt::FILE_WRITE_ATTRIBUTES | nt::DELETE_ACCESS | nt::SYNCHRONIZE,
         .createDisposition = nt::FILE_CREATE,
-        .createOptions = nt::FILE_NON_DIRECTORY_FILE | nt::FILE_OPEN_REPARSE_POINT,
+        .createOptions = nt::FILE_NON_DIRECTORY_FILE | nt::FILE_OPEN_REPARSE_POINT |
+                         (takesPlace ? nt::FILE_DELETE_ON_CLOSE : 0),
         .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
     if (place->share->Has(nt::FODR_HOST_MODES))
         create.allocationSize = nt::FODR_CREATE_WITH_MODE | (mode & nt::FODR_MODE_BITS);
@@ -186,9 +191,7 @@ Task<nt::NTSTATUS> NameOperations::MakeFile(NodePtr parent, std::string name, Pl
         const IoResult set =
             co_await ControlFile(*place->share, fileId, nt::FSCTL_SET_REPARSE_POINT, reparseRecord);
         status = set.status;
-        if (nt::IsError(status) && place->share->Has(nt::FODR_HOST_POSIX_NAMES))
-            co_await DeleteFileAtOnce(*place->share, fileId);
-        else if (nt::IsError(status))
+        if (nt::IsError(status) && !takesPlace)
             co_await DeleteFile(*place->share, fileId);
     }
     co_await CloseFile(*place->share, fileId);
@@ -250,10 +253,7 @@ Task<nt::NTSTATUS> NameOperations::RemoveAtOnce(Place place, NodePtr node, bool 
     const uint32_t fileId = opened.fileId;
     const IoResult removed = co_await DeleteFileAtOnce(*place.share, fileId);
     const nt::NTSTATUS status = removed.status;
-    if (node)
-        mount.CloseLater(node, place.share, fileId);
-    else
-        place.share->Close(fileId, [](const IoResult &) {});
+    mount.CloseLater(node, place.share, fileId);
     co_return status;
 }
 
@@ -392,10 +392,7 @@ Task<nt::NTSTATUS> NameOperations::TryMoveAtOnce(Moving moving, bool replace)
     }
     if (!nt::IsError(status))
         NoteMoved(moving, node, movedId);
-    if (node)
-        mount.CloseLater(node, moving.source.share, fileId);
-    else
-        share.Close(fileId, [](const IoResult &) {});
+    mount.CloseLater(node, moving.source.share, fileId);
     co_return status;
 }
 

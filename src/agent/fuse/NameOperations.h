@@ -3,17 +3,17 @@
 
 #include "agent/fuse/DirectoryOperations.h"
 #include "agent/fuse/FactsFinder.h"
-#include "agent/fuse/HiddenNames.h"
+#include "agent/fuse/StickyNames.h"
 
 namespace fodr::agent {
 
 class NameOperations {
 public:
     NameOperations(MountState &mountState, NameFinder &nameFinder, PlaceFinder &placeFinder,
-                   FactsFinder &findsFacts, HiddenNames &hiddenNames,
+                   FactsFinder &findsFacts, StickyNames &stickyNames,
                    DirectoryOperations &directoryOperations)
         : mount(mountState), finder(nameFinder), places(placeFinder), factsFinder(findsFacts),
-          hidden(hiddenNames), listings(directoryOperations)
+          hidden(stickyNames), listings(directoryOperations)
     {}
 
     Detached Lookup(FuseCall::Ptr call, uint64_t parentId, std::string name);
@@ -44,7 +44,7 @@ private:
     NameFinder &finder;
     PlaceFinder &places;
     FactsFinder &factsFinder;
-    HiddenNames &hidden;
+    StickyNames &hidden;
     DirectoryOperations &listings;
 };
 

@@ -25,11 +25,16 @@ NodePtr NodeTable::Find(uint64_t id) const
 NodePtr NodeTable::Child(const NodePtr &parent, const std::string &name) const
 {
     const MutexLock held(lock);
-    auto found = parent->children.find(name);
-    return found == parent->children.end() ? nullptr : nodes.at(found->second->id);
+    return ChildOf(parent, name);
 }
 
 // ---- Files and their names ----
+
+NodePtr NodeTable::ChildOf(const NodePtr &parent, const std::string &name) const
+{
+    const auto found = parent->children.find(name);
+    return found == parent->children.end() ? nullptr : nodes.at(found->second->id);
+}
 
 std::shared_ptr<RemoteShare> NodeTable::ShareOf(const Node *node) const
 {
@@ -110,6 +115,12 @@ void NodeTable::RemoveName(Node *node, Node *parent, const std::string &name)
     });
 }
 
+void NodeTable::TakeName(const NodePtr &node, const NodePtr &parent, const std::string &name)
+{
+    RemoveName(node.get(), parent.get(), name);
+    DropIfUnused(node);
+}
+
 void NodeTable::NoteFormer(Node *node)
 {
     if (node->names.empty())
@@ -134,16 +145,10 @@ NodePtr NodeTable::Reach(const NodePtr &parent, const std::string &name, NodeKin
                          uint32_t links, std::vector<Node::Name> *lost)
 {
     const MutexLock held(lock);
-    NodePtr node;
-    auto found = parent->children.find(name);
-    if (found != parent->children.end()) {
-        const NodePtr present = nodes.at(found->second->id);
-        if (Fits(present.get(), kind, fileId)) {
-            node = present;
-        } else {
-            RemoveName(present.get(), parent.get(), name);
-            DropIfUnused(present);
-        }
+    NodePtr node = ChildOf(parent, name);
+    if (node && !Fits(node.get(), kind, fileId)) {
+        TakeName(node, parent, name);
+        node = nullptr;
     }
     if (node && node->names.size() > 1) { // seen last
         RemoveName(node.get(), parent.get(), name);
@@ -173,12 +178,8 @@ NodePtr NodeTable::Reach(const NodePtr &parent, const std::string &name, NodeKin
 NodePtr NodeTable::ReachNew(const NodePtr &parent, const std::string &name, NodeKind kind)
 {
     const MutexLock held(lock);
-    auto found = parent->children.find(name);
-    if (found != parent->children.end()) {
-        const NodePtr present = nodes.at(found->second->id);
-        RemoveName(present.get(), parent.get(), name);
-        DropIfUnused(present);
-    }
+    if (const NodePtr present = ChildOf(parent, name))
+        TakeName(present, parent, name);
     const NodePtr node = NewNode(parent, name, kind);
     ++node->lookups;
     return node;
@@ -225,34 +226,21 @@ void NodeTable::SetFileId(const NodePtr &node, uint64_t fileId)
     Index(node.get(), ShareOf(node.get()), fileId);
 }
 
-void NodeTable::Remove(const NodePtr &parent, const std::string &name)
-{
-    RemoveIf(parent, name, nullptr);
-}
-
-void NodeTable::RemoveIf(const NodePtr &parent, const std::string &name, const NodePtr &node)
+void NodeTable::Remove(const NodePtr &parent, const std::string &name, const NodePtr &node)
 {
     const MutexLock held(lock);
-    auto found = parent->children.find(name);
-    if (found == parent->children.end() || (node && found->second != node.get()))
-        return;
-    const NodePtr gone = nodes.at(found->second->id);
-    RemoveName(gone.get(), parent.get(), name);
-    DropIfUnused(gone);
+    const NodePtr present = ChildOf(parent, name);
+    if (present && (!node || present == node))
+        TakeName(present, parent, name);
 }
 
 void NodeTable::Rename(const NodePtr &parent, const std::string &name, const NodePtr &newParent,
                        const std::string &newName)
 {
     const MutexLock held(lock);
-    auto found = parent->children.find(name);
-    const NodePtr node = found == parent->children.end() ? nullptr : nodes.at(found->second->id);
-    auto replaced = newParent->children.find(newName);
-    if (replaced != newParent->children.end() && replaced->second != node.get()) {
-        const NodePtr gone = nodes.at(replaced->second->id);
-        RemoveName(gone.get(), newParent.get(), newName);
-        DropIfUnused(gone);
-    }
+    const NodePtr node = ChildOf(parent, name), replaced = ChildOf(newParent, newName);
+    if (replaced && replaced != node)
+        TakeName(replaced, newParent, newName);
     if (!node)
         return;
     RemoveName(node.get(), parent.get(), name);
@@ -266,6 +254,7 @@ bool NodeTable::LocatePath(const Node *node, Place *place) const
 {
     if (node->shareRoot) {
         place->share = node->shareRoot;
+        place->path.clear();
         return true;
     }
     if (node->names.empty() && !node->movedTo.empty()) {
@@ -283,7 +272,6 @@ bool NodeTable::LocatePath(const Node *node, Place *place) const
 bool NodeTable::PlaceOf(const NodePtr &node, Place *place) const
 {
     const MutexLock held(lock);
-    place->path.clear();
     if (!LocatePath(node.get(), place))
         return false;
     if (place->path.empty())
@@ -294,7 +282,6 @@ bool NodeTable::PlaceOf(const NodePtr &node, Place *place) const
 bool NodeTable::PlaceIn(const NodePtr &parent, std::string_view name, Place *place) const
 {
     const MutexLock held(lock);
-    place->path.clear();
     if (!LocatePath(parent.get(), place))
         return false;
     place->path += u'\\';
@@ -431,9 +418,7 @@ std::string NodeTable::RemoveShareFolder(uint32_t deviceId)
             continue;
         const std::string name = folder->first;
         shareFolders.erase(folder);
-        auto found = root->children.find(name);
-        if (found != root->children.end()) {
-            const NodePtr gone = nodes.at(found->second->id);
+        if (const NodePtr gone = ChildOf(root, name)) {
             RemoveAllNames(gone.get());
             gone->shareRoot = nullptr;
             DropIfUnused(gone);
@@ -459,9 +444,9 @@ NodePtr NodeTable::ReachShareFolder(const std::string &name)
     auto folder = shareFolders.find(name);
     if (folder == shareFolders.end())
         return nullptr;
-    auto found = root->children.find(name);
-    const NodePtr node = found == root->children.end() ? NewNode(root, name, NodeKind::Directory)
-                                                       : nodes.at(found->second->id);
+    NodePtr node = ChildOf(root, name);
+    if (!node)
+        node = NewNode(root, name, NodeKind::Directory);
     node->shareRoot = folder->second;
     ++node->lookups;
     return node;

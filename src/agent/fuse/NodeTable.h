@@ -37,9 +37,8 @@ public:
     // A handle of the node told the id.
     void SetFileId(const NodePtr &node, uint64_t fileId);
 
-    // The name leads nowhere from now on, or not to this node.
-    void Remove(const NodePtr &parent, const std::string &name);
-    void RemoveIf(const NodePtr &parent, const std::string &name, const NodePtr &node);
+    // The name leads nowhere from now on. With a node: only if that is where it led.
+    void Remove(const NodePtr &parent, const std::string &name, const NodePtr &node = nullptr);
     // What stood at the new place has lost that name.
     void Rename(const NodePtr &parent, const std::string &name, const NodePtr &newParent,
                 const std::string &newName);
@@ -102,6 +101,9 @@ private:
     bool AddName(Node *node, const NodePtr &parent, const std::string &name) REQUIRES(lock);
     void RemoveName(Node *node, Node *parent, const std::string &name) REQUIRES(lock);
     void RemoveAllNames(Node *node) REQUIRES(lock);
+    NodePtr ChildOf(const NodePtr &parent, const std::string &name) const REQUIRES(lock);
+    // The name doesn't lead to the node any more; who isn't used otherwise goes.
+    void TakeName(const NodePtr &node, const NodePtr &parent, const std::string &name) REQUIRES(lock);
     static void NoteFormer(Node *node);
     void DropIfUnused(const NodePtr &node) REQUIRES(lock);
     bool LocatePath(const Node *node, Place *place) const REQUIRES(lock);

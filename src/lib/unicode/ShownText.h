@@ -13,9 +13,8 @@ namespace fodr {
 // A JSON string with its quotes. Always valid UTF-8: bytes that are none become U+FFFD.
 [[nodiscard]] std::string QuotedJson(std::string_view text);
 
-// An absolute POSIX path of at most 4096 bytes that Escaped leaves as it is, without an empty component, "."
-// or
-// "..".
+// Whether this is an absolute POSIX path of at most 4096 bytes that Escaped leaves as it is, and no component
+// is empty, "." or "..".
 [[nodiscard]] bool IsPlainAbsolutePath(std::string_view text);
 
 } // namespace fodr

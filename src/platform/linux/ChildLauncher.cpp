@@ -16,11 +16,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstring>
-#include <mutex>
 #include <string_view>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -155,35 +152,40 @@ private:
         if (head.program >= plan.size() || descriptors.size() != wanted)
             return; // whoever asks sees its socket closed
         ChildOptions options = plan[head.program];
-        options.environment = EnvironmentIn(std::string_view(packet).substr(sizeof(head)));
+        TakeEnvironment(std::string_view(packet).substr(sizeof(head)), &options.environment);
         Fd stream, errors;
         if (head.hasErrors != 0)
             errors = std::move(descriptors.back());
         if (head.hasStream != 0)
             stream = std::move(descriptors[1]);
         pid_t pid = 0;
-        const int error = SpawnChild(options, stream, errors, &pid);
+        int error = SpawnChild(options, stream, errors, &pid);
+        Fd process(error == 0 ? OpenProcess(pid) : -1);
+        if (error == 0 && !process.Valid()) { // short of descriptors: its end would go unnoticed
+            error = errno;
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
         const StartReport report{error, pid};
         send(descriptors[0].Get(), &report, sizeof(report), MSG_NOSIGNAL);
-        if (error != 0)
-            return;
-        Fd process(OpenProcess(pid));
-        children.push_back({pid, options.interrupts == ChildOptions::Interrupts::Own, std::move(process),
-                            std::move(descriptors[0])});
+        if (error == 0)
+            children.push_back({pid, options.interrupts == ChildOptions::Interrupts::Own, std::move(process),
+                                std::move(descriptors[0])});
     }
 
-    // Of name and value, each ended by a zero.
-    static std::vector<std::pair<std::string, std::string>> EnvironmentIn(std::string_view text)
+    // The values of what is planned to be set: each a name and a value, both ended by a zero.
+    static void TakeEnvironment(std::string_view text,
+                                std::vector<std::pair<std::string, std::string>> *environment)
     {
-        std::vector<std::pair<std::string, std::string>> environment;
         std::vector<std::string> words;
         for (size_t end; (end = text.find('\0')) != std::string_view::npos; text.remove_prefix(end + 1))
             words.emplace_back(text.substr(0, end));
-        for (size_t i = 0; i + 1 < words.size(); i += 2) {
-            if (words[i] == "FODR_MOUNT") // no other may be chosen by who asks
-                environment.emplace_back(words[i], words[i + 1]);
+        for (auto &[name, value] : *environment) {
+            for (size_t i = 0; i + 1 < words.size(); i += 2) {
+                if (words[i] == name)
+                    value = words[i + 1];
+            }
         }
-        return environment;
     }
 
     void TakeWish(Child &child)
@@ -219,32 +221,28 @@ void IgnoreSignals()
 
 // ---- In the process that asks ----
 
-class LaunchedChild final : public ChildProcess {
+// False when the launcher is gone.
+template <typename Report> bool ReceiveReport(const Fd &socket, Report *report)
+{
+    ssize_t got;
+    do
+        got = recv(socket.Get(), report, sizeof(*report), 0);
+    while (got < 0 && errno == EINTR);
+    return got == sizeof(*report);
+}
+
+class LaunchedChild final : public StartedChild {
 public:
-    LaunchedChild(Fd toLauncher, int childId, std::unique_ptr<ByteStream> connected,
-                  std::unique_ptr<LineReader> errorReader)
-        : socket(std::move(toLauncher)), id(childId), stream(std::move(connected)),
-          errors(std::move(errorReader)), waiter([this] { WaitMain(); })
+    LaunchedChild(int childId, ChildEnds ends, const ChildOptions &options, Fd toLauncher)
+        : StartedChild(childId, std::move(ends), options), socket(std::move(toLauncher)),
+          waiter([this] { WaitMain(); })
     {}
     ~LaunchedChild() override
     {
         Kill();
         waiter.join();
-        errors.reset();
     }
 
-    std::unique_ptr<ByteStream> TakeStream() override { return std::move(stream); }
-    int Id() const override { return id; }
-    std::optional<Exit> Wait(int timeoutMS) override
-    {
-        std::unique_lock<std::mutex> held(lock);
-        const auto done = [this] { return ended.has_value(); };
-        if (timeoutMS < 0)
-            changed.wait(held, done);
-        else
-            changed.wait_for(held, std::chrono::milliseconds(timeoutMS), done);
-        return ended;
-    }
     void Terminate() override { Ask('T'); }
     void Kill() override { Ask('K'); }
 
@@ -254,22 +252,12 @@ private:
     void WaitMain()
     {
         EndReport report{1, SIGKILL}; // where the launcher was killed nobody knows
-        ssize_t got;
-        do
-            got = recv(socket.Get(), &report, sizeof(report), 0);
-        while (got < 0 && errno == EINTR);
+        ReceiveReport(socket, &report);
         const std::lock_guard<std::mutex> held(lock);
-        ended = Exit{report.bySignal != 0, report.code};
-        changed.notify_all();
+        End({report.bySignal != 0, report.code});
     }
 
     const Fd socket;
-    const int id;
-    std::unique_ptr<ByteStream> stream;
-    std::unique_ptr<LineReader> errors;
-    std::mutex lock;
-    std::condition_variable changed;
-    std::optional<Exit> ended; // under lock
     std::thread waiter;
 };
 
@@ -310,20 +298,15 @@ public:
         for (const auto &[name, value] : options.environment)
             packet += name + '\0' + value + '\0';
         const bool sent = SendPacket(socket.Get(), packet, descriptors);
-        theirs.Reset(-1);
-        ends.theirStream.Reset(-1);
-        ends.errorWrite.Reset(-1);
-        StartReport report{EPIPE, 0}; // the launcher is gone
-        if (sent) [[maybe_unused]]
-            const ssize_t got = recv(ours.Get(), &report, sizeof(report), 0);
+        theirs.Reset(-1); // else the end of the launcher would go unnoticed
+        StartReport report{};
+        if (!sent || !ReceiveReport(ours, &report))
+            report.error = EPIPE;
         if (report.error != 0) {
             errno = report.error;
             return FailWithErrno(error);
         }
-        auto stream = options.withStream ? MakeSocketStream(std::move(ends.ourStream)) : nullptr;
-        return std::make_unique<LaunchedChild>(
-            std::move(ours), report.id, std::move(stream),
-            LineReader::Of(std::move(ends.errorRead), options.onErrorLine));
+        return std::make_unique<LaunchedChild>(report.id, std::move(ends), options, std::move(ours));
     }
 
 private:

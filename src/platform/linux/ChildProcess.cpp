@@ -3,43 +3,23 @@
 #include "platform/linux/ChildSpawn.h"
 
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <csignal>
-#include <mutex>
 #include <sys/wait.h>
 #include <thread>
 
 namespace fodr::platform {
 namespace {
 
-class PosixChild final : public ChildProcess {
+class PosixChild final : public StartedChild {
 public:
-    PosixChild(pid_t started, bool ownGroup, std::unique_ptr<ByteStream> connected,
-               std::unique_ptr<LineReader> errorReader)
-        : pid(started), group(ownGroup), stream(std::move(connected)), errors(std::move(errorReader)),
-          waiter([this] { WaitMain(); })
+    PosixChild(pid_t started, ChildEnds ends, const ChildOptions &options)
+        : StartedChild(started, std::move(ends), options),
+          group(options.interrupts == ChildOptions::Interrupts::Own), waiter([this] { WaitMain(); })
     {}
-
     ~PosixChild() override
     {
         Kill();
         waiter.join();
-        errors.reset();
-    }
-
-    std::unique_ptr<ByteStream> TakeStream() override { return std::move(stream); }
-    int Id() const override { return pid; }
-
-    std::optional<Exit> Wait(int timeoutMS) override
-    {
-        std::unique_lock<std::mutex> held(lock);
-        const auto done = [this] { return ended.has_value(); };
-        if (timeoutMS < 0)
-            changed.wait(held, done);
-        else
-            changed.wait_for(held, std::chrono::milliseconds(timeoutMS), done);
-        return ended;
     }
 
     void Terminate() override { Signal(SIGTERM); }
@@ -51,28 +31,21 @@ private:
     {
         const std::lock_guard<std::mutex> held(lock);
         if (!ended)
-            kill(group ? -pid : pid, number);
+            kill(group ? -id : id, number);
     }
 
     void WaitMain()
     {
         siginfo_t info{};
-        while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+        while (waitid(P_PID, static_cast<id_t>(id), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
         }
         const std::lock_guard<std::mutex> held(lock);
         int status = 0;
-        waitpid(pid, &status, 0);
-        ended = WIFSIGNALED(status) ? Exit{true, WTERMSIG(status)} : Exit{false, WEXITSTATUS(status)};
-        changed.notify_all();
+        waitpid(id, &status, 0);
+        End(WIFSIGNALED(status) ? Exit{true, WTERMSIG(status)} : Exit{false, WEXITSTATUS(status)});
     }
 
-    const pid_t pid;
     const bool group;
-    std::unique_ptr<ByteStream> stream;
-    std::unique_ptr<LineReader> errors;
-    std::mutex lock;
-    std::condition_variable changed;
-    std::optional<Exit> ended; // under lock
     std::thread waiter;
 };
 
@@ -88,11 +61,7 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(const ChildOptions &options, s
         errno = result;
         return FailWithErrno(error);
     }
-    auto stream = options.withStream ? MakeSocketStream(std::move(ends.ourStream)) : nullptr;
-    ends.errorWrite.Reset(-1); // else the reader would wait for us
-    return std::make_unique<PosixChild>(pid, options.interrupts == ChildOptions::Interrupts::Own,
-                                        std::move(stream),
-                                        LineReader::Of(std::move(ends.errorRead), options.onErrorLine));
+    return std::make_unique<PosixChild>(pid, std::move(ends), options);
 }
 
 } // namespace fodr::platform

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <string_view>
 #include <sys/eventfd.h>
@@ -193,6 +194,28 @@ void LineReader::Take(char c, std::string *line)
         return;
     onLine(*line);
     line->clear();
+}
+
+StartedChild::StartedChild(int childId, ChildEnds ends, const ChildOptions &options)
+    : id(childId), stream(ends.ourStream.Valid() ? MakeSocketStream(std::move(ends.ourStream)) : nullptr),
+      errors(LineReader::Of(std::move(ends.errorRead), options.onErrorLine))
+{}
+
+std::optional<ChildProcess::Exit> StartedChild::Wait(int timeoutMS)
+{
+    std::unique_lock<std::mutex> held(lock);
+    const auto done = [this] { return ended.has_value(); };
+    if (timeoutMS < 0)
+        changed.wait(held, done);
+    else
+        changed.wait_for(held, std::chrono::milliseconds(timeoutMS), done);
+    return ended;
+}
+
+void StartedChild::End(Exit exit)
+{
+    ended = exit;
+    changed.notify_all();
 }
 
 } // namespace fodr::platform

@@ -8,8 +8,11 @@
 #include "platform/ChildProcess.h"
 #include "platform/linux/FdStream.h"
 
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <thread>
@@ -51,6 +54,30 @@ private:
     const Fd stopFd;
     const std::function<void(const std::string &)> onLine;
     std::thread thread;
+};
+
+// A child that was started. How it ends and how it is signalled is the derived class's, which calls End.
+class StartedChild : public ChildProcess {
+public:
+    std::unique_ptr<ByteStream> TakeStream() override { return std::move(stream); }
+    int Id() const override { return id; }
+    std::optional<Exit> Wait(int timeoutMS) override;
+
+protected:
+    // Of the ends ours are kept.
+    StartedChild(int childId, ChildEnds ends, const ChildOptions &options);
+    ~StartedChild() override = default;
+    // With the lock held.
+    void End(Exit exit);
+
+    const int id;
+    std::mutex lock;
+    std::optional<Exit> ended; // under lock
+
+private:
+    std::unique_ptr<ByteStream> stream;
+    std::unique_ptr<LineReader> errors;
+    std::condition_variable changed;
 };
 
 } // namespace fodr::platform

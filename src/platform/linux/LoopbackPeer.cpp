@@ -78,13 +78,15 @@ std::optional<Place> ParsePlace(const char *text)
 // The user of the socket that is bound to `own` and connected to `other`.
 std::optional<uid_t> UserOf(const char *table, const Place &own, const Place &other)
 {
-    constexpr unsigned kTimeWait = 6; // belongs to nobody
     std::ifstream lines(table);
     for (std::string line; std::getline(lines, line);) {
         char local[64], remote[64];
-        unsigned state = 0, user = 0;
-        if (sscanf(line.c_str(), " %*d: %63s %63s %x %*s %*s %*s %u", local, remote, &state, &user) == 4 &&
-            state != kTimeWait && ParsePlace(local) == own && ParsePlace(remote) == other)
+        unsigned user = 0;
+        unsigned long inode = 0;
+        // One that was closed has no inode, and counts as root's whoever's it was.
+        if (sscanf(line.c_str(), " %*d: %63s %63s %*s %*s %*s %*s %u %*s %lu", local, remote, &user,
+                   &inode) == 4 &&
+            inode != 0 && ParsePlace(local) == own && ParsePlace(remote) == other)
             return user;
     }
     return {};

@@ -7,8 +7,8 @@
 
 namespace fodr::platform {
 
-// True when both ends are loopback addresses and the other socket belongs to this process's user. The other
-// end must not have been closed yet.
+// True when both ends are loopback addresses and the other socket belongs to this process's user. False once
+// the other end has been closed.
 bool LoopbackPeerIsThisUser(int socket);
 
 } // namespace fodr::platform

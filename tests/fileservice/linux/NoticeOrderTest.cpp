@@ -44,8 +44,28 @@ void WaitUntilAsleep(pid_t thread)
     }
 }
 
+// Watches the root of a share until a change is told. What the process starts for its first watch runs from
+// then on, as long as `root` is open.
+void WatchOnce(Share &share, File &root)
+{
+    auto told = std::async(std::launch::async, [&] {
+        return root
+            .Ask(IRP_MJ_DIRECTORY_CONTROL,
+                 DR_DRIVE_NOTIFY_CHANGE_DIRECTORY_REQ{0, FILE_NOTIFY_CHANGE_FILE_NAME}, "",
+                 IRP_MN_NOTIFY_CHANGE_DIRECTORY)
+            .Status();
+    });
+    for (int i = 0; told.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready; ++i)
+        share.Put("change" + std::to_string(i), "");
+    EXPECT_EQ(told.get(), STATUS_NOTIFY_ENUM_DIR);
+}
+
 TEST(NoticeOrder, EveryAnswerThatShowsAChangeLeavesBehindItsNotice)
 {
+    // A thread that starts another sleeps for a moment, which isn't the sleep that is waited for below.
+    Share other;
+    File watched = other.Create(u"\\");
+    WatchOnce(other, watched);
     OrderedChannel channel;
     Share share([&](RedirectedDeviceSettings &settings) { settings.channel = &channel; });
     const auto serve = [&](Bytes packet) {

@@ -96,13 +96,17 @@ TEST_F(NoticesFirst, OnlyNoticesOfTheSameReceiverAreWaitedFor)
     MakeFile("watched/f");
     ended.Wait();
     order.Settle();
-    std::atomic<bool> settled{false};
+    std::atomic<bool> gone{false};
+    test::Signal begun;
     std::thread waits([&] {
+        begun.Set();
         other.Settle();
-        settled = true;
+        EXPECT_TRUE(gone);
     });
+    begun.Wait();
     order.Settle();
-    EXPECT_FALSE(settled);
+    std::this_thread::yield();
+    gone = true;
     go.Set();
     watcher.join();
     waits.join();

@@ -114,10 +114,7 @@ TEST_F(Streams, WhatIsWrittenIsStoredAtOnceAndTheFileStays)
     EXPECT_EQ(Attribute(name), "[Zo\0"s);
     EXPECT_EQ(StandardOf(two).EndOfFile, 3);
     EXPECT_EQ(BasicOf(two).CreationTime, BasicOf(Open("file")).CreationTime);
-    const auto idOf = [](HANDLE opened) {
-        return Told<FILE_INTERNAL_INFORMATION>(opened, FileInternalInformation).IndexNumber;
-    };
-    EXPECT_EQ(idOf(one), idOf(Open("file")));
+    EXPECT_EQ(IdOf(one), IdOf(Open("file")));
     EXPECT_EQ(ReadAt(Open("file"), 0, 10).text, "0123");
     EXPECT_EQ(Listed(Open("file")),
               (std::vector<std::string>{"::$DATA 4", ":Old:$DATA 3", ":Zone.Identifier:$DATA 3"}));
@@ -298,17 +295,12 @@ TEST_F(Streams, AnOverwrittenFileLosesThemAndOthersSeeThem)
 TEST_F(Streams, WritersAtOnceLoseNothing)
 {
     constexpr int kThreads = 4, kEach = 50;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
-            for (int n = 0; n < kEach; ++n) {
-                const NtFile stream = Open("file:log", {.access = kReadWrite, .disposition = FILE_OPEN_IF});
-                EXPECT_EQ(WriteAt(stream, -1, "line").status, STATUS_SUCCESS);
-            }
-        });
-    }
-    for (std::thread &thread : threads)
-        thread.join();
+    AtOnce(kThreads, [&](int) {
+        for (int n = 0; n < kEach; ++n) {
+            const NtFile stream = Open("file:log", {.access = kReadWrite, .disposition = FILE_OPEN_IF});
+            EXPECT_EQ(WriteAt(stream, -1, "line").status, STATUS_SUCCESS);
+        }
+    });
     EXPECT_EQ(Attribute("user.DosStream.log:$DATA").size(), kThreads * kEach * 4 + 1u);
 }
 
@@ -331,17 +323,13 @@ TEST_F(Streams, OneThatCantBeOpenedIsntMade)
 
 TEST_F(Streams, OfTwoCasesAtOnceOneIsMade)
 {
-    int made = 0;
+    std::atomic<int> made = 0;
     constexpr int kRounds = 300;
     for (int i = 0; i < kRounds; ++i) {
-        std::barrier start(2);
-        const auto create = [&](const char *name) {
-            start.arrive_and_wait();
-            return Open(name, {.disposition = FILE_CREATE}).status == STATUS_SUCCESS;
-        };
-        std::future<bool> other = std::async(std::launch::async, create, "file:abc");
-        made += create("file:ABC");
-        made += other.get();
+        AtOnce(2, [&](int which) {
+            made +=
+                Open(which ? "file:abc" : "file:ABC", {.disposition = FILE_CREATE}).status == STATUS_SUCCESS;
+        });
         removexattr(Path("file").c_str(), "user.DosStream.abc:$DATA");
         removexattr(Path("file").c_str(), "user.DosStream.ABC:$DATA");
     }
@@ -357,17 +345,15 @@ TEST_F(Streams, ARefusedCreateMakesNothing)
             "file:s", {.access = kDeletable, .disposition = FILE_OPEN_IF, .options = FILE_DELETE_ON_CLOSE});
         ASSERT_EQ(doomed.status, STATUS_SUCCESS);
         std::atomic<bool> closed{false};
-        std::barrier start(2);
-        std::thread closer([&] {
-            start.arrive_and_wait();
-            doomed.Close();
-            closed = true;
-        });
-        start.arrive_and_wait();
         NTSTATUS status = STATUS_DELETE_PENDING;
-        while (status != STATUS_SUCCESS && !closed)
-            status = Open("file:s", {.disposition = FILE_CREATE}).status;
-        closer.join();
+        AtOnce(2, [&](int which) {
+            if (which == 0) {
+                doomed.Close();
+                closed = true;
+            }
+            while (which == 1 && status != STATUS_SUCCESS && !closed)
+                status = Open("file:s", {.disposition = FILE_CREATE}).status;
+        });
         const bool present = Attribute("user.DosStream.s:$DATA") != "none";
         left += present != (status == STATUS_SUCCESS);
         removexattr(Path("file").c_str(), "user.DosStream.s:$DATA");
@@ -383,17 +369,15 @@ TEST_F(Streams, AFileThatAnotherHasOpenedStays)
     int lost = 0;
     for (int i = 0; i < 600; ++i) {
         std::atomic<bool> made{false};
-        std::barrier start(2);
-        std::thread maker([&] {
-            start.arrive_and_wait();
-            EXPECT_NE(Open(tooLong, {.disposition = FILE_OPEN_IF}).status, STATUS_SUCCESS);
-            made = true;
-        });
-        start.arrive_and_wait();
         NtFile file;
-        while (file.status != STATUS_SUCCESS && !made)
-            file = Open("new");
-        maker.join();
+        AtOnce(2, [&](int which) {
+            if (which == 0) {
+                EXPECT_NE(Open(tooLong, {.disposition = FILE_OPEN_IF}).status, STATUS_SUCCESS);
+                made = true;
+            }
+            while (which == 1 && file.status != STATUS_SUCCESS && !made)
+                file = Open("new");
+        });
         lost += file.status == STATUS_SUCCESS && !Exists("new");
         std::filesystem::remove(Path("new"));
     }

@@ -156,6 +156,7 @@ TEST_F(Confining, TheLauncherStartsWhatIsPlannedAndNothingElse)
         return child;
     };
     ChildOptions talker = shell("read line; echo \"$line $FODR_MOUNT $OTHER\"; echo warned >&2; exit 3");
+    talker.environment = {{"FODR_MOUNT", ""}};
     ChildOptions writer = shell("echo new > \"" + At("out/by-child") + "\"");
     ChildOptions sleeper = shell("trap 'exit 5' TERM; echo up >&2; sleep 60 & wait");
     ChildOptions absent;

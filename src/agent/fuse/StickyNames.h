@@ -16,9 +16,9 @@ struct Moving { // a rename
 // A link is removed and renamed itself, not what it leads to.
 RemoteShare::CreateCall OpenToDelete(bool directory);
 
-class HiddenNames {
+class StickyNames {
 public:
-    HiddenNames(MountState &mountState, NameFinder &nameFinder);
+    StickyNames(MountState &mountState, NameFinder &nameFinder);
 
     Task<nt::NTSTATUS> RemoveFile(NodePtr parent, std::string name, Place place);
     Task<nt::NTSTATUS> RemoveFolder(NodePtr node, Place place);

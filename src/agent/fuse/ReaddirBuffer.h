@@ -9,9 +9,9 @@
 
 namespace fodr::agent {
 
-class ListingBuffer {
+class ReaddirBuffer {
 public:
-    ListingBuffer(size_t size, bool plusForm) : bytes(size), plus(plusForm) {}
+    ReaddirBuffer(size_t size, bool plusForm) : bytes(size), plus(plusForm) {}
 
     // Adds a name; without a node the kernel takes the name and its kind alone. `next` is the position behind
     // it. False when there is no room.

@@ -1,4 +1,4 @@
-#include "agent/fuse/HiddenNames.h"
+#include "agent/fuse/StickyNames.h"
 
 #include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
@@ -24,12 +24,12 @@ RemoteShare::CreateCall OpenToDelete(bool directory)
                              (directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE)};
 }
 
-HiddenNames::HiddenNames(MountState &mountState, NameFinder &nameFinder)
+StickyNames::StickyNames(MountState &mountState, NameFinder &nameFinder)
     : mount(mountState), finder(nameFinder), seed(std::random_device{}())
 {}
 
 // Waits until nothing of this side is in the way of a rename or a removal.
-Task<Nothing> HiddenNames::ClearTheWay(NodePtr node)
+Task<Nothing> StickyNames::ClearTheWay(NodePtr node)
 {
     if (node && node->directory)
         co_await AwaitCall(
@@ -40,7 +40,7 @@ Task<Nothing> HiddenNames::ClearTheWay(NodePtr node)
     co_return Nothing{};
 }
 
-std::string HiddenNames::HiddenName()
+std::string StickyNames::HiddenName()
 {
     char name[64];
     snprintf(name, sizeof(name), "%s%08x-%x", kHiddenPrefix.data(), seed, ++counter);
@@ -48,7 +48,7 @@ std::string HiddenNames::HiddenName()
 }
 
 // POSIX removes a file that may not be written; NT wants the attribute cleared first.
-Task<nt::NTSTATUS> HiddenNames::ClearReadOnly(const Place &place)
+Task<nt::NTSTATUS> StickyNames::ClearReadOnly(const Place &place)
 {
     const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_WRITE_ATTRIBUTES | nt::SYNCHRONIZE,
                                           .createDisposition = nt::FILE_OPEN,
@@ -65,7 +65,7 @@ Task<nt::NTSTATUS> HiddenNames::ClearReadOnly(const Place &place)
 }
 
 // Marks what is open and closes it: with that the name is gone, unless others have it open.
-Task<nt::NTSTATUS> HiddenNames::DeleteOpened(const Place &place, uint32_t fileId)
+Task<nt::NTSTATUS> StickyNames::DeleteOpened(const Place &place, uint32_t fileId)
 {
     const IoResult marked = co_await DeleteFile(*place.share, fileId);
     const nt::NTSTATUS status = marked.status;
@@ -74,7 +74,7 @@ Task<nt::NTSTATUS> HiddenNames::DeleteOpened(const Place &place, uint32_t fileId
 }
 
 // Not by the close: a folder that isn't empty would stay there without a word.
-Task<nt::NTSTATUS> HiddenNames::DeleteDirectory(Place place)
+Task<nt::NTSTATUS> StickyNames::DeleteDirectory(Place place)
 {
     const RemoteShare::CreateCall open = OpenToDelete(true);
     for (bool first = true;; first = false) {
@@ -91,7 +91,7 @@ Task<nt::NTSTATUS> HiddenNames::DeleteDirectory(Place place)
 }
 
 // Opens what is to be deleted with that handle's close.
-Task<IoResult> HiddenNames::OpenForDeletion(const Place &place)
+Task<IoResult> StickyNames::OpenForDeletion(const Place &place)
 {
     RemoteShare::CreateCall open = OpenToDelete(false);
     open.createOptions |= nt::FILE_DELETE_ON_CLOSE;
@@ -105,7 +105,7 @@ Task<IoResult> HiddenNames::OpenForDeletion(const Place &place)
 }
 
 // It is gone when this returns: a later call of the owner's own doesn't find it any more.
-Task<nt::NTSTATUS> HiddenNames::DeleteFileAt(const Place &place)
+Task<nt::NTSTATUS> StickyNames::DeleteFileAt(const Place &place)
 {
     const IoResult opened = co_await OpenForDeletion(place);
     if (opened.Failed())
@@ -117,7 +117,7 @@ Task<nt::NTSTATUS> HiddenNames::DeleteFileAt(const Place &place)
 // NT keeps the name of a deleted file until its last handle is closed; POSIX doesn't. So an open file gets a
 // name that nobody is shown, and a handle whose close deletes it: by this side, with the last close of the
 // file, or by the other, should the mount go away before.
-Task<nt::NTSTATUS> HiddenNames::DeleteOpenFile(NodePtr parent, std::string name, NodePtr node, Place place)
+Task<nt::NTSTATUS> StickyNames::DeleteOpenFile(NodePtr parent, std::string name, NodePtr node, Place place)
 {
     const GateHold alone = co_await PassGate(parent, NameGate::Entry::Alone);
     const std::u16string shown = place.path;
@@ -148,7 +148,7 @@ Task<nt::NTSTATUS> HiddenNames::DeleteOpenFile(NodePtr parent, std::string name,
 }
 
 // With the last of the file's own handles, which may have been closed by now.
-void HiddenNames::CloseDeletion(const NodePtr &node, const std::shared_ptr<RemoteShare> &share)
+void StickyNames::CloseDeletion(const NodePtr &node, const std::shared_ptr<RemoteShare> &share)
 {
     const uint32_t deletion = node->opens.TakeDeletion();
     if (deletion != 0)
@@ -156,7 +156,7 @@ void HiddenNames::CloseDeletion(const NodePtr &node, const std::shared_ptr<Remot
 }
 
 // Of a file that may be open.
-Task<nt::NTSTATUS> HiddenNames::RemoveFile(NodePtr parent, std::string name, Place place)
+Task<nt::NTSTATUS> StickyNames::RemoveFile(NodePtr parent, std::string name, Place place)
 {
     const NodePtr node = mount.table.Child(parent, name);
     if (node)
@@ -172,7 +172,7 @@ Task<nt::NTSTATUS> HiddenNames::RemoveFile(NodePtr parent, std::string name, Pla
     co_return status;
 }
 
-Task<nt::NTSTATUS> HiddenNames::RemoveFolder(NodePtr node, Place place)
+Task<nt::NTSTATUS> StickyNames::RemoveFolder(NodePtr node, Place place)
 {
     co_await ClearTheWay(node);
     const nt::NTSTATUS status = co_await DeleteDirectory(place);
@@ -187,7 +187,7 @@ Task<nt::NTSTATUS> HiddenNames::RemoveFolder(NodePtr node, Place place)
 
 // The target is open through this mount: it gets out of the way, under a name of its own as a deleted file
 // does, and back if the rename fails. Nobody looks at the folder's names meanwhile.
-Task<nt::NTSTATUS> HiddenNames::RenameOverOpenFile(Moving moving, NodePtr targetNode)
+Task<nt::NTSTATUS> StickyNames::RenameOverOpenFile(Moving moving, NodePtr targetNode)
 {
     const GateHold alone = co_await PassGate(moving.newParent, NameGate::Entry::Alone);
     RemoteShare &share = *moving.target.share;
@@ -225,7 +225,7 @@ Task<nt::NTSTATUS> HiddenNames::RenameOverOpenFile(Moving moving, NodePtr target
 }
 
 // A rename was refused although it may replace: POSIX replaces what NT won't.
-Task<nt::NTSTATUS> HiddenNames::RenameOver(Moving moving, nt::NTSTATUS refusal)
+Task<nt::NTSTATUS> StickyNames::RenameOver(Moving moving, nt::NTSTATUS refusal)
 {
     const NodePtr node = mount.table.Child(moving.newParent, moving.newName);
     const Found found = co_await finder.Find(moving.newParent, moving.newName);
@@ -258,7 +258,7 @@ Task<nt::NTSTATUS> HiddenNames::RenameOver(Moving moving, nt::NTSTATUS refusal)
 }
 
 // What is still being closed in a folder keeps NT from moving it. False: there was nothing to wait for.
-Task<bool> HiddenNames::AwaitClosesBelow(NodePtr folder)
+Task<bool> StickyNames::AwaitClosesBelow(NodePtr folder)
 {
     bool waited = false;
     for (const auto &entry : mount.table.ChildrenOf(folder)) {
@@ -274,7 +274,7 @@ Task<bool> HiddenNames::AwaitClosesBelow(NodePtr folder)
     co_return waited;
 }
 
-Task<nt::NTSTATUS> HiddenNames::Move(Moving moving, bool replace)
+Task<nt::NTSTATUS> StickyNames::Move(Moving moving, bool replace)
 {
     const NodePtr node = mount.table.Child(moving.parent, moving.name);
     co_await ClearTheWay(node);
