@@ -319,7 +319,6 @@ class Events(PosixCase):
                         else:
                             os.kill(share.agent_pid(), 9)
                             share.process.wait(60)
-                            share.output.close()
                             subprocess.run(["fusermount3", "-uz", str(self.mount)], capture_output=True)
                     finally:
                         stop.set()
