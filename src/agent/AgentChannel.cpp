@@ -127,7 +127,7 @@ void AgentChannel::OnObjectState(const transport::ObjectState &state)
     const bool connected = state.state == OBJECT_CONNECTED || state.state == OBJECT_SIDE_CHANNEL_CONNECTED;
     bool sideFailed = false;
     {
-        const transport::MutexLock held(stateLock);
+        const MutexLock held(stateLock);
         if (state.object == kControlObject) {
             controlConnected = connected;
         } else if (state.object == kDataObject) {
@@ -145,7 +145,7 @@ void AgentChannel::OnObjectState(const transport::ObjectState &state)
 void AgentChannel::UpdateReadiness()
 {
     {
-        const transport::MutexLock held(stateLock);
+        const MutexLock held(stateLock);
         if (!controlConnected || !dataConnected || readyTold)
             return;
         readyTold = true;

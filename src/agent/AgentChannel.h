@@ -94,7 +94,7 @@ private:
     std::atomic<bool> goodbyeSeen{false};
     std::atomic<bool> refused{false};
     std::atomic<uint32_t> pingAfterMS{0}, deadAfterMS{0};
-    transport::Mutex stateLock;
+    Mutex stateLock;
     bool controlConnected GUARDED_BY(stateLock) = false;
     bool dataConnected GUARDED_BY(stateLock) = false;
     bool sidePending GUARDED_BY(stateLock) = false;

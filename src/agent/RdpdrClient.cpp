@@ -23,14 +23,14 @@ RdpdrClient::RdpdrClient(std::unique_ptr<platform::ByteStream> stream, const Cli
                clientOptions.outlivesConnections),
       clientId(std::random_device{}()), channel(NewChannel(std::move(stream)))
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     requests.Connect(channel);
 }
 
 RdpdrClient::~RdpdrClient()
 {
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         stopping = true;
         clockWakeup.notify_all();
     }
@@ -58,7 +58,7 @@ std::shared_ptr<AgentChannel> RdpdrClient::NewChannel(std::unique_ptr<platform::
 
 std::shared_ptr<AgentChannel> RdpdrClient::Channel() const
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     return channel;
 }
 
@@ -72,7 +72,7 @@ void RdpdrClient::Reconnect(std::unique_ptr<platform::ByteStream> stream)
     clientId = std::random_device{}();
     const std::shared_ptr<AgentChannel> next = NewChannel(std::move(stream));
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         channel = next;
         confirmed = false;
         for (KnownShare &share : shares)
@@ -111,7 +111,7 @@ void RdpdrClient::Submit(DR_DEVICE_IOREQUEST request, ByteSpan payload,
         return;
     }
     if (expected.timed && clockSleeps) {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         clockWakeup.notify_all();
     }
     if (passage.channel == nullptr) {
@@ -171,7 +171,7 @@ void RdpdrClient::OnClientIdConfirm(ByteSpan packet)
     if (LoadRecord<DR_CORE_CLIENT_ANNOUNCE_RSP>(&packet[kHeaderEnd]).ClientId != clientId)
         return Channel()->Refuse("the plug-in confirmed another client id");
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         if (std::exchange(confirmed, true))
             return;
     }

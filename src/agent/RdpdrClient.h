@@ -133,7 +133,7 @@ private:
     std::atomic<bool> outlives{false};
     std::atomic<bool> firstConnection{true};
 
-    mutable transport::Mutex lock;
+    mutable Mutex lock;
     bool confirmed GUARDED_BY(lock) = false;
     std::vector<KnownShare> shares GUARDED_BY(lock);
     bool stopping GUARDED_BY(lock) = false;

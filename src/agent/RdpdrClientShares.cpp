@@ -49,7 +49,7 @@ void RdpdrClient::AddDevice(RemoteDevice device)
     const uint32_t wireId = device.id;
     bool back = false, usable = false;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         KnownShare *known = FindShare(device, &back);
         device.id = known ? known->device.id : FreeShareId(wireId);
         if (!known)
@@ -75,7 +75,7 @@ void RdpdrClient::Accept(uint32_t deviceId)
 {
     uint32_t wireId = 0;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         const auto known = std::find_if(shares.begin(), shares.end(), [deviceId](const KnownShare &share) {
             return share.device.id == deviceId;
         });
@@ -96,7 +96,7 @@ void RdpdrClient::OnDeviceRemove(ByteSpan packet)
     for (uint32_t wireId = 0; reader.Next(&wireId);) {
         uint32_t id = 0;
         {
-            const transport::MutexLock held(lock);
+            const MutexLock held(lock);
             const auto known = std::find_if(shares.begin(), shares.end(), [wireId](const KnownShare &share) {
                 return share.bound && share.wireId == wireId;
             });
@@ -117,7 +117,7 @@ void RdpdrClient::DropMissingShares(std::string_view name)
 {
     std::vector<uint32_t> missing;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         std::erase_if(shares, [&](const KnownShare &share) {
             if (share.bound || !(name.empty() || share.device.name == name))
                 return false;

@@ -151,7 +151,7 @@ void ReadAhead::OnBlock(const BlockPtr &block, const IoResult &result)
     block->bytes.assign(result.data.begin(), result.data.end());
     std::vector<Waiting> ready;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         block->arrived = true;
         if (block->ShowsEnd() && block->generation == writes->Generation())
             endSeen = true;
@@ -175,7 +175,7 @@ void ReadAhead::Read(uint64_t offset, uint32_t length, Handler handler)
     std::vector<BlockPtr> planned;
     bool covered, ready = false;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         DropStale();
         NoteProgress(offset, length);
         covered = CoveredBy(offset, length, &read.blocks);
@@ -206,7 +206,7 @@ void ReadAhead::Prime(uint32_t length, bool toEnd)
 {
     BlockPtr block;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         if (blocks.empty() && window.InFlight() < window.Limit())
             block = AddBlock(0, length);
         if (block)

@@ -75,7 +75,7 @@ private:
     const std::shared_ptr<WriteBehind> writes;
     TransferWindow &window;
 
-    transport::Mutex lock;
+    Mutex lock;
     std::map<uint64_t, BlockPtr> blocks GUARDED_BY(lock); // by offset, not overlapping
     std::vector<Waiting> waiting GUARDED_BY(lock);
     uint64_t nextOffset GUARDED_BY(lock) = 0; // where a reader from front to back goes on

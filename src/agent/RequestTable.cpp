@@ -17,7 +17,7 @@ nt::NTSTATUS RequestTable::Add(const Expected &expected, DR_DEVICE_IOREQUEST *re
     std::vector<uint8_t> largePayload;
     if (keeps && payload.size() > kSmallPayload)
         largePayload.assign(payload.begin(), payload.end());
-    const transport::MutexLock guard(lock);
+    const MutexLock guard(lock);
     if (ended || (freeSlots.empty() && slotCount >> kIndexBits != 0))
         return STATUS_CONNECTION_DISCONNECTED;
     const uint32_t fileId = request->FileId; // this side's
@@ -103,7 +103,7 @@ void RequestTable::Complete(ByteSpan packet)
     uint32_t wireDevice;
     std::vector<uint8_t> largePayload; // freed outside the lock
     {
-        const transport::MutexLock guard(lock);
+        const MutexLock guard(lock);
         if (index >= slotCount)
             return;
         Slot *slot = SlotOf(index);
@@ -135,7 +135,7 @@ void RequestTable::Complete(ByteSpan packet)
     }
     if (keeps && opened && !expected.ofConnection) {
         created.wireId = result.fileId;
-        const transport::MutexLock guard(lock);
+        const MutexLock guard(lock);
         result.fileId = files.Add(std::move(created));
     }
     handler(result);
@@ -145,7 +145,7 @@ template <class Predicate> void RequestTable::GiveUp(Predicate &&isMeant, nt::NT
 {
     std::vector<IoHandler> handlers;
     {
-        const transport::MutexLock guard(lock);
+        const MutexLock guard(lock);
         for (uint32_t index = 0; index < slotCount; ++index) {
             Slot *slot = SlotOf(index);
             if (slot->state != SlotState::Waiting || !isMeant(*slot))
@@ -172,7 +172,7 @@ void RequestTable::FailDevice(uint32_t deviceId, nt::NTSTATUS status)
 void RequestTable::FailAll(nt::NTSTATUS status)
 {
     {
-        const transport::MutexLock guard(lock);
+        const MutexLock guard(lock);
         ended = true;
     }
     GiveUp([](const Slot &) { return true; }, status);
@@ -182,7 +182,7 @@ void RequestTable::Tick(uint32_t maxTicks)
 {
     uint32_t now, silence;
     {
-        const transport::MutexLock guard(lock);
+        const MutexLock guard(lock);
         now = ++tick;
         silence = now - lastAnswer;
     }
@@ -197,13 +197,13 @@ void RequestTable::Tick(uint32_t maxTicks)
 
 size_t RequestTable::InFlight() const
 {
-    const transport::MutexLock guard(lock);
+    const MutexLock guard(lock);
     return waiting;
 }
 
 bool RequestTable::AnyTimed() const
 {
-    const transport::MutexLock guard(lock);
+    const MutexLock guard(lock);
     return timed != 0;
 }
 

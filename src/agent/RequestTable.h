@@ -9,7 +9,7 @@
 
 #include "agent/IoResult.h"
 #include "agent/LastingHandles.h"
-#include "transport/Mutex.h"
+#include "lib/misc/Mutex.h"
 
 #include <memory>
 #include <vector>
@@ -159,7 +159,7 @@ private:
     template <class Predicate> Released Release(Predicate &&isMeant) REQUIRES(lock);
 
     const bool keeps;
-    mutable transport::Mutex lock;
+    mutable Mutex lock;
     std::vector<std::unique_ptr<Slot[]>> chunks GUARDED_BY(lock);
     std::vector<uint32_t> freeSlots GUARDED_BY(lock);
     uint32_t slotCount GUARDED_BY(lock) = 0;

@@ -83,7 +83,7 @@ RequestTable::Found RequestTable::FateAtLoss(const Slot &slot)
 
 void RequestTable::Connect(std::shared_ptr<AgentChannel> newChannel)
 {
-    const transport::MutexLock guard(lock);
+    const MutexLock guard(lock);
     channel = std::move(newChannel);
     for (Share &share : shares)
         share.bound = false; // also one that was announced while the last connection went
@@ -94,7 +94,7 @@ void RequestTable::Disconnect()
     std::vector<std::pair<IoHandler, nt::NTSTATUS>> ending;
     std::shared_ptr<AgentChannel> former; // let go outside the lock
     {
-        const transport::MutexLock guard(lock);
+        const MutexLock guard(lock);
         former.swap(channel);
         ++connection;
         for (Share &share : shares)
@@ -163,7 +163,7 @@ template <class Predicate> RequestTable::Released RequestTable::Release(Predicat
 
 RequestTable::Released RequestTable::Bind(uint32_t shareId, uint32_t wireId)
 {
-    const transport::MutexLock guard(lock);
+    const MutexLock guard(lock);
     Share *share = FindShare(shareId);
     if (!share)
         share = &shares.emplace_back();
@@ -174,7 +174,7 @@ RequestTable::Released RequestTable::Bind(uint32_t shareId, uint32_t wireId)
 void RequestTable::RemoveShare(uint32_t shareId)
 {
     {
-        const transport::MutexLock guard(lock);
+        const MutexLock guard(lock);
         std::erase_if(shares, [shareId](const Share &share) { return share.id == shareId; });
         files.ForEach([shareId](RemoteHandle &file) { file.gone = file.gone || file.shareId == shareId; });
     }
@@ -185,7 +185,7 @@ uint32_t RequestTable::WireIdOf(uint32_t fileId, uint32_t *onlyOn)
 {
     if (!keeps)
         return fileId;
-    const transport::MutexLock guard(lock);
+    const MutexLock guard(lock);
     *onlyOn = connection;
     const RemoteHandle *file = files.Find(fileId);
     return file && !file->gone && file->connection == connection ? file->wireId : 0;
@@ -193,21 +193,21 @@ uint32_t RequestTable::WireIdOf(uint32_t fileId, uint32_t *onlyOn)
 
 void RequestTable::Remember(uint32_t fileId, std::shared_ptr<IReopen> reopen)
 {
-    const transport::MutexLock guard(lock);
+    const MutexLock guard(lock);
     if (RemoteHandle *file = files.Find(fileId))
         file->reopen = std::move(reopen);
 }
 
 std::shared_ptr<IReopen> RequestTable::WayTo(uint32_t fileId)
 {
-    const transport::MutexLock guard(lock);
+    const MutexLock guard(lock);
     const RemoteHandle *file = files.Find(fileId);
     return file ? file->reopen : nullptr;
 }
 
 bool RequestTable::DescribeReopening(uint32_t fileId, Reopening *reopening)
 {
-    const transport::MutexLock guard(lock);
+    const MutexLock guard(lock);
     const RemoteHandle *file = files.Find(fileId);
     if (!file || !file->reopening)
         return false;
@@ -219,7 +219,7 @@ RequestTable::Released RequestTable::EndReopening(const Reopening &reopening, nt
                                                   uint32_t wireId, bool *taken)
 {
     *taken = false;
-    const transport::MutexLock guard(lock);
+    const MutexLock guard(lock);
     if (reopening.connection != connection)
         return {};
     const auto isMeant = [&](const Slot &slot) {

@@ -19,7 +19,7 @@ double Seconds(TransferWindow::Clock::duration duration)
 
 TransferWindow::Transfer TransferWindow::Begin(size_t bytes, Time now)
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     // With nothing on its way, the time that nothing arrived doesn't count.
     if (inFlight == 0)
         deliveredAt = now;
@@ -58,7 +58,7 @@ void TransferWindow::MeasureDelay(Time begun, bool alone, Time now)
 
 void TransferWindow::NoteRoundTrip(Time begun, bool alone, Time now)
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     MeasureDelay(begun, alone, now);
 }
 
@@ -78,7 +78,7 @@ void TransferWindow::End(const Transfer &transfer, Time now)
 {
     std::vector<Waiter> released;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         inFlight -= transfer.bytes;
         Measure(transfer, now);
         if (inFlight <= Limit())
@@ -91,7 +91,7 @@ void TransferWindow::End(const Transfer &transfer, Time now)
 void TransferWindow::WhenBelow(Waiter waiter)
 {
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         if (inFlight > Limit()) {
             waiters.push_back(std::move(waiter));
             return;

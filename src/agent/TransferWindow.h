@@ -4,7 +4,7 @@
 #pragma once
 
 #include "agent/InlineFunction.h"
-#include "transport/Mutex.h"
+#include "lib/misc/Mutex.h"
 
 #include <atomic>
 #include <chrono>
@@ -55,7 +55,7 @@ private:
     std::atomic<size_t> inFlight{0};
     // The shortest delay is old: everything on its way is let run out, so that it can be measured anew.
     std::atomic<bool> probing{false};
-    transport::Mutex lock;
+    Mutex lock;
     uint64_t delivered GUARDED_BY(lock) = 0;
     Time deliveredAt GUARDED_BY(lock){};
     Rate rate GUARDED_BY(lock);        // bytes a second

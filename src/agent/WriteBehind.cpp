@@ -15,7 +15,7 @@ bool Overlap(uint64_t firstBegin, uint64_t firstEnd, uint64_t secondBegin, uint6
 
 void WriteErrors::Note(nt::NTSTATUS status)
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     if (forWrite == nt::STATUS_SUCCESS)
         forWrite = status;
     if (forFlush == nt::STATUS_SUCCESS)
@@ -24,13 +24,13 @@ void WriteErrors::Note(nt::NTSTATUS status)
 
 nt::NTSTATUS WriteErrors::TakeForWrite()
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     return std::exchange(forWrite, nt::STATUS_SUCCESS);
 }
 
 nt::NTSTATUS WriteErrors::TakeForFlush()
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     forWrite = nt::STATUS_SUCCESS;
     return std::exchange(forFlush, nt::STATUS_SUCCESS);
 }
@@ -63,7 +63,7 @@ void WriteBehind::Write(const Target &target, uint64_t offset, ByteSpan bytes, W
         return accepted();
     bool sendNow;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         ++generation;
         const uint64_t sequence = ++lastSequence;
         sendNow = !OverlapsActive(offset, end) && !OverlapsQueued(offset, end);
@@ -84,7 +84,7 @@ void WriteBehind::Append(const Target &target, ByteSpan bytes, Waiter accepted)
         return accepted();
     bool sendNow, full = false;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         ++generation;
         sendNow = active.empty() && queued.empty();
         Queued *last = queued.empty() ? nullptr : &queued.back();
@@ -119,7 +119,7 @@ void WriteBehind::Send(const Target &target, uint64_t offset, ByteSpan bytes)
 void WriteBehind::SendAppend(const AppendingPtr &append)
 {
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         append->floor = knownEnd.Before(append->bytes);
     }
     append->target.share->Write(
@@ -132,7 +132,7 @@ void WriteBehind::OnAppended(const AppendingPtr &append, const IoResult &result)
     const bool lost = result.status == STATUS_CONNECTION_DISCONNECTED;
     AppendFloor floor = append->floor;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         floor.known = floor.known && !knownEnd.WasCutSince(floor);
         if (!lost)
             knownEnd.NoteAppended(append->floor, result.Failed() ? 0 : result.length);
@@ -148,7 +148,7 @@ void WriteBehind::OnAppended(const AppendingPtr &append, const IoResult &result)
 void WriteBehind::OnLookedFor(const AppendingPtr &append, const AppendFound &found)
 {
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         if (found.fate == AppendFate::Unknown || knownEnd.WasCutSince(append->floor))
             knownEnd.NoteAppended(append->floor, 0);
         else
@@ -164,21 +164,21 @@ void WriteBehind::OnLookedFor(const AppendingPtr &append, const AppendFound &fou
 
 void WriteBehind::NoteFacts(const FileFacts &facts, uint64_t asked)
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     knownEnd.NoteSize(static_cast<uint64_t>(std::max<int64_t>(facts.endOfFile, 0)),
                       asked == generation && active.empty() && queued.empty());
 }
 
 void WriteBehind::SizeChanges()
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     ++generation;
     knownEnd.Cut();
 }
 
 void WriteBehind::SizeChanged(const IoResult &outcome, uint64_t size)
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     ++generation;
     if (!outcome.Failed() && active.empty() && queued.empty())
         knownEnd.NoteSize(size, true);
@@ -190,7 +190,7 @@ void WriteBehind::OnAnswer(const std::shared_ptr<WriteErrors> &errors, uint64_t 
     std::vector<Queued> sendable;
     std::vector<Waiter> satisfied;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         auto found = active.find(begin);
         done = found->second;
         // What was left out of a write is gone; a medium that is full is what cuts writes short.
@@ -256,7 +256,7 @@ void WriteBehind::WhenDone(Waiter waiter)
 void WriteBehind::WhenRangeDone(uint64_t offset, uint64_t length, Waiter waiter)
 {
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         const uint64_t end = length > std::numeric_limits<uint64_t>::max() - offset
                                  ? std::numeric_limits<uint64_t>::max()
                                  : offset + length;

@@ -26,7 +26,7 @@ public:
     nt::NTSTATUS TakeForFlush();
 
 private:
-    transport::Mutex lock;
+    Mutex lock;
     nt::NTSTATUS forWrite GUARDED_BY(lock) = nt::STATUS_SUCCESS;
     nt::NTSTATUS forFlush GUARDED_BY(lock) = nt::STATUS_SUCCESS;
 };
@@ -115,7 +115,7 @@ private:
 
     TransferWindow &window;
     std::atomic<uint64_t> generation{0};
-    transport::Mutex lock;
+    Mutex lock;
     uint64_t lastSequence GUARDED_BY(lock) = 0;
     std::map<uint64_t, Active> active GUARDED_BY(lock); // by where it begins; none overlaps another
     std::deque<Queued> queued GUARDED_BY(lock);         // in the order of their sequence

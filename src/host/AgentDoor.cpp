@@ -97,7 +97,7 @@ std::unique_ptr<ByteStream> AgentDoor::Await()
     for (;;) {
         Clear(false);
         {
-            const transport::MutexLock held(lock);
+            const MutexLock held(lock);
             found = std::move(agent);
             if (found || ended)
                 break;
@@ -127,7 +127,7 @@ std::unique_ptr<ByteStream> AgentDoor::Await()
 void AgentDoor::Shutdown()
 {
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         ended = true;
     }
     listener->Shutdown();
@@ -138,7 +138,7 @@ void AgentDoor::Clear(bool all)
     for (auto newcomer = newcomers.begin(); newcomer != newcomers.end();) {
         bool gone;
         {
-            const transport::MutexLock held(lock);
+            const MutexLock held(lock);
             gone = newcomer->seen;
         }
         if (all && !gone)
@@ -147,7 +147,7 @@ void AgentDoor::Clear(bool all)
             newcomer->thread.join();
         newcomer = all || gone ? newcomers.erase(newcomer) : std::next(newcomer);
     }
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     if (all)
         agent.reset(); // another good one
 }
@@ -163,7 +163,7 @@ void AgentDoor::LookAt(Newcomer *newcomer)
         newcomer->stream->Shutdown();
         refused(problem);
     }
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     if (problem.empty() && !agent)
         agent = std::make_unique<ReplayedStream>(newcomer->stream, std::move(greeting));
     newcomer->seen = true;

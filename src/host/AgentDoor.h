@@ -2,8 +2,8 @@
 // greeting is there and is a good one, several at once, so that none can keep the others out.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "platform/ByteStream.h"
-#include "transport/Mutex.h"
 
 #include <cstddef>
 #include <functional>
@@ -59,7 +59,7 @@ private:
     const int patienceMS;
     std::list<Newcomer> newcomers; // the thread's that is in Await
 
-    transport::Mutex lock;
+    Mutex lock;
     std::unique_ptr<platform::ByteStream> agent GUARDED_BY(lock); // the first good one
     bool ended GUARDED_BY(lock) = false;
 };

@@ -2,16 +2,13 @@
 // a plug-in gave us (a sink, a callback) is never called after the plug-in has taken it back.
 #pragma once
 
-#include "transport/Mutex.h"
+#include "lib/misc/Mutex.h"
 
 #include <condition_variable>
 #include <thread>
 #include <vector>
 
 namespace fodr::host {
-
-using transport::Mutex;
-using transport::MutexLock;
 
 class CallGate {
 public:

@@ -30,7 +30,7 @@ ControlServer::~ControlServer()
     EndWaiting(); // who came last
     std::list<Visitor> last;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         last.swap(visitors);
     }
     for (Visitor &visitor : last) {
@@ -42,7 +42,7 @@ ControlServer::~ControlServer()
 // Visitors whose request hasn't come yet.
 void ControlServer::EndWaiting()
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     for (const Visitor &visitor : visitors) {
         if (!visitor.answering)
             visitor.stream->Shutdown();
@@ -63,7 +63,7 @@ void ControlServer::AcceptMain()
 
 ControlServer::Visitor *ControlServer::LetIn(std::unique_ptr<platform::ByteStream> stream)
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     for (auto visitor = visitors.begin(); visitor != visitors.end();) {
         if (visitor->served && visitor->thread.joinable())
             visitor->thread.join();
@@ -84,13 +84,13 @@ void ControlServer::Serve(Visitor *visitor)
 {
     const auto request = ReceiveRequest(visitor->stream.get(), kRequestTimeoutMS);
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         visitor->answering = true;
     }
     if (request)
         SendReply(visitor->stream.get(), handler(*request));
     visitor->stream->Shutdown();
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     visitor->served = true;
 }
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/ControlProtocol.h"
-#include "transport/Mutex.h"
+#include "lib/misc/Mutex.h"
 
 #include <functional>
 #include <list>
@@ -42,7 +42,7 @@ private:
 
     const std::unique_ptr<platform::StreamListener> listener;
     const Handler handler;
-    transport::Mutex lock;
+    Mutex lock;
     std::list<Visitor> visitors GUARDED_BY(lock);
     std::thread acceptThread;
 };

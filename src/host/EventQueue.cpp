@@ -4,7 +4,7 @@ namespace fodr::host {
 
 void EventQueue::Post(Event event)
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     events.push_back(std::move(event));
     posted.notify_one();
 }
@@ -13,7 +13,7 @@ bool EventQueue::RunOne(Clock::time_point deadline)
 {
     Event event;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         while (events.empty()) {
             if (deadline == Clock::time_point::max())
                 posted.wait(lock);

@@ -1,7 +1,7 @@
 // Work for one thread, given by any.
 #pragma once
 
-#include "transport/Mutex.h"
+#include "lib/misc/Mutex.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -20,7 +20,7 @@ public:
     bool RunOne(Clock::time_point deadline = Clock::time_point::max());
 
 private:
-    transport::Mutex lock;
+    Mutex lock;
     std::condition_variable_any posted;
     std::deque<Event> events GUARDED_BY(lock);
 };

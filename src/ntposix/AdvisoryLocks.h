@@ -4,8 +4,8 @@
 #pragma once
 
 #include "lib/misc/LockRanges.h"
+#include "lib/misc/Mutex.h"
 #include "ntposix/BlockedCall.h"
-#include "ntposix/Mutex.h"
 #include "platform/NtRecords.h"
 #include "platform/NtStatus.h"
 

@@ -2,7 +2,7 @@
 // from outside: by what they wait for, by a cancel, by the close of the handle. Any thread.
 #pragma once
 
-#include "ntposix/Mutex.h"
+#include "lib/misc/Mutex.h"
 #include "platform/NtStatus.h"
 
 #include <atomic>

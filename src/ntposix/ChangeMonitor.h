@@ -6,9 +6,9 @@
 // same tree for the same changes share what is kept of its folders.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "ntposix/ChangeWatch.h"
 #include "ntposix/Fd.h"
-#include "ntposix/Mutex.h"
 
 #include <atomic>
 #include <compare>

@@ -2,9 +2,9 @@
 // who waits, and whether something changed while nobody did. Any thread.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "ntposix/BlockedCall.h"
 #include "ntposix/FileObject.h"
-#include "ntposix/Mutex.h"
 #include "platform/Nt.h"
 
 #include <cstdint>

@@ -1,8 +1,8 @@
 // The names of one directory by their folded form. Not safe for several threads: its user holds `lock`.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "ntposix/FileObject.h"
-#include "ntposix/Mutex.h"
 
 #include <time.h>
 

@@ -6,9 +6,9 @@
 // Any thread.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "ntposix/DirectoryIndex.h"
 #include "ntposix/Fd.h"
-#include "ntposix/Mutex.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -6,9 +6,9 @@
 // file call.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "ntposix/AdvisoryLocks.h"
 #include "ntposix/LockTable.h"
-#include "ntposix/Mutex.h"
 #include "platform/NtStatus.h"
 
 #include <cstdint>

@@ -1,8 +1,8 @@
 // The file objects of every file that is open, by device and inode. Any thread.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "ntposix/FileObject.h"
-#include "ntposix/Mutex.h"
 
 #include <array>
 #include <cstddef>

@@ -4,8 +4,8 @@
 // (LockTable::ReleaseAll, of the FileObject) and before its descriptor is closed.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "ntposix/BlockedCall.h"
-#include "ntposix/Mutex.h"
 
 #include <memory>
 

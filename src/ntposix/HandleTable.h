@@ -5,7 +5,7 @@
 // until its OpenFileRef goes, whoever closes the handle meanwhile.
 #pragma once
 
-#include "ntposix/Mutex.h"
+#include "lib/misc/Mutex.h"
 #include "ntposix/OpenFile.h"
 
 #include <array>

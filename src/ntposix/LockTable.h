@@ -2,8 +2,8 @@
 // 2.1.5.9). Any thread. Each FileObject holds one; a file without locks pays one atomic load a transfer.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "ntposix/BlockedCall.h"
-#include "ntposix/Mutex.h"
 #include "platform/NtStatus.h"
 
 #include <atomic>

@@ -13,9 +13,9 @@
 // stored is never older than what was stored before.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "ntposix/Fd.h"
 #include "ntposix/FileObject.h"
-#include "ntposix/Mutex.h"
 
 #include <cstdint>
 #include <functional>

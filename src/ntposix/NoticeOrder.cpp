@@ -6,8 +6,6 @@
 
 namespace fodr::nt {
 
-using ntposix::MutexLock;
-
 namespace {
 
 thread_local NoticeOrder::Delivery *currentDelivery = nullptr;

@@ -2,7 +2,7 @@
 // thread.
 #pragma once
 
-#include "ntposix/Mutex.h"
+#include "lib/misc/Mutex.h"
 #include "platform/Nt.h"
 
 #include <atomic>
@@ -31,7 +31,7 @@ struct NoticeOrder::State {
     std::atomic<size_t> endedOnes{0}; // as many as `ended` has
 
 private:
-    ntposix::Mutex lock;
+    Mutex lock;
     std::condition_variable_any delivered;
     std::set<uint64_t> ended GUARDED_BY(lock); // numbers, the oldest first
     uint64_t lastNumber GUARDED_BY(lock) = 0;

@@ -1,9 +1,9 @@
 // The roots of the shares that there are, and the folders that stand behind them. Any thread.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "ntposix/Fd.h"
 #include "ntposix/FileObject.h"
-#include "ntposix/Mutex.h"
 #include "platform/Nt.h"
 
 #include <memory>

@@ -7,10 +7,10 @@
 // else does. So two ends that send without pause can't block each other.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "platform/ByteStream.h"
 #include "transport/FrameBuffer.h"
 #include "transport/Frames.h"
-#include "transport/Mutex.h"
 
 #include <atomic>
 #include <condition_variable>

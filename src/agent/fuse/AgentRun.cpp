@@ -94,7 +94,7 @@ void AgentRun::WakeUp()
 void AgentRun::OnReady()
 {
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         ready = true;
     }
     WakeUp();
@@ -136,7 +136,7 @@ void AgentRun::NoteShown(const RemoteDevice &device)
 {
     client->Channel()->SendNotice(transport::NoticeKind::ShareReady, device.name);
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         shown = true;
     }
     WakeUp();
@@ -150,7 +150,7 @@ void AgentRun::OnDeviceRemoved(uint32_t deviceId)
 void AgentRun::OnGoodbye(const std::string &)
 {
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         goodbye = true;
     }
     WakeUp();
@@ -159,7 +159,7 @@ void AgentRun::OnGoodbye(const std::string &)
 void AgentRun::OnLost(ChannelEnd end, const std::string &reason)
 {
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         lost = true;
         channelEnd = end;
         endReason = reason;
@@ -170,7 +170,7 @@ void AgentRun::OnLost(ChannelEnd end, const std::string &reason)
 void AgentRun::OnEnded(ChannelEnd end, const std::string &reason)
 {
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         ended = true;
         channelEnd = end;
         endReason = reason;
@@ -182,7 +182,7 @@ void AgentRun::OnEnded(ChannelEnd end, const std::string &reason)
 
 AgentRun::Event AgentRun::WhatHappened(Until until)
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     if (ended)
         return Event::Ended;
     if (unmounted)
@@ -231,7 +231,7 @@ AgentRun::Event AgentRun::WaitFor(Until until, int timeoutMS)
 
 std::pair<ChannelEnd, std::string> AgentRun::HowItEnded()
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     return {channelEnd, endReason};
 }
 
@@ -314,7 +314,7 @@ bool AgentRun::MountNow()
     }
     session->Start([this] {
         {
-            const transport::MutexLock held(lock);
+            const MutexLock held(lock);
             unmounted = true;
         }
         WakeUp();
@@ -347,7 +347,7 @@ void AgentRun::WaitForWrites()
     const auto end = std::chrono::steady_clock::now() + kWritesTime;
     while (files.HasWritesInFlight() && std::chrono::steady_clock::now() < end) {
         {
-            const transport::MutexLock held(lock);
+            const MutexLock held(lock);
             if (ended || lost)
                 return;
         }

@@ -78,7 +78,7 @@ private:
     Clock::time_point successorLimit{};
     std::thread nextThread; // while there is no connection
 
-    transport::Mutex lock;
+    Mutex lock;
     bool ready GUARDED_BY(lock) = false;
     bool goodbye GUARDED_BY(lock) = false;
     bool unmounted GUARDED_BY(lock) = false;

@@ -80,7 +80,7 @@ AgentRun::Event AgentRun::GoOn(std::unique_ptr<platform::ByteStream> stream)
 {
     EndNextStream();
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         ready = shown = lost = false;
     }
     client->Reconnect(std::move(stream));
@@ -136,13 +136,13 @@ void AgentRun::BeginNextStream()
     if (!options.nextStream || nextThread.joinable())
         return;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         nextWanted = true;
     }
     nextThread = std::thread([this] {
         for (;;) {
             std::unique_ptr<platform::ByteStream> stream = options.nextStream();
-            const transport::MutexLock held(lock);
+            const MutexLock held(lock);
             if (!nextWanted)
                 return;
             if (!stream)
@@ -156,7 +156,7 @@ void AgentRun::BeginNextStream()
 
 std::unique_ptr<platform::ByteStream> AgentRun::TakeNextStream()
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     return std::move(nextStream);
 }
 
@@ -165,7 +165,7 @@ void AgentRun::EndNextStream()
     if (!nextThread.joinable())
         return;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         nextWanted = false;
     }
     options.stopNextStream();

@@ -5,7 +5,6 @@
 namespace fodr::agent {
 namespace {
 
-using transport::MutexLock;
 using namespace std::chrono_literals;
 
 // Listings of one folder: the first after a notice waits for what comes with it, and one that takes long is

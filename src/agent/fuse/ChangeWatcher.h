@@ -72,7 +72,7 @@ private:
     MountState &mount;
     DirectoryOperations &listings;
     EventActor actor{mount};
-    transport::Mutex lock;
+    Mutex lock;
     Folders folders GUARDED_BY(lock);
     size_t entriesInAll GUARDED_BY(lock) = 0;
     size_t underWay GUARDED_BY(lock) = 0; // listings

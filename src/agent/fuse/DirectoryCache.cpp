@@ -10,8 +10,6 @@
 namespace fodr::agent {
 namespace {
 
-using transport::MutexLock;
-
 constexpr uint32_t kWatched = nt::FILE_NOTIFY_CHANGE_FILE_NAME | nt::FILE_NOTIFY_CHANGE_DIR_NAME |
                               nt::FILE_NOTIFY_CHANGE_ATTRIBUTES | nt::FILE_NOTIFY_CHANGE_SIZE |
                               nt::FILE_NOTIFY_CHANGE_LAST_WRITE | nt::FILE_NOTIFY_CHANGE_CREATION;

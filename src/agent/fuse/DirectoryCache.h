@@ -40,7 +40,7 @@ private:
     const std::shared_ptr<RemoteShare> share;
     const uint32_t fileId;
     RecentNames names;
-    transport::Mutex lock;
+    Mutex lock;
     std::optional<nt::NTSTATUS> checked GUARDED_BY(lock);
     std::vector<InlineFunction<void(nt::NTSTATUS)>> waiting GUARDED_BY(lock);
 };
@@ -104,7 +104,7 @@ private:
     const ChangeHook changeHook;
     const LeaveHook leaveHook;
     const WatchHook watchHook;
-    transport::Mutex lock;
+    Mutex lock;
     Slots slots GUARDED_BY(lock);
     uint64_t lastSerial GUARDED_BY(lock) = 0;
 };

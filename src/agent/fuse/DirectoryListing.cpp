@@ -8,8 +8,6 @@
 
 namespace fodr::agent {
 
-using transport::MutexLock;
-
 DirectoryListing::~DirectoryListing()
 {
     // The last reference: nobody else looks.

@@ -77,7 +77,7 @@ private:
     const bool ofRoot;
     const uint64_t wantedId;
 
-    mutable transport::Mutex lock;
+    mutable Mutex lock;
     std::deque<Entry> entries GUARDED_BY(lock);
     std::vector<std::string> hidden GUARDED_BY(lock);
     struct Pending {

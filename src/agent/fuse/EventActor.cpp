@@ -13,7 +13,6 @@
 namespace fodr::agent {
 namespace {
 
-using transport::MutexLock;
 using Kind = FolderEvent::Kind;
 
 constexpr size_t kBatch = 64; // acted with one look for the mount

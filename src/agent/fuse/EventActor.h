@@ -78,7 +78,7 @@ private:
     MountState &mount;
     std::atomic<pid_t> threadId{0};
     std::atomic<uint64_t> proof{0}; // the node whose attributes the thread asked for last
-    transport::Mutex lock;
+    Mutex lock;
     std::condition_variable_any changed;
     std::string mountPoint GUARDED_BY(lock);
     std::deque<FolderEvent> waiting GUARDED_BY(lock);

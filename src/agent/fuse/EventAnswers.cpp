@@ -9,7 +9,6 @@
 namespace fodr::agent {
 namespace {
 
-using transport::MutexLock;
 using Kind = FolderEvent::Kind;
 
 const std::string kNowhere = std::string(kHiddenPrefix) + "events";

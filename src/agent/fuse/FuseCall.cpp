@@ -228,7 +228,7 @@ InterruptWatch::InterruptWatch() : thread([this] { ThreadMain(); }) {}
 InterruptWatch::~InterruptWatch()
 {
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         stopping = true;
         wakeup.notify_all();
     }
@@ -237,7 +237,7 @@ InterruptWatch::~InterruptWatch()
 
 void InterruptWatch::OnInterrupt(std::weak_ptr<FuseCall> call)
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     interrupted.push_back(std::move(call));
     wakeup.notify_all();
 }
@@ -247,7 +247,7 @@ void InterruptWatch::ThreadMain()
     std::vector<std::weak_ptr<FuseCall>> watched;
     for (;;) {
         {
-            const transport::MutexLock held(lock);
+            const MutexLock held(lock);
             while (!stopping && interrupted.empty() && watched.empty())
                 wakeup.wait(lock);
             if (!stopping && interrupted.empty())

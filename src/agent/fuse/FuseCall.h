@@ -4,7 +4,7 @@
 #include "agent/FileFacts.h"
 #include "agent/InlineFunction.h"
 #include "lib/misc/LockRanges.h"
-#include "transport/Mutex.h"
+#include "lib/misc/Mutex.h"
 
 #include <atomic>
 #include <chrono>
@@ -107,7 +107,7 @@ public:
 private:
     void ThreadMain();
 
-    transport::Mutex lock;
+    Mutex lock;
     std::condition_variable_any wakeup;
     std::vector<std::weak_ptr<FuseCall>> interrupted GUARDED_BY(lock);
     bool stopping GUARDED_BY(lock) = false;

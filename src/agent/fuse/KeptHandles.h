@@ -1,7 +1,7 @@
 // What the kernel has open, by the numbers that it is given for it. Any thread.
 #pragma once
 
-#include "transport/Mutex.h"
+#include "lib/misc/Mutex.h"
 
 #include <cstdint>
 #include <memory>
@@ -19,7 +19,7 @@ public:
     {
         auto kept = std::make_unique<Pointer>(std::move(thing));
         Pointer *place = kept.get();
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         places.insert(place);
         kept.release();
         return reinterpret_cast<uint64_t>(place);
@@ -28,7 +28,7 @@ public:
     Pointer Drop(uint64_t handle)
     {
         std::unique_ptr<Pointer> place(reinterpret_cast<Pointer *>(handle));
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         places.erase(place.get());
         return std::move(*place);
     }
@@ -36,7 +36,7 @@ public:
     std::vector<Pointer> DropAll()
     {
         std::vector<Pointer> things;
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         for (Pointer *place : places) {
             things.push_back(std::move(*place));
             delete place;
@@ -46,7 +46,7 @@ public:
     }
 
 private:
-    transport::Mutex lock;
+    Mutex lock;
     std::unordered_set<Pointer *> places GUARDED_BY(lock);
 };
 

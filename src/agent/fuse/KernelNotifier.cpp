@@ -4,8 +4,6 @@
 
 namespace fodr::agent {
 
-using transport::MutexLock;
-
 KernelNotifier::KernelNotifier() : thread([this] { ThreadMain(); }) {}
 
 KernelNotifier::~KernelNotifier()

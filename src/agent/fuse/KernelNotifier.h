@@ -3,7 +3,7 @@
 #pragma once
 
 #include "agent/InlineFunction.h"
-#include "transport/Mutex.h"
+#include "lib/misc/Mutex.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -48,7 +48,7 @@ private:
     bool WaitForWork(std::vector<Notice> *batch, InlineFunction<void()> *due) REQUIRES(lock);
     static void Tell(fuse_session *fuseSession, const Notice &notice);
 
-    transport::Mutex lock;
+    Mutex lock;
     std::condition_variable_any wakeup;
     std::vector<Notice> notices GUARDED_BY(lock);
     std::multimap<Clock::time_point, InlineFunction<void()>> calls GUARDED_BY(lock);

@@ -1,8 +1,8 @@
 // Further names of files, and names that change places.
 #pragma once
 
-#include "agent/fuse/StickyNames.h"
 #include "agent/fuse/PlaceFinder.h"
+#include "agent/fuse/StickyNames.h"
 
 namespace fodr::agent {
 

@@ -4,8 +4,6 @@
 
 namespace fodr::agent {
 
-using transport::MutexLock;
-
 LockRanges::Neighbours NeighboursOf(const OpenFilePtr &handle)
 {
     const bool joins = !handle || handle->share->Has(nt::FODR_HOST_ADVISORY_LOCKS);

@@ -46,7 +46,7 @@ public:
     int Process() const;
 
 private:
-    mutable transport::Mutex lock;
+    mutable Mutex lock;
     OpenFilePtr handle GUARDED_BY(lock);
     LockRanges bytes GUARDED_BY(lock);
     std::optional<bool> whole GUARDED_BY(lock);
@@ -81,7 +81,7 @@ public:
 
 private:
     std::atomic<size_t> count{0}; // of most mounts 0
-    mutable transport::Mutex lock;
+    mutable Mutex lock;
     std::unordered_map<const Node *, std::vector<LockOwnerPtr>> owners GUARDED_BY(lock);
 };
 

@@ -4,8 +4,6 @@
 
 namespace fodr::agent {
 
-using transport::MutexLock;
-
 bool NameGate::Admit(Entry entry)
 {
     if (alone || (entry == Entry::Alone && inside != 0))

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "agent/InlineFunction.h"
-#include "transport/Mutex.h"
+#include "lib/misc/Mutex.h"
 
 #include <deque>
 
@@ -27,7 +27,7 @@ private:
         Entry entry;
         Waiter waiter;
     };
-    transport::Mutex lock;
+    Mutex lock;
     size_t inside GUARDED_BY(lock) = 0;
     bool alone GUARDED_BY(lock) = false;
     std::deque<Waiting> waiting GUARDED_BY(lock);

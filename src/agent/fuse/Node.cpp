@@ -29,19 +29,19 @@ OpenFile::~OpenFile()
 
 void OpenState::Add(const OpenFilePtr &file)
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     files.push_back(file);
 }
 
 void OpenState::Remove(const OpenFilePtr &file)
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     files.erase(std::find(files.begin(), files.end(), file));
 }
 
 void OpenState::BeginClose()
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     ++closing;
 }
 
@@ -49,7 +49,7 @@ void OpenState::EndClose()
 {
     std::vector<Waiter> ready;
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         ++closesEnded;
         if (--closing == 0)
             ready.swap(waiters);
@@ -60,7 +60,7 @@ void OpenState::EndClose()
 
 OpenFilePtr OpenState::Any(bool writable) const
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     for (const OpenFilePtr &file : files) {
         if (!writable || file->writable)
             return file;
@@ -70,7 +70,7 @@ OpenFilePtr OpenState::Any(bool writable) const
 
 OpenFilePtr OpenState::AnyWith(uint32_t access) const
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     for (const OpenFilePtr &file : files) {
         if (file->access == access)
             return file;
@@ -80,7 +80,7 @@ OpenFilePtr OpenState::AnyWith(uint32_t access) const
 
 OpenFilePtr OpenState::AnyThatChangesBasics() const
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     const auto found =
         std::find_if(files.begin(), files.end(), [](const OpenFilePtr &file) { return file->changesBasics; });
     return found == files.end() ? nullptr : *found;
@@ -88,26 +88,26 @@ OpenFilePtr OpenState::AnyThatChangesBasics() const
 
 bool OpenState::IsOpen() const
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     return !files.empty();
 }
 
 bool OpenState::IsClosing() const
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     return closing != 0;
 }
 
 uint64_t OpenState::ClosesEnded() const
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     return closesEnded;
 }
 
 void OpenState::WhenNoneClosing(Waiter waiter)
 {
     {
-        const transport::MutexLock held(lock);
+        const MutexLock held(lock);
         if (closing != 0) {
             waiters.push_back(std::move(waiter));
             return;
@@ -118,19 +118,19 @@ void OpenState::WhenNoneClosing(Waiter waiter)
 
 void OpenState::SetDeletion(uint32_t deletingFileId)
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     deletion = deletingFileId;
 }
 
 bool OpenState::IsDeleted() const
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     return deletion != 0;
 }
 
 uint32_t OpenState::TakeDeletion()
 {
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     return files.empty() ? std::exchange(deletion, 0) : 0;
 }
 
@@ -139,7 +139,7 @@ bool Node::NoteFacts(const FileFacts &seen)
     std::shared_ptr<WriteBehind> read;
     bool changed;
     {
-        const transport::MutexLock held(factsLock);
+        const MutexLock held(factsLock);
         changed = factsKnown && !facts.SameContent(seen);
         if (changed)
             read = writes;
@@ -155,13 +155,13 @@ bool Node::NoteFacts(const FileFacts &seen)
 void Node::NoteFactsOfOpen(const FileFacts &seen)
 {
     NoteFacts(seen);
-    const transport::MutexLock held(factsLock);
+    const MutexLock held(factsLock);
     openedAt = Clock::now();
 }
 
 bool Node::TakeFactsOfOpen(Clock::duration span, FileFacts *seen, Clock::time_point *opened)
 {
-    const transport::MutexLock held(factsLock);
+    const MutexLock held(factsLock);
     const Clock::time_point at = std::exchange(openedAt, Clock::time_point());
     if (at == Clock::time_point() || Clock::now() - at >= span || ChangedSince(at))
         return false;
@@ -172,39 +172,39 @@ bool Node::TakeFactsOfOpen(Clock::duration span, FileFacts *seen, Clock::time_po
 
 void Node::DropFactsOfOpen()
 {
-    const transport::MutexLock held(factsLock);
+    const MutexLock held(factsLock);
     openedAt = {};
 }
 
 bool Node::LastFacts(FileFacts *last) const
 {
-    const transport::MutexLock held(factsLock);
+    const MutexLock held(factsLock);
     *last = facts;
     return factsKnown;
 }
 
 void Node::NoteTarget(const std::string &linkTarget)
 {
-    const transport::MutexLock held(factsLock);
+    const MutexLock held(factsLock);
     target = linkTarget;
 }
 
 std::string Node::Target() const
 {
-    const transport::MutexLock held(factsLock);
+    const MutexLock held(factsLock);
     return target;
 }
 
 void Node::NoteListing(const std::shared_ptr<DirectoryListing> &listing)
 {
-    const transport::MutexLock held(factsLock);
+    const MutexLock held(factsLock);
     std::erase_if(listings, [](const auto &known) { return known.expired(); });
     listings.push_back(listing);
 }
 
 std::shared_ptr<DirectoryListing> Node::AnyListing() const
 {
-    const transport::MutexLock held(factsLock);
+    const MutexLock held(factsLock);
     for (const auto &known : listings) {
         if (std::shared_ptr<DirectoryListing> listing = known.lock(); listing && listing->IsOpen())
             return listing;
@@ -216,7 +216,7 @@ void Node::EndListings()
 {
     std::vector<std::weak_ptr<DirectoryListing>> ended;
     {
-        const transport::MutexLock held(factsLock);
+        const MutexLock held(factsLock);
         ended.swap(listings);
     }
     for (const auto &known : ended) {
@@ -227,7 +227,7 @@ void Node::EndListings()
 
 std::shared_ptr<WriteBehind> Node::Writes(TransferWindow &window)
 {
-    const transport::MutexLock held(factsLock);
+    const MutexLock held(factsLock);
     if (!writes)
         writes = std::make_shared<WriteBehind>(window);
     return writes;
@@ -235,7 +235,7 @@ std::shared_ptr<WriteBehind> Node::Writes(TransferWindow &window)
 
 std::shared_ptr<WriteBehind> Node::WritesIfAny() const
 {
-    const transport::MutexLock held(factsLock);
+    const MutexLock held(factsLock);
     return writes;
 }
 

@@ -75,7 +75,7 @@ public:
     uint32_t TakeDeletion();
 
 private:
-    mutable transport::Mutex lock;
+    mutable Mutex lock;
     std::vector<OpenFilePtr> files GUARDED_BY(lock);
     std::vector<Waiter> waiters GUARDED_BY(lock);
     size_t closing GUARDED_BY(lock) = 0;
@@ -217,7 +217,7 @@ private:
         return until != 0 && Clock::now().time_since_epoch().count() < until;
     }
 
-    mutable transport::Mutex factsLock;
+    mutable Mutex factsLock;
     bool factsKnown GUARDED_BY(factsLock) = false;
     FileFacts facts GUARDED_BY(factsLock);
     Clock::time_point openedAt GUARDED_BY(factsLock); // when the facts came with an open; zero: they didn't

@@ -6,8 +6,6 @@
 
 namespace fodr::agent {
 
-using transport::MutexLock;
-
 NodeTable::NodeTable() : root(std::make_shared<Node>(kRootId, NodeKind::Directory))
 {
     const MutexLock held(lock);

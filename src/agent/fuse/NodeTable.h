@@ -108,7 +108,7 @@ private:
     void DropIfUnused(const NodePtr &node) REQUIRES(lock);
     bool LocatePath(const Node *node, Place *place) const REQUIRES(lock);
 
-    mutable transport::Mutex lock;
+    mutable Mutex lock;
     NodePtr root;
     uint64_t lastId GUARDED_BY(lock) = kRootId;
     std::unordered_map<uint64_t, NodePtr> nodes GUARDED_BY(lock);

@@ -2,8 +2,6 @@
 
 namespace fodr::agent {
 
-using transport::MutexLock;
-
 OpenedAhead::Handle::~Handle()
 {
     share->Close(fileId, [](const IoResult &) {});

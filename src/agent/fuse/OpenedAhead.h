@@ -45,7 +45,7 @@ public:
     void Purge(bool all);
 
 private:
-    mutable transport::Mutex lock;
+    mutable Mutex lock;
     std::vector<Found> kept GUARDED_BY(lock);
 };
 

@@ -15,7 +15,7 @@ RecentNames::ToldPtr RecentNames::Recall(Clock::time_point now, Clock::duration 
 {
     const bool welcome = std::exchange(*ask, false);
     ToldPtr old; // let go outside the lock
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     if (told && now - told->asked < span)
         return told;
     old = std::move(told);
@@ -42,7 +42,7 @@ void RecentNames::Answered(Clock::time_point asked, ByteSpan answer, bool hasIds
         entry.CopyName(&name);
         names->names.emplace(name, entry.facts);
     }
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     asking = false;
     if (asked > forgotten && !names->names.empty() && !reader.Malformed())
         told = std::move(names);
@@ -51,7 +51,7 @@ void RecentNames::Answered(Clock::time_point asked, ByteSpan answer, bool hasIds
 void RecentNames::Forget(Clock::time_point now)
 {
     ToldPtr gone;
-    const transport::MutexLock held(lock);
+    const MutexLock held(lock);
     gone = std::move(told);
     if (gone)
         gone->forgotten = true;

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "agent/FileFacts.h"
-#include "transport/Mutex.h"
+#include "lib/misc/Mutex.h"
 
 #include <atomic>
 #include <chrono>
@@ -36,7 +36,7 @@ public:
     void Forget(Clock::time_point now);
 
 private:
-    transport::Mutex lock;
+    Mutex lock;
     ToldPtr told GUARDED_BY(lock);
     bool asking GUARDED_BY(lock) = false;
     Clock::time_point lastLookup GUARDED_BY(lock){}, lastAsked GUARDED_BY(lock){},

@@ -133,7 +133,7 @@ public:
         share.QueryInformation(fileId, FactsClassOf(share), [asked, &share](const IoResult &result) {
             InlineFunction<void()> ready;
             {
-                const transport::MutexLock held(asked->lock);
+                const MutexLock held(asked->lock);
                 asked->status = TakeFacts(share, result, &asked->facts);
                 asked->arrived = true;
                 ready = std::move(asked->waiter);
@@ -147,7 +147,7 @@ public:
     {
         return AwaitCall([this](InlineFunction<void()> done) {
             {
-                const transport::MutexLock held(lock);
+                const MutexLock held(lock);
                 if (!arrived) {
                     waiter = std::move(done);
                     return;
@@ -161,7 +161,7 @@ public:
     FileFacts facts;
 
 private:
-    transport::Mutex lock;
+    Mutex lock;
     bool arrived GUARDED_BY(lock) = false;
     InlineFunction<void()> waiter GUARDED_BY(lock);
 };

@@ -5,7 +5,7 @@
 
 #include <mutex>
 
-namespace fodr::transport {
+namespace fodr {
 
 // lock and unlock make it serve std::condition_variable_any, too.
 class CAPABILITY("mutex") Mutex {
@@ -28,4 +28,4 @@ private:
     Mutex &mutex;
 };
 
-} // namespace fodr::transport
+} // namespace fodr
