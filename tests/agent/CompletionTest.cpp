@@ -1,8 +1,8 @@
 // What comes back: answers in any order, cut, mutated, late, repeated, or never.
 #include "ScriptedPlugin.h"
 #include "agent/BlockingShare.h"
-#include "agent/DeviceRecords.h"
 #include "agent/FileFacts.h"
+#include "agent/SharePackets.h"
 #include "platform/NtRecords.h"
 
 #include <algorithm>

@@ -1,8 +1,7 @@
-#include "agent/fuse/FileOperations.h"
-
 #include "agent/fuse/Fuse.h"
+#include "agent/fuse/Operations.h"
+#include "agent/fuse/PosixMapping.h"
 #include "agent/fuse/RemoteCalls.h"
-#include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>

@@ -1,7 +1,6 @@
-#include "agent/fuse/LockOperations.h"
-
-#include "agent/AgentStatus.h"
-#include "agent/fuse/StatusErrno.h"
+#include "agent/IoResult.h"
+#include "agent/fuse/Operations.h"
+#include "agent/fuse/PosixMapping.h"
 #include "platform/Nt.h"
 
 #include <algorithm>

@@ -1,5 +1,4 @@
-#include "agent/fuse/RangeOperations.h"
-
+#include "agent/fuse/Operations.h"
 #include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
 
