@@ -173,12 +173,9 @@ Task<nt::NTSTATUS> AttributeOperations::CheckIdentity(NodePtr node, std::shared_
 Task<nt::NTSTATUS> AttributeOperations::SetSize(NodePtr node, const Borrowed &borrowed, uint64_t size)
 {
     const std::shared_ptr<WriteBehind> writes = node->WritesIfAny();
-    std::array<uint8_t, 8> record;
-    StoreLittle(record.data(), size);
     if (writes)
         writes->SizeChanges();
-    const IoResult result =
-        co_await SetFile(*borrowed.share, borrowed.fileId, nt::FileEndOfFileInformation, record);
+    const IoResult result = co_await SetEndOfFile(*borrowed.share, borrowed.fileId, size);
     if (writes)
         writes->SizeChanged(result, size);
     co_return result.status;
@@ -241,8 +238,7 @@ Detached AttributeOperations::SetAttributes(FuseCall::Ptr call, uint64_t nodeId,
         call->Fail(refusal);
         co_return;
     }
-    if (const std::shared_ptr<WriteBehind> writes = node->WritesIfAny())
-        co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    co_await AwaitWrites(node->WritesIfAny());
     const auto asked = Node::Clock::now();
     Changed changed;
     if (change.setSize || change.SetsTimes() || change.SetsModeOrOwner()) {

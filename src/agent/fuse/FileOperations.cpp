@@ -115,11 +115,10 @@ Detached FileOperations::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
 Task<nt::NTSTATUS> FileOperations::Truncate(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId)
 {
     const std::shared_ptr<WriteBehind> writes = node->Writes(mount.writeWindow);
-    co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    co_await AwaitWrites(writes);
     node->NoteOwnChange();
     writes->SizeChanges();
-    const std::array<uint8_t, 8> nothing{};
-    const IoResult result = co_await SetFile(*share, fileId, nt::FileEndOfFileInformation, nothing);
+    const IoResult result = co_await SetEndOfFile(*share, fileId, 0);
     writes->SizeChanged(result, 0);
     node->NoteOwnChange();
     co_return result.status;

@@ -100,8 +100,7 @@ Detached LinkOperations::Link(FuseCall::Ptr call, uint64_t nodeId, uint64_t newP
     if (!co_await Locate(call, &moving, nt::FODR_HOST_LX_FILES, EPERM))
         co_return;
     // What is being written is shown as it will be.
-    if (const std::shared_ptr<WriteBehind> writes = node->WritesIfAny())
-        co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    co_await AwaitWrites(node->WritesIfAny());
     const auto asked = Node::Clock::now();
     FileFacts facts;
     const nt::NTSTATUS status = co_await Apply(&moving, Change::Link, &facts);

@@ -167,8 +167,7 @@ Task<Found> FactsFinder::FactsOf(NodePtr node, Freshness freshness)
     Found found;
     found.asked = Node::Clock::now();
     const std::shared_ptr<WriteBehind> writes = node->WritesIfAny();
-    if (writes)
-        co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    co_await AwaitWrites(writes);
     const OpenFilePtr file = node->opens.Any(false);
     if (file) {
         if (node->TakeFactsOfOpen(mount.UnwatchedSpan(), &found.facts, &found.asked))

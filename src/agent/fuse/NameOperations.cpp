@@ -80,8 +80,8 @@ Detached NameOperations::Lookup(FuseCall::Ptr call, uint64_t parentId, std::stri
     }
     // What is being written is looked up as it will be.
     const NodePtr known = mount.table.Child(parent, name);
-    if (const std::shared_ptr<WriteBehind> writes = known ? known->WritesIfAny() : nullptr)
-        co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    if (known)
+        co_await AwaitWrites(known->WritesIfAny());
     Found found;
     const std::optional<FileFacts> ahead = mount.openedAhead.Look(parent, name);
     if (ahead) {

@@ -233,7 +233,8 @@ public:
 
 private:
     enum class Use { Reads, Changes };
-    Task<bool> Locate(FuseCall::Ptr call, NodePtr node, Use use, Place *place);
+    Task<bool> Locate(FuseCall::Ptr call, NodePtr node, std::string attribute, Use use, Place *place);
+    Task<nt::NTSTATUS> CheckFile(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId);
     Task<IoResult> OpenStream(NodePtr node, Place place, std::string name, RemoteShare::CreateCall open);
     Task<nt::NTSTATUS> Store(NodePtr node, Place place, std::string name, std::vector<uint8_t> value,
                              uint32_t disposition);

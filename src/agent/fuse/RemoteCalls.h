@@ -5,6 +5,8 @@
 #include "agent/fuse/Node.h"
 #include "platform/NtRecords.h"
 
+#include <array>
+
 namespace fodr::agent {
 
 inline auto CreateFile(RemoteShare &share, const RemoteShare::CreateCall &call, const std::u16string &path)
@@ -31,6 +33,14 @@ inline auto SetFile(RemoteShare &share, uint32_t fileId, uint32_t informationCla
 {
     return AwaitIo([&share, fileId, informationClass, record](IoHandler done) {
         share.SetInformation(fileId, informationClass, record, std::move(done));
+    });
+}
+inline auto SetEndOfFile(RemoteShare &share, uint32_t fileId, uint64_t size)
+{
+    std::array<uint8_t, sizeof(size)> record;
+    StoreLittle(record.data(), size);
+    return AwaitIo([&share, fileId, record](IoHandler done) {
+        share.SetInformation(fileId, nt::FileEndOfFileInformation, record, std::move(done));
     });
 }
 inline auto RenameFile(RemoteShare &share, uint32_t fileId, const std::u16string &target, bool replace)
@@ -122,6 +132,17 @@ inline Task<nt::NTSTATUS> QueryFacts(RemoteShare &share, uint32_t fileId, FileFa
 {
     const IoResult result = co_await QueryFile(share, fileId, FactsClassOf(share));
     co_return TakeFacts(share, result, facts);
+}
+
+// Until nothing of the file is on its way to the host; `writes` may be null.
+inline auto AwaitWrites(std::shared_ptr<WriteBehind> writes)
+{
+    return AwaitCall([writes = std::move(writes)](InlineFunction<void()> done) {
+        if (writes)
+            writes->WhenDone(std::move(done));
+        else
+            done();
+    });
 }
 
 // The facts of an open file, asked for while something else is asked of it.
