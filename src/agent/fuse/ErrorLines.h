@@ -20,8 +20,8 @@ public:
     std::string Take();
 
 private:
-    platform::Fd original; // the stream; none: it isn't redirected
-    platform::Fd memory;
+    Fd original; // the stream; none: it isn't redirected
+    Fd memory;
 };
 
 } // namespace fodr::agent
