@@ -56,7 +56,6 @@ private:
         const FolderEvent *event = nullptr; // the thread's own
         NodePtr subject;                    // what the name leads to, once it was looked up
     };
-    using Fd = platform::Fd;
 
     void ThreadMain();
     void ActOut(const std::vector<FolderEvent> &events);

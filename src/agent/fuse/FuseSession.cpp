@@ -211,20 +211,20 @@ public:
     std::string Take();
 
 private:
-    platform::Fd original; // the stream; none: it isn't redirected
-    platform::Fd memory;
+    Fd original; // the stream; none: it isn't redirected
+    Fd memory;
 };
 
 ErrorLines::ErrorLines()
     : original(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)), memory(memfd_create("fodr-errors", MFD_CLOEXEC))
 {
-    if (!original.Valid() || !memory.Valid() || dup2(memory.Get(), STDERR_FILENO) < 0)
+    if (!original || !memory || dup2(memory.Get(), STDERR_FILENO) < 0)
         original.Reset(-1);
 }
 
 std::string ErrorLines::Take()
 {
-    if (!original.Valid())
+    if (!original)
         return {};
     dup2(original.Get(), STDERR_FILENO);
     original.Reset(-1);

@@ -1,4 +1,4 @@
-#include "ntposix/ErrnoStatus.h"
+#include "ntposix/NtCall.h"
 
 #include <cerrno>
 #include <cstddef>

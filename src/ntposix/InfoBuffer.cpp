@@ -1,4 +1,4 @@
-#include "ntposix/ListingBuffer.h"
+#include "ntposix/InfoBuffer.h"
 
 #include "platform/Nt.h"
 #include "platform/NtRecords.h"
@@ -14,12 +14,12 @@ struct ListingClass {
     uint32_t size;
     uint32_t nameOffset;
     // Writes everything before the name.
-    void (*write)(uint8_t *at, uint32_t nameBytes, const FileFacts &facts);
+    void (*write)(uint8_t *at, uint32_t nameBytes, const FileMetadata &facts);
 };
 
 namespace {
 
-template <typename Record> void Write(uint8_t *at, uint32_t nameBytes, const FileFacts &facts)
+template <typename Record> void Write(uint8_t *at, uint32_t nameBytes, const FileMetadata &facts)
 {
     Record record{};
     record.FileNameLength = nameBytes;
@@ -72,32 +72,32 @@ const ListingClass *RowOf(uint32_t infoClass)
 
 } // namespace
 
-uint32_t ListingBuffer::MinimumLength(uint32_t infoClass)
+uint32_t ListingWriter::MinimumLength(uint32_t infoClass)
 {
     const ListingClass *row = RowOf(infoClass);
     return row ? row->size : 0;
 }
 
-bool ListingBuffer::NeedsFacts(uint32_t infoClass)
+bool ListingWriter::NeedsFacts(uint32_t infoClass)
 {
     return infoClass != nt::FileNamesInformation;
 }
 
-ListingBuffer::ListingBuffer(void *callersBuffer, uint32_t callersLength, uint32_t infoClass)
+ListingWriter::ListingWriter(void *callersBuffer, uint32_t callersLength, uint32_t infoClass)
     : buffer(static_cast<uint8_t *>(callersBuffer)), length(callersLength), layout(*RowOf(infoClass))
 {}
 
-bool ListingBuffer::Fits(size_t nameUnits) const
+bool ListingWriter::Fits(size_t nameUnits) const
 {
     return uint64_t{Start()} + layout.nameOffset + nameUnits * sizeof(char16_t) <= length;
 }
 
-bool ListingBuffer::HasRoom(size_t nameUnits) const
+bool ListingWriter::HasRoom(size_t nameUnits) const
 {
     return end == 0 || Fits(nameUnits);
 }
 
-bool ListingBuffer::Append(std::u16string_view name, const FileFacts &facts)
+bool ListingWriter::Append(std::u16string_view name, const FileMetadata &facts)
 {
     const bool fits = Fits(name.size());
     const uint32_t start = Start();

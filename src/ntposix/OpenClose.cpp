@@ -1,13 +1,11 @@
 // The NT calls that concern handles as such, and what callers need around them.
-#include "ntposix/Access.h"
 #include "ntposix/Create.h"
+#include "ntposix/Creator.h"
 #include "ntposix/Deletion.h"
-#include "ntposix/DescriptorLimit.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/Lookup.h"
 #include "ntposix/NamedStream.h"
 #include "ntposix/NtCall.h"
-#include "ntposix/StreamCreate.h"
 #include "platform/NtRecords.h"
 
 #include <fcntl.h>
@@ -26,7 +24,7 @@ std::u16string_view TextOf(const UNICODE_STRING &text)
     return {text.Buffer, text.Length / sizeof(char16_t)};
 }
 
-bool HasStreamOf(const NtName &name, const Place &place)
+bool HasStreamOf(const NtName &name, const LookupResult &place)
 {
     std::string attribute;
     Fd file;
@@ -112,6 +110,16 @@ NTSTATUS NtClose(HANDLE handle)
     });
 }
 
+uint32_t CancelIoEx(HANDLE file)
+{
+    constexpr uint32_t ERROR_INVALID_HANDLE = 6;
+    constexpr uint32_t ERROR_NOT_FOUND = 1168;
+    const OpenFileRef open = HandleTable::Instance().Find(file);
+    if (!open)
+        return ERROR_INVALID_HANDLE;
+    return open->services.blockedCalls.Cancel() ? 0 : ERROR_NOT_FOUND;
+}
+
 // Every call has finished when it returns.
 NTSTATUS NtWaitForSingleObject(HANDLE, bool, LARGE_INTEGER *)
 {
@@ -139,7 +147,7 @@ bool GetFileAttributes(const char16_t *ntPath, uint32_t *attributes)
 {
     return WithoutThrowing([&]() -> NTSTATUS {
                NtName name;
-               Place place;
+               LookupResult place;
                NTSTATUS status = NtName::Parse(ntPath, &name);
                if (status == STATUS_SUCCESS)
                    status = Locate(name, {.links = Links::kDontFollow}, &place);
