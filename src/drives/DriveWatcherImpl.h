@@ -5,7 +5,7 @@
 #include "drives/IDriveWatcher.h"
 #include "platform/Threads.h"
 #include "runtime/OVMutex.h"
-#include "runtime/RCPtr.h"
+#include "runtime/RCObject.h"
 
 #include <cstdint>
 
