@@ -2,6 +2,7 @@
 
 #include "agent/fuse/Fuse.h"
 #include "agent/fuse/FuseOperations.h"
+#include "lib/misc/Fd.h"
 
 #include <dirent.h>
 #include <fcntl.h>
