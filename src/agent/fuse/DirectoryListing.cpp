@@ -133,7 +133,7 @@ void DirectoryListing::Close()
 void DirectoryListing::TakeEntries(ByteSpan answer)
 {
     ended = ended || answer.empty(); // a peer that never ends
-    DirectoryReader reader(answer, share->HasIds());
+    DirectoryReader reader(answer, share->Ids());
     std::u16string ntName;
     for (DirectoryReader::Entry record; reader.Next(&record);) {
         record.CopyName(&ntName);
@@ -146,6 +146,8 @@ void DirectoryListing::TakeEntries(ByteSpan answer)
                 return;
             }
         }
+        if (share->LinksOfMount() == Links::Hide && record.facts.IsSymbolicLink())
+            continue;
         Entry entry;
         entry.facts = record.facts;
         // What has no POSIX name can't be shown.

@@ -11,10 +11,10 @@ namespace fodr::agent {
 namespace {
 
 // The entry of the name in the answer to a search for it: the exact one, or the first, which differs in case.
-bool PickEntry(ByteSpan answer, bool hasIds, const std::u16string &wanted, FileFacts *facts, bool *exact)
+bool PickEntry(ByteSpan answer, FileIds ids, const std::u16string &wanted, FileFacts *facts, bool *exact)
 {
     bool found = false;
-    DirectoryReader reader(answer, hasIds);
+    DirectoryReader reader(answer, ids);
     std::u16string ntName;
     for (DirectoryReader::Entry entry; reader.Next(&entry);) {
         entry.CopyName(&ntName);
@@ -35,6 +35,24 @@ Task<Found> NameFinder::Find(NodePtr parent, std::string name, Freshness freshne
 {
     if (name.starts_with(kHiddenPrefix))
         co_return Found::Failure(nt::STATUS_OBJECT_NAME_NOT_FOUND);
+    Found found = co_await FindItself(parent, name, freshness);
+    Place place;
+    if (nt::IsError(found.status) || !found.facts.IsSymbolicLink() ||
+        !mount.table.PlaceIn(parent, name, &place))
+        co_return found;
+    const Links links = place.share->LinksOfMount();
+    if (links == Links::Hide)
+        co_return Found::Failure(nt::STATUS_OBJECT_NAME_NOT_FOUND);
+    if (links == Links::Follow) {
+        Found target = co_await FindByPath(place, true);
+        if (!nt::IsError(target.status))
+            co_return target;
+    }
+    co_return found;
+}
+
+Task<Found> NameFinder::FindItself(NodePtr parent, std::string name, Freshness freshness)
+{
     bool decided = false;
     Found found = co_await FindByHandle(parent, name, freshness, &decided);
     if (!decided && SaysStaleHandle(found.status))
@@ -65,8 +83,7 @@ void NameFinder::AskForNames(const DirectoryHandlePtr &directory)
     auto take = [asked = Node::Clock::now(),
                  weak = std::weak_ptr<DirectoryHandle>(directory)](const IoResult &result) {
         if (const DirectoryHandlePtr alive = weak.lock())
-            alive->Names().Answered(asked, result.Failed() ? ByteSpan{} : result.data,
-                                    alive->Share().HasIds());
+            alive->Names().Answered(asked, result.Failed() ? ByteSpan{} : result.data, alive->Share().Ids());
     };
     directory->Share().QueryDirectory(directory->FileId(), ListingClassOf(directory->Share()), true, u"*",
                                       std::move(take));
@@ -87,7 +104,7 @@ bool NameFinder::Recall(const NodePtr &parent, const std::string &name, const st
     if (!told || mount.ChangedBySelf(parent, name, told->asked))
         return false;
     const auto entry = told->names.find(ntName);
-    if (entry == told->names.end() || (entry->second.id == 0 && directory->Share().HasIds()))
+    if (entry == told->names.end() || (entry->second.mode == 0 && directory->Share().TellsIds()))
         return false;
     directory->Names().NoteUse();
     found->facts = entry->second;
@@ -121,10 +138,10 @@ Task<Found> NameFinder::FindByHandle(NodePtr parent, std::string name, Freshness
         *decided = true;
         co_return found;
     }
-    const bool hasIds = directory->Share().HasIds();
     const IoResult result = co_await SearchDirectory(directory->Share(), directory->FileId(), wanted);
     found.status = result.status;
-    if (!result.Failed() && !PickEntry(result.data, hasIds, wanted, &found.facts, &found.exact))
+    if (!result.Failed() &&
+        !PickEntry(result.data, directory->Share().Ids(), wanted, &found.facts, &found.exact))
         found.status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
     *decided = true;
     const nt::NTSTATUS checked = co_await AwaitChecked(directory);
