@@ -101,7 +101,7 @@ size_t DirectoryListing::PlanQueries()
 {
     if (ended)
         return 0;
-    const bool oneByOne = share->Device().IsTagged() && ofRoot;
+    const bool oneByOne = NamesOneByOne();
     const size_t wanted = oneByOne ? 1 : std::min(kMostQueries, 2 + answered);
     const size_t count = wanted - std::min(wanted, inFlight);
     inFlight += count;
@@ -110,7 +110,7 @@ size_t DirectoryListing::PlanQueries()
 
 void DirectoryListing::SendQueries(size_t count)
 {
-    const bool tagged = share->Device().IsTagged() && ofRoot;
+    const bool tagged = NamesOneByOne();
     for (; count != 0; --count) {
         bool first;
         {
@@ -146,7 +146,7 @@ void DirectoryListing::TakeEntries(ByteSpan answer)
                 return;
             }
         }
-        if (share->LinksOfMount() == Links::Hide && record.facts.IsSymbolicLink())
+        if (share->LinksOfMount() == Links::Hide && !NamesOneByOne() && record.facts.IsSymbolicLink())
             continue;
         Entry entry;
         entry.facts = record.facts;

@@ -31,6 +31,12 @@ bool PickEntry(ByteSpan answer, FileIds ids, const std::u16string &wanted, FileF
 
 } // namespace
 
+// What a share names one by one is followed, links as well.
+bool NameFinder::IsNamedOneByOne(const NodePtr &parent, const Place &place) const
+{
+    return place.share->Device().IsTagged() && mount.table.ShareRootOf(parent) == parent;
+}
+
 Task<Found> NameFinder::Find(NodePtr parent, std::string name, Freshness freshness)
 {
     if (name.starts_with(kHiddenPrefix))
@@ -41,9 +47,10 @@ Task<Found> NameFinder::Find(NodePtr parent, std::string name, Freshness freshne
         !mount.table.PlaceIn(parent, name, &place))
         co_return found;
     const Links links = place.share->LinksOfMount();
-    if (links == Links::Hide)
+    const bool named = IsNamedOneByOne(parent, place);
+    if (links == Links::Hide && !named)
         co_return Found::Failure(nt::STATUS_OBJECT_NAME_NOT_FOUND);
-    if (links == Links::Follow) {
+    if (links == Links::Follow || named) {
         Found target = co_await FindByPath(place, true);
         if (!nt::IsError(target.status))
             co_return target;
@@ -62,9 +69,7 @@ Task<Found> NameFinder::FindItself(NodePtr parent, std::string name, Freshness f
     Place place;
     if (!mount.table.PlaceIn(parent, name, &place))
         co_return Found::Failure(nt::STATUS_OBJECT_PATH_NOT_FOUND);
-    // What a share names one by one is followed, links as well.
-    const bool follow = place.share->Device().IsTagged() && mount.table.ShareRootOf(parent) == parent;
-    found = co_await FindByPath(place, follow);
+    found = co_await FindByPath(place, IsNamedOneByOne(parent, place));
     co_return found;
 }
 
