@@ -31,7 +31,7 @@ void ReadEveryWay(const Bytes packet)
         static_cast<void>(ReadPreReadFacts(result.preRead, &facts));
         static_cast<void>(ReadNetworkOpenInformation(result.data, &facts));
         static_cast<void>(ReadFullSizeInformation(result.data, &volume));
-        DirectoryReader reader(result.data, false);
+        DirectoryReader reader(result.data, FileIds::None);
         for (DirectoryReader::Entry entry; reader.Next(&entry);)
             EXPECT_TRUE(Within(entry.name, bytes));
     }

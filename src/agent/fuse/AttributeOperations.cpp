@@ -12,7 +12,8 @@
 namespace fodr::agent {
 namespace {
 
-constexpr uint32_t kLongestReparseData = 16 << 10; // MS-FSCC 2.1.2
+// A target of 4095 bytes, twice as UTF-16. That is more than a record of MS-FSCC 2.1.2 may have elsewhere.
+constexpr uint32_t kLongestReparseData = 20 << 10;
 
 // Those that can be set (MS-FSCC 2.6).
 constexpr uint32_t kSettableAttributes = nt::FILE_ATTRIBUTE_READONLY | nt::FILE_ATTRIBUTE_HIDDEN |

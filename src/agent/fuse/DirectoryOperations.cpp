@@ -173,13 +173,6 @@ Detached DirectoryOperations::ReadDirectory(FuseCall::Ptr call, uint64_t handle,
     }
 }
 
-// A listing without ids, of a host that has them, is of a share that names its files one by one. So is an
-// entry of which nothing but its name could be had.
-bool DirectoryOperations::IsKnown(const DirectoryListing &listing, const DirectoryListing::Entry &entry)
-{
-    return !listing.HasIds() || entry.facts.id != 0;
-}
-
 // What was learnt of the name since the listing was asked for counts.
 bool DirectoryOperations::IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry,
                                         Node::Clock::time_point asked) const
@@ -214,7 +207,10 @@ void DirectoryOperations::FillListing(const OpenListing &open, uint64_t offset, 
         EntryAnswer answer;
         answer.attributes = StatOf(entry->facts, kUnknownInode, mount.options.owner);
         const auto asked = open.listing->BegunAt();
-        if (buffer->IsPlus() && !IsKnownBetter(open.node, *entry, asked) && IsKnown(*open.listing, *entry)) {
+        const bool known = open.listing->Knows(*entry);
+        if (!known)
+            answer.attributes.st_mode = 0; // it isn't a file for sure
+        if (known && buffer->IsPlus() && !IsKnownBetter(open.node, *entry, asked)) {
             const NodePtr node = mount.Reach(open.node, entry->name, entry->facts, entry->facts.id);
             node->NoteFacts(entry->facts);
             node->NoteSeen(asked);

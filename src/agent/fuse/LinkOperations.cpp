@@ -54,7 +54,7 @@ Task<nt::NTSTATUS> LinkOperations::Try(Moving moving, Change change, FileFacts *
         co_return acquired;
     const NodePtr node = mount.table.Child(moving.parent, moving.name);
     const bool directory = node && node->directory;
-    RemoteShare::CreateCall open = OpenToDelete(directory);
+    RemoteShare::CreateCall open = OpenToDelete(share, directory);
     if (!node)
         open.createOptions = nt::FILE_OPEN_REPARSE_POINT;
     if (change == Change::Link)

@@ -12,10 +12,10 @@ namespace fodr::agent {
 namespace {
 
 // The entry of the name in the answer to a search for it: the exact one, or the first, which differs in case.
-bool PickEntry(ByteSpan answer, bool hasIds, const std::u16string &wanted, FileFacts *facts, bool *exact)
+bool PickEntry(ByteSpan answer, FileIds ids, const std::u16string &wanted, FileFacts *facts, bool *exact)
 {
     bool found = false;
-    DirectoryReader reader(answer, hasIds);
+    DirectoryReader reader(answer, ids);
     std::u16string ntName;
     for (DirectoryReader::Entry entry; reader.Next(&entry);) {
         entry.CopyName(&ntName);
@@ -32,10 +32,35 @@ bool PickEntry(ByteSpan answer, bool hasIds, const std::u16string &wanted, FileF
 
 } // namespace
 
+// What a share names one by one is followed, links as well.
+bool NameFinder::IsNamedOneByOne(const NodePtr &parent, const Place &place) const
+{
+    return place.share->Device().IsTagged() && mount.table.ShareRootOf(parent) == parent;
+}
+
 Task<Found> NameFinder::Find(NodePtr parent, std::string name, Freshness freshness)
 {
     if (name.starts_with(kHiddenPrefix))
         co_return Found::Failure(nt::STATUS_OBJECT_NAME_NOT_FOUND);
+    Found found = co_await FindItself(parent, name, freshness);
+    Place place;
+    if (nt::IsError(found.status) || !found.facts.IsSymbolicLink() ||
+        !mount.table.PlaceIn(parent, name, &place))
+        co_return found;
+    const Links links = place.share->LinksOfMount();
+    const bool named = IsNamedOneByOne(parent, place);
+    if (links == Links::Hide && !named)
+        co_return Found::Failure(nt::STATUS_OBJECT_NAME_NOT_FOUND);
+    if (links == Links::Follow || named) {
+        Found target = co_await FindByPath(place, true);
+        if (!nt::IsError(target.status))
+            co_return target;
+    }
+    co_return found;
+}
+
+Task<Found> NameFinder::FindItself(NodePtr parent, std::string name, Freshness freshness)
+{
     bool decided = false;
     Found found = co_await FindByHandle(parent, name, freshness, &decided);
     if (!decided && SaysStaleHandle(found.status))
@@ -45,9 +70,7 @@ Task<Found> NameFinder::Find(NodePtr parent, std::string name, Freshness freshne
     Place place;
     if (!mount.table.PlaceIn(parent, name, &place))
         co_return Found::Failure(nt::STATUS_OBJECT_PATH_NOT_FOUND);
-    // What a share names one by one is followed, links as well.
-    const bool follow = place.share->Device().IsTagged() && mount.table.ShareRootOf(parent) == parent;
-    found = co_await FindByPath(place, follow);
+    found = co_await FindByPath(place, IsNamedOneByOne(parent, place));
     co_return found;
 }
 
@@ -66,8 +89,7 @@ void NameFinder::AskForNames(const DirectoryHandlePtr &directory)
     auto take = [asked = Node::Clock::now(),
                  weak = std::weak_ptr<DirectoryHandle>(directory)](const IoResult &result) {
         if (const DirectoryHandlePtr alive = weak.lock())
-            alive->Names().Answered(asked, result.Failed() ? ByteSpan{} : result.data,
-                                    alive->Share().HasIds());
+            alive->Names().Answered(asked, result.Failed() ? ByteSpan{} : result.data, alive->Share().Ids());
     };
     directory->Share().QueryDirectory(directory->FileId(), ListingClassOf(directory->Share()), true, u"*",
                                       std::move(take));
@@ -88,7 +110,7 @@ bool NameFinder::Recall(const NodePtr &parent, const std::string &name, const st
     if (!told || mount.ChangedBySelf(parent, name, told->asked))
         return false;
     const auto entry = told->names.find(ntName);
-    if (entry == told->names.end() || (entry->second.id == 0 && directory->Share().HasIds()))
+    if (entry == told->names.end() || (entry->second.mode == 0 && directory->Share().TellsIds()))
         return false;
     directory->Names().NoteUse();
     found->facts = entry->second;
@@ -122,10 +144,10 @@ Task<Found> NameFinder::FindByHandle(NodePtr parent, std::string name, Freshness
         *decided = true;
         co_return found;
     }
-    const bool hasIds = directory->Share().HasIds();
     const IoResult result = co_await SearchDirectory(directory->Share(), directory->FileId(), wanted);
     found.status = result.status;
-    if (!result.Failed() && !PickEntry(result.data, hasIds, wanted, &found.facts, &found.exact))
+    if (!result.Failed() &&
+        !PickEntry(result.data, directory->Share().Ids(), wanted, &found.facts, &found.exact))
         found.status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
     *decided = true;
     const nt::NTSTATUS checked = co_await AwaitChecked(directory);

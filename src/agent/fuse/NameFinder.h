@@ -14,6 +14,9 @@ public:
     Task<Found> FindPassing(NodePtr parent, std::string name, Freshness freshness);
 
 private:
+    bool IsNamedOneByOne(const NodePtr &parent, const Place &place) const;
+    // A link as such, whatever is shown of it.
+    Task<Found> FindItself(NodePtr parent, std::string name, Freshness freshness);
     static void AskForNames(const DirectoryHandlePtr &directory);
     bool Recall(const NodePtr &parent, const std::string &name, const std::u16string &ntName,
                 const DirectoryHandlePtr &directory, Found *found);

@@ -33,7 +33,6 @@ public:
 
 private:
     Task<bool> ListsAnother(const OpenListing &open);
-    static bool IsKnown(const DirectoryListing &listing, const DirectoryListing::Entry &entry);
     bool IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry,
                        Node::Clock::time_point asked) const;
     void FillListing(const OpenListing &open, uint64_t offset, ReaddirBuffer *buffer,

@@ -54,7 +54,7 @@ struct stat StatOf(const FileFacts &facts, uint64_t inode, const Owner &owner)
     const bool directory = facts.IsDirectory();
     result.st_ino = facts.id != 0 ? InodeOf(facts.id) : inode;
     result.st_nlink = facts.id != 0 ? facts.links : 1;
-    const bool real = owner.real && facts.id != 0;
+    const bool real = owner.real && facts.mode != 0;
     result.st_uid = real ? facts.owner : owner.uid;
     result.st_gid = real ? facts.group : owner.gid;
     // What has no mode: the attribute says nothing about what may be done in a folder (MS-FSCC 2.6).

@@ -88,7 +88,7 @@ inline auto DeleteFile(RemoteShare &share, uint32_t fileId)
 // The class of listings whose entries tell the most.
 inline uint32_t ListingClassOf(const RemoteShare &share)
 {
-    return share.HasIds() ? nt::FileBothDirectoryInformation : nt::FileFullDirectoryInformation;
+    return share.TellsIds() ? nt::FileBothDirectoryInformation : nt::FileFullDirectoryInformation;
 }
 inline auto SearchDirectory(RemoteShare &share, uint32_t fileId, const std::u16string &name)
 {
@@ -118,14 +118,16 @@ inline auto ControlFile(RemoteShare &share, uint32_t fileId, uint32_t code, Byte
 // What an open file is: of hosts that tell it, with its id.
 inline uint32_t FactsClassOf(const RemoteShare &share)
 {
-    return share.HasIds() ? nt::FileStatLxInformation : nt::FileNetworkOpenInformation;
+    return share.TellsIds() ? nt::FileStatLxInformation : nt::FileNetworkOpenInformation;
 }
 inline nt::NTSTATUS TakeFacts(const RemoteShare &share, const IoResult &result, FileFacts *facts)
 {
     if (result.Failed())
         return result.status;
-    const bool whole = share.HasIds() ? ReadStatInformation(result.data, facts)
-                                      : ReadNetworkOpenInformation(result.data, facts);
+    const bool whole = share.TellsIds() ? ReadStatInformation(result.data, facts)
+                                        : ReadNetworkOpenInformation(result.data, facts);
+    if (!share.HasIds())
+        facts->DropId();
     return whole ? nt::STATUS_SUCCESS : STATUS_INVALID_NETWORK_RESPONSE;
 }
 inline Task<nt::NTSTATUS> QueryFacts(RemoteShare &share, uint32_t fileId, FileFacts *facts)
