@@ -1,6 +1,6 @@
 #include "agent/DeviceRecords.h"
 
-#include "rdpdr/wire/HandshakeRecords.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 
 #include <algorithm>
 

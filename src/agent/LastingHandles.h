@@ -3,7 +3,7 @@
 #pragma once
 
 #include "agent/Reopen.h"
-#include "rdpdr/wire/IoRecords.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 
 #include <memory>
 #include <vector>

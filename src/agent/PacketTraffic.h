@@ -2,7 +2,7 @@
 // lock.
 #pragma once
 
-#include "rdpdr/wire/PacketKind.h"
+#include "rdpdr/wire/PacketWords.h"
 
 #include <array>
 #include <atomic>

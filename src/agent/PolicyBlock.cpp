@@ -1,6 +1,6 @@
 #include "agent/PolicyBlock.h"
 
-#include "rdpdr/wire/HandshakeRecords.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 
 #include <string_view>
 

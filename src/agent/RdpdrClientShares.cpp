@@ -1,7 +1,7 @@
 // RdpdrClient: shares that come, go, and come back over another connection.
 #include "agent/DeviceRecords.h"
 #include "agent/RdpdrClient.h"
-#include "rdpdr/wire/HandshakeRecords.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>
