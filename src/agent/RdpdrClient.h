@@ -5,7 +5,7 @@
 
 #include "agent/AgentChannel.h"
 #include "agent/RequestTable.h"
-#include "rdpdr/wire/IoRecords.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 
 #include <array>
 #include <atomic>
