@@ -5,7 +5,7 @@
 #include "cli/ExitCode.h"
 #include "cli/MountPoint.h"
 #include "cli/Words.h"
-#include "platform/Mounts.h"
+#include "platform/Volumes.h"
 
 #include <algorithm>
 #include <chrono>

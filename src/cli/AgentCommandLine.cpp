@@ -1,6 +1,6 @@
 #include "cli/AgentCommandLine.h"
 
-#include "lib/misc/DeviceRule.h"
+#include "lib/unicode/ForeignText.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

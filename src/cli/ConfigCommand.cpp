@@ -4,10 +4,10 @@
 #include "cli/ExitCode.h"
 #include "cli/PluginSettings.h"
 #include "host/PrivateSettings.h"
-#include "platform/Sync.h"
+#include "platform/Files.h"
+#include "platform/Process.h"
 #include "platform/SystemError.h"
-#include "platform/Termination.h"
-#include "platform/UserFolders.h"
+#include "platform/Threads.h"
 
 #include <atomic>
 #include <map>

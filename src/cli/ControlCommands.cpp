@@ -4,7 +4,7 @@
 #include "cli/ExitCode.h"
 #include "host/ControlProtocol.h"
 #include "host/RunningHosts.h"
-#include "lib/unicode/ShownText.h"
+#include "lib/unicode/ForeignText.h"
 
 #include <algorithm>
 #include <filesystem>

@@ -1,8 +1,7 @@
 #include "cli/PluginPath.h"
 
-#include "platform/DynamicLibrary.h"
+#include "platform/Files.h"
 #include "platform/Process.h"
-#include "platform/UserFolders.h"
 
 #include <filesystem>
 

@@ -5,9 +5,9 @@
 #include "cli/PluginPath.h"
 #include "host/PluginLibrary.h"
 #include "host/PrivateSettings.h"
+#include "platform/Files.h"
 #include "platform/Registry.h"
 #include "platform/SystemError.h"
-#include "platform/UserFolders.h"
 
 #include <cstdio>
 

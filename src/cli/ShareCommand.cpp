@@ -9,8 +9,8 @@
 #include "cli/ShareSession.h"
 #include "cli/Words.h"
 #include "host/RunningHosts.h"
-#include "platform/Mounts.h"
-#include "platform/UserFolders.h"
+#include "platform/Files.h"
+#include "platform/Volumes.h"
 
 #include <algorithm>
 #include <filesystem>

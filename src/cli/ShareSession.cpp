@@ -3,7 +3,7 @@
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
 #include "host/RunningHosts.h"
-#include "lib/unicode/ShownText.h"
+#include "lib/unicode/ForeignText.h"
 
 #include <algorithm>
 

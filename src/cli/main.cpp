@@ -3,7 +3,6 @@
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
-#include "platform/Memory.h"
 #include "platform/Process.h"
 
 #include <CLI/CLI.hpp>

@@ -1,7 +1,7 @@
 // Counts the requests in flight on one open file, so that its close can wait for them. Any thread.
 #pragma once
 
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/Mutex.h"
 #include "runtime/OVEvent.h"
 #include "runtime/OVMutex.h"
 #include "runtime/RCObject.h"

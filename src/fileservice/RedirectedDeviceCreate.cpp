@@ -1,7 +1,6 @@
 // How RedirectedDevice opens files.
-#include "drives/FodrClientUtils.h"
+#include "drives/FodrDeviceFilterPolicy.h"
 #include "drives/FodrDeviceUtils.h"
-#include "drives/IDeviceFilter.h"
 #include "fileservice/IPreReader.h"
 #include "fileservice/PacketText.h"
 #include "fileservice/RedirectedDevice.h"

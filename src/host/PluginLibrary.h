@@ -2,7 +2,7 @@
 #pragma once
 
 #include "odpservice/odpservice.h"
-#include "platform/DynamicLibrary.h"
+#include "platform/Process.h"
 
 #include <memory>
 #include <string>

@@ -1,6 +1,6 @@
 #include "logging/FileWriter.h"
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "logging/FileWriterDeletion.h"
 #include "logging/LogFolder.h"
 #include "logging/Logger.h"

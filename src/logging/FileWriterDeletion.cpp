@@ -1,6 +1,6 @@
 #include "logging/FileWriterDeletion.h"
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "runtime/LogCall.h"
 #include "runtime/StringUtils.h"
 

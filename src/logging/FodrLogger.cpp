@@ -1,7 +1,7 @@
 #include "logging/FodrLogger.h"
 
 #include "logging/LoggerManager.h"
-#include "platform/DebugOutput.h"
+#include "platform/Process.h"
 
 namespace fodr {
 

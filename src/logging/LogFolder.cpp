@@ -3,7 +3,6 @@
 #include "platform/Files.h"
 #include "platform/Process.h"
 #include "platform/SystemError.h"
-#include "platform/UserFolders.h"
 #include "platform/Volumes.h"
 #include "runtime/StringUtils.h"
 

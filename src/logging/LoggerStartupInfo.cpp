@@ -1,6 +1,6 @@
 // What a log begins with: the facts that its reader needs to know first.
 #include "logging/Logger.h"
-#include "platform/Clock.h"
+#include "platform/Threads.h"
 #include "runtime/StringUtils.h"
 #include "runtime/SystemFacts.h"
 #include "runtime/TimeFormat.h"

@@ -1,6 +1,6 @@
 #include "logging/SocketWriter.h"
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
 #include "logging/Logger.h"
 #include "platform/Process.h"

@@ -1,6 +1,6 @@
 #include "logging/StdErrWriter.h"
 
-#include "platform/DebugOutput.h"
+#include "platform/Process.h"
 
 #include <cstring>
 

@@ -1,6 +1,6 @@
 #include "logging/StdOutWriter.h"
 
-#include "platform/DebugOutput.h"
+#include "platform/Process.h"
 
 namespace fodr {
 

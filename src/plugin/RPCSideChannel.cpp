@@ -1,5 +1,5 @@
 // RPCManager: which side channel carries the data object, by settings and by the agent's options.
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "plugin/RPCManager.h"
 #include "plugin/RPCPluginInstance.h"
 #include "runtime/FunctionTrace.h"

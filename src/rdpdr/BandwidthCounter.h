@@ -1,7 +1,7 @@
 // Totals of what went over a channel, per kind of packet. Any thread.
 #pragma once
 
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/Mutex.h"
 #include "runtime/OVMutex.h"
 
 #include <cstddef>

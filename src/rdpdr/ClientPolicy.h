@@ -5,7 +5,7 @@
 #pragma once
 
 #include "drives/FodrDeviceFilterPolicy.h"
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/Mutex.h"
 #include "rdpdr/FodrPolicy.h"
 
 #include <atomic>

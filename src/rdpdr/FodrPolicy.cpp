@@ -1,6 +1,6 @@
 #include "rdpdr/FodrPolicy.h"
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "platform/Volumes.h"
 #include "runtime/LogCall.h"
 

@@ -4,9 +4,9 @@
 // without the lock: each is valid for itself.
 #pragma once
 
-#include "drives/IDeviceFilter.h"
-#include "lib/misc/MallocBuffer.h"
-#include "lib/misc/ThreadSafety.h"
+#include "drives/FodrDeviceFilterPolicy.h"
+#include "lib/misc/ByteBuffer.h"
+#include "lib/misc/Mutex.h"
 #include "rdpdr/PolicyCursor.h"
 #include "runtime/OVMutex.h"
 

@@ -1,6 +1,5 @@
 #include "rdpdr/LocalFolderLimit.h"
 
-#include "platform/LocalPath.h"
 #include "platform/Volumes.h"
 #include "rdpdr/RedirectionSettings.h"
 #include "rdpdr/ShareNames.h"

@@ -1,7 +1,7 @@
 #include "rdpdr/PacketTrace.h"
 
-#include "lib/misc/Printf.h"
-#include "lib/unicode/CodePoint.h"
+#include "lib/misc/Panic.h"
+#include "lib/unicode/CodeSet.h"
 #include "rdpdr/FodrPolicy.h"
 #include "rdpdr/wire/HandshakeRecords.h"
 #include "rdpdr/wire/IoRecords.h"

@@ -1,7 +1,7 @@
 // A block of bytes that owns its malloc storage.
 #pragma once
 
-#include "lib/misc/MallocBuffer.h"
+#include "lib/misc/ByteBuffer.h"
 
 namespace fodr {
 

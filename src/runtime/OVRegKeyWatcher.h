@@ -1,7 +1,7 @@
 // Watches a key of the settings store, also one that doesn't exist yet: then the nearest key above it.
 #pragma once
 
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/Mutex.h"
 #include "runtime/OVMutex.h"
 #include "runtime/OVPollThread.h"
 #include "runtime/OVRegKey.h"

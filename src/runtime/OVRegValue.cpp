@@ -1,6 +1,6 @@
 #include "runtime/OVRegValue.h"
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/SystemError.h"
 #include "runtime/HexDump.h"

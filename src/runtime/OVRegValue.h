@@ -1,7 +1,7 @@
 // Values of the settings store.
 #pragma once
 
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/Mutex.h"
 #include "runtime/OVMutex.h"
 #include "runtime/OVRegKey.h"
 

@@ -1,6 +1,6 @@
 #include "runtime/TimeFormat.h"
 
-#include "platform/Clock.h"
+#include "platform/Threads.h"
 #include "runtime/StringUtils.h"
 
 #include <algorithm>

@@ -2,7 +2,6 @@
 
 #include "agent/fuse/RemoteCalls.h"
 #include "agent/fuse/StatusErrno.h"
-#include "lib/misc/HiddenNames.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 

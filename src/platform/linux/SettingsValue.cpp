@@ -4,7 +4,7 @@
 #error "this file is the Linux side"
 #endif
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/Registry.h"
 

@@ -1,6 +1,6 @@
 // The eight exports. Apart from the trace of entry and exit they only forward; nothing is thrown to the host.
 #include "odpservice/odpservice.h"
-#include "platform/Export.h"
+#include "platform/Process.h"
 #include "plugin/FodrClient.h"
 #include "plugin/Registration.h"
 #include "runtime/FunctionTrace.h"
