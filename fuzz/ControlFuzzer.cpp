@@ -5,7 +5,7 @@
 // be encoded; bit 2: goes without taking the reply), a length in 2 bytes and what it sends. The same bytes
 // are read as a server's reply as well.
 #include "host/ControlServer.h"
-#include "transport/ByteOrder.h"
+#include "transport/FrameCodec.h"
 
 #include <algorithm>
 #include <cstdlib>

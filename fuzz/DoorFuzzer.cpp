@@ -4,7 +4,6 @@
 // stays; bit 1: a good greeting goes first), a length in 2 bytes and what it sends. Who is let in has greeted
 // as an agent should, and somebody always is.
 #include "host/AgentDoor.h"
-#include "transport/ByteOrder.h"
 #include "transport/FrameCodec.h"
 
 #include <algorithm>

@@ -25,7 +25,7 @@ struct PolicyOptions {
     bool sharedByAgent = true;
     uint8_t defaultPermission = 5; // 1 and 2 make every share read-only
     std::vector<PolicyFolder> folders;
-    std::string excludeRule; // of the device filter (lib/misc/DeviceRule.h), a list; empty: none
+    std::string excludeRule; // of the device filter (lib/unicode/ForeignText.h), a list; empty: none
     std::string includeRule;
 };
 

@@ -4,8 +4,8 @@
 #include "cli/Console.h"
 #include "cli/MountFolder.h"
 #include "cli/Words.h"
-#include "lib/misc/DeviceRule.h"
-#include "platform/Mounts.h"
+#include "lib/unicode/ForeignText.h"
+#include "platform/Volumes.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

@@ -4,13 +4,11 @@
 #include "cli/PluginSettings.h"
 #include "host/PluginHost.h"
 #include "host/PrivateSettings.h"
-#include "platform/DynamicLibrary.h"
+#include "platform/Files.h"
 #include "platform/Process.h"
 #include "platform/SettingText.h"
-#include "platform/Sync.h"
 #include "platform/SystemError.h"
-#include "platform/Termination.h"
-#include "platform/UserFolders.h"
+#include "platform/Threads.h"
 
 #include <atomic>
 #include <cstdio>

@@ -1,7 +1,7 @@
 #include "cli/Console.h"
 
-#include "lib/unicode/ShownText.h"
-#include "platform/UserFolders.h"
+#include "lib/unicode/ForeignText.h"
+#include "platform/Files.h"
 
 #include <cstdio>
 #include <mutex>

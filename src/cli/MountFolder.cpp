@@ -1,8 +1,7 @@
 #include "cli/MountFolder.h"
 
 #include "platform/Files.h"
-#include "platform/Mounts.h"
-#include "platform/UserFolders.h"
+#include "platform/Volumes.h"
 
 #include <filesystem>
 

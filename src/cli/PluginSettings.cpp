@@ -1,7 +1,7 @@
 #include "cli/PluginSettings.h"
 
 #include "cli/Console.h"
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "platform/SettingText.h"
 
 #include <sstream>

@@ -5,11 +5,10 @@
 #include "host/PrivateSettings.h"
 #include "platform/Confinement.h"
 #include "platform/Files.h"
-#include "platform/Mounts.h"
 #include "platform/Process.h"
 #include "platform/Registry.h"
 #include "platform/SystemError.h"
-#include "platform/UserFolders.h"
+#include "platform/Volumes.h"
 
 #include <filesystem>
 
@@ -51,7 +50,7 @@ std::vector<std::string> LogFolders()
 platform::ChildOptions Detaching(const std::string &path)
 {
     platform::ChildOptions child;
-    child.arguments = {"fusermount3", "-u", "-z", "--", path};
+    child.arguments = platform::UnmountCommand(path, true);
     child.onErrorLine = [](const std::string &) {};
     return child;
 }

@@ -3,8 +3,8 @@
 
 #include "cli/MountFolder.h"
 #include "cli/ShareOptions.h"
-#include "platform/ChildLauncher.h"
 #include "platform/ChildProcess.h"
+#include "platform/Confinement.h"
 
 #include <memory>
 #include <string>

@@ -7,8 +7,8 @@
 #include "cli/ShareSession.h"
 #include "cli/Words.h"
 #include "host/ControlServer.h"
-#include "platform/Mounts.h"
-#include "platform/UserFolders.h"
+#include "platform/Files.h"
+#include "platform/Volumes.h"
 
 #include <algorithm>
 #include <filesystem>

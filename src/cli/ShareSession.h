@@ -16,7 +16,7 @@
 #include "host/HostChannel.h"
 #include "host/PrivateSettings.h"
 #include "platform/ChildProcess.h"
-#include "platform/Termination.h"
+#include "platform/Process.h"
 
 #include <atomic>
 #include <chrono>

@@ -3,7 +3,7 @@
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/ShareSession.h"
-#include "lib/unicode/ShownText.h"
+#include "lib/unicode/ForeignText.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,6 @@
 // The fodr command.
 #include "cli/Commands.h"
 #include "cli/Console.h"
-#include "platform/Memory.h"
 #include "platform/Process.h"
 
 #include <CLI/CLI.hpp>

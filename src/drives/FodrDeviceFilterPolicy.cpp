@@ -1,6 +1,6 @@
 #include "drives/FodrDeviceFilterPolicy.h"
 
-#include "lib/misc/DeviceRule.h"
+#include "lib/unicode/ForeignText.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>

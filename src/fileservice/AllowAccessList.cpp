@@ -1,7 +1,7 @@
 #include "fileservice/AllowAccessList.h"
 
-#include "lib/unicode/AsciiCase.h"
-#include "platform/LocalPath.h"
+#include "lib/unicode/CaseFolding.h"
+#include "platform/Volumes.h"
 
 #include <algorithm>
 #include <utility>

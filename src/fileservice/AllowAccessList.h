@@ -3,7 +3,7 @@
 // Any thread. The list only grows, and whoever goes through it has one state of it in hand.
 #pragma once
 
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/Mutex.h"
 #include "runtime/OVMutex.h"
 
 #include <functional>

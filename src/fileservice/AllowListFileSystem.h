@@ -9,7 +9,7 @@
 
 #include "fileservice/AllowAccessList.h"
 #include "fileservice/FileSystemImpl.h"
-#include "lib/misc/MallocBuffer.h"
+#include "lib/misc/ByteBuffer.h"
 
 #include <map>
 

@@ -1,7 +1,7 @@
 // What the file calls of FileSystemImpl have in common.
 #pragma once
 
-#include "lib/misc/MallocBuffer.h"
+#include "lib/misc/ByteBuffer.h"
 #include "platform/Nt.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/WireLayout.h"

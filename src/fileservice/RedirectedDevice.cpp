@@ -1,8 +1,7 @@
 #include "fileservice/RedirectedDevice.h"
 
-#include "drives/FodrClientUtils.h"
+#include "drives/FodrDeviceFilterPolicy.h"
 #include "drives/FodrDeviceUtils.h"
-#include "drives/IDeviceFilter.h"
 #include "fileservice/IRedirectedDevice.h"
 #include "fileservice/PacketNames.h"
 #include "lib/unicode/CodeSet.h"

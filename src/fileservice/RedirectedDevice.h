@@ -3,8 +3,8 @@
 
 #include "fileservice/IFileSystem.h"
 #include "fileservice/IRedirectedDevice.h"
-#include "lib/misc/MallocBuffer.h"
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/ByteBuffer.h"
+#include "lib/misc/Mutex.h"
 #include "platform/Nt.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 #include "rdpdr/wire/RdpdrStream.h"

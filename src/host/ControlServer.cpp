@@ -1,7 +1,7 @@
 #include "host/ControlServer.h"
 
+#include "platform/Files.h"
 #include "platform/Process.h"
-#include "platform/UserFolders.h"
 
 #include <algorithm>
 #include <array>

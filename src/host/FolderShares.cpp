@@ -1,7 +1,6 @@
 #include "host/FolderShares.h"
 
 #include "lib/unicode/CodeSet.h"
-#include "platform/LocalPath.h"
 #include "platform/Volumes.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // HostChannel: its objects, their messages, and side channels.
 #include "host/HostChannel.h"
-#include "transport/SideStream.h"
+#include "transport/FrameConnection.h"
 
 #include <algorithm>
 

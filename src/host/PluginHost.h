@@ -5,7 +5,7 @@
 #include "host/CallGate.h"
 #include "host/ChannelObject.h"
 #include "odpservice/odpservice.h"
-#include "platform/DynamicLibrary.h"
+#include "platform/Process.h"
 
 #include <cstdint>
 #include <memory>

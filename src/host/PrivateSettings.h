@@ -4,7 +4,7 @@
 // Used by one thread. The store is chosen for the whole process, so it is made before other threads are.
 #pragma once
 
-#include "platform/PrivateStore.h"
+#include "platform/Registry.h"
 
 #include <cstdint>
 #include <functional>

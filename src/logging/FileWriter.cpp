@@ -1,6 +1,6 @@
 #include "logging/FileWriter.h"
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "logging/Logger.h"
 #include "logging/LoggerManager.h"
 #include "platform/Files.h"

@@ -1,10 +1,9 @@
 // Where log files go, and the removal of old ones.
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "logging/FileWriter.h"
 #include "platform/Files.h"
 #include "platform/Process.h"
 #include "platform/SystemError.h"
-#include "platform/UserFolders.h"
 #include "platform/Volumes.h"
 #include "runtime/LogCall.h"
 #include "runtime/StringUtils.h"

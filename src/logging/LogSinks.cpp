@@ -1,10 +1,9 @@
 #include "logging/LogSinks.h"
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
 #include "logging/FileWriter.h"
 #include "logging/Logger.h"
-#include "platform/DebugOutput.h"
 #include "platform/Process.h"
 #include "runtime/LogCall.h"
 #include "runtime/OVSocket.h"

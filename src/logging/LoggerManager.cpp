@@ -1,6 +1,6 @@
 #include "logging/LoggerManager.h"
 
-#include "platform/DebugOutput.h"
+#include "platform/Process.h"
 
 #include <atomic>
 #include <utility>

@@ -1,5 +1,6 @@
 #include "ntposix/FileMetadata.h"
 
+#include "lib/misc/FileTime.h"
 #include "ntposix/Lookup.h"
 #include "platform/Nt.h"
 
@@ -21,14 +22,11 @@ namespace fodr::ntposix {
 
 namespace {
 
-constexpr int64_t kSecondsTo1970 = 11'644'473'600;
-constexpr int64_t kStepsPerSecond = 10'000'000;
-constexpr int64_t kLatestSecond = INT64_MAX / kStepsPerSecond - kSecondsTo1970 - 1;
 constexpr unsigned kWanted = STATX_BASIC_STATS | STATX_BTIME;
 
 int64_t FileTimeOf(const statx_timestamp &time)
 {
-    return ntposix::FileTimeOf(time.tv_sec, time.tv_nsec);
+    return fodr::FileTimeOf(time.tv_sec, time.tv_nsec);
 }
 
 FileKind KindOf(mode_t mode)
@@ -112,18 +110,6 @@ int Stat(int directory, const char *name, int flags, FileMetadata *facts)
 }
 
 } // namespace
-
-int64_t FileTimeOf(int64_t seconds, uint32_t nanoseconds)
-{
-    const int64_t bounded = std::clamp(seconds, -kSecondsTo1970, kLatestSecond);
-    return (bounded + kSecondsTo1970) * kStepsPerSecond + nanoseconds / 100;
-}
-
-timespec TimespecOf(int64_t fileTime)
-{
-    const int64_t steps = std::max<int64_t>(fileTime, 0);
-    return {.tv_sec = steps / kStepsPerSecond - kSecondsTo1970, .tv_nsec = steps % kStepsPerSecond * 100};
-}
 
 int StatDescriptor(int fd, FileMetadata *facts)
 {

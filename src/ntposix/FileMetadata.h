@@ -33,19 +33,14 @@ struct FileMetadata {
     uint32_t links = 1;     // a directory has one
     int64_t endOfFile = 0;  // 0 unless a regular file or a link
     int64_t allocation = 0; // bytes on disk
-    int64_t creationTime = 0;
+    // Times are 100 ns steps since 1601.
+    int64_t creationTime = 0; // the earliest of the others where the file system keeps no birth time
     int64_t lastAccessTime = 0;
     int64_t lastWriteTime = 0;
     int64_t changeTime = 0;
     // Without what follows from the name: that is HiddenByName.
     uint32_t attributes = 0;
 };
-
-// Times are 100 ns steps since 1601. Where the file system keeps no birth time, the earliest of the others
-// stands for it.
-[[nodiscard]] int64_t FileTimeOf(int64_t seconds, uint32_t nanoseconds);
-// The opposite, for times from 1601 on; before that the year 1601.
-[[nodiscard]] timespec TimespecOf(int64_t fileTime);
 
 // 0 or an errno. `fd` may be O_PATH.
 [[nodiscard]] int StatDescriptor(int fd, FileMetadata *facts);

@@ -229,6 +229,19 @@ NTSTATUS OpenDirectory(const std::string &path, bool exact, Fd *directory, std::
     return OpenDirectoryOn(Ground(nullptr), path, exact, directory, realPath);
 }
 
+std::string SpellingOf(const std::string &path)
+{
+    const Ground ground(nullptr);
+    Fd found;
+    if (ground.IsTop(path) || ground.Open(path, O_PATH | O_NOFOLLOW, &found) == 0)
+        return path;
+    const PathParts parts = SplitPath(path);
+    std::string directory;
+    if (OpenDirectoryOn(ground, parts.parent, false, &found, &directory) != STATUS_SUCCESS)
+        return JoinPath(SpellingOf(parts.parent), parts.leaf);
+    return JoinPath(directory, DirectoryLease(found.Get()).Find(parts.leaf).value_or(parts.leaf));
+}
+
 namespace {
 
 bool LeadsTo(const std::string &path, const FileKey &key, Link *link)

@@ -1,6 +1,6 @@
 // From a name to a file: the exact spelling first, as one step of the kernel; only where that leads nowhere,
 // and where the share's rule lets it, component by component without regard to case. Names of a share are
-// looked for from its root on and never outside (Beneath.h), others anywhere. Any thread.
+// looked for from its root on and never outside (ShareRoots.h), others anywhere. Any thread.
 #pragma once
 
 #include "lib/misc/Fd.h"
@@ -54,6 +54,8 @@ struct LookupResult {
 // says so. `realPath` is how it is spelled on disk.
 [[nodiscard]] nt::NTSTATUS OpenParent(const NtName &name, bool exact, Fd *directory, std::string *realPath);
 
+// An absolute path that belongs to no share, spelled as on disk as far as it exists.
+[[nodiscard]] std::string SpellingOf(const std::string &path);
 // Opens a directory by a path that belongs to no share.
 [[nodiscard]] nt::NTSTATUS OpenDirectory(const std::string &path, bool exact, Fd *directory,
                                          std::string *realPath);

@@ -1,7 +1,7 @@
 #include "ntposix/NameSteps.h"
 
 #include "lib/misc/Fd.h"
-#include "lib/misc/HiddenNames.h"
+#include "lib/unicode/NameMapping.h"
 
 #include <fcntl.h>
 #include <stdio.h>

@@ -1,4 +1,5 @@
 // NtSetInformationFile: one function a class, and a table of what each asks for.
+#include "lib/misc/FileTime.h"
 #include "ntposix/Deletion.h"
 #include "ntposix/FileMetadata.h"
 #include "ntposix/FileRanges.h"

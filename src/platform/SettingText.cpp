@@ -1,6 +1,6 @@
 #include "platform/SettingText.h"
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 
 #include <algorithm>
 #include <charconv>

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace fodr::platform {
 
@@ -115,5 +117,80 @@ bool IsSameFolder(const std::u16string &a, const std::u16string &b);
 uint32_t QueryLinkKind(const std::u16string &path, LinkKind &kind);
 // Where a symbolic link points, as it is written in it.
 uint32_t ReadLinkTarget(const std::u16string &link, std::u16string &target);
+
+// How local paths are written and their names compare. Any thread. What separates them is in Volumes.h.
+
+// Whether the system takes two UTF-8 texts for the same name: byte by byte on Linux, without case on Windows.
+bool LocalNamesEqual(std::string_view a, std::string_view b);
+
+// A local path as the logic and remote machines write it: what their names can't hold stands for itself in
+// other characters (lib/unicode/NameMapping.h). On Windows every path is in that form.
+std::string PathInSharedForm(const std::string &localPath);
+
+// Arriving and leaving volumes, told in order on one thread.
+class IVolumeEventSink {
+public:
+    // Bit 0 is drive A. Bits above the 26th mean nothing.
+    virtual void OnVolumesArrived(uint32_t unitMask) = 0;
+    virtual void OnVolumesRemoved(uint32_t unitMask) = 0;
+    // The end was asked for: no other call follows until the next Run.
+    virtual void OnClose() = 0;
+
+protected:
+    ~IVolumeEventSink() = default;
+};
+
+// Open and Run belong to one thread; the others are for any.
+class VolumeEvents {
+public:
+    VolumeEvents();
+    ~VolumeEvents();
+    VolumeEvents(const VolumeEvents &) = delete;
+    VolumeEvents &operator=(const VolumeEvents &) = delete;
+
+    // Changes count from here on. False when changes can't be heard of.
+    bool Open();
+    // Whether an opened source has not been closed by its end yet.
+    bool IsOpen() const;
+    // Calls the sink until the end is asked for; when nothing is open it only waits for that. False when the
+    // source broke.
+    bool Run(IVolumeEventSink &sink);
+    // Makes Run call OnClose, close and return. On Windows returns when OnClose has been called.
+    void RequestEnd();
+
+private:
+    void TellChanges(IVolumeEventSink &sink);
+
+    struct State;
+    std::unique_ptr<State> state;
+};
+
+// Mount points of file systems that a process of this user serves.
+enum class MountHealth {
+    None,  // an ordinary folder, or nothing
+    Alive, // something is mounted there
+    Dead,  // mounted, but the process that served it is gone
+};
+
+MountHealth InspectMount(const std::string &path);
+
+// The same, given up to `timeoutMS` for a process that is just ending: what it serves still looks alive until
+// the system has closed its files. Waits only for mounts whose type ends in `ownType`, such as "fodr".
+MountHealth InspectEndingMount(const std::string &path, const std::string &ownType, int timeoutMS);
+
+// Whether a file system whose type begins with `type` is mounted just there, perhaps below another one.
+bool IsMounted(const std::string &path, const std::string &type);
+
+// Takes one mount away; one that is in use only `lazily`. 0 or an errno.
+int UnmountOnce(const std::string &path, bool lazily);
+// The system's helper that does it for ordinary users.
+std::vector<std::string> UnmountCommand(const std::string &path, bool lazily);
+
+// Takes all mounts there away at once, even while they are in use. True when nothing is mounted there any
+// more.
+bool DetachMount(const std::string &path);
+
+// Why this user can't mount here, as a sentence about what is missing and what to do; empty when he can.
+std::string MountProblem();
 
 } // namespace fodr::platform

@@ -1,5 +1,5 @@
 // RPCManager: the notices of connection, channel and objects, and the choice of a side channel.
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "plugin/RPCManager.h"
 #include "plugin/RPCPluginInstance.h"
 #include "runtime/LogCall.h"

@@ -1,6 +1,6 @@
 #include "rdpdr/ClientPolicy.h"
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "platform/Volumes.h"
 #include "rdpdr/wire/RdpdrConstants.h"
 #include "runtime/LogCall.h"

@@ -6,9 +6,8 @@
 #pragma once
 
 #include "drives/FodrDeviceFilterPolicy.h"
-#include "drives/IDeviceFilter.h"
-#include "lib/misc/MallocBuffer.h"
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/ByteBuffer.h"
+#include "lib/misc/Mutex.h"
 #include "rdpdr/wire/WireLayout.h"
 #include "runtime/OVMutex.h"
 

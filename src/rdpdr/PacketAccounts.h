@@ -1,7 +1,7 @@
 // How much of an agent's requests is held at once, and what went over the channel.
 #pragma once
 
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/Mutex.h"
 #include "runtime/OVMutex.h"
 
 #include <atomic>

@@ -1,7 +1,7 @@
 #include "rdpdr/PacketTrace.h"
 
-#include "lib/misc/Printf.h"
-#include "lib/unicode/CodePoint.h"
+#include "lib/misc/Panic.h"
+#include "lib/unicode/CodeSet.h"
 #include "rdpdr/ClientPolicy.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 #include "runtime/StringUtils.h"

@@ -1,7 +1,7 @@
 #include "rdpdr/PreReadManager.h"
 
 #include "fileservice/IFileSystem.h"
-#include "lib/misc/MallocBuffer.h"
+#include "lib/misc/ByteBuffer.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/LogCall.h"

@@ -10,10 +10,9 @@
 // taken alone as well. Facts that are read without stateLock are atomic, and hold for the moment of the read.
 #pragma once
 
-#include "drives/IDeviceStateSubscriber.h"
-#include "drives/IDriveWatcher.h"
+#include "drives/DriveWatcher.h"
 #include "fileservice/IRedirectedDevice.h"
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/Mutex.h"
 #include "rdpdr/ClientPolicy.h"
 #include "rdpdr/DataHandler.h"
 #include "rdpdr/PacketAccounts.h"

@@ -1,6 +1,6 @@
 // RdpdrChannelManager: how shares are announced and withdrawn, by command and as their drives come and go.
 #include "drives/FodrDeviceUtils.h"
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "rdpdr/RdpdrChannelManager.h"
 #include "rdpdr/RedirectionSettings.h"
 #include "rdpdr/ShareNames.h"

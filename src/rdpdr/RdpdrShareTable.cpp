@@ -3,7 +3,6 @@
 #include "fileservice/AllowListFileSystem.h"
 #include "fileservice/FileSystemImpl.h"
 #include "fileservice/RedirectedDeviceAccessControl.h"
-#include "lib/unicode/AsciiCase.h"
 #include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/Nt.h"

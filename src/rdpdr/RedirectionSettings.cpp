@@ -1,7 +1,6 @@
 #include "rdpdr/RedirectionSettings.h"
 
 #include "lib/unicode/CodeSet.h"
-#include "platform/LocalPath.h"
 #include "platform/Volumes.h"
 #include "rdpdr/ShareNames.h"
 #include "runtime/LogCall.h"

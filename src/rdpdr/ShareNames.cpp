@@ -1,8 +1,7 @@
 #include "rdpdr/ShareNames.h"
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
-#include "platform/LocalPath.h"
 #include "platform/Nt.h"
 #include "platform/Volumes.h"
 #include "runtime/LogCall.h"

@@ -6,7 +6,7 @@
 // the compiler. Callable from any thread and at any time; never fails towards the caller.
 #pragma once
 
-#include "lib/misc/Printf.h"
+#include "lib/misc/Panic.h"
 
 #include <atomic>
 #include <cstdarg>

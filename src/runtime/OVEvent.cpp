@@ -1,6 +1,6 @@
 #include "runtime/OVEvent.h"
 
-#include "platform/Sync.h"
+#include "platform/Threads.h"
 
 #include <array>
 

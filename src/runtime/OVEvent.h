@@ -21,7 +21,8 @@ public:
 
     OVEvent(); // no handle: every wait fails
     OVEvent(bool manualReset, bool initiallySet, const std::string &name = {});
-    // Wraps a waitable object of the platform (platform/Sync.h); `owns` says whether it is closed with this.
+    // Wraps a waitable object of the platform (platform/Threads.h); `owns` says whether it is closed with
+    // this.
     OVEvent(void *handle, bool owns);
     OVEvent(const OVEvent &other);
     OVEvent &operator=(const OVEvent &other);

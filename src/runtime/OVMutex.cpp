@@ -1,6 +1,5 @@
 #include "runtime/OVMutex.h"
 
-#include "platform/Sync.h"
 #include "platform/Threads.h"
 #include "runtime/LogCall.h"
 

@@ -1,7 +1,7 @@
 // Recursive mutex with a timeout and diagnostics: a lock that can't be had for 30 seconds is reported once.
 #pragma once
 
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/Mutex.h"
 #include "runtime/RCObject.h"
 
 #include <atomic>

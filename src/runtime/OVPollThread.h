@@ -1,7 +1,7 @@
 // One thread that runs many small jobs, each when its event fires or its time is up.
 #pragma once
 
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/Mutex.h"
 #include "runtime/OVEvent.h"
 #include "runtime/OVMutex.h"
 #include "runtime/OVPollItem.h"

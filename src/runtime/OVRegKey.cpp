@@ -1,6 +1,6 @@
 #include "runtime/OVRegKey.h"
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "platform/Registry.h"
 #include "platform/SystemError.h"
 #include "runtime/LogCall.h"

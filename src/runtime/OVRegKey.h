@@ -1,7 +1,7 @@
 // Keys of the settings store and their values. A key is named by one path string ("HKLM\Software\...").
 #pragma once
 
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/Mutex.h"
 #include "platform/Registry.h"
 #include "runtime/OVMutex.h"
 #include "runtime/OVPollThread.h"

@@ -1,4 +1,4 @@
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/SystemError.h"
 #include "runtime/LogCall.h"

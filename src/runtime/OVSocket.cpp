@@ -1,6 +1,6 @@
 #include "runtime/OVSocket.h"
 
-#include "platform/InetSocket.h"
+#include "platform/ByteStream.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {

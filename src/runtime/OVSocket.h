@@ -1,7 +1,7 @@
 // A connected socket of the IPv4 family.
 #pragma once
 
-#include "lib/misc/ThreadSafety.h"
+#include "lib/misc/Mutex.h"
 #include "runtime/OVMutex.h"
 #include "runtime/RCObject.h"
 
@@ -20,7 +20,7 @@ public:
     OVSocket() = default;
     ~OVSocket() override;
 
-    // `type` and `protocol` as in platform/InetSocket.h. Once; true again on a socket that is initialised.
+    // `type` and `protocol` as in platform/ByteStream.h. Once; true again on a socket that is initialised.
     bool Init(int32_t type, int32_t protocol);
     bool Connect(const std::string &hostName, uint16_t port);
     // The bytes sent, or a negative number. After a short send the data is sent again *from its start*: meant

@@ -1,6 +1,6 @@
 #include "runtime/OVTimer.h"
 
-#include "platform/Clock.h"
+#include "platform/Threads.h"
 #include "runtime/StringUtils.h"
 
 #include <algorithm>

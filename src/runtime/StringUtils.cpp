@@ -1,6 +1,6 @@
 #include "runtime/StringUtils.h"
 
-#include "lib/unicode/AsciiCase.h"
+#include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
 
 #include <algorithm>

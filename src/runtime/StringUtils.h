@@ -1,7 +1,7 @@
 // Small text helpers: printing that cuts rather than fails, paths, conversion. No shared state; any thread.
 #pragma once
 
-#include "lib/misc/Printf.h"
+#include "lib/misc/Panic.h"
 
 #include <cstdarg>
 #include <cstddef>

@@ -1,9 +1,9 @@
 #include "runtime/SystemFacts.h"
 
-#include "platform/Clock.h"
+#include "lib/misc/FileTime.h"
 #include "platform/Files.h"
-#include "platform/OsFacts.h"
 #include "platform/Process.h"
+#include "platform/Threads.h"
 #include "runtime/LogCall.h"
 #include "runtime/OVRegKey.h"
 #include "runtime/StringUtils.h"
@@ -48,8 +48,7 @@ std::string GetFileTimeText(const std::string &path)
     uint64_t time = 0;
     if (path.empty() || !platform::LastWriteTimeOfFile(path, time))
         return {};
-    const int64_t seconds =
-        static_cast<int64_t>(time / platform::kFileTimePerSecond) - platform::kFileTimeEpochSeconds;
+    const int64_t seconds = static_cast<int64_t>(time / kFileTimePerSecond) - kFileTimeEpochSeconds;
     const std::tm local =
         platform::BreakDownTime(seconds - int64_t{platform::CurrentLocalZone().biasMinutes} * 60, true);
     return StringUtils::Format("%s %2d %d %02d:%02d:%02d", kMonths[local.tm_mon + 1], local.tm_mday,

@@ -2,9 +2,13 @@
 // rule that a bad one breaks.
 #pragma once
 
+#include "lib/misc/LittleEndian.h"
 #include "platform/ByteStream.h"
 #include "transport/Frames.h"
 
+#include <cstring>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace fodr::transport {
@@ -67,5 +71,63 @@ struct FrameHeader {
 };
 // Null when the header is good, else why it isn't. `bytes` holds kFrameHeaderSize of them.
 [[nodiscard]] const char *DecodeHeader(const std::byte *bytes, FrameHeader *header);
+
+// Little-endian integers in byte buffers, and a reader that can't leave its buffer.
+// Reads from the front. After a read past the end Failed is true and everything read is zero or empty.
+class BodyReader {
+public:
+    explicit BodyReader(platform::ByteView body) : rest(body) {}
+
+    template <typename Integer> Integer Read()
+    {
+        const platform::ByteView bytes = Bytes(sizeof(Integer));
+        return bytes.empty() ? Integer{} : LoadLittle<Integer>(bytes.data());
+    }
+    platform::ByteView Bytes(size_t count)
+    {
+        if (count > rest.size()) {
+            failed = true;
+            rest = {};
+            return {};
+        }
+        const platform::ByteView taken = rest.first(count);
+        rest = rest.subspan(count);
+        return taken;
+    }
+    std::string_view Text()
+    {
+        const platform::ByteView bytes = Bytes(Read<uint16_t>());
+        return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
+    }
+    bool Failed() const { return failed; }
+    bool AtEnd() const { return rest.empty(); }
+
+private:
+    platform::ByteView rest;
+    bool failed = false;
+};
+
+// Appends to a growing buffer.
+class BodyWriter {
+public:
+    template <typename Integer> void Write(Integer value)
+    {
+        std::array<std::byte, sizeof(Integer)> raw;
+        StoreLittle(raw.data(), value);
+        Bytes(raw);
+    }
+    // Kept out of line: inlined into a writer that has just begun, g++ 12 takes the growing for an overflow.
+    [[gnu::noinline]] void Bytes(platform::ByteView block)
+    {
+        bytes.insert(bytes.end(), block.begin(), block.end());
+    }
+    void Text(std::string_view text)
+    {
+        Write(static_cast<uint16_t>(text.size()));
+        Bytes(std::as_bytes(std::span(text)));
+    }
+
+    std::vector<std::byte> bytes;
+};
 
 } // namespace fodr::transport

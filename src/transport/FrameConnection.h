@@ -113,4 +113,11 @@ private:
     std::atomic<std::thread::id> readerId{};
 };
 
+// The connection of a side channel, up to the point where frames flow.
+
+// Connects to what an agent offered, shows the secret and waits for its answer, at most `timeoutMS` for each
+// of the two. Null, with a few words in `*error`, when the agent can't be reached or doesn't want us.
+std::unique_ptr<platform::ByteStream> OpenSideStream(const std::string &host, const SideOffer &offer,
+                                                     int timeoutMS, std::string *error);
+
 } // namespace fodr::transport

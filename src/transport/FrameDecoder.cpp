@@ -1,4 +1,3 @@
-#include "transport/ByteOrder.h"
 #include "transport/FrameCodec.h"
 
 #include <algorithm>

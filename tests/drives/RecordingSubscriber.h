@@ -2,7 +2,7 @@
 #pragma once
 
 #include "Mailbox.h"
-#include "drives/IDeviceStateSubscriber.h"
+#include "drives/DriveWatcher.h"
 
 #include <string>
 

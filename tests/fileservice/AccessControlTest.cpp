@@ -3,7 +3,7 @@
 #include "fileservice/AllowListFileSystem.h"
 #include "fileservice/RedirectedDeviceAccessControl.h"
 #include "fileservice/Share.h"
-#include "platform/LocalPath.h"
+#include "platform/Volumes.h"
 #include "runtime/CapturedLog.h"
 
 #include <gmock/gmock.h>

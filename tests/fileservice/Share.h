@@ -8,7 +8,7 @@
 #include "Mailbox.h"
 #include "WholeFile.h"
 #include "WireExamples.h"
-#include "drives/IDeviceFilter.h"
+#include "drives/FodrDeviceFilterPolicy.h"
 #include "fileservice/FileSystemImpl.h"
 #include "fileservice/RedirectedDevice.h"
 #include "platform/Nt.h"

@@ -1,7 +1,6 @@
 #include "lib/unicode/CodeSet.h"
 
-#include "lib/misc/MallocBuffer.h"
-#include "lib/unicode/AsciiCase.h"
+#include "lib/misc/ByteBuffer.h"
 #include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/Utf8Text.h"
 

@@ -1,6 +1,5 @@
-#include "lib/unicode/ShownText.h"
-
 #include "lib/unicode/CodeSet.h"
+#include "lib/unicode/ForeignText.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,4 @@
 #include "AtOnce.h"
-#include "platform/Sync.h"
 #include "platform/Threads.h"
 
 #include <atomic>

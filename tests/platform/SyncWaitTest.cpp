@@ -1,4 +1,4 @@
-#include "platform/Sync.h"
+#include "platform/Threads.h"
 
 #include <atomic>
 #include <gtest/gtest.h>

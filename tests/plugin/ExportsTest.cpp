@@ -1,7 +1,7 @@
 // The library as a host finds it: loaded, by its exports, against a host of its own.
 #include "SettingsFixture.h"
 #include "odpservice/odpservice.h"
-#include "platform/DynamicLibrary.h"
+#include "platform/Process.h"
 #include "plugin/RecordingHost.h"
 #include "runtime/OVRegKey.h"
 

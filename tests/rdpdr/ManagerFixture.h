@@ -3,7 +3,7 @@
 
 #include "AgentPackets.h"
 #include "SettingsFixture.h"
-#include "platform/UserFolders.h"
+#include "platform/Files.h"
 #include "platform/Volumes.h"
 #include "rdpdr/RdpdrChannelManager.h"
 #include "runtime/CapturedLog.h"

@@ -1,5 +1,5 @@
 #include "AgentPackets.h"
-#include "lib/misc/MallocBuffer.h"
+#include "lib/misc/ByteBuffer.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/RdpdrPacker.h"
 

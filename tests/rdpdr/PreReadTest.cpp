@@ -1,5 +1,5 @@
 #include "fileservice/FileSystemImpl.h"
-#include "lib/misc/MallocBuffer.h"
+#include "lib/misc/ByteBuffer.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/PreReadManager.h"
 #include "rdpdr/wire/RdpdrStream.h"

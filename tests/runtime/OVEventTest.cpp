@@ -1,6 +1,6 @@
 #include "runtime/OVEvent.h"
 
-#include "platform/Sync.h"
+#include "platform/Threads.h"
 #include "runtime/OVTimer.h"
 
 #include <gtest/gtest.h>

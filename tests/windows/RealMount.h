@@ -1,7 +1,7 @@
 // Mounts that a test makes: there are none here.
 #pragma once
 
-#include "platform/UserFolders.h"
+#include "platform/Files.h"
 
 #include <gtest/gtest.h>
 #include <string>

@@ -1,6 +1,6 @@
 #include "WholeFile.h"
 
-#include "platform/windows/OwnedHandle.h"
+#include "platform/windows/Win32.h"
 
 namespace fodr::test {
 

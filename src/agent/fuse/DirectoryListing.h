@@ -3,7 +3,7 @@
 #pragma once
 
 #include "agent/fuse/Node.h"
-#include "lib/misc/HiddenNames.h"
+#include "lib/unicode/NameMapping.h"
 
 #include <chrono>
 #include <deque>

@@ -1,7 +1,7 @@
 // EventActor: what its thread is answered. The kernel believes nothing of it for longer than the call.
 #include "agent/fuse/EventActor.h"
 #include "agent/fuse/Fuse.h"
-#include "lib/misc/HiddenNames.h"
+#include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
 #include <cerrno>

@@ -1,6 +1,6 @@
 #include "agent/fuse/HandOver.h"
 
-#include "platform/UserFolders.h"
+#include "platform/Files.h"
 
 #include <fcntl.h>
 #include <poll.h>

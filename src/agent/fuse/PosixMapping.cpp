@@ -1,6 +1,7 @@
 #include "agent/fuse/PosixMapping.h"
 
 #include "agent/IoResult.h"
+#include "lib/misc/FileTime.h"
 #include "platform/Nt.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/WireLayout.h"
@@ -13,31 +14,29 @@ namespace fodr::agent {
 
 namespace {
 
-constexpr int64_t kTicksPerSecond = 10'000'000;
-constexpr int64_t kEpochDifference = 11'644'473'600; // seconds from 1601 to 1970
-constexpr blksize_t kBlockSize = 128 << 10;          // what a program should read and write at once
+constexpr blksize_t kBlockSize = 128 << 10; // what a program should read and write at once
 
 } // namespace
 
 timespec TimeOfNt(int64_t ntTime)
 {
-    int64_t seconds = ntTime / kTicksPerSecond;
-    int64_t ticks = ntTime % kTicksPerSecond;
+    int64_t seconds = ntTime / kFileTimePerSecond;
+    int64_t ticks = ntTime % kFileTimePerSecond;
     if (ticks < 0) {
-        ticks += kTicksPerSecond;
+        ticks += kFileTimePerSecond;
         --seconds;
     }
-    return {.tv_sec = seconds - kEpochDifference, .tv_nsec = ticks * 100};
+    return {.tv_sec = seconds - kFileTimeEpochSeconds, .tv_nsec = ticks * 100};
 }
 
 int64_t NtTimeOf(const timespec &time)
 {
-    constexpr int64_t kLatest = INT64_MAX / kTicksPerSecond - kEpochDifference - 1;
+    constexpr int64_t kLatest = INT64_MAX / kFileTimePerSecond - kFileTimeEpochSeconds - 1;
     if (time.tv_sec > kLatest)
         return INT64_MAX;
-    if (time.tv_sec < -kEpochDifference)
+    if (time.tv_sec < -kFileTimeEpochSeconds)
         return 1;
-    const int64_t ntTime = (time.tv_sec + kEpochDifference) * kTicksPerSecond + time.tv_nsec / 100;
+    const int64_t ntTime = (time.tv_sec + kFileTimeEpochSeconds) * kFileTimePerSecond + time.tv_nsec / 100;
     return ntTime > 0 ? ntTime : 1;
 }
 

@@ -1,7 +1,7 @@
 // The agent of a build without FUSE: everything but the mount.
 #include "agent/Agent.h"
-#include "platform/DebugOutput.h"
-#include "platform/Mounts.h"
+#include "platform/Process.h"
+#include "platform/Volumes.h"
 
 namespace fodr::agent {
 

@@ -3,7 +3,6 @@
 #include "lib/misc/ByteBuffer.h"
 #include "lib/misc/Panic.h"
 #include "lib/unicode/CaseFolding.h"
-#include "lib/unicode/CodePoint.h"
 
 #include <bit>
 #include <cstring>

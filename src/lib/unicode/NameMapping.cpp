@@ -1,6 +1,6 @@
 #include "lib/unicode/NameMapping.h"
 
-#include "lib/unicode/CodePoint.h"
+#include "lib/unicode/CodeSet.h"
 
 #include <array>
 #include <cstdint>

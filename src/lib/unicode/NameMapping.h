@@ -26,4 +26,8 @@ void AppendNtName(std::string_view name, std::u16string &out);
 std::u16string NtPathFromPosix(std::string_view path);
 [[nodiscard]] bool PosixPathFromNt(std::u16string_view path, std::string &out);
 
+// Names that a mount shows to nobody: files that were removed while they were open, on hosts where a name
+// stays as long as its file is open, and files on their way to being deleted.
+inline constexpr std::string_view kHiddenPrefix = ".fodr-deleted-";
+
 } // namespace fodr

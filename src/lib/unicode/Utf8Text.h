@@ -2,7 +2,10 @@
 // may write the kept form.
 #pragma once
 
+#include "lib/unicode/CodeSet.h"
+
 #include <cstddef>
+#include <cstdlib>
 #include <string>
 
 #if __has_include(<glibmm/ustring.h>)
@@ -36,5 +39,35 @@ private:
     char16_t *utf16 = nullptr;               // owned, null until asked for
     size_t utf16Length = Utf8TextBase::npos; // until measured
 };
+
+inline Utf8Text::~Utf8Text()
+{
+    free(utf16);
+}
+
+inline Utf8Text &Utf8Text::operator=(const Utf8Text &other)
+{
+    if (this != &other) {
+        Utf8TextBase::operator=(other);
+        free(utf16);
+        utf16 = nullptr;
+        utf16Length = npos;
+    }
+    return *this;
+}
+
+inline const char16_t *Utf8Text::GetUtf16()
+{
+    if (!utf16)
+        utf16 = static_cast<char16_t *>(UnicodeGetAllocated(c_str(), ENCODING_UTF16LE));
+    return utf16;
+}
+
+inline size_t Utf8Text::GetUtf16Length()
+{
+    if (utf16Length == npos)
+        utf16Length = std::char_traits<char16_t>::length(GetUtf16());
+    return utf16Length;
+}
 
 } // namespace fodr

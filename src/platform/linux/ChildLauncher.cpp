@@ -1,8 +1,8 @@
 // The launcher is a fork that has no other threads. A request is one packet with the number of a planned
 // program, an environment, and descriptors: of the one child's own socket, and of its standard streams. Over
 // that socket go how the start went and how the child ended, and the other way the wish to end it.
-#include "platform/ChildLauncher.h"
-
+#include "lib/misc/Mutex.h"
+#include "platform/Confinement.h"
 #include "platform/linux/ChildSpawn.h"
 
 #ifndef __linux__
@@ -253,7 +253,7 @@ private:
     {
         EndReport report{1, SIGKILL}; // where the launcher was killed nobody knows
         ReceiveReport(socket, &report);
-        const std::lock_guard<std::mutex> held(lock);
+        const MutexLock held(lock);
         End({report.bySignal != 0, report.code});
     }
 

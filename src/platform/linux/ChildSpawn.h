@@ -5,13 +5,13 @@
 #error "this file is the Linux side"
 #endif
 
+#include "lib/misc/Mutex.h"
 #include "platform/ChildProcess.h"
 #include "platform/linux/FdStream.h"
 
 #include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -67,17 +67,16 @@ protected:
     // Of the ends ours are kept.
     StartedChild(int childId, ChildEnds ends, const ChildOptions &options);
     ~StartedChild() override = default;
-    // With the lock held.
-    void End(Exit exit);
+    void End(Exit exit) REQUIRES(lock);
 
     const int id;
-    std::mutex lock;
-    std::optional<Exit> ended; // under lock
+    Mutex lock;
+    std::optional<Exit> ended GUARDED_BY(lock);
 
 private:
     std::unique_ptr<ByteStream> stream;
     std::unique_ptr<LineReader> errors;
-    std::condition_variable changed;
+    std::condition_variable_any changed;
 };
 
 } // namespace fodr::platform

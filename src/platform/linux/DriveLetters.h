@@ -8,9 +8,10 @@
 // disk that is left.
 #pragma once
 
+#include "lib/misc/Mutex.h"
+
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -31,10 +32,9 @@ public:
     void CopyPaths(Paths &copy);
 
 private:
-    // Each under `mutex`.
-    void Update();
-    void ParseTable(const std::string &text);
-    void AddMedia(const MountTable &mounts);
+    void Update() REQUIRES(mutex);
+    void ParseTable(const std::string &text) REQUIRES(mutex);
+    void AddMedia(const MountTable &mounts) REQUIRES(mutex);
 
     // What a letter stands for.
     struct Place {
@@ -45,15 +45,15 @@ private:
         bool IsThere() const { return isMounted || !hasMedium; }
     };
     using Places = Place[kCount];
-    Places &Chosen() { return variable ? table : media; }
+    Places &Chosen() REQUIRES(mutex) { return variable ? table : media; }
     // From `begin` on; behind the last when there is none.
-    Place *FindMedium(Place *begin, const std::string &path);
+    Place *FindMedium(Place *begin, const std::string &path) REQUIRES(mutex);
 
-    std::mutex mutex;
-    std::optional<std::string> variable;          // as last seen
-    Places table;                                 // of the variable
-    Places media;                                 // without the variable
-    std::shared_ptr<const MountTable> mountsSeen; // that `media` and what is mounted go by
+    Mutex mutex;
+    std::optional<std::string> variable GUARDED_BY(mutex);          // as last seen
+    Places table GUARDED_BY(mutex);                                 // of the variable
+    Places media GUARDED_BY(mutex);                                 // without the variable
+    std::shared_ptr<const MountTable> mountsSeen GUARDED_BY(mutex); // that `media` and what is mounted go by
 };
 
 } // namespace fodr::platform

@@ -1,7 +1,5 @@
 #include "platform/linux/FdStream.h"
 
-#include "platform/linux/LoopbackPeer.h"
-
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>

@@ -28,4 +28,10 @@ Fd ListenLocalSocket(const std::string &path, std::string *error);
 // Fills `*error`, unless it is null, with the text of errno and gives null.
 std::nullptr_t FailWithErrno(std::string *error);
 
+// Who is at the other end of a TCP connection within this machine.
+
+// True when both ends are loopback addresses and the other socket belongs to this process's user. False once
+// the other end has been closed.
+bool LoopbackPeerIsThisUser(int socket);
+
 } // namespace fodr::platform

@@ -1,4 +1,4 @@
-#include "platform/linux/LoopbackPeer.h"
+#include "platform/linux/FdStream.h"
 
 #include <unistd.h>
 
@@ -17,11 +17,11 @@ namespace fodr::platform {
 namespace {
 
 // An IPv4 address counts as its form in IPv6: one end of a connection may see it so.
-struct Place {
+struct Endpoint {
     in6_addr address{};
     uint16_t port = 0;
 
-    bool operator==(const Place &other) const
+    bool operator==(const Endpoint &other) const
     {
         return port == other.port && memcmp(&address, &other.address, sizeof(address)) == 0;
     }
@@ -40,27 +40,27 @@ in6_addr Mapped(uint32_t networkOrder)
     return address;
 }
 
-std::optional<Place> PlaceOf(const sockaddr_storage &name)
+std::optional<Endpoint> EndpointOf(const sockaddr_storage &name)
 {
     if (name.ss_family == AF_INET) {
         const auto &four = reinterpret_cast<const sockaddr_in &>(name);
-        return Place{Mapped(four.sin_addr.s_addr), ntohs(four.sin_port)};
+        return Endpoint{Mapped(four.sin_addr.s_addr), ntohs(four.sin_port)};
     }
     if (name.ss_family == AF_INET6) {
         const auto &six = reinterpret_cast<const sockaddr_in6 &>(name);
-        return Place{six.sin6_addr, ntohs(six.sin6_port)};
+        return Endpoint{six.sin6_addr, ntohs(six.sin6_port)};
     }
     return {};
 }
 
 // As proc(5) writes it: the words of the address in the machine's byte order, a colon, the port.
-std::optional<Place> ParsePlace(const char *text)
+std::optional<Endpoint> ParseEndpoint(const char *text)
 {
     const char *const colon = strchr(text, ':');
     const size_t digits = colon ? static_cast<size_t>(colon - text) : 0;
     if (digits != 8 && digits != 32)
         return {};
-    Place place;
+    Endpoint place;
     uint32_t words[4] = {};
     for (size_t i = 0; i < digits / 8; ++i) {
         if (sscanf(text + 8 * i, "%8" SCNx32, &words[i]) != 1)
@@ -76,7 +76,7 @@ std::optional<Place> ParsePlace(const char *text)
 }
 
 // The user of the socket that is bound to `own` and connected to `other`.
-std::optional<uid_t> UserOf(const char *table, const Place &own, const Place &other)
+std::optional<uid_t> UserOf(const char *table, const Endpoint &own, const Endpoint &other)
 {
     std::ifstream lines(table);
     for (std::string line; std::getline(lines, line);) {
@@ -86,7 +86,7 @@ std::optional<uid_t> UserOf(const char *table, const Place &own, const Place &ot
         // One that was closed has no inode, and counts as root's whoever's it was.
         if (sscanf(line.c_str(), " %*d: %63s %63s %*s %*s %*s %*s %u %*s %lu", local, remote, &user,
                    &inode) == 4 &&
-            inode != 0 && ParsePlace(local) == own && ParsePlace(remote) == other)
+            inode != 0 && ParseEndpoint(local) == own && ParseEndpoint(remote) == other)
             return user;
     }
     return {};
@@ -103,7 +103,7 @@ bool LoopbackPeerIsThisUser(int socket)
     size = sizeof(names[1]);
     if (getpeername(socket, reinterpret_cast<sockaddr *>(&names[1]), &size) != 0)
         return false;
-    const auto own = PlaceOf(names[0]), peer = PlaceOf(names[1]);
+    const auto own = EndpointOf(names[0]), peer = EndpointOf(names[1]);
     if (!own || !peer || !own->IsLoopback() || !peer->IsLoopback())
         return false;
     for (const char *table : {"/proc/net/tcp", "/proc/net/tcp6"}) {

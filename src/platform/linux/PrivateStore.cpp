@@ -1,11 +1,11 @@
-#include "platform/PrivateStore.h"
+#include "platform/Registry.h"
 
 #ifndef __linux__
 #error "this file is the Linux side"
 #endif
 
+#include "platform/Files.h"
 #include "platform/SystemError.h"
-#include "platform/UserFolders.h"
 #include "platform/linux/SettingsWatch.h"
 
 #include <filesystem>

@@ -1,12 +1,14 @@
 #include "platform/Registry.h"
 
+#include "lib/misc/Mutex.h"
+
 #ifndef __linux__
 #error "this file is the Linux side"
 #endif
 
-#include "platform/DebugOutput.h"
+#include "platform/Files.h"
+#include "platform/Process.h"
 #include "platform/SystemError.h"
-#include "platform/UserFolders.h"
 #include "platform/linux/SettingsFile.h"
 #include "platform/linux/SettingsWatch.h"
 
@@ -52,8 +54,8 @@ const char *FileNameOf(RegistryRoot root)
 }
 
 struct OpenFiles {
-    std::mutex mutex;
-    std::map<std::string, std::shared_ptr<SettingsFile>> files; // guarded by mutex; few, kept
+    Mutex mutex;
+    std::map<std::string, std::shared_ptr<SettingsFile>> files GUARDED_BY(mutex); // few, kept
 };
 
 OpenFiles &Files()
@@ -66,7 +68,7 @@ std::shared_ptr<SettingsFile> FileOf(RegistryRoot root)
 {
     const std::string path = SettingsFolder() + '/' + FileNameOf(root);
     OpenFiles &open = Files();
-    std::lock_guard<std::mutex> guard(open.mutex);
+    const MutexLock guard(open.mutex);
     std::shared_ptr<SettingsFile> &file = open.files[path];
     if (!file)
         file = std::make_shared<SettingsFile>(path);

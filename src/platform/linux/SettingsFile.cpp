@@ -1,10 +1,13 @@
-#include "platform/linux/SettingsFile.h"
-
 #ifndef __linux__
 #error "this file is the Linux side"
 #endif
 
+#include "platform/linux/SettingsFile.h"
+
 #include "lib/misc/Fd.h"
+#include "lib/misc/Mutex.h"
+#include "lib/unicode/CaseFolding.h"
+#include "lib/unicode/CodeSet.h"
 #include "platform/SystemError.h"
 
 #include <fcntl.h>
@@ -15,10 +18,122 @@
 #include <cstdlib>
 #include <filesystem>
 #include <glibmm/error.h>
+#include <glibmm/fileutils.h>
+#include <glibmm/init.h>
 #include <glibmm/keyfile.h>
 #include <sys/file.h>
 
 namespace fodr::platform {
+
+namespace {
+
+// The library's exceptions need it.
+void InitGlibOnce()
+{
+    static const bool done = [] {
+        Glib::init();
+        return true;
+    }();
+    static_cast<void>(done);
+}
+
+} // namespace
+
+std::optional<std::u16string> FoldSettingsName(std::string_view name)
+{
+    std::u16string wide;
+    if (!Utf8ToUtf16(name, wide))
+        return std::nullopt;
+    return FoldText(wide);
+}
+
+bool IsSettingsPath(std::string_view path)
+{
+    return !path.empty() && path.front() != '\\' && path.back() != '\\' &&
+           path.find("\\\\") == std::string_view::npos;
+}
+
+bool LoadKeyFile(const std::string &path, Glib::KeyFile &file, std::string &complaint)
+{
+    InitGlibOnce();
+    try {
+        file.load_from_file(path, Glib::KEY_FILE_KEEP_COMMENTS);
+        return true;
+    } catch (const Glib::FileError &error) {
+        if (error.code() == Glib::FileError::NO_SUCH_ENTITY)
+            return true;
+        complaint = "Settings file " + path + " can't be read and counts as empty: " + error.what().raw();
+    } catch (const Glib::Error &error) {
+        complaint = "Settings file " + path + " is malformed and counts as empty: " + error.what().raw();
+    }
+    return false;
+}
+
+SettingsModel SettingsModel::FromFile(const Glib::KeyFile &file, std::string &complaint)
+{
+    SettingsModel model;
+    model.keys[u""];         // the root is always there,
+    model.keys[u"software"]; // and what all settings are below, as in a registry
+    for (const Glib::ustring &group : file.get_groups()) {
+        const std::optional<std::u16string> path = FoldSettingsName(group.raw());
+        if (!path || !IsSettingsPath(group.raw())) {
+            complaint = "[" + group.raw() + "] is no key path and is left out";
+            continue;
+        }
+        for (size_t end = path->find(u'\\'); end != std::u16string::npos; end = path->find(u'\\', end + 1))
+            model.keys[path->substr(0, end)];
+        Values &values = model.keys[*path];
+        for (const Glib::ustring &key : file.get_keys(group)) {
+            const std::optional<std::u16string> name = FoldSettingsName(key.raw());
+            if (!name)
+                continue;
+            SettingsValue value;
+            const bool good = SettingsValue::Read(file, group, key, value);
+            if (!good)
+                complaint =
+                    "\"" + key.raw() + "\" in [" + group.raw() + "] isn't well-formed and can't be used";
+            values[*name] = good ? std::optional(value) : std::nullopt;
+        }
+    }
+    return model;
+}
+
+const SettingsModel::Values *SettingsModel::FindKey(const std::u16string &path) const
+{
+    const auto found = keys.find(path);
+    return found == keys.end() ? nullptr : &found->second;
+}
+
+bool SettingsModel::HasKeysBelow(const std::u16string &path) const
+{
+    const std::u16string prefix = path.empty() ? path : path + u'\\';
+    const auto next = keys.upper_bound(prefix);
+    return next != keys.end() && next->first.starts_with(prefix);
+}
+
+// The keys of interest, with their values as far as those are.
+std::map<std::u16string, SettingsModel::Values> SettingsModel::Part(const Interest &interest) const
+{
+    std::map<std::u16string, Values> part;
+    const Values *own = FindKey(interest.path);
+    if (own)
+        part[interest.path] = interest.values ? *own : Values();
+    const std::u16string prefix = interest.path.empty() ? interest.path : interest.path + u'\\';
+    for (auto next = keys.upper_bound(prefix); next != keys.end() && next->first.starts_with(prefix);
+         ++next) {
+        if (interest.subtree)
+            part[next->first] = interest.values ? next->second : Values();
+        else if (interest.names && next->first.find(u'\\', prefix.size()) == std::u16string::npos)
+            part[next->first];
+    }
+    return part;
+}
+
+bool SettingsModel::Differ(const SettingsModel &before, const SettingsModel &after, const Interest &interest)
+{
+    return &before != &after &&
+           (before.isReadable != after.isReadable || before.Part(interest) != after.Part(interest));
+}
 
 namespace {
 
@@ -33,9 +148,9 @@ int64_t Nanoseconds(const timespec &time)
 
 // One thread at a time parses or prints: nothing here is in a hurry, and ThreadSanitizer doesn't know the
 // locks inside the library. Comes after a file's own lock.
-std::mutex &KeyFileLock()
+Mutex &KeyFileLock()
 {
-    static std::mutex mutex;
+    static Mutex mutex;
     return mutex;
 }
 
@@ -72,13 +187,12 @@ SettingsFile::Stamp SettingsFile::TakeStamp() const
     return taken;
 }
 
-// Under `mutex`.
 void SettingsFile::Refresh()
 {
     const Stamp now = TakeStamp();
     if (model && stamp.IsStillThatOf(now))
         return;
-    std::lock_guard<std::mutex> parsing(KeyFileLock());
+    const MutexLock parsing(KeyFileLock());
     Glib::KeyFile file;
     const Glib::KeyFile empty;
     std::string found;
@@ -93,24 +207,27 @@ void SettingsFile::Refresh()
 
 std::shared_ptr<const SettingsModel> SettingsFile::ReadQuietly()
 {
-    std::lock_guard<std::mutex> guard(mutex);
+    const MutexLock guard(mutex);
     Refresh();
     return model;
 }
 
 std::shared_ptr<const SettingsModel> SettingsFile::Read()
 {
-    std::unique_lock<std::mutex> guard(mutex);
-    Refresh();
-    std::shared_ptr<const SettingsModel> current = model;
-    if (!isComplaintPending)
-        return current;
-    isComplaintPending = false;
-    const std::string text = complaint;
-    guard.unlock();
+    std::shared_ptr<const SettingsModel> current;
+    std::string text;
+    {
+        const MutexLock guard(mutex);
+        Refresh();
+        current = model;
+        if (!isComplaintPending)
+            return current;
+        isComplaintPending = false;
+        text = complaint;
+    }
     // Without the lock: a log reads its settings from here.
     if (!ReportSettingsComplaint(text)) {
-        guard.lock();
+        const MutexLock guard(mutex);
         isComplaintPending = true;
     }
     return current;
@@ -137,7 +254,7 @@ uint32_t SettingsFile::Edit(const Change &change)
 // No text: nothing changed.
 uint32_t SettingsFile::ChangeText(const Change &change, std::optional<std::string> &text) const
 {
-    std::lock_guard<std::mutex> parsing(KeyFileLock());
+    const MutexLock parsing(KeyFileLock());
     try {
         Glib::KeyFile file;
         std::string found;

@@ -1,11 +1,13 @@
 #include "platform/linux/SettingsWatch.h"
 
+#include "lib/misc/Mutex.h"
+
 #ifndef __linux__
 #error "this file is the Linux side"
 #endif
 
 #include "platform/SystemError.h"
-#include "platform/linux/SmallThread.h"
+#include "platform/linux/Threads.h"
 
 #include <poll.h>
 #include <unistd.h>
@@ -43,55 +45,55 @@ SettingsWatch &SettingsWatch::Get()
 
 uint32_t SettingsWatch::Arm(const void *owner, const Request &request)
 {
-    std::lock_guard<std::mutex> starting(startMutex);
+    const MutexLock starting(startMutex);
     const uint32_t outcome = hasThread ? kErrorSuccess : Start();
     if (outcome != kErrorSuccess)
         return outcome;
     const std::shared_ptr<const SettingsModel> current = request.file->ReadQuietly();
     {
-        std::lock_guard<std::mutex> guard(mutex);
+        const MutexLock guard(mutex);
         const auto [place, isNew] = entries.try_emplace(owner, Entry{request, current, true});
         place->second.request = request;
         place->second.isArmed = true;
     }
     // A change between the reading and the watching, or since the last call, is found by the thread.
     const uint32_t watched = WatchFolders();
-    eventfd_write(waker, 1);
+    eventfd_write(waker.Get(), 1);
     return watched;
 }
 
 void SettingsWatch::Remove(const void *owner)
 {
-    std::lock_guard<std::mutex> starting(startMutex);
+    const MutexLock starting(startMutex);
     {
-        std::lock_guard<std::mutex> guard(mutex);
+        const MutexLock guard(mutex);
         entries.erase(owner);
         if (!entries.empty() || !hasThread)
             return;
         isEnding = true;
     }
-    eventfd_write(waker, 1);
+    eventfd_write(waker.Get(), 1);
     pthread_join(thread, nullptr);
     hasThread = false;
-    close(notifier);
-    close(waker);
+    notifier.Reset();
+    waker.Reset();
 }
 
-// Under startMutex.
 uint32_t SettingsWatch::Start()
 {
-    isEnding = false;
-    notifier = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    waker = notifier < 0 ? -1 : eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (waker >= 0 && StartSmallThread(&thread, ThreadEntry, this)) {
-        hasThread = true;
-        return kErrorSuccess;
+    {
+        const MutexLock guard(mutex);
+        isEnding = false;
     }
-    const uint32_t outcome = waker < 0 ? LastSystemError() : kErrorNotEnoughMemory;
-    if (notifier >= 0)
-        close(notifier);
-    if (waker >= 0)
-        close(waker);
+    notifier.Reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    waker.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    const bool isReady = notifier && waker;
+    const uint32_t outcome = isReady ? kErrorNotEnoughMemory : LastSystemError();
+    hasThread = isReady && StartSmallThread(&thread, ThreadEntry, this);
+    if (hasThread)
+        return kErrorSuccess;
+    notifier.Reset();
+    waker.Reset();
     return outcome;
 }
 
@@ -104,14 +106,14 @@ void *SettingsWatch::ThreadEntry(void *argument)
 
 void SettingsWatch::Run()
 {
-    pollfd sources[2] = {{waker, POLLIN, 0}, {notifier, POLLIN, 0}};
+    pollfd sources[2] = {{waker.Get(), POLLIN, 0}, {notifier.Get(), POLLIN, 0}};
     for (;;) {
         if (poll(sources, 2, -1) < 0 && errno != EINTR)
             return;
         eventfd_t ignored = 0;
-        const bool wasWoken = eventfd_read(waker, &ignored) == 0;
+        const bool wasWoken = eventfd_read(waker.Get(), &ignored) == 0;
         {
-            std::lock_guard<std::mutex> guard(mutex);
+            const MutexLock guard(mutex);
             if (isEnding)
                 return;
         }
@@ -127,7 +129,7 @@ bool SettingsWatch::TakeEvents()
 {
     alignas(inotify_event) char buffer[4096];
     bool wereThere = false;
-    while (read(notifier, buffer, sizeof(buffer)) > 0)
+    while (read(notifier.Get(), buffer, sizeof(buffer)) > 0)
         wereThere = true;
     return wereThere;
 }
@@ -135,7 +137,7 @@ bool SettingsWatch::TakeEvents()
 // Watches for every file its folder and the folder of what it links to. Watching a folder again does no harm.
 uint32_t SettingsWatch::WatchFolders()
 {
-    std::lock_guard<std::mutex> guard(mutex);
+    const MutexLock guard(mutex);
     uint32_t outcome = kErrorSuccess;
     for (const auto &[owner, entry] : entries) {
         const std::filesystem::path path = entry.request.file->Path();
@@ -145,7 +147,7 @@ uint32_t SettingsWatch::WatchFolders()
             std::filesystem::path folder;
             do { // again if one came to be below it meanwhile
                 folder = NearestFolder(file.parent_path());
-                if (inotify_add_watch(notifier, folder.c_str(), kEvents) < 0 && errno != ENOENT)
+                if (inotify_add_watch(notifier.Get(), folder.c_str(), kEvents) < 0 && errno != ENOENT)
                     outcome = LastSystemError();
             } while (outcome == kErrorSuccess && NearestFolder(file.parent_path()) != folder);
         }
@@ -157,13 +159,13 @@ void SettingsWatch::Compare()
 {
     std::map<std::shared_ptr<SettingsFile>, std::shared_ptr<const SettingsModel>> now;
     {
-        std::lock_guard<std::mutex> guard(mutex);
+        const MutexLock guard(mutex);
         for (const auto &[owner, entry] : entries)
             now.try_emplace(entry.request.file);
     }
     for (auto &[file, model] : now)
         model = file->ReadQuietly();
-    std::lock_guard<std::mutex> guard(mutex);
+    const MutexLock guard(mutex);
     for (auto &[owner, entry] : entries) {
         const auto model = now.find(entry.request.file);
         if (!entry.isArmed || model == now.end() ||

@@ -1,6 +1,8 @@
 // Tells who asked when settings files change: one thread on inotify, there while somebody asks.
 #pragma once
 
+#include "lib/misc/Fd.h"
+#include "lib/misc/Mutex.h"
 #include "platform/Registry.h"
 #include "platform/linux/SettingsFile.h"
 
@@ -8,7 +10,6 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace fodr::platform {
@@ -38,21 +39,21 @@ private:
     };
 
     static void *ThreadEntry(void *argument);
-    uint32_t Start();
+    uint32_t Start() REQUIRES(startMutex);
     void Run();
     uint32_t WatchFolders();
     bool TakeEvents();
     void Compare();
 
-    std::mutex startMutex; // starts and stops of the thread; before `mutex`
-    pthread_t thread{};
-    bool hasThread = false;
-    int notifier = -1; // inotify
-    int waker = -1;    // eventfd
+    Mutex startMutex; // starts and stops of the thread; before `mutex`
+    pthread_t thread GUARDED_BY(startMutex){};
+    bool hasThread GUARDED_BY(startMutex) = false;
+    Fd notifier; // inotify; changes only without the thread
+    Fd waker;    // eventfd, likewise
 
-    std::mutex mutex; // guards the rest
-    std::map<const void *, Entry> entries;
-    bool isEnding = false;
+    Mutex mutex;
+    std::map<const void *, Entry> entries GUARDED_BY(mutex);
+    bool isEnding GUARDED_BY(mutex) = false;
 };
 
 } // namespace fodr::platform

@@ -4,8 +4,6 @@
 #error "this file is the Linux side"
 #endif
 
-#include "platform/ErrnoErrors.h"
-
 #include <cerrno>
 #include <cstring>
 

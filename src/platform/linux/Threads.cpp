@@ -4,12 +4,16 @@
 
 #include "platform/Threads.h"
 
+#include "platform/linux/Threads.h"
 #include "platform/linux/WaitableObject.h"
 
 #include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 
 namespace fodr::platform {
@@ -99,5 +103,55 @@ ThreadApartment::ThreadApartment()
     static_cast<void>(entered);
 }
 ThreadApartment::~ThreadApartment() = default;
+
+namespace {
+
+// The instrumentation of sanitizers needs larger frames.
+#ifndef __has_feature
+#define __has_feature(x) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || __has_feature(address_sanitizer) ||     \
+    __has_feature(thread_sanitizer)
+constexpr size_t kStackSize = 2048 * 1024;
+#else
+constexpr size_t kStackSize = 256 * 1024;
+#endif
+
+} // namespace
+
+bool StartSmallThread(pthread_t *thread, void *(*entry)(void *), void *argument)
+{
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0)
+        return false;
+    sigset_t blocked;
+    sigset_t previous;
+    sigfillset(&blocked);
+    for (int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS, SIGPROF})
+        sigdelset(&blocked, fault);
+    pthread_sigmask(SIG_SETMASK, &blocked, &previous);
+    const bool started = pthread_attr_setstacksize(&attributes, kStackSize) == 0 &&
+                         pthread_create(thread, &attributes, entry, argument) == 0;
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    pthread_attr_destroy(&attributes);
+    return started;
+}
+
+std::tm BreakDownTime(int64_t seconds, bool utc)
+{
+    const time_t time = static_cast<time_t>(seconds);
+    std::tm brokenDown{};
+    if (utc)
+        gmtime_r(&time, &brokenDown);
+    else
+        localtime_r(&time, &brokenDown);
+    return brokenDown;
+}
+
+LocalZone CurrentLocalZone()
+{
+    const std::tm now = BreakDownTime(time(nullptr), false);
+    return {now.tm_zone ? now.tm_zone : "", static_cast<int32_t>(-now.tm_gmtoff / 60)};
+}
 
 } // namespace fodr::platform

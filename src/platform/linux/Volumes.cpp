@@ -6,25 +6,85 @@
 
 #include "lib/unicode/CodeSet.h"
 #include "lib/unicode/NameMapping.h"
+#include "ntposix/Lookup.h"
+#include "ntposix/NtName.h"
 #include "platform/SystemError.h"
 #include "platform/linux/BlockDevice.h"
-#include "platform/linux/LocalPaths.h"
 #include "platform/linux/MountTable.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <filesystem>
 #include <iterator>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
+#include <system_error>
 
 namespace fodr::platform {
 
 namespace {
+
+bool IsSeparator(char16_t c)
+{
+    return c == u'/' || c == u'\\';
+}
+
+bool IsLetter(char16_t c)
+{
+    return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z');
+}
+
+// `path` begins with a separator or a drive letter and a colon, is empty (the root), and may mix separators
+// and names as a remote machine sees them. What the file calls open (src/ntposix) it resolves to the very
+// same path, so that nothing that is decided by it is got around: two separators at the front are one, a
+// stream suffix is no part of the name, and components are found without case where there is none of the
+// exact name. What doesn't exist is left as it is written; ".." is what the system makes of it. `*local` is
+// absolute and has no separator at its end but the root's. kErrorInvalidName or kErrorPathNotFound (no such
+// drive) on failure.
+uint32_t ResolveLocalPath(std::u16string_view path, std::string *local)
+{
+    std::string resolved = "/";
+    if (path.size() >= 2 && IsLetter(path[0]) && path[1] == u':') {
+        resolved = LocalPathOfDriveLetter(static_cast<char>(path[0]));
+        path.remove_prefix(2);
+        if (resolved.empty())
+            return kErrorPathNotFound;
+    }
+    if (!path.empty() && !IsSeparator(path[0]))
+        return kErrorInvalidName;
+    // A drive is never a link itself, whatever it stands for.
+    std::error_code error;
+    if (path.size() < 2)
+        resolved = std::filesystem::weakly_canonical(resolved, error).string();
+    if (error)
+        return kErrorInvalidName;
+    while (!path.empty() && IsSeparator(path.back()))
+        path.remove_suffix(1);
+    std::u16string stream; // all that counts is whose it is
+    if (ntposix::NtName::SplitStream(&path, &stream) != nt::STATUS_SUCCESS)
+        return kErrorInvalidName;
+    while (!path.empty()) {
+        size_t end = 0;
+        while (end < path.size() && !IsSeparator(path[end]))
+            ++end;
+        const std::u16string_view component = path.substr(0, end);
+        path.remove_prefix(end < path.size() ? end + 1 : end);
+        if (component.empty())
+            continue;
+        std::string name;
+        if (!PosixNameFromNt(component, name))
+            return kErrorInvalidName;
+        resolved = ntposix::JoinPath(resolved, name);
+    }
+    *local = ntposix::SpellingOf(resolved);
+    return kErrorSuccess;
+}
 
 constexpr std::string_view kRemoteTypes[] = {
     "9p",
@@ -192,6 +252,28 @@ uint32_t ReadLinkTarget(const std::u16string &link, std::u16string &target)
     // Its root is written as local paths are, since a backslash first would be no local root elsewhere.
     std::replace(target.begin(), target.end(), u'\\', u'/');
     return kErrorSuccess;
+}
+
+bool LocalNamesEqual(std::string_view a, std::string_view b)
+{
+    return a == b;
+}
+
+std::string PathInSharedForm(const std::string &localPath)
+{
+    std::string all;
+    size_t begin = 0;
+    for (size_t end = 0; end != std::string::npos; begin = end + 1) {
+        end = localPath.find('/', begin);
+        const std::string component = localPath.substr(begin, end == std::string::npos ? end : end - begin);
+        std::string mapped;
+        if (!Utf16ToUtf8(NtNameFromPosix(component), mapped))
+            mapped = component;
+        all += mapped;
+        if (end != std::string::npos)
+            all += '/';
+    }
+    return all;
 }
 
 } // namespace fodr::platform

@@ -8,7 +8,7 @@
 #error "this file is the Linux side"
 #endif
 
-#include "platform/Sync.h"
+#include "platform/Threads.h"
 
 #include <condition_variable>
 #include <cstddef>

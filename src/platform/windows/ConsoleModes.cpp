@@ -1,17 +1,18 @@
 #include "platform/windows/ConsoleModes.h"
 
+#include "lib/misc/Mutex.h"
+
 #include <cstdlib>
-#include <mutex>
 
 namespace fodr::platform {
 
 namespace {
 
 struct Found {
-    std::mutex lock;
-    UINT codePage = 0; // under lock, as all; 0: as it was
-    HANDLE output = nullptr;
-    DWORD mode = 0;
+    Mutex lock;
+    UINT codePage GUARDED_BY(lock) = 0; // 0: as it was
+    HANDLE output GUARDED_BY(lock) = nullptr;
+    DWORD mode GUARDED_BY(lock) = 0;
 };
 
 // Never destroyed: a thread may end the program while its statics go.
@@ -29,7 +30,7 @@ Found &FoundModes()
 void PrintUtf8()
 {
     Found &found = FoundModes();
-    const std::lock_guard<std::mutex> held(found.lock);
+    const MutexLock held(found.lock);
     const UINT current = GetConsoleOutputCP(); // 0 without a console
     if (current != CP_UTF8 && SetConsoleOutputCP(CP_UTF8))
         found.codePage = current;
@@ -38,7 +39,7 @@ void PrintUtf8()
 bool ObeysEscapes(HANDLE output)
 {
     Found &found = FoundModes();
-    const std::lock_guard<std::mutex> held(found.lock);
+    const MutexLock held(found.lock);
     DWORD mode = 0;
     if (!GetConsoleMode(output, &mode))
         return false;
@@ -55,7 +56,7 @@ bool ObeysEscapes(HANDLE output)
 void PutConsoleBack()
 {
     Found &found = FoundModes();
-    const std::lock_guard<std::mutex> held(found.lock);
+    const MutexLock held(found.lock);
     if (found.codePage != 0)
         SetConsoleOutputCP(found.codePage);
     if (found.output)

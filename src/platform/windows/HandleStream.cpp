@@ -1,5 +1,6 @@
 #include "platform/windows/HandleStream.h"
 
+#include "lib/misc/Mutex.h"
 #include "platform/SystemError.h"
 
 #include <algorithm>
@@ -12,7 +13,7 @@ class HandleStream::Use {
 public:
     explicit Use(HandleStream &used) : stream(used)
     {
-        const std::lock_guard<std::mutex> held(stream.lock);
+        const MutexLock held(stream.lock);
         valid = !stream.shutDown && stream.readEnd != nullptr;
         if (valid)
             ++stream.users;
@@ -21,7 +22,7 @@ public:
     {
         if (!valid)
             return;
-        const std::lock_guard<std::mutex> held(stream.lock);
+        const MutexLock held(stream.lock);
         if (--stream.users == 0 && stream.closeWhenIdle) {
             stream.readEnd.reset();
             stream.writeEnd.reset();
@@ -142,7 +143,7 @@ bool HandleStream::Write(std::span<const ByteView> blocks)
 
 void HandleStream::Shutdown()
 {
-    const std::lock_guard<std::mutex> held(lock);
+    const MutexLock held(lock);
     if (shutDown || !readEnd)
         return;
     shutDown = true;

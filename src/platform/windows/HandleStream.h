@@ -1,12 +1,12 @@
 // Byte streams over handles that take overlapped I/O: named pipes and sockets.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "platform/ByteStream.h"
-#include "platform/windows/OwnedHandle.h"
+#include "platform/windows/Win32.h"
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
 
 namespace fodr::platform {
 
@@ -56,10 +56,10 @@ private:
     int writeTimeoutMS = kNoTimeout;
     std::atomic<bool> writeTimedOut{false};
 
-    std::mutex lock;
-    int users = 0; // under lock: calls that use the ends
-    bool shutDown = false;
-    bool closeWhenIdle = false;
+    Mutex lock;
+    int users GUARDED_BY(lock) = 0; // calls that use the ends
+    bool shutDown GUARDED_BY(lock) = false;
+    bool closeWhenIdle GUARDED_BY(lock) = false;
 };
 
 // A pipe's end. `peerIsServer` tells which side of a named pipe the peer is; null makes null.

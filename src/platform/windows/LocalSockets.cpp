@@ -3,7 +3,7 @@
 #include "platform/SystemError.h"
 #include "platform/windows/HandleStream.h"
 #include "platform/windows/UserIdentity.h"
-#include "platform/windows/WideText.h"
+#include "platform/windows/Win32.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 // The file calls are ntdll's own; here only the types of the arguments change names.
 #include "platform/Nt.h"
 
-#include "platform/windows/WideText.h"
+#include "platform/windows/Win32.h"
 #include "platform/windows/WineScans.h"
 
 #include <shlwapi.h>

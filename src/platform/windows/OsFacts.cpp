@@ -1,6 +1,4 @@
-#include "platform/OsFacts.h"
-
-#include "platform/windows/WideText.h"
+#include "platform/Process.h"
 #include "platform/windows/Win32.h"
 
 #include <cstdio>

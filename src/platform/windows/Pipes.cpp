@@ -2,7 +2,7 @@
 // named pipes here.
 #include "platform/windows/HandleStream.h"
 #include "platform/windows/UserIdentity.h"
-#include "platform/windows/WideText.h"
+#include "platform/windows/Win32.h"
 
 #include <io.h>
 

@@ -1,13 +1,11 @@
 // The private store is a volatile key of the user, to which this process's view of the machine's key is
 // redirected. Each state is a key of its own, so that readers see one whole.
-#include "platform/PrivateStore.h"
-
+#include "platform/Files.h"
 #include "platform/Process.h"
+#include "platform/Registry.h"
 #include "platform/SystemError.h"
-#include "platform/UserFolders.h"
 #include "platform/windows/RegistryKeyObject.h"
-#include "platform/windows/RegistryRedirect.h"
-#include "platform/windows/WideText.h"
+#include "platform/windows/Win32.h"
 
 #include <mutex>
 

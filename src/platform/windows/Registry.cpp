@@ -4,8 +4,7 @@
 #include "lib/unicode/CodeSet.h"
 #include "platform/SystemError.h"
 #include "platform/windows/RegistryKeyObject.h"
-#include "platform/windows/RegistryRedirect.h"
-#include "platform/windows/WideText.h"
+#include "platform/windows/Win32.h"
 
 #include <cstring>
 #include <memory>

@@ -1,7 +1,5 @@
 // Events, waits and the mutex are the kernel's.
-#include "platform/Sync.h"
-
-#include "platform/windows/WideText.h"
+#include "platform/Threads.h"
 #include "platform/windows/Win32.h"
 
 #include <memory>

@@ -1,11 +1,11 @@
 // The system's thread pool: a private pool, and a clean-up group that waits for everything at the end.
 #include "platform/TaskPool.h"
 
-#include "platform/windows/QuietThread.h"
+#include "lib/misc/Mutex.h"
+#include "platform/windows/Win32.h"
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
 
 namespace fodr::platform {
 
@@ -27,7 +27,7 @@ public:
     {
         if (--unfinished > 0)
             return;
-        const std::lock_guard<std::mutex> held(lock);
+        const MutexLock held(lock);
         allFinished.notify_all();
     }
     void Ended()
@@ -37,15 +37,16 @@ public:
     }
     void AwaitAll()
     {
-        std::unique_lock<std::mutex> held(lock);
-        allFinished.wait(held, [this] { return unfinished == 0; });
+        const MutexLock held(lock);
+        while (unfinished != 0)
+            allFinished.wait(lock);
     }
 
 private:
     std::atomic<size_t> running{0};
     std::atomic<size_t> unfinished{0}; // also those that haven't started
-    std::mutex lock;
-    std::condition_variable allFinished;
+    Mutex lock;
+    std::condition_variable_any allFinished;
 };
 
 struct Task {

@@ -1,6 +1,6 @@
 #include "platform/windows/UserIdentity.h"
 
-#include "platform/windows/OwnedHandle.h"
+#include "platform/windows/Win32.h"
 
 #include <aclapi.h>
 #include <sddl.h>

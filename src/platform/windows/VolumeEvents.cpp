@@ -1,7 +1,6 @@
 // A hidden top-level window hears the system's broadcast of devices that come and go. It isn't a message-only
 // window: those get no broadcasts.
-#include "platform/VolumeEvents.h"
-
+#include "platform/Volumes.h"
 #include "platform/windows/Win32.h"
 
 #include <dbt.h>

@@ -1,8 +1,7 @@
 #include "platform/Volumes.h"
 
 #include "platform/SystemError.h"
-#include "platform/windows/OwnedHandle.h"
-#include "platform/windows/WideText.h"
+#include "platform/windows/Win32.h"
 
 #include <winioctl.h>
 
@@ -212,6 +211,57 @@ uint32_t ReadLinkTarget(const std::u16string &link, std::u16string &target)
     if (isRooted && link.size() >= 2 && link[1] == u':')
         target.insert(0, link, 0, 2);
     return kErrorSuccess;
+}
+
+bool LocalNamesEqual(std::string_view a, std::string_view b)
+{
+    std::wstring wideA;
+    std::wstring wideB;
+    if (!Widen(a, wideA) || !Widen(b, wideB))
+        return a == b;
+    return CompareStringOrdinal(wideA.data(), static_cast<int>(wideA.size()), wideB.data(),
+                                static_cast<int>(wideB.size()), TRUE) == CSTR_EQUAL;
+}
+
+std::string PathInSharedForm(const std::string &localPath)
+{
+    return localPath;
+}
+
+// Folders of Windows aren't file systems that a process serves: nothing is ever mounted here.
+MountHealth InspectMount(const std::string &)
+{
+    return MountHealth::None;
+}
+
+MountHealth InspectEndingMount(const std::string &, const std::string &, int)
+{
+    return MountHealth::None;
+}
+
+bool IsMounted(const std::string &, const std::string &)
+{
+    return false;
+}
+
+int UnmountOnce(const std::string &, bool)
+{
+    return EINVAL; // no mount point
+}
+
+std::vector<std::string> UnmountCommand(const std::string &, bool)
+{
+    return {};
+}
+
+bool DetachMount(const std::string &)
+{
+    return true;
+}
+
+std::string MountProblem()
+{
+    return "mounting isn't available on Windows: run the agent on a Linux machine";
 }
 
 } // namespace fodr::platform

@@ -1,19 +1,19 @@
 #include "platform/windows/WineScans.h"
 
-#include "platform/windows/OwnedHandle.h"
+#include "lib/misc/Mutex.h"
+#include "platform/windows/Win32.h"
 
 #include <winternl.h>
 
 #include <map>
-#include <mutex>
 
 namespace fodr::platform {
 
 namespace {
 
 struct Scans {
-    std::mutex lock;
-    std::map<HANDLE, OwnedHandle> handles; // under lock, by the folder's
+    Mutex lock;
+    std::map<HANDLE, OwnedHandle> handles GUARDED_BY(lock); // by the folder's
 };
 
 Scans &AllScans()
@@ -51,7 +51,7 @@ HANDLE HandleForScan(HANDLE folder, bool startsAnewWithPattern)
     if (!IsWine())
         return folder;
     Scans &scans = AllScans();
-    const std::lock_guard<std::mutex> held(scans.lock);
+    const MutexLock held(scans.lock);
     if (startsAnewWithPattern) {
         OwnedHandle again = OpenAgain(folder);
         if (again)
@@ -66,7 +66,7 @@ void ForgetScan(HANDLE folder)
     if (!IsWine())
         return;
     Scans &scans = AllScans();
-    const std::lock_guard<std::mutex> held(scans.lock);
+    const MutexLock held(scans.lock);
     scans.handles.erase(folder);
 }
 

@@ -1,7 +1,6 @@
 // The eight exports, and the plug-in's entry in the settings store. Nothing is thrown to the host.
 #include "lib/unicode/CodeSet.h"
 #include "odpservice/odpservice.h"
-#include "platform/Export.h"
 #include "platform/Process.h"
 #include "platform/Registry.h"
 #include "plugin/FodrClient.h"

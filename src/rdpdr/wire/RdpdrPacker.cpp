@@ -1,6 +1,6 @@
 #include "rdpdr/wire/RdpdrPacker.h"
 
-#include "lib/misc/MallocBuffer.h"
+#include "lib/misc/ByteBuffer.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/RdpdrConstants.h"

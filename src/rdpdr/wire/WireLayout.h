@@ -3,6 +3,7 @@
 // in little-endian order one by one (compilers make one access of it), so no address need be aligned.
 #pragma once
 
+#include "lib/misc/LittleEndian.h"
 #include "rdpdr/wire/RdpdrStream.h"
 
 #include <array>
@@ -12,22 +13,6 @@
 #include <type_traits>
 
 namespace fodr {
-
-template <class T> constexpr T LoadLittle(const uint8_t *bytes)
-{
-    using Unsigned = std::make_unsigned_t<T>;
-    Unsigned value = 0;
-    for (size_t i = 0; i < sizeof(T); ++i)
-        value = static_cast<Unsigned>(value | static_cast<Unsigned>(Unsigned{bytes[i]} << (8 * i)));
-    return static_cast<T>(value);
-}
-
-template <class T> constexpr void StoreLittle(uint8_t *bytes, T value)
-{
-    auto rest = static_cast<std::make_unsigned_t<T>>(value);
-    for (size_t i = 0; i < sizeof(T); ++i)
-        bytes[i] = static_cast<uint8_t>(rest >> (8 * i));
-}
 
 namespace wire {
 

@@ -3,8 +3,8 @@
 #include "RealMount.h"
 #include "cli/MountFolder.h"
 #include "platform/ChildProcess.h"
-#include "platform/Mounts.h"
-#include "platform/UserFolders.h"
+#include "platform/Files.h"
+#include "platform/Volumes.h"
 
 #include <filesystem>
 #include <fstream>

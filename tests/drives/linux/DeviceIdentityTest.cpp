@@ -1,7 +1,6 @@
 #include "RealMount.h"
 #include "UsbStick.h"
-#include "drives/DriveWatcherImpl.h"
-#include "drives/FodrClientUtils.h"
+#include "drives/DriveWatcher.h"
 #include "drives/FodrDeviceUtils.h"
 #include "drives/RecordingSubscriber.h"
 #include "runtime/CapturedLog.h"

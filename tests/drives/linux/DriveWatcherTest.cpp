@@ -1,5 +1,6 @@
+#include "drives/DriveWatcher.h"
+
 #include "RealMount.h"
-#include "drives/DriveWatcherImpl.h"
 #include "drives/RecordingSubscriber.h"
 #include "runtime/CapturedLog.h"
 

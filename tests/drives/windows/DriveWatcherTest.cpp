@@ -1,4 +1,5 @@
-#include "drives/DriveWatcherImpl.h"
+#include "drives/DriveWatcher.h"
+
 #include "drives/FodrDeviceUtils.h"
 #include "drives/RecordingSubscriber.h"
 #include "platform/windows/Win32.h"

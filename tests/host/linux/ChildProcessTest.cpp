@@ -1,7 +1,7 @@
 #include "platform/ChildProcess.h"
 
 #include "host/TestAgent.h"
-#include "platform/UserFolders.h"
+#include "platform/Files.h"
 
 #include <csignal>
 #include <gtest/gtest.h>

@@ -3,8 +3,8 @@
 #include "Mailbox.h"
 #include "SettingsFixture.h"
 #include "WholeFile.h"
+#include "platform/Files.h"
 #include "platform/Registry.h"
-#include "platform/UserFolders.h"
 
 #include <algorithm>
 #include <filesystem>

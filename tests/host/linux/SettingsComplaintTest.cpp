@@ -1,8 +1,8 @@
 // A user's settings file that can't be read, under a running host.
 #include "SettingsFixture.h"
 #include "host/PrivateSettings.h"
+#include "platform/Files.h"
 #include "platform/Registry.h"
-#include "platform/UserFolders.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // Standard streams whose reader has gone, in a process that leaves SIGPIPE as it is.
-#include "platform/DebugOutput.h"
+#include "platform/Process.h"
 
 #include <signal.h>
 #include <unistd.h>

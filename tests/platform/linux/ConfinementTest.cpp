@@ -3,7 +3,6 @@
 #include "platform/Confinement.h"
 
 #include "WholeFile.h"
-#include "platform/ChildLauncher.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,6 +1,7 @@
 #include "platform/Files.h"
 
 #include "SettingsFixture.h"
+#include "lib/misc/FileTime.h"
 #include "platform/SystemError.h"
 
 #include <fcntl.h>
@@ -115,7 +116,7 @@ TEST_F(Files, TellsTimesSince1601)
     const uint64_t now = CurrentFileTime();
     EXPECT_TRUE(LastWriteTimeOfFile(path, time));
     EXPECT_LE(time, now);
-    EXPECT_LT(now - time, 3600 * kFileTimePerSecond);
+    EXPECT_LT(now - time, uint64_t{3600} * kFileTimePerSecond);
 }
 
 } // namespace

@@ -1,9 +1,7 @@
-#include "platform/OsFacts.h"
+#include "platform/linux/OsFacts.h"
 
+#include "platform/Files.h"
 #include "platform/Process.h"
-#include "platform/UserFolders.h"
-#include "platform/linux/OsRelease.h"
-#include "platform/linux/ServiceAccount.h"
 
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 #include "platform/ChildProcess.h"
 
 #include "platform/Process.h"
-#include "platform/windows/OwnedHandle.h"
+#include "platform/windows/Win32.h"
 
 #include <filesystem>
 #include <fstream>

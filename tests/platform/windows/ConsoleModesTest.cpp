@@ -1,6 +1,6 @@
 #include "platform/windows/ConsoleModes.h"
 
-#include "platform/windows/OwnedHandle.h"
+#include "platform/windows/Win32.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,6 @@
 
 #include "Mailbox.h"
 #include "SettingsFixture.h"
-#include "platform/PrivateStore.h"
 #include "platform/SystemError.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 #include "SettingsFixture.h"
 #include "odpservice/odpservice.h"
-#include "platform/DynamicLibrary.h"
+#include "platform/Process.h"
 #include "platform/windows/Win32.h"
 #include "plugin/RecordingHost.h"
 

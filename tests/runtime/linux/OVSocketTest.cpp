@@ -1,7 +1,7 @@
 #include "runtime/OVSocket.h"
 
 #include "DatagramReceiver.h"
-#include "platform/InetSocket.h"
+#include "platform/ByteStream.h"
 #include "runtime/CapturedLog.h"
 
 #include <gmock/gmock.h>

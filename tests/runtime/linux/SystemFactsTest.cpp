@@ -1,7 +1,6 @@
 #include "runtime/SystemFacts.h"
 
 #include "SettingsFixture.h"
-#include "platform/OsFacts.h"
 #include "platform/Process.h"
 
 #include <fcntl.h>

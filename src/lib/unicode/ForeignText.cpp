@@ -1,8 +1,9 @@
-#include "lib/unicode/ShownText.h"
+#include "lib/unicode/ForeignText.h"
 
-#include "lib/unicode/CodePoint.h"
+#include "lib/unicode/CodeSet.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 
 namespace fodr {
@@ -92,6 +93,32 @@ bool IsPlainAbsolutePath(std::string_view text)
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
     return text.size() == 1 || !text.ends_with('/');
+}
+
+namespace {
+
+constexpr std::string_view kVendor = "vid-";
+constexpr std::string_view kProduct = "_pid-";
+constexpr size_t kIdLength = 4;
+
+// Takes `mark` and four digits or "*" from the front of the text; false when they aren't there.
+bool TakeId(std::string_view &text, std::string_view mark, std::string &ids)
+{
+    if (!text.starts_with(mark) || text.size() < mark.size() + kIdLength)
+        return false;
+    const std::string_view id = text.substr(mark.size(), kIdLength);
+    text.remove_prefix(mark.size() + kIdLength);
+    ids += id;
+    return std::all_of(id.begin(), id.end(),
+                       [](char c) { return c == '*' || std::isxdigit(static_cast<unsigned char>(c)); });
+}
+
+} // namespace
+
+bool ParseDeviceRule(std::string_view rule, std::string &ids)
+{
+    ids.clear();
+    return TakeId(rule, kVendor, ids) && TakeId(rule, kProduct, ids) && rule.empty();
 }
 
 } // namespace fodr

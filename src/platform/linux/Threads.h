@@ -1,7 +1,7 @@
-// Keeps a write to a pipe without a reader from ending the process. For libraries, which leave the signal's
-// handler to the process that they are in.
+// Threads and signals of a library in somebody else's process.
 #pragma once
 
+#include <pthread.h>
 #include <signal.h>
 #include <time.h>
 
@@ -9,8 +9,13 @@
 
 namespace fodr::platform {
 
-// While it lives SIGPIPE of this thread's writes is taken out of the way; errno stays as it is at the end.
-// One that was pending before stays.
+// With a small stack, for pools that may have a thousand of them. A thread on which no signal of the host's
+// lands. The caller joins it. False when none can be had.
+[[nodiscard]] bool StartSmallThread(pthread_t *thread, void *(*entry)(void *), void *argument);
+
+// Keeps a write to a pipe without a reader from ending the process; the signal's handler is left to the
+// process. While it lives SIGPIPE of this thread's writes is taken out of the way; errno stays as it is at
+// the end. One that was pending before stays.
 class PipeSignalBlock {
 public:
     PipeSignalBlock()

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <istream>
 #include <string>
 
 namespace fodr::platform {
@@ -15,5 +16,10 @@ struct AccountFacts {
 };
 
 bool IsServiceAccount(const AccountFacts &facts);
+
+// The file by which a distribution names itself: os-release(5).
+
+// Without the quotes and escapes of a shell. Empty when there is no such key.
+std::string OsReleaseValue(std::istream &file, const std::string &key);
 
 } // namespace fodr::platform

@@ -1,7 +1,6 @@
 #include "platform/SystemError.h"
 #include "platform/Volumes.h"
-#include "platform/windows/OwnedHandle.h"
-#include "platform/windows/WideText.h"
+#include "platform/windows/Win32.h"
 
 #include <cfgmgr32.h>
 #include <initguid.h>
