@@ -1,9 +1,9 @@
 // `fodr share`: checks what was asked for, prepares the plug-in's settings, and runs the session.
+#include "cli/AgentStarter.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/MountFolder.h"
 #include "cli/PluginSettings.h"
-#include "cli/RunConfinement.h"
 #include "cli/ShareSession.h"
 #include "cli/Words.h"
 #include "host/ControlServer.h"
