@@ -1,6 +1,6 @@
 #include "ntposix/AdvisoryLocks.h"
 
-#include "ntposix/ErrnoStatus.h"
+#include "ntposix/NtCall.h"
 
 #include <fcntl.h>
 

@@ -1,7 +1,6 @@
-#include "ntposix/Beneath.h"
-
-#include "ntposix/FileFacts.h"
-#include "ntposix/Link.h"
+#include "ntposix/FileMetadata.h"
+#include "ntposix/Lookup.h"
+#include "ntposix/ShareRoots.h"
 
 #include <fcntl.h>
 
@@ -120,7 +119,7 @@ private:
     int GoInto(const std::string &name)
     {
         Fd step;
-        FileFacts facts;
+        FileMetadata facts;
         if (const int error = Look(name, &step, &facts); error != 0)
             return error;
         if (facts.kind == FileKind::kLink)
@@ -134,7 +133,7 @@ private:
     int FinishWith(const std::string &name, Fd *opened)
     {
         Fd step;
-        FileFacts facts;
+        FileMetadata facts;
         if (const int error = Look(name, &step, &facts); error != 0)
             return error;
         if (facts.kind == FileKind::kLink && (flags & O_NOFOLLOW) == 0) {
@@ -149,7 +148,7 @@ private:
         return 0;
     }
 
-    int Look(const std::string &name, Fd *step, FileFacts *facts) const
+    int Look(const std::string &name, Fd *step, FileMetadata *facts) const
     {
         step->Reset(openat(Here(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         return *step ? StatDescriptor(step->Get(), facts) : errno;

@@ -1,9 +1,9 @@
 #include "ntposix/ChangeMonitor.h"
 
-#include "ntposix/ChangeFilter.h"
-#include "ntposix/DescriptorLimit.h"
-#include "ntposix/DirectoryReader.h"
-#include "ntposix/FileFacts.h"
+#include "ntposix/ChangeWatch.h"
+#include "ntposix/DirectoryScan.h"
+#include "ntposix/FileMetadata.h"
+#include "ntposix/HandleTable.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -32,7 +32,7 @@ std::string PathOf(int directory, const std::string &below)
     return "/proc/self/fd/" + std::to_string(directory) + (below.empty() ? "" : "/") + below;
 }
 
-bool IsFolder(int directory, const DirectoryReader::Entry &entry)
+bool IsFolder(int directory, const DirentReader::Entry &entry)
 {
     if (entry.type != DT_UNKNOWN)
         return entry.type == DT_DIR;
@@ -49,9 +49,9 @@ bool ReadFolder(int directory, const std::string &path, std::vector<std::string>
     *error = 0;
     if (!folder)
         return false;
-    DirectoryReader reader(folder.Get());
+    DirentReader reader(folder.Get());
     bool any = false;
-    while (const DirectoryReader::Entry *entry = reader.Next(error)) {
+    while (const DirentReader::Entry *entry = reader.Next(error)) {
         any = true;
         if (IsFolder(folder.Get(), *entry))
             pending->push_back((path.empty() ? "" : path + "/") + entry->name);

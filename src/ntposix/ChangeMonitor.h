@@ -6,9 +6,9 @@
 // same tree for the same changes share what is kept of its folders.
 #pragma once
 
+#include "lib/misc/Fd.h"
 #include "lib/misc/Mutex.h"
 #include "ntposix/ChangeWatch.h"
-#include "ntposix/Fd.h"
 
 #include <atomic>
 #include <compare>
@@ -126,5 +126,25 @@ private:
     std::unordered_map<int, std::set<Member>> members GUARDED_BY(lock); // by kernel watch
     std::thread reader;
 };
+
+// A handle's place in the ChangeMonitor, which runs as long as one of these exists.
+class ChangeSubscription {
+public:
+    ChangeSubscription(std::shared_ptr<ChangeMonitor> usedMonitor, std::shared_ptr<ChangeWatch> addedWatch)
+        : monitor(std::move(usedMonitor)), watch(std::move(addedWatch))
+    {}
+    ~ChangeSubscription() { monitor->Remove(watch.get()); }
+    ChangeSubscription(const ChangeSubscription &) = delete;
+    ChangeSubscription &operator=(const ChangeSubscription &) = delete;
+
+    const std::shared_ptr<ChangeMonitor> monitor;
+    const std::shared_ptr<ChangeWatch> watch;
+};
+
+// What the rest of the file server tells change notification. Everything else it hears from the kernel.
+
+// To be called when a directory is marked for deletion, without FileObject::lock: NT ends the notifications
+// on it with STATUS_DELETE_PENDING, so that a watcher lets go of its handle and the directory can go.
+void NotifyDeletePending(dev_t device, ino_t inode);
 
 } // namespace fodr::ntposix

@@ -1,7 +1,7 @@
 // ChangeMonitor: what the kernel tells.
-#include "ntposix/ChangeFilter.h"
 #include "ntposix/ChangeMonitor.h"
-#include "ntposix/FileFacts.h"
+#include "ntposix/ChangeWatch.h"
+#include "ntposix/FileMetadata.h"
 
 #include <poll.h>
 #include <pthread.h>

@@ -1,6 +1,10 @@
 #include "ntposix/ChangeWatch.h"
 
-#include "ntposix/NoticeOrder.h"
+#include "ntposix/ChangeMonitor.h"
+#include "platform/Nt.h"
+
+#include <sys/inotify.h>
+#include <utility>
 
 namespace fodr::ntposix {
 
@@ -56,4 +60,129 @@ nt::NTSTATUS ChangeWatch::Wait(BlockedCall &call)
     return ending;
 }
 
+namespace {
+
+constexpr uint32_t kNameEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+constexpr uint32_t kStreamChanges = 0xE00; // FILE_NOTIFY_CHANGE_STREAM_*: streams are extended attributes
+
+struct FilterRow {
+    uint32_t events;
+    uint32_t changes;
+};
+
+// inotify tells of a set time, a mode and an extended attribute alike.
+constexpr FilterRow kRows[] = {
+    {kNameEvents, nt::FILE_NOTIFY_CHANGE_FILE_NAME | nt::FILE_NOTIFY_CHANGE_DIR_NAME},
+    {IN_MODIFY, nt::FILE_NOTIFY_CHANGE_SIZE | nt::FILE_NOTIFY_CHANGE_LAST_WRITE},
+    {IN_ACCESS, nt::FILE_NOTIFY_CHANGE_LAST_ACCESS},
+    {IN_ATTRIB, nt::FILE_NOTIFY_CHANGE_ATTRIBUTES | nt::FILE_NOTIFY_CHANGE_LAST_WRITE |
+                    nt::FILE_NOTIFY_CHANGE_LAST_ACCESS | nt::FILE_NOTIFY_CHANGE_CREATION |
+                    nt::FILE_NOTIFY_CHANGE_EA | nt::FILE_NOTIFY_CHANGE_SECURITY | kStreamChanges},
+};
+
+} // namespace
+
+uint32_t EventsOfFilter(uint32_t filter)
+{
+    uint32_t events = 0;
+    for (const FilterRow &row : kRows)
+        events |= filter & row.changes ? row.events : 0;
+    return events;
+}
+
+uint32_t ChangesOfEvent(uint32_t event)
+{
+    uint32_t changes = 0;
+    for (const FilterRow &row : kRows)
+        changes |= event & row.events ? row.changes : 0;
+    if (event & kNameEvents)
+        changes &= ~(event & IN_ISDIR ? nt::FILE_NOTIFY_CHANGE_FILE_NAME : nt::FILE_NOTIFY_CHANGE_DIR_NAME);
+    // Listing a folder reads it; a watcher that lists it upon each change would never come to rest.
+    if (event & IN_ISDIR && !(event & ~static_cast<uint32_t>(IN_ACCESS | IN_ISDIR)))
+        changes = 0;
+    return changes;
+}
+
 } // namespace fodr::ntposix
+
+namespace fodr::nt {
+
+namespace {
+
+thread_local NoticeOrder::Delivery *currentDelivery = nullptr;
+
+} // namespace
+
+NoticeOrder::Delivery *NoticeOrder::State::OfThisThread()
+{
+    return currentDelivery;
+}
+
+void NoticeOrder::State::Waits(Delivery *delivery)
+{
+    if (!delivery || std::exchange(delivery->waits, true))
+        return;
+    ++delivery->order.waiting;
+}
+
+void NoticeOrder::State::Ended(Delivery *delivery)
+{
+    if (!delivery)
+        return;
+    State &state = delivery->order;
+    const MutexLock guard(state.lock);
+    delivery->number = ++state.lastNumber;
+    state.ended.insert(delivery->number);
+    state.endedOnes.store(state.ended.size());
+}
+
+void NoticeOrder::State::NotEnded(Delivery *delivery)
+{
+    const uint64_t number = delivery ? std::exchange(delivery->number, 0) : 0;
+    if (number == 0)
+        return;
+    State &state = delivery->order;
+    const MutexLock guard(state.lock);
+    state.ended.erase(number);
+    state.endedOnes.store(state.ended.size());
+    state.delivered.notify_all();
+}
+
+// Only for those that have ended by now: more may come without end.
+void NoticeOrder::State::WaitUntilDelivered()
+{
+    const MutexLock guard(lock);
+    const uint64_t last = lastNumber;
+    while (!ended.empty() && *ended.begin() <= last)
+        delivered.wait(lock);
+}
+
+NoticeOrder::NoticeOrder() : state(std::make_unique<State>()) {}
+
+NoticeOrder::~NoticeOrder() = default;
+
+void NoticeOrder::Settle()
+{
+    // Who delivers is what others wait for.
+    if (currentDelivery || state->waiting.load() == 0)
+        return;
+    if (const auto monitor = ntposix::ChangeMonitor::Running())
+        monitor->Drain();
+    if (state->endedOnes.load() != 0)
+        state->WaitUntilDelivered();
+}
+
+NoticeOrder::Delivery::Delivery(NoticeOrder &ofOrder) : order(*ofOrder.state)
+{
+    currentDelivery = this;
+}
+
+NoticeOrder::Delivery::~Delivery()
+{
+    currentDelivery = nullptr;
+    State::NotEnded(this);
+    if (waits)
+        --order.waiting;
+}
+
+} // namespace fodr::nt

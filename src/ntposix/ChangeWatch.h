@@ -7,10 +7,14 @@
 #include "ntposix/FileObject.h"
 #include "platform/Nt.h"
 
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <optional>
+#include <set>
 
 namespace fodr::ntposix {
 
@@ -47,4 +51,42 @@ private:
     std::optional<nt::NTSTATUS> failure GUARDED_BY(lock);
 };
 
+// Between NT's completion filters and inotify's events.
+inline constexpr uint32_t kEveryChange = 0xFFF; // all valid FILE_NOTIFY_CHANGE_* bits (MS-FSCC 2.6)
+
+// The events that a watch with the filter has to hear of.
+[[nodiscard]] uint32_t EventsOfFilter(uint32_t filter);
+// What an event about an entry of a watched directory is to NT.
+[[nodiscard]] uint32_t ChangesOfEvent(uint32_t event);
+
 } // namespace fodr::ntposix
+
+namespace fodr::nt {
+
+// Notices that a change has ended and whose answers are still on their way, of one nt::NoticeOrder. Any
+// thread.
+struct NoticeOrder::State {
+    static State &Of(const NoticeOrder &order) { return *order.state; }
+    // The delivery of this thread, or null.
+    static Delivery *OfThisThread();
+    // The call of the delivery waits for a change from now on, until its delivery is over. Null is nobody's.
+    static void Waits(Delivery *delivery);
+    // A change ends the call of the delivery; to be said before the call's thread can go on. Null is
+    // nobody's.
+    static void Ended(Delivery *delivery);
+    // It had ended otherwise.
+    static void NotEnded(Delivery *delivery);
+
+    void WaitUntilDelivered() EXCLUDES(lock);
+
+    std::atomic<size_t> waiting{0};   // deliveries whose calls wait, or have waited
+    std::atomic<size_t> endedOnes{0}; // as many as `ended` has
+
+private:
+    Mutex lock;
+    std::condition_variable_any delivered;
+    std::set<uint64_t> ended GUARDED_BY(lock); // numbers, the oldest first
+    uint64_t lastNumber GUARDED_BY(lock) = 0;
+};
+
+} // namespace fodr::nt

@@ -1,13 +1,13 @@
 #include "ntposix/Create.h"
 
-#include "ntposix/Access.h"
+#include "ntposix/Creator.h"
 #include "ntposix/Deletion.h"
-#include "ntposix/ErrnoStatus.h"
-#include "ntposix/FileObjectTable.h"
-#include "ntposix/FileSize.h"
-#include "ntposix/Mode.h"
+#include "ntposix/FileMetadata.h"
+#include "ntposix/FileObject.h"
+#include "ntposix/FileRanges.h"
 #include "ntposix/NameSteps.h"
 #include "ntposix/NamedStream.h"
+#include "ntposix/NtCall.h"
 
 #include <fcntl.h>
 
@@ -62,7 +62,7 @@ NTSTATUS FileCreator::Run(std::unique_ptr<OpenFile> *file)
 
 NTSTATUS FileCreator::RunOnce()
 {
-    Place located;
+    LookupResult located;
     place = &located;
     deletionsBefore = DeletionCount();
     // Whatever has the name is in the way of FILE_CREATE, a link as well.
@@ -318,7 +318,7 @@ NTSTATUS FileCreator::CreateFile()
     if (error == 0)
         return STATUS_SUCCESS;
     // It goes again, unless others have put something into it.
-    FileFacts made;
+    FileMetadata made;
     if (StatDescriptor(opened->fd.Get(), &made) == 0 && made.endOfFile == 0)
         (void)RemoveName({place->parent.Get(), leaf}, made);
     return StatusOfErrno(error);

@@ -1,10 +1,10 @@
 #include "ntposix/Deletion.h"
 
-#include "ntposix/ErrnoStatus.h"
-#include "ntposix/Link.h"
+#include "ntposix/ChangeMonitor.h"
+#include "ntposix/Lookup.h"
 #include "ntposix/NameSteps.h"
 #include "ntposix/NamedStream.h"
-#include "ntposix/Notify.h"
+#include "ntposix/NtCall.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -87,7 +87,7 @@ void Delete(const OpenFile &open)
 }
 
 // What keeps it from being deleted whatever else is known of it.
-NTSTATUS CheckAttributes(const OpenFile &open, ReadOnlyFiles readOnly, FileFacts *facts)
+NTSTATUS CheckAttributes(const OpenFile &open, ReadOnlyFiles readOnly, FileMetadata *facts)
 {
     if (const int error = open.Stat(facts); error != 0)
         return StatusOfErrno(error);
@@ -102,7 +102,7 @@ NTSTATUS CheckAttributes(const OpenFile &open, ReadOnlyFiles readOnly, FileFacts
 
 NTSTATUS CheckDeletable(const OpenFile &open, ReadOnlyFiles readOnly)
 {
-    FileFacts facts;
+    FileMetadata facts;
     NTSTATUS status = CheckAttributes(open, readOnly, &facts);
     if (status != STATUS_SUCCESS || open.stream)
         return status;
@@ -124,7 +124,7 @@ NTSTATUS SetDisposition(OpenFile &open, bool deleteFile, ReadOnlyFiles readOnly)
         if (status != STATUS_SUCCESS)
             return status;
     }
-    FileFacts facts;
+    FileMetadata facts;
     if (const int error = StatDescriptor(open.fd.Get(), &facts); error != 0)
         return StatusOfErrno(error);
     open.object->SetDeletePending(open, deleteFile, facts.links);
@@ -147,7 +147,7 @@ NTSTATUS DeleteNow(OpenFile &open, ReadOnlyFiles readOnly)
 {
     if (!open.stream && IsRootOfShare(open))
         return STATUS_CANNOT_DELETE;
-    FileFacts facts;
+    FileMetadata facts;
     NTSTATUS status = CheckAttributes(open, readOnly, &facts);
     if (status != STATUS_SUCCESS)
         return status;

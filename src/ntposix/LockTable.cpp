@@ -1,13 +1,52 @@
 #include "ntposix/LockTable.h"
 
-#include "ntposix/ProcessLock.h"
+#include "ntposix/AdvisoryLocks.h"
+#include "ntposix/HandleTable.h"
+#include "ntposix/NtCall.h"
+#include "ntposix/OpenFile.h"
+
+#include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <optional>
 
 namespace fodr::ntposix {
+
+namespace {
+
+constexpr uint64_t kLargestOffset = INT64_MAX;
+
+int SetLock(int fd, short type, uint64_t offset, uint64_t length)
+{
+    struct flock range = {};
+    range.l_type = type;
+    range.l_whence = SEEK_SET;
+    range.l_start = static_cast<off_t>(offset);
+    // The kernel's length of 0 reaches to the last possible byte.
+    range.l_len = length - 1 >= kLargestOffset - offset ? 0 : static_cast<off_t>(length);
+    return fcntl(fd, F_OFD_SETLK, &range) == 0 ? 0 : errno;
+}
+
+} // namespace
+
+bool SetProcessLock(int fd, ProcessLockType type, uint64_t offset, uint64_t length)
+{
+    if (fd < 0 || length == 0 || offset > kLargestOffset)
+        return true;
+    if (type == ProcessLockType::None) {
+        SetLock(fd, F_UNLCK, offset, length);
+        return true;
+    }
+    int error = EBADF;
+    if (type == ProcessLockType::Exclusive)
+        error = SetLock(fd, F_WRLCK, offset, length);
+    if (error == EBADF)
+        error = SetLock(fd, F_RDLCK, offset, length);
+    return error != EAGAIN && error != EACCES;
+}
 
 namespace {
 
@@ -233,3 +272,79 @@ bool LockTable::SyncProcessLocks(const RangeLock &changed)
 }
 
 } // namespace fodr::ntposix
+
+namespace fodr::nt {
+
+// NtLockFile and NtUnlockFile.
+
+using namespace ntposix;
+
+namespace {
+
+// NT wants one of the two data rights, append alone isn't one, and a file.
+NTSTATUS CheckLockable(const OpenFileRef &open)
+{
+    if (!open)
+        return STATUS_INVALID_HANDLE;
+    if (!open->HasAccess(FILE_READ_DATA | FILE_WRITE_DATA))
+        return STATUS_ACCESS_DENIED;
+    return open->IsDirectory() ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
+}
+
+// Named streams have none.
+std::optional<AdvisoryRange> AdvisoryRangeIn(const OpenFile &open, const LARGE_INTEGER *offset,
+                                             const LARGE_INTEGER *length)
+{
+    if (open.stream || !open.dataFd)
+        return std::nullopt;
+    return AdvisoryRangeOf(static_cast<uint64_t>(offset->QuadPart), static_cast<uint64_t>(length->QuadPart));
+}
+
+AdvisoryLocks::Holder HolderOf(const OpenFile &open)
+{
+    return {.handle = &open, .fd = open.fd.Get()};
+}
+
+} // namespace
+
+NTSTATUS NtLockFile(HANDLE file, HANDLE, void *, void *, IO_STATUS_BLOCK *ioStatus, LARGE_INTEGER *byteOffset,
+                    LARGE_INTEGER *length, uint32_t key, bool failImmediately, bool exclusive)
+{
+    const OpenFileRef open = HandleTable::Instance().Find(file);
+    if (const NTSTATUS status = CheckLockable(open); IsError(status))
+        return Complete(ioStatus, status, 0);
+    if (const auto advisory = AdvisoryRangeIn(*open, byteOffset, length)) {
+        const NTSTATUS status = WithoutThrowing([&] {
+            return open->object->advisoryLocks.Lock(HolderOf(*open), *advisory, exclusive, failImmediately,
+                                                    open->services.blockedCalls);
+        });
+        return Complete(ioStatus, status, 0);
+    }
+    const RangeLock wanted{.handle = &*open,
+                           .key = key,
+                           .exclusive = exclusive,
+                           .offset = static_cast<uint64_t>(byteOffset->QuadPart),
+                           .length = static_cast<uint64_t>(length->QuadPart),
+                           .fd = open->dataFd ? open->fd.Get() : -1};
+    const NTSTATUS status = WithoutThrowing(
+        [&] { return open->object->locks.Lock(wanted, failImmediately, open->services.blockedCalls); });
+    return Complete(ioStatus, status, 0);
+}
+
+NTSTATUS NtUnlockFile(HANDLE file, IO_STATUS_BLOCK *ioStatus, LARGE_INTEGER *byteOffset,
+                      LARGE_INTEGER *length, uint32_t key)
+{
+    const OpenFileRef open = HandleTable::Instance().Find(file);
+    if (const NTSTATUS status = CheckLockable(open); IsError(status))
+        return Complete(ioStatus, status, 0);
+    const NTSTATUS status = WithoutThrowing([&] {
+        if (const auto advisory = AdvisoryRangeIn(*open, byteOffset, length))
+            return open->object->advisoryLocks.Unlock(HolderOf(*open), *advisory,
+                                                      open->services.blockedCalls);
+        return open->object->locks.Unlock(&*open, key, static_cast<uint64_t>(byteOffset->QuadPart),
+                                          static_cast<uint64_t>(length->QuadPart));
+    });
+    return Complete(ioStatus, status, 0);
+}
+
+} // namespace fodr::nt

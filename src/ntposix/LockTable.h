@@ -1,5 +1,4 @@
-// The NT byte-range locks of one file, between its open handles and towards other processes (MS-FSA 2.1.5.8,
-// 2.1.5.9). Any thread. Each FileObject holds one; a file without locks pays one atomic load a transfer.
+// Byte-range locks towards other processes: open-file-description locks of the kernel. Any thread.
 #pragma once
 
 #include "lib/misc/Mutex.h"
@@ -11,6 +10,17 @@
 #include <vector>
 
 namespace fodr::ntposix {
+
+enum class ProcessLockType : uint8_t { None, Shared, Exclusive };
+
+// Makes `type` the lock of the descriptor's open file on the range. False when a lock of somebody else is in
+// the way. What the kernel can't lock stays unlocked: offsets beyond 2^63, a file system without locks, a
+// descriptor that wasn't opened for it (an exclusive lock on one that only reads is taken as a shared one,
+// which still keeps writers out).
+[[nodiscard]] bool SetProcessLock(int fd, ProcessLockType type, uint64_t offset, uint64_t length);
+
+// The NT byte-range locks of one file, between its open handles and towards other processes (MS-FSA 2.1.5.8,
+// 2.1.5.9). Any thread. Each FileObject holds one; a file without locks pays one atomic load a transfer.
 
 // A lock that is held or wanted. Offsets and lengths are unsigned, as NT takes them.
 struct RangeLock {

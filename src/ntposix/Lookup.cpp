@@ -1,12 +1,14 @@
 #include "ntposix/Lookup.h"
 
-#include "ntposix/Beneath.h"
-#include "ntposix/ErrnoStatus.h"
+#include "ntposix/NtCall.h"
+#include "ntposix/NtName.h"
+#include "ntposix/ShareRoots.h"
 
 #include <fcntl.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 
 namespace fodr::ntposix {
 
@@ -49,7 +51,7 @@ private:
 };
 
 // 0 or an errno.
-int Probe(const Ground &ground, const std::string &path, Links links, Place *place)
+int Probe(const Ground &ground, const std::string &path, Links links, LookupResult *place)
 {
     const int noFollow = links == Links::kDontFollow ? O_NOFOLLOW : 0;
     const int error = ground.Open(path, O_PATH | noFollow, &place->descriptor);
@@ -82,11 +84,11 @@ NTSTATUS OpenDirectoryOn(const Ground &ground, const std::string &path, bool exa
 }
 
 // The spelling of the leaf in place->parent, if it is there.
-NTSTATUS FindLeaf(const std::string &leaf, const LookupOptions &options, Place *place,
+NTSTATUS FindLeaf(const std::string &leaf, const LookupOptions &options, LookupResult *place,
                   std::optional<std::string> *present)
 {
     if (place->exact) {
-        FileFacts facts;
+        FileMetadata facts;
         const int error = StatAt(place->parent.Get(), leaf.c_str(), Links::kDontFollow, &facts);
         if (error == 0)
             *present = leaf;
@@ -102,7 +104,7 @@ NTSTATUS FindLeaf(const std::string &leaf, const LookupOptions &options, Place *
 }
 
 // Where the name as it is written has led nowhere.
-NTSTATUS LocateInParent(const Ground &ground, const LookupOptions &options, Place *place)
+NTSTATUS LocateInParent(const Ground &ground, const LookupOptions &options, LookupResult *place)
 {
     const PathParts parts = SplitPath(place->path);
     std::string parentPath;
@@ -123,7 +125,7 @@ NTSTATUS LocateInParent(const Ground &ground, const LookupOptions &options, Plac
     return STATUS_SUCCESS;
 }
 
-NTSTATUS LocateOn(const Ground &ground, const LookupOptions &options, Place *place)
+NTSTATUS LocateOn(const Ground &ground, const LookupOptions &options, LookupResult *place)
 {
     if (!options.seemsMissing || ground.IsTop(place->path)) {
         const int error = Probe(ground, place->path, options.links, place);
@@ -137,7 +139,7 @@ NTSTATUS LocateOn(const Ground &ground, const LookupOptions &options, Place *pla
 }
 
 // Back to where nothing has been looked for.
-void Reset(Place *place, bool exact)
+void Reset(LookupResult *place, bool exact)
 {
     place->root.reset();
     place->exact = exact;
@@ -149,7 +151,7 @@ void Reset(Place *place, bool exact)
 
 // Puts the place on the share's root, if the name has one that is there. Whoever asks for the root itself
 // while it isn't there is answered as for any other name.
-NTSTATUS Hold(const NtName &name, RegisteredRoot::Look look, Place *place)
+NTSTATUS Hold(const NtName &name, RegisteredRoot::Look look, LookupResult *place)
 {
     place->path = name.Path();
     if (!name.Root())
@@ -168,14 +170,14 @@ NTSTATUS Hold(const NtName &name, RegisteredRoot::Look look, Place *place)
 }
 
 // Nothing is found in a folder that was removed, though there may be another under its name by now.
-bool IsGone(const Place &place)
+bool IsGone(const LookupResult &place)
 {
     return place.root && !place.exists && place.root->IsRemoved();
 }
 
 } // namespace
 
-NTSTATUS Locate(const NtName &name, const LookupOptions &options, Place *place)
+NTSTATUS Locate(const NtName &name, const LookupOptions &options, LookupResult *place)
 {
     auto look = RegisteredRoot::Look::AsHeld;
     for (;;) {
@@ -190,7 +192,7 @@ NTSTATUS Locate(const NtName &name, const LookupOptions &options, Place *place)
     }
 }
 
-int Glance(const NtName &name, const LookupOptions &options, Place *place)
+int Glance(const NtName &name, const LookupOptions &options, LookupResult *place)
 {
     Reset(place, options.exact);
     // The root itself takes a closer look.
@@ -204,14 +206,14 @@ int Glance(const NtName &name, const LookupOptions &options, Place *place)
     return error;
 }
 
-int OpenPlace(const Place &place, int flags, Fd *opened)
+int OpenPlace(const LookupResult &place, int flags, Fd *opened)
 {
     return Ground(place.root.get()).Open(place.path, flags, opened);
 }
 
 NTSTATUS OpenParent(const NtName &name, bool exact, Fd *directory, std::string *realPath)
 {
-    Place place;
+    LookupResult place;
     place.exact = exact;
     const NTSTATUS status = Hold(name, RegisteredRoot::Look::AsHeld, &place);
     if (status != STATUS_SUCCESS)
@@ -225,6 +227,93 @@ NTSTATUS OpenParent(const NtName &name, bool exact, Fd *directory, std::string *
 NTSTATUS OpenDirectory(const std::string &path, bool exact, Fd *directory, std::string *realPath)
 {
     return OpenDirectoryOn(Ground(nullptr), path, exact, directory, realPath);
+}
+
+namespace {
+
+bool LeadsTo(const std::string &path, const FileKey &key, Link *link)
+{
+    PathParts parts = SplitPath(path);
+    link->directory.Reset(open(parts.parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!link->directory ||
+        StatAt(link->directory.Get(), parts.leaf.c_str(), Links::kDontFollow, &link->facts) != 0 ||
+        link->facts.key != key)
+        return false;
+    link->leaf = std::move(parts.leaf);
+    link->path = path;
+    return true;
+}
+
+bool IsRoot(const std::string &path)
+{
+    return path == "/";
+}
+
+bool StaysInShare(const OpenFile &open)
+{
+    return open.root && !open.root->IsWholeTree() && !open.root->Rules().linksOutside;
+}
+
+// What the kernel says may be no path at all.
+bool IsInShare(const OpenFile &open, const std::string &path)
+{
+    if (path.empty() || path[0] != '/')
+        return false;
+    if (!StaysInShare(open))
+        return true;
+    const std::string above = PathByKernel(open.root->Folder());
+    return !above.empty() && path.starts_with(above + "/");
+}
+
+} // namespace
+
+NTSTATUS FindLink(const OpenFile &open, Link *link)
+{
+    if (!open.object->HasName(open))
+        return STATUS_FILE_DELETED;
+    const FileKey key = open.object->key;
+    const std::string stored = open.object->PathOf(open);
+    if (IsRoot(stored) || IsRootOfShare(open))
+        return STATUS_CANNOT_DELETE;
+    const bool found = LeadsTo(stored, key, link);
+    if (found && link->facts.links == 1)
+        return STATUS_SUCCESS;
+    // Of several links the kernel knows which one was opened, also when a directory above was renamed and
+    // another one has its name.
+    const std::string current = PathByKernel(open.fd.Get());
+    if (IsRoot(current))
+        return STATUS_CANNOT_DELETE;
+    Link elsewhere;
+    if (current != stored && IsInShare(open, current) && LeadsTo(current, key, &elsewhere)) {
+        *link = std::move(elsewhere);
+        return STATUS_SUCCESS;
+    }
+    return found ? STATUS_SUCCESS : STATUS_FILE_DELETED;
+}
+
+bool IsMovedOut(const OpenFile &open)
+{
+    if (!StaysInShare(open) || IsRootOfShare(open))
+        return false;
+    const std::string path = PathByKernel(open.fd.Get());
+    return path.starts_with('/') && !IsInShare(open, path);
+}
+
+bool IsRootOfShare(const OpenFile &open)
+{
+    return open.root && open.root->Key() == open.File().object->key;
+}
+
+std::string PathByKernel(int fd)
+{
+    char path[PATH_MAX];
+    const ssize_t length = readlink(DescriptorPath(fd).c_str(), path, sizeof(path));
+    return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
+}
+
+std::string DescriptorPath(int fd)
+{
+    return "/proc/self/fd/" + std::to_string(fd);
 }
 
 } // namespace fodr::ntposix

@@ -1,7 +1,7 @@
 #include "ntposix/NameSteps.h"
 
+#include "lib/misc/Fd.h"
 #include "lib/misc/HiddenNames.h"
-#include "ntposix/Fd.h"
 
 #include <fcntl.h>
 #include <stdio.h>
@@ -35,13 +35,13 @@ int Unlink(Spot name, int flags = 0)
     return unlinkat(name.directory, name.leaf.c_str(), flags) == 0 ? 0 : errno;
 }
 
-int Look(Spot name, FileFacts *facts)
+int Look(Spot name, FileMetadata *facts)
 {
     return StatAt(name.directory, name.leaf.c_str(), Links::kDontFollow, facts);
 }
 
 // What can't be renamed for nothing: a file of a lower layer is copied as a whole first.
-bool IsCostlyToMove(int directory, const FileFacts &file)
+bool IsCostlyToMove(int directory, const FileMetadata &file)
 {
     constexpr int64_t kSmall = 1 << 20;
     constexpr int64_t kOverlay = 0x794C7630;
@@ -50,9 +50,9 @@ bool IsCostlyToMove(int directory, const FileFacts &file)
 }
 
 // Where the file can't be moved aside, as on a full disk. A save between the two steps is lost.
-int LookAndUnlink(Spot name, const FileFacts &file)
+int LookAndUnlink(Spot name, const FileMetadata &file)
 {
-    FileFacts present;
+    FileMetadata present;
     const int error = Look(name, &present);
     if (error != 0)
         return error;
@@ -92,8 +92,8 @@ int MoveOverEmptyFile(Spot from, Spot to)
     const Fd holder(openat(to.directory, to.leaf.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (!holder)
         return errno;
-    FileFacts held;
-    FileFacts present;
+    FileMetadata held;
+    FileMetadata present;
     int error = StatDescriptor(holder.Get(), &held);
     if (error == 0 && (Look(to, &present) != 0 || present.key != held.key || present.endOfFile != 0))
         return EEXIST; // it has become another's
@@ -104,15 +104,15 @@ int MoveOverEmptyFile(Spot from, Spot to)
     return error;
 }
 
-int MoveFileBySteps(Spot from, Spot to, const FileFacts &file)
+int MoveFileBySteps(Spot from, Spot to, const FileMetadata &file)
 {
     if (linkat(from.directory, from.leaf.c_str(), to.directory, to.leaf.c_str(), 0) != 0) {
         const bool noLinks = errno == EPERM || errno == EOPNOTSUPP || errno == ENOSYS || errno == EMLINK;
         return noLinks ? MoveOverEmptyFile(from, to) : errno;
     }
     int error = RemoveName(from, file);
-    FileFacts old;
-    FileFacts moved;
+    FileMetadata old;
+    FileMetadata moved;
     // Another file was there already when the link was made.
     if (error == ESTALE && Look(from, &old) == 0 && Look(to, &moved) == 0 && old.key == moved.key)
         error = RemoveName(from, moved);
@@ -130,13 +130,13 @@ std::string NewHiddenName()
 }
 
 // Where names can't be exchanged, a save between the look and the step is lost.
-int TakeName(Spot from, Spot name, const FileFacts &file)
+int TakeName(Spot from, Spot name, const FileMetadata &file)
 {
     const auto exchange = [&] {
         return renameat2(from.directory, from.leaf.c_str(), name.directory, name.leaf.c_str(),
                          RENAME_EXCHANGE);
     };
-    FileFacts present;
+    FileMetadata present;
     if (exchange() != 0) {
         if (errno != EINVAL && errno != ENOSYS)
             return errno;
@@ -153,7 +153,7 @@ int TakeName(Spot from, Spot name, const FileFacts &file)
     return error;
 }
 
-int RemoveName(Spot name, const FileFacts &file)
+int RemoveName(Spot name, const FileMetadata &file)
 {
     if (file.kind == FileKind::kDirectory)
         return Unlink(name, AT_REMOVEDIR);
@@ -163,7 +163,7 @@ int RemoveName(Spot name, const FileFacts &file)
     const Spot aside{name.directory, hidden};
     if (const int error = MoveOver(name, aside); error != 0)
         return error == ENOENT ? error : LookAndUnlink(name, file);
-    FileFacts moved;
+    FileMetadata moved;
     int error = Look(aside, &moved);
     if (error == 0)
         error = moved.key == file.key ? Unlink(aside) : ESTALE;
@@ -179,7 +179,7 @@ int MoveToFreeName(Spot from, Spot to)
     int error = errno;
     if ((error != EINVAL && error != ENOSYS) || CanRenameToFreeNames(from))
         return error;
-    FileFacts file;
+    FileMetadata file;
     if (error = Look(from, &file); error != 0)
         return error;
     return file.kind == FileKind::kDirectory ? MoveDirectoryBySteps(from, to)
@@ -189,8 +189,8 @@ int MoveToFreeName(Spot from, Spot to)
 int ChangeSpelling(Spot from, Spot to)
 {
     const int error = MoveToFreeName(from, to);
-    FileFacts old;
-    FileFacts present;
+    FileMetadata old;
+    FileMetadata present;
     if (error != EEXIST || Look(from, &old) != 0 || Look(to, &present) != 0 || old.key != present.key)
         return error;
     // Both spellings are one name there, so that whatever has it now is what moves.

@@ -4,7 +4,7 @@
 // All give 0 or an errno. Any thread.
 #pragma once
 
-#include "ntposix/FileFacts.h"
+#include "ntposix/FileMetadata.h"
 
 #include <string>
 
@@ -21,11 +21,11 @@ struct Spot {
 //
 // A file is first moved to a hidden name, looked at, and then removed or put back. So others may miss it for
 // an instant. If another file has its name by then, it is kept beside it as "NAME.fodr-kept-NUMBER".
-[[nodiscard]] int RemoveName(Spot name, const FileFacts &file);
+[[nodiscard]] int RemoveName(Spot name, const FileMetadata &file);
 
 // What is at `from` takes the file's name, and the file is removed; ESTALE when the name is another's by now,
 // which stays. Both are in one directory, and the file has no other name.
-[[nodiscard]] int TakeName(Spot from, Spot name, const FileFacts &file);
+[[nodiscard]] int TakeName(Spot from, Spot name, const FileMetadata &file);
 
 // A name that nobody is shown, and nobody has.
 [[nodiscard]] std::string NewHiddenName();

@@ -2,8 +2,8 @@
 
 #include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/NameMapping.h"
-#include "ntposix/FileSize.h"
-#include "ntposix/Link.h"
+#include "ntposix/FileRanges.h"
+#include "ntposix/Lookup.h"
 
 #include <fcntl.h>
 

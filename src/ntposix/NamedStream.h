@@ -13,8 +13,8 @@
 // stored is never older than what was stored before.
 #pragma once
 
+#include "lib/misc/Fd.h"
 #include "lib/misc/Mutex.h"
-#include "ntposix/Fd.h"
 #include "ntposix/FileObject.h"
 
 #include <cstdint>

@@ -1,7 +1,5 @@
-#include "ntposix/Notify.h"
-
-#include "ntposix/ChangeFilter.h"
-#include "ntposix/ChangeSubscription.h"
+#include "ntposix/ChangeMonitor.h"
+#include "ntposix/ChangeWatch.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/NtCall.h"
 #include "ntposix/OpenFile.h"

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/Nt.h"
+#include "platform/NtStatus.h"
 
 #include <cstdint>
 #include <cstring>
@@ -33,5 +34,10 @@ template <typename Record> Record LoadRecord(const void *buffer)
     memcpy(&record, buffer, sizeof(record));
     return record;
 }
+
+// NT statuses for errno values.
+
+// For a failed call on a name or descriptor. An errno that isn't known is STATUS_UNSUCCESSFUL.
+[[nodiscard]] nt::NTSTATUS StatusOfErrno(int error);
 
 } // namespace fodr::ntposix

@@ -2,9 +2,9 @@
 
 #include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/NameMapping.h"
-#include "ntposix/DriveLetters.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 
 namespace fodr::ntposix {
@@ -192,6 +192,27 @@ std::string JoinPath(std::string_view directory, std::string_view leaf)
         joined += '/';
     joined += leaf;
     return joined;
+}
+
+namespace {
+
+std::string DefaultPath(char letter)
+{
+    return letter == 'C' || letter == 'c' ? "/" : "";
+}
+
+std::atomic<DriveLetterResolver> resolve{&DefaultPath};
+
+} // namespace
+
+void SetDriveLetterResolver(DriveLetterResolver resolver)
+{
+    resolve = resolver ? resolver : &DefaultPath;
+}
+
+std::string PathOfDriveLetter(char letter)
+{
+    return resolve.load()(letter);
 }
 
 } // namespace fodr::ntposix

@@ -1,14 +1,14 @@
-// One successful create: what a handle stands for.
+// What listing, change notification and waiting calls keep for one open handle. Any thread.
 //
-// Any thread. The handle table keeps it alive while a call uses it (OpenFileRef), also when its handle is
-// closed meanwhile. Closing the handle is the cleanup: share modes, locks and watches end there; the
-// descriptor is closed with the last reference.
+// OpenFile holds one. NtClose calls Close first of all: before the locks of the handle fall
+// (LockTable::ReleaseAll, of the FileObject) and before its descriptor is closed.
 #pragma once
 
-#include "ntposix/Fd.h"
-#include "ntposix/FileFacts.h"
+#include "lib/misc/Fd.h"
+#include "lib/misc/Mutex.h"
+#include "ntposix/BlockedCall.h"
+#include "ntposix/FileMetadata.h"
 #include "ntposix/FileObject.h"
-#include "ntposix/HandleServices.h"
 #include "ntposix/ShareRoots.h"
 #include "platform/Nt.h"
 
@@ -20,6 +20,33 @@
 
 namespace fodr::ntposix {
 
+class ChangeSubscription;
+class DirectoryScan;
+
+class HandleServices {
+public:
+    HandleServices();
+    ~HandleServices();
+    HandleServices(const HandleServices &) = delete;
+    HandleServices &operator=(const HandleServices &) = delete;
+
+    // Ends the waiting calls of the handle and its change notification. Once is enough.
+    void Close();
+
+    BlockedCalls blockedCalls;
+
+    Mutex scanLock;                                           // held for one listing call
+    std::unique_ptr<DirectoryScan> scan GUARDED_BY(scanLock); // from the first listing on
+
+    Mutex changesLock; // held while the first notification call is set up
+    std::unique_ptr<ChangeSubscription> changes GUARDED_BY(changesLock); // from the first notification on
+};
+
+// One successful create: what a handle stands for.
+//
+// Any thread. The handle table keeps it alive while a call uses it (OpenFileRef), also when its handle is
+// closed meanwhile. Closing the handle is the cleanup: share modes, locks and watches end there; the
+// descriptor is closed with the last reference.
 class NamedStream;
 
 class OpenFile {
@@ -41,7 +68,7 @@ public:
     }
     bool IsCaseSensitive() const { return root && root->Rules().names == nt::CaseRule::Exact; }
     // Facts of the file with the size of what is open. 0 or an errno.
-    [[nodiscard]] int Stat(FileFacts *facts) const;
+    [[nodiscard]] int Stat(FileMetadata *facts) const;
 
     // Fixed once the create has succeeded.
     std::unique_ptr<OpenFile> base;      // of a named stream

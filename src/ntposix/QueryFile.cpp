@@ -1,10 +1,9 @@
 // NtQueryInformationFile: one function a class, and a table of what each asks for.
 #include "lib/unicode/NameMapping.h"
-#include "ntposix/DosAttributes.h"
-#include "ntposix/ErrnoStatus.h"
+#include "ntposix/FileMetadata.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/InfoBuffer.h"
-#include "ntposix/Link.h"
+#include "ntposix/Lookup.h"
 #include "ntposix/NamedStream.h"
 #include "ntposix/NtCall.h"
 #include "platform/NtRecords.h"
@@ -24,7 +23,7 @@ namespace {
 
 struct FileQuery {
     OpenFile &open;
-    FileFacts facts; // of classes that need them
+    FileMetadata facts; // of classes that need them
     InfoBuffer out;
 };
 
@@ -184,7 +183,7 @@ NTSTATUS QueryStreams(FileQuery &query)
         return StatusOfErrno(error);
     NTSTATUS status = STATUS_SUCCESS;
     if (!file.IsDirectory()) {
-        FileFacts facts;
+        FileMetadata facts;
         if (const int error = StatDescriptor(file.fd.Get(), &facts); error != 0)
             return StatusOfErrno(error);
         status = PutStream(query.out, u"", facts.endOfFile, facts.allocation);
@@ -250,7 +249,7 @@ NTSTATUS QueryStat(FileQuery &query)
 
 NTSTATUS QueryStatLx(FileQuery &query)
 {
-    const FileFacts &facts = query.facts;
+    const FileMetadata &facts = query.facts;
     const bool isDevice = S_ISCHR(facts.mode) || S_ISBLK(facts.mode);
     const bool isExact = facts.kind == FileKind::kDirectory && query.open.File().IsCaseSensitive();
     return query.out.Put(FILE_STAT_LX_INFORMATION{

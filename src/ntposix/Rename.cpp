@@ -1,13 +1,12 @@
 #include "ntposix/Rename.h"
 
 #include "lib/unicode/NameMapping.h"
-#include "ntposix/DirectoryIndexes.h"
-#include "ntposix/ErrnoStatus.h"
-#include "ntposix/FileObjectTable.h"
-#include "ntposix/Link.h"
+#include "ntposix/ChangeMonitor.h"
+#include "ntposix/DirectoryIndex.h"
+#include "ntposix/FileObject.h"
 #include "ntposix/Lookup.h"
 #include "ntposix/NameSteps.h"
-#include "ntposix/Notify.h"
+#include "ntposix/NtCall.h"
 #include "ntposix/ShareRoots.h"
 
 #include <fcntl.h>
@@ -64,7 +63,7 @@ public:
             present = lease->Find(target.leaf);
         }
         const std::string &occupied = present ? *present : target.leaf;
-        FileFacts facts;
+        FileMetadata facts;
         const int error = StatAt(target.directory, occupied.c_str(), Links::kDontFollow, &facts);
         if (error == ENOENT)
             return IntoFreeName();
@@ -89,8 +88,8 @@ public:
 private:
     bool SameDirectory() const
     {
-        FileFacts from;
-        FileFacts to;
+        FileMetadata from;
+        FileMetadata to;
         return StatDescriptor(source.directory, &from) == 0 && StatDescriptor(target.directory, &to) == 0 &&
                from.key == to.key;
     }
@@ -111,7 +110,7 @@ private:
         return StatusOfStep(ChangeSpelling({target.directory, occupied}, target));
     }
 
-    NTSTATUS Replace(const std::string &occupied, const FileFacts &facts) const
+    NTSTATUS Replace(const std::string &occupied, const FileMetadata &facts) const
     {
         if (facts.kind == FileKind::kDirectory || open.IsDirectory() || IsProtected(facts))
             return STATUS_ACCESS_DENIED;
@@ -125,7 +124,7 @@ private:
         return STATUS_SUCCESS;
     }
 
-    NTSTATUS ReplaceAsPosix(const std::string &occupied, const FileFacts &facts) const
+    NTSTATUS ReplaceAsPosix(const std::string &occupied, const FileMetadata &facts) const
     {
         if (occupied != target.leaf)
             return STATUS_OBJECT_NAME_COLLISION;
@@ -148,7 +147,7 @@ private:
         return STATUS_SUCCESS;
     }
 
-    bool IsProtected(const FileFacts &facts) const
+    bool IsProtected(const FileMetadata &facts) const
     {
         return !rule.ignoreReadOnly && (facts.attributes & FILE_ATTRIBUTE_READONLY) != 0;
     }
@@ -288,7 +287,7 @@ NTSTATUS ExchangeWith(OpenFile &open, OpenFile &directory, std::u16string_view l
     std::optional<DirectoryLease> lease;
     if (const int error = LookInCase(open, directory.fd.Get(), &lease, &name); error != 0)
         return StatusOfErrno(error);
-    FileFacts other;
+    FileMetadata other;
     if (const int error = StatAt(directory.fd.Get(), name.c_str(), Links::kDontFollow, &other); error != 0)
         return StatusOfErrno(error);
     if (other.key == open.object->key) // two of its own names

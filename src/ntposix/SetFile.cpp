@@ -1,11 +1,9 @@
 // NtSetInformationFile: one function a class, and a table of what each asks for.
 #include "ntposix/Deletion.h"
-#include "ntposix/DosAttributes.h"
-#include "ntposix/ErrnoStatus.h"
-#include "ntposix/FileSize.h"
+#include "ntposix/FileMetadata.h"
+#include "ntposix/FileRanges.h"
 #include "ntposix/HandleTable.h"
-#include "ntposix/Link.h"
-#include "ntposix/Mode.h"
+#include "ntposix/Lookup.h"
 #include "ntposix/NamedStream.h"
 #include "ntposix/NtCall.h"
 #include "ntposix/Rename.h"
@@ -71,7 +69,7 @@ int SetHiddenAndSystem(const OpenFile &open, uint32_t attributes)
 {
     if (open.kind != FileKind::kFile && !open.IsDirectory())
         return 0;
-    FileFacts facts;
+    FileMetadata facts;
     const int error = StatDescriptor(open.fd.Get(), &facts);
     return error ? error : WriteDosAttributes(open.fd.Get(), facts, attributes);
 }

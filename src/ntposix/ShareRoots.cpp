@@ -1,8 +1,8 @@
 #include "ntposix/ShareRoots.h"
 
-#include "ntposix/ErrnoStatus.h"
-#include "ntposix/FileFacts.h"
+#include "ntposix/FileMetadata.h"
 #include "ntposix/Lookup.h"
+#include "ntposix/NtCall.h"
 
 #include <fcntl.h>
 
@@ -29,14 +29,14 @@ bool AreSame(const ShareRules &a, const ShareRules &b)
 
 bool IsRootDirectory(const FileKey &key)
 {
-    FileFacts facts;
+    FileMetadata facts;
     return StatAt(AT_FDCWD, "/", Links::kFollow, &facts) == 0 && facts.key == key;
 }
 
 // What "/" is on can't be unmounted anyway.
 bool IsOnRootFileSystem(const FileKey &key)
 {
-    FileFacts facts;
+    FileMetadata facts;
     return StatAt(AT_FDCWD, "/", Links::kFollow, &facts) == 0 && facts.key.device == key.device;
 }
 
@@ -56,7 +56,7 @@ bool HeldRoot::IsRemoved() const
 
 bool HeldRoot::HasItsName() const
 {
-    FileFacts facts;
+    FileMetadata facts;
     return StatAt(AT_FDCWD, path.c_str(), Links::kFollow, &facts) == 0 && facts.key == key;
 }
 
@@ -73,7 +73,7 @@ NTSTATUS RegisteredRoot::Hold(std::string_view path, Look look, std::shared_ptr<
     root->reset();
     Fd folder;
     std::string realPath;
-    FileFacts facts;
+    FileMetadata facts;
     NTSTATUS status = OpenDirectory(std::string(path), found.exactRoot, &folder, &realPath);
     const int error = folder ? StatDescriptor(folder.Get(), &facts) : 0;
     if (error != 0)

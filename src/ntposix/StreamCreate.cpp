@@ -1,11 +1,10 @@
-#include "ntposix/StreamCreate.h"
-
-#include "ntposix/Access.h"
+#include "ntposix/Create.h"
+#include "ntposix/Creator.h"
 #include "ntposix/Deletion.h"
-#include "ntposix/ErrnoStatus.h"
-#include "ntposix/FileObjectTable.h"
-#include "ntposix/FileSize.h"
+#include "ntposix/FileObject.h"
+#include "ntposix/FileRanges.h"
 #include "ntposix/NamedStream.h"
+#include "ntposix/NtCall.h"
 
 #include <cerrno>
 
@@ -94,7 +93,7 @@ NTSTATUS StreamCreator::OpenBase()
 // Where its file system can.
 void StreamCreator::MakeBaseReadOnly()
 {
-    FileFacts facts;
+    FileMetadata facts;
     if (StatDescriptor(opened->base->fd.Get(), &facts) == 0)
         fchmod(opened->base->fd.Get(), facts.mode & 07777 & ~static_cast<mode_t>(0222));
 }
@@ -104,7 +103,7 @@ void StreamCreator::MakeBaseReadOnly()
 // file whose inode it is known by.
 void StreamCreator::LeaveBase()
 {
-    FileFacts facts;
+    FileMetadata facts;
     if (madeBase && !raced && !opened->object && base->Stat(&facts) == 0 && facts.endOfFile == 0)
         base->object->DeleteIfAlone(*base);
     Cleanup(*base);
@@ -114,10 +113,12 @@ void StreamCreator::LeaveBase()
 
 NTSTATUS StreamCreator::CheckRights()
 {
-    FileFacts facts;
+    FileMetadata facts;
     if (const int error = base->Stat(&facts); error != 0)
         return StatusOfErrno(error);
-    const bool readOnly = (facts.attributes & FILE_ATTRIBUTE_READONLY) != 0 && !madeBase;
+    // Of attributes the system alone decides (NamedStream.h).
+    const bool readOnly = (facts.attributes & FILE_ATTRIBUTE_READONLY) != 0 && !madeBase &&
+                          !name.Stream().starts_with(u"user.");
     const bool deletes = (request.options & FILE_DELETE_ON_CLOSE) != 0;
     if (readOnly && deletes)
         return STATUS_CANNOT_DELETE;
@@ -167,7 +168,7 @@ int StreamCreator::Find()
 
 NTSTATUS StreamCreator::Admit()
 {
-    FileFacts bytes;
+    FileMetadata bytes;
     if (const int error = StatDescriptor(opened->fd.Get(), &bytes); error != 0)
         return StatusOfErrno(error);
     opened->kind = FileKind::kFile;

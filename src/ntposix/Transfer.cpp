@@ -1,6 +1,5 @@
 // NtReadFile and NtWriteFile.
-#include "ntposix/Access.h"
-#include "ntposix/ErrnoStatus.h"
+#include "ntposix/Creator.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/NamedStream.h"
 #include "ntposix/NtCall.h"
@@ -91,7 +90,7 @@ Transferred WriteStream(const OpenFile &file, const char *buffer, size_t length,
 {
     Transferred done;
     done.error = file.stream->Change(file.File().fd.Get(), [&] {
-        FileFacts facts;
+        FileMetadata facts;
         if (const int error = StatDescriptor(file.fd.Get(), &facts); error != 0)
             return error;
         const int64_t at = appends ? facts.endOfFile : offset;
@@ -139,7 +138,7 @@ NTSTATUS Write(OpenFile &file, IO_STATUS_BLOCK *ioStatus, const void *buffer, ui
     // A handle that may only append writes to the end whatever it is told.
     const bool appends = offset == kToEndOfFile || (file.access & kWriteRights) == FILE_APPEND_DATA;
     if (appends) {
-        FileFacts facts;
+        FileMetadata facts;
         if (const int error = StatDescriptor(file.fd.Get(), &facts); error != 0)
             return Complete(ioStatus, StatusOfErrno(error), 0);
         offset = facts.endOfFile;

@@ -1,5 +1,4 @@
 // NtQueryVolumeInformationFile and NtSetVolumeInformationFile: the file system that an open file is on.
-#include "ntposix/ErrnoStatus.h"
 #include "ntposix/HandleTable.h"
 #include "ntposix/InfoBuffer.h"
 #include "ntposix/NamedStream.h"

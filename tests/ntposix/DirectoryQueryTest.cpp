@@ -1,6 +1,6 @@
 #include "WireExamples.h"
-#include "ntposix/DirectoryReader.h"
-#include "ntposix/ListingBuffer.h"
+#include "ntposix/DirectoryScan.h"
+#include "ntposix/InfoBuffer.h"
 #include "ntposix/NtWords.h"
 
 #include <algorithm>
@@ -143,9 +143,9 @@ TEST_F(DirectoryQuery, EveryClassTellsWhatQueriesOfTheFilesTell)
     }
 }
 
-TEST(ListingBuffer, TheDocumentedEntryIsWhatIsWritten)
+TEST(ListingWriter, TheDocumentedEntryIsWhatIsWritten)
 {
-    ntposix::FileFacts facts;
+    ntposix::FileMetadata facts;
     facts.id = 0x1A2B'0000'0001'E240;
     facts.mode = 0100644;
     facts.owner = 1000;
@@ -157,7 +157,7 @@ TEST(ListingBuffer, TheDocumentedEntryIsWhatIsWritten)
         0x01D9'0000'0000'0000;
     facts.attributes = FILE_ATTRIBUTE_ARCHIVE;
     uint8_t buffer[128];
-    ntposix::ListingBuffer entries(buffer, sizeof(buffer), FileBothDirectoryInformation);
+    ntposix::ListingWriter entries(buffer, sizeof(buffer), FileBothDirectoryInformation);
     ASSERT_TRUE(entries.Append(u"a", facts));
     EXPECT_EQ(Bytes(buffer, buffer + entries.Written()), WireExample("Listing entry with an id"));
 }
@@ -312,7 +312,7 @@ TEST_F(DirectoryQuery, ListingsThatAreLeftInTheirMiddleHaveALimit)
             status = List(folders.back(), {.length = 80, .single = true}).status;
         return status;
     };
-    for (int n = 0; n < ntposix::DirectoryReader::kMostUnderWay; ++n)
+    for (int n = 0; n < ntposix::DirentReader::kMostUnderWay; ++n)
         ASSERT_EQ(listThree(), STATUS_SUCCESS) << n;
     EXPECT_EQ(listThree(), STATUS_INSUFFICIENT_RESOURCES);
     folders.erase(folders.begin());

@@ -1,5 +1,5 @@
+#include "lib/misc/Fd.h"
 #include "ntposix/AdvisoryLocks.h"
-#include "ntposix/Fd.h"
 #include "ntposix/LockTable.h"
 #include "ntposix/NtWords.h"
 
@@ -28,14 +28,14 @@ protected:
         return std::async(std::launch::async, Lock, file, offset, length, exclusive, WhenHeld::Wait, 0);
     }
     // A lock of another process, for which an open file of its own stands. None when it isn't granted.
-    ntposix::Fd LockOfOthers(off_t offset, off_t length, short type) const
+    Fd LockOfOthers(off_t offset, off_t length, short type) const
     {
-        ntposix::Fd fd(open(Path("f").c_str(), O_RDWR | O_CLOEXEC));
+        Fd fd(open(Path("f").c_str(), O_RDWR | O_CLOEXEC));
         struct flock range = {};
         range.l_type = type;
         range.l_start = offset;
         range.l_len = length;
-        return fcntl(fd.Get(), F_OFD_SETLK, &range) == 0 ? std::move(fd) : ntposix::Fd();
+        return fcntl(fd.Get(), F_OFD_SETLK, &range) == 0 ? std::move(fd) : Fd();
     }
     bool FreeForOthers(off_t offset, short type = F_WRLCK) const
     {
@@ -174,7 +174,7 @@ TEST_F(Locks, WaitForTheHolder)
 TEST_F(Locks, WaitForAnotherProcess)
 {
     for (int round = 0; round < 30; ++round) { // in some the wait has begun before the unlock
-        ntposix::Fd others = LockOfOthers(0, 10, F_WRLCK);
+        Fd others = LockOfOthers(0, 10, F_WRLCK);
         ASSERT_TRUE(others);
         EXPECT_EQ(Lock(first, 5, 10, true), STATUS_LOCK_NOT_GRANTED);
         EXPECT_EQ(Lock(first, 10, 10, true), STATUS_SUCCESS);
@@ -258,7 +258,7 @@ protected:
     // By flock of another process.
     bool WholeFree(bool exclusive) const
     {
-        const ntposix::Fd fd(open(Path("f").c_str(), O_RDWR | O_CLOEXEC));
+        const Fd fd(open(Path("f").c_str(), O_RDWR | O_CLOEXEC));
         return flock(fd.Get(), (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0;
     }
     // What is in the way of an exclusive lock of the whole file.
@@ -341,7 +341,7 @@ TEST_F(AdvisoryLocking, WaitForWhoeverHoldsThem)
         ASSERT_EQ(Unlock(second, at, 1), STATUS_SUCCESS);
         EXPECT_EQ(Unlock(first, kBase + 50, 1), STATUS_SUCCESS);
     }
-    ntposix::Fd others = LockOfOthers(0, 10, F_WRLCK);
+    Fd others = LockOfOthers(0, 10, F_WRLCK);
     auto waiting = Waiting(first, kBase, 100, false);
     EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     others.Reset();

@@ -1,6 +1,6 @@
 #include "lib/unicode/NameMapping.h"
-#include "ntposix/DriveLetters.h"
 #include "ntposix/NtFixture.h"
+#include "ntposix/NtName.h"
 
 #include <vector>
 

@@ -1,6 +1,6 @@
 #include "FailingCalls.h"
+#include "lib/misc/Fd.h"
 #include "ntposix/ChangeMonitor.h"
-#include "ntposix/Fd.h"
 #include "ntposix/NtWords.h"
 
 #include <fcntl.h>
@@ -270,7 +270,7 @@ TEST_F(ChangeNotify, FoldersOfAllTreesHaveALimit)
     constexpr uint32_t kFolders = 400; // and the watched one
     for (uint32_t n = 0; n < kFolders; ++n)
         MakeFolder("watched/" + std::to_string(n));
-    const ntposix::Fd directory(open(Path("watched").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const Fd directory(open(Path("watched").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat facts;
     ASSERT_EQ(fstat(directory.Get(), &facts), 0);
     const auto monitor = ntposix::ChangeMonitor::Get();

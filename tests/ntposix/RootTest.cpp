@@ -1,6 +1,6 @@
 // Shares: what lies in them, and what doesn't.
-#include "ntposix/Beneath.h"
 #include "ntposix/NtWords.h"
+#include "ntposix/ShareRoots.h"
 
 #include <fcntl.h>
 #include <stdio.h>

@@ -1,6 +1,6 @@
 #include "agent/fuse/AgentRun.h"
 
-#include "agent/fuse/MountPoint.h"
+#include "agent/fuse/FuseSession.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -387,7 +387,7 @@ int RunAgent(std::unique_ptr<platform::ByteStream> stream, const AgentOptions &o
     int ends[2];
     if (options.lingerSeconds != 0 && options.ownProcess &&
         socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0) {
-        platform::Fd ours(ends[0]), theirs(ends[1]);
+        Fd ours(ends[0]), theirs(ends[1]);
         const pid_t child = fork();
         if (child > 0) {
             // The mount and its folder are the child's: nothing is cleaned up here.

@@ -17,7 +17,7 @@ constexpr auto kSuccessorTime = std::chrono::seconds(2);
 // Nobody reads what is said there any more, and who waits for its end doesn't wait for this process.
 void LetGoOfStandardStreams()
 {
-    const platform::Fd nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
+    const Fd nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         dup2(nothing.Get(), standard);
 }

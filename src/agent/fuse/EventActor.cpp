@@ -22,12 +22,12 @@ constexpr int kTries = 3; // somebody looks at a name at the same moment
 constexpr timespec kLeaveIt = {0, UTIME_OMIT};
 
 // Never over a border of the mount, nor through a link.
-platform::Fd OpenInside(int folder, const std::string &path, int flags)
+Fd OpenInside(int folder, const std::string &path, int flags)
 {
     open_how how = {};
     how.flags = static_cast<uint64_t>(flags | O_CLOEXEC | O_NOFOLLOW);
     how.resolve = RESOLVE_NO_XDEV | RESOLVE_NO_SYMLINKS | RESOLVE_BENEATH;
-    return platform::Fd(static_cast<int>(syscall(SYS_openat2, folder, path.c_str(), &how, sizeof(how))));
+    return Fd(static_cast<int>(syscall(SYS_openat2, folder, path.c_str(), &how, sizeof(how))));
 }
 
 // IN_MODIFY.
@@ -63,7 +63,7 @@ void ActMade(const FolderEvent &event, int folder)
             made = mknodat(folder, name, StatOf(event.facts, 0, {}).st_mode, 0);
             break;
         case NodeKind::File: {
-            const platform::Fd file(openat(folder, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+            const Fd file(openat(folder, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
             made = file.Get();
             if (made >= 0 && event.facts.endOfFile != 0)
                 SetWriteTime(made, 0, event.facts);
@@ -77,10 +77,10 @@ void ActMade(const FolderEvent &event, int folder)
 
 void ActChanged(const FolderEvent &event, int folder)
 {
-    const platform::Fd file = OpenInside(folder, event.name, O_WRONLY | O_NONBLOCK);
+    const Fd file = OpenInside(folder, event.name, O_WRONLY | O_NONBLOCK);
     if (file.Get() >= 0)
         return SetWriteTime(file.Get(), 0, event.facts); // and IN_CLOSE_WRITE
-    const platform::Fd place = OpenInside(folder, event.name, O_PATH);
+    const Fd place = OpenInside(folder, event.name, O_PATH);
     if (place.Get() >= 0)
         SetWriteTime(place.Get(), AT_EMPTY_PATH, event.facts);
 }
@@ -180,7 +180,7 @@ bool EventActor::IsNode(const Fd &fd, const NodePtr &node)
     return told == 0 && proof == node->id;
 }
 
-platform::Fd EventActor::OpenFolder(const Fd &root, const NodePtr &folder)
+Fd EventActor::OpenFolder(const Fd &root, const NodePtr &folder)
 {
     std::string path;
     NodePtr at = folder, parent;

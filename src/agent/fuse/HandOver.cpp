@@ -22,7 +22,6 @@ namespace fodr::agent {
 namespace {
 
 namespace fs = std::filesystem;
-using platform::Fd;
 
 constexpr size_t kStreams = 3; // in, out, standard error
 constexpr size_t kMostSettings = 16384;
@@ -79,7 +78,7 @@ bool IsThisUsers(const Fd &socket)
 
 void SendText(const Fd &socket, const std::string &text)
 {
-    if (socket.Valid())
+    if (socket)
         send(socket.Get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
@@ -216,7 +215,7 @@ std::string MountSettings(const AgentOptions &options)
           unsigned{client.version}, unsigned{client.multiEntryDirectoryQuery}, unsigned{client.preRead},
           unsigned{client.driveLetterMapping}, unsigned{client.policy.enabled},
           unsigned{client.policy.sharedByAgent}, unsigned{client.policy.defaultPermission},
-          static_cast<unsigned>(client.sideChannel)})
+          static_cast<unsigned>(client.sideChannel), static_cast<unsigned>(client.links)})
         text += "\n" + std::to_string(number);
     for (const PolicyFolder &folder : client.policy.folders)
         text += "\n" + std::to_string(folder.permission) + ":" + folder.path;
@@ -232,7 +231,7 @@ std::unique_ptr<HandOverSocket> HandOverSocket::Listen(const std::string &mountP
         return nullptr;
     const std::string path = SocketOf(mountPoint);
     Fd socket = platform::ListenLocalSocket(path, error);
-    if (!socket.Valid())
+    if (!socket)
         return nullptr;
     return std::unique_ptr<HandOverSocket>(new HandOverSocket(std::move(socket), path));
 }
@@ -247,7 +246,7 @@ std::optional<Successor> HandOverSocket::Accept()
     Fd line(accept4(socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     std::array<Fd, kStreams> streams;
     Successor successor;
-    if (!line.Valid() || !IsThisUsers(line) || !ReceiveStreams(line, &streams, &successor.settings))
+    if (!line || !IsThisUsers(line) || !ReceiveStreams(line, &streams, &successor.settings))
         return std::nullopt;
     successor.stream = platform::MakeFdStream(std::move(streams[0]), std::move(streams[1]));
     successor.errors = std::move(streams[2]);
@@ -259,7 +258,7 @@ std::optional<int> HandOver(const AgentOptions &options,
                             const std::function<std::unique_ptr<platform::ByteStream>()> &open)
 {
     Fd socket = platform::ConnectLocalSocket(SocketOf(options.mountPoint), nullptr);
-    if (!socket.Valid() || !IsThisUsers(socket))
+    if (!socket || !IsThisUsers(socket))
         return std::nullopt;
     std::unique_ptr<platform::ByteStream> stream = open();
     if (!stream)

@@ -15,7 +15,7 @@ namespace fodr::agent {
 class FrontLine {
 public:
     FrontLine() = default;
-    explicit FrontLine(platform::Fd localSocket) : socket(std::move(localSocket)) {}
+    explicit FrontLine(Fd localSocket) : socket(std::move(localSocket)) {}
 
     // The waiting process ends with the code, or says the sentence and ends with AGENT_MOUNT_FAILED.
     void SayExit(int code);
@@ -28,17 +28,17 @@ public:
     bool TakeEndWish();
 
     // The other side: waits, and passes SIGINT and SIGTERM on as that wish. One AgentExit.
-    static int AwaitExit(platform::Fd localSocket);
+    static int AwaitExit(Fd localSocket);
 
 private:
-    platform::Fd socket;
+    Fd socket;
 };
 
 // What a later agent brings.
 struct Successor {
     FrontLine front;
     std::unique_ptr<platform::ByteStream> stream;
-    platform::Fd errors;  // its standard error
+    Fd errors;            // its standard error
     std::string settings; // see MountSettings
 };
 
@@ -58,10 +58,10 @@ public:
     std::optional<Successor> Accept();
 
 private:
-    HandOverSocket(platform::Fd listening, std::string socketPath)
+    HandOverSocket(Fd listening, std::string socketPath)
         : socket(std::move(listening)), path(std::move(socketPath))
     {}
-    const platform::Fd socket;
+    const Fd socket;
     const std::string path;
 };
 

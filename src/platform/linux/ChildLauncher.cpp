@@ -161,7 +161,7 @@ private:
         pid_t pid = 0;
         int error = SpawnChild(options, stream, errors, &pid);
         Fd process(error == 0 ? OpenProcess(pid) : -1);
-        if (error == 0 && !process.Valid()) { // short of descriptors: its end would go unnoticed
+        if (error == 0 && !process) { // short of descriptors: its end would go unnoticed
             error = errno;
             kill(pid, SIGKILL);
             waitpid(pid, nullptr, 0);
@@ -289,11 +289,11 @@ public:
         theirs.Reset(pair[1]);
         std::vector<int> descriptors{theirs.Get()};
         for (const Fd *end : {&ends.theirStream, &ends.errorWrite}) {
-            if (end->Valid())
+            if (*end)
                 descriptors.push_back(end->Get());
         }
         const RequestHead head{static_cast<uint32_t>(found - plan.begin()), options.withStream,
-                               ends.errorWrite.Valid()};
+                               static_cast<bool>(ends.errorWrite)};
         std::string packet(reinterpret_cast<const char *>(&head), sizeof(head));
         for (const auto &[name, value] : options.environment)
             packet += name + '\0' + value + '\0';
@@ -322,7 +322,7 @@ std::unique_ptr<ChildLauncher> ChildLauncher::Create(const std::vector<ChildOpti
 {
     int pair[2];
     const Fd self(OpenProcess(getpid())); // without such descriptors no end would be noticed
-    if (!self.Valid() || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
+    if (!self || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
         return FailWithErrno(error);
     Fd ours(pair[0]), theirs(pair[1]);
     const pid_t pid = fork();

@@ -135,11 +135,11 @@ bool ChildEnds::Make(const ChildOptions &options)
 int SpawnChild(const ChildOptions &options, const Fd &stream, const Fd &errors, pid_t *pid)
 {
     SpawnSettings settings(options.interrupts);
-    if (stream.Valid()) {
+    if (stream) {
         settings.Give(stream, STDIN_FILENO);
         settings.Give(stream, STDOUT_FILENO);
     }
-    if (errors.Valid())
+    if (errors)
         settings.Give(errors, STDERR_FILENO);
     std::vector<std::string> words = options.arguments;
     std::vector<char *> arguments;
@@ -197,7 +197,7 @@ void LineReader::Take(char c, std::string *line)
 }
 
 StartedChild::StartedChild(int childId, ChildEnds ends, const ChildOptions &options)
-    : id(childId), stream(ends.ourStream.Valid() ? MakeSocketStream(std::move(ends.ourStream)) : nullptr),
+    : id(childId), stream(ends.ourStream ? MakeSocketStream(std::move(ends.ourStream)) : nullptr),
       errors(LineReader::Of(std::move(ends.errorRead), options.onErrorLine))
 {}
 

@@ -43,7 +43,7 @@ public:
     // Null without a pipe.
     static std::unique_ptr<LineReader> Of(Fd readEnd, const std::function<void(const std::string &)> &handler)
     {
-        return readEnd.Valid() ? std::make_unique<LineReader>(std::move(readEnd), handler) : nullptr;
+        return readEnd ? std::make_unique<LineReader>(std::move(readEnd), handler) : nullptr;
     }
 
 private:

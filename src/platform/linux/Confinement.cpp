@@ -84,7 +84,7 @@ bool Allow(const Fd &ruleset, const std::string &path, uint64_t rights)
 {
     const Fd place(open(path.c_str(), O_PATH | O_CLOEXEC));
     struct stat facts {};
-    if (!place.Valid() || fstat(place.Get(), &facts) != 0)
+    if (!place || fstat(place.Get(), &facts) != 0)
         return true;
     const PathRule rule{rights & (S_ISDIR(facts.st_mode) ? kOfFolders : kOfFiles), place.Get()};
     return syscall(kAddRule, ruleset.Get(), kPathBeneath, &rule, 0) == 0;
@@ -107,7 +107,7 @@ bool RestrictFiles(const ConfinementRules &rules, std::string *problem)
     const RulesetAttributes attributes{handled, 0, scopes ? kScopeAbstractSockets | kScopeSignals : 0};
     const size_t size = scopes ? sizeof(attributes) : sizeof(attributes.handledFiles);
     const Fd ruleset(static_cast<int>(syscall(kCreateRuleset, &attributes, size, 0)));
-    bool done = ruleset.Valid();
+    bool done = static_cast<bool>(ruleset);
     for (const std::string &path : rules.writable)
         done = done && Allow(ruleset, path, handled);
     for (const std::string &path : rules.tidied)

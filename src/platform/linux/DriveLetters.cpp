@@ -4,7 +4,7 @@
 #error "this file is the Linux side"
 #endif
 
-#include "ntposix/DriveLetters.h"
+#include "ntposix/NtName.h"
 #include "platform/Volumes.h"
 #include "platform/linux/BlockDevice.h"
 #include "platform/linux/MountTable.h"

@@ -51,7 +51,7 @@ Fd OwnNonBlocking(Fd fd, int access)
     if (IsPipe(fd.Get())) {
         const std::string name = "/proc/self/fd/" + std::to_string(fd.Get());
         Fd own(open(name.c_str(), access | O_NONBLOCK | O_CLOEXEC));
-        if (own.Valid())
+        if (own)
             fd = std::move(own);
         fcntl(fd.Get(), F_SETPIPE_SZ, kPipeBuffer);
     }
@@ -89,13 +89,13 @@ public:
     FdStream(Fd readEnd, Fd writeEnd, Fd wake) : wakeFd(std::move(wake))
     {
         readIsSocket = IsSocket(readEnd.Get());
-        writeIsSocket = !writeEnd.Valid() || IsSocket(writeEnd.Get());
+        writeIsSocket = !writeEnd || IsSocket(writeEnd.Get());
         readFd = readIsSocket ? std::move(readEnd) : OwnNonBlocking(std::move(readEnd), O_RDONLY);
-        if (writeEnd.Valid())
+        if (writeEnd)
             writeFd = writeIsSocket ? std::move(writeEnd) : OwnNonBlocking(std::move(writeEnd), O_WRONLY);
         if (readIsSocket)
             TuneSocket(readFd.Get());
-        if (writeFd.Valid() && writeIsSocket)
+        if (writeFd && writeIsSocket)
             TuneSocket(writeFd.Get());
         if (!writeIsSocket)
             IgnorePipeSignal();
@@ -139,7 +139,7 @@ public:
         shutDown = true;
         if (readIsSocket)
             shutdown(readFd.Get(), SHUT_RDWR);
-        if (writeFd.Valid() && writeIsSocket)
+        if (writeFd && writeIsSocket)
             shutdown(writeFd.Get(), SHUT_RDWR);
         const uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = write(wakeFd.Get(), &one, sizeof(one));
@@ -147,12 +147,12 @@ public:
         // may be using it.
         if (!readIsSocket)
             dup3(wakeFd.Get(), readFd.Get(), O_CLOEXEC);
-        if (writeFd.Valid() && !writeIsSocket)
+        if (writeFd && !writeIsSocket)
             dup3(wakeFd.Get(), writeFd.Get(), O_CLOEXEC);
     }
 
     int ReadEnd() const { return readFd.Get(); }
-    int WriteEnd() const { return writeFd.Valid() ? writeFd.Get() : readFd.Get(); }
+    int WriteEnd() const { return writeFd ? writeFd.Get() : readFd.Get(); }
 
     bool PeerIsThisUser() const override
     {
@@ -296,13 +296,6 @@ private:
 
 } // namespace
 
-void Fd::Reset(int descriptor)
-{
-    if (value >= 0 && value != descriptor)
-        close(value);
-    value = descriptor;
-}
-
 std::nullptr_t FailWithErrno(std::string *error)
 {
     if (error != nullptr)
@@ -318,7 +311,7 @@ std::unique_ptr<ByteStream> MakeSocketStream(Fd socket)
 std::unique_ptr<ByteStream> MakeFdStream(Fd readEnd, Fd writeEnd)
 {
     Fd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!wake.Valid() || !readEnd.Valid())
+    if (!wake || !readEnd)
         return nullptr;
     return std::make_unique<FdStream>(std::move(readEnd), std::move(writeEnd), std::move(wake));
 }
@@ -339,7 +332,7 @@ std::unique_ptr<ByteStream> OpenStandardStream(std::string *error)
     Fd out(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
     Fd nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
     // A stray print must not get between the frames.
-    if (!in.Valid() || !out.Valid() || !nothing.Valid() || dup2(nothing.Get(), STDIN_FILENO) < 0 ||
+    if (!in || !out || !nothing || dup2(nothing.Get(), STDIN_FILENO) < 0 ||
         dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
         return FailWithErrno(error);
     auto stream = MakeFdStream(std::move(in), std::move(out));

@@ -5,38 +5,12 @@
 #error "this file is the Linux side"
 #endif
 
+#include "lib/misc/Fd.h"
 #include "platform/ByteStream.h"
 
 #include <string>
 
 namespace fodr::platform {
-
-// Owns one descriptor; -1 is none.
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int descriptor) : value(descriptor) {}
-    Fd(Fd &&other) noexcept : value(other.Release()) {}
-    Fd &operator=(Fd &&other) noexcept
-    {
-        Reset(other.Release());
-        return *this;
-    }
-    ~Fd() { Reset(-1); }
-
-    int Get() const { return value; }
-    bool Valid() const { return value >= 0; }
-    int Release()
-    {
-        const int released = value;
-        value = -1;
-        return released;
-    }
-    void Reset(int descriptor);
-
-private:
-    int value = -1;
-};
 
 // A stream over one socket, which it owns.
 std::unique_ptr<ByteStream> MakeSocketStream(Fd socket);

@@ -5,7 +5,7 @@
 #endif
 
 #include "lib/unicode/NameMapping.h"
-#include "ntposix/DirectoryIndexes.h"
+#include "ntposix/DirectoryIndex.h"
 #include "ntposix/NtName.h"
 #include "platform/SystemError.h"
 #include "platform/Volumes.h"
@@ -45,7 +45,7 @@ std::string Below(const std::string &folder, const std::string &name)
 // there is none.
 std::string FindWithoutCase(const std::string &folder, const std::string &name)
 {
-    const ntposix::Fd directory(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const Fd directory(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!directory)
         return name;
     return ntposix::DirectoryLease(directory.Get()).Find(name).value_or(name);

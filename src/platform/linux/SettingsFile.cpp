@@ -4,6 +4,7 @@
 #error "this file is the Linux side"
 #endif
 
+#include "lib/misc/Fd.h"
 #include "platform/SystemError.h"
 
 #include <fcntl.h>
@@ -37,20 +38,6 @@ std::mutex &KeyFileLock()
     static std::mutex mutex;
     return mutex;
 }
-
-class Descriptor {
-public:
-    explicit Descriptor(int opened) : number(opened) {}
-    ~Descriptor()
-    {
-        if (number >= 0)
-            close(number);
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-
-    const int number;
-};
 
 bool WriteAll(int file, const std::string &text)
 {
@@ -133,10 +120,10 @@ uint32_t SettingsFile::Edit(const Change &change)
 {
     std::error_code ignored;
     std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-    const Descriptor lock(open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (lock.number < 0)
+    const Fd lock(open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!lock)
         return LastSystemError();
-    while (flock(lock.number, LOCK_EX) != 0) {
+    while (flock(lock.Get(), LOCK_EX) != 0) {
         if (errno != EINTR)
             return LastSystemError();
     }
@@ -177,10 +164,10 @@ uint32_t SettingsFile::Replace(const std::string &text)
     const mode_t mode = stat(target.c_str(), &old) == 0 ? old.st_mode & 0777 : 0644;
 
     std::string temporary = target + ".XXXXXX";
-    const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
-    if (file.number < 0)
+    const Fd file(mkostemp(temporary.data(), O_CLOEXEC));
+    if (!file)
         return LastSystemError();
-    if (fchmod(file.number, mode) == 0 && WriteAll(file.number, text) && fsync(file.number) == 0 &&
+    if (fchmod(file.Get(), mode) == 0 && WriteAll(file.Get(), text) && fsync(file.Get()) == 0 &&
         rename(temporary.c_str(), target.c_str()) == 0)
         return kErrorSuccess;
     const uint32_t outcome = LastSystemError();

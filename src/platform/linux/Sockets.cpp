@@ -71,7 +71,7 @@ Fd BindAndListen(const addrinfo &address)
     Fd fd(socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
     const int off = 0;
-    if (!fd.Valid())
+    if (!fd)
         return fd;
     setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     if (address.ai_family == AF_INET6)
@@ -93,8 +93,8 @@ struct LocalAddress {
             const std::filesystem::path whole(path);
             folder = Fd(open(whole.parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
             fitting = "/proc/self/fd/" + std::to_string(folder.Get()) + "/" + whole.filename().string();
-            if (!folder.Valid() || fitting.size() >= sizeof(name.sun_path)) {
-                errno = folder.Valid() ? ENAMETOOLONG : errno;
+            if (!folder || fitting.size() >= sizeof(name.sun_path)) {
+                errno = folder ? ENAMETOOLONG : errno;
                 return false;
             }
         }
@@ -111,7 +111,7 @@ bool RemoveLeftOver(const std::string &path)
     struct stat facts {};
     LocalAddress address;
     Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!fd.Valid() || !address.Set(path) || lstat(path.c_str(), &facts) != 0)
+    if (!fd || !address.Set(path) || lstat(path.c_str(), &facts) != 0)
         return false;
     if (!S_ISSOCK(facts.st_mode) || connect(fd.Get(), address.Get(), sizeof(address.name)) == 0) {
         errno = EADDRINUSE;
@@ -153,7 +153,7 @@ public:
             if (ready <= 0 || wanted[1].revents != 0)
                 return nullptr;
             Fd peer(accept4(fd.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-            if (peer.Valid())
+            if (peer)
                 return MakeSocketStream(std::move(peer));
             if (errno == EBADF || errno == EINVAL)
                 return nullptr;
@@ -194,7 +194,7 @@ private:
 std::unique_ptr<StreamListener> MakeListener(Fd listening, const std::string &path, std::string *error)
 {
     Fd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!wake.Valid())
+    if (!wake)
         return FailWithErrno(error);
     return std::make_unique<FdListener>(std::move(listening), std::move(wake), path);
 }
@@ -212,7 +212,7 @@ std::unique_ptr<ByteStream> ConnectTcp(const std::string &host, uint16_t port, i
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
         Fd fd(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        if (!fd.Valid())
+        if (!fd)
             continue;
         const int wait = timeoutMS < 0 ? -1 : static_cast<int>(std::max<int64_t>(left.count(), 0));
         if (ConnectWithin(fd.Get(), *address, wait))
@@ -232,7 +232,7 @@ std::unique_ptr<StreamListener> ListenTcp(const std::string &address, uint16_t p
             if (entry->ai_family != family)
                 continue;
             Fd fd = BindAndListen(*entry);
-            if (fd.Valid())
+            if (fd)
                 return MakeListener(std::move(fd), {}, error);
         }
     }
@@ -243,7 +243,7 @@ Fd ConnectLocalSocket(const std::string &path, std::string *error)
 {
     LocalAddress address;
     Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!fd.Valid() || !address.Set(path) || connect(fd.Get(), address.Get(), sizeof(address.name)) != 0) {
+    if (!fd || !address.Set(path) || connect(fd.Get(), address.Get(), sizeof(address.name)) != 0) {
         FailWithErrno(error);
         return Fd();
     }
@@ -253,14 +253,14 @@ Fd ConnectLocalSocket(const std::string &path, std::string *error)
 std::unique_ptr<ByteStream> ConnectLocal(const std::string &path, std::string *error)
 {
     Fd fd = ConnectLocalSocket(path, error);
-    return fd.Valid() ? MakeSocketStream(std::move(fd)) : nullptr;
+    return fd ? MakeSocketStream(std::move(fd)) : nullptr;
 }
 
 Fd ListenLocalSocket(const std::string &path, std::string *error)
 {
     LocalAddress address;
     Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    int result = fd.Valid() && address.Set(path) ? 0 : -1;
+    int result = fd && address.Set(path) ? 0 : -1;
     if (result == 0)
         result = bind(fd.Get(), address.Get(), sizeof(address.name));
     if (result != 0 && errno == EADDRINUSE && RemoveLeftOver(path))
@@ -275,7 +275,7 @@ Fd ListenLocalSocket(const std::string &path, std::string *error)
 std::unique_ptr<StreamListener> ListenLocal(const std::string &path, std::string *error)
 {
     Fd fd = ListenLocalSocket(path, error);
-    return fd.Valid() ? MakeListener(std::move(fd), path, error) : nullptr;
+    return fd ? MakeListener(std::move(fd), path, error) : nullptr;
 }
 
 } // namespace fodr::platform

@@ -1,7 +1,6 @@
 // No answer overtakes the notice of a change that it shows. Runs under ThreadSanitizer, too.
-#include "ntposix/NoticeOrder.h"
-
 #include "Mailbox.h"
+#include "ntposix/ChangeWatch.h"
 #include "ntposix/NtWords.h"
 
 #include <algorithm>

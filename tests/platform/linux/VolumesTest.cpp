@@ -2,7 +2,7 @@
 
 #include "RealMount.h"
 #include "lib/unicode/CodeSet.h"
-#include "ntposix/DriveLetters.h"
+#include "ntposix/NtName.h"
 #include "platform/Nt.h"
 #include "platform/SystemError.h"
 

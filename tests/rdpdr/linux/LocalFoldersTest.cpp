@@ -1,5 +1,5 @@
 // Shares of folders that differ in case alone, and of drives that come or go while they are added.
-#include "ntposix/DriveLetters.h"
+#include "ntposix/NtName.h"
 #include "rdpdr/ManagerFixture.h"
 
 #include <fstream>
