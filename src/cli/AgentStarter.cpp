@@ -116,15 +116,8 @@ constexpr int kDetachLimitMS = 10000;
 
 std::string LogFolderSetting()
 {
-    platform::RegistryKey key = nullptr;
-    if (platform::RegistryOpen(platform::RegistryRoot::LocalMachine, platform::kPluginSettingsKey,
-                               platform::kRegKeyRead, &key) != platform::kErrorSuccess)
-        return {};
-    std::string text(4096, '\0');
-    auto size = static_cast<uint32_t>(text.size());
-    const uint32_t result = platform::RegistryQuery(key, "logDirectory", false, nullptr, text.data(), &size);
-    platform::RegistryClose(key);
-    return result == platform::kErrorSuccess ? std::string(text.c_str()) : std::string();
+    const auto value = platform::SettingsKey().Read("logDirectory");
+    return value ? std::string(value->bytes.c_str()) : std::string();
 }
 
 // Wherever the plug-in may put its log (docs/logging.md). It makes a missing folder itself, which it can't
@@ -172,7 +165,7 @@ platform::ConfinementRules RulesFor(const ShareOptions &options, const MountFold
     platform::ConfinementRules rules{LogFolders(), {}};
     rules.writable.push_back(platform::RuntimeFolder());
     rules.writable.emplace_back("/dev/null");
-    for (const SharedFolder &shared : options.folders) {
+    for (const WantedFolder &shared : options.folders) {
         if (!options.readOnly)
             rules.writable.push_back(shared.path);
     }

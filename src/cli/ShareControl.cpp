@@ -40,11 +40,11 @@ ControlReply Refusal(int code, const std::string &sentence)
 std::vector<ShownPath> ShownPaths(const FolderShare &share, const ShareOptions &options,
                                   const std::string &mount)
 {
-    const std::vector<std::string> paths = SharedFolder::PathsBelow(share.path, share.files);
+    const std::vector<std::string> paths = WantedFolder::PathsBelow(share.path, share.files);
     std::vector<std::string> places(paths.size());
     if (!mount.empty())
         places =
-            SharedFolder::PathsBelow(mount + (options.folderLayout ? "/" + share.name : ""), share.files);
+            WantedFolder::PathsBelow(mount + (options.folderLayout ? "/" + share.name : ""), share.files);
     std::vector<ShownPath> shown;
     for (size_t i = 0; i < paths.size(); ++i)
         shown.push_back({paths[i], places[i]});

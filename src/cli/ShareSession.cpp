@@ -101,13 +101,13 @@ bool ShareSession::StartPlugin()
     shares = std::make_unique<host::FolderShares>(
         &host->Bus(), [this](const host::FolderShare &share) { HandleShareChanged(share); });
     std::vector<std::string> asked;
-    for (const SharedFolder &shared : options.folders) {
+    for (const WantedFolder &shared : options.folders) {
         for (std::string &form : host::FolderShares::OfferedForms(shared.path, shared.files))
             asked.push_back(std::move(form));
     }
     if (!AllowFolders(asked))
         return false;
-    for (const SharedFolder &shared : options.folders)
+    for (const WantedFolder &shared : options.folders)
         shares->Add(shared.path, shared.name, shared.files);
     FollowSettings();
     host::ChannelOptions channelOptions = ChannelOptionsFor(options);

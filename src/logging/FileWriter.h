@@ -112,8 +112,6 @@ public:
 
     // Null at the end, which is at once for a folder that can't be read.
     RCPtr<FileInfo> Next();
-    // Folder and pattern.
-    const std::string &SearchPath() const { return searchPath; }
 
 private:
     const std::string folderPath;

@@ -104,6 +104,7 @@ private:
     std::string CapabilityStatus() REQUIRES(stateLock);
 
     // Where shares come from, beside the commands.
+    void AddDrives(uint32_t permission);
     void RedirectDevicesFromRegKey();
     void AddPolicyFolders() REQUIRES(stateLock);
 

@@ -37,16 +37,6 @@ const char *NameOf(const RCPtr<IRedirectedDevice> &device)
     return device->GetFriendlyName().c_str();
 }
 
-std::string RootOfDrive(char letter)
-{
-    return std::string(1, letter) + ":\\";
-}
-
-bool DriveExists(char letter)
-{
-    return platform::DriveTypeOfLetter(letter) > platform::kDriveNoRootDir;
-}
-
 } // namespace
 
 // ---- Adding and removing ----
@@ -291,9 +281,14 @@ void RdpdrChannelManager::RedirectAllDrives()
         if (settings.IsOpen() && (!settings.ReadNumber("RedirectAll", &redirectAll) || redirectAll == 0))
             return;
     }
+    AddDrives(0);
+}
+
+void RdpdrChannelManager::AddDrives(uint32_t permission)
+{
     for (char letter = 'A'; letter <= 'Z'; ++letter) {
-        if (DriveExists(letter))
-            AddSharedFolder(RootOfDrive(letter), "", true, 0, "");
+        if (platform::DriveTypeOfLetter(letter) > platform::kDriveNoRootDir)
+            AddSharedFolder(std::string(1, letter) + ":\\", "", true, permission, "");
     }
 }
 
@@ -336,14 +331,10 @@ void RdpdrChannelManager::AddPolicyFolders()
             LOG_WARN("Too many shares for the folders of the policy.\n");
             return;
         }
-        if (!folder.isAll) {
+        if (folder.isAll)
+            AddDrives(folder.permission);
+        else
             AddSharedFolder(folder.path, "", true, folder.permission, "");
-            continue;
-        }
-        for (char letter = 'A'; letter <= 'Z'; ++letter) {
-            if (DriveExists(letter))
-                AddSharedFolder(RootOfDrive(letter), "", true, folder.permission, "");
-        }
     }
 }
 
