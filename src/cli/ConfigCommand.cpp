@@ -101,7 +101,7 @@ uint32_t Watch(platform::Waitable changed, std::unique_ptr<SettingsKey> *key)
         OpenNearest(&now);
         if (result != platform::kErrorSuccess || now == path)
             return result;
-        // A nearer key came between the opening and the asking, and of that nobody tells.
+        // No notification covers a nearer key that was created between opening and watching.
     }
 }
 

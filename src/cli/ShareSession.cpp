@@ -324,7 +324,7 @@ void ShareSession::HandleNotice(transport::NoticeKind kind, const std::string &t
 
 void ShareSession::OnTermination(platform::TerminationRequest request)
 {
-    // Whoever asks twice doesn't want to wait. The agent sees the end of its stream and unmounts. With a
+    // A second request ends the process at once. The agent sees the end of its stream and unmounts. With a
     // command Ctrl-C is the command's.
     if (!commandRuns && ++terminations > 1)
         platform::EndNow(platform::StatusOf(request));

@@ -141,7 +141,7 @@ private:
     std::atomic<Clock::time_point> lastPacket{started}; // either way, by the channel's threads
     Clock::time_point endLimit;                         // for an agent that has something to say
     int exitCode = 0;
-    bool attached = false; // the channel has a connection, or hasn't told of its end yet
+    bool attached = false; // the channel has a connection, or its end hasn't been reported yet
     bool everReady = false;
     std::string mounted;      // by the agent's word; empty: not yet
     std::string agentError;   // the agent's word about what went wrong

@@ -16,8 +16,8 @@ namespace fodr {
 class RdpdrChannelManager;
 
 // How much of an agent's requests this side holds at once: the packets that wait and are served, with the
-// answers that they ask for. Who brings a packet beyond it waits, so that the connection isn't read meanwhile
-// and the agent has to wait as well. Any thread.
+// answers that they ask for. Beyond it the reader of the connection waits, and with it the
+// agent. Any thread.
 class PacketBudget {
 public:
     static constexpr size_t kMostBytes = 64u << 20;
@@ -53,7 +53,7 @@ private:
 // small (kWaitingPacket bytes are all that is read of it) and outside of the budget.
 bool MayWaitForEver(RdpdrStream &packet);
 inline constexpr size_t kWaitingPacket = 128;
-// The packet without what nobody reads of it, if there is memory for that.
+// Cuts the packet to the bytes that are read of it, if there is memory for the copy.
 void DropUnread(RdpdrStreamPtr &stream);
 
 // A packet on its way to the pool. Gives back what it costs at its end at the latest, also when an exception

@@ -368,7 +368,7 @@ bool RdpdrChannelManager::HandleFodrPolicy(RdpdrStream *stream)
     if (serverVersion == FODR_VERSION_UNKNOWN) {
         LOG_WARN("Server version unknown, save policy stream.\n");
         SetPolicyStream(stream);
-        // And on: the header counts at once.
+        // Goes on: the header takes effect now.
     }
     stream->SetPosition(kHeaderEnd);
     uint32_t length = ReadRecord<FODR_POLICY>(*stream).PolicyLength;

@@ -197,7 +197,7 @@ void RdpdrChannelManager::StartDriveWatcher(bool firstShare)
         LOG_ERROR("Driver watcher not initialized\n");
         return;
     }
-    // A share that is gone again by now doesn't need it any more.
+    // The share may be gone again by now.
     if (firstShare && shares.Count() != 0 && !driveWatcher->Start(this))
         LOG_ERROR("Failed to start drive watcher\n");
 }
@@ -269,7 +269,7 @@ bool RdpdrChannelManager::OnDeviceUnavailable(char driveLetter)
     return true;
 }
 
-// ---- Shares that nobody commands: from the local settings and the policy ----
+// ---- Shares from the local settings and the policy ----
 
 void RdpdrChannelManager::RedirectAllDrives()
 {
@@ -324,8 +324,8 @@ void RdpdrChannelManager::RedirectDevicesFromRegKey()
 void RdpdrChannelManager::AddPolicyFolders()
 {
     FODR_TRACE_FUNCTION();
-    // A picture of the list, since an add takes the table's lock, which comes before the policy's lock. The
-    // list itself stays as it is meanwhile: it changes under stateLock alone.
+    // A copy of the list: an add takes the table's lock, which comes before the policy's. The list doesn't
+    // change meanwhile, since that takes stateLock.
     for (const ClientPolicy::Folder &folder : policy.load()->Folders()) {
         if (shares.Count() >= kMostForPolicy) {
             LOG_WARN("Too many shares for the folders of the policy.\n");
