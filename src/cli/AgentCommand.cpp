@@ -176,11 +176,11 @@ bool IsReadOnly(unsigned permission)
     return permission == kReadOnlyPermission || permission == 2;
 }
 
-agent::Links LinksOf(const std::string &word)
+agent::LinkView LinksOf(const std::string &word)
 {
     if (word == "follow")
-        return agent::Links::Follow;
-    return word == "hide" ? agent::Links::Hide : agent::Links::Show;
+        return agent::LinkView::Follow;
+    return word == "hide" ? agent::LinkView::Hide : agent::LinkView::Show;
 }
 
 agent::SideChannel SideChannelOf(const std::string &word)

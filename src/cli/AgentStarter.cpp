@@ -215,7 +215,7 @@ bool RunConfinement::DetachMount(const std::string &path) const
     std::string ignored;
     if (const auto helper = launcher->Start(Detaching(path), &ignored))
         helper->Wait(kDetachLimitMS);
-    return platform::InspectMount(path) == platform::MountState::None;
+    return platform::InspectMount(path) == platform::MountHealth::None;
 }
 
 } // namespace fodr::cli

@@ -10,7 +10,7 @@ namespace fodr::cli {
 namespace {
 
 namespace fs = std::filesystem;
-using platform::MountState;
+using platform::MountHealth;
 
 constexpr int kDefaultNames = 1000; // that are tried
 constexpr int kEndingMS = 2000;     // for an agent that was just killed
@@ -45,12 +45,12 @@ bool IsAtOrBelow(const std::string &path, const std::string &folder)
 std::unique_ptr<MountFolder> MountFolder::Prepare(const std::string &given, std::string *problem)
 {
     const std::string path = AbsolutePath(given);
-    const MountState former = platform::InspectEndingMount(path, "fodr", kEndingMS);
-    if (former == MountState::Dead && !platform::DetachMount(path)) {
+    const MountHealth former = platform::InspectEndingMount(path, "fodr", kEndingMS);
+    if (former == MountHealth::Dead && !platform::DetachMount(path)) {
         *problem = "an earlier mount at " + Quoted(path) + " hangs and can't be taken away: unmount it first";
         return nullptr;
     }
-    if (former == MountState::Alive) {
+    if (former == MountHealth::Alive) {
         *problem =
             "something is mounted at " + Quoted(path) + " already: choose another folder or unmount it";
         return nullptr;
@@ -86,12 +86,12 @@ std::unique_ptr<MountFolder> MountFolder::PrepareDefault(const std::string &name
     for (int number = 0; number < kDefaultNames; ++number) {
         const std::string tried = number == 0 ? name : name + "(" + std::to_string(number) + ")";
         const std::string path = (folder / tried).string();
-        const bool dead = platform::InspectMount(path) == MountState::Dead;
+        const bool dead = platform::InspectMount(path) == MountHealth::Dead;
         std::error_code error;
         const bool there = dead || fs::exists(path, error);
         // One that is there belongs to another share, unless its mount is dead or it was left behind empty.
         if (there && !dead &&
-            (platform::InspectMount(path) == MountState::Alive || !fs::is_empty(path, error)))
+            (platform::InspectMount(path) == MountHealth::Alive || !fs::is_empty(path, error)))
             continue;
         auto point = Prepare(path, problem);
         if (point) {
@@ -108,13 +108,13 @@ std::unique_ptr<MountFolder> MountFolder::PrepareDefault(const std::string &name
 MountFolder::~MountFolder()
 {
     // Not as a file first, as the library does it: a confined run may remove folders alone.
-    if (made && platform::InspectMount(path) == MountState::None)
+    if (made && platform::InspectMount(path) == MountHealth::None)
         platform::RemoveFolder(path);
 }
 
 bool MountFolder::Clear(const std::function<bool(const std::string &path)> &detach)
 {
-    return platform::InspectMount(path) == MountState::None || detach(path);
+    return platform::InspectMount(path) == MountHealth::None || detach(path);
 }
 
 // A mount that shows itself has no end; one that hides what it shows has no beginning.

@@ -5,17 +5,17 @@
 
 namespace fodr::platform {
 
-enum class MountState {
+enum class MountHealth {
     None,  // an ordinary folder, or nothing
     Alive, // something is mounted there
     Dead,  // mounted, but the process that served it is gone
 };
 
-MountState InspectMount(const std::string &path);
+MountHealth InspectMount(const std::string &path);
 
 // The same, given up to `timeoutMS` for a process that is just ending: what it serves still looks alive until
 // the system has closed its files. Waits only for mounts whose type ends in `ownType`, such as "fodr".
-MountState InspectEndingMount(const std::string &path, const std::string &ownType, int timeoutMS);
+MountHealth InspectEndingMount(const std::string &path, const std::string &ownType, int timeoutMS);
 
 // Takes a mount away at once, even while it is in use. True when nothing is mounted there any more.
 bool DetachMount(const std::string &path);

@@ -58,21 +58,21 @@ bool IsMountPoint(const std::string &path)
 
 } // namespace
 
-MountState InspectMount(const std::string &path)
+MountHealth InspectMount(const std::string &path)
 {
     struct stat facts {};
     const bool dead = stat(path.c_str(), &facts) != 0 && (errno == ENOTCONN || errno == ECONNABORTED);
     if (dead)
-        return MountState::Dead;
-    return IsMountPoint(path) ? MountState::Alive : MountState::None;
+        return MountHealth::Dead;
+    return IsMountPoint(path) ? MountHealth::Alive : MountHealth::None;
 }
 
-MountState InspectEndingMount(const std::string &path, const std::string &ownType, int timeoutMS)
+MountHealth InspectEndingMount(const std::string &path, const std::string &ownType, int timeoutMS)
 {
     constexpr int kStepMS = 20;
-    MountState state = InspectMount(path);
+    MountHealth state = InspectMount(path);
     for (int waited = 0;
-         state == MountState::Alive && waited < timeoutMS && MountType(path).ends_with(ownType);
+         state == MountHealth::Alive && waited < timeoutMS && MountType(path).ends_with(ownType);
          waited += kStepMS) {
         std::this_thread::sleep_for(std::chrono::milliseconds(kStepMS));
         state = InspectMount(path);

@@ -5,14 +5,14 @@
 
 namespace fodr::platform {
 
-MountState InspectMount(const std::string &)
+MountHealth InspectMount(const std::string &)
 {
-    return MountState::None;
+    return MountHealth::None;
 }
 
-MountState InspectEndingMount(const std::string &, const std::string &, int)
+MountHealth InspectEndingMount(const std::string &, const std::string &, int)
 {
-    return MountState::None;
+    return MountHealth::None;
 }
 
 bool DetachMount(const std::string &)
