@@ -16,8 +16,7 @@ namespace fodr {
 class RdpdrChannelManager;
 
 // How much of an agent's requests this side holds at once: the packets that wait and are served, with the
-// answers that they ask for. Beyond it the reader of the connection waits, and with it the
-// agent. Any thread.
+// answers that they ask for. Beyond it the reader of the connection waits, and with it the agent. Any thread.
 class PacketBudget {
 public:
     static constexpr size_t kMostBytes = 64u << 20;
