@@ -324,10 +324,10 @@ void RdpdrChannelManager::HandleVersionExchange(RdpdrStream *stream)
     int32_t version = exchange.Version;
     uint32_t capabilities = exchange.Capabilities & 0xFFu; // the low byte alone counts
     serverVersion = version;
-    driveLetterMappingDisabled = (capabilities & FODR_CAP_DRIVE_LETTER_MAPPING) == 0;
+    shares.driveLetterMappingDisabled = (capabilities & FODR_CAP_DRIVE_LETTER_MAPPING) == 0;
     LOG_INFO("The server version received = %d.\n", version);
     LOG_INFO("The server caps = 0x%x.\n", capabilities);
-    LOG_INFO("Drive letter mapping is %sabled\n", AbledPrefix(!driveLetterMappingDisabled));
+    LOG_INFO("Drive letter mapping is %sabled\n", AbledPrefix(!shares.driveLetterMappingDisabled));
 
     if (version >= FODR_VERSION_DIRECTORY_CAPABILITY) {
         multiEntryDirectoryQuery = (capabilities & FODR_CAP_MULTI_ENTRY_DIRECTORY_QUERY) != 0;

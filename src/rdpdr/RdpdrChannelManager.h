@@ -140,7 +140,6 @@ private:
     RdpdrStreamPtr storedPolicyStream GUARDED_BY(stateLock); // came before the version
     bool userLoggedOn GUARDED_BY(stateLock) = false;         // never cleared
     OVMutex stateLock; // held while a handshake packet is handled, the shares it adds included
-    std::atomic<bool> driveLetterMappingDisabled{true};
 };
 
 } // namespace fodr

@@ -151,7 +151,7 @@ bool RdpdrChannelManager::IsAllowedByCDRPolicy(const std::string &path, uint32_t
         allowed = agentPolicy->IsFolderInPolicy(path);
     else if (agentPolicy->HasDeviceFilter())
         allowed = agentPolicy->IsAllowedByDeviceFilter(FodrDeviceUtils::GetDeviceInfo(path));
-    if (allowed && !driveLetterMappingDisabled && type == SharedType::None) {
+    if (allowed && !shares.driveLetterMappingDisabled && type == SharedType::None) {
         allowed = IsDriveRoot(path);
         LOG_INFO("Folder share %s is %sabled for drive letter mapping.\n", path.c_str(),
                  allowed ? "en" : "dis");
@@ -364,8 +364,7 @@ int RdpdrChannelManager::SendSimpleDevice(uint32_t deviceId, uint32_t deviceType
     FODR_TRACE_FUNCTION();
     ClientPolicy *agentPolicy = policy;
     const uint32_t permission = agentPolicy ? agentPolicy->GetDevicePermission(deviceId) : 0;
-    const RdpdrStreamPtr stream = shares.BuildDeviceAnnounce(deviceId, deviceType, permission, friendlyName,
-                                                             !driveLetterMappingDisabled);
+    const RdpdrStreamPtr stream = shares.BuildDeviceAnnounce(deviceId, deviceType, permission, friendlyName);
     if (!stream)
         return 0;
     Write(stream.get());

@@ -300,7 +300,7 @@ std::vector<ShareTable::Device> ShareTable::DevicesOfDrive(char driveLetter)
 // ---- Announcing ----
 
 RdpdrStreamPtr ShareTable::BuildDeviceAnnounce(uint32_t deviceId, uint32_t deviceType, uint32_t permission,
-                                               const std::string &friendlyName, bool mapped)
+                                               const std::string &friendlyName)
 {
     DEVICE_ANNOUNCE announce;
     announce.DeviceType = deviceType;
@@ -316,7 +316,7 @@ RdpdrStreamPtr ShareTable::BuildDeviceAnnounce(uint32_t deviceId, uint32_t devic
 
     // The extension is measured and written of one and the same share.
     OVMutexLock held(deviceTableLock);
-    const size_t extension = GetDeviceListAnnounceExtLength(deviceId, mapped);
+    const size_t extension = GetDeviceListAnnounceExtLength(deviceId);
     RdpdrStreamPtr stream(
         RdpdrStream::Create(kWireEnd<DEVICE_ANNOUNCE> + announce.DeviceDataLength + extension));
     if (!stream)
@@ -326,26 +326,26 @@ RdpdrStreamPtr ShareTable::BuildDeviceAnnounce(uint32_t deviceId, uint32_t devic
     WriteRecord(*stream, announce);
     stream->Write(deviceData.c_str(), announce.DeviceDataLength);
     if (extension != 0)
-        AppendDeviceListExt(stream.get(), deviceId, mapped);
+        AppendDeviceListExt(stream.get(), deviceId);
     return stream;
 }
 
-uint32_t ShareTable::GetDeviceListAnnounceExtLength(uint32_t deviceId, bool mapped)
+uint32_t ShareTable::GetDeviceListAnnounceExtLength(uint32_t deviceId)
 {
     FODR_TRACE_FUNCTION();
     size_t length = 0;
     Device device = Find(deviceId);
-    if (device && mapped)
+    if (device && !driveLetterMappingDisabled)
         length = kWireSize<FODR_DRIVE_LETTER_MAPPING> + device->GetSharePath().size() + 1;
     LOG_TRACE("DeviceListAnnounce extsion data length = %ld\n", static_cast<long>(length));
     return static_cast<uint32_t>(length);
 }
 
-void ShareTable::AppendDeviceListExt(RdpdrStream *stream, uint32_t deviceId, bool mapped)
+void ShareTable::AppendDeviceListExt(RdpdrStream *stream, uint32_t deviceId)
 {
     FODR_TRACE_FUNCTION();
     Device device = Find(deviceId);
-    if (!device || !mapped)
+    if (!device || driveLetterMappingDisabled)
         return;
     const std::string &sharePath = device->GetSharePath();
     FODR_DRIVE_LETTER_MAPPING mapping;

@@ -11,6 +11,7 @@
 #include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/OVMutex.h"
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -80,11 +81,11 @@ public:
     // For a drive that has come or gone.
     std::vector<Device> DevicesOfDrive(char driveLetter) EXCLUDES(deviceTableLock);
 
-    // The packet that announces a device; `mapped` adds the extension with its path. Null when there is no
-    // memory.
+    // Whether announces carry the extension with the path. The agent says so in its handshake.
+    std::atomic<bool> driveLetterMappingDisabled{true};
+    // The packet that announces a device. Null when there is no memory.
     RdpdrStreamPtr BuildDeviceAnnounce(uint32_t deviceId, uint32_t deviceType, uint32_t permission,
-                                       const std::string &friendlyName, bool mapped)
-        EXCLUDES(deviceTableLock);
+                                       const std::string &friendlyName) EXCLUDES(deviceTableLock);
 
 private:
     Device Find(uint32_t deviceId) REQUIRES(deviceTableLock);
@@ -98,8 +99,8 @@ private:
         EXCLUDES(deviceTableLock);
     static bool MatchesRemoval(const IRedirectedDevice &device, const std::string &ntPath,
                                const std::string &shareName);
-    uint32_t GetDeviceListAnnounceExtLength(uint32_t deviceId, bool mapped) REQUIRES(deviceTableLock);
-    void AppendDeviceListExt(RdpdrStream *stream, uint32_t deviceId, bool mapped) REQUIRES(deviceTableLock);
+    uint32_t GetDeviceListAnnounceExtLength(uint32_t deviceId) REQUIRES(deviceTableLock);
+    void AppendDeviceListExt(RdpdrStream *stream, uint32_t deviceId) REQUIRES(deviceTableLock);
 
     std::map<uint32_t, Device> devices GUARDED_BY(deviceTableLock);
     uint32_t nextDeviceId GUARDED_BY(deviceTableLock) = 0xFFFF;

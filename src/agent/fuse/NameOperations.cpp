@@ -83,10 +83,10 @@ Detached NameOperations::Lookup(FuseCall::Ptr call, uint64_t parentId, std::stri
     if (known)
         co_await AwaitWrites(known->WritesIfAny());
     Found found;
-    const std::optional<FileFacts> ahead = mount.openedAhead.Look(call->Caller(), parent, name);
+    const std::optional<OpenedAhead::Shown> ahead = mount.openedAhead.Look(call->Caller(), parent, name);
     if (ahead) {
-        found.facts = *ahead;
-        found.asked = Node::Clock::now() - OpenedAhead::kSpan;
+        found.facts = ahead->facts;
+        found.asked = ahead->asked;
     } else {
         found = co_await finder.FindPassing(parent, name, Freshness::Cached);
     }

@@ -14,7 +14,8 @@ void OpenedAhead::Keep(Found found)
     kept.push_back(std::move(found));
 }
 
-std::optional<FileFacts> OpenedAhead::Look(int caller, const NodePtr &parent, const std::string &name)
+std::optional<OpenedAhead::Shown> OpenedAhead::Look(int caller, const NodePtr &parent,
+                                                    const std::string &name)
 {
     const MutexLock held(lock);
     const auto now = Clock::now();
@@ -22,7 +23,7 @@ std::optional<FileFacts> OpenedAhead::Look(int caller, const NodePtr &parent, co
         if (found->caller == caller && found->parent == parent && found->name == name && now < found->until &&
             !found->shown) {
             found->shown = true;
-            return found->facts;
+            return Shown{found->facts, found->until - kSpan};
         }
     }
     return std::nullopt;

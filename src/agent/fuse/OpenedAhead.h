@@ -40,7 +40,11 @@ public:
 
     void Keep(Found found);
     // What the name was found to lead to a moment ago. Each is shown once.
-    std::optional<FileFacts> Look(int caller, const NodePtr &parent, const std::string &name);
+    struct Shown {
+        FileFacts facts;
+        Clock::time_point asked;
+    };
+    std::optional<Shown> Look(int caller, const NodePtr &parent, const std::string &name);
     // The file, if it is here with these rights, for the caller alone.
     std::optional<Found> Take(int caller, const std::shared_ptr<RemoteShare> &share, uint64_t fileId,
                               uint32_t access);
