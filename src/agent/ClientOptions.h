@@ -35,6 +35,13 @@ enum class SideChannel {
     LeftToThePlugin, // the plug-in's settings decide
 };
 
+// What the mount makes of symbolic links.
+enum class Links {
+    Show,   // they are links
+    Follow, // the host follows them: what they lead to is shown in their place
+    Hide,
+};
+
 struct ClientOptions {
     std::string token;         // shown to the host in our Hello; empty: none
     std::string expectedToken; // what the host must show in its Hello; empty: nothing was agreed
@@ -45,6 +52,7 @@ struct ClientOptions {
     PolicyOptions policy;
     SideChannel sideChannel = SideChannel::None;
     std::string sideChannelAddress = "127.0.0.1"; // to listen on; empty: all
+    Links links = Links::Show;
     unsigned ioTimeoutSeconds = 10; // without a completion for so long a request fails; 0: never
     // Requests and shares outlive a connection: what can wait does so for the next one, within its time.
     bool outlivesConnections = false;

@@ -67,6 +67,13 @@ void FileFacts::TakeIdentity(const FileFacts &other)
     reparseTag = other.reparseTag;
 }
 
+void FileFacts::DropId()
+{
+    id = 0;
+    if (IsSymbolicLink())
+        mode = 0;
+}
+
 bool FileFacts::SameContent(const FileFacts &other) const
 {
     return lastWriteTime == other.lastWriteTime && changeTime == other.changeTime &&
@@ -196,7 +203,8 @@ bool DirectoryReader::Next(Entry *entry)
     if (rest.empty())
         return false;
     malformed = true;
-    const size_t head = ids ? kEntryWithIdSize : kEntrySize;
+    const bool told = ids != FileIds::None;
+    const size_t head = told ? kEntryWithIdSize : kEntrySize;
     if (rest.size() < head)
         return false;
     const auto record = Load<nt::FILE_FULL_DIR_INFORMATION>(rest, kEntrySize);
@@ -215,7 +223,7 @@ bool DirectoryReader::Next(Entry *entry)
                     .allocationSize = record.AllocationSize,
                     .attributes = record.FileAttributes,
                     .reparseTag = reparse ? record.EaSize : 0};
-    if (ids) {
+    if (told) {
         const auto listed = Load<nt::FODR_LISTED_FILE>(rest.subspan(kIds), sizeof(nt::FODR_LISTED_FILE));
         entry->facts.id = listed.FileId;
         entry->facts.mode = listed.Mode;
@@ -223,6 +231,8 @@ bool DirectoryReader::Next(Entry *entry)
         entry->facts.owner = listed.Owner;
         entry->facts.group = listed.Group;
     }
+    if (ids == FileIds::Dropped)
+        entry->facts.DropId();
     entry->name = rest.subspan(head, record.FileNameLength);
     rest = record.NextEntryOffset == 0 ? ByteSpan{} : rest.subspan(record.NextEntryOffset);
     return true;

@@ -30,6 +30,7 @@ struct FileFacts {
     bool IsReadOnly() const;
     bool IsSymbolicLink() const;               // one that wasn't followed
     void TakeIdentity(const FileFacts &other); // all that a handle's times and sizes leave out
+    void DropId();                             // and of a link, that it has a mode
     // Whether the file's content may be another: by its size and its times.
     bool SameContent(const FileFacts &other) const;
 };
@@ -56,9 +57,15 @@ struct VolumeFacts {
 // Goes through the entries of a FileFullDirectoryInformation answer or, of a host that tells ids, of a
 // FileBothDirectoryInformation answer, which has them in the place of the short name. Entries may stand at
 // any address.
+enum class FileIds {
+    None, // the other side tells none
+    Known,
+    Dropped, // it does, and files are known by their names all the same
+};
+
 class DirectoryReader {
 public:
-    DirectoryReader(ByteSpan answer, bool hasIds) : rest(answer), ids(hasIds) {}
+    DirectoryReader(ByteSpan answer, FileIds fileIds) : rest(answer), ids(fileIds) {}
 
     struct Entry {
         FileFacts facts;
@@ -71,7 +78,7 @@ public:
 
 private:
     ByteSpan rest;
-    const bool ids;
+    const FileIds ids;
     bool malformed = false;
 };
 

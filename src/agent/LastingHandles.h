@@ -2,13 +2,28 @@
 // soon. No lock of its own.
 #pragma once
 
-#include "agent/Reopen.h"
+#include "agent/FileFacts.h"
 #include "rdpdr/wire/IoRecords.h"
 
+#include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace fodr::agent {
+
+// How a file that was opened over an earlier connection is found again. Given by who opened the file. Called
+// on any thread, without a lock of the agent's.
+class IReopen {
+public:
+    virtual ~IReopen() = default;
+    // The path within the share by now. False: the file has none any more.
+    virtual bool Place(std::u16string *path) = 0;
+    // The file's id (FileInternalInformation); 0: it isn't known.
+    virtual uint64_t ExpectedId() = 0;
+    // Asked where ids can't be compared: whether a file of these facts may be the one that was open.
+    virtual bool MayBe(const FileFacts &facts) = 0;
+};
 
 struct RemoteHandle {
     uint32_t shareId = 0;

@@ -86,6 +86,7 @@ public:
     bool KeepsRequests() const { return options.outlivesConnections; }
 
     bool ListsSeveral() const { return options.multiEntryDirectoryQuery; }
+    Links LinksOfMount() const { return options.links; }
     // The present or the last connection's.
     std::shared_ptr<AgentChannel> Channel() const;
     const RequestTable &Requests() const { return requests; }

@@ -3,6 +3,7 @@
 // count from the share's root; bytes and paths are borrowed for the call.
 #pragma once
 
+#include "agent/FileFacts.h"
 #include "agent/RdpdrClient.h"
 #include "platform/NtRecords.h"
 
@@ -28,7 +29,16 @@ public:
     bool Has(uint32_t feature) const { return (features & feature) != 0; }
     // Whether one answer lists several entries.
     bool ListsSeveral() const { return client.ListsSeveral(); }
-    bool HasIds() const { return Has(nt::FODR_HOST_FILE_IDS); }
+    Links LinksOfMount() const { return client.LinksOfMount(); }
+    // Where links are followed, one folder can be in several places. So nothing goes by ids.
+    FileIds Ids() const
+    {
+        if (!Has(nt::FODR_HOST_FILE_IDS))
+            return FileIds::None;
+        return LinksOfMount() == Links::Follow ? FileIds::Dropped : FileIds::Known;
+    }
+    bool HasIds() const { return Ids() == FileIds::Known; }
+    bool TellsIds() const { return Ids() != FileIds::None; }
 
     // Whether the share outlives a connection. Then requests wait for the next one within their time, and
     // those that were under way are repeated where that does no harm: reads, queries, writes, sizes and

@@ -5,7 +5,7 @@
 // the lock, mostly on a reader thread.
 #pragma once
 
-#include "agent/AppendAfterLoss.h"
+#include "agent/LossRecovery.h"
 #include "agent/RemoteShare.h"
 #include "agent/TransferWindow.h"
 

@@ -18,6 +18,13 @@ bool IsReadOnly(unsigned permission)
     return permission == kReadOnlyPermission || permission == 2;
 }
 
+agent::Links LinksOf(const std::string &word)
+{
+    if (word == "follow")
+        return agent::Links::Follow;
+    return word == "hide" ? agent::Links::Hide : agent::Links::Show;
+}
+
 agent::SideChannel SideChannelOf(const std::string &word)
 {
     if (word == "none")
@@ -99,6 +106,9 @@ void AddAgentOptions(CLI::App *app, AgentCommandWords *words)
     app->add_flag("--allow-other", words->allowOther, "Let other users in");
     app->add_option("--owners", words->owners, "Of files: mine, or real: those that they have on the host")
         ->check(CLI::IsMember({"mine", "real"}));
+    app->add_option("--links", words->links,
+                    "Symbolic links are shown as links, or as what they lead to on the host, or not at all")
+        ->check(CLI::IsMember({"show", "follow", "hide"}));
     app->add_flag("--no-events", words->noEvents,
                   "Programs here get no events (inotify) of what is changed on the host");
     app->add_option("--cache-ms", words->cacheMS, "How long names and attributes are believed");
@@ -138,6 +148,7 @@ bool AgentOptionsFrom(const AgentCommandWords &words, agent::AgentOptions *fille
     options.denyWriters = words.denyWriters;
     options.events = !words.noEvents;
     options.realOwners = words.owners == "real";
+    client.links = LinksOf(words.links);
     client.driveLetterMapping = words.driveLetters;
     if (!words.sideAddress.empty())
         client.sideChannelAddress = words.sideAddress;

@@ -45,7 +45,7 @@ struct AgentCommandWords {
     bool driveLetters = false;
     bool denyWriters = false;
     bool noEvents = false;
-    std::string owners = "mine";
+    std::string owners = "mine", links = "show";
     std::optional<unsigned> protocol, permission;
     bool allowOther = false;
     std::optional<unsigned> cacheMS, ioTimeoutSeconds, shareWaitMS, lingerSeconds;

@@ -4,7 +4,7 @@
 // hear (signals, the channel, the message bus, control connections, ends of processes) they post to it.
 #pragma once
 
-#include "agent/PacketTraffic.h"
+#include "agent/AgentChannel.h"
 #include "cli/AgentStarter.h"
 #include "cli/Console.h"
 #include "cli/MountPoint.h"

@@ -1,7 +1,6 @@
 #include "drives/DriveWatcher.h"
 
 #include "platform/SystemError.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {

@@ -4,7 +4,6 @@
 #include "lib/unicode/CodeSet.h"
 #include "rdpdr/wire/CompletionBuilder.h"
 #include "rdpdr/wire/IRdpdrChannel.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <utility>

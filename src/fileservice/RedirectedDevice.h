@@ -13,7 +13,7 @@
 #include "rdpdr/wire/RdpdrRecords.h"
 #include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/OVMutex.h"
-#include "runtime/RCPtr.h"
+#include "runtime/RCObject.h"
 
 #include <atomic>
 #include <cstdint>

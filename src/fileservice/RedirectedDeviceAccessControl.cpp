@@ -3,7 +3,6 @@
 #include "lib/unicode/CodeSet.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/WireLayout.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>

@@ -5,10 +5,9 @@
 #include "fileservice/PacketText.h"
 #include "fileservice/RedirectedDevice.h"
 #include "lib/unicode/CodeSet.h"
-#include "logging/FodrLogger.h"
+#include "logging/LoggerManager.h"
 #include "rdpdr/wire/CompletionBuilder.h"
 #include "rdpdr/wire/CreateFlagsText.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <new>

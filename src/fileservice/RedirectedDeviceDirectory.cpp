@@ -1,7 +1,6 @@
 // How RedirectedDevice lists and watches directories and locks ranges.
 #include "fileservice/PacketText.h"
 #include "fileservice/RedirectedDevice.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {

@@ -3,7 +3,6 @@
 #include "fileservice/RedirectedDevice.h"
 #include "fileservice/RequestLimits.h"
 #include "rdpdr/wire/CompletionBuilder.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>

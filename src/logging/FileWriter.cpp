@@ -1,17 +1,14 @@
 #include "logging/FileWriter.h"
 
 #include "lib/unicode/CaseFolding.h"
-#include "logging/FileWriterDeletion.h"
-#include "logging/LogFolder.h"
 #include "logging/Logger.h"
 #include "logging/LoggerManager.h"
 #include "platform/Files.h"
 #include "platform/Process.h"
 #include "platform/Volumes.h"
 #include "runtime/OVFile.h"
-#include "runtime/SettingNumber.h"
+#include "runtime/OVTimer.h"
 #include "runtime/StringUtils.h"
-#include "runtime/TimeFormat.h"
 
 #include <algorithm>
 

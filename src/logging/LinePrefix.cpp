@@ -2,8 +2,8 @@
 #include "logging/LogWriter.h"
 #include "logging/Logger.h"
 #include "platform/Threads.h"
+#include "runtime/OVTimer.h"
 #include "runtime/StringUtils.h"
-#include "runtime/TimeFormat.h"
 
 #include <algorithm>
 #include <cstring>

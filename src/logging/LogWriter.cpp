@@ -2,12 +2,14 @@
 
 #include "logging/Logger.h"
 #include "logging/LoggerManager.h"
-#include "logging/PollLogWriter.h"
 #include "platform/Process.h"
 #include "platform/Threads.h"
 #include "runtime/StringUtils.h"
 
+#include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <new>
 #include <utility>
 
 namespace fodr {
@@ -19,6 +21,26 @@ constexpr int32_t kAll = std::numeric_limits<int32_t>::max();
 constexpr size_t kBatch = 100; // in batch mode a thread writes when so many more are queued
 
 } // namespace
+
+// Drains the queue of a writer on the poll thread, once a second while there is something to drain.
+class LogWriter::PollLogWriter : public OVPollItem {
+public:
+    // The writer outlives the item's last run.
+    explicit PollLogWriter(LogWriter *ownWriter) : OVPollItem("LogWriter"), writer(ownWriter) {}
+
+    bool Run(bool) override
+    {
+        inPoll = true;
+        writer->Drain();
+        inPoll = false;
+        return true;
+    }
+    bool IsInPoll() const { return inPoll; }
+
+private:
+    std::atomic<bool> inPoll{false};
+    LogWriter *const writer;
+};
 
 LogWriter::LogWriter(int32_t writerType)
     : type(writerType), processId(platform::CurrentProcessId()), pollItem(new PollLogWriter(this))
@@ -257,6 +279,38 @@ bool LogWriter::SetQueueSize(uint32_t limit)
     FlushAll();
     pollItem->Enable();
     return true;
+}
+
+OVMutex &LoggerMutex()
+{
+    static OVMutex &loggerMutex = *new OVMutex; // outlives whatever logs while statics go
+    return loggerMutex;
+}
+
+RCPtr<LogMessage> LogMessage::Create(int32_t level, const char *text, size_t length)
+{
+    auto *message = new (std::nothrow) LogMessage(level);
+    if (!message)
+        return nullptr;
+    const bool hasNewline = length > 0 && text[length - 1] == '\n';
+    message->text = static_cast<char *>(malloc(length + (hasNewline ? 1 : 2)));
+    if (message->text) {
+        memcpy(message->text, text, length);
+        if (!hasNewline)
+            message->text[length++] = '\n';
+        message->text[length] = 0;
+    }
+    return message;
+}
+
+LogMessage::~LogMessage()
+{
+    free(text);
+}
+
+const char *LogMessage::TextToWrite() const
+{
+    return text ? text : "Failed to allocate memory for log message\n";
 }
 
 } // namespace fodr

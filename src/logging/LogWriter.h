@@ -1,11 +1,9 @@
-// Base of every sink: takes messages to the sink at once or through a queue that the poll thread drains.
+// The lock of all that logs, one finished line, and the base of every sink.
 #pragma once
 
-#include "logging/LogMessage.h"
-#include "logging/LoggerMutex.h"
+#include "runtime/OVMutex.h"
 #include "runtime/OVTimer.h"
 #include "runtime/RCObject.h"
-#include "runtime/RCPtr.h"
 
 #include <atomic>
 #include <cstddef>
@@ -19,6 +17,32 @@ namespace fodr {
 class Logger;
 class OVPollItem;
 
+// One recursive mutex for the process, made on first use and never destroyed. Every log call and every change
+// of a logger or a writer holds it; the poll thread takes it as its own lock. No lock is taken before it by
+// the log path, and it may be taken under any other.
+OVMutex &LoggerMutex();
+
+// One finished line, shared by count between the writers and their queues. Never changed once it is made.
+class LogMessage : public RCObject {
+public:
+    // Copies `length` bytes and ends them with one newline, unless they have one. Null when there is no
+    // memory for the record; a record without text when there is none for the text.
+    static RCPtr<LogMessage> Create(int32_t level, const char *text, size_t length);
+    // A record whose text couldn't be had.
+    explicit LogMessage(int32_t messageLevel) : level(messageLevel) {}
+    ~LogMessage() override;
+
+    // Null-terminated, with the newline; null when its allocation failed.
+    const char *Text() const { return text; }
+    // What a sink writes: the text, or "Failed to allocate memory for log message\n".
+    const char *TextToWrite() const;
+    int32_t Level() const { return level; }
+
+private:
+    char *text = nullptr; // malloc'ed
+    int32_t level;
+};
+
 // The key of a writer in its logger; writers see a message in rising order.
 enum LogWriterType : int32_t {
     LOG_WRITER_DEBUG = 0,
@@ -29,9 +53,10 @@ enum LogWriterType : int32_t {
     LOG_WRITER_STDERR = 5,
 };
 
-// A message is delivered in one of three ways: directly, by the thread that logs, while buffering is off;
-// queued, and written by the poll thread within a second, while it is on; and in batches by the threads that
-// log, once a queue overflowed, from then on for good. While nothing is queued the poll thread isn't woken.
+// Base of every sink. A message is delivered in one of three ways: directly, by the thread that logs, while
+// buffering is off; queued, and written by the poll thread within a second, while it is on; and in batches by
+// the threads that log, once a queue overflowed, from then on for good. While nothing is queued the poll
+// thread isn't woken.
 //
 // The operations of a sink (OpenSink to EndWrite) run on the poll thread without a lock while queued, else
 // under LoggerMutex; never two at once.

@@ -1,11 +1,12 @@
 // Owns the loggers of the process and the one thread that log work runs on.
 #pragma once
 
+#include "logging/LogWriter.h"
 #include "logging/Logger.h"
-#include "logging/LoggerMutex.h"
 #include "runtime/OVPollThread.h"
-#include "runtime/RCPtr.h"
+#include "runtime/RCObject.h"
 
+#include <cstdint>
 #include <map>
 #include <string>
 
@@ -45,5 +46,26 @@ private:
 // A log call to one logger. The reference is the callee's from here on.
 void LogWriteTo(RCPtr<Logger> logger, const char *functionName, int32_t level, const char *format, ...)
     FODR_PRINTF(4, 5);
+
+// The plug-in's logger: brought up when the host initialises the plug-in, taken down when it exits.
+// Starts and stops on the thread that initialises the plug-in.
+class FodrLogger {
+public:
+    FodrLogger() = default;
+    ~FodrLogger();
+    FodrLogger(const FodrLogger &) = delete;
+    FodrLogger &operator=(const FodrLogger &) = delete;
+
+    // `logToken` names the log files. What fails is told to the debug channel, and there is no log then.
+    void Start(const char *logToken);
+    void Stop();
+
+    // The level that messages are held against now; 0 without a logger.
+    int32_t Level() const;
+
+private:
+    RCPtr<Logger> logger;
+    const std::string name = "FodrLogger";
+};
 
 } // namespace fodr

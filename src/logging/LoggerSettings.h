@@ -1,13 +1,53 @@
-// Takes over the settings of a logger and its writers from a reader, at start and whenever they change.
+// The settings of a logger and its writers: where they are read, and how they are taken over at start and at
+// every change.
 #pragma once
 
 #include "logging/Logger.h"
-#include "logging/SettingsReader.h"
+#include "runtime/OVRegKey.h"
+#include "runtime/RCObject.h"
 
+#include <cstdint>
 #include <string>
 
 namespace fodr {
 
+class LogRegKeyWatcher;
+
+// Settings of a logger from one key of the settings store.
+class RegSettingsReader : public SettingsReader {
+public:
+    // Watches the key ("HKLM\...") on the loggers' poll thread from now on. The logger owns the reader.
+    RegSettingsReader(Logger *owner, const std::string &path);
+    ~RegSettingsReader() override;
+
+    int32_t GetReaderKind() override;
+    std::string GetName() override;
+    bool GetString(const std::string &key, bool skip, std::string *value, bool flag) override;
+    bool GetDword(const std::string &key, uint32_t *value, bool flag) override;
+    bool GetBool(const std::string &key, bool *value, bool flag) override;
+    std::string GetSource(const std::string &key) override;
+
+    Logger *GetLogger() const { return logger; }
+
+private:
+    Logger *logger;
+    RCPtr<LogRegKeyWatcher> keyWatcher;
+};
+
+// Tells a reader's logger that the settings changed.
+class LogRegKeyWatcher : public OVRegKeyWatcher {
+public:
+    // The reader stops the watcher before it goes.
+    LogRegKeyWatcher(const std::string &keyPath, RegView keyView, bool subtreeToo,
+                     RegSettingsReader *ownReader);
+
+    bool OnKeyChanged() override;
+
+private:
+    RegSettingsReader *reader;
+};
+
+// Takes over the settings of a logger and its writers from a reader, at start and whenever they change.
 // Made for one pass, under LoggerMutex throughout.
 class LoggerSettings {
 public:

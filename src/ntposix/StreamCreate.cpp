@@ -116,7 +116,9 @@ NTSTATUS StreamCreator::CheckRights()
     FileMetadata facts;
     if (const int error = base->Stat(&facts); error != 0)
         return StatusOfErrno(error);
-    const bool readOnly = (facts.attributes & FILE_ATTRIBUTE_READONLY) != 0 && !madeBase;
+    // Of attributes the system alone decides (NamedStream.h).
+    const bool readOnly = (facts.attributes & FILE_ATTRIBUTE_READONLY) != 0 && !madeBase &&
+                          !name.Stream().starts_with(u"user.");
     const bool deletes = (request.options & FILE_DELETE_ON_CLOSE) != 0;
     if (readOnly && deletes)
         return STATUS_CANNOT_DELETE;

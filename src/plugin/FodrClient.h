@@ -1,7 +1,7 @@
 // The one object of the library: what the exports forward to.
 #pragma once
 
-#include "logging/FodrLogger.h"
+#include "logging/LoggerManager.h"
 #include "plugin/RPCManager.h"
 
 namespace fodr {

@@ -4,9 +4,7 @@
 #include "plugin/RPCManager.h"
 #include "rdpdr/PacketTrace.h"
 #include "rdpdr/wire/RdpdrStream.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
-#include "runtime/NoThrow.h"
 
 #include <new>
 #include <string>

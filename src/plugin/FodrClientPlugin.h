@@ -6,7 +6,7 @@
 // NotifyODPObserver run on whatever thread produced the packet or notice, the pool's threads among them.
 #pragma once
 
-#include "logging/FodrLogger.h"
+#include "logging/LoggerManager.h"
 #include "odpservice/odpservice.h"
 #include "plugin/RPCPluginInstance.h"
 #include "rdpdr/BandwidthCounter.h"

@@ -2,9 +2,7 @@
 
 #include "platform/Threads.h"
 #include "plugin/RPCPluginInstance.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
-#include "runtime/NoThrow.h"
 
 #include <cstdio>
 

@@ -11,7 +11,6 @@
 #include "odpservice/odpservice.h"
 #include "runtime/OVMutex.h"
 #include "runtime/RCObject.h"
-#include "runtime/RCPtr.h"
 
 #include <cstdint>
 #include <map>

@@ -1,7 +1,6 @@
 // RPCManager: the notices of connection, channel and objects.
 #include "plugin/RPCManager.h"
 #include "plugin/RPCPluginInstance.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <atomic>

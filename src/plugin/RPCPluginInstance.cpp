@@ -1,7 +1,6 @@
 #include "plugin/RPCPluginInstance.h"
 
 #include "plugin/RPCManager.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <cstdio>

@@ -1,7 +1,6 @@
 // RPCManager: the server half, which a client carries and never enters.
 #include "plugin/RPCManager.h"
 #include "plugin/RPCPluginInstance.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {

@@ -2,7 +2,6 @@
 #include "lib/unicode/CaseFolding.h"
 #include "plugin/RPCManager.h"
 #include "plugin/RPCPluginInstance.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 #include "runtime/OVRegKey.h"
 

@@ -1,7 +1,6 @@
 #include "rdpdr/ClientPolicy.h"
 
 #include "rdpdr/wire/RdpdrConstants.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>

@@ -4,7 +4,6 @@
 #include "lib/misc/ByteBuffer.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/wire/CompletionBuilder.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {

@@ -5,7 +5,6 @@
 #include "rdpdr/wire/CompletionBuilder.h"
 #include "rdpdr/wire/IRdpdrChannel.h"
 #include "rdpdr/wire/RdpdrRecords.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <cinttypes>

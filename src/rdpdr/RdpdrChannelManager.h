@@ -19,7 +19,7 @@
 #include "rdpdr/ShareNames.h"
 #include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/OVMutex.h"
-#include "runtime/RCPtr.h"
+#include "runtime/RCObject.h"
 
 #include <atomic>
 #include <cstdint>

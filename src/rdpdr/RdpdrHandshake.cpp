@@ -3,7 +3,6 @@
 #include "platform/SystemError.h"
 #include "rdpdr/RdpdrChannelManager.h"
 #include "rdpdr/wire/RdpdrRecords.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>

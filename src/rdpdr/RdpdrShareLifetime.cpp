@@ -5,7 +5,6 @@
 #include "rdpdr/RdpdrChannelManager.h"
 #include "rdpdr/ShareFolders.h"
 #include "rdpdr/wire/RdpdrRecords.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>

@@ -2,7 +2,6 @@
 #include "platform/Volumes.h"
 #include "rdpdr/RdpdrChannelManager.h"
 #include "rdpdr/RedirectionSettings.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {

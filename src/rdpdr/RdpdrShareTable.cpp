@@ -12,7 +12,6 @@
 #include "rdpdr/ShareFolders.h"
 #include "rdpdr/ShareRuleSettings.h"
 #include "rdpdr/wire/RdpdrRecords.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>

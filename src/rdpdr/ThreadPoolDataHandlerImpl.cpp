@@ -1,7 +1,6 @@
 #include "rdpdr/ThreadPoolDataHandlerImpl.h"
 
 #include "runtime/LogCall.h"
-#include "runtime/NoThrow.h"
 
 #include <new>
 

@@ -1,7 +1,6 @@
 #include "runtime/LogCall.h"
 
 #include "platform/SystemError.h"
-#include "runtime/HexDump.h"
 #include "runtime/StringUtils.h"
 
 #include <iterator>

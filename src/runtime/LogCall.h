@@ -12,7 +12,9 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <string_view>
+#include <type_traits>
 
 namespace fodr {
 
@@ -135,3 +137,67 @@ struct MethodName {
 #define LOG_DEBUG(...) LOG_AT(::fodr::LOG_LEVEL_DEBUG, __VA_ARGS__)
 #define LOG_TRACE(...) LOG_AT(::fodr::LOG_LEVEL_TRACE, __VA_ARGS__)
 #define LOG_VERBOSE(...) LOG_AT(::fodr::LOG_LEVEL_VERBOSE, __VA_ARGS__)
+
+namespace fodr {
+
+// Logs "Enter" where it is made and "Exit" where its scope ends, at TRACE. While the level is off it costs
+// one read and a compare.
+class FunctionTrace {
+public:
+    // The name outlives the object.
+    explicit FunctionTrace(const char *name) : functionName(IsLogEnabled(LOG_LEVEL_TRACE) ? name : nullptr)
+    {
+        if (functionName)
+            LogWrite(functionName, LOG_LEVEL_TRACE, "Enter");
+    }
+    ~FunctionTrace()
+    {
+        if (functionName)
+            LogWrite(functionName, LOG_LEVEL_TRACE, "Exit");
+    }
+    FunctionTrace(const FunctionTrace &) = delete;
+    FunctionTrace &operator=(const FunctionTrace &) = delete;
+
+private:
+    const char *const functionName; // null while the level is off
+};
+
+// Runs call(), for code of ours that others call: the host, or a thread that only runs tasks. An exception
+// ends here with a line in the log, which carries the name. True when nothing was thrown.
+template <typename Call> bool CallWithoutThrowing(const char *functionName, const Call &call) noexcept
+{
+    constexpr const char *kFormat = "Stopped by an exception: %s\n";
+    try {
+        call();
+        return true;
+    } catch (const std::exception &exception) {
+        if (IsLogEnabled(LOG_LEVEL_ERROR))
+            LogWrite(functionName, LOG_LEVEL_ERROR, kFormat, exception.what());
+    } catch (...) {
+        if (IsLogEnabled(LOG_LEVEL_ERROR))
+            LogWrite(functionName, LOG_LEVEL_ERROR, kFormat, "unknown");
+    }
+    return false;
+}
+
+// The same function with nothing thrown; its result is false, 0 or null then.
+template <auto Function> struct NoThrow;
+template <typename Result, typename... Arguments, Result (*Function)(Arguments...)> struct NoThrow<Function> {
+    static Result Call(Arguments... arguments) noexcept
+    {
+        constexpr const char *kName = "NoThrow::Call()";
+        if constexpr (std::is_void_v<Result>) {
+            CallWithoutThrowing(kName, [&] { Function(arguments...); });
+        } else {
+            Result result{};
+            CallWithoutThrowing(kName, [&] { result = Function(arguments...); });
+            return result;
+        }
+    }
+};
+
+} // namespace fodr
+
+#define FODR_TRACE_FUNCTION()                                                                                \
+    static constexpr ::fodr::detail::MethodName fodrTracedName(__PRETTY_FUNCTION__);                         \
+    const ::fodr::FunctionTrace fodrFunctionTrace(fodrTracedName.text)

@@ -3,7 +3,6 @@
 
 #include "runtime/OVMutex.h"
 #include "runtime/RCObject.h"
-#include "runtime/RCPtr.h"
 
 #include <cstdint>
 #include <string>

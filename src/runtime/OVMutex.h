@@ -3,7 +3,6 @@
 
 #include "lib/misc/Mutex.h"
 #include "runtime/RCObject.h"
-#include "runtime/RCPtr.h"
 
 #include <atomic>
 #include <cstdint>

@@ -1,8 +1,8 @@
 #include "runtime/OVPollItem.h"
 
 #include "runtime/LogCall.h"
-#include "runtime/OVPollGuard.h"
-#include "runtime/TimeFormat.h"
+#include "runtime/OVPollThread.h"
+#include "runtime/OVTimer.h"
 
 namespace fodr {
 

@@ -4,7 +4,6 @@
 #include "runtime/OVEvent.h"
 #include "runtime/OVTimer.h"
 #include "runtime/RCObject.h"
-#include "runtime/RCPtr.h"
 
 #include <atomic>
 #include <cstdint>

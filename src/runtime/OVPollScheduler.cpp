@@ -1,8 +1,7 @@
 // OVPollThread: the body of its thread.
 #include "runtime/LogCall.h"
-#include "runtime/OVPollGuard.h"
 #include "runtime/OVPollThread.h"
-#include "runtime/TimeFormat.h"
+#include "runtime/OVTimer.h"
 
 #include <algorithm>
 

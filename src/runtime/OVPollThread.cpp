@@ -1,8 +1,7 @@
 #include "runtime/OVPollThread.h"
 
 #include "runtime/LogCall.h"
-#include "runtime/OVPollGuard.h"
-#include "runtime/TimeFormat.h"
+#include "runtime/OVTimer.h"
 #include "runtime/UserDataMap.h"
 
 #include <algorithm>

@@ -7,8 +7,6 @@
 #include "runtime/OVPollItem.h"
 #include "runtime/OVThread.h"
 #include "runtime/RCObject.h"
-#include "runtime/RCPtr.h"
-#include "runtime/WkPtr.h"
 
 #include <atomic>
 #include <cstdint>
@@ -91,6 +89,48 @@ private:
     int32_t logLevel GUARDED_BY(lock);
     std::list<RCPtr<OVPollItem>> items GUARDED_BY(lock); // in the order of service
     uint64_t pollId = 0;                                 // constant after construction
+};
+
+// What an item and its thread share:
+
+inline constexpr int kPollDecimals = 3; // of durations in log lines
+
+// As a pointer is printed on a system whose %p doesn't say "0x".
+inline unsigned long long PollIdForLog(uint64_t pollId)
+{
+    return pollId;
+}
+// "INFINITE" for -1.
+std::string PollDurationText(int64_t ms);
+// Empty when the thread is gone.
+RCPtr<OVPollThread> FindPollThread(uint64_t pollId);
+
+// For an item that belongs to no thread nothing is held and nobody told.
+class SCOPED_CAPABILITY OVPollThread::Guard {
+public:
+    explicit Guard(OVPollThread *heldThread) ACQUIRE(heldThread->lock) NO_THREAD_SAFETY_ANALYSIS
+        : thread(heldThread)
+    {
+        if (thread)
+            thread->Lock();
+    }
+    ~Guard() RELEASE() NO_THREAD_SAFETY_ANALYSIS
+    {
+        if (thread)
+            thread->Unlock();
+    }
+    Guard(const Guard &) = delete;
+    Guard &operator=(const Guard &) = delete;
+
+    void SetDirty() const
+    {
+        if (thread)
+            thread->dirtyEvent.Set();
+    }
+    const char *Name() const { return thread ? thread->name.c_str() : "no thread"; }
+
+private:
+    OVPollThread *const thread;
 };
 
 } // namespace fodr

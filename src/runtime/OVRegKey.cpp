@@ -1,6 +1,7 @@
 #include "runtime/OVRegKey.h"
 
 #include "lib/unicode/CaseFolding.h"
+#include "platform/Registry.h"
 #include "platform/SystemError.h"
 #include "runtime/LogCall.h"
 
@@ -119,6 +120,163 @@ std::string OVRegKey::GetDisplayPath() const
         return path;
     const size_t end = found + kSoftware.size();
     return path.substr(0, end) + "WOW6432Node\\" + path.substr(end);
+}
+
+namespace {
+
+void SetEvent(void *event)
+{
+    static_cast<OVEvent *>(event)->Set();
+}
+
+} // namespace
+
+// Neither takes its lock: nobody else knows the object, and the maker may hold the poll thread's lock, which
+// comes after this one.
+OVRegKeyWatcher::OVRegKeyWatcher(const std::string &keyPath, RegView keyView,
+                                 bool subtree) NO_THREAD_SAFETY_ANALYSIS
+    : OVPollItem("OVRegKeyWatcher(" + keyPath + ")"),
+      path(keyPath),
+      view(keyView),
+      watchSubtree(subtree),
+      changeEvent(new OVEvent(false, false))
+{
+    OpenRegKey();
+}
+
+OVRegKeyWatcher::~OVRegKeyWatcher() = default;
+
+bool OVRegKeyWatcher::Start(const RCPtr<OVPollThread> &pollThread)
+{
+    if (!pollThread) {
+        LOG_DEBUG("%s: pollThread == NULL", GetName().c_str());
+        return false;
+    }
+    OVMutexLock held(mutex);
+    if (pollThread->AddItem(this, changeEvent.Get(), 0))
+        return true;
+    LOG_DEBUG("Failed to add %s to %s", GetName().c_str(), pollThread->GetName().c_str());
+    return false;
+}
+
+void OVRegKeyWatcher::Stop()
+{
+    if (!Remove(true))
+        LOG_DEBUG("Failed to remove %s", GetName().c_str());
+}
+
+RCPtr<OVRegValue> OVRegKeyWatcher::GetValue(const std::string &valueName, bool load) const
+{
+    RCPtr<OVRegValue> value(new OVRegValue(path, valueName, view));
+    if (load)
+        value->Load(false, LOG_LEVEL_VERBOSE);
+    return value;
+}
+
+void OVRegKeyWatcher::AddValueWatcher(const RCPtr<OVRegValueWatcher> &watcher)
+{
+    OVMutexLock held(mutex);
+    valueWatchers.emplace_back(watcher);
+}
+
+bool OVRegKeyWatcher::IsKeyFound() const
+{
+    OVMutexLock held(mutex);
+    return keyFound;
+}
+
+bool OVRegKeyWatcher::OpenRegKey()
+{
+    std::string current = path;
+    keyFound = false;
+    for (bool isKey = true;; isKey = false) {
+        regKey = new OVRegKey(current, view);
+        const uint32_t error = regKey->OpenKey();
+        if (error == platform::kErrorSuccess) {
+            keyFound = isKey;
+            if (isKey)
+                LOG_DEBUG("Watching \"%s\"", path.c_str());
+            else
+                LOG_DEBUG("Watching \"%s\" ... \"%s\"", current.c_str(),
+                          path.substr(current.size() + 1).c_str());
+            return true;
+        }
+        const size_t separator = current.find_last_of("/\\");
+        if (error != platform::kErrorFileNotFound || separator == std::string::npos)
+            break;
+        current.resize(separator);
+    }
+    LOG_WARN("Not watching \"%s\"", path.c_str());
+    regKey = nullptr;
+    return false;
+}
+
+bool OVRegKeyWatcher::WatchRegKey()
+{
+    if (!OpenRegKey())
+        return false;
+    const uint32_t filter =
+        platform::kRegNotifyChangeName | (keyFound ? platform::kRegNotifyChangeLastSet : 0);
+    const uint32_t error = platform::RegistryNotify(regKey->GetHandle(), keyFound && watchSubtree, filter,
+                                                    fodr::SetEvent, changeEvent.Get());
+    if (error != platform::kErrorSuccess) {
+        LOG_CODE_AT(LOG_LEVEL_ERROR, error, "RegNotifyChangeKeyValue(%s) failed", path.c_str());
+        return false;
+    }
+    if (!keyFound && IsNearerKeyThere())
+        changeEvent->Set();
+    return true;
+}
+
+// A key that came between the opening and the asking is told by nobody.
+bool OVRegKeyWatcher::IsNearerKeyThere() const
+{
+    const size_t end = path.find_first_of("/\\", regKey->GetPath().size() + 1);
+    return OVRegKey(path.substr(0, end), view).OpenKey() == platform::kErrorSuccess;
+}
+
+bool OVRegKeyWatcher::Run(bool timedOut)
+{
+    std::list<RCPtr<OVRegValueWatcher>> changed;
+    {
+        OVMutexLock held(mutex);
+        if (!timedOut) {
+            SetTimeoutMS(kSettlingMS, true);
+            return true;
+        }
+        const bool wasSettling = GetTimeoutMS() != 0;
+        const bool wasFound = keyFound;
+        SetTimeoutMS(-1, false);
+        if (!WatchRegKey())
+            return false;
+        if (!wasSettling || (!wasFound && !keyFound))
+            return true;
+        changed = ReloadValues();
+    }
+    for (const RCPtr<OVRegValueWatcher> &watcher : changed)
+        watcher->OnValueChanged();
+    return OnKeyChanged();
+}
+
+std::list<RCPtr<OVRegValueWatcher>> OVRegKeyWatcher::ReloadValues()
+{
+    std::list<RCPtr<OVRegValueWatcher>> changed;
+    for (auto entry = valueWatchers.begin(); entry != valueWatchers.end();) {
+        RCPtr<OVRegValueWatcher> watcher = entry->Promote();
+        if (!watcher) {
+            entry = valueWatchers.erase(entry);
+            continue;
+        }
+        if (watcher->Load(false, LOG_LEVEL_VERBOSE))
+            changed.push_back(watcher);
+        ++entry;
+    }
+    return changed;
+}
+
+bool OVRegKeyWatcher::OnKeyChanged()
+{
+    return true;
 }
 
 } // namespace fodr

@@ -1,11 +1,8 @@
-#include "runtime/OVRegValue.h"
-
 #include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/SystemError.h"
-#include "runtime/HexDump.h"
 #include "runtime/LogCall.h"
-#include "runtime/SettingNumber.h"
+#include "runtime/OVRegKey.h"
 #include "runtime/StringUtils.h"
 
 #include <algorithm>

@@ -4,7 +4,6 @@
 #include "runtime/OVEvent.h"
 #include "runtime/OVMutex.h"
 #include "runtime/RCObject.h"
-#include "runtime/RCPtr.h"
 
 #include <cstdint>
 #include <string>

@@ -1,7 +1,5 @@
 #include "runtime/RCObject.h"
 
-#include "runtime/WkReference.h"
-
 #include <mutex>
 #include <new>
 

@@ -2,9 +2,11 @@
 // callback as a number can be resolved later without a dangling pointer. Any thread.
 #pragma once
 
+#include "platform/Process.h"
 #include "runtime/OVMutex.h"
 #include "runtime/RCObject.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -13,9 +15,22 @@
 namespace fodr {
 
 // Process id and session id in the upper half of a key, so that keys differ between processes.
-uint64_t UserDataSeed();
+inline uint64_t UserDataSeed()
+{
+    static const uint64_t seed = [] {
+        uint32_t sessionId;
+        platform::CurrentSessionId(sessionId);
+        return uint64_t{platform::CurrentProcessId()} << 48 | uint64_t{sessionId & 0xFFFF} << 32;
+    }();
+    return seed;
+}
+
 // Counts up for the whole process.
-uint32_t NextUserDataNumber();
+inline uint32_t NextUserDataNumber()
+{
+    static std::atomic<uint32_t> number{0};
+    return ++number;
+}
 
 template <typename T> class UserDataMap : public RCObject {
 public:

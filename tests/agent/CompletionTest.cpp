@@ -1,8 +1,8 @@
 // What comes back: answers in any order, cut, mutated, late, repeated, or never.
 #include "ScriptedPlugin.h"
 #include "agent/BlockingShare.h"
-#include "agent/DeviceRecords.h"
 #include "agent/FileFacts.h"
+#include "agent/SharePackets.h"
 #include "platform/NtRecords.h"
 
 #include <algorithm>
@@ -31,7 +31,7 @@ void ReadEveryWay(const Bytes packet)
         static_cast<void>(ReadPreReadFacts(result.preRead, &facts));
         static_cast<void>(ReadNetworkOpenInformation(result.data, &facts));
         static_cast<void>(ReadFullSizeInformation(result.data, &volume));
-        DirectoryReader reader(result.data, false);
+        DirectoryReader reader(result.data, FileIds::None);
         for (DirectoryReader::Entry entry; reader.Next(&entry);)
             EXPECT_TRUE(Within(entry.name, bytes));
     }

@@ -1,7 +1,7 @@
 // Every packet that the agent sends, byte for byte, and the policy block in its two forms.
 #include "ScriptedPlugin.h"
 #include "WireExamples.h"
-#include "agent/PolicyBlock.h"
+#include "agent/SharePackets.h"
 #include "platform/Nt.h"
 #include "platform/NtRecords.h"
 

@@ -268,6 +268,15 @@ class Send(ShareCase):
             (self.local / "a.txt").write_text("and here again")
             wait_for(lambda: (self.mount / "a.txt").read_text() == "and here again", "the new content")
 
+    def test_a_link_that_was_sent_is_what_it_leads_to(self):
+        os.symlink("a.txt", self.local / "link")
+        for links in ("show", "follow", "hide"):
+            with self.send("link", arguments=(f"--agent-option=--links={links}",)):
+                wanted = (self.local / "a.txt").read_text()
+                self.assertEqual(os.listdir(self.mount), ["link"])
+                self.assertFalse((self.mount / "link").is_symlink())
+                self.assertEqual((self.mount / "link").read_text(), wanted)
+
     def test_nothing_beside_it_is_reached(self):
         with self.send("a.txt", "F"):
             for name in ("secret", "A.TXT", "F2", "F2/x", "G", "G/x", "a.TXT", "f", "f/deep", "../mount/secret", "secret/"):

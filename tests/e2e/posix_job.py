@@ -7,6 +7,7 @@ import mmap
 import os
 import pathlib
 import random
+import shutil
 import signal
 import subprocess
 import sys
@@ -449,6 +450,13 @@ class Names(PosixCase):
             self.assertEqual(ctypes.get_errno(), errno.ERANGE)
             subprocess.run(["cp", "-a", str(file), str(self.mount / "copy")], check=True)
             self.assertEqual(values(self.local / "copy"), values(theirs))
+            with open(file, "rb") as held:  # what has its name by now stays as it is
+                (self.other / "f").write_text("another")
+                os.setxattr(self.other / "f", "user.owner", b"theirs")
+                os.replace(shutil.copy2(self.other / "f", self.local / "n"), theirs)
+                self.assertFails(errno.ESTALE, os.setxattr, held.fileno(), "user.a", b"x")
+                self.assertFails(errno.ESTALE, os.removexattr, held.fileno(), "user.owner")
+                self.assertEqual(values(theirs), {"user.owner": b"theirs"})
 
 
 class Trips(PosixCase):

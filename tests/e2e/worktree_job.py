@@ -74,7 +74,7 @@ class Links(TwoSides):
     def test_what_the_mount_makes_is_a_link_on_both_sides(self):
         (self.local / "f").write_bytes(b"content")
         targets = {"l": "f", "dangling": "no/where", "absolute": "/etc/passwd", "up": "../outside", "odd": "a\\b:*\n",
-                   "long": "x" * 1000, "bytes": b"\xff\xfe"}
+                   "long": "x" * 4095, "bytes": b"\xff\xfe"}
         with self.share():
             for name, target in targets.items():
                 os.symlink(target, os.fsencode(self.mount / name) if isinstance(target, bytes) else self.mount / name)
@@ -89,6 +89,75 @@ class Links(TwoSides):
             os.unlink(self.mount / "f2")
             self.assertEqual(sorted(os.listdir(self.local)), sorted([*targets, "f"][1:]))
             self.assertFails(36, os.symlink, "f", self.mount / ("n" * 256))
+
+    def fill_with_links(self):
+        (self.local / "d/sub").mkdir(parents=True)
+        (self.local / "d/sub/f").write_bytes(b"content")
+        os.chmod(self.local / "d/sub/f", 0o640)
+        for name, target in (("file", "d/sub/f"), ("folder", "d/sub"), ("absolute", self.local / "d"),
+                             ("lost", "no/where"), ("outside", "/etc/passwd")):
+            os.symlink(target, self.local / name)
+
+    def test_links_are_followed_by_the_host_if_that_is_wanted(self):
+        self.fill_with_links()
+        with self.share("--agent-option=--links=follow"):
+            kinds = {entry.name: (entry.is_symlink(), entry.is_dir(), entry.is_file())
+                     for entry in os.scandir(self.mount)}
+            folder, file = (False, True, False), (False, False, True)
+            self.assertEqual(kinds, {"d": folder, "file": file, "folder": folder, "absolute": folder, "lost": file,
+                                     "outside": file})
+            for path in ("file", "folder/f", "absolute/sub/f", "d/sub/f"):
+                self.assertEqual(look(self.mount / path), ("-rw-r-----", ""))
+                self.assertEqual((self.mount / path).read_bytes(), b"content")
+            self.assertFails(13, open, self.mount / "outside")
+            self.assertFails(2, open, self.mount / "lost")
+            self.assertFails(1, os.symlink, "d", self.mount / "new")
+            (self.mount / "file").write_bytes(b"by the link")
+            os.chmod(self.mount / "file", 0o600)
+            (self.mount / "folder/made").write_bytes(b"made")
+            self.assertEqual(look(self.local / "d/sub/f")[0], "-rw-------")
+            self.assertEqual((self.mount / "d/sub/f").read_bytes(), b"by the link")
+            self.assertEqual((self.local / "d/sub/made").read_bytes(), b"made")
+            os.rename(self.mount / "folder", self.mount / "renamed")
+            self.assertEqual(os.readlink(self.local / "renamed"), "d/sub")
+            for name in ("file", "lost", "outside"):
+                os.unlink(self.mount / name)
+            os.rmdir(self.mount / "renamed")  # the link alone
+            self.assertEqual(sorted(os.listdir(self.local)), ["absolute", "d"])
+            self.assertEqual(sorted(os.listdir(self.local / "d/sub")), ["f", "made"])
+
+    def test_links_are_hidden_if_that_is_wanted(self):
+        self.fill_with_links()
+        with self.share("--agent-option=--links=hide"):
+            self.assertEqual(os.listdir(self.mount), ["d"])
+            for name in ("file", "folder", "lost"):
+                self.assertFails(2, os.lstat, self.mount / name)
+                for flags, error in ((os.O_RDONLY, 17), (os.O_WRONLY, 17), (os.O_WRONLY | os.O_TRUNC, 13)):
+                    self.assertFails(error, os.open, self.mount / name, os.O_CREAT | flags)
+                self.assertFails(17, os.mkdir, self.mount / name)
+            self.assertFails(1, os.symlink, "d", self.mount / "new")
+            self.assertEqual((self.mount / "d/sub/f").read_bytes(), b"content")
+
+    def test_names_of_one_file_are_counted_while_it_is_open(self):
+        for name in ("a", "b", "c"):
+            (self.local / name).write_bytes(b"")
+        os.link(self.local / "a", self.local / "a2")
+        os.link(self.local / "b", self.local / "b2")
+        with self.share():
+            with open(self.mount / "a") as a, open(self.mount / "b") as b:
+                os.unlink(self.mount / "a2")
+                os.rename(self.mount / "c", self.mount / "b2")
+                self.assertEqual([os.fstat(file.fileno()).st_nlink for file in (a, b)], [1, 1])
+
+    @unittest.skipUnless(os.geteuid() == 0, "others are refused")
+    def test_root_sets_attributes_of_files_that_nobody_may_write(self):
+        (self.local / "f").write_bytes(b"")
+        os.chmod(self.local / "f", 0o444)
+        with self.share():
+            os.setxattr(self.mount / "f", "user.a", b"1")
+            self.assertEqual(os.getxattr(self.local / "f", "user.a"), b"1")
+            os.removexattr(self.mount / "f", "user.a")
+            self.assertEqual(os.listxattr(self.local / "f"), [])
 
     def test_fifos_and_sockets_are_told_and_not_opened_by_the_host(self):
         with self.share():

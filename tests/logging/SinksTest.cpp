@@ -1,12 +1,8 @@
 // The sinks that aren't files.
-#include "logging/DebugWriter.h"
+#include "logging/LogSinks.h"
 #include "logging/Logger.h"
 #include "logging/LoggerManager.h"
 #include "logging/Messages.h"
-#include "logging/ProxyWriter.h"
-#include "logging/SocketWriter.h"
-#include "logging/StdErrWriter.h"
-#include "logging/StdOutWriter.h"
 
 #include <cstdarg>
 #include <cstdio>

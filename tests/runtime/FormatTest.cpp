@@ -1,7 +1,5 @@
-#include "runtime/HexDump.h"
+#include "runtime/OVTimer.h"
 #include "runtime/StringUtils.h"
-#include "runtime/TimeFormat.h"
-#include "runtime/XString.h"
 
 #include <cmath>
 #include <cstdlib>

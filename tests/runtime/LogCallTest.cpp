@@ -2,7 +2,6 @@
 
 #include "platform/SystemError.h"
 #include "runtime/CapturedLog.h"
-#include "runtime/FunctionTrace.h"
 #include "runtime/StringUtils.h"
 
 #include <cstdio>

@@ -1,8 +1,6 @@
 #include "AtOnce.h"
-#include "runtime/Holder.h"
-#include "runtime/RCPtr.h"
+#include "runtime/RCObject.h"
 #include "runtime/UserDataMap.h"
-#include "runtime/WkPtr.h"
 
 #include <atomic>
 #include <cstdlib>

@@ -321,7 +321,7 @@ TEST_F(RealPlugin, EachVersionAndCapabilityGetsWhatItKnows)
             const auto listed = BlockingCall(*share, &RemoteShare::QueryDirectory, opened.fileId,
                                              FileFullDirectoryInformation, true, u"");
             size_t entries = 0;
-            agent::DirectoryReader reader(listed.data, false);
+            agent::DirectoryReader reader(listed.data, agent::FileIds::None);
             for (agent::DirectoryReader::Entry entry; reader.Next(&entry);)
                 ++entries;
             EXPECT_EQ(entries, many ? 5u : 1u);

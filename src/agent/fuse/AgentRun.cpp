@@ -1,6 +1,6 @@
 #include "agent/fuse/AgentRun.h"
 
-#include "agent/fuse/MountPoint.h"
+#include "agent/fuse/FuseSession.h"
 
 #include <poll.h>
 #include <signal.h>

@@ -1,7 +1,6 @@
-#include "agent/fuse/AttributeOperations.h"
-
+#include "agent/fuse/Operations.h"
+#include "agent/fuse/PosixMapping.h"
 #include "agent/fuse/RemoteCalls.h"
-#include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>
@@ -13,7 +12,8 @@
 namespace fodr::agent {
 namespace {
 
-constexpr uint32_t kLongestReparseData = 16 << 10; // MS-FSCC 2.1.2
+// A target of 4095 bytes, twice as UTF-16. That is more than a record of MS-FSCC 2.1.2 may have elsewhere.
+constexpr uint32_t kLongestReparseData = 20 << 10;
 
 // Those that can be set (MS-FSCC 2.6).
 constexpr uint32_t kSettableAttributes = nt::FILE_ATTRIBUTE_READONLY | nt::FILE_ATTRIBUTE_HIDDEN |
@@ -174,12 +174,9 @@ Task<nt::NTSTATUS> AttributeOperations::CheckIdentity(NodePtr node, std::shared_
 Task<nt::NTSTATUS> AttributeOperations::SetSize(NodePtr node, const Borrowed &borrowed, uint64_t size)
 {
     const std::shared_ptr<WriteBehind> writes = node->WritesIfAny();
-    std::array<uint8_t, 8> record;
-    StoreLittle(record.data(), size);
     if (writes)
         writes->SizeChanges();
-    const IoResult result =
-        co_await SetFile(*borrowed.share, borrowed.fileId, nt::FileEndOfFileInformation, record);
+    const IoResult result = co_await SetEndOfFile(*borrowed.share, borrowed.fileId, size);
     if (writes)
         writes->SizeChanged(result, size);
     co_return result.status;
@@ -242,8 +239,7 @@ Detached AttributeOperations::SetAttributes(FuseCall::Ptr call, uint64_t nodeId,
         call->Fail(refusal);
         co_return;
     }
-    if (const std::shared_ptr<WriteBehind> writes = node->WritesIfAny())
-        co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    co_await AwaitWrites(node->WritesIfAny());
     const auto asked = Node::Clock::now();
     Changed changed;
     if (change.setSize || change.SetsTimes() || change.SetsModeOrOwner()) {

@@ -159,9 +159,8 @@ Detached ChangeWatcher::List(NodePtr node, Clock::time_point asked)
     if (!nt::IsError(status)) {
         co_await AwaitCall([&](InlineFunction<void()> done) { open->listing->WhenEnded(std::move(done)); });
         status = open->listing->Status();
-        const bool hasIds = open->listing->HasIds();
         for (size_t i = 0; const DirectoryListing::Entry *entry = open->listing->At(i); ++i) {
-            if (!hasIds || entry->facts.id != 0)
+            if (open->listing->Knows(*entry))
                 entries.emplace(entry->name, entry->facts);
         }
     }

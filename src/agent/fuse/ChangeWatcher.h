@@ -2,8 +2,8 @@
 // and listed again after a notice. The difference goes to the EventActor. Any thread.
 #pragma once
 
-#include "agent/fuse/DirectoryOperations.h"
 #include "agent/fuse/EventActor.h"
+#include "agent/fuse/Operations.h"
 
 #include <map>
 

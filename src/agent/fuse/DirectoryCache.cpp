@@ -1,8 +1,8 @@
 #include "agent/fuse/DirectoryCache.h"
 
-#include "agent/AgentStatus.h"
+#include "agent/IoResult.h"
+#include "agent/fuse/PosixMapping.h"
 #include "agent/fuse/RemoteCalls.h"
-#include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
 
 #include <algorithm>

@@ -99,7 +99,7 @@ size_t DirectoryListing::PlanQueries()
 {
     if (ended)
         return 0;
-    const bool oneByOne = share->Device().IsTagged() && ofRoot;
+    const bool oneByOne = NamesOneByOne();
     const size_t wanted = oneByOne ? 1 : std::min(kMostQueries, 2 + answered);
     const size_t count = wanted - std::min(wanted, inFlight);
     inFlight += count;
@@ -108,7 +108,7 @@ size_t DirectoryListing::PlanQueries()
 
 void DirectoryListing::SendQueries(size_t count)
 {
-    const bool tagged = share->Device().IsTagged() && ofRoot;
+    const bool tagged = NamesOneByOne();
     for (; count != 0; --count) {
         bool first;
         {
@@ -131,7 +131,7 @@ void DirectoryListing::Close()
 void DirectoryListing::TakeEntries(ByteSpan answer)
 {
     ended = ended || answer.empty(); // a peer that never ends
-    DirectoryReader reader(answer, share->HasIds());
+    DirectoryReader reader(answer, share->Ids());
     std::u16string ntName;
     for (DirectoryReader::Entry record; reader.Next(&record);) {
         record.CopyName(&ntName);
@@ -144,6 +144,8 @@ void DirectoryListing::TakeEntries(ByteSpan answer)
                 return;
             }
         }
+        if (share->LinksOfMount() == Links::Hide && !NamesOneByOne() && record.facts.IsSymbolicLink())
+            continue;
         Entry entry;
         entry.facts = record.facts;
         // What has no POSIX name can't be shown.

@@ -47,7 +47,14 @@ public:
     // Its folder is removed: nothing is in it, and a handle that nobody has read from is closed.
     void EndUnread();
     Clock::time_point BegunAt() const;
-    bool HasIds() const { return share->HasIds(); }
+    // False where nothing but its name could be had: a host that tells modes tells one of all else. Nor is
+    // enough known of a link that is followed.
+    bool Knows(const Entry &entry) const
+    {
+        return (!share->TellsIds() || entry.facts.mode != 0) &&
+               !(NamesOneByOne() && entry.facts.IsSymbolicLink());
+    }
+    bool NamesOneByOne() const { return share->Device().IsTagged() && ofRoot; }
     // Whether the handle is open, and what it is. It stays so as long as the listing lives, where an open
     // folder can be removed; else it is closed at the end.
     bool IsOpen() const;

@@ -1,14 +1,52 @@
-#include "agent/fuse/DirectoryOperations.h"
-
-#include "agent/fuse/ReaddirBuffer.h"
+#include "agent/fuse/Fuse.h"
+#include "agent/fuse/Operations.h"
+#include "agent/fuse/PosixMapping.h"
 #include "agent/fuse/RemoteCalls.h"
-#include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
 
 #include <cerrno>
 #include <memory>
 
 namespace fodr::agent {
+
+// The answer to one readdir or readdirplus, as it is filled.
+class ReaddirBuffer {
+public:
+    ReaddirBuffer(size_t size, bool plusForm) : bytes(size), plus(plusForm) {}
+
+    // Adds a name; without a node the kernel takes the name and its kind alone. `next` is the position behind
+    // it. False when there is no room.
+    bool Add(const std::string &name, const EntryAnswer &entry, uint64_t next)
+    {
+        const auto position = static_cast<off_t>(next);
+        // The library doesn't look at the request.
+        if (!plus)
+            return Took(fuse_add_direntry(nullptr, At(), Room(), name.c_str(), &entry.attributes, position));
+        fuse_entry_param param = {};
+        param.ino = entry.node;
+        param.attr = entry.attributes;
+        param.attr_timeout = entry.attributeSeconds;
+        param.entry_timeout = entry.nameSeconds;
+        return Took(fuse_add_direntry_plus(nullptr, At(), Room(), name.c_str(), &param, position));
+    }
+    ByteSpan Filled() const { return {reinterpret_cast<const uint8_t *>(bytes.data()), used}; }
+    bool IsPlus() const { return plus; }
+
+private:
+    char *At() { return bytes.data() + used; }
+    size_t Room() const { return bytes.size() - used; }
+    bool Took(size_t size)
+    {
+        if (size > Room())
+            return false;
+        used += size;
+        return true;
+    }
+
+    std::vector<char> bytes;
+    size_t used = 0;
+    const bool plus;
+};
 namespace {
 
 constexpr ino_t kUnknownInode = 0xFFFFFFFF; // as the library itself says it; 0 would mean a deleted entry
@@ -135,13 +173,6 @@ Detached DirectoryOperations::ReadDirectory(FuseCall::Ptr call, uint64_t handle,
     }
 }
 
-// A listing without ids, of a host that has them, is of a share that names its files one by one. So is an
-// entry of which nothing but its name could be had.
-bool DirectoryOperations::IsKnown(const DirectoryListing &listing, const DirectoryListing::Entry &entry)
-{
-    return !listing.HasIds() || entry.facts.id != 0;
-}
-
 // What was learnt of the name since the listing was asked for counts.
 bool DirectoryOperations::IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry,
                                         Node::Clock::time_point asked) const
@@ -176,7 +207,10 @@ void DirectoryOperations::FillListing(const OpenListing &open, uint64_t offset, 
         EntryAnswer answer;
         answer.attributes = StatOf(entry->facts, kUnknownInode, mount.options.owner);
         const auto asked = open.listing->BegunAt();
-        if (buffer->IsPlus() && !IsKnownBetter(open.node, *entry, asked) && IsKnown(*open.listing, *entry)) {
+        const bool known = open.listing->Knows(*entry);
+        if (!known)
+            answer.attributes.st_mode = 0; // it isn't a file for sure
+        if (known && buffer->IsPlus() && !IsKnownBetter(open.node, *entry, asked)) {
             const NodePtr node = mount.Reach(open.node, entry->name, entry->facts, entry->facts.id);
             node->NoteFacts(entry->facts);
             node->NoteSeen(asked);

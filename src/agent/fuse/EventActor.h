@@ -14,6 +14,7 @@
 #include <thread>
 
 struct fuse_req;
+struct fuse_lowlevel_ops;
 
 namespace fodr::agent {
 
@@ -86,5 +87,10 @@ private:
     Scene scene GUARDED_BY(lock);
     std::thread thread GUARDED_BY(lock);
 };
+
+// Puts the EventActor before the operations of the file system: its thread's requests are answered by it.
+
+// Also notes which names the mount's own programs change, and which folders they use.
+void RouteActedRequests(fuse_lowlevel_ops *operations);
 
 } // namespace fodr::agent

@@ -1,5 +1,4 @@
-#include "agent/fuse/EventOperations.h"
-
+#include "agent/fuse/EventActor.h"
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/Fuse.h"
 

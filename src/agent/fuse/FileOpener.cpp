@@ -1,8 +1,7 @@
 #include "agent/fuse/FileOpener.h"
 
-#include "agent/fuse/NodeReopen.h"
+#include "agent/fuse/PosixMapping.h"
 #include "agent/fuse/RemoteCalls.h"
-#include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>
@@ -11,6 +10,48 @@
 
 namespace fodr::agent {
 namespace {
+
+// Finds an open file again after a lost connection.
+class NodeReopen final : public IReopen {
+public:
+    NodeReopen(NodeTable &nodeTable, NodePtr openNode) : table(nodeTable), node(std::move(openNode)) {}
+
+    bool Place(std::u16string *path) override
+    {
+        NodeTable::Place place;
+        if (!table.PlaceOf(node, &place))
+            return false;
+        *path = std::move(place.path);
+        return true;
+    }
+    uint64_t ExpectedId() override { return table.FileIdOf(node); }
+    // Times may be this machine's guess; what was there in the file should still be.
+    bool MayBe(const FileFacts &facts) override
+    {
+        FileFacts last;
+        return facts.IsDirectory() == node->directory &&
+               (!node->LastFacts(&last) || facts.endOfFile >= last.endOfFile);
+    }
+
+private:
+    NodeTable &table;
+    const NodePtr node;
+};
+
+// For a handle that was just opened. The table outlives it. Of a new file the id is asked for; nobody waits
+// for that.
+void RememberNode(RemoteShare &share, uint32_t fileId, NodeTable &table, const NodePtr &node, bool isNew)
+{
+    if (!share.OutlivesConnections())
+        return;
+    share.Remember(fileId, std::make_shared<NodeReopen>(table, node));
+    if (!isNew && share.HasIds())
+        return; // who opens it learns its id
+    share.QueryInformation(fileId, nt::FileInternalInformation, [&table, node](const IoResult &result) {
+        if (!result.Failed() && result.data.size() >= sizeof(uint64_t) && table.FileIdOf(node) == 0)
+            table.SetFileId(node, LoadLittle<uint64_t>(result.data.data()));
+    });
+}
 
 constexpr uint32_t kPrimed = 128 << 10;    // read with the open
 constexpr int64_t kWorthPriming = 1 << 20; // files above this are read in ways that can't be foreseen

@@ -1,8 +1,7 @@
-#include "agent/fuse/FileOperations.h"
-
 #include "agent/fuse/Fuse.h"
+#include "agent/fuse/Operations.h"
+#include "agent/fuse/PosixMapping.h"
 #include "agent/fuse/RemoteCalls.h"
-#include "agent/fuse/StatusErrno.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>
@@ -29,6 +28,8 @@ RemoteShare::CreateCall CreateCallOf(const RemoteShare &share, uint32_t access, 
                                       .createDisposition = nt::FILE_OPEN_IF,
                                       .createOptions = nt::FILE_NON_DIRECTORY_FILE,
                                       .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
+    if (share.LinksOfMount() == Links::Hide) // the name may be a link's
+        create.createOptions |= nt::FILE_OPEN_REPARSE_POINT;
     if (flags & O_EXCL)
         create.createDisposition = nt::FILE_CREATE;
     else if (flags & O_TRUNC)
@@ -89,7 +90,10 @@ Detached FileOperations::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         std::string name;
         if (mount.table.ParentAndNameOf(node, &parent, &name))
             mount.directories.ForgetNames(parent);
-        call->FailOfFile(opening.status);
+        if (place.share->LinksOfMount() == Links::Follow && SaysAbsent(opening.status))
+            call->Fail(ENOENT); // a link that leads nowhere is no stale name
+        else
+            call->FailOfFile(opening.status);
         co_return;
     }
     const OpenFilePtr file = std::move(opening.file);
@@ -116,11 +120,10 @@ Detached FileOperations::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
 Task<nt::NTSTATUS> FileOperations::Truncate(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId)
 {
     const std::shared_ptr<WriteBehind> writes = node->Writes(mount.writeWindow);
-    co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    co_await AwaitWrites(writes);
     node->NoteOwnChange();
     writes->SizeChanges();
-    const std::array<uint8_t, 8> nothing{};
-    const IoResult result = co_await SetFile(*share, fileId, nt::FileEndOfFileInformation, nothing);
+    const IoResult result = co_await SetEndOfFile(*share, fileId, 0);
     writes->SizeChanged(result, 0);
     node->NoteOwnChange();
     co_return result.status;
@@ -155,6 +158,11 @@ Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::stri
         if (nt::IsError(status) && hasIds) {
             place.share->Close(fileId, [](const IoResult &) {});
             call->FailStatus(status);
+            co_return;
+        }
+        if (facts.IsSymbolicLink()) {
+            place.share->Close(fileId, [](const IoResult &) {});
+            call->Fail(EEXIST);
             co_return;
         }
     } else {

@@ -2,15 +2,8 @@
 // request from where the last outcome came in. No thread waits for the other side.
 #pragma once
 
-#include "agent/fuse/AttributeOperations.h"
 #include "agent/fuse/ChangeWatcher.h"
-#include "agent/fuse/DirectoryOperations.h"
-#include "agent/fuse/FileOperations.h"
-#include "agent/fuse/LinkOperations.h"
-#include "agent/fuse/LockOperations.h"
-#include "agent/fuse/NameOperations.h"
-#include "agent/fuse/RangeOperations.h"
-#include "agent/fuse/XattrOperations.h"
+#include "agent/fuse/Operations.h"
 
 namespace fodr::agent {
 

@@ -1,5 +1,6 @@
 #include "agent/fuse/FolderChanges.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace fodr::agent {
@@ -68,6 +69,29 @@ void FolderChanges::Compare(const NodePtr &folder, const FolderEntries &before, 
 void FolderChanges::AddMany(const NodePtr &folder)
 {
     told.push_back({.kind = Kind::Many, .folder = folder, .name = {}});
+}
+
+// A name that came and went again between two tellings isn't told, nor one that went and came back: it would
+// be taken for both ends of a move.
+void FolderChanges::DropPassing()
+{
+    std::unordered_multimap<uint64_t, Name *> byId;
+    for (Name &left : gone)
+        byId.emplace(left.facts.id, &left);
+    for (Name &arrived : come) {
+        const auto [first, last] = byId.equal_range(arrived.facts.id);
+        const auto same = std::find_if(first, last, [&arrived](const auto &left) {
+            const Name &name = *left.second;
+            return name.folder == arrived.folder && name.text == arrived.text &&
+                   KindOf(name.facts) == KindOf(arrived.facts);
+        });
+        if (arrived.facts.id == 0 || same == last)
+            continue;
+        arrived.done = same->second->done = true;
+        byId.erase(same);
+    }
+    for (auto *names : {&gone, &come})
+        std::erase_if(*names, [](const Name &name) { return name.done; });
 }
 
 void FolderChanges::Pair()
@@ -144,6 +168,7 @@ void FolderChanges::TellMoves(std::vector<FolderEvent> *events)
 std::vector<FolderEvent> FolderChanges::Take()
 {
     std::vector<FolderEvent> events;
+    DropPassing();
     Pair();
     TellMoves(&events);
     std::vector<FolderEvent> made;

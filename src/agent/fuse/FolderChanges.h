@@ -59,6 +59,7 @@ private:
     };
     void AddChangeOf(const NodePtr &folder, const std::string &name, const FileFacts &before,
                      const FileFacts &after);
+    void DropPassing();
     void Pair();
     Name *GoneAt(const Name &name);
     void TellMoves(std::vector<FolderEvent> *events);

@@ -1,7 +1,7 @@
 #include "agent/fuse/FuseCall.h"
 
 #include "agent/fuse/Fuse.h"
-#include "agent/fuse/StatusErrno.h"
+#include "agent/fuse/PosixMapping.h"
 #include "platform/NtRecords.h"
 
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 #include "agent/fuse/FuseOperations.h"
 
-#include "agent/fuse/EventOperations.h"
+#include "agent/fuse/EventActor.h"
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/Fuse.h"
 

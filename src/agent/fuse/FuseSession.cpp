@@ -1,9 +1,11 @@
 #include "agent/fuse/FuseSession.h"
 
-#include "agent/fuse/ErrorLines.h"
 #include "agent/fuse/Fuse.h"
 #include "agent/fuse/FuseOperations.h"
+#include "lib/misc/Fd.h"
+#include "platform/Volumes.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -11,15 +13,170 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <linux/fuse.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
+#include <vector>
 
 namespace fodr::agent {
+
 namespace {
+
+constexpr size_t kNamedHolders = 3;
+
+std::string ErrnoText(int error)
+{
+    char text[128];
+    return strerror_r(error, text, sizeof(text));
+}
+
+std::string AbsolutePath(const std::string &path)
+{
+    char *resolved = realpath(path.c_str(), nullptr);
+    std::string result = resolved ? resolved : path;
+    free(resolved);
+    return result;
+}
+
+bool LinkLeadsInto(const std::string &link, const std::string &folder)
+{
+    char target[PATH_MAX];
+    const ssize_t length = readlink(link.c_str(), target, sizeof(target));
+    const std::string_view text(target, length < 0 ? 0 : static_cast<size_t>(length));
+    return text.starts_with(folder) && (text.size() == folder.size() || text[folder.size()] == '/');
+}
+
+bool HoldsInto(const std::string &process, const std::string &folder)
+{
+    if (LinkLeadsInto(process + "/cwd", folder) || LinkLeadsInto(process + "/root", folder))
+        return true;
+    DIR *descriptors = opendir((process + "/fd").c_str());
+    bool holds = false;
+    while (const dirent *entry = descriptors && !holds ? readdir(descriptors) : nullptr)
+        holds = LinkLeadsInto(process + "/fd/" + entry->d_name, folder);
+    if (descriptors)
+        closedir(descriptors);
+    return holds;
+}
+
+// "vim (812), bash (790)".
+std::string Holders(const std::string &folder)
+{
+    std::string names;
+    size_t count = 0;
+    DIR *processes = opendir("/proc");
+    while (const dirent *entry = processes ? readdir(processes) : nullptr) {
+        const std::string process = std::string("/proc/") + entry->d_name;
+        if (atoi(entry->d_name) == 0 || !HoldsInto(process, folder) || ++count > kNamedHolders)
+            continue;
+        std::string command;
+        std::getline(std::ifstream(process + "/comm") >> std::ws, command);
+        names += (names.empty() ? "" : ", ") + command + " (" + entry->d_name + ")";
+    }
+    if (processes)
+        closedir(processes);
+    if (count > kNamedHolders)
+        names += " and " + std::to_string(count - kNamedHolders) + " more";
+    return names;
+}
+
+} // namespace
+
+bool PrepareMountPoint(const std::string &path, std::string *error)
+{
+    if (platform::InspectMount(path) == platform::MountHealth::Dead) {
+        const int failure = platform::UnmountOnce(path, true);
+        if (failure != 0) {
+            *error = path + ": a dead mount is there and couldn't be taken away: " + ErrnoText(failure) +
+                     "; try: fusermount3 -uz " + path;
+            return false;
+        }
+    }
+    struct stat facts;
+    if (stat(path.c_str(), &facts) != 0)
+        *error = path + ": " + ErrnoText(errno) + "; the mount point has to be an existing directory";
+    else if (!S_ISDIR(facts.st_mode))
+        *error = path + ": is not a directory, so nothing can be mounted there";
+    else if (platform::IsMounted(AbsolutePath(path), "fuse.fodr"))
+        *error = path + ": another share is mounted there already; unmount it with: fusermount3 -u " + path;
+    else if (access("/dev/fuse", R_OK | W_OK) != 0)
+        *error =
+            "/dev/fuse: " + ErrnoText(errno) + "; without it this machine can't mount (try: modprobe fuse)";
+    else
+        return true;
+    return false;
+}
+
+UnmountOutcome Unmount(const std::string &path, std::string *remark)
+{
+    int failure = platform::UnmountOnce(path, false);
+    // Not a mount point: somebody else was faster.
+    if (failure == 0 || failure == EINVAL || failure == ENOENT)
+        return UnmountOutcome::Unmounted;
+    const std::string holders = Holders(path);
+    *remark = path + ": still in use" + (holders.empty() ? "" : " by " + holders);
+    failure = platform::UnmountOnce(path, true);
+    if (failure != 0) {
+        *remark += ", and couldn't be unmounted: " + ErrnoText(failure);
+        return UnmountOutcome::Failed;
+    }
+    *remark += "; it was detached, and open files there give errors from now on";
+    return UnmountOutcome::Detached;
+}
+
+namespace {
+
+// What is written to the standard error stream for a while, the lines of helper programs included.
+// From its making on the stream goes to memory. One at a time; what other threads write meanwhile is kept
+// too.
+class ErrorLines {
+public:
+    ErrorLines();
+    ~ErrorLines() { Take(); }
+    ErrorLines(const ErrorLines &) = delete;
+    ErrorLines &operator=(const ErrorLines &) = delete;
+
+    // Gives the stream back and shows there what has come. The last line of it, without its writer's name.
+    std::string Take();
+
+private:
+    Fd original; // the stream; none: it isn't redirected
+    Fd memory;
+};
+
+ErrorLines::ErrorLines()
+    : original(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)), memory(memfd_create("fodr-errors", MFD_CLOEXEC))
+{
+    if (!original || !memory || dup2(memory.Get(), STDERR_FILENO) < 0)
+        original.Reset(-1);
+}
+
+std::string ErrorLines::Take()
+{
+    if (!original)
+        return {};
+    dup2(original.Get(), STDERR_FILENO);
+    original.Reset(-1);
+    std::string text;
+    char part[512];
+    for (ssize_t got = 0;
+         (got = pread(memory.Get(), part, sizeof(part), static_cast<off_t>(text.size()))) > 0;)
+        text.append(part, static_cast<size_t>(got));
+    if (!text.empty() && write(STDERR_FILENO, text.data(), text.size()) < 0)
+        return {};
+    while (text.ends_with('\n'))
+        text.pop_back();
+    text.erase(0, text.rfind('\n') + 1);
+    const size_t name = text.find(": ");
+    return name == std::string::npos ? text : text.substr(name + 2);
+}
 
 // None of them waits for the other side; they wait for the connection to take bytes.
 constexpr unsigned kFewestThreads = 2;

@@ -215,7 +215,7 @@ std::string MountSettings(const AgentOptions &options)
           unsigned{client.version}, unsigned{client.multiEntryDirectoryQuery}, unsigned{client.preRead},
           unsigned{client.driveLetterMapping}, unsigned{client.policy.enabled},
           unsigned{client.policy.sharedByAgent}, unsigned{client.policy.defaultPermission},
-          static_cast<unsigned>(client.sideChannel)})
+          static_cast<unsigned>(client.sideChannel), static_cast<unsigned>(client.links)})
         text += "\n" + std::to_string(number);
     for (const PolicyFolder &folder : client.policy.folders)
         text += "\n" + std::to_string(folder.permission) + ":" + folder.path;

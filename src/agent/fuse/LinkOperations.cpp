@@ -1,7 +1,6 @@
-#include "agent/fuse/LinkOperations.h"
-
+#include "agent/fuse/Operations.h"
+#include "agent/fuse/PosixMapping.h"
 #include "agent/fuse/RemoteCalls.h"
-#include "agent/fuse/StatusErrno.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
@@ -54,7 +53,7 @@ Task<nt::NTSTATUS> LinkOperations::Try(Moving moving, Change change, FileFacts *
         co_return acquired;
     const NodePtr node = mount.table.Child(moving.parent, moving.name);
     const bool directory = node && node->directory;
-    RemoteShare::CreateCall open = OpenToDelete(directory);
+    RemoteShare::CreateCall open = OpenToDelete(share, directory);
     if (!node)
         open.createOptions = nt::FILE_OPEN_REPARSE_POINT;
     if (change == Change::Link)
@@ -100,8 +99,7 @@ Detached LinkOperations::Link(FuseCall::Ptr call, uint64_t nodeId, uint64_t newP
     if (!co_await Locate(call, &moving, nt::FODR_HOST_LX_FILES, EPERM))
         co_return;
     // What is being written is shown as it will be.
-    if (const std::shared_ptr<WriteBehind> writes = node->WritesIfAny())
-        co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    co_await AwaitWrites(node->WritesIfAny());
     const auto asked = Node::Clock::now();
     FileFacts facts;
     const nt::NTSTATUS status = co_await Apply(&moving, Change::Link, &facts);

@@ -1,7 +1,6 @@
-#include "agent/fuse/LockOperations.h"
-
-#include "agent/AgentStatus.h"
-#include "agent/fuse/StatusErrno.h"
+#include "agent/IoResult.h"
+#include "agent/fuse/Operations.h"
+#include "agent/fuse/PosixMapping.h"
 #include "platform/Nt.h"
 
 #include <algorithm>
@@ -49,18 +48,9 @@ Task<OwnerHold> EnterAlone(LockOwnerPtr owner)
     co_return OwnerHold(owner);
 }
 
-Task<Nothing> AwaitWrites(NodePtr node)
-{
-    const std::shared_ptr<WriteBehind> writes = node->WritesIfAny();
-    if (writes)
-        co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
-    co_return Nothing{};
-}
-
 } // namespace
 
-// ---- handles
-// ------------------------------------------------------------------------------------------------
+// ---- Handles ----
 
 Task<OpenFilePtr> LockOperations::OpenByName(NodePtr node, Place place, uint32_t access, nt::NTSTATUS *status)
 {
@@ -137,7 +127,7 @@ Task<Nothing> LockOperations::Drop(LockOwnerPtr owner)
     if (!handle)
         co_return Nothing{};
     if (!owner->HoldsNothing())
-        co_await AwaitWrites(owner->node);
+        co_await AwaitWrites(owner->node->WritesIfAny());
     LockWish all = {.begin = 0, .end = nt::FODR_LOCKS_SPAN};
     if (handle->lender) {
         co_await SetHostLock(owner, handle, all);
@@ -201,8 +191,7 @@ bool LockOperations::AreLost(uint64_t handle) const
     });
 }
 
-// ---- locking
-// ------------------------------------------------------------------------------------------------
+// ---- Locking ----
 
 // Who has a lock sees what others did before they gave theirs up: of the file, and of those beside it.
 Task<Nothing> LockOperations::SeeOthersChanges(NodePtr node)
@@ -286,7 +275,7 @@ Task<nt::NTSTATUS> LockOperations::WaitForLock(FuseCall::Ptr call, LockOwnerPtr 
 
 Task<nt::NTSTATUS> LockOperations::Unlock(LockOwnerPtr owner, LockWish wish)
 {
-    co_await AwaitWrites(owner->node);
+    co_await AwaitWrites(owner->node->WritesIfAny());
     nt::NTSTATUS status = nt::STATUS_SUCCESS;
     std::optional<GateHold> aloneHere;
     const bool shared = !wish.whole && IsSharedMemory(owner->node);

@@ -2,8 +2,8 @@
 // can't be shared between machines. So this mount has such a file for itself while any program here locks a
 // part of it: an exclusive lock of all real bytes keeps other machines out, and the programs' own locks,
 // which are to exclude each other alone, are taken in another place.
-#include "agent/AgentStatus.h"
-#include "agent/fuse/LockOperations.h"
+#include "agent/IoResult.h"
+#include "agent/fuse/Operations.h"
 #include "platform/Nt.h"
 
 #include <algorithm>

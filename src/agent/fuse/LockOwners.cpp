@@ -1,5 +1,8 @@
 #include "agent/fuse/LockOwners.h"
 
+#include "agent/IoResult.h"
+#include "rdpdr/wire/RdpdrConstants.h"
+
 #include <algorithm>
 
 namespace fodr::agent {
@@ -165,6 +168,190 @@ void LockOwners::Clear()
     const MutexLock held(lock);
     ended.swap(owners);
     count = 0;
+}
+
+namespace {
+
+// One of NT's locks.
+struct Piece {
+    RDP_LOCK_INFO place;
+    bool exclusive;
+    bool operator==(const Piece &other) const
+    {
+        return place.Offset == other.place.Offset && place.Length == other.place.Length &&
+               exclusive == other.exclusive;
+    }
+};
+
+RDP_LOCK_INFO PlaceOfBytes(uint64_t begin, uint64_t end)
+{
+    return {.Length = end - begin, .Offset = nt::FODR_LOCKS_BASE + begin};
+}
+
+RDP_LOCK_INFO PlaceOf(const LockWish &wish)
+{
+    return wish.whole ? RDP_LOCK_INFO{.Length = 1, .Offset = nt::FODR_LOCK_WHOLE}
+                      : PlaceOfBytes(wish.begin, wish.end);
+}
+
+uint32_t OperationOf(std::optional<bool> exclusive)
+{
+    if (!exclusive)
+        return RDP_LOWIO_OP_UNLOCK;
+    return *exclusive ? RDP_LOWIO_OP_EXCLUSIVELOCK : RDP_LOWIO_OP_SHAREDLOCK;
+}
+
+auto Ask(const OpenFilePtr &handle, std::optional<bool> exclusive, bool waits, const RDP_LOCK_INFO &place)
+{
+    return AwaitIo([&handle, exclusive, waits, place](IoHandler done) {
+        handle->share->Lock(handle->fileId, OperationOf(exclusive), !waits, {&place, 1}, std::move(done));
+    });
+}
+
+std::vector<Piece> PiecesOf(const LockRanges &bytes, std::optional<bool> whole)
+{
+    std::vector<Piece> pieces;
+    for (const LockedRange &range : bytes.All())
+        pieces.push_back({PlaceOfBytes(range.begin, range.end), range.exclusive});
+    if (whole)
+        pieces.push_back({{.Length = 1, .Offset = nt::FODR_LOCK_WHOLE}, *whole});
+    return pieces;
+}
+
+std::vector<Piece> Without(std::vector<Piece> pieces, const std::vector<Piece> &others)
+{
+    std::erase_if(pieces,
+                  [&](const Piece &piece) { return std::ranges::find(others, piece) != others.end(); });
+    return pieces;
+}
+
+// How many were locked, and why no more.
+struct Locked {
+    size_t count = 0;
+    nt::NTSTATUS status = nt::STATUS_SUCCESS;
+};
+
+Task<Locked> LockPieces(OpenFilePtr handle, std::vector<Piece> pieces)
+{
+    Locked locked;
+    for (const Piece &piece : pieces) {
+        const IoResult result = co_await Ask(handle, piece.exclusive, false, piece.place);
+        locked.status = result.status;
+        if (result.Failed())
+            break;
+        ++locked.count;
+    }
+    if (locked.status == nt::STATUS_FILE_LOCK_CONFLICT)
+        locked.status = nt::STATUS_LOCK_NOT_GRANTED;
+    co_return locked;
+}
+
+Task<bool> UnlockPieces(OpenFilePtr handle, std::vector<Piece> pieces, size_t count)
+{
+    bool all = true;
+    for (size_t i = 0; i < count; ++i) {
+        const IoResult unlocked = co_await Ask(handle, std::nullopt, false, pieces[i].place);
+        all = all && !unlocked.Failed();
+    }
+    co_return all;
+}
+
+// Gives up the pieces that go and takes those that come; when one is refused, all is as it was. A shared lock
+// is granted over one's own, so it comes first. For an exclusive one the others go first, and somebody may
+// come in between: the owner has lost what it held then.
+Task<nt::NTSTATUS> Exchange(OpenFilePtr handle, std::vector<Piece> going, std::vector<Piece> coming)
+{
+    std::vector<Piece> shared = coming, exclusive = coming;
+    std::erase_if(shared, [](const Piece &piece) { return piece.exclusive; });
+    std::erase_if(exclusive, [](const Piece &piece) { return !piece.exclusive; });
+    const Locked first = co_await LockPieces(handle, shared);
+    if (nt::IsError(first.status)) {
+        co_await UnlockPieces(handle, shared, first.count);
+        co_return first.status;
+    }
+    if (!co_await UnlockPieces(handle, going, going.size()))
+        co_return STATUS_FILE_INVALID;
+    const Locked second = co_await LockPieces(handle, exclusive);
+    if (!nt::IsError(second.status))
+        co_return second.status;
+    co_await UnlockPieces(handle, exclusive, second.count);
+    co_await UnlockPieces(handle, shared, shared.size());
+    const Locked back = co_await LockPieces(handle, going);
+    co_return nt::IsError(back.status) ? STATUS_FILE_INVALID : second.status;
+}
+
+} // namespace
+
+Task<nt::NTSTATUS> SetHostLock(LockOwnerPtr owner, OpenFilePtr handle, LockWish wish)
+{
+    nt::NTSTATUS status;
+    if (handle->share->Has(nt::FODR_HOST_ADVISORY_LOCKS)) {
+        const RDP_LOCK_INFO place = PlaceOf(wish);
+        const IoResult set = co_await Ask(handle, wish.exclusive, false, place);
+        status = set.status;
+        if (set.Failed() && wish.whole) { // as flock: a change that is refused loses the lock
+            LockWish lost = wish;
+            lost.exclusive.reset();
+            owner->Note(lost);
+        }
+    } else {
+        LockRanges bytes = owner->Bytes();
+        std::optional<bool> whole = owner->Whole();
+        const std::vector<Piece> before = PiecesOf(bytes, whole);
+        if (wish.whole)
+            whole = wish.exclusive;
+        else
+            bytes.Set(wish.begin, wish.end, wish.exclusive, NeighboursOf(handle));
+        const std::vector<Piece> after = PiecesOf(bytes, whole);
+        status = co_await Exchange(handle, Without(before, after), Without(after, before));
+    }
+    if (!nt::IsError(status))
+        owner->Note(wish);
+    co_return status;
+}
+
+Task<nt::NTSTATUS> AwaitHostLock(OpenFilePtr handle, LockWish wish)
+{
+    const RDP_LOCK_INFO place = PlaceOf(wish);
+    const IoResult locked = co_await Ask(handle, wish.exclusive, true, place);
+    co_return locked.status;
+}
+
+void EndHostWaits(const OpenFilePtr &handle)
+{
+    const RDP_LOCK_INFO waits = {.Length = 1, .Offset = nt::FODR_LOCK_WAITS};
+    handle->share->Lock(handle->fileId, RDP_LOWIO_OP_UNLOCK, true, {&waits, 1}, [](const IoResult &) {});
+}
+
+Task<LockFound> QueryHostLock(OpenFilePtr handle, LockWish wish)
+{
+    std::array<uint8_t, sizeof(nt::FODR_LOCK)> input{};
+    StoreLittle(&input[offsetof(nt::FODR_LOCK, Offset)], wish.begin);
+    StoreLittle(&input[offsetof(nt::FODR_LOCK, Length)], wish.end - wish.begin);
+    StoreLittle(&input[offsetof(nt::FODR_LOCK, Type)],
+                wish.exclusive.value_or(false) ? nt::FODR_LOCK_EXCLUSIVE : nt::FODR_LOCK_SHARED);
+    const IoResult told = co_await AwaitIo([&](IoHandler done) {
+        handle->share->DeviceControl(handle->fileId, nt::FSCTL_FODR_QUERY_LOCK, input, sizeof(nt::FODR_LOCK),
+                                     std::move(done));
+    });
+    LockFound found;
+    found.status = told.status;
+    if (told.Failed())
+        co_return found;
+    if (told.data.size() < sizeof(nt::FODR_LOCK)) {
+        found.status = STATUS_INVALID_NETWORK_RESPONSE;
+        co_return found;
+    }
+    const uint8_t *data = told.data.data();
+    const auto type = LoadLittle<uint32_t>(data + offsetof(nt::FODR_LOCK, Type));
+    const auto begin = LoadLittle<uint64_t>(data + offsetof(nt::FODR_LOCK, Offset));
+    const auto length = LoadLittle<uint64_t>(data + offsetof(nt::FODR_LOCK, Length));
+    const bool sane = begin < nt::FODR_LOCKS_SPAN && length != 0 && length <= nt::FODR_LOCKS_SPAN - begin;
+    if (type != 0 && sane)
+        found.range = LockedRange{begin, begin + length, type == nt::FODR_LOCK_EXCLUSIVE};
+    else if (type != 0)
+        found.status = STATUS_INVALID_NETWORK_RESPONSE;
+    co_return found;
 }
 
 } // namespace fodr::agent

@@ -1,20 +1,21 @@
 #include "agent/fuse/NameFinder.h"
 
+#include "agent/fuse/PosixMapping.h"
 #include "agent/fuse/RemoteCalls.h"
-#include "agent/fuse/StatusErrno.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
 #include <algorithm>
 
 namespace fodr::agent {
+
 namespace {
 
 // The entry of the name in the answer to a search for it: the exact one, or the first, which differs in case.
-bool PickEntry(ByteSpan answer, bool hasIds, const std::u16string &wanted, FileFacts *facts, bool *exact)
+bool PickEntry(ByteSpan answer, FileIds ids, const std::u16string &wanted, FileFacts *facts, bool *exact)
 {
     bool found = false;
-    DirectoryReader reader(answer, hasIds);
+    DirectoryReader reader(answer, ids);
     std::u16string ntName;
     for (DirectoryReader::Entry entry; reader.Next(&entry);) {
         entry.CopyName(&ntName);
@@ -31,10 +32,35 @@ bool PickEntry(ByteSpan answer, bool hasIds, const std::u16string &wanted, FileF
 
 } // namespace
 
+// What a share names one by one is followed, links as well.
+bool NameFinder::IsNamedOneByOne(const NodePtr &parent, const Place &place) const
+{
+    return place.share->Device().IsTagged() && mount.table.ShareRootOf(parent) == parent;
+}
+
 Task<Found> NameFinder::Find(NodePtr parent, std::string name, Freshness freshness)
 {
     if (name.starts_with(kHiddenPrefix))
         co_return Found::Failure(nt::STATUS_OBJECT_NAME_NOT_FOUND);
+    Found found = co_await FindItself(parent, name, freshness);
+    Place place;
+    if (nt::IsError(found.status) || !found.facts.IsSymbolicLink() ||
+        !mount.table.PlaceIn(parent, name, &place))
+        co_return found;
+    const Links links = place.share->LinksOfMount();
+    const bool named = IsNamedOneByOne(parent, place);
+    if (links == Links::Hide && !named)
+        co_return Found::Failure(nt::STATUS_OBJECT_NAME_NOT_FOUND);
+    if (links == Links::Follow || named) {
+        Found target = co_await FindByPath(place, true);
+        if (!nt::IsError(target.status))
+            co_return target;
+    }
+    co_return found;
+}
+
+Task<Found> NameFinder::FindItself(NodePtr parent, std::string name, Freshness freshness)
+{
     bool decided = false;
     Found found = co_await FindByHandle(parent, name, freshness, &decided);
     if (!decided && SaysStaleHandle(found.status))
@@ -44,9 +70,7 @@ Task<Found> NameFinder::Find(NodePtr parent, std::string name, Freshness freshne
     Place place;
     if (!mount.table.PlaceIn(parent, name, &place))
         co_return Found::Failure(nt::STATUS_OBJECT_PATH_NOT_FOUND);
-    // What a share names one by one is followed, links as well.
-    const bool follow = place.share->Device().IsTagged() && mount.table.ShareRootOf(parent) == parent;
-    found = co_await FindByPath(place, follow);
+    found = co_await FindByPath(place, IsNamedOneByOne(parent, place));
     co_return found;
 }
 
@@ -65,8 +89,7 @@ void NameFinder::AskForNames(const DirectoryHandlePtr &directory)
     auto take = [asked = Node::Clock::now(),
                  weak = std::weak_ptr<DirectoryHandle>(directory)](const IoResult &result) {
         if (const DirectoryHandlePtr alive = weak.lock())
-            alive->Names().Answered(asked, result.Failed() ? ByteSpan{} : result.data,
-                                    alive->Share().HasIds());
+            alive->Names().Answered(asked, result.Failed() ? ByteSpan{} : result.data, alive->Share().Ids());
     };
     directory->Share().QueryDirectory(directory->FileId(), ListingClassOf(directory->Share()), true, u"*",
                                       std::move(take));
@@ -87,7 +110,7 @@ bool NameFinder::Recall(const NodePtr &parent, const std::string &name, const st
     if (!told || mount.ChangedBySelf(parent, name, told->asked))
         return false;
     const auto entry = told->names.find(ntName);
-    if (entry == told->names.end() || (entry->second.id == 0 && directory->Share().HasIds()))
+    if (entry == told->names.end() || (entry->second.mode == 0 && directory->Share().TellsIds()))
         return false;
     directory->Names().NoteUse();
     found->facts = entry->second;
@@ -121,10 +144,10 @@ Task<Found> NameFinder::FindByHandle(NodePtr parent, std::string name, Freshness
         *decided = true;
         co_return found;
     }
-    const bool hasIds = directory->Share().HasIds();
     const IoResult result = co_await SearchDirectory(directory->Share(), directory->FileId(), wanted);
     found.status = result.status;
-    if (!result.Failed() && !PickEntry(result.data, hasIds, wanted, &found.facts, &found.exact))
+    if (!result.Failed() &&
+        !PickEntry(result.data, directory->Share().Ids(), wanted, &found.facts, &found.exact))
         found.status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
     *decided = true;
     const nt::NTSTATUS checked = co_await AwaitChecked(directory);
@@ -157,6 +180,98 @@ Task<Found> NameFinder::FindByPath(Place place, bool follow)
     const uint32_t fileId = opened.fileId;
     found.status = co_await QueryFacts(*place.share, fileId, &found.facts);
     co_await CloseFile(*place.share, fileId);
+    co_return found;
+}
+
+// Of what is open by its handle, of others by their name, if it still leads to them.
+Task<Found> FactsFinder::FactsOf(NodePtr node, Freshness freshness)
+{
+    Found found;
+    found.asked = Node::Clock::now();
+    const std::shared_ptr<WriteBehind> writes = node->WritesIfAny();
+    co_await AwaitWrites(writes);
+    const OpenFilePtr file = node->opens.Any(false);
+    if (file) {
+        if (node->TakeFactsOfOpen(mount.UnwatchedSpan(), &found.facts, &found.asked))
+            co_return found;
+        const uint64_t asked = writes ? writes->Generation() : 0;
+        found.status = co_await QueryFacts(*file->share, file->fileId, &found.facts);
+        if (!nt::IsError(found.status) && writes)
+            writes->NoteFacts(found.facts, asked);
+        if (!nt::IsError(found.status) && mount.table.FileIdOf(node) == 0)
+            mount.table.SetFileId(node, found.facts.id);
+    } else {
+        found = co_await FactsByName(node, freshness);
+        if (SaysAbsent(found.status) && node->directory && mount.directories.Present(node))
+            found = co_await FactsOfDirectory(node);
+    }
+    if (!nt::IsError(found.status))
+        node->NoteFacts(found.facts);
+    co_return found;
+}
+
+Task<Found> FactsFinder::FactsByName(NodePtr node, Freshness freshness)
+{
+    NodePtr parent;
+    std::string name;
+    while (mount.table.ParentAndNameOf(node, &parent, &name) &&
+           !(mount.options.folders && parent == mount.table.Root())) {
+        Found found = co_await finder.FindPassing(parent, name, freshness);
+        if (nt::IsError(found.status) && !SaysAbsent(found.status))
+            co_return found;
+        const uint64_t known = mount.table.FileIdOf(node);
+        const bool same = !nt::IsError(found.status) && KindOf(found.facts) == node->kind &&
+                          (known == 0 || found.facts.id == known);
+        if (same) {
+            if (known == 0 && found.exact && found.facts.id != 0)
+                mount.table.SetFileId(node, found.facts.id);
+            node->NoteSeen(found.asked);
+            co_return found;
+        }
+        if (found.facts.id == 0 && !nt::IsError(found.status))
+            co_return Found::Failure(nt::STATUS_OBJECT_NAME_NOT_FOUND);
+        mount.LoseName(parent, name, node); // another of its names may still be its own
+    }
+    if (node->directory && (mount.table.ShareRootOf(node) == node || node->AnyListing())) {
+        const Found found = co_await FactsOfDirectory(node);
+        co_return found;
+    }
+    co_return Found::Failure(node == mount.table.Root() ? nt::STATUS_DEVICE_REMOVED
+                                                        : nt::STATUS_FILE_DELETED);
+}
+
+// By the folder's kept handle: of a share's root, which has no entry anywhere, and of what was moved.
+Task<Found> FactsFinder::FactsOfDirectory(NodePtr node)
+{
+    Found found;
+    found.asked = Node::Clock::now();
+    for (bool first = true;; first = false) {
+        const DirectoryHandlePtr kept = mount.directories.Present(node);
+        const std::shared_ptr<DirectoryListing> listing = kept || !first ? nullptr : node->AnyListing();
+        DirectoryHandlePtr directory = kept;
+        if (!directory && !listing) {
+            const auto [acquired, opened] = co_await mount.AwaitDirectory(node);
+            found.status = acquired;
+            directory = opened;
+        }
+        if (!directory && !listing) {
+            if (node == mount.table.Root())
+                found.status = nt::STATUS_DEVICE_REMOVED;
+            co_return found;
+        }
+        RemoteShare &share = directory ? directory->Share() : listing->Share();
+        found.status =
+            co_await QueryFacts(share, directory ? directory->FileId() : listing->FileId(), &found.facts);
+        if (directory && SaysStaleHandle(found.status))
+            mount.directories.Drop(node);
+        if (!first || !SaysStaleHandle(found.status))
+            break;
+    }
+    // The handle may be of another folder, which had the name when it was opened.
+    const uint64_t known = mount.table.FileIdOf(node);
+    if (!nt::IsError(found.status) && known != 0 && found.facts.id != known &&
+        mount.table.ShareRootOf(node) != node)
+        co_return Found::Failure(nt::STATUS_FILE_DELETED);
     co_return found;
 }
 

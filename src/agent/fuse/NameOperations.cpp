@@ -1,7 +1,6 @@
-#include "agent/fuse/NameOperations.h"
-
+#include "agent/fuse/Operations.h"
+#include "agent/fuse/PosixMapping.h"
 #include "agent/fuse/RemoteCalls.h"
-#include "agent/fuse/StatusErrno.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 #include "platform/NtReparse.h"
@@ -81,8 +80,8 @@ Detached NameOperations::Lookup(FuseCall::Ptr call, uint64_t parentId, std::stri
     }
     // What is being written is looked up as it will be.
     const NodePtr known = mount.table.Child(parent, name);
-    if (const std::shared_ptr<WriteBehind> writes = known ? known->WritesIfAny() : nullptr)
-        co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
+    if (known)
+        co_await AwaitWrites(known->WritesIfAny());
     Found found;
     const std::optional<FileFacts> ahead = mount.openedAhead.Look(parent, name);
     if (ahead) {
@@ -218,7 +217,8 @@ Task<Nothing> NameOperations::MakeSpecial(FuseCall::Ptr call, uint64_t parentId,
     const bool isFile = S_ISREG(mode);
     const std::vector<uint8_t> record =
         isFile ? std::vector<uint8_t>() : RecordOf(*place.share, mode, target);
-    if (!isFile && record.empty()) {
+    const bool unseen = S_ISLNK(mode) && place.share->LinksOfMount() != Links::Show;
+    if ((!isFile && record.empty()) || unseen) {
         call->Fail(EPERM);
         co_return Nothing{};
     }
@@ -246,7 +246,7 @@ Task<Nothing> NameOperations::MakeSpecial(FuseCall::Ptr call, uint64_t parentId,
 // The name is gone when this returns, whoever has the file open.
 Task<nt::NTSTATUS> NameOperations::RemoveAtOnce(Place place, NodePtr node, bool directory)
 {
-    const RemoteShare::CreateCall open = OpenToDelete(directory);
+    const RemoteShare::CreateCall open = OpenToDelete(*place.share, directory);
     const IoResult opened = co_await CreateFile(*place.share, open, place.path);
     if (opened.Failed())
         co_return opened.status;
@@ -272,8 +272,10 @@ Detached NameOperations::Unlink(FuseCall::Ptr call, uint64_t parentId, std::stri
             status = co_await RemoveAtOnce(place, node, false);
         if (!nt::IsError(status)) {
             mount.table.Remove(parent, name);
-            if (node)
-                mount.notifier.AttributesChanged(node->id); // its other names count one link less
+            if (node) { // its other names count one link less
+                node->NoteOwnChange();
+                mount.notifier.AttributesChanged(node->id);
+            }
         }
     } else {
         status = co_await hidden.RemoveFile(parent, name, place);
@@ -361,8 +363,10 @@ void NameOperations::NoteMoved(const Moving &moving, const NodePtr &node, uint64
     }
     // The kernel goes on believing the name for as long as it was told in the old folder.
     mount.notifier.NameChanged(moving.newParent->id, moving.newName);
-    if (target)
-        mount.notifier.AttributesChanged(target->id); // it has a link less
+    if (target) { // it has a link less
+        target->NoteOwnChange();
+        mount.notifier.AttributesChanged(target->id);
+    }
 }
 
 Task<nt::NTSTATUS> NameOperations::TryMoveAtOnce(Moving moving, bool replace)
@@ -372,7 +376,7 @@ Task<nt::NTSTATUS> NameOperations::TryMoveAtOnce(Moving moving, bool replace)
     if (!folder)
         co_return acquired;
     const NodePtr node = mount.table.Child(moving.parent, moving.name);
-    RemoteShare::CreateCall open = OpenToDelete(node && node->directory);
+    RemoteShare::CreateCall open = OpenToDelete(share, node && node->directory);
     if (!node)
         open.createOptions = nt::FILE_OPEN_REPARSE_POINT;
     const IoResult opened = co_await CreateFile(share, open, moving.source.path);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <sys/stat.h>
+#include <vector>
 
 namespace fodr::agent {
 
@@ -237,6 +238,49 @@ std::shared_ptr<WriteBehind> Node::WritesIfAny() const
 {
     const MutexLock held(factsLock);
     return writes;
+}
+
+bool NameGate::Admit(Entry entry)
+{
+    if (alone || (entry == Entry::Alone && inside != 0))
+        return false;
+    ++inside;
+    alone = entry == Entry::Alone;
+    return true;
+}
+
+bool NameGate::TryEnter(Entry entry)
+{
+    const MutexLock held(lock);
+    return waiting.empty() && Admit(entry);
+}
+
+void NameGate::Enter(Entry entry, Waiter waiter)
+{
+    {
+        const MutexLock held(lock);
+        if (!waiting.empty() || !Admit(entry)) {
+            waiting.push_back({entry, std::move(waiter)});
+            return;
+        }
+    }
+    waiter();
+}
+
+void NameGate::Leave(Entry entry)
+{
+    std::vector<Waiter> admitted;
+    {
+        const MutexLock held(lock);
+        --inside;
+        alone = alone && entry != Entry::Alone;
+        while (!waiting.empty() && Admit(waiting.front().entry)) {
+            admitted.push_back(std::move(waiting.front().waiter));
+            waiting.pop_front();
+        }
+    }
+    for (Waiter &waiter : admitted)
+        waiter();
 }
 
 } // namespace fodr::agent

@@ -390,18 +390,6 @@ std::vector<std::pair<std::string, NodePtr>> NodeTable::ChildrenOf(const NodePtr
 
 // ---- Shares ----
 
-void NodeTable::SetRootShare(std::shared_ptr<RemoteShare> share)
-{
-    const MutexLock held(lock);
-    root->shareRoot = std::move(share);
-}
-
-std::shared_ptr<RemoteShare> NodeTable::RootShare() const
-{
-    const MutexLock held(lock);
-    return root->shareRoot;
-}
-
 bool NodeTable::AddShareFolder(const std::string &name, std::shared_ptr<RemoteShare> share)
 {
     const MutexLock held(lock);

@@ -72,13 +72,21 @@ public:
     std::vector<std::pair<std::string, NodePtr>> ChildrenOf(const NodePtr &node) const;
 
     // Where shares are: the root itself, or a folder in it.
-    void SetRootShare(std::shared_ptr<RemoteShare> share);
+    void SetRootShare(std::shared_ptr<RemoteShare> share)
+    {
+        const MutexLock held(lock);
+        root->shareRoot = std::move(share);
+    }
     // False when the name is taken.
     [[nodiscard]] bool AddShareFolder(const std::string &name, std::shared_ptr<RemoteShare> share);
     // The folder's name, or empty when the share has none.
     std::string RemoveShareFolder(uint32_t deviceId);
     std::vector<std::string> ShareFolders() const;
-    std::shared_ptr<RemoteShare> RootShare() const;
+    std::shared_ptr<RemoteShare> RootShare() const
+    {
+        const MutexLock held(lock);
+        return root->shareRoot;
+    }
     // A share's folder, with one more lookup. Null when there is none of the name.
     NodePtr ReachShareFolder(const std::string &name);
 

@@ -1,5 +1,4 @@
-#include "agent/fuse/RangeOperations.h"
-
+#include "agent/fuse/Operations.h"
 #include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
 
@@ -18,12 +17,6 @@ namespace {
 template <class Record> ByteSpan BytesOf(const Record &record)
 {
     return {reinterpret_cast<const uint8_t *>(&record), sizeof(record)};
-}
-
-Task<Nothing> AwaitWrites(std::shared_ptr<WriteBehind> writes)
-{
-    co_await AwaitCall([&](InlineFunction<void()> done) { writes->WhenDone(std::move(done)); });
-    co_return Nothing{};
 }
 
 // Where data, or a hole, is next in a file of `end` bytes. The end counts as a hole.
@@ -78,10 +71,7 @@ Task<nt::NTSTATUS> RangeOperations::Grow(OpenFilePtr file, uint64_t size)
     const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);
     if (nt::IsError(status) || (facts.endOfFile >= 0 && static_cast<uint64_t>(facts.endOfFile) >= size))
         co_return status;
-    std::array<uint8_t, 8> record;
-    StoreLittle(record.data(), size);
-    const IoResult result =
-        co_await SetFile(*file->share, file->fileId, nt::FileEndOfFileInformation, record);
+    const IoResult result = co_await SetEndOfFile(*file->share, file->fileId, size);
     co_return result.status;
 }
 

@@ -32,11 +32,11 @@ RecentNames::ToldPtr RecentNames::Recall(Clock::time_point now, Clock::duration 
     return nullptr;
 }
 
-void RecentNames::Answered(Clock::time_point asked, ByteSpan answer, bool hasIds)
+void RecentNames::Answered(Clock::time_point asked, ByteSpan answer, FileIds ids)
 {
     auto names = std::make_shared<Told>();
     names->asked = asked;
-    DirectoryReader reader(answer, hasIds);
+    DirectoryReader reader(answer, ids);
     std::u16string name;
     for (DirectoryReader::Entry entry; reader.Next(&entry);) {
         entry.CopyName(&name);

@@ -31,7 +31,7 @@ public:
     // A lookup was answered from it.
     void NoteUse() { ++uses; }
     // `answer` lists entries, with ids or without (DirectoryReader); empty when there was none.
-    void Answered(Clock::time_point asked, ByteSpan answer, bool hasIds);
+    void Answered(Clock::time_point asked, ByteSpan answer, FileIds ids);
     // What was asked for until now doesn't count.
     void Forget(Clock::time_point now);
 

@@ -5,6 +5,8 @@
 #include "agent/fuse/Node.h"
 #include "platform/NtRecords.h"
 
+#include <array>
+
 namespace fodr::agent {
 
 inline auto CreateFile(RemoteShare &share, const RemoteShare::CreateCall &call, const std::u16string &path)
@@ -31,6 +33,14 @@ inline auto SetFile(RemoteShare &share, uint32_t fileId, uint32_t informationCla
 {
     return AwaitIo([&share, fileId, informationClass, record](IoHandler done) {
         share.SetInformation(fileId, informationClass, record, std::move(done));
+    });
+}
+inline auto SetEndOfFile(RemoteShare &share, uint32_t fileId, uint64_t size)
+{
+    std::array<uint8_t, sizeof(size)> record;
+    StoreLittle(record.data(), size);
+    return AwaitIo([&share, fileId, record](IoHandler done) {
+        share.SetInformation(fileId, nt::FileEndOfFileInformation, record, std::move(done));
     });
 }
 inline auto RenameFile(RemoteShare &share, uint32_t fileId, const std::u16string &target, bool replace)
@@ -78,7 +88,7 @@ inline auto DeleteFile(RemoteShare &share, uint32_t fileId)
 // The class of listings whose entries tell the most.
 inline uint32_t ListingClassOf(const RemoteShare &share)
 {
-    return share.HasIds() ? nt::FileBothDirectoryInformation : nt::FileFullDirectoryInformation;
+    return share.TellsIds() ? nt::FileBothDirectoryInformation : nt::FileFullDirectoryInformation;
 }
 inline auto SearchDirectory(RemoteShare &share, uint32_t fileId, const std::u16string &name)
 {
@@ -108,20 +118,33 @@ inline auto ControlFile(RemoteShare &share, uint32_t fileId, uint32_t code, Byte
 // What an open file is: of hosts that tell it, with its id.
 inline uint32_t FactsClassOf(const RemoteShare &share)
 {
-    return share.HasIds() ? nt::FileStatLxInformation : nt::FileNetworkOpenInformation;
+    return share.TellsIds() ? nt::FileStatLxInformation : nt::FileNetworkOpenInformation;
 }
 inline nt::NTSTATUS TakeFacts(const RemoteShare &share, const IoResult &result, FileFacts *facts)
 {
     if (result.Failed())
         return result.status;
-    const bool whole = share.HasIds() ? ReadStatInformation(result.data, facts)
-                                      : ReadNetworkOpenInformation(result.data, facts);
+    const bool whole = share.TellsIds() ? ReadStatInformation(result.data, facts)
+                                        : ReadNetworkOpenInformation(result.data, facts);
+    if (!share.HasIds())
+        facts->DropId();
     return whole ? nt::STATUS_SUCCESS : STATUS_INVALID_NETWORK_RESPONSE;
 }
 inline Task<nt::NTSTATUS> QueryFacts(RemoteShare &share, uint32_t fileId, FileFacts *facts)
 {
     const IoResult result = co_await QueryFile(share, fileId, FactsClassOf(share));
     co_return TakeFacts(share, result, facts);
+}
+
+// Until nothing of the file is on its way to the host; `writes` may be null.
+inline auto AwaitWrites(std::shared_ptr<WriteBehind> writes)
+{
+    return AwaitCall([writes = std::move(writes)](InlineFunction<void()> done) {
+        if (writes)
+            writes->WhenDone(std::move(done));
+        else
+            done();
+    });
 }
 
 // The facts of an open file, asked for while something else is asked of it.

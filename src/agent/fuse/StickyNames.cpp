@@ -16,12 +16,14 @@ bool IsRefusal(nt::NTSTATUS status)
 
 } // namespace
 
-RemoteShare::CreateCall OpenToDelete(bool directory)
+RemoteShare::CreateCall OpenToDelete(const RemoteShare &share, bool directory)
 {
+    uint32_t kind = directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE;
+    if (share.LinksOfMount() == Links::Follow) // a link may be shown as a folder
+        kind = 0;
     return {.desiredAccess = nt::DELETE_ACCESS | nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
             .createDisposition = nt::FILE_OPEN,
-            .createOptions = nt::FILE_OPEN_REPARSE_POINT |
-                             (directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE)};
+            .createOptions = nt::FILE_OPEN_REPARSE_POINT | kind};
 }
 
 StickyNames::StickyNames(MountState &mountState, NameFinder &nameFinder)
@@ -76,7 +78,7 @@ Task<nt::NTSTATUS> StickyNames::DeleteOpened(const Place &place, uint32_t fileId
 // Not by the close: a folder that isn't empty would stay there without a word.
 Task<nt::NTSTATUS> StickyNames::DeleteDirectory(Place place)
 {
-    const RemoteShare::CreateCall open = OpenToDelete(true);
+    const RemoteShare::CreateCall open = OpenToDelete(*place.share, true);
     for (bool first = true;; first = false) {
         const IoResult opened = co_await CreateFile(*place.share, open, place.path);
         nt::NTSTATUS status = opened.status;
@@ -93,7 +95,7 @@ Task<nt::NTSTATUS> StickyNames::DeleteDirectory(Place place)
 // Opens what is to be deleted with that handle's close.
 Task<IoResult> StickyNames::OpenForDeletion(const Place &place)
 {
-    RemoteShare::CreateCall open = OpenToDelete(false);
+    RemoteShare::CreateCall open = OpenToDelete(*place.share, false);
     open.createOptions |= nt::FILE_DELETE_ON_CLOSE;
     IoResult opened = co_await CreateFile(*place.share, open, place.path);
     if (opened.status == nt::STATUS_CANNOT_DELETE) {
@@ -121,7 +123,7 @@ Task<nt::NTSTATUS> StickyNames::DeleteOpenFile(NodePtr parent, std::string name,
 {
     const GateHold alone = co_await PassGate(parent, NameGate::Entry::Alone);
     const std::u16string shown = place.path;
-    const RemoteShare::CreateCall open = OpenToDelete(false);
+    const RemoteShare::CreateCall open = OpenToDelete(*place.share, false);
     const IoResult opened = co_await CreateFile(*place.share, open, place.path);
     if (opened.Failed())
         co_return opened.status;
@@ -191,7 +193,7 @@ Task<nt::NTSTATUS> StickyNames::RenameOverOpenFile(Moving moving, NodePtr target
 {
     const GateHold alone = co_await PassGate(moving.newParent, NameGate::Entry::Alone);
     RemoteShare &share = *moving.target.share;
-    const RemoteShare::CreateCall open = OpenToDelete(false);
+    const RemoteShare::CreateCall open = OpenToDelete(share, false);
     const IoResult opened = co_await CreateFile(share, open, moving.target.path);
     if (opened.Failed())
         co_return opened.status;
@@ -280,7 +282,7 @@ Task<nt::NTSTATUS> StickyNames::Move(Moving moving, bool replace)
     co_await ClearTheWay(node);
     co_await ClearTheWay(mount.table.Child(moving.newParent, moving.newName));
     // What is said to be a file or a folder is looked at by the device filter.
-    RemoteShare::CreateCall open = OpenToDelete(node && node->directory);
+    RemoteShare::CreateCall open = OpenToDelete(*moving.source.share, node && node->directory);
     if (!node)
         open.createOptions = nt::FILE_OPEN_REPARSE_POINT;
     const IoResult opened = co_await CreateFile(*moving.source.share, open, moving.source.path);

@@ -14,7 +14,7 @@ struct Moving { // a rename
 };
 
 // A link is removed and renamed itself, not what it leads to.
-RemoteShare::CreateCall OpenToDelete(bool directory);
+RemoteShare::CreateCall OpenToDelete(const RemoteShare &share, bool directory);
 
 class StickyNames {
 public:

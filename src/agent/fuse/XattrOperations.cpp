@@ -1,7 +1,6 @@
-#include "agent/fuse/XattrOperations.h"
-
+#include "agent/fuse/Operations.h"
+#include "agent/fuse/PosixMapping.h"
 #include "agent/fuse/RemoteCalls.h"
-#include "agent/fuse/StatusErrno.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
@@ -52,19 +51,26 @@ int ErrnoOfStream(nt::NTSTATUS status)
 {
     if (status == nt::STATUS_OBJECT_NAME_INVALID) // no streams there
         return EOPNOTSUPP;
+    if (status == nt::STATUS_FILE_DELETED) // another file has the name
+        return ESTALE;
     return SaysAbsent(status) ? ENODATA : ErrnoOfStatus(status);
 }
 
 } // namespace
 
-Task<bool> XattrOperations::Locate(FuseCall::Ptr call, NodePtr node, Use use, Place *place)
+// False: the call is answered. `attribute` is empty where all are meant.
+Task<bool> XattrOperations::Locate(FuseCall::Ptr call, NodePtr node, std::string attribute, Use use,
+                                   Place *place)
 {
+    const bool isOthers = !attribute.empty() && !IsUsers(attribute);
     NodePtr parent;
     std::string name;
-    if (node && mount.table.ParentAndNameOf(node, &parent, &name))
+    if (!isOthers && node && mount.table.ParentAndNameOf(node, &parent, &name))
         co_await places.Confirm(parent);
     int error = 0;
-    if (!node || !mount.table.PlaceOf(node, place))
+    if (isOthers)
+        error = EOPNOTSUPP;
+    else if (!node || !mount.table.PlaceOf(node, place))
         error = node && node == mount.table.Root() ? EOPNOTSUPP : ESTALE;
     else if (use == Use::Changes && place->share->Device().IsReadOnly())
         error = EROFS;
@@ -84,15 +90,25 @@ Task<IoResult> XattrOperations::OpenStream(NodePtr node, Place place, std::strin
     co_return IoResult{.status = opened.status, .fileId = opened.fileId, .information = opened.information};
 }
 
+// Before a change: whether the stream that was opened is of the node's file.
+Task<nt::NTSTATUS> XattrOperations::CheckFile(NodePtr node, std::shared_ptr<RemoteShare> share,
+                                              uint32_t fileId)
+{
+    const uint64_t known = mount.table.FileIdOf(node);
+    if (known == 0 || !share->HasIds())
+        co_return nt::STATUS_SUCCESS;
+    const IoResult told = co_await QueryFile(*share, fileId, nt::FileInternalInformation);
+    if (told.Failed())
+        co_return told.status;
+    const bool same = told.data.size() >= sizeof(known) && LoadLittle<uint64_t>(told.data.data()) == known;
+    co_return same ? nt::STATUS_SUCCESS : nt::STATUS_FILE_DELETED;
+}
+
 Detached XattrOperations::Get(FuseCall::Ptr call, uint64_t nodeId, std::string name, size_t room)
 {
     const NodePtr node = mount.table.Find(nodeId);
     Place place;
-    if (!IsUsers(name)) {
-        call->Fail(EOPNOTSUPP);
-        co_return;
-    }
-    if (!co_await Locate(call, node, Use::Reads, &place))
+    if (!co_await Locate(call, node, name, Use::Reads, &place))
         co_return;
     const IoResult opened = co_await OpenStream(
         node, place, name, {.desiredAccess = nt::FILE_READ_DATA, .createDisposition = nt::FILE_OPEN});
@@ -119,7 +135,7 @@ Detached XattrOperations::List(FuseCall::Ptr call, uint64_t nodeId, size_t room)
 {
     const NodePtr node = mount.table.Find(nodeId);
     Place place;
-    if (!co_await Locate(call, node, Use::Reads, &place))
+    if (!co_await Locate(call, node, {}, Use::Reads, &place))
         co_return;
     const RemoteShare::CreateCall open = {
         .desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
@@ -156,23 +172,21 @@ Detached XattrOperations::List(FuseCall::Ptr call, uint64_t nodeId, size_t room)
 Task<nt::NTSTATUS> XattrOperations::Store(NodePtr node, Place place, std::string name,
                                           std::vector<uint8_t> value, uint32_t disposition)
 {
-    const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_WRITE_DATA | nt::DELETE_ACCESS,
+    const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_WRITE_DATA | nt::FILE_READ_ATTRIBUTES |
+                                                           nt::DELETE_ACCESS,
                                           .createDisposition = disposition};
     const IoResult opened = co_await OpenStream(node, place, name, open);
     if (opened.Failed())
         co_return opened.status;
     const bool isNew = opened.information == nt::FILE_CREATED;
-    nt::NTSTATUS status = nt::STATUS_SUCCESS;
-    if (!value.empty()) {
+    nt::NTSTATUS status = co_await CheckFile(node, place.share, opened.fileId);
+    if (!value.empty() && !nt::IsError(status)) {
         const IoResult written = co_await AwaitIo(
             [&](IoHandler done) { place.share->Write(opened.fileId, 0, value, std::move(done)); });
         status = written.status;
     }
     if (!isNew && !nt::IsError(status)) {
-        std::array<uint8_t, 8> size;
-        StoreLittle<uint64_t>(size.data(), value.size());
-        const IoResult cut =
-            co_await SetFile(*place.share, opened.fileId, nt::FileEndOfFileInformation, size);
+        const IoResult cut = co_await SetEndOfFile(*place.share, opened.fileId, value.size());
         status = cut.status;
     }
     if (isNew && nt::IsError(status))
@@ -187,11 +201,7 @@ Detached XattrOperations::Set(FuseCall::Ptr call, uint64_t nodeId, std::string n
 {
     const NodePtr node = mount.table.Find(nodeId);
     Place place;
-    if (!IsUsers(name)) {
-        call->Fail(EOPNOTSUPP);
-        co_return;
-    }
-    if (!co_await Locate(call, node, Use::Changes, &place))
+    if (!co_await Locate(call, node, name, Use::Changes, &place))
         co_return;
     if (IsShort(name) && !value.empty() && value.back() == 0)
         value.pop_back();
@@ -223,21 +233,20 @@ Detached XattrOperations::Remove(FuseCall::Ptr call, uint64_t nodeId, std::strin
 {
     const NodePtr node = mount.table.Find(nodeId);
     Place place;
-    if (!IsUsers(name)) {
-        call->Fail(EOPNOTSUPP);
-        co_return;
-    }
-    if (!co_await Locate(call, node, Use::Changes, &place))
+    if (!co_await Locate(call, node, name, Use::Changes, &place))
         co_return;
     node->NoteOwnChange();
-    const IoResult opened = co_await OpenStream(node, place, name,
-                                                {.desiredAccess = nt::DELETE_ACCESS,
-                                                 .createDisposition = nt::FILE_OPEN,
-                                                 .createOptions = nt::FILE_DELETE_ON_CLOSE});
+    const RemoteShare::CreateCall open = {.desiredAccess = nt::DELETE_ACCESS | nt::FILE_READ_ATTRIBUTES,
+                                          .createDisposition = nt::FILE_OPEN};
+    const IoResult opened = co_await OpenStream(node, place, name, open);
     nt::NTSTATUS status = opened.status;
     if (!opened.Failed()) {
-        const IoResult closed = co_await CloseFile(*place.share, opened.fileId);
-        status = closed.status;
+        status = co_await CheckFile(node, place.share, opened.fileId);
+        if (!nt::IsError(status)) {
+            const IoResult doomed = co_await DeleteFile(*place.share, opened.fileId);
+            status = doomed.status;
+        }
+        co_await CloseFile(*place.share, opened.fileId);
     }
     node->NoteOwnChange();
     call->Fail(ErrnoOfStream(status));

@@ -3,8 +3,7 @@
 #include "platform/Process.h"
 #include "plugin/FodrClient.h"
 #include "plugin/Registration.h"
-#include "runtime/FunctionTrace.h"
-#include "runtime/NoThrow.h"
+#include "runtime/LogCall.h"
 
 #include <cstdio>
 

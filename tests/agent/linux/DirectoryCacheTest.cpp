@@ -1,7 +1,7 @@
 // Open folders that a lost connection takes along.
 #include "agent/fuse/DirectoryCache.h"
 
-#include "agent/AgentStatus.h"
+#include "agent/IoResult.h"
 #include "agent/ScriptedPlugin.h"
 #include "platform/NtRecords.h"
 

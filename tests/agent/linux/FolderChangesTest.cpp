@@ -144,5 +144,17 @@ TEST_F(Changes, BetweenFoldersInWhicheverOrderTheyAreSeen)
     EXPECT_EQ(Spelled(changes.Take()), "moved a to c; removed b");
 }
 
+TEST_F(Changes, ANameThatComesAndGoesBetweenTellingsIsNone)
+{
+    Compare(folder, "", "beside=2");
+    Compare(folder, "beside=2", "");
+    Compare(other, "kept=1", "kept=2");
+    EXPECT_EQ(Spelled(changes.Take()), "replaced kept");
+    Compare(folder, "a=1", "");
+    Compare(folder, "", "a=1 b=2");
+    Compare(folder, "a=1 b=2", "a=1 c=2");
+    EXPECT_EQ(Spelled(changes.Take()), "made c");
+}
+
 } // namespace
 } // namespace fodr::agent

@@ -1,9 +1,8 @@
 // What the kernel knows: places of nodes through renames, facts as POSIX shows them, statuses as errnos.
-#include "agent/AgentStatus.h"
+#include "agent/IoResult.h"
 #include "agent/ScriptedPlugin.h"
-#include "agent/fuse/Attributes.h"
 #include "agent/fuse/NodeTable.h"
-#include "agent/fuse/StatusErrno.h"
+#include "agent/fuse/PosixMapping.h"
 #include "platform/Nt.h"
 #include "rdpdr/wire/WireLayout.h"
 

@@ -39,7 +39,7 @@ protected:
         asks = mayAsk;
         return names.Recall(At(at), kSpan, &asks) != nullptr;
     }
-    void Answer(int asked) { names.Answered(At(asked), Listing({u"a", u"other"}), false); }
+    void Answer(int asked) { names.Answered(At(asked), Listing({u"a", u"other"}), FileIds::None); }
     static RecentNames::Clock::time_point At(int at)
     {
         return RecentNames::Clock::time_point(seconds(1000 + at));
@@ -110,11 +110,11 @@ TEST_F(RecentNamesTest, DontOutliveAChange)
     names.Forget(At(6));
     EXPECT_TRUE(told->forgotten); // for who still has it
     EXPECT_FALSE(Serves(6));
-    names.Answered(At(7), {}, false); // the folder can't be listed
+    names.Answered(At(7), {}, FileIds::None); // the folder can't be listed
     EXPECT_FALSE(Serves(7));
     std::vector<uint8_t> torn = Listing({u"a", u"other"});
     torn.resize(torn.size() - 1);
-    names.Answered(At(8), torn, false);
+    names.Answered(At(8), torn, FileIds::None);
     EXPECT_FALSE(Serves(8));
 }
 

@@ -1,5 +1,3 @@
-#include "logging/FodrLogger.h"
-
 #include "SettingsFixture.h"
 #include "WholeFile.h"
 #include "logging/LoggerManager.h"

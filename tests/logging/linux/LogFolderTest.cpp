@@ -1,7 +1,6 @@
-#include "logging/LogFolder.h"
-
 #include "RealMount.h"
 #include "logging/DirectFileWriter.h"
+#include "logging/FileWriter.h"
 #include "logging/LoggerManager.h"
 
 #include <pwd.h>

@@ -4,8 +4,8 @@
 #include "SettingsFixture.h"
 #include "logging/Logger.h"
 #include "logging/LoggerManager.h"
+#include "logging/LoggerSettings.h"
 #include "logging/MemorySink.h"
-#include "logging/RegSettingsReader.h"
 
 #include <gtest/gtest.h>
 #include <sstream>

@@ -1,9 +1,9 @@
 // What arrives at a receiver of datagrams.
 #include "DatagramReceiver.h"
+#include "logging/LogSinks.h"
 #include "logging/Logger.h"
 #include "logging/LoggerManager.h"
 #include "logging/Messages.h"
-#include "logging/SocketWriter.h"
 
 #include <unistd.h>
 

@@ -2,7 +2,6 @@
 
 #include "SettingsFixture.h"
 #include "runtime/CapturedLog.h"
-#include "runtime/OVRegValue.h"
 
 #include <gtest/gtest.h>
 #include <optional>

@@ -1,7 +1,6 @@
-#include "runtime/OVRegKeyWatcher.h"
-
 #include "SettingsFixture.h"
 #include "runtime/CapturedLog.h"
+#include "runtime/OVRegKey.h"
 #include "runtime/PollItems.h"
 
 #include <cstdlib>

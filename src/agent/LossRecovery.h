@@ -1,9 +1,11 @@
-// Whether an append was done whose answer a lost connection took along. It is looked for in the file: behind
-// the size that the file had before.
+// What becomes of open files after a lost connection. They are opened again, each known to be the same file;
+// and an append whose answer was lost is looked for in the file, behind the size that it had before.
 #pragma once
 
+#include "agent/Coroutine.h"
 #include "agent/FileFacts.h"
 #include "agent/RemoteShare.h"
+#include "agent/RequestTable.h"
 
 #include <string_view>
 #include <unordered_set>
@@ -54,5 +56,16 @@ struct AppendFound {
 constexpr uint64_t kMostSearched = 4 << 20;
 void LookForAppend(std::shared_ptr<RemoteShare> share, uint32_t fileId, const AppendFloor &floor,
                    ByteSpan bytes, InlineFunction<void(const AppendFound &)> handler);
+
+class RdpdrClient;
+
+// Opens a file again over a new connection, and makes sure that it is the same one. `release` gets what
+// waited for the file. Returns as soon as the first request is sent; both outlive it.
+void ReopenFile(RdpdrClient &client, RequestTable &requests, uint32_t fileId,
+                InlineFunction<void(RequestTable::Released)> release);
+
+// Whether the handle is of the file that was open: STATUS_SUCCESS, STATUS_FILE_INVALID for another, or why it
+// can't be told. All arguments outlive the wait.
+Task<nt::NTSTATUS> CheckIdentity(RemoteShare &share, uint32_t fileId, IReopen &reopen);
 
 } // namespace fodr::agent

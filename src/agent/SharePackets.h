@@ -1,7 +1,11 @@
 // Goes through the packets that announce and remove shares, without leaving them.
 #pragma once
 
+#include "agent/ClientOptions.h"
 #include "agent/RdpdrClient.h"
+
+#include <cstdint>
+#include <vector>
 
 namespace fodr::agent {
 
@@ -33,5 +37,11 @@ private:
     uint32_t left = 0;
     bool malformed = false;
 };
+
+// The policy packet that tells the plug-in what it may share.
+
+// The whole packet in the form that `version` calls for: from 5 on the folders are counted and the device
+// filter follows.
+std::vector<uint8_t> MakePolicyPacket(const PolicyOptions &options, uint16_t version);
 
 } // namespace fodr::agent

@@ -1,17 +1,90 @@
-#include "logging/SocketWriter.h"
+#include "logging/LogSinks.h"
 
 #include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
+#include "logging/FileWriter.h"
 #include "logging/Logger.h"
 #include "platform/Process.h"
+#include "runtime/LogCall.h"
 #include "runtime/OVSocket.h"
-#include "runtime/SettingNumber.h"
+#include "runtime/OVTimer.h"
 #include "runtime/StringUtils.h"
-#include "runtime/TimeFormat.h"
 
+#include <algorithm>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 namespace fodr {
+
+bool StdOutWriter::WriteMessage(const LogMessage &message)
+{
+    platform::WriteStandardOutput(message.TextToWrite()); // whoever reads along sees the line now
+    return true;
+}
+
+bool StdErrWriter::WriteMessage(const LogMessage &message)
+{
+    const char *text = message.TextToWrite();
+    platform::WriteStandardError(text, strlen(text));
+    return true;
+}
+
+bool DebugWriter::WriteMessage(const LogMessage &message)
+{
+    platform::DebugOutput(message.TextToWrite());
+    return true;
+}
+
+// ---- Through a function of the process ----
+
+namespace {
+
+constexpr std::string_view kPrefix = "@PROXY/";
+
+} // namespace
+
+bool ProxyWriter::OpenSink()
+{
+    return true;
+}
+
+bool ProxyWriter::WriteMessage(const LogMessage &message)
+{
+    if (!logFunction)
+        return false;
+    std::string_view text = message.TextToWrite(); // ends with a zero, as does every end of it
+    if (!text.starts_with(kPrefix)) {
+        text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+        logFunction("", LOG_LEVEL_ALWAYS, "%s", text.data());
+        return true;
+    }
+    text.remove_prefix(kPrefix.size());
+    if (text.empty())
+        return false;
+    int32_t level = text.front() - '0';
+    text.remove_prefix(1);
+    size_t end = text.find('/'); // a name that holds one is cut there
+    if (end == std::string_view::npos)
+        return false;
+    std::string functionName(text.substr(0, end));
+    logFunction(functionName.c_str(), level, "%s", text.substr(end + 1).data());
+    return true;
+}
+
+bool ProxyWriter::CloseSink()
+{
+    logFunction = nullptr;
+    return true;
+}
+
+int ProxyWriter::FormatPrefix(char *buffer, size_t size, const char *functionName, int32_t level)
+{
+    return StringUtils::FormatBuffer(buffer, size, "%s%c%s%c", kPrefix.data(), '0' + level,
+                                     functionName ? functionName : "", '/');
+}
+
+// ---- Syslog ----
 
 namespace {
 
@@ -100,6 +173,26 @@ int SocketWriter::FormatPrefix(char *buffer, size_t size, const char *, int32_t)
     StringUtils::FormatTimeStamp(stamp, sizeof(stamp), true);
     return StringUtils::FormatBuffer(buffer, size, "<1>1 %s %s %s - - ", stamp, HostName().c_str(),
                                      appName.c_str());
+}
+
+RCPtr<LogWriter> NewLogWriter(int32_t type)
+{
+    switch (type) {
+    case LOG_WRITER_DEBUG:
+        return new DebugWriter;
+    case LOG_WRITER_FILE:
+        return new FileWriter;
+    case LOG_WRITER_PROXY:
+        return new ProxyWriter;
+    case LOG_WRITER_SOCKET:
+        return new SocketWriter;
+    case LOG_WRITER_STDOUT:
+        return new StdOutWriter;
+    case LOG_WRITER_STDERR:
+        return new StdErrWriter;
+    default:
+        return nullptr;
+    }
 }
 
 } // namespace fodr
