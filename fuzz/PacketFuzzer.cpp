@@ -6,7 +6,7 @@
 // their top bit is set, count the shares and the open files, so that the fuzzer needn't guess numbers.
 #include "FuzzFolder.h"
 #include "rdpdr/RdpdrChannelManager.h"
-#include "rdpdr/wire/IRdpdrChannel.h"
+#include "rdpdr/wire/RdpdrStream.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -5,7 +5,7 @@
 // how much the stated length differs, kind of path, a byte of length and that many of path.
 #include "FuzzFolder.h"
 #include "rdpdr/RdpdrChannelManager.h"
-#include "rdpdr/wire/IRdpdrChannel.h"
+#include "rdpdr/wire/RdpdrStream.h"
 
 #include <atomic>
 #include <chrono>

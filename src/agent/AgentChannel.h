@@ -5,7 +5,7 @@
 #include "agent/ClientOptions.h"
 #include "agent/IoResult.h"
 #include "agent/SideListener.h"
-#include "rdpdr/wire/PacketKind.h"
+#include "rdpdr/wire/PacketWords.h"
 #include "transport/FrameConnection.h"
 
 #include <array>

@@ -36,7 +36,7 @@ enum class SideChannel {
 };
 
 // What the mount makes of symbolic links.
-enum class Links {
+enum class LinkView {
     Show,   // they are links
     Follow, // the host follows them: what they lead to is shown in their place
     Hide,
@@ -52,7 +52,7 @@ struct ClientOptions {
     PolicyOptions policy;
     SideChannel sideChannel = SideChannel::None;
     std::string sideChannelAddress = "127.0.0.1"; // to listen on; empty: all
-    Links links = Links::Show;
+    LinkView links = LinkView::Show;
     unsigned ioTimeoutSeconds = 10; // without a completion for so long a request fails; 0: never
     // Requests and shares outlive a connection: what can wait does so for the next one, within its time.
     bool outlivesConnections = false;

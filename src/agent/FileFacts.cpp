@@ -3,8 +3,8 @@
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 #include "platform/NtRecords.h"
-#include "rdpdr/wire/IoRecords.h"
 #include "rdpdr/wire/RdpdrConstants.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 
 #include <cstring>
 

@@ -1,6 +1,6 @@
 #include "agent/IoResult.h"
 
-#include "rdpdr/wire/IoRecords.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 
 namespace fodr::agent {
 namespace {

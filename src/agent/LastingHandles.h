@@ -3,7 +3,7 @@
 #pragma once
 
 #include "agent/FileFacts.h"
-#include "rdpdr/wire/IoRecords.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 
 #include <cstdint>
 #include <memory>

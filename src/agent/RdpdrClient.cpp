@@ -2,7 +2,7 @@
 
 #include "agent/LossRecovery.h"
 #include "agent/SharePackets.h"
-#include "rdpdr/wire/HandshakeRecords.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 #include "runtime/LogCall.h"
 
 #include <algorithm>

@@ -5,7 +5,7 @@
 
 #include "agent/AgentChannel.h"
 #include "agent/RequestTable.h"
-#include "rdpdr/wire/IoRecords.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 
 #include <array>
 #include <atomic>
@@ -86,7 +86,7 @@ public:
     bool KeepsRequests() const { return options.outlivesConnections; }
 
     bool ListsSeveral() const { return options.multiEntryDirectoryQuery; }
-    Links LinksOfMount() const { return options.links; }
+    LinkView LinksOfMount() const { return options.links; }
     // The present or the last connection's.
     std::shared_ptr<AgentChannel> Channel() const;
     const RequestTable &Requests() const { return requests; }

@@ -29,13 +29,13 @@ public:
     bool Has(uint32_t feature) const { return (features & feature) != 0; }
     // Whether one answer lists several entries.
     bool ListsSeveral() const { return client.ListsSeveral(); }
-    Links LinksOfMount() const { return client.LinksOfMount(); }
+    LinkView LinksOfMount() const { return client.LinksOfMount(); }
     // Where links are followed, one folder can be in several places. So nothing goes by ids.
     FileIds Ids() const
     {
         if (!Has(nt::FODR_HOST_FILE_IDS))
             return FileIds::None;
-        return LinksOfMount() == Links::Follow ? FileIds::Dropped : FileIds::Known;
+        return LinksOfMount() == LinkView::Follow ? FileIds::Dropped : FileIds::Known;
     }
     bool HasIds() const { return Ids() == FileIds::Known; }
     bool TellsIds() const { return Ids() != FileIds::None; }

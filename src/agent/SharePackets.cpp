@@ -1,6 +1,6 @@
 #include "agent/SharePackets.h"
 
-#include "rdpdr/wire/HandshakeRecords.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 
 #include <algorithm>
 #include <string_view>

@@ -1,10 +1,18 @@
-// The commands of `fodr`. Each takes what the command line said, as it was written, and gives the exit code.
+// The commands of `fodr`, their exit codes, and what they share. Each command takes what the command line
+// said, as it was written, and gives the exit code.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+}
+namespace fodr::agent {
+struct AgentOptions;
+}
 
 namespace fodr::cli {
 
@@ -75,5 +83,40 @@ int RunConfigWatch(const std::string &name);
 // The agreed token: the file's content without line ends, else FODR_TOKEN. False, after a complaint, when the
 // file can't be read.
 bool ReadToken(const std::string &file, std::string *token);
+
+// Exit codes of the command; docs/command.md lists them. Those of `fodr agent` are agent::AgentExit, with the
+// same numbers for the same things.
+enum ExitCode : int {
+    EXIT_DONE = 0,
+    EXIT_OTHER = 1,
+    EXIT_USAGE = 2,
+    EXIT_MOUNT_POINT = 3, // can't be used as one
+    EXIT_LOST = 4,        // the agent or the connection is gone
+    EXIT_REFUSED = 5,     // the other side doesn't take the share, or us
+    EXIT_STILL_USED = 6,  // ended, with files still open in the mount
+    EXIT_FOLDER = 7,      // a folder to share can't be shared
+    EXIT_NO_FUSE = 8,
+    EXIT_NO_PLUGIN = 9,
+    EXIT_SSH = 10,           // ssh itself failed, or there is no fodr at the other end
+    EXIT_NOT_RUNNING = 11,   // no running host to talk to
+    EXIT_CANNOT_START = 126, // the command behind -- can't be started
+};
+
+// The path of this program.
+std::string OwnProgram();
+
+// What FODR_PLUGIN names, else the library in ../lib seen from this program, else beside it. Empty, with a
+// sentence in `*problem`, when there is none.
+std::string FindPlugin(std::string *problem);
+
+// ---- The command line of `fodr agent` ----
+
+// Has `app` put what it parses into `words`.
+void AddAgentOptions(CLI::App *app, AgentCommandWords *words);
+
+// All of the options but token and mount point. False, with a sentence in `*problem`, for words that can't
+// all be followed.
+[[nodiscard]] bool AgentOptionsFrom(const AgentCommandWords &words, agent::AgentOptions *filled,
+                                    std::string *problem);
 
 } // namespace fodr::cli

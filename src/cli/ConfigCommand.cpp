@@ -1,19 +1,27 @@
-// `fodr config`: the plug-in's key of the settings store.
+// The commands on the plug-in's key of the settings store, and where the plug-in is.
 #include "cli/Commands.h"
 #include "cli/Console.h"
-#include "cli/ExitCode.h"
 #include "cli/PluginSettings.h"
+#include "host/PluginHost.h"
 #include "host/PrivateSettings.h"
 #include "platform/Files.h"
 #include "platform/Process.h"
+#include "platform/SettingText.h"
 #include "platform/SystemError.h"
 #include "platform/Threads.h"
 
 #include <atomic>
+#include <cstdio>
+#include <filesystem>
 #include <map>
 #include <memory>
 
 namespace fodr::cli {
+
+// `fodr config`: the plug-in's key of the settings store.
+
+namespace fs = std::filesystem;
+
 namespace {
 
 using platform::RegistryKey;
@@ -104,7 +112,7 @@ std::string Line(const std::string &name, const SettingValue &value)
 // becomes that of what is open.
 std::unique_ptr<SettingsKey> OpenNearest(std::string *path)
 {
-    *path = host::kPluginSettingsKey;
+    *path = platform::kPluginSettingsKey;
     for (;;) {
         auto key = std::make_unique<SettingsKey>(*path);
         const bool isMissing =
@@ -125,7 +133,7 @@ uint32_t Watch(platform::Waitable changed, std::unique_ptr<SettingsKey> *key)
         *key = OpenNearest(&path);
         if ((*key)->Result() != platform::kErrorSuccess)
             return (*key)->Result();
-        const bool isKey = path == host::kPluginSettingsKey;
+        const bool isKey = path == platform::kPluginSettingsKey;
         const uint32_t filter =
             platform::kRegNotifyChangeName | (isKey ? platform::kRegNotifyChangeLastSet : 0);
         const uint32_t result = platform::RegistryNotify(
@@ -161,7 +169,7 @@ void PrintChanges(const Values &before, const Values &now, const std::string &na
 
 int RunConfigGet(const std::string &name)
 {
-    const auto value = SettingsKey(host::kPluginSettingsKey).Read(name);
+    const auto value = SettingsKey(platform::kPluginSettingsKey).Read(name);
     if (!value)
         return EXIT_OTHER;
     for (const std::string &text : PrintSetting(*value))
@@ -172,8 +180,8 @@ int RunConfigGet(const std::string &name)
 int RunConfigSet(const std::string &name, const std::vector<std::string> &values, const std::string &type)
 {
     const KnownSetting *known = FindKnownSetting(name);
-    const auto named = SettingType(type);
-    if (!named && !type.empty()) {
+    const auto named = platform::SettingTypeOf(type);
+    if (!type.empty() && (!named || platform::SettingTypeName(*named) != type)) {
         Complain("there is no type \"" + type + "\": see fodr config set --help");
         return EXIT_USAGE;
     }
@@ -190,7 +198,7 @@ int RunConfigSet(const std::string &name, const std::vector<std::string> &values
     }
     if (const std::string made = platform::MakeSettingsFolder(); !made.empty())
         Complain("your settings are in " + made + " from now on");
-    const SettingsKey key(host::kPluginSettingsKey, SettingsKey::Access::Write);
+    const SettingsKey key(platform::kPluginSettingsKey, SettingsKey::Access::Write);
     uint32_t result = key.Result();
     if (result == platform::kErrorSuccess)
         result = platform::RegistrySet(key.Get(), known != nullptr ? known->name : name, value->type, false,
@@ -200,7 +208,7 @@ int RunConfigSet(const std::string &name, const std::vector<std::string> &values
 
 int RunConfigUnset(const std::string &name)
 {
-    const SettingsKey key(host::kPluginSettingsKey);
+    const SettingsKey key(platform::kPluginSettingsKey);
     uint32_t result = key.Result();
     if (result == platform::kErrorSuccess)
         result = platform::RegistryDeleteValue(key.Get(), name);
@@ -210,7 +218,7 @@ int RunConfigUnset(const std::string &name)
 
 int RunConfigList(bool all)
 {
-    const SettingsKey key(host::kPluginSettingsKey);
+    const SettingsKey key(platform::kPluginSettingsKey);
     if (key.Result() == platform::kErrorInvalidData)
         return EXIT_OTHER; // which has been said
     for (const auto &[name, value] : key.ReadAll())
@@ -221,7 +229,8 @@ int RunConfigList(bool all)
         SettingValue ignored;
         if (key.Query(setting.name, &ignored) == platform::kErrorFileNotFound)
             Say(std::string(setting.name) + " isn't set: " + setting.standard + " (" +
-                SettingTypeName(setting.type) + (*setting.live ? ", " : "") + setting.live + ")");
+                std::string(platform::SettingTypeName(setting.type)) + (*setting.live ? ", " : "") +
+                setting.live + ")");
     }
     return EXIT_DONE;
 }
@@ -234,7 +243,7 @@ int RunConfigWatch(const std::string &name)
         ended = true;
         platform::SetEventObject(changed);
     });
-    Values known = SettingsKey(host::kPluginSettingsKey).ReadAll();
+    Values known = SettingsKey(platform::kPluginSettingsKey).ReadAll();
     while (!ended) {
         std::unique_ptr<SettingsKey> key;
         if (const uint32_t result = Watch(changed, &key); result != platform::kErrorSuccess) {
@@ -242,12 +251,85 @@ int RunConfigWatch(const std::string &name)
             return EXIT_OTHER;
         }
         const Values now =
-            SettingsKey(host::kPluginSettingsKey).ReadAll(); // a change before the watching counts too
+            SettingsKey(platform::kPluginSettingsKey).ReadAll(); // a change before the watching counts too
         PrintChanges(known, now, name);
         known = now;
         platform::WaitForWaitables(&changed, 1, platform::kWaitForever);
     }
     return EXIT_DONE; // the event stays for the thread that takes signals
+}
+
+// `fodr register` and `fodr unregister`: the plug-in does it itself.
+
+namespace {
+
+// The plug-in takes a path that it can't enter for no failure.
+bool IsRegistered()
+{
+    platform::RegistryKey key = nullptr;
+    if (platform::RegistryOpen(platform::RegistryRoot::LocalMachine, platform::kPluginSettingsKey,
+                               platform::kRegKeyRead, &key) != platform::kErrorSuccess)
+        return false;
+    uint32_t size = 0;
+    const uint32_t found = platform::RegistryQuery(key, "dll", true, nullptr, nullptr, &size);
+    platform::RegistryClose(key);
+    return found == platform::kErrorSuccess;
+}
+
+} // namespace
+
+int RunRegister(bool registering)
+{
+    std::string problem;
+    const std::string path = FindPlugin(&problem);
+    if (path.empty()) {
+        Complain(problem);
+        return EXIT_NO_PLUGIN;
+    }
+    const auto plugin = host::PluginLibrary::Load(path, &problem);
+    if (!plugin) {
+        Complain("the plug-in " + path + " can't be used: " + problem);
+        return EXIT_NO_PLUGIN;
+    }
+    if (registering)
+        platform::MakeSettingsFolder();
+    const int32_t result = registering ? plugin->RegisterServer() : plugin->UnregisterServer();
+    if (result == 0 && registering && !IsRegistered()) {
+        Complain("nothing was registered: the path of the plug-in, " + path + ", may be too long");
+        return EXIT_OTHER;
+    }
+    if (result == 0)
+        return EXIT_DONE;
+    char code[16];
+    std::snprintf(code, sizeof(code), "0x%08x", static_cast<uint32_t>(result));
+    Complain(std::string("the settings store can't be written (") + code + "): see FODR_SETTINGS_DIR");
+    return EXIT_OTHER;
+}
+
+std::string OwnProgram()
+{
+    return platform::ModulePath(nullptr);
+}
+
+std::string FindPlugin(std::string *problem)
+{
+    std::error_code error;
+    const std::string chosen = platform::GetEnvironment("FODR_PLUGIN");
+    if (!chosen.empty()) {
+        if (fs::is_regular_file(chosen, error))
+            return chosen;
+        *problem = "there is no plug-in at \"" + chosen + "\", which FODR_PLUGIN names: correct or unset it";
+        return {};
+    }
+    const fs::path here = fs::path(OwnProgram()).parent_path();
+    const std::string name = platform::LibraryFileName("fodrClient");
+    for (const fs::path &path : {here.parent_path() / "lib" / name, here / name}) {
+        if (fs::is_regular_file(path, error))
+            return path.string();
+    }
+    *problem = "the plug-in " + name + " is not in " + (here.parent_path() / "lib").string() +
+               ": install it there or name it with FODR_PLUGIN";
+    return {};
 }
 
 } // namespace fodr::cli

@@ -1,9 +1,7 @@
 // `fodr add`, `remove`, `list`, `status`: ask a running share.
 #include "cli/Commands.h"
 #include "cli/Console.h"
-#include "cli/ExitCode.h"
-#include "host/ControlProtocol.h"
-#include "host/RunningHosts.h"
+#include "host/ControlServer.h"
 #include "lib/unicode/ForeignText.h"
 
 #include <algorithm>

@@ -2,10 +2,8 @@
 
 #include "cli/Console.h"
 #include "lib/unicode/CaseFolding.h"
+#include "platform/SettingText.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <sstream>
 
 namespace fodr::cli {
@@ -13,56 +11,28 @@ namespace {
 
 using namespace platform;
 
-constexpr struct {
-    const char *name;
-    uint32_t type;
-    const char *form;
-} kTypes[] = {
-    {"sz", kRegSz, "one text"},
-    {"expand_sz", kRegExpandSz, "one text"},
-    {"multi_sz", kRegMultiSz, "texts that aren't empty"},
-    {"dword", kRegDword, "a number from 0 to 4294967295"},
-    {"qword", kRegQword, "a number from 0 to 18446744073709551615"},
-    {"binary", kRegBinary, "bytes in hexadecimal"},
-};
+// What a value of the type is written as.
+const char *FormOf(uint32_t type)
+{
+    switch (type) {
+    case kRegMultiSz:
+        return "texts that aren't empty";
+    case kRegDword:
+        return "a number from 0 to 4294967295";
+    case kRegQword:
+        return "a number from 0 to 18446744073709551615";
+    case kRegBinary:
+        return "bytes in hexadecimal";
+    default:
+        return "one text";
+    }
+}
 
 constexpr char kFlag[] = "true false yes no 1 0";
 
 bool IsText(uint32_t type)
 {
     return type == kRegSz || type == kRegExpandSz;
-}
-
-std::string NumberBytes(uint64_t number, size_t count)
-{
-    std::string bytes;
-    for (size_t i = 0; i < count; ++i)
-        bytes += static_cast<char>(number >> (8 * i) & 0xFF);
-    return bytes;
-}
-
-// Decimal, or hexadecimal behind "0x".
-bool ParseNumber(const std::string &text, uint64_t largest, uint64_t *number)
-{
-    const bool hex = text.starts_with("0x") || text.starts_with("0X");
-    const std::string digits = hex ? text.substr(2) : text;
-    const char *allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
-    if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos)
-        return false;
-    errno = 0;
-    *number = std::strtoull(digits.c_str(), nullptr, hex ? 16 : 10);
-    return errno == 0 && *number <= largest;
-}
-
-bool ParseHex(const std::string &text, std::string *bytes)
-{
-    std::string digits = text;
-    std::erase(digits, ' ');
-    if (digits.size() % 2 != 0 || digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
-        return false;
-    for (size_t i = 0; i < digits.size(); i += 2)
-        *bytes += static_cast<char>(std::strtoul(digits.substr(i, 2).c_str(), nullptr, 16));
-    return true;
 }
 
 bool ParseBytes(uint32_t type, const std::vector<std::string> &texts, std::string *bytes)
@@ -78,18 +48,16 @@ bool ParseBytes(uint32_t type, const std::vector<std::string> &texts, std::strin
     }
     if (texts.size() != 1)
         return false;
-    uint64_t number = 0;
     if (IsText(type)) {
         *bytes = texts.front() + '\0';
         return true;
     }
+    std::string text = texts.front();
     if (type == kRegBinary)
-        return ParseHex(texts.front(), bytes);
-    const bool wide = type == kRegQword;
-    if (!ParseNumber(texts.front(), wide ? UINT64_MAX : UINT32_MAX, &number))
-        return false;
-    *bytes = NumberBytes(number, wide ? 8 : 4);
-    return true;
+        std::erase(text, ' ');
+    const auto made = SettingBytes(type, text);
+    *bytes = made.value_or("");
+    return made.has_value();
 }
 
 } // namespace
@@ -160,34 +128,13 @@ void ComplainAboutStore()
     });
 }
 
-const char *SettingTypeName(uint32_t type)
-{
-    for (const auto &known : kTypes) {
-        if (known.type == type)
-            return known.name;
-    }
-    return "";
-}
-
-std::optional<uint32_t> SettingType(const std::string &name)
-{
-    for (const auto &known : kTypes) {
-        if (name == known.name)
-            return known.type;
-    }
-    return std::nullopt;
-}
-
 std::optional<SettingValue> ParseSetting(uint32_t type, const std::vector<std::string> &texts,
                                          std::string *expected)
 {
     SettingValue value{type, ""};
     if (ParseBytes(type, texts, &value.bytes))
         return value;
-    for (const auto &known : kTypes) {
-        if (known.type == type)
-            *expected = known.form;
-    }
+    *expected = FormOf(type);
     return std::nullopt;
 }
 
@@ -202,18 +149,7 @@ std::vector<std::string> PrintSetting(const SettingValue &value)
             texts.emplace_back(bytes.c_str() + at);
         return texts;
     }
-    if (value.type == kRegDword || value.type == kRegQword) {
-        uint64_t number = 0;
-        for (size_t i = std::min<size_t>(bytes.size(), 8); i-- > 0;)
-            number = number << 8 | static_cast<uint8_t>(bytes[i]);
-        return {std::to_string(number)};
-    }
-    std::string hex;
-    for (const char byte : bytes) {
-        constexpr char kDigits[] = "0123456789abcdef";
-        hex += {kDigits[static_cast<uint8_t>(byte) >> 4], kDigits[byte & 0xF]};
-    }
-    return {hex};
+    return {SettingText(value.type, bytes)};
 }
 
 } // namespace fodr::cli

@@ -30,10 +30,6 @@ struct SettingValue {
 // From now on what is wrong with the settings store itself is said as a complaint.
 void ComplainAboutStore();
 
-// "dword" and so on; empty, or none, for what has no name here.
-const char *SettingTypeName(uint32_t type);
-std::optional<uint32_t> SettingType(const std::string &name);
-
 // Whether a value is one of the setting's words, without regard to case; otherwise what was expected. One of
 // another type than the setting's own was meant so.
 bool IsWordOf(const KnownSetting &setting, const SettingValue &value, std::string *expected);

@@ -20,7 +20,7 @@ constexpr int kDetachLimitMS = 10000;
 std::string LogFolderSetting()
 {
     platform::RegistryKey key = nullptr;
-    if (platform::RegistryOpen(platform::RegistryRoot::LocalMachine, host::kPluginSettingsKey,
+    if (platform::RegistryOpen(platform::RegistryRoot::LocalMachine, platform::kPluginSettingsKey,
                                platform::kRegKeyRead, &key) != platform::kErrorSuccess)
         return {};
     std::string text(4096, '\0');
@@ -55,7 +55,7 @@ platform::ChildOptions Detaching(const std::string &path)
     return child;
 }
 
-std::vector<platform::ChildOptions> Planned(const ShareOptions &options, const MountPoint *mountPoint)
+std::vector<platform::ChildOptions> Planned(const ShareOptions &options, const MountFolder *mountPoint)
 {
     std::vector<platform::ChildOptions> planned;
     if (auto agent =
@@ -70,7 +70,7 @@ std::vector<platform::ChildOptions> Planned(const ShareOptions &options, const M
     return planned;
 }
 
-platform::ConfinementRules RulesFor(const ShareOptions &options, const MountPoint *mountPoint)
+platform::ConfinementRules RulesFor(const ShareOptions &options, const MountFolder *mountPoint)
 {
     platform::ConfinementRules rules{LogFolders(), {}};
     rules.writable.push_back(platform::RuntimeFolder());
@@ -86,7 +86,7 @@ platform::ConfinementRules RulesFor(const ShareOptions &options, const MountPoin
 
 } // namespace
 
-RunConfinement RunConfinement::Of(const ShareOptions &options, const MountPoint *mountPoint)
+RunConfinement RunConfinement::Of(const ShareOptions &options, const MountFolder *mountPoint)
 {
     RunConfinement made;
     std::string problem;

@@ -1,7 +1,7 @@
 // What a run of `fodr share` gives up before it listens to an agent, and how it starts other programs then.
 #pragma once
 
-#include "cli/MountPoint.h"
+#include "cli/MountFolder.h"
 #include "cli/ShareOptions.h"
 #include "platform/ChildProcess.h"
 #include "platform/Confinement.h"
@@ -16,7 +16,7 @@ class RunConfinement {
 public:
     // Confines this process, for good, if the run is a fixed one. To be called before there are other
     // threads. The run's runtime folder is there already. `mountPoint` may be null.
-    static RunConfinement Of(const ShareOptions &options, const MountPoint *mountPoint);
+    static RunConfinement Of(const ShareOptions &options, const MountFolder *mountPoint);
 
     // "yes", or a few words that begin with "no" or "partly".
     const std::string &State() const { return state; }

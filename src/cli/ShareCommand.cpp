@@ -1,14 +1,12 @@
 // `fodr share`: checks what was asked for, prepares the plug-in's settings, and runs the session.
 #include "cli/Commands.h"
 #include "cli/Console.h"
-#include "cli/ExitCode.h"
-#include "cli/MountPoint.h"
-#include "cli/PluginPath.h"
+#include "cli/MountFolder.h"
 #include "cli/PluginSettings.h"
 #include "cli/RunConfinement.h"
 #include "cli/ShareSession.h"
 #include "cli/Words.h"
-#include "host/RunningHosts.h"
+#include "host/ControlServer.h"
 #include "platform/Files.h"
 #include "platform/Volumes.h"
 
@@ -194,15 +192,15 @@ int CheckOptions(const ShareWords &words, ShareOptions *options)
 }
 
 // Where an agent on this machine mounts. 0, or the exit code after a complaint.
-int PrepareMount(const ShareOptions &options, std::unique_ptr<MountPoint> *mountPoint)
+int PrepareMount(const ShareOptions &options, std::unique_ptr<MountFolder> *mountPoint)
 {
     std::string problem;
     if (options.target.kind != AgentTarget::Kind::Local)
         return EXIT_DONE;
     const std::string name = options.folders.size() == 1 ? options.folders.front().name : "shares";
     *mountPoint = options.target.mountPoint.empty()
-                      ? MountPoint::PrepareDefault(name, &problem)
-                      : MountPoint::Prepare(options.target.mountPoint, &problem);
+                      ? MountFolder::PrepareDefault(name, &problem)
+                      : MountFolder::Prepare(options.target.mountPoint, &problem);
     if (!*mountPoint)
         return Refuse(EXIT_MOUNT_POINT, problem);
     for (const SharedFolder &shared : options.folders) {
@@ -265,7 +263,7 @@ int RunShare(const ShareWords &words)
     if (const int code = CheckOptions(words, &options))
         return code;
     ComplainAboutStore();
-    std::unique_ptr<MountPoint> mountPoint;
+    std::unique_ptr<MountFolder> mountPoint;
     if (const int code = PrepareMount(options, &mountPoint))
         return code;
     const std::string folder = host::MakeHostFolder(&problem);

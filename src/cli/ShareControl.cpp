@@ -1,6 +1,6 @@
 // ShareSession: what it tells about its shares, and what other commands ask of a running one.
+#include "cli/Commands.h"
 #include "cli/Console.h"
-#include "cli/ExitCode.h"
 #include "cli/ShareSession.h"
 #include "lib/unicode/ForeignText.h"
 #include "platform/Process.h"

@@ -1,8 +1,8 @@
 #include "cli/ShareSession.h"
 
+#include "cli/Commands.h"
 #include "cli/Console.h"
-#include "cli/ExitCode.h"
-#include "host/RunningHosts.h"
+#include "host/ControlServer.h"
 #include "lib/unicode/ForeignText.h"
 
 #include <algorithm>
@@ -45,7 +45,7 @@ host::ChannelOptions ChannelOptionsFor(const ShareOptions &options)
 
 ShareSession::ShareSession(const ShareOptions &shareOptions,
                            std::unique_ptr<host::PrivateSettings> privateSettings, std::string runtimeFolder,
-                           std::unique_ptr<MountPoint> place, const RunConfinement &runConfinement)
+                           std::unique_ptr<MountFolder> place, const RunConfinement &runConfinement)
     : options(shareOptions), confinement(runConfinement), folder(std::move(runtimeFolder)),
       settings(std::move(privateSettings)), mountPoint(std::move(place)),
       starter(

@@ -7,12 +7,11 @@
 #include "agent/AgentChannel.h"
 #include "cli/AgentStarter.h"
 #include "cli/Console.h"
-#include "cli/MountPoint.h"
+#include "cli/MountFolder.h"
 #include "cli/RunConfinement.h"
 #include "cli/ShareOptions.h"
-#include "cli/WarningCounter.h"
+#include "host/CallGate.h"
 #include "host/ControlServer.h"
-#include "host/EventQueue.h"
 #include "host/FolderShares.h"
 #include "host/HostChannel.h"
 #include "host/PrivateSettings.h"
@@ -35,7 +34,7 @@ public:
     // The settings and the confinement are in force already; the latter outlives the session. `place` is for
     // an agent on this machine.
     ShareSession(const ShareOptions &shareOptions, std::unique_ptr<host::PrivateSettings> privateSettings,
-                 std::string runtimeFolder, std::unique_ptr<MountPoint> place,
+                 std::string runtimeFolder, std::unique_ptr<MountFolder> place,
                  const RunConfinement &runConfinement);
     ~ShareSession();
     ShareSession(const ShareSession &) = delete;
@@ -140,7 +139,7 @@ private:
     agent::PacketTraffic traffic; // counts on the channel's threads
     std::unique_ptr<host::HostChannel> channel;
     std::unique_ptr<host::ControlServer> control;
-    std::unique_ptr<MountPoint> mountPoint; // Local
+    std::unique_ptr<MountFolder> mountPoint; // Local
     AgentStarter starter;
     std::thread connector;
     std::unique_ptr<platform::ChildProcess> agent;

@@ -1,7 +1,7 @@
 // ShareSession: losses and the end.
 #include "agent/Agent.h"
+#include "cli/Commands.h"
 #include "cli/Console.h"
-#include "cli/ExitCode.h"
 #include "cli/ShareSession.h"
 #include "lib/unicode/ForeignText.h"
 

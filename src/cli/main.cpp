@@ -1,8 +1,6 @@
 // The fodr command.
-#include "cli/AgentCommandLine.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
-#include "cli/ExitCode.h"
 #include "platform/Process.h"
 
 #include <CLI/CLI.hpp>

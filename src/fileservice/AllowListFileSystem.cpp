@@ -1,8 +1,8 @@
 #include "fileservice/AllowListFileSystem.h"
 
-#include "fileservice/NtCalls.h"
+#include "fileservice/FileCall.h"
 #include "lib/unicode/CodeSet.h"
-#include "rdpdr/wire/DirectoryEntryShape.h"
+#include "rdpdr/wire/RdpdrConstants.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 
 #include <new>

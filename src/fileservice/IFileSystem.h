@@ -44,7 +44,7 @@ public:
     virtual nt::NTSTATUS RedirectedCloseFile(uint32_t fileId) = 0;
     // Wakes every blocked call on the handle with a cancelled status. Success also when there is none.
     virtual nt::NTSTATUS RedirectedCancelAllIo(uint32_t fileId) = 0;
-    // At most kLongestRead bytes (RequestLimits.h). The buffer is of `length` or so many bytes, zero behind
+    // At most kLongestRead bytes. The buffer is of `length` or so many bytes, zero behind
     // what was read, and handed out also when the read fails.
     virtual nt::NTSTATUS RedirectedReadFile(uint32_t fileId, nt::IO_STATUS_BLOCK *ioStatus,
                                             uint8_t **outBuffer, uint32_t length,
@@ -72,5 +72,14 @@ public:
     // The native size of the basic information record, which is read whole.
     static constexpr uint32_t kSetBufferReadable = 40;
 };
+
+// What one request may cost, whatever its packet says. docs/security.md lists them with all others:
+
+// Bytes of one read. A longer one gets so many: a short count is true, and the agent asks for the rest.
+inline constexpr uint32_t kLongestRead = 4u << 20;
+// Bytes that a control may put out, likewise.
+inline constexpr uint32_t kLongestControlOutput = 1u << 20;
+// Bytes of entries in the answer to one listing request.
+inline constexpr uint32_t kListingAnswer = 64u << 10;
 
 } // namespace fodr

@@ -1,6 +1,8 @@
-// One share as the agent sees it: a device that serves I/O requests. Any thread, except where said.
+// One share as the agent sees it, and what answers ahead of its requests. Any thread, except where said.
 #pragma once
 
+#include "rdpdr/wire/RdpdrRecords.h"
+#include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/RCObject.h"
 
 #include <cstdint>
@@ -9,8 +11,10 @@
 
 namespace fodr {
 
+class IFileSystem;
 class RdpdrStream;
 
+// One share as the agent sees it: a device that serves I/O requests. Any thread, except where said.
 class IRedirectedDevice : public RCObject {
 public:
     // Serves one request packet to its end on the calling thread: a change notification or a waiting lock
@@ -37,6 +41,24 @@ public:
     virtual void Retire() = 0;
     // More file names for a share that shows only named files; nothing for other shares.
     virtual void UpdateAllowAccessFileList(const std::vector<std::string> &names) = 0;
+};
+
+// Answers ahead of time what the agent is known to ask next: the completions of some requests carry a block
+// of query results. Any thread.
+class IPreReader {
+public:
+    static constexpr int32_t kNoPattern = -1;
+
+    // The rule for this request, or kNoPattern.
+    virtual int32_t GetPattern(const DR_DEVICE_IOREQUEST &request) const = 0;
+    // The completion with its block, or a plain one when no query gave a result. `*payload` receives the
+    // address of the DeviceId field. Null when there is no memory: nothing is sent then.
+    virtual RdpdrStreamPtr BuildPreReadIoCompletion(int32_t pattern, uint32_t deviceId, uint32_t fileId,
+                                                    IFileSystem *fileSystem, uint32_t completionId,
+                                                    int32_t ioStatus, uint8_t **payload) const = 0;
+
+protected:
+    ~IPreReader() = default;
 };
 
 } // namespace fodr

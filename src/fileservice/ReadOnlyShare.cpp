@@ -1,6 +1,6 @@
 #include "fileservice/ReadOnlyShare.h"
 
-#include "fileservice/NtCalls.h"
+#include "fileservice/FileCall.h"
 #include "platform/NtRecords.h"
 
 #include <algorithm>

@@ -46,8 +46,7 @@ RedirectedDeviceAccessControl::RedirectedDeviceAccessControl(std::unique_ptr<IFi
 
 RedirectedDeviceAccessControl::~RedirectedDeviceAccessControl() = default;
 
-// ---- what may be opened
-// ------------------------------------------------------------------------------------
+// ---- What may be opened ----
 
 bool RedirectedDeviceAccessControl::CheckCreateDriveAccess(const std::string &absolutePath)
 {
@@ -87,8 +86,7 @@ void RedirectedDeviceAccessControl::UpdateAllowAccessFileList(const std::vector<
     allowAccessInfoCache.clear();
 }
 
-// ---- the root's listing
-// ------------------------------------------------------------------------------------
+// ---- The root's listing ----
 
 NTSTATUS RedirectedDeviceAccessControl::QueryDirectory(const DR_DEVICE_IOREQUEST &request,
                                                        const char16_t *fullPath, const char16_t *pattern,

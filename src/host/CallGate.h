@@ -1,15 +1,21 @@
-// Lets calls into a plug-in through until it is closed, and tells when the last of them is over. So that what
-// a plug-in gave us (a sink, a callback) is never called after the plug-in has taken it back.
+// Calls into a plug-in, and the work that waits for one thread.
 #pragma once
 
 #include "lib/misc/Mutex.h"
 
+#include <chrono>
 #include <condition_variable>
+#include <deque>
+#include <functional>
 #include <thread>
 #include <vector>
 
 namespace fodr::host {
 
+class HostChannel;
+
+// Lets calls into a plug-in through until it is closed, and tells when the last of them is over. So that what
+// a plug-in gave us (a sink, a callback) is never called after the plug-in has taken it back.
 class CallGate {
 public:
     // False once it is closed: the call must not be made. Otherwise Leave follows it, on the same thread.
@@ -42,6 +48,39 @@ public:
 private:
     CallGate &gate;
     const bool entered;
+};
+
+// Which channel a plug-in is being called for, so that the functions of the boundary that name none can tell.
+// Around every call into a plug-in.
+class CallScope {
+public:
+    explicit CallScope(HostChannel *channel) : outer(current) { current = channel; }
+    ~CallScope() { current = outer; }
+    CallScope(const CallScope &) = delete;
+    CallScope &operator=(const CallScope &) = delete;
+
+    // Null outside such calls.
+    static HostChannel *Current() { return current; }
+
+private:
+    HostChannel *const outer;
+    static inline thread_local HostChannel *current = nullptr;
+};
+
+// Work for one thread, given by any.
+class EventQueue {
+public:
+    using Clock = std::chrono::steady_clock;
+    using Event = std::function<void()>;
+
+    void Post(Event event);
+    // Runs the next event, waiting for one until `deadline`. False when the time is over.
+    bool RunOne(Clock::time_point deadline = Clock::time_point::max());
+
+private:
+    Mutex lock;
+    std::condition_variable_any posted;
+    std::deque<Event> events GUARDED_BY(lock);
 };
 
 } // namespace fodr::host

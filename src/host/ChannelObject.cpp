@@ -1,6 +1,6 @@
 #include "host/ChannelObject.h"
 
-#include "host/CurrentChannel.h"
+#include "host/CallGate.h"
 #include "host/HostChannel.h"
 
 namespace fodr::host {

@@ -5,7 +5,7 @@
 // HandleNotice.
 #pragma once
 
-#include "host/MessageBus.h"
+#include "host/PluginHost.h"
 
 #include <functional>
 #include <string>

@@ -1,6 +1,6 @@
 #include "host/HostChannel.h"
 
-#include "host/CurrentChannel.h"
+#include "host/CallGate.h"
 
 #include <algorithm>
 #include <future>

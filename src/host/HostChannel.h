@@ -5,9 +5,9 @@
 // the reader thread of the connection that brought them. No lock is held across a call into the plug-in.
 #pragma once
 
+#include "host/CallGate.h"
 #include "host/ChannelLink.h"
 #include "host/ChannelObject.h"
-#include "host/EventQueue.h"
 #include "host/PluginHost.h"
 
 #include <atomic>

@@ -1,4 +1,3 @@
-#include "host/HostTables.h"
 
 #include "host/HostChannel.h"
 #include "host/PluginHost.h"

@@ -1,13 +1,86 @@
 #include "host/PluginHost.h"
 
-#include "host/CurrentChannel.h"
-#include "host/HostTables.h"
+#include "host/CallGate.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 
 namespace fodr::host {
+
+std::unique_ptr<PluginLibrary> PluginLibrary::Load(const std::string &path, std::string *error)
+{
+    auto loaded = platform::DynamicLibrary::Load(path, error);
+    if (!loaded)
+        return nullptr;
+    std::unique_ptr<PluginLibrary> plugin(new PluginLibrary(std::move(loaded)));
+    const auto find = [&](auto *function, const char *name) {
+        *function = plugin->library->Find<std::remove_pointer_t<decltype(function)>>(name);
+        if (*function == nullptr)
+            *error = std::string("it doesn't export ") + name;
+        return *function != nullptr;
+    };
+    const bool complete = find(&plugin->GetTokenName, ODP_EXPORT_GET_TOKEN_NAME) &&
+                          find(&plugin->Init, ODP_EXPORT_INIT) && find(&plugin->Exit, ODP_EXPORT_EXIT) &&
+                          find(&plugin->CreateInstance, ODP_EXPORT_CREATE_INSTANCE) &&
+                          find(&plugin->DestroyInstance, ODP_EXPORT_DESTROY_INSTANCE) &&
+                          find(&plugin->RegisterServer, "DllRegisterServer") &&
+                          find(&plugin->UnregisterServer, "DllUnregisterServer");
+    return complete ? std::move(plugin) : nullptr;
+}
+
+uint32_t MessageBus::Subscribe(const char *name, void *context, ObserverCallback callback)
+{
+    if (name == nullptr || callback == nullptr)
+        return 0;
+    auto listener = std::make_shared<Listener>();
+    listener->name = name;
+    listener->context = context;
+    listener->callback = callback;
+    const MutexLock held(lock);
+    listener->id = ++lastId;
+    listeners.push_back(listener);
+    return listener->id;
+}
+
+void MessageBus::Unsubscribe(uint32_t id)
+{
+    std::shared_ptr<Listener> gone;
+    {
+        const MutexLock held(lock);
+        const auto at = std::find_if(listeners.begin(), listeners.end(),
+                                     [id](const auto &listener) { return listener->id == id; });
+        if (at == listeners.end())
+            return;
+        gone = *at;
+        listeners.erase(at);
+    }
+    gone->gate.CloseAndWait();
+}
+
+bool MessageBus::Send(const char *sender, const char *name, const char *cookie, const char *data, bool *taken)
+{
+    std::vector<std::shared_ptr<Listener>> wanted;
+    if (name == nullptr || data == nullptr)
+        return false;
+    {
+        const MutexLock held(lock);
+        for (const auto &listener : listeners) {
+            if (listener->name == name)
+                wanted.push_back(listener);
+        }
+    }
+    bool anyTook = false;
+    for (const auto &listener : wanted) {
+        const GatedCall call(listener->gate);
+        if (call && listener->callback(listener->context, sender, cookie != nullptr ? cookie : "", data))
+            anyTook = true;
+    }
+    if (taken != nullptr)
+        *taken = anyTook;
+    return !wanted.empty();
+}
+
 namespace {
 
 constexpr size_t kTokenSize = 60;

@@ -34,7 +34,8 @@ std::unique_ptr<PrivateSettings> PrivateSettings::Create(const std::string &fold
                                                          const PluginWishes &wishes)
 {
     std::unique_ptr<PrivateSettings> settings(new PrivateSettings(wishes));
-    settings->store = platform::PrivateStore::Create(folder, kPluginSettingsKey, Fixed({}, wishes), error);
+    settings->store =
+        platform::PrivateStore::Create(folder, platform::kPluginSettingsKey, Fixed({}, wishes), error);
     return settings->store ? std::move(settings) : nullptr;
 }
 

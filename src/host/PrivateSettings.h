@@ -34,9 +34,6 @@ struct PluginWishes {
     bool readOnly = false;     // nothing of them can be changed, whatever the agent says
 };
 
-// The key of the plug-in's settings, below HKEY_LOCAL_MACHINE.
-inline constexpr char kPluginSettingsKey[] = "SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr";
-
 class PrivateSettings {
 public:
     // Makes the store, in `folder` if it takes one, and makes it the process's. It shares no drives, none of

@@ -37,6 +37,9 @@ inline constexpr uint32_t kRegKeyAllAccess = 0xF003F;
 inline constexpr uint32_t kRegNotifyChangeName = 1;
 inline constexpr uint32_t kRegNotifyChangeLastSet = 4;
 
+// The plug-in's settings, below LocalMachine. The plug-in's log shows the key in a case of its own.
+inline constexpr char kPluginSettingsKey[] = "SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins\\fodr";
+
 using RegistryKey = void *;
 
 // Opens `path` below a root. kErrorFileNotFound when there is no such key: a key is there when it, or one

@@ -2,9 +2,8 @@
 
 #include "lib/misc/Panic.h"
 #include "lib/unicode/CodeSet.h"
-#include "rdpdr/FodrPolicy.h"
-#include "rdpdr/wire/HandshakeRecords.h"
-#include "rdpdr/wire/IoRecords.h"
+#include "rdpdr/ClientPolicy.h"
+#include "rdpdr/wire/RdpdrRecords.h"
 #include "runtime/StringUtils.h"
 
 #include <algorithm>

@@ -3,7 +3,7 @@
 #include "fileservice/IFileSystem.h"
 #include "lib/misc/ByteBuffer.h"
 #include "platform/NtRecords.h"
-#include "rdpdr/wire/CompletionBuilder.h"
+#include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/LogCall.h"
 
 namespace fodr {

@@ -1,7 +1,7 @@
 // The rules of pre-read: after which requests the agent asks what next, and the block that answers it.
 #pragma once
 
-#include "fileservice/IPreReader.h"
+#include "fileservice/IRedirectedDevice.h"
 
 #include <map>
 #include <vector>

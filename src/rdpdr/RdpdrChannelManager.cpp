@@ -1,10 +1,9 @@
 #include "rdpdr/RdpdrChannelManager.h"
 
 #include "platform/NtStatus.h"
-#include "rdpdr/ThreadPoolDataHandlerImpl.h"
-#include "rdpdr/wire/CompletionBuilder.h"
-#include "rdpdr/wire/IRdpdrChannel.h"
+#include "rdpdr/DataHandler.h"
 #include "rdpdr/wire/RdpdrRecords.h"
+#include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/LogCall.h"
 
 #include <cinttypes>

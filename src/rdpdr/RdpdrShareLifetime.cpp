@@ -1,9 +1,9 @@
 // RdpdrChannelManager: how shares are announced and withdrawn, by command and as their drives come and go.
 #include "drives/FodrDeviceUtils.h"
 #include "lib/unicode/CaseFolding.h"
-#include "rdpdr/LocalFolderLimit.h"
 #include "rdpdr/RdpdrChannelManager.h"
-#include "rdpdr/ShareFolders.h"
+#include "rdpdr/RedirectionSettings.h"
+#include "rdpdr/ShareNames.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 #include "runtime/LogCall.h"
 

@@ -6,11 +6,10 @@
 #include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/Nt.h"
-#include "rdpdr/LocalFolderLimit.h"
 #include "rdpdr/PreReadManager.h"
 #include "rdpdr/RdpdrChannelManager.h"
-#include "rdpdr/ShareFolders.h"
-#include "rdpdr/ShareRuleSettings.h"
+#include "rdpdr/RedirectionSettings.h"
+#include "rdpdr/ShareNames.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 #include "runtime/LogCall.h"
 

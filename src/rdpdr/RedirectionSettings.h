@@ -1,6 +1,7 @@
-// What the settings of this machine say of redirection, as they are at the moment of asking. One thread.
+// What the settings of this machine say of redirection, as they are at the moment of asking.
 #pragma once
 
+#include "platform/Nt.h"
 #include "platform/Registry.h"
 #include "platform/SystemError.h"
 
@@ -10,6 +11,7 @@
 
 namespace fodr {
 
+// One thread.
 class RedirectionSettings {
 public:
     RedirectionSettings();
@@ -39,5 +41,43 @@ private:
     platform::RegistryKey key = nullptr;
     uint32_t openError;
 };
+
+// What of a folder may be shared with an allow-list.
+struct FolderOffer {
+    bool whole;                     // the folder itself is allowed, and with it all of its files
+    std::vector<std::string> files; // those that are allowed
+};
+
+// What this machine offers at most: the settings' "AllowedFolders", as they were at construction. A folder
+// outside of it counts as missing, whoever asks for it. Without the value there is no limit; an empty value
+// allows nothing, and so does one that can't be read. Any thread.
+class LocalFolderLimit {
+public:
+    LocalFolderLimit();
+
+    // Whether the folder is one of the list or below one. The texts are compared component by component; a
+    // ".." anywhere refuses. A refusal is logged.
+    bool Allows(const std::string &folder) const;
+    // Of files named below a folder those that the list allows: it may name the folder, a folder below it, or
+    // the very file. The others count as files that aren't there; each is logged.
+    FolderOffer OfferOfFiles(const std::string &folder, const std::vector<std::string> &names) const;
+
+private:
+    bool Contains(const std::string &ntPath) const;
+    void LogRefusal(const char *what, const std::string &path) const;
+
+    bool limited;
+    bool isReadable; // else nothing is allowed
+    // In NT form, which makes one of "D", "D:" and "D:\", and with one kind of separator.
+    std::vector<std::string> roots;
+};
+
+// How this machine wants its shares to be served: the settings "caseSensitivity", "linksOutside" and
+// "readOnlyShares". Any thread.
+// As the settings are now; a value that isn't there or has no meaning counts as 0.
+//   caseSensitivity   0 a create opens what is there in another case, 1 it is refused, 2 case counts
+//   linksOutside      not 0: links of a share may lead out of it
+//   readOnlyShares    not 0: nothing of a share can be changed through it
+[[nodiscard]] nt::ShareRules ReadShareRules();
 
 } // namespace fodr

@@ -38,7 +38,7 @@ Bytes NumberOf(uint64_t number, size_t size = 8)
 
 class LostConnection : public ClientTest {
 protected:
-    uint32_t OpenFile(std::shared_ptr<IReopen> reopen)
+    uint32_t RemoteFile(std::shared_ptr<IReopen> reopen)
     {
         auto opened = StartCall(*share, &RemoteShare::Create, kOpen, u"\\file");
         plugin->CompleteNumber(plugin->TakeRequest(), kFile);
@@ -72,7 +72,7 @@ protected:
 TEST_F(LostConnection, AFileIsOpenedAgainOnceForAllThatWaits)
 {
     StartOutliving();
-    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
     auto underWay = StartCall(*share, &RemoteShare::Read, fileId, 7u, 5u);
     plugin->TakeRequest();
     Lose();
@@ -99,7 +99,7 @@ TEST_F(LostConnection, AFileIsOpenedAgainOnceForAllThatWaits)
 TEST_F(LostConnection, AFileThatIsClosedMeanwhileIsNotWaitedFor)
 {
     StartOutliving();
-    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
     Lose();
     auto read = StartCall(*share, &RemoteShare::Read, fileId, 0u, 5u);
     ComeBack(kNewDevice);
@@ -116,7 +116,7 @@ TEST_F(LostConnection, AnotherFileIsRefused)
     for (const Case tried : {Case::OtherId, Case::Gone, Case::NoPlace, Case::TooSmall, Case::LargeEnough}) {
         StartOutliving();
         auto known = std::make_shared<KnownFile>();
-        const uint32_t fileId = OpenFile(known);
+        const uint32_t fileId = RemoteFile(known);
         Lose();
         if (tried == Case::NoPlace)
             known->place.clear();
@@ -158,7 +158,7 @@ TEST_F(LostConnection, AnotherFileIsRefused)
 TEST_F(LostConnection, OnlyWhatDoesNoHarmIsRepeated)
 {
     StartOutliving();
-    const uint32_t kept = OpenFile(std::make_shared<KnownFile>()), plain = OpenFile(nullptr);
+    const uint32_t kept = RemoteFile(std::make_shared<KnownFile>()), plain = RemoteFile(nullptr);
     RemoteShare::CreateCall make = kOpen, deleting = kOpen;
     make.createDisposition = nt::FILE_CREATE;
     deleting.createOptions = nt::FILE_DELETE_ON_CLOSE;
@@ -209,17 +209,17 @@ TEST_F(LostConnection, OnlyWhatDoesNoHarmIsRepeated)
 TEST_F(LostConnection, ARenameIntoADirectoryIsOfItsConnection)
 {
     StartOutliving();
-    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
     Lose();
     ComeBack(kNewDevice);
-    const uint32_t directory = OpenFile(std::make_shared<KnownFile>());
+    const uint32_t directory = RemoteFile(std::make_shared<KnownFile>());
     auto rename = StartCall(*share, &RemoteShare::RenameInto, fileId, directory, u"name", true);
     ReopenUpToIdentity(); // the file is opened again meanwhile
     Lose();
     EXPECT_EQ(rename.get().status, STATUS_CONNECTION_DISCONNECTED);
     // Over one connection it is done.
     ComeBack(kNewDevice);
-    const uint32_t now = OpenFile(std::make_shared<KnownFile>());
+    const uint32_t now = RemoteFile(std::make_shared<KnownFile>());
     rename = StartCall(*share, &RemoteShare::RenameInto, fileId, now, u"name", true);
     plugin->CompleteData(ReopenUpToIdentity(), NumberOf(kIdentity));
     const Request sent = TakeOf(IRP_MJ_SET_INFORMATION, kNewDevice, kFileAgain);
@@ -232,7 +232,7 @@ TEST_F(LostConnection, WaitingEndsWithItsTime)
 {
     constexpr unsigned kTime = 10000; // beside which the client's own clock counts for nothing
     StartOutliving(kTime);
-    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
     Lose();
     auto first = StartCall(*share, &RemoteShare::Read, fileId, 0u, 5u);
     for (unsigned i = 0; i < kTime - 1000; ++i)
@@ -251,7 +251,7 @@ TEST_F(LostConnection, WaitingEndsWithItsTime)
 TEST_F(LostConnection, WhatWaitsIsBounded)
 {
     StartOutliving();
-    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
     Lose();
     const Bytes large(16 << 20);
     std::vector<std::future<OwnedResult>> waiting;
@@ -267,7 +267,7 @@ TEST_F(LostConnection, WhatWaitsIsBounded)
 TEST_F(LostConnection, WritesKeepTheirOrder)
 {
     StartOutliving();
-    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
     TransferWindow window;
     const auto writes = std::make_shared<WriteBehind>(window);
     const WriteBehind::Target target = {share, fileId, std::make_shared<WriteErrors>()};
@@ -325,7 +325,7 @@ TEST_F(LostConnection, AnAppendIsDoneOnce)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
         StartOutliving();
-        const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+        const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
         TransferWindow window;
         const auto writes = std::make_shared<WriteBehind>(window);
         const WriteBehind::Target target = {share, fileId, std::make_shared<WriteErrors>()};
@@ -383,7 +383,7 @@ TEST_F(LostConnection, AnAppendIsDoneOnce)
 TEST_F(LostConnection, AnAppendIsLookedForAgainAfterASecondLoss)
 {
     StartOutliving();
-    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
     TransferWindow window;
     const auto writes = std::make_shared<WriteBehind>(window);
     const WriteBehind::Target target = {share, fileId, std::make_shared<WriteErrors>()};
@@ -411,7 +411,7 @@ TEST_F(LostConnection, AnAppendIsLookedForAgainAfterASecondLoss)
 TEST_F(LostConnection, ASecondLossBeginsAnew)
 {
     StartOutliving();
-    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
     auto read = StartCall(*share, &RemoteShare::Read, fileId, 0u, 1u);
     plugin->TakeRequest();
     Lose();
@@ -449,7 +449,7 @@ TEST_F(LostConnection, AShareIsBackOnceItCanBeUsed)
 TEST_F(LostConnection, AShareThatStaysAwayIsRemoved)
 {
     StartOutliving();
-    const uint32_t fileId = OpenFile(std::make_shared<KnownFile>());
+    const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
     Lose();
     auto read = StartCall(*share, &RemoteShare::Read, fileId, 0u, 1u);
     ComeBack(kDevice, "others"); // with the number of the other

@@ -1,4 +1,4 @@
-#include "cli/WarningCounter.h"
+#include "cli/Console.h"
 
 #include <gtest/gtest.h>
 #include <vector>

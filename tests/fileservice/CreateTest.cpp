@@ -1,6 +1,6 @@
-#include "fileservice/IPreReader.h"
+#include "fileservice/IRedirectedDevice.h"
 #include "fileservice/Share.h"
-#include "rdpdr/wire/CompletionBuilder.h"
+#include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/CapturedLog.h"
 
 namespace fodr::test {

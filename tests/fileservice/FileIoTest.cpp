@@ -1,7 +1,7 @@
 // What requests on open files do and answer.
 #include "Wine.h"
-#include "fileservice/NtCalls.h"
-#include "fileservice/RequestLimits.h"
+#include "fileservice/FileCall.h"
+#include "fileservice/IFileSystem.h"
 #include "fileservice/Share.h"
 
 #include <cstring>

@@ -13,8 +13,8 @@
 #include "fileservice/RedirectedDevice.h"
 #include "platform/Nt.h"
 #include "platform/NtRecords.h"
-#include "rdpdr/wire/IRdpdrChannel.h"
 #include "rdpdr/wire/RdpdrRecords.h"
+#include "rdpdr/wire/RdpdrStream.h"
 
 #include <algorithm>
 #include <atomic>

@@ -4,8 +4,8 @@
 #include "Mailbox.h"
 #include "WireExamples.h"
 #include "platform/Nt.h"
-#include "rdpdr/wire/IRdpdrChannel.h"
 #include "rdpdr/wire/RdpdrRecords.h"
+#include "rdpdr/wire/RdpdrStream.h"
 
 #include <optional>
 #include <string>

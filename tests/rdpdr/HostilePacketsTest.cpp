@@ -1,8 +1,8 @@
 #include "Mailbox.h"
 #include "ManagerFixture.h"
-#include "fileservice/RequestLimits.h"
+#include "fileservice/IFileSystem.h"
 #include "platform/TaskPool.h"
-#include "rdpdr/ThreadPoolDataHandlerImpl.h"
+#include "rdpdr/DataHandler.h"
 
 #include <atomic>
 #include <chrono>

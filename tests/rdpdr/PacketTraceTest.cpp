@@ -2,8 +2,8 @@
 #include "rdpdr/PacketTrace.h"
 
 #include "AgentPackets.h"
-#include "rdpdr/BandwidthCounter.h"
-#include "rdpdr/wire/CreateFlagsText.h"
+#include "rdpdr/PacketAccounts.h"
+#include "rdpdr/wire/PacketWords.h"
 #include "runtime/CapturedLog.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 #include "lib/misc/ByteBuffer.h"
 #include "platform/NtRecords.h"
 #include "rdpdr/PreReadManager.h"
-#include "rdpdr/wire/CompletionBuilder.h"
+#include "rdpdr/wire/RdpdrStream.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // Records and builders give the very bytes that docs/wire.md shows.
 #include "AgentPackets.h"
-#include "rdpdr/wire/CompletionBuilder.h"
+#include "rdpdr/wire/RdpdrStream.h"
 
 #include <gtest/gtest.h>
 #include <utility>

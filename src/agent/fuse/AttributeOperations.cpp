@@ -45,7 +45,7 @@ Detached AttributeOperations::GetAttributes(FuseCall::Ptr call, uint64_t nodeId)
 }
 
 // A handle that is open with the rights serves; without one the file is opened for the purpose.
-Task<AttributeOperations::Borrowed> AttributeOperations::BorrowHandle(NodePtr node, OpenFilePtr file,
+Task<AttributeOperations::Borrowed> AttributeOperations::BorrowHandle(NodePtr node, RemoteFilePtr file,
                                                                       bool forData)
 {
     Borrowed borrowed;
@@ -233,7 +233,7 @@ Detached AttributeOperations::SetAttributes(FuseCall::Ptr call, uint64_t nodeId,
                                             uint64_t handle)
 {
     const NodePtr node = mount.table.Find(nodeId);
-    const OpenFilePtr file = handle ? mount.openFiles.Of(handle) : nullptr;
+    const RemoteFilePtr file = handle ? mount.openFiles.Of(handle) : nullptr;
     const int refusal = node ? Refusal(node, change, handle) : ESTALE;
     if (refusal != 0) {
         call->Fail(refusal);

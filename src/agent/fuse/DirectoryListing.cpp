@@ -144,7 +144,7 @@ void DirectoryListing::TakeEntries(ByteSpan answer)
                 return;
             }
         }
-        if (share->LinksOfMount() == Links::Hide && !NamesOneByOne() && record.facts.IsSymbolicLink())
+        if (share->LinksOfMount() == LinkView::Hide && !NamesOneByOne() && record.facts.IsSymbolicLink())
             continue;
         Entry entry;
         entry.facts = record.facts;

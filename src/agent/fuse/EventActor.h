@@ -7,7 +7,7 @@
 
 #include "agent/fuse/FolderChanges.h"
 #include "agent/fuse/MountState.h"
-#include "platform/linux/FdStream.h"
+#include "lib/misc/Fd.h"
 
 #include <condition_variable>
 #include <deque>

@@ -78,10 +78,10 @@ uint32_t FileOpener::AccessOf(int flags, const RemoteShare &share) const
     return access;
 }
 
-OpenFilePtr FileOpener::NewOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share,
-                                uint32_t fileId, uint32_t access)
+RemoteFilePtr FileOpener::NewOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share,
+                                  uint32_t fileId, uint32_t access)
 {
-    auto file = std::make_shared<OpenFile>();
+    auto file = std::make_shared<RemoteFile>();
     file->node = node;
     file->share = share;
     file->fileId = fileId;
@@ -96,7 +96,7 @@ OpenFilePtr FileOpener::NewOpen(const NodePtr &node, const std::shared_ptr<Remot
 }
 
 // The number by which the kernel names the open file, which counts as one of the node's from now on.
-uint64_t FileOpener::Keep(const OpenFilePtr &file, bool isNew)
+uint64_t FileOpener::Keep(const RemoteFilePtr &file, bool isNew)
 {
     file->node->opens.Add(file);
     if (!file->lender)
@@ -105,7 +105,7 @@ uint64_t FileOpener::Keep(const OpenFilePtr &file, bool isNew)
 }
 
 // A small file that is opened for reading is read: its bytes come while the kernel asks for its facts.
-void FileOpener::PrimeReading(const OpenFilePtr &file)
+void FileOpener::PrimeReading(const RemoteFilePtr &file)
 {
     FileFacts facts;
     if (file->writable || !file->node->LastFacts(&facts) || facts.endOfFile <= 0 ||
@@ -240,7 +240,7 @@ Task<Opening> FileOpener::OpenByName(NodePtr node, Place place, int flags, uint3
 
 // STATUS_OBJECT_NAME_NOT_FOUND: `*another` was opened by the name, and is to be closed by the caller.
 Task<Opening> FileOpener::OpenAndIdentify(NodePtr node, Place place, int flags, uint32_t access,
-                                          OpenFilePtr *another)
+                                          RemoteFilePtr *another)
 {
     const uint64_t known = mount.table.FileIdOf(node);
     const uint32_t links = mount.FollowsLinks(node, place) ? 0 : nt::FILE_OPEN_REPARSE_POINT;
@@ -252,7 +252,7 @@ Task<Opening> FileOpener::OpenAndIdentify(NodePtr node, Place place, int flags, 
     opening.status = opened.status;
     if (opened.Failed())
         co_return opening;
-    const OpenFilePtr file = NewOpen(node, place.share, opened.fileId, access);
+    const RemoteFilePtr file = NewOpen(node, place.share, opened.fileId, access);
     if ((flags & O_TRUNC) == 0)
         PrimeReading(file);
     const std::shared_ptr<WriteBehind> writes = node->Writes(mount.writeWindow);
@@ -287,7 +287,7 @@ Task<Opening> FileOpener::OpenFileOf(NodePtr node, Place place, int flags, uint3
         }
     }
     for (bool first = true;; first = false) {
-        OpenFilePtr another;
+        RemoteFilePtr another;
         Opening opening = co_await OpenAndIdentify(node, place, flags, access, &another);
         if (!SaysAbsent(opening.status) && opening.status != nt::STATUS_FILE_IS_A_DIRECTORY)
             co_return opening;
@@ -301,7 +301,7 @@ Task<Opening> FileOpener::OpenFileOf(NodePtr node, Place place, int flags, uint3
         Place now;
         const bool moved =
             standing == Standing::Here && mount.table.PlaceIn(parent, name, &now) && now.path != place.path;
-        const OpenFilePtr lender = lookedAgain ? node->opens.AnyWith(access) : nullptr;
+        const RemoteFilePtr lender = lookedAgain ? node->opens.AnyWith(access) : nullptr;
         if (another && standing == Standing::Here && !moved && !lender)
             OpenedAnother(parent, name, place.share, another->fileId, access, opening.facts);
         else if (another)

@@ -7,7 +7,7 @@ namespace fodr::agent {
 
 struct Opening {
     nt::NTSTATUS status = nt::STATUS_SUCCESS; // STATUS_FILE_DELETED: the kernel has to look again
-    OpenFilePtr file;
+    RemoteFilePtr file;
     FileFacts facts;
 };
 
@@ -23,12 +23,12 @@ public:
     Task<Opening> OpenFileOf(NodePtr node, Place place, int flags, uint32_t access);
     Task<Opening> OpenByName(NodePtr node, Place place, int flags, uint32_t access);
     Task<IoResult> OpenAt(const Place &place, const RemoteShare::CreateCall &open); // which outlive the wait
-    OpenFilePtr NewOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
-                        uint32_t access);
+    RemoteFilePtr NewOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
+                          uint32_t access);
     // The number by which the kernel names the open file, which counts as one of the node's from now on.
-    uint64_t Keep(const OpenFilePtr &file, bool isNew = false);
+    uint64_t Keep(const RemoteFilePtr &file, bool isNew = false);
     // A small file that is opened for reading is read: its bytes come while the kernel asks for its facts.
-    void PrimeReading(const OpenFilePtr &file);
+    void PrimeReading(const RemoteFilePtr &file);
     // Whether a name of the file led to another one. It is lost then, and the kernel has to look again.
     Task<bool> LosesName(NodePtr node);
 
@@ -38,7 +38,7 @@ private:
     Task<IoResult> OpenFor(NodePtr node, Place place, RemoteShare::CreateCall open, int flags,
                            FileFacts *facts);
     Task<Opening> OpenAndIdentify(NodePtr node, Place place, int flags, uint32_t access,
-                                  OpenFilePtr *another);
+                                  RemoteFilePtr *another);
     Task<Opening> OpenByLent(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId,
                              uint32_t access, std::shared_ptr<void> lender);
     void OpenedAnother(const NodePtr &parent, const std::string &name,

@@ -28,7 +28,7 @@ RemoteShare::CreateCall CreateCallOf(const RemoteShare &share, uint32_t access, 
                                       .createDisposition = nt::FILE_OPEN_IF,
                                       .createOptions = nt::FILE_NON_DIRECTORY_FILE,
                                       .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
-    if (share.LinksOfMount() == Links::Hide) // the name may be a link's
+    if (share.LinksOfMount() == LinkView::Hide) // the name may be a link's
         create.createOptions |= nt::FILE_OPEN_REPARSE_POINT;
     if (flags & O_EXCL)
         create.createDisposition = nt::FILE_CREATE;
@@ -90,13 +90,13 @@ Detached FileOperations::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
         std::string name;
         if (mount.table.ParentAndNameOf(node, &parent, &name))
             mount.directories.ForgetNames(parent);
-        if (place.share->LinksOfMount() == Links::Follow && SaysAbsent(opening.status))
+        if (place.share->LinksOfMount() == LinkView::Follow && SaysAbsent(opening.status))
             call->Fail(ENOENT); // a link that leads nowhere is no stale name
         else
             call->FailOfFile(opening.status);
         co_return;
     }
-    const OpenFilePtr file = std::move(opening.file);
+    const RemoteFilePtr file = std::move(opening.file);
     if (truncates) {
         const nt::NTSTATUS status = co_await Truncate(node, file->share, file->fileId);
         if (nt::IsError(status)) {
@@ -189,7 +189,7 @@ Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::stri
 
 void FileOperations::Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, uint32_t length)
 {
-    const OpenFilePtr &file = mount.openFiles.Of(handle);
+    const RemoteFilePtr &file = mount.openFiles.Of(handle);
     if (!file->readable) {
         call->Fail(EBADF);
         return;
@@ -207,7 +207,7 @@ void FileOperations::Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, 
 
 void FileOperations::Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes, int flags)
 {
-    const OpenFilePtr &file = mount.openFiles.Of(handle);
+    const RemoteFilePtr &file = mount.openFiles.Of(handle);
     if (!file->writable) {
         call->Fail(EBADF);
         return;
@@ -227,7 +227,7 @@ void FileOperations::Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset,
 }
 
 // Of flush and fsync alike: nothing counts as written that the other side hasn't acknowledged.
-void FileOperations::Flush(FuseCall::Ptr call, const OpenFilePtr &file)
+void FileOperations::Flush(FuseCall::Ptr call, const RemoteFilePtr &file)
 {
     file->node->Writes(mount.writeWindow)->WhenDone([call, errors = file->errors] {
         call->FailStatus(errors->TakeForFlush());
@@ -237,7 +237,7 @@ void FileOperations::Flush(FuseCall::Ptr call, const OpenFilePtr &file)
 // The call may be null: the kernel never got the handle.
 void FileOperations::Release(FuseCall::Ptr call, uint64_t handle)
 {
-    const OpenFilePtr file = mount.openFiles.Drop(handle);
+    const RemoteFilePtr file = mount.openFiles.Drop(handle);
     // Counted from now on, so that a rename that follows waits for it.
     file->node->opens.BeginClose();
     file->released = true;

@@ -101,7 +101,7 @@ void FileSystem::Clear()
     mount.openListings.DropAll();
     mount.openedAhead.Purge(true);
     locks.Clear();
-    for (const OpenFilePtr &file : mount.openFiles.DropAll())
+    for (const RemoteFilePtr &file : mount.openFiles.DropAll())
         file->node->opens.Remove(file);
 }
 

@@ -135,9 +135,9 @@ void Write(fuse_req_t request, fuse_ino_t, const char *bytes, size_t size, off_t
 void Flush(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
 {
     FileSystem &files = Of(request);
-    files.locks.Closed(info->fh, info->lock_owner, [&files, call = CallOf(request)](const OpenFilePtr &file) {
-        files.files.Flush(call, file);
-    });
+    files.locks.Closed(
+        info->fh, info->lock_owner,
+        [&files, call = CallOf(request)](const RemoteFilePtr &file) { files.files.Flush(call, file); });
 }
 
 void FSync(fuse_req_t request, fuse_ino_t, int, fuse_file_info *info)

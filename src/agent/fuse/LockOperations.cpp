@@ -52,7 +52,8 @@ Task<OwnerHold> EnterAlone(LockOwnerPtr owner)
 
 // ---- Handles ----
 
-Task<OpenFilePtr> LockOperations::OpenByName(NodePtr node, Place place, uint32_t access, nt::NTSTATUS *status)
+Task<RemoteFilePtr> LockOperations::OpenByName(NodePtr node, Place place, uint32_t access,
+                                               nt::NTSTATUS *status)
 {
     const uint32_t links = mount.FollowsLinks(node, place) ? 0 : nt::FILE_OPEN_REPARSE_POINT;
     const RemoteShare::CreateCall open = {.desiredAccess = access,
@@ -62,7 +63,7 @@ Task<OpenFilePtr> LockOperations::OpenByName(NodePtr node, Place place, uint32_t
     *status = opened.status;
     if (opened.Failed())
         co_return nullptr;
-    const OpenFilePtr file = opener.NewOpen(node, place.share, opened.fileId, access);
+    const RemoteFilePtr file = opener.NewOpen(node, place.share, opened.fileId, access);
     if (!place.share->HasIds())
         co_return file;
     FileFacts facts;
@@ -73,20 +74,20 @@ Task<OpenFilePtr> LockOperations::OpenByName(NodePtr node, Place place, uint32_t
 }
 
 // Of a file without a name: the open's own handle, which serves one owner.
-OpenFilePtr LockOperations::ShareHandle(const OpenFilePtr &file) const
+RemoteFilePtr LockOperations::ShareHandle(const RemoteFilePtr &file) const
 {
     for (const LockOwnerPtr &other : owners.Of(file->node)) {
-        const OpenFilePtr handle = other->Handle();
+        const RemoteFilePtr handle = other->Handle();
         if (handle && handle->fileId == file->fileId)
             return nullptr;
     }
-    const OpenFilePtr shared = opener.NewOpen(file->node, file->share, file->fileId, file->access);
+    const RemoteFilePtr shared = opener.NewOpen(file->node, file->share, file->fileId, file->access);
     shared->lender = file;
     shared->givenAway = true;
     return shared;
 }
 
-Task<OpenFilePtr> LockOperations::OpenHandle(OpenFilePtr file, nt::NTSTATUS *status)
+Task<RemoteFilePtr> LockOperations::OpenHandle(RemoteFilePtr file, nt::NTSTATUS *status)
 {
     const NodePtr node = file->node;
     NodePtr parent;
@@ -104,7 +105,7 @@ Task<OpenFilePtr> LockOperations::OpenHandle(OpenFilePtr file, nt::NTSTATUS *sta
         const uint32_t all =
             kAnyAccess | nt::FILE_READ_DATA | (place.share->Device().IsReadOnly() ? 0 : nt::FILE_WRITE_DATA);
         for (bool again = true; again;) {
-            OpenFilePtr handle = co_await OpenByName(node, place, all, status);
+            RemoteFilePtr handle = co_await OpenByName(node, place, all, status);
             if (!handle && !SaysAbsent(*status) && own != all)
                 handle = co_await OpenByName(node, place, own, status);
             if (handle)
@@ -114,7 +115,7 @@ Task<OpenFilePtr> LockOperations::OpenHandle(OpenFilePtr file, nt::NTSTATUS *sta
     }
     if (!SaysAbsent(*status))
         co_return nullptr;
-    const OpenFilePtr shared = ShareHandle(file);
+    const RemoteFilePtr shared = ShareHandle(file);
     *status = shared ? nt::STATUS_SUCCESS : nt::STATUS_INSUFFICIENT_RESOURCES;
     co_return shared;
 }
@@ -123,7 +124,7 @@ Task<OpenFilePtr> LockOperations::OpenHandle(OpenFilePtr file, nt::NTSTATUS *sta
 Task<Nothing> LockOperations::Drop(LockOwnerPtr owner)
 {
     const OwnerHold alone = co_await EnterAlone(owner);
-    const OpenFilePtr handle = owner->Handle();
+    const RemoteFilePtr handle = owner->Handle();
     if (!handle)
         co_return Nothing{};
     if (!owner->HoldsNothing())
@@ -157,7 +158,7 @@ Task<Nothing> LockOperations::End(LockOwnerPtr owner)
 
 Detached LockOperations::Closed(uint64_t handle, uint64_t owner, Next next)
 {
-    const OpenFilePtr file = mount.openFiles.Of(handle);
+    const RemoteFilePtr file = mount.openFiles.Of(handle);
     {
         const LockCall entered(owners, file->node, owner, false);
         if (entered.Owner())
@@ -174,7 +175,7 @@ Detached LockOperations::EndLater(LockOwnerPtr owner)
 
 void LockOperations::Released(uint64_t handle)
 {
-    const OpenFilePtr file = mount.openFiles.Of(handle);
+    const RemoteFilePtr file = mount.openFiles.Of(handle);
     for (const LockOwnerPtr &owner : owners.OnlyThrough(file)) {
         if (const LockOwnerPtr entered = owners.Enter(file->node, owner->id, false))
             EndLater(entered);
@@ -183,7 +184,7 @@ void LockOperations::Released(uint64_t handle)
 
 bool LockOperations::AreLost(uint64_t handle) const
 {
-    const OpenFilePtr &file = mount.openFiles.Of(handle);
+    const RemoteFilePtr &file = mount.openFiles.Of(handle);
     const std::vector<LockOwnerPtr> all = owners.Of(file->node);
     return std::ranges::any_of(all, [&](const LockOwnerPtr &owner) {
         const bool concerned = owner->id == LockOwners::kSide || owners.CameThrough(owner, file);
@@ -210,7 +211,7 @@ Task<Nothing> LockOperations::SeeOthersChanges(NodePtr node)
 }
 
 // Tries to take it; what was held of the range before is replaced.
-Task<nt::NTSTATUS> LockOperations::TryLock(LockOwnerPtr owner, OpenFilePtr file, LockWish wish)
+Task<nt::NTSTATUS> LockOperations::TryLock(LockOwnerPtr owner, RemoteFilePtr file, LockWish wish)
 {
     std::optional<GateHold> aloneHere;
     const bool shared = !wish.whole && IsSharedMemory(file->node);
@@ -223,7 +224,7 @@ Task<nt::NTSTATUS> LockOperations::TryLock(LockOwnerPtr owner, OpenFilePtr file,
     }
     {
         const OwnerHold alone = co_await EnterAlone(owner);
-        OpenFilePtr handle = owner->Handle();
+        RemoteFilePtr handle = owner->Handle();
         if (handle && owner->IsLost() && !owner->HoldsNothing())
             co_return STATUS_FILE_INVALID;
         if (!handle || owner->IsLost()) {
@@ -238,10 +239,10 @@ Task<nt::NTSTATUS> LockOperations::TryLock(LockOwnerPtr owner, OpenFilePtr file,
     co_return status;
 }
 
-Task<nt::NTSTATUS> LockOperations::WaitForLock(FuseCall::Ptr call, LockOwnerPtr owner, OpenFilePtr file,
+Task<nt::NTSTATUS> LockOperations::WaitForLock(FuseCall::Ptr call, LockOwnerPtr owner, RemoteFilePtr file,
                                                LockWish wish)
 {
-    const OpenFilePtr handle = owner->Handle();
+    const RemoteFilePtr handle = owner->Handle();
     const auto endings = std::make_shared<std::atomic<int>>(0);
     // With shared memory two locks are taken: no wait for one of them does.
     const bool onHost = handle && handle->share->Has(nt::FODR_HOST_ADVISORY_LOCKS) &&
@@ -283,7 +284,7 @@ Task<nt::NTSTATUS> LockOperations::Unlock(LockOwnerPtr owner, LockWish wish)
         aloneHere.emplace(co_await PassGate(owner->node, NameGate::Entry::Alone));
     {
         const OwnerHold alone = co_await EnterAlone(owner);
-        const OpenFilePtr handle = owner->Handle();
+        const RemoteFilePtr handle = owner->Handle();
         if (owner->IsLost()) // what is given up can't be missed
             owner->Note(wish);
         else if (handle)
@@ -302,7 +303,7 @@ Task<Nothing> LockOperations::Restore(LockOwnerPtr owner, LockWish wish, LockRan
     if (wish.whole)
         co_return Nothing{};
     const OwnerHold alone = co_await EnterAlone(owner);
-    const OpenFilePtr handle = owner->Handle();
+    const RemoteFilePtr handle = owner->Handle();
     for (const LockedRange &range : before.Within(wish.begin, wish.end)) {
         wish.begin = range.begin;
         wish.end = range.end;
@@ -315,7 +316,7 @@ Task<Nothing> LockOperations::Restore(LockOwnerPtr owner, LockWish wish, LockRan
 
 Detached LockOperations::SetLock(FuseCall::Ptr call, uint64_t handle, LockWish wish, bool waits)
 {
-    const OpenFilePtr file = mount.openFiles.Of(handle);
+    const RemoteFilePtr file = mount.openFiles.Of(handle);
     const LockCall entered(owners, file->node, wish.owner, true);
     const LockOwnerPtr owner = entered.Owner();
     const bool shared = !wish.whole && IsSharedMemory(file->node);
@@ -340,7 +341,7 @@ Detached LockOperations::SetLock(FuseCall::Ptr call, uint64_t handle, LockWish w
         co_await Restore(owner, wish, before);
 }
 
-Task<LockFound> LockOperations::TryForAMoment(LockOwnerPtr owner, OpenFilePtr file, LockWish wish)
+Task<LockFound> LockOperations::TryForAMoment(LockOwnerPtr owner, RemoteFilePtr file, LockWish wish)
 {
     const LockRanges before = owner->Bytes();
     LockFound found;
@@ -354,7 +355,7 @@ Task<LockFound> LockOperations::TryForAMoment(LockOwnerPtr owner, OpenFilePtr fi
 
 Detached LockOperations::GetLock(FuseCall::Ptr call, uint64_t handle, LockWish wish)
 {
-    const OpenFilePtr file = mount.openFiles.Of(handle);
+    const RemoteFilePtr file = mount.openFiles.Of(handle);
     const LockCall entered(owners, file->node, wish.owner, true);
     const LockOwnerPtr owner = entered.Owner();
     const bool shared = IsSharedMemory(file->node);
@@ -369,7 +370,7 @@ Detached LockOperations::GetLock(FuseCall::Ptr call, uint64_t handle, LockWish w
         found.range = other->InTheWayOf(wish);
         process = found.range ? other->Process() : 0;
     }
-    const OpenFilePtr own = owner->Handle();
+    const RemoteFilePtr own = owner->Handle();
     if (found.range)
         found.status = nt::STATUS_SUCCESS;
     else if (shared)

@@ -36,7 +36,7 @@ LockWish LockOperations::Shifted(const LockWish &wish)
 }
 
 // The caller is alone in the node's gate until its own lock is noted, or wasn't granted.
-Task<nt::NTSTATUS> LockOperations::TakeSide(OpenFilePtr file)
+Task<nt::NTSTATUS> LockOperations::TakeSide(RemoteFilePtr file)
 {
     const LockCall entered(owners, file->node, LockOwners::kSide, true);
     const LockOwnerPtr side = entered.Owner();
@@ -50,7 +50,7 @@ Task<nt::NTSTATUS> LockOperations::TakeSide(OpenFilePtr file)
     if (side->Covers(kAllRealBytes))
         co_return nt::STATUS_SUCCESS;
     nt::NTSTATUS status = nt::STATUS_SUCCESS;
-    const OpenFilePtr handle = co_await OpenHandle(file, &status);
+    const RemoteFilePtr handle = co_await OpenHandle(file, &status);
     if (!handle)
         co_return status;
     side->SetHandle(handle);
@@ -80,7 +80,7 @@ Task<Nothing> LockOperations::LeaveSide(NodePtr node)
 }
 
 // Whether another machine has the file.
-Task<LockFound> LockOperations::QuerySide(OpenFilePtr file, LockWish wish)
+Task<LockFound> LockOperations::QuerySide(RemoteFilePtr file, LockWish wish)
 {
     const GateHold alone = co_await PassGate(file->node, NameGate::Entry::Alone);
     LockFound found;

@@ -7,19 +7,19 @@
 
 namespace fodr::agent {
 
-LockRanges::Neighbours NeighboursOf(const OpenFilePtr &handle)
+LockRanges::Neighbours NeighboursOf(const RemoteFilePtr &handle)
 {
     const bool joins = !handle || handle->share->Has(nt::FODR_HOST_ADVISORY_LOCKS);
     return joins ? LockRanges::Neighbours::Join : LockRanges::Neighbours::Stay;
 }
 
-void LockOwner::SetHandle(OpenFilePtr file)
+void LockOwner::SetHandle(RemoteFilePtr file)
 {
     const MutexLock held(lock);
     handle.swap(file); // the former one goes outside the lock
 }
 
-OpenFilePtr LockOwner::Handle() const
+RemoteFilePtr LockOwner::Handle() const
 {
     const MutexLock held(lock);
     return handle;
@@ -27,7 +27,7 @@ OpenFilePtr LockOwner::Handle() const
 
 bool LockOwner::IsLost() const
 {
-    const OpenFilePtr file = Handle();
+    const RemoteFilePtr file = Handle();
     return file && file->share->IsLost(file->fileId);
 }
 
@@ -108,7 +108,7 @@ LockOwnerPtr LockOwners::Enter(const NodePtr &node, uint64_t owner, bool make)
     return *found;
 }
 
-void LockOwners::NoteThrough(const LockOwnerPtr &owner, const OpenFilePtr &file)
+void LockOwners::NoteThrough(const LockOwnerPtr &owner, const RemoteFilePtr &file)
 {
     const MutexLock held(lock);
     owner->throughSeveral |= owner->through && owner->through != file.get();
@@ -146,7 +146,7 @@ std::vector<LockOwnerPtr> LockOwners::Of(const NodePtr &node) const
     return ofNode == owners.end() ? std::vector<LockOwnerPtr>{} : ofNode->second;
 }
 
-std::vector<LockOwnerPtr> LockOwners::OnlyThrough(const OpenFilePtr &file) const
+std::vector<LockOwnerPtr> LockOwners::OnlyThrough(const RemoteFilePtr &file) const
 {
     std::vector<LockOwnerPtr> found = Of(file->node);
     const MutexLock held(lock);
@@ -156,7 +156,7 @@ std::vector<LockOwnerPtr> LockOwners::OnlyThrough(const OpenFilePtr &file) const
     return found;
 }
 
-bool LockOwners::CameThrough(const LockOwnerPtr &owner, const OpenFilePtr &file) const
+bool LockOwners::CameThrough(const LockOwnerPtr &owner, const RemoteFilePtr &file) const
 {
     const MutexLock held(lock);
     return owner->throughSeveral || owner->through == file.get();
@@ -201,7 +201,7 @@ uint32_t OperationOf(std::optional<bool> exclusive)
     return *exclusive ? RDP_LOWIO_OP_EXCLUSIVELOCK : RDP_LOWIO_OP_SHAREDLOCK;
 }
 
-auto Ask(const OpenFilePtr &handle, std::optional<bool> exclusive, bool waits, const RDP_LOCK_INFO &place)
+auto Ask(const RemoteFilePtr &handle, std::optional<bool> exclusive, bool waits, const RDP_LOCK_INFO &place)
 {
     return AwaitIo([&handle, exclusive, waits, place](IoHandler done) {
         handle->share->Lock(handle->fileId, OperationOf(exclusive), !waits, {&place, 1}, std::move(done));
@@ -231,7 +231,7 @@ struct Locked {
     nt::NTSTATUS status = nt::STATUS_SUCCESS;
 };
 
-Task<Locked> LockPieces(OpenFilePtr handle, std::vector<Piece> pieces)
+Task<Locked> LockPieces(RemoteFilePtr handle, std::vector<Piece> pieces)
 {
     Locked locked;
     for (const Piece &piece : pieces) {
@@ -246,7 +246,7 @@ Task<Locked> LockPieces(OpenFilePtr handle, std::vector<Piece> pieces)
     co_return locked;
 }
 
-Task<bool> UnlockPieces(OpenFilePtr handle, std::vector<Piece> pieces, size_t count)
+Task<bool> UnlockPieces(RemoteFilePtr handle, std::vector<Piece> pieces, size_t count)
 {
     bool all = true;
     for (size_t i = 0; i < count; ++i) {
@@ -259,7 +259,7 @@ Task<bool> UnlockPieces(OpenFilePtr handle, std::vector<Piece> pieces, size_t co
 // Gives up the pieces that go and takes those that come; when one is refused, all is as it was. A shared lock
 // is granted over one's own, so it comes first. For an exclusive one the others go first, and somebody may
 // come in between: the owner has lost what it held then.
-Task<nt::NTSTATUS> Exchange(OpenFilePtr handle, std::vector<Piece> going, std::vector<Piece> coming)
+Task<nt::NTSTATUS> Exchange(RemoteFilePtr handle, std::vector<Piece> going, std::vector<Piece> coming)
 {
     std::vector<Piece> shared = coming, exclusive = coming;
     std::erase_if(shared, [](const Piece &piece) { return piece.exclusive; });
@@ -282,7 +282,7 @@ Task<nt::NTSTATUS> Exchange(OpenFilePtr handle, std::vector<Piece> going, std::v
 
 } // namespace
 
-Task<nt::NTSTATUS> SetHostLock(LockOwnerPtr owner, OpenFilePtr handle, LockWish wish)
+Task<nt::NTSTATUS> SetHostLock(LockOwnerPtr owner, RemoteFilePtr handle, LockWish wish)
 {
     nt::NTSTATUS status;
     if (handle->share->Has(nt::FODR_HOST_ADVISORY_LOCKS)) {
@@ -310,20 +310,20 @@ Task<nt::NTSTATUS> SetHostLock(LockOwnerPtr owner, OpenFilePtr handle, LockWish 
     co_return status;
 }
 
-Task<nt::NTSTATUS> AwaitHostLock(OpenFilePtr handle, LockWish wish)
+Task<nt::NTSTATUS> AwaitHostLock(RemoteFilePtr handle, LockWish wish)
 {
     const RDP_LOCK_INFO place = PlaceOf(wish);
     const IoResult locked = co_await Ask(handle, wish.exclusive, true, place);
     co_return locked.status;
 }
 
-void EndHostWaits(const OpenFilePtr &handle)
+void EndHostWaits(const RemoteFilePtr &handle)
 {
     const RDP_LOCK_INFO waits = {.Length = 1, .Offset = nt::FODR_LOCK_WAITS};
     handle->share->Lock(handle->fileId, RDP_LOWIO_OP_UNLOCK, true, {&waits, 1}, [](const IoResult &) {});
 }
 
-Task<LockFound> QueryHostLock(OpenFilePtr handle, LockWish wish)
+Task<LockFound> QueryHostLock(RemoteFilePtr handle, LockWish wish)
 {
     std::array<uint8_t, sizeof(nt::FODR_LOCK)> input{};
     StoreLittle(&input[offsetof(nt::FODR_LOCK, Offset)], wish.begin);

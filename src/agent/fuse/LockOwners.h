@@ -21,7 +21,7 @@ struct LockWish {
 };
 
 // NT's locks are unlocked as they were locked.
-LockRanges::Neighbours NeighboursOf(const OpenFilePtr &handle);
+LockRanges::Neighbours NeighboursOf(const RemoteFilePtr &handle);
 
 class LockOwner {
 public:
@@ -31,8 +31,8 @@ public:
     const uint64_t id;
     NameGate gate; // its calls go one by one; those that wait for others' locks aren't in it
 
-    void SetHandle(OpenFilePtr file);
-    OpenFilePtr Handle() const; // null: it never locked anything, or has left
+    void SetHandle(RemoteFilePtr file);
+    RemoteFilePtr Handle() const; // null: it never locked anything, or has left
     // Another connection took the handle, and what it held, along.
     bool IsLost() const;
 
@@ -47,14 +47,14 @@ public:
 
 private:
     mutable Mutex lock;
-    OpenFilePtr handle GUARDED_BY(lock);
+    RemoteFilePtr handle GUARDED_BY(lock);
     LockRanges bytes GUARDED_BY(lock);
     std::optional<bool> whole GUARDED_BY(lock);
     int process GUARDED_BY(lock) = 0;
 
     friend class LockOwners; // by its lock:
     size_t calls = 0;
-    const OpenFile *through = nullptr;
+    const RemoteFile *through = nullptr;
     bool throughSeveral = false;
 };
 using LockOwnerPtr = std::shared_ptr<LockOwner>;
@@ -66,7 +66,7 @@ public:
 
     // For a call; Leave ends it. Without `make` null when there is no such owner.
     LockOwnerPtr Enter(const NodePtr &node, uint64_t owner, bool make);
-    void NoteThrough(const LockOwnerPtr &owner, const OpenFilePtr &file);
+    void NoteThrough(const LockOwnerPtr &owner, const RemoteFilePtr &file);
     // An owner without a handle is forgotten with its last call.
     void Leave(const LockOwnerPtr &owner);
 
@@ -74,9 +74,9 @@ public:
     std::vector<LockOwnerPtr> Of(const NodePtr &node) const;
     // Those that came through this open alone: with its end they end. Processes have told by then that they
     // closed it.
-    std::vector<LockOwnerPtr> OnlyThrough(const OpenFilePtr &file) const;
+    std::vector<LockOwnerPtr> OnlyThrough(const RemoteFilePtr &file) const;
     // Whether it has locked anything through this open.
-    bool CameThrough(const LockOwnerPtr &owner, const OpenFilePtr &file) const;
+    bool CameThrough(const LockOwnerPtr &owner, const RemoteFilePtr &file) const;
     void Clear();
 
 private:
@@ -110,16 +110,16 @@ private:
 
 // Sets what the owner holds of the range, without waiting: STATUS_LOCK_NOT_GRANTED where others are in the
 // way. The caller is in the owner's gate. What is granted is noted with the owner.
-Task<nt::NTSTATUS> SetHostLock(LockOwnerPtr owner, OpenFilePtr handle, LockWish wish);
+Task<nt::NTSTATUS> SetHostLock(LockOwnerPtr owner, RemoteFilePtr handle, LockWish wish);
 // Waits on the host, which has to know advisory locks, for what isn't free. STATUS_CANCELLED: EndHostWaits
 // came.
-Task<nt::NTSTATUS> AwaitHostLock(OpenFilePtr handle, LockWish wish);
-void EndHostWaits(const OpenFilePtr &handle);
+Task<nt::NTSTATUS> AwaitHostLock(RemoteFilePtr handle, LockWish wish);
+void EndHostWaits(const RemoteFilePtr &handle);
 
 struct LockFound {
     nt::NTSTATUS status = nt::STATUS_SUCCESS;
     std::optional<LockedRange> range; // none: nothing is in the way
 };
-Task<LockFound> QueryHostLock(OpenFilePtr handle, LockWish wish);
+Task<LockFound> QueryHostLock(RemoteFilePtr handle, LockWish wish);
 
 } // namespace fodr::agent

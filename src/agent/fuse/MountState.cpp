@@ -102,7 +102,7 @@ void MountState::ForgetInKernel(const NodePtr &directory, const Children &childr
 // What was read of an open file is dropped as soon as it is seen to have changed.
 Detached MountState::LookAgain(NodePtr node)
 {
-    const OpenFilePtr file = node->opens.Any(false);
+    const RemoteFilePtr file = node->opens.Any(false);
     if (!file || node->opens.Any(true))
         co_return;
     FileFacts facts;

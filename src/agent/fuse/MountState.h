@@ -122,7 +122,7 @@ public:
     IFolderObserver *observer = nullptr; // set before anything happens; may stay null
     NodeTable table;
     TransferWindow readWindow, writeWindow;
-    KeptHandles<OpenFile> openFiles;
+    KeptHandles<RemoteFile> openFiles;
     KeptHandles<OpenListing> openListings;
     DirectoryCache directories;
     OpenedAhead openedAhead;

@@ -47,11 +47,11 @@ Task<Found> NameFinder::Find(NodePtr parent, std::string name, Freshness freshne
     if (nt::IsError(found.status) || !found.facts.IsSymbolicLink() ||
         !mount.table.PlaceIn(parent, name, &place))
         co_return found;
-    const Links links = place.share->LinksOfMount();
+    const LinkView links = place.share->LinksOfMount();
     const bool named = IsNamedOneByOne(parent, place);
-    if (links == Links::Hide && !named)
+    if (links == LinkView::Hide && !named)
         co_return Found::Failure(nt::STATUS_OBJECT_NAME_NOT_FOUND);
-    if (links == Links::Follow || named) {
+    if (links == LinkView::Follow || named) {
         Found target = co_await FindByPath(place, true);
         if (!nt::IsError(target.status))
             co_return target;
@@ -190,7 +190,7 @@ Task<Found> FactsFinder::FactsOf(NodePtr node, Freshness freshness)
     found.asked = Node::Clock::now();
     const std::shared_ptr<WriteBehind> writes = node->WritesIfAny();
     co_await AwaitWrites(writes);
-    const OpenFilePtr file = node->opens.Any(false);
+    const RemoteFilePtr file = node->opens.Any(false);
     if (file) {
         if (node->TakeFactsOfOpen(mount.UnwatchedSpan(), &found.facts, &found.asked))
             co_return found;

@@ -217,7 +217,7 @@ Task<Nothing> NameOperations::MakeSpecial(FuseCall::Ptr call, uint64_t parentId,
     const bool isFile = S_ISREG(mode);
     const std::vector<uint8_t> record =
         isFile ? std::vector<uint8_t>() : RecordOf(*place.share, mode, target);
-    const bool unseen = S_ISLNK(mode) && place.share->LinksOfMount() != Links::Show;
+    const bool unseen = S_ISLNK(mode) && place.share->LinksOfMount() != LinkView::Show;
     if ((!isFile && record.empty()) || unseen) {
         call->Fail(EPERM);
         co_return Nothing{};

@@ -17,7 +17,7 @@ NodeKind KindOf(const FileFacts &facts)
     return facts.mode == 0 || S_ISREG(facts.mode) ? NodeKind::File : NodeKind::Special;
 }
 
-OpenFile::~OpenFile()
+RemoteFile::~RemoteFile()
 {
     if (givenAway && released)
         node->opens.EndClose(); // nothing is sent
@@ -28,13 +28,13 @@ OpenFile::~OpenFile()
     share->Close(fileId, [file = node](const IoResult &) { file->opens.EndClose(); });
 }
 
-void OpenState::Add(const OpenFilePtr &file)
+void OpenState::Add(const RemoteFilePtr &file)
 {
     const MutexLock held(lock);
     files.push_back(file);
 }
 
-void OpenState::Remove(const OpenFilePtr &file)
+void OpenState::Remove(const RemoteFilePtr &file)
 {
     const MutexLock held(lock);
     files.erase(std::find(files.begin(), files.end(), file));
@@ -59,31 +59,31 @@ void OpenState::EndClose()
         waiter();
 }
 
-OpenFilePtr OpenState::Any(bool writable) const
+RemoteFilePtr OpenState::Any(bool writable) const
 {
     const MutexLock held(lock);
-    for (const OpenFilePtr &file : files) {
+    for (const RemoteFilePtr &file : files) {
         if (!writable || file->writable)
             return file;
     }
     return nullptr;
 }
 
-OpenFilePtr OpenState::AnyWith(uint32_t access) const
+RemoteFilePtr OpenState::AnyWith(uint32_t access) const
 {
     const MutexLock held(lock);
-    for (const OpenFilePtr &file : files) {
+    for (const RemoteFilePtr &file : files) {
         if (file->access == access)
             return file;
     }
     return nullptr;
 }
 
-OpenFilePtr OpenState::AnyThatChangesBasics() const
+RemoteFilePtr OpenState::AnyThatChangesBasics() const
 {
     const MutexLock held(lock);
-    const auto found =
-        std::find_if(files.begin(), files.end(), [](const OpenFilePtr &file) { return file->changesBasics; });
+    const auto found = std::find_if(files.begin(), files.end(),
+                                    [](const RemoteFilePtr &file) { return file->changesBasics; });
     return found == files.end() ? nullptr : *found;
 }
 

@@ -49,15 +49,15 @@ class DirectoryListing;
 struct Node;
 using NodePtr = std::shared_ptr<Node>;
 
-struct OpenFile;
-using OpenFilePtr = std::shared_ptr<OpenFile>;
+struct RemoteFile;
+using RemoteFilePtr = std::shared_ptr<RemoteFile>;
 
 // One open of a file through the mount. Its handle is closed when the last who uses it has done so.
-struct OpenFile {
-    OpenFile() = default;
-    ~OpenFile();
-    OpenFile(const OpenFile &) = delete;
-    OpenFile &operator=(const OpenFile &) = delete;
+struct RemoteFile {
+    RemoteFile() = default;
+    ~RemoteFile();
+    RemoteFile(const RemoteFile &) = delete;
+    RemoteFile &operator=(const RemoteFile &) = delete;
 
     NodePtr node;
     std::shared_ptr<RemoteShare> share;
@@ -78,15 +78,15 @@ struct OpenFile {
 // What is open of one file. Any thread.
 class OpenState {
 public:
-    void Add(const OpenFilePtr &file);
-    void Remove(const OpenFilePtr &file);
+    void Add(const RemoteFilePtr &file);
+    void Remove(const RemoteFilePtr &file);
     // Around every close of a handle of the file that is sent: the name can't be replaced before it is over.
     void BeginClose();
     void EndClose();
     // Any open of the file; one that may write if that is wanted. Null when there is none.
-    OpenFilePtr Any(bool writable) const;
-    OpenFilePtr AnyWith(uint32_t access) const; // that was opened with just these rights
-    OpenFilePtr AnyThatChangesBasics() const;
+    RemoteFilePtr Any(bool writable) const;
+    RemoteFilePtr AnyWith(uint32_t access) const; // that was opened with just these rights
+    RemoteFilePtr AnyThatChangesBasics() const;
     bool IsOpen() const;
     bool IsClosing() const;
     // How many closes have ended. A refusal by one of them may be told after its end.
@@ -104,7 +104,7 @@ public:
 
 private:
     mutable Mutex lock;
-    std::vector<OpenFilePtr> files GUARDED_BY(lock);
+    std::vector<RemoteFilePtr> files GUARDED_BY(lock);
     std::vector<Waiter> waiters GUARDED_BY(lock);
     size_t closing GUARDED_BY(lock) = 0;
     uint64_t closesEnded GUARDED_BY(lock) = 0;

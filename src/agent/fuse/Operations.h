@@ -54,7 +54,7 @@ public:
     Detached Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode, int flags);
     void Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, uint32_t length);
     void Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes, int flags);
-    void Flush(FuseCall::Ptr call, const OpenFilePtr &file);
+    void Flush(FuseCall::Ptr call, const RemoteFilePtr &file);
     void Sync(FuseCall::Ptr call, uint64_t handle) { Flush(std::move(call), mount.openFiles.Of(handle)); }
     void Release(FuseCall::Ptr call, uint64_t handle);
 
@@ -101,9 +101,9 @@ private:
         nt::NTSTATUS status = nt::STATUS_SUCCESS;
         std::shared_ptr<RemoteShare> share;
         uint32_t fileId = 0;
-        OpenFilePtr file; // whose handle it is; null: to be closed
+        RemoteFilePtr file; // whose handle it is; null: to be closed
     };
-    Task<Borrowed> BorrowHandle(NodePtr node, OpenFilePtr file, bool forData);
+    Task<Borrowed> BorrowHandle(NodePtr node, RemoteFilePtr file, bool forData);
     void GiveBack(const NodePtr &node, const Borrowed &borrowed);
     int Refusal(const NodePtr &node, const AttributeChange &change, uint64_t handle) const;
     struct Changed {
@@ -206,10 +206,10 @@ public:
     Detached Copy(FuseCall::Ptr call, uint64_t source, off_t from, uint64_t target, off_t to, size_t length);
 
 private:
-    Task<nt::NTSTATUS> ZeroRange(OpenFilePtr file, uint64_t offset, uint64_t length);
-    Task<nt::NTSTATUS> ReserveRange(OpenFilePtr file, uint32_t mode, uint64_t offset, uint64_t length);
-    Task<bool> FindNext(OpenFilePtr file, int whence, uint64_t end, uint64_t *found);
-    Task<nt::NTSTATUS> Grow(OpenFilePtr file, uint64_t size);
+    Task<nt::NTSTATUS> ZeroRange(RemoteFilePtr file, uint64_t offset, uint64_t length);
+    Task<nt::NTSTATUS> ReserveRange(RemoteFilePtr file, uint32_t mode, uint64_t offset, uint64_t length);
+    Task<bool> FindNext(RemoteFilePtr file, int whence, uint64_t end, uint64_t *found);
+    Task<nt::NTSTATUS> Grow(RemoteFilePtr file, uint64_t size);
 
     MountState &mount;
 };
@@ -253,7 +253,7 @@ public:
     Detached SetLock(FuseCall::Ptr call, uint64_t handle, LockWish wish, bool waits);
     // A process has closed a descriptor of the file: its locks go, and then `next` is called. The kernel
     // doesn't wait for that when the process is dying, so the handle may not hold any more by then.
-    using Next = InlineFunction<void(const OpenFilePtr &file)>;
+    using Next = InlineFunction<void(const RemoteFilePtr &file)>;
     Detached Closed(uint64_t handle, uint64_t owner, Next next);
     // Nobody has it open any more.
     void Released(uint64_t handle);
@@ -263,13 +263,13 @@ public:
     void Clear() { owners.Clear(); }
 
 private:
-    Task<OpenFilePtr> OpenHandle(OpenFilePtr file, nt::NTSTATUS *status);
-    Task<OpenFilePtr> OpenByName(NodePtr node, Place place, uint32_t access, nt::NTSTATUS *status);
-    OpenFilePtr ShareHandle(const OpenFilePtr &file) const;
-    Task<nt::NTSTATUS> TryLock(LockOwnerPtr owner, OpenFilePtr file, LockWish wish);
-    Task<nt::NTSTATUS> WaitForLock(FuseCall::Ptr call, LockOwnerPtr owner, OpenFilePtr file, LockWish wish);
+    Task<RemoteFilePtr> OpenHandle(RemoteFilePtr file, nt::NTSTATUS *status);
+    Task<RemoteFilePtr> OpenByName(NodePtr node, Place place, uint32_t access, nt::NTSTATUS *status);
+    RemoteFilePtr ShareHandle(const RemoteFilePtr &file) const;
+    Task<nt::NTSTATUS> TryLock(LockOwnerPtr owner, RemoteFilePtr file, LockWish wish);
+    Task<nt::NTSTATUS> WaitForLock(FuseCall::Ptr call, LockOwnerPtr owner, RemoteFilePtr file, LockWish wish);
     Task<nt::NTSTATUS> Unlock(LockOwnerPtr owner, LockWish wish);
-    Task<LockFound> TryForAMoment(LockOwnerPtr owner, OpenFilePtr file, LockWish wish);
+    Task<LockFound> TryForAMoment(LockOwnerPtr owner, RemoteFilePtr file, LockWish wish);
     Task<Nothing> Restore(LockOwnerPtr owner, LockWish wish, LockRanges before);
     Task<Nothing> SeeOthersChanges(NodePtr node);
     Task<Nothing> Drop(LockOwnerPtr owner);
@@ -280,9 +280,9 @@ private:
     bool IsSharedMemory(const NodePtr &node) const;
     static LockWish Shifted(const LockWish &wish);
     static std::optional<LockedRange> Unshifted(std::optional<LockedRange> range);
-    Task<nt::NTSTATUS> TakeSide(OpenFilePtr file);
+    Task<nt::NTSTATUS> TakeSide(RemoteFilePtr file);
     Task<Nothing> LeaveSide(NodePtr node);
-    Task<LockFound> QuerySide(OpenFilePtr file, LockWish wish);
+    Task<LockFound> QuerySide(RemoteFilePtr file, LockWish wish);
 
     MountState &mount;
     PlaceFinder &places;

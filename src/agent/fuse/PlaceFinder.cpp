@@ -109,7 +109,7 @@ Task<bool> PlaceFinder::FindMoved(NodePtr folder)
 // A file that this mount has made is known by its name until a handle tells its id.
 Task<Nothing> PlaceFinder::Identify(NodePtr node)
 {
-    const OpenFilePtr file = node->opens.Any(false);
+    const RemoteFilePtr file = node->opens.Any(false);
     if (file && file->share->HasIds()) {
         FileFacts facts;
         const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);

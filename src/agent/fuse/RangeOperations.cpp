@@ -37,7 +37,7 @@ uint64_t NextOf(int whence, const std::vector<nt::FILE_ALLOCATED_RANGE_BUFFER> &
 
 } // namespace
 
-Task<nt::NTSTATUS> RangeOperations::ZeroRange(OpenFilePtr file, uint64_t offset, uint64_t length)
+Task<nt::NTSTATUS> RangeOperations::ZeroRange(RemoteFilePtr file, uint64_t offset, uint64_t length)
 {
     const nt::FILE_ZERO_DATA_INFORMATION record = {.FileOffset = static_cast<int64_t>(offset),
                                                    .BeyondFinalZero = static_cast<int64_t>(offset + length)};
@@ -46,7 +46,7 @@ Task<nt::NTSTATUS> RangeOperations::ZeroRange(OpenFilePtr file, uint64_t offset,
     co_return result.status;
 }
 
-Task<nt::NTSTATUS> RangeOperations::ReserveRange(OpenFilePtr file, uint32_t mode, uint64_t offset,
+Task<nt::NTSTATUS> RangeOperations::ReserveRange(RemoteFilePtr file, uint32_t mode, uint64_t offset,
                                                  uint64_t length)
 {
     nt::NTSTATUS status = nt::STATUS_NOT_SUPPORTED;
@@ -65,7 +65,7 @@ Task<nt::NTSTATUS> RangeOperations::ReserveRange(OpenFilePtr file, uint32_t mode
 }
 
 // Where nothing can be reserved. Files never shrink by this.
-Task<nt::NTSTATUS> RangeOperations::Grow(OpenFilePtr file, uint64_t size)
+Task<nt::NTSTATUS> RangeOperations::Grow(RemoteFilePtr file, uint64_t size)
 {
     FileFacts facts;
     const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);
@@ -78,7 +78,7 @@ Task<nt::NTSTATUS> RangeOperations::Grow(OpenFilePtr file, uint64_t size)
 Detached RangeOperations::Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uint64_t offset,
                                    uint64_t length)
 {
-    const OpenFilePtr file = mount.openFiles.Of(handle);
+    const RemoteFilePtr file = mount.openFiles.Of(handle);
     const bool punches = mode == (FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE);
     const bool reserves = (mode & ~(FALLOC_FL_KEEP_SIZE | FALLOC_FL_ZERO_RANGE)) == 0;
     if ((!punches && !reserves) || !file->writable) {
@@ -100,7 +100,7 @@ Detached RangeOperations::Allocate(FuseCall::Ptr call, uint64_t handle, int mode
 }
 
 // Goes on from `*found`. False: the other side has more to tell.
-Task<bool> RangeOperations::FindNext(OpenFilePtr file, int whence, uint64_t end, uint64_t *found)
+Task<bool> RangeOperations::FindNext(RemoteFilePtr file, int whence, uint64_t end, uint64_t *found)
 {
     constexpr size_t kRanges = 16; // that one answer tells
     const nt::FILE_ALLOCATED_RANGE_BUFFER wanted = {.FileOffset = static_cast<int64_t>(*found),
@@ -127,7 +127,7 @@ Task<bool> RangeOperations::FindNext(OpenFilePtr file, int whence, uint64_t end,
 
 Detached RangeOperations::Seek(FuseCall::Ptr call, uint64_t handle, uint64_t offset, int whence)
 {
-    const OpenFilePtr file = mount.openFiles.Of(handle);
+    const RemoteFilePtr file = mount.openFiles.Of(handle);
     if (whence != SEEK_DATA && whence != SEEK_HOLE) {
         call->Fail(EINVAL);
         co_return;
@@ -157,8 +157,8 @@ Detached RangeOperations::Seek(FuseCall::Ptr call, uint64_t handle, uint64_t off
 Detached RangeOperations::Copy(FuseCall::Ptr call, uint64_t source, off_t from, uint64_t target, off_t to,
                                size_t length)
 {
-    const OpenFilePtr reader = mount.openFiles.Of(source);
-    const OpenFilePtr writer = mount.openFiles.Of(target);
+    const RemoteFilePtr reader = mount.openFiles.Of(source);
+    const RemoteFilePtr writer = mount.openFiles.Of(target);
     if (reader->share != writer->share || !writer->share->Has(nt::FODR_HOST_RANGES) || !reader->readable ||
         !writer->writable) {
         call->Fail(EOPNOTSUPP);

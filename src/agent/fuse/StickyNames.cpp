@@ -19,7 +19,7 @@ bool IsRefusal(nt::NTSTATUS status)
 RemoteShare::CreateCall OpenToDelete(const RemoteShare &share, bool directory)
 {
     uint32_t kind = directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE;
-    if (share.LinksOfMount() == Links::Follow) // a link may be shown as a folder
+    if (share.LinksOfMount() == LinkView::Follow) // a link may be shown as a folder
         kind = 0;
     return {.desiredAccess = nt::DELETE_ACCESS | nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
             .createDisposition = nt::FILE_OPEN,

@@ -4,103 +4,26 @@
 #error "this file is the Linux side"
 #endif
 
-#include "lib/unicode/CaseFolding.h"
 #include "lib/unicode/CodeSet.h"
-#include "platform/Registry.h"
+#include "platform/SettingText.h"
 
-#include <charconv>
+#include <algorithm>
 #include <cstring>
 #include <glibmm/error.h>
 #include <glibmm/keyfile.h>
-#include <limits>
 
 namespace fodr::platform {
 
 namespace {
 
-struct TypePrefix {
-    std::string_view name;
-    uint32_t type;
-};
-
-constexpr TypePrefix kTypePrefixes[] = {
-    {"sz", kRegSz},       {"expand_sz", kRegExpandSz}, {"multi_sz", kRegMultiSz},
-    {"dword", kRegDword}, {"qword", kRegQword},        {"binary", kRegBinary},
-};
-
-std::string PrefixOf(uint32_t type)
-{
-    for (const TypePrefix &prefix : kTypePrefixes) {
-        if (prefix.type == type)
-            return std::string(prefix.name) + ':';
-    }
-    return {};
-}
-
 // Cuts the prefix off; a text without one is kRegSz.
 uint32_t TakeType(std::string &text)
 {
     const size_t colon = text.find(':');
-    for (const TypePrefix &prefix : kTypePrefixes) {
-        if (colon != std::string::npos && AsciiEqualsNoCase(text.substr(0, colon), prefix.name)) {
-            text.erase(0, colon + 1);
-            return prefix.type;
-        }
-    }
-    return kRegSz;
-}
-
-// Decimal, or hexadecimal behind "0x".
-bool ParseNumber(std::string_view text, uint64_t maximum, uint64_t &number)
-{
-    int base = 10;
-    if (text.starts_with("0x") || text.starts_with("0X")) {
-        text.remove_prefix(2);
-        base = 16;
-    }
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
-    return error == std::errc() && end == text.data() + text.size() && number <= maximum;
-}
-
-std::string NumberBytes(uint64_t number, size_t size)
-{
-    std::string bytes;
-    for (size_t n = 0; n < size; ++n)
-        bytes.push_back(static_cast<char>(number >> (8 * n) & 0xFF));
-    return bytes;
-}
-
-uint64_t NumberOf(const std::string &bytes)
-{
-    uint64_t number = 0;
-    for (size_t n = bytes.size(); n > 0; --n)
-        number = number << 8 | static_cast<unsigned char>(bytes[n - 1]);
-    return number;
-}
-
-bool ParseHex(std::string_view text, std::string &bytes)
-{
-    if (text.size() % 2 != 0)
-        return false;
-    for (size_t n = 0; n < text.size(); n += 2) {
-        unsigned int byte = 0;
-        const auto [end, error] = std::from_chars(&text[n], &text[n] + 2, byte, 16);
-        if (error != std::errc() || end != &text[n] + 2)
-            return false;
-        bytes.push_back(static_cast<char>(byte));
-    }
-    return true;
-}
-
-std::string HexOf(const std::string &bytes)
-{
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (const char c : bytes) {
-        text.push_back(kDigits[static_cast<unsigned char>(c) >> 4]);
-        text.push_back(kDigits[c & 0xF]);
-    }
-    return text;
+    const auto type = colon == std::string::npos ? std::nullopt : SettingTypeOf(text.substr(0, colon));
+    if (type)
+        text.erase(0, colon + 1);
+    return type.value_or(kRegSz);
 }
 
 bool IsTextType(uint32_t type)
@@ -186,23 +109,10 @@ bool SettingsValue::Read(const Glib::KeyFile &file, const Glib::ustring &group, 
     try {
         std::string text = file.get_value(group, key);
         value.type = TakeType(text);
-        uint64_t number = 0;
-        switch (value.type) {
-        case kRegDword:
-            if (!ParseNumber(text, std::numeric_limits<uint32_t>::max(), number))
-                return false;
-            value.bytes = NumberBytes(number, 4);
-            return true;
-        case kRegQword:
-            if (!ParseNumber(text, std::numeric_limits<uint64_t>::max(), number))
-                return false;
-            value.bytes = NumberBytes(number, 8);
-            return true;
-        case kRegBinary:
-            value.bytes.clear();
-            return ParseHex(text, value.bytes);
-        default:
-            break;
+        if (!value.IsText()) {
+            const auto bytes = SettingBytes(value.type, text);
+            value.bytes = bytes.value_or("");
+            return bytes.has_value();
         }
         std::vector<std::string> texts;
         if (value.type == kRegMultiSz) {
@@ -222,21 +132,15 @@ bool SettingsValue::Read(const Glib::KeyFile &file, const Glib::ustring &group, 
 
 void SettingsValue::Write(Glib::KeyFile &file, const Glib::ustring &group, const Glib::ustring &key) const
 {
-    switch (type) {
-    case kRegDword:
-    case kRegQword:
-        file.set_value(group, key, PrefixOf(type) + std::to_string(NumberOf(bytes)));
+    const std::string prefix = std::string(SettingTypeName(type)) + ':';
+    if (!IsText()) {
+        file.set_value(group, key, prefix + SettingText(type, bytes));
         return;
-    case kRegBinary:
-        file.set_value(group, key, PrefixOf(type) + HexOf(bytes));
-        return;
-    default:
-        break;
     }
     std::vector<std::string> texts = Texts();
     if (texts.empty())
         texts.emplace_back();
-    texts.front().insert(0, PrefixOf(type));
+    texts.front().insert(0, prefix);
     if (type == kRegMultiSz)
         file.set_string_list(group, key, std::vector<Glib::ustring>(texts.begin(), texts.end()));
     else

@@ -1,18 +1,76 @@
-// The eight exports. Apart from the trace of entry and exit they only forward; nothing is thrown to the host.
+// The eight exports, and the plug-in's entry in the settings store. Nothing is thrown to the host.
+#include "lib/unicode/CodeSet.h"
 #include "odpservice/odpservice.h"
 #include "platform/Process.h"
+#include "platform/Registry.h"
 #include "plugin/FodrClient.h"
-#include "plugin/Registration.h"
 #include "runtime/LogCall.h"
 
 #include <cstdio>
+#include <string>
 
 namespace {
+
+namespace platform = fodr::platform;
 
 constexpr uint32_t kProcessAttach = 1;
 constexpr int32_t kHresultOutOfMemory = static_cast<int32_t>(0x8007000E);
 
 void *moduleHandle = nullptr;
+
+using platform::RegistryKey;
+using platform::RegistryRoot;
+
+constexpr size_t kPathLimit = 260; // UTF-16 units with the terminator
+constexpr uint32_t kHresultOfError = 0x80070000;
+
+// Lies in the library whose path is asked for.
+const char anchor = 0;
+
+uint32_t SetText(RegistryKey key, const char *name, const std::u16string &text)
+{
+    return platform::RegistrySet(key, name, platform::kRegSz, true, text.c_str(),
+                                 static_cast<uint32_t>((text.size() + 1) * sizeof(char16_t)));
+}
+
+int32_t ResultOf(uint32_t error)
+{
+    return static_cast<int32_t>(error == 0 ? 0 : kHresultOfError | error);
+}
+
+// Writes "tcpEnabled" and "dll" under the plug-in's key. A library path of 260 characters or more (or none)
+// writes nothing and is a success all the same.
+int32_t RegisterPlugin()
+{
+    std::u16string library;
+    if (!fodr::Utf8ToUtf16(platform::ModulePath(&anchor), library) || library.empty() ||
+        library.size() >= kPathLimit)
+        return 0; // meant: there is nothing to enter, and that is no failure
+    RegistryKey key = nullptr;
+    uint32_t error = platform::RegistryCreate(RegistryRoot::LocalMachine, platform::kPluginSettingsKey,
+                                              platform::kRegKeyAllAccess, &key);
+    if (error != 0)
+        return ResultOf(error);
+    error = SetText(key, "tcpEnabled", u"true");
+    if (error == 0)
+        error = SetText(key, "dll", library);
+    platform::RegistryClose(key);
+    return ResultOf(error);
+}
+
+// Leaves the key's parent. Always 0.
+int32_t UnregisterPlugin()
+{
+    const std::string path = platform::kPluginSettingsKey;
+    const size_t separator = path.rfind('\\');
+    RegistryKey key = nullptr;
+    if (platform::RegistryOpen(RegistryRoot::LocalMachine, path.substr(0, separator),
+                               platform::kRegKeyAllAccess, &key) == 0) {
+        platform::RegistryDelete(key, path.substr(separator + 1));
+        platform::RegistryClose(key);
+    }
+    return 0;
+}
 
 } // namespace
 
@@ -29,13 +87,13 @@ FODR_EXPORT int32_t DllMain(void *module, uint32_t reason, void * /*reserved*/)
 FODR_EXPORT int32_t DllRegisterServer()
 {
     int32_t result = kHresultOutOfMemory;
-    CallWithoutThrowing("DllRegisterServer()", [&] { result = fodr::RegisterPlugin(); });
+    CallWithoutThrowing("DllRegisterServer()", [&] { result = RegisterPlugin(); });
     return result;
 }
 
 FODR_EXPORT int32_t DllUnregisterServer()
 {
-    CallWithoutThrowing("DllUnregisterServer()", [] { fodr::UnregisterPlugin(); });
+    CallWithoutThrowing("DllUnregisterServer()", [] { UnregisterPlugin(); });
     return 0;
 }
 

@@ -3,7 +3,7 @@
 #include "lib/misc/ByteBuffer.h"
 #include "lib/unicode/CodeSet.h"
 #include "platform/NtRecords.h"
-#include "rdpdr/wire/DirectoryEntryShape.h"
+#include "rdpdr/wire/RdpdrConstants.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 
 #include <algorithm>

@@ -5,6 +5,8 @@
 // a payload is really there asks Remaining().
 #pragma once
 
+#include "rdpdr/wire/RdpdrConstants.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -55,5 +57,36 @@ struct RdpdrStreamDeleter {
 };
 // Owner of a stream that Create made.
 using RdpdrStreamPtr = std::unique_ptr<RdpdrStream, RdpdrStreamDeleter>;
+
+// ---- I/O completions (MS-RDPEFS 2.2.1.5) ----
+
+// From the DeviceId field of a completion, which is what the builders hand out, to its FileId or Length, and
+// to the data behind that.
+inline constexpr size_t kBodyFromDeviceId = kCompletionBody - kHeaderEnd;
+inline constexpr size_t kDataFromDeviceId = kCompletionData - kHeaderEnd;
+
+// A completion of 20 + `bodySize` bytes, at least 21, zero behind IoStatus. `*deviceIdField` (may be null)
+// receives the address of its DeviceId. Null when there is no memory or the packet would be above INT32_MAX.
+[[nodiscard]] RdpdrStreamPtr BuildIoCompletion(uint32_t deviceId, uint32_t completionId, int32_t ioStatus,
+                                               size_t bodySize, uint8_t **deviceIdField);
+
+// A completion whose Length is `length`, with that many bytes of `data` behind it. Null as above.
+[[nodiscard]] RdpdrStreamPtr BuildDataCompletion(uint32_t deviceId, uint32_t completionId, int32_t ioStatus,
+                                                 const void *data, size_t length);
+
+// The way up from the protocol to the channel: packets out, and status texts to whoever gave a command.
+// Both operations may be called from any thread at once.
+class IRdpdrChannel {
+public:
+    // Tells the host's observers `message` under the cookie of the command that it answers; the cookie may be
+    // null or empty. False when there is nobody to tell.
+    virtual bool NotifyODPObserver(const char *cookie, const char *message) = 0;
+    // Sends one whole packet: all bytes of the stream, wherever its cursor is. The stream stays with the
+    // caller and may wrap a buffer on the stack. False when it couldn't be sent.
+    virtual bool WriteChannel(RdpdrStream *packet) = 0;
+
+protected:
+    ~IRdpdrChannel() = default;
+};
 
 } // namespace fodr

@@ -1,4 +1,5 @@
-#include "cli/AgentCommandLine.h"
+#include "agent/Agent.h"
+#include "cli/Commands.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "cli/Words.h"
 
 #include "RealMount.h"
-#include "cli/MountPoint.h"
+#include "cli/MountFolder.h"
 #include "platform/ChildProcess.h"
 #include "platform/Files.h"
 #include "platform/Volumes.h"
@@ -14,7 +14,7 @@ namespace fodr::test {
 namespace {
 
 namespace fs = std::filesystem;
-using cli::MountPoint;
+using cli::MountFolder;
 
 TEST(Words, AShellTakesTheLineApartIntoTheSameWords)
 {
@@ -100,15 +100,15 @@ TEST_F(MountPoints, AreEmptyFoldersAndGoAgainWhenTheyWereMade)
 {
     for (const char *bad : {"full", "full/file", "missing/below", "full/file/x"}) {
         problem.clear();
-        EXPECT_FALSE(MountPoint::Prepare((root / bad).string(), &problem)) << bad;
+        EXPECT_FALSE(MountFolder::Prepare((root / bad).string(), &problem)) << bad;
         EXPECT_NE(problem.find(root.string()), std::string::npos) << problem;
     }
-    EXPECT_FALSE(MountPoint::Prepare("/proc", &problem));
+    EXPECT_FALSE(MountFolder::Prepare("/proc", &problem));
     EXPECT_NE(problem.find("mounted"), std::string::npos);
     fs::create_directory(root / "kept");
     fs::create_directory_symlink(root / "kept", root / "link");
     for (const char *name : {"made", "kept", "link/", "./kept/."}) {
-        const auto point = MountPoint::Prepare((root / name).string(), &problem);
+        const auto point = MountFolder::Prepare((root / name).string(), &problem);
         ASSERT_TRUE(point) << problem;
         EXPECT_TRUE(fs::is_directory(point->Path()));
         EXPECT_TRUE(point->Clear(platform::DetachMount));
@@ -119,10 +119,10 @@ TEST_F(MountPoints, AreEmptyFoldersAndGoAgainWhenTheyWereMade)
 
 TEST_F(MountPoints, DefaultOnesDoNotMeet)
 {
-    const auto first = MountPoint::PrepareDefault("docs", &problem);
+    const auto first = MountFolder::PrepareDefault("docs", &problem);
     ASSERT_TRUE(first) << problem;
     std::ofstream(fs::path(first->Path()) / "in use") << "x";
-    const auto second = MountPoint::PrepareDefault("docs", &problem);
+    const auto second = MountFolder::PrepareDefault("docs", &problem);
     ASSERT_TRUE(second) << problem;
     EXPECT_EQ(first->Path(), (root / "run/fodr/docs").string());
     EXPECT_EQ(second->Path(), (root / "run/fodr/docs(1)").string());

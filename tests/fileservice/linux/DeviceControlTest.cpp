@@ -1,5 +1,5 @@
 // The only controls with an answer are the file system's, which on Windows don't come by this call.
-#include "fileservice/NtCalls.h"
+#include "fileservice/FileCall.h"
 #include "fileservice/Share.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,6 @@
 #include "Mailbox.h"
 #include "RealMount.h"
 #include "host/ControlServer.h"
-#include "host/RunningHosts.h"
 #include "platform/Process.h"
 
 #include <unistd.h>

@@ -1,7 +1,6 @@
 // What the settings file makes of the limit.
-#include "rdpdr/LocalFolderLimit.h"
-
 #include "SettingsFixture.h"
+#include "rdpdr/RedirectionSettings.h"
 #include "runtime/CapturedLog.h"
 
 #include <filesystem>

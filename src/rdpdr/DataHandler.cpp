@@ -1,4 +1,4 @@
-#include "rdpdr/ThreadPoolDataHandlerImpl.h"
+#include "rdpdr/DataHandler.h"
 
 #include "runtime/LogCall.h"
 

@@ -1,4 +1,4 @@
-#include "cli/MountPoint.h"
+#include "cli/MountFolder.h"
 
 #include "platform/Files.h"
 #include "platform/Volumes.h"
@@ -41,7 +41,7 @@ bool IsAtOrBelow(const std::string &path, const std::string &folder)
 
 } // namespace
 
-std::unique_ptr<MountPoint> MountPoint::Prepare(const std::string &given, std::string *problem)
+std::unique_ptr<MountFolder> MountFolder::Prepare(const std::string &given, std::string *problem)
 {
     const std::string path = AbsolutePath(given);
     const MountHealth former = platform::InspectEndingMount(path, "fodr", kEndingMS);
@@ -64,7 +64,7 @@ std::unique_ptr<MountPoint> MountPoint::Prepare(const std::string &given, std::s
         *problem = "the mount point " + Quoted(path) + " is not a folder: choose an empty folder";
         return nullptr;
     }
-    std::unique_ptr<MountPoint> point(new MountPoint(path, made));
+    std::unique_ptr<MountFolder> point(new MountFolder(path, made));
     if (!fs::is_empty(path, error) || error) {
         *problem = error ? "the mount point " + Quoted(path) + " can't be read: " + error.message()
                          : "the mount point " + Quoted(path) + " is not empty: choose an empty folder";
@@ -73,7 +73,7 @@ std::unique_ptr<MountPoint> MountPoint::Prepare(const std::string &given, std::s
     return point;
 }
 
-std::unique_ptr<MountPoint> MountPoint::PrepareDefault(const std::string &name, std::string *problem)
+std::unique_ptr<MountFolder> MountFolder::PrepareDefault(const std::string &name, std::string *problem)
 {
     std::string reason;
     const fs::path folder = platform::RuntimeFolder();
@@ -104,20 +104,20 @@ std::unique_ptr<MountPoint> MountPoint::PrepareDefault(const std::string &name, 
     return nullptr;
 }
 
-MountPoint::~MountPoint()
+MountFolder::~MountFolder()
 {
     // Not as a file first, as the library does it: a confined run may remove folders alone.
     if (made && platform::InspectMount(path) == MountHealth::None)
         platform::RemoveFolder(path);
 }
 
-bool MountPoint::Clear(const std::function<bool(const std::string &path)> &detach)
+bool MountFolder::Clear(const std::function<bool(const std::string &path)> &detach)
 {
     return platform::InspectMount(path) == MountHealth::None || detach(path);
 }
 
 // A mount that shows itself has no end; one that hides what it shows has no beginning.
-std::string MountPoint::ConflictWith(const std::string &sharedPath) const
+std::string MountFolder::ConflictWith(const std::string &sharedPath) const
 {
     if (IsAtOrBelow(sharedPath, path))
         return "the mount point \"" + path + "\" would hide \"" + sharedPath +

@@ -1,5 +1,7 @@
-// Text that a packet carries.
+// Names and texts that a packet carries, and which of them a share refuses.
 #pragma once
+
+#include "platform/Nt.h"
 
 #include <cstdint>
 #include <string>
@@ -24,5 +26,19 @@ class RdpdrStream;
 // Whether the path names the root itself: separators alone, or those and the root's own index, by which NTFS
 // opens a folder as well ("\\::$INDEX_ALLOCATION").
 [[nodiscard]] bool NamesRoot(std::u16string_view relativePath);
+
+// Classes that move clusters, set a short name, or link or rename without a look at access rights (MS-FSCC
+// 2.4): they give a file a further name, or one by a path that could lead anywhere. And
+// classes whose record holds a handle of another object: a completion port, the file that a move is tracked
+// to, a memory partition. A number from the wire must not become one.
+[[nodiscard]] bool NamesAnotherPlace(uint32_t infoClass);
+[[nodiscard]] bool TakesName(uint32_t infoClass);
+// Controls whose input holds a handle of another object: MOVE_FILE, MARK_HANDLE, DUPLICATE_EXTENTS_TO_FILE
+// and its Ex.
+[[nodiscard]] bool CarriesHandle(uint32_t code);
+// A record that says one component below a directory of the share. Its length is cut to what it says, and
+// what nobody has defined is taken out of it.
+[[nodiscard]] nt::NTSTATUS ReadNewName(uint32_t infoClass, uint8_t *buffer, uint32_t *length,
+                                       uint32_t *directoryId);
 
 } // namespace fodr

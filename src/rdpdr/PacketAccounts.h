@@ -1,16 +1,21 @@
-// How much of an agent's requests this side holds at once: the packets that wait and are served, with the
-// answers that they ask for. Who brings a packet beyond it waits, so that the connection isn't read meanwhile
-// and the agent has to wait as well. Any thread.
+// How much of an agent's requests is held at once, and what went over the channel.
 #pragma once
+
+#include "lib/misc/Mutex.h"
+#include "runtime/OVMutex.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 
 namespace fodr {
 
 class RdpdrStream;
 
+// How much of an agent's requests this side holds at once: the packets that wait and are served, with the
+// answers that they ask for. Who brings a packet beyond it waits, so that the connection isn't read meanwhile
+// and the agent has to wait as well. Any thread.
 class PacketBudget {
 public:
     static constexpr size_t kMostBytes = 64u << 20;
@@ -46,5 +51,33 @@ private:
 // small (kWaitingPacket bytes are all that is read of it) and outside of the budget.
 bool MayWaitForEver(RdpdrStream &packet);
 inline constexpr size_t kWaitingPacket = 128;
+
+// Totals of what went over a channel, per kind of packet. Any thread.
+class BandwidthCounter {
+public:
+    virtual ~BandwidthCounter() = default;
+
+    // Nothing has to be started or stopped; what counts over an interval would.
+    virtual void Start(uint32_t intervalMS);
+    virtual void Stop();
+
+    // Both directions add to the same totals. A null packet isn't counted.
+    virtual void ReceivedBytes(const void *data, size_t size);
+    virtual void SentBytes(const void *data, size_t size);
+
+    // The totals, at INFO.
+    virtual void Log();
+
+private:
+    struct Total {
+        uint64_t bytes = 0;
+        uint32_t packets = 0;
+    };
+
+    void Count(const void *data, size_t size) EXCLUDES(lock);
+
+    std::map<uint32_t, Total> totals GUARDED_BY(lock); // by PacketKind
+    OVMutex lock;
+};
 
 } // namespace fodr
