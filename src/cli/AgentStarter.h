@@ -1,19 +1,43 @@
-// Gets a stream to an agent: starts one here or over ssh, connects to one, or waits for one.
+// How a run of `fodr share` gets a stream to an agent, and what it gives up before it listens to one.
 #pragma once
 
-#include "cli/RunConfinement.h"
+#include "cli/MountFolder.h"
 #include "cli/ShareOptions.h"
 #include "host/AgentDoor.h"
 #include "platform/ByteStream.h"
 #include "platform/ChildProcess.h"
+#include "platform/Confinement.h"
 
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace fodr::cli {
 
+// What a run of `fodr share` gives up before it listens to an agent, and how it starts other programs then.
+class RunConfinement {
+public:
+    // Confines this process, for good, if the run is a fixed one. To be called before there are other
+    // threads. The run's runtime folder is there already. `mountPoint` may be null.
+    static RunConfinement Of(const ShareOptions &options, const MountFolder *mountPoint);
+
+    // "yes", or a few words that begin with "no" or "partly".
+    const std::string &State() const { return state; }
+
+    // As ChildProcess::Start, also when this process can't start programs any more. Any thread.
+    std::unique_ptr<platform::ChildProcess> Start(const platform::ChildOptions &child,
+                                                  std::string *error) const;
+    // As platform::DetachMount, of the run's mount point.
+    bool DetachMount(const std::string &path) const;
+
+private:
+    std::string state;
+    std::unique_ptr<platform::ChildLauncher> launcher; // null: not confined
+};
+
+// Gets a stream to an agent: starts one here or over ssh, connects to one, or waits for one.
 struct AgentConnection {
     std::unique_ptr<platform::ByteStream> stream;    // null: it failed
     std::unique_ptr<platform::ChildProcess> process; // the agent or ssh, if we started one

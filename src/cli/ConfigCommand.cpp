@@ -6,7 +6,7 @@
 #include "host/PrivateSettings.h"
 #include "platform/Files.h"
 #include "platform/Process.h"
-#include "platform/SettingText.h"
+#include "platform/SettingsKey.h"
 #include "platform/SystemError.h"
 #include "platform/Threads.h"
 
@@ -24,71 +24,28 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using platform::RegistryKey;
+using platform::SettingsKey;
 using Values = std::map<std::string, SettingValue>;
 
-class SettingsKey {
-public:
-    enum class Access { Read, Write };
+SettingsKey Open(const std::string &path = platform::kPluginSettingsKey,
+                 SettingsKey::Access access = SettingsKey::Access::Read)
+{
+    ComplainAboutStore();
+    return SettingsKey(path, access);
+}
 
-    // A path below HKEY_LOCAL_MACHINE.
-    explicit SettingsKey(const std::string &path, Access access = Access::Read)
-    {
-        ComplainAboutStore();
-        result = access == Access::Read ? platform::RegistryOpen(platform::RegistryRoot::LocalMachine, path,
-                                                                 platform::kRegKeyRead, &key)
-                                        : platform::RegistryCreate(platform::RegistryRoot::LocalMachine, path,
-                                                                   platform::kRegKeyAllAccess, &key);
+Values ReadAll(const SettingsKey &key)
+{
+    Values values;
+    std::vector<std::string> names;
+    if (key.Result() == platform::kErrorSuccess)
+        platform::RegistryListValues(key.Get(), &names);
+    for (const std::string &name : names) {
+        if (const auto value = key.Read(name))
+            values[name] = *value;
     }
-    ~SettingsKey()
-    {
-        if (result == platform::kErrorSuccess)
-            platform::RegistryClose(key);
-    }
-    SettingsKey(const SettingsKey &) = delete;
-    SettingsKey &operator=(const SettingsKey &) = delete;
-
-    // Of opening it.
-    uint32_t Result() const { return result; }
-    RegistryKey Get() const { return key; }
-
-    // kErrorFileNotFound when it isn't set.
-    uint32_t Query(const std::string &name, SettingValue *value) const
-    {
-        uint32_t outcome = result == platform::kErrorSuccess ? platform::kErrorMoreData : result;
-        while (outcome == platform::kErrorMoreData) { // it may grow between the two calls
-            uint32_t size = 0;
-            outcome = platform::RegistryQuery(key, name, false, &value->type, nullptr, &size);
-            value->bytes.assign(size, 0);
-            if (outcome == platform::kErrorSuccess)
-                outcome = platform::RegistryQuery(key, name, false, &value->type, value->bytes.data(), &size);
-        }
-        return outcome;
-    }
-    // None when it isn't set or can't be read.
-    std::optional<SettingValue> Read(const std::string &name) const
-    {
-        SettingValue value;
-        return Query(name, &value) == platform::kErrorSuccess ? std::optional(value) : std::nullopt;
-    }
-
-    Values ReadAll() const
-    {
-        Values values;
-        std::vector<std::string> names;
-        if (result == platform::kErrorSuccess)
-            platform::RegistryListValues(key, &names);
-        for (const std::string &name : names) {
-            if (const auto value = Read(name))
-                values[name] = *value;
-        }
-        return values;
-    }
-
-private:
-    RegistryKey key = nullptr;
-    uint32_t result;
-};
+    return values;
+}
 
 int CannotWrite(uint32_t code)
 {
@@ -142,7 +99,7 @@ uint32_t Watch(platform::Waitable changed, std::unique_ptr<SettingsKey> *key)
         OpenNearest(&now);
         if (result != platform::kErrorSuccess || now == path)
             return result;
-        // A nearer key came between the opening and the asking, and of that nobody tells.
+        // No notification covers a nearer key that was created between opening and watching.
     }
 }
 
@@ -169,7 +126,7 @@ void PrintChanges(const Values &before, const Values &now, const std::string &na
 
 int RunConfigGet(const std::string &name)
 {
-    const auto value = SettingsKey(platform::kPluginSettingsKey).Read(name);
+    const auto value = Open().Read(name);
     if (!value)
         return EXIT_OTHER;
     for (const std::string &text : PrintSetting(*value))
@@ -198,7 +155,7 @@ int RunConfigSet(const std::string &name, const std::vector<std::string> &values
     }
     if (const std::string made = platform::MakeSettingsFolder(); !made.empty())
         Complain("your settings are in " + made + " from now on");
-    const SettingsKey key(platform::kPluginSettingsKey, SettingsKey::Access::Write);
+    const SettingsKey key = Open(platform::kPluginSettingsKey, SettingsKey::Access::Write);
     uint32_t result = key.Result();
     if (result == platform::kErrorSuccess)
         result = platform::RegistrySet(key.Get(), known != nullptr ? known->name : name, value->type, false,
@@ -208,7 +165,7 @@ int RunConfigSet(const std::string &name, const std::vector<std::string> &values
 
 int RunConfigUnset(const std::string &name)
 {
-    const SettingsKey key(platform::kPluginSettingsKey);
+    const SettingsKey key = Open();
     uint32_t result = key.Result();
     if (result == platform::kErrorSuccess)
         result = platform::RegistryDeleteValue(key.Get(), name);
@@ -218,10 +175,10 @@ int RunConfigUnset(const std::string &name)
 
 int RunConfigList(bool all)
 {
-    const SettingsKey key(platform::kPluginSettingsKey);
+    const SettingsKey key = Open();
     if (key.Result() == platform::kErrorInvalidData)
         return EXIT_OTHER; // which has been said
-    for (const auto &[name, value] : key.ReadAll())
+    for (const auto &[name, value] : ReadAll(key))
         Say(Line(name, value));
     if (!all)
         return EXIT_DONE;
@@ -243,15 +200,14 @@ int RunConfigWatch(const std::string &name)
         ended = true;
         platform::SetEventObject(changed);
     });
-    Values known = SettingsKey(platform::kPluginSettingsKey).ReadAll();
+    Values known = ReadAll(Open());
     while (!ended) {
         std::unique_ptr<SettingsKey> key;
         if (const uint32_t result = Watch(changed, &key); result != platform::kErrorSuccess) {
             Complain("the settings can't be watched: " + Plain(platform::SystemErrorText(result)));
             return EXIT_OTHER;
         }
-        const Values now =
-            SettingsKey(platform::kPluginSettingsKey).ReadAll(); // a change before the watching counts too
+        const Values now = ReadAll(Open()); // a change before the watching counts too
         PrintChanges(known, now, name);
         known = now;
         platform::WaitForWaitables(&changed, 1, platform::kWaitForever);
@@ -260,23 +216,6 @@ int RunConfigWatch(const std::string &name)
 }
 
 // `fodr register` and `fodr unregister`: the plug-in does it itself.
-
-namespace {
-
-// The plug-in takes a path that it can't enter for no failure.
-bool IsRegistered()
-{
-    platform::RegistryKey key = nullptr;
-    if (platform::RegistryOpen(platform::RegistryRoot::LocalMachine, platform::kPluginSettingsKey,
-                               platform::kRegKeyRead, &key) != platform::kErrorSuccess)
-        return false;
-    uint32_t size = 0;
-    const uint32_t found = platform::RegistryQuery(key, "dll", true, nullptr, nullptr, &size);
-    platform::RegistryClose(key);
-    return found == platform::kErrorSuccess;
-}
-
-} // namespace
 
 int RunRegister(bool registering)
 {
@@ -294,7 +233,8 @@ int RunRegister(bool registering)
     if (registering)
         platform::MakeSettingsFolder();
     const int32_t result = registering ? plugin->RegisterServer() : plugin->UnregisterServer();
-    if (result == 0 && registering && !IsRegistered()) {
+    // The plug-in takes a path that it can't enter for no failure.
+    if (result == 0 && registering && !SettingsKey().Read("dll")) {
         Complain("nothing was registered: the path of the plug-in, " + path + ", may be too long");
         return EXIT_OTHER;
     }

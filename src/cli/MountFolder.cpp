@@ -19,8 +19,8 @@ std::string Quoted(const std::string &path)
     return "\"" + path + "\"";
 }
 
-// Absolute, with links resolved as far as there is something. The last component stays as it is when nobody
-// serves it any more.
+// Absolute, with links resolved as far as there is something. The last component stays unresolved when its
+// mount has lost its process.
 std::string AbsolutePath(const std::string &path)
 {
     std::error_code error;

@@ -2,7 +2,7 @@
 
 #include "cli/Console.h"
 #include "lib/unicode/CaseFolding.h"
-#include "platform/SettingText.h"
+#include "platform/SettingsKey.h"
 
 #include <sstream>
 

@@ -1,7 +1,7 @@
 // The plug-in's settings as people write them.
 #pragma once
 
-#include "platform/Registry.h"
+#include "platform/SettingsKey.h"
 
 #include <cstdint>
 #include <optional>
@@ -22,10 +22,7 @@ const std::vector<KnownSetting> &KnownSettings();
 // Without regard to case; null for any other name.
 const KnownSetting *FindKnownSetting(const std::string &name);
 
-struct SettingValue {
-    uint32_t type = platform::kRegNone;
-    std::string bytes; // texts as UTF-8 with terminators, numbers little-endian
-};
+using platform::SettingValue;
 
 // From now on what is wrong with the settings store itself is said as a complaint.
 void ComplainAboutStore();

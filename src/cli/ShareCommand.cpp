@@ -1,9 +1,9 @@
 // `fodr share`: checks what was asked for, prepares the plug-in's settings, and runs the session.
+#include "cli/AgentStarter.h"
 #include "cli/Commands.h"
 #include "cli/Console.h"
 #include "cli/MountFolder.h"
 #include "cli/PluginSettings.h"
-#include "cli/RunConfinement.h"
 #include "cli/ShareSession.h"
 #include "cli/Words.h"
 #include "host/ControlServer.h"
@@ -28,7 +28,7 @@ int Refuse(int code, const std::string &sentence)
 }
 
 // 0, or the exit code after a complaint.
-int AddFolder(const std::string &given, const std::string &name, std::vector<SharedFolder> *folders)
+int AddFolder(const std::string &given, const std::string &name, std::vector<WantedFolder> *folders)
 {
     std::error_code error;
     const fs::path path = fs::canonical(given, error);
@@ -39,7 +39,7 @@ int AddFolder(const std::string &given, const std::string &name, std::vector<Sha
     fs::directory_iterator content(path, error);
     if (error)
         return Refuse(EXIT_FOLDER, "\"" + given + "\" can't be read: " + error.message());
-    const auto same = [&](const SharedFolder &other) { return other.path == path.string(); };
+    const auto same = [&](const WantedFolder &other) { return other.path == path.string(); };
     if (std::any_of(folders->begin(), folders->end(), same))
         return Refuse(EXIT_FOLDER, "\"" + given + "\" is named twice");
     const std::string plain = name.empty() ? path.filename().string() : name;
@@ -68,7 +68,7 @@ bool LeadsOut(const fs::path &path)
 }
 
 // A share for each folder that files are sent of, in the order in which they are first named.
-int AddFile(const std::string &given, bool linksOutside, std::vector<SharedFolder> *folders)
+int AddFile(const std::string &given, bool linksOutside, std::vector<WantedFolder> *folders)
 {
     std::error_code error;
     const fs::path path = Locate(given, &error);
@@ -88,7 +88,7 @@ int AddFile(const std::string &given, bool linksOutside, std::vector<SharedFolde
                                        "only --links-outside allows");
     const std::string folder = path.parent_path().string();
     const std::string file = path.filename().string();
-    for (SharedFolder &present : *folders) {
+    for (WantedFolder &present : *folders) {
         if (present.path != folder)
             continue;
         if (std::find(present.files.begin(), present.files.end(), file) != present.files.end())
@@ -99,7 +99,7 @@ int AddFile(const std::string &given, bool linksOutside, std::vector<SharedFolde
     const std::string plain = path.parent_path().filename().string();
     const std::string name = host::FolderShares::NameFor(plain.empty() ? "root" : plain);
     std::string unique = name;
-    const auto taken = [&](const SharedFolder &other) { return other.name == unique; };
+    const auto taken = [&](const WantedFolder &other) { return other.name == unique; };
     for (int n = 1; std::any_of(folders->begin(), folders->end(), taken); ++n)
         unique = name + "(" + std::to_string(n) + ")";
     folders->push_back({folder, unique, {file}});
@@ -203,7 +203,7 @@ int PrepareMount(const ShareOptions &options, std::unique_ptr<MountFolder> *moun
                       : MountFolder::Prepare(options.target.mountPoint, &problem);
     if (!*mountPoint)
         return Refuse(EXIT_MOUNT_POINT, problem);
-    for (const SharedFolder &shared : options.folders) {
+    for (const WantedFolder &shared : options.folders) {
         for (const std::string &path : shared.Paths()) {
             problem = (*mountPoint)->ConflictWith(path);
             if (!problem.empty())

@@ -1,9 +1,7 @@
-// ShareSession: what it tells about its shares, and what other commands ask of a running one.
+#include "cli/ShareControl.h"
+
 #include "cli/Commands.h"
 #include "cli/Console.h"
-#include "cli/ShareSession.h"
-#include "lib/unicode/ForeignText.h"
-#include "platform/Process.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -39,12 +37,40 @@ ControlReply Refusal(int code, const std::string &sentence)
 
 } // namespace
 
+std::vector<ShownPath> ShownPaths(const FolderShare &share, const ShareOptions &options,
+                                  const std::string &mount)
+{
+    const std::vector<std::string> paths = WantedFolder::PathsBelow(share.path, share.files);
+    std::vector<std::string> places(paths.size());
+    if (!mount.empty())
+        places =
+            WantedFolder::PathsBelow(mount + (options.folderLayout ? "/" + share.name : ""), share.files);
+    std::vector<ShownPath> shown;
+    for (size_t i = 0; i < paths.size(); ++i)
+        shown.push_back({paths[i], places[i]});
+    return shown;
+}
+
+bool ShareControl::Start(const std::string &folder, std::string *problem)
+{
+    server = host::ControlServer::Start(
+        host::ControlSocketOf(folder), [this](const Words &request) { return HandleControl(request); },
+        problem);
+    return server != nullptr;
+}
+
+void ShareControl::End()
+{
+    over = true;
+    server.reset();
+}
+
 // On a thread of the control connection: passes the request to ours and waits.
-ControlReply ShareSession::HandleControl(const Words &request)
+ControlReply ShareControl::HandleControl(const Words &request)
 {
     auto reply = std::make_shared<std::promise<ControlReply>>();
     std::future<ControlReply> future = reply->get_future();
-    queue.Post([this, request, reply] {
+    run->Post([this, request, reply] {
         RunControl(request, [reply](const ControlReply &made) { reply->set_value(made); });
     });
     while (future.wait_for(100ms) != std::future_status::ready) {
@@ -54,7 +80,7 @@ ControlReply ShareSession::HandleControl(const Words &request)
     return future.get();
 }
 
-void ShareSession::RunControl(const Words &request, std::function<void(const ControlReply &)> answer)
+void ShareControl::RunControl(const Words &request, Answer answer)
 {
     const std::string &verb = request.front();
     if (verb == "add" && request.size() == 3)
@@ -66,26 +92,26 @@ void ShareSession::RunControl(const Words &request, std::function<void(const Con
     else if (verb == "status" && request.size() == 1)
         answer(ControlStatus());
     else if (verb == "traffic" && request.size() == 1)
-        answer(ControlTraffic());
+        answer({EXIT_DONE, "", run->TrafficRows()});
     else
         answer(Refusal(EXIT_USAGE, "the running fodr doesn't know this request: is it of another version?"));
 }
 
-void ShareSession::ControlAdd(const Words &request, std::function<void(const ControlReply &)> answer)
+void ShareControl::ControlAdd(const Words &request, Answer answer)
 {
     const std::string &path = request[1];
     std::error_code error;
-    if (!options.folders.front().files.empty()) {
+    if (!run->Options().folders.front().files.empty()) {
         answer(
             Refusal(EXIT_REFUSED, "this run sends the files that it was given: use fodr share for folders"));
         return;
     }
-    if (options.fixed) {
+    if (run->Options().fixed) {
         answer(Refusal(EXIT_REFUSED, "nothing can be added to this run, which is a fixed one: start it with "
                                      "--no-fixed"));
         return;
     }
-    if (!options.folderLayout) {
+    if (!run->Options().folderLayout) {
         answer(Refusal(EXIT_REFUSED,
                        "this share shows its one folder as the mount itself: start it with --layout "
                        "folders to add more"));
@@ -95,30 +121,27 @@ void ShareSession::ControlAdd(const Words &request, std::function<void(const Con
         answer(Refusal(EXIT_FOLDER, "\"" + path + "\" is not a folder"));
         return;
     }
-    if (const std::string conflict = mountPoint ? mountPoint->ConflictWith(path) : std::string();
-        !conflict.empty()) {
+    if (const std::string conflict = run->ConflictWith(path); !conflict.empty()) {
         answer(Refusal(EXIT_MOUNT_POINT, conflict));
         return;
     }
-    std::vector<std::string> allowed = shares->OfferedForms();
+    std::vector<std::string> allowed = run->Shares().OfferedForms();
     allowed.push_back(host::FolderShares::AskedForm(path));
-    if (!AllowFolders(allowed)) {
+    if (!run->AllowFolders(allowed)) {
         answer(Refusal(EXIT_OTHER, "the settings of the running share can't be written"));
         return;
     }
-    const FolderShare *share = shares->Add(path, host::FolderShares::NameFor(request[2]));
+    const FolderShare *share = run->Shares().Add(path, host::FolderShares::NameFor(request[2]));
     if (share == nullptr) {
         answer(Refusal(EXIT_REFUSED, "\"" + path + "\" is shared already"));
         return;
     }
     pendingReplies.push_back({share->cookie, Clock::now() + kAddLimit, std::move(answer)});
     AnswerPending(*share);
-    if (!timer)
-        SetTimer(kAddLimit);
+    run->WakeWithin(kAddLimit);
 }
 
-// To whoever waits for this share, once it is known what has become of it.
-void ShareSession::AnswerPending(const FolderShare &share)
+void ShareControl::AnswerPending(const FolderShare &share)
 {
     const auto waiting =
         std::find_if(pendingReplies.begin(), pendingReplies.end(),
@@ -129,18 +152,18 @@ void ShareSession::AnswerPending(const FolderShare &share)
     const auto answer = std::move(waiting->answer);
     pendingReplies.erase(waiting);
     if (share.state == ShareState::Ready) {
-        answer({EXIT_DONE, "", {{share.path, share.name, MountedAt() + "/" + share.name}}});
+        answer({EXIT_DONE, "", {{share.path, share.name, run->Place() + "/" + share.name}}});
         return;
     }
     answer(Refusal(EXIT_REFUSED, "\"" + share.path + "\" can't be shared: " + share.problem));
-    queue.Post([this, cookie = share.cookie] {
-        if (const FolderShare *refused = shares->FindCookie(cookie))
-            shares->Remove(std::string(refused->path));
-        AllowFolders(shares->OfferedForms());
+    run->Post([this, cookie = share.cookie] {
+        if (const FolderShare *refused = run->Shares().FindCookie(cookie))
+            run->Shares().Remove(std::string(refused->path));
+        run->AllowFolders(run->Shares().OfferedForms());
     });
 }
 
-void ShareSession::AnswerOverdue()
+void ShareControl::AnswerOverdue()
 {
     const auto now = Clock::now();
     for (size_t i = pendingReplies.size(); i-- > 0;) {
@@ -151,73 +174,29 @@ void ShareSession::AnswerOverdue()
     }
 }
 
-ControlReply ShareSession::ControlRemove(const std::string &which)
+ControlReply ShareControl::ControlRemove(const std::string &which)
 {
-    if (!shares->Remove(which))
+    if (!run->Shares().Remove(which))
         return Refusal(EXIT_FOLDER, "\"" + which + "\" is not shared: see fodr list");
-    AllowFolders(shares->OfferedForms());
+    run->AllowFolders(run->Shares().OfferedForms());
     return {};
 }
 
-std::vector<ShareSession::ShownPath> ShareSession::Shown(const FolderShare &share) const
-{
-    const std::vector<std::string> paths = SharedFolder::PathsBelow(share.path, share.files);
-    std::vector<std::string> places(paths.size());
-    if (!mounted.empty())
-        places = SharedFolder::PathsBelow(MountedAt() + (options.folderLayout ? "/" + share.name : ""),
-                                          share.files);
-    std::vector<ShownPath> shown;
-    for (size_t i = 0; i < paths.size(); ++i)
-        shown.push_back({paths[i], places[i]});
-    return shown;
-}
-
-void ShareSession::SayReady() const
-{
-    std::vector<ShownPath> ready;
-    for (const FolderShare &share : shares->All()) {
-        if (share.state == ShareState::Ready) {
-            for (ShownPath &one : Shown(share))
-                ready.push_back(std::move(one));
-        }
-    }
-    const bool sent = !options.folders.front().files.empty();
-    Say(Escaped(ready.front().path) + (sent ? " is at " : " is mounted at ") + Escaped(ready.front().place) +
-        (ready.size() > 1 ? ", and " + std::to_string(ready.size() - 1) + " more beside it" : "") +
-        ". Press Ctrl-C to end.");
-}
-
-ControlReply ShareSession::ControlList() const
+ControlReply ShareControl::ControlList() const
 {
     ControlReply reply;
-    for (const FolderShare &share : shares->All()) {
-        for (const ShownPath &one : Shown(share))
+    for (const FolderShare &share : run->Shares().All()) {
+        for (const ShownPath &one : ShownPaths(share, run->Options(), run->Place()))
             reply.rows.push_back({one.path, share.name, StateName(share.state), share.problem, one.place});
     }
     return reply;
 }
 
-ControlReply ShareSession::ControlStatus() const
+ControlReply ShareControl::ControlStatus() const
 {
-    constexpr const char *kPhases[] = {"connecting", "starting", "running", "reconnecting", "ending"};
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - started).count();
     ControlReply reply = ControlList();
-    reply.rows.insert(reply.rows.begin(), {{"pid", std::to_string(platform::CurrentProcessId())},
-                                           {"state", kPhases[static_cast<size_t>(phase)]},
-                                           {"agent", options.target.Name()},
-                                           {"mount", mounted.empty() ? "" : MountedAt()},
-                                           {"seconds", std::to_string(seconds)},
-                                           {"reconnects", std::to_string(reconnects)},
-                                           {"fixed", options.fixed ? "yes" : "no"},
-                                           {"confined", confinement.State()}});
-    return reply;
-}
-
-ControlReply ShareSession::ControlTraffic() const
-{
-    ControlReply reply;
-    for (const agent::PacketTraffic::Row &row : traffic.Rows())
-        reply.rows.push_back({row.kind, std::to_string(row.packets), std::to_string(row.bytes)});
+    const std::vector<Words> rows = run->StatusRows();
+    reply.rows.insert(reply.rows.begin(), rows.begin(), rows.end());
     return reply;
 }
 

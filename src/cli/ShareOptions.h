@@ -33,7 +33,7 @@ struct AgentTarget {
     }
 };
 
-struct SharedFolder {
+struct WantedFolder {
     std::string path; // absolute, links resolved
     std::string name;
     std::vector<std::string> files; // what of it is sent, by name; empty: the folder is shared as it is
@@ -52,7 +52,7 @@ struct SharedFolder {
 };
 
 struct ShareOptions {
-    std::vector<SharedFolder> folders;
+    std::vector<WantedFolder> folders;
     AgentTarget target;
     bool folderLayout = false;
     bool readOnly = false;

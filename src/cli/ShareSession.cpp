@@ -4,6 +4,7 @@
 #include "cli/Console.h"
 #include "host/ControlServer.h"
 #include "lib/unicode/ForeignText.h"
+#include "platform/Process.h"
 
 #include <algorithm>
 
@@ -62,7 +63,7 @@ int ShareSession::Run()
     while (!finished) {
         if (!queue.RunOne(timer.value_or(Clock::time_point::max())))
             HandleTimer();
-        AnswerOverdue();
+        control.AnswerOverdue();
     }
     CleanUp();
     return exitCode;
@@ -100,13 +101,13 @@ bool ShareSession::StartPlugin()
     shares = std::make_unique<host::FolderShares>(
         &host->Bus(), [this](const host::FolderShare &share) { HandleShareChanged(share); });
     std::vector<std::string> asked;
-    for (const SharedFolder &shared : options.folders) {
+    for (const WantedFolder &shared : options.folders) {
         for (std::string &form : host::FolderShares::OfferedForms(shared.path, shared.files))
             asked.push_back(std::move(form));
     }
     if (!AllowFolders(asked))
         return false;
-    for (const SharedFolder &shared : options.folders)
+    for (const WantedFolder &shared : options.folders)
         shares->Add(shared.path, shared.name, shared.files);
     FollowSettings();
     host::ChannelOptions channelOptions = ChannelOptionsFor(options);
@@ -143,12 +144,10 @@ void ShareSession::FollowSettings()
 bool ShareSession::StartControl()
 {
     std::string problem;
-    control = host::ControlServer::Start(
-        host::ControlSocketOf(folder), [this](const host::Words &request) { return HandleControl(request); },
-        &problem);
-    if (!control)
-        Fail(EXIT_OTHER, "the control socket in " + folder + " can't be made: " + problem);
-    return control != nullptr;
+    if (control.Start(folder, &problem))
+        return true;
+    Fail(EXIT_OTHER, "the control socket in " + folder + " can't be made: " + problem);
+    return false;
 }
 
 void ShareSession::Connect()
@@ -325,7 +324,7 @@ void ShareSession::HandleNotice(transport::NoticeKind kind, const std::string &t
 
 void ShareSession::OnTermination(platform::TerminationRequest request)
 {
-    // Whoever asks twice doesn't want to wait. The agent sees the end of its stream and unmounts. With a
+    // A second request ends the process at once. The agent sees the end of its stream and unmounts. With a
     // command Ctrl-C is the command's.
     if (!commandRuns && ++terminations > 1)
         platform::EndNow(platform::StatusOf(request));
@@ -344,7 +343,7 @@ void ShareSession::HandleTermination(platform::TerminationRequest request)
 
 void ShareSession::HandleShareChanged(const host::FolderShare &share)
 {
-    AnswerPending(share);
+    control.AnswerPending(share);
     const std::vector<host::FolderShare> &all = shares->All();
     const auto refused = [](const host::FolderShare &entry) {
         return entry.state == host::ShareState::Refused;
@@ -397,6 +396,50 @@ void ShareSession::HandleTimer()
     } else if (phase == Phase::Ending) {
         GiveUpSilentAgent();
     }
+}
+
+// ---- What the run says of itself ----
+
+std::string ShareSession::ConflictWith(const std::string &path) const
+{
+    return mountPoint ? mountPoint->ConflictWith(path) : std::string();
+}
+
+std::vector<host::Words> ShareSession::StatusRows() const
+{
+    constexpr const char *kPhases[] = {"connecting", "starting", "running", "reconnecting", "ending"};
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - started).count();
+    return {{"pid", std::to_string(platform::CurrentProcessId())},
+            {"state", kPhases[static_cast<size_t>(phase)]},
+            {"agent", options.target.Name()},
+            {"mount", Place()},
+            {"seconds", std::to_string(seconds)},
+            {"reconnects", std::to_string(reconnects)},
+            {"fixed", options.fixed ? "yes" : "no"},
+            {"confined", confinement.State()}};
+}
+
+std::vector<host::Words> ShareSession::TrafficRows() const
+{
+    std::vector<host::Words> rows;
+    for (const agent::PacketTraffic::Row &row : traffic.Rows())
+        rows.push_back({row.kind, std::to_string(row.packets), std::to_string(row.bytes)});
+    return rows;
+}
+
+void ShareSession::SayReady()
+{
+    std::vector<ShownPath> ready;
+    for (const host::FolderShare &share : shares->All()) {
+        if (share.state == host::ShareState::Ready) {
+            for (ShownPath &one : ShownPaths(share, options, Place()))
+                ready.push_back(std::move(one));
+        }
+    }
+    const bool sent = !options.folders.front().files.empty();
+    Say(Escaped(ready.front().path) + (sent ? " is at " : " is mounted at ") + Escaped(ready.front().place) +
+        (ready.size() > 1 ? ", and " + std::to_string(ready.size() - 1) + " more beside it" : "") +
+        ". Press Ctrl-C to end.");
 }
 
 } // namespace fodr::cli

@@ -8,11 +8,7 @@
 #include "cli/AgentStarter.h"
 #include "cli/Console.h"
 #include "cli/MountFolder.h"
-#include "cli/RunConfinement.h"
-#include "cli/ShareOptions.h"
-#include "host/CallGate.h"
-#include "host/ControlServer.h"
-#include "host/FolderShares.h"
+#include "cli/ShareControl.h"
 #include "host/HostChannel.h"
 #include "host/PrivateSettings.h"
 #include "platform/ChildProcess.h"
@@ -29,7 +25,7 @@
 
 namespace fodr::cli {
 
-class ShareSession final : private host::IChannelListener {
+class ShareSession final : private host::IChannelListener, private IShareRun {
 public:
     // The settings and the confinement are in force already; the latter outlives the session. `place` is for
     // an agent on this machine.
@@ -54,11 +50,6 @@ private:
         Running,    // usable
         Waiting,    // lost, until the next attempt
         Ending,
-    };
-    struct PendingReply {
-        std::string cookie;
-        Clock::time_point deadline;
-        std::function<void(const host::ControlReply &)> answer;
     };
 
     // ---- Start ----
@@ -103,29 +94,25 @@ private:
     void GiveUpSilentAgent();
     bool ClearMount();
 
-    // ---- Control (ShareControl.cpp) ----
-    host::ControlReply HandleControl(const host::Words &request);
-    void RunControl(const host::Words &request, std::function<void(const host::ControlReply &)> answer);
-    void ControlAdd(const host::Words &request, std::function<void(const host::ControlReply &)> answer);
-    host::ControlReply ControlRemove(const std::string &which);
-    host::ControlReply ControlList() const;
-    host::ControlReply ControlStatus() const;
-    host::ControlReply ControlTraffic() const;
-    void AnswerPending(const host::FolderShare &share);
-    void AnswerOverdue();
+    // ---- What the run says of itself, to ShareControl ----
+    void Post(host::EventQueue::Event event) override { queue.Post(std::move(event)); }
+    const ShareOptions &Options() const override { return options; }
+    host::FolderShares &Shares() override { return *shares; }
+    std::string Place() const override { return mounted.empty() ? "" : MountedAt(); }
+    std::string ConflictWith(const std::string &path) const override;
+    bool AllowFolders(const std::vector<std::string> &folders) override;
+    std::vector<host::Words> StatusRows() const override;
+    std::vector<host::Words> TrafficRows() const override;
+    void WakeWithin(std::chrono::milliseconds time) override
+    {
+        if (!timer)
+            SetTimer(time);
+    }
 
     void SetTimer(std::chrono::milliseconds time) { timer = Clock::now() + time; }
     void StopTimer() { timer.reset(); }
     std::string MountedAt() const;
-    struct ShownPath {
-        std::string path;  // here
-        std::string place; // over there; empty until it is mounted
-    };
-    // What there is to see of a share: its folder, or the files of it that are sent.
-    std::vector<ShownPath> Shown(const host::FolderShare &share) const;
-    void SayReady() const;
-    // Why a path can't be shown at our mount point; empty when it can.
-    bool AllowFolders(const std::vector<std::string> &folders);
+    void SayReady();
     void FollowSettings();
 
     const ShareOptions options;
@@ -138,7 +125,7 @@ private:
     std::unique_ptr<host::FolderShares> shares;
     agent::PacketTraffic traffic; // counts on the channel's threads
     std::unique_ptr<host::HostChannel> channel;
-    std::unique_ptr<host::ControlServer> control;
+    ShareControl control{this};
     std::unique_ptr<MountFolder> mountPoint; // Local
     AgentStarter starter;
     std::thread connector;
@@ -154,7 +141,7 @@ private:
     std::atomic<Clock::time_point> lastPacket{started}; // either way, by the channel's threads
     Clock::time_point endLimit;                         // for an agent that has something to say
     int exitCode = 0;
-    bool attached = false; // the channel has a connection, or hasn't told of its end yet
+    bool attached = false; // the channel has a connection, or its end hasn't been reported yet
     bool everReady = false;
     std::string mounted;      // by the agent's word; empty: not yet
     std::string agentError;   // the agent's word about what went wrong
@@ -163,14 +150,12 @@ private:
     std::chrono::milliseconds retryAfter{0};
     unsigned reconnects = 0;
     std::optional<Clock::time_point> timer;
-    std::vector<PendingReply> pendingReplies;
 
     std::atomic<int> strangers{0}; // that connected and were sent away
     std::mutex linesLock;
     std::string lastAgentLine; // under linesLock
     std::atomic<unsigned> terminations{0};
     std::atomic<bool> commandRuns{false};
-    std::atomic<bool> over{false}; // nobody takes control requests any more
 };
 
 } // namespace fodr::cli

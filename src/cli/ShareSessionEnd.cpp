@@ -205,8 +205,7 @@ bool ShareSession::ClearMount()
 
 void ShareSession::CleanUp()
 {
-    over = true;
-    control.reset();
+    control.End();
     starter.Cancel();
     if (connector.joinable())
         connector.join();

@@ -138,7 +138,7 @@ AllowListFileSystem::Kind AllowListFileSystem::KindOf(uint32_t fileId)
     return found == handles.end() ? Kind::Listed : found->second;
 }
 
-// Of a mark its size is told. Times, attributes, names and links are its file's.
+// A mark shows its size. Times, attributes, names and links belong to its file.
 NTSTATUS AllowListFileSystem::RedirectedQueryInformationFile(uint32_t fileId, IO_STATUS_BLOCK *ioStatus,
                                                              uint8_t **outBuffer, uint32_t fileInfoClass)
 {
@@ -254,7 +254,7 @@ size_t AllowListFileSystem::KeepShown(MallocBuffer &entries, uint32_t infoClass,
     return kept;
 }
 
-// Nor is a mark's file told of by copying.
+// Copying must not reveal a mark's file either.
 bool AllowListFileSystem::CopiesListed(const void *input, uint32_t length)
 {
     return length < sizeof(FODR_RANGE_COPY) ||

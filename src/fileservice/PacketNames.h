@@ -36,8 +36,8 @@ class RdpdrStream;
 // Controls whose input holds a handle of another object: MOVE_FILE, MARK_HANDLE, DUPLICATE_EXTENTS_TO_FILE
 // and its Ex.
 [[nodiscard]] bool CarriesHandle(uint32_t code);
-// A record that says one component below a directory of the share. Its length is cut to what it says, and
-// what nobody has defined is taken out of it.
+// Takes only one component below a directory of the share. Cuts the record's length to the name and clears
+// undefined bits.
 [[nodiscard]] nt::NTSTATUS ReadNewName(uint32_t infoClass, uint8_t *buffer, uint32_t *length,
                                        uint32_t *directoryId);
 

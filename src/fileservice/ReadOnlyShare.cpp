@@ -15,7 +15,7 @@ namespace {
 constexpr uint32_t kChangingRights = FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_WRITE_EA | FILE_DELETE_CHILD |
                                      DELETE_ACCESS | WRITE_DAC | WRITE_OWNER | GENERIC_WRITE | GENERIC_ALL;
 
-// MS-FSCC 2.3. Reading ones that are missing here are refused too, which harms nobody.
+// MS-FSCC 2.3. Other reading controls are refused as well; no program needs them.
 constexpr uint32_t kReadingControls[] = {FSCTL_GET_REPARSE_POINT, FSCTL_QUERY_ALLOCATED_RANGES,
                                          FSCTL_GET_COMPRESSION, FSCTL_FODR_QUERY_HOST};
 

@@ -104,7 +104,7 @@ bool RedirectedDevice::Dispatch(const Request &request, RdpdrStream &packet)
     case IRP_MJ_LOCK_CONTROL:
         return HandleLockControl(request, packet);
     default:
-        return false; // dropped without a reply, unlike an unknown minor function: that is meant
+        return false; // dropped without a reply, unlike an unknown minor function; meant
     }
 }
 
@@ -356,7 +356,7 @@ bool RedirectedDevice::IsFileOpenAllowedByDeviceFilter(const std::string &absolu
 {
     FODR_TRACE_FUNCTION();
     constexpr std::string_view kNtPrefix = "\\??\\";
-    // An open that says neither file nor directory isn't filtered; that is meant.
+    // An open that says neither file nor directory isn't filtered; meant.
     if (!filterPolicy || !filterPolicy->HasDeviceFilter() ||
         !(createOptions & (FILE_DIRECTORY_FILE | FILE_NON_DIRECTORY_FILE)))
         return true;

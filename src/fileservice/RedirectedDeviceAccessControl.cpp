@@ -81,7 +81,7 @@ void RedirectedDeviceAccessControl::UpdateAllowAccessFileList(const std::vector<
         LOG_TRACE("File is added in access list: (%s)\n", entry.c_str());
     if (added.empty())
         return;
-    // A listing of the old list that isn't cached yet finds the list changed by now, and isn't.
+    // A listing of the outdated list is not cached.
     OVMutexLock held(cacheLock);
     allowAccessInfoCache.clear();
 }
@@ -137,7 +137,7 @@ NTSTATUS RedirectedDeviceAccessControl::GetAllowAccessListInfoFromCache(const DR
             return ioStatus->Status;
         }
     }
-    // That lastListedFileId stays is meant: the continuation of a listing that was made asks for real.
+    // lastListedFileId stays; meant. The continuation of an uncached listing asks the file system.
     RetrieveAllowAccessListInfo(request, ioStatus, outBuffer);
     return ioStatus->Status;
 }

@@ -113,7 +113,7 @@ bool RedirectedDevice::HandleSetInformation(const Request &request, RdpdrStream 
     RdpdrStreamPtr completion =
         preReader->BuildPreReadIoCompletion(pattern, GetDeviceId(), request.FileId, fileSystem.get(),
                                             request.CompletionId, status, &deviceIdField);
-    // The private form: the FileId stands where the standard has Length. That is meant.
+    // The private form has the FileId where the standard has Length; meant.
     if (completion)
         StoreRecord(DR_LENGTH_RSP{request.FileId}, deviceIdField + kBodyFromDeviceId);
     return Write(std::move(completion));
@@ -159,8 +159,7 @@ bool RedirectedDevice::HandleDeviceControl(const Request &request, RdpdrStream &
     uint8_t *deviceIdField = nullptr;
     RdpdrStreamPtr completion =
         BuildIoCompletion(GetDeviceId(), request.CompletionId, status, length, &deviceIdField);
-    // OutputBufferLength stays 0 although data follows it. That is meant: the agent goes by the packet's
-    // size.
+    // OutputBufferLength stays 0 although data follows it; meant. The agent goes by the packet's size.
     if (completion && length > 0)
         memcpy(deviceIdField + kDataFromDeviceId, output.Data(), length);
     return Write(std::move(completion));

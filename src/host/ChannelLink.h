@@ -8,13 +8,13 @@
 
 namespace fodr::host {
 
-// Told by a link, on its reader thread. `link` numbers tell links of one channel apart.
+// Called by a link, on its reader thread. `link` numbers tell links of one channel apart.
 class ILinkOwner {
 public:
     virtual void OnLinkHello(uint64_t link) = 0;
     virtual void OnLinkAnnounce(uint64_t link, const transport::ObjectAnnounce &frame) = 0;
     virtual void OnLinkObjectState(uint64_t link, const transport::ObjectState &frame) = 0;
-    // False when there is nobody to take it.
+    // False when no object takes it.
     virtual bool OnLinkMessage(const transport::Message &frame) = 0;
     virtual void OnLinkMessageDone(const transport::MessageDone &frame) = 0;
     virtual void OnLinkMessageAbort(const transport::MessageAbort &frame) = 0;

@@ -129,7 +129,6 @@ private:
     void AbandonSideAttempt();
     void SideChannelFailed(const ObjectPointer &object, const std::string &reason);
     void TellAgentState(const ObjectPointer &object);
-    void SetChannelState(int32_t state);
     void DestroyInstanceNow();
     void NotifySinks(const std::function<void(const Sink &)> &call);
 

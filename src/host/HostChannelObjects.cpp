@@ -10,7 +10,7 @@ namespace fodr::host {
 // a name can take long, and nobody waits for it.
 struct HostChannel::SideAttempt {
     Mutex lock;
-    HostChannel *channel GUARDED_BY(lock); // null: nobody is interested any more
+    HostChannel *channel GUARDED_BY(lock); // null: the channel has ended
 
     explicit SideAttempt(HostChannel *owner) : channel(owner) {}
 };
@@ -163,7 +163,7 @@ void HostChannel::HandleAnnounce(const std::string &name, Peer peer)
         return;
     peers[name] = peer;
     if (channelState != CONNECTION_CONNECTED)
-        return; // told when the channel is opened
+        return; // the plug-in hears of it when the channel is opened
     NotifySinks(
         [&name](const Sink &sink) { sink.table.OnPeerChannelObjectCreated(sink.userData, name.c_str()); });
     for (const ObjectPointer &object : Objects())
@@ -239,7 +239,7 @@ void HostChannel::HandleSideOffer(const transport::SideOffer &offer)
 {
     const ObjectPointer object = ObjectByNumber(offer.object);
     if (object == nullptr || object->State() != OBJECT_SIDE_CHANNEL_PENDING || sideAttempt != nullptr)
-        return; // nobody has asked
+        return; // not asked for
     sideAttempt = std::make_shared<SideAttempt>(this);
     std::thread([attempt = sideAttempt, offer, agentHost = options.sideChannelHost,
                  timeoutMS = options.sideChannelTimeoutMS] {

@@ -75,8 +75,8 @@ private:
     std::atomic<uint32_t> maxFileSizeMB{kLimitByLevel}; // 0: one file for all
     std::atomic<uint32_t> maxRollingFiles{4};           // behind the open one; 0: all stay
     uint32_t fileIndex = 0;                             // of the open file
-    std::atomic<uint32_t> diskThresholdLowMB{200};      // suspended at so much free space
-    std::atomic<uint32_t> diskThresholdHighMB{500};     // and resumed at so much
+    std::atomic<uint32_t> diskThresholdLowMB{200};      // free space at which logging stops
+    std::atomic<uint32_t> diskThresholdHighMB{500};     // and at which it goes on
     std::atomic<bool> lowThresholdLowered{false};
     std::atomic<bool> diskSuspended{false};
     OVElapsedTimer suspendTimer;
@@ -110,10 +110,8 @@ public:
     // An empty pattern matches all.
     DirectoryIterator(const std::string &folder, const std::string &pattern);
 
-    // Null at the end, which is at once for a folder that can't be read.
+    // Null at the end. A folder that can't be read is empty.
     RCPtr<FileInfo> Next();
-    // Folder and pattern.
-    const std::string &SearchPath() const { return searchPath; }
 
 private:
     const std::string folderPath;

@@ -18,7 +18,7 @@ namespace {
 
 constexpr int32_t kPollIntervalMs = 1000;
 constexpr int32_t kAll = std::numeric_limits<int32_t>::max();
-constexpr size_t kBatch = 100; // in batch mode a thread writes when so many more are queued
+constexpr size_t kBatch = 100; // in batch mode a thread writes after every so many messages
 
 } // namespace
 

@@ -56,7 +56,7 @@ public:
     FodrLogger(const FodrLogger &) = delete;
     FodrLogger &operator=(const FodrLogger &) = delete;
 
-    // `logToken` names the log files. What fails is told to the debug channel, and there is no log then.
+    // `logToken` names the log files. A failure is written to the debug channel, and there is no log then.
     void Start(const char *logToken);
     void Stop();
 

@@ -168,7 +168,7 @@ void LoggerSettings::ApplyFile()
         ApplyFileNumber(*writer, valueName, setting);
 }
 
-// A number that the writer caps differs from what it keeps, and so is set and told again at each change.
+// A number above the writer's cap differs from the one kept, so every change sets and logs it again.
 void LoggerSettings::ApplyFileNumber(LogWriter &writer, const char *valueName, const char *setting)
 {
     uint32_t number = 0;

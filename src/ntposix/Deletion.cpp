@@ -91,7 +91,8 @@ NTSTATUS CheckAttributes(const OpenFile &open, ReadOnlyFiles readOnly, FileMetad
 {
     if (const int error = open.Stat(facts); error != 0)
         return StatusOfErrno(error);
-    if (facts->attributes & FILE_ATTRIBUTE_READONLY && readOnly == ReadOnlyFiles::kStay)
+    const bool attribute = open.stream && open.stream->IsAttribute();
+    if (facts->attributes & FILE_ATTRIBUTE_READONLY && readOnly == ReadOnlyFiles::kStay && !attribute)
         return STATUS_CANNOT_DELETE;
     if (open.stream && !MayWrite(open.File().fd.Get())) // goes with its file's permission to be written to
         return STATUS_ACCESS_DENIED;

@@ -177,6 +177,11 @@ int FindStream(int file, std::u16string_view name, bool exact, std::string *attr
     return 0;
 }
 
+bool NamedStream::IsAttribute() const
+{
+    return !attribute.starts_with(kPrefix);
+}
+
 int RemoveStreams(int file, FileKey key, RemovedStreams *removed)
 {
     // Where a list can't be had, there are none to tell of.

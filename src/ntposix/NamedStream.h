@@ -59,6 +59,9 @@ public:
     NamedStream(FileKey fileKey, std::string attributeName)
         : key(fileKey), attribute(std::move(attributeName))
     {}
+    // One that a program of the owner calls "user.NAME": its file being read-only isn't asked for, as it
+    // isn't locally.
+    bool IsAttribute() const;
     ~NamedStream();
     NamedStream(const NamedStream &) = delete;
     NamedStream &operator=(const NamedStream &) = delete;

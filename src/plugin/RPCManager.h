@@ -5,7 +5,7 @@
 // of notices is never handed to a host.
 //
 // Threads: notices arrive on the host's threads. Only the server maps are locked (instanceLock here, the
-// process-wide lock of serverManagers in RPCManager.cpp; never both, neither across a virtual operation).
+// process-wide lock of serverManagers in RPCManager.cpp; never both, and not across a virtual operation).
 #pragma once
 
 #include "odpservice/odpservice.h"

@@ -98,8 +98,6 @@ public:
     void HandleMsgDone(uint32_t requestId, void *context);
     void HandleMsgAbort(uint32_t requestId, uint8_t userCancel, uint32_t reason);
 
-    RPCManager *Manager() const { return manager; }
-
 protected:
     RPCManager *const manager; // not owned
 

@@ -7,6 +7,7 @@
 #include "runtime/LogCall.h"
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 
 namespace fodr {
@@ -49,6 +50,17 @@ bool MayWaitForEver(RdpdrStream &packet)
     // An unlock of many ranges has a list, and never waits.
     return request.MajorFunction == IRP_MJ_LOCK_CONTROL &&
            request.Body<DR_DRIVE_LOCK_REQ>().Operation != RDP_LOWIO_OP_UNLOCK_MULTIPLE;
+}
+
+void DropUnread(RdpdrStreamPtr &stream)
+{
+    if (static_cast<size_t>(stream->Size()) <= kWaitingPacket)
+        return;
+    RdpdrStreamPtr shorter(RdpdrStream::Create(kWaitingPacket));
+    if (!shorter)
+        return;
+    memcpy(shorter->Base(), stream->Base(), kWaitingPacket);
+    stream = std::move(shorter);
 }
 
 void BandwidthCounter::Start(uint32_t) {}

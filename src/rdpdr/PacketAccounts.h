@@ -2,20 +2,21 @@
 #pragma once
 
 #include "lib/misc/Mutex.h"
+#include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/OVMutex.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <utility>
 
 namespace fodr {
 
-class RdpdrStream;
+class RdpdrChannelManager;
 
 // How much of an agent's requests this side holds at once: the packets that wait and are served, with the
-// answers that they ask for. Who brings a packet beyond it waits, so that the connection isn't read meanwhile
-// and the agent has to wait as well. Any thread.
+// answers that they ask for. Beyond it the reader of the connection waits, and with it the agent. Any thread.
 class PacketBudget {
 public:
     static constexpr size_t kMostBytes = 64u << 20;
@@ -51,6 +52,34 @@ private:
 // small (kWaitingPacket bytes are all that is read of it) and outside of the budget.
 bool MayWaitForEver(RdpdrStream &packet);
 inline constexpr size_t kWaitingPacket = 128;
+// Cuts the packet to the bytes that are read of it, if there is memory for the copy.
+void DropUnread(RdpdrStreamPtr &stream);
+
+// A packet on its way to the pool. Gives back what it costs at its end at the latest, also when an exception
+// ends the task.
+struct ReceivedPacket {
+    ReceivedPacket(RdpdrChannelManager *receiver, PacketBudget *ofPackets, RdpdrStream *packet)
+        : manager(receiver), budget(ofPackets), stream(packet)
+    {}
+    ~ReceivedPacket()
+    {
+        stream.reset();
+        GiveBackCost();
+    }
+    ReceivedPacket(const ReceivedPacket &) = delete;
+    ReceivedPacket &operator=(const ReceivedPacket &) = delete;
+
+    void GiveBackCost()
+    {
+        if (cost != 0)
+            budget->GiveBack(std::exchange(cost, 0));
+    }
+
+    RdpdrChannelManager *const manager;
+    PacketBudget *const budget;
+    RdpdrStreamPtr stream;
+    size_t cost = 0;
+};
 
 // Totals of what went over a channel, per kind of packet. Any thread.
 class BandwidthCounter {

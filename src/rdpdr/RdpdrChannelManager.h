@@ -6,40 +6,34 @@
 // userLoggedOn) and not on an order of arrival. Folder commands come on the host's threads, drive events on
 // the watcher's.
 //
-// Locks, in the order in which they nest: stateLock, watcherLock, deviceTableLock, the policy's lock. Each is
+// Locks, in the order in which they nest: stateLock, watcherLock, the table's, the policy's lock. Each is
 // taken alone as well. Facts that are read without stateLock are atomic, and hold for the moment of the read.
 #pragma once
 
 #include "drives/DriveWatcher.h"
-#include "fileservice/IRedirectedDevice.h"
 #include "lib/misc/Mutex.h"
 #include "rdpdr/ClientPolicy.h"
 #include "rdpdr/DataHandler.h"
 #include "rdpdr/PacketAccounts.h"
-#include "rdpdr/ShareNames.h"
+#include "rdpdr/ShareTable.h"
 #include "rdpdr/wire/RdpdrStream.h"
 #include "runtime/OVMutex.h"
 #include "runtime/RCObject.h"
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace fodr {
 
-class AllowAccessList;
 class FodrLogger;
-class IFileSystem;
 class IRdpdrChannel;
 
 class RdpdrChannelManager : public IDeviceStateSubscriber {
 public:
-    // Entries of the table, and how many there may be for an agent's policy to add one.
-    static constexpr size_t kMostShares = 1024;
+    // How many shares there may be for an agent's policy to add another.
     static constexpr size_t kMostForPolicy = 512;
 
     RdpdrChannelManager();
@@ -52,14 +46,14 @@ public:
     // Stops the watcher, closes every file without telling the agent, lets the queued packets run to their
     // end and forgets channel and policy. The sources of packets and commands are stopped before. May be
     // called again.
-    virtual void Shutdown() EXCLUDES(stateLock, watcherLock, deviceTableLock);
+    virtual void Shutdown() EXCLUDES(stateLock, watcherLock);
 
     // Queues one whole packet. Waits while as much is queued as may be (PacketBudget). True takes the stream
     // over.
     virtual bool OnDataReceived(RdpdrStream *stream);
     // Handles one packet on the calling thread; the stream stays with the caller. False only for a component
     // that isn't ours. A device request that waits for something holds the thread.
-    bool ProcessData(RdpdrStream *stream) EXCLUDES(stateLock, deviceTableLock);
+    bool ProcessData(RdpdrStream *stream) EXCLUDES(stateLock);
 
     // The protocol version of this client.
     virtual int GetClientVersion();
@@ -70,37 +64,31 @@ public:
     // name the share. True when the share is in the table afterwards.
     virtual bool AddSharedFolder(const std::string &path, const std::string &cookie, bool driveLetterShare,
                                  uint32_t permission, const std::string &shareName,
-                                 const std::vector<std::string> &allowList)
-        EXCLUDES(watcherLock, deviceTableLock);
+                                 const std::vector<std::string> &allowList) EXCLUDES(watcherLock);
     virtual bool AddSharedFolder(const std::string &path, const std::string &cookie, bool driveLetterShare,
                                  uint32_t permission, const std::string &shareName);
     // Takes the shares of the folder out of the table and tells the agent. True when there was one.
     virtual bool RemoveSharedFolder(const std::string &path, const std::string &shareName,
-                                    const std::string &cookie) EXCLUDES(watcherLock, deviceTableLock);
+                                    const std::string &cookie) EXCLUDES(watcherLock);
     // Shares every drive there is, if the settings don't say otherwise.
     virtual void RedirectAllDrives();
 
-    bool OnDeviceAvailable(char driveLetter) override EXCLUDES(deviceTableLock);
-    bool OnDeviceUnavailable(char driveLetter) override EXCLUDES(deviceTableLock);
+    bool OnDeviceAvailable(char driveLetter) override;
+    bool OnDeviceUnavailable(char driveLetter) override;
 
     // Whether a share of this name shows only named files.
     static bool NeedsAccessControl(const std::string &shareName);
 
 private:
-    using Device = RCPtr<IRedirectedDevice>;
-    struct ShareRequest;
-    struct FolderLook;
-    struct ShareOutcome;
+    using Device = ShareTable::Device;
 
     // Dispatch.
     static void ProcessDataTask(void *record);
     void ProcessPrivatePacket(uint16_t packetId, RdpdrStream *stream) REQUIRES(stateLock);
     void HandleUserLoggedOn() REQUIRES(stateLock);
-    void HandleDeviceIoRequest(RdpdrStream *stream) EXCLUDES(deviceTableLock);
-    void HandleDeviceReply(RdpdrStream *stream) EXCLUDES(deviceTableLock);
-    Device FindDevice(uint32_t deviceId) REQUIRES(deviceTableLock);
-    void CloseAllDevices() EXCLUDES(deviceTableLock);
-    bool IsClosing() EXCLUDES(deviceTableLock);
+    void HandleDeviceIoRequest(RdpdrStream *stream);
+    void HandleDeviceReply(RdpdrStream *stream);
+    void CloseAllDevices();
 
     // Handshake.
     void HandleServerAnnounce(RdpdrStream *stream);
@@ -115,43 +103,24 @@ private:
     std::string CapabilityStatus() REQUIRES(stateLock);
 
     // Where shares come from, beside the commands.
+    void AddDrives(uint32_t permission);
     void RedirectDevicesFromRegKey();
     void AddPolicyFolders() REQUIRES(stateLock);
 
     // Adding.
     bool ShouldApplyCDRPolicy(SharedType type);
     bool IsAllowedByCDRPolicy(const std::string &path, uint32_t permission, SharedType type);
-    FolderLook LookAtFolder(const ShareRequest &request) EXCLUDES(deviceTableLock);
-    // Nothing when the look is out of date: another share or a drive has come or gone since.
-    std::optional<ShareOutcome> InsertShare(const ShareRequest &request, const FolderLook &look)
-        EXCLUDES(deviceTableLock);
-    std::vector<Device> SharesOfPath(const std::string &ntPath, SharedType type) REQUIRES(deviceTableLock);
-    // The name as the agent gets it, and a status when it isn't the wanted one.
-    std::string NameShare(const ShareRequest &request, std::vector<std::string> *statuses)
-        REQUIRES(deviceTableLock);
-    std::string GenerateFriendlyName(const std::string &path, const std::string &shareName)
-        REQUIRES(deviceTableLock);
-    // Null when there is no memory. With a list the share shows only what is on it.
-    Device CreateDevice(const ShareRequest &request, bool available, const std::string &friendlyName,
-                        std::unique_ptr<IFileSystem> fileSystem, std::shared_ptr<AllowAccessList> allowList);
+    RedirectedDeviceSettings SettingsFor(const ShareTable::Request &request, bool driveLetterShare,
+                                         bool policyApplies);
 
     // Removing, and the watcher.
-    void StartDriveWatcher(bool firstShare) EXCLUDES(watcherLock, deviceTableLock);
-    void StopDriveWatcherIfUnused() EXCLUDES(watcherLock, deviceTableLock);
-    size_t ShareCount() EXCLUDES(deviceTableLock);
-    std::vector<Device> SharesToRemove(const std::string &ntPath, const std::string &shareName)
-        EXCLUDES(deviceTableLock);
-    static bool MatchesRemoval(const IRedirectedDevice &device, const std::string &ntPath,
-                               const std::string &shareName);
-    std::vector<Device> DevicesOfDrive(char driveLetter) EXCLUDES(deviceTableLock);
+    void StartDriveWatcher(bool firstShare) EXCLUDES(watcherLock);
+    void StopDriveWatcherIfUnused() EXCLUDES(watcherLock);
 
     // What goes out. SendSimpleDevice gives 0 when there is no memory, else 1.
     void AnnounceShare(const IRedirectedDevice &device, bool exists, const std::string &cookie);
-    int SendSimpleDevice(uint32_t deviceId, uint32_t deviceType, const std::string &friendlyName)
-        EXCLUDES(deviceTableLock);
+    int SendSimpleDevice(uint32_t deviceId, uint32_t deviceType, const std::string &friendlyName);
     void SendDeviceRemove(uint32_t deviceId);
-    uint32_t GetDeviceListAnnounceExtLength(uint32_t deviceId) REQUIRES(deviceTableLock);
-    void AppendDeviceListExt(RdpdrStream *stream, uint32_t deviceId) REQUIRES(deviceTableLock);
     void Write(RdpdrStream *packet);
     void Notify(const char *cookie, const std::string &message);
 
@@ -162,12 +131,8 @@ private:
     std::atomic<bool> multiEntryDirectoryQuery{false};
     std::atomic<bool> readOnly{false}; // never cleared
     std::atomic<bool> preReadEnabled{false};
-    std::map<uint32_t, Device> devices GUARDED_BY(deviceTableLock);
-    uint32_t nextDeviceId GUARDED_BY(deviceTableLock) = 0xFFFF;
-    bool closing GUARDED_BY(deviceTableLock) = false; // set before the first close; no share is added then
-    uint64_t driveEvents GUARDED_BY(deviceTableLock) = 0; // how many drives have come or gone
-    OVMutex deviceTableLock;                              // not held across device work
-    OVMutex watcherLock;                                  // makes the watcher run just while there are shares
+    ShareTable shares;
+    OVMutex watcherLock; // makes the watcher run just while there are shares
     std::unique_ptr<IDriveWatcher> driveWatcher GUARDED_BY(watcherLock);
     PacketBudget packetBudget; // of the packets in dataHandler
     std::unique_ptr<IThreadPoolDataHandler> dataHandler;

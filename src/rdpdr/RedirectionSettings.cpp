@@ -16,25 +16,11 @@ constexpr uint32_t kSmallestList = 3; // bytes: less holds nothing but a termina
 
 } // namespace
 
-RedirectionSettings::RedirectionSettings()
-    : openError(platform::RegistryOpen(platform::RegistryRoot::LocalMachine, platform::kPluginSettingsKey,
-                                       platform::kRegKeyRead, &key))
-{
-    if (openError != platform::kErrorSuccess)
-        key = nullptr;
-}
-
-RedirectionSettings::~RedirectionSettings()
-{
-    if (key)
-        platform::RegistryClose(key);
-}
-
 bool RedirectionSettings::ReadNumber(const std::string &name, uint32_t *number) const
 {
     uint32_t type = platform::kRegNone;
     uint32_t size = sizeof(*number);
-    return platform::RegistryQuery(key, name, true, &type, number, &size) == platform::kErrorSuccess &&
+    return platform::RegistryQuery(key.Get(), name, true, &type, number, &size) == platform::kErrorSuccess &&
            type == platform::kRegDword && size == sizeof(*number);
 }
 
@@ -43,12 +29,13 @@ RedirectionSettings::ListResult RedirectionSettings::ReadList(const std::string 
 {
     list->clear();
     uint32_t size = 0;
-    uint32_t error = platform::RegistryQuery(key, name, true, nullptr, nullptr, &size);
+    uint32_t error = platform::RegistryQuery(key.Get(), name, true, nullptr, nullptr, &size);
     if (error != platform::kErrorSuccess)
         return error == platform::kErrorFileNotFound ? ListResult::Missing : ListResult::SizeFailed;
     // Two units more than asked for: the list may lack its terminators.
     std::u16string units(size / sizeof(char16_t) + 2, u'\0');
-    if (platform::RegistryQuery(key, name, true, nullptr, units.data(), &size) != platform::kErrorSuccess)
+    if (platform::RegistryQuery(key.Get(), name, true, nullptr, units.data(), &size) !=
+        platform::kErrorSuccess)
         return ListResult::DataFailed;
     if (size < kSmallestList)
         return ListResult::Empty;

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "platform/Nt.h"
-#include "platform/Registry.h"
+#include "platform/SettingsKey.h"
 #include "platform/SystemError.h"
 
 #include <cstdint>
@@ -14,14 +14,9 @@ namespace fodr {
 // One thread.
 class RedirectionSettings {
 public:
-    RedirectionSettings();
-    ~RedirectionSettings();
-    RedirectionSettings(const RedirectionSettings &) = delete;
-    RedirectionSettings &operator=(const RedirectionSettings &) = delete;
-
-    bool IsOpen() const { return key != nullptr; }
+    bool IsOpen() const { return key.Result() == platform::kErrorSuccess; }
     // No key at all, as opposed to one that can't be opened.
-    bool IsMissing() const { return openError == platform::kErrorFileNotFound; }
+    bool IsMissing() const { return key.Result() == platform::kErrorFileNotFound; }
 
     // False when it isn't a number or can't be read.
     bool ReadNumber(const std::string &name, uint32_t *number) const;
@@ -38,8 +33,7 @@ public:
     ListResult ReadList(const std::string &name, std::vector<std::string> *list) const;
 
 private:
-    platform::RegistryKey key = nullptr;
-    uint32_t openError;
+    platform::SettingsKey key;
 };
 
 // What of a folder may be shared with an allow-list.

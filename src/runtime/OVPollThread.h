@@ -105,7 +105,7 @@ std::string PollDurationText(int64_t ms);
 // Empty when the thread is gone.
 RCPtr<OVPollThread> FindPollThread(uint64_t pollId);
 
-// For an item that belongs to no thread nothing is held and nobody told.
+// For null, an item without a thread, it does nothing.
 class SCOPED_CAPABILITY OVPollThread::Guard {
 public:
     explicit Guard(OVPollThread *heldThread) ACQUIRE(heldThread->lock) NO_THREAD_SAFETY_ANALYSIS

@@ -228,7 +228,7 @@ bool OVRegKeyWatcher::WatchRegKey()
     return true;
 }
 
-// A key that came between the opening and the asking is told by nobody.
+// No notification covers a key that was created between opening and watching.
 bool OVRegKeyWatcher::IsNearerKeyThere() const
 {
     const size_t end = path.find_first_of("/\\", regKey->GetPath().size() + 1);

@@ -122,7 +122,6 @@ public:
     RCPtr<OVRegValue> GetValue(const std::string &valueName, bool load) const;
     void AddValueWatcher(const RCPtr<OVRegValueWatcher> &watcher);
     const std::string &GetPath() const { return path; }
-    RegView GetView() const { return view; }
     // Whether the key itself was there when last looked for.
     bool IsKeyFound() const;
 

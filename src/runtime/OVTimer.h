@@ -26,7 +26,7 @@ public:
     virtual int64_t GetFrequency() const = 0; // ticks a second
 
     // Stores what Elapsed(mode) gives as the start. On a new timer mode kRestart so means: from now on. On
-    // one that already runs the start becomes the time it has run, which is meant.
+    // one that already runs the start becomes the time it has run; meant.
     void Start(int32_t mode);
     // Ticks since the start, up to the pause of a paused timer.
     int64_t Elapsed(int32_t mode);

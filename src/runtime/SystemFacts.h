@@ -1,5 +1,5 @@
-// Facts of the machine, the process and its files as the log shows them. Any thread; never fails: what can't
-// be told is an empty text.
+// Facts of the machine, the process and its files as the log shows them. Any thread; never fails: an
+// unknown fact is an empty text.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@ namespace fodr {
 namespace ProcessUtils {
 
 // The desktop session of the calling thread's own identity, if it is asked for and there is one, else of the
-// process. A known id is given back. 0xFFFFFFFF when it can't be told.
+// process. A known id is given back. 0xFFFFFFFF when it is unknown.
 uint32_t GetSessionID(bool useThreadToken = false, uint32_t knownId = 0xFFFFFFFF);
 
 } // namespace ProcessUtils

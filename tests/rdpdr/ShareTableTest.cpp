@@ -350,7 +350,7 @@ TEST_F(LocalShares, AnAgentsPolicyFillsNoMoreThanItsPartOfTheTable)
     Feed(PolicyPacket(block("b", 10)));
     EXPECT_EQ(TakeShares().size(), RdpdrChannelManager::kMostForPolicy);
     // The user's own have room.
-    for (size_t n = RdpdrChannelManager::kMostForPolicy; n < RdpdrChannelManager::kMostShares; ++n)
+    for (size_t n = RdpdrChannelManager::kMostForPolicy; n < fodr::ShareTable::kMostShares; ++n)
         ASSERT_EQ(Add(Folder("own" + std::to_string(n))), Strings{}) << n;
     EXPECT_EQ(Add(Folder("one-more")), Strings{"Internal system error"});
 }

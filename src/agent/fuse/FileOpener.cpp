@@ -170,17 +170,18 @@ Task<IoResult> FileOpener::OpenToRead(NodePtr node, Place place, RemoteShare::Cr
 }
 
 // Another file has the name by now. The kernel is told to look again, and finds it open.
-void FileOpener::OpenedAnother(const NodePtr &parent, const std::string &name,
+void FileOpener::OpenedAnother(int caller, const NodePtr &parent, const std::string &name,
                                const std::shared_ptr<RemoteShare> &share, uint32_t fileId, uint32_t access,
                                const FileFacts &facts)
 {
     mount.directories.ForgetNames(parent);
-    mount.openedAhead.Keep({.parent = parent,
+    mount.openedAhead.Keep({.caller = caller,
+                            .parent = parent,
                             .name = name,
                             .handle = std::make_shared<OpenedAhead::Handle>(share, fileId),
                             .access = access,
                             .facts = facts});
-    mount.notifier.CallAt(Node::Clock::now() + 5 * OpenedAhead::kSpan,
+    mount.notifier.CallAt(Node::Clock::now() + OpenedAhead::kSpan,
                           [this] { mount.openedAhead.Purge(false); });
 }
 
@@ -273,14 +274,14 @@ Task<Opening> FileOpener::OpenAndIdentify(NodePtr node, Place place, int flags, 
     co_return opening;
 }
 
-Task<Opening> FileOpener::OpenFileOf(NodePtr node, Place place, int flags, uint32_t access)
+Task<Opening> FileOpener::OpenFileOf(NodePtr node, Place place, int flags, uint32_t access, int caller)
 {
     if (mount.table.FileIdOf(node) == 0 && node->opens.IsOpen())
         co_await places.Identify(node);
-    const bool lookedAgain = Node::Clock::now() - node->AheadAt() < OpenedAhead::kSpan;
+    const bool lookedAgain = node->IsAhead(caller, OpenedAhead::kSpan);
     if (lookedAgain) {
         const std::optional<OpenedAhead::Found> ahead =
-            mount.openedAhead.Take(place.share, mount.table.FileIdOf(node), access);
+            mount.openedAhead.Take(caller, place.share, mount.table.FileIdOf(node), access);
         if (ahead) {
             const std::shared_ptr<void> lender = ahead->handle;
             co_return co_await OpenByLent(node, place.share, ahead->handle->fileId, access, lender);
@@ -303,7 +304,7 @@ Task<Opening> FileOpener::OpenFileOf(NodePtr node, Place place, int flags, uint3
             standing == Standing::Here && mount.table.PlaceIn(parent, name, &now) && now.path != place.path;
         const RemoteFilePtr lender = lookedAgain ? node->opens.AnyWith(access) : nullptr;
         if (another && standing == Standing::Here && !moved && !lender)
-            OpenedAnother(parent, name, place.share, another->fileId, access, opening.facts);
+            OpenedAnother(caller, parent, name, place.share, another->fileId, access, opening.facts);
         else if (another)
             place.share->Close(another->fileId, [](const IoResult &) {});
         if (moved && first) {

@@ -20,7 +20,7 @@ public:
 
     uint32_t AccessOf(int flags, const RemoteShare &share) const;
     // Of a file on a host with ids, and on one without.
-    Task<Opening> OpenFileOf(NodePtr node, Place place, int flags, uint32_t access);
+    Task<Opening> OpenFileOf(NodePtr node, Place place, int flags, uint32_t access, int caller);
     Task<Opening> OpenByName(NodePtr node, Place place, int flags, uint32_t access);
     Task<IoResult> OpenAt(const Place &place, const RemoteShare::CreateCall &open); // which outlive the wait
     RemoteFilePtr NewOpen(const NodePtr &node, const std::shared_ptr<RemoteShare> &share, uint32_t fileId,
@@ -41,7 +41,7 @@ private:
                                   RemoteFilePtr *another);
     Task<Opening> OpenByLent(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId,
                              uint32_t access, std::shared_ptr<void> lender);
-    void OpenedAnother(const NodePtr &parent, const std::string &name,
+    void OpenedAnother(int caller, const NodePtr &parent, const std::string &name,
                        const std::shared_ptr<RemoteShare> &share, uint32_t fileId, uint32_t access,
                        const FileFacts &facts);
 

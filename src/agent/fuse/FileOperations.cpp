@@ -81,7 +81,7 @@ Detached FileOperations::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
     const uint32_t access = opener.AccessOf(flags, *place.share) | (truncates ? nt::FILE_WRITE_DATA : 0);
     Opening opening;
     if (place.share->HasIds())
-        opening = co_await opener.OpenFileOf(node, place, flags, access);
+        opening = co_await opener.OpenFileOf(node, place, flags, access, call->Caller());
     else
         opening = co_await opener.OpenByName(node, place, flags, access);
     if (nt::IsError(opening.status)) {

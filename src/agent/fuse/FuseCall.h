@@ -77,6 +77,7 @@ public:
     void SetInterrupt(Interrupt function);
     bool TellInterrupt(); // false: there is no such function
 
+    int Caller() const { return callerId; } // the thread that makes the call
     // Whether the calling thread is about to die and only waits for this.
     bool CallerIsDying() const;
     std::chrono::steady_clock::time_point Begun() const { return begun; }

@@ -37,14 +37,6 @@ std::string ErrnoText(int error)
     return strerror_r(error, text, sizeof(text));
 }
 
-std::string AbsolutePath(const std::string &path)
-{
-    char *resolved = realpath(path.c_str(), nullptr);
-    std::string result = resolved ? resolved : path;
-    free(resolved);
-    return result;
-}
-
 bool LinkLeadsInto(const std::string &link, const std::string &folder)
 {
     char target[PATH_MAX];
@@ -85,6 +77,14 @@ std::string Holders(const std::string &folder)
     if (count > kNamedHolders)
         names += " and " + std::to_string(count - kNamedHolders) + " more";
     return names;
+}
+
+std::string AbsolutePath(const std::string &path)
+{
+    char *resolved = realpath(path.c_str(), nullptr);
+    std::string result = resolved ? resolved : path;
+    free(resolved);
+    return result;
 }
 
 } // namespace

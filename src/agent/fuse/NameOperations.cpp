@@ -83,7 +83,7 @@ Detached NameOperations::Lookup(FuseCall::Ptr call, uint64_t parentId, std::stri
     if (known)
         co_await AwaitWrites(known->WritesIfAny());
     Found found;
-    const std::optional<FileFacts> ahead = mount.openedAhead.Look(parent, name);
+    const std::optional<FileFacts> ahead = mount.openedAhead.Look(call->Caller(), parent, name);
     if (ahead) {
         found.facts = *ahead;
         found.asked = Node::Clock::now() - OpenedAhead::kSpan;
@@ -101,7 +101,7 @@ Detached NameOperations::Lookup(FuseCall::Ptr call, uint64_t parentId, std::stri
     node->NoteFacts(found.facts);
     node->NoteSeen(found.asked);
     if (ahead)
-        node->NoteAhead();
+        node->NoteAhead(call->Caller());
     if (!found.exact)
         node->NoteOtherCase();
     // Hosts without ids may tell late, in a folder, what becomes of a file while it is open.

@@ -157,8 +157,15 @@ struct Node {
     void NoteSeen(Clock::time_point asked) { seenAt = asked.time_since_epoch().count(); }
     Clock::time_point SeenAt() const { return Clock::time_point(Clock::duration(seenAt.load())); }
     // The kernel was led here by a file that an open had come upon (OpenedAhead).
-    void NoteAhead() { aheadAt = Clock::now().time_since_epoch().count(); }
-    Clock::time_point AheadAt() const { return Clock::time_point(Clock::duration(aheadAt.load())); }
+    void NoteAhead(int caller)
+    {
+        aheadOf = caller;
+        aheadAt = Clock::now().time_since_epoch().count();
+    }
+    bool IsAhead(int caller, Clock::duration span) const
+    {
+        return aheadOf == caller && Clock::now() - Clock::time_point(Clock::duration(aheadAt.load())) < span;
+    }
     // The file was found under another name than it had. Who opens it meanwhile may have come by the old one:
     // the kernel has to look again, and then comes by a name that it was just told of.
     void NoteRenamed(Clock::duration span)
@@ -253,6 +260,7 @@ private:
     std::string target GUARDED_BY(factsLock);
     std::vector<std::weak_ptr<DirectoryListing>> listings GUARDED_BY(factsLock);
     std::atomic<Clock::rep> ownChange{0};
+    std::atomic<int> aheadOf{0};
     std::atomic<Clock::rep> seenAt{0}, aheadAt{0}, longAnswerAt{0}, renamedUntil{0}, turnedAwayAt{0};
     std::atomic<Clock::rep> lookedUpAt{0};
     std::atomic<bool> inOtherCase{false};

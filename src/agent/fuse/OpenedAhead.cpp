@@ -14,12 +14,13 @@ void OpenedAhead::Keep(Found found)
     kept.push_back(std::move(found));
 }
 
-std::optional<FileFacts> OpenedAhead::Look(const NodePtr &parent, const std::string &name)
+std::optional<FileFacts> OpenedAhead::Look(int caller, const NodePtr &parent, const std::string &name)
 {
     const MutexLock held(lock);
     const auto now = Clock::now();
     for (auto found = kept.rbegin(); found != kept.rend(); ++found) {
-        if (found->parent == parent && found->name == name && now < found->until && !found->shown) {
+        if (found->caller == caller && found->parent == parent && found->name == name && now < found->until &&
+            !found->shown) {
             found->shown = true;
             return found->facts;
         }
@@ -27,12 +28,13 @@ std::optional<FileFacts> OpenedAhead::Look(const NodePtr &parent, const std::str
     return std::nullopt;
 }
 
-std::optional<OpenedAhead::Found> OpenedAhead::Take(const std::shared_ptr<RemoteShare> &share,
+std::optional<OpenedAhead::Found> OpenedAhead::Take(int caller, const std::shared_ptr<RemoteShare> &share,
                                                     uint64_t fileId, uint32_t access)
 {
     const MutexLock held(lock);
     for (auto found = kept.begin(); found != kept.end(); ++found) {
-        if (found->handle->share != share || found->facts.id != fileId || found->access != access)
+        if (found->caller != caller || found->handle->share != share || found->facts.id != fileId ||
+            found->access != access)
             continue;
         Found taken = std::move(*found);
         kept.erase(found);

@@ -1,6 +1,7 @@
 // Files that an open came upon in place of the one that it meant, since the other side had put them under its
-// name. The kernel is told to look again, and gets just these at its second try: who replaces a file all the
-// time can't keep others from opening it. Any thread; handles are closed outside the lock.
+// name. The kernel is told to look again, and gets just these at its second try, which the same thread makes:
+// who replaces a file all the time can't keep others from opening it. Any thread; handles are closed outside
+// the lock.
 #pragma once
 
 #include "agent/fuse/Node.h"
@@ -12,7 +13,7 @@ namespace fodr::agent {
 class OpenedAhead {
 public:
     using Clock = Node::Clock;
-    static constexpr auto kSpan = std::chrono::milliseconds(20); // between the two tries of the kernel
+    static constexpr auto kSpan = std::chrono::milliseconds(400); // between the two tries of the kernel
 
     // Closes the file when the last who uses it has gone.
     struct Handle {
@@ -27,6 +28,7 @@ public:
         const uint32_t fileId;
     };
     struct Found {
+        int caller; // the thread whose open it was
         NodePtr parent;
         std::string name;
         std::shared_ptr<Handle> handle;
@@ -38,9 +40,10 @@ public:
 
     void Keep(Found found);
     // What the name was found to lead to a moment ago. Each is shown once.
-    std::optional<FileFacts> Look(const NodePtr &parent, const std::string &name);
+    std::optional<FileFacts> Look(int caller, const NodePtr &parent, const std::string &name);
     // The file, if it is here with these rights, for the caller alone.
-    std::optional<Found> Take(const std::shared_ptr<RemoteShare> &share, uint64_t fileId, uint32_t access);
+    std::optional<Found> Take(int caller, const std::shared_ptr<RemoteShare> &share, uint64_t fileId,
+                              uint32_t access);
     // Lets go what is over; all of it, when `all` is set.
     void Purge(bool all);
 

@@ -5,7 +5,7 @@
 #endif
 
 #include "lib/unicode/CodeSet.h"
-#include "platform/SettingText.h"
+#include "platform/SettingsKey.h"
 
 #include <algorithm>
 #include <cstring>

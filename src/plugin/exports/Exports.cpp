@@ -2,7 +2,7 @@
 #include "lib/unicode/CodeSet.h"
 #include "odpservice/odpservice.h"
 #include "platform/Process.h"
-#include "platform/Registry.h"
+#include "platform/SettingsKey.h"
 #include "plugin/FodrClient.h"
 #include "runtime/LogCall.h"
 
@@ -18,16 +18,13 @@ constexpr int32_t kHresultOutOfMemory = static_cast<int32_t>(0x8007000E);
 
 void *moduleHandle = nullptr;
 
-using platform::RegistryKey;
-using platform::RegistryRoot;
-
 constexpr size_t kPathLimit = 260; // UTF-16 units with the terminator
 constexpr uint32_t kHresultOfError = 0x80070000;
 
 // Lies in the library whose path is asked for.
 const char anchor = 0;
 
-uint32_t SetText(RegistryKey key, const char *name, const std::u16string &text)
+uint32_t SetText(platform::RegistryKey key, const char *name, const std::u16string &text)
 {
     return platform::RegistrySet(key, name, platform::kRegSz, true, text.c_str(),
                                  static_cast<uint32_t>((text.size() + 1) * sizeof(char16_t)));
@@ -46,15 +43,12 @@ int32_t RegisterPlugin()
     if (!fodr::Utf8ToUtf16(platform::ModulePath(&anchor), library) || library.empty() ||
         library.size() >= kPathLimit)
         return 0; // meant: there is nothing to enter, and that is no failure
-    RegistryKey key = nullptr;
-    uint32_t error = platform::RegistryCreate(RegistryRoot::LocalMachine, platform::kPluginSettingsKey,
-                                              platform::kRegKeyAllAccess, &key);
-    if (error != 0)
-        return ResultOf(error);
-    error = SetText(key, "tcpEnabled", u"true");
+    const platform::SettingsKey key(platform::kPluginSettingsKey, platform::SettingsKey::Access::Write);
+    uint32_t error = key.Result();
     if (error == 0)
-        error = SetText(key, "dll", library);
-    platform::RegistryClose(key);
+        error = SetText(key.Get(), "tcpEnabled", u"true");
+    if (error == 0)
+        error = SetText(key.Get(), "dll", library);
     return ResultOf(error);
 }
 
@@ -63,8 +57,8 @@ int32_t UnregisterPlugin()
 {
     const std::string path = platform::kPluginSettingsKey;
     const size_t separator = path.rfind('\\');
-    RegistryKey key = nullptr;
-    if (platform::RegistryOpen(RegistryRoot::LocalMachine, path.substr(0, separator),
+    platform::RegistryKey key = nullptr;
+    if (platform::RegistryOpen(platform::RegistryRoot::LocalMachine, path.substr(0, separator),
                                platform::kRegKeyAllAccess, &key) == 0) {
         platform::RegistryDelete(key, path.substr(separator + 1));
         platform::RegistryClose(key);

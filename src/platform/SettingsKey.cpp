@@ -1,6 +1,7 @@
-#include "platform/SettingText.h"
+#include "platform/SettingsKey.h"
 
 #include "lib/unicode/CaseFolding.h"
+#include "platform/SystemError.h"
 
 #include <algorithm>
 #include <charconv>
@@ -39,6 +40,37 @@ std::optional<std::string> BytesOfHex(std::string_view text)
 }
 
 } // namespace
+
+SettingsKey::SettingsKey(const std::string &path, Access access)
+    : result(access == Access::Read
+                 ? RegistryOpen(RegistryRoot::LocalMachine, path, kRegKeyRead, &key)
+                 : RegistryCreate(RegistryRoot::LocalMachine, path, kRegKeyAllAccess, &key))
+{}
+
+SettingsKey::~SettingsKey()
+{
+    if (result == kErrorSuccess)
+        RegistryClose(key);
+}
+
+uint32_t SettingsKey::Query(const std::string &name, SettingValue *value) const
+{
+    uint32_t outcome = result == kErrorSuccess ? kErrorMoreData : result;
+    while (outcome == kErrorMoreData) { // it may grow between the two calls
+        uint32_t size = 0;
+        outcome = RegistryQuery(key, name, false, &value->type, nullptr, &size);
+        value->bytes.assign(size, 0);
+        if (outcome == kErrorSuccess)
+            outcome = RegistryQuery(key, name, false, &value->type, value->bytes.data(), &size);
+    }
+    return outcome;
+}
+
+std::optional<SettingValue> SettingsKey::Read(const std::string &name) const
+{
+    SettingValue value;
+    return Query(name, &value) == kErrorSuccess ? std::optional(value) : std::nullopt;
+}
 
 std::string_view SettingTypeName(uint32_t type)
 {
