@@ -1,5 +1,4 @@
 // What a peer may send: any bytes, in pieces whose sizes the input chooses.
-#include "transport/FrameBuffer.h"
 #include "transport/FrameCodec.h"
 
 #include <algorithm>

@@ -27,7 +27,7 @@ public:
     static std::unique_ptr<IDriveWatcher> Create();
 };
 
-// Told which drives came and went. Calls come on the watcher's thread, one at a time and in order.
+// Hears which drives came and went. Calls come on the watcher's thread, one at a time and in order.
 class IDeviceStateSubscriber {
 public:
     // The letter is a capital one. False is logged and disturbs nothing else.
@@ -36,9 +36,7 @@ public:
     virtual ~IDeviceStateSubscriber() = default;
 };
 
-// What runs on the drive watcher's thread: hears of volumes and turns them into calls of the subscriber.
-class IDeviceStateSubscriber;
-
+// Runs on the drive watcher's thread: turns volume events into calls of the subscriber.
 class HiddenDriveWatcherWindow : public RCObject, public platform::IVolumeEventSink {
 public:
     HiddenDriveWatcherWindow();

@@ -237,7 +237,7 @@ int ChangeMonitor::AddFolders(const EntryPointer &entry, std::string path, Block
             if (error != 0)
                 continue;
         }
-        // What came into a folder before it was watched is a change of which no event tells.
+        // No event reports what came into a folder before it was watched.
         int error;
         if (ReadFolder(entry->directory, folder, &pending, &error) && !call) {
             const MutexLock guard(lock);

@@ -45,7 +45,7 @@ public:
     // Remove also after a failure.
     nt::NTSTATUS Add(const std::shared_ptr<ChangeWatch> &watch, BlockedCall &call) EXCLUDES(lock);
     void Remove(ChangeWatch *watch) EXCLUDES(lock);
-    // Reports every change that the kernel has told of so far, as the reading thread would.
+    // Reports every change that the kernel has reported so far, as the reading thread would.
     void Drain() EXCLUDES(reading, lock);
     // Fails the watches of that directory.
     void FailDirectory(FileKey key, nt::NTSTATUS status) EXCLUDES(lock);
@@ -77,7 +77,7 @@ private:
     // A folder in which an entry takes part. The entry's own directory is the path "".
     struct Member {
         Entry *entry;
-        const std::string *path; // key in Entry::folders; null: the folder above, which tells of the removal
+        const std::string *path; // key in Entry::folders; null: the folder above, which reports the removal
         auto operator<=>(const Member &) const = default;
     };
     // A folder that appeared in a tree, to be watched without the lock.
@@ -140,8 +140,6 @@ public:
     const std::shared_ptr<ChangeMonitor> monitor;
     const std::shared_ptr<ChangeWatch> watch;
 };
-
-// What the rest of the file server tells change notification. Everything else it hears from the kernel.
 
 // To be called when a directory is marked for deletion, without FileObject::lock: NT ends the notifications
 // on it with STATUS_DELETE_PENDING, so that a watcher lets go of its handle and the directory can go.

@@ -1,4 +1,4 @@
-// ChangeMonitor: what the kernel tells.
+// ChangeMonitor: the kernel's events.
 #include "ntposix/ChangeMonitor.h"
 #include "ntposix/ChangeWatch.h"
 #include "ntposix/FileMetadata.h"

@@ -71,8 +71,8 @@ struct NoticeOrder::State {
     static Delivery *OfThisThread();
     // The call of the delivery waits for a change from now on, until its delivery is over. Null is nobody's.
     static void Waits(Delivery *delivery);
-    // A change ends the call of the delivery; to be said before the call's thread can go on. Null is
-    // nobody's.
+    // A change ends the call of the delivery; to be said before the call's thread can go on. Null: nothing
+    // to do.
     static void Ended(Delivery *delivery);
     // It had ended otherwise.
     static void NotEnded(Delivery *delivery);

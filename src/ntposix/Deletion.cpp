@@ -75,7 +75,7 @@ NTSTATUS RemoveLink(const OpenFile &open, Link *link)
     return STATUS_SHARING_VIOLATION;
 }
 
-// Nobody is told of a failure: the handle is closed, as under NT.
+// A failure isn't reported: the handle is closed, as under NT.
 void Delete(const OpenFile &open)
 {
     if (open.stream) {

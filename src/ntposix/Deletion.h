@@ -20,8 +20,8 @@ enum class ReadOnlyFiles : uint8_t { kStay, kGo };
 // The same for FILE_DELETE_ON_CLOSE of the one handle.
 [[nodiscard]] nt::NTSTATUS SetDeleteOnClose(OpenFile &open, bool deleteFile, ReadOnlyFiles readOnly);
 
-// The name that was opened goes at once, whoever has the file open: as unlink(2) and rmdir(2) do. What is
-// open goes on. STATUS_FILE_DELETED when it has that name no more.
+// Removes the opened name at once, even while others have the file open, as unlink(2) and rmdir(2) do. Their
+// handles stay usable. STATUS_FILE_DELETED when it has that name no more.
 [[nodiscard]] nt::NTSTATUS DeleteNow(OpenFile &open, ReadOnlyFiles readOnly);
 
 // How many files and directories closing handles has deleted so far. Who is admitted to a file's object after

@@ -33,7 +33,7 @@ struct Control {
     }
 };
 
-// What is made of an open file and told of a link (MS-FSCC 2.1.2).
+// Reparse points (MS-FSCC 2.1.2).
 nt::NTSTATUS GetReparsePoint(Control &control);
 // Makes a link, a FIFO or a socket of an empty file that has one name. The handle stays the file's, which is
 // removed.

@@ -348,7 +348,7 @@ void DirectoryLease::Refresh()
         Rebuild();
 }
 
-// The watch and the stamp come before the scan: what changes meanwhile is told, or shows, afterwards.
+// The watch and the stamp come before the scan, so that a change during the scan is noticed.
 void DirectoryLease::Rebuild()
 {
     DirectoryIndexes &indexes = DirectoryIndexes::Instance();

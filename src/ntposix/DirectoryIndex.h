@@ -22,7 +22,7 @@ namespace fodr::ntposix {
 [[nodiscard]] uint64_t FoldedHash(std::string_view name);
 [[nodiscard]] bool EqualsIgnoringCase(std::string_view a, std::string_view b);
 
-// A name that came or went, as the kernel told.
+// A name that came or went, as the kernel reported it.
 struct NameChange {
     bool added;
     std::string name;
@@ -52,7 +52,7 @@ public:
     size_t Size() const REQUIRES(lock) { return names.size(); }
 
     bool built GUARDED_BY(lock) = false;
-    bool watched GUARDED_BY(lock) = false; // the kernel tells every change, else the stamp has to tell
+    bool watched GUARDED_BY(lock) = false; // the kernel reports every change; else the stamp shows it
     DirectoryStamp stamp GUARDED_BY(lock);
 
 private:
@@ -103,7 +103,7 @@ public:
     [[nodiscard]] std::shared_ptr<DirectoryIndex> Get(FileKey key) EXCLUDES(lock);
     // What happened to a directory since the last call. Without a value something may have been missed.
     [[nodiscard]] std::optional<std::vector<NameChange>> TakeChanges(FileKey key) EXCLUDES(lock);
-    // From now on changes are told. False when they can't be.
+    // Reports changes from now on. False when that can't be done.
     [[nodiscard]] bool Watch(FileKey key, int directory) EXCLUDES(lock);
     // Makes room by the least recently used. `size` is how many names the directory's index has now.
     void NoteSize(FileKey key, size_t size) EXCLUDES(lock);

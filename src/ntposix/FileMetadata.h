@@ -1,4 +1,4 @@
-// What NT tells of a file, taken from one statx. Any thread.
+// What NT knows of a file, from one statx: times, size, attributes, mode. Any thread.
 #pragma once
 
 #include "ntposix/FileObject.h"
@@ -48,7 +48,7 @@ struct FileMetadata {
 enum class Links : uint8_t { kFollow, kDontFollow };
 [[nodiscard]] int StatAt(int directory, const char *name, Links links, FileMetadata *facts);
 
-// Whether no name leads to the file any more. False as well when that can't be told. `fd` may be O_PATH.
+// Whether no name leads to the file any more. False as well when the system doesn't say. `fd` may be O_PATH.
 [[nodiscard]] bool IsRemoved(int fd);
 
 // Of a file of which nothing is known but its type (S_IFDIR ...; 0: not even that). The id is 0.

@@ -102,7 +102,7 @@ private:
     // Those that weren't left yet.
     std::vector<OpenFile *> opens GUARDED_BY(lock);
     ShareCounts counts GUARDED_BY(lock);
-    bool manyLinks GUARDED_BY(lock) = false;  // then a name is told by its path
+    bool manyLinks GUARDED_BY(lock) = false;  // then names are told apart by their paths
     bool anyPending GUARDED_BY(lock) = false; // a mark was set; perhaps it is gone again
     bool everShared GUARDED_BY(lock) = false; // two were open at a time
     uint32_t references = 0;                  // by the lock of the table's shard

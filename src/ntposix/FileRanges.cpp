@@ -77,7 +77,7 @@ using namespace nt;
 
 namespace {
 
-// A copy stops here, so that a request ends in time: who asked goes on behind it.
+// A copy stops here, so that a request ends in time; the caller asks for the rest.
 constexpr int64_t kLongestCopy = 64 << 20;
 
 bool IsRange(int64_t offset, int64_t length)

@@ -68,7 +68,7 @@ void PutBack(Spot aside, Spot name)
     (void)MoveOver(aside, {name.directory, kept});
 }
 
-// To be told from EINVAL for a directory that would move into itself: a name is always in its own way.
+// Tells it apart from EINVAL for a directory that would move into itself: a name can't be moved over itself.
 bool CanRenameToFreeNames(Spot any)
 {
     return renameat2(any.directory, any.leaf.c_str(), any.directory, any.leaf.c_str(), RENAME_NOREPLACE) ==

@@ -27,7 +27,7 @@ struct Spot {
 // which stays. Both are in one directory, and the file has no other name.
 [[nodiscard]] int TakeName(Spot from, Spot name, const FileMetadata &file);
 
-// A name that nobody is shown, and nobody has.
+// A hidden name that isn't in use.
 [[nodiscard]] std::string NewHiddenName();
 
 // EEXIST when something has the new name: nothing is ever replaced. What has the old name when the step is

@@ -58,7 +58,7 @@ NTSTATUS OpenHandle(const OBJECT_ATTRIBUTES &object, const CreateRequest &reques
     *handle = MayKeepDescriptor(file->fd.Get()) ? HandleTable::Instance().Add(file) : nullptr;
     if (*handle)
         return STATUS_SUCCESS;
-    // The room that there was, others have taken meanwhile. A refused create leaves nothing behind.
+    // Others were faster. A refused create leaves nothing behind.
     file->deleteOnClose = *information == FILE_CREATED;
     Cleanup(*file);
     return STATUS_TOO_MANY_OPENED_FILES;
@@ -142,7 +142,7 @@ void RtlInitUnicodeString(UNICODE_STRING *destination, const char16_t *text)
     destination->Buffer = const_cast<char16_t *>(text); // never written through
 }
 
-// A link is told as such; one to a directory is a directory as well.
+// A link has the attribute of one; a link to a directory has a directory's as well.
 bool GetFileAttributes(const char16_t *ntPath, uint32_t *attributes)
 {
     return WithoutThrowing([&]() -> NTSTATUS {

@@ -25,7 +25,7 @@ namespace {
 
 constexpr int kAttempts = 16;
 
-// Something changed under the attempt, which is to be made again. Never told to a caller.
+// Something changed under the attempt: try again. Callers never see this status.
 constexpr NTSTATUS kRaced = STATUS_PENDING;
 
 NTSTATUS StatusOfStep(int error)

@@ -197,7 +197,7 @@ NTSTATUS SetPosition(const FileChange &change)
     return STATUS_SUCCESS;
 }
 
-// MS-FSCC 2.4.31: of what can be told only these can be changed, and synchronous stays synchronous.
+// MS-FSCC 2.4.31: only these can be changed, and synchronous stays synchronous.
 NTSTATUS SetMode(const FileChange &change)
 {
     constexpr uint32_t kChangeable = FILE_WRITE_THROUGH | FILE_SEQUENTIAL_ONLY | kSynchronous;

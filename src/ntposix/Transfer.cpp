@@ -64,7 +64,7 @@ Transferred ReadAt(int fd, char *buffer, size_t length, int64_t offset)
     return done;
 }
 
-// A short step isn't the end: the next one tells why.
+// A short step isn't the end: the next one shows why.
 Transferred WriteAt(int fd, const char *buffer, size_t length, int64_t offset, int flags)
 {
     Transferred done;
@@ -135,7 +135,7 @@ NTSTATUS Write(OpenFile &file, IO_STATUS_BLOCK *ioStatus, const void *buffer, ui
         status = ResolveOffset(file, byteOffset, &offset);
     if (status != STATUS_SUCCESS)
         return Complete(ioStatus, status, 0);
-    // A handle that may only append writes to the end whatever it is told.
+    // A handle that may only append writes to the end whatever offset is given.
     const bool appends = offset == kToEndOfFile || (file.access & kWriteRights) == FILE_APPEND_DATA;
     if (appends) {
         FileMetadata facts;
@@ -152,7 +152,7 @@ NTSTATUS Write(OpenFile &file, IO_STATUS_BLOCK *ioStatus, const void *buffer, ui
     const Transferred done = file.stream ? WriteStream(file, bytes, length, offset, appends)
                                          : WriteAt(file.fd.Get(), bytes, length, offset, flags);
     file.position = offset + static_cast<int64_t>(done.bytes);
-    // What was written before the disk was full stays, and is told beside the failure.
+    // What was written before the disk was full stays, and its length is given with the failure.
     return Complete(ioStatus, done.error == 0 ? STATUS_SUCCESS : StatusOfErrno(done.error), done.bytes);
 }
 

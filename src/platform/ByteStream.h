@@ -1,4 +1,5 @@
-// Reliable byte streams between processes: a pair of pipes (standard input and output), local sockets, TCP.
+// Byte streams between processes: a pair of pipes (standard input and output), local sockets, TCP. At the end
+// of this header: sockets for datagrams.
 //
 // One thread may read while others write; writers take turns outside this class. Shutdown may be called from
 // any thread at any time. A write to a peer that is gone fails and never ends the process.

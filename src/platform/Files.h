@@ -1,4 +1,4 @@
-// Files and folders that the program keeps for itself, such as its log; a share's are NtCreateFile's matter.
+// Files and folders of the program itself, such as its log, and of the user; a share's are NtCreateFile's.
 //
 // Paths are UTF-8. Errors are Windows' numbers (platform/SystemError.h), 0 for success. Any thread, but an
 // iterator and a stream are one thread's at a time.

@@ -1,4 +1,4 @@
-// Facts of this process and who runs it. Any thread. The id of a thread is in Threads.h.
+// This process: who runs it, on what system, how it ends, and the libraries that it loads. Any thread.
 #pragma once
 
 #include <cstddef>

@@ -115,10 +115,10 @@ public:
 
     // Takes over what the user's store says now, with these values fixed; readers see the old state or the
     // new one, whole. A user's store that can't be read counts as empty, which
-    // the handler of platform/Registry.h is told. One thread at a time.
+    // is reported to the complaint handler. One thread at a time.
     virtual bool Update(const std::vector<FixedValue> &values, std::string *error) = 0;
 
-    // From now on tells `handler` once, on a thread of the store's, that the user's store has changed since
+    // From now on calls `handler` once, on a thread of the store's, that the user's store has changed since
     // the last Update; the next one asks again. The handler must not block nor call the store. To be called
     // once; without an Update that fails, no change is missed. No call after the object's end.
     virtual void Follow(std::function<void()> handler) = 0;

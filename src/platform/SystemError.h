@@ -48,8 +48,6 @@ inline constexpr uint32_t kErrorCantResolveFilename = 1921;
 // The last error of the calling thread, to be asked right after the call that failed. Also after a failed
 // call of the C library.
 uint32_t LastSystemError();
-// The number that Windows has for an errno; kErrorGeneralFailure when none fits.
-uint32_t SystemErrorFromErrno(int errnoValue);
 // One sentence, no line end. "Unknown error 4711" for a number without a text.
 std::string SystemErrorText(uint32_t code);
 
@@ -104,7 +102,8 @@ inline constexpr ErrnoError kErrnoErrors[] = {
     {ELOOP, kErrorCantResolveFilename},
 };
 
-inline uint32_t CodeOfErrno(int errnoValue)
+// The number that Windows has for an errno; kErrorGeneralFailure when none fits.
+inline uint32_t SystemErrorFromErrno(int errnoValue)
 {
     for (const ErrnoError &row : kErrnoErrors) {
         if (row.errnoValue == errnoValue)

@@ -1,9 +1,10 @@
-// Locks and waitable objects of the system.
+// Waitable objects, locks, threads and calendar time of the system.
 //
-// A waitable is named by a handle, a plain number in a pointer: an event of this header, or what Threads.h
-// gives for a thread. Every handle is closed once. A wait that is under way keeps its objects alive, so a
-// handle may be closed meanwhile. A closed or null handle makes an operation fail and does no harm, on
-// Windows until its number is that of another object. All functions are safe from any thread.
+// A waitable is named by a handle, a plain number in a pointer: an event, or what
+// DuplicateThreadHandle gives for a thread. Every handle is closed once. A wait that is under way keeps its
+// objects alive, so a handle may be closed meanwhile. A closed or null handle makes an operation fail and
+// does no harm, on Windows until its number is that of another object. All functions are safe from any
+// thread.
 #pragma once
 
 #include <cstddef>

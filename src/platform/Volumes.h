@@ -1,5 +1,5 @@
-// Drive letters, volumes and the devices behind them. Any thread. Errors are Windows' numbers
-// (platform/SystemError.h), 0 for success.
+// Drive letters, local paths, volumes, the devices behind them, and mount points. Any thread. Errors are
+// Windows' numbers (platform/SystemError.h), 0 for success.
 #pragma once
 
 #include <cstdint>
@@ -127,7 +127,7 @@ bool LocalNamesEqual(std::string_view a, std::string_view b);
 // other characters (lib/unicode/NameMapping.h). On Windows every path is in that form.
 std::string PathInSharedForm(const std::string &localPath);
 
-// Arriving and leaving volumes, told in order on one thread.
+// Events of arriving and leaving volumes, in order on one thread.
 class IVolumeEventSink {
 public:
     // Bit 0 is drive A. Bits above the 26th mean nothing.

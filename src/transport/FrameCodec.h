@@ -7,6 +7,7 @@
 #include "transport/Frames.h"
 
 #include <cstring>
+#include <memory>
 #include <string_view>
 #include <type_traits>
 #include <vector>
@@ -72,7 +73,6 @@ struct FrameHeader {
 // Null when the header is good, else why it isn't. `bytes` holds kFrameHeaderSize of them.
 [[nodiscard]] const char *DecodeHeader(const std::byte *bytes, FrameHeader *header);
 
-// Little-endian integers in byte buffers, and a reader that can't leave its buffer.
 // Reads from the front. After a read past the end Failed is true and everything read is zero or empty.
 class BodyReader {
 public:
@@ -128,6 +128,33 @@ public:
     }
 
     std::vector<std::byte> bytes;
+};
+
+// Bytes as they come from a stream, handed out as whole frames without a copy.
+class FrameBuffer {
+public:
+    FrameBuffer();
+
+    // Room for the next bytes of the stream; never empty after Next has been called until it gave no frame.
+    std::span<std::byte> Room();
+    // `count` bytes of the room were filled.
+    void Added(size_t count) { end += count; }
+
+    enum class Outcome { Frame, NeedMore, Bad };
+    // The next whole frame. `body` holds until the next call of Room. Bad: `*fault` says why, and nothing
+    // more is to be had from this stream.
+    Outcome Next(FrameHeader *header, platform::ByteView *body, const char **fault);
+
+private:
+    // What a fresh connection reads at once. A larger frame grows the buffer as its bytes come, so that a
+    // length alone costs nothing.
+    static constexpr size_t kInitialSize = 1 << 20;
+
+    std::unique_ptr<std::byte[]> bytes;
+    size_t capacity = kInitialSize;
+    size_t begin = 0; // of the first frame that wasn't handed out
+    size_t end = 0;
+    size_t needed = kFrameHeaderSize; // from begin on, to go further
 };
 
 } // namespace fodr::transport

@@ -9,7 +9,7 @@
 
 #include "lib/misc/Mutex.h"
 #include "platform/ByteStream.h"
-#include "transport/FrameBuffer.h"
+#include "transport/FrameCodec.h"
 #include "transport/Frames.h"
 
 #include <atomic>
@@ -101,7 +101,7 @@ private:
 
     Mutex sendLock;
     std::condition_variable_any turnChanged;   // writing, pending or closed has changed
-    std::condition_variable_any flusherWakeup; // pending has bytes and nobody writes, or closed
+    std::condition_variable_any flusherWakeup; // pending has bytes and no thread writes, or closed
     bool writing GUARDED_BY(sendLock) = false; // a thread holds the turn to write
     uint32_t waitingWriters GUARDED_BY(sendLock) = 0;
     std::vector<std::byte> pending GUARDED_BY(sendLock); // whole frames that wait for the next write

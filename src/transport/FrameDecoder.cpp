@@ -1,6 +1,7 @@
 #include "transport/FrameCodec.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace fodr::transport {
 namespace {
@@ -221,6 +222,46 @@ const char *DecodeHeader(const std::byte *bytes, FrameHeader *header)
         return "a frame is too large";
     header->type = static_cast<FrameType>(type);
     return nullptr;
+}
+
+FrameBuffer::FrameBuffer() : bytes(new std::byte[kInitialSize]) {}
+
+std::span<std::byte> FrameBuffer::Room()
+{
+    const size_t held = end - begin;
+    if (held == 0) {
+        begin = end = 0;
+    } else if (needed > capacity - begin) {
+        if (held == capacity) {
+            capacity = std::min(2 * capacity, kFrameHeaderSize + kMaxFrameBody);
+            std::unique_ptr<std::byte[]> larger(new std::byte[capacity]);
+            std::memcpy(larger.get(), &bytes[begin], held);
+            bytes = std::move(larger);
+        } else if (begin != 0) {
+            std::memmove(&bytes[0], &bytes[begin], held);
+        }
+        begin = 0;
+        end = held;
+    }
+    return {&bytes[end], capacity - end};
+}
+
+FrameBuffer::Outcome FrameBuffer::Next(FrameHeader *header, platform::ByteView *body, const char **fault)
+{
+    const size_t held = end - begin;
+    needed = kFrameHeaderSize;
+    if (held < kFrameHeaderSize)
+        return Outcome::NeedMore;
+    *fault = DecodeHeader(&bytes[begin], header);
+    if (*fault != nullptr)
+        return Outcome::Bad;
+    if (held - kFrameHeaderSize < header->bodySize) {
+        needed = kFrameHeaderSize + header->bodySize;
+        return Outcome::NeedMore;
+    }
+    *body = {&bytes[begin + kFrameHeaderSize], header->bodySize};
+    begin += kFrameHeaderSize + header->bodySize;
+    return Outcome::Frame;
 }
 
 } // namespace fodr::transport

@@ -1,6 +1,5 @@
 #include "transport/FrameCodec.h"
 
-#include "transport/FrameBuffer.h"
 #include "transport/FrameRecorder.h"
 
 #include <gtest/gtest.h>

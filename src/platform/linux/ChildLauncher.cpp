@@ -251,7 +251,7 @@ private:
 
     void WaitMain()
     {
-        EndReport report{1, SIGKILL}; // where the launcher was killed nobody knows
+        EndReport report{1, SIGKILL}; // if the launcher was killed, the child's end is unknown
         ReceiveReport(socket, &report);
         const MutexLock held(lock);
         End({report.bySignal != 0, report.code});

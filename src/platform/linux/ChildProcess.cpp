@@ -52,7 +52,7 @@ private:
     std::vector<char *> pointers;
 };
 
-// What posix_spawn is told, freed with it.
+// The arguments of posix_spawn, freed with it.
 struct SpawnSettings {
     posix_spawn_file_actions_t actions;
     posix_spawnattr_t attributes;

@@ -32,7 +32,7 @@ struct ChildEnds {
 // 0, or an errno. Descriptors that aren't valid are ours.
 int SpawnChild(const ChildOptions &options, const Fd &stream, const Fd &errors, pid_t *pid);
 
-// Reads lines until everybody has closed the pipe, or until it is told to stop.
+// Reads lines until everybody has closed the pipe, or until it is stopped.
 class LineReader {
 public:
     LineReader(Fd readEnd, std::function<void(const std::string &)> handler);

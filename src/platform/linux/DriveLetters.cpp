@@ -166,7 +166,7 @@ MountKey KeyOf(const Mount &mount)
 // By letter, the mount that holds the drive's folder; nothing where no drive is.
 using Drives = std::array<std::optional<MountKey>, DriveLetters::kCount>;
 
-// A drive is there when its letter stands for a folder that is: the same question that opens and adds ask.
+// A drive is there when its letter stands for an existing folder; opens and adds ask the same.
 Drives LookAtDrives()
 {
     Drives now;

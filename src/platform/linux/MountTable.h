@@ -24,7 +24,7 @@ public:
     // tell.
     static std::shared_ptr<const MountTable> Current();
 
-    // The mount that holds an existing path, links followed; null when it can't be told.
+    // The mount that holds an existing path, links followed; null when that isn't known.
     const Mount *Holding(const std::string &path) const;
     // The mount on top at exactly this path; null when nothing is mounted there.
     const Mount *At(const std::string &target) const;

@@ -1,4 +1,4 @@
-// Tells who asked when settings files change: one thread on inotify, there while somebody asks.
+// Reports changes of settings files. One thread reads inotify, as long as there are watchers.
 #pragma once
 
 #include "lib/misc/Fd.h"
@@ -34,7 +34,7 @@ public:
 private:
     struct Entry {
         Request request;
-        std::shared_ptr<const SettingsModel> known; // what the owner has been told of
+        std::shared_ptr<const SettingsModel> known; // what was reported last
         bool isArmed;
     };
 

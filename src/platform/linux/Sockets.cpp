@@ -49,7 +49,7 @@ bool Resolve(const std::string &host, uint16_t port, int flags, AddressList *lis
     return result == 0;
 }
 
-// Connects a non-blocking socket and makes it blocking. errno tells a failure.
+// Connects a non-blocking socket and makes it blocking. errno on failure.
 bool ConnectWithin(int fd, const addrinfo &address, int timeoutMS)
 {
     if (connect(fd, address.ai_addr, address.ai_addrlen) != 0) {
@@ -111,7 +111,7 @@ struct LocalAddress {
     const sockaddr *Get() const { return reinterpret_cast<const sockaddr *>(&name); }
 };
 
-// Removes the socket of a process that is gone. errno tells why not.
+// Removes the socket of a process that is gone. errno on failure.
 bool RemoveLeftOver(const std::string &path)
 {
     struct stat facts {};
@@ -330,7 +330,7 @@ bool ConnectInetSocket(int32_t socketHandle, uint32_t address, uint16_t port)
     return connect(socketHandle, reinterpret_cast<const sockaddr *>(&peer), sizeof(peer)) == 0;
 }
 
-// What the last datagram met is told to the next one, which isn't sent for it.
+// The kernel reports an error of the last datagram at the next send, which then sends nothing.
 int32_t SendOnSocket(int32_t socketHandle, const void *data, int32_t length)
 {
     ssize_t sent = send(socketHandle, data, static_cast<size_t>(length), MSG_NOSIGNAL);

@@ -31,11 +31,6 @@ uint32_t LastSystemError()
     return SystemErrorFromErrno(errno);
 }
 
-uint32_t SystemErrorFromErrno(int errnoValue)
-{
-    return CodeOfErrno(errnoValue);
-}
-
 std::string SystemErrorText(uint32_t code)
 {
     for (const ErrorText &row : kOwnTexts) {

@@ -86,7 +86,7 @@ void TaskPool::Impl::Become(Worker &worker, State state)
     worker.stretch += state == State::Running;
 }
 
-// Somebody for the work in the queue, if nobody is on the way.
+// Gets a thread for the work in the queue, if none is starting already.
 TaskPool::Impl::Orders TaskPool::Impl::CallHelp()
 {
     if (queue.empty() || searching > 0)

@@ -89,7 +89,7 @@ bool MakeEnvironment(const std::vector<std::pair<std::string, std::string>> &add
 constexpr size_t kMaxLine = 4000;
 constexpr UINT kKilled = 137; // the status of what is killed here, and the number that a shell would show
 
-// Reads lines until everybody has closed the pipe, or until it is told to stop.
+// Reads lines until everybody has closed the pipe, or until it is stopped.
 class LineReader {
 public:
     LineReader(std::unique_ptr<ByteStream> readEnd, std::function<void(const std::string &)> handler)

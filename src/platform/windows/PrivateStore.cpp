@@ -147,8 +147,7 @@ private:
         return ERROR_SUCCESS;
     }
 
-    // Who watches the state that was current is told to look again. Who reads it may go on, until it is the
-    // last but one.
+    // Watchers of the former state look again. Its readers may go on until the state after the next.
     void Retire()
     {
         OwnedKey old;

@@ -9,11 +9,6 @@ uint32_t LastSystemError()
     return GetLastError();
 }
 
-uint32_t SystemErrorFromErrno(int errnoValue)
-{
-    return CodeOfErrno(errnoValue);
-}
-
 std::string SystemErrorText(uint32_t code)
 {
     wchar_t *text = nullptr;

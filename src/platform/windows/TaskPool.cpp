@@ -16,7 +16,7 @@ thread_local PTP_CALLBACK_INSTANCE currentInstance = nullptr;
 thread_local bool inTask = false;
 thread_local uint32_t blockingDepth = 0;
 
-// Lives as long as the last task that tells it of its end.
+// Shared by the tasks; lives until the last of them has ended.
 class TaskCount {
 public:
     void Started() { ++running; }

@@ -5,6 +5,7 @@
 
 #include <winioctl.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <vector>
