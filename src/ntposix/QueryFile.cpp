@@ -170,7 +170,8 @@ NTSTATUS PutStream(InfoBuffer &out, const std::u16string &name, int64_t size, in
     constexpr size_t kName = offsetof(FILE_STREAM_INFORMATION, StreamName);
     if (out.Written() == 0)
         return out.PutWithText(record, kName, text);
-    return out.AppendWithText(record, kName, text) ? STATUS_SUCCESS : STATUS_BUFFER_OVERFLOW;
+    // Where NT says STATUS_BUFFER_OVERFLOW: who asks for a client makes more room after this status alone.
+    return out.AppendWithText(record, kName, text) ? STATUS_SUCCESS : STATUS_INFO_LENGTH_MISMATCH;
 }
 
 // The unnamed one that every file has, then the named ones. A directory has none of the first kind; no stream

@@ -8,6 +8,7 @@ import sqlite3
 import struct
 import subprocess
 import sys
+import threading
 import time
 import unittest
 
@@ -178,6 +179,33 @@ class Locks(PosixCase):
             self.assertEqual(other.lock("flock", "shared"), "EAGAIN")
             os.close(copy)
             self.assertEqual(other.lock("flock", "exclusive", how="wait"), "ok")
+
+    def test_an_open_that_is_closed_gives_up_its_locks_whatever_comes_next(self):
+        # The kernel names the owner by an id that it uses again for the next open.
+        def take(file, wait):
+            if kind == "flock":
+                fcntl.flock(file, fcntl.LOCK_EX | (0 if wait else fcntl.LOCK_NB))
+            else:
+                fcntl.fcntl(file, 38 if wait else 37, struct.pack("hhqqi4x", fcntl.F_WRLCK, 0, 0, 10, 0))
+
+        def is_free():
+            with contextlib.suppress(BlockingIOError), open(self.local / kind, "r+b") as file:
+                take(file, False)
+                return True
+            return False
+
+        with self.share():
+            for kind in ("flock", "ofd"):
+                (self.local / kind).touch()
+                def take_and_close():
+                    for _ in range(300):
+                        with open(self.mount / kind, "r+b") as file:
+                            take(file, True)
+
+                worker = threading.Thread(target=take_and_close, daemon=True)
+                worker.start()
+                wait_for(lambda: not worker.is_alive(), "the last lock", 60)
+                wait_for(is_free, "the lock of the last open", 30)
 
     def test_who_is_in_the_way_is_told(self):
         def ask(file):

@@ -422,7 +422,8 @@ class Names(PosixCase):
         file, theirs = self.mount / "f", self.local / "f"
         theirs.write_text("x")
         zone = "user.DosStream.Zone.Identifier:$DATA"
-        for name, value in ((zone, b"[Z]\0"), ("user.owner", b"\0"), ("user.none", b"")):
+        many = [(f"user.{number:030}", b"") for number in range(12)]
+        for name, value in ((zone, b"[Z]\0"), ("user.owner", b"\0"), ("user.none", b""), *many):
             os.setxattr(theirs, name, value)
         with self.share():
             def values(path):

@@ -120,10 +120,9 @@ Task<RemoteFilePtr> LockOperations::OpenHandle(RemoteFilePtr file, nt::NTSTATUS 
     co_return shared;
 }
 
-// With the handle all that the owner held goes.
-Task<Nothing> LockOperations::Drop(LockOwnerPtr owner)
+// With the handle all that the owner held goes. The caller is alone in the owner's gate.
+Task<Nothing> LockOperations::DropAlone(LockOwnerPtr owner)
 {
-    const OwnerHold alone = co_await EnterAlone(owner);
     const RemoteFilePtr handle = owner->Handle();
     if (!handle)
         co_return Nothing{};
@@ -148,6 +147,13 @@ Task<Nothing> LockOperations::Drop(LockOwnerPtr owner)
     co_return Nothing{};
 }
 
+Task<Nothing> LockOperations::Drop(LockOwnerPtr owner)
+{
+    const OwnerHold alone = co_await EnterAlone(owner);
+    co_await DropAlone(owner);
+    co_return Nothing{};
+}
+
 Task<Nothing> LockOperations::End(LockOwnerPtr owner)
 {
     const GateHold alone = co_await PassGate(owner->node, NameGate::Entry::Alone);
@@ -167,29 +173,43 @@ Detached LockOperations::Closed(uint64_t handle, uint64_t owner, Next next)
     next(file);
 }
 
-Detached LockOperations::EndLater(LockOwnerPtr owner)
+// The open has ended, and with it what the owner locked through it.
+Detached LockOperations::LeaveFile(LockOwnerPtr owner, RemoteFilePtr file)
 {
-    co_await End(owner);
+    {
+        const GateHold alone = co_await PassGate(owner->node, NameGate::Entry::Alone);
+        {
+            const OwnerHold ownerAlone = co_await EnterAlone(owner);
+            const LockOwners::Left left = owners.LeaveFile(owner, file);
+            const RemoteFilePtr handle = owner->Handle();
+            if (left.all) {
+                co_await DropAlone(owner);
+            } else if (handle && !left.locks.empty()) {
+                co_await AwaitWrites(owner->node->WritesIfAny());
+                for (const LockWish &lock : left.locks)
+                    co_await SetHostLock(owner, handle, lock);
+            }
+        }
+        co_await LeaveSide(owner->node);
+    }
     owners.Leave(owner);
 }
 
 void LockOperations::Released(uint64_t handle)
 {
     const RemoteFilePtr file = mount.openFiles.Of(handle);
-    for (const LockOwnerPtr &owner : owners.OnlyThrough(file)) {
+    for (const LockOwnerPtr &owner : owners.Through(file)) {
         if (const LockOwnerPtr entered = owners.Enter(file->node, owner->id, false))
-            EndLater(entered);
+            LeaveFile(entered, file);
     }
 }
 
 bool LockOperations::AreLost(uint64_t handle) const
 {
     const RemoteFilePtr &file = mount.openFiles.Of(handle);
-    const std::vector<LockOwnerPtr> all = owners.Of(file->node);
-    return std::ranges::any_of(all, [&](const LockOwnerPtr &owner) {
-        const bool concerned = owner->id == LockOwners::kSide || owners.CameThrough(owner, file);
-        return concerned && !owner->HoldsNothing() && owner->IsLost();
-    });
+    const auto isLost = [](const LockOwnerPtr &owner) { return !owner->HoldsNothing() && owner->IsLost(); };
+    const LockOwnerPtr side = owners.Find(file->node, LockOwners::kSide);
+    return (side && isLost(side)) || std::ranges::any_of(owners.Through(file), isLost);
 }
 
 // ---- Locking ----
@@ -328,7 +348,7 @@ Detached LockOperations::SetLock(FuseCall::Ptr call, uint64_t handle, LockWish w
         call->Fail(ErrnoOfLocking(status));
         co_return;
     }
-    owners.NoteThrough(owner, file);
+    owners.Claim(owner, file, wish);
     const LockRanges before = owner->Bytes();
     const bool covered = owner->Covers(wish);
     status = co_await TryLock(owner, file, wish);

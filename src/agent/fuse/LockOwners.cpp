@@ -108,11 +108,23 @@ LockOwnerPtr LockOwners::Enter(const NodePtr &node, uint64_t owner, bool make)
     return *found;
 }
 
-void LockOwners::NoteThrough(const LockOwnerPtr &owner, const RemoteFilePtr &file)
+void LockOwners::Claim(const LockOwnerPtr &owner, const RemoteFilePtr &file, const LockWish &wish)
 {
     const MutexLock held(lock);
-    owner->throughSeveral |= owner->through && owner->through != file.get();
-    owner->through = file.get();
+    std::vector<LockOwner::Claim> &claims = owner->claims;
+    for (LockOwner::Claim &claim : claims) {
+        if (wish.whole)
+            claim.whole = false;
+        else
+            claim.bytes.Set(wish.begin, wish.end, std::nullopt);
+    }
+    auto own = std::ranges::find(claims, file.get(), &LockOwner::Claim::file);
+    if (own == claims.end())
+        own = claims.insert(own, {.file = file.get()});
+    if (wish.whole)
+        own->whole = true;
+    else
+        own->bytes.Set(wish.begin, wish.end, true);
 }
 
 void LockOwners::Leave(const LockOwnerPtr &owner)
@@ -146,20 +158,30 @@ std::vector<LockOwnerPtr> LockOwners::Of(const NodePtr &node) const
     return ofNode == owners.end() ? std::vector<LockOwnerPtr>{} : ofNode->second;
 }
 
-std::vector<LockOwnerPtr> LockOwners::OnlyThrough(const RemoteFilePtr &file) const
+std::vector<LockOwnerPtr> LockOwners::Through(const RemoteFilePtr &file) const
 {
     std::vector<LockOwnerPtr> found = Of(file->node);
     const MutexLock held(lock);
     std::erase_if(found, [&](const LockOwnerPtr &owner) {
-        return owner->through != file.get() || owner->throughSeveral;
+        return std::ranges::find(owner->claims, file.get(), &LockOwner::Claim::file) == owner->claims.end();
     });
     return found;
 }
 
-bool LockOwners::CameThrough(const LockOwnerPtr &owner, const RemoteFilePtr &file) const
+LockOwners::Left LockOwners::LeaveFile(const LockOwnerPtr &owner, const RemoteFilePtr &file)
 {
+    Left left;
     const MutexLock held(lock);
-    return owner->throughSeveral || owner->through == file.get();
+    const auto claim = std::ranges::find(owner->claims, file.get(), &LockOwner::Claim::file);
+    if (claim == owner->claims.end())
+        return left;
+    for (const LockedRange &range : claim->bytes.All())
+        left.locks.push_back({.owner = owner->id, .begin = range.begin, .end = range.end});
+    if (claim->whole)
+        left.locks.push_back({.owner = owner->id, .whole = true});
+    owner->claims.erase(claim);
+    left.all = owner->claims.empty();
+    return left;
 }
 
 void LockOwners::Clear()

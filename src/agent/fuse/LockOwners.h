@@ -53,9 +53,14 @@ private:
     int process GUARDED_BY(lock) = 0;
 
     friend class LockOwners; // by its lock:
+    // What was taken last through one open of the file.
+    struct Claim {
+        const RemoteFile *file;
+        LockRanges bytes{};
+        bool whole = false;
+    };
     size_t calls = 0;
-    const RemoteFile *through = nullptr;
-    bool throughSeveral = false;
+    std::vector<Claim> claims;
 };
 using LockOwnerPtr = std::shared_ptr<LockOwner>;
 
@@ -66,17 +71,23 @@ public:
 
     // For a call; Leave ends it. Without `make` null when there is no such owner.
     LockOwnerPtr Enter(const NodePtr &node, uint64_t owner, bool make);
-    void NoteThrough(const LockOwnerPtr &owner, const RemoteFilePtr &file);
+    // Before a lock is asked for: from now on the range goes with this open of the file. The kernel names the
+    // owner of flock and of open files' locks by an id that it uses again, so an owner that was closed may
+    // come back through another open before its end is told.
+    void Claim(const LockOwnerPtr &owner, const RemoteFilePtr &file, const LockWish &wish);
     // An owner without a handle is forgotten with its last call.
     void Leave(const LockOwnerPtr &owner);
 
     LockOwnerPtr Find(const NodePtr &node, uint64_t owner) const;
     std::vector<LockOwnerPtr> Of(const NodePtr &node) const;
-    // Those that came through this open alone: with its end they end. Processes have told by then that they
-    // closed it.
-    std::vector<LockOwnerPtr> OnlyThrough(const RemoteFilePtr &file) const;
-    // Whether it has locked anything through this open.
-    bool CameThrough(const LockOwnerPtr &owner, const RemoteFilePtr &file) const;
+    // Those that have locked anything through this open.
+    std::vector<LockOwnerPtr> Through(const RemoteFilePtr &file) const;
+    // The open has ended: what nobody has claimed since, and whether the owner came through no other.
+    struct Left {
+        std::vector<LockWish> locks; // each as it is to be unlocked
+        bool all = false;
+    };
+    Left LeaveFile(const LockOwnerPtr &owner, const RemoteFilePtr &file);
     void Clear();
 
 private:

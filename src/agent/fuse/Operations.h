@@ -272,9 +272,10 @@ private:
     Task<LockFound> TryForAMoment(LockOwnerPtr owner, RemoteFilePtr file, LockWish wish);
     Task<Nothing> Restore(LockOwnerPtr owner, LockWish wish, LockRanges before);
     Task<Nothing> SeeOthersChanges(NodePtr node);
+    Task<Nothing> DropAlone(LockOwnerPtr owner);
     Task<Nothing> Drop(LockOwnerPtr owner);
     Task<Nothing> End(LockOwnerPtr owner);
-    Detached EndLater(LockOwnerPtr owner);
+    Detached LeaveFile(LockOwnerPtr owner, RemoteFilePtr file);
 
     // Shared memory (LockOperationsSide.cpp).
     bool IsSharedMemory(const NodePtr &node) const;
