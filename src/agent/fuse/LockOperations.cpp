@@ -128,22 +128,21 @@ Task<Nothing> LockOperations::DropAlone(LockOwnerPtr owner)
         co_return Nothing{};
     if (!owner->HoldsNothing())
         co_await AwaitWrites(owner->node->WritesIfAny());
-    LockWish all = {.begin = 0, .end = nt::FODR_LOCKS_SPAN};
+    LockWish bytes = {.begin = 0, .end = nt::FODR_LOCKS_SPAN}, whole = {.whole = true};
     if (handle->lender) {
-        co_await SetHostLock(owner, handle, all);
-        all.whole = true;
-        co_await SetHostLock(owner, handle, all);
-    } else {
+        co_await SetHostLock(owner, handle, bytes);
+        co_await SetHostLock(owner, handle, whole);
+    }
+    // Noted first: a handle whose close is on its way counts as lost, and locks by it as missed.
+    owner->Note(bytes);
+    owner->Note(whole);
+    owner->SetHandle(nullptr);
+    if (!handle->lender) {
         owner->node->opens.BeginClose();
         handle->givenAway = true;
         co_await CloseFile(*handle->share, handle->fileId);
         owner->node->opens.EndClose();
     }
-    all.whole = false;
-    owner->Note(all);
-    all.whole = true;
-    owner->Note(all);
-    owner->SetHandle(nullptr);
     co_return Nothing{};
 }
 
