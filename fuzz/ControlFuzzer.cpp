@@ -65,8 +65,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     // Fewer than the limit: those who have gone may count for a moment longer.
     for (size_t came = 0; size >= 3 && came < ControlServer::kMaxVisitors / 2; ++came) {
         const uint8_t options = data[0];
-        const size_t length = std::min<size_t>(
-            transport::LoadLittle<uint16_t>(reinterpret_cast<const std::byte *>(data + 1)), size - 3);
+        const size_t length =
+            std::min<size_t>(LoadLittle<uint16_t>(reinterpret_cast<const std::byte *>(data + 1)), size - 3);
         const std::string text(data + 3, data + 3 + length);
         data += 3 + length;
         size -= 3 + length;

@@ -99,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (++data, --size; size >= 3 && strangers.size() < 60;) {
         const auto options = data[0];
         const auto bytes = std::as_bytes(std::span(data, size));
-        const size_t length = std::min<size_t>(transport::LoadLittle<uint16_t>(&bytes[1]), size - 3);
+        const size_t length = std::min<size_t>(LoadLittle<uint16_t>(&bytes[1]), size - 3);
         auto stranger = Come();
         if (options & 2)
             Send(*stranger, hello);
