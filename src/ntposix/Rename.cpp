@@ -214,6 +214,16 @@ int LookInCase(const OpenFile &open, int directory, std::optional<DirectoryLease
     return 0;
 }
 
+NTSTATUS FindBothInCase(OpenFile &open, OpenFile &directory, std::u16string_view leaf, Link *link,
+                        std::string *name, std::optional<DirectoryLease> *lease)
+{
+    const NTSTATUS status = FindBoth(open, directory, leaf, link, name);
+    if (status != STATUS_SUCCESS)
+        return status;
+    const int error = LookInCase(open, directory.fd.Get(), lease, name);
+    return error == 0 ? STATUS_SUCCESS : StatusOfErrno(error);
+}
+
 NTSTATUS StatusOfLink(int error, const OpenFile &open)
 {
     if (error == ENOENT)
@@ -265,12 +275,10 @@ NTSTATUS LinkInto(OpenFile &open, OpenFile &directory, std::u16string_view leaf)
         return STATUS_FILE_IS_A_DIRECTORY;
     Link link;
     std::string name;
-    const NTSTATUS status = FindBoth(open, directory, leaf, &link, &name);
-    if (status != STATUS_SUCCESS)
-        return status;
     std::optional<DirectoryLease> lease;
-    if (const int error = LookInCase(open, directory.fd.Get(), &lease, &name); error != 0)
-        return StatusOfErrno(error);
+    if (const NTSTATUS status = FindBothInCase(open, directory, leaf, &link, &name, &lease);
+        status != STATUS_SUCCESS)
+        return status;
     open.object->NoteLinks();
     const bool linked = linkat(AT_FDCWD, DescriptorPath(open.fd.Get()).c_str(), directory.fd.Get(),
                                name.c_str(), AT_SYMLINK_FOLLOW) == 0;
@@ -281,12 +289,10 @@ NTSTATUS ExchangeWith(OpenFile &open, OpenFile &directory, std::u16string_view l
 {
     Link link;
     std::string name;
-    const NTSTATUS status = FindBoth(open, directory, leaf, &link, &name);
-    if (status != STATUS_SUCCESS)
-        return status;
     std::optional<DirectoryLease> lease;
-    if (const int error = LookInCase(open, directory.fd.Get(), &lease, &name); error != 0)
-        return StatusOfErrno(error);
+    if (const NTSTATUS status = FindBothInCase(open, directory, leaf, &link, &name, &lease);
+        status != STATUS_SUCCESS)
+        return status;
     FileMetadata other;
     if (const int error = StatAt(directory.fd.Get(), name.c_str(), Links::kDontFollow, &other); error != 0)
         return StatusOfErrno(error);

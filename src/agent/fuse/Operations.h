@@ -234,6 +234,7 @@ private:
     enum class Use { Reads, Changes };
     Task<bool> Locate(FuseCall::Ptr call, NodePtr node, std::string attribute, Use use, Place *place);
     Task<nt::NTSTATUS> CheckFile(NodePtr node, std::shared_ptr<RemoteShare> share, uint32_t fileId);
+    Task<uint32_t> OpenFileItself(FuseCall::Ptr call, NodePtr node, Place place);
     Task<IoResult> OpenStream(NodePtr node, Place place, std::string name, RemoteShare::CreateCall open);
     Task<nt::NTSTATUS> Store(NodePtr node, Place place, std::string name, std::vector<uint8_t> value,
                              uint32_t disposition);

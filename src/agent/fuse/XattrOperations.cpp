@@ -131,25 +131,28 @@ Detached XattrOperations::Get(FuseCall::Ptr call, uint64_t nodeId, std::string n
     mount.CloseLater(node, place.share, opened.fileId);
 }
 
+// 0: it can't be opened, and the call is answered.
+Task<uint32_t> XattrOperations::OpenFileItself(FuseCall::Ptr call, NodePtr node, Place place)
+{
+    const RemoteShare::CreateCall open = {
+        .desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
+        .createDisposition = nt::FILE_OPEN,
+        .createOptions = mount.FollowsLinks(node, place) ? 0 : nt::FILE_OPEN_REPARSE_POINT};
+    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    if (opened.Failed())
+        call->FailOfFile(opened.status);
+    co_return opened.Failed() ? 0 : opened.fileId;
+}
+
 Detached XattrOperations::List(FuseCall::Ptr call, uint64_t nodeId, size_t room)
 {
     const NodePtr node = mount.table.Find(nodeId);
     Place place;
     if (!co_await Locate(call, node, {}, Use::Reads, &place))
         co_return;
-    const RemoteShare::CreateCall open = {
-        .desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
-        .createDisposition = nt::FILE_OPEN,
-        .createOptions = mount.FollowsLinks(node, place) ? 0 : nt::FILE_OPEN_REPARSE_POINT};
-    uint32_t fileId = 0;
-    {
-        const IoResult opened = co_await CreateFile(*place.share, open, place.path);
-        if (opened.Failed()) {
-            call->FailOfFile(opened.status);
-            co_return;
-        }
-        fileId = opened.fileId;
-    }
+    const uint32_t fileId = co_await OpenFileItself(call, node, place);
+    if (fileId == 0)
+        co_return;
     const IoResult told = co_await QueryFile(*place.share, fileId, nt::FileStreamInformation);
     std::vector<std::u16string> streams;
     std::string list;
@@ -205,18 +208,9 @@ Detached XattrOperations::Set(FuseCall::Ptr call, uint64_t nodeId, std::string n
         co_return;
     if (IsShort(name) && !value.empty() && value.back() == 0)
         value.pop_back();
-    const RemoteShare::CreateCall look = {.desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
-                                          .createDisposition = nt::FILE_OPEN,
-                                          .createOptions = nt::FILE_OPEN_REPARSE_POINT};
-    uint32_t fileId = 0;
-    {
-        const IoResult present = co_await CreateFile(*place.share, look, place.path);
-        if (present.Failed()) {
-            call->FailOfFile(present.status);
-            co_return;
-        }
-        fileId = present.fileId;
-    }
+    const uint32_t fileId = co_await OpenFileItself(call, node, place);
+    if (fileId == 0)
+        co_return;
     uint32_t disposition = nt::FILE_OPEN_IF;
     if (flags & XATTR_CREATE)
         disposition = nt::FILE_CREATE;

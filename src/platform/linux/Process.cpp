@@ -6,7 +6,7 @@
 
 #include "lib/unicode/CodeSet.h"
 #include "platform/Files.h"
-#include "platform/linux/Threads.h"
+#include "platform/linux/LibraryThreads.h"
 
 #include <dlfcn.h>
 #include <malloc.h>

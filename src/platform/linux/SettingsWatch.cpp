@@ -7,7 +7,7 @@
 #endif
 
 #include "platform/SystemError.h"
-#include "platform/linux/Threads.h"
+#include "platform/linux/LibraryThreads.h"
 
 #include <poll.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
+#include "platform/linux/LibraryThreads.h"
 #include "platform/linux/TaskPoolImpl.h"
-#include "platform/linux/Threads.h"
 
 #ifndef __linux__
 #error "this file is the Linux side"

@@ -4,7 +4,7 @@
 
 #include "platform/Threads.h"
 
-#include "platform/linux/Threads.h"
+#include "platform/linux/LibraryThreads.h"
 #include "platform/linux/WaitableObject.h"
 
 #include <pthread.h>
