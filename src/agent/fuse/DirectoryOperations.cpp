@@ -9,6 +9,9 @@
 
 namespace fodr::agent {
 
+// For so long a listing waits for who has stopped reading it.
+constexpr auto kReaderIdles = std::chrono::seconds(1);
+
 // The answer to one readdir or readdirplus, as it is filled.
 class ReaddirBuffer {
 public:
@@ -163,6 +166,8 @@ Detached DirectoryOperations::ReadDirectory(FuseCall::Ptr call, OpenListingPtr o
         }
         break;
     }
+    if (listing && listing->BeginsToWait())
+        WaitForReader(listing);
     std::vector<uint64_t> reached; // nodes with a lookup more
     ReaddirBuffer buffer(size, plus);
     FillListing(*open, offset, &buffer, &reached);
@@ -170,6 +175,16 @@ Detached DirectoryOperations::ReadDirectory(FuseCall::Ptr call, OpenListingPtr o
         for (uint64_t node : reached)
             mount.table.Forget(node, 1);
     }
+}
+
+void DirectoryOperations::WaitForReader(const std::shared_ptr<DirectoryListing> &listing)
+{
+    mount.notifier.CallAt(Node::Clock::now() + kReaderIdles,
+                          [this, weak = std::weak_ptr<DirectoryListing>(listing)] {
+                              const std::shared_ptr<DirectoryListing> alive = weak.lock();
+                              if (alive && !alive->GoOnIfIdle(kReaderIdles))
+                                  WaitForReader(alive);
+                          });
 }
 
 // What was learnt of the name since the listing was asked for counts.

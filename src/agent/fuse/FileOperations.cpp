@@ -250,13 +250,15 @@ void FileOperations::Write(FuseCall::Ptr call, const RemoteFilePtr &file, uint64
     }
     file->node->NoteOwnChange();
     const std::shared_ptr<WriteBehind> writes = file->node->Writes(mount.writeWindow);
-    auto accepted = [this, call, file, size = bytes.size()] {
-        if (!file->direct || !file->node->opens.AnyIsCached()) {
+    // What the kernel keeps of it for others is read anew.
+    const bool othersRead = file->direct && !(flags & O_APPEND) && file->node->opens.AnyIsCached();
+    auto accepted = [this, call, node = file->node->id, othersRead, size = bytes.size()] {
+        if (!othersRead) {
             call->Written(size);
             return;
         }
-        mount.notifier.DataChanged(file->node->id); // others read it
-        mount.notifier.CallAt(KernelNotifier::Clock::now(), [call, size] { call->Written(size); });
+        mount.dataNotifier.DataChanged(node);
+        mount.dataNotifier.CallAt(KernelNotifier::Clock::now(), [call, size] { call->Written(size); });
     };
     if (flags & O_APPEND)
         writes->Append(file->Target(), bytes, std::move(accepted));

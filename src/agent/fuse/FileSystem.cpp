@@ -88,9 +88,11 @@ void FileSystem::SetSession(fuse_session *fuseSession)
 {
     mount.session = fuseSession;
     if (fuseSession) {
-        mount.notifier.SetSession(fuseSession);
+        for (KernelNotifier *notifier : {&mount.notifier, &mount.dataNotifier})
+            notifier->SetSession(fuseSession);
     } else {
-        mount.notifier.Stop();
+        for (KernelNotifier *notifier : {&mount.notifier, &mount.dataNotifier})
+            notifier->Stop();
         events.Actor().Stop();
     }
 }
