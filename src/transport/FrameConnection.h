@@ -53,19 +53,8 @@ public:
     // Each sends one frame; false when the connection has ended, or when the frame would break a limit of
     // Frames.h, in which case nothing is sent. True means written or queued, not received. Payloads are
     // borrowed for the call.
-    bool Send(const Hello &frame);
-    bool Send(const ObjectAnnounce &frame);
-    bool Send(const ObjectState &frame);
     bool Send(const Message &frame);
-    bool Send(const MessageDone &frame);
-    bool Send(const MessageAbort &frame);
-    bool Send(const SideRequest &frame);
-    bool Send(const SideOffer &frame);
-    bool Send(const SideRefused &frame);
-    bool Send(const SideHello &frame);
-    bool Send(const SideReady &frame);
-    bool Send(const Notice &frame);
-    bool Send(const Goodbye &frame);
+    template <class Frame> bool Send(const Frame &frame) { return SendBytes(EncodeFrame(frame)); }
     // The common message: a post with one byte block, made of two parts.
     bool SendPost(uint32_t object, uint32_t requestId, platform::ByteView block,
                   platform::ByteView tail = {});
