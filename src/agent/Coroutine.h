@@ -3,7 +3,7 @@
 // waits they neither block nor hold a lock.
 #pragma once
 
-#include "agent/RemoteShare.h"
+#include "agent/IoResult.h"
 
 #include <coroutine>
 #include <exception>

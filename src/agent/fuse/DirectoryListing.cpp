@@ -118,7 +118,7 @@ void DirectoryListing::SendQueries(size_t count)
         const std::u16string_view pattern =
             tagged && first ? std::u16string_view(u"\\*") : std::u16string_view();
         share->QueryDirectory(
-            fileId, ListingClassOf(*share), tagged && first, pattern,
+            fileId, share->ListingClass(), tagged && first, pattern,
             [self = shared_from_this()](const IoResult &result) { self->OnAnswer(result); });
     }
 }

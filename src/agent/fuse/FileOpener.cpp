@@ -121,7 +121,7 @@ Task<IoResult> FileOpener::OpenAt(const Place &place, const RemoteShare::CreateC
 {
     const auto begun = TransferWindow::Clock::now();
     const bool alone = mount.readWindow.InFlight() == 0 && mount.writeWindow.InFlight() == 0;
-    IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    IoResult opened = co_await place.share->Create(open, place.path);
     if (!opened.Failed()) { // a failure may be this side's own
         const auto now = TransferWindow::Clock::now();
         mount.readWindow.NoteRoundTrip(begun, alone, now);
@@ -193,7 +193,7 @@ Task<Opening> FileOpener::OpenByLent(NodePtr node, std::shared_ptr<RemoteShare> 
     opening.file = NewOpen(node, share, fileId, access);
     opening.file->lender = lender;
     opening.file->givenAway = true;
-    opening.status = co_await QueryFacts(*share, fileId, &opening.facts);
+    opening.status = co_await share->QueryFacts(fileId, &opening.facts);
     co_return opening;
 }
 
@@ -258,7 +258,7 @@ Task<Opening> FileOpener::OpenAndIdentify(NodePtr node, Place place, int flags, 
         PrimeReading(file);
     const std::shared_ptr<WriteBehind> writes = node->Writes(mount.writeWindow);
     const uint64_t asked = writes->Generation();
-    opening.status = co_await QueryFacts(*place.share, file->fileId, &opening.facts);
+    opening.status = co_await place.share->QueryFacts(file->fileId, &opening.facts);
     if (nt::IsError(opening.status))
         co_return opening;
     if (known == 0)

@@ -225,9 +225,7 @@ uint32_t OperationOf(std::optional<bool> exclusive)
 
 auto Ask(const RemoteFilePtr &handle, std::optional<bool> exclusive, bool waits, const RDP_LOCK_INFO &place)
 {
-    return AwaitIo([&handle, exclusive, waits, place](IoHandler done) {
-        handle->share->Lock(handle->fileId, OperationOf(exclusive), !waits, {&place, 1}, std::move(done));
-    });
+    return handle->share->Lock(handle->fileId, OperationOf(exclusive), !waits, {&place, 1});
 }
 
 std::vector<Piece> PiecesOf(const LockRanges &bytes, std::optional<bool> whole)
@@ -352,10 +350,8 @@ Task<LockFound> QueryHostLock(RemoteFilePtr handle, LockWish wish)
     StoreLittle(&input[offsetof(nt::FODR_LOCK, Length)], wish.end - wish.begin);
     StoreLittle(&input[offsetof(nt::FODR_LOCK, Type)],
                 wish.exclusive.value_or(false) ? nt::FODR_LOCK_EXCLUSIVE : nt::FODR_LOCK_SHARED);
-    const IoResult told = co_await AwaitIo([&](IoHandler done) {
-        handle->share->DeviceControl(handle->fileId, nt::FSCTL_FODR_QUERY_LOCK, input, sizeof(nt::FODR_LOCK),
-                                     std::move(done));
-    });
+    const IoResult told = co_await handle->share->DeviceControl(handle->fileId, nt::FSCTL_FODR_QUERY_LOCK,
+                                                                input, sizeof(nt::FODR_LOCK));
     LockFound found;
     found.status = told.status;
     if (told.Failed())
