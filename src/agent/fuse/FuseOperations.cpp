@@ -1,8 +1,7 @@
-#include "agent/fuse/FuseOperations.h"
-
 #include "agent/fuse/EventActor.h"
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/Fuse.h"
+#include "agent/fuse/FuseSession.h"
 
 #include <stdio.h>
 
