@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <future>
+#include <optional>
 
 namespace fodr::cli {
 namespace {
@@ -61,23 +61,32 @@ bool ShareControl::Start(const std::string &folder, std::string *problem)
 
 void ShareControl::End()
 {
-    over = true;
+    {
+        const MutexLock held(replies->lock);
+        replies->over = true;
+        replies->changed.notify_all();
+    }
     server.reset();
 }
 
 // On a thread of the control connection: passes the request to ours and waits.
 ControlReply ShareControl::HandleControl(const Words &request)
 {
-    auto reply = std::make_shared<std::promise<ControlReply>>();
-    std::future<ControlReply> future = reply->get_future();
+    auto reply = std::make_shared<std::optional<ControlReply>>(); // under the lock of replies
     run->Post([this, request, reply] {
-        RunControl(request, [reply](const ControlReply &made) { reply->set_value(made); });
+        RunControl(request, [desk = replies, reply](const ControlReply &made) {
+            const MutexLock held(desk->lock);
+            *reply = made;
+            desk->changed.notify_all();
+        });
     });
-    while (future.wait_for(100ms) != std::future_status::ready) {
-        if (over)
+    const MutexLock held(replies->lock);
+    while (!*reply) {
+        if (replies->over)
             return Refusal(EXIT_NOT_RUNNING, "the share is ending");
+        replies->changed.wait(replies->lock);
     }
-    return future.get();
+    return **reply;
 }
 
 void ShareControl::RunControl(const Words &request, Answer answer)

@@ -186,7 +186,7 @@ void ShareSession::HandleConnection(std::shared_ptr<AgentConnection> made)
     agentGoodbye.clear();
     sideError.clear();
     {
-        const std::lock_guard<std::mutex> held(linesLock);
+        const MutexLock held(linesLock);
         lastAgentLine.clear();
     }
     // ssh may be asking for a password.
@@ -369,7 +369,7 @@ void ShareSession::HandleAgentLine(const std::string &line)
 {
     if (line.empty())
         return;
-    const std::lock_guard<std::mutex> held(linesLock);
+    const MutexLock held(linesLock);
     lastAgentLine = line;
     if (options.verbose)
         warnings.Warn(line);

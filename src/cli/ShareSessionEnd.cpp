@@ -77,7 +77,7 @@ ShareSession::Cause ShareSession::FindCause(const std::string &reason)
     }
     std::string lastWords;
     {
-        const std::lock_guard<std::mutex> held(linesLock);
+        const MutexLock held(linesLock);
         lastWords = Plain(lastAgentLine);
     }
     const bool busy = exit && !exit->bySignal && exit->code == agent::AGENT_BUSY; // and has said by whom

@@ -13,7 +13,6 @@
 #include "transport/Frames.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
 #include <string>
 #include <thread>
@@ -89,8 +88,8 @@ private:
     std::atomic<uint32_t> deadAfterMS{0};
 
     Mutex sendLock;
-    std::condition_variable_any turnChanged;   // writing, pending or closed has changed
-    std::condition_variable_any flusherWakeup; // pending has bytes and no thread writes, or closed
+    Condition turnChanged;                     // writing, pending or closed has changed
+    Condition flusherWakeup;                   // pending has bytes and no thread writes, or closed
     bool writing GUARDED_BY(sendLock) = false; // a thread holds the turn to write
     uint32_t waitingWriters GUARDED_BY(sendLock) = 0;
     std::vector<std::byte> pending GUARDED_BY(sendLock); // whole frames that wait for the next write

@@ -7,8 +7,6 @@
 #include "platform/windows/RegistryKeyObject.h"
 #include "platform/windows/Win32.h"
 
-#include <mutex>
-
 namespace fodr::platform {
 
 namespace {
