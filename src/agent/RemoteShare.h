@@ -74,7 +74,7 @@ public:
     void Close(uint32_t fileId, IoHandler handler);
     auto Close(uint32_t fileId)
     {
-        return AwaitIo([=, this](IoHandler done) { Close(fileId, std::move(done)); });
+        return AwaitStatus([=, this](IoHandler done) { Close(fileId, std::move(done)); });
     }
 
     // Outcome: data, at most `length` bytes. At the end of the file STATUS_END_OF_FILE.
@@ -126,14 +126,14 @@ public:
     }
     auto SetEndOfFile(uint32_t fileId, uint64_t size)
     {
-        return AwaitIo([=, this](IoHandler done) {
+        return AwaitStatus([=, this](IoHandler done) {
             SetNumber(fileId, nt::FileEndOfFileInformation, size, std::move(done));
         });
     }
     // The file goes when its last handle is closed.
     auto Delete(uint32_t fileId)
     {
-        return AwaitIo([=, this](IoHandler done) {
+        return AwaitStatus([=, this](IoHandler done) {
             SetNumber(fileId, nt::FileDispositionInformation, uint8_t{1}, std::move(done));
         });
     }
@@ -141,7 +141,7 @@ public:
     // have the file open keep it.
     auto DeleteAtOnce(uint32_t fileId)
     {
-        return AwaitIo([=, this](IoHandler done) {
+        return AwaitStatus([=, this](IoHandler done) {
             SetNumber<uint32_t>(fileId, nt::FileDispositionInformationEx,
                                 nt::FILE_DISPOSITION_DELETE | nt::FILE_DISPOSITION_POSIX_SEMANTICS |
                                     nt::FILE_DISPOSITION_IGNORE_READONLY_ATTRIBUTE,
@@ -152,14 +152,14 @@ public:
     void Rename(uint32_t fileId, std::u16string_view target, bool replaceIfExists, IoHandler handler);
     auto Rename(uint32_t fileId, std::u16string_view target, bool replaceIfExists)
     {
-        return AwaitIo(
+        return AwaitStatus(
             [=, this](IoHandler done) { Rename(fileId, target, replaceIfExists, std::move(done)); });
     }
     // Gives the file a name in the open directory `directoryId`, as rename(2) does. Replaces what has the
     // name if that is wanted. STATUS_FILE_INVALID: that directory's handle is of an earlier connection.
     auto RenameInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, bool replace)
     {
-        return AwaitIo([=, this](IoHandler done) {
+        return AwaitStatus([=, this](IoHandler done) {
             NameInto(fileId, directoryId, name, nt::FileRenameInformationEx,
                      nt::FILE_RENAME_POSIX_SEMANTICS | nt::FILE_RENAME_IGNORE_READONLY_ATTRIBUTE |
                          (replace ? nt::FILE_RENAME_REPLACE_IF_EXISTS : 0),
@@ -169,13 +169,13 @@ public:
     // The same for another name of the file, and for a file that changes places with what has the name.
     auto LinkInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name)
     {
-        return AwaitIo([=, this](IoHandler done) {
+        return AwaitStatus([=, this](IoHandler done) {
             NameInto(fileId, directoryId, name, nt::FileLinkInformation, 0, std::move(done));
         });
     }
     auto ExchangeWith(uint32_t fileId, uint32_t directoryId, std::u16string_view name)
     {
-        return AwaitIo([=, this](IoHandler done) {
+        return AwaitStatus([=, this](IoHandler done) {
             NameInto(fileId, directoryId, name, nt::FileRenameInformationEx, nt::FODR_RENAME_EXCHANGE,
                      std::move(done));
         });
@@ -212,7 +212,7 @@ public:
     auto Lock(uint32_t fileId, uint32_t operation, bool failImmediately,
               std::span<const RDP_LOCK_INFO> ranges)
     {
-        return AwaitIo(
+        return AwaitStatus(
             [=, this](IoHandler done) { Lock(fileId, operation, failImmediately, ranges, std::move(done)); });
     }
     // Outcome: data, at most `outputLength` bytes. An answer without data may appear as one zero byte.

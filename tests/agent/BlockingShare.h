@@ -21,6 +21,7 @@ struct OwnedResult {
     std::vector<uint8_t> preRead;
 
     bool Failed() const { return nt::IsError(status); }
+    explicit OwnedResult(nt::NTSTATUS only) : status(only) {}
     explicit OwnedResult(const IoResult &result)
         : status(result.status), fileId(result.fileId), information(result.information),
           length(result.length), data(result.data.begin(), result.data.end()),
@@ -30,7 +31,7 @@ struct OwnedResult {
 
 template <class Call> Detached Run(Call call, std::promise<OwnedResult> outcome)
 {
-    const IoResult result = co_await call;
+    const auto result = co_await call;
     outcome.set_value(OwnedResult(result));
 }
 

@@ -75,8 +75,7 @@ Task<AttributeOperations::Borrowed> AttributeOperations::BorrowHandle(NodePtr no
     IoResult opened = co_await place.share->Create(open, place.path);
     if (opened.status == nt::STATUS_SHARING_VIOLATION && node->opens.IsClosing()) {
         // By a handle of our own.
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+        co_await AwaitNoneClosing(node);
         opened = co_await place.share->Create(open, place.path);
     }
     borrowed.status = opened.status;
@@ -176,10 +175,10 @@ Task<nt::NTSTATUS> AttributeOperations::SetSize(NodePtr node, const Borrowed &bo
     const std::shared_ptr<WriteBehind> writes = node->WritesIfAny();
     if (writes)
         writes->SizeChanges();
-    const IoResult result = co_await borrowed.share->SetEndOfFile(borrowed.fileId, size);
+    const nt::NTSTATUS status = co_await borrowed.share->SetEndOfFile(borrowed.fileId, size);
     if (writes)
-        writes->SizeChanged(result, size);
-    co_return result.status;
+        writes->SizeChanged(status, size);
+    co_return status;
 }
 
 Task<nt::NTSTATUS> AttributeOperations::Change(NodePtr node, const AttributeChange &change, Changed *changed)

@@ -142,8 +142,7 @@ Task<IoResult> FileOpener::OpenNode(NodePtr node, Place place, RemoteShare::Crea
     for (int i = 0; i < kMostWaits && opened.status == nt::STATUS_SHARING_VIOLATION; ++i) {
         if (!node->opens.IsClosing() && node->opens.ClosesEnded() == ended)
             break;
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+        co_await AwaitNoneClosing(node);
         ended = node->opens.ClosesEnded();
         opened = co_await OpenAt(place, open);
     }

@@ -144,10 +144,10 @@ Task<nt::NTSTATUS> FileOperations::Truncate(NodePtr node, std::shared_ptr<Remote
     co_await AwaitWrites(writes);
     node->NoteOwnChange();
     writes->SizeChanges();
-    const IoResult result = co_await share->SetEndOfFile(fileId, 0);
-    writes->SizeChanged(result, 0);
+    const nt::NTSTATUS status = co_await share->SetEndOfFile(fileId, 0);
+    writes->SizeChanged(status, 0);
     node->NoteOwnChange();
-    co_return result.status;
+    co_return status;
 }
 
 Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode,

@@ -34,14 +34,9 @@ Task<nt::NTSTATUS> LinkOperations::NameIt(Moving moving, uint32_t fileId, Direct
     nt::NTSTATUS status = co_await AwaitChecked(folder);
     if (nt::IsError(status))
         co_return status;
-    if (change == Change::Exchange) {
-        const IoResult exchanged = co_await share.ExchangeWith(fileId, folder->FileId(), newName);
-        co_return exchanged.status;
-    }
-    {
-        const IoResult linked = co_await share.LinkInto(fileId, folder->FileId(), newName);
-        status = linked.status;
-    }
+    if (change == Change::Exchange)
+        co_return co_await share.ExchangeWith(fileId, folder->FileId(), newName);
+    status = co_await share.LinkInto(fileId, folder->FileId(), newName);
     co_return nt::IsError(status) ? status : co_await share.QueryFacts(fileId, facts);
 }
 

@@ -255,9 +255,8 @@ Task<Locked> LockPieces(RemoteFilePtr handle, std::vector<Piece> pieces)
 {
     Locked locked;
     for (const Piece &piece : pieces) {
-        const IoResult result = co_await Ask(handle, piece.exclusive, false, piece.place);
-        locked.status = result.status;
-        if (result.Failed())
+        locked.status = co_await Ask(handle, piece.exclusive, false, piece.place);
+        if (nt::IsError(locked.status))
             break;
         ++locked.count;
     }
@@ -270,8 +269,8 @@ Task<bool> UnlockPieces(RemoteFilePtr handle, std::vector<Piece> pieces, size_t 
 {
     bool all = true;
     for (size_t i = 0; i < count; ++i) {
-        const IoResult unlocked = co_await Ask(handle, std::nullopt, false, pieces[i].place);
-        all = all && !unlocked.Failed();
+        const nt::NTSTATUS status = co_await Ask(handle, std::nullopt, false, pieces[i].place);
+        all = all && !nt::IsError(status);
     }
     co_return all;
 }
@@ -307,9 +306,8 @@ Task<nt::NTSTATUS> SetHostLock(LockOwnerPtr owner, RemoteFilePtr handle, LockWis
     nt::NTSTATUS status;
     if (handle->share->Has(nt::FODR_HOST_ADVISORY_LOCKS)) {
         const RDP_LOCK_INFO place = PlaceOf(wish);
-        const IoResult set = co_await Ask(handle, wish.exclusive, false, place);
-        status = set.status;
-        if (set.Failed() && wish.whole) { // as flock: a change that is refused loses the lock
+        status = co_await Ask(handle, wish.exclusive, false, place);
+        if (nt::IsError(status) && wish.whole) { // as flock: a change that is refused loses the lock
             LockWish lost = wish;
             lost.exclusive.reset();
             owner->Note(lost);
@@ -333,8 +331,7 @@ Task<nt::NTSTATUS> SetHostLock(LockOwnerPtr owner, RemoteFilePtr handle, LockWis
 Task<nt::NTSTATUS> AwaitHostLock(RemoteFilePtr handle, LockWish wish)
 {
     const RDP_LOCK_INFO place = PlaceOf(wish);
-    const IoResult locked = co_await Ask(handle, wish.exclusive, true, place);
-    co_return locked.status;
+    co_return co_await Ask(handle, wish.exclusive, true, place);
 }
 
 void EndHostWaits(const RemoteFilePtr &handle)

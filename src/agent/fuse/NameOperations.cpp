@@ -251,8 +251,7 @@ Task<nt::NTSTATUS> NameOperations::RemoveAtOnce(Place place, NodePtr node, bool 
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;
-    const IoResult removed = co_await place.share->DeleteAtOnce(fileId);
-    const nt::NTSTATUS status = removed.status;
+    const nt::NTSTATUS status = co_await place.share->DeleteAtOnce(fileId);
     mount.CloseLater(node, place.share, fileId);
     co_return status;
 }
@@ -388,8 +387,7 @@ Task<nt::NTSTATUS> NameOperations::TryMoveAtOnce(Moving moving, bool replace)
     if (!nt::IsError(status)) {
         const std::u16string newName = NtNameFromPosix(moving.newName);
         const std::shared_ptr<FactsUnderway> identity = FactsUnderway::Ask(share, fileId);
-        const IoResult renamed = co_await share.RenameInto(fileId, folder->FileId(), newName, replace);
-        status = renamed.status;
+        status = co_await share.RenameInto(fileId, folder->FileId(), newName, replace);
         co_await identity->Arrival();
         if (!nt::IsError(identity->status))
             movedId = identity->facts.id;

@@ -71,8 +71,7 @@ Task<nt::NTSTATUS> RangeOperations::Grow(RemoteFilePtr file, uint64_t size)
     const nt::NTSTATUS status = co_await file->share->QueryFacts(file->fileId, &facts);
     if (nt::IsError(status) || (facts.endOfFile >= 0 && static_cast<uint64_t>(facts.endOfFile) >= size))
         co_return status;
-    const IoResult result = co_await file->share->SetEndOfFile(file->fileId, size);
-    co_return result.status;
+    co_return co_await file->share->SetEndOfFile(file->fileId, size);
 }
 
 Detached RangeOperations::Allocate(FuseCall::Ptr call, RemoteFilePtr file, int mode, uint64_t offset,

@@ -17,6 +17,12 @@ inline auto AwaitWrites(std::shared_ptr<WriteBehind> writes)
     });
 }
 
+// Until none of the file's handles is being closed.
+inline auto AwaitNoneClosing(const NodePtr &node)
+{
+    return AwaitCall([&node](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+}
+
 // The facts of an open file, asked for while something else is asked of it.
 class FactsUnderway {
 public:

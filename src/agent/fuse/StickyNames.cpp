@@ -37,8 +37,7 @@ Task<Nothing> StickyNames::ClearTheWay(NodePtr node)
         co_await AwaitCall(
             [&](InlineFunction<void()> done) { mount.directories.DropBelow(node, std::move(done)); });
     if (node)
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+        co_await AwaitNoneClosing(node);
     co_return Nothing{};
 }
 
@@ -69,10 +68,9 @@ Task<nt::NTSTATUS> StickyNames::ClearReadOnly(const Place &place)
 // Marks what is open and closes it: with that the name is gone, unless others have it open.
 Task<nt::NTSTATUS> StickyNames::DeleteOpened(const Place &place, uint32_t fileId)
 {
-    const IoResult marked = co_await place.share->Delete(fileId);
-    const nt::NTSTATUS status = marked.status;
-    const IoResult closed = co_await place.share->Close(fileId);
-    co_return nt::IsError(status) ? status : closed.status;
+    const nt::NTSTATUS marked = co_await place.share->Delete(fileId);
+    const nt::NTSTATUS closed = co_await place.share->Close(fileId);
+    co_return nt::IsError(marked) ? marked : closed;
 }
 
 // Not by the close: a folder that isn't empty would stay there without a word.
@@ -112,8 +110,7 @@ Task<nt::NTSTATUS> StickyNames::DeleteFileAt(const Place &place)
     const IoResult opened = co_await OpenForDeletion(place);
     if (opened.Failed())
         co_return opened.status;
-    const IoResult closed = co_await place.share->Close(opened.fileId);
-    co_return closed.status;
+    co_return co_await place.share->Close(opened.fileId);
 }
 
 // NT keeps the name of a deleted file until its last handle is closed; POSIX doesn't. So an open file gets a
@@ -130,10 +127,8 @@ Task<nt::NTSTATUS> StickyNames::DeleteOpenFile(NodePtr parent, std::string name,
     const uint32_t fileId = opened.fileId;
     const std::string hidden = HiddenName();
     nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
-    if (mount.table.PlaceIn(parent, hidden, &place)) {
-        const IoResult renamed = co_await place.share->Rename(fileId, place.path, false);
-        status = renamed.status;
-    }
+    if (mount.table.PlaceIn(parent, hidden, &place))
+        status = co_await place.share->Rename(fileId, place.path, false);
     if (!nt::IsError(status)) {
         const IoResult deleting = co_await OpenForDeletion(place);
         status = deleting.status;
@@ -162,8 +157,7 @@ Task<nt::NTSTATUS> StickyNames::RemoveFile(NodePtr parent, std::string name, Pla
 {
     const NodePtr node = mount.table.Child(parent, name);
     if (node)
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+        co_await AwaitNoneClosing(node);
     if (node && node->opens.IsOpen()) {
         const nt::NTSTATUS status = co_await DeleteOpenFile(parent, name, node, place);
         co_return status;
@@ -201,13 +195,10 @@ Task<nt::NTSTATUS> StickyNames::RenameOverOpenFile(Moving moving, NodePtr target
     const std::string hidden = HiddenName();
     Place aside;
     nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
-    if (mount.table.PlaceIn(moving.newParent, hidden, &aside)) {
-        const IoResult renamed = co_await share.Rename(fileId, aside.path, false);
-        status = renamed.status;
-    }
+    if (mount.table.PlaceIn(moving.newParent, hidden, &aside))
+        status = co_await share.Rename(fileId, aside.path, false);
     if (!nt::IsError(status)) {
-        const IoResult renamed = co_await share.Rename(moving.fileId, moving.target.path, false);
-        status = renamed.status;
+        status = co_await share.Rename(moving.fileId, moving.target.path, false);
         if (nt::IsError(status))
             co_await share.Rename(fileId, moving.target.path, false);
     }
@@ -240,18 +231,16 @@ Task<nt::NTSTATUS> StickyNames::RenameOver(Moving moving, nt::NTSTATUS refusal)
         const nt::NTSTATUS deleted = co_await DeleteDirectory(moving.target);
         if (nt::IsError(deleted))
             co_return deleted;
-        const IoResult renamed =
-            co_await moving.target.share->Rename(moving.fileId, moving.target.path, false);
-        co_return renamed.status;
+        co_return co_await moving.target.share->Rename(moving.fileId, moving.target.path, false);
     }
     if (found.facts.IsReadOnly()) {
         const nt::NTSTATUS cleared = co_await ClearReadOnly(moving.target);
         if (nt::IsError(cleared))
             co_return refusal;
-        const IoResult renamed =
+        const nt::NTSTATUS renamed =
             co_await moving.target.share->Rename(moving.fileId, moving.target.path, true);
-        if (!renamed.Failed())
-            co_return renamed.status;
+        if (!nt::IsError(renamed))
+            co_return renamed;
     }
     if (!node || !node->opens.IsOpen())
         co_return refusal;
@@ -267,8 +256,7 @@ Task<bool> StickyNames::AwaitClosesBelow(NodePtr folder)
         const NodePtr &child = entry.second;
         if (child->opens.IsClosing()) {
             waited = true;
-            co_await AwaitCall(
-                [&](InlineFunction<void()> done) { child->opens.WhenNoneClosing(std::move(done)); });
+            co_await AwaitNoneClosing(child);
         }
         if (child->directory && co_await AwaitClosesBelow(child))
             waited = true;
@@ -289,10 +277,9 @@ Task<nt::NTSTATUS> StickyNames::Move(Moving moving, bool replace)
     if (opened.Failed())
         co_return opened.status;
     moving.fileId = opened.fileId;
-    IoResult renamed = co_await moving.source.share->Rename(moving.fileId, moving.target.path, replace);
-    if (node && node->directory && IsRefusal(renamed.status) && co_await AwaitClosesBelow(node))
-        renamed = co_await moving.source.share->Rename(moving.fileId, moving.target.path, replace);
-    nt::NTSTATUS status = renamed.status;
+    nt::NTSTATUS status = co_await moving.source.share->Rename(moving.fileId, moving.target.path, replace);
+    if (node && node->directory && IsRefusal(status) && co_await AwaitClosesBelow(node))
+        status = co_await moving.source.share->Rename(moving.fileId, moving.target.path, replace);
     if (replace && (IsRefusal(status) || status == nt::STATUS_OBJECT_NAME_COLLISION))
         status = co_await RenameOver(moving, status);
     if (!nt::IsError(status) && mount.table.Child(moving.parent, moving.name) == node)

@@ -186,10 +186,8 @@ Task<nt::NTSTATUS> XattrOperations::Store(NodePtr node, Place place, std::string
         const IoResult written = co_await place.share->Write(opened.fileId, 0, value);
         status = written.status;
     }
-    if (!isNew && !nt::IsError(status)) {
-        const IoResult cut = co_await place.share->SetEndOfFile(opened.fileId, value.size());
-        status = cut.status;
-    }
+    if (!isNew && !nt::IsError(status))
+        status = co_await place.share->SetEndOfFile(opened.fileId, value.size());
     if (isNew && nt::IsError(status))
         co_await place.share->Delete(opened.fileId);
     co_await place.share->Close(opened.fileId);
@@ -234,10 +232,8 @@ Detached XattrOperations::Remove(FuseCall::Ptr call, uint64_t nodeId, std::strin
     nt::NTSTATUS status = opened.status;
     if (!opened.Failed()) {
         status = co_await CheckFile(node, place.share, opened.fileId);
-        if (!nt::IsError(status)) {
-            const IoResult doomed = co_await place.share->Delete(opened.fileId);
-            status = doomed.status;
-        }
+        if (!nt::IsError(status))
+            status = co_await place.share->Delete(opened.fileId);
         co_await place.share->Close(opened.fileId);
     }
     node->NoteOwnChange();
