@@ -110,41 +110,28 @@ void ShareControl::ControlAdd(const Words &request, Answer answer)
 {
     const std::string &path = request[1];
     std::error_code error;
-    if (!run->Options().folders.front().files.empty()) {
-        answer(
+    if (!run->Options().folders.front().files.empty())
+        return answer(
             Refusal(EXIT_REFUSED, "this run sends the files that it was given: use fodr share for folders"));
-        return;
-    }
-    if (run->Options().fixed) {
-        answer(Refusal(EXIT_REFUSED, "nothing can be added to this run, which is a fixed one: start it with "
-                                     "--no-fixed"));
-        return;
-    }
-    if (!run->Options().folderLayout) {
-        answer(Refusal(EXIT_REFUSED,
-                       "this share shows its one folder as the mount itself: start it with --layout "
-                       "folders to add more"));
-        return;
-    }
-    if (!std::filesystem::is_directory(path, error)) {
-        answer(Refusal(EXIT_FOLDER, "\"" + path + "\" is not a folder"));
-        return;
-    }
-    if (const std::string conflict = run->ConflictWith(path); !conflict.empty()) {
-        answer(Refusal(EXIT_MOUNT_POINT, conflict));
-        return;
-    }
+    if (run->Options().fixed)
+        return answer(Refusal(EXIT_REFUSED,
+                              "nothing can be added to this run, which is a fixed one: start it with "
+                              "--no-fixed"));
+    if (!run->Options().folderLayout)
+        return answer(Refusal(EXIT_REFUSED,
+                              "this share shows its one folder as the mount itself: start it with --layout "
+                              "folders to add more"));
+    if (!std::filesystem::is_directory(path, error))
+        return answer(Refusal(EXIT_FOLDER, "\"" + path + "\" is not a folder"));
+    if (const std::string conflict = run->ConflictWith(path); !conflict.empty())
+        return answer(Refusal(EXIT_MOUNT_POINT, conflict));
     std::vector<std::string> allowed = run->Shares().OfferedForms();
     allowed.push_back(host::FolderShares::AskedForm(path));
-    if (!run->AllowFolders(allowed)) {
-        answer(Refusal(EXIT_OTHER, "the settings of the running share can't be written"));
-        return;
-    }
+    if (!run->AllowFolders(allowed))
+        return answer(Refusal(EXIT_OTHER, "the settings of the running share can't be written"));
     const FolderShare *share = run->Shares().Add(path, host::FolderShares::NameFor(request[2]));
-    if (share == nullptr) {
-        answer(Refusal(EXIT_REFUSED, "\"" + path + "\" is shared already"));
-        return;
-    }
+    if (share == nullptr)
+        return answer(Refusal(EXIT_REFUSED, "\"" + path + "\" is shared already"));
     pendingReplies.push_back({share->cookie, Clock::now() + kAddLimit, std::move(answer)});
     AnswerPending(*share);
     run->WakeWithin(kAddLimit);

@@ -54,10 +54,8 @@ void ShareSession::HandleLost(const std::string &reason)
         finished = true;
         return;
     }
-    if (everReady && options.reconnect && !cause.byAgent) {
-        TryAgain(cause.sentence);
-        return;
-    }
+    if (everReady && options.reconnect && !cause.byAgent)
+        return TryAgain(cause.sentence);
     if (cause.byAgent && command == nullptr) {
         Say(Escaped(cause.sentence) + ".");
         BeginEnd(EXIT_DONE);

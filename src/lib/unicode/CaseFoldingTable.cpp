@@ -80,15 +80,15 @@ consteval size_t CountPages()
 
 struct Pages {
     std::array<Page, CountPages()> pages{};
-    std::array<int, 256> places{}; // by high byte, from 1 on; 0 for none
+    std::array<size_t, 256> places{}; // by high byte, from 1 on; 0 for none
 };
 
 consteval Pages ExpandRuns()
 {
     Pages all;
-    for (int count = 0; const Run &run : kRuns) {
+    for (size_t count = 0; const Run &run : kRuns) {
         for (uint32_t unit = run.first; unit <= run.last; unit += run.step) {
-            int &place = all.places[unit >> 8];
+            size_t &place = all.places[unit >> 8];
             if (place == 0) {
                 place = ++count;
                 for (uint32_t low = 0; low < 256; ++low)
@@ -107,7 +107,7 @@ constexpr Pages kPages = ExpandRuns();
 constinit const std::array<const char16_t *, 256> kCaseFoldingPages = [] {
     std::array<const char16_t *, 256> pages{};
     for (size_t high = 0; high < pages.size(); ++high) {
-        if (const int place = kPages.places[high])
+        if (const size_t place = kPages.places[high])
             pages[high] = kPages.pages[place - 1].data();
     }
     return pages;
