@@ -1,6 +1,6 @@
 #include "agent/fuse/Operations.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>

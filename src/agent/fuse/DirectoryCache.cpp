@@ -2,7 +2,6 @@
 
 #include "agent/IoResult.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
 
 #include <algorithm>

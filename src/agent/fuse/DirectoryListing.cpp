@@ -1,6 +1,5 @@
 #include "agent/fuse/DirectoryListing.h"
 
-#include "agent/fuse/RemoteCalls.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/NtRecords.h"
 

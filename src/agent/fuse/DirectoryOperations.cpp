@@ -1,7 +1,6 @@
 #include "agent/fuse/Fuse.h"
 #include "agent/fuse/Operations.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
 
 #include <cerrno>

@@ -1,7 +1,7 @@
 #include "agent/fuse/Fuse.h"
 #include "agent/fuse/Operations.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>

@@ -1,6 +1,5 @@
 #include "agent/fuse/FileSystem.h"
 
-#include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
 
 #include <algorithm>

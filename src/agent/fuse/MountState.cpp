@@ -1,7 +1,6 @@
 #include "agent/fuse/MountState.h"
 
 #include "agent/fuse/Fuse.h"
-#include "agent/fuse/RemoteCalls.h"
 
 #include <algorithm>
 

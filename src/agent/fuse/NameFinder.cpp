@@ -1,7 +1,7 @@
 #include "agent/fuse/NameFinder.h"
 
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 

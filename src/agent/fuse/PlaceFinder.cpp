@@ -1,7 +1,7 @@
 #include "agent/fuse/PlaceFinder.h"
 
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "platform/Nt.h"
 
 #include <cerrno>

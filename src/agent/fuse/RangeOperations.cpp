@@ -1,5 +1,5 @@
 #include "agent/fuse/Operations.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>

@@ -1,6 +1,5 @@
 #include "agent/fuse/Operations.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
