@@ -1,6 +1,5 @@
 #include "agent/fuse/DirectoryListing.h"
 
-#include "agent/fuse/RemoteCalls.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/NtRecords.h"
 
@@ -134,7 +133,7 @@ void DirectoryListing::SendQueries(size_t count)
         }
         const std::u16string_view pattern =
             tagged && first ? std::u16string_view(u"\\*") : std::u16string_view();
-        share->QueryDirectory(fileId, ListingClassOf(*share), tagged && first, pattern,
+        share->QueryDirectory(fileId, share->ListingClass(), tagged && first, pattern,
                               [self = shared_from_this(), asked = Clock::now()](const IoResult &result) {
                                   self->OnAnswer(result, asked);
                               });

@@ -1,7 +1,6 @@
 #include "agent/fuse/Fuse.h"
 #include "agent/fuse/Operations.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
 
 #include <cerrno>
@@ -93,7 +92,7 @@ Task<bool> DirectoryOperations::ListsAnother(const OpenListing &open)
         places.IsConfirmed(parent, open.node))
         co_return false;
     FileFacts facts;
-    const nt::NTSTATUS status = co_await QueryFacts(open.listing->Share(), open.listing->FileId(), &facts);
+    const nt::NTSTATUS status = co_await open.listing->Share().QueryFacts(open.listing->FileId(), &facts);
     if (nt::IsError(status) || facts.id == known)
         co_return false;
     mount.LoseName(parent, name, open.node);
@@ -114,11 +113,11 @@ Task<nt::NTSTATUS> DirectoryOperations::BeginListing(OpenListingPtr open)
                                             .createOptions = nt::FILE_DIRECTORY_FILE};
     // A removal of the folder waits until it is known whether there is a handle.
     open->node->opens.BeginClose();
-    IoResult opened = co_await CreateFile(*place.share, create, place.path);
+    IoResult opened = co_await place.share->Create(create, place.path);
     if (SaysNoSuchFolder(opened.status)) {
         const Standing standing = co_await places.Confirm(open->node, Believing::Nothing);
         if (standing == Standing::Here && mount.table.PlaceOf(open->node, &place))
-            opened = co_await CreateFile(*place.share, create, place.path);
+            opened = co_await place.share->Create(create, place.path);
         if (SaysNoSuchFolder(opened.status))
             opened.status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
     }

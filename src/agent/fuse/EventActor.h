@@ -8,8 +8,8 @@
 #include "agent/fuse/FolderChanges.h"
 #include "agent/fuse/MountState.h"
 #include "lib/misc/Fd.h"
+#include "lib/misc/Mutex.h"
 
-#include <condition_variable>
 #include <deque>
 #include <thread>
 
@@ -87,7 +87,7 @@ private:
     std::atomic<uint64_t> proof{0};           // the node whose attributes the thread asked for last
     std::atomic<Node::Clock::rep> askedAt{0}; // FolderEvent::asked of what is being acted
     Mutex lock;
-    std::condition_variable_any changed;
+    Condition changed;
     std::string mountPoint GUARDED_BY(lock);
     std::deque<FolderEvent> waiting GUARDED_BY(lock);
     bool acting GUARDED_BY(lock) = false;

@@ -1,7 +1,7 @@
 #include "agent/fuse/Fuse.h"
 #include "agent/fuse/Operations.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>
@@ -153,10 +153,10 @@ Task<nt::NTSTATUS> FileOperations::Truncate(NodePtr node, std::shared_ptr<Remote
     co_await AwaitWrites(writes);
     node->NoteOwnChange();
     writes->SizeChanges();
-    const IoResult result = co_await SetEndOfFile(*share, fileId, 0);
-    writes->SizeChanged(result, 0);
+    const nt::NTSTATUS status = co_await share->SetEndOfFile(fileId, 0);
+    writes->SizeChanged(status, 0);
     node->NoteOwnChange();
-    co_return result.status;
+    co_return status;
 }
 
 Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode,
@@ -184,7 +184,7 @@ Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::stri
     const auto asked = Node::Clock::now();
     const bool hasIds = place.share->HasIds();
     if (!isNew) {
-        const nt::NTSTATUS status = co_await QueryFacts(*place.share, fileId, &facts);
+        const nt::NTSTATUS status = co_await place.share->QueryFacts(fileId, &facts);
         if (nt::IsError(status) && hasIds) {
             place.share->Close(fileId, [](const IoResult &) {});
             call->FailStatus(status);

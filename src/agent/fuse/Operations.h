@@ -8,8 +8,8 @@
 #include "agent/fuse/MountState.h"
 #include "agent/fuse/NameFinder.h"
 #include "agent/fuse/PlaceFinder.h"
-#include "agent/fuse/RemoteCalls.h"
 #include "agent/fuse/StickyNames.h"
+#include "agent/fuse/Waits.h"
 
 #include <atomic>
 
