@@ -160,22 +160,32 @@ private:
         ++state;
     }
 
+    // Null when not even the nearest can be opened. `*path` is what was opened.
+    std::unique_ptr<RegistryKeyObject> OpenNearest(std::wstring *path) const
+    {
+        *path = user.path;
+        HKEY opened = nullptr;
+        const uint32_t error = OpenNearestKey(path, [&](const std::wstring &tried) {
+            return static_cast<uint32_t>(RegOpenKeyExW(user.root, tried.c_str(), 0, KEY_READ, &opened));
+        });
+        return error == kErrorSuccess ? std::make_unique<RegistryKeyObject>(opened) : nullptr;
+    }
+
     void Listen()
     {
         if (!onChange)
             return;
-        watched.reset();
-        std::wstring path = user.path;
-        HKEY opened = nullptr;
-        const uint32_t error = OpenNearestKey(&path, [&](const std::wstring &tried) {
-            return static_cast<uint32_t>(RegOpenKeyExW(user.root, tried.c_str(), 0, KEY_READ, &opened));
-        });
-        if (error != kErrorSuccess)
-            return;
-        const bool found = path == user.path;
-        watched = std::make_unique<RegistryKeyObject>(opened);
         const auto tell = [](void *self) { static_cast<WindowsPrivateStore *>(self)->onChange(); };
-        static_cast<void>(watched->Notify(found, NearestKeyFilter(found), tell, this));
+        std::wstring path, now;
+        do { // no notification covers a nearer key that was created between opening and watching
+            watched = OpenNearest(&path);
+            if (!watched)
+                return;
+            const bool found = path == user.path;
+            if (watched->Notify(found, NearestKeyFilter(found), tell, this) != kErrorSuccess)
+                return;
+            OpenNearest(&now);
+        } while (now != path);
     }
 
     const std::string keyPath;
