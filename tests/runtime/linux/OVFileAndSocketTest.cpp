@@ -1,10 +1,9 @@
-#include "runtime/OVFile.h"
-
 #include "DatagramReceiver.h"
 #include "SettingsFixture.h"
 #include "WholeFile.h"
 #include "platform/ByteStream.h"
 #include "runtime/CapturedLog.h"
+#include "runtime/OVFile.h"
 #include "runtime/OVSocket.h"
 
 #include <fstream>
