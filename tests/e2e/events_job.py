@@ -28,6 +28,18 @@ LIBC = ctypes.CDLL(None, use_errno=True)
 Event = collections.namedtuple("Event", "folder kind name cookie")
 
 
+# Grows a file and uses what it has mapped of it.
+MAPPING = """
+import mmap, os, sys, time
+time.sleep(float(sys.argv[2]))
+file = os.open(sys.argv[1], os.O_RDWR)
+os.pwrite(file, bytes(4096), 28672)
+memory, end = mmap.mmap(file, 32768), time.monotonic() + 0.1
+while time.monotonic() < end:
+    assert memory[30000] == 0 and len(os.pread(file, 4096, 28672)) == 4096 and os.fstat(file).st_size == 32768
+"""
+
+
 class Watcher:
     """inotify, as a watching program uses it: walks the folders once, and then only reads events."""
 
@@ -281,6 +293,20 @@ class Events(PosixCase):
             (self.mount / "mine").write_text("x")
             watcher.gather(lambda events: True)
             self.expect(watcher, lambda: (self.local / "theirs").touch(), [f"{top}/CREATE theirs", f"{top}/CLOSE_WRITE theirs"])
+
+    def test_what_a_program_has_mapped_stays(self):
+        # The owner's event comes with a size that was true before the program gave the file another.
+        with self.share():
+            self.watch(self.mount)
+            for number in range(30):
+                with self.subTest(number), open(self.local / f"f{number}", "w+b", buffering=0) as owners:
+                    wait_for((self.mount / f"f{number}").exists, "the file")
+                    program = subprocess.Popen([sys.executable, "-c", MAPPING, str(self.mount / f"f{number}"),
+                                                str(number % 10 / 250)])
+                    while program.poll() is None:
+                        os.pwrite(owners.fileno(), b"owner", 0)
+                        time.sleep(0.002)
+                    self.assertEqual(program.returncode, 0)
 
     def test_none_without_events_and_none_where_nothing_can_be_changed(self):
         for option in ("--agent-option=--no-events", "--read-only"):

@@ -143,12 +143,12 @@ Task<nt::NTSTATUS> AttributeOperations::ChangeBasics(const Borrowed &borrowed, c
     co_return result.status;
 }
 
-int AttributeOperations::Refusal(const NodePtr &node, const AttributeChange &change, uint64_t handle) const
+int AttributeOperations::Refusal(const NodePtr &node, const AttributeChange &change, bool byHandle) const
 {
     Place place;
     if (mount.table.PlaceOf(node, &place) && place.share->Device().IsReadOnly())
         return EROFS;
-    if (handle == 0 && !node->opens.IsOpen() && node->MustBeLookedUp())
+    if (!byHandle && !node->opens.IsOpen() && node->MustBeLookedUp())
         return ESTALE;
     if (node->kind == NodeKind::Link && (change.setSize || change.setMode)) // a link has neither
         return EOPNOTSUPP;
@@ -230,11 +230,10 @@ Task<Found> AttributeOperations::FactsAfter(NodePtr node, const Changed &changed
 }
 
 Detached AttributeOperations::SetAttributes(FuseCall::Ptr call, uint64_t nodeId, AttributeChange change,
-                                            uint64_t handle)
+                                            RemoteFilePtr file)
 {
     const NodePtr node = mount.table.Find(nodeId);
-    const RemoteFilePtr file = handle ? mount.openFiles.Of(handle) : nullptr;
-    const int refusal = node ? Refusal(node, change, handle) : ESTALE;
+    const int refusal = node ? Refusal(node, change, file != nullptr) : ESTALE;
     if (refusal != 0) {
         call->Fail(refusal);
         co_return;

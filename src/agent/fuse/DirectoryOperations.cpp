@@ -133,10 +133,9 @@ Task<nt::NTSTATUS> DirectoryOperations::BeginListing(OpenListingPtr open)
 }
 
 // Positions: 1 and 2 are behind "." and "..", 3 + i behind entry i.
-Detached DirectoryOperations::ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t size, uint64_t offset,
-                                            bool plus)
+Detached DirectoryOperations::ReadDirectory(FuseCall::Ptr call, OpenListingPtr open, size_t size,
+                                            uint64_t offset, bool plus)
 {
-    const OpenListingPtr open = mount.openListings.Of(handle);
     if (open->listing && offset == 0 && open->listing->IsBegun()) {
         // From the start again: the folder as it is now.
         const nt::NTSTATUS status = co_await BeginListing(open);

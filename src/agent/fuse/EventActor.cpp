@@ -30,14 +30,10 @@ Fd OpenInside(int folder, const std::string &path, int flags)
     return Fd(static_cast<int>(syscall(SYS_openat2, folder, path.c_str(), &how, sizeof(how))));
 }
 
-// IN_MODIFY.
-void SetWriteTime(int file, int flags, const FileFacts &facts)
+// IN_MODIFY. Answered without a size that might be old.
+void RaiseModify(const Fd &file)
 {
-    const timespec times[] = {kLeaveIt, TimeOfNt(facts.lastWriteTime)};
-    if (flags == 0)
-        futimens(file, times);
-    else
-        utimensat(file, "", times, flags);
+    fallocate(file.Get(), FALLOC_FL_KEEP_SIZE, 0, 1);
 }
 
 // IN_ATTRIB.
@@ -66,7 +62,7 @@ void ActMade(const FolderEvent &event, int folder)
             const Fd file(openat(folder, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
             made = file.Get();
             if (made >= 0 && event.facts.endOfFile != 0)
-                SetWriteTime(made, 0, event.facts);
+                RaiseModify(file);
             break;
         }
         }
@@ -79,10 +75,11 @@ void ActChanged(const FolderEvent &event, int folder)
 {
     const Fd file = OpenInside(folder, event.name, O_WRONLY | O_NONBLOCK);
     if (file.Get() >= 0)
-        return SetWriteTime(file.Get(), 0, event.facts); // and IN_CLOSE_WRITE
+        return RaiseModify(file); // and IN_CLOSE_WRITE
     const Fd place = OpenInside(folder, event.name, O_PATH);
+    const timespec times[] = {kLeaveIt, TimeOfNt(event.facts.lastWriteTime)};
     if (place.Get() >= 0)
-        SetWriteTime(place.Get(), AT_EMPTY_PATH, event.facts);
+        utimensat(place.Get(), "", times, AT_EMPTY_PATH);
 }
 
 } // namespace
@@ -233,7 +230,10 @@ void EventActor::Begin(const FolderEvent *event)
 
 void EventActor::Act(const FolderEvent &event, const Fd &folder, const Fd &newFolder)
 {
-    if (folder.Get() < 0)
+    const NodePtr known = mount.table.Child(event.folder, event.name);
+    const bool ofFile =
+        event.kind == Kind::Made || event.kind == Kind::Changed || event.kind == Kind::Touched;
+    if (folder.Get() < 0 || (ofFile && known && known->opens.MayBeWritten()))
         return;
     Begin(&event);
     const char *name = event.name.c_str();

@@ -55,6 +55,7 @@ private:
     struct Scene {
         const FolderEvent *event = nullptr; // the thread's own
         NodePtr subject;                    // what the name leads to, once it was looked up
+        bool standsIn = false;              // it isn't the file itself
     };
 
     void ThreadMain();
@@ -67,12 +68,16 @@ private:
 
     // EventAnswers.cpp
     NodePtr Nowhere(const NodePtr &folder);
+    NodePtr StandIn(const NodePtr &folder, NodeKind kind);
     NodePtr Former(const NodePtr &folder, const std::string &name, const FileFacts &facts);
+    NodePtr Moving(const NodePtr &parent, const std::string &name) REQUIRES(lock);
     NodePtr OnScene(const NodePtr &parent, const std::string &name, FileFacts *facts, bool *known)
         REQUIRES(lock);
     NodePtr OnTheWay(const NodePtr &parent, const std::string &name, FileFacts *facts);
     NodePtr TakeMade(fuse_req *request, uint64_t parent, const char *name, FileFacts *facts);
     FileFacts FactsOf(const NodePtr &node) const;
+    FileFacts Newest(const NodePtr &node, const FileFacts &told) const;
+    void Refuse(fuse_req *request, const NodePtr &reached);
     void ReplyEntry(fuse_req *request, const NodePtr &node, const FileFacts &facts);
 
     MountState &mount;

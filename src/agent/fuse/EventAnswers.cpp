@@ -38,6 +38,17 @@ bool EventActor::IsActing(fuse_req *request) const
     return ours != 0 && fuse_req_ctx(request)->pid == ours;
 }
 
+// What the kernel is told of a size has to be the newest that is known: beyond an earlier one it drops what
+// programs have read and mapped. Of two that are equally old the longer does no harm.
+FileFacts EventActor::Newest(const NodePtr &node, const FileFacts &told) const
+{
+    FileFacts known;
+    const bool knows = node->LastFacts(&known) && KindOf(known) == KindOf(told);
+    const bool newer = known.changeTime > told.changeTime ||
+                       (known.changeTime == told.changeTime && known.endOfFile > told.endOfFile);
+    return knows && newer ? known : told;
+}
+
 FileFacts EventActor::FactsOf(const NodePtr &node) const
 {
     FileFacts facts;
@@ -63,16 +74,35 @@ NodePtr EventActor::Nowhere(const NodePtr &folder)
     return mount.table.ReachNew(root, kNowhere, NodeKind::Directory);
 }
 
+NodePtr EventActor::StandIn(const NodePtr &folder, NodeKind kind)
+{
+    return mount.table.ReachNew(Nowhere(folder), "old", kind);
+}
+
 // What has lost the name. A folder may live on where it was moved to, and a folder that was removed can't be
-// used any more: so another is removed in its place. So is that of a file which is no longer known by it.
+// used any more: so another is removed in its place. So is that of a file which is no longer known by it, or
+// has sizes that this side gives it.
 NodePtr EventActor::Former(const NodePtr &folder, const std::string &name, const FileFacts &facts)
 {
     const NodePtr known = mount.table.Child(folder, name);
     const NodeKind kind = KindOf(facts);
-    if (known && kind != NodeKind::Directory && known->kind == kind &&
+    if (known && kind != NodeKind::Directory && known->kind == kind && !known->opens.MayBeWritten() &&
         mount.table.FileIdOf(known) == facts.id)
         return mount.table.Reach(folder, name, kind, facts.id);
-    return mount.table.ReachNew(Nowhere(folder), "old", kind);
+    return StandIn(folder, kind);
+}
+
+// What takes another name, or that of another.
+NodePtr EventActor::Moving(const NodePtr &parent, const std::string &name)
+{
+    const FolderEvent &event = *scene.event;
+    const FileFacts &facts = event.facts;
+    const NodePtr known = mount.table.FileInShareOf(event.folder, facts.id);
+    scene.standsIn = known && known->opens.MayBeWritten();
+    if (scene.standsIn)
+        return StandIn(event.folder, KindOf(facts));
+    std::vector<Node::Name> lost;
+    return mount.table.Reach(parent, name, KindOf(facts), facts.id, facts.links, &lost);
 }
 
 // Null for a name that isn't there to the thread; `*known` is false for one that has no part in the scene.
@@ -88,15 +118,13 @@ NodePtr EventActor::OnScene(const NodePtr &parent, const std::string &name, File
     if (isName && event.kind == Kind::Removed)
         return scene.subject = Former(parent, name, event.facts);
     if (isName && event.kind == Kind::Moved)
-        return scene.subject = mount.table.Reach(parent, name, KindOf(event.facts), event.facts.id,
-                                                 event.facts.links, &lost);
+        return scene.subject = Moving(parent, name);
     if (isName && event.kind == Kind::Replaced) {
         *facts = event.former;
         return Former(parent, name, event.former);
     }
     if (event.kind == Kind::Replaced && name == kNewFile && parent == Nowhere(event.folder))
-        return scene.subject = mount.table.Reach(parent, name, KindOf(event.facts), event.facts.id,
-                                                 event.facts.links, &lost);
+        return scene.subject = Moving(parent, name);
     if (event.kind == Kind::Moved && parent == event.newFolder && name == event.newName) {
         *facts = event.former;
         return event.overwrites ? Former(parent, name, event.former) : nullptr;
@@ -130,10 +158,19 @@ void EventActor::Lookup(fuse_req *request, uint64_t parentId, const char *name)
     }
     if (parent && !known)
         node = OnTheWay(parent, name, &facts);
-    if (node)
-        ReplyEntry(request, node, facts);
-    else
+    if (!node)
         fuse_reply_err(request, ENOENT);
+    else if (!node->opens.MayBeWritten())
+        ReplyEntry(request, node, Newest(node, facts));
+    else
+        Refuse(request, node);
+}
+
+// A file that programs of the mount write to has sizes of theirs, and its events come from them.
+void EventActor::Refuse(fuse_req *request, const NodePtr &reached)
+{
+    mount.table.Forget(reached->id, 1);
+    fuse_reply_err(request, EBUSY);
 }
 
 void EventActor::GetAttr(fuse_req *request, uint64_t nodeId)
@@ -148,21 +185,18 @@ void EventActor::GetAttr(fuse_req *request, uint64_t nodeId)
     fuse_reply_attr(request, &attributes, 0);
 }
 
-// What the kernel is told has to be the newest that is known. A file that programs of the mount write to has
-// sizes of theirs, and its events come from them.
 void EventActor::SetAttr(fuse_req *request, uint64_t nodeId)
 {
     const NodePtr node = mount.table.Find(nodeId);
-    if (!node || node->opens.Any(true)) {
+    if (!node || node->opens.MayBeWritten()) {
         fuse_reply_err(request, node ? EBUSY : ESTALE);
         return;
     }
     FileFacts facts = FactsOf(node);
     {
         const MutexLock held(lock);
-        if (scene.event && scene.event->kind != Kind::Many && KindOf(scene.event->facts) == node->kind &&
-            scene.event->facts.changeTime >= facts.changeTime)
-            facts = scene.event->facts;
+        if (scene.event && scene.event->kind != Kind::Many && KindOf(scene.event->facts) == node->kind)
+            facts = Newest(node, scene.event->facts);
     }
     const struct stat attributes = StatOf(facts, nodeId, mount.options.owner);
     fuse_reply_attr(request, &attributes, 0);
@@ -196,7 +230,9 @@ void EventActor::Create(fuse_req *request, uint64_t parent, const char *name)
     const NodePtr node = TakeMade(request, parent, name, &facts);
     if (!node)
         return;
-    const fuse_entry_param entry = EntryParam(node, facts, mount.options.owner);
+    if (node->opens.MayBeWritten())
+        return Refuse(request, node);
+    const fuse_entry_param entry = EntryParam(node, Newest(node, facts), mount.options.owner);
     const fuse_file_info info = FileInfo();
     if (fuse_reply_create(request, &entry, &info) != 0)
         mount.table.Forget(node->id, 1);
@@ -231,14 +267,15 @@ void EventActor::Rename(fuse_req *request, uint64_t parentId, const char *name, 
                         const char *newName)
 {
     const NodePtr parent = mount.table.Find(parentId), newParent = mount.table.Find(newParentId);
-    bool ours = false, lookedUp = false;
+    bool ours = false, lookedUp = false, standsIn = false;
     {
         const MutexLock held(lock);
         ours = parent && newParent && scene.event &&
                (scene.event->kind == Kind::Moved || scene.event->kind == Kind::Replaced);
-        lookedUp = ours && scene.subject && mount.table.Child(parent, name) == scene.subject;
+        standsIn = scene.standsIn;
+        lookedUp = ours && scene.subject && (standsIn || mount.table.Child(parent, name) == scene.subject);
     }
-    if (lookedUp)
+    if (lookedUp && !standsIn)
         mount.table.Rename(parent, name, newParent, newName);
     fuse_reply_err(request, !ours ? EIO : lookedUp ? 0 : ESTALE);
 }

@@ -102,6 +102,16 @@ void Flush(fuse_req_t request, fuse_ino_t node, fuse_file_info *info)
     served.flush(request, node, info);
 }
 
+void FAllocate(fuse_req_t request, fuse_ino_t node, int mode, off_t offset, off_t length,
+               fuse_file_info *info)
+{
+    if (info->fh == EventActor::kHandle) {
+        fuse_reply_err(request, 0);
+        return;
+    }
+    served.fallocate(request, node, mode, offset, length, info);
+}
+
 void MkDir(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t mode)
 {
     if (EventActor *actor = ActorOf(request))
@@ -188,6 +198,7 @@ void RouteActedRequests(fuse_lowlevel_ops *operations)
     operations->create = Create;
     operations->release = Release;
     operations->flush = Flush;
+    operations->fallocate = FAllocate;
     operations->mkdir = MkDir;
     operations->mknod = MkNod;
     operations->symlink = SymLink;

@@ -41,6 +41,26 @@ RemoteShare::CreateCall CreateCallOf(const RemoteShare &share, uint32_t access, 
     return create;
 }
 
+// Held until the open counts as one of the file's.
+class WritableOpen {
+public:
+    explicit WritableOpen(NodePtr openNode) : node(std::move(openNode))
+    {
+        if (node)
+            node->opens.BeginWritableOpen();
+    }
+    ~WritableOpen()
+    {
+        if (node)
+            node->opens.EndWritableOpen();
+    }
+    WritableOpen(const WritableOpen &) = delete;
+    WritableOpen &operator=(const WritableOpen &) = delete;
+
+private:
+    const NodePtr node;
+};
+
 } // namespace
 
 // Where the file is, if it can be opened like that. False: it can't, and the call is answered.
@@ -74,10 +94,11 @@ Task<bool> FileOperations::LocateToOpen(FuseCall::Ptr call, NodePtr node, int fl
 Detached FileOperations::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
 {
     const NodePtr node = mount.table.Find(nodeId);
+    const bool truncates = (flags & O_TRUNC) != 0;
+    const WritableOpen opens(truncates || WantsWrite(flags) ? node : nullptr);
     Place place;
     if (!co_await LocateToOpen(call, node, flags, &place))
         co_return;
-    const bool truncates = (flags & O_TRUNC) != 0;
     const uint32_t access = opener.AccessOf(flags, *place.share) | (truncates ? nt::FILE_WRITE_DATA : 0);
     Opening opening;
     if (place.share->HasIds())
@@ -187,9 +208,8 @@ Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::stri
     }
 }
 
-void FileOperations::Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, uint32_t length)
+void FileOperations::Read(FuseCall::Ptr call, const RemoteFilePtr &file, uint64_t offset, uint32_t length)
 {
-    const RemoteFilePtr &file = mount.openFiles.Of(handle);
     if (!file->readable) {
         call->Fail(EBADF);
         return;
@@ -205,9 +225,9 @@ void FileOperations::Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, 
     });
 }
 
-void FileOperations::Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes, int flags)
+void FileOperations::Write(FuseCall::Ptr call, const RemoteFilePtr &file, uint64_t offset, ByteSpan bytes,
+                           int flags)
 {
-    const RemoteFilePtr &file = mount.openFiles.Of(handle);
     if (!file->writable) {
         call->Fail(EBADF);
         return;

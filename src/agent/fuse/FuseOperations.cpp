@@ -22,9 +22,16 @@ FileSystem &Of(fuse_req_t request)
     return *static_cast<FileSystem *>(fuse_req_userdata(request));
 }
 
+// From here on the call may be answered at any moment, when it was interrupted: then the kernel closes what
+// it has open. So that is looked up first.
 FuseCall::Ptr CallOf(fuse_req_t request)
 {
     return FuseCall::Create(request, Of(request).Interrupts());
+}
+
+RemoteFilePtr FileOf(const fuse_file_info *info)
+{
+    return KeptHandles<RemoteFile>::Of(info->fh);
 }
 
 void Init(void *, fuse_conn_info *connection)
@@ -82,7 +89,8 @@ void SetAttr(fuse_req_t request, fuse_ino_t node, struct stat *attributes, int t
     change.accessTime = toSet & FUSE_SET_ATTR_ATIME_NOW ? now : attributes->st_atim;
     change.setWriteTime = (toSet & (FUSE_SET_ATTR_MTIME | FUSE_SET_ATTR_MTIME_NOW)) != 0;
     change.writeTime = toSet & FUSE_SET_ATTR_MTIME_NOW ? now : attributes->st_mtim;
-    Of(request).attributes.SetAttributes(CallOf(request), node, change, info ? info->fh : 0);
+    RemoteFilePtr file = info ? FileOf(info) : nullptr;
+    Of(request).attributes.SetAttributes(CallOf(request), node, change, std::move(file));
 }
 
 void ReadLink(fuse_req_t request, fuse_ino_t node)
@@ -111,43 +119,45 @@ void Create(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t mode
 }
 
 // What locks kept whole may have changed since they were lost.
-bool RefusedForLock(fuse_req_t request, const fuse_file_info *info)
+bool RefusedForLock(fuse_req_t request, const RemoteFilePtr &file)
 {
-    return Of(request).locks.AreLost(info->fh) && fuse_reply_err(request, EIO) <= 0;
+    return Of(request).locks.AreLost(file) && fuse_reply_err(request, EIO) <= 0;
 }
 
 void Read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info *info)
 {
-    if (RefusedForLock(request, info))
-        return;
-    Of(request).files.Read(CallOf(request), info->fh, static_cast<uint64_t>(offset),
-                           static_cast<uint32_t>(size));
+    const RemoteFilePtr file = FileOf(info);
+    if (!RefusedForLock(request, file))
+        Of(request).files.Read(CallOf(request), file, static_cast<uint64_t>(offset),
+                               static_cast<uint32_t>(size));
 }
 
 void Write(fuse_req_t request, fuse_ino_t, const char *bytes, size_t size, off_t offset, fuse_file_info *info)
 {
-    if (RefusedForLock(request, info))
-        return;
-    Of(request).files.Write(CallOf(request), info->fh, static_cast<uint64_t>(offset),
-                            {reinterpret_cast<const uint8_t *>(bytes), size}, info->flags);
+    const RemoteFilePtr file = FileOf(info);
+    if (!RefusedForLock(request, file))
+        Of(request).files.Write(CallOf(request), file, static_cast<uint64_t>(offset),
+                                {reinterpret_cast<const uint8_t *>(bytes), size}, info->flags);
 }
 
 void Flush(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
 {
     FileSystem &files = Of(request);
+    RemoteFilePtr file = FileOf(info);
     files.locks.Closed(
-        info->fh, info->lock_owner,
-        [&files, call = CallOf(request)](const RemoteFilePtr &file) { files.files.Flush(call, file); });
+        std::move(file), info->lock_owner,
+        [&files, call = CallOf(request)](const RemoteFilePtr &closed) { files.files.Flush(call, closed); });
 }
 
 void FSync(fuse_req_t request, fuse_ino_t, int, fuse_file_info *info)
 {
-    Of(request).files.Sync(CallOf(request), info->fh);
+    const RemoteFilePtr file = FileOf(info);
+    Of(request).files.Flush(CallOf(request), file);
 }
 
 void Release(fuse_req_t request, fuse_ino_t, fuse_file_info *info)
 {
-    Of(request).locks.Released(info->fh);
+    Of(request).locks.Released(FileOf(info));
     Of(request).files.Release(CallOf(request), info->fh);
 }
 
@@ -165,19 +175,21 @@ LockWish WishOf(const fuse_file_info *info, const struct flock &range)
 void GetLk(fuse_req_t request, fuse_ino_t, fuse_file_info *info, struct flock *range)
 {
     const LockWish wish = WishOf(info, *range);
+    RemoteFilePtr file = FileOf(info);
     if (wish.begin >= wish.end)
         fuse_reply_err(request, EOVERFLOW);
     else
-        Of(request).locks.GetLock(CallOf(request), info->fh, wish);
+        Of(request).locks.GetLock(CallOf(request), std::move(file), wish);
 }
 
 void SetLk(fuse_req_t request, fuse_ino_t, fuse_file_info *info, struct flock *range, int sleep)
 {
     const LockWish wish = WishOf(info, *range);
+    RemoteFilePtr file = FileOf(info);
     if (wish.begin >= wish.end)
         fuse_reply_err(request, EOVERFLOW);
     else
-        Of(request).locks.SetLock(CallOf(request), info->fh, wish, sleep != 0);
+        Of(request).locks.SetLock(CallOf(request), std::move(file), wish, sleep != 0);
 }
 
 void Flock(fuse_req_t request, fuse_ino_t, fuse_file_info *info, int operation)
@@ -185,12 +197,14 @@ void Flock(fuse_req_t request, fuse_ino_t, fuse_file_info *info, int operation)
     LockWish wish = {.owner = info->lock_owner, .whole = true};
     if ((operation & LOCK_UN) == 0)
         wish.exclusive = (operation & LOCK_EX) != 0;
-    Of(request).locks.SetLock(CallOf(request), info->fh, wish, (operation & LOCK_NB) == 0);
+    RemoteFilePtr file = FileOf(info);
+    Of(request).locks.SetLock(CallOf(request), std::move(file), wish, (operation & LOCK_NB) == 0);
 }
 
 void FAllocate(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t length, fuse_file_info *info)
 {
-    Of(request).ranges.Allocate(CallOf(request), info->fh, mode, static_cast<uint64_t>(offset),
+    RemoteFilePtr file = FileOf(info);
+    Of(request).ranges.Allocate(CallOf(request), std::move(file), mode, static_cast<uint64_t>(offset),
                                 static_cast<uint64_t>(length));
 }
 
@@ -232,12 +246,14 @@ void Link(fuse_req_t request, fuse_ino_t node, fuse_ino_t newParent, const char 
 }
 void LSeek(fuse_req_t request, fuse_ino_t, off_t offset, int whence, fuse_file_info *info)
 {
-    Of(request).ranges.Seek(CallOf(request), info->fh, static_cast<uint64_t>(offset), whence);
+    RemoteFilePtr file = FileOf(info);
+    Of(request).ranges.Seek(CallOf(request), std::move(file), static_cast<uint64_t>(offset), whence);
 }
 void CopyFileRange(fuse_req_t request, fuse_ino_t, off_t from, fuse_file_info *source, fuse_ino_t, off_t to,
                    fuse_file_info *target, size_t length, int)
 {
-    Of(request).ranges.Copy(CallOf(request), source->fh, from, target->fh, to, length);
+    RemoteFilePtr reader = FileOf(source), writer = FileOf(target);
+    Of(request).ranges.Copy(CallOf(request), std::move(reader), from, std::move(writer), to, length);
 }
 
 void SetXattr(fuse_req_t request, fuse_ino_t node, const char *name, const char *value, size_t size,
@@ -267,14 +283,16 @@ void OpenDir(fuse_req_t request, fuse_ino_t node, fuse_file_info *)
 
 void ReadDir(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info *info)
 {
-    Of(request).directories.ReadDirectory(CallOf(request), info->fh, size, static_cast<uint64_t>(offset),
-                                          false);
+    OpenListingPtr open = KeptHandles<OpenListing>::Of(info->fh);
+    Of(request).directories.ReadDirectory(CallOf(request), std::move(open), size,
+                                          static_cast<uint64_t>(offset), false);
 }
 
 void ReadDirPlus(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info *info)
 {
-    Of(request).directories.ReadDirectory(CallOf(request), info->fh, size, static_cast<uint64_t>(offset),
-                                          true);
+    OpenListingPtr open = KeptHandles<OpenListing>::Of(info->fh);
+    Of(request).directories.ReadDirectory(CallOf(request), std::move(open), size,
+                                          static_cast<uint64_t>(offset), true);
 }
 
 void ReleaseDir(fuse_req_t request, fuse_ino_t, fuse_file_info *info)

@@ -161,9 +161,8 @@ Task<Nothing> LockOperations::End(LockOwnerPtr owner)
     co_return Nothing{};
 }
 
-Detached LockOperations::Closed(uint64_t handle, uint64_t owner, Next next)
+Detached LockOperations::Closed(RemoteFilePtr file, uint64_t owner, Next next)
 {
-    const RemoteFilePtr file = mount.openFiles.Of(handle);
     {
         const LockCall entered(owners, file->node, owner, false);
         if (entered.Owner())
@@ -194,18 +193,16 @@ Detached LockOperations::LeaveFile(LockOwnerPtr owner, RemoteFilePtr file)
     owners.Leave(owner);
 }
 
-void LockOperations::Released(uint64_t handle)
+void LockOperations::Released(const RemoteFilePtr &file)
 {
-    const RemoteFilePtr file = mount.openFiles.Of(handle);
     for (const LockOwnerPtr &owner : owners.Through(file)) {
         if (const LockOwnerPtr entered = owners.Enter(file->node, owner->id, false))
             LeaveFile(entered, file);
     }
 }
 
-bool LockOperations::AreLost(uint64_t handle) const
+bool LockOperations::AreLost(const RemoteFilePtr &file) const
 {
-    const RemoteFilePtr &file = mount.openFiles.Of(handle);
     const auto isLost = [](const LockOwnerPtr &owner) { return !owner->HoldsNothing() && owner->IsLost(); };
     const LockOwnerPtr side = owners.Find(file->node, LockOwners::kSide);
     return (side && isLost(side)) || std::ranges::any_of(owners.Through(file), isLost);
@@ -333,9 +330,8 @@ Task<Nothing> LockOperations::Restore(LockOwnerPtr owner, LockWish wish, LockRan
     co_return Nothing{};
 }
 
-Detached LockOperations::SetLock(FuseCall::Ptr call, uint64_t handle, LockWish wish, bool waits)
+Detached LockOperations::SetLock(FuseCall::Ptr call, RemoteFilePtr file, LockWish wish, bool waits)
 {
-    const RemoteFilePtr file = mount.openFiles.Of(handle);
     const LockCall entered(owners, file->node, wish.owner, true);
     const LockOwnerPtr owner = entered.Owner();
     const bool shared = !wish.whole && IsSharedMemory(file->node);
@@ -372,9 +368,8 @@ Task<LockFound> LockOperations::TryForAMoment(LockOwnerPtr owner, RemoteFilePtr 
     co_return found;
 }
 
-Detached LockOperations::GetLock(FuseCall::Ptr call, uint64_t handle, LockWish wish)
+Detached LockOperations::GetLock(FuseCall::Ptr call, RemoteFilePtr file, LockWish wish)
 {
-    const RemoteFilePtr file = mount.openFiles.Of(handle);
     const LockCall entered(owners, file->node, wish.owner, true);
     const LockOwnerPtr owner = entered.Owner();
     const bool shared = IsSharedMemory(file->node);

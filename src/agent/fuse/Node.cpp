@@ -59,6 +59,25 @@ void OpenState::EndClose()
         waiter();
 }
 
+void OpenState::BeginWritableOpen()
+{
+    const MutexLock held(lock);
+    ++opening;
+}
+
+void OpenState::EndWritableOpen()
+{
+    const MutexLock held(lock);
+    --opening;
+}
+
+bool OpenState::MayBeWritten() const
+{
+    const MutexLock held(lock);
+    return opening != 0 ||
+           std::any_of(files.begin(), files.end(), [](const RemoteFilePtr &file) { return file->writable; });
+}
+
 RemoteFilePtr OpenState::Any(bool writable) const
 {
     const MutexLock held(lock);

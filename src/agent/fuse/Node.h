@@ -83,6 +83,11 @@ public:
     // Around every close of a handle of the file that is sent: the name can't be replaced before it is over.
     void BeginClose();
     void EndClose();
+    // Around an open that may write, from its request to Add.
+    void BeginWritableOpen();
+    void EndWritableOpen();
+    // Programs of this mount may write to it, now or as soon as their open is answered.
+    bool MayBeWritten() const;
     // Any open of the file; one that may write if that is wanted. Null when there is none.
     RemoteFilePtr Any(bool writable) const;
     RemoteFilePtr AnyWith(uint32_t access) const; // that was opened with just these rights
@@ -106,6 +111,7 @@ private:
     mutable Mutex lock;
     std::vector<RemoteFilePtr> files GUARDED_BY(lock);
     std::vector<Waiter> waiters GUARDED_BY(lock);
+    size_t opening GUARDED_BY(lock) = 0; // to write
     size_t closing GUARDED_BY(lock) = 0;
     uint64_t closesEnded GUARDED_BY(lock) = 0;
     uint32_t deletion GUARDED_BY(lock) = 0;

@@ -173,6 +173,13 @@ NodePtr NodeTable::Reach(const NodePtr &parent, const std::string &name, NodeKin
     return node;
 }
 
+NodePtr NodeTable::FileInShareOf(const NodePtr &folder, uint64_t fileId) const
+{
+    const MutexLock held(lock);
+    const auto known = byFileId.find({ShareOf(folder.get()).get(), fileId});
+    return known == byFileId.end() ? nullptr : nodes.at(known->second->id);
+}
+
 NodePtr NodeTable::ReachNew(const NodePtr &parent, const std::string &name, NodeKind kind)
 {
     const MutexLock held(lock);

@@ -23,6 +23,8 @@ public:
     NodePtr Find(uint64_t id) const;
     // The child that is known under the name, without counting a lookup. Null when there is none.
     NodePtr Child(const NodePtr &parent, const std::string &name) const;
+    // The file of the id in the folder's share, if it is known by any name. Null else.
+    NodePtr FileInShareOf(const NodePtr &folder, uint64_t fileId) const;
     // The node of the file that the name leads to, made if need be, with one more lookup. `fileId` is 0 where
     // the file is known by its name alone. What the name led to before, if it was another file, loses the
     // name. When the node has more names than the file has `links`, the earlier ones lead elsewhere: `*lost`

@@ -25,7 +25,7 @@ public:
     {}
 
     Detached OpenDirectory(FuseCall::Ptr call, uint64_t nodeId);
-    Detached ReadDirectory(FuseCall::Ptr call, uint64_t handle, size_t size, uint64_t offset, bool plus);
+    Detached ReadDirectory(FuseCall::Ptr call, OpenListingPtr open, size_t size, uint64_t offset, bool plus);
     void ReleaseDirectory(FuseCall::Ptr call, uint64_t handle);
 
     // Opens `open->node` and makes its listing.
@@ -52,10 +52,9 @@ public:
 
     Detached Open(FuseCall::Ptr call, uint64_t nodeId, int flags);
     Detached Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode, int flags);
-    void Read(FuseCall::Ptr call, uint64_t handle, uint64_t offset, uint32_t length);
-    void Write(FuseCall::Ptr call, uint64_t handle, uint64_t offset, ByteSpan bytes, int flags);
+    void Read(FuseCall::Ptr call, const RemoteFilePtr &file, uint64_t offset, uint32_t length);
+    void Write(FuseCall::Ptr call, const RemoteFilePtr &file, uint64_t offset, ByteSpan bytes, int flags);
     void Flush(FuseCall::Ptr call, const RemoteFilePtr &file);
-    void Sync(FuseCall::Ptr call, uint64_t handle) { Flush(std::move(call), mount.openFiles.Of(handle)); }
     void Release(FuseCall::Ptr call, uint64_t handle);
 
 private:
@@ -91,7 +90,7 @@ public:
 
     Detached GetAttributes(FuseCall::Ptr call, uint64_t nodeId);
     // `handle` is 0 where the kernel gave none.
-    Detached SetAttributes(FuseCall::Ptr call, uint64_t nodeId, AttributeChange change, uint64_t handle);
+    Detached SetAttributes(FuseCall::Ptr call, uint64_t nodeId, AttributeChange change, RemoteFilePtr file);
     Detached ReadLink(FuseCall::Ptr call, uint64_t nodeId);
     Detached Access(FuseCall::Ptr call, uint64_t nodeId, int mask);
     Detached StatFs(FuseCall::Ptr call, uint64_t nodeId);
@@ -105,7 +104,7 @@ private:
     };
     Task<Borrowed> BorrowHandle(NodePtr node, RemoteFilePtr file, bool forData);
     void GiveBack(const NodePtr &node, const Borrowed &borrowed);
-    int Refusal(const NodePtr &node, const AttributeChange &change, uint64_t handle) const;
+    int Refusal(const NodePtr &node, const AttributeChange &change, bool byHandle) const;
     struct Changed {
         Borrowed borrowed;
         std::shared_ptr<FactsUnderway> identity; // of what was opened for the change
@@ -199,11 +198,12 @@ public:
     explicit RangeOperations(MountState &mountState) : mount(mountState) {}
 
     // As fallocate(2).
-    Detached Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uint64_t offset, uint64_t length);
+    Detached Allocate(FuseCall::Ptr call, RemoteFilePtr file, int mode, uint64_t offset, uint64_t length);
     // As lseek(2) with SEEK_DATA or SEEK_HOLE.
-    Detached Seek(FuseCall::Ptr call, uint64_t handle, uint64_t offset, int whence);
+    Detached Seek(FuseCall::Ptr call, RemoteFilePtr file, uint64_t offset, int whence);
     // As copy_file_range(2).
-    Detached Copy(FuseCall::Ptr call, uint64_t source, off_t from, uint64_t target, off_t to, size_t length);
+    Detached Copy(FuseCall::Ptr call, RemoteFilePtr reader, off_t from, RemoteFilePtr writer, off_t to,
+                  size_t length);
 
 private:
     Task<nt::NTSTATUS> ZeroRange(RemoteFilePtr file, uint64_t offset, uint64_t length);
@@ -250,17 +250,16 @@ public:
         : mount(mountState), places(placeFinder), opener(fileOpener)
     {}
 
-    Detached GetLock(FuseCall::Ptr call, uint64_t handle, LockWish wish);
-    Detached SetLock(FuseCall::Ptr call, uint64_t handle, LockWish wish, bool waits);
-    // A process has closed a descriptor of the file: its locks go, and then `next` is called. The kernel
-    // doesn't wait for that when the process is dying, so the handle may not hold any more by then.
+    Detached GetLock(FuseCall::Ptr call, RemoteFilePtr file, LockWish wish);
+    Detached SetLock(FuseCall::Ptr call, RemoteFilePtr file, LockWish wish, bool waits);
+    // A process has closed a descriptor of the file: its locks go, and then `next` is called.
     using Next = InlineFunction<void(const RemoteFilePtr &file)>;
-    Detached Closed(uint64_t handle, uint64_t owner, Next next);
+    Detached Closed(RemoteFilePtr file, uint64_t owner, Next next);
     // Nobody has it open any more.
-    void Released(uint64_t handle);
+    void Released(const RemoteFilePtr &file);
     // Whether locks that were taken through the open file went with a connection: what they kept whole may
     // have changed since.
-    bool AreLost(uint64_t handle) const;
+    bool AreLost(const RemoteFilePtr &file) const;
     void Clear() { owners.Clear(); }
 
 private:

@@ -75,10 +75,9 @@ Task<nt::NTSTATUS> RangeOperations::Grow(RemoteFilePtr file, uint64_t size)
     co_return result.status;
 }
 
-Detached RangeOperations::Allocate(FuseCall::Ptr call, uint64_t handle, int mode, uint64_t offset,
+Detached RangeOperations::Allocate(FuseCall::Ptr call, RemoteFilePtr file, int mode, uint64_t offset,
                                    uint64_t length)
 {
-    const RemoteFilePtr file = mount.openFiles.Of(handle);
     const bool punches = mode == (FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE);
     const bool reserves = (mode & ~(FALLOC_FL_KEEP_SIZE | FALLOC_FL_ZERO_RANGE)) == 0;
     if ((!punches && !reserves) || !file->writable) {
@@ -125,9 +124,8 @@ Task<bool> RangeOperations::FindNext(RemoteFilePtr file, int whence, uint64_t en
     co_return !atLast || *found == before;
 }
 
-Detached RangeOperations::Seek(FuseCall::Ptr call, uint64_t handle, uint64_t offset, int whence)
+Detached RangeOperations::Seek(FuseCall::Ptr call, RemoteFilePtr file, uint64_t offset, int whence)
 {
-    const RemoteFilePtr file = mount.openFiles.Of(handle);
     if (whence != SEEK_DATA && whence != SEEK_HOLE) {
         call->Fail(EINVAL);
         co_return;
@@ -154,11 +152,9 @@ Detached RangeOperations::Seek(FuseCall::Ptr call, uint64_t handle, uint64_t off
 }
 
 // Where the host can't, the kernel copies by reading and writing.
-Detached RangeOperations::Copy(FuseCall::Ptr call, uint64_t source, off_t from, uint64_t target, off_t to,
-                               size_t length)
+Detached RangeOperations::Copy(FuseCall::Ptr call, RemoteFilePtr reader, off_t from, RemoteFilePtr writer,
+                               off_t to, size_t length)
 {
-    const RemoteFilePtr reader = mount.openFiles.Of(source);
-    const RemoteFilePtr writer = mount.openFiles.Of(target);
     if (reader->share != writer->share || !writer->share->Has(nt::FODR_HOST_RANGES) || !reader->readable ||
         !writer->writable) {
         call->Fail(EOPNOTSUPP);
