@@ -61,15 +61,15 @@ TEST_F(Registry, KeysAreFoundMadeAndRemovedOneByOne)
     const Key top("");
     const Key parent("SOFTWARE\\Orvane, Inc.\\Orvane ODPService\\Plugins");
     EXPECT_EQ(RegistryDelete(top.handle, "SOFTWARE"), kErrorAccessDenied);
+    // The redirection ends with the fixture's key: what isn't below it is the machine's own.
+    RegistryKey machine = nullptr;
+    EXPECT_EQ(RegistryOpen(RegistryRoot::CurrentUser, kPlugin, kRegKeyRead, &machine), kErrorFileNotFound);
     const Key deleted(kPlugin);
     EXPECT_EQ(RegistryDelete(parent.handle, "FODR"), kErrorSuccess);
     EXPECT_EQ(deleted.Value("dll"), Key::Error(kErrorKeyDeleted));
     EXPECT_EQ(parent.Value("dll"), "error 2");
     EXPECT_EQ(RegistryDelete(parent.handle, "fodr"), kErrorFileNotFound);
     EXPECT_EQ(RegistryClose(nullptr), kErrorInvalidHandle);
-    // The redirection ends with the fixture's key: what isn't below it is the machine's own.
-    RegistryKey machine = nullptr;
-    EXPECT_EQ(RegistryOpen(RegistryRoot::CurrentUser, kPlugin, kRegKeyRead, &machine), kErrorFileNotFound);
 }
 
 TEST_F(Registry, TellsAChangeOnceForEachTimeItIsAsked)
