@@ -45,7 +45,6 @@ void DirectoryListing::EndUnread()
         if (begun || closed)
             return;
         begun = ended = closed = true;
-        begunAt = Clock::now();
     }
     node->opens.BeginClose();
     Close();
@@ -63,12 +62,6 @@ bool DirectoryListing::IsBegun() const
     return begun;
 }
 
-DirectoryListing::Clock::time_point DirectoryListing::BegunAt() const
-{
-    const MutexLock held(lock);
-    return begunAt;
-}
-
 void DirectoryListing::WhenKnown(size_t index, Waiter waiter)
 {
     // An answer to an earlier query can let the waiter go, and with it the listing, while this goes on.
@@ -79,11 +72,11 @@ void DirectoryListing::WhenKnown(size_t index, Waiter waiter)
         const MutexLock held(lock);
         if (!begun) {
             begun = true;
-            begunAt = Clock::now();
             if (!StaysOpen())
                 node->opens.BeginClose();
-            queries = PlanQueries();
         }
+        read = std::max(read, index);
+        queries = PlanQueries();
         known = KnowsAbout(index);
         if (!known)
             waiting.push_back({index, std::move(waiter)});
@@ -94,10 +87,12 @@ void DirectoryListing::WhenKnown(size_t index, Waiter waiter)
 }
 
 // How many queries to send now; they count as under way. A tagged share's root answers one after the other:
-// what follows its made-up listing ends it once, and then would list what isn't to be seen.
+// what follows its made-up listing ends it once, and then would list what isn't to be seen. Where a handle
+// keeps others from removing the folder, it is soon read to the end.
 size_t DirectoryListing::PlanQueries()
 {
-    if (ended)
+    const bool farAhead = StaysOpen() && entries.size() > read && entries.size() - read >= kMostAhead;
+    if (ended || farAhead)
         return 0;
     const bool oneByOne = NamesOneByOne();
     const size_t wanted = oneByOne ? 1 : std::min(kMostQueries, 2 + answered);
@@ -117,9 +112,10 @@ void DirectoryListing::SendQueries(size_t count)
         }
         const std::u16string_view pattern =
             tagged && first ? std::u16string_view(u"\\*") : std::u16string_view();
-        share->QueryDirectory(
-            fileId, ListingClassOf(*share), tagged && first, pattern,
-            [self = shared_from_this()](const IoResult &result) { self->OnAnswer(result); });
+        share->QueryDirectory(fileId, ListingClassOf(*share), tagged && first, pattern,
+                              [self = shared_from_this(), asked = Clock::now()](const IoResult &result) {
+                                  self->OnAnswer(result, asked);
+                              });
     }
 }
 
@@ -128,7 +124,7 @@ void DirectoryListing::Close()
     share->Close(fileId, [directory = node](const IoResult &) { directory->opens.EndClose(); });
 }
 
-void DirectoryListing::TakeEntries(ByteSpan answer)
+void DirectoryListing::TakeEntries(ByteSpan answer, Clock::time_point asked)
 {
     ended = ended || answer.empty(); // a peer that never ends
     DirectoryReader reader(answer, share->Ids());
@@ -148,6 +144,7 @@ void DirectoryListing::TakeEntries(ByteSpan answer)
             continue;
         Entry entry;
         entry.facts = record.facts;
+        entry.asked = asked;
         // What has no POSIX name can't be shown.
         if (!PosixNameFromNt(ntName, entry.name) || entry.name == "." || entry.name == ".." ||
             entry.name.empty())
@@ -164,7 +161,7 @@ void DirectoryListing::TakeEntries(ByteSpan answer)
     }
 }
 
-void DirectoryListing::OnAnswer(const IoResult &result)
+void DirectoryListing::OnAnswer(const IoResult &result, Clock::time_point asked)
 {
     std::vector<Waiter> ready;
     size_t queries = 0;
@@ -180,7 +177,7 @@ void DirectoryListing::OnAnswer(const IoResult &result)
             if (!atEnd && status == nt::STATUS_SUCCESS)
                 status = result.status;
         } else {
-            TakeEntries(result.data);
+            TakeEntries(result.data, asked);
         }
         queries = PlanQueries();
         close = IsOver() && !closed && !StaysOpen();

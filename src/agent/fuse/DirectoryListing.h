@@ -14,11 +14,12 @@ namespace fodr::agent {
 
 class DirectoryListing : public std::enable_shared_from_this<DirectoryListing> {
 public:
+    using Clock = std::chrono::steady_clock;
     struct Entry {
         std::string name; // POSIX
         FileFacts facts;
+        Clock::time_point asked; // when the other side was
     };
-    using Clock = std::chrono::steady_clock;
 
     // Takes the folder's handle over, which was opened for this. `folderId` is the folder's own id, 0 where
     // it isn't known: a listing of another folder fails with STATUS_OBJECT_PATH_NOT_FOUND.
@@ -46,7 +47,6 @@ public:
     bool IsBegun() const;
     // Its folder is removed: nothing is in it, and a handle that nobody has read from is closed.
     void EndUnread();
-    Clock::time_point BegunAt() const;
     // False where nothing but its name could be had: a host that tells modes tells one of all else. Nor is
     // enough known of a link that is followed.
     bool Knows(const Entry &entry) const
@@ -63,6 +63,9 @@ public:
 
 private:
     static constexpr size_t kMostQueries = 8;
+    // Entries that are asked for before somebody reads them. What is read long after it was asked for isn't
+    // believed, and asked for again one by one.
+    static constexpr size_t kMostAhead = 4096;
 
     bool KnowsAbout(size_t index) const REQUIRES(lock)
     {
@@ -74,9 +77,9 @@ private:
     bool IsOver() const REQUIRES(lock) { return ended && inFlight == 0; }
     size_t PlanQueries() REQUIRES(lock);
     void SendQueries(size_t count);
-    void OnAnswer(const IoResult &result);
+    void OnAnswer(const IoResult &result, Clock::time_point asked);
     void Close();
-    void TakeEntries(ByteSpan answer) REQUIRES(lock);
+    void TakeEntries(ByteSpan answer, Clock::time_point asked) REQUIRES(lock);
 
     const NodePtr node;
     const std::shared_ptr<RemoteShare> share;
@@ -94,7 +97,7 @@ private:
     std::vector<Pending> waiting GUARDED_BY(lock);
     bool isFolder GUARDED_BY(lock); // its own entry has shown that it is the one that was meant
     bool begun GUARDED_BY(lock) = false;
-    Clock::time_point begunAt GUARDED_BY(lock){};
+    size_t read GUARDED_BY(lock) = 0; // entries that somebody has asked for
     bool ended GUARDED_BY(lock) = false;
     bool closed GUARDED_BY(lock) = false;
     size_t inFlight GUARDED_BY(lock) = 0;

@@ -173,13 +173,12 @@ Detached DirectoryOperations::ReadDirectory(FuseCall::Ptr call, OpenListingPtr o
 }
 
 // What was learnt of the name since the listing was asked for counts.
-bool DirectoryOperations::IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry,
-                                        Node::Clock::time_point asked) const
+bool DirectoryOperations::IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry) const
 {
-    if (mount.ChangedBySelf(folder, entry.name, asked))
+    if (mount.ChangedBySelf(folder, entry.name, entry.asked))
         return true;
     const NodePtr known = mount.table.Child(folder, entry.name);
-    return known && known->SeenAt() > asked;
+    return known && known->SeenAt() > entry.asked;
 }
 
 void DirectoryOperations::FillListing(const OpenListing &open, uint64_t offset, ReaddirBuffer *buffer,
@@ -205,15 +204,14 @@ void DirectoryOperations::FillListing(const OpenListing &open, uint64_t offset, 
         ++offset;
         EntryAnswer answer;
         answer.attributes = StatOf(entry->facts, kUnknownInode, mount.options.owner);
-        const auto asked = open.listing->BegunAt();
         const bool known = open.listing->Knows(*entry);
         if (!known)
             answer.attributes.st_mode = 0; // it isn't a file for sure
-        if (known && buffer->IsPlus() && !IsKnownBetter(open.node, *entry, asked)) {
+        if (known && buffer->IsPlus() && !IsKnownBetter(open.node, *entry)) {
             const NodePtr node = mount.Reach(open.node, entry->name, entry->facts, entry->facts.id);
             node->NoteFacts(entry->facts);
-            node->NoteSeen(asked);
-            answer = mount.AnswerFor(open.node, node, entry->facts, true, asked);
+            node->NoteSeen(entry->asked);
+            answer = mount.AnswerFor(open.node, node, entry->facts, true, entry->asked);
             reached->push_back(node->id);
         }
         if (buffer->Add(entry->name, answer, offset))

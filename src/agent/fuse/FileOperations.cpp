@@ -16,10 +16,18 @@ bool WantsWrite(int flags)
     return (flags & O_ACCMODE) != O_RDONLY;
 }
 
-FuseCall::Caching CachingOf(int flags)
+// What is appended goes where the kernel doesn't know. Who only writes reads none of what would be kept, and
+// the kernel asks about rights (security.capability) before each write that it keeps. But it takes the set-id
+// bits from a file only then.
+bool IsDirect(int flags, uint32_t mode)
 {
-    // The kernel doesn't know where the bytes go.
-    return flags & O_APPEND ? FuseCall::Caching::Direct : FuseCall::Caching::Allowed;
+    const bool onlyWrites = (flags & O_ACCMODE) == O_WRONLY;
+    return (flags & O_APPEND) || (onlyWrites && (mode & (S_ISUID | S_ISGID)) == 0);
+}
+
+FuseCall::Caching CachingOf(const RemoteFilePtr &file)
+{
+    return file->direct ? FuseCall::Caching::Direct : FuseCall::Caching::Allowed;
 }
 
 RemoteShare::CreateCall CreateCallOf(const RemoteShare &share, uint32_t access, mode_t mode, int flags)
@@ -127,13 +135,14 @@ Detached FileOperations::Open(FuseCall::Ptr call, uint64_t nodeId, int flags)
     } else if (place.share->HasIds()) {
         node->NoteFactsOfOpen(opening.facts);
     }
+    file->direct = IsDirect(flags, opening.facts.mode);
     const uint64_t handle = opener.Keep(file);
     // Whoever opens a file sees it as it is by now, also its size. The node is in use, so this doesn't wait.
     if (fuse_session *const told = file->readable ? mount.session.load() : nullptr)
         fuse_lowlevel_notify_inval_inode(told, node->id, -1, 0);
     if (file->readable && !place.share->HasIds())
         opener.PrimeReading(file);
-    if (!call->Opened(handle, CachingOf(flags)))
+    if (!call->Opened(handle, CachingOf(file)))
         Release(nullptr, handle);
 }
 
@@ -200,9 +209,11 @@ Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::stri
     writes->NoteFacts(facts, isNew ? writes->Generation() : 0);
     node->NoteFacts(facts);
     node->NoteOwnChange();
-    const uint64_t handle = opener.Keep(opener.NewOpen(node, place.share, fileId, access), isNew);
+    const RemoteFilePtr file = opener.NewOpen(node, place.share, fileId, access);
+    file->direct = IsDirect(flags, facts.mode);
+    const uint64_t handle = opener.Keep(file, isNew);
     // Its times are this machine's guess: they hold until somebody asks.
-    if (!call->Created(mount.AnswerFor(parent, node, facts, false, asked), handle, CachingOf(flags))) {
+    if (!call->Created(mount.AnswerFor(parent, node, facts, false, asked), handle, CachingOf(file))) {
         mount.table.Forget(node->id, 1);
         Release(nullptr, handle);
     }
@@ -239,7 +250,14 @@ void FileOperations::Write(FuseCall::Ptr call, const RemoteFilePtr &file, uint64
     }
     file->node->NoteOwnChange();
     const std::shared_ptr<WriteBehind> writes = file->node->Writes(mount.writeWindow);
-    auto accepted = [call, size = bytes.size()] { call->Written(size); };
+    auto accepted = [this, call, file, size = bytes.size()] {
+        if (!file->direct || !file->node->opens.AnyIsCached()) {
+            call->Written(size);
+            return;
+        }
+        mount.notifier.DataChanged(file->node->id); // others read it
+        mount.notifier.CallAt(KernelNotifier::Clock::now(), [call, size] { call->Written(size); });
+    };
     if (flags & O_APPEND)
         writes->Append(file->Target(), bytes, std::move(accepted));
     else

@@ -106,6 +106,12 @@ RemoteFilePtr OpenState::AnyThatChangesBasics() const
     return found == files.end() ? nullptr : *found;
 }
 
+bool OpenState::AnyIsCached() const
+{
+    const MutexLock held(lock);
+    return std::any_of(files.begin(), files.end(), [](const RemoteFilePtr &file) { return !file->direct; });
+}
+
 bool OpenState::IsOpen() const
 {
     const MutexLock held(lock);

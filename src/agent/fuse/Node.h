@@ -67,6 +67,7 @@ struct RemoteFile {
     bool readable = false;
     bool writable = false;
     bool changesBasics = false; // times and attributes can be set by it
+    bool direct = false;        // the kernel keeps none of the bytes that go through it
     bool givenAway = false;     // the handle isn't this open's any more
     bool released = false;      // the kernel has closed it: counted by BeginClose already
     std::shared_ptr<WriteErrors> errors = std::make_shared<WriteErrors>();
@@ -92,6 +93,7 @@ public:
     RemoteFilePtr Any(bool writable) const;
     RemoteFilePtr AnyWith(uint32_t access) const; // that was opened with just these rights
     RemoteFilePtr AnyThatChangesBasics() const;
+    bool AnyIsCached() const; // the kernel keeps bytes that were read through it
     bool IsOpen() const;
     bool IsClosing() const;
     // How many closes have ended. A refusal by one of them may be told after its end.

@@ -33,8 +33,7 @@ public:
 
 private:
     Task<bool> ListsAnother(const OpenListing &open);
-    bool IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry,
-                       Node::Clock::time_point asked) const;
+    bool IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry) const;
     void FillListing(const OpenListing &open, uint64_t offset, ReaddirBuffer *buffer,
                      std::vector<uint64_t> *reached);
 
