@@ -53,14 +53,13 @@ bool AgentChannel::SendPacket(ByteSpan head, ByteSpan tail)
 
 void AgentChannel::SendNotice(transport::NoticeKind kind, const std::string &text)
 {
-    const std::string_view cut = std::string_view(text).substr(0, transport::kMaxText);
-    connection.Send(transport::Notice{.kind = kind, .text = cut});
+    connection.Send(transport::Notice{.kind = kind, .text = text});
 }
 
 void AgentChannel::Refuse(const std::string &reason)
 {
     refused = true;
-    connection.Send(transport::Goodbye{.reason = std::string_view(reason).substr(0, transport::kMaxText)});
+    connection.Send(transport::Goodbye{.reason = reason});
     // What is queued goes out before the stream is shut down, unless this is the thread that reads.
     connection.Flush(kFlushMS);
     connection.Close(reason);
@@ -68,7 +67,7 @@ void AgentChannel::Refuse(const std::string &reason)
 
 void AgentChannel::Close(const std::string &reason)
 {
-    connection.Send(transport::Goodbye{.reason = std::string_view(reason).substr(0, transport::kMaxText)});
+    connection.Send(transport::Goodbye{.reason = reason});
     connection.Flush(kFlushMS);
     connection.Close(reason);
 }

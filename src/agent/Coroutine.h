@@ -3,7 +3,7 @@
 // waits they neither block nor hold a lock.
 #pragma once
 
-#include "agent/RemoteShare.h"
+#include "agent/IoResult.h"
 
 #include <coroutine>
 #include <exception>
@@ -98,10 +98,21 @@ private:
     std::tuple<Values...> values;
 };
 
+// Gives just the status of a request.
+template <class Start> class [[nodiscard]] StatusAwaiter : public Awaiter<Start, IoResult> {
+public:
+    using Awaiter<Start, IoResult>::Awaiter;
+    nt::NTSTATUS await_resume() { return Awaiter<Start, IoResult>::await_resume().status; }
+};
+
 // Of a request, for a handler without values, and for one with several.
 template <class Start> auto AwaitIo(Start start)
 {
     return Awaiter<Start, IoResult>(std::move(start));
+}
+template <class Start> auto AwaitStatus(Start start)
+{
+    return StatusAwaiter<Start>(std::move(start));
 }
 template <class Start> auto AwaitCall(Start start)
 {

@@ -28,8 +28,7 @@ Task<bool> ReadPart(RemoteShare &share, uint32_t fileId, uint64_t from, uint64_t
         .desiredAccess = nt::FILE_READ_DATA | nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
         .createDisposition = nt::FILE_OPEN,
         .createOptions = nt::FILE_NON_DIRECTORY_FILE | nt::FILE_OPEN_REPARSE_POINT};
-    const IoResult opened =
-        co_await AwaitIo([&](IoHandler done) { share.Create(open, path, std::move(done)); });
+    const IoResult opened = co_await share.Create(open, path);
     if (opened.Failed())
         co_return false;
     const uint32_t looking = opened.fileId;
@@ -38,8 +37,7 @@ Task<bool> ReadPart(RemoteShare &share, uint32_t fileId, uint64_t from, uint64_t
     bool whole = !nt::IsError(same);
     while (whole && part->size() < length) {
         const auto piece = static_cast<uint32_t>(std::min<uint64_t>(kPiece, length - part->size()));
-        const IoResult read = co_await AwaitIo(
-            [&](IoHandler done) { share.Read(looking, from + part->size(), piece, std::move(done)); });
+        const IoResult read = co_await share.Read(looking, from + part->size(), piece);
         whole = !read.Failed() && !read.data.empty();
         part->insert(part->end(), read.data.begin(), read.data.end());
     }
@@ -51,9 +49,7 @@ Task<AppendFound> Look(RemoteShare &share, uint32_t fileId, AppendFloor floor, B
 {
     AppendFound found;
     {
-        const IoResult told = co_await AwaitIo([&](IoHandler done) {
-            share.QueryInformation(fileId, nt::FileNetworkOpenInformation, std::move(done));
-        });
+        const IoResult told = co_await share.QueryInformation(fileId, nt::FileNetworkOpenInformation);
         FileFacts facts;
         if (told.Failed() || !ReadNetworkOpenInformation(told.data, &facts) || facts.endOfFile < 0)
             co_return found;
@@ -145,13 +141,6 @@ void LookForAppend(std::shared_ptr<RemoteShare> share, uint32_t fileId, const Ap
 
 namespace {
 
-auto Query(RemoteShare &share, uint32_t fileId, uint32_t informationClass)
-{
-    return AwaitIo([&share, fileId, informationClass](IoHandler done) {
-        share.QueryInformation(fileId, informationClass, std::move(done));
-    });
-}
-
 // The statuses of a request that may fare better another time.
 bool SaysLater(nt::NTSTATUS status)
 {
@@ -181,8 +170,7 @@ Detached Run(RdpdrClient &client, RequestTable &requests, RequestTable::Reopenin
                                               .createDisposition = nt::FILE_OPEN,
                                               .createOptions = reopening.how.CreateOptions,
                                               .sharedAccess = reopening.how.SharedAccess};
-        const IoResult opened =
-            co_await AwaitIo([&](IoHandler done) { share.Create(call, path, std::move(done)); });
+        const IoResult opened = co_await share.Create(call, path);
         status = SaysGone(opened.status) ? STATUS_FILE_INVALID : opened.status;
         fileId = opened.fileId;
         if (!opened.Failed())
@@ -203,7 +191,7 @@ Task<nt::NTSTATUS> CheckIdentity(RemoteShare &share, uint32_t fileId, IReopen &r
     // Both begin with the file's id.
     constexpr std::array kClasses = {nt::FileStatLxInformation, nt::FileInternalInformation};
     for (size_t i = 0; expected != 0 && i < kClasses.size(); ++i) {
-        const IoResult result = co_await Query(share, fileId, kClasses[i]);
+        const IoResult result = co_await share.QueryInformation(fileId, kClasses[i]);
         if (SaysLater(result.status))
             co_return result.status;
         uint64_t id = 0;
@@ -212,7 +200,7 @@ Task<nt::NTSTATUS> CheckIdentity(RemoteShare &share, uint32_t fileId, IReopen &r
         if (id != 0)
             co_return id == expected ? nt::STATUS_SUCCESS : STATUS_FILE_INVALID;
     }
-    const IoResult result = co_await Query(share, fileId, nt::FileNetworkOpenInformation);
+    const IoResult result = co_await share.QueryInformation(fileId, nt::FileNetworkOpenInformation);
     if (SaysLater(result.status))
         co_return result.status;
     FileFacts facts;

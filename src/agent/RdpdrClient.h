@@ -5,11 +5,11 @@
 
 #include "agent/AgentChannel.h"
 #include "agent/RequestTable.h"
+#include "lib/misc/Mutex.h"
 #include "rdpdr/wire/RdpdrRecords.h"
 
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -138,7 +138,7 @@ private:
     bool confirmed GUARDED_BY(lock) = false;
     std::vector<KnownShare> shares GUARDED_BY(lock);
     bool stopping GUARDED_BY(lock) = false;
-    std::condition_variable_any clockWakeup;
+    Condition clockWakeup;
     std::atomic<bool> clockSleeps{false}; // until a request wants it
     std::thread clock;
     std::shared_ptr<AgentChannel> channel GUARDED_BY(lock);

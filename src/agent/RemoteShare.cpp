@@ -106,20 +106,32 @@ void RemoteShare::Write(uint32_t fileId, uint64_t offset, ByteSpan bytes, IoHand
          std::move(handler));
 }
 
-void RemoteShare::QueryInformation(uint32_t fileId, uint32_t informationClass, IoHandler handler)
+// Queries of a file and of a volume have one form.
+void RemoteShare::Query(uint32_t major, uint32_t fileId, uint32_t informationClass, IoHandler &&handler)
 {
+    static_assert(kWireSize<DR_DRIVE_QUERY_INFORMATION_REQ> ==
+                  kWireSize<DR_DRIVE_QUERY_VOLUME_INFORMATION_REQ>);
     const DR_DRIVE_QUERY_INFORMATION_REQ body = {.FsInformationClass = informationClass};
-    Send(IRP_MJ_QUERY_INFORMATION, 0, fileId, body, {},
+    Send(major, 0, fileId, body, {},
          {.answer = AnswerKind::Data, .limit = kAnyLength, .afterLoss = AfterLoss::Repeats},
          std::move(handler));
 }
 
-void RemoteShare::QueryVolume(uint32_t fileId, uint32_t informationClass, IoHandler handler)
+nt::NTSTATUS RemoteShare::TakeFacts(const IoResult &result, FileFacts *facts) const
 {
-    const DR_DRIVE_QUERY_VOLUME_INFORMATION_REQ body = {.FsInformationClass = informationClass};
-    Send(IRP_MJ_QUERY_VOLUME_INFORMATION, 0, fileId, body, {},
-         {.answer = AnswerKind::Data, .limit = kAnyLength, .afterLoss = AfterLoss::Repeats},
-         std::move(handler));
+    if (result.Failed())
+        return result.status;
+    const bool whole =
+        TellsIds() ? ReadStatInformation(result.data, facts) : ReadNetworkOpenInformation(result.data, facts);
+    if (!HasIds())
+        facts->DropId();
+    return whole ? nt::STATUS_SUCCESS : STATUS_INVALID_NETWORK_RESPONSE;
+}
+
+Task<nt::NTSTATUS> RemoteShare::QueryFacts(uint32_t fileId, FileFacts *facts)
+{
+    const IoResult result = co_await QueryInformation(fileId, FactsClass());
+    co_return TakeFacts(result, facts);
 }
 
 void RemoteShare::SetInformation(uint32_t fileId, uint32_t informationClass, ByteSpan record,
@@ -134,14 +146,6 @@ void RemoteShare::SetInformation(uint32_t fileId, uint32_t informationClass, Byt
          {.answer = AnswerKind::Status, .afterLoss = RepeatsIf(repeats)}, std::move(handler));
 }
 
-void RemoteShare::SetVolume(uint32_t fileId, uint32_t informationClass, ByteSpan record, IoHandler handler)
-{
-    const DR_DRIVE_SET_VOLUME_INFORMATION_REQ body = {.FsInformationClass = informationClass,
-                                                      .Length = Size32(record)};
-    Send(IRP_MJ_SET_VOLUME_INFORMATION, 0, fileId, body, record, {.answer = AnswerKind::Status},
-         std::move(handler));
-}
-
 void RemoteShare::Rename(uint32_t fileId, std::u16string_view target, bool replaceIfExists, IoHandler handler)
 {
     const WirePath wirePath(target);
@@ -154,43 +158,9 @@ void RemoteShare::Rename(uint32_t fileId, std::u16string_view target, bool repla
     SetInformation(fileId, nt::FileRenameInformation, record, std::move(handler));
 }
 
-void RemoteShare::Delete(uint32_t fileId, IoHandler handler)
-{
-    const uint8_t deleteFile = 1;
-    SetInformation(fileId, nt::FileDispositionInformation, {&deleteFile, 1}, std::move(handler));
-}
-
-void RemoteShare::DeleteAtOnce(uint32_t fileId, IoHandler handler)
-{
-    std::array<uint8_t, 4> flags;
-    StoreLittle<uint32_t>(flags.data(), nt::FILE_DISPOSITION_DELETE | nt::FILE_DISPOSITION_POSIX_SEMANTICS |
-                                            nt::FILE_DISPOSITION_IGNORE_READONLY_ATTRIBUTE);
-    SetInformation(fileId, nt::FileDispositionInformationEx, flags, std::move(handler));
-}
-
 uint32_t RemoteShare::WireIdOf(uint32_t fileId, RequestTable::Expected *expected) const
 {
     return numbers == FileNumbers::Lasting ? client.WireIdOf(fileId, &expected->onlyOn) : fileId;
-}
-
-void RemoteShare::RenameInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, bool replace,
-                             IoHandler handler)
-{
-    const uint32_t flags = nt::FILE_RENAME_POSIX_SEMANTICS | nt::FILE_RENAME_IGNORE_READONLY_ATTRIBUTE |
-                           (replace ? nt::FILE_RENAME_REPLACE_IF_EXISTS : 0);
-    NameInto(fileId, directoryId, name, nt::FileRenameInformationEx, flags, std::move(handler));
-}
-
-void RemoteShare::ExchangeWith(uint32_t fileId, uint32_t directoryId, std::u16string_view name,
-                               IoHandler handler)
-{
-    NameInto(fileId, directoryId, name, nt::FileRenameInformationEx, nt::FODR_RENAME_EXCHANGE,
-             std::move(handler));
-}
-
-void RemoteShare::LinkInto(uint32_t fileId, uint32_t directoryId, std::u16string_view name, IoHandler handler)
-{
-    NameInto(fileId, directoryId, name, nt::FileLinkInformation, 0, std::move(handler));
 }
 
 // The records of all classes that name a directory have one form.
@@ -214,7 +184,8 @@ void RemoteShare::NameInto(uint32_t fileId, uint32_t directoryId, std::u16string
     Send(IRP_MJ_SET_INFORMATION, 0, fileId, body, record, expected, std::move(handler));
 }
 
-void RemoteShare::CopyRange(uint32_t fileId, uint32_t sourceId, nt::FODR_RANGE_COPY range, IoHandler handler)
+void RemoteShare::SendCopyRange(uint32_t fileId, uint32_t sourceId, nt::FODR_RANGE_COPY range,
+                                IoHandler &&handler)
 {
     RequestTable::Expected expected = {.answer = AnswerKind::Control, .limit = sizeof(uint64_t)};
     range.Source = WireIdOf(sourceId, &expected);

@@ -37,11 +37,6 @@ bool SecretsEqual(const transport::Secret &first, const transport::Secret &secon
     return difference == std::byte{0};
 }
 
-struct HelloCatcher final : transport::IFrameReceiver {
-    void OnSideHello(const transport::SideHello &frame) override { hello = frame; }
-    transport::SideHello hello{.version = 0};
-};
-
 // Exactly as many bytes, so that what follows stays in the stream.
 bool ReadExactly(platform::ByteStream *stream, std::span<std::byte> bytes, Clock::time_point end)
 {
@@ -108,14 +103,13 @@ bool SideListener::ShowsSecret(platform::ByteStream *stream, uint32_t object)
     if (!ReadExactly(stream, bytes, Clock::now() + kHelloTime))
         return false;
     transport::FrameHeader header;
-    HelloCatcher catcher;
+    transport::SideHello hello;
     const platform::ByteView body = platform::ByteView(bytes).subspan(transport::kFrameHeaderSize);
     if (transport::DecodeHeader(bytes.data(), &header) != nullptr || header.bodySize != body.size() ||
-        header.type != transport::FrameType::SideHello ||
-        transport::DecodeFrame(header.type, body, &catcher) != nullptr)
+        header.type != transport::FrameType::SideHello || transport::DecodeBody(body, &hello) != nullptr)
         return false;
-    return catcher.hello.version == transport::kVersion && catcher.hello.object == object &&
-           SecretsEqual(catcher.hello.secret, secret);
+    return hello.version == transport::kVersion && hello.object == object &&
+           SecretsEqual(hello.secret, secret);
 }
 
 } // namespace fodr::agent

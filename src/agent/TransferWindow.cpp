@@ -1,6 +1,7 @@
 #include "agent/TransferWindow.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace fodr::agent {
 namespace {
@@ -83,6 +84,10 @@ void TransferWindow::End(const Transfer &transfer, Time now)
         Measure(transfer, now);
         if (inFlight <= Limit())
             released.swap(waiters);
+        if (inFlight == 0) {
+            std::ranges::move(waitersForEmpty, std::back_inserter(released));
+            waitersForEmpty.clear();
+        }
     }
     for (Waiter &waiter : released)
         waiter();
@@ -94,6 +99,18 @@ void TransferWindow::WhenBelow(Waiter waiter)
         const MutexLock held(lock);
         if (inFlight > Limit()) {
             waiters.push_back(std::move(waiter));
+            return;
+        }
+    }
+    waiter();
+}
+
+void TransferWindow::WhenEmpty(Waiter waiter)
+{
+    {
+        const MutexLock held(lock);
+        if (inFlight != 0) {
+            waitersForEmpty.push_back(std::move(waiter));
             return;
         }
     }

@@ -39,6 +39,8 @@ public:
     // Calls the function as soon as no more than the limit is on its way: now, or from an End.
     using Waiter = InlineFunction<void()>;
     void WhenBelow(Waiter waiter);
+    // The same for when nothing is on its way.
+    void WhenEmpty(Waiter waiter);
 
 private:
     // The highest rate of the last one to two spans of time.
@@ -62,6 +64,7 @@ private:
     double delay GUARDED_BY(lock) = 0; // seconds; 0: not known
     Time delaySeen GUARDED_BY(lock){};
     std::vector<Waiter> waiters GUARDED_BY(lock);
+    std::vector<Waiter> waitersForEmpty GUARDED_BY(lock);
 };
 
 } // namespace fodr::agent

@@ -176,11 +176,11 @@ void WriteBehind::SizeChanges()
     knownEnd.Cut();
 }
 
-void WriteBehind::SizeChanged(const IoResult &outcome, uint64_t size)
+void WriteBehind::SizeChanged(nt::NTSTATUS outcome, uint64_t size)
 {
     const MutexLock held(lock);
     ++generation;
-    if (!outcome.Failed() && active.empty() && queued.empty())
+    if (!nt::IsError(outcome) && active.empty() && queued.empty())
         knownEnd.NoteSize(size, true);
 }
 

@@ -56,7 +56,7 @@ public:
     void NoteFacts(const FileFacts &facts, uint64_t asked);
     // Around every change of the size by this side.
     void SizeChanges();
-    void SizeChanged(const IoResult &outcome, uint64_t size);
+    void SizeChanged(nt::NTSTATUS outcome, uint64_t size);
 
     // Calls the function when every write begun before has been acknowledged or has failed: all, or those
     // that overlap [offset, offset + length).

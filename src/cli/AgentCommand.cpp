@@ -4,6 +4,7 @@
 #include "cli/Console.h"
 #include "cli/MountFolder.h"
 #include "cli/Words.h"
+#include "lib/misc/Mutex.h"
 #include "lib/unicode/ForeignText.h"
 #include "platform/Volumes.h"
 
@@ -11,8 +12,6 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string_view>
 #include <utility>
 
@@ -73,8 +72,10 @@ public:
         if (listener)
             return Admitted(kAcceptMS);
         {
-            std::unique_lock<std::mutex> held(lock);
-            wakeup.wait_for(held, pause, [this] { return stopped; });
+            const MutexLock held(lock);
+            const auto end = std::chrono::steady_clock::now() + pause;
+            while (!stopped && wakeup.wait_until(lock, end) != std::cv_status::timeout) {
+            }
             if (std::exchange(stopped, false))
                 return nullptr;
             pause = std::min(2 * pause, kLongestPause);
@@ -86,7 +87,7 @@ public:
     }
     void Stop()
     {
-        const std::lock_guard<std::mutex> held(lock);
+        const MutexLock held(lock);
         stopped = true;
         wakeup.notify_all();
     }
@@ -109,9 +110,9 @@ private:
     const std::string token;
     std::optional<HostAndPort> place; // of TCP
     std::unique_ptr<platform::StreamListener> listener;
-    std::mutex lock;
-    std::condition_variable wakeup;
-    bool stopped = false; // under lock
+    Mutex lock;
+    Condition wakeup;
+    bool stopped GUARDED_BY(lock) = false;
     std::chrono::milliseconds pause = kFirstPause;
 };
 

@@ -65,20 +65,17 @@ std::string Line(const std::string &name, const SettingValue &value)
     return line;
 }
 
-// The key, or as long as there is none the nearest one above it, so that its coming is noticed. `*path`
-// becomes that of what is open.
+// A store that can't be read counts as empty.
 std::unique_ptr<SettingsKey> OpenNearest(std::string *path)
 {
     *path = platform::kPluginSettingsKey;
-    for (;;) {
-        auto key = std::make_unique<SettingsKey>(*path);
-        const bool isMissing =
-            key->Result() == platform::kErrorFileNotFound || key->Result() == platform::kErrorInvalidData;
-        if (!isMissing || path->empty())
-            return key;
-        const size_t end = path->rfind('\\');
-        *path = end == std::string::npos ? "" : path->substr(0, end);
-    }
+    std::unique_ptr<SettingsKey> key;
+    platform::OpenNearestKey(path, [&key](const std::string &tried) {
+        key = std::make_unique<SettingsKey>(tried);
+        const uint32_t result = key->Result();
+        return result == platform::kErrorInvalidData ? platform::kErrorFileNotFound : result;
+    });
+    return key;
 }
 
 // Sets the event at the next change of the key or, as long as there is none, when one comes. `*key` is what
@@ -91,10 +88,9 @@ uint32_t Watch(platform::Waitable changed, std::unique_ptr<SettingsKey> *key)
         if ((*key)->Result() != platform::kErrorSuccess)
             return (*key)->Result();
         const bool isKey = path == platform::kPluginSettingsKey;
-        const uint32_t filter =
-            platform::kRegNotifyChangeName | (isKey ? platform::kRegNotifyChangeLastSet : 0);
-        const uint32_t result = platform::RegistryNotify(
-            (*key)->Get(), false, filter, [](void *event) { platform::SetEventObject(event); }, changed);
+        const uint32_t result =
+            platform::RegistryNotify((*key)->Get(), false, platform::NearestKeyFilter(isKey),
+                                     [](void *event) { platform::SetEventObject(event); }, changed);
         std::string now;
         OpenNearest(&now);
         if (result != platform::kErrorSuccess || now == path)

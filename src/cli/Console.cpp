@@ -4,16 +4,15 @@
 #include "platform/Files.h"
 
 #include <cstdio>
-#include <mutex>
 
 namespace fodr::cli {
 
 namespace {
 
-std::mutex consoleLock;
-bool remarkShown = false; // under consoleLock
+Mutex consoleLock;
+bool remarkShown GUARDED_BY(consoleLock) = false;
 
-void ClearRemark()
+void ClearRemark() REQUIRES(consoleLock)
 {
     if (remarkShown)
         std::fputs("\r\033[K", stderr);
@@ -24,7 +23,7 @@ void ClearRemark()
 
 void Complain(const std::string &sentence)
 {
-    const std::lock_guard<std::mutex> held(consoleLock);
+    const MutexLock held(consoleLock);
     ClearRemark();
     std::fprintf(stderr, "fodr: %s\n", Plain(sentence).c_str());
     std::fflush(stderr);
@@ -32,7 +31,7 @@ void Complain(const std::string &sentence)
 
 void Say(const std::string &line)
 {
-    const std::lock_guard<std::mutex> held(consoleLock);
+    const MutexLock held(consoleLock);
     ClearRemark();
     std::fflush(stderr);
     std::printf("%s\n", line.c_str());
@@ -44,7 +43,7 @@ void ShowProgress(const std::string &remark)
     static const bool terminal = platform::ErrorOutputIsTerminal();
     if (!terminal)
         return;
-    const std::lock_guard<std::mutex> held(consoleLock);
+    const MutexLock held(consoleLock);
     ClearRemark();
     if (!remark.empty()) {
         std::fprintf(stderr, "fodr: %s ...", Plain(remark).c_str());
@@ -64,7 +63,7 @@ std::string Plain(const std::string &text)
 
 void WarningCounter::Warn(const std::string &text, Clock::time_point now)
 {
-    const std::lock_guard<std::mutex> held(lock);
+    const MutexLock held(lock);
     const bool known = counts.contains(text);
     if (!known && counts.size() < kMaxTexts) {
         counts[text].shown = now;
@@ -81,7 +80,7 @@ void WarningCounter::Warn(const std::string &text, Clock::time_point now)
 
 void WarningCounter::ShowCounts()
 {
-    const std::lock_guard<std::mutex> held(lock);
+    const MutexLock held(lock);
     for (auto &[text, count] : counts)
         ShowCount(text, &count);
 }

@@ -1,11 +1,12 @@
 // What the command says to people. Any thread.
 #pragma once
 
+#include "lib/misc/Mutex.h"
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 
 namespace fodr::cli {
@@ -45,11 +46,11 @@ private:
         uint64_t more = 0; // since the last line about it
         Clock::time_point shown;
     };
-    void ShowCount(const std::string &text, Count *count);
+    void ShowCount(const std::string &text, Count *count) REQUIRES(lock);
 
     const std::function<void(const std::string &line)> show;
-    std::mutex lock;
-    std::map<std::string, Count> counts; // under lock; the empty text stands for those beyond the limit
+    Mutex lock;
+    std::map<std::string, Count> counts GUARDED_BY(lock); // the empty text stands for those beyond the limit
 };
 
 } // namespace fodr::cli

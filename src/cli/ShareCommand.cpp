@@ -7,6 +7,7 @@
 #include "cli/ShareSession.h"
 #include "cli/Words.h"
 #include "host/ControlServer.h"
+#include "lib/misc/Mutex.h"
 #include "platform/Files.h"
 #include "platform/Volumes.h"
 
@@ -14,7 +15,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <mutex>
 
 namespace fodr::cli {
 namespace {
@@ -219,7 +219,7 @@ public:
     SignalRelay()
     {
         platform::WatchTermination([this](platform::TerminationRequest request) {
-            const std::lock_guard<std::mutex> held(lock);
+            const MutexLock held(lock);
             if (session != nullptr)
                 session->OnTermination(request);
             else
@@ -228,13 +228,13 @@ public:
     }
     void Attach(ShareSession *running)
     {
-        const std::lock_guard<std::mutex> held(lock);
+        const MutexLock held(lock);
         session = running;
     }
 
 private:
-    std::mutex lock;
-    ShareSession *session = nullptr; // under lock
+    Mutex lock;
+    ShareSession *session GUARDED_BY(lock) = nullptr;
 };
 
 } // namespace

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <future>
+#include <optional>
 
 namespace fodr::cli {
 namespace {
@@ -61,23 +61,32 @@ bool ShareControl::Start(const std::string &folder, std::string *problem)
 
 void ShareControl::End()
 {
-    over = true;
+    {
+        const MutexLock held(replies->lock);
+        replies->over = true;
+        replies->changed.notify_all();
+    }
     server.reset();
 }
 
 // On a thread of the control connection: passes the request to ours and waits.
 ControlReply ShareControl::HandleControl(const Words &request)
 {
-    auto reply = std::make_shared<std::promise<ControlReply>>();
-    std::future<ControlReply> future = reply->get_future();
+    auto reply = std::make_shared<std::optional<ControlReply>>(); // under the lock of replies
     run->Post([this, request, reply] {
-        RunControl(request, [reply](const ControlReply &made) { reply->set_value(made); });
+        RunControl(request, [desk = replies, reply](const ControlReply &made) {
+            const MutexLock held(desk->lock);
+            *reply = made;
+            desk->changed.notify_all();
+        });
     });
-    while (future.wait_for(100ms) != std::future_status::ready) {
-        if (over)
+    const MutexLock held(replies->lock);
+    while (!*reply) {
+        if (replies->over)
             return Refusal(EXIT_NOT_RUNNING, "the share is ending");
+        replies->changed.wait(replies->lock);
     }
-    return future.get();
+    return **reply;
 }
 
 void ShareControl::RunControl(const Words &request, Answer answer)
@@ -101,41 +110,28 @@ void ShareControl::ControlAdd(const Words &request, Answer answer)
 {
     const std::string &path = request[1];
     std::error_code error;
-    if (!run->Options().folders.front().files.empty()) {
-        answer(
+    if (!run->Options().folders.front().files.empty())
+        return answer(
             Refusal(EXIT_REFUSED, "this run sends the files that it was given: use fodr share for folders"));
-        return;
-    }
-    if (run->Options().fixed) {
-        answer(Refusal(EXIT_REFUSED, "nothing can be added to this run, which is a fixed one: start it with "
-                                     "--no-fixed"));
-        return;
-    }
-    if (!run->Options().folderLayout) {
-        answer(Refusal(EXIT_REFUSED,
-                       "this share shows its one folder as the mount itself: start it with --layout "
-                       "folders to add more"));
-        return;
-    }
-    if (!std::filesystem::is_directory(path, error)) {
-        answer(Refusal(EXIT_FOLDER, "\"" + path + "\" is not a folder"));
-        return;
-    }
-    if (const std::string conflict = run->ConflictWith(path); !conflict.empty()) {
-        answer(Refusal(EXIT_MOUNT_POINT, conflict));
-        return;
-    }
+    if (run->Options().fixed)
+        return answer(Refusal(EXIT_REFUSED,
+                              "nothing can be added to this run, which is a fixed one: start it with "
+                              "--no-fixed"));
+    if (!run->Options().folderLayout)
+        return answer(Refusal(EXIT_REFUSED,
+                              "this share shows its one folder as the mount itself: start it with --layout "
+                              "folders to add more"));
+    if (!std::filesystem::is_directory(path, error))
+        return answer(Refusal(EXIT_FOLDER, "\"" + path + "\" is not a folder"));
+    if (const std::string conflict = run->ConflictWith(path); !conflict.empty())
+        return answer(Refusal(EXIT_MOUNT_POINT, conflict));
     std::vector<std::string> allowed = run->Shares().OfferedForms();
     allowed.push_back(host::FolderShares::AskedForm(path));
-    if (!run->AllowFolders(allowed)) {
-        answer(Refusal(EXIT_OTHER, "the settings of the running share can't be written"));
-        return;
-    }
+    if (!run->AllowFolders(allowed))
+        return answer(Refusal(EXIT_OTHER, "the settings of the running share can't be written"));
     const FolderShare *share = run->Shares().Add(path, host::FolderShares::NameFor(request[2]));
-    if (share == nullptr) {
-        answer(Refusal(EXIT_REFUSED, "\"" + path + "\" is shared already"));
-        return;
-    }
+    if (share == nullptr)
+        return answer(Refusal(EXIT_REFUSED, "\"" + path + "\" is shared already"));
     pendingReplies.push_back({share->cookie, Clock::now() + kAddLimit, std::move(answer)});
     AnswerPending(*share);
     run->WakeWithin(kAddLimit);

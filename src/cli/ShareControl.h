@@ -5,8 +5,8 @@
 #include "host/CallGate.h"
 #include "host/ControlServer.h"
 #include "host/FolderShares.h"
+#include "lib/misc/Mutex.h"
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -75,7 +75,13 @@ private:
     IShareRun *const run;
     std::unique_ptr<host::ControlServer> server;
     std::vector<PendingReply> pendingReplies;
-    std::atomic<bool> over{false};
+    // Whoever waits for a reply may do so while this ends, so it is shared.
+    struct Replies {
+        Mutex lock;
+        Condition changed; // a reply has come, or none comes any more
+        bool over GUARDED_BY(lock) = false;
+    };
+    const std::shared_ptr<Replies> replies = std::make_shared<Replies>();
 };
 
 } // namespace fodr::cli

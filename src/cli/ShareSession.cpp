@@ -186,7 +186,7 @@ void ShareSession::HandleConnection(std::shared_ptr<AgentConnection> made)
     agentGoodbye.clear();
     sideError.clear();
     {
-        const std::lock_guard<std::mutex> held(linesLock);
+        const MutexLock held(linesLock);
         lastAgentLine.clear();
     }
     // ssh may be asking for a password.
@@ -236,19 +236,15 @@ void ShareSession::StartCommand()
 {
     std::string problem;
     // Scripts take the path as it is, so what the agent says must be one.
-    if (!mountPoint && !IsPlainAbsolutePath(mounted)) {
-        Fail(EXIT_REFUSED, "the agent says that it has mounted at \"" + Escaped(mounted) +
-                               "\", which is no plain path for FODR_MOUNT");
-        return;
-    }
+    if (!mountPoint && !IsPlainAbsolutePath(mounted))
+        return Fail(EXIT_REFUSED, "the agent says that it has mounted at \"" + Escaped(mounted) +
+                                      "\", which is no plain path for FODR_MOUNT");
     platform::ChildOptions child;
     child.arguments = options.command;
     child.environment = {{"FODR_MOUNT", mounted}};
     command = confinement.Start(child, &problem);
-    if (!command) {
-        Fail(EXIT_CANNOT_START, options.command.front() + " can't be started: " + problem);
-        return;
-    }
+    if (!command)
+        return Fail(EXIT_CANNOT_START, options.command.front() + " can't be started: " + problem);
     commandRuns = true;
     commandWaiter = std::thread([this] {
         const auto exit = command->Wait(-1);
@@ -369,7 +365,7 @@ void ShareSession::HandleAgentLine(const std::string &line)
 {
     if (line.empty())
         return;
-    const std::lock_guard<std::mutex> held(linesLock);
+    const MutexLock held(linesLock);
     lastAgentLine = line;
     if (options.verbose)
         warnings.Warn(line);

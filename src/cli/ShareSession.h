@@ -11,6 +11,7 @@
 #include "cli/ShareControl.h"
 #include "host/HostChannel.h"
 #include "host/PrivateSettings.h"
+#include "lib/misc/Mutex.h"
 #include "platform/ChildProcess.h"
 #include "platform/Process.h"
 
@@ -18,7 +19,6 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -152,8 +152,8 @@ private:
     std::optional<Clock::time_point> timer;
 
     std::atomic<int> strangers{0}; // that connected and were sent away
-    std::mutex linesLock;
-    std::string lastAgentLine; // under linesLock
+    Mutex linesLock;
+    std::string lastAgentLine GUARDED_BY(linesLock);
     std::atomic<unsigned> terminations{0};
     std::atomic<bool> commandRuns{false};
 };

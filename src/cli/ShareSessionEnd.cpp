@@ -54,10 +54,8 @@ void ShareSession::HandleLost(const std::string &reason)
         finished = true;
         return;
     }
-    if (everReady && options.reconnect && !cause.byAgent) {
-        TryAgain(cause.sentence);
-        return;
-    }
+    if (everReady && options.reconnect && !cause.byAgent)
+        return TryAgain(cause.sentence);
     if (cause.byAgent && command == nullptr) {
         Say(Escaped(cause.sentence) + ".");
         BeginEnd(EXIT_DONE);
@@ -77,7 +75,7 @@ ShareSession::Cause ShareSession::FindCause(const std::string &reason)
     }
     std::string lastWords;
     {
-        const std::lock_guard<std::mutex> held(linesLock);
+        const MutexLock held(linesLock);
         lastWords = Plain(lastAgentLine);
     }
     const bool busy = exit && !exit->bySignal && exit->code == agent::AGENT_BUSY; // and has said by whom

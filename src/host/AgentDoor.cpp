@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -44,16 +43,6 @@ private:
     const std::shared_ptr<ByteStream> inner;
     const std::vector<std::byte> bytes;
     size_t at = 0; // the reader's
-};
-
-struct HelloReader final : transport::IFrameReceiver {
-    void OnHello(const transport::Hello &frame) override
-    {
-        role = frame.role;
-        token = frame.token;
-    }
-    std::optional<transport::Role> role;
-    std::string token;
 };
 
 // Appends so many bytes; false when they don't come in time.
@@ -182,9 +171,9 @@ std::string AgentDoor::Judge(ByteStream *stream, std::vector<std::byte> *greetin
         header.type != transport::FrameType::Hello || header.bodySize > kLongestGreeting ||
         !ReadMore(stream, header.bodySize, end, greeting))
         return notOurs;
-    HelloReader hello;
+    transport::Hello hello;
     const auto body = std::span(*greeting).subspan(transport::kFrameHeaderSize);
-    if (transport::DecodeFrame(header.type, body, &hello) != nullptr || hello.role != transport::Role::Agent)
+    if (transport::DecodeBody(body, &hello) != nullptr || hello.role != transport::Role::Agent)
         return notOurs;
     if (!token.empty() && !SameToken(hello.token, token))
         return "the agent doesn't know the agreed token";

@@ -4,7 +4,6 @@
 #include "lib/misc/Mutex.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <thread>
@@ -27,7 +26,7 @@ public:
 
 private:
     Mutex lock;
-    std::condition_variable_any left;
+    Condition left;
     bool closed GUARDED_BY(lock) = false;
     std::vector<std::thread::id> inside GUARDED_BY(lock);
 };
@@ -79,7 +78,7 @@ public:
 
 private:
     Mutex lock;
-    std::condition_variable_any posted;
+    Condition posted;
     std::deque<Event> events GUARDED_BY(lock);
 };
 

@@ -16,14 +16,10 @@ bool ChannelLink::Expect(bool onMainOnly)
 
 void ChannelLink::OnHello(const transport::Hello &frame)
 {
-    if (kind == Kind::Side || greeted || frame.role != transport::Role::Agent) {
-        connection.Close("the other side isn't an agent");
-        return;
-    }
-    if (!expectedToken.empty() && !SameToken(frame.token, expectedToken)) {
-        connection.Close("the agent doesn't know the agreed token");
-        return;
-    }
+    if (kind == Kind::Side || greeted || frame.role != transport::Role::Agent)
+        return connection.Close("the other side isn't an agent");
+    if (!expectedToken.empty() && !SameToken(frame.token, expectedToken))
+        return connection.Close("the agent doesn't know the agreed token");
     greeted = true;
     connection.SetKeepAlive(keepAlive);
     owner->OnLinkHello(id);

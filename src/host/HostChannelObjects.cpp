@@ -265,10 +265,8 @@ void HostChannel::HandleSideStream(uint32_t number, std::unique_ptr<platform::By
     AbandonSideAttempt();
     if (object == nullptr || object->State() != OBJECT_SIDE_CHANNEL_PENDING)
         return;
-    if (stream == nullptr) {
-        SideChannelFailed(object, error);
-        return;
-    }
+    if (stream == nullptr)
+        return SideChannelFailed(object, error);
     std::shared_ptr<ChannelLink> link;
     {
         const MutexLock held(lock);

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <optional>
 #include <vector>
 
@@ -61,7 +60,7 @@ private:
     BlockedCalls &calls;
     const nt::NTSTATUS statusAtClose;
     Mutex lock;
-    std::condition_variable_any ended;
+    Condition ended;
     std::optional<nt::NTSTATUS> ending GUARDED_BY(lock);
     bool nudged GUARDED_BY(lock) = false;
 };

@@ -8,7 +8,6 @@
 #include "platform/Nt.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -84,7 +83,7 @@ struct NoticeOrder::State {
 
 private:
     Mutex lock;
-    std::condition_variable_any delivered;
+    Condition delivered;
     std::set<uint64_t> ended GUARDED_BY(lock); // numbers, the oldest first
     uint64_t lastNumber GUARDED_BY(lock) = 0;
 };

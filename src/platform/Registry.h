@@ -5,6 +5,8 @@
 // thread at a time.
 #pragma once
 
+#include "platform/SystemError.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -93,6 +95,25 @@ using RegistryChangeHandler = void (*)(void *context);
 // ends it: the handler isn't called after RegistryClose has returned.
 uint32_t RegistryNotify(RegistryKey key, bool watchSubtree, uint32_t filter, RegistryChangeHandler handler,
                         void *context);
+
+// Opens the key at `*path` or, as long as there is none, the nearest one above it, so that its coming can be
+// watched. `open` opens a path and gives the outcome. `*path` becomes that of the key that is open now.
+template <class Path, class Open> uint32_t OpenNearestKey(Path *path, Open open)
+{
+    constexpr typename Path::value_type kSeparators[] = {'/', '\\', 0};
+    for (;;) {
+        const uint32_t outcome = open(*path);
+        if (outcome != kErrorFileNotFound || path->empty())
+            return outcome;
+        const size_t end = path->find_last_of(kSeparators);
+        path->resize(end == Path::npos ? 0 : end);
+    }
+}
+// What is to be watched of the key that was opened.
+constexpr uint32_t NearestKeyFilter(bool isTheKeyItself)
+{
+    return isTheKeyItself ? kRegNotifyChangeName | kRegNotifyChangeLastSet : kRegNotifyChangeName;
+}
 
 // A settings store for this process alone: the user's, except that values of one key are fixed.
 class PrivateStore {

@@ -187,38 +187,31 @@ bool OVRegKeyWatcher::IsKeyFound() const
 
 bool OVRegKeyWatcher::OpenRegKey()
 {
-    std::string current = path;
-    keyFound = false;
-    for (bool isKey = true;; isKey = false) {
-        regKey = new OVRegKey(current, view);
-        const uint32_t error = regKey->OpenKey();
-        if (error == platform::kErrorSuccess) {
-            keyFound = isKey;
-            if (isKey)
-                LOG_DEBUG("Watching \"%s\"", path.c_str());
-            else
-                LOG_DEBUG("Watching \"%s\" ... \"%s\"", current.c_str(),
-                          path.substr(current.size() + 1).c_str());
-            return true;
-        }
-        const size_t separator = current.find_last_of("/\\");
-        if (error != platform::kErrorFileNotFound || separator == std::string::npos)
-            break;
-        current.resize(separator);
-    }
-    LOG_WARN("Not watching \"%s\"", path.c_str());
-    regKey = nullptr;
-    return false;
+    std::string nearest = path;
+    RCPtr<OVRegKey> opened;
+    const uint32_t error = platform::OpenNearestKey(&nearest, [&](const std::string &tried) {
+        opened = new OVRegKey(tried, view);
+        return opened->OpenKey();
+    });
+    const bool isOpen = error == platform::kErrorSuccess;
+    keyFound = isOpen && nearest == path;
+    regKey = isOpen ? opened : nullptr;
+    if (keyFound)
+        LOG_DEBUG("Watching \"%s\"", path.c_str());
+    else if (isOpen)
+        LOG_DEBUG("Watching \"%s\" ... \"%s\"", nearest.c_str(), path.substr(nearest.size() + 1).c_str());
+    else
+        LOG_WARN("Not watching \"%s\"", path.c_str());
+    return isOpen;
 }
 
 bool OVRegKeyWatcher::WatchRegKey()
 {
     if (!OpenRegKey())
         return false;
-    const uint32_t filter =
-        platform::kRegNotifyChangeName | (keyFound ? platform::kRegNotifyChangeLastSet : 0);
-    const uint32_t error = platform::RegistryNotify(regKey->GetHandle(), keyFound && watchSubtree, filter,
-                                                    fodr::SetEvent, changeEvent.Get());
+    const uint32_t error =
+        platform::RegistryNotify(regKey->GetHandle(), keyFound && watchSubtree,
+                                 platform::NearestKeyFilter(keyFound), fodr::SetEvent, changeEvent.Get());
     if (error != platform::kErrorSuccess) {
         LOG_CODE_AT(LOG_LEVEL_ERROR, error, "RegNotifyChangeKeyValue(%s) failed", path.c_str());
         return false;

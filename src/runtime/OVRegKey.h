@@ -74,7 +74,6 @@ public:
     bool ToWideString(std::u16string &value, const std::u16string &defaultValue);
 
     bool IsLoaded();
-    uint32_t GetType(); // kReg..., while loaded
     const std::string &GetFullPath() const { return fullPath; }
 
 private:

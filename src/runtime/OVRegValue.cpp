@@ -198,12 +198,6 @@ bool OVRegValue::IsLoaded()
     return loaded;
 }
 
-uint32_t OVRegValue::GetType()
-{
-    OVMutexLock guard(mutex);
-    return static_cast<uint32_t>(type);
-}
-
 bool OVRegValue::ToBool(bool defaultValue)
 {
     OVMutexLock guard(mutex);

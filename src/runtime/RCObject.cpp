@@ -1,6 +1,7 @@
 #include "runtime/RCObject.h"
 
-#include <mutex>
+#include "lib/misc/Mutex.h"
+
 #include <new>
 
 namespace fodr {
@@ -8,9 +9,9 @@ namespace fodr {
 namespace {
 
 // Made on first use and never destroyed: objects are counted before main and after the statics are gone.
-std::mutex &RefCountLock()
+Mutex &RefCountLock()
 {
-    static std::mutex *const refCountLock = new std::mutex;
+    static Mutex *const refCountLock = new Mutex;
     return *refCountLock;
 }
 
@@ -23,7 +24,7 @@ WkReference *RCObject::NewWkReference()
 
 int32_t AddRef(RCObject *object)
 {
-    std::lock_guard guard(RefCountLock());
+    const MutexLock guard(RefCountLock());
     return ++object->refCount;
 }
 
@@ -31,7 +32,7 @@ int32_t Release(RCObject *object)
 {
     WkReference *weak = nullptr;
     {
-        std::lock_guard guard(RefCountLock());
+        const MutexLock guard(RefCountLock());
         if (object->refCount == 0)
             return 0;
         if (--object->refCount >= 1)
@@ -52,13 +53,13 @@ int32_t Release(RCObject *object)
 
 int32_t RefCount(const RCObject *object)
 {
-    std::lock_guard guard(RefCountLock());
+    const MutexLock guard(RefCountLock());
     return object->refCount;
 }
 
 WkReference *GetWkReference(RCObject *object)
 {
-    std::lock_guard guard(RefCountLock());
+    const MutexLock guard(RefCountLock());
     if (object->refCount >= RCObject::kDying)
         return nullptr;
     if (!object->weakRef) {
@@ -71,7 +72,7 @@ WkReference *GetWkReference(RCObject *object)
 
 RCObject *PromoteWkReference(WkReference *reference)
 {
-    std::lock_guard guard(RefCountLock());
+    const MutexLock guard(RefCountLock());
     RCObject *target = reference->target;
     if (target)
         ++target->refCount;

@@ -6,42 +6,101 @@
 #include "platform/ByteStream.h"
 #include "transport/Frames.h"
 
-#include <cstring>
 #include <memory>
 #include <string_view>
-#include <type_traits>
 #include <vector>
 
 namespace fodr::transport {
 
-// Types of a parameter: those of the variants that plug-ins use.
-inline constexpr uint16_t kNumberParameter = 0x13;
-inline constexpr uint16_t kBlockParameter = 0x41;
+// Writes a frame from its Fields.
+class FrameWriter {
+public:
+    explicit FrameWriter(FrameType type) { Values(uint32_t{0}, static_cast<uint32_t>(type)); }
 
-// Whether a text can stand in a frame that allows `limit` bytes of it.
-inline bool FitsIn(std::string_view text, size_t limit)
-{
-    return text.size() <= limit && text.find('\0') == std::string_view::npos;
-}
+    template <typename... Numbers> FrameWriter &Values(Numbers... numbers)
+    {
+        (Value(numbers), ...);
+        return *this;
+    }
+    FrameWriter &Bytes(platform::ByteView block);
+    FrameWriter &Magic() { return Values(kMagic); }
+    FrameWriter &OurVersion(uint16_t version) { return Values(version); }
+    FrameWriter &Unused() { return Values(uint16_t{0}); }
+    FrameWriter &Name(std::string_view text, size_t limit);
+    FrameWriter &Words(std::string_view text);
+
+    // Empty when a limit of Frames.h would be broken.
+    std::vector<std::byte> Finish();
+
+private:
+    template <typename Number> void Value(Number number)
+    {
+        std::array<std::byte, sizeof(number)> raw;
+        StoreLittle(raw.data(), number);
+        Bytes(raw);
+    }
+
+    std::vector<std::byte> bytes;
+    bool isBroken = false;
+};
+
+// Reads a body by the Fields of its frame, from the front. What lies past the end is zero or empty.
+class FrameReader {
+public:
+    explicit FrameReader(platform::ByteView body) : rest(body) {}
+
+    template <typename... Numbers> FrameReader &Values(Numbers &...numbers)
+    {
+        ((numbers = Value<Numbers>()), ...);
+        return *this;
+    }
+    FrameReader &Bytes(std::span<std::byte> block);
+    FrameReader &Magic();
+    // A later version may append to the frame; that it is another is said before anything else.
+    FrameReader &OurVersion(uint16_t &version);
+    FrameReader &Unused();
+    FrameReader &Name(std::string_view &text, size_t limit);
+    FrameReader &Words(std::string_view &text) { return Name(text, kMaxText); }
+
+    platform::ByteView Take(size_t count);
+    template <typename Number> Number Value()
+    {
+        const platform::ByteView bytes = Take(sizeof(Number));
+        return bytes.empty() ? Number{} : LoadLittle<Number>(bytes.data());
+    }
+    // Makes `why` the verdict, unless there is a fault already.
+    void Refuse(const char *why);
+    bool HasFailed() const { return fault != nullptr || isShort; }
+    // Null when the body was good and has been read to its end, else why it wasn't: a text that lives
+    // forever.
+    const char *Verdict() const;
+
+private:
+    platform::ByteView rest;
+    const char *fault = nullptr;
+    bool isShort = false;
+    bool hasBadText = false;
+};
 
 // Takes one body apart and hands the frame to `receiver`. Null when it was good, else why it wasn't: a text
 // that lives forever. The receiver hears nothing of a bad frame.
 [[nodiscard]] const char *DecodeFrame(FrameType type, platform::ByteView body, IFrameReceiver *receiver);
 
+// The same for a frame of a known type.
+template <class Frame> [[nodiscard]] const char *DecodeBody(platform::ByteView body, Frame *frame)
+{
+    FrameReader reader(body);
+    Frame::Fields(reader, *frame);
+    return reader.Verdict();
+}
+
 // A whole frame, header included. Empty when a limit of Frames.h would be broken.
-std::vector<std::byte> EncodeFrame(const Hello &frame);
-std::vector<std::byte> EncodeFrame(const ObjectAnnounce &frame);
-std::vector<std::byte> EncodeFrame(const ObjectState &frame);
-std::vector<std::byte> EncodeFrame(const MessageDone &frame);
-std::vector<std::byte> EncodeFrame(const MessageAbort &frame);
-std::vector<std::byte> EncodeFrame(const SideRequest &frame);
-std::vector<std::byte> EncodeFrame(const SideOffer &frame);
-std::vector<std::byte> EncodeFrame(const SideRefused &frame);
-std::vector<std::byte> EncodeFrame(const SideHello &frame);
-std::vector<std::byte> EncodeFrame(const SideReady &frame);
-std::vector<std::byte> EncodeFrame(const Notice &frame);
-std::vector<std::byte> EncodeFrame(const Goodbye &frame);
-std::vector<std::byte> EncodeBare(FrameType type); // ping and pong
+template <class Frame> std::vector<std::byte> EncodeFrame(const Frame &frame)
+{
+    FrameWriter writer(Frame::kType);
+    Frame::Fields(writer, frame);
+    return writer.Finish();
+}
 
 // A message as blocks to be written one after the other: headers that this object holds, and the payloads of
 // the caller, uncopied.
@@ -72,63 +131,6 @@ struct FrameHeader {
 };
 // Null when the header is good, else why it isn't. `bytes` holds kFrameHeaderSize of them.
 [[nodiscard]] const char *DecodeHeader(const std::byte *bytes, FrameHeader *header);
-
-// Reads from the front. After a read past the end Failed is true and everything read is zero or empty.
-class BodyReader {
-public:
-    explicit BodyReader(platform::ByteView body) : rest(body) {}
-
-    template <typename Integer> Integer Read()
-    {
-        const platform::ByteView bytes = Bytes(sizeof(Integer));
-        return bytes.empty() ? Integer{} : LoadLittle<Integer>(bytes.data());
-    }
-    platform::ByteView Bytes(size_t count)
-    {
-        if (count > rest.size()) {
-            failed = true;
-            rest = {};
-            return {};
-        }
-        const platform::ByteView taken = rest.first(count);
-        rest = rest.subspan(count);
-        return taken;
-    }
-    std::string_view Text()
-    {
-        const platform::ByteView bytes = Bytes(Read<uint16_t>());
-        return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
-    }
-    bool Failed() const { return failed; }
-    bool AtEnd() const { return rest.empty(); }
-
-private:
-    platform::ByteView rest;
-    bool failed = false;
-};
-
-// Appends to a growing buffer.
-class BodyWriter {
-public:
-    template <typename Integer> void Write(Integer value)
-    {
-        std::array<std::byte, sizeof(Integer)> raw;
-        StoreLittle(raw.data(), value);
-        Bytes(raw);
-    }
-    // Kept out of line: inlined into a writer that has just begun, g++ 12 takes the growing for an overflow.
-    [[gnu::noinline]] void Bytes(platform::ByteView block)
-    {
-        bytes.insert(bytes.end(), block.begin(), block.end());
-    }
-    void Text(std::string_view text)
-    {
-        Write(static_cast<uint16_t>(text.size()));
-        Bytes(std::as_bytes(std::span(text)));
-    }
-
-    std::vector<std::byte> bytes;
-};
 
 // Bytes as they come from a stream, handed out as whole frames without a copy.
 class FrameBuffer {

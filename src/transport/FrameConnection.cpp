@@ -118,55 +118,6 @@ bool FrameConnection::SendPost(uint32_t object, uint32_t requestId, platform::By
     return Send(frame);
 }
 
-bool FrameConnection::Send(const Hello &frame)
-{
-    return SendBytes(EncodeFrame(frame));
-}
-bool FrameConnection::Send(const ObjectAnnounce &frame)
-{
-    return SendBytes(EncodeFrame(frame));
-}
-bool FrameConnection::Send(const ObjectState &frame)
-{
-    return SendBytes(EncodeFrame(frame));
-}
-bool FrameConnection::Send(const MessageDone &frame)
-{
-    return SendBytes(EncodeFrame(frame));
-}
-bool FrameConnection::Send(const MessageAbort &frame)
-{
-    return SendBytes(EncodeFrame(frame));
-}
-bool FrameConnection::Send(const SideRequest &frame)
-{
-    return SendBytes(EncodeFrame(frame));
-}
-bool FrameConnection::Send(const SideOffer &frame)
-{
-    return SendBytes(EncodeFrame(frame));
-}
-bool FrameConnection::Send(const SideRefused &frame)
-{
-    return SendBytes(EncodeFrame(frame));
-}
-bool FrameConnection::Send(const SideHello &frame)
-{
-    return SendBytes(EncodeFrame(frame));
-}
-bool FrameConnection::Send(const SideReady &frame)
-{
-    return SendBytes(EncodeFrame(frame));
-}
-bool FrameConnection::Send(const Notice &frame)
-{
-    return SendBytes(EncodeFrame(frame));
-}
-bool FrameConnection::Send(const Goodbye &frame)
-{
-    return SendBytes(EncodeFrame(frame));
-}
-
 bool FrameConnection::SendBytes(const std::vector<std::byte> &frame)
 {
     const platform::ByteView block = frame;
@@ -348,7 +299,7 @@ ptrdiff_t FrameConnection::ReadOrPing(std::span<std::byte> room)
         if (got != platform::ByteStream::kTimedOut)
             return got;
         silentMS += wait;
-        SendBytes(EncodeBare(FrameType::Ping));
+        Send(Ping{});
     }
 }
 
@@ -378,7 +329,7 @@ bool FrameConnection::DrainFrames(FrameBuffer *buffer, std::string *reason)
                 busy = pending.size() > kPongLimit;
             }
             if (!busy)
-                SendBytes(EncodeBare(FrameType::Pong));
+                Send(Pong{});
         }
     }
     *reason = "closed on this side";

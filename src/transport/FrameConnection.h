@@ -13,7 +13,6 @@
 #include "transport/Frames.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
 #include <string>
 #include <thread>
@@ -53,19 +52,8 @@ public:
     // Each sends one frame; false when the connection has ended, or when the frame would break a limit of
     // Frames.h, in which case nothing is sent. True means written or queued, not received. Payloads are
     // borrowed for the call.
-    bool Send(const Hello &frame);
-    bool Send(const ObjectAnnounce &frame);
-    bool Send(const ObjectState &frame);
     bool Send(const Message &frame);
-    bool Send(const MessageDone &frame);
-    bool Send(const MessageAbort &frame);
-    bool Send(const SideRequest &frame);
-    bool Send(const SideOffer &frame);
-    bool Send(const SideRefused &frame);
-    bool Send(const SideHello &frame);
-    bool Send(const SideReady &frame);
-    bool Send(const Notice &frame);
-    bool Send(const Goodbye &frame);
+    template <class Frame> bool Send(const Frame &frame) { return SendBytes(EncodeFrame(frame)); }
     // The common message: a post with one byte block, made of two parts.
     bool SendPost(uint32_t object, uint32_t requestId, platform::ByteView block,
                   platform::ByteView tail = {});
@@ -100,8 +88,8 @@ private:
     std::atomic<uint32_t> deadAfterMS{0};
 
     Mutex sendLock;
-    std::condition_variable_any turnChanged;   // writing, pending or closed has changed
-    std::condition_variable_any flusherWakeup; // pending has bytes and no thread writes, or closed
+    Condition turnChanged;                     // writing, pending or closed has changed
+    Condition flusherWakeup;                   // pending has bytes and no thread writes, or closed
     bool writing GUARDED_BY(sendLock) = false; // a thread holds the turn to write
     uint32_t waitingWriters GUARDED_BY(sendLock) = 0;
     std::vector<std::byte> pending GUARDED_BY(sendLock); // whole frames that wait for the next write

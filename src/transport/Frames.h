@@ -1,8 +1,9 @@
-// The frames that a host and an agent exchange, as structures; docs/transport.md shows their bytes.
+// The frames that a host and an agent exchange; docs/transport.md shows their bytes.
 //
 // Every frame is an 8-byte header (body length, type, three zero bytes) and a body. Integers are
-// little-endian, texts are UTF-8 with a 16-bit length. Views point into the reader's buffer and end with the
-// call that hands them out.
+// little-endian, texts are UTF-8 with a 16-bit length. Fields lists what the body is made of, in order, for
+// the reader and the writer of FrameCodec.cpp. Views point into the reader's buffer and end with the call
+// that hands them out.
 #pragma once
 
 #include <array>
@@ -54,23 +55,41 @@ struct KeepAlive {
 };
 
 struct Hello {
+    static constexpr auto kType = FrameType::Hello;
     uint16_t version = kVersion;
     Role role = Role::Host;
     KeepAlive keepAlive{};
     std::string_view token; // what the other side was told to expect; empty when nothing was agreed
+
+    static void Fields(auto &body, auto &f)
+    {
+        body.Magic()
+            .OurVersion(f.version)
+            .Values(f.role, f.keepAlive.pingAfterMS, f.keepAlive.deadAfterMS)
+            .Name(f.token, kMaxToken);
+    }
 };
 
 // `object` numbers are the agent's choice, one each; flags and options as the boundary of the host has them.
 struct ObjectAnnounce {
+    static constexpr auto kType = FrameType::ObjectAnnounce;
     uint32_t object = 0;
     uint32_t flags = 0;
     uint32_t options = 0;
     std::string_view name;
+
+    static void Fields(auto &body, auto &f)
+    {
+        body.Values(f.object, f.flags, f.options).Name(f.name, kMaxName);
+    }
 };
 
 struct ObjectState {
+    static constexpr auto kType = FrameType::ObjectState;
     uint32_t object = 0;
     int32_t state = 0; // as enum ObjectState of odpservice.h
+
+    static void Fields(auto &body, auto &f) { body.Values(f.object, f.state); }
 };
 
 // The host answers each new state of an object after the plug-in was told of it. An agent may send messages
@@ -84,6 +103,7 @@ struct Parameter {
     std::span<const std::byte> tail{}; // when sending: the rest of the block, gathered behind it
 };
 
+// Has a codec of its own, since its blocks aren't copied.
 struct Message {
     static constexpr uint16_t kPost = 1; // flags: no MessageDone is wanted
 
@@ -98,40 +118,64 @@ struct Message {
 };
 
 struct MessageDone {
+    static constexpr auto kType = FrameType::MessageDone;
     uint32_t object = 0;
     uint32_t requestId = 0;
+
+    static void Fields(auto &body, auto &f) { body.Values(f.object, f.requestId); }
 };
 
 struct MessageAbort {
+    static constexpr auto kType = FrameType::MessageAbort;
     uint32_t object = 0;
     uint32_t requestId = 0;
     uint32_t reason = 0;
+
+    static void Fields(auto &body, auto &f) { body.Values(f.object, f.requestId, f.reason); }
 };
 
 struct SideRequest {
+    static constexpr auto kType = FrameType::SideRequest;
     uint32_t object = 0;
     uint32_t type = 0; // as enum SideChannelType of odpservice.h
+
+    static void Fields(auto &body, auto &f) { body.Values(f.object, f.type); }
 };
 
 struct SideOffer {
+    static constexpr auto kType = FrameType::SideOffer;
     uint32_t object = 0;
     uint16_t port = 0; // TCP, on the machine of the agent
     Secret secret{};
+
+    static void Fields(auto &body, auto &f) { body.Values(f.object, f.port).Unused().Bytes(f.secret); }
 };
 
 struct SideRefused {
+    static constexpr auto kType = FrameType::SideRefused;
     uint32_t object = 0;
     std::string_view reason;
+
+    static void Fields(auto &body, auto &f) { body.Values(f.object).Words(f.reason); }
 };
 
 struct SideHello {
+    static constexpr auto kType = FrameType::SideHello;
     uint16_t version = kVersion;
     uint32_t object = 0;
     Secret secret{};
+
+    static void Fields(auto &body, auto &f)
+    {
+        body.Magic().Values(f.version).Unused().Values(f.object).Bytes(f.secret);
+    }
 };
 
 struct SideReady {
+    static constexpr auto kType = FrameType::SideReady;
     uint32_t object = 0;
+
+    static void Fields(auto &body, auto &f) { body.Values(f.object); }
 };
 
 enum class NoticeKind : uint32_t {
@@ -143,12 +187,28 @@ enum class NoticeKind : uint32_t {
 };
 
 struct Notice {
+    static constexpr auto kType = FrameType::Notice;
     NoticeKind kind = NoticeKind::Warning;
     std::string_view text;
+
+    static void Fields(auto &body, auto &f) { body.Values(f.kind).Words(f.text); }
 };
 
 struct Goodbye {
+    static constexpr auto kType = FrameType::Goodbye;
     std::string_view reason;
+
+    static void Fields(auto &body, auto &f) { body.Words(f.reason); }
+};
+
+struct Ping {
+    static constexpr auto kType = FrameType::Ping;
+    static void Fields(auto &, auto &) {}
+};
+
+struct Pong {
+    static constexpr auto kType = FrameType::Pong;
+    static void Fields(auto &, auto &) {}
 };
 
 // Takes frames as they come, in order, on one thread. What a receiver doesn't expect it may ignore.
@@ -168,8 +228,8 @@ public:
     virtual void OnNotice(const Notice &) {}
     virtual void OnGoodbye(const Goodbye &) {}
     // Answered by the connection itself; here for whoever drives a decoder directly.
-    virtual void OnPing() {}
-    virtual void OnPong() {}
+    virtual void OnPing(const Ping &) {}
+    virtual void OnPong(const Pong &) {}
 
 protected:
     ~IFrameReceiver() = default;

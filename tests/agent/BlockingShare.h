@@ -1,7 +1,7 @@
 // The same file calls, waited for: for tests and tools. Not on a reader thread.
 //
-//     auto opened = BlockingCall(share, &RemoteShare::Create, call, path);
-//     auto read = BlockingCall(share, &RemoteShare::Read, opened.fileId, 0, 4096);
+//     auto opened = BlockingCall(share.Create(call, path));
+//     auto read = BlockingCall(share.Read(opened.fileId, 0, 4096));
 #pragma once
 
 #include "agent/RemoteShare.h"
@@ -21,6 +21,7 @@ struct OwnedResult {
     std::vector<uint8_t> preRead;
 
     bool Failed() const { return nt::IsError(status); }
+    explicit OwnedResult(nt::NTSTATUS only) : status(only) {}
     explicit OwnedResult(const IoResult &result)
         : status(result.status), fileId(result.fileId), information(result.information),
           length(result.length), data(result.data.begin(), result.data.end()),
@@ -28,22 +29,29 @@ struct OwnedResult {
     {}
 };
 
-// The call under way: `get` waits for its outcome.
-template <class Method, class... Arguments>
-std::future<OwnedResult> StartCall(RemoteShare &share, Method method, Arguments &&...arguments)
+template <class Call> Detached Run(Call call, std::promise<OwnedResult> outcome)
 {
-    auto promise = std::make_unique<std::promise<OwnedResult>>();
-    std::future<OwnedResult> outcome = promise->get_future();
-    (share.*
-     method)(std::forward<Arguments>(arguments)...,
-             [kept = std::move(promise)](const IoResult &result) { kept->set_value(OwnedResult(result)); });
+    const auto result = co_await call;
+    outcome.set_value(OwnedResult(result));
+}
+
+// The call under way: `get` waits for its outcome.
+template <class Call> std::future<OwnedResult> StartCall(Call call)
+{
+    std::promise<OwnedResult> promise;
+    std::future<OwnedResult> outcome = promise.get_future();
+    Run(std::move(call), std::move(promise));
     return outcome;
 }
 
-template <class Method, class... Arguments>
-OwnedResult BlockingCall(RemoteShare &share, Method method, Arguments &&...arguments)
+inline std::future<OwnedResult> StartWatch(RemoteShare &share, uint32_t fileId)
 {
-    return StartCall(share, method, std::forward<Arguments>(arguments)...).get();
+    return StartCall(AwaitIo([&](IoHandler done) { share.NotifyChange(fileId, 1, false, std::move(done)); }));
+}
+
+template <class Call> OwnedResult BlockingCall(Call call)
+{
+    return StartCall(std::move(call)).get();
 }
 
 } // namespace fodr::agent

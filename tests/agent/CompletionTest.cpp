@@ -138,7 +138,7 @@ TEST_F(InFlight, AnswersFindTheirRequestsInAnyOrder)
     std::vector<std::future<OwnedResult>> outcomes;
     std::vector<Request> requests;
     for (uint32_t i = 0; i < kCount; ++i)
-        outcomes.push_back(StartCall(*share, &RemoteShare::Read, 1u, uint64_t{i}, 4u));
+        outcomes.push_back(StartCall(share->Read(1u, uint64_t{i}, 4u)));
     for (uint32_t i = 0; i < kCount; ++i)
         requests.push_back(plugin->TakeRequest());
     std::shuffle(requests.begin(), requests.end(), std::mt19937(3));
@@ -153,9 +153,9 @@ TEST_F(InFlight, AnswersFindTheirRequestsInAnyOrder)
 
 TEST_F(InFlight, AMalformedAnswerFailsItsRequestAndNothingElse)
 {
-    auto cut = StartCall(*share, &RemoteShare::Read, 1u, uint64_t{0}, 4u);
-    auto foreign = StartCall(*share, &RemoteShare::Read, 1u, uint64_t{0}, 4u);
-    auto good = StartCall(*share, &RemoteShare::Read, 1u, uint64_t{0}, 4u);
+    auto cut = StartCall(share->Read(1u, uint64_t{0}, 4u));
+    auto foreign = StartCall(share->Read(1u, uint64_t{0}, 4u));
+    auto good = StartCall(share->Read(1u, uint64_t{0}, 4u));
     plugin->Complete(plugin->TakeRequest(), nt::STATUS_SUCCESS, {4, 0, 0, 0, 1});
     Request other = plugin->TakeRequest();
     other.packet[4] ^= 1; // another device
@@ -168,11 +168,11 @@ TEST_F(InFlight, AMalformedAnswerFailsItsRequestAndNothingElse)
 
 TEST_F(InFlight, ARepeatedAnswerIsNotTakenForTheNextOne)
 {
-    auto first = StartCall(*share, &RemoteShare::Read, 1u, uint64_t{0}, 4u);
+    auto first = StartCall(share->Read(1u, uint64_t{0}, 4u));
     const Request request = plugin->TakeRequest();
     plugin->CompleteData(request, Bytes(4, 1));
     EXPECT_EQ(first.get().data, Bytes(4, 1));
-    auto second = StartCall(*share, &RemoteShare::Read, 1u, uint64_t{0}, 4u);
+    auto second = StartCall(share->Read(1u, uint64_t{0}, 4u));
     plugin->CompleteData(request, Bytes(4, 1));
     plugin->CompleteData(plugin->TakeRequest(), Bytes(4, 2));
     EXPECT_EQ(second.get().data, Bytes(4, 2));
@@ -180,8 +180,8 @@ TEST_F(InFlight, ARepeatedAnswerIsNotTakenForTheNextOne)
 
 TEST_F(InFlight, EverythingEndsWithTheShareAndTheConnection)
 {
-    auto created = StartCall(*share, &RemoteShare::Create, RemoteShare::CreateCall{}, u"\\a");
-    auto watched = StartCall(*share, &RemoteShare::NotifyChange, 1u, 1u, false);
+    auto created = StartCall(share->Create(RemoteShare::CreateCall{}, u"\\a"));
+    auto watched = StartWatch(*share, 1u);
     const Request creating = plugin->TakeRequest(), watching = plugin->TakeRequest();
     plugin->Send(PacketOf(DR_DEVICELIST_REMOVE{.DeviceId = kDevice}));
     EXPECT_EQ(created.get().status, nt::STATUS_DEVICE_REMOVED);
@@ -194,12 +194,12 @@ TEST_F(InFlight, EverythingEndsWithTheShareAndTheConnection)
     EXPECT_EQ(close.Head().MajorFunction, IRP_MJ_CLOSE);
     EXPECT_EQ(close.Head().FileId, 0x44u);
 
-    auto cutOff = StartCall(*share, &RemoteShare::NotifyChange, 1u, 1u, false);
+    auto cutOff = StartWatch(*share, 1u);
     plugin->TakeRequest();
     plugin->Close();
     EXPECT_EQ(cutOff.get().status, STATUS_CONNECTION_DISCONNECTED);
     EXPECT_EQ(ends.Take().first, ChannelEnd::Lost);
-    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Close, 1u).status, STATUS_CONNECTION_DISCONNECTED);
+    EXPECT_EQ(BlockingCall(share->Close(1u)).status, STATUS_CONNECTION_DISCONNECTED);
 }
 
 TEST(RequestTable, TimeEndsWhatIsTimed)
@@ -256,7 +256,7 @@ TEST_F(Shares, AreAnsweredOnceTheyCanBeUsed)
     plugin->Send(MappedAnnounce());
     share = std::make_shared<RemoteShare>(*client, devices.Take());
     const auto ask = [&] {
-        auto opened = StartCall(*share, &RemoteShare::Create, RemoteShare::CreateCall{}, u"\\");
+        auto opened = StartCall(share->Create(RemoteShare::CreateCall{}, u"\\"));
         plugin->CompleteNumber(plugin->TakeRequest(), 1); // and no reply before it
         EXPECT_FALSE(opened.get().Failed());
     };

@@ -40,7 +40,7 @@ class LostConnection : public ClientTest {
 protected:
     uint32_t RemoteFile(std::shared_ptr<IReopen> reopen)
     {
-        auto opened = StartCall(*share, &RemoteShare::Create, kOpen, u"\\file");
+        auto opened = StartCall(share->Create(kOpen, u"\\file"));
         plugin->CompleteNumber(plugin->TakeRequest(), kFile);
         const uint32_t fileId = opened.get().fileId;
         if (reopen)
@@ -73,11 +73,11 @@ TEST_F(LostConnection, AFileIsOpenedAgainOnceForAllThatWaits)
 {
     StartOutliving();
     const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
-    auto underWay = StartCall(*share, &RemoteShare::Read, fileId, 7u, 5u);
+    auto underWay = StartCall(share->Read(fileId, 7u, 5u));
     plugin->TakeRequest();
     Lose();
     const Bytes text = {'h', 'e', 'l', 'l', 'o'};
-    auto asked = StartCall(*share, &RemoteShare::Write, fileId, 9u, ByteSpan(text));
+    auto asked = StartCall(share->Write(fileId, 9u, ByteSpan(text)));
     ComeBack(kNewDevice);
     EXPECT_EQ(back.Take().id, share->Device().id);
     plugin->CompleteData(ReopenUpToIdentity(), NumberOf(kIdentity));
@@ -91,7 +91,7 @@ TEST_F(LostConnection, AFileIsOpenedAgainOnceForAllThatWaits)
     EXPECT_EQ(underWay.get().data, text);
     EXPECT_EQ(asked.get().length, 5u);
     // It is open now.
-    auto next = StartCall(*share, &RemoteShare::Close, fileId);
+    auto next = StartCall(share->Close(fileId));
     plugin->Complete(TakeOf(IRP_MJ_CLOSE, kNewDevice, kFileAgain), nt::STATUS_SUCCESS);
     EXPECT_EQ(next.get().status, nt::STATUS_SUCCESS);
 }
@@ -101,10 +101,10 @@ TEST_F(LostConnection, AFileThatIsClosedMeanwhileIsNotWaitedFor)
     StartOutliving();
     const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
     Lose();
-    auto read = StartCall(*share, &RemoteShare::Read, fileId, 0u, 5u);
+    auto read = StartCall(share->Read(fileId, 0u, 5u));
     ComeBack(kNewDevice);
     const Request query = ReopenUpToIdentity();
-    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Close, fileId).status, nt::STATUS_SUCCESS);
+    EXPECT_EQ(BlockingCall(share->Close(fileId)).status, nt::STATUS_SUCCESS);
     plugin->CompleteData(query, NumberOf(kIdentity));
     EXPECT_EQ(read.get().status, STATUS_FILE_INVALID);
     TakeOf(IRP_MJ_CLOSE, kNewDevice, kFileAgain);
@@ -122,7 +122,7 @@ TEST_F(LostConnection, AnotherFileIsRefused)
             known->place.clear();
         if (tried == Case::TooSmall || tried == Case::LargeEnough)
             known->identity = 0;
-        auto read = StartCall(*share, &RemoteShare::Read, fileId, 0u, 5u);
+        auto read = StartCall(share->Read(fileId, 0u, 5u));
         ComeBack(kNewDevice);
         switch (tried) {
         case Case::OtherId:
@@ -149,7 +149,7 @@ TEST_F(LostConnection, AnotherFileIsRefused)
             if (tried == Case::OtherId || tried == Case::TooSmall)
                 TakeOf(IRP_MJ_CLOSE, kNewDevice, kFileAgain);
             EXPECT_EQ(read.get().status, STATUS_FILE_INVALID);
-            EXPECT_EQ(BlockingCall(*share, &RemoteShare::Read, fileId, 0u, 5u).status, STATUS_FILE_INVALID);
+            EXPECT_EQ(BlockingCall(share->Read(fileId, 0u, 5u)).status, STATUS_FILE_INVALID);
         }
         TearDown();
     }
@@ -167,26 +167,25 @@ TEST_F(LostConnection, OnlyWhatDoesNoHarmIsRepeated)
         std::future<OwnedResult> call;
         nt::NTSTATUS outcome; // STATUS_PENDING: it is asked again
     } rows[] = {
-        {StartCall(*share, &RemoteShare::Create, make, u"\\new"), STATUS_CONNECTION_DISCONNECTED},
-        {StartCall(*share, &RemoteShare::Create, deleting, u"\\old"), STATUS_CONNECTION_DISCONNECTED},
-        {StartCall(*share, &RemoteShare::Rename, kept, u"\\other", true), STATUS_CONNECTION_DISCONNECTED},
-        {StartCall(*share, &RemoteShare::Delete, kept), STATUS_CONNECTION_DISCONNECTED},
-        {StartCall(*share, &RemoteShare::NotifyChange, plain, 1u, false), STATUS_CONNECTION_DISCONNECTED},
-        {StartCall(*share, &RemoteShare::Read, plain, 0u, 1u), STATUS_FILE_INVALID},
-        {StartCall(*share, &RemoteShare::Close, plain), nt::STATUS_SUCCESS},
-        {StartCall(*share, &RemoteShare::Create, kOpen, u"\\there"), nt::STATUS_PENDING},
-        {StartCall(*share, &RemoteShare::SetInformation, kept, nt::FileEndOfFileInformation, ByteSpan(size)),
+        {StartCall(share->Create(make, u"\\new")), STATUS_CONNECTION_DISCONNECTED},
+        {StartCall(share->Create(deleting, u"\\old")), STATUS_CONNECTION_DISCONNECTED},
+        {StartCall(share->Rename(kept, u"\\other", true)), STATUS_CONNECTION_DISCONNECTED},
+        {StartCall(share->Delete(kept)), STATUS_CONNECTION_DISCONNECTED},
+        {StartWatch(*share, plain), STATUS_CONNECTION_DISCONNECTED},
+        {StartCall(share->Read(plain, 0u, 1u)), STATUS_FILE_INVALID},
+        {StartCall(share->Close(plain)), nt::STATUS_SUCCESS},
+        {StartCall(share->Create(kOpen, u"\\there")), nt::STATUS_PENDING},
+        {StartCall(share->SetInformation(kept, nt::FileEndOfFileInformation, ByteSpan(size))),
          nt::STATUS_PENDING},
     };
     for (size_t i = 0; i < std::size(rows); ++i)
         plugin->TakeRequest();
     Lose();
     // Not asked before, so it isn't asked twice.
-    auto later = StartCall(*share, &RemoteShare::Create, make, u"\\later");
-    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Read, plain, 0u, 1u).status, STATUS_FILE_INVALID);
+    auto later = StartCall(share->Create(make, u"\\later"));
+    EXPECT_EQ(BlockingCall(share->Read(plain, 0u, 1u)).status, STATUS_FILE_INVALID);
     // The number of the directory it goes to would be another's by then.
-    EXPECT_EQ(BlockingCall(*share, &RemoteShare::RenameInto, kept, plain, u"name", true).status,
-              STATUS_FILE_INVALID);
+    EXPECT_EQ(BlockingCall(share->RenameInto(kept, plain, u"name", true)).status, STATUS_FILE_INVALID);
     for (auto &row : rows) {
         if (row.outcome != nt::STATUS_PENDING) {
             EXPECT_EQ(row.call.get().status, row.outcome) << &row - rows;
@@ -213,14 +212,14 @@ TEST_F(LostConnection, ARenameIntoADirectoryIsOfItsConnection)
     Lose();
     ComeBack(kNewDevice);
     const uint32_t directory = RemoteFile(std::make_shared<KnownFile>());
-    auto rename = StartCall(*share, &RemoteShare::RenameInto, fileId, directory, u"name", true);
+    auto rename = StartCall(share->RenameInto(fileId, directory, u"name", true));
     ReopenUpToIdentity(); // the file is opened again meanwhile
     Lose();
     EXPECT_EQ(rename.get().status, STATUS_CONNECTION_DISCONNECTED);
     // Over one connection it is done.
     ComeBack(kNewDevice);
     const uint32_t now = RemoteFile(std::make_shared<KnownFile>());
-    rename = StartCall(*share, &RemoteShare::RenameInto, fileId, now, u"name", true);
+    rename = StartCall(share->RenameInto(fileId, now, u"name", true));
     plugin->CompleteData(ReopenUpToIdentity(), NumberOf(kIdentity));
     const Request sent = TakeOf(IRP_MJ_SET_INFORMATION, kNewDevice, kFileAgain);
     EXPECT_EQ(LoadLittle<uint32_t>(&sent.Payload()[8]), kFile);
@@ -234,11 +233,11 @@ TEST_F(LostConnection, WaitingEndsWithItsTime)
     StartOutliving(kTime);
     const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
     Lose();
-    auto first = StartCall(*share, &RemoteShare::Read, fileId, 0u, 5u);
+    auto first = StartCall(share->Read(fileId, 0u, 5u));
     for (unsigned i = 0; i < kTime - 1000; ++i)
         client->Tick();
     EXPECT_EQ(client->Requests().InFlight(), 1u);
-    auto second = StartCall(*share, &RemoteShare::Create, kOpen, u"\\file");
+    auto second = StartCall(share->Create(kOpen, u"\\file"));
     for (unsigned i = 0; i < 1001; ++i)
         client->Tick();
     EXPECT_EQ(first.get().status, STATUS_IO_TIMEOUT);
@@ -256,9 +255,8 @@ TEST_F(LostConnection, WhatWaitsIsBounded)
     const Bytes large(16 << 20);
     std::vector<std::future<OwnedResult>> waiting;
     for (int i = 0; i < 3; ++i)
-        waiting.push_back(StartCall(*share, &RemoteShare::Write, fileId, 0u, ByteSpan(large)));
-    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Write, fileId, 0u, ByteSpan(large)).status,
-              STATUS_CONNECTION_DISCONNECTED);
+        waiting.push_back(StartCall(share->Write(fileId, 0u, ByteSpan(large))));
+    EXPECT_EQ(BlockingCall(share->Write(fileId, 0u, ByteSpan(large))).status, STATUS_CONNECTION_DISCONNECTED);
     client.reset(); // and what waits is answered at the end
     for (auto &write : waiting)
         EXPECT_EQ(write.get().status, STATUS_CONNECTION_DISCONNECTED);
@@ -412,7 +410,7 @@ TEST_F(LostConnection, ASecondLossBeginsAnew)
 {
     StartOutliving();
     const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
-    auto read = StartCall(*share, &RemoteShare::Read, fileId, 0u, 1u);
+    auto read = StartCall(share->Read(fileId, 0u, 1u));
     plugin->TakeRequest();
     Lose();
     ComeBack(kNewDevice);
@@ -430,7 +428,7 @@ TEST_F(LostConnection, AShareIsBackOnceItCanBeUsed)
     StartOutlivingWithoutShare();
     plugin->SendAnnounce(kDevice, "docs");
     share = std::make_shared<RemoteShare>(*client, devices.Take());
-    auto asked = StartCall(*share, &RemoteShare::Create, kOpen, u"\\");
+    auto asked = StartCall(share->Create(kOpen, u"\\"));
     plugin->TakeRequest();
     Lose();
     Reconnect();
@@ -451,7 +449,7 @@ TEST_F(LostConnection, AShareThatStaysAwayIsRemoved)
     StartOutliving();
     const uint32_t fileId = RemoteFile(std::make_shared<KnownFile>());
     Lose();
-    auto read = StartCall(*share, &RemoteShare::Read, fileId, 0u, 1u);
+    auto read = StartCall(share->Read(fileId, 0u, 1u));
     ComeBack(kDevice, "others"); // with the number of the other
     const RemoteDevice other = devices.Take();
     EXPECT_NE(other.id, share->Device().id);
@@ -460,7 +458,7 @@ TEST_F(LostConnection, AShareThatStaysAwayIsRemoved)
     EXPECT_EQ(read.get().status, nt::STATUS_DEVICE_REMOVED);
     // The other's requests have the wire's number.
     RemoteShare second(*client, other);
-    auto opened = StartCall(second, &RemoteShare::Create, kOpen, u"\\file");
+    auto opened = StartCall(second.Create(kOpen, u"\\file"));
     plugin->CompleteNumber(TakeOf(IRP_MJ_CREATE, kDevice, 0), kFile);
     EXPECT_FALSE(opened.get().Failed());
 }

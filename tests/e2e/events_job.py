@@ -297,7 +297,7 @@ class Events(PosixCase):
     def test_what_a_program_has_mapped_stays(self):
         # The owner's event comes with a size that was true before the program gave the file another.
         with self.share():
-            self.watch(self.mount)
+            watcher, seen = self.watch(self.mount), []
             for number in range(30):
                 with self.subTest(number), open(self.local / f"f{number}", "w+b", buffering=0) as owners:
                     wait_for((self.mount / f"f{number}").exists, "the file")
@@ -305,8 +305,26 @@ class Events(PosixCase):
                                                 str(number % 10 / 250)])
                     while program.poll() is None:
                         os.pwrite(owners.fileno(), b"owner", 0)
-                        time.sleep(0.002)
+                        seen += watcher.read(0.002)
                     self.assertEqual(program.returncode, 0)
+            self.assertIn("CREATE", {event.kind for event in seen})
+
+    def test_a_log_that_is_written_here_is_rotated_there(self):
+        with self.share():
+            log = self.mount / "log"
+            with open(log, "w", buffering=1) as writer:
+                print("first", file=writer)
+                watcher, top = self.watch(self.mount), self.mount.name
+
+                def rotate():
+                    os.rename(self.local / "log", self.local / "log.1")
+                    (self.local / "log").touch()
+
+                self.expect(watcher, rotate, [f"{top}/{text}" for text in
+                                              ("MOVED_FROM log", "MOVED_TO log.1", "CREATE log", "CLOSE_WRITE log")])
+                print("second", file=writer)
+            self.assertEqual((self.local / "log.1").read_text(), "first\nsecond\n")
+            self.assertEqual(log.read_bytes(), b"")
 
     def test_none_without_events_and_none_where_nothing_can_be_changed(self):
         for option in ("--agent-option=--no-events", "--read-only"):

@@ -153,6 +153,44 @@ class Data(PosixCase):
                 (self.local / "f").write_bytes(content)
                 self.assertEqual((self.mount / "f").read_bytes(), content, number)
 
+    def test_a_reader_and_its_map_see_each_write_while_the_name_is_fought_over(self):
+        with self.share():
+            path = self.mount / "f"
+            path.write_bytes(bytes(8192))
+            stop = threading.Event()
+
+            def others():
+                number = 0
+                while not stop.is_set():
+                    number += 1
+                    os.rename(path, self.mount / "g")  # holds the folder, and waits for the file
+                    os.rename(self.mount / "g", path)
+                    (self.local / f"owners{number % 3}").write_text(str(number))
+
+            worker = threading.Thread(target=others)
+            with open(path, "rb", buffering=0) as reader, mmap.mmap(reader.fileno(), 8192, prot=mmap.PROT_READ) as memory:
+                writer = os.open(path, os.O_WRONLY)
+                worker.start()
+                try:
+                    for number in range(1, 500):
+                        os.pwrite(writer, number.to_bytes(4, "little"), 4096)
+                        self.assertEqual(int.from_bytes(memory[4096:4100], "little"), number)
+                        self.assertEqual(int.from_bytes(os.pread(reader.fileno(), 4, 4096), "little"), number)
+                finally:
+                    stop.set()
+                    worker.join()
+                    os.close(writer)
+
+    def test_writing_takes_the_set_id_bits_away(self):
+        with self.share("--agent-option=--allow-other"):
+            path = self.local / "f"
+            path.write_text("before")
+            path.chmod(0o6777)
+            program = "import os, sys; os.setuid(65534); os.write(os.open(sys.argv[1], os.O_WRONLY), b'x')"
+            self.scratch.root.chmod(0o755)
+            subprocess.run([sys.executable, "-c", program, str(self.mount / "f")], check=True)
+            self.assertEqual((path.read_text(), oct(path.stat().st_mode & 0o7777)), ("xefore", "0o777"))
+
     def test_appenders_do_not_overwrite_each_other(self):
         with self.share():
             files = [open(self.mount / "log", "ab", buffering=0) for _ in range(4)]
@@ -333,13 +371,13 @@ class Names(PosixCase):
                 self.assertFails(errno.ENOTSUP, os.setxattr, self.mount / "f", kind, b"1")
 
     def test_a_listing_has_every_name_once_from_any_position(self):
-        names = {f"file {n:05d} " + "n" * (n % 90) for n in range(5000)}
+        names = {f"file {n:05d} " + "n" * (n % 90) for n in range(12000)}
         for name in names:
             (self.local / name).touch()
         with self.share():
             self.assertEqual(sorted(os.listdir(self.mount)), sorted(names))
             shown = subprocess.run(["ls", "-lU", str(self.mount)], capture_output=True, check=True).stdout
-            self.assertEqual(len(shown.splitlines()), 5001)
+            self.assertEqual(len(shown.splitlines()), 12001)
             libc = ctypes.CDLL(None)
             libc.opendir.restype = libc.readdir.restype = ctypes.c_void_p
             libc.telldir.restype = ctypes.c_long

@@ -61,8 +61,8 @@ std::vector<GoodFrame> GoodFrames()
         {EncodeFrame(SideRefused{3, "why"}), "side refused 3 why"},
         {EncodeFrame(SideHello{.object = 3, .secret = ASecret()}), "side hello 3 abcdefghijklmnop"},
         {EncodeFrame(SideReady{3}), "side ready 3"},
-        {EncodeBare(FrameType::Ping), "ping"},
-        {EncodeBare(FrameType::Pong), "pong"},
+        {EncodeFrame(Ping{}), "ping"},
+        {EncodeFrame(Pong{}), "pong"},
         {EncodeFrame(Notice{NoticeKind::Mounted, "/mnt"}), "notice 1 /mnt"},
         {EncodeFrame(Goodbye{"done"}), "goodbye done"},
     };

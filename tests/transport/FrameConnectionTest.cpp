@@ -170,7 +170,7 @@ TEST_P(Connected, ASilentPeerIsGivenUpAndALivingOneIsNot)
     // It did ask.
     Bytes header(kFrameHeaderSize);
     ASSERT_EQ(second->Read(header), static_cast<ptrdiff_t>(kFrameHeaderSize));
-    EXPECT_EQ(header, EncodeBare(FrameType::Ping));
+    EXPECT_EQ(header, EncodeFrame(Ping{}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, Connected, kAllStreamKinds);

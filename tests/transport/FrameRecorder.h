@@ -68,8 +68,8 @@ public:
         Line("notice ", static_cast<int>(f.kind), ' ', f.text);
     }
     void OnGoodbye(const transport::Goodbye &f) override { Line("goodbye ", f.reason); }
-    void OnPing() override { Line("ping"); }
-    void OnPong() override { Line("pong"); }
+    void OnPing(const transport::Ping &) override { Line("ping"); }
+    void OnPong(const transport::Pong &) override { Line("pong"); }
     void OnClosed(const std::string &reason) override { Line("closed: ", reason); }
 
 protected:

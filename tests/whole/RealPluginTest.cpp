@@ -178,8 +178,8 @@ std::string Text(const std::vector<uint8_t> &bytes)
 
 std::string ReadFile(RemoteShare &share, const char16_t *path, uint32_t length = 100)
 {
-    const auto opened = BlockingCall(share, &RemoteShare::Create, kOpenToRead, path);
-    return Text(BlockingCall(share, &RemoteShare::Read, opened.fileId, 0u, length).data);
+    const auto opened = BlockingCall(share.Create(kOpenToRead, path));
+    return Text(BlockingCall(share.Read(opened.fileId, 0u, length)).data);
 }
 
 TEST_F(RealPlugin, AFolderAppearsServesFilesAndGoes)
@@ -188,29 +188,26 @@ TEST_F(RealPlugin, AFolderAppearsServesFilesAndGoes)
     Agent &agent = Connect();
     EXPECT_EQ(StatusOf(""), "RDPDR_CAPABILITY_STATUS,ENABLED");
     auto share = ShareDocs();
-    auto opened = BlockingCall(*share, &RemoteShare::Create, kOpenToRead, u"\\letter.txt");
+    auto opened = BlockingCall(share->Create(kOpenToRead, u"\\letter.txt"));
     ASSERT_EQ(opened.status, STATUS_SUCCESS);
     EXPECT_EQ(opened.information, FILE_OPENED);
-    EXPECT_EQ(Text(BlockingCall(*share, &RemoteShare::Read, opened.fileId, 5u, 100u).data), "reader");
-    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Close, opened.fileId).status, STATUS_SUCCESS);
-    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Read, opened.fileId, 0u, 1u).status, STATUS_INVALID_HANDLE);
+    EXPECT_EQ(Text(BlockingCall(share->Read(opened.fileId, 5u, 100u)).data), "reader");
+    EXPECT_EQ(BlockingCall(share->Close(opened.fileId)).status, STATUS_SUCCESS);
+    EXPECT_EQ(BlockingCall(share->Read(opened.fileId, 0u, 1u)).status, STATUS_INVALID_HANDLE);
 
-    auto created = BlockingCall(*share, &RemoteShare::Create, kCreateToWrite, u"\\answer.txt");
+    auto created = BlockingCall(share->Create(kCreateToWrite, u"\\answer.txt"));
     ASSERT_EQ(created.status, STATUS_SUCCESS);
     EXPECT_EQ(created.information, FILE_CREATED);
-    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Write, created.fileId, 0u, Bytes("dear writer")).length,
-              11u);
+    EXPECT_EQ(BlockingCall(share->Write(created.fileId, 0u, Bytes("dear writer"))).length, 11u);
     EXPECT_EQ(std::filesystem::file_size(folder / "answer.txt"), 11u);
 
     // No way out of the share.
     for (const char16_t *path : {u"\\..\\HKEY_LOCAL_MACHINE.ini", u"\\.\\letter.txt", u"\\a\\..\\letter.txt"})
-        EXPECT_EQ(BlockingCall(*share, &RemoteShare::Create, kOpenToRead, path).status,
-                  STATUS_OBJECT_NAME_INVALID);
+        EXPECT_EQ(BlockingCall(share->Create(kOpenToRead, path)).status, STATUS_OBJECT_NAME_INVALID);
 
     RemoveDocs();
     agent.WaitUntilGone("docs");
-    EXPECT_EQ(BlockingCall(*share, &RemoteShare::Write, created.fileId, 0u, Bytes("x")).status,
-              STATUS_DEVICE_REMOVED);
+    EXPECT_EQ(BlockingCall(share->Write(created.fileId, 0u, Bytes("x"))).status, STATUS_DEVICE_REMOVED);
 }
 
 TEST_F(RealPlugin, AReconnectServesTheSharesAgainWithoutANewHost)
@@ -252,28 +249,28 @@ TEST_F(RealPlugin, EachVersionAndCapabilityGetsWhatItKnows)
             const bool ahead = options.preRead && version >= 4;
 
             agent::FileFacts facts;
-            const auto opened = BlockingCall(*share, &RemoteShare::Create, kOpenFolder, u"\\");
+            const auto opened = BlockingCall(share->Create(kOpenFolder, u"\\"));
             EXPECT_EQ(agent::ReadPreReadFacts(opened.preRead, &facts), ahead);
             EXPECT_EQ(facts.IsDirectory(), ahead);
-            const auto listed = BlockingCall(*share, &RemoteShare::QueryDirectory, opened.fileId,
-                                             FileFullDirectoryInformation, true, u"");
+            const auto listed =
+                BlockingCall(share->QueryDirectory(opened.fileId, FileFullDirectoryInformation, true, u""));
             size_t entries = 0;
             agent::DirectoryReader reader(listed.data, agent::FileIds::None);
             for (agent::DirectoryReader::Entry entry; reader.Next(&entry);)
                 ++entries;
             EXPECT_EQ(entries, many ? 5u : 1u);
-            BlockingCall(*share, &RemoteShare::Close, opened.fileId);
+            BlockingCall(share->Close(opened.fileId));
 
-            const auto file = BlockingCall(*share, &RemoteShare::Create, kReadAlone, u"\\b");
+            const auto file = BlockingCall(share->Create(kReadAlone, u"\\b"));
             facts = {};
             EXPECT_EQ(agent::ReadPreReadFacts(file.preRead, &facts), ahead);
             EXPECT_EQ(facts.endOfFile, ahead ? 1 : 0);
-            EXPECT_EQ(Text(BlockingCall(*share, &RemoteShare::Read, file.fileId, 0u, 9u).data), "b");
-            const auto set = BlockingCall(*share, &RemoteShare::SetInformation, file.fileId,
-                                          FileBasicInformation, std::vector<uint8_t>(36));
+            EXPECT_EQ(Text(BlockingCall(share->Read(file.fileId, 0u, 9u)).data), "b");
+            const auto set = BlockingCall(
+                share->SetInformation(file.fileId, FileBasicInformation, std::vector<uint8_t>(36)));
             EXPECT_EQ(set.status, STATUS_SUCCESS);
             EXPECT_EQ(agent::ReadPreReadFacts(set.preRead, &facts), ahead);
-            BlockingCall(*share, &RemoteShare::Close, file.fileId);
+            BlockingCall(share->Close(file.fileId));
             RemoveDocs();
             agent.WaitUntilGone("docs");
         }
@@ -318,19 +315,16 @@ TEST_F(RealPlugin, AMountThatComesAndGoesTakesItsSharesAlongUnderTheirNumbers)
         for (RemoteShare *share : {whole.get(), files.get()})
             EXPECT_EQ(numbers.emplace(share->Device().name, share->Device().id).first->second,
                       share->Device().id);
-        auto opened = BlockingCall(*whole, &RemoteShare::Create, kOpenToRead, u"\\other");
-        EXPECT_EQ(Text(BlockingCall(*whole, &RemoteShare::Read, opened.fileId, 0u, 9u).data), content);
+        auto opened = BlockingCall(whole->Create(kOpenToRead, u"\\other"));
+        EXPECT_EQ(Text(BlockingCall(whole->Read(opened.fileId, 0u, 9u)).data), content);
         EXPECT_EQ(ReadFile(*files, u"\\named"), content);
-        EXPECT_EQ(BlockingCall(*files, &RemoteShare::Create, kOpenToRead, u"\\other").status,
-                  STATUS_ACCESS_DENIED);
+        EXPECT_EQ(BlockingCall(files->Create(kOpenToRead, u"\\other")).status, STATUS_ACCESS_DENIED);
 
         medium.Unmount();
         agent.WaitUntilGone("stick");
         agent.WaitUntilGone("(OVFCP)some");
-        EXPECT_EQ(BlockingCall(*whole, &RemoteShare::Read, opened.fileId, 0u, 9u).status,
-                  STATUS_DEVICE_REMOVED);
-        EXPECT_EQ(BlockingCall(*files, &RemoteShare::Create, kOpenToRead, u"\\named").status,
-                  STATUS_DEVICE_REMOVED);
+        EXPECT_EQ(BlockingCall(whole->Read(opened.fileId, 0u, 9u)).status, STATUS_DEVICE_REMOVED);
+        EXPECT_EQ(BlockingCall(files->Create(kOpenToRead, u"\\named")).status, STATUS_DEVICE_REMOVED);
     }
     EXPECT_EQ(numbers, (std::map<std::string, uint32_t>{{"(OVFCP)some", 65536}, {"stick", 65535}}));
 }

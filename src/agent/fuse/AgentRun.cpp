@@ -70,25 +70,17 @@ int CatchSignals(const AgentOptions &options)
 } // namespace
 
 AgentRun::AgentRun(const AgentOptions &agentOptions, FrontLine frontLine)
-    : options(agentOptions), files(FileSystemOptions(agentOptions)), front(std::move(frontLine))
-{
-    wakeEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-}
+    : wakeEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), options(agentOptions),
+      files(FileSystemOptions(agentOptions)), front(std::move(frontLine))
+{}
 
-AgentRun::~AgentRun()
-{
-    close(wakeEvent);
-    if (signals >= 0)
-        close(signals);
-}
+AgentRun::~AgentRun() = default;
 
 // ---- What others tell ----
 
 void AgentRun::WakeUp()
 {
-    const uint64_t one = 1;
-    while (write(wakeEvent, &one, sizeof(one)) < 0 && errno == EINTR) {
-    }
+    eventfd_write(wakeEvent.Get(), 1);
 }
 
 void AgentRun::OnReady()
@@ -213,13 +205,13 @@ AgentRun::Event AgentRun::WaitFor(Until until, int timeoutMS)
             const int rest = static_cast<int>(std::min<int64_t>(left.count() + 1, INT_MAX));
             wait = wait == kForever ? rest : std::min(wait, rest);
         }
-        pollfd waits[] = {{wakeEvent, POLLIN, 0},
-                          {signals, POLLIN, 0},
+        pollfd waits[] = {{wakeEvent.Get(), POLLIN, 0},
+                          {signals.Get(), POLLIN, 0},
                           {handOver ? handOver->Descriptor() : -1, POLLIN, 0},
                           {front.Descriptor(), POLLIN, 0}};
         poll(waits, std::size(waits), wait);
-        uint64_t count;
-        if (waits[0].revents && read(wakeEvent, &count, sizeof(count)) < 0 && errno != EAGAIN)
+        eventfd_t count;
+        if (waits[0].revents && eventfd_read(wakeEvent.Get(), &count) < 0 && errno != EAGAIN)
             return Event::Ended;
         if (waits[1].revents || (waits[3].revents && front.TakeEndWish()))
             return Event::Signal;
@@ -245,7 +237,7 @@ int AgentRun::Fail(AgentExit result, const std::string &sentence)
 
 int AgentRun::Run(std::unique_ptr<platform::ByteStream> stream)
 {
-    signals = CatchSignals(options);
+    signals.Reset(CatchSignals(options));
     options.client.outlivesConnections = PrepareToLinger();
     int result;
     {
@@ -344,16 +336,20 @@ int AgentRun::EndedBeforeMount(Event event)
 // Detached users lose what isn't on its way yet; what is, is waited for a little.
 void AgentRun::WaitForWrites()
 {
-    const auto end = std::chrono::steady_clock::now() + kWritesTime;
-    while (files.HasWritesInFlight() && std::chrono::steady_clock::now() < end) {
+    files.WhenNoWritesAreInFlight([this] { WakeUp(); });
+    const auto end = Clock::now() + kWritesTime;
+    for (Clock::duration left = kWritesTime; files.HasWritesInFlight() && left.count() > 0;
+         left = end - Clock::now()) {
         {
             const MutexLock held(lock);
             if (ended || lost)
                 return;
         }
-        pollfd wait = {wakeEvent, POLLIN, 0};
-        uint64_t count;
-        if (poll(&wait, 1, 20) > 0 && read(wakeEvent, &count, sizeof(count)) < 0 && errno != EAGAIN)
+        pollfd wait = {wakeEvent.Get(), POLLIN, 0};
+        const auto leftMS = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+        eventfd_t count;
+        if (poll(&wait, 1, static_cast<int>(leftMS)) > 0 && eventfd_read(wakeEvent.Get(), &count) < 0 &&
+            errno != EAGAIN)
             return;
     }
 }

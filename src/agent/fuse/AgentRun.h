@@ -5,6 +5,7 @@
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/FuseSession.h"
 #include "agent/fuse/HandOver.h"
+#include "lib/misc/Fd.h"
 
 #include <chrono>
 #include <memory>
@@ -65,12 +66,12 @@ private:
     void BeginNextStream();
     void EndNextStream();
 
+    const Fd wakeEvent; // an eventfd, which outlives what wakes
+    Fd signals;
     AgentOptions options;
     FileSystem files;
     RdpdrClient *client = nullptr; // while there is a connection
     std::unique_ptr<FuseSession> session;
-    int wakeEvent = -1;
-    int signals = -1;
 
     FrontLine front;
     std::unique_ptr<HandOverSocket> handOver;

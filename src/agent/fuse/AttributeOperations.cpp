@@ -1,6 +1,6 @@
 #include "agent/fuse/Operations.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>
@@ -72,12 +72,11 @@ Task<AttributeOperations::Borrowed> AttributeOperations::BorrowHandle(NodePtr no
         .createDisposition = nt::FILE_OPEN,
         .createOptions = (node->directory ? nt::FILE_DIRECTORY_FILE : nt::FILE_NON_DIRECTORY_FILE) |
                          (mount.FollowsLinks(node, place) ? 0 : nt::FILE_OPEN_REPARSE_POINT)};
-    IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    IoResult opened = co_await place.share->Create(open, place.path);
     if (opened.status == nt::STATUS_SHARING_VIOLATION && node->opens.IsClosing()) {
         // By a handle of our own.
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
-        opened = co_await CreateFile(*place.share, open, place.path);
+        co_await AwaitNoneClosing(node);
+        opened = co_await place.share->Create(open, place.path);
     }
     borrowed.status = opened.status;
     borrowed.share = place.share;
@@ -105,7 +104,7 @@ Task<nt::NTSTATUS> AttributeOperations::ChangeMode(const Borrowed &borrowed, con
         co_return nt::STATUS_SUCCESS;
     const ByteSpan bytes(reinterpret_cast<const uint8_t *>(&record), sizeof(record));
     const IoResult result =
-        co_await ControlFile(*borrowed.share, borrowed.fileId, nt::FSCTL_FODR_SET_MODE, bytes);
+        co_await borrowed.share->DeviceControl(borrowed.fileId, nt::FSCTL_FODR_SET_MODE, bytes);
     co_return result.status;
 }
 
@@ -124,7 +123,7 @@ Task<nt::NTSTATUS> AttributeOperations::ChangeBasics(const Borrowed &borrowed, c
         const mode_t other = (change.mode ^ kModeWithoutOne) & 07777;
         if ((other & ~kWritable) != 0 || (directory && other != 0))
             co_return nt::STATUS_PRIVILEGE_NOT_HELD;
-        const nt::NTSTATUS status = co_await QueryFacts(*borrowed.share, borrowed.fileId, changed);
+        const nt::NTSTATUS status = co_await borrowed.share->QueryFacts(borrowed.fileId, changed);
         if (nt::IsError(status))
             co_return status;
         *known = true; // until it is changed
@@ -138,7 +137,7 @@ Task<nt::NTSTATUS> AttributeOperations::ChangeBasics(const Borrowed &borrowed, c
         co_return nt::STATUS_SUCCESS;
     const std::array<uint8_t, 36> record = BasicRecord(basics);
     const IoResult result =
-        co_await SetFile(*borrowed.share, borrowed.fileId, nt::FileBasicInformation, record);
+        co_await borrowed.share->SetInformation(borrowed.fileId, nt::FileBasicInformation, record);
     *known = !result.Failed() && ReadPreReadFacts(result.preRead, changed);
     co_return result.status;
 }
@@ -176,10 +175,10 @@ Task<nt::NTSTATUS> AttributeOperations::SetSize(NodePtr node, const Borrowed &bo
     const std::shared_ptr<WriteBehind> writes = node->WritesIfAny();
     if (writes)
         writes->SizeChanges();
-    const IoResult result = co_await SetEndOfFile(*borrowed.share, borrowed.fileId, size);
+    const nt::NTSTATUS status = co_await borrowed.share->SetEndOfFile(borrowed.fileId, size);
     if (writes)
-        writes->SizeChanged(result, size);
-    co_return result.status;
+        writes->SizeChanged(status, size);
+    co_return status;
 }
 
 Task<nt::NTSTATUS> AttributeOperations::Change(NodePtr node, const AttributeChange &change, Changed *changed)
@@ -219,7 +218,7 @@ Task<Found> AttributeOperations::FactsAfter(NodePtr node, const Changed &changed
             (changed.identity || node->LastFacts(&last))) // what came with the change lacks these
             found.facts.TakeIdentity(changed.identity ? changed.identity->facts : last);
     } else if (borrowed.share && !borrowed.file) {
-        found.status = co_await QueryFacts(*borrowed.share, borrowed.fileId, &found.facts);
+        found.status = co_await borrowed.share->QueryFacts(borrowed.fileId, &found.facts);
         GiveBack(node, borrowed);
     } else {
         co_return co_await factsFinder.FactsOf(node);
@@ -276,7 +275,7 @@ Detached AttributeOperations::ReadLink(FuseCall::Ptr call, uint64_t nodeId)
         call->Fail(ESTALE);
         co_return;
     }
-    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    const IoResult opened = co_await place.share->Create(open, place.path);
     if (opened.Failed()) {
         call->FailOfFile(opened.status);
         co_return;
@@ -286,11 +285,11 @@ Detached AttributeOperations::ReadLink(FuseCall::Ptr call, uint64_t nodeId)
     bool whole;
     {
         const IoResult told =
-            co_await ControlFile(*place.share, fileId, nt::FSCTL_GET_REPARSE_POINT, kLongestReparseData);
+            co_await place.share->DeviceControl(fileId, nt::FSCTL_GET_REPARSE_POINT, {}, kLongestReparseData);
         whole = !told.Failed() && ReadLinkTarget(told.data, &target);
     }
     FileFacts facts;
-    const nt::NTSTATUS status = co_await QueryFacts(*place.share, fileId, &facts);
+    const nt::NTSTATUS status = co_await place.share->QueryFacts(fileId, &facts);
     mount.CloseLater(node, place.share, fileId);
     if (nt::IsError(status)) {
         call->FailStatus(status);
@@ -352,7 +351,7 @@ Detached AttributeOperations::StatFs(FuseCall::Ptr call, uint64_t nodeId)
             break;
         }
         const IoResult result =
-            co_await QueryVolumeOf(directory->Share(), directory->FileId(), nt::FileFsFullSizeInformation);
+            co_await directory->Share().QueryVolume(directory->FileId(), nt::FileFsFullSizeInformation);
         status = result.status;
         VolumeFacts facts;
         if (!result.Failed() && !ReadFullSizeInformation(result.data, &facts))

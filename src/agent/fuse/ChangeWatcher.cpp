@@ -140,6 +140,7 @@ void ChangeWatcher::Look(const NodePtr &node)
         Folder &folder = found->second;
         folder.waiting = folder.again = false;
         if (folder.tooMany) {
+            NoteChanges(now);
             changes.AddMany(node);
             folder.ended = now;
             return TellSoon();
@@ -180,7 +181,7 @@ void ChangeWatcher::Listed(const NodePtr &node, Clock::time_point asked, bool wh
     folder.took = folder.ended - asked;
     if (whole) {
         if (folder.known)
-            Compare(node, folder, entries);
+            Compare(node, folder, entries, asked);
         folder.asked = asked;
         Keep(folder, std::move(entries));
         std::erase_if(folder.own,
@@ -192,7 +193,18 @@ void ChangeWatcher::Listed(const NodePtr &node, Clock::time_point asked, bool wh
     TellSoon();
 }
 
-void ChangeWatcher::Compare(const NodePtr &node, Folder &folder, const FolderEntries &entries)
+// Before what was asked for then is added to the changes.
+void ChangeWatcher::NoteChanges(Clock::time_point asked)
+{
+    if (changes.Empty()) {
+        changesSince = Clock::now();
+        changesAsked = asked;
+    }
+    changesAsked = std::min(changesAsked, asked);
+}
+
+void ChangeWatcher::Compare(const NodePtr &node, Folder &folder, const FolderEntries &entries,
+                            Clock::time_point asked)
 {
     const auto isOwn = [&folder](const std::string &name) {
         const auto own = folder.own.find(name);
@@ -205,8 +217,7 @@ void ChangeWatcher::Compare(const NodePtr &node, Folder &folder, const FolderEnt
         const NodePtr file = mount.table.Child(node, name);
         return file && (file->ChangedSince(folder.asked) || file->opens.Any(true));
     };
-    if (changes.Empty())
-        changesSince = Clock::now();
+    NoteChanges(asked);
     changes.Compare(node, folder.entries, entries, isOwn, isOwnContent, kMostChanges);
 }
 
@@ -287,6 +298,8 @@ void ChangeWatcher::Tell()
         if (changes.Empty() || (now < tellAt && !overdue) || (underWay != 0 && changes.MayPair() && !overdue))
             return;
         events = changes.Take();
+        for (FolderEvent &event : events)
+            event.asked = changesAsked;
     }
     actor.Push(std::move(events));
 }

@@ -61,7 +61,9 @@ private:
     void Look(const NodePtr &node);
     Detached List(NodePtr node, Clock::time_point asked);
     void Listed(const NodePtr &node, Clock::time_point asked, bool whole, FolderEntries entries);
-    void Compare(const NodePtr &node, Folder &folder, const FolderEntries &entries) REQUIRES(lock);
+    void NoteChanges(Clock::time_point asked) REQUIRES(lock);
+    void Compare(const NodePtr &node, Folder &folder, const FolderEntries &entries, Clock::time_point asked)
+        REQUIRES(lock);
     void Keep(Folder &folder, FolderEntries entries) REQUIRES(lock);
     void ForgetUnused() REQUIRES(lock);
     void EndOwn(uint64_t folder, const std::string &name);
@@ -78,6 +80,7 @@ private:
     size_t underWay GUARDED_BY(lock) = 0; // listings
     FolderChanges changes GUARDED_BY(lock);
     Clock::time_point changesSince GUARDED_BY(lock){}, tellAt GUARDED_BY(lock){};
+    Clock::time_point changesAsked GUARDED_BY(lock){}; // when the first of the listings that show them was
     std::vector<std::weak_ptr<Node>> wanted GUARDED_BY(lock);
     Clock::time_point wantedSince GUARDED_BY(lock){}, wantedLast GUARDED_BY(lock){};
 };

@@ -2,7 +2,6 @@
 
 #include "agent/IoResult.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
 
 #include <algorithm>
@@ -162,9 +161,9 @@ void DirectoryCache::Check(const NodePtr &node, const DirectoryHandlePtr &handle
     if (!handle->Share().HasIds())
         return handle->NoteChecked(nt::STATUS_SUCCESS);
     handle->Share().QueryInformation(
-        handle->FileId(), FactsClassOf(handle->Share()), [this, node, handle](const IoResult &result) {
+        handle->FileId(), handle->Share().FactsClass(), [this, node, handle](const IoResult &result) {
             FileFacts facts;
-            nt::NTSTATUS status = TakeFacts(handle->Share(), result, &facts);
+            nt::NTSTATUS status = handle->Share().TakeFacts(result, &facts);
             if (!nt::IsError(status)) {
                 const uint64_t known = table.FileIdOf(node);
                 if (known != 0 && known != facts.id && table.ShareRootOf(node) != node)

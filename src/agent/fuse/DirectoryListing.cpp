@@ -1,6 +1,5 @@
 #include "agent/fuse/DirectoryListing.h"
 
-#include "agent/fuse/RemoteCalls.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/NtRecords.h"
 
@@ -76,6 +75,7 @@ void DirectoryListing::WhenKnown(size_t index, Waiter waiter)
                 node->opens.BeginClose();
         }
         read = std::max(read, index);
+        readAt = Clock::now();
         queries = PlanQueries();
         known = KnowsAbout(index);
         if (!known)
@@ -86,13 +86,34 @@ void DirectoryListing::WhenKnown(size_t index, Waiter waiter)
         waiter();
 }
 
+bool DirectoryListing::BeginsToWait()
+{
+    const MutexLock held(lock);
+    const bool waited = waits;
+    waits = waits || (!ended && IsFarAhead());
+    return waits && !waited;
+}
+
+bool DirectoryListing::GoOnIfIdle(Clock::duration span)
+{
+    size_t queries;
+    {
+        const MutexLock held(lock);
+        if (!ended && Clock::now() - readAt < span)
+            return false;
+        runsAhead = true;
+        queries = PlanQueries();
+    }
+    SendQueries(queries);
+    return true;
+}
+
 // How many queries to send now; they count as under way. A tagged share's root answers one after the other:
-// what follows its made-up listing ends it once, and then would list what isn't to be seen. Where a handle
-// keeps others from removing the folder, it is soon read to the end.
+// what follows its made-up listing ends it once, and then would list what isn't to be seen. A handle that
+// hinders a removal of the folder is read to its end at once.
 size_t DirectoryListing::PlanQueries()
 {
-    const bool farAhead = StaysOpen() && entries.size() > read && entries.size() - read >= kMostAhead;
-    if (ended || farAhead)
+    if (ended || IsFarAhead())
         return 0;
     const bool oneByOne = NamesOneByOne();
     const size_t wanted = oneByOne ? 1 : std::min(kMostQueries, 2 + answered);
@@ -112,7 +133,7 @@ void DirectoryListing::SendQueries(size_t count)
         }
         const std::u16string_view pattern =
             tagged && first ? std::u16string_view(u"\\*") : std::u16string_view();
-        share->QueryDirectory(fileId, ListingClassOf(*share), tagged && first, pattern,
+        share->QueryDirectory(fileId, share->ListingClass(), tagged && first, pattern,
                               [self = shared_from_this(), asked = Clock::now()](const IoResult &result) {
                                   self->OnAnswer(result, asked);
                               });

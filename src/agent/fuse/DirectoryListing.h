@@ -47,6 +47,11 @@ public:
     bool IsBegun() const;
     // Its folder is removed: nothing is in it, and a handle that nobody has read from is closed.
     void EndUnread();
+    // Whether it waits for its reader, which is told once. Who is told calls GoOnIfIdle until that is true: a
+    // reader that takes longer than `span` isn't waited for any more, since the other side keeps things for
+    // each listing that isn't at its end.
+    [[nodiscard]] bool BeginsToWait();
+    [[nodiscard]] bool GoOnIfIdle(Clock::duration span);
     // False where nothing but its name could be had: a host that tells modes tells one of all else. Nor is
     // enough known of a link that is followed.
     bool Knows(const Entry &entry) const
@@ -75,6 +80,11 @@ private:
     // open.
     bool StaysOpen() const { return share->Has(nt::FODR_HOST_POSIX_NAMES); }
     bool IsOver() const REQUIRES(lock) { return ended && inFlight == 0; }
+    bool IsFarAhead() const REQUIRES(lock)
+    {
+        return isFolder && StaysOpen() && !runsAhead && entries.size() > read &&
+               entries.size() - read >= kMostAhead;
+    }
     size_t PlanQueries() REQUIRES(lock);
     void SendQueries(size_t count);
     void OnAnswer(const IoResult &result, Clock::time_point asked);
@@ -98,6 +108,9 @@ private:
     bool isFolder GUARDED_BY(lock); // its own entry has shown that it is the one that was meant
     bool begun GUARDED_BY(lock) = false;
     size_t read GUARDED_BY(lock) = 0; // entries that somebody has asked for
+    Clock::time_point readAt GUARDED_BY(lock){};
+    bool waits GUARDED_BY(lock) = false;
+    bool runsAhead GUARDED_BY(lock) = false;
     bool ended GUARDED_BY(lock) = false;
     bool closed GUARDED_BY(lock) = false;
     size_t inFlight GUARDED_BY(lock) = 0;

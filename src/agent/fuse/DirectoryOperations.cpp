@@ -1,13 +1,15 @@
 #include "agent/fuse/Fuse.h"
 #include "agent/fuse/Operations.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
 
 #include <cerrno>
 #include <memory>
 
 namespace fodr::agent {
+
+// For so long a listing waits for who has stopped reading it.
+constexpr auto kReaderIdles = std::chrono::seconds(1);
 
 // The answer to one readdir or readdirplus, as it is filled.
 class ReaddirBuffer {
@@ -90,7 +92,7 @@ Task<bool> DirectoryOperations::ListsAnother(const OpenListing &open)
         places.IsConfirmed(parent, open.node))
         co_return false;
     FileFacts facts;
-    const nt::NTSTATUS status = co_await QueryFacts(open.listing->Share(), open.listing->FileId(), &facts);
+    const nt::NTSTATUS status = co_await open.listing->Share().QueryFacts(open.listing->FileId(), &facts);
     if (nt::IsError(status) || facts.id == known)
         co_return false;
     mount.LoseName(parent, name, open.node);
@@ -111,11 +113,11 @@ Task<nt::NTSTATUS> DirectoryOperations::BeginListing(OpenListingPtr open)
                                             .createOptions = nt::FILE_DIRECTORY_FILE};
     // A removal of the folder waits until it is known whether there is a handle.
     open->node->opens.BeginClose();
-    IoResult opened = co_await CreateFile(*place.share, create, place.path);
+    IoResult opened = co_await place.share->Create(create, place.path);
     if (SaysNoSuchFolder(opened.status)) {
         const Standing standing = co_await places.Confirm(open->node, Believing::Nothing);
         if (standing == Standing::Here && mount.table.PlaceOf(open->node, &place))
-            opened = co_await CreateFile(*place.share, create, place.path);
+            opened = co_await place.share->Create(create, place.path);
         if (SaysNoSuchFolder(opened.status))
             opened.status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
     }
@@ -163,6 +165,8 @@ Detached DirectoryOperations::ReadDirectory(FuseCall::Ptr call, OpenListingPtr o
         }
         break;
     }
+    if (listing && listing->BeginsToWait())
+        WaitForReader(listing);
     std::vector<uint64_t> reached; // nodes with a lookup more
     ReaddirBuffer buffer(size, plus);
     FillListing(*open, offset, &buffer, &reached);
@@ -170,6 +174,16 @@ Detached DirectoryOperations::ReadDirectory(FuseCall::Ptr call, OpenListingPtr o
         for (uint64_t node : reached)
             mount.table.Forget(node, 1);
     }
+}
+
+void DirectoryOperations::WaitForReader(const std::shared_ptr<DirectoryListing> &listing)
+{
+    mount.notifier.CallAt(Node::Clock::now() + kReaderIdles,
+                          [this, weak = std::weak_ptr<DirectoryListing>(listing)] {
+                              const std::shared_ptr<DirectoryListing> alive = weak.lock();
+                              if (alive && !alive->GoOnIfIdle(kReaderIdles))
+                                  WaitForReader(alive);
+                          });
 }
 
 // What was learnt of the name since the listing was asked for counts.

@@ -226,16 +226,27 @@ void EventActor::Begin(const FolderEvent *event)
     const MutexLock held(lock);
     std::swap(old, scene);
     scene.event = event;
+    if (event)
+        askedAt = event->asked.time_since_epoch().count();
+}
+
+// Whether it tells of a file whose events come from this mount.
+bool EventActor::IsOfOwnSize(const FolderEvent &event) const
+{
+    if (event.kind != Kind::Made && event.kind != Kind::Changed && event.kind != Kind::Touched)
+        return false;
+    const NodePtr known = mount.table.Child(event.folder, event.name);
+    const uint64_t id = known ? mount.table.FileIdOf(known) : 0;
+    return known && (id == 0 || id == event.facts.id) && HasOwnSize(known);
 }
 
 void EventActor::Act(const FolderEvent &event, const Fd &folder, const Fd &newFolder)
 {
-    const NodePtr known = mount.table.Child(event.folder, event.name);
-    const bool ofFile =
-        event.kind == Kind::Made || event.kind == Kind::Changed || event.kind == Kind::Touched;
-    if (folder.Get() < 0 || (ofFile && known && known->opens.MayBeWritten()))
+    if (folder.Get() < 0)
         return;
     Begin(&event);
+    if (IsOfOwnSize(event))
+        return Begin(nullptr);
     const char *name = event.name.c_str();
     switch (event.kind) {
     case Kind::Made:

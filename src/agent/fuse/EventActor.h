@@ -8,8 +8,8 @@
 #include "agent/fuse/FolderChanges.h"
 #include "agent/fuse/MountState.h"
 #include "lib/misc/Fd.h"
+#include "lib/misc/Mutex.h"
 
-#include <condition_variable>
 #include <deque>
 #include <thread>
 
@@ -63,6 +63,7 @@ private:
     bool IsStopping();
     Fd OpenFolder(const Fd &root, const NodePtr &folder);
     bool IsNode(const Fd &fd, const NodePtr &node);
+    bool IsOfOwnSize(const FolderEvent &event) const;
     void Act(const FolderEvent &event, const Fd &folder, const Fd &newFolder);
     void Begin(const FolderEvent *event);
 
@@ -77,14 +78,16 @@ private:
     NodePtr TakeMade(fuse_req *request, uint64_t parent, const char *name, FileFacts *facts);
     FileFacts FactsOf(const NodePtr &node) const;
     FileFacts Newest(const NodePtr &node, const FileFacts &told) const;
+    bool HasOwnSize(const NodePtr &node) const;
     void Refuse(fuse_req *request, const NodePtr &reached);
     void ReplyEntry(fuse_req *request, const NodePtr &node, const FileFacts &facts);
 
     MountState &mount;
     std::atomic<pid_t> threadId{0};
-    std::atomic<uint64_t> proof{0}; // the node whose attributes the thread asked for last
+    std::atomic<uint64_t> proof{0};           // the node whose attributes the thread asked for last
+    std::atomic<Node::Clock::rep> askedAt{0}; // FolderEvent::asked of what is being acted
     Mutex lock;
-    std::condition_variable_any changed;
+    Condition changed;
     std::string mountPoint GUARDED_BY(lock);
     std::deque<FolderEvent> waiting GUARDED_BY(lock);
     bool acting GUARDED_BY(lock) = false;

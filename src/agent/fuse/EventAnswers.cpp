@@ -49,6 +49,14 @@ FileFacts EventActor::Newest(const NodePtr &node, const FileFacts &told) const
     return knows && newer ? known : told;
 }
 
+// A file that programs of the mount write to, or have changed since the event was seen, has sizes of theirs,
+// and its events come from them.
+bool EventActor::HasOwnSize(const NodePtr &node) const
+{
+    const Node::Clock::time_point asked{Node::Clock::duration(askedAt.load())};
+    return !node->directory && (node->opens.MayBeWritten() || node->ChangedSince(asked));
+}
+
 FileFacts EventActor::FactsOf(const NodePtr &node) const
 {
     FileFacts facts;
@@ -86,7 +94,7 @@ NodePtr EventActor::Former(const NodePtr &folder, const std::string &name, const
 {
     const NodePtr known = mount.table.Child(folder, name);
     const NodeKind kind = KindOf(facts);
-    if (known && kind != NodeKind::Directory && known->kind == kind && !known->opens.MayBeWritten() &&
+    if (known && kind != NodeKind::Directory && known->kind == kind && !HasOwnSize(known) &&
         mount.table.FileIdOf(known) == facts.id)
         return mount.table.Reach(folder, name, kind, facts.id);
     return StandIn(folder, kind);
@@ -98,7 +106,7 @@ NodePtr EventActor::Moving(const NodePtr &parent, const std::string &name)
     const FolderEvent &event = *scene.event;
     const FileFacts &facts = event.facts;
     const NodePtr known = mount.table.FileInShareOf(event.folder, facts.id);
-    scene.standsIn = known && known->opens.MayBeWritten();
+    scene.standsIn = known && HasOwnSize(known);
     if (scene.standsIn)
         return StandIn(event.folder, KindOf(facts));
     std::vector<Node::Name> lost;
@@ -112,7 +120,6 @@ NodePtr EventActor::OnScene(const NodePtr &parent, const std::string &name, File
     const FolderEvent &event = *scene.event;
     *facts = event.facts;
     const bool isName = parent == event.folder && name == event.name;
-    std::vector<Node::Name> lost;
     if (isName && event.kind == Kind::Made)
         return nullptr;
     if (isName && event.kind == Kind::Removed)
@@ -160,13 +167,12 @@ void EventActor::Lookup(fuse_req *request, uint64_t parentId, const char *name)
         node = OnTheWay(parent, name, &facts);
     if (!node)
         fuse_reply_err(request, ENOENT);
-    else if (!node->opens.MayBeWritten())
+    else if (!HasOwnSize(node))
         ReplyEntry(request, node, Newest(node, facts));
     else
         Refuse(request, node);
 }
 
-// A file that programs of the mount write to has sizes of theirs, and its events come from them.
 void EventActor::Refuse(fuse_req *request, const NodePtr &reached)
 {
     mount.table.Forget(reached->id, 1);
@@ -177,8 +183,8 @@ void EventActor::GetAttr(fuse_req *request, uint64_t nodeId)
 {
     proof = nodeId;
     const NodePtr node = mount.table.Find(nodeId);
-    if (!node) {
-        fuse_reply_err(request, ESTALE);
+    if (!node || HasOwnSize(node)) {
+        fuse_reply_err(request, node ? EBUSY : ESTALE);
         return;
     }
     const struct stat attributes = StatOf(FactsOf(node), node->id, mount.options.owner);
@@ -188,7 +194,7 @@ void EventActor::GetAttr(fuse_req *request, uint64_t nodeId)
 void EventActor::SetAttr(fuse_req *request, uint64_t nodeId)
 {
     const NodePtr node = mount.table.Find(nodeId);
-    if (!node || node->opens.MayBeWritten()) {
+    if (!node || HasOwnSize(node)) {
         fuse_reply_err(request, node ? EBUSY : ESTALE);
         return;
     }
@@ -230,7 +236,7 @@ void EventActor::Create(fuse_req *request, uint64_t parent, const char *name)
     const NodePtr node = TakeMade(request, parent, name, &facts);
     if (!node)
         return;
-    if (node->opens.MayBeWritten())
+    if (HasOwnSize(node))
         return Refuse(request, node);
     const fuse_entry_param entry = EntryParam(node, Newest(node, facts), mount.options.owner);
     const fuse_file_info info = FileInfo();

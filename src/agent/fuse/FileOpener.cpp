@@ -1,7 +1,7 @@
 #include "agent/fuse/FileOpener.h"
 
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>
@@ -121,7 +121,7 @@ Task<IoResult> FileOpener::OpenAt(const Place &place, const RemoteShare::CreateC
 {
     const auto begun = TransferWindow::Clock::now();
     const bool alone = mount.readWindow.InFlight() == 0 && mount.writeWindow.InFlight() == 0;
-    IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    IoResult opened = co_await place.share->Create(open, place.path);
     if (!opened.Failed()) { // a failure may be this side's own
         const auto now = TransferWindow::Clock::now();
         mount.readWindow.NoteRoundTrip(begun, alone, now);
@@ -142,8 +142,7 @@ Task<IoResult> FileOpener::OpenNode(NodePtr node, Place place, RemoteShare::Crea
     for (int i = 0; i < kMostWaits && opened.status == nt::STATUS_SHARING_VIOLATION; ++i) {
         if (!node->opens.IsClosing() && node->opens.ClosesEnded() == ended)
             break;
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+        co_await AwaitNoneClosing(node);
         ended = node->opens.ClosesEnded();
         opened = co_await OpenAt(place, open);
     }
@@ -193,7 +192,7 @@ Task<Opening> FileOpener::OpenByLent(NodePtr node, std::shared_ptr<RemoteShare> 
     opening.file = NewOpen(node, share, fileId, access);
     opening.file->lender = lender;
     opening.file->givenAway = true;
-    opening.status = co_await QueryFacts(*share, fileId, &opening.facts);
+    opening.status = co_await share->QueryFacts(fileId, &opening.facts);
     co_return opening;
 }
 
@@ -258,7 +257,7 @@ Task<Opening> FileOpener::OpenAndIdentify(NodePtr node, Place place, int flags, 
         PrimeReading(file);
     const std::shared_ptr<WriteBehind> writes = node->Writes(mount.writeWindow);
     const uint64_t asked = writes->Generation();
-    opening.status = co_await QueryFacts(*place.share, file->fileId, &opening.facts);
+    opening.status = co_await place.share->QueryFacts(file->fileId, &opening.facts);
     if (nt::IsError(opening.status))
         co_return opening;
     if (known == 0)

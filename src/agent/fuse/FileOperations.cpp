@@ -1,7 +1,7 @@
 #include "agent/fuse/Fuse.h"
 #include "agent/fuse/Operations.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>
@@ -153,10 +153,10 @@ Task<nt::NTSTATUS> FileOperations::Truncate(NodePtr node, std::shared_ptr<Remote
     co_await AwaitWrites(writes);
     node->NoteOwnChange();
     writes->SizeChanges();
-    const IoResult result = co_await SetEndOfFile(*share, fileId, 0);
-    writes->SizeChanged(result, 0);
+    const nt::NTSTATUS status = co_await share->SetEndOfFile(fileId, 0);
+    writes->SizeChanged(status, 0);
     node->NoteOwnChange();
-    co_return result.status;
+    co_return status;
 }
 
 Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::string name, mode_t mode,
@@ -184,7 +184,7 @@ Detached FileOperations::Create(FuseCall::Ptr call, uint64_t parentId, std::stri
     const auto asked = Node::Clock::now();
     const bool hasIds = place.share->HasIds();
     if (!isNew) {
-        const nt::NTSTATUS status = co_await QueryFacts(*place.share, fileId, &facts);
+        const nt::NTSTATUS status = co_await place.share->QueryFacts(fileId, &facts);
         if (nt::IsError(status) && hasIds) {
             place.share->Close(fileId, [](const IoResult &) {});
             call->FailStatus(status);
@@ -250,13 +250,15 @@ void FileOperations::Write(FuseCall::Ptr call, const RemoteFilePtr &file, uint64
     }
     file->node->NoteOwnChange();
     const std::shared_ptr<WriteBehind> writes = file->node->Writes(mount.writeWindow);
-    auto accepted = [this, call, file, size = bytes.size()] {
-        if (!file->direct || !file->node->opens.AnyIsCached()) {
+    // What the kernel keeps of it for others is read anew.
+    const bool othersRead = file->direct && !(flags & O_APPEND) && file->node->opens.AnyIsCached();
+    auto accepted = [this, call, node = file->node->id, othersRead, size = bytes.size()] {
+        if (!othersRead) {
             call->Written(size);
             return;
         }
-        mount.notifier.DataChanged(file->node->id); // others read it
-        mount.notifier.CallAt(KernelNotifier::Clock::now(), [call, size] { call->Written(size); });
+        mount.dataNotifier.DataChanged(node);
+        mount.dataNotifier.CallAt(KernelNotifier::Clock::now(), [call, size] { call->Written(size); });
     };
     if (flags & O_APPEND)
         writes->Append(file->Target(), bytes, std::move(accepted));

@@ -1,6 +1,5 @@
 #include "agent/fuse/FileSystem.h"
 
-#include "agent/fuse/RemoteCalls.h"
 #include "platform/Nt.h"
 
 #include <algorithm>
@@ -14,11 +13,11 @@ Detached FileSystem::AskFeatures(std::shared_ptr<RemoteShare> share, InlineFunct
     const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
                                           .createDisposition = nt::FILE_OPEN};
     const std::u16string root = u"\\";
-    const IoResult opened = co_await CreateFile(*share, open, root);
+    const IoResult opened = co_await share->Create(open, root);
     if (!opened.Failed()) {
         const uint32_t fileId = opened.fileId;
-        const IoResult told = co_await ControlFile(*share, fileId, nt::FSCTL_FODR_QUERY_HOST,
-                                                   sizeof(nt::FODR_HOST_INFORMATION));
+        const IoResult told = co_await share->DeviceControl(fileId, nt::FSCTL_FODR_QUERY_HOST, {},
+                                                            sizeof(nt::FODR_HOST_INFORMATION));
         nt::FODR_HOST_INFORMATION host{};
         if (!told.Failed() && told.data.size() >= sizeof(host))
             memcpy(&host, told.data.data(), sizeof(host));
@@ -28,7 +27,7 @@ Detached FileSystem::AskFeatures(std::shared_ptr<RemoteShare> share, InlineFunct
         if (share->Device().IsTagged()) // where names are guarded one by one
             features &= ~nt::FODR_HOST_POSIX_NAMES;
         share->SetFeatures(features);
-        co_await CloseFile(*share, fileId);
+        co_await share->Close(fileId);
     }
     done();
 }
@@ -88,9 +87,11 @@ void FileSystem::SetSession(fuse_session *fuseSession)
 {
     mount.session = fuseSession;
     if (fuseSession) {
-        mount.notifier.SetSession(fuseSession);
+        for (KernelNotifier *notifier : {&mount.notifier, &mount.dataNotifier})
+            notifier->SetSession(fuseSession);
     } else {
-        mount.notifier.Stop();
+        for (KernelNotifier *notifier : {&mount.notifier, &mount.dataNotifier})
+            notifier->Stop();
         events.Actor().Stop();
     }
 }

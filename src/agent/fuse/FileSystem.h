@@ -24,6 +24,10 @@ public:
     // When the kernel can't come any more, before the client goes: gives up what is open.
     void Clear();
     bool HasWritesInFlight() const { return mount.writeWindow.InFlight() != 0; }
+    void WhenNoWritesAreInFlight(TransferWindow::Waiter waiter)
+    {
+        mount.writeWindow.WhenEmpty(std::move(waiter));
+    }
     InterruptWatch &Interrupts() { return interrupts; }
     void Forget(uint64_t nodeId, uint64_t lookups) { mount.table.Forget(nodeId, lookups); }
 

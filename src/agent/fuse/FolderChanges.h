@@ -30,8 +30,9 @@ struct FolderEvent {
     FileFacts facts{}; // of Removed: what it was
     NodePtr newFolder{};
     std::string newName{};
-    bool overwrites = false; // Moved: something had the new name
-    FileFacts former{};      // that, or what was replaced
+    bool overwrites = false;         // Moved: something had the new name
+    FileFacts former{};              // that, or what was replaced
+    Node::Clock::time_point asked{}; // the facts are as of then, or later
 };
 
 class FolderChanges {

@@ -219,7 +219,7 @@ bool FuseCall::CallerIsDying() const
 namespace {
 
 constexpr auto kLongWait = std::chrono::seconds(1);
-constexpr auto kLookAgain = std::chrono::milliseconds(200);
+constexpr auto kLookAgain = std::chrono::milliseconds(200); // at callers, of whose death nothing tells
 
 } // namespace
 

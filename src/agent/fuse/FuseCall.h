@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -109,7 +108,7 @@ private:
     void ThreadMain();
 
     Mutex lock;
-    std::condition_variable_any wakeup;
+    Condition wakeup;
     std::vector<std::weak_ptr<FuseCall>> interrupted GUARDED_BY(lock);
     bool stopping GUARDED_BY(lock) = false;
     std::thread thread;

@@ -1,8 +1,7 @@
-#include "agent/fuse/FuseOperations.h"
-
 #include "agent/fuse/EventActor.h"
 #include "agent/fuse/FileSystem.h"
 #include "agent/fuse/Fuse.h"
+#include "agent/fuse/FuseSession.h"
 
 #include <stdio.h>
 
@@ -34,6 +33,12 @@ RemoteFilePtr FileOf(const fuse_file_info *info)
     return KeptHandles<RemoteFile>::Of(info->fh);
 }
 
+// For an operation whose arguments are those of the method, in their order.
+template <auto Part, auto Method, class... Arguments> void Pass(fuse_req_t request, Arguments... arguments)
+{
+    ((Of(request).*Part).*Method)(CallOf(request), arguments...);
+}
+
 void Init(void *, fuse_conn_info *connection)
 {
     const auto want = [connection](unsigned capability) {
@@ -48,11 +53,6 @@ void Init(void *, fuse_conn_info *connection)
     connection->max_write = kTransferSize;
     connection->max_background = kBackground;
     connection->congestion_threshold = kBackground * 3 / 4;
-}
-
-void Lookup(fuse_req_t request, fuse_ino_t parent, const char *name)
-{
-    Of(request).names.Lookup(CallOf(request), parent, name);
 }
 
 void Forget(fuse_req_t request, fuse_ino_t node, uint64_t lookups)
@@ -91,21 +91,6 @@ void SetAttr(fuse_req_t request, fuse_ino_t node, struct stat *attributes, int t
     change.writeTime = toSet & FUSE_SET_ATTR_MTIME_NOW ? now : attributes->st_mtim;
     RemoteFilePtr file = info ? FileOf(info) : nullptr;
     Of(request).attributes.SetAttributes(CallOf(request), node, change, std::move(file));
-}
-
-void ReadLink(fuse_req_t request, fuse_ino_t node)
-{
-    Of(request).attributes.ReadLink(CallOf(request), node);
-}
-
-void Access(fuse_req_t request, fuse_ino_t node, int mask)
-{
-    Of(request).attributes.Access(CallOf(request), node, mask);
-}
-
-void StatFs(fuse_req_t request, fuse_ino_t node)
-{
-    Of(request).attributes.StatFs(CallOf(request), node);
 }
 
 void Open(fuse_req_t request, fuse_ino_t node, fuse_file_info *info)
@@ -208,21 +193,6 @@ void FAllocate(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t len
                                 static_cast<uint64_t>(length));
 }
 
-void MkDir(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t mode)
-{
-    Of(request).names.MakeDirectory(CallOf(request), parent, name, mode);
-}
-
-void RmDir(fuse_req_t request, fuse_ino_t parent, const char *name)
-{
-    Of(request).names.RemoveDirectory(CallOf(request), parent, name);
-}
-
-void Unlink(fuse_req_t request, fuse_ino_t parent, const char *name)
-{
-    Of(request).names.Unlink(CallOf(request), parent, name);
-}
-
 void Rename(fuse_req_t request, fuse_ino_t parent, const char *name, fuse_ino_t newParent,
             const char *newName, unsigned flags)
 {
@@ -239,10 +209,6 @@ void MkNod(fuse_req_t request, fuse_ino_t parent, const char *name, mode_t mode,
 void SymLink(fuse_req_t request, const char *target, fuse_ino_t parent, const char *name)
 {
     Of(request).names.MakeLink(CallOf(request), parent, name, target);
-}
-void Link(fuse_req_t request, fuse_ino_t node, fuse_ino_t newParent, const char *newName)
-{
-    Of(request).links.Link(CallOf(request), node, newParent, newName);
 }
 void LSeek(fuse_req_t request, fuse_ino_t, off_t offset, int whence, fuse_file_info *info)
 {
@@ -263,19 +229,6 @@ void SetXattr(fuse_req_t request, fuse_ino_t node, const char *name, const char 
         CallOf(request), node, name,
         {reinterpret_cast<const uint8_t *>(value), reinterpret_cast<const uint8_t *>(value) + size}, flags);
 }
-void GetXattr(fuse_req_t request, fuse_ino_t node, const char *name, size_t room)
-{
-    Of(request).xattrs.Get(CallOf(request), node, name, room);
-}
-void ListXattr(fuse_req_t request, fuse_ino_t node, size_t room)
-{
-    Of(request).xattrs.List(CallOf(request), node, room);
-}
-void RemoveXattr(fuse_req_t request, fuse_ino_t node, const char *name)
-{
-    Of(request).xattrs.Remove(CallOf(request), node, name);
-}
-
 void OpenDir(fuse_req_t request, fuse_ino_t node, fuse_file_info *)
 {
     Of(request).directories.OpenDirectory(CallOf(request), node);
@@ -313,14 +266,14 @@ const fuse_lowlevel_ops &FuseOperations()
     static const fuse_lowlevel_ops operations = [] {
         fuse_lowlevel_ops made = {};
         made.init = Init;
-        made.lookup = Lookup;
+        made.lookup = Pass<&FileSystem::names, &NameOperations::Lookup>;
         made.forget = Forget;
         made.forget_multi = ForgetMulti;
         made.getattr = GetAttr;
         made.setattr = SetAttr;
-        made.readlink = ReadLink;
-        made.access = Access;
-        made.statfs = StatFs;
+        made.readlink = Pass<&FileSystem::attributes, &AttributeOperations::ReadLink>;
+        made.access = Pass<&FileSystem::attributes, &AttributeOperations::Access>;
+        made.statfs = Pass<&FileSystem::attributes, &AttributeOperations::StatFs>;
         made.open = Open;
         made.create = Create;
         made.read = Read;
@@ -332,18 +285,18 @@ const fuse_lowlevel_ops &FuseOperations()
         made.flock = Flock;
         made.release = Release;
         made.fallocate = FAllocate;
-        made.mkdir = MkDir;
-        made.rmdir = RmDir;
-        made.unlink = Unlink;
+        made.mkdir = Pass<&FileSystem::names, &NameOperations::MakeDirectory>;
+        made.rmdir = Pass<&FileSystem::names, &NameOperations::RemoveDirectory>;
+        made.unlink = Pass<&FileSystem::names, &NameOperations::Unlink>;
         made.rename = Rename;
         made.mknod = MkNod;
         made.symlink = SymLink;
-        made.link = Link;
+        made.link = Pass<&FileSystem::links, &LinkOperations::Link>;
         made.lseek = LSeek;
         made.setxattr = SetXattr;
-        made.getxattr = GetXattr;
-        made.listxattr = ListXattr;
-        made.removexattr = RemoveXattr;
+        made.getxattr = Pass<&FileSystem::xattrs, &XattrOperations::Get>;
+        made.listxattr = Pass<&FileSystem::xattrs, &XattrOperations::List>;
+        made.removexattr = Pass<&FileSystem::xattrs, &XattrOperations::Remove>;
         made.copy_file_range = CopyFileRange;
         made.opendir = OpenDir;
         made.readdir = ReadDir;

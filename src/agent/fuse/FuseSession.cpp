@@ -1,7 +1,6 @@
 #include "agent/fuse/FuseSession.h"
 
 #include "agent/fuse/Fuse.h"
-#include "agent/fuse/FuseOperations.h"
 #include "lib/misc/Fd.h"
 #include "platform/Volumes.h"
 

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+struct fuse_lowlevel_ops;
 struct fuse_session;
 
 namespace fodr::agent {
@@ -59,5 +60,9 @@ private:
     std::atomic<bool> unmountTold{false};
     std::vector<std::thread> threads;
 };
+
+// The bridge from libfuse's table of operations to the file system (FuseOperations.cpp). Its functions expect
+// the FileSystem as the session's user data.
+const fuse_lowlevel_ops &FuseOperations();
 
 } // namespace fodr::agent

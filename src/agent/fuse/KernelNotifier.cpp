@@ -26,6 +26,9 @@ void KernelNotifier::Stop()
     }
     if (thread.joinable())
         thread.join();
+    std::multimap<Clock::time_point, InlineFunction<void()>> left; // calls of a session that is still there
+    const MutexLock held(lock);
+    left.swap(calls);
 }
 
 void KernelNotifier::Push(Notice notice)

@@ -6,7 +6,6 @@
 #include "lib/misc/Mutex.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <string>
 #include <thread>
@@ -49,7 +48,7 @@ private:
     static void Tell(fuse_session *fuseSession, const Notice &notice);
 
     Mutex lock;
-    std::condition_variable_any wakeup;
+    Condition wakeup;
     std::vector<Notice> notices GUARDED_BY(lock);
     std::multimap<Clock::time_point, InlineFunction<void()>> calls GUARDED_BY(lock);
     fuse_session *session GUARDED_BY(lock) = nullptr;

@@ -1,6 +1,6 @@
 #include "agent/fuse/Operations.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
@@ -34,15 +34,10 @@ Task<nt::NTSTATUS> LinkOperations::NameIt(Moving moving, uint32_t fileId, Direct
     nt::NTSTATUS status = co_await AwaitChecked(folder);
     if (nt::IsError(status))
         co_return status;
-    if (change == Change::Exchange) {
-        const IoResult exchanged = co_await ExchangeFileWith(share, fileId, folder->FileId(), newName);
-        co_return exchanged.status;
-    }
-    {
-        const IoResult linked = co_await LinkFileInto(share, fileId, folder->FileId(), newName);
-        status = linked.status;
-    }
-    co_return nt::IsError(status) ? status : co_await QueryFacts(share, fileId, facts);
+    if (change == Change::Exchange)
+        co_return co_await share.ExchangeWith(fileId, folder->FileId(), newName);
+    status = co_await share.LinkInto(fileId, folder->FileId(), newName);
+    co_return nt::IsError(status) ? status : co_await share.QueryFacts(fileId, facts);
 }
 
 Task<nt::NTSTATUS> LinkOperations::Try(Moving moving, Change change, FileFacts *facts)
@@ -58,7 +53,7 @@ Task<nt::NTSTATUS> LinkOperations::Try(Moving moving, Change change, FileFacts *
         open.createOptions = nt::FILE_OPEN_REPARSE_POINT;
     if (change == Change::Link)
         open.desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::FILE_WRITE_ATTRIBUTES | nt::SYNCHRONIZE;
-    const IoResult opened = co_await CreateFile(share, open, moving.source.path);
+    const IoResult opened = co_await share.Create(open, moving.source.path);
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;

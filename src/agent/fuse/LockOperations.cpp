@@ -67,7 +67,7 @@ Task<RemoteFilePtr> LockOperations::OpenByName(NodePtr node, Place place, uint32
     if (!place.share->HasIds())
         co_return file;
     FileFacts facts;
-    *status = co_await QueryFacts(*place.share, file->fileId, &facts);
+    *status = co_await place.share->QueryFacts(file->fileId, &facts);
     if (!nt::IsError(*status) && facts.id != mount.table.FileIdOf(node))
         *status = nt::STATUS_OBJECT_NAME_NOT_FOUND;
     co_return nt::IsError(*status) ? nullptr : file;
@@ -140,7 +140,7 @@ Task<Nothing> LockOperations::DropAlone(LockOwnerPtr owner)
     if (!handle->lender) {
         owner->node->opens.BeginClose();
         handle->givenAway = true;
-        co_await CloseFile(*handle->share, handle->fileId);
+        co_await handle->share->Close(handle->fileId);
         owner->node->opens.EndClose();
     }
     co_return Nothing{};

@@ -225,9 +225,7 @@ uint32_t OperationOf(std::optional<bool> exclusive)
 
 auto Ask(const RemoteFilePtr &handle, std::optional<bool> exclusive, bool waits, const RDP_LOCK_INFO &place)
 {
-    return AwaitIo([&handle, exclusive, waits, place](IoHandler done) {
-        handle->share->Lock(handle->fileId, OperationOf(exclusive), !waits, {&place, 1}, std::move(done));
-    });
+    return handle->share->Lock(handle->fileId, OperationOf(exclusive), !waits, {&place, 1});
 }
 
 std::vector<Piece> PiecesOf(const LockRanges &bytes, std::optional<bool> whole)
@@ -257,9 +255,8 @@ Task<Locked> LockPieces(RemoteFilePtr handle, std::vector<Piece> pieces)
 {
     Locked locked;
     for (const Piece &piece : pieces) {
-        const IoResult result = co_await Ask(handle, piece.exclusive, false, piece.place);
-        locked.status = result.status;
-        if (result.Failed())
+        locked.status = co_await Ask(handle, piece.exclusive, false, piece.place);
+        if (nt::IsError(locked.status))
             break;
         ++locked.count;
     }
@@ -272,8 +269,8 @@ Task<bool> UnlockPieces(RemoteFilePtr handle, std::vector<Piece> pieces, size_t 
 {
     bool all = true;
     for (size_t i = 0; i < count; ++i) {
-        const IoResult unlocked = co_await Ask(handle, std::nullopt, false, pieces[i].place);
-        all = all && !unlocked.Failed();
+        const nt::NTSTATUS status = co_await Ask(handle, std::nullopt, false, pieces[i].place);
+        all = all && !nt::IsError(status);
     }
     co_return all;
 }
@@ -309,9 +306,8 @@ Task<nt::NTSTATUS> SetHostLock(LockOwnerPtr owner, RemoteFilePtr handle, LockWis
     nt::NTSTATUS status;
     if (handle->share->Has(nt::FODR_HOST_ADVISORY_LOCKS)) {
         const RDP_LOCK_INFO place = PlaceOf(wish);
-        const IoResult set = co_await Ask(handle, wish.exclusive, false, place);
-        status = set.status;
-        if (set.Failed() && wish.whole) { // as flock: a change that is refused loses the lock
+        status = co_await Ask(handle, wish.exclusive, false, place);
+        if (nt::IsError(status) && wish.whole) { // as flock: a change that is refused loses the lock
             LockWish lost = wish;
             lost.exclusive.reset();
             owner->Note(lost);
@@ -335,8 +331,7 @@ Task<nt::NTSTATUS> SetHostLock(LockOwnerPtr owner, RemoteFilePtr handle, LockWis
 Task<nt::NTSTATUS> AwaitHostLock(RemoteFilePtr handle, LockWish wish)
 {
     const RDP_LOCK_INFO place = PlaceOf(wish);
-    const IoResult locked = co_await Ask(handle, wish.exclusive, true, place);
-    co_return locked.status;
+    co_return co_await Ask(handle, wish.exclusive, true, place);
 }
 
 void EndHostWaits(const RemoteFilePtr &handle)
@@ -352,10 +347,8 @@ Task<LockFound> QueryHostLock(RemoteFilePtr handle, LockWish wish)
     StoreLittle(&input[offsetof(nt::FODR_LOCK, Length)], wish.end - wish.begin);
     StoreLittle(&input[offsetof(nt::FODR_LOCK, Type)],
                 wish.exclusive.value_or(false) ? nt::FODR_LOCK_EXCLUSIVE : nt::FODR_LOCK_SHARED);
-    const IoResult told = co_await AwaitIo([&](IoHandler done) {
-        handle->share->DeviceControl(handle->fileId, nt::FSCTL_FODR_QUERY_LOCK, input, sizeof(nt::FODR_LOCK),
-                                     std::move(done));
-    });
+    const IoResult told = co_await handle->share->DeviceControl(handle->fileId, nt::FSCTL_FODR_QUERY_LOCK,
+                                                                input, sizeof(nt::FODR_LOCK));
     LockFound found;
     found.status = told.status;
     if (told.Failed())

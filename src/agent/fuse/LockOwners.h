@@ -3,7 +3,6 @@
 #pragma once
 
 #include "agent/fuse/Node.h"
-#include "agent/fuse/RemoteCalls.h"
 #include "lib/misc/LockRanges.h"
 
 #include <optional>

@@ -1,7 +1,6 @@
 #include "agent/fuse/MountState.h"
 
 #include "agent/fuse/Fuse.h"
-#include "agent/fuse/RemoteCalls.h"
 
 #include <algorithm>
 
@@ -106,7 +105,7 @@ Detached MountState::LookAgain(NodePtr node)
     if (!file || node->opens.Any(true))
         co_return;
     FileFacts facts;
-    const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);
+    const nt::NTSTATUS status = co_await file->share->QueryFacts(file->fileId, &facts);
     if (!nt::IsError(status) && node->NoteFacts(facts))
         notifier.DataChanged(node->id);
 }

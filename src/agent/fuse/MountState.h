@@ -127,6 +127,9 @@ public:
     DirectoryCache directories;
     OpenedAhead openedAhead;
     KernelNotifier notifier;
+    // Of files' bytes alone, before writes are answered: a write holds its file, and whoever waits for the
+    // file may hold the folder that another notice waits for.
+    KernelNotifier dataNotifier;
     std::atomic<fuse_session *> session{nullptr}; // null before the session and after it
 
     // For how long what was told is believed: where a notice would correct it, and where none would.

@@ -1,7 +1,7 @@
 #include "agent/fuse/NameFinder.h"
 
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
@@ -91,7 +91,7 @@ void NameFinder::AskForNames(const DirectoryHandlePtr &directory)
         if (const DirectoryHandlePtr alive = weak.lock())
             alive->Names().Answered(asked, result.Failed() ? ByteSpan{} : result.data, alive->Share().Ids());
     };
-    directory->Share().QueryDirectory(directory->FileId(), ListingClassOf(directory->Share()), true, u"*",
+    directory->Share().QueryDirectory(directory->FileId(), directory->Share().ListingClass(), true, u"*",
                                       std::move(take));
 }
 
@@ -144,7 +144,9 @@ Task<Found> NameFinder::FindByHandle(NodePtr parent, std::string name, Freshness
         *decided = true;
         co_return found;
     }
-    const IoResult result = co_await SearchDirectory(directory->Share(), directory->FileId(), wanted);
+    RemoteShare &share = directory->Share();
+    const IoResult result =
+        co_await share.QueryDirectory(directory->FileId(), share.ListingClass(), true, wanted);
     found.status = result.status;
     if (!result.Failed() &&
         !PickEntry(result.data, directory->Share().Ids(), wanted, &found.facts, &found.exact))
@@ -173,13 +175,13 @@ Task<Found> NameFinder::FindByPath(Place place, bool follow)
     const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
                                           .createDisposition = nt::FILE_OPEN,
                                           .createOptions = follow ? 0 : nt::FILE_OPEN_REPARSE_POINT};
-    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    const IoResult opened = co_await place.share->Create(open, place.path);
     found.status = opened.status;
     if (opened.Failed())
         co_return found;
     const uint32_t fileId = opened.fileId;
-    found.status = co_await QueryFacts(*place.share, fileId, &found.facts);
-    co_await CloseFile(*place.share, fileId);
+    found.status = co_await place.share->QueryFacts(fileId, &found.facts);
+    co_await place.share->Close(fileId);
     co_return found;
 }
 
@@ -195,7 +197,7 @@ Task<Found> FactsFinder::FactsOf(NodePtr node, Freshness freshness)
         if (node->TakeFactsOfOpen(mount.UnwatchedSpan(), &found.facts, &found.asked))
             co_return found;
         const uint64_t asked = writes ? writes->Generation() : 0;
-        found.status = co_await QueryFacts(*file->share, file->fileId, &found.facts);
+        found.status = co_await file->share->QueryFacts(file->fileId, &found.facts);
         if (!nt::IsError(found.status) && writes)
             writes->NoteFacts(found.facts, asked);
         if (!nt::IsError(found.status) && mount.table.FileIdOf(node) == 0)
@@ -261,7 +263,7 @@ Task<Found> FactsFinder::FactsOfDirectory(NodePtr node)
         }
         RemoteShare &share = directory ? directory->Share() : listing->Share();
         found.status =
-            co_await QueryFacts(share, directory ? directory->FileId() : listing->FileId(), &found.facts);
+            co_await share.QueryFacts(directory ? directory->FileId() : listing->FileId(), &found.facts);
         if (directory && SaysStaleHandle(found.status))
             mount.directories.Drop(node);
         if (!first || !SaysStaleHandle(found.status))

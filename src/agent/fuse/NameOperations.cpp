@@ -1,6 +1,6 @@
 #include "agent/fuse/Operations.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 #include "platform/NtReparse.h"
@@ -132,9 +132,9 @@ Detached NameOperations::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, st
     if (place.share->Has(nt::FODR_HOST_MODES))
         create.allocationSize = nt::FODR_CREATE_WITH_MODE | (mode & nt::FODR_MODE_BITS);
     parent->NoteOwnChange();
-    IoResult made = co_await CreateFile(*place.share, create, place.path);
+    IoResult made = co_await place.share->Create(create, place.path);
     if (SaysAbsent(made.status) && co_await places.FindPlaceAgain(parent, name, &place))
-        made = co_await CreateFile(*place.share, create, place.path);
+        made = co_await place.share->Create(create, place.path);
     if (made.Failed()) {
         call->FailInFolder(made.status);
         co_return;
@@ -147,10 +147,10 @@ Detached NameOperations::MakeDirectory(FuseCall::Ptr call, uint64_t parentId, st
     // that.
     const uint32_t fileId = made.fileId;
     if (place.share->HasIds()) {
-        place.share->QueryInformation(fileId, FactsClassOf(*place.share),
+        place.share->QueryInformation(fileId, place.share->FactsClass(),
                                       [this, node, fileId, share = place.share](const IoResult &result) {
                                           FileFacts told;
-                                          if (!nt::IsError(TakeFacts(*share, result, &told)) &&
+                                          if (!nt::IsError(share->TakeFacts(result, &told)) &&
                                               mount.table.FileIdOf(node) == 0)
                                               mount.table.SetFileId(node, told.id);
                                           mount.CloseLater(node, share, fileId);
@@ -179,21 +179,21 @@ Task<nt::NTSTATUS> NameOperations::MakeFile(NodePtr parent, std::string name, Pl
         .fileAttributes = nt::FILE_ATTRIBUTE_NORMAL};
     if (place->share->Has(nt::FODR_HOST_MODES))
         create.allocationSize = nt::FODR_CREATE_WITH_MODE | (mode & nt::FODR_MODE_BITS);
-    IoResult made = co_await CreateFile(*place->share, create, place->path);
+    IoResult made = co_await place->share->Create(create, place->path);
     if (SaysAbsent(made.status) && co_await places.FindPlaceAgain(parent, name, place))
-        made = co_await CreateFile(*place->share, create, place->path);
+        made = co_await place->share->Create(create, place->path);
     if (made.Failed())
         co_return made.status;
     const uint32_t fileId = made.fileId;
     nt::NTSTATUS status = nt::STATUS_SUCCESS;
     if (!reparseRecord.empty()) {
         const IoResult set =
-            co_await ControlFile(*place->share, fileId, nt::FSCTL_SET_REPARSE_POINT, reparseRecord);
+            co_await place->share->DeviceControl(fileId, nt::FSCTL_SET_REPARSE_POINT, reparseRecord);
         status = set.status;
         if (nt::IsError(status) && !takesPlace)
-            co_await DeleteFile(*place->share, fileId);
+            co_await place->share->Delete(fileId);
     }
-    co_await CloseFile(*place->share, fileId);
+    co_await place->share->Close(fileId);
     co_return status;
 }
 
@@ -247,12 +247,11 @@ Task<Nothing> NameOperations::MakeSpecial(FuseCall::Ptr call, uint64_t parentId,
 Task<nt::NTSTATUS> NameOperations::RemoveAtOnce(Place place, NodePtr node, bool directory)
 {
     const RemoteShare::CreateCall open = OpenToDelete(*place.share, directory);
-    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    const IoResult opened = co_await place.share->Create(open, place.path);
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;
-    const IoResult removed = co_await DeleteFileAtOnce(*place.share, fileId);
-    const nt::NTSTATUS status = removed.status;
+    const nt::NTSTATUS status = co_await place.share->DeleteAtOnce(fileId);
     mount.CloseLater(node, place.share, fileId);
     co_return status;
 }
@@ -379,7 +378,7 @@ Task<nt::NTSTATUS> NameOperations::TryMoveAtOnce(Moving moving, bool replace)
     RemoteShare::CreateCall open = OpenToDelete(share, node && node->directory);
     if (!node)
         open.createOptions = nt::FILE_OPEN_REPARSE_POINT;
-    const IoResult opened = co_await CreateFile(share, open, moving.source.path);
+    const IoResult opened = co_await share.Create(open, moving.source.path);
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;
@@ -388,8 +387,7 @@ Task<nt::NTSTATUS> NameOperations::TryMoveAtOnce(Moving moving, bool replace)
     if (!nt::IsError(status)) {
         const std::u16string newName = NtNameFromPosix(moving.newName);
         const std::shared_ptr<FactsUnderway> identity = FactsUnderway::Ask(share, fileId);
-        const IoResult renamed = co_await RenameFileInto(share, fileId, folder->FileId(), newName, replace);
-        status = renamed.status;
+        status = co_await share.RenameInto(fileId, folder->FileId(), newName, replace);
         co_await identity->Arrival();
         if (!nt::IsError(identity->status))
             movedId = identity->facts.id;

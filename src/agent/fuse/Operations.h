@@ -8,8 +8,8 @@
 #include "agent/fuse/MountState.h"
 #include "agent/fuse/NameFinder.h"
 #include "agent/fuse/PlaceFinder.h"
-#include "agent/fuse/RemoteCalls.h"
 #include "agent/fuse/StickyNames.h"
+#include "agent/fuse/Waits.h"
 
 #include <atomic>
 
@@ -33,6 +33,7 @@ public:
 
 private:
     Task<bool> ListsAnother(const OpenListing &open);
+    void WaitForReader(const std::shared_ptr<DirectoryListing> &listing);
     bool IsKnownBetter(const NodePtr &folder, const DirectoryListing::Entry &entry) const;
     void FillListing(const OpenListing &open, uint64_t offset, ReaddirBuffer *buffer,
                      std::vector<uint64_t> *reached);
@@ -88,7 +89,7 @@ public:
     {}
 
     Detached GetAttributes(FuseCall::Ptr call, uint64_t nodeId);
-    // `handle` is 0 where the kernel gave none.
+    // `file` is null where the kernel gave none.
     Detached SetAttributes(FuseCall::Ptr call, uint64_t nodeId, AttributeChange change, RemoteFilePtr file);
     Detached ReadLink(FuseCall::Ptr call, uint64_t nodeId);
     Detached Access(FuseCall::Ptr call, uint64_t nodeId, int mask);

@@ -1,7 +1,7 @@
 #include "agent/fuse/PlaceFinder.h"
 
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "platform/Nt.h"
 
 #include <cerrno>
@@ -80,7 +80,7 @@ Task<bool> PlaceFinder::FindMoved(NodePtr folder)
     // The handle may be of another folder, which had the name when it was opened.
     const std::shared_ptr<FactsUnderway> identity = FactsUnderway::Ask(share, fileId);
     {
-        const IoResult told = co_await QueryFile(share, fileId, nt::FileNameInformation);
+        const IoResult told = co_await share.QueryInformation(fileId, nt::FileNameInformation);
         hasPath = !told.Failed() && ReadNameInformation(told.data, &path);
     }
     co_await identity->Arrival();
@@ -94,7 +94,7 @@ Task<bool> PlaceFinder::FindMoved(NodePtr folder)
     if (!rootHandle)
         co_return false;
     {
-        const IoResult told = co_await QueryFile(share, rootHandle->FileId(), nt::FileNameInformation);
+        const IoResult told = co_await share.QueryInformation(rootHandle->FileId(), nt::FileNameInformation);
         if (told.Failed() || !ReadNameInformation(told.data, &rootPath))
             co_return false;
     }
@@ -112,7 +112,7 @@ Task<Nothing> PlaceFinder::Identify(NodePtr node)
     const RemoteFilePtr file = node->opens.Any(false);
     if (file && file->share->HasIds()) {
         FileFacts facts;
-        const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);
+        const nt::NTSTATUS status = co_await file->share->QueryFacts(file->fileId, &facts);
         if (!nt::IsError(status))
             mount.table.SetFileId(node, facts.id);
     }

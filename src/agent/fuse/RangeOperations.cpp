@@ -1,5 +1,5 @@
 #include "agent/fuse/Operations.h"
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "platform/Nt.h"
 
 #include <fcntl.h>
@@ -42,7 +42,7 @@ Task<nt::NTSTATUS> RangeOperations::ZeroRange(RemoteFilePtr file, uint64_t offse
     const nt::FILE_ZERO_DATA_INFORMATION record = {.FileOffset = static_cast<int64_t>(offset),
                                                    .BeyondFinalZero = static_cast<int64_t>(offset + length)};
     const IoResult result =
-        co_await ControlFile(*file->share, file->fileId, nt::FSCTL_SET_ZERO_DATA, BytesOf(record));
+        co_await file->share->DeviceControl(file->fileId, nt::FSCTL_SET_ZERO_DATA, BytesOf(record));
     co_return result.status;
 }
 
@@ -56,7 +56,7 @@ Task<nt::NTSTATUS> RangeOperations::ReserveRange(RemoteFilePtr file, uint32_t mo
                                             .Offset = static_cast<int64_t>(offset),
                                             .Length = static_cast<int64_t>(length)};
         const IoResult result =
-            co_await ControlFile(*file->share, file->fileId, nt::FSCTL_FODR_ALLOCATE, BytesOf(record));
+            co_await file->share->DeviceControl(file->fileId, nt::FSCTL_FODR_ALLOCATE, BytesOf(record));
         status = result.status;
     }
     if (mode == 0 && status == nt::STATUS_NOT_SUPPORTED)
@@ -68,11 +68,10 @@ Task<nt::NTSTATUS> RangeOperations::ReserveRange(RemoteFilePtr file, uint32_t mo
 Task<nt::NTSTATUS> RangeOperations::Grow(RemoteFilePtr file, uint64_t size)
 {
     FileFacts facts;
-    const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);
+    const nt::NTSTATUS status = co_await file->share->QueryFacts(file->fileId, &facts);
     if (nt::IsError(status) || (facts.endOfFile >= 0 && static_cast<uint64_t>(facts.endOfFile) >= size))
         co_return status;
-    const IoResult result = co_await SetEndOfFile(*file->share, file->fileId, size);
-    co_return result.status;
+    co_return co_await file->share->SetEndOfFile(file->fileId, size);
 }
 
 Detached RangeOperations::Allocate(FuseCall::Ptr call, RemoteFilePtr file, int mode, uint64_t offset,
@@ -108,9 +107,8 @@ Task<bool> RangeOperations::FindNext(RemoteFilePtr file, int whence, uint64_t en
     std::vector<nt::FILE_ALLOCATED_RANGE_BUFFER> ranges = {wanted};
     bool whole = true;
     {
-        const IoResult told =
-            co_await ControlFile(*file->share, file->fileId, nt::FSCTL_QUERY_ALLOCATED_RANGES,
-                                 BytesOf(wanted), kRanges * sizeof(wanted));
+        const IoResult told = co_await file->share->DeviceControl(
+            file->fileId, nt::FSCTL_QUERY_ALLOCATED_RANGES, BytesOf(wanted), kRanges * sizeof(wanted));
         whole = told.status != nt::STATUS_BUFFER_OVERFLOW || told.data.size() < sizeof(wanted);
         if (!told.Failed() || !whole) {
             ranges.resize(told.data.size() / sizeof(wanted));
@@ -132,7 +130,7 @@ Detached RangeOperations::Seek(FuseCall::Ptr call, RemoteFilePtr file, uint64_t 
     }
     co_await AwaitWrites(file->node->Writes(mount.writeWindow));
     FileFacts facts;
-    const nt::NTSTATUS status = co_await QueryFacts(*file->share, file->fileId, &facts);
+    const nt::NTSTATUS status = co_await file->share->QueryFacts(file->fileId, &facts);
     if (nt::IsError(status)) {
         call->FailStatus(status);
         co_return;
@@ -169,7 +167,7 @@ Detached RangeOperations::Copy(FuseCall::Ptr call, RemoteFilePtr reader, off_t f
                                        .SourceOffset = from,
                                        .TargetOffset = to,
                                        .Length = static_cast<int64_t>(std::min<size_t>(length, INT64_MAX))};
-    const IoResult copied = co_await CopyFileRange(*writer->share, writer->fileId, reader->fileId, range);
+    const IoResult copied = co_await writer->share->CopyRange(writer->fileId, reader->fileId, range);
     writes->DataChanged();
     writer->node->NoteOwnChange();
     const bool counted = copied.data.size() == sizeof(uint64_t);

@@ -1,6 +1,6 @@
 #include "agent/fuse/StickyNames.h"
 
-#include "agent/fuse/RemoteCalls.h"
+#include "agent/fuse/Waits.h"
 #include "platform/Nt.h"
 
 #include <cstdio>
@@ -37,8 +37,7 @@ Task<Nothing> StickyNames::ClearTheWay(NodePtr node)
         co_await AwaitCall(
             [&](InlineFunction<void()> done) { mount.directories.DropBelow(node, std::move(done)); });
     if (node)
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+        co_await AwaitNoneClosing(node);
     co_return Nothing{};
 }
 
@@ -55,24 +54,23 @@ Task<nt::NTSTATUS> StickyNames::ClearReadOnly(const Place &place)
     const RemoteShare::CreateCall open = {.desiredAccess = nt::FILE_WRITE_ATTRIBUTES | nt::SYNCHRONIZE,
                                           .createDisposition = nt::FILE_OPEN,
                                           .createOptions = nt::FILE_OPEN_REPARSE_POINT};
-    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    const IoResult opened = co_await place.share->Create(open, place.path);
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;
     const std::array<uint8_t, 36> record = BasicRecord({.attributes = nt::FILE_ATTRIBUTE_NORMAL});
-    const IoResult result = co_await SetFile(*place.share, fileId, nt::FileBasicInformation, record);
+    const IoResult result = co_await place.share->SetInformation(fileId, nt::FileBasicInformation, record);
     const nt::NTSTATUS status = result.status;
-    co_await CloseFile(*place.share, fileId);
+    co_await place.share->Close(fileId);
     co_return status;
 }
 
 // Marks what is open and closes it: with that the name is gone, unless others have it open.
 Task<nt::NTSTATUS> StickyNames::DeleteOpened(const Place &place, uint32_t fileId)
 {
-    const IoResult marked = co_await DeleteFile(*place.share, fileId);
-    const nt::NTSTATUS status = marked.status;
-    const IoResult closed = co_await CloseFile(*place.share, fileId);
-    co_return nt::IsError(status) ? status : closed.status;
+    const nt::NTSTATUS marked = co_await place.share->Delete(fileId);
+    const nt::NTSTATUS closed = co_await place.share->Close(fileId);
+    co_return nt::IsError(marked) ? marked : closed;
 }
 
 // Not by the close: a folder that isn't empty would stay there without a word.
@@ -80,7 +78,7 @@ Task<nt::NTSTATUS> StickyNames::DeleteDirectory(Place place)
 {
     const RemoteShare::CreateCall open = OpenToDelete(*place.share, true);
     for (bool first = true;; first = false) {
-        const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+        const IoResult opened = co_await place.share->Create(open, place.path);
         nt::NTSTATUS status = opened.status;
         if (!opened.Failed())
             status = co_await DeleteOpened(place, opened.fileId);
@@ -97,11 +95,11 @@ Task<IoResult> StickyNames::OpenForDeletion(const Place &place)
 {
     RemoteShare::CreateCall open = OpenToDelete(*place.share, false);
     open.createOptions |= nt::FILE_DELETE_ON_CLOSE;
-    IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    IoResult opened = co_await place.share->Create(open, place.path);
     if (opened.status == nt::STATUS_CANNOT_DELETE) {
         const nt::NTSTATUS cleared = co_await ClearReadOnly(place);
         if (!nt::IsError(cleared))
-            opened = co_await CreateFile(*place.share, open, place.path);
+            opened = co_await place.share->Create(open, place.path);
     }
     co_return opened;
 }
@@ -112,8 +110,7 @@ Task<nt::NTSTATUS> StickyNames::DeleteFileAt(const Place &place)
     const IoResult opened = co_await OpenForDeletion(place);
     if (opened.Failed())
         co_return opened.status;
-    const IoResult closed = co_await CloseFile(*place.share, opened.fileId);
-    co_return closed.status;
+    co_return co_await place.share->Close(opened.fileId);
 }
 
 // NT keeps the name of a deleted file until its last handle is closed; POSIX doesn't. So an open file gets a
@@ -124,16 +121,14 @@ Task<nt::NTSTATUS> StickyNames::DeleteOpenFile(NodePtr parent, std::string name,
     const GateHold alone = co_await PassGate(parent, NameGate::Entry::Alone);
     const std::u16string shown = place.path;
     const RemoteShare::CreateCall open = OpenToDelete(*place.share, false);
-    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    const IoResult opened = co_await place.share->Create(open, place.path);
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;
     const std::string hidden = HiddenName();
     nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
-    if (mount.table.PlaceIn(parent, hidden, &place)) {
-        const IoResult renamed = co_await RenameFile(*place.share, fileId, place.path, false);
-        status = renamed.status;
-    }
+    if (mount.table.PlaceIn(parent, hidden, &place))
+        status = co_await place.share->Rename(fileId, place.path, false);
     if (!nt::IsError(status)) {
         const IoResult deleting = co_await OpenForDeletion(place);
         status = deleting.status;
@@ -142,7 +137,7 @@ Task<nt::NTSTATUS> StickyNames::DeleteOpenFile(NodePtr parent, std::string name,
             node->opens.SetDeletion(deleting.fileId);
             CloseDeletion(node, place.share);
         } else {
-            co_await RenameFile(*place.share, fileId, shown, false);
+            co_await place.share->Rename(fileId, shown, false);
         }
     }
     mount.CloseLater(node, place.share, fileId);
@@ -162,8 +157,7 @@ Task<nt::NTSTATUS> StickyNames::RemoveFile(NodePtr parent, std::string name, Pla
 {
     const NodePtr node = mount.table.Child(parent, name);
     if (node)
-        co_await AwaitCall(
-            [&](InlineFunction<void()> done) { node->opens.WhenNoneClosing(std::move(done)); });
+        co_await AwaitNoneClosing(node);
     if (node && node->opens.IsOpen()) {
         const nt::NTSTATUS status = co_await DeleteOpenFile(parent, name, node, place);
         co_return status;
@@ -194,22 +188,19 @@ Task<nt::NTSTATUS> StickyNames::RenameOverOpenFile(Moving moving, NodePtr target
     const GateHold alone = co_await PassGate(moving.newParent, NameGate::Entry::Alone);
     RemoteShare &share = *moving.target.share;
     const RemoteShare::CreateCall open = OpenToDelete(share, false);
-    const IoResult opened = co_await CreateFile(share, open, moving.target.path);
+    const IoResult opened = co_await share.Create(open, moving.target.path);
     if (opened.Failed())
         co_return opened.status;
     const uint32_t fileId = opened.fileId;
     const std::string hidden = HiddenName();
     Place aside;
     nt::NTSTATUS status = nt::STATUS_OBJECT_PATH_NOT_FOUND;
-    if (mount.table.PlaceIn(moving.newParent, hidden, &aside)) {
-        const IoResult renamed = co_await RenameFile(share, fileId, aside.path, false);
-        status = renamed.status;
-    }
+    if (mount.table.PlaceIn(moving.newParent, hidden, &aside))
+        status = co_await share.Rename(fileId, aside.path, false);
     if (!nt::IsError(status)) {
-        const IoResult renamed = co_await RenameFile(share, moving.fileId, moving.target.path, false);
-        status = renamed.status;
+        status = co_await share.Rename(moving.fileId, moving.target.path, false);
         if (nt::IsError(status))
-            co_await RenameFile(share, fileId, moving.target.path, false);
+            co_await share.Rename(fileId, moving.target.path, false);
     }
     if (!nt::IsError(status)) {
         mount.table.Rename(moving.newParent, moving.newName, moving.newParent, hidden);
@@ -219,7 +210,7 @@ Task<nt::NTSTATUS> StickyNames::RenameOverOpenFile(Moving moving, NodePtr target
             targetNode->opens.SetDeletion(deleting.fileId);
             CloseDeletion(targetNode, aside.share);
         } else {
-            co_await DeleteFile(share, fileId); // at once, then
+            co_await share.Delete(fileId); // at once, then
         }
     }
     mount.CloseLater(targetNode, moving.target.share, fileId);
@@ -240,18 +231,16 @@ Task<nt::NTSTATUS> StickyNames::RenameOver(Moving moving, nt::NTSTATUS refusal)
         const nt::NTSTATUS deleted = co_await DeleteDirectory(moving.target);
         if (nt::IsError(deleted))
             co_return deleted;
-        const IoResult renamed =
-            co_await RenameFile(*moving.target.share, moving.fileId, moving.target.path, false);
-        co_return renamed.status;
+        co_return co_await moving.target.share->Rename(moving.fileId, moving.target.path, false);
     }
     if (found.facts.IsReadOnly()) {
         const nt::NTSTATUS cleared = co_await ClearReadOnly(moving.target);
         if (nt::IsError(cleared))
             co_return refusal;
-        const IoResult renamed =
-            co_await RenameFile(*moving.target.share, moving.fileId, moving.target.path, true);
-        if (!renamed.Failed())
-            co_return renamed.status;
+        const nt::NTSTATUS renamed =
+            co_await moving.target.share->Rename(moving.fileId, moving.target.path, true);
+        if (!nt::IsError(renamed))
+            co_return renamed;
     }
     if (!node || !node->opens.IsOpen())
         co_return refusal;
@@ -267,8 +256,7 @@ Task<bool> StickyNames::AwaitClosesBelow(NodePtr folder)
         const NodePtr &child = entry.second;
         if (child->opens.IsClosing()) {
             waited = true;
-            co_await AwaitCall(
-                [&](InlineFunction<void()> done) { child->opens.WhenNoneClosing(std::move(done)); });
+            co_await AwaitNoneClosing(child);
         }
         if (child->directory && co_await AwaitClosesBelow(child))
             waited = true;
@@ -285,14 +273,13 @@ Task<nt::NTSTATUS> StickyNames::Move(Moving moving, bool replace)
     RemoteShare::CreateCall open = OpenToDelete(*moving.source.share, node && node->directory);
     if (!node)
         open.createOptions = nt::FILE_OPEN_REPARSE_POINT;
-    const IoResult opened = co_await CreateFile(*moving.source.share, open, moving.source.path);
+    const IoResult opened = co_await moving.source.share->Create(open, moving.source.path);
     if (opened.Failed())
         co_return opened.status;
     moving.fileId = opened.fileId;
-    IoResult renamed = co_await RenameFile(*moving.source.share, moving.fileId, moving.target.path, replace);
-    if (node && node->directory && IsRefusal(renamed.status) && co_await AwaitClosesBelow(node))
-        renamed = co_await RenameFile(*moving.source.share, moving.fileId, moving.target.path, replace);
-    nt::NTSTATUS status = renamed.status;
+    nt::NTSTATUS status = co_await moving.source.share->Rename(moving.fileId, moving.target.path, replace);
+    if (node && node->directory && IsRefusal(status) && co_await AwaitClosesBelow(node))
+        status = co_await moving.source.share->Rename(moving.fileId, moving.target.path, replace);
     if (replace && (IsRefusal(status) || status == nt::STATUS_OBJECT_NAME_COLLISION))
         status = co_await RenameOver(moving, status);
     if (!nt::IsError(status) && mount.table.Child(moving.parent, moving.name) == node)
@@ -301,7 +288,7 @@ Task<nt::NTSTATUS> StickyNames::Move(Moving moving, bool replace)
     if (node)
         mount.CloseLater(node, moving.source.share, moving.fileId);
     else
-        co_await CloseFile(*moving.source.share, moving.fileId);
+        co_await moving.source.share->Close(moving.fileId);
     co_return status;
 }
 

@@ -1,6 +1,5 @@
 #include "agent/fuse/Operations.h"
 #include "agent/fuse/PosixMapping.h"
-#include "agent/fuse/RemoteCalls.h"
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 
@@ -86,7 +85,7 @@ Task<IoResult> XattrOperations::OpenStream(NodePtr node, Place place, std::strin
     if (!mount.FollowsLinks(node, place))
         open.createOptions |= nt::FILE_OPEN_REPARSE_POINT;
     const std::u16string path = place.path + u':' + StreamOf(name);
-    const IoResult opened = co_await CreateFile(*place.share, open, path);
+    const IoResult opened = co_await place.share->Create(open, path);
     co_return IoResult{.status = opened.status, .fileId = opened.fileId, .information = opened.information};
 }
 
@@ -97,7 +96,7 @@ Task<nt::NTSTATUS> XattrOperations::CheckFile(NodePtr node, std::shared_ptr<Remo
     const uint64_t known = mount.table.FileIdOf(node);
     if (known == 0 || !share->HasIds())
         co_return nt::STATUS_SUCCESS;
-    const IoResult told = co_await QueryFile(*share, fileId, nt::FileInternalInformation);
+    const IoResult told = co_await share->QueryInformation(fileId, nt::FileInternalInformation);
     if (told.Failed())
         co_return told.status;
     const bool same = told.data.size() >= sizeof(known) && LoadLittle<uint64_t>(told.data.data()) == known;
@@ -116,8 +115,7 @@ Detached XattrOperations::Get(FuseCall::Ptr call, uint64_t nodeId, std::string n
         call->Fail(ErrnoOfStream(opened.status));
         co_return;
     }
-    const IoResult read = co_await AwaitIo(
-        [&](IoHandler done) { place.share->Read(opened.fileId, 0, kLongestValue, std::move(done)); });
+    const IoResult read = co_await place.share->Read(opened.fileId, 0, kLongestValue);
     const bool isEmpty = read.status == nt::STATUS_END_OF_FILE;
     std::vector<uint8_t> value;
     if (!read.Failed())
@@ -138,7 +136,7 @@ Task<uint32_t> XattrOperations::OpenFileItself(FuseCall::Ptr call, NodePtr node,
         .desiredAccess = nt::FILE_READ_ATTRIBUTES | nt::SYNCHRONIZE,
         .createDisposition = nt::FILE_OPEN,
         .createOptions = mount.FollowsLinks(node, place) ? 0 : nt::FILE_OPEN_REPARSE_POINT};
-    const IoResult opened = co_await CreateFile(*place.share, open, place.path);
+    const IoResult opened = co_await place.share->Create(open, place.path);
     if (opened.Failed())
         call->FailOfFile(opened.status);
     co_return opened.Failed() ? 0 : opened.fileId;
@@ -153,7 +151,7 @@ Detached XattrOperations::List(FuseCall::Ptr call, uint64_t nodeId, size_t room)
     const uint32_t fileId = co_await OpenFileItself(call, node, place);
     if (fileId == 0)
         co_return;
-    const IoResult told = co_await QueryFile(*place.share, fileId, nt::FileStreamInformation);
+    const IoResult told = co_await place.share->QueryInformation(fileId, nt::FileStreamInformation);
     std::vector<std::u16string> streams;
     std::string list;
     if (told.Failed()) {
@@ -184,17 +182,14 @@ Task<nt::NTSTATUS> XattrOperations::Store(NodePtr node, Place place, std::string
     const bool isNew = opened.information == nt::FILE_CREATED;
     nt::NTSTATUS status = co_await CheckFile(node, place.share, opened.fileId);
     if (!value.empty() && !nt::IsError(status)) {
-        const IoResult written = co_await AwaitIo(
-            [&](IoHandler done) { place.share->Write(opened.fileId, 0, value, std::move(done)); });
+        const IoResult written = co_await place.share->Write(opened.fileId, 0, value);
         status = written.status;
     }
-    if (!isNew && !nt::IsError(status)) {
-        const IoResult cut = co_await SetEndOfFile(*place.share, opened.fileId, value.size());
-        status = cut.status;
-    }
+    if (!isNew && !nt::IsError(status))
+        status = co_await place.share->SetEndOfFile(opened.fileId, value.size());
     if (isNew && nt::IsError(status))
-        co_await DeleteFile(*place.share, opened.fileId);
-    co_await CloseFile(*place.share, opened.fileId);
+        co_await place.share->Delete(opened.fileId);
+    co_await place.share->Close(opened.fileId);
     co_return status;
 }
 
@@ -236,11 +231,9 @@ Detached XattrOperations::Remove(FuseCall::Ptr call, uint64_t nodeId, std::strin
     nt::NTSTATUS status = opened.status;
     if (!opened.Failed()) {
         status = co_await CheckFile(node, place.share, opened.fileId);
-        if (!nt::IsError(status)) {
-            const IoResult doomed = co_await DeleteFile(*place.share, opened.fileId);
-            status = doomed.status;
-        }
-        co_await CloseFile(*place.share, opened.fileId);
+        if (!nt::IsError(status))
+            status = co_await place.share->Delete(opened.fileId);
+        co_await place.share->Close(opened.fileId);
     }
     node->NoteOwnChange();
     call->Fail(ErrnoOfStream(status));

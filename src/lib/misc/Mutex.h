@@ -1,7 +1,9 @@
-// A plain mutex that Clang's thread-safety analysis knows, and that analysis's annotations. Other compilers
-// see nothing of them; the `annotations` preset makes a broken lock rule an error.
+// A plain mutex and its condition variable that Clang's thread-safety analysis knows, and that analysis's
+// annotations. Other compilers see nothing of them; the `annotations` preset makes a broken lock rule an
+// error.
 #pragma once
 
+#include <condition_variable>
 #include <mutex>
 
 #if defined(__clang__)
@@ -22,13 +24,13 @@
 
 namespace fodr {
 
-// lock and unlock make it serve std::condition_variable_any, too.
 class CAPABILITY("mutex") Mutex {
 public:
     void lock() ACQUIRE() { mutex.lock(); }
     void unlock() RELEASE() { mutex.unlock(); }
 
 private:
+    friend class Condition;
     std::mutex mutex;
 };
 
@@ -41,6 +43,38 @@ public:
 
 private:
     Mutex &mutex;
+};
+
+// Waits without the lock that its caller holds. Wake-ups may be spurious, so waits stand in a loop.
+class Condition {
+public:
+    void wait(Mutex &held) REQUIRES(held)
+    {
+        Adopted lock(held);
+        variable.wait(lock.lock);
+    }
+    template <class TimePoint> std::cv_status wait_until(Mutex &held, const TimePoint &end) REQUIRES(held)
+    {
+        Adopted lock(held);
+        return variable.wait_until(lock.lock, end);
+    }
+    template <class Duration> std::cv_status wait_for(Mutex &held, const Duration &time) REQUIRES(held)
+    {
+        Adopted lock(held);
+        return variable.wait_for(lock.lock, time);
+    }
+    void notify_one() { variable.notify_one(); }
+    void notify_all() { variable.notify_all(); }
+
+private:
+    // The mutex in the form that the library wants, without letting go of it.
+    struct Adopted {
+        explicit Adopted(Mutex &held) : lock(held.mutex, std::adopt_lock) {}
+        ~Adopted() { lock.release(); }
+        std::unique_lock<std::mutex> lock;
+    };
+
+    std::condition_variable variable;
 };
 
 } // namespace fodr

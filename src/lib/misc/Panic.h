@@ -24,5 +24,4 @@ namespace fodr {
 
 } // namespace fodr
 
-#define FODR_NOT_REACHED() ::fodr::PanicNotReached(__FILE__, __LINE__)
 #define FODR_VERIFY(condition) ((condition) ? (void)0 : ::fodr::PanicVerify(__FILE__, __LINE__))

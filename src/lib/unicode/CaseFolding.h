@@ -1,6 +1,7 @@
 // Unicode simple case folding of single UTF-16 units. Any thread; needs no locale.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -8,7 +9,7 @@
 namespace fodr {
 
 // By high byte: null (the units fold to themselves) or the folded units by low byte.
-extern const char16_t *const kCaseFoldingPages[256];
+extern const std::array<const char16_t *, 256> kCaseFoldingPages;
 
 inline char16_t FoldUnit(char16_t unit)
 {

@@ -9,7 +9,6 @@
 #include "platform/ChildProcess.h"
 #include "platform/linux/FdStream.h"
 
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -76,7 +75,7 @@ protected:
 private:
     std::unique_ptr<ByteStream> stream;
     std::unique_ptr<LineReader> errors;
-    std::condition_variable_any changed;
+    Condition changed;
 };
 
 } // namespace fodr::platform

@@ -144,6 +144,7 @@ MountHealth InspectEndingMount(const std::string &path, const std::string &ownTy
 {
     constexpr int kStepMS = 20;
     MountHealth state = InspectMount(path);
+    // Asked again and again: a mount that dies stays in the table, and nothing tells of it.
     for (int waited = 0;
          state == MountHealth::Alive && waited < timeoutMS && MountType(path).ends_with(ownType);
          waited += kStepMS) {

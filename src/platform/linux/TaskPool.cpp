@@ -13,50 +13,56 @@ thread_local TaskPool::Impl::Worker *TaskPool::Impl::ownWorker = nullptr;
 
 TaskPool::Impl::~Impl()
 {
-    Lock lock(mutex);
-    stopping = true;
-    for (Worker *worker : idle)
-        worker->wake.notify_one();
-    lastThreadGone.wait(lock, [this] { return threads == 0; });
-    watchEnded = true;
-    watchWake.notify_one();
-    lock.unlock();
+    {
+        const MutexLock lock(mutex);
+        stopping = true;
+        for (Worker *worker : idle)
+            worker->wake.notify_one();
+        while (threads != 0)
+            lastThreadGone.wait(mutex);
+        watchEnded = true;
+        watchWake.notify_one();
+    }
     if (hasWatcher)
         pthread_join(watcher, nullptr);
-    lock.lock();
-    lastThreadGone.wait(lock, [this] { return threads == 0; }); // the watch may have started the last one
-    // Only what was left for want of a thread.
-    while (!queue.empty()) {
-        const Task task = queue.front();
-        queue.pop_front();
-        lock.unlock();
-        task.callback(task.context);
-        lock.lock();
+    {
+        const MutexLock lock(mutex);
+        while (threads != 0) // the watch may have started the last one
+            lastThreadGone.wait(mutex);
     }
-    lock.unlock();
+    for (const Task &task : queue) // only what was left for want of a thread
+        task.callback(task.context);
     if (hasLeaver)
         pthread_join(leaver, nullptr);
 }
 
+// Threads that are only being made may not come to be: whoever relies on them waits for the outcome.
+void TaskPool::Impl::AwaitSettled()
+{
+    while (starting != 0 && threads <= starting)
+        startSettled.wait(mutex);
+}
+
 bool TaskPool::Impl::Submit(void (*callback)(void *), void *context)
 {
-    Lock lock(mutex);
-    // Threads that are only being made may not come to be: whoever relies on them waits for the outcome.
-    const auto isSettled = [this] { return starting == 0 || threads > starting; };
-    startSettled.wait(lock, isSettled);
-    const uint64_t number = ++submitted;
-    try {
-        queue.push_back({callback, context, number});
-    } catch (const std::bad_alloc &) {
-        return false;
+    Orders orders;
+    uint64_t number = 0;
+    {
+        const MutexLock lock(mutex);
+        AwaitSettled();
+        number = ++submitted;
+        try {
+            queue.push_back({callback, context, number});
+        } catch (const std::bad_alloc &) {
+            return false;
+        }
+        queued.store(queue.size(), std::memory_order_release);
+        orders = CallHelp();
     }
-    queued.store(queue.size(), std::memory_order_release);
-    const Orders orders = CallHelp();
-    lock.unlock();
     if (CarryOut(orders))
         return true;
-    lock.lock();
-    startSettled.wait(lock, isSettled);
+    const MutexLock lock(mutex);
+    AwaitSettled();
     if (threads != 0)
         return true; // the others get round to it
     const auto mine = std::find_if(queue.begin(), queue.end(),
@@ -70,7 +76,7 @@ bool TaskPool::Impl::Submit(void (*callback)(void *), void *context)
 
 size_t TaskPool::Impl::ThreadCount()
 {
-    Lock lock(mutex);
+    const MutexLock lock(mutex);
     return threads;
 }
 
@@ -142,7 +148,7 @@ bool TaskPool::Impl::CarryOut(Orders orders)
         return true;
     pthread_t thread;
     const bool started = StartSmallThread(&thread, WorkerEntry, orders.start);
-    Lock lock(mutex);
+    const MutexLock lock(mutex);
     --starting;
     startSettled.notify_all();
     if (started)
@@ -168,10 +174,12 @@ bool TaskPool::Impl::EnterBlocking()
         return false;
     self->blockingDepth = 1;
     Impl &pool = *self->pool;
-    Lock lock(pool.mutex);
-    pool.Become(*self, State::Blocked);
-    const Orders orders = pool.CallHelp();
-    lock.unlock();
+    Orders orders;
+    {
+        const MutexLock lock(pool.mutex);
+        pool.Become(*self, State::Blocked);
+        orders = pool.CallHelp();
+    }
     pool.CarryOut(orders);
     return true;
 }
@@ -182,8 +190,9 @@ void TaskPool::Impl::LeaveBlocking()
     if (!self || --self->blockingDepth > 0)
         return;
     LeaveWaitingPlace();
-    Lock lock(self->pool->mutex);
-    self->pool->Become(*self, State::Running);
+    Impl &pool = *self->pool;
+    const MutexLock lock(pool.mutex);
+    pool.Become(*self, State::Running);
 }
 
 TaskPool::TaskPool(uint32_t maxThreads) : TaskPool(maxThreads, Patience()) {}

@@ -6,15 +6,14 @@
 // BlockingSection doesn't count, nor one that the stall check has found.
 #pragma once
 
+#include "lib/misc/Mutex.h"
 #include "platform/TaskPool.h"
 
 #include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -34,8 +33,6 @@ public:
     static void LeaveBlocking();
 
 private:
-    using Lock = std::unique_lock<std::mutex>;
-
     struct Task {
         void (*callback)(void *);
         void *context;
@@ -44,7 +41,8 @@ private:
 
     enum class State { Gone, Idle, Searching, Running, Blocked, Stalled };
 
-    // Records are kept until the pool goes, so that one may be notified after the lock is released.
+    // Guarded by the pool's mutex. Records are kept until the pool goes, so that one may be notified after
+    // the lock is released.
     struct Worker {
         Impl *pool = nullptr;
         State state = State::Gone;
@@ -52,7 +50,7 @@ private:
         uint32_t blockingDepth = 0; // of its own thread alone
         uint64_t stretch = 0;       // counts the stretches of running
         uint64_t stretchSeen = 0;   // as the stall check last saw it
-        std::condition_variable wake;
+        Condition wake;
     };
 
     // What remains to be done for a worker when the lock is released.
@@ -63,23 +61,24 @@ private:
 
     static thread_local Worker *ownWorker;
 
-    void Become(Worker &worker, State state);
-    bool HasRoom() const { return threads - (waitersCount ? 0 : blocked) < limit; }
-    Orders CallHelp();
-    Orders CallWorker();
-    bool CarryOut(Orders orders);
-    Worker *UnusedRecord();
+    void AwaitSettled() REQUIRES(mutex);
+    void Become(Worker &worker, State state) REQUIRES(mutex);
+    bool HasRoom() const REQUIRES(mutex) { return threads - (waitersCount ? 0 : blocked) < limit; }
+    Orders CallHelp() REQUIRES(mutex);
+    Orders CallWorker() REQUIRES(mutex);
+    bool CarryOut(Orders orders) EXCLUDES(mutex);
+    Worker *UnusedRecord() REQUIRES(mutex);
 
     static void *WorkerEntry(void *argument);
     void Work(Worker &self);
-    void RunNext(Lock &lock, Worker &self);
-    void LookAround(Lock &lock);
-    bool Rest(Lock &lock, Worker &self);
+    void RunNext(Worker &self) REQUIRES(mutex);
+    void LookAround() REQUIRES(mutex);
+    bool Rest(Worker &self) REQUIRES(mutex);
 
     static void *WatchEntry(void *argument);
-    void StartWatching();
+    void StartWatching() REQUIRES(mutex);
     void Watch();
-    void RelieveStalled(Lock &lock, uint64_t completedBefore);
+    void RelieveStalled(uint64_t completedBefore) REQUIRES(mutex);
 
     const size_t target = std::max<size_t>(4, 2 * std::thread::hardware_concurrency());
     const size_t limit;
@@ -87,31 +86,31 @@ private:
     const Patience patience;
     const bool mayLookAround = std::thread::hardware_concurrency() > 1;
 
-    std::mutex mutex; // guards all below
-    std::deque<Task> queue;
+    Mutex mutex;
+    std::deque<Task> queue GUARDED_BY(mutex);
     std::atomic<size_t> queued{0}; // the size of `queue`, for looking around without the lock
-    uint64_t submitted = 0;
-    uint64_t completed = 0;
-    std::deque<Worker> workers;
-    std::vector<Worker *> idle; // the one that rested last is called first
-    size_t threads = 0;
-    size_t starting = 0; // of them those that are being made
-    std::condition_variable startSettled;
-    size_t searching = 0; // threads on their way to the queue
-    size_t running = 0;
-    size_t blocked = 0;
-    bool stopping = false;
-    std::condition_variable lastThreadGone;
+    uint64_t submitted GUARDED_BY(mutex) = 0;
+    uint64_t completed GUARDED_BY(mutex) = 0;
+    std::deque<Worker> workers GUARDED_BY(mutex);
+    std::vector<Worker *> idle GUARDED_BY(mutex); // the one that rested last is called first
+    size_t threads GUARDED_BY(mutex) = 0;
+    size_t starting GUARDED_BY(mutex) = 0; // of them those that are being made
+    Condition startSettled;
+    size_t searching GUARDED_BY(mutex) = 0; // threads on their way to the queue
+    size_t running GUARDED_BY(mutex) = 0;
+    size_t blocked GUARDED_BY(mutex) = 0;
+    bool stopping GUARDED_BY(mutex) = false;
+    Condition lastThreadGone;
     // A leaving thread joins the one that left before it, the destructor joins the last.
-    pthread_t leaver{};
-    bool hasLeaver = false;
+    pthread_t leaver GUARDED_BY(mutex){};
+    bool hasLeaver GUARDED_BY(mutex) = false;
 
-    std::condition_variable watchWake;
-    pthread_t watcher{};
-    bool hasWatcher = false;
-    bool watching = false;
-    bool watchEnded = false;
-    size_t relief = 1; // threads to add at the next stall
+    Condition watchWake;
+    pthread_t watcher GUARDED_BY(mutex){};
+    bool hasWatcher GUARDED_BY(mutex) = false;
+    bool watching GUARDED_BY(mutex) = false;
+    bool watchEnded GUARDED_BY(mutex) = false;
+    size_t relief GUARDED_BY(mutex) = 1; // threads to add at the next stall
 };
 
 } // namespace fodr::platform

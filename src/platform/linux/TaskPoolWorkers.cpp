@@ -5,6 +5,8 @@
 #error "this file is the Linux side"
 #endif
 
+#include <utility>
+
 namespace fodr::platform {
 
 namespace {
@@ -25,65 +27,68 @@ void *TaskPool::Impl::WorkerEntry(void *argument)
 
 void TaskPool::Impl::Work(Worker &self)
 {
-    Lock lock(mutex);
-    do {
-        while (!queue.empty())
-            RunNext(lock, self);
-        LookAround(lock);
-    } while (!queue.empty() || (!stopping && Rest(lock, self)));
+    pthread_t predecessor{};
+    bool hasPredecessor = false;
+    {
+        const MutexLock lock(mutex);
+        do {
+            while (!queue.empty())
+                RunNext(self);
+            LookAround();
+        } while (!queue.empty() || (!stopping && Rest(self)));
 
-    Become(self, State::Gone);
-    const pthread_t predecessor = leaver;
-    const bool hasPredecessor = hasLeaver;
-    leaver = pthread_self();
-    hasLeaver = true;
-    if (--threads == 0)
-        lastThreadGone.notify_all();
-    lock.unlock();
+        Become(self, State::Gone);
+        predecessor = std::exchange(leaver, pthread_self());
+        hasPredecessor = std::exchange(hasLeaver, true);
+        if (--threads == 0)
+            lastThreadGone.notify_all();
+    }
     if (hasPredecessor)
         pthread_join(predecessor, nullptr);
 }
 
-void TaskPool::Impl::RunNext(Lock &lock, Worker &self)
+void TaskPool::Impl::RunNext(Worker &self)
 {
     const Task task = queue.front();
     queue.pop_front();
     queued.store(queue.size(), std::memory_order_relaxed);
     Become(self, State::Running);
     const Orders orders = CallHelp();
-    lock.unlock();
+    mutex.unlock();
     CarryOut(orders);
     task.callback(task.context);
-    lock.lock();
+    mutex.lock();
     ++completed;
     Become(self, State::Searching);
 }
 
 // One thread at a time stays awake for a moment when the queue has run dry: the next request is often near.
-void TaskPool::Impl::LookAround(Lock &lock)
+void TaskPool::Impl::LookAround()
 {
     if (!mayLookAround || stopping || searching > 1)
         return;
-    lock.unlock();
+    mutex.unlock();
     const auto end = std::chrono::steady_clock::now() + kLookAround;
     while (queued.load(std::memory_order_acquire) == 0 && std::chrono::steady_clock::now() < end)
         std::this_thread::yield();
-    lock.lock();
+    mutex.lock();
 }
 
 // Sleeps until there is work. False when there was none for so long that the thread should end. One thread
 // rests without a limit, so that a pool at rest has one thread and no timer.
-bool TaskPool::Impl::Rest(Lock &lock, Worker &self)
+bool TaskPool::Impl::Rest(Worker &self)
 {
     const bool forGood = idle.empty();
     idle.push_back(&self);
     self.called = false;
     Become(self, State::Idle);
-    const auto isOver = [&] { return self.called || stopping; };
-    if (forGood)
-        self.wake.wait(lock, isOver);
-    else
-        self.wake.wait_for(lock, patience.idle, isOver);
+    const auto end = std::chrono::steady_clock::now() + patience.idle;
+    while (!self.called && !stopping) {
+        if (forGood)
+            self.wake.wait(mutex);
+        else if (self.wake.wait_until(mutex, end) == std::cv_status::timeout)
+            break;
+    }
     if (self.called)
         return true;
     idle.erase(std::find(idle.begin(), idle.end(), &self));
@@ -113,16 +118,20 @@ void *TaskPool::Impl::WatchEntry(void *argument)
 
 void TaskPool::Impl::Watch()
 {
-    Lock lock(mutex);
+    const MutexLock lock(mutex);
     for (;;) {
-        watchWake.wait(lock, [this] { return watching || watchEnded; });
+        while (!watching && !watchEnded)
+            watchWake.wait(mutex);
         for (Worker &worker : workers)
             worker.stretchSeen = worker.stretch;
         const uint64_t completedBefore = completed;
-        if (watchWake.wait_for(lock, patience.stall, [this] { return watchEnded; }))
+        const auto end = std::chrono::steady_clock::now() + patience.stall;
+        while (!watchEnded && watchWake.wait_until(mutex, end) != std::cv_status::timeout) {
+        }
+        if (watchEnded)
             return;
         if (!queue.empty() && (!idle.empty() || HasRoom())) {
-            RelieveStalled(lock, completedBefore);
+            RelieveStalled(completedBefore);
         } else {
             watching = false;
             relief = 1;
@@ -132,7 +141,7 @@ void TaskPool::Impl::Watch()
 
 // Puts threads in the place of those that didn't get on. When no task at all was completed, twice as many as
 // the last time, so that any number of silent blockers is overcome in a few rounds.
-void TaskPool::Impl::RelieveStalled(Lock &lock, uint64_t completedBefore)
+void TaskPool::Impl::RelieveStalled(uint64_t completedBefore)
 {
     for (Worker &worker : workers) {
         if (worker.state == State::Running && worker.stretchSeen == worker.stretch)
@@ -144,9 +153,9 @@ void TaskPool::Impl::RelieveStalled(Lock &lock, uint64_t completedBefore)
         const Orders orders = CallWorker();
         if (!orders.wake && !orders.start)
             break;
-        lock.unlock();
+        mutex.unlock();
         const bool done = CarryOut(orders);
-        lock.lock();
+        mutex.lock();
         if (!done)
             break;
     }

@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <chrono>
 #include <ctime>
-#include <mutex>
 #include <new>
 #include <vector>
 
@@ -26,9 +25,9 @@ struct Slot {
 };
 
 struct Table {
-    std::mutex lock;
-    std::vector<Slot> slots;
-    std::vector<uint32_t> freeSlots;
+    Mutex lock; // also of the objects
+    std::vector<Slot> slots GUARDED_BY(lock);
+    std::vector<uint32_t> freeSlots GUARDED_BY(lock);
 };
 
 // Never destroyed: threads may still use events while the process ends.
@@ -38,7 +37,7 @@ Table &TheTable()
     return *table;
 }
 
-Slot *FindSlot(Table &table, Waitable handle)
+Slot *FindSlot(Table &table, Waitable handle) REQUIRES(table.lock)
 {
     const uint64_t number = reinterpret_cast<uintptr_t>(handle);
     const uint32_t index = static_cast<uint32_t>(number) - 1; // a null handle is out of range
@@ -48,7 +47,7 @@ Slot *FindSlot(Table &table, Waitable handle)
     return slot.object && slot.generation == number >> 32 ? &slot : nullptr;
 }
 
-WaitableObject *FindObject(Table &table, Waitable handle)
+WaitableObject *FindObject(Table &table, Waitable handle) REQUIRES(table.lock)
 {
     Slot *slot = FindSlot(table, handle);
     return slot ? slot->object : nullptr;
@@ -60,7 +59,7 @@ void Unreference(WaitableObject *object)
         delete object;
 }
 
-Waitable AddHandle(Table &table, WaitableObject *object)
+Waitable AddHandle(Table &table, WaitableObject *object) REQUIRES(table.lock)
 {
     if (table.freeSlots.empty()) {
         table.slots.emplace_back();
@@ -77,7 +76,7 @@ Waitable AddHandle(Table &table, WaitableObject *object)
 Waitable CreateObject(bool manualReset, bool isEvent, bool signalled)
 {
     Table &table = TheTable();
-    std::lock_guard guard(table.lock);
+    const MutexLock guard(table.lock);
     return AddHandle(table, new WaitableObject{manualReset, isEvent, signalled});
 }
 
@@ -133,18 +132,19 @@ void Dequeue(WaitEntry &entry)
     (entry.next ? entry.next->previous : object.lastWaiter) = entry.previous;
 }
 
-void Sleep(std::unique_lock<std::mutex> &held, Waiter &waiter, uint32_t timeoutMS)
+void Sleep(Mutex &lock, Waiter &waiter, uint32_t timeoutMS) REQUIRES(lock)
 {
     for (uint32_t i = 0; i < waiter.count; ++i) {
         ++waiter.entries[i].object->references;
         Enqueue(waiter.entries[i]);
     }
-    auto satisfied = [&waiter] { return waiter.satisfied; };
-    if (timeoutMS == kWaitForever)
-        waiter.wake.wait(held, satisfied);
-    else
-        waiter.wake.wait_until(held, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMS),
-                               satisfied);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMS);
+    while (!waiter.satisfied) {
+        if (timeoutMS == kWaitForever)
+            waiter.wake.wait(lock);
+        else if (waiter.wake.wait_until(lock, end) == std::cv_status::timeout)
+            break;
+    }
     for (uint32_t i = 0; i < waiter.count; ++i) {
         Dequeue(waiter.entries[i]);
         Unreference(waiter.entries[i].object);
@@ -166,7 +166,7 @@ Waitable CreateThreadObject()
 Waitable DuplicateWaitable(Waitable handle)
 {
     Table &table = TheTable();
-    std::lock_guard guard(table.lock);
+    const MutexLock guard(table.lock);
     WaitableObject *object = FindObject(table, handle);
     return object ? AddHandle(table, object) : nullptr;
 }
@@ -174,7 +174,7 @@ Waitable DuplicateWaitable(Waitable handle)
 bool CloseWaitable(Waitable handle)
 {
     Table &table = TheTable();
-    std::lock_guard guard(table.lock);
+    const MutexLock guard(table.lock);
     Slot *slot = FindSlot(table, handle);
     if (!slot)
         return false;
@@ -188,7 +188,7 @@ bool CloseWaitable(Waitable handle)
 bool SetEventObject(Waitable handle)
 {
     Table &table = TheTable();
-    std::lock_guard guard(table.lock);
+    const MutexLock guard(table.lock);
     WaitableObject *object = FindObject(table, handle);
     if (!object || !object->isEvent)
         return false;
@@ -199,7 +199,7 @@ bool SetEventObject(Waitable handle)
 bool ResetEventObject(Waitable handle)
 {
     Table &table = TheTable();
-    std::lock_guard guard(table.lock);
+    const MutexLock guard(table.lock);
     WaitableObject *object = FindObject(table, handle);
     if (!object || !object->isEvent)
         return false;
@@ -210,7 +210,7 @@ bool ResetEventObject(Waitable handle)
 void SignalThreadObject(Waitable handle)
 {
     Table &table = TheTable();
-    std::lock_guard guard(table.lock);
+    const MutexLock guard(table.lock);
     if (WaitableObject *object = FindObject(table, handle))
         Signal(*object);
 }
@@ -223,7 +223,7 @@ WaitResult WaitForWaitables(const Waitable *handles, size_t count, uint32_t time
     Waiter waiter{
         .wake = {}, .entries = entries, .count = static_cast<uint32_t>(count), .waitAll = options.waitAll};
     Table &table = TheTable();
-    std::unique_lock held(table.lock);
+    const MutexLock held(table.lock);
     for (size_t i = 0; i < count; ++i) {
         entries[i].waiter = &waiter;
         entries[i].object = FindObject(table, handles[i]);
@@ -231,7 +231,7 @@ WaitResult WaitForWaitables(const Waitable *handles, size_t count, uint32_t time
             return {WaitStatus::Failed, 0};
     }
     if (!TrySatisfy(waiter) && timeoutMS != 0)
-        Sleep(held, waiter, timeoutMS);
+        Sleep(table.lock, waiter, timeoutMS);
     return waiter.satisfied ? WaitResult{WaitStatus::Object, waiter.index}
                             : WaitResult{WaitStatus::TimedOut, 0};
 }
@@ -240,7 +240,7 @@ WaitResult WaitForWaitables(const Waitable *handles, size_t count, uint32_t time
 
 namespace {
 
-pthread_mutex_t *Mutex(std::byte *state)
+pthread_mutex_t *RobustMutex(std::byte *state)
 {
     return std::launder(reinterpret_cast<pthread_mutex_t *>(state));
 }
@@ -301,16 +301,16 @@ RecursiveMutex::~RecursiveMutex()
 {
     // A robust mutex that its holder holds is linked into the thread's list: it must not vanish from under
     // it.
-    if (pthread_mutex_destroy(Mutex(state)) == EBUSY) {
-        while (pthread_mutex_unlock(Mutex(state)) == 0) {
+    if (pthread_mutex_destroy(RobustMutex(state)) == EBUSY) {
+        while (pthread_mutex_unlock(RobustMutex(state)) == 0) {
         }
-        pthread_mutex_destroy(Mutex(state));
+        pthread_mutex_destroy(RobustMutex(state));
     }
 }
 
 RecursiveMutex::Outcome RecursiveMutex::Acquire(uint32_t timeoutMS, int32_t *error)
 {
-    pthread_mutex_t *mutex = Mutex(state);
+    pthread_mutex_t *mutex = RobustMutex(state);
     int result = pthread_mutex_trylock(mutex);
     if (result == EBUSY)
         result = Wait(mutex, timeoutMS);
@@ -331,7 +331,7 @@ RecursiveMutex::Outcome RecursiveMutex::Acquire(uint32_t timeoutMS, int32_t *err
 
 bool RecursiveMutex::Release()
 {
-    return pthread_mutex_unlock(Mutex(state)) == 0;
+    return pthread_mutex_unlock(RobustMutex(state)) == 0;
 }
 
 } // namespace fodr::platform

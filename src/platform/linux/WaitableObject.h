@@ -8,9 +8,9 @@
 #error "this file is the Linux side"
 #endif
 
+#include "lib/misc/Mutex.h"
 #include "platform/Threads.h"
 
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 
@@ -29,7 +29,7 @@ struct WaitEntry {
 
 // One wait, on the stack of the waiting thread.
 struct Waiter {
-    std::condition_variable wake;
+    Condition wake;
     WaitEntry *entries;
     uint32_t count;
     bool waitAll;

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <map>
-#include <mutex>
 #include <thread>
 
 namespace fodr::platform {

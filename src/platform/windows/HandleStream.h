@@ -6,7 +6,6 @@
 #include "platform/windows/Win32.h"
 
 #include <atomic>
-#include <condition_variable>
 
 namespace fodr::platform {
 

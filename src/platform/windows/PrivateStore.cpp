@@ -7,8 +7,6 @@
 #include "platform/windows/RegistryKeyObject.h"
 #include "platform/windows/Win32.h"
 
-#include <mutex>
-
 namespace fodr::platform {
 
 namespace {
@@ -162,27 +160,22 @@ private:
         ++state;
     }
 
-    // Watches the user's key, or the nearest above it that is there.
     void Listen()
     {
         if (!onChange)
             return;
         watched.reset();
-        bool found = true;
         std::wstring path = user.path;
         HKEY opened = nullptr;
-        while (RegOpenKeyExW(user.root, path.c_str(), 0, KEY_READ, &opened) != ERROR_SUCCESS) {
-            const size_t separator = path.rfind(L'\\');
-            if (separator == std::wstring::npos)
-                return;
-            path.resize(separator);
-            found = false;
-        }
+        const uint32_t error = OpenNearestKey(&path, [&](const std::wstring &tried) {
+            return static_cast<uint32_t>(RegOpenKeyExW(user.root, tried.c_str(), 0, KEY_READ, &opened));
+        });
+        if (error != kErrorSuccess)
+            return;
+        const bool found = path == user.path;
         watched = std::make_unique<RegistryKeyObject>(opened);
         const auto tell = [](void *self) { static_cast<WindowsPrivateStore *>(self)->onChange(); };
-        static_cast<void>(watched->Notify(
-            found, found ? kRegNotifyChangeName | kRegNotifyChangeLastSet : kRegNotifyChangeName, tell,
-            this));
+        static_cast<void>(watched->Notify(found, NearestKeyFilter(found), tell, this));
     }
 
     const std::string keyPath;

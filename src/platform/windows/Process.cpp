@@ -10,7 +10,6 @@
 #include <lmcons.h>
 #include <shellapi.h>
 
-#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <filesystem>
@@ -118,7 +117,7 @@ struct Requests {
     }
 
     Mutex lock;
-    std::condition_variable_any arrived;
+    Condition arrived;
     std::deque<TerminationRequest> queue GUARDED_BY(lock);
 };
 

@@ -5,7 +5,6 @@
 #include "platform/windows/Win32.h"
 
 #include <atomic>
-#include <condition_variable>
 
 namespace fodr::platform {
 
@@ -46,7 +45,7 @@ private:
     std::atomic<size_t> running{0};
     std::atomic<size_t> unfinished{0}; // also those that haven't started
     Mutex lock;
-    std::condition_variable_any allFinished;
+    Condition allFinished;
 };
 
 struct Task {
