@@ -13,28 +13,43 @@ namespace fodr {
 
 using Bytes = std::vector<uint8_t>;
 
-// Heading of an example -> its bytes: the pairs of digits before the two blanks of each fenced line.
-inline const std::map<std::string, Bytes> &WireExamples()
+// By the headings of the examples: the pairs of digits before the two blanks of each fenced line, and what
+// the trace shows of the packet.
+struct WirePage {
+    std::map<std::string, Bytes> examples;
+    std::map<std::string, std::string> traces;
+};
+
+inline const WirePage &TheWirePage()
 {
-    static const std::map<std::string, Bytes> examples = [] {
+    static const WirePage read = [] {
         std::ifstream page(FODR_SOURCE_DIR "/docs/wire.md");
-        std::map<std::string, Bytes> found;
+        WirePage found;
         std::string heading, line;
+        const std::string trace = "trace: ";
         bool fenced = false;
         while (std::getline(page, line)) {
             if (line.starts_with("### "))
                 heading = line.substr(4);
             else if (line == "```")
                 fenced = !fenced;
-            else if (fenced) {
+            else if (fenced && line.starts_with(trace)) {
+                std::string &text = found.traces[heading];
+                text += (text.empty() ? "" : "\n") + line.substr(trace.size());
+            } else if (fenced) {
                 std::istringstream bytes(line.substr(0, line.find("  ")));
                 for (unsigned byte = 0; bytes >> std::hex >> byte;)
-                    found[heading].push_back(static_cast<uint8_t>(byte));
+                    found.examples[heading].push_back(static_cast<uint8_t>(byte));
             }
         }
         return found;
     }();
-    return examples;
+    return read;
+}
+
+inline const std::map<std::string, Bytes> &WireExamples()
+{
+    return TheWirePage().examples;
 }
 
 inline const Bytes &WireExample(const std::string &heading)

@@ -58,6 +58,7 @@ def rows(kinds, title, expected, opened, *requests):
 FILE, FOLDER, DEEP, ROOT = create("\\inside.txt", access=ANY_ACCESS), create("\\sub", access=ANY_ACCESS), \
     create("\\sub\\deep.txt", access=ANY_ACCESS), create("\\", access=ANY_ACCESS)
 READABLE, READABLE_FOLDER = create("\\inside.txt"), create("\\sub")
+MOST, MOST_ROOT = create("\\inside.txt", access=0x2000000), create("\\", access=0x2000000)  # all that may be had
 
 NAMES_OUT = [
     "\\..\\outside\\secret.txt", "..\\outside\\secret.txt", "\\sub\\..\\..\\outside\\secret.txt",
@@ -211,6 +212,7 @@ for disposition in (SUPERSEDE, CREATE_NEW, OPEN_IF, OVERWRITE, OVERWRITE_IF):
             # No stream but the mark is offered of a named file.
             row("q", title, expected if expected == ANY or "mark" not in name else DENIED, None,
                 create(name, disposition, access=access))
+row("rq", "sets the position, which changes no file", OK, READABLE, change(14, struct.pack("<Q", 3)))
 row("rq", "makes a folder", WRITE_PROTECTED, None, create("\\sub\\made", CREATE_NEW, IS_DIRECTORY))
 row("rq", "overwrites", WRITE_PROTECTED, None, create("\\inside.txt", OVERWRITE, access=ANY_ACCESS))
 for name in ("\\inside.txt", "\\sub\\deep.txt", "\\sub\\deeper", "\\sub", "\\sub\\out"):
@@ -243,12 +245,15 @@ for title, what in CHANGES:
         opened = create(name, options=options, access=ANY_ACCESS)
         row("rq", f"{title} {name}", NO if options == 1 and what.__class__ is raw.Request else expected, opened, what)
     row("rq", f"{title} what is open for reading", NO, READABLE, what)
+    row("rq", f"{title} what is open for all that may be had", expected, MOST, what)
 for code in (0x900C4, 0x980C8, 0x9C040, 0x900A4, 0x900AC, 0x90098, 0x980A0, 0x98344, 0x980D0, 0x98208, 0x940B3):
-    row("rq", f"control {code:#x}", {WRITE_PROTECTED, BAD_REQUEST, DENIED}, FILE,
-        control(code, link_record("..\\..\\outside")))
+    for opened in (FILE, MOST):
+        row("rq", f"control {code:#x}", {WRITE_PROTECTED, BAD_REQUEST, DENIED}, opened,
+            control(code, link_record("..\\..\\outside")))
 for info_class in (2, 6, 8, 9):
-    row("plrq", f"sets facts of the volume, class {info_class}", NO, ROOT,
-        change(info_class, b"\2\0\0\0x\0", major=SET_VOLUME))
+    for opened in (ROOT, MOST_ROOT):
+        row("plrq", f"sets facts of the volume, class {info_class}", NO, opened,
+            change(info_class, b"\2\0\0\0x\0", major=SET_VOLUME))
 
 # ---- Wrong numbers at every field.
 for name in ("\\inside.txt", "\\sub\\out\\secret.txt", "\\..\\secret.txt"):

@@ -97,28 +97,6 @@ class Confinement(ShareCase):
             self.assertEqual((now.st_mtime_ns, now.st_ctime_ns, now.st_mode, now.st_size),
                              (facts.st_mtime_ns, facts.st_ctime_ns, facts.st_mode, facts.st_size), path)
 
-    def test_where_an_agent_says_it_mounts_is_data(self):
-        strange = self.scratch.root / "m\n\x1b]0;x\a\u202e"
-        strange.mkdir()
-        for command in (False, True):
-            place = f"127.0.0.1:{free_port()}"
-            agent = self.agent("--listen", place, strange)
-            target = ("--tcp", place)
-            if command:
-                done = self.fodr("share", self.local, *target, "--", "touch", self.other / "ran")
-                self.assertEqual(done.returncode, 5, done.stderr)
-                self.assertIn("FODR_MOUNT", done.stderr)
-                self.assertEqual(len(done.stderr.splitlines()), 1)
-                self.assertNotIn("\x1b", done.stderr)
-                self.assertFalse((self.other / "ran").exists())
-            else:
-                with self.share(target=target) as share:
-                    said = self.fodr("status").stdout + self.fodr("list").stdout + share.log()
-                    self.assertIn(r"/m\x0a\x1b]0;x\x07\u202e", said)
-                    self.assertFalse({"\x1b", "\a", "\u202e"} & set(said))
-                    self.assertEqual(self.status()["mount"], str(strange))
-            agent.wait(60)
-
 
 class ConfinedSsh(SshCase):
     def test_a_fixed_run_connects_again(self):

@@ -50,14 +50,8 @@ class WindowsShare(unittest.TestCase):
 
     def listening_agent(self):
         process = self.agent("--listen", f"127.0.0.1:{self.port}")
-        share.wait_for(lambda: self.listens(), "the agent's port")
+        share.wait_for(lambda: share.listens(self.port), "the agent's port")  # which takes the first peer for its host
         return process
-
-    def listens(self):
-        # Not by connecting: the agent takes the first peer for its host.
-        with open("/proc/net/tcp") as table:
-            wanted = f"0100007F:{self.port:04X}"
-            return any(line.split()[1] == wanted and line.split()[3] == "0A" for line in list(table)[1:])
 
     def await_mount(self):
         share.wait_for(lambda: share.mounted(self.mount), "the mount")
@@ -123,7 +117,7 @@ class WindowsShare(unittest.TestCase):
         os.environ["FODR_TOKEN"] = "agreed"
         self.addCleanup(os.environ.pop, "FODR_TOKEN")
         host = self.start(windows("share", self.folder, "--listen", f"127.0.0.1:{self.port}", "--layout", "folders"))
-        share.wait_for(self.listens, "the host's port")
+        share.wait_for(lambda: share.listens(self.port), "the host's port")
         self.agent("--connect", f"127.0.0.1:{self.port}", "--layout", "folders")
         self.await_mount()
         name = self.local.name

@@ -7,6 +7,7 @@ namespace fodr::test {
 namespace {
 
 using namespace nt;
+using namespace std::literals;
 
 // As it comes from an agent that opens the root: without a path.
 constexpr DR_CREATE_REQ kOpenRoot{GENERIC_READ, 0, 0, 7, FILE_OPEN, FILE_DIRECTORY_FILE, 0};
@@ -175,6 +176,75 @@ TEST(Create, PreReadBlocksFollowTheFileIdWhenTheAgentCanReadThem)
         EXPECT_EQ(set.Size(), enabled ? 22u : 21u);
         EXPECT_EQ(file.Write(0, "x").Size(), 21u);
     }
+}
+
+// A share that its owner has made read-only: what an agent asks for changes nothing, whatever it says of
+// itself.
+
+constexpr NTSTATUS kProtected = STATUS_MEDIA_WRITE_PROTECTED;
+
+class ReadOnlyShare : public testing::Test {
+protected:
+    ReadOnlyShare()
+    {
+        std::filesystem::create_directory(share.folder / "F");
+        share.Put("a", "contents");
+    }
+    void TearDown() override
+    {
+        size_t entries = 0;
+        for (const auto &entry : std::filesystem::directory_iterator(share.folder))
+            entries += entry.exists();
+        EXPECT_EQ(entries, 2u);
+        EXPECT_EQ(share.Contents("a"), "contents");
+        EXPECT_TRUE(std::filesystem::is_empty(share.folder / "F"));
+    }
+
+    Share share{{}, {.readOnly = true}};
+};
+
+TEST_F(ReadOnlyShare, OpensForReadingAlone)
+{
+    const struct {
+        std::u16string path;
+        CreateArguments how;
+        NTSTATUS status;
+    } cases[] = {
+        {u"\\a", {.access = GENERIC_READ}, STATUS_SUCCESS},
+        {u"\\a", {.access = MAXIMUM_ALLOWED}, STATUS_SUCCESS},
+        {u"\\a", {.access = GENERIC_READ | FILE_WRITE_ATTRIBUTES}, STATUS_SUCCESS},
+        {u"\\a", {.access = FILE_WRITE_ATTRIBUTES}, STATUS_SUCCESS},
+        {u"\\a", {.access = GENERIC_READ, .disposition = FILE_OPEN_IF}, STATUS_SUCCESS},
+        {u"\\F",
+         {.access = GENERIC_READ, .disposition = FILE_OPEN_IF, .options = FILE_DIRECTORY_FILE},
+         STATUS_SUCCESS},
+        {u"\\none", {.access = GENERIC_READ}, STATUS_OBJECT_NAME_NOT_FOUND},
+        {u"\\none", {.access = GENERIC_READ, .disposition = FILE_OPEN_IF}, kProtected},
+        {u"\\a:s", {.access = GENERIC_READ, .disposition = FILE_OPEN_IF}, kProtected},
+        {u"\\none\\x", {.access = GENERIC_READ, .disposition = FILE_OPEN_IF}, STATUS_OBJECT_PATH_NOT_FOUND},
+        {u"\\a", {.access = GENERIC_READ, .options = FILE_DELETE_ON_CLOSE}, kProtected},
+        {u"\\F",
+         {.access = GENERIC_READ, .disposition = FILE_CREATE, .options = FILE_DIRECTORY_FILE},
+         kProtected},
+    };
+    for (const auto &test : cases)
+        EXPECT_EQ(share.Open(test.path, test.how), test.status) << WireText(test.path) << test.how.access;
+    for (const char16_t *path : {u"\\a", u"\\F", u"\\none", u"\\a:s", u"\\none:Zone.Identifier"}) {
+        for (uint32_t right : {FILE_WRITE_DATA, FILE_APPEND_DATA, FILE_WRITE_EA, FILE_DELETE_CHILD,
+                               DELETE_ACCESS, WRITE_DAC, WRITE_OWNER, GENERIC_WRITE, GENERIC_ALL})
+            EXPECT_EQ(share.Open(path, {.access = right | FILE_READ_ATTRIBUTES}), kProtected) << right;
+        for (uint32_t disposition : {FILE_SUPERSEDE, FILE_CREATE, FILE_OVERWRITE, FILE_OVERWRITE_IF})
+            EXPECT_EQ(share.Open(path, {.access = GENERIC_READ, .disposition = disposition}), kProtected);
+    }
+}
+
+// The agent's own permission, which forbids less and says so in another way, comes first.
+TEST(ReadOnlyShares, TheAgentsPolicyIsAskedBefore)
+{
+    Share share([](RedirectedDeviceSettings &settings) { settings.readOnly = true; }, {.readOnly = true});
+    EXPECT_EQ(share.Open(u"\\new", {.disposition = FILE_CREATE}), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(share.Open(u"\\new", {.disposition = FILE_OVERWRITE_IF}), kProtected);
+    EXPECT_TRUE(std::filesystem::is_empty(share.folder));
 }
 
 } // namespace

@@ -8,84 +8,6 @@
 namespace fodr::nt {
 namespace {
 
-struct ListingClass {
-    uint32_t infoClass, nameOffset, minimum, idOffset; // no id: 0
-};
-
-constexpr ListingClass kClasses[] = {
-    {FileDirectoryInformation, 64, 72, 0},          {FileFullDirectoryInformation, 68, 72, 0},
-    {FileBothDirectoryInformation, 94, 96, 70},     {FileNamesInformation, 12, 16, 0},
-    {FileIdBothDirectoryInformation, 104, 112, 96}, {FileIdFullDirectoryInformation, 80, 88, 72},
-};
-
-struct Search {
-    std::u16string_view pattern = {};
-    uint32_t infoClass = FileFullDirectoryInformation;
-    uint32_t length = 65536;
-    bool single = false;
-    bool restart = false;
-};
-
-using NameList = std::vector<std::string>;
-
-struct Answer {
-    NTSTATUS status;
-    uint64_t information = 0;
-    NameList names = {};
-    // Of the names: what the class tells of these fields, and the file's id, in class 3 with what is beside
-    // it.
-    std::vector<std::pair<FILE_FULL_DIR_INFORMATION, FODR_LISTED_FILE>> records = {};
-};
-
-template <typename T> T Get(const uint8_t *at, size_t size = sizeof(T))
-{
-    T value{};
-    memcpy(&value, at, size);
-    return value;
-}
-
-size_t IdSize(const ListingClass &row)
-{
-    return row.infoClass == FileBothDirectoryInformation ? sizeof(FODR_LISTED_FILE) : row.idOffset ? 8 : 0;
-}
-
-void Parse(const uint8_t *buffer, uint32_t infoClass, Answer *answer)
-{
-    const ListingClass &row = *std::ranges::find(kClasses, infoClass, &ListingClass::infoClass);
-    for (uint64_t at = 0, next = 1; next != 0; at += next) {
-        EXPECT_EQ(at % 8, 0u);
-        ASSERT_LE(at + row.nameOffset, answer->information);
-        const uint8_t *record = buffer + at;
-        next = Get<uint32_t>(record);
-        const auto nameLength = Get<uint32_t>(record + (infoClass == FileNamesInformation ? 8 : 60));
-        const uint64_t end = at + row.nameOffset + nameLength;
-        ASSERT_TRUE(next ? end <= at + next : end == answer->information) << "a name leaves its record";
-        std::u16string name(nameLength / 2, u'\0');
-        memcpy(name.data(), record + row.nameOffset, nameLength);
-        answer->names.push_back(Utf8(name));
-        answer->records.emplace_back(Get<FILE_FULL_DIR_INFORMATION>(record, std::min(row.nameOffset, 68u)),
-                                     Get<FODR_LISTED_FILE>(record + row.idOffset, IdSize(row)));
-    }
-}
-
-// One call. The buffer is a heap block of just that length, so that a byte too far is a fault.
-Answer List(HANDLE folder, const Search &search = {})
-{
-    const auto buffer = std::make_unique<uint8_t[]>(search.length);
-    std::u16string text(search.pattern);
-    const auto bytes = static_cast<uint16_t>(text.size() * 2);
-    UNICODE_STRING pattern{bytes, bytes, text.data()};
-    IO_STATUS_BLOCK io{};
-    const NTSTATUS status = NtQueryDirectoryFile(folder, nullptr, nullptr, nullptr, &io, buffer.get(),
-                                                 search.length, search.infoClass, search.single,
-                                                 text.empty() ? nullptr : &pattern, search.restart);
-    EXPECT_EQ(io.Status, status);
-    Answer answer{.status = status, .information = io.Information};
-    if (status == STATUS_SUCCESS)
-        Parse(buffer.get(), search.infoClass, &answer);
-    return answer;
-}
-
 class DirectoryQuery : public NtFixture {
 protected:
     // All of a new search, in order.
@@ -93,7 +15,7 @@ protected:
     {
         const NtFile folder = Folder("");
         NameList all;
-        Answer answer = List(folder, search);
+        Listed answer = List(folder, search);
         for (; answer.status == STATUS_SUCCESS; answer = List(folder, search))
             all.insert(all.end(), answer.names.begin(), answer.names.end());
         EXPECT_EQ(answer.status, all.empty() ? STATUS_NO_SUCH_FILE : STATUS_NO_MORE_FILES);
@@ -108,8 +30,8 @@ TEST_F(DirectoryQuery, EveryClassTellsWhatQueriesOfTheFilesTell)
     MakeFile(".hidden");
     MakeReadOnly("locked");
     MakeFolder("sub");
-    for (const ListingClass &c : kClasses) {
-        const Answer answer = List(Folder(""), {.infoClass = c.infoClass});
+    for (const ListingClass &c : kListingClasses) {
+        const Listed answer = List(Folder(""), {.infoClass = c.infoClass});
         ASSERT_EQ(answer.names.size(), 6u) << c.infoClass;
         EXPECT_EQ(NameList(answer.names.begin(), answer.names.begin() + 2), (NameList{".", ".."}));
         EXPECT_EQ(NameSet(answer.names.begin() + 2, answer.names.end()), Listing());
@@ -228,13 +150,13 @@ TEST_F(DirectoryQuery, BuffersThatAreTooSmall)
     const std::string longName(255, 'x');
     MakeFile(longName);
     MakeFile("y");
-    for (const ListingClass &c : kClasses) {
+    for (const ListingClass &c : kListingClasses) {
         SCOPED_TRACE(c.infoClass);
         const NtFile folder = Folder("");
         Search search{.pattern = u"x*", .infoClass = c.infoClass, .length = c.minimum - 1};
         EXPECT_EQ(List(folder, search).status, STATUS_INFO_LENGTH_MISMATCH);
         search.length = c.minimum + 4; // the search hasn't begun yet
-        const Answer cut = List(folder, search);
+        const Listed cut = List(folder, search);
         EXPECT_EQ(cut.status, STATUS_BUFFER_OVERFLOW);
         EXPECT_EQ(cut.information, search.length);
         EXPECT_EQ(List(folder, search).status, STATUS_NO_MORE_FILES); // the entry counts as delivered
@@ -266,7 +188,7 @@ TEST_F(DirectoryQuery, OddEntriesAreListedToo)
     ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
     MakeFile("colon:star*");
     MakeFile("bad\xFFutf8");
-    const Answer all = List(Folder(""));
+    const Listed all = List(Folder(""));
     EXPECT_EQ(all.names.size(), 11u);
     const auto facts = [&](const char *name) {
         const auto found = std::ranges::find(all.names, name);
@@ -293,7 +215,7 @@ TEST_F(DirectoryQuery, OddEntriesAreListedToo)
         EXPECT_EQ(StandardOf(link).Directory, 0);
     }
     EXPECT_EQ(facts("fifo").FileAttributes, FILE_ATTRIBUTE_SYSTEM);
-    const Answer modes = List(Folder(""), {.infoClass = FileBothDirectoryInformation});
+    const Listed modes = List(Folder(""), {.infoClass = FileBothDirectoryInformation});
     const auto fifo = static_cast<size_t>(std::ranges::find(modes.names, "fifo") - modes.names.begin());
     EXPECT_TRUE(S_ISFIFO(modes.records.at(fifo).second.Mode));
     EXPECT_EQ(NamesOf({u"COLON\uF03A*"}), NameList{Utf8(u"colon\uF03Astar\uF02A")});

@@ -1,10 +1,12 @@
 #include "FailingCalls.h"
+#include "Mailbox.h"
 #include "lib/misc/Fd.h"
 #include "ntposix/ChangeMonitor.h"
 #include "ntposix/NtWords.h"
 
 #include <fcntl.h>
 
+#include <atomic>
 #include <functional>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -296,18 +298,45 @@ TEST_F(ChangeNotify, FoldersOfAllTreesHaveALimit)
     monitor->Remove(watches.back().get());
 }
 
-TEST_F(ChangeNotify, AThousandCallsWaitAtOnce)
+// Nobody waits for what is cancelled, closed or told to others.
+TEST_F(ChangeNotify, OnlyNoticesOfTheSameReceiverAreWaitedFor)
 {
-    std::vector<NtFile> folders;
-    std::vector<std::future<NTSTATUS>> calls;
-    for (size_t i = 0; i < 1000; ++i)
-        folders.push_back(Armed(i % 2 ? "watched" : "tide", kNames));
-    for (const NtFile &folder : folders)
-        calls.push_back(NotifyAsync(folder, kNames));
-    EXPECT_EQ(Open("watched/f", {.disposition = FILE_CREATE}).status, STATUS_SUCCESS);
-    MakeFile("tide/f");
-    for (auto &call : calls)
-        EXPECT_EQ(call.get(), STATUS_NOTIFY_ENUM_DIR);
+    NoticeOrder order, other;
+    const NtFile folder = Folder("watched");
+    test::Signal ended, go;
+    std::thread watcher([&] {
+        const NoticeOrder::Delivery delivery(other);
+        EXPECT_EQ(Notify(folder, FILE_NOTIFY_CHANGE_FILE_NAME), STATUS_NOTIFY_ENUM_DIR);
+        ended.Set();
+        go.Wait(); // is being sent
+    });
+    std::thread cancelled([&] {
+        const NtFile own = Folder("watched");
+        std::thread canceller([&] { CancelCall(own); });
+        const NoticeOrder::Delivery delivery(order);
+        EXPECT_EQ(Notify(own, FILE_NOTIFY_CHANGE_FILE_NAME), STATUS_CANCELLED);
+        canceller.join();
+    });
+    cancelled.join();
+    while (NoticeOrder::State::Of(other).waiting == 0)
+        std::this_thread::yield();
+    MakeFile("watched/f");
+    ended.Wait();
+    order.Settle();
+    std::atomic<bool> gone{false};
+    test::Signal begun;
+    std::thread waits([&] {
+        begun.Set();
+        other.Settle();
+        EXPECT_TRUE(gone);
+    });
+    begun.Wait();
+    order.Settle();
+    std::this_thread::yield();
+    gone = true;
+    go.Set();
+    watcher.join();
+    waits.join();
 }
 
 TEST_F(ChangeNotify, RefusesWhatIsNoWatch)

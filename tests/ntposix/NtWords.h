@@ -4,6 +4,7 @@
 #include "AtOnce.h"
 #include "ntposix/NtFixture.h"
 
+#include <algorithm>
 #include <cstring>
 #include <future>
 #include <thread>
@@ -163,6 +164,86 @@ inline NTSTATUS Unlock(HANDLE file, uint64_t offset, uint64_t length, uint32_t k
     IO_STATUS_BLOCK io{};
     LARGE_INTEGER start{static_cast<int64_t>(offset)}, size{static_cast<int64_t>(length)};
     return NtUnlockFile(file, &io, &start, &size, key);
+}
+
+// ---- Listings
+
+struct ListingClass {
+    uint32_t infoClass, nameOffset, minimum, idOffset; // no id: 0
+};
+
+inline constexpr ListingClass kListingClasses[] = {
+    {FileDirectoryInformation, 64, 72, 0},          {FileFullDirectoryInformation, 68, 72, 0},
+    {FileBothDirectoryInformation, 94, 96, 70},     {FileNamesInformation, 12, 16, 0},
+    {FileIdBothDirectoryInformation, 104, 112, 96}, {FileIdFullDirectoryInformation, 80, 88, 72},
+};
+
+struct Search {
+    std::u16string_view pattern = {};
+    uint32_t infoClass = FileFullDirectoryInformation;
+    uint32_t length = 65536;
+    bool single = false;
+    bool restart = false;
+};
+
+using NameList = std::vector<std::string>;
+
+struct Listed {
+    NTSTATUS status;
+    uint64_t information = 0;
+    NameList names = {};
+    // Of the names: what the class tells of these fields, and the file's id, in class 3 with what is beside
+    // it.
+    std::vector<std::pair<FILE_FULL_DIR_INFORMATION, FODR_LISTED_FILE>> records = {};
+};
+
+template <typename T> T Get(const uint8_t *at, size_t size = sizeof(T))
+{
+    T value{};
+    memcpy(&value, at, size);
+    return value;
+}
+
+inline size_t IdSize(const ListingClass &row)
+{
+    return row.infoClass == FileBothDirectoryInformation ? sizeof(FODR_LISTED_FILE) : row.idOffset ? 8 : 0;
+}
+
+inline void Parse(const uint8_t *buffer, uint32_t infoClass, Listed *listing)
+{
+    const ListingClass &row = *std::ranges::find(kListingClasses, infoClass, &ListingClass::infoClass);
+    for (uint64_t at = 0, next = 1; next != 0; at += next) {
+        EXPECT_EQ(at % 8, 0u);
+        ASSERT_LE(at + row.nameOffset, listing->information);
+        const uint8_t *record = buffer + at;
+        next = Get<uint32_t>(record);
+        const auto nameLength = Get<uint32_t>(record + (infoClass == FileNamesInformation ? 8 : 60));
+        const uint64_t end = at + row.nameOffset + nameLength;
+        ASSERT_TRUE(next ? end <= at + next : end == listing->information) << "a name leaves its record";
+        std::u16string name(nameLength / 2, u'\0');
+        memcpy(name.data(), record + row.nameOffset, nameLength);
+        listing->names.push_back(Utf8(name));
+        listing->records.emplace_back(Get<FILE_FULL_DIR_INFORMATION>(record, std::min(row.nameOffset, 68u)),
+                                      Get<FODR_LISTED_FILE>(record + row.idOffset, IdSize(row)));
+    }
+}
+
+// One call. The buffer is a heap block of just that length, so that a byte too far is a fault.
+inline Listed List(HANDLE folder, const Search &search = {})
+{
+    const auto buffer = std::make_unique<uint8_t[]>(search.length);
+    std::u16string text(search.pattern);
+    const auto bytes = static_cast<uint16_t>(text.size() * 2);
+    UNICODE_STRING pattern{bytes, bytes, text.data()};
+    IO_STATUS_BLOCK io{};
+    const NTSTATUS status = NtQueryDirectoryFile(folder, nullptr, nullptr, nullptr, &io, buffer.get(),
+                                                 search.length, search.infoClass, search.single,
+                                                 text.empty() ? nullptr : &pattern, search.restart);
+    EXPECT_EQ(io.Status, status);
+    Listed listing{.status = status, .information = io.Information};
+    if (status == STATUS_SUCCESS)
+        Parse(buffer.get(), search.infoClass, &listing);
+    return listing;
 }
 
 inline NTSTATUS Notify(HANDLE folder, uint32_t filter, bool tree = false)

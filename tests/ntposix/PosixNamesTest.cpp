@@ -99,16 +99,8 @@ TEST_F(PosixNames, OfFoldersGoAtOnce)
     EXPECT_EQ(watching.get(), STATUS_DELETE_PENDING);
     MakeFolder("folder");
     MakeFile("folder/new");
-    uint8_t buffer[1024];
-    IO_STATUS_BLOCK io{};
-    UNICODE_STRING all{2, 2, const_cast<char16_t *>(u"*")};
-    NTSTATUS status = NtQueryDirectoryFile(watched, nullptr, nullptr, nullptr, &io, buffer, sizeof(buffer),
-                                           FileNamesInformation, false, &all, true);
-    EXPECT_EQ(status, STATUS_SUCCESS);
-    EXPECT_EQ(io.Information, 16u + 16u); // "." and ".."
-    status = NtQueryDirectoryFile(watched, nullptr, nullptr, nullptr, &io, buffer, sizeof(buffer),
-                                  FileNamesInformation, false, nullptr, false);
-    EXPECT_EQ(status, STATUS_NO_MORE_FILES);
+    EXPECT_EQ(List(watched, {.pattern = u"*", .restart = true}).names, (NameList{".", ".."}));
+    EXPECT_EQ(List(watched).status, STATUS_NO_MORE_FILES);
 }
 
 TEST_F(PosixNames, FlagsOfADeletion)

@@ -69,8 +69,8 @@ TEST(TaskPool, ThreadsAreLimitedAndWaitersHaveTheirOwn)
         TaskPool pool(0, {.idle = std::chrono::hours(1), .stall = std::chrono::milliseconds(1)});
         for (int n = 0; n < kWaiting; ++n) {
             Launch(pool, [&] {
-                const TaskPool::BlockingSection blocking;
-                EXPECT_TRUE(blocking.IsGranted());
+                const TaskPool::BlockingSection outer, inner; // which take one place
+                EXPECT_TRUE(outer.IsGranted() && inner.IsGranted());
                 waiters.WaitHere();
             });
         }

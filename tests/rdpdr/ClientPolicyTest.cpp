@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <limits>
 #include <map>
-#include <random>
 
 namespace fodr::test {
 namespace {
@@ -186,35 +185,6 @@ TEST(ClientPolicy, KeepsSoManyFoldersAndTheMarksOfAll)
     Parse(policy, block.Block(6), 6);
     EXPECT_EQ(Paths(policy).size(), ClientPolicy::kMostFolders);
     EXPECT_TRUE(policy.HasReadOnlyMark());
-}
-
-TEST(ClientPolicy, NothingOutsideOfABlockIsReadHoweverItIsCutOrMangled)
-{
-    const Bytes good = Policy{.folders = {{1, "/srv/a"}, {0, "*all"}, {0, "C"}},
-                              .exclude = "vid-0781_pid-5567;vid-abcd_pid-****",
-                              .include = "vid-1234_pid-5678"}
-                           .Block(5);
-    for (int32_t version : {0, 1, 4, 5, 6}) {
-        for (size_t n = 0; n <= good.size(); ++n) {
-            for (size_t length : {n, good.size(), size_t{0xFFFFFFFF}}) {
-                ClientPolicy policy;
-                EXPECT_EQ(Parse(policy, Cut(good, n), version, static_cast<uint32_t>(length)), length >= 8);
-                EXPECT_LE(policy.Folders().size(), good.size() / 8);
-                policy.IsFolderInPolicy("C:\\x");
-                policy.IsAllowedByDeviceFilter(kDenied);
-            }
-        }
-    }
-    std::minstd_rand random(1);
-    for (int round = 0; round < 5000; ++round) {
-        Bytes mangled = good;
-        for (unsigned changes = 1 + random() % 4; changes > 0; --changes)
-            mangled[random() % mangled.size()] = static_cast<uint8_t>(random() >> 8);
-        ClientPolicy policy;
-        EXPECT_TRUE(Parse(policy, mangled, 4 + static_cast<int32_t>(random() % 3)));
-        policy.IsFolderInPolicy("/srv/a/b");
-        policy.IsAllowedByDeviceFilter(kDenied);
-    }
 }
 
 } // namespace

@@ -68,6 +68,8 @@ TEST_F(Handshake, StatusTellsVersionAndPolicy)
         FeedTo(*fresh, UserLoggedOn());
         EXPECT_EQ(channel.TakeNotices(), c.statuses) << c.version;
     }
+    Fresh({UserLoggedOn(), VersionExchange(1)});
+    EXPECT_EQ(channel.TakeNotices(), kEnabled);
 }
 
 TEST_F(Handshake, EveryPolicyAfterLogonIsActedOnButNothingIsAnnouncedTwice)

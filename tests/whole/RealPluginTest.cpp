@@ -10,7 +10,6 @@
 #include "lib/unicode/NameMapping.h"
 #include "platform/Nt.h"
 #include "platform/NtRecords.h"
-#include "platform/Volumes.h"
 
 #include <filesystem>
 #include <fstream>
@@ -211,29 +210,6 @@ TEST_F(RealPlugin, AFolderAppearsServesFilesAndGoes)
     EXPECT_EQ(BlockingCall(share->Write(created.fileId, 0u, Bytes("x"))).status, STATUS_DEVICE_REMOVED);
 }
 
-TEST_F(RealPlugin, AThousandWaitingNotificationsDelayNothing)
-{
-    if (platform::LocalSeparator() != '/')
-        GTEST_SKIP() << "the system's pool has its own limit, of 500 threads";
-    std::ofstream(folder / "f") << "read me";
-    Connect();
-    auto share = ShareDocs();
-    constexpr RemoteShare::CreateCall kOpenFolder{FILE_LIST_DIRECTORY, FILE_OPEN, FILE_DIRECTORY_FILE};
-    std::vector<std::future<agent::OwnedResult>> watches;
-    std::vector<uint32_t> handles;
-    for (int i = 0; i < 1000; ++i) {
-        handles.push_back(BlockingCall(share->Create(kOpenFolder, u"\\")).fileId);
-        watches.push_back(agent::StartWatch(*share, handles.back()));
-    }
-    EXPECT_EQ(ReadFile(*share, u"\\f"), "read me");
-    // Closing ends the wait, and both are answered.
-    for (size_t i = 0; i < watches.size(); ++i) {
-        EXPECT_EQ(BlockingCall(share->Close(handles[i])).status, STATUS_SUCCESS);
-        NTSTATUS status = watches[i].get().status;
-        EXPECT_TRUE(status == STATUS_CANCELLED || status == STATUS_NOTIFY_CLEANUP) << std::hex << status;
-    }
-}
-
 TEST_F(RealPlugin, AReconnectServesTheSharesAgainWithoutANewHost)
 {
     std::ofstream(folder / "f") << "still here";
@@ -245,44 +221,6 @@ TEST_F(RealPlugin, AReconnectServesTheSharesAgainWithoutANewHost)
                 RemoveDocs();
             EXPECT_EQ(ReadFile(*ShareDocs(), u"\\f"), "still here");
         }
-    }
-}
-
-TEST_F(RealPlugin, ThePolicyDecidesByVersionAndCapability)
-{
-    std::filesystem::create_directory(folder / "sub");
-    struct {
-        const char *what;
-        bool enabled;
-        std::string forced;
-        bool driveLetters;
-        uint16_t version;
-        const char *capability;
-        std::string added;
-    } cases[] = {
-        {"enabled", true, "", false, 6, "ENABLED", "SUCCEEDED"},
-        {"disabled", false, "", false, 6, "DISABLED", "Redirecting PATH is not allowed from Agent"},
-        {"forced, named", true, folder.string(), false, 6, "FORCED", "SUCCEEDED"},
-        {"forced, below", true, folder.parent_path().string(), false, 6, "FORCED", "SUCCEEDED"},
-        {"forced, other", true, "/nowhere", false, 6, "FORCED", "Redirecting PATH is not allowed from Agent"},
-        {"drive letters", true, "", true, 6, "ENABLED", "Redirecting PATH is not allowed from Agent"},
-        {"version 4", true, folder.string(), false, 4, "FORCED", "SUCCEEDED"},
-        {"version 1", true, "", false, 1, "ENABLED", "SUCCEEDED"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        agent::ClientOptions options;
-        options.policy.enabled = c.enabled;
-        if (!c.forced.empty())
-            options.policy.folders.push_back({0, c.forced});
-        options.driveLetterMapping = c.driveLetters;
-        options.version = c.version;
-        Connect(options);
-        EXPECT_EQ(StatusOf(""), std::string("RDPDR_CAPABILITY_STATUS,") + c.capability);
-        std::string wanted = c.added;
-        if (size_t at = wanted.find("PATH"); at != std::string::npos)
-            wanted.replace(at, 4, folder.string());
-        EXPECT_EQ(AddDocs(), "FOLDER_REDIRECTION_CMD_STATUS," + wanted);
     }
 }
 

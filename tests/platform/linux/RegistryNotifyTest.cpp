@@ -1,14 +1,10 @@
+#include "Mailbox.h"
 #include "RealMount.h"
-#include "SettingsFixture.h"
-#include "platform/Registry.h"
-#include "platform/SystemError.h"
+#include "platform/RegistryFixture.h"
 
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
-#include <mutex>
-#include <string>
+#include <utility>
 
 namespace fodr::platform {
 namespace {
@@ -16,51 +12,32 @@ namespace {
 constexpr uint32_t kNames = kRegNotifyChangeName;
 constexpr uint32_t kValues = kRegNotifyChangeLastSet;
 
-// A key that counts its notifications.
-class WatchedKey {
-public:
-    explicit WatchedKey(const std::string &path)
-    {
-        EXPECT_EQ(RegistryOpen(RegistryRoot::LocalMachine, path, kRegKeyRead, &key), kErrorSuccess) << path;
-    }
-    ~WatchedKey() { Close(); }
-    WatchedKey(const WatchedKey &) = delete;
-    WatchedKey &operator=(const WatchedKey &) = delete;
-
+// A key that keeps its notifications.
+struct WatchedKey : Key {
+    using Key::Key;
+    ~WatchedKey() { Close(); } // while there is somebody to tell
     uint32_t Arm(uint32_t filter, bool subtree = false)
     {
         return RegistryNotify(
-            key, subtree, filter,
-            [](void *context) {
-                auto *self = static_cast<WatchedKey *>(context);
-                std::lock_guard<std::mutex> guard(self->lock);
-                ++self->calls;
-                self->changed.notify_all();
-            },
-            this);
+            handle, subtree, filter, [](void *told) { static_cast<test::Mailbox<int> *>(told)->Put(1); },
+            &notices);
     }
-    void Await(int count)
-    {
-        std::unique_lock<std::mutex> guard(lock);
-        changed.wait(guard, [&] { return calls >= count; });
-    }
-    // How often it was told, for good.
+    void Await() { notices.Take(); }
+    // How many it has, for good.
     int Close()
     {
-        if (key)
-            RegistryClose(key);
-        key = nullptr;
-        return calls;
+        if (handle)
+            RegistryClose(std::exchange(handle, nullptr));
+        int count = 0;
+        for (; !notices.IsEmpty(); ++count)
+            notices.Take();
+        return count;
     }
 
-private:
-    RegistryKey key = nullptr;
-    std::mutex lock;
-    std::condition_variable changed;
-    int calls = 0;
+    test::Mailbox<int> notices;
 };
 
-class RegistryNotification : public testing::Test {
+class RegistryNotification : public Registry {
 protected:
     // By rename, as every writer should: who writes in place may be heard of half-way, too.
     void WriteFile(const std::string &text) const
@@ -69,8 +46,6 @@ protected:
         std::filesystem::rename(FilePath() + ".new", FilePath());
     }
     std::string FilePath() const { return settings.Folder() + "/HKEY_LOCAL_MACHINE.ini"; }
-
-    test::SettingsFixture settings;
 };
 
 TEST_F(RegistryNotification, OnlyWhatWasAskedForIsTold)
@@ -103,7 +78,7 @@ TEST_F(RegistryNotification, OnlyWhatWasAskedForIsTold)
         ASSERT_EQ(key.Arm(row.filter, row.subtree), kErrorSuccess);
         ASSERT_EQ(other.Arm(kValues), kErrorSuccess);
         WriteFile(row.after + std::string("[Other]\nz=2\n"));
-        other.Await(1);
+        other.Await();
         EXPECT_EQ(key.Close(), row.isTold ? 1 : 0) << row.after << row.filter << row.subtree;
     }
 }
@@ -115,12 +90,13 @@ TEST_F(RegistryNotification, NoChangeIsLostBetweenTwoCalls)
     ASSERT_EQ(key.Arm(kValues), kErrorSuccess);
     for (int n = 1; n <= 50; ++n) {
         WriteFile("[A]\nx=" + std::to_string(n) + "\n");
-        key.Await(n);
+        key.Await();
         if (n % 2 == 0)
             WriteFile("[A]\nx=between\n"); // told by the next asking
         ASSERT_EQ(key.Arm(kValues), kErrorSuccess);
         if (n % 2 == 0) {
-            key.Await(++n);
+            ++n;
+            key.Await();
             ASSERT_EQ(key.Arm(kValues), kErrorSuccess);
         }
     }
@@ -131,10 +107,9 @@ TEST_F(RegistryNotification, EveryWayToReplaceAFileCounts)
     WriteFile("[A]\nx=0\n");
     const test::ScratchFolder elsewhere;
     WatchedKey key("A");
-    int told = 0;
     const auto expectTold = [&](const char *what) {
         SCOPED_TRACE(what);
-        key.Await(++told);
+        key.Await();
         ASSERT_EQ(key.Arm(kNames | kValues), kErrorSuccess);
     };
     ASSERT_EQ(key.Arm(kNames | kValues), kErrorSuccess);
@@ -166,11 +141,8 @@ TEST(RegistryNotificationWithoutFolder, TheFirstKeyIsTold)
     const test::EnvironmentVariable variable("FODR_SETTINGS_DIR", (scratch / "not/yet").c_str());
     WatchedKey root("Software"); // which every store has
     ASSERT_EQ(root.Arm(kNames), kErrorSuccess);
-    RegistryKey key = nullptr;
-    ASSERT_EQ(RegistryCreate(RegistryRoot::LocalMachine, "Software\\fodr", kRegKeyAllAccess, &key),
-              kErrorSuccess);
-    RegistryClose(key);
-    root.Await(1);
+    EXPECT_EQ(Key("Software\\fodr", true).error, kErrorSuccess);
+    root.Await();
 }
 
 } // namespace

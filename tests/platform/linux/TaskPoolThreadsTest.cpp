@@ -19,25 +19,6 @@
 namespace fodr::platform {
 namespace {
 
-TEST(TaskPool, AThousandAnnouncedBlockersHoldNobodyUp)
-{
-    Door door;
-    Door served;
-    TaskPool pool(0, kNeverStalls);
-    for (int n = 0; n < 1000; ++n) {
-        Launch(pool, [&] {
-            TaskPool::BlockingSection outer;
-            TaskPool::BlockingSection inner;
-            door.WaitHere();
-        });
-    }
-    door.AwaitArrivals(1000);
-    Launch(pool, [&] { served.WaitHere(); });
-    served.AwaitArrivals(1);
-    served.Open();
-    door.Open();
-}
-
 // A queued task must also get a thread when the last running one blocks after the task was queued.
 TEST(TaskPool, AnAnnouncementFreesThoseWhoWaitInTheQueue)
 {

@@ -1,8 +1,11 @@
 #include "lib/misc/ByteBuffer.h"
+#include "lib/misc/LockRanges.h"
 #include "lib/misc/Panic.h"
 
+#include <array>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <random>
 #include <string>
 #include <utility>
 
@@ -54,7 +57,52 @@ TEST(PanicDeathTest, NamesTheSourceAndEndsWithOne)
                 "^Panic: NOT_IMPLEMENTED a/b:7\n$");
     EXPECT_EXIT(PanicNotReached("a/b", 8), testing::ExitedWithCode(1), "^Panic: NOT_REACHED a/b:8\n$");
     EXPECT_EXIT(PanicVerify("a/b", 9), testing::ExitedWithCode(1), "^Panic: VERIFY a/b:9\n$");
-    EXPECT_EXIT(FODR_VERIFY(1 + 1 == 3), testing::ExitedWithCode(1), "VERIFY .*BufferTest.cpp:.+\n$");
+    EXPECT_EXIT(FODR_VERIFY(1 + 1 == 3), testing::ExitedWithCode(1), "VERIFY .*MiscTest.cpp:.+\n$");
+}
+
+// Against one value for each byte.
+TEST(LockRanges, AreWhatWasSetLastOfEachByte)
+{
+    constexpr uint64_t kBytes = 40;
+    std::mt19937 random(7);
+    for (int round = 0; round < 200; ++round) {
+        LockRanges ranges;
+        std::array<std::optional<bool>, kBytes> bytes;
+        for (int step = 0; step < 20; ++step) {
+            const uint64_t begin = random() % kBytes, end = begin + random() % (kBytes - begin + 1);
+            const int kind = static_cast<int>(random() % 3);
+            const std::optional<bool> exclusive = kind == 2 ? std::nullopt : std::optional<bool>(kind == 1);
+            ranges.Set(begin, end, exclusive);
+            std::fill(bytes.begin() + static_cast<long>(begin), bytes.begin() + static_cast<long>(end),
+                      exclusive);
+
+            std::vector<LockedRange> expected, inside;
+            for (uint64_t n = 0; n < kBytes; ++n) {
+                if (!bytes[n])
+                    continue;
+                if (!expected.empty() && expected.back().end == n && expected.back().exclusive == *bytes[n])
+                    ++expected.back().end;
+                else
+                    expected.push_back({n, n + 1, *bytes[n]});
+            }
+            ASSERT_EQ(ranges.All(), expected);
+            for (const LockedRange &range : expected) {
+                if (range.begin < 20 && range.end > 10)
+                    inside.push_back({std::max<uint64_t>(range.begin, 10), std::min<uint64_t>(range.end, 20),
+                                      range.exclusive});
+            }
+            ASSERT_EQ(ranges.Within(10, 20), inside);
+        }
+    }
+}
+
+TEST(LockRanges, StayWhatTheyWereLockedAs)
+{
+    LockRanges ranges;
+    for (const uint64_t begin : {0u, 10u, 20u})
+        ranges.Set(begin, begin + 10, true, LockRanges::Neighbours::Stay);
+    ranges.Set(5, 12, std::nullopt, LockRanges::Neighbours::Stay);
+    EXPECT_EQ(ranges.All(), (std::vector<LockedRange>{{0, 5, true}, {12, 20, true}, {20, 30, true}}));
 }
 
 } // namespace
