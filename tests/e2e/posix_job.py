@@ -12,6 +12,7 @@ import signal
 import subprocess
 import sys
 import threading
+import time
 import unittest
 
 from share import ShareCase, mounted, wait_for
@@ -545,6 +546,20 @@ class Trips(PosixCase):
                                 lambda: os.rename(self.mount / "from", self.mount / "to"), more)
                 (self.local / "to").rmdir()
                 self.assertEqual(os.listdir(self.local), ["f"])
+
+    @unittest.skipUnless(os.geteuid() == 0, "caches are dropped by root")
+    def test_folders_that_the_kernel_forgot_are_watched_no_more(self):
+        with self.share():
+            (self.mount / "folder").mkdir()
+            for round_number in range(3):
+                pathlib.Path("/proc/sys/vm/drop_caches").write_text("3")
+                before = self.traffic()["DIRECTORY_CONTROL"]
+                for number in range(100):
+                    (self.mount / "folder" / "f").touch()
+                    (self.mount / "folder" / "f").unlink()
+                with self.subTest(round_number):
+                    self.assertLess(self.traffic()["DIRECTORY_CONTROL"] - before, 300)
+                time.sleep(1.2)  # a folder that was changed lately is asked about seldom
 
     def test_names_of_a_folder_are_told_together(self):
         (self.local / "folder").mkdir()

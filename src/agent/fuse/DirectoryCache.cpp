@@ -203,6 +203,8 @@ void DirectoryCache::Watch(const NodePtr &node, const DirectoryHandlePtr &handle
                 node->SetUnwatched();
                 return;
             }
+            if (!table.Find(node->id)) // the kernel has forgotten it: nobody there is to be told
+                return DropHandle(node, alive);
             node->NoteNotice();
             alive->Names().Forget(RecentNames::Clock::now());
             if (result.Failed()) { // the folder is gone, or the handle
