@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace fodr::transport {
 namespace {
@@ -71,6 +72,7 @@ constexpr const char *(*kDeliver[])(platform::ByteView, IFrameReceiver *) = {
     Deliver<Notice, &IFrameReceiver::OnNotice>,
     Deliver<Goodbye, &IFrameReceiver::OnGoodbye>,
 };
+static_assert(std::size(kDeliver) == static_cast<size_t>(FrameType::Goodbye));
 
 } // namespace
 
