@@ -47,9 +47,9 @@ public:
     bool IsBegun() const;
     // Its folder is removed: nothing is in it, and a handle that nobody has read from is closed.
     void EndUnread();
-    // Whether it waits for its reader, which is told once. Who is told calls GoOnIfIdle until that is true: a
-    // reader that takes longer than `span` isn't waited for any more, since the other side keeps things for
-    // each listing that isn't at its end.
+    // A listing waits for a reader that is far behind. True once, when that begins. From then on GoOnIfIdle
+    // is called from time to time, until it is true: a reader that stands still for `span` isn't waited for
+    // any more, since the other side keeps a buffer for each listing that isn't at its end.
     [[nodiscard]] bool BeginsToWait();
     [[nodiscard]] bool GoOnIfIdle(Clock::duration span);
     // False where nothing but its name could be had: a host that tells modes tells one of all else. Nor is
@@ -68,8 +68,8 @@ public:
 
 private:
     static constexpr size_t kMostQueries = 8;
-    // Entries that are asked for before somebody reads them. What is read long after it was asked for isn't
-    // believed, and asked for again one by one.
+    // So many entries are asked for ahead of the reader. More would be old when they are read, and each would
+    // be asked for again.
     static constexpr size_t kMostAhead = 4096;
 
     bool KnowsAbout(size_t index) const REQUIRES(lock)

@@ -100,7 +100,7 @@ NodePtr EventActor::Former(const NodePtr &folder, const std::string &name, const
     return StandIn(folder, kind);
 }
 
-// What takes another name, or that of another.
+// The file that moves: to a new name, or to that of a file which it replaces.
 NodePtr EventActor::Moving(const NodePtr &parent, const std::string &name)
 {
     const FolderEvent &event = *scene.event;

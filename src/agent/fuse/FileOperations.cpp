@@ -16,9 +16,9 @@ bool WantsWrite(int flags)
     return (flags & O_ACCMODE) != O_RDONLY;
 }
 
-// What is appended goes where the kernel doesn't know. Who only writes reads none of what would be kept, and
-// the kernel asks about rights (security.capability) before each write that it keeps. But it takes the set-id
-// bits from a file only then.
+// What is appended goes where the kernel doesn't know. Before each write that it caches, the kernel asks
+// about rights (security.capability); who only writes has nothing of the cache. But only a cached write takes
+// the set-id bits away, so a file with such bits is cached.
 bool IsDirect(int flags, uint32_t mode)
 {
     const bool onlyWrites = (flags & O_ACCMODE) == O_WRONLY;
